@@ -1,0 +1,20 @@
+# The section and descriptor classes of <dvbsi++/...>: the system's libdvbsi++ where it has one, else our own.
+# Sets KELVO_DVBSI_SYSTEM and defines kelvo_dvbsi, to be linked by whoever includes those headers.
+set(KELVO_DVBSI_SYSTEM OFF)
+if(NOT KELVO_DVBSI STREQUAL "own")
+  pkg_check_modules(DVBSI IMPORTED_TARGET libdvbsi++)
+  if(DVBSI_FOUND)
+    set(KELVO_DVBSI_SYSTEM ON)
+  elseif(KELVO_DVBSI STREQUAL "system")
+    message(FATAL_ERROR "KELVO_DVBSI=system, but pkg-config does not know libdvbsi++. Install it, or use auto or own.")
+  endif()
+endif()
+
+if(KELVO_DVBSI_SYSTEM)
+  message(STATUS "libdvbsi++: the system's, ${DVBSI_VERSION}")
+  add_library(kelvo_dvbsi INTERFACE)
+  target_link_libraries(kelvo_dvbsi INTERFACE PkgConfig::DVBSI)
+else()
+  message(STATUS "libdvbsi++: our own, in dvbsi/")
+  add_subdirectory(dvbsi)
+endif()

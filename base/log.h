@@ -25,20 +25,25 @@ enum : int {
 
 namespace kelvo_log {
 
-inline bool enabled(int level) noexcept { return verbosity_kelvo.load(std::memory_order_relaxed) >= level; }
+inline bool enabled(int level) noexcept {
+  return verbosity_kelvo.load(std::memory_order_relaxed) >= level;
+}
 
 // One formatted text to standard error, in one write where it fits a pipe's atomic size. Keeps errno.
 void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // A result of SQLite that callers go on with: 0 (ok), 100 (row), 101 (done).
-constexpr bool sql_ok(int code) noexcept { return code == 0 || code == 100 || code == 101; }
+constexpr bool sql_ok(int code) noexcept {
+  return code == 0 || code == 100 || code == 101;
+}
 
 }  // namespace kelvo_log
 
 // Arguments are evaluated only when the level is on.
-#define KLOG(level, ...)                                           \
-  do {                                                             \
-    if (kelvo_log::enabled(level)) kelvo_log::print(__VA_ARGS__);  \
+#define KLOG(level, ...)             \
+  do {                               \
+    if (kelvo_log::enabled(level))   \
+      kelvo_log::print(__VA_ARGS__); \
   } while (false)
 
 // For the few texts that appear at every level.

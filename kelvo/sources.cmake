@@ -1,4 +1,7 @@
 list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  kelvo/kelvo.h
+  kelvo/main_thread.h
+  kelvo/thread.h
 )

@@ -1,4 +1,6 @@
 list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  si/eit_lang.h
+  si/siparse.h
 )

@@ -1,4 +1,6 @@
 list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  tuner/monitor_thread.h
+  tuner/tuner.h
 )

@@ -24,7 +24,8 @@ uint32_t mpeg_crc32(const uint8_t* data, size_t size) {
 
 Bytes with_crc(Bytes section) {
   const uint32_t crc = mpeg_crc32(section.data(), section.size());
-  for (int shift = 24; shift >= 0; shift -= 8) section.push_back(static_cast<uint8_t>(crc >> shift));
+  for (int shift = 24; shift >= 0; shift -= 8)
+    section.push_back(static_cast<uint8_t>(crc >> shift));
   return section;
 }
 
@@ -51,19 +52,27 @@ Bytes descriptor(uint8_t tag, const Bytes& body) {
 
 Bytes join(std::initializer_list<Bytes> parts) {
   Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  for (const Bytes& part : parts)
+    all.insert(all.end(), part.begin(), part.end());
   return all;
 }
 
-Bytes bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes bytes(const std::string& text) {
+  return Bytes(text.begin(), text.end());
+}
 
-Bytes u16(unsigned value) { return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)}; }
+Bytes u16(unsigned value) {
+  return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
 
-Bytes loop12(const Bytes& body) { return join({u16(0xF000u | static_cast<unsigned>(body.size())), body}); }
+Bytes loop12(const Bytes& body) {
+  return join({u16(0xF000u | static_cast<unsigned>(body.size())), body});
+}
 
 Temp_dir::Temp_dir() {
   std::string name = (std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  if (mkdtemp(name.data()) == nullptr)
+    throw std::runtime_error("mkdtemp failed");
   path_ = name;
 }
 
@@ -76,7 +85,8 @@ Stderr_capture::Stderr_capture() {
   std::fflush(stderr);
   std::string name = (std::filesystem::temp_directory_path() / "kelvo-stderr-XXXXXX").string();
   file_ = mkstemp(name.data());
-  if (file_ < 0) throw std::runtime_error("mkstemp failed");
+  if (file_ < 0)
+    throw std::runtime_error("mkstemp failed");
   unlink(name.c_str());
   saved_ = dup(2);
   dup2(file_, 2);
@@ -94,7 +104,8 @@ std::string Stderr_capture::text() const {
   std::string all;
   char block[4096];
   off_t at = 0;
-  for (ssize_t n; (n = pread(file_, block, sizeof block, at)) > 0; at += n) all.append(block, static_cast<size_t>(n));
+  for (ssize_t n; (n = pread(file_, block, sizeof block, at)) > 0; at += n)
+    all.append(block, static_cast<size_t>(n));
   return all;
 }
 

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <stdexcept>
+
+#include "base/export.h"
+
+// A database file cannot be opened. The only exception that the library throws of its own: by the constructor of Sdbl,
+// by Sdbl::open_db and by Sdbl::backup_channel_database.
+class KELVO_EXPORT no_file_error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};

@@ -1,0 +1,282 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "base/export.h"
+#include "base/types.h"
+#include "db/ca_pid.h"
+#include "db/epg_cache.h"
+#include "db/no_file_error.h"
+#include "db/pmt_subtxt_lang.h"
+#include "db/sql_cache.h"
+#include "db/sql_query.h"
+
+struct dvb_frontend_parameters;
+struct sqlite3;
+struct sqlite3_stmt;
+struct timespec;
+
+// The channel database and the programme guide beside it: two SQLite files behind one connection.
+//
+// The host creates one, hands it to the Kelvo of every adapter, and deletes it last. The channel file holds the tables
+// kanalid (services), kanalid_lang, estreams and tuner_table; the guide file (the same path with its last extension
+// replaced by "_epg.db") holds epglist and epglist_lang and is attached as `epg_db`. docs/database.md describes every
+// column. Both are created when missing; an existing table is used as it is, whatever its columns.
+//
+// What surprises:
+//   - Neither file has a journal and nothing is synced, so a power cut may damage them; hosts keep backups.
+//   - Texts shorter than three bytes become empty on their way through sql_cache().
+//   - Scan tables are TEMP tables of the connection: kanalid_scan_N, kanalid_lang_scan_N, estreams_scan_N of adapter N.
+//   - Failures are printed ("ERROR: " at verbosity 0, "WARNING: " at 1) and the operation goes on with its next step.
+//     Only files that cannot be opened throw, no_file_error.
+//
+// Threads: opening and closing belong to the host's thread, while no Kelvo uses the object. Members that take a `dvbnr`
+// are for the worker of that adapter (*worker-only*: one thread an adapter); everything else is any-thread. SQLite must
+// be built thread-safe, which the constructor checks.
+//
+// `freq` is a multiplex's centre frequency in Hz; with `hf_conn` and `dvb_type` it names a multiplex. A channel is the
+// row number of its service in kanalid, which never changes.
+class KELVO_EXPORT Sdbl {
+ public:
+  // --- Files -----------------------------------------------------------------------------------------------------
+
+  // Opens or creates `db_file` and its guide file. Give a path with an extension: the guide's name is made by cutting
+  // at the last dot of the whole path, directories included.
+  // Throws no_file_error("Unable to open file") or ("Unable to open epg file %s"), nothing left open. Paths of 4096
+  // bytes and more count as files that cannot be opened.
+  explicit Sdbl(const char* db_file);
+
+  // Frees the statement cache and closes the files. REQUIRES: no Kelvo uses the object any more.
+  ~Sdbl();
+
+  Sdbl(const Sdbl&) = delete;
+  Sdbl& operator=(const Sdbl&) = delete;
+
+  // Opens the channel file again after close_db(), without the guide. Returns 1; throws no_file_error. The scan tables
+  // are gone. Before-start.
+  int open_db();
+
+  // Ends the statements, detaches the guide and closes. A second call prints an error and does nothing. Before-start.
+  void close_db();
+
+  bool db_opened() const;
+
+  // Announces the end of a step of work at verbosity 3. Writes nothing: every statement is on disk when it returns.
+  void flush();
+
+  // Makes (again), and empties, the scan tables of adapter `n`, 0 to 3.
+  void create_temp_tables(int n);
+  void clear_temp_tables(int n);
+
+  // Deletes the events that started more than `age_sec` seconds ago, with their texts; with `vacuum` the channel file
+  // is compacted, too. Returns how many rows of both tables went.
+  int remove_old_entries(int age_sec, bool vacuum);
+
+  // Removes old events and copies the guide onto the guide file that belongs to the name set by set_backup_file_name().
+  // The argument is not looked at. Without a name, prints an error and touches nothing. Kelvo::export_db runs it on the
+  // worker. Do not name this database itself: its open guide file would be replaced.
+  void backup_database(bool full);
+
+  // Copies the channel file (without guide and scan tables) to `file`, by way of a temporary file beside the original.
+  // Throws no_file_error when that cannot be created.
+  void backup_channel_database(const char* file);
+
+  void set_backup_file_name(const char* file);
+
+  // The network whose local time offset sets the time zone; "levira" at first. Compared with kanalid.network_name,
+  // exactly.
+  void set_preferred_provider(const char* name);
+
+  // `path` with its last extension replaced by "_epg.db", into `out`, which is returned. A path without any dot gives
+  // "_epg.db". REQUIRES: strlen(path) < 4080 and `out` holds 4096 bytes.
+  static char* mapto_epg_filename(char* out, const char* path);
+
+  // --- Tables ----------------------------------------------------------------------------------------------------
+
+  // Create one table, in the main file or (`temp`) for this connection only. Used for the master and the scan tables.
+  void create_table_kanalid(const char* name, bool temp);
+  void create_table_kanalid_lang(const char* name, bool temp);
+  void create_table_estreams(const char* name, bool temp);
+
+  // --- Statements ------------------------------------------------------------------------------------------------
+  // `fmt` is formatted as by sqlite3_vmprintf: %Q quotes a text. Whatever did not come from this program goes through
+  // %Q or a parameter, never through %s.
+
+  // Formats, prepares on `conn`, steps once. Returns the failed prepare's code, else the step's: 101 done, 100 when the
+  // statement returned a row (not read), other codes are errors (extended codes). The text of a printed error is always
+  // that of the main connection.
+  int sql_exec(sqlite3* conn, const char* fmt, ...);
+
+  // Column `col` of the first row. 0: `*out` set; 101: no row, `*out` untouched; 1: wrong column or type, or a failed
+  // step; sql_get_int answers a failed prepare with its code, sql_get_txt with 1. Failures are printed at every
+  // verbosity.
+  int sql_get_int(int* out, int col, const char* fmt, ...);
+  int sql_get_txt(std::string* out, int col, const char* fmt, ...);
+
+  // True exactly when there is a row.
+  bool sql_row_exists(const char* fmt, ...);
+
+  // Finds or compiles the statement `sql` for adapter `instance` (0 to 3; 0 for permanent tables), binds the arguments
+  // and, with `run`, executes it once. Every `$name` takes the next argument as an int, every `@name` as a
+  // const char*; names are for the reader, each occurrence is a parameter of its own, and neither sign may stand inside
+  // a literal. The word DVBNR is replaced by the instance's digit.
+  // Texts of fewer than three bytes are bound as the empty text.
+  // Returns the statement, owned by the cache, or null (printed). With `run` false the caller steps it; the next use
+  // resets it. REQUIRES: pass no argument wider than int for a `$`.
+  sqlite3_stmt* sql_cache(bool run, int instance, const char* sql, ...);
+
+  // The cache's entry of `sql`, compiled for `instance`; null, printed, when it does not compile.
+  SQL_query* lookup_insert_sql_query(const char* sql, int instance);
+
+  // Reset, and finalize and forget, the cached statements. Deliberately only those of instances 0 to 2; close_db ends
+  // what is left.
+  void check_cached_queries();
+  void free_prepared_queries();
+
+  // --- Times -----------------------------------------------------------------------------------------------------
+  // BCD values hold eight decimal digits, the lowest in the lowest four bits: dates 0xYYYYMMDD, times and durations
+  // 0x00HHMMSS. Digits above 9 are not rejected.
+
+  static unsigned bin_to_bcd(unsigned value);
+  static int bcd_to_int(unsigned bcd);
+
+  // Seconds since 1970, UTC; -1, printed, for what is no date or does not fit 32 bits.
+  static int ymd_hms_to_tzepoch(int ymd_bcd, int hms_bcd);
+
+  // Microseconds since `start` (CLOCK_REALTIME). Across a second's boundary up to 1 s too large; saturates.
+  static int usec_to_now(const timespec* start);
+
+  // Sets the box's zone to `offset_min` minutes east of UTC when the multiplex belongs to the preferred provider:
+  // writes a zone source under /tmp/zoneinfo, compiles it with zic and copies the result to /dvbfiles/localtime.
+  // `zone_name` is a country code as broadcast, `zone_nr` its region.
+  void update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
+                              HF_CONN_ID hf_conn, int freq);
+
+  // --- Writing what a scan finds ---------------------------------------------------------------------------------
+  // All write the scan tables of adapter `dvbnr`. "Result code" is SQLite's, or 0 and 1 where the statement comes from
+  // the cache (1: it could not be had).
+
+  // A programme of the PAT. Returns the row's number, which later calls take as `channel`.
+  int pat_for_network(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int ts_id,
+                      int pmt_pid);
+
+  // Running status and CA mode of a service. Returns its row, 0 when the PAT did not name it.
+  int sdt_for_service(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int run_status,
+                      int free_ca);
+
+  // One elementary stream: one row, or one for each entry of `subtxt`, which is emptied and its entries deleted.
+  // Returns 1.
+  int pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int es_subtype, const char* codec,
+                      const char* languages, const char* lang_codes, int ca_sysid, int ca_pid,
+                      std::list<PMT_subtxt_lang*>* subtxt);
+
+  // The row of a programme: of the scan table when `state` is SCAN_PAT (and its PCR PID is stored), else of kanalid.
+  // 0 when there is none.
+  int pmt_channel_number(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int pcr_pid,
+                         SCAN_STATE state);
+
+  // Sets an integer column of all services of the multiplex; returns the first one's row, 0 when there is none.
+  int nit_for_network(int dvbnr, int dvb_type, int hf_conn, int freq, const char* column, int value);
+
+  // The logical channel number of a service, on whichever frequency of this input it was found. Result code.
+  int nit_lcn(int dvbnr, int dvb_type, int hf_conn, int ts_id, int onet_id, int serv_id, int lcn);
+
+  // The network's name, and its name in one language (ISO 639 code). Result codes.
+  int nit_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int netid, const char* name);
+  int nit_multilingual_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int net_id, const char* lang,
+                                    const char* name);
+
+  // One column of one row. `table` and `column` are names of the schema, never anything from outside; the text is
+  // quoted. Result codes. The lang forms find the row by owner and language; append does nothing (101) when there is
+  // none, modify makes it.
+  int append_table_oid(int oid, const char* table, const char* column, const char* text);
+  int modify_table_oid(int oid, const char* table, const char* column, const char* text);
+  int modify_table_oid(int oid, const char* table, const char* column, int value);
+  int append_lang_table_oid(int source_oid, const char* table, const char* lang, const char* column, const char* text);
+  int modify_lang_table_oid(int source_oid, const char* table, const char* lang, const char* column, const char* text);
+
+  // --- Reading the channel list ----------------------------------------------------------------------------------
+
+  // Programme number of a channel, -1 (printed) when it is not on `freq`; frequency of a channel in Hz, -1 when there
+  // is none.
+  int get_pat_prnr(int channel, int freq);
+  int get_freq(int channel);
+
+  // Name of a service, empty when there is none. The caller deletes the string.
+  std::string* get_serv_name(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr);
+
+  // Appends the scrambled streams of a channel to `pids`; the caller owns the new entries. Returns 0, or the code of
+  // a failed reset.
+  int fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids);
+
+  // --- Tuning parameters -----------------------------------------------------------------------------------------
+
+  // Stores the parameters of a terrestrial delivery system descriptor (EN 300 468, 6.2.13.4; field values as broadcast,
+  // `freq` in Hz) for the next tuning. Values that the frontend interface has no name for store nothing (warning).
+  // Deliberately, a stored line is never updated, and connector and type are exchanged in look-ups: see docs/quirks.md.
+  int terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, int bandwidth, int constellation,
+                             int hierarchy, int code_rate_hp, int code_rate_lp, int guard_interval,
+                             int transmission_mode);
+
+  // Non-zero when `out` was filled with the parameters stored for `freq`; also, with `out` untouched, when the database
+  // fails.
+  int fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, dvb_frontend_parameters* out);
+
+  // --- Merging a finished scan -----------------------------------------------------------------------------------
+
+  // Brings kanalid, kanalid_lang and estreams up to date with the scan tables of adapter `dvbnr`. SCAN_PAT compares
+  // services and streams, SCAN_PMT streams only; another state is refused with an error. Channel numbers stay, lost
+  // services are marked (scan_state 0), lost streams deleted.
+  // Returns a set of: 2 channels added or back, 1 channels lost, 32 streams added, 16 streams deleted. 0: no change, or
+  // an empty scan table. A service that stays lost is counted again at every full scan.
+  int update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state);
+
+  // Marks the services of a multiplex as timed out (scan_state 2). Result code.
+  int set_master_scan_timeout(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq);
+
+  // --- Programme guide -------------------------------------------------------------------------------------------
+
+  // 1 when the event is in `cache` unchanged, else 0. `*changed`: same slot with a new event_id, now remembered;
+  // `*overlap`: another event covers its start. What is not there is remembered.
+  int lookup_epg_cache(std::vector<EPG_cache*>* cache, int ev_id, int start_epoch, int dur_sec, bool* changed,
+                       bool* overlap);
+
+  // Index of the event running at `t`, -1 for none. REQUIRES: sorted by cmp_epg_cache.
+  int epg_cache_binary_search(std::vector<EPG_cache*>* cache, int t);
+
+  // Stores an event of the channel of `sc`. Returns its row in epglist, -1 (printed) when it was refused.
+  // `replace` takes the place of an event of the same start, `overlapping` first deletes what it overlaps.
+  int eit_for_service(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, SQL_cache* sc, int ymd_bcd,
+                      int hms_bcd, int dur_bcd, long start_epoch, int dur_sec, int run_status, int free_ca, int ev_id,
+                      std::string* content, std::string* rating, bool replace, bool overlapping);
+
+  // Texts of an event in one language. Returns 0; a refused row is printed as a warning.
+  int insert_epglist_lang(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,
+                          const char* ext_desc, const char* ext_list);
+
+  // Deletes the channel's events that [start_epoch, end_epoch) overlaps, from the table and from the cache of `sc`.
+  // Returns the code of the final reset, 0 when all is well.
+  int delete_epglist_range(int channel, int start_epoch, int end_epoch, bool trace, SQL_cache* sc);
+
+  // 1 when an event of the channel is running now. One that starts this very second does not count.
+  int eit_info_available(int channel);
+
+  // --- Services whose guide is collected -------------------------------------------------------------------------
+
+  // Appends one entry for each television service (serv_type 1) of the multiplex to `list`, with its stored events,
+  // and returns `list`. Any state but SCAN_EIT prints an error, and the list is built all the same. Worker-only, as are
+  // the next two.
+  std::list<SQL_cache*>* get_eit_scan_list(int dvbnr, int dvb_type, int hf_conn, int freq, std::list<SQL_cache*>* list,
+                                           SCAN_STATE state);
+
+  // Starts a new round: every entry active, nothing done, timers at 10 s. The event caches stay.
+  void reset_eit_scan_list(std::list<SQL_cache*>* list);
+
+  // Deletes all entries.
+  void clear_eit_scan_list(std::list<SQL_cache*>* list);
+};

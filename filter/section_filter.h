@@ -1,0 +1,116 @@
+#pragma once
+
+#include <pthread.h>
+#include <sys/select.h>
+
+#include <cstdint>
+#include <list>
+
+#include "base/export.h"
+#include "filter/dvb_filter_desc.h"
+
+// Most bytes that a section has (ISO/IEC 13818-1, 2.4.4.11: section_length up to 4093); a caller's buffer for
+// get_section_data() must hold that many.
+inline constexpr int SECTION_BUF_SIZE = 4096;
+
+// Handles of one demultiplexer device that are open at once, and failed opens that a filter survives.
+inline constexpr int MAX_OPEN_DEMUX = 8;
+inline constexpr int MAX_OPEN_RETRIES = 4;
+
+// The section filters that a scan wants, mapped onto at most eight open handles of one Linux DVB demultiplexer.
+//
+// Kelvo creates one per adapter. Adding or removing a filter only changes the list; recalculate_filters(), called once
+// a pass of the scan loop, opens handles and programs the device. Removing a filter keeps its handle open for the next
+// one; handles are closed only when all eight are open.
+//
+// What surprises: a wanted filter that finds all eight handles taken waits, without a message, until one is free.
+// A filter whose device cannot be opened is dropped at the fifth failure. Filters on PIDs below 0x21 are never
+// restarted by check_feed_activation(). restart_all_filters() leaves filters stopped.
+//
+// Threads: each operation says *worker-only* (the thread that runs the scan loop) or *any-thread*. A mutex guards the
+// list for the any-thread ones. No operation returns an error: failures are printed and the scan goes on.
+class KELVO_EXPORT Section_filter {
+ public:
+  // `device` is the demultiplexer's path, up to 255 characters, opened only when the first filter starts.
+  explicit Section_filter(const char* device);
+
+  // Stops all filters and closes all handles. REQUIRES: no other thread uses the object any more.
+  ~Section_filter();
+
+  Section_filter(const Section_filter&) = delete;
+  Section_filter& operator=(const Section_filter&) = delete;
+
+  // Wants a filter: `pid`, the first `len` bytes of `filter` under `mask` (byte 0 is the table id, byte 1 on are
+  // section bytes 3 on, as the kernel counts), tagged with `freq` (Hz), `flags` of FILTER_FLAG_..., restarted when
+  // `timeout_s` seconds pass without a first section. Bytes beyond 16 are discarded with a warning. Takes the first
+  // free slot, else appends one. Returns 0. Any-thread.
+  int addfilter(int pid, int freq, const unsigned char* filter, const unsigned char* mask, int len, int flags,
+                int timeout_s);
+
+  // The same for one table id, with the CRC checked by the demultiplexer and 2 seconds. Any-thread.
+  int addfilter(int pid, int tid, int freq);
+
+  // Frees every filter of this PID and table id. Prints an error unless there was exactly one. Returns 0. Any-thread.
+  int removefilter(int pid, int tid);
+
+  // Frees every filter whose PID lies in [pid_lo, pid_hi]; of `pid` with a table id in [tid_lo, tid_hi]; tagged with
+  // `freq`; or simply every one. Return 0. Any-thread.
+  int remove_filter_pid_range(int pid_lo, int pid_hi);
+  int remove_filter_range(int pid, int tid_lo, int tid_hi);
+  int remove_filter_freq(int freq);
+  void remove_all();
+
+  // 1 if a filter of this PID (and table id) is in the list, in whatever state but free; else 0. Worker-only.
+  int pid_in_list(int pid) const;
+  int pid_tid_in_list(int pid, int tid) const;
+
+  // 1 when no filter but those on PID 0x12 (EIT) and 0x14 (TDT, TOT) is wanted or running, 0 otherwise and for an empty
+  // list. A list of free slots only answers 1. Any-thread.
+  int eit_or_time_only_in_filter_list();
+
+  // Opens handles for wanted filters, programs and starts them, and rebuilds the set that wait_for_data() waits on.
+  // Returns the highest handle in that set, 0 when nothing runs. Worker-only.
+  int recalculate_filters();
+
+  // Starts again every running filter on a PID of 0x21 or more that has received nothing in time. Worker-only.
+  void check_feed_activation();
+
+  // Stops the running filters, keeping them; wants the stopped ones again; starts each running filter again and marks
+  // it stopped. Worker-only.
+  void stop_filters();
+  void start_filters();
+  void restart_all_filters();
+
+  // One line with every filter's state, PID and table id, printed at every verbosity. Worker-only.
+  void print_filter_list() const;
+
+  // All slots, free ones included, in order of creation. Owned by this object. Worker-only.
+  std::list<dvb_filter_desc*>* flist() { return &filters_; }
+
+  // Waits up to `timeout_ms` milliseconds until a running filter has data. Returns the number of ready filters, 0 when
+  // there is none, -1 with errno on failure.
+  // Kelvo ends the wait early, with 0, when a request is waiting. Worker-only, right after recalculate_filters().
+  int wait_for_data(int timeout_ms);
+
+  // Reads one section of `f` into `buf` (at least SECTION_BUF_SIZE bytes). Returns its length in bytes, or 0 when there
+  // is none or it is of wrong length or CRC (printed). Reads each ready filter once per wait. Worker-only.
+  unsigned int get_section_data(dvb_filter_desc* f, char* buf);
+
+  // CRC-32 of `len` bytes, continuing from `crc`, without final inversion. crc32_be is the one of MPEG sections:
+  // started with 0xFFFFFFFF, it gives 0 over a good section with its CRC. crc32_le is the reflected companion.
+  // Any-thread.
+  static unsigned int crc32_be(unsigned int crc, const unsigned char* data, unsigned int len);
+  static unsigned int crc32_le(unsigned int crc, const unsigned char* data, unsigned int len);
+
+  // Stops `f` and marks its slot free; handle and timer stay. A free slot is left alone.
+  // REQUIRES: the list's mutex is held, as by the removals above, or no other thread uses the object.
+  void set_dvbfilter_reuse(dvb_filter_desc* f);
+
+ private:
+  friend class Kelvo;
+
+  // Ends a wait_for_data() that is under way, or the next one, at once. Any-thread.
+  void wake();
+
+  std::list<dvb_filter_desc*> filters_;
+};

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "base/export.h"
+#include "base/log.h"
+#include "base/types.h"
+#include "db/sdbl.h"
+#include "filter/section_filter.h"
+#include "kelvo/main_thread.h"
+#include "si/siparse.h"
+#include "trace/timedoc.h"
+#include "tuner/tuner.h"
+
+// Codes of the change callback; several may be joined.
+enum : int {
+  DB_STREAMS_CHANGED = 1,   // elementary streams of a channel were added or deleted
+  DB_CHANNELS_CHANGED = 2,  // channels were added, lost or found again
+  DB_EPG_GROWN = 4,         // more than 20 events stored since this was last said
+  DB_EXPORTED = 8,          // an export asked for with export_db is done
+};
+
+// One DVB-T adapter: what a host creates to find services, keep the channel list and collect the guide.
+//
+//   Sdbl database("/dvbfiles/dvb.db");
+//   Kelvo kelvo(0, 0, 0, &database, true, on_change);
+//   kelvo.tune_to_freq(506000000, &context, on_scanned);
+//
+// It owns the tuner, the section filters, the parser and the worker thread of its adapter. The worker takes a request,
+// scans the multiplex, merges what it found into the database, says so through the callbacks, and goes on with the
+// guide; with a channel it also reads the PMTs again every 3 s and everything every 300 s.
+//
+// What surprises:
+//   - The constructor tunes to 474 MHz. A channel request on the frequency already tuned does nothing, then too: use a
+//     frequency request first.
+//   - Frequency requests (without a channel) report only through `done`; codes 1 and 2 of the change callback are for
+//     channel requests.
+//   - `done` may say 0 although nothing was stored (the scan timed out, or the demultiplexer could not be opened): look
+//     into the database.
+//   - The first scan of an empty database collects no events, because the list of services is made when tuning: repeat
+//     the frequency request to fill the guide.
+//   - While scanning, a file /tmp/testsig with a hexadecimal number makes the change callback receive that number,
+//   once.
+//
+// Threads: create, use and destroy it on the host's threads; every operation is any-thread and short, except that
+// tune_to_freq without a channel tunes (150 ms at most) and export_channel_db writes. Callbacks come from the worker
+// (the event callback from the tuner's monitor): they must not destroy the Kelvo and should return soon. Do not call
+// set_tuner while a request is under way.
+class KELVO_EXPORT Kelvo {
+ public:
+  using change_callback_t = void (*)(int code);
+  using request_callback_t = void (*)(void* data, int result);
+
+  // `adapter` is the N of /dev/dvb/adapterN, 0 to 3, and the number of the scan tables. `database` is not owned and
+  // outlives this object. Without a tuner (`tuner_connected` false) whatever stream arrives is scanned.
+  // `db_change_callback` may be null. Missing devices are printed, not reported.
+  Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
+        change_callback_t db_change_callback);
+
+  // Ends the worker and deletes everything owned. Returns within about a second.
+  ~Kelvo();
+
+  Kelvo(const Kelvo&) = delete;
+  Kelvo& operator=(const Kelvo&) = delete;
+
+  // What all instances print to standard error: see verbosity_kelvo in base/log.h.
+  void set_verbosity(int level);
+
+  // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
+  //   channel -1: tunes now; 0 when there is no lock (nothing requested), else -1, and `done(data, result)` follows
+  //   from
+  //     the worker: 0 the scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s). It is called
+  //     only when `data` is not null.
+  //   a channel: -1 at once; the worker tunes. `done` is never called, `data` is not kept. On a frequency that is tuned
+  //     already nothing happens.
+  // A new request replaces one that has not been answered.
+  int tune_to_freq(int freq, int channel, void* data, request_callback_t done);
+  int tune_to_freq(int freq, void* data, request_callback_t done);
+
+  // True when the last request has been answered or none was made. Never for a channel request, nor for a request with
+  // null data unless there was no stream. Stays true until the worker picks a new request up.
+  bool get_msg_state() const;
+
+  // Pauses and resumes scanning; a request resumes it, too. The filters stop, the state of the scan is kept, and its
+  // timers start anew on resuming. Takes effect within a second.
+  void set_scan(bool on);
+
+  // Deletes or creates the tuner. Any use of it by the worker ends first.
+  void set_tuner(bool connect);
+
+  // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
+  bool time_valid() const;
+
+  // Copies the channel list to `file` in the caller's thread; throws no_file_error when it cannot be written.
+  void export_channel_db(const char* file);
+
+  // Asks the worker to purge old events and copy the guide beside `file` (see Sdbl::backup_database); the change
+  // callback gets 8 when it is done. `full` has no effect. Returns 1.
+  bool export_db(const char* file, bool full);
+  bool export_db_in_progress() const;
+
+  // Frontend readings, see Tuner. Without a tuner: 0 Hz, strength -24, status 32, SNR 1, BER 0.1.
+  int fe_freq();
+  float fe_strength();
+  int fe_status();
+  float fe_snr();
+  float fe_ber();
+
+  // Who is told that reception is lost (0) or good again (1), see Tuner. Without a tuner they do nothing, and
+  // reset_signal_monitor returns 0.
+  void set_stb_event_callback(Tuner::event_callback_t callback);
+  int reset_signal_monitor();
+  void disable_tunerevents();
+
+ private:
+  friend class KelvoMainThread;
+  static int filter_read_thread(void* self);
+};

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "kelvo/thread.h"
+
+// The worker of one Kelvo: runs its scan loop until the Kelvo is destroyed. Created and deleted by Kelvo.
+class KELVO_EXPORT KelvoMainThread final : public COrbelThreadKelvo {
+ public:
+  using COrbelThreadKelvo::COrbelThreadKelvo;
+
+ protected:
+  void Execute(void* arg) override;
+};

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <time.h>
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "base/export.h"
+#include "base/types.h"
+
+class ConditionalAccessSection;
+class Descriptor;
+class EventInformationSection;
+class NetworkInformationSection;
+class ProgramAssociationSection;
+class ProgramMapSection;
+class Sdbl;
+class Section_filter;
+class ServiceDescriptionSection;
+class TimeAndDateSection;
+class TimeOffsetSection;
+struct EIT_lang;
+struct PMT_subtxt_lang;
+struct SQL_cache;
+
+// The parser of DVB Service Information of one adapter: takes whole sections, stores what they say in the scan tables
+// and drives the scan on by adding and removing section filters. A PAT opens the filters for NIT, PMTs and SDT; each
+// table closes its own filter when it has been read.
+//
+// Kelvo creates one per adapter and deletes it; nothing but the two flags systime_valid() and get_eit_stored() is for
+// other threads: everything else is *worker-only*. There are no locks.
+//
+// What surprises:
+//   - Versions are looked at for PMTs of known services only (SCAN_PMT); elsewhere a section counts when its
+//     current_next_indicator is 1.
+//   - One NIT section is read per scan, and only on PID 16, though the filter may have been opened on another PID.
+//   - The SDT stays open until every service of the PAT has a provider name, so a network without provider names is
+//     merged by the scan's time-out only.
+//
+// Hostile input: a section whose length or inner loops do not add up is dropped or read as far as it holds; a
+// descriptor that is broken inside is skipped. Nothing throws, nothing is returned: failures are printed.
+//
+// The classes of the sections are libdvbsi++'s (<dvbsi++/...>): the system's, or the ones installed beside this header.
+class KELVO_EXPORT Siparse {
+ public:
+  // `filter` and `db` are not owned and outlive the parser; `dvbnr` is the adapter's number, 0 to 3.
+  // Prints an error for every character set that iconv does not know; texts in it then stay as broadcast.
+  Siparse(Section_filter* filter, int dvbnr, HF_CONN_ID conn, DVB_TYPE_ID type, Sdbl* db);
+  ~Siparse();
+
+  Siparse(const Siparse&) = delete;
+  Siparse& operator=(const Siparse&) = delete;
+
+  // Dispatches one whole section, at `section`, that came from `pid` while `freq` (Hz) was tuned. `data` is not used.
+  // A table on a PID that is not its own is dropped silently; an unknown table with a warning. Returns 0.
+  // REQUIRES: section_length + 3 bytes are there.
+  int scan_assembled_section(char* section, int pid, int freq, void* data, SCAN_STATE state);
+
+  // PAT, PMT, CAT (ISO/IEC 13818-1, 2.4.4), NIT and SDT (EN 300 468, 5.2.1 and 5.2.3). Return 0.
+  int parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE state);
+  int parse_section_pmt(ProgramMapSection* section, int pid, int freq, SCAN_STATE state);
+  int parse_section_cat(ConditionalAccessSection* section, int pid, int freq);
+  int parse_section_nit(NetworkInformationSection* section, int pid, int freq);
+  int parse_section_sdt(ServiceDescriptionSection* section, int freq);
+
+  // Opens the PMT filters of the services listed by init_cache_list(). Returns 1 when there are none, else 0.
+  int init_pmt_table_scan_from_database(int freq);
+
+  // `base`, an underscore and the adapter's number: the name of a scan table. Valid until the next call.
+  char* add_dvbnr(const char* base);
+
+  // True once the clock is known to be right: it was past 1999 at the start, or the broadcast has been seen.
+  // Any-thread.
+  bool systime_valid() const;
+
+  // Events stored since the construction. Any-thread.
+  int get_eit_stored() const;
+
+  // One descriptor of a PMT, CAT, SDT or EIT loop (EN 300 468, 6.2). `context` says where it stood: -1 the programme
+  // loop of a PMT or a CAT, 10 an elementary stream, 1 an event, else the scan row of a service.
+  void parse_descriptor_info(Descriptor* descriptor, int context);
+
+  // One descriptor of a NIT; -1 for both ids in the network loop.
+  void parse_nit_descriptor_info(Descriptor* descriptor, int freq, int context, int network_id, int ts_id,
+                                 int orig_network_id);
+
+  // The entry of the current stream's, or event's, list for this language; made when missing. Owned by the parser.
+  PMT_subtxt_lang* find_create_subtxt_lang(const std::string& code);
+  EIT_lang* find_create_epglang(const std::string& code);
+
+  // Starts the collection of the guide at the present/following table.
+  int start_eit_scan(int freq, SCAN_STATE state);
+
+  // Builds the list of services whose guide is collected, and whose PMTs are read again, from the database.
+  int init_cache_list(int freq, SCAN_STATE state);
+
+  // Starts a new round over that list.
+  void reset_cache_list();
+
+  // One EIT section of the actual multiplex (EN 300 468, 5.2.4).
+  void parse_section_eit(EventInformationSection* section, int freq);
+
+  // Bookkeeping of one service's part of a table; `start` and `end` in seconds since 1970. Sets `*all_done` when every
+  // service is finished. Returns the service's entry, or null when it is not listed.
+  SQL_cache* eit_scan_loop(int service_id, long start, long end, bool last_section, bool present_running,
+                           bool* all_done, int freq, int table_id);
+
+  // True when the guide of the services has been seen once since start_eit_scan().
+  bool get_eit_info_available();
+
+  // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6): set the system clock when it is more than 10 s off. Return 0.
+  int parse_section_tdt(TimeAndDateSection* section, int freq);
+  int parse_section_tot(TimeOffsetSection* section, int freq);
+
+  // Modified Julian Date to BCD 0xYYYYMMDD (EN 300 468, Annex C); eight BCD digits to a number and back.
+  static unsigned mjd_to_bcd(unsigned mjd);
+  static unsigned bcd_to_int(unsigned bcd);
+  static unsigned bin_to_bcd(unsigned value);
+
+  // Prints the UTC date at verbosity 3.
+  static void print_gmtime(time_t t);
+
+  // Converts a DVB text (EN 300 468, Annex A) to UTF-8 in place and returns `text`. What cannot be converted stays as
+  // it was, with a message; so does a text that says it is UTF-8 (selector 0x15), first byte included.
+  std::string* dvb_text_to_utf8(std::string* text);
+
+  // For looking at character tables on a screen: fills a channel's guide with one event a table. The statements name
+  // columns that the guide does not have, so today they print that and store nothing.
+  void generate_char_test_tables(int channel);
+
+  // Stores one such event. REQUIRES: `raw` points to 300 bytes or more.
+  void replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw);
+};

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+// One named thing of a trace: its place in its list is its id in the TDI file.
+struct TDI_lookup {
+  std::string name;
+  int key;
+};

@@ -112,5 +112,8 @@ class KELVO_EXPORT Section_filter {
   // Ends a wait_for_data() that is under way, or the next one, at once. Any-thread.
   void wake();
 
+  // PID and frequency of `f`, read under the lock, because remove_all() may free the slot meanwhile (-1 and 0 then).
+  void get_tags(const dvb_filter_desc* f, int* pid, int* freq);
+
   std::list<dvb_filter_desc*> filters_;
 };

@@ -131,4 +131,11 @@ class KELVO_EXPORT Siparse {
 
   // Stores one such event. REQUIRES: `raw` points to 300 bytes or more.
   void replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw);
+
+ private:
+  friend class Kelvo;  // reads pmt_from_database_
+
+  // PMTs are being read again for services of the database, and none of them was of another version so far: set by
+  // init_pmt_table_scan_from_database(), cleared by the first PMT that is not the one last read.
+  bool pmt_from_database_ = false;
 };

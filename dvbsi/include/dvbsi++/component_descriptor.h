@@ -1,0 +1,20 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+// 0x50 (EN 300 468, 6.2.8). stream_content_ext is not shown.
+class DVBSI_EXPORT ComponentDescriptor : public Descriptor {
+ public:
+  ComponentDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~ComponentDescriptor() override;
+
+  uint8_t getStreamContent() const { return static_cast<uint8_t>(bits(0, 0, 4)); }
+  uint8_t getComponentType() const { return static_cast<uint8_t>(byte(1)); }
+  uint8_t getComponentTag() const { return static_cast<uint8_t>(byte(2)); }
+  const std::string& getIso639LanguageCode() const { return language_; }
+  const std::string& getText() const;
+
+ private:
+  std::string language_;
+  dvbsi_own::Lazy_text text_;
+};

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+class DVBSI_EXPORT Iso639Language {
+ public:
+  Iso639Language(const uint8_t* const buffer);
+
+  const std::string& getIso639LanguageCode() const { return language_; }
+  uint8_t getAudioType() const { return audio_type_; }
+
+ private:
+  std::string language_;
+  uint8_t audio_type_;
+};
+
+using Iso639LanguageList = std::list<Iso639Language*>;
+using Iso639LanguageIterator = Iso639LanguageList::iterator;
+using Iso639LanguageConstIterator = Iso639LanguageList::const_iterator;
+
+// 0x0A (ISO/IEC 13818-1, 2.6.18).
+class DVBSI_EXPORT Iso639LanguageDescriptor : public Descriptor {
+ public:
+  Iso639LanguageDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~Iso639LanguageDescriptor() override;
+
+  const Iso639LanguageList* getIso639Languages() const;
+
+ private:
+  dvbsi_own::Lazy_list<Iso639Language> languages_;
+};

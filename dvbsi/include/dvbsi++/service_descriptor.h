@@ -1,0 +1,18 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+// 0x48 (EN 300 468, 6.2.33).
+class DVBSI_EXPORT ServiceDescriptor : public Descriptor {
+ public:
+  ServiceDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~ServiceDescriptor() override;
+
+  uint8_t getServiceType() const { return static_cast<uint8_t>(byte(0)); }
+  const std::string& getServiceProviderName() const;
+  const std::string& getServiceName() const;
+
+ private:
+  dvbsi_own::Lazy_text provider_;
+  dvbsi_own::Lazy_text name_;
+};

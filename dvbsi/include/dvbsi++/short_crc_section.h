@@ -1,0 +1,21 @@
+#pragma once
+
+#include <dvbsi++/short_section.h>
+
+// A section without the long header that ends in a CRC: the TOT.
+class DVBSI_EXPORT ShortCrcSection : public ShortSection {
+ public:
+  ShortCrcSection(const uint8_t* const buffer);
+  ~ShortCrcSection() override;
+
+  uint32_t getCrc32() const { return crc_; }  // the last four bytes; not verified
+
+  static constexpr uint8_t CRC32 = 1;
+
+ private:
+  uint32_t crc_;
+};
+
+using ShortCrcSectionList = std::list<ShortCrcSection*>;
+using ShortCrcSectionIterator = ShortCrcSectionList::iterator;
+using ShortCrcSectionConstIterator = ShortCrcSectionList::const_iterator;

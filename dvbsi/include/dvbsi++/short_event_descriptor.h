@@ -1,0 +1,19 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+// 0x4D (EN 300 468, 6.2.37).
+class DVBSI_EXPORT ShortEventDescriptor : public Descriptor {
+ public:
+  ShortEventDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~ShortEventDescriptor() override;
+
+  const std::string& getIso639LanguageCode() const { return language_; }
+  const std::string& getEventName() const;
+  const std::string& getText() const;
+
+ private:
+  std::string language_;
+  dvbsi_own::Lazy_text name_;
+  dvbsi_own::Lazy_text text_;
+};

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+// 0x52 (EN 300 468, 6.2.39).
+class DVBSI_EXPORT StreamIdentifierDescriptor : public Descriptor {
+ public:
+  StreamIdentifierDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~StreamIdentifierDescriptor() override;
+
+  uint8_t getComponentTag() const { return static_cast<uint8_t>(byte(0)); }
+};

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <dvbsi++/descriptor.h>
+
+class DVBSI_EXPORT Subtitling {
+ public:
+  Subtitling(const uint8_t* const buffer);
+
+  const std::string& getIso639LanguageCode() const { return language_; }
+  uint8_t getSubtitlingType() const { return type_; }
+  uint16_t getCompositionPageId() const { return composition_page_; }
+  uint16_t getAncillaryPageId() const { return ancillary_page_; }
+
+ private:
+  std::string language_;
+  uint16_t composition_page_;
+  uint16_t ancillary_page_;
+  uint8_t type_;
+};
+
+using SubtitlingList = std::list<Subtitling*>;
+using SubtitlingIterator = SubtitlingList::iterator;
+using SubtitlingConstIterator = SubtitlingList::const_iterator;
+
+// 0x59 (EN 300 468, 6.2.41).
+class DVBSI_EXPORT SubtitlingDescriptor : public Descriptor {
+ public:
+  SubtitlingDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
+  ~SubtitlingDescriptor() override;
+
+  const SubtitlingList* getSubtitlings() const;
+
+ private:
+  dvbsi_own::Lazy_list<Subtitling> subtitlings_;
+};

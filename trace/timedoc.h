@@ -15,6 +15,9 @@ class KELVO_EXPORT Timedoc {
  public:
   Timedoc();
 
+  Timedoc(const Timedoc&) = delete;
+  Timedoc& operator=(const Timedoc&) = delete;
+
   // Start, stop and clear the recording. Stopping prints how full the buffer is at verbosity 2.
   void tdoc_record();
   void tdoc_pause();
@@ -33,7 +36,10 @@ class KELVO_EXPORT Timedoc {
   char* get_tr_name(unsigned int word);
   char* get_tr_name(unsigned int word2, unsigned int word1);
 
-  // Formats to the file being written.
+  // Descriptor that printf_tdi and convert_to_tdi write to; -1, nowhere, at first. Not owned. write_file uses its own.
+  void set_output(int descriptor);
+
+  // Formats a line of at most 255 bytes to the output.
   void printf_tdi(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
   // Position of the entry with this name and key; appended, with `*inserted` true, when there is none.
@@ -45,4 +51,14 @@ class KELVO_EXPORT Timedoc {
   // Writes the recorded buffer to `file`; `format` is "log" or "tdi". Prints an error and writes nothing when the
   // buffer cannot be mapped.
   void write_file(const char* file, const char* format);
+
+ private:
+  class Converter;
+
+  void add(unsigned int control, unsigned int data1, unsigned int data2);
+
+  int device_;
+  int output_;
+  char name_[9];
+  bool recording_;
 };

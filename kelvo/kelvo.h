@@ -1,8 +1,8 @@
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
+#include <memory>
+#include <mutex>
 
 #include "base/export.h"
 #include "base/log.h"
@@ -46,8 +46,9 @@ enum : int {
 //
 // Threads: create, use and destroy it on the host's threads; every operation is any-thread and short, except that
 // tune_to_freq without a channel tunes (150 ms at most) and export_channel_db writes. Callbacks come from the worker
-// (the event callback from the tuner's monitor): they must not destroy the Kelvo and should return soon. Do not call
-// set_tuner while a request is under way.
+// (the event callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should
+// return soon. Do not call set_tuner while a request is under way. One mutex guards the request; the worker takes it
+// only to pick the request up. docs/threads.md has the whole table.
 class KELVO_EXPORT Kelvo {
  public:
   using change_callback_t = void (*)(int code);
@@ -59,7 +60,8 @@ class KELVO_EXPORT Kelvo {
   Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
         change_callback_t db_change_callback);
 
-  // Ends the worker and deletes everything owned. Returns within about a second.
+  // Ends the worker, at the start of its next pass, and deletes everything owned; not the database.
+  // REQUIRES: no other thread uses the object any more.
   ~Kelvo();
 
   Kelvo(const Kelvo&) = delete;
@@ -83,11 +85,13 @@ class KELVO_EXPORT Kelvo {
   // null data unless there was no stream. Stays true until the worker picks a new request up.
   bool get_msg_state() const;
 
-  // Pauses and resumes scanning; a request resumes it, too. The filters stop, the state of the scan is kept, and its
-  // timers start anew on resuming. Takes effect within a second.
+  // Pauses and resumes scanning; a request resumes it, too. The filters stop, the state of the scan is kept, nothing is
+  // merged or answered for lack of data meanwhile, and the timers start anew on resuming. Takes effect at the worker's
+  // next pass, at once as a rule.
   void set_scan(bool on);
 
-  // Deletes or creates the tuner. Any use of it by the worker ends first.
+  // Deletes or creates the tuner. Any use of it by another thread ends first, so disconnecting may take 150 ms more
+  // than ~Tuner while somebody tunes. The same state again does nothing. Prints what it does at verbosity 3.
   void set_tuner(bool connect);
 
   // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
@@ -117,4 +121,46 @@ class KELVO_EXPORT Kelvo {
  private:
   friend class KelvoMainThread;
   static int filter_read_thread(void* self);
+
+  class Scan_loop;   // kelvo/scan_loop.h
+  class Tuner_slot;  // kelvo/tuner_slot.h
+
+  // The request of a host as it waits for the worker.
+  struct Request {
+    bool pending = false;
+    int freq = 0;      // Hz
+    int channel = -1;  // row of kanalid, -1 for none
+    void* data = nullptr;
+    request_callback_t done = nullptr;
+  };
+
+  bool tuned_to(int freq);
+  bool tune(int freq);
+  void post(const Request& request);
+  // True when the filters of the scan under way were, or are being, taken away by a host's request.
+  bool scan_disturbed();
+
+  Sdbl* database_;
+  int adapter_;
+  HF_CONN_ID connector_;
+  DVB_TYPE_ID type_;
+  change_callback_t db_change_callback_;
+
+  std::mutex lock_;  // guards request_
+  Request request_;
+
+  std::atomic<bool> running_{true};
+  std::atomic<bool> message_state_{true};  // the last request has been answered, or there was none
+  std::atomic<bool> scan_requested_{false};
+  std::atomic<bool> export_pending_{false};
+  std::atomic<bool> export_full_{false};
+  std::atomic<int> tunings_{0};             // hosts' threads between taking the filters away and the new request
+  std::atomic<bool> filters_taken_{false};  // since the scan under way began; cleared by the worker
+
+  // In this order they are deleted from the last to the first, after the worker has been joined.
+  std::unique_ptr<KelvoMainThread> worker_;
+  std::unique_ptr<Tuner_slot> tuner_;
+  std::unique_ptr<Section_filter> filter_;
+  std::unique_ptr<Siparse> parser_;
+  bool worker_started_ = false;
 };

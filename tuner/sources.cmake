@@ -1,4 +1,7 @@
 list(APPEND KELVO_SOURCES
+  tuner/monitor.cpp
+  tuner/tuner.cpp
+  tuner/tuner_quality.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   tuner/monitor_thread.h

@@ -3,6 +3,8 @@
 #include <linux/dvb/frontend.h>
 
 #include <atomic>
+#include <memory>
+#include <mutex>
 
 #include "base/export.h"
 #include "base/types.h"
@@ -24,7 +26,9 @@ enum : unsigned {
 // prints its error and answers with the last good value (status 0 and frequency 0 at first).
 //
 // Threads: the monitor thread refreshes strength and BER quality about five times a second. All operations are
-// any-thread; two threads must not tune at the same time. The event callback is called on the monitor thread.
+// any-thread; of two threads that tune at the same time, the later one wins. The event callback is called on the
+// monitor thread, must not destroy the tuner and should return soon. One lock guards the device's descriptor, so that
+// it is not closed under a thread that uses it; everything else that threads share is atomic.
 //
 // Messages name the device by its path. Errors appear at verbosity 0 and above, warnings at 1, progress at 3, raw
 // readings at 4.
@@ -106,4 +110,38 @@ class KELVO_EXPORT Tuner {
  private:
   friend class TunerMonitorThread;
   static int tuner_main_thread(void* self);
+
+  struct Monitor_state;
+  void monitor();
+  void watch_quality(Monitor_state& state, int status, int quality);
+  void send_event(unsigned event);
+  void wait_for_frontend_event();
+  bool frequency_in_range() const;
+
+  void open_device();
+  void close_device();
+  int control(unsigned long request, void* argument);
+  void apply(dvb_frontend_parameters& parameters, bool say_why);
+
+  char path_[256]{};
+  std::mutex device_lock_;  // held around each ioctl and while the device is closed
+  std::atomic<int> device_{-1};
+  dvb_frontend_info info_{};             // constant once the monitor runs
+  std::atomic<unsigned> tuned_freq_{0};  // Hz; the last frequency asked for
+  std::atomic<event_callback_t> event_callback_{nullptr};
+  std::atomic<int> channel_{-1};
+  std::atomic<int> next_freq_{0};
+  std::atomic<bool> monitor_running_{false};
+  std::atomic<bool> monitor_reset_{true};
+  std::atomic<bool> events_enabled_{false};
+  std::atomic<int> ber_quality_{0};
+  std::atomic<int> strength_{0};
+  std::atomic<float> snr_{0.0F};
+  std::atomic<int> last_freq_{0};    // Hz; the last good reading
+  std::atomic<int> last_status_{0};  // the last good reading
+  Sdbl* db_;
+  HF_CONN_ID connector_;
+  DVB_TYPE_ID type_;
+  std::unique_ptr<TunerMonitorThread> monitor_;
+  bool monitor_started_ = false;
 };

@@ -1,0 +1,37 @@
+#include "kelvo/tuner_slot.h"
+
+#include <utility>
+
+bool Kelvo::Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
+  const std::lock_guard<std::mutex> lock(lock_);
+  if (tuner_ != nullptr)
+    return false;
+  tuner_ = std::move(tuner);
+  return true;
+}
+
+std::unique_ptr<Tuner> Kelvo::Tuner_slot::take() {
+  std::unique_lock<std::mutex> lock(lock_);
+  std::unique_ptr<Tuner> tuner = std::move(tuner_);
+  // Users find the slot empty from now on, so the wait ends however busy they are.
+  unused_.wait(lock, [this] { return users_ == 0; });
+  return tuner;
+}
+
+bool Kelvo::Tuner_slot::empty() {
+  const std::lock_guard<std::mutex> lock(lock_);
+  return tuner_ == nullptr;
+}
+
+Tuner* Kelvo::Tuner_slot::enter() {
+  const std::lock_guard<std::mutex> lock(lock_);
+  if (tuner_ != nullptr)
+    ++users_;
+  return tuner_.get();
+}
+
+void Kelvo::Tuner_slot::leave() {
+  const std::lock_guard<std::mutex> lock(lock_);
+  if (--users_ == 0)
+    unused_.notify_all();
+}

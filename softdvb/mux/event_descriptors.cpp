@@ -1,0 +1,248 @@
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "softdvb/mux/dvbpsi_glue.h"
+#include "softdvb/mux/time_text.h"
+
+extern "C" {
+#include <dvbpsi/dr_4d.h>
+#include <dvbpsi/dr_4e.h>
+#include <dvbpsi/dr_50.h>
+#include <dvbpsi/dr_54.h>
+#include <dvbpsi/dr_55.h>
+#include <dvbpsi/dr_58.h>
+}
+
+namespace softdvb_mux {
+
+namespace {
+
+// The selector that a text begins with, so that a text that goes on in the next descriptor can repeat it
+// (EN 300 468, A.2).
+Bytes selector_of(const Bytes& text) {
+  if (text.empty() || text[0] >= 0x20)
+    return {};
+  const size_t length = text[0] == 0x10 ? 3 : text[0] == 0x1F ? 2 : 1;
+  return Bytes(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min(length, text.size())));
+}
+
+// Where a text may be cut at or before `most` bytes, so that no character is torn.
+size_t cut_point(const Bytes& text, size_t most) {
+  if (text.size() <= most)
+    return text.size();
+  const uint8_t selector = text.empty() ? 0x20 : text[0];
+  size_t cut = most;
+  if (selector == 0x15) {
+    while (cut > 1 && (text[cut] & 0xC0) == 0x80)
+      --cut;
+  } else if (selector == 0x11) {
+    cut -= (cut - 1) % 2;
+  } else if (selector >= 0x12 && selector <= 0x14) {
+    size_t at = 1;
+    while (at < text.size() && at + (text[at] >= 0x80 && text[at] != 0x8A ? 2u : 1u) <= most)
+      at += text[at] >= 0x80 && text[at] != 0x8A ? 2 : 1;
+    cut = at;
+  } else if (selector >= 0x20 && cut > 0 && text[cut - 1] >= 0xC1 && text[cut - 1] <= 0xCF) {
+    --cut;  // ISO 6937: the accent stands before its letter
+  }
+  return cut;
+}
+
+struct Item {
+  Bytes name;
+  Bytes text;
+};
+
+struct Extended_part {
+  std::vector<Item> items;
+  Bytes text;
+};
+
+// Fills descriptors of at most 249 bytes of items and text: whole items first, then the text.
+std::vector<Extended_part> split_extended(const std::vector<Item>& items, const Bytes& text) {
+  const size_t room = 249;
+  std::vector<Extended_part> parts(1);
+  size_t used = 0;
+  for (const Item& item : items) {
+    const size_t size = 2 + item.name.size() + item.text.size();
+    if (used + size > room) {
+      parts.emplace_back();
+      used = 0;
+    }
+    parts.back().items.push_back(item);
+    used += size;
+  }
+  const Bytes selector = selector_of(text);
+  Bytes rest = text;
+  while (!rest.empty()) {
+    const size_t cut = cut_point(rest, room - used);
+    if (cut > selector.size()) {
+      parts.back().text.assign(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(cut));
+      rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(cut));
+      if (!rest.empty())
+        rest.insert(rest.begin(), selector.begin(), selector.end());
+    }
+    if (!rest.empty())
+      parts.emplace_back();
+    used = 0;
+  }
+  return parts;
+}
+
+void add_extended(const Json_node& node, const Text_defaults& defaults, Descriptors* loop) {
+  node.allow_only({"language", "charset", "items", "text"});
+  const Text_defaults mine = defaults.inside(node);
+  std::vector<Item> items;
+  for (const Json_node& item : node.list("items")) {
+    item.allow_only({"name", "text"});
+    items.push_back({read_text(item.get("name"), mine, 247), read_text(item.get("text"), mine, 247)});
+    if (items.back().name.size() + items.back().text.size() > 247)
+      item.fail("name and text together take more than 247 bytes");
+  }
+  const Bytes text = node.has("text") ? read_text(node.get("text"), mine, 16 * 249) : Bytes();
+  std::vector<Extended_part> parts = split_extended(items, text);
+  if (parts.size() > 16)
+    node.fail(fmt::format("the text needs {} descriptors, at most 16 are allowed", parts.size()));
+  for (size_t i = 0; i < parts.size(); ++i) {
+    dvbpsi_extended_event_dr_t record = {};
+    record.i_descriptor_number = static_cast<uint8_t>(i);
+    record.i_last_descriptor_number = static_cast<uint8_t>(parts.size() - 1);
+    std::memcpy(record.i_iso_639_code, mine.language.data(), 3);
+    for (Item& item : parts[i].items) {
+      const int at = record.i_entry_count++;
+      record.i_item_description[at] = item.name.data();
+      record.i_item_description_length[at] = static_cast<uint8_t>(item.name.size());
+      record.i_item[at] = item.text.data();
+      record.i_item_length[at] = static_cast<uint8_t>(item.text.size());
+    }
+    record.i_text = parts[i].text.data();
+    record.i_text_length = static_cast<int>(parts[i].text.size());
+    loop->push_back(taken(dvbpsi_GenExtendedEventDr(&record, false)));
+  }
+}
+
+void add_short(const Json_node& node, const Text_defaults& mine, Descriptors* loop) {
+  const Bytes none;
+  const Bytes name = node.has("name") ? read_text(node.get("name"), mine, 250) : none;
+  const Bytes text = node.has("text") ? read_text(node.get("text"), mine, 250) : none;
+  if (name.size() + text.size() > 250)
+    node.fail(fmt::format("name and text together take {} bytes, at most 250 are allowed; use \"extended\"",
+                          name.size() + text.size()));
+  dvbpsi_short_event_dr_t record = {};
+  std::memcpy(record.i_iso_639_code, mine.language.data(), 3);
+  record.i_event_name_length = static_cast<int>(name.size());
+  std::copy(name.begin(), name.end(), record.i_event_name);
+  record.i_text_length = static_cast<int>(text.size());
+  std::copy(text.begin(), text.end(), record.i_text);
+  loop->push_back(taken(dvbpsi_GenShortEventDr(&record, false)));
+}
+
+}  // namespace
+
+void add_short_events(const Json_node& event, const Text_defaults& defaults, Descriptors* loop) {
+  if (event.has("name") || event.has("text"))
+    add_short(event, defaults, loop);
+  for (const Json_node& node : event.list("texts")) {
+    node.allow_only({"language", "charset", "name", "text"});
+    add_short(node, defaults.inside(node), loop);
+  }
+}
+
+void add_extended_events(const Json_node& event, const Text_defaults& defaults, Descriptors* loop) {
+  if (!event.has("extended"))
+    return;
+  if (event.get("extended").value().is_object()) {
+    add_extended(event.get("extended"), defaults, loop);
+    return;
+  }
+  for (const Json_node& node : event.list("extended"))
+    add_extended(node, defaults, loop);
+}
+
+void add_components(const Json_node& event, const Text_defaults& defaults, Descriptors* loop) {
+  for (const Json_node& node : event.list("components")) {
+    node.allow_only({"stream_content", "component_type", "component_tag", "language", "charset", "text"});
+    const Text_defaults mine = defaults.inside(node);
+    Bytes text = node.has("text") ? read_text(node.get("text"), mine, 249) : Bytes();
+    dvbpsi_component_dr_t record = {};
+    record.i_stream_content = static_cast<uint8_t>(node.get("stream_content").number(0, 15));
+    record.i_component_type = static_cast<uint8_t>(node.get("component_type").number(0, 255));
+    record.i_component_tag = static_cast<uint8_t>(node.number_or("component_tag", 0, 255, 0));
+    std::memcpy(record.i_iso_639_code, mine.language.data(), 3);
+    record.i_text_length = static_cast<int>(text.size());
+    record.i_text = text.data();
+    loop->push_back(taken(dvbpsi_GenComponentDr(&record, false)));
+  }
+}
+
+void add_content(const Json_node& event, Descriptors* loop) {
+  if (!event.has("content"))
+    return;
+  const auto nodes = event.list("content");
+  if (nodes.size() > DVBPSI_CONTENT_DR_MAX)
+    event.get("content").fail(fmt::format("{} entries, at most {} are allowed", nodes.size(), DVBPSI_CONTENT_DR_MAX));
+  dvbpsi_content_dr_t record = {};
+  for (const Json_node& node : nodes) {
+    auto& entry = record.p_content[record.i_contents_number++];
+    if (node.value().is_object()) {
+      node.allow_only({"type", "user"});
+      entry.i_type = static_cast<uint8_t>(node.get("type").number(0, 255));
+      entry.i_user_byte = static_cast<uint8_t>(node.number_or("user", 0, 255, 0));
+    } else {
+      entry.i_type = static_cast<uint8_t>(node.number(0, 255));
+    }
+  }
+  loop->push_back(taken(dvbpsi_GenContentDr(&record, false)));
+}
+
+void add_rating(const Json_node& event, Descriptors* loop) {
+  if (!event.has("rating"))
+    return;
+  const auto nodes = event.list("rating");
+  if (nodes.size() > DVBPSI_PARENTAL_RATING_DR_MAX)
+    event.get("rating").fail(
+        fmt::format("{} entries, at most {} are allowed", nodes.size(), DVBPSI_PARENTAL_RATING_DR_MAX));
+  dvbpsi_parental_rating_dr_t record = {};
+  for (const Json_node& node : nodes) {
+    node.allow_only({"country", "age", "value"});
+    auto& entry = record.p_parental_rating[record.i_ratings_number++];
+    for (char letter : node.get("country").three_letters())
+      entry.i_country_code = entry.i_country_code << 8 | static_cast<uint8_t>(letter);
+    // EN 300 468, 6.2.28: 0x01 to 0x0F stand for the age minus 3.
+    if (node.has("value"))
+      entry.i_rating = static_cast<uint8_t>(node.get("value").number(0, 255));
+    else
+      entry.i_rating = static_cast<uint8_t>(node.get("age").number(4, 18) - 3);
+  }
+  loop->push_back(taken(dvbpsi_GenParentalRatingDr(&record, false)));
+}
+
+void add_time_offsets(const Json_node& time, int64_t now, Descriptors* loop) {
+  const auto nodes = time.list("offsets");
+  if (nodes.empty())
+    return;
+  if (nodes.size() > DVBPSI_LOCAL_TIME_OFFSET_DR_MAX)
+    time.get("offsets").fail(
+        fmt::format("{} entries, at most {} are allowed", nodes.size(), DVBPSI_LOCAL_TIME_OFFSET_DR_MAX));
+  dvbpsi_local_time_offset_dr_t record = {};
+  for (const Json_node& node : nodes) {
+    node.allow_only({"country", "region", "offset", "change", "next"});
+    auto& entry = record.p_local_time_offset[record.i_local_time_offsets_number++];
+    std::memcpy(entry.i_country_code, node.get("country").three_letters().data(), 3);
+    entry.i_country_region_id = static_cast<uint8_t>(node.number_or("region", 0, 63, 0));
+    const Zone_offset offset = read_zone_offset(node.get("offset"));
+    const Zone_offset next = node.has("next") ? read_zone_offset(node.get("next")) : offset;
+    // The descriptor has one polarity for both.
+    if (next.bcd != 0 && offset.bcd != 0 && next.negative != offset.negative)
+      node.get("next").fail("the offset now and the next one must have the same sign");
+    entry.i_local_time_offset_polarity = offset.negative || next.negative ? 1 : 0;
+    entry.i_local_time_offset = offset.bcd;
+    entry.i_time_of_change = mjd_bcd(node.has("change") ? read_time(node.get("change"), now) : now + 180 * 86400);
+    entry.i_next_time_offset = next.bcd;
+  }
+  loop->push_back(taken(dvbpsi_GenLocalTimeOffsetDr(&record, false)));
+}
+
+}  // namespace softdvb_mux

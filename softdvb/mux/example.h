@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace softdvb_mux {
+
+// For --list-defaults: the "intervals" object, ordinary and "fast".
+std::string defaults_text();
+// For --example: a description that is complete and works.
+std::string example_text();
+
+}  // namespace softdvb_mux

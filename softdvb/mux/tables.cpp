@@ -1,0 +1,281 @@
+#include "softdvb/mux/tables.h"
+
+#include <algorithm>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "softdvb/mux/sections.h"
+
+extern "C" {
+#include <dvbpsi/cat.h>
+#include <dvbpsi/nit.h>
+#include <dvbpsi/pat.h>
+#include <dvbpsi/pmt.h>
+#include <dvbpsi/sdt.h>
+#include <dvbpsi/tot.h>
+}
+
+namespace softdvb_mux {
+
+namespace {
+
+constexpr uint16_t PID_PAT = 0x00;
+constexpr uint16_t PID_CAT = 0x01;
+constexpr uint16_t PID_SDT = 0x11;
+constexpr uint16_t PID_TIME = 0x14;
+constexpr size_t MAX_PSI_SECTION = 1024;
+
+void complain(dvbpsi_t* handle, const dvbpsi_msg_level_t level, const char* message) {
+  if (level == DVBPSI_MSG_ERROR && handle->p_sys != nullptr)
+    *static_cast<std::string*>(handle->p_sys) = message;
+}
+
+bool on_air(const Service& service, double at) {
+  return service.appears <= at && at < service.vanishes;
+}
+
+// The moments at which the list of services is another one, 0 first.
+std::vector<double> changes_of(const std::vector<Service>& services, double duration) {
+  std::set<double> moments = {0};
+  for (const Service& service : services) {
+    if (service.appears < duration)
+      moments.insert(service.appears);
+    if (service.vanishes < duration)
+      moments.insert(service.vanishes);
+  }
+  return {moments.begin(), moments.end()};
+}
+
+uint8_t stepped(uint8_t version, size_t steps) {
+  return static_cast<uint8_t>((version + steps) & 31);
+}
+
+Table pat_of(const Description& all, Encoder* encoder) {
+  Table table;
+  table.kind = PAT;
+  table.pid = PID_PAT;
+  for (double at : changes_of(all.services, all.duration)) {
+    dvbpsi_pat_t* pat = dvbpsi_pat_new(all.transport_stream_id, stepped(all.version[PAT], table.variants.size()), true);
+    if (all.nit_in_pat)
+      dvbpsi_pat_program_add(pat, 0, all.nit_pid);
+    for (const Service& service : all.services)
+      if (service.in_pat && on_air(service, at))
+        dvbpsi_pat_program_add(pat, service.service_id, service.pmt_pid);
+    table.variants.push_back({at, encoder->take(dvbpsi_pat_sections_generate(
+                                                    encoder->handle(), pat, static_cast<int>(all.programs_per_section)),
+                                                "the PAT")});
+    dvbpsi_pat_delete(pat);
+  }
+  return table;
+}
+
+std::vector<Bytes> pmt_sections(const Service& service, const Pmt_content& content, Encoder* encoder) {
+  size_t size = 16 + size_of(content.program_info);
+  for (const Elementary_stream& stream : content.streams)
+    size += 5 + size_of(stream.descriptors);
+  if (size > MAX_PSI_SECTION)
+    throw Description_error(
+        fmt::format("service {}: its PMT takes {} bytes, at most 1024 fit into the one section that "
+                    "a PMT has",
+                    service.service_id, size));
+  dvbpsi_pmt_t* pmt = dvbpsi_pmt_new(service.service_id, content.version, true, content.pcr_pid);
+  add_all(content.program_info,
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_pmt_descriptor_add(pmt, tag, length, data); });
+  for (const Elementary_stream& stream : content.streams) {
+    dvbpsi_pmt_es_t* es = dvbpsi_pmt_es_add(pmt, stream.type, stream.pid);
+    add_all(stream.descriptors,
+            [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_pmt_es_descriptor_add(es, tag, length, data); });
+  }
+  std::vector<Bytes> sections = encoder->take(dvbpsi_pmt_sections_generate(encoder->handle(), pmt), "a PMT");
+  dvbpsi_pmt_delete(pmt);
+  return sections;
+}
+
+void add_pmts(const Description& all, Encoder* encoder, std::vector<Table>* tables) {
+  for (const Service& service : all.services) {
+    Table table;
+    table.kind = PMT;
+    table.pid = service.pmt_pid;
+    table.service_id = service.service_id;
+    for (const Pmt_content& content : service.pmts)
+      table.variants.push_back({std::max(content.from, service.appears), pmt_sections(service, content, encoder)});
+    if (table.variants.empty())
+      continue;
+    if (service.vanishes < all.duration)
+      table.variants.push_back({service.vanishes, {}});
+    tables->push_back(std::move(table));
+  }
+}
+
+Table cat_of(const Description& all, Encoder* encoder) {
+  Table table;
+  table.kind = CAT;
+  table.pid = PID_CAT;
+  dvbpsi_cat_t* cat = dvbpsi_cat_new(all.version[CAT], true);
+  add_all(*all.cat,
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_cat_descriptor_add(cat, tag, length, data); });
+  table.variants.push_back({0, encoder->take(dvbpsi_cat_sections_generate(encoder->handle(), cat), "the CAT")});
+  dvbpsi_cat_delete(cat);
+  return table;
+}
+
+Table nit_of(const Description& all, const Network& network, bool actual, Encoder* encoder) {
+  Table table;
+  table.kind = actual ? NIT_ACTUAL : NIT_OTHER;
+  table.pid = all.nit_pid;
+  table.network_id = network.network_id;
+  const uint8_t table_id = actual ? 0x40 : 0x41;
+  for (const Nit_stream& stream : network.streams)
+    if (size_of(stream.descriptors) + 6 + 16 > MAX_PSI_SECTION)
+      throw Description_error(
+          fmt::format("network {}: the descriptors of transport stream {} take {} bytes, more than a "
+                      "section of 1024 bytes holds",
+                      network.network_id, stream.transport_stream_id, size_of(stream.descriptors)));
+  if (size_of(network.descriptors) + 16 > MAX_PSI_SECTION)
+    throw Description_error(
+        fmt::format("network {}: its descriptors take {} bytes, more than a section of 1024 bytes "
+                    "holds",
+                    network.network_id, size_of(network.descriptors)));
+  dvbpsi_nit_t* nit = dvbpsi_nit_new(table_id, network.network_id, network.network_id, all.version[table.kind], true);
+  add_all(network.descriptors,
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_nit_descriptor_add(nit, tag, length, data); });
+  for (const Nit_stream& stream : network.streams) {
+    dvbpsi_nit_ts_t* ts = dvbpsi_nit_ts_add(nit, stream.transport_stream_id, stream.original_network_id);
+    add_all(stream.descriptors,
+            [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_nit_ts_descriptor_add(ts, tag, length, data); });
+  }
+  table.variants.push_back({0, encoder->take(dvbpsi_nit_sections_generate(encoder->handle(), nit, table_id), "a NIT")});
+  // libdvbpsi leaves the bit after the syntax indicator 0; EN 300 468, 5.2.1 and 5.1.1 reserve it as 1.
+  for (Bytes& section : table.variants.back().sections) {
+    section[1] |= 0x40;
+    write_crc(&section);
+  }
+  dvbpsi_nit_delete(nit);
+  return table;
+}
+
+Table sdt_of(const Description& all, const std::vector<Service>& services, uint16_t transport_stream_id,
+             uint16_t original_network_id, bool actual, Encoder* encoder) {
+  Table table;
+  table.kind = actual ? SDT_ACTUAL : SDT_OTHER;
+  table.pid = PID_SDT;
+  table.transport_stream_id = transport_stream_id;
+  for (const Service& service : services)
+    if (size_of(service.sdt_descriptors) + 5 + 15 > MAX_PSI_SECTION)
+      throw Description_error(
+          fmt::format("service {}: its SDT descriptors take {} bytes, more than a section of 1024 "
+                      "bytes holds",
+                      service.service_id, size_of(service.sdt_descriptors)));
+  for (double at : changes_of(services, all.duration)) {
+    dvbpsi_sdt_t* sdt =
+        dvbpsi_sdt_new(actual ? 0x42 : 0x46, transport_stream_id,
+                       stepped(all.version[table.kind], table.variants.size()), true, original_network_id);
+    for (const Service& service : services) {
+      if (!service.in_sdt || !on_air(service, at))
+        continue;
+      dvbpsi_sdt_service_t* added = dvbpsi_sdt_service_add(sdt, service.service_id, service.eit_schedule,
+                                                           service.eit_pf, service.running_status, service.free_ca);
+      add_all(service.sdt_descriptors, [&](uint8_t tag, uint8_t length, uint8_t* data) {
+        dvbpsi_sdt_service_descriptor_add(added, tag, length, data);
+      });
+    }
+    table.variants.push_back({at, encoder->take(dvbpsi_sdt_sections_generate(encoder->handle(), sdt), "an SDT")});
+    dvbpsi_sdt_delete(sdt);
+  }
+  return table;
+}
+
+}  // namespace
+
+Encoder::Encoder() : handle_(dvbpsi_new(complain, DVBPSI_MSG_ERROR)) {
+  if (handle_ == nullptr)
+    throw Description_error("libdvbpsi could not be started");
+  handle_->p_sys = new std::string;
+}
+
+Encoder::~Encoder() {
+  delete static_cast<std::string*>(handle_->p_sys);
+  handle_->p_sys = nullptr;
+  dvbpsi_delete(handle_);
+}
+
+std::vector<Bytes> Encoder::take(dvbpsi_psi_section_t* sections, const char* what) {
+  std::vector<Bytes> result;
+  for (const dvbpsi_psi_section_t* section = sections; section != nullptr; section = section->p_next)
+    result.emplace_back(section->p_data, section->p_data + 3 + section->i_length);
+  if (sections != nullptr)
+    dvbpsi_DeletePSISections(sections);
+  auto* problem = static_cast<std::string*>(handle_->p_sys);
+  if (result.empty() || !problem->empty())
+    throw Description_error(
+        fmt::format("libdvbpsi could not make {}{}", what, problem->empty() ? "" : ": " + *problem));
+  return result;
+}
+
+void write_crc(Bytes* section) {
+  uint32_t crc = 0xFFFFFFFF;
+  const size_t end = section->size() - 4;
+  for (size_t i = 0; i < end; ++i) {
+    crc ^= uint32_t{(*section)[i]} << 24;
+    for (int bit = 0; bit < 8; ++bit)
+      crc = (crc & 0x80000000) != 0 ? crc << 1 ^ 0x04C11DB7 : crc << 1;
+  }
+  for (size_t i = 0; i < 4; ++i)
+    (*section)[end + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
+}
+
+Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
+  Encoder encoder;
+  dvbpsi_tot_t* tot = dvbpsi_tot_new(kind == TDT ? 0x70 : 0x73, 0, 0, true, mjd_bcd(epoch));
+  if (kind == TOT)
+    add_all(all.tot_descriptors,
+            [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_tot_descriptor_add(tot, tag, length, data); });
+  const std::vector<Bytes> sections =
+      encoder.take(dvbpsi_tot_sections_generate(encoder.handle(), tot), kind == TDT ? "the TDT" : "the TOT");
+  dvbpsi_tot_delete(tot);
+  Bytes section = sections.front();
+  section[1] |= 0x40;
+  // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. Not every libdvbpsi makes room for it.
+  if (kind == TOT) {
+    const size_t without_crc = 10 + size_of(all.tot_descriptors);
+    section.resize(without_crc + 4);
+    section[1] = static_cast<uint8_t>((section[1] & 0xF0) | (section.size() - 3) >> 8);
+    section[2] = static_cast<uint8_t>(section.size() - 3);
+    write_crc(&section);
+  }
+  return section;
+}
+
+std::vector<Table> make_tables(const Description& all) {
+  Encoder encoder;
+  std::vector<Table> tables;
+  tables.push_back(pat_of(all, &encoder));
+  add_pmts(all, &encoder, &tables);
+  if (all.cat)
+    tables.push_back(cat_of(all, &encoder));
+  if (all.network)
+    tables.push_back(nit_of(all, *all.network, true, &encoder));
+  for (const Network& network : all.other_networks)
+    tables.push_back(nit_of(all, network, false, &encoder));
+  tables.push_back(sdt_of(all, all.services, all.transport_stream_id, all.original_network_id, true, &encoder));
+  for (const Other_stream& other : all.other_streams)
+    tables.push_back(
+        sdt_of(all, other.services, other.transport_stream_id, other.original_network_id, false, &encoder));
+  for (Table_kind kind : {TDT, TOT}) {
+    if (!all.wanted[kind])
+      continue;
+    Table table;
+    table.kind = kind;
+    table.pid = PID_TIME;
+    tables.push_back(table);
+  }
+  for (Table& table : tables)
+    table.interval = all.intervals.table[table.kind];
+  make_eits(all, all.services, all.transport_stream_id, all.original_network_id, true, &tables);
+  for (const Other_stream& other : all.other_streams)
+    make_eits(all, other.services, other.transport_stream_id, other.original_network_id, false, &tables);
+  return tables;
+}
+
+}  // namespace softdvb_mux

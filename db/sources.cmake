@@ -1,4 +1,15 @@
 list(APPEND KELVO_SOURCES
+  db/sdbl.cpp
+  db/sdbl_backup.cpp
+  db/sdbl_eit_list.cpp
+  db/sdbl_files.cpp
+  db/sdbl_merge.cpp
+  db/sdbl_rows.cpp
+  db/sdbl_scan.cpp
+  db/sdbl_schema.cpp
+  db/sdbl_sql.cpp
+  db/sdbl_time.cpp
+  db/sdbl_tuner.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h

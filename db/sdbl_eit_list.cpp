@@ -1,0 +1,119 @@
+#include <sqlite3.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+
+#include <climits>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "db/sdbl_internal.h"
+
+using sdbl::Db_lock;
+using sdbl::report_reset;
+
+namespace {
+
+constexpr int SERVICE_WAIT_S = 10;
+
+// No timer of the kernel has this number, and 0 may be one. Arming, reading and deleting it fail without harm.
+timer_t no_timer() {
+  return reinterpret_cast<timer_t>(static_cast<intptr_t>(INT_MAX));  // NOLINT(performance-no-int-to-ptr)
+}
+
+timer_t create_timer() {
+  sigevent silent{};
+  silent.sigev_notify = SIGEV_NONE;
+  timer_t timer;
+  if (timer_create(CLOCK_REALTIME, &silent, &timer) == 0)
+    return timer;
+  KLOG(VERB_ERROR, "ERROR: timer_create: %s\n", std::strerror(errno));
+  return no_timer();
+}
+
+void arm(timer_t timer) {
+  itimerspec wait{};
+  wait.it_value.tv_sec = SERVICE_WAIT_S;
+  wait.it_interval.tv_sec = SERVICE_WAIT_S;
+  (void)timer_settime(timer, 0, &wait, nullptr);  // fails only for a timer that could not be made
+}
+
+}  // namespace
+
+bool cmp_epg_cache(const EPG_cache* a, const EPG_cache* b) {
+  return a->start_epoch < b->start_epoch;
+}
+
+// The stored events of a service, sorted by start.
+void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) {
+  Db_lock lock(db);
+  sqlite3_stmt* stmt = sql_cache(
+      false, dvbnr, "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1;", channel);
+  if (stmt == nullptr)
+    return;
+  while (sqlite3_step(stmt) == SQLITE_ROW) {
+    auto event = std::make_unique<EPG_cache>(
+        EPG_cache{sqlite3_column_int(stmt, 1), sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 2)});
+    epg->push_back(event.get());
+    (void)event.release();  // the vector's owner has it
+  }
+  report_reset(sqlite3_reset(stmt), SDBL_HERE);
+  std::sort(epg->begin(), epg->end(), cmp_epg_cache);
+}
+
+std::list<SQL_cache*>* Sdbl::get_eit_scan_list(int dvbnr, int dvb_type, int hf_conn, int freq,
+                                               std::list<SQL_cache*>* list, SCAN_STATE state) {
+  if (state != SCAN_EIT)
+    KLOG(VERB_ERROR,
+         "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using this "
+         "table\n");
+  std::list<SQL_cache*> found;
+  {
+    Db_lock lock(db);
+    sqlite3_stmt* stmt = sql_cache(false, dvbnr,
+                                   "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn "
+                                   "AND dvb_type = $dvb_type AND freq = $freq AND serv_type = 1;",
+                                   hf_conn, dvb_type, freq);
+    if (stmt == nullptr)
+      return list;
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      const int pmt_pid = sqlite3_column_int(stmt, 3) != 0 ? sqlite3_column_int(stmt, 1) : 0;
+      auto entry = std::make_unique<SQL_cache>(SQL_cache{sqlite3_column_int(stmt, 0), pmt_pid, -1,
+                                                         sqlite3_column_int(stmt, 2), no_timer(), true, false, 0, {}});
+      found.push_back(entry.get());
+      (void)entry.release();  // the list's owner gets it
+    }
+    report_reset(sqlite3_reset(stmt), SDBL_HERE);
+  }
+  for (SQL_cache* entry : found) {
+    entry->timer = create_timer();
+    arm(entry->timer);
+    read_epg_cache(dvbnr, entry->channel, &entry->epg);
+  }
+  list->splice(list->end(), found);
+  return list;
+}
+
+void Sdbl::reset_eit_scan_list(std::list<SQL_cache*>* list) {
+  for (SQL_cache* entry : *list) {
+    entry->active = true;
+    entry->scan_mark = -1;
+    entry->done = false;
+    entry->count = 0;
+    arm(entry->timer);
+  }
+}
+
+void Sdbl::clear_eit_scan_list(std::list<SQL_cache*>* list) {
+  for (SQL_cache* entry : *list) {
+    (void)timer_delete(entry->timer);  // fails only for a timer that could not be made
+    for (EPG_cache* event : entry->epg)
+      delete event;
+    delete entry;
+  }
+  list->clear();
+}

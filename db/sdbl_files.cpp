@@ -1,0 +1,58 @@
+#include "db/sdbl_files.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+namespace sdbl {
+
+std::string epg_file_of(const std::string& path) {
+  const size_t dot = path.rfind('.');
+  // Deliberate: a path without a dot is cut to nothing.
+  return (dot == std::string::npos ? std::string() : path.substr(0, dot)) + "_epg" + ".db";
+}
+
+bool file_exists(const std::string& file) {
+  return access(file.c_str(), F_OK) == 0;
+}
+
+std::string shell_quoted(const std::string& file) {
+  std::string word = "'";
+  if (!file.empty() && file.front() == '-')
+    word += "./";  // or it would be taken for an option
+  for (const char c : file) {
+    if (c == '\'')
+      word += "'\\''";
+    else
+      word += c;
+  }
+  return word += "'";
+}
+
+void run_shell(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  char* command = nullptr;
+  const int length = vasprintf(&command, format, arguments);
+  va_end(arguments);
+  if (length < 0)
+    return;
+  [[maybe_unused]] const int status = std::system(command);  // the command has told its failure itself
+  std::free(command);
+}
+
+void remove_file(const std::string& file) {
+  run_shell("rm %s </dev/null", shell_quoted(file).c_str());
+}
+
+void remove_file_and_companions(const std::string& file) {
+  run_shell("rm %s* </dev/null", shell_quoted(file).c_str());
+}
+
+void move_file(const std::string& from, const std::string& to) {
+  run_shell("mv %s %s </dev/null", shell_quoted(from).c_str(), shell_quoted(to).c_str());
+}
+
+}  // namespace sdbl

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+// Files beside a database; for the sources of Sdbl, not installed.
+namespace sdbl {
+
+// `path` cut at its last dot, directories included, and "_epg.db".
+std::string epg_file_of(const std::string& path);
+
+bool file_exists(const std::string& file);
+
+// The shell commands rm, mv and cp. File names are quoted, standard input is empty so that none of them asks, and their
+// complaints appear on standard error. Nothing is returned: the callers go on in any case.
+void remove_file(const std::string& file);
+void remove_file_and_companions(const std::string& file);  // everything that begins with its name
+void move_file(const std::string& from, const std::string& to);
+
+// A word of the shell that stands for exactly this file name.
+std::string shell_quoted(const std::string& file);
+
+// Runs the command that printf makes of `format` and quoted words.
+void run_shell(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace sdbl

@@ -1,0 +1,257 @@
+#include <sqlite3.h>
+
+#include <cstdio>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "db/sdbl_internal.h"
+
+using sdbl::report_exec;
+
+namespace {
+
+// What follows the table's name in a column's format.
+enum class Default {
+  NUMBER,    // nothing
+  TEXT,      // the default text, for %Q
+  REVISION,  // the schema's revision, for %3.2f
+};
+
+struct Column {
+  Default kind;
+  const char* format;
+  const char* text = "";
+};
+
+// The order is the table's column order: a merge copies estreams by position.
+//
+// Deliberate: the checks join their comparisons with "&", which binds tighter, so the two-sided ones are always true.
+
+const Column KANALID_COLUMNS[] = {
+    {Default::REVISION, "ALTER TABLE  %Q ADD COLUMN revision        float DEFAULT %3.2f;"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN hf_conn         int   DEFAULT 0 CHECK(hf_conn  >= 0 &  hf_conn < 32);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN dvb_type        int   DEFAULT 0 CHECK(dvb_type >= 0 &  dvb_type < 3);"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN freq            int   DEFAULT 0 CHECK(freq  > 0);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN pat_prnr        int   DEFAULT 0 CHECK(pat_prnr  >= 0 &  pat_prnr < 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN pmt_pid         int   DEFAULT 0 CHECK(pmt_pid   >= 0 &  pmt_pid  < 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN network_id      int   DEFAULT 0 CHECK(network_id  >= 0 &  network_id < 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN orig_network_id int   DEFAULT 0 CHECK(orig_network_id  >= 0 &  orig_network_id <= "
+     "65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN tstream_id      int   DEFAULT 0 CHECK(tstream_id  >= 0 &  tstream_id <= 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN lcn             int   DEFAULT 65535 CHECK(lcn  >= 0 &  lcn <= 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN pcr_pid         int   DEFAULT 0 CHECK(pcr_pid   >= 0 &  pcr_pid  <= 65535);"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN serv_name       text  DEFAULT %Q;"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN serv_type       int   DEFAULT 0 CHECK(serv_type >= 0 &  serv_type <= 255);"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN prov_name       text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN network_name    text  DEFAULT %Q;"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN run_status      int   DEFAULT 0 CHECK(run_status >= 0 &  run_status <= 255);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN free_ca         int   DEFAULT 0 CHECK(free_ca >= 0    &  free_ca < 2);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN scan_state      int   DEFAULT 0 CHECK(scan_state >= 0 &  scan_state < 256);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN row_status      int   DEFAULT 0 CHECK(row_status >= 0 &  row_status < 256);"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN modified        int   DEFAULT 0 CHECK(modified >= 0);"},
+};
+
+const Column KANALID_LANG_COLUMNS[] = {
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN lang            text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN serv_name       text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN prov_name       text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN network_name    text  DEFAULT %Q;"},
+};
+
+const Column ESTREAMS_COLUMNS[] = {
+    {Default::REVISION, "ALTER TABLE  %Q ADD COLUMN revision        float DEFAULT %3.2f;"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN es_pid          int   DEFAULT 0 CHECK(es_pid  >= 0 &  es_pid <= 65535);"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN es_type         int   DEFAULT 0;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN es_subtype      int   DEFAULT 0;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN codec           text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN languages       text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN lang_codes      text  DEFAULT %Q;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN p1              int   DEFAULT 0;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN p2              int   DEFAULT 0;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN ca_sysid        int   DEFAULT 0;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN ca_pid          int   DEFAULT 0;"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN row_status      int   DEFAULT 0 CHECK(row_status >= 0 &  row_status < 256);"},
+};
+
+const Column TUNER_TABLE_COLUMNS[] = {
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN hf_conn         int   DEFAULT 0 CHECK(hf_conn  >= 0 &  hf_conn < 32);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN dvb_type        int   DEFAULT 0 CHECK(dvb_type >= 0 &  dvb_type < 3);"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN tuner_params    text  DEFAULT %Q;"},
+};
+
+const Column EPGLIST_COLUMNS[] = {
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN channel         int   DEFAULT 0;"},
+    {Default::REVISION, "ALTER TABLE  %Q ADD COLUMN revision        float DEFAULT %3.2f;"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN ymd_bcd         int   DEFAULT 0 CHECK(ymd_bcd >= 0 );"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN hms_bcd         int   DEFAULT 0 CHECK(hms_bcd >= 0 );"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN start_epoch     int   DEFAULT 0 CHECK(start_epoch >= 0 );"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN dur_bcd         int   DEFAULT 0 CHECK(dur_bcd >= 0 );"},
+    {Default::NUMBER, "ALTER TABLE  %Q ADD COLUMN dur_sec         int   DEFAULT 0 CHECK(dur_sec >= 0 );"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN content_id      text  DEFAULT %Q;", "0.0.0.0"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN rating          text  DEFAULT %Q;", "0@est"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN run_status      int   DEFAULT 0 CHECK(run_status >= 0 &  run_status <= 255);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN free_ca         int   DEFAULT 0 CHECK(free_ca >= 0    &  free_ca < 2);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN ev_id           int   DEFAULT 0 CHECK(ev_id   >= 0    &  ev_id <= 65535);"},
+    {Default::NUMBER,
+     "ALTER TABLE  %Q ADD COLUMN pat_prnr        int   DEFAULT 0 CHECK(pat_prnr   >= 0    &  pat_prnr < 65535);"},
+};
+
+const Column EPGLIST_LANG_COLUMNS[] = {
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN lang            text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN ev_name         text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN ev_desc         text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN ext_desc        text  DEFAULT %Q;"},
+    {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN ext_list        text  DEFAULT %Q;"},
+};
+
+const char* const KANALID_INDEXES[] = {
+    "CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr);",
+};
+
+const char* const KANALID_LANG_INDEXES[] = {
+    "CREATE UNIQUE INDEX kanalid_lang_soid_lang_idx ON kanalid_lang (source_oid, lang);",
+    "CREATE INDEX kanalid_lang_soid_idx ON kanalid_lang (source_oid);",
+};
+
+const char* const ESTREAMS_INDEXES[] = {
+    "CREATE INDEX estreams_channel_idx   ON estreams (channel);",
+    "CREATE INDEX estreams_estype_idx    ON estreams (es_type);",
+    "CREATE INDEX estreams_essubtype_idx ON estreams (es_subtype);",
+    "CREATE INDEX estreams_languages_idx ON estreams (languages);",
+};
+
+const char* const TUNER_TABLE_INDEXES[] = {
+    "CREATE UNIQUE INDEX tuner_table_freq_idx ON tuner_table (freq ,hf_conn, dvb_type);",
+};
+
+const char* const EPGLIST_INDEXES[] = {
+    "CREATE INDEX epg_start_idx ON epglist (start_epoch);",
+    "CREATE INDEX epg_ch_idx ON epglist (channel);",
+    "CREATE UNIQUE INDEX epg_ch_start_idx ON epglist (channel, start_epoch);",
+    "CREATE UNIQUE INDEX epg_scanner_verify_idx ON epglist (channel, start_epoch, dur_sec);",
+};
+
+const char* const EPGLIST_LANG_INDEXES[] = {
+    "CREATE UNIQUE INDEX epg_lang_soid_lang_idx ON epglist_lang (source_oid, lang);",
+    "CREATE INDEX epg_lang_soid_idx ON epglist_lang (source_oid);",
+};
+
+template <size_t N>
+void add_columns(Sdbl* database, sqlite3* conn, const char* table, const Column (&columns)[N], const char* operation) {
+  for (const Column& column : columns) {
+    int rc = 0;
+    switch (column.kind) {
+      case Default::NUMBER:
+        rc = database->sql_exec(conn, column.format, table);
+        break;
+      case Default::TEXT:
+        rc = database->sql_exec(conn, column.format, table, column.text);
+        break;
+      case Default::REVISION:
+        rc = database->sql_exec(conn, column.format, table, sdbl::REVISION);
+        break;
+    }
+    report_exec(rc, operation, __LINE__);
+  }
+}
+
+template <size_t N>
+void run_all(Sdbl* database, sqlite3* conn, const char* const (&statements)[N], const char* operation) {
+  for (const char* statement : statements)
+    report_exec(database->sql_exec(conn, statement), operation, __LINE__);
+}
+
+}  // namespace
+
+void Sdbl::create_table_kanalid(const char* name, bool temp) {
+  report_exec(sql_exec(db,
+                       temp ? "CREATE TEMP TABLE %Q (channel integer primary key autoincrement);"
+                            : "CREATE TABLE %Q (channel integer primary key autoincrement);",
+                       name),
+              SDBL_HERE);
+  add_columns(this, db, name, KANALID_COLUMNS, __func__);
+}
+
+void Sdbl::create_table_kanalid_lang(const char* name, bool temp) {
+  report_exec(sql_exec(db, temp ? "CREATE TEMP TABLE %Q (source_oid int);" : "CREATE TABLE %Q (source_oid int);", name),
+              SDBL_HERE);
+  add_columns(this, db, name, KANALID_LANG_COLUMNS, __func__);
+}
+
+void Sdbl::create_table_estreams(const char* name, bool temp) {
+  report_exec(sql_exec(db, temp ? "CREATE TEMP TABLE %Q (channel int);" : "CREATE TABLE %Q (channel int);", name),
+              SDBL_HERE);
+  add_columns(this, db, name, ESTREAMS_COLUMNS, __func__);
+}
+
+// Only "no such table" makes a table: it is left alone when the file is busy, damaged or older.
+bool Sdbl::begin_missing_table(sqlite3* conn, const char* probe) {
+  if (sql_exec(conn, probe) != SQLITE_ERROR)
+    return false;
+  report_exec(sql_exec(conn, "BEGIN;"), "Sdbl", __LINE__);
+  return true;
+}
+
+void Sdbl::commit_table(sqlite3* conn) {
+  report_exec(sql_exec(conn, "COMMIT;"), "Sdbl", __LINE__);
+}
+
+void Sdbl::create_channel_tables() {
+  if (begin_missing_table(db, "SELECT * FROM kanalid;")) {
+    create_table_kanalid("kanalid", false);
+    run_all(this, db, KANALID_INDEXES, "Sdbl");
+    commit_table(db);
+  }
+  if (begin_missing_table(db, "SELECT * FROM kanalid_lang;")) {
+    create_table_kanalid_lang("kanalid_lang", false);
+    run_all(this, db, KANALID_LANG_INDEXES, "Sdbl");
+    commit_table(db);
+  }
+  if (begin_missing_table(db, "SELECT * FROM estreams;")) {
+    create_table_estreams("estreams", false);
+    run_all(this, db, ESTREAMS_INDEXES, "Sdbl");
+    commit_table(db);
+  }
+  if (begin_missing_table(db, "SELECT * FROM tuner_table;")) {
+    report_exec(sql_exec(db, "CREATE TABLE tuner_table (freq int);"), "Sdbl", __LINE__);
+    add_columns(this, db, "tuner_table", TUNER_TABLE_COLUMNS, "Sdbl");
+    run_all(this, db, TUNER_TABLE_INDEXES, "Sdbl");
+    commit_table(db);
+  }
+}
+
+void Sdbl::create_epg_tables(sqlite3* conn) {
+  if (begin_missing_table(conn, "SELECT * FROM epglist;")) {
+    report_exec(sql_exec(conn, "CREATE TABLE epglist ( entry integer primary key autoincrement );"), "Sdbl", __LINE__);
+    add_columns(this, conn, "epglist", EPGLIST_COLUMNS, "Sdbl");
+    run_all(this, conn, EPGLIST_INDEXES, "Sdbl");
+    commit_table(conn);
+  }
+  if (begin_missing_table(conn, "SELECT * FROM epglist_lang;")) {
+    report_exec(sql_exec(conn, "CREATE TABLE epglist_lang (source_oid int);"), "Sdbl", __LINE__);
+    add_columns(this, conn, "epglist_lang", EPGLIST_LANG_COLUMNS, "Sdbl");
+    run_all(this, conn, EPGLIST_LANG_INDEXES, "Sdbl");
+    commit_table(conn);
+  }
+}

@@ -1,0 +1,137 @@
+#include <linux/dvb/frontend.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "db/sdbl_internal.h"
+
+using sdbl::Db_lock;
+using sdbl::report_reset;
+
+namespace {
+
+constexpr char TUNER_PARAMS[] = "Fr: %10d Bw: %2d CrH: %2d CrL: %2d Mod: %2d TrM: %2d Grd: %2d Hir: %2d";
+constexpr char SELECT_PARAMS[] =
+    "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con";
+constexpr int NOTHING_READ = 1;
+
+// Line numbers that the messages about a failing reset have always carried.
+constexpr int LINE_INSERTED = 1954;
+constexpr int LINE_UPDATED = 1962;
+constexpr int LINE_NOT_FOUND = 1979;
+constexpr int LINE_FOUND = 1993;
+
+// Fields of the terrestrial delivery system descriptor (EN 300 468, 6.2.13.4), as the frontend interface numbers them;
+// the index is the value that is broadcast.
+constexpr int BANDWIDTHS[] = {BANDWIDTH_8_MHZ, BANDWIDTH_7_MHZ, BANDWIDTH_6_MHZ};
+constexpr int CONSTELLATIONS[] = {QPSK, QAM_16, QAM_64};
+constexpr int CODE_RATES[] = {FEC_1_2, FEC_2_3, FEC_3_4, FEC_5_6, FEC_7_8};
+constexpr int GUARD_INTERVALS[] = {GUARD_INTERVAL_1_32, GUARD_INTERVAL_1_16, GUARD_INTERVAL_1_8, GUARD_INTERVAL_1_4};
+constexpr int TRANSMISSION_MODES[] = {0, 2, 1};  // Deliberate: the modes 1 and 2 are exchanged.
+constexpr int HIERARCHY_BITS = 3;
+
+template <size_t N>
+int converted(const int (&values)[N], int field, bool* valid) {
+  if (field >= 0 && field < static_cast<int>(N))
+    return values[field];
+  *valid = false;
+  return 0;
+}
+
+// The stored numbers may be any; an enumeration that cannot hold them is still only passed on to the driver.
+template <typename Field>
+void store(Field* field, int value) {
+  static_assert(sizeof(Field) == sizeof value);
+  std::memcpy(field, &value, sizeof value);
+}
+
+// Fills as many fields as the line has numbers.
+void fill_from_line(const char* line, dvb_frontend_parameters* out) {
+  int v[8];
+  const int count = std::sscanf(line, TUNER_PARAMS, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &v[6], &v[7]);
+  dvb_ofdm_parameters& ofdm = out->u.ofdm;
+  if (count >= 1)
+    out->frequency = static_cast<unsigned>(v[0]);
+  if (count >= 2)
+    store(&ofdm.bandwidth, v[1]);
+  if (count >= 3)
+    store(&ofdm.code_rate_HP, v[2]);
+  if (count >= 4)
+    store(&ofdm.code_rate_LP, v[3]);
+  if (count >= 5)
+    store(&ofdm.constellation, v[4]);
+  if (count >= 6)
+    store(&ofdm.transmission_mode, v[5]);
+  if (count >= 7)
+    store(&ofdm.guard_interval, v[6]);
+  if (count >= 8)
+    store(&ofdm.hierarchy_information, v[7]);
+  out->inversion = INVERSION_OFF;
+}
+
+}  // namespace
+
+int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, int bandwidth, int constellation,
+                                 int hierarchy, int code_rate_hp, int code_rate_lp, int guard_interval,
+                                 int transmission_mode) {
+  bool valid = true;
+  const int bw = converted(BANDWIDTHS, bandwidth, &valid);
+  const int modulation = converted(CONSTELLATIONS, constellation, &valid);
+  const int rate_hp = converted(CODE_RATES, code_rate_hp, &valid);
+  const int rate_lp = converted(CODE_RATES, code_rate_lp, &valid);
+  const int guard = converted(GUARD_INTERVALS, guard_interval, &valid);
+  const int mode = converted(TRANSMISSION_MODES, transmission_mode, &valid);
+  if (!valid) {
+    KLOG(VERB_WARNING, "WARNING: Incorrect parameters for linux-dvb\n");
+    return 0;
+  }
+  char line[160];
+  (void)std::snprintf(line, sizeof line, TUNER_PARAMS, freq, bw, rate_hp, rate_lp, modulation, mode, guard,
+                      hierarchy & HIERARCHY_BITS);
+  KLOG(VERB_WARNING, "WARNING: Dvb parameters %s\n", line);
+
+  Db_lock lock(db);
+  // Deliberate: connector and type are exchanged, here and in fill_frontend_control().
+  sqlite3_stmt* stmt = sql_cache(false, 0, SELECT_PARAMS, freq, connector, type);
+  const int step = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  if (step == SQLITE_DONE) {
+    (void)sql_cache(true, 0,
+                    "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
+                    "$hf_conn, @tuner_params) ",
+                    freq, type, connector, line);  // a failure is printed there
+    report_reset(sqlite3_reset(stmt), __func__, LINE_INSERTED);
+  } else if (step == SQLITE_ROW) {
+    if (std::strcmp(sdbl::column_text(stmt, 0), line) != 0) {
+      KLOG(VERB_WARNING, "WARNING: Updating parameters for dvb-t tuner\n");
+      // Deliberate: the arguments are one place off, so no line is ever updated.
+      (void)sql_cache(true, 0,
+                      "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type AND "
+                      "hf_conn = $hf_con ",
+                      line, type, connector, 0);  // a failure is printed there
+    }
+    report_reset(sqlite3_reset(stmt), __func__, LINE_UPDATED);
+  } else {
+    KLOG(VERB_WARNING, "WARNING: failed to access tuner_table\n");
+  }
+  return 0;
+}
+
+int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, dvb_frontend_parameters* out) {
+  Db_lock lock(db);
+  sqlite3_stmt* stmt = sql_cache(false, 0, SELECT_PARAMS, freq, connector, type);
+  const int step = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  if (step == SQLITE_DONE) {
+    report_reset(sqlite3_reset(stmt), __func__, LINE_NOT_FOUND);
+    return 0;
+  }
+  if (step == SQLITE_ROW) {
+    fill_from_line(sdbl::column_text(stmt, 0), out);
+    report_reset(sqlite3_reset(stmt), __func__, LINE_FOUND);
+    return 1;
+  }
+  KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");
+  return NOTHING_READ;  // Deliberate: non-zero, although `out` is untouched.
+}

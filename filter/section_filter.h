@@ -1,10 +1,10 @@
 #pragma once
 
-#include <pthread.h>
 #include <sys/select.h>
 
 #include <cstdint>
 #include <list>
+#include <mutex>
 
 #include "base/export.h"
 #include "filter/dvb_filter_desc.h"
@@ -25,10 +25,13 @@ inline constexpr int MAX_OPEN_RETRIES = 4;
 //
 // What surprises: a wanted filter that finds all eight handles taken waits, without a message, until one is free.
 // A filter whose device cannot be opened is dropped at the fifth failure. Filters on PIDs below 0x21 are never
-// restarted by check_feed_activation(). restart_all_filters() leaves filters stopped.
+// restarted by check_feed_activation(). restart_all_filters() leaves filters stopped. A slot never leaves the list
+// before the object ends, so its pointer stays good.
 //
-// Threads: each operation says *worker-only* (the thread that runs the scan loop) or *any-thread*. A mutex guards the
-// list for the any-thread ones. No operation returns an error: failures are printed and the scan goes on.
+// Threads: each operation says *worker-only* (the thread that runs the scan loop) or *any-thread*. One mutex guards
+// list, slots and the set of handles; only the wait itself runs without it. Handles are opened and closed by the worker
+// alone, so what it waits on cannot vanish. No operation returns an error: failures are printed ("ERROR: " at
+// verbosity 0, "WARNING: " at 1, others at 3 and 4) and the scan goes on.
 class KELVO_EXPORT Section_filter {
  public:
   // `device` is the demultiplexer's path, up to 255 characters, opened only when the first filter starts.
@@ -50,7 +53,8 @@ class KELVO_EXPORT Section_filter {
   // The same for one table id, with the CRC checked by the demultiplexer and 2 seconds. Any-thread.
   int addfilter(int pid, int tid, int freq);
 
-  // Frees every filter of this PID and table id. Prints an error unless there was exactly one. Returns 0. Any-thread.
+  // Frees every filter of this PID and table id. Prints an error unless there was exactly one (two programmes on one
+  // PMT PID lose both filters with the first). Returns 0. Any-thread.
   int removefilter(int pid, int tid);
 
   // Frees every filter whose PID lies in [pid_lo, pid_hi]; of `pid` with a table id in [tid_lo, tid_hi]; tagged with
@@ -60,7 +64,7 @@ class KELVO_EXPORT Section_filter {
   int remove_filter_freq(int freq);
   void remove_all();
 
-  // 1 if a filter of this PID (and table id) is in the list, in whatever state but free; else 0. Worker-only.
+  // 1 if a filter of this PID (and table id) is in the list, in whatever state but free; else 0. Any-thread.
   int pid_in_list(int pid) const;
   int pid_tid_in_list(int pid, int tid) const;
 
@@ -76,7 +80,7 @@ class KELVO_EXPORT Section_filter {
   void check_feed_activation();
 
   // Stops the running filters, keeping them; wants the stopped ones again; starts each running filter again and marks
-  // it stopped. Worker-only.
+  // it stopped, so that start_filters() programs it afresh. A filter whose ioctl fails keeps its state. Worker-only.
   void stop_filters();
   void start_filters();
   void restart_all_filters();
@@ -92,8 +96,10 @@ class KELVO_EXPORT Section_filter {
   // Kelvo ends the wait early, with 0, when a request is waiting. Worker-only, right after recalculate_filters().
   int wait_for_data(int timeout_ms);
 
-  // Reads one section of `f` into `buf` (at least SECTION_BUF_SIZE bytes). Returns its length in bytes, or 0 when there
-  // is none or it is of wrong length or CRC (printed). Reads each ready filter once per wait. Worker-only.
+  // Reads one section of `f` into `buf` (at least SECTION_BUF_SIZE bytes; what the section does not fill is zeroed).
+  // Returns its length in bytes, or 0 when there is none or it is of wrong length or CRC (printed): `buf` is of no use
+  // then. Reads each ready filter once per wait. An overflow of the kernel's buffer is a warning, and the filter goes
+  // on. Worker-only.
   unsigned int get_section_data(dvb_filter_desc* f, char* buf);
 
   // CRC-32 of `len` bytes, continuing from `crc`, without final inversion. crc32_be is the one of MPEG sections:
@@ -113,7 +119,20 @@ class KELVO_EXPORT Section_filter {
   void wake();
 
   // PID and frequency of `f`, read under the lock, because remove_all() may free the slot meanwhile (-1 and 0 then).
+  // Any-thread.
   void get_tags(const dvb_filter_desc* f, int* pid, int* freq);
 
+  int open_device(dvb_filter_desc* f);
+  void program(dvb_filter_desc* f);
+
+  mutable std::mutex mutex_;
   std::list<dvb_filter_desc*> filters_;
+  char device_[256];
+  uint32_t loop_count_ = 0;  // calls of wait_for_data()
+  int nr_opened_ = 0;
+  int max_fd_ = 0;
+  int started_ = 0;
+  int restarted_ = 0;
+  fd_set read_set_;   // before a wait the running handles, after it the ready ones not yet read
+  int wake_fd_ = -1;  // eventfd; -1 when there is none, requests then wait for the time-out
 };

@@ -1,4 +1,7 @@
 list(APPEND KELVO_SOURCES
+  filter/section_filter.cpp
+  filter/section_filter_demux.cpp
+  filter/section_filter_read.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   filter/dvb_filter_desc.h

@@ -1,0 +1,163 @@
+// Filters on the demultiplexer device: opening, programming, starting, stopping.
+#include <fcntl.h>
+#include <linux/dvb/dmx.h>
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "base/log.h"
+#include "filter/section_filter.h"
+
+namespace {
+
+constexpr int PID_EIT = 0x12;
+constexpr int FIRST_RESTARTED_PID = 0x21;
+
+void arm_timer(const dvb_filter_desc* f) {
+  const itimerspec off{};
+  if (timer_settime(f->timer, 0, &off, nullptr) < 0)
+    std::perror("fail to set timer");
+  itimerspec once{};
+  once.it_value.tv_sec = f->timeout_s;
+  if (timer_settime(f->timer, 0, &once, nullptr) < 0)
+    std::perror("fail to set timer");
+}
+
+}  // namespace
+
+// The new handle, or -1 with errno. One that select cannot wait on is no handle.
+int Section_filter::open_device(dvb_filter_desc* f) {
+  f->fd = open(device_, O_RDONLY | O_NONBLOCK);
+  if (f->fd >= FD_SETSIZE) {
+    (void)close(f->fd);
+    f->fd = -1;
+    errno = EMFILE;
+  }
+  if (f->fd >= 0) {
+    ++nr_opened_;
+    return f->fd;
+  }
+  KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_, nr_opened_,
+       static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
+  std::perror("fopen");
+  if (++f->open_retries > MAX_OPEN_RETRIES) {
+    KLOG(VERB_WARNING, "WARNING: Filter pid %x, tid %x open retries > %d, removing filter\n",
+         static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), MAX_OPEN_RETRIES);
+    f->state = FILTER_FREE;
+  }
+  f->fd = -1;
+  return -1;
+}
+
+void Section_filter::program(dvb_filter_desc* f) {
+  KLOG(VERB_TRACE, "setting HW for filter pid %d, fdes %d\n", f->pid, f->fd);
+  dmx_sct_filter_params params{};
+  params.pid = static_cast<__u16>(f->pid);
+  std::copy_n(f->filter, FILTER_LENGTH, params.filter.filter);
+  std::copy_n(f->mask, FILTER_LENGTH, params.filter.mask);
+  params.flags = ((f->flags & FILTER_FLAG_HW_CRC) != 0 ? DMX_CHECK_CRC : 0u) |
+                 ((f->flags & FILTER_FLAG_ONESHOT) != 0 ? DMX_ONESHOT : 0u);
+  KLOG(VERB_TRACE, "Filter TID is %x", static_cast<unsigned>(f->filter[0]));
+  ++started_;
+  if (ioctl(f->fd, DMX_SET_FILTER, &params) < 0)
+    KLOG(VERB_ERROR, "ERROR: ioctl DMX_SET_FILTER failed");
+  if (ioctl(f->fd, DMX_START) < 0)
+    KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
+  arm_timer(f);
+  f->state = FILTER_RUNNING;
+  if (f->pid == PID_EIT)
+    KLOG(VERB_TRACE, " +Fo%03X.%02X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
+}
+
+int Section_filter::recalculate_filters() {
+  const std::lock_guard lock(mutex_);
+  if (nr_opened_ == MAX_OPEN_DEMUX) {
+    for (dvb_filter_desc* f : filters_) {
+      if (f->state != FILTER_FREE || f->fd <= 0)
+        continue;
+      FD_CLR(f->fd, &read_set_);
+      if (close(f->fd) < 0)
+        KLOG(VERB_ERROR, "ERROR: Filter demux close failed\n");
+      f->fd = -1;
+      --nr_opened_;
+    }
+  }
+  for (dvb_filter_desc* f : filters_) {
+    if (f->state != FILTER_WANTED)
+      continue;
+    // The limit is one of opening: a slot that has its handle runs in any case.
+    if (f->fd == -1 && (nr_opened_ >= MAX_OPEN_DEMUX || open_device(f) < 0))
+      continue;
+    program(f);
+  }
+  max_fd_ = 0;
+  for (const dvb_filter_desc* f : filters_) {
+    if (f->state != FILTER_RUNNING)
+      continue;
+    FD_SET(f->fd, &read_set_);
+    max_fd_ = std::max(max_fd_, f->fd);
+  }
+  return max_fd_;
+}
+
+void Section_filter::check_feed_activation() {
+  const std::lock_guard lock(mutex_);
+  for (dvb_filter_desc* f : filters_) {
+    // Deliberate: silent filters on the fixed PIDs of SI are left as they are.
+    if (f->state != FILTER_RUNNING || f->captured != 0 || f->pid < FIRST_RESTARTED_PID)
+      continue;
+    itimerspec left{};
+    if (timer_gettime(f->timer, &left) < 0)
+      std::perror("feed activation: ");
+    if (left.it_value.tv_sec != 0)
+      continue;
+    ++f->restarts;
+    if (kelvo_log::enabled(VERB_PROGRESS)) {
+      kelvo_log::print("##Restart %s %d times: pid %x  tid %x. Started %d, restarted %d, captured %d\n", device_,
+                       f->restarts, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), started_,
+                       restarted_, f->captured);
+      ++restarted_;  // Deliberate: counted only while the line above is printed.
+    }
+    if (ioctl(f->fd, DMX_START) < 0)
+      KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
+    arm_timer(f);
+  }
+}
+
+void Section_filter::start_filters() {
+  const std::lock_guard lock(mutex_);
+  for (dvb_filter_desc* f : filters_) {
+    if (f->state == FILTER_STOPPED)
+      f->state = FILTER_WANTED;
+  }
+}
+
+void Section_filter::stop_filters() {
+  const std::lock_guard lock(mutex_);
+  for (dvb_filter_desc* f : filters_) {
+    if (f->state != FILTER_RUNNING)
+      continue;
+    if (ioctl(f->fd, DMX_STOP) < 0)
+      KLOG(VERB_ERROR, "ERROR: Filter stop failed for demux file nr %d, error %s \n", f->fd, std::strerror(errno));
+    else
+      f->state = FILTER_STOPPED;
+  }
+}
+
+void Section_filter::restart_all_filters() {
+  const std::lock_guard lock(mutex_);
+  for (dvb_filter_desc* f : filters_) {
+    if (f->state != FILTER_RUNNING)
+      continue;
+    KLOG(VERB_WARNING, "WARNING: Restarting filter for PID %x\n", static_cast<unsigned>(f->pid));
+    if (ioctl(f->fd, DMX_START) < 0)
+      KLOG(VERB_ERROR, "ERROR: Filter start failed for demux file nr %d, error %s \n", f->fd, std::strerror(errno));
+    else
+      f->state = FILTER_STOPPED;  // Deliberate: so that start_filters() programs it afresh.
+  }
+}

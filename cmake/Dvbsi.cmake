@@ -14,6 +14,7 @@ if(KELVO_DVBSI_SYSTEM)
   message(STATUS "libdvbsi++: the system's, ${DVBSI_VERSION}")
   add_library(kelvo_dvbsi INTERFACE)
   target_link_libraries(kelvo_dvbsi INTERFACE PkgConfig::DVBSI)
+  target_compile_definitions(kelvo_dvbsi INTERFACE KELVO_DVBSI_SYSTEM)  # the parser then hands over safe copies
 else()
   message(STATUS "libdvbsi++: our own, in dvbsi/")
   add_subdirectory(dvbsi)

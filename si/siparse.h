@@ -1,9 +1,13 @@
 #pragma once
 
+#include <iconv.h>
 #include <time.h>
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "base/export.h"
@@ -23,6 +27,10 @@ class TimeOffsetSection;
 struct EIT_lang;
 struct PMT_subtxt_lang;
 struct SQL_cache;
+
+namespace section_guard {
+class Safe_copy;
+}
 
 // The parser of DVB Service Information of one adapter: takes whole sections, stores what they say in the scan tables
 // and drives the scan on by adding and removing section filters. A PAT opens the filters for NIT, PMTs and SDT; each
@@ -78,7 +86,8 @@ class KELVO_EXPORT Siparse {
   int get_eit_stored() const;
 
   // One descriptor of a PMT, CAT, SDT or EIT loop (EN 300 468, 6.2). `context` says where it stood: -1 the programme
-  // loop of a PMT or a CAT, 10 an elementary stream, 1 an event, else the scan row of a service.
+  // loop of a PMT or a CAT, 10 an elementary stream, 1 an event, the frequency a TOT, else the scan row of a service.
+  // Service names (0x48, 0x5D) are stored from an SDT only. A tag that nobody handles is reported at verbosity 3.
   void parse_descriptor_info(Descriptor* descriptor, int context);
 
   // One descriptor of a NIT; -1 for both ids in the network loop.
@@ -89,10 +98,11 @@ class KELVO_EXPORT Siparse {
   PMT_subtxt_lang* find_create_subtxt_lang(const std::string& code);
   EIT_lang* find_create_epglang(const std::string& code);
 
-  // Starts the collection of the guide at the present/following table.
+  // Starts the collection of the guide at the present/following table. Returns 0.
   int start_eit_scan(int freq, SCAN_STATE state);
 
-  // Builds the list of services whose guide is collected, and whose PMTs are read again, from the database.
+  // Builds the list of services whose guide is collected, and whose PMTs are read again, from the database: television
+  // services (serv_type 1) only. Returns 0.
   int init_cache_list(int freq, SCAN_STATE state);
 
   // Starts a new round over that list.
@@ -113,16 +123,18 @@ class KELVO_EXPORT Siparse {
   int parse_section_tdt(TimeAndDateSection* section, int freq);
   int parse_section_tot(TimeOffsetSection* section, int freq);
 
-  // Modified Julian Date to BCD 0xYYYYMMDD (EN 300 468, Annex C); eight BCD digits to a number and back.
+  // Modified Julian Date to BCD 0xYYYYMMDD (EN 300 468, Annex C); eight BCD digits to a number and back. Any-thread.
   static unsigned mjd_to_bcd(unsigned mjd);
   static unsigned bcd_to_int(unsigned bcd);
   static unsigned bin_to_bcd(unsigned value);
 
-  // Prints the UTC date at verbosity 3.
+  // Prints the UTC date at verbosity 3. Any-thread.
   static void print_gmtime(time_t t);
 
   // Converts a DVB text (EN 300 468, Annex A) to UTF-8 in place and returns `text`. What cannot be converted stays as
-  // it was, with a message; so does a text that says it is UTF-8 (selector 0x15), first byte included.
+  // it was, with a message: texts of more than 2000 bytes, the Korean and Chinese tables (0x12 to 0x14), reserved
+  // selectors, most texts with selector 0x11, and texts that say they are UTF-8 (0x15), first byte included. Control
+  // codes (0x80 to 0x9F) go to the converter like any other byte.
   std::string* dvb_text_to_utf8(std::string* text);
 
   // For looking at character tables on a screen: fills a channel's guide with one event a table. The statements name
@@ -135,7 +147,83 @@ class KELVO_EXPORT Siparse {
  private:
   friend class Kelvo;  // reads pmt_from_database_
 
+  // Where the descriptors at hand stand, beyond what `context` tells.
+  enum class Loop { NONE, PMT, CAT, SDT, NIT, EIT, TOT };
+
+  template <typename Section, typename Parse>
+  void scan_long_section(const uint8_t* bytes, Parse parse);
+  template <typename Section, typename Parse>
+  void scan_section(const uint8_t* bytes, Parse parse);
+  void clear_leftovers();
+
+  bool names_storable(int context) const;
+  void parse_stream_descriptor(const Descriptor* descriptor);
+  void parse_ca_descriptor(const Descriptor* descriptor, int context);
+  void parse_language_descriptor(const Descriptor* descriptor, int context);
+  void parse_service_descriptor(const Descriptor* descriptor, int context);
+  void parse_service_names_descriptor(const Descriptor* descriptor, int context);
+  void parse_short_event_descriptor(const Descriptor* descriptor, int context);
+  void parse_extended_event_descriptor(const Descriptor* descriptor, int context);
+  void parse_content_descriptor(const Descriptor* descriptor, int context);
+  void parse_rating_descriptor(const Descriptor* descriptor);
+  void parse_teletext_descriptor(const Descriptor* descriptor);
+  void parse_subtitling_descriptor(const Descriptor* descriptor);
+  void parse_terrestrial_descriptor(const Descriptor* descriptor);
+  void parse_ac3_descriptor(const Descriptor* descriptor);
+  void parse_time_offset_descriptor(const Descriptor* descriptor, int freq);
+  void parse_network_name_descriptor(const Descriptor* descriptor, int freq, int network_id);
+  void parse_network_names_descriptor(const Descriptor* descriptor, int freq, int network_id);
+  void parse_channel_numbers_descriptor(const Descriptor* descriptor, int freq, int network_id, int ts_id,
+                                        int orig_network_id);
+  std::string utf8_of(const std::string& dvb_text);
+
+  Section_filter* const filter_;
+  char table_name_[64] = "";
+  const int dvbnr_;
+  Sdbl* const db_;
+  std::list<SQL_cache*>* cache_list_;  // services of the multiplex; scan_mark holds the last PMT version
+  int current_eit_table_ = 0;
+  std::string country_code_ = "EST";
+  int local_time_offset_ = 120;  // minutes east of UTC
+  bool time_offset_received_ = true;
+  std::atomic<bool> system_time_valid_;
+  const HF_CONN_ID conn_;
+  const DVB_TYPE_ID type_;
+  int selected_service_ = -1;
+  bool eit_info_available_ = false;
+  std::atomic<int> eit_stored_ = 0;
+  int section_counter_ = 0;
+  int eit_mismatches_ = 0;
+
+  // CA of a PMT's programme loop.
+  bool program_ca_found_ = false;
+  int program_ca_sysid_ = 0;
+  int program_ca_pid_ = 0;
+
+  static constexpr int CLOCK_TOLERANCE_S = 10;
+  static constexpr size_t ISO_8859_TABLES = 16;
+  iconv_t iso8859_[ISO_8859_TABLES];  // ISO-8859-n at n - 1
+  iconv_t iso6937_;
+  iconv_t iso10646_;
+
+  // The event at hand.
+  std::string event_content_;
+  std::string event_rating_;
+  std::list<EIT_lang*> epg_languages_;
+
+  // The elementary stream at hand.
+  int es_subtype_ = 0;
+  std::string codec_;
+  std::string languages_;
+  std::string lang_codes_;
+  int ca_sysid_ = 0;
+  int ca_pid_ = 0;
+  std::list<PMT_subtxt_lang*> subtxt_languages_;
+
   // PMTs are being read again for services of the database, and none of them was of another version so far: set by
   // init_pmt_table_scan_from_database(), cleared by the first PMT that is not the one last read.
   bool pmt_from_database_ = false;
+
+  Loop loop_ = Loop::NONE;
+  std::unique_ptr<section_guard::Safe_copy> safe_copy_;
 };

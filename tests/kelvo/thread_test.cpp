@@ -1,0 +1,178 @@
+#include "kelvo/thread.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "kelvo/main_thread.h"
+#include "support/support.h"
+#include "tuner/monitor_thread.h"
+
+namespace {
+
+class Verbosity {
+ public:
+  explicit Verbosity(int level) { verbosity_kelvo = level; }
+  ~Verbosity() { verbosity_kelvo = 0; }
+};
+
+// Works for a flag that its owner clears, as the library's own threads do.
+class Polling_thread : public COrbelThreadKelvo {
+ public:
+  explicit Polling_thread(std::atomic<bool>* running) : COrbelThreadKelvo(running) {}
+
+  std::vector<std::string> calls;  // read after Stop()
+  void* argument = nullptr;
+  void* seen_owner = nullptr;
+  pthread_t seen_thread{};
+  std::atomic<bool> executing{false};
+
+ protected:
+  void Setup() override { calls.emplace_back("Setup"); }
+  void Execute(void* arg) override {
+    calls.emplace_back("Execute");
+    argument = arg;
+    seen_owner = owner();
+    seen_thread = pthread_self();
+    executing = true;
+    const auto* running = static_cast<std::atomic<bool>*>(owner());
+    while (*running)
+      sched_yield();
+    COrbelThreadKelvo::Execute(arg);
+  }
+};
+
+std::string formatted(const char* format, int rc, unsigned thread, int from, int to) {
+  char text[200];
+  std::snprintf(text, sizeof text, format, rc, thread, from, to);
+  return text;
+}
+
+}  // namespace
+
+TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  int argument = 0;
+  ASSERT_EQ(0, thread.Start(&argument));
+  while (!thread.executing)
+    sched_yield();
+  running = false;
+  EXPECT_EQ(0, thread.Stop());
+  EXPECT_EQ((std::vector<std::string>{"Setup", "Execute"}), thread.calls);
+  EXPECT_EQ(&argument, thread.argument);
+  EXPECT_EQ(&running, thread.seen_owner);
+  EXPECT_TRUE(pthread_equal(thread.seen_thread, thread.getThreadId()));
+  EXPECT_FALSE(pthread_equal(pthread_self(), thread.getThreadId()));
+}
+
+TEST(Thread, base_class_does_nothing_and_ends) {
+  COrbelThreadKelvo thread(nullptr);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  EXPECT_EQ(0, thread.Stop());
+}
+
+TEST(Thread, stop_joins_without_telling_the_thread_to_end) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  std::atomic<bool> joined{false};
+  pthread_t stopper;
+  struct Both {
+    Polling_thread* thread;
+    std::atomic<bool>* joined;
+  } both{&thread, &joined};
+  ASSERT_EQ(0, pthread_create(
+                   &stopper, nullptr,
+                   [](void* argument) -> void* {
+                     auto* b = static_cast<Both*>(argument);
+                     b->thread->Stop();
+                     *b->joined = true;
+                     return nullptr;
+                   },
+                   &both));
+  while (!thread.executing)
+    sched_yield();
+  for (int i = 0; i < 1000; ++i)
+    sched_yield();
+  EXPECT_FALSE(joined);  // the flag is still set
+  running = false;       // which the owner clears first
+  pthread_join(stopper, nullptr);
+  EXPECT_TRUE(joined);
+}
+
+TEST(Thread, quirk_set_prio_leaves_the_thread_under_normal_scheduling_at_0) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  thread.SetPrio(10);
+  int policy = -1;
+  sched_param parameters{};
+  parameters.sched_priority = -1;
+  EXPECT_EQ(0, pthread_getschedparam(thread.getThreadId(), &policy, &parameters));
+  EXPECT_EQ(SCHED_OTHER, policy);
+  EXPECT_EQ(0, parameters.sched_priority);
+  running = false;
+  thread.Stop();
+}
+
+TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  const Verbosity verbosity(4);
+  const std::string text = support::stderr_of([&] { thread.SetPrio(10); });
+  running = false;
+  thread.Stop();
+  const auto address = static_cast<int>(reinterpret_cast<uintptr_t>(static_cast<COrbelThreadKelvo*>(&thread)));
+  EXPECT_EQ(formatted("rc %d, Changing thread %x priority from %d to %d\n", 0,
+                      static_cast<unsigned>(thread.getThreadId()), address, 10) +
+                " rc = 0 After change 0\n",
+            text);
+}
+
+TEST(Thread, set_prio_is_silent_at_verbosity_3) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  const Verbosity verbosity(3);
+  EXPECT_EQ("", support::stderr_of([&] { thread.SetPrio(10); }));
+  running = false;
+  thread.Stop();
+}
+
+TEST(Thread, set_prio_passes_any_number_on_to_the_message_only) {
+  std::atomic<bool> running{true};
+  Polling_thread thread(&running);
+  ASSERT_EQ(0, thread.Start(nullptr));
+  const Verbosity verbosity(4);
+  const std::string text = support::stderr_of([&] { thread.SetPrio(-5); });
+  running = false;
+  thread.Stop();
+  EXPECT_NE(std::string::npos, text.find(" to -5\n rc = 0 After change 0\n")) << text;
+}
+
+TEST(Thread, type_information_is_kept_for_all_three_classes) {
+  KelvoMainThread worker(nullptr);
+  TunerMonitorThread monitor(nullptr);
+  COrbelThreadKelvo* base = &worker;
+  EXPECT_EQ(typeid(KelvoMainThread), typeid(*base));
+  base = &monitor;
+  EXPECT_EQ(typeid(TunerMonitorThread), typeid(*base));
+  EXPECT_NE(typeid(COrbelThreadKelvo), typeid(*base));
+}
+
+// Interface: the fields and a table of virtual functions, nothing else.
+static_assert(sizeof(KelvoMainThread) == sizeof(COrbelThreadKelvo));
+static_assert(sizeof(TunerMonitorThread) == sizeof(COrbelThreadKelvo));
+static_assert(sizeof(COrbelThreadKelvo) == 3 * sizeof(void*) + sizeof(pthread_t));

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace dvbsi_test {
+
+// What a caller makes of a section that passed the guard's eyes.
+enum class Verdict {
+  PARSED,        // handed to a parser
+  REFUSED,       // never handed to one
+  BODY_SKIPPED,  // handed to one, but the entries of its descriptor are not used
+};
+
+struct Malformed {
+  std::string legend;
+  support::Bytes section;
+  Verdict verdict;
+  std::string outline;  // what our own classes make of it, see outline()
+};
+
+// Broken sections of every kind that real parsers stumble over.
+std::vector<Malformed> malformed_cases();
+
+// A section in a line: the tags of its loops in hexadecimal, entries in brackets. An extended event, multilingual
+// network or service name is followed by the number of its entries: "09 [52 4e(1)] []".
+std::string outline(const uint8_t* section);
+
+}  // namespace dvbsi_test

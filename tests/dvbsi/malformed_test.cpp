@@ -1,0 +1,197 @@
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <dvbsi++/event_information_section.h>
+#include <dvbsi++/network_information_section.h>
+#include <dvbsi++/program_association_section.h>
+#include <dvbsi++/program_map_section.h>
+#include <dvbsi++/service_description_section.h>
+#include <dvbsi++/time_date_section.h>
+#include <dvbsi++/time_offset_section.h>
+#include <gtest/gtest.h>
+
+#include "dvbsi/malformed_cases.h"
+#include "dvbsi/parsed.h"
+#include "dvbsi/read_all.h"
+#include "dvbsi/samples.h"
+#include "si/section_guard.h"
+
+namespace {
+
+using dvbsi_test::Block;
+using dvbsi_test::Bytes;
+using dvbsi_test::OWN;
+using dvbsi_test::parsed;
+using dvbsi_test::read_all;
+
+uint64_t hash(const Bytes& section) {
+  return read_all(Block(section).get());
+}
+
+// The same section among other bytes. A parser that looks outside the section sees a difference.
+uint64_t hash_among(const Bytes& section, uint8_t filling) {
+  Bytes wide(16 + section.size() + 4096, filling);
+  std::copy(section.begin(), section.end(), wide.begin() + 16);
+  return read_all(wide.data() + 16);
+}
+
+void expect_nothing_outside_is_read(const Bytes& section, const std::string& legend) {
+  const uint64_t expected = hash(section);
+  for (const uint8_t filling : Bytes{0x00, 0x01, 0x7F, 0xFF})
+    EXPECT_EQ(hash_among(section, filling), expected) << legend;
+}
+
+// Sections so short that their class asks for more than there is: nothing is behind them, and nothing in front.
+template <typename Section>
+void expect_empty_header(size_t length) {
+  Bytes bytes{0x42, 0xF0, static_cast<uint8_t>(length)};
+  bytes.resize(3 + length, 0xFF);
+  const auto s = parsed<Section>(bytes);
+  EXPECT_EQ(s->getTableId(), 0x42);
+  EXPECT_EQ(s->getSectionLength(), length);
+  EXPECT_EQ(s->getTableIdExtension(), length == 0 ? 0 : length == 1 ? 0xFF00 : 0xFFFF);
+  EXPECT_EQ(s->getVersionNumber(), length < 3 ? 0 : 31);
+  EXPECT_EQ(s->getSectionNumber(), length < 4 ? 0 : 0xFF);
+  EXPECT_EQ(s->getLastSectionNumber(), 0);
+}
+
+TEST(Malformed, long_sections_shorter_than_their_header) {
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  for (size_t length = 0; length < 5; ++length) {
+    expect_empty_header<LongSection>(length);
+    expect_empty_header<LongCrcSection>(length);
+    expect_empty_header<ProgramAssociationSection>(length);
+    expect_empty_header<ConditionalAccessSection>(length);
+    expect_empty_header<ProgramMapSection>(length);
+    expect_empty_header<NetworkInformationSection>(length);
+    expect_empty_header<ServiceDescriptionSection>(length);
+    expect_empty_header<EventInformationSection>(length);
+  }
+}
+
+TEST(Malformed, short_sections_shorter_than_their_crc) {
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  EXPECT_EQ(parsed<TimeOffsetSection>({0x73, 0x70, 0x00})->getCrc32(), 0u);
+  EXPECT_EQ(parsed<ShortCrcSection>({0x73, 0x70, 0x01, 0xAB})->getCrc32(), 0x737001ABu);
+  EXPECT_EQ(parsed<TimeAndDateSection>({0x70, 0x70, 0x00})->getUtcTimeBcd(), 0u);
+}
+
+TEST(Malformed, lengths_beyond_the_longest_section_are_read_up_to_4096_bytes) {
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  for (const size_t length : {4094, 4095}) {
+    for (const uint8_t table_id : Bytes{0x00, 0x01, 0x02, 0x40, 0x42, 0x4E, 0x72, 0x73}) {
+      Bytes bytes(4096, 0x11);
+      bytes[0] = table_id;
+      bytes[1] = 0xFF;
+      bytes[2] = static_cast<uint8_t>(length);
+      EXPECT_EQ(parsed<LongCrcSection>(bytes)->getCrc32(), length == 4094 ? 0x11111100u : 0x11110000u);
+      EXPECT_EQ(hash(bytes), hash_among(bytes, 0xFF)) << int{table_id};
+    }
+  }
+}
+
+TEST(Malformed, what_is_left_of_each_case) {
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
+    EXPECT_EQ(dvbsi_test::outline(Block(row.section).get()), row.outline) << row.legend;
+    expect_nothing_outside_is_read(row.section, row.legend);
+  }
+}
+
+TEST(Malformed, what_is_left_behind_the_guard) {
+  section_guard::Safe_copy copy;
+  for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
+    if (row.verdict != dvbsi_test::Verdict::PARSED)
+      continue;
+    ASSERT_EQ(section_guard::section_problem(row.section.data(), row.section.size()), nullptr) << row.legend;
+    EXPECT_EQ(dvbsi_test::outline(copy.copy(row.section.data(), row.section.size())), row.outline) << row.legend;
+  }
+}
+
+TEST(Malformed, kept_cases_of_the_shared_collection) {
+  const std::string folder = dvbsi_test::shared_file("malformed");
+  if (folder.empty())
+    GTEST_SKIP() << "no shared files here";
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    std::istringstream lines(support::read_file(entry.path().string()));
+    const bool mixed = entry.path().filename() == "random_found.txt";  // the section is the last word of each line
+    Bytes section;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.empty() || line[0] == '#')
+        continue;
+      const std::string digits = mixed ? line.substr(line.rfind(' ') + 1) : line;
+      if (mixed)
+        section.clear();
+      for (size_t i = 0; i + 2 <= digits.size(); i += 2)
+        section.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+      if (mixed)
+        expect_nothing_outside_is_read(section, line);
+    }
+    if (entry.path().filename().string().starts_with("short_crc"))
+      section.resize(4096);
+    expect_nothing_outside_is_read(section, entry.path().filename().string());
+    ++files;
+  }
+  EXPECT_GE(files, 60u);
+}
+
+TEST(Damage, our_classes_stay_inside_the_section) {
+  if (!OWN)
+    GTEST_SKIP() << "never given to the system's library";
+  dvbsi_test::Random random(20240611);
+  const std::vector<Bytes> samples = dvbsi_test::sample_sections();
+  for (int round = 0; round < 3000; ++round) {
+    for (const Bytes& sample : samples) {
+      const Bytes bytes = dvbsi_test::damaged(sample, random);
+      ASSERT_EQ(hash(bytes), hash_among(bytes, 0xFF)) << "round " << round << " table " << int{sample[0]};
+    }
+    for (int i = 0; i < 10; ++i) {
+      const Bytes bytes = dvbsi_test::random_section(random);
+      ASSERT_EQ(hash(bytes), hash_among(bytes, 0xFF)) << "round " << round;
+    }
+  }
+}
+
+// With the guard in front, any implementation of the classes comes to an end and reads no further than the room that
+// Safe_copy gives it.
+TEST(Damage, any_classes_stay_inside_the_guards_room) {
+  dvbsi_test::Random random(20240612);
+  const std::vector<Bytes> samples = dvbsi_test::sample_sections();
+  section_guard::Safe_copy copy;
+  size_t refused = 0, accepted = 0;
+  for (int round = 0; round < 2000; ++round) {
+    for (size_t i = 0; i < 2 * samples.size(); ++i) {
+      const Bytes bytes =
+          i < samples.size() ? dvbsi_test::damaged(samples[i], random) : dvbsi_test::random_section(random);
+      if (section_guard::section_problem(bytes.data(), bytes.size()) != nullptr) {
+        ++refused;
+        continue;
+      }
+      ++accepted;
+      const uint64_t first = read_all(copy.copy(bytes.data(), bytes.size()));
+      ASSERT_EQ(read_all(copy.copy(bytes.data(), bytes.size())), first);
+    }
+  }
+  EXPECT_GT(refused, 1000u);
+  EXPECT_GT(accepted, 20000u);
+}
+
+TEST(Damage, whole_sections_pass_the_guard_and_come_out_the_same) {
+  section_guard::Safe_copy copy;
+  for (const Bytes& sample : dvbsi_test::sample_sections()) {
+    ASSERT_EQ(section_guard::section_problem(sample.data(), sample.size()), nullptr) << int{sample[0]};
+    EXPECT_EQ(read_all(copy.copy(sample.data(), sample.size())), hash(sample)) << int{sample[0]};
+  }
+}
+
+}  // namespace

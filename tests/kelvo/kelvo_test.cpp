@@ -1,0 +1,264 @@
+// The facade without devices; what needs a stream is in tests/scan.
+#include "kelvo/kelvo.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/support.h"
+
+namespace {
+
+std::atomic<int> last_change{0};
+std::atomic<int> answers{0};
+
+void changed(int code) {
+  last_change = code;
+}
+
+void done(void* /*data*/, int /*result*/) {
+  ++answers;
+}
+
+template <typename Condition>
+bool soon(Condition condition) {
+  for (int i = 0; i < 3000; ++i) {
+    if (condition())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+constexpr int ADAPTER = 3;
+
+class Kelvo_test : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (access("/dev/dvb/adapter3", F_OK) == 0)
+      GTEST_SKIP() << "this machine has an adapter 3, which the test would use";
+    last_change = 0;
+    answers = 0;
+  }
+  ~Kelvo_test() override { verbosity_kelvo = 0; }
+
+  std::unique_ptr<Kelvo> make(bool tuner) {
+    const int verbosity = verbosity_kelvo.exchange(-1);
+    const support::Stderr_capture capture;
+    auto kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, tuner, changed);
+    verbosity_kelvo = verbosity;
+    return kelvo;
+  }
+
+  support::Temp_dir folder_;
+  Sdbl database_{folder_.file("dvb.db").c_str()};
+};
+
+}  // namespace
+
+TEST_F(Kelvo_test, without_tuner_readings_are_those_of_no_signal) {
+  const auto kelvo = make(false);
+  EXPECT_EQ(32, kelvo->fe_status());
+  EXPECT_EQ(0, kelvo->fe_freq());
+  EXPECT_EQ(-24.0F, kelvo->fe_strength());
+  EXPECT_EQ(1.0F, kelvo->fe_snr());
+  EXPECT_EQ(0.1F, kelvo->fe_ber());
+}
+
+TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
+  const auto kelvo = make(false);
+  verbosity_kelvo = 4;
+  const std::string text = support::stderr_of([&] {
+    kelvo->set_stb_event_callback([](unsigned, void*) { ADD_FAILURE(); });
+    kelvo->set_stb_event_callback(nullptr);
+    kelvo->disable_tunerevents();
+    EXPECT_EQ(0, kelvo->reset_signal_monitor());
+  });
+  EXPECT_EQ(std::string::npos, text.find("Resetting")) << text;
+}
+
+TEST_F(Kelvo_test, without_tuner_the_constructor_says_so_at_every_verbosity) {
+  for (const int level : {-1, 0, 1}) {
+    verbosity_kelvo = level;
+    std::unique_ptr<Kelvo> kelvo;
+    EXPECT_EQ("Tuner disconnected, passive stream scan\n",
+              support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }));
+  }
+}
+
+TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
+  const auto kelvo = make(true);
+  EXPECT_EQ(0, kelvo->fe_freq());
+  EXPECT_EQ(0, kelvo->fe_status());
+  verbosity_kelvo = -1;
+  int data = 0;
+  EXPECT_EQ(0, kelvo->tune_to_freq(506000000, &data, done));
+  EXPECT_TRUE(kelvo->get_msg_state());
+  verbosity_kelvo = 4;
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, kelvo->tune_to_freq(506000000, -1, &data, done)); });
+  EXPECT_NE(std::string::npos, text.find("dvb_tuner returned 0\n"));
+  verbosity_kelvo = 3;
+  const std::string below = support::stderr_of([&] { EXPECT_EQ(0, kelvo->tune_to_freq(506000000, -1, &data, done)); });
+  EXPECT_EQ(std::string::npos, below.find("dvb_tuner"));
+  EXPECT_EQ(0, answers);
+}
+
+TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_nothing) {
+  const auto kelvo = make(false);
+  const auto set = [&](bool on, int level) {
+    verbosity_kelvo = level;
+    std::string text = support::stderr_of([&] { kelvo->set_scan(on); });
+    verbosity_kelvo = 0;
+    return text;
+  };
+  // The worker prints as well once it has seen the change.
+  EXPECT_EQ(0U, set(true, 3).find("WARNING: #### Scan state from false to true.  Done\n"));
+  EXPECT_EQ(0U, set(true, 3).find("WARNING: #### Scan state from true to true. Same state, unchanged\n"));
+  EXPECT_EQ(0U, set(true, 1).find("WARNING: #### Scan state from true to true. "));
+  EXPECT_EQ(std::string::npos, set(true, 2).find("Same state"));
+  EXPECT_EQ(std::string::npos, set(true, 0).find("Scan state"));
+  EXPECT_EQ(0U, set(false, 3).find("WARNING: #### Scan state from true to false.  Done\n"));
+  EXPECT_EQ(0U, set(true, 2).find("WARNING: #### Scan state from false to true. "));
+}
+
+TEST_F(Kelvo_test, worker_tells_at_verbosity_1_that_it_starts_and_stops) {
+  const auto kelvo = make(false);
+  verbosity_kelvo = 1;
+  const support::Stderr_capture capture;
+  kelvo->set_scan(true);
+  EXPECT_TRUE(soon([&] { return capture.text().find("WARNING: Starting kelvo PAT/PMT") != std::string::npos; }));
+  kelvo->set_scan(false);
+  EXPECT_TRUE(soon([&] { return capture.text().find("WARNING: Stopping kelvo scanner\n") != std::string::npos; }));
+}
+
+TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
+  const auto kelvo = make(false);
+  EXPECT_FALSE(kelvo->export_db_in_progress());
+  const support::Stderr_capture capture;
+  // Without a name nothing is written, but the request runs its course.
+  EXPECT_TRUE(kelvo->export_db("", true));
+  EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress() && last_change == DB_EXPORTED; }));
+  EXPECT_TRUE(kelvo->export_db("", false));
+  EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress(); }));
+  EXPECT_EQ("ERROR: Backup file name not set!ERROR: Backup file name not set!", capture.text());
+}
+
+TEST_F(Kelvo_test, export_without_a_change_callback_runs_all_the_same) {
+  const int verbosity = verbosity_kelvo.exchange(-1);
+  Kelvo kelvo(ADAPTER, 0, 0, &database_, false, nullptr);
+  EXPECT_TRUE(kelvo.export_db("", true));
+  EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress(); }));
+  verbosity_kelvo = verbosity;
+}
+
+TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_it_cannot) {
+  const auto kelvo = make(false);
+  const std::string file = folder_.file("copy.db");
+  kelvo->export_channel_db(file.c_str());
+  EXPECT_EQ(0, access(file.c_str(), F_OK));
+  EXPECT_EQ("SQLite format 3", support::read_file(file).substr(0, 15));
+}
+
+TEST_F(Kelvo_test, verbosity_is_one_for_all) {
+  const auto kelvo = make(false);
+  kelvo->set_verbosity(2);
+  EXPECT_EQ(2, verbosity_kelvo);
+}
+
+TEST_F(Kelvo_test, clock_past_1999_is_valid_at_the_start) {
+  const auto kelvo = make(false);
+  EXPECT_TRUE(kelvo->time_valid());
+}
+
+TEST_F(Kelvo_test, request_state_is_answered_before_any_request) {
+  const auto kelvo = make(false);
+  EXPECT_TRUE(kelvo->get_msg_state());
+}
+
+TEST_F(Kelvo_test, without_tuner_every_request_is_accepted_and_never_tuned_already) {
+  const auto kelvo = make(false);
+  verbosity_kelvo = 1;
+  const support::Stderr_capture capture;
+  EXPECT_EQ(-1, kelvo->tune_to_freq(474000000, 5, nullptr, done));
+  EXPECT_TRUE(soon([&] { return capture.text().find("Loop init, local channel is 5\n") != std::string::npos; }));
+  EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(0, answers);
+}
+
+TEST_F(Kelvo_test, request_is_picked_up_at_once) {
+  const auto kelvo = make(false);
+  verbosity_kelvo = -1;
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the worker's wait of a second
+  const auto from = std::chrono::steady_clock::now();
+  int data = 0;
+  EXPECT_EQ(-1, kelvo->tune_to_freq(506000000, &data, done));
+  EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
+  EXPECT_LT(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(500));
+}
+
+TEST_F(Kelvo_test, destruction_does_not_wait_for_the_end_of_a_pass) {
+  auto kelvo = make(false);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const auto from = std::chrono::steady_clock::now();
+  kelvo.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(500));
+}
+
+TEST_F(Kelvo_test, set_tuner_makes_and_deletes_and_repeats_nothing) {
+  const auto kelvo = make(false);
+  verbosity_kelvo = 3;
+  EXPECT_EQ("", support::stderr_of([&] { kelvo->set_tuner(false); }));
+  const std::string connected = support::stderr_of([&] { kelvo->set_tuner(true); });
+  EXPECT_EQ(0U, connected.find("reconnecting tuner\nERROR: Failed to  open /dev/dvb/adapter3/frontend0\n"))
+      << connected;
+  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(true); }).find("connecting"));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(0, kelvo->fe_status());
+  verbosity_kelvo = 3;
+  EXPECT_EQ("Disconnecting tuner\n", support::stderr_of([&] { kelvo->set_tuner(false); }));
+  verbosity_kelvo = 2;
+  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(true); }).find("reconnecting"));
+  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(false); }).find("Disconnecting"));
+  EXPECT_EQ(32, kelvo->fe_status());
+}
+
+TEST_F(Kelvo_test, tuner_may_be_taken_away_under_threads_that_read_it) {
+  const auto kelvo = make(true);
+  verbosity_kelvo = -1;
+  const support::Stderr_capture capture;  // each connection prints why there is no device
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    while (!stop) {
+      (void)kelvo->fe_freq();
+      (void)kelvo->fe_status();
+      (void)kelvo->fe_snr();
+      (void)kelvo->fe_strength();
+      (void)kelvo->tune_to_freq(506000000, 1, nullptr, done);
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    kelvo->set_tuner(false);
+    kelvo->set_tuner(true);
+  }
+  stop = true;
+  reader.join();
+  EXPECT_EQ(0, kelvo->fe_freq());
+}
+
+TEST_F(Kelvo_test, worker_carries_its_name) {
+  const auto kelvo = make(false);
+  EXPECT_TRUE(soon([] {
+    for (int tid = getpid(); tid < getpid() + 5000; ++tid) {
+      if (support::read_file("/proc/self/task/" + std::to_string(tid) + "/comm") == "kelvo_th\n")
+        return true;
+    }
+    return false;
+  }));
+}

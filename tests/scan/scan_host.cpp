@@ -1,0 +1,235 @@
+// A host of the library that does what a script tells it, a command a line, and prints what comes back, with the
+// seconds since its start:
+//
+//   open FILE                     the database; before all else
+//   kelvo N tuner|passive         creates the Kelvo of adapter N, with callbacks
+//   delete N                      destroys it
+//   freq N HZ                     frequency request, answered by "done N RESULT"
+//   freq_without_data N HZ        the same with null data
+//   channel N HZ CHANNEL          channel request
+//   wait_done N SECONDS           until the last frequency request is answered
+//   wait_change N CODE SECONDS    until the change callback got CODE since the last wait_change
+//   wait_sql SECONDS SQL          until the query (of one number) answers other than 0
+//   scan N on|off, tuner N on|off
+//   export N FILE, export_channels N FILE
+//   state N                       message state, export in progress, clock valid
+//   readings N
+//   sql SQL                       one number
+//   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
+//
+// Lines of callbacks appear as they come: "done N RESULT", "change N CODE".
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "kelvo/kelvo.h"
+
+namespace {
+
+double now_s() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+const double start_s = now_s();
+std::mutex print_lock;
+
+void say(const std::string& text) {
+  const std::lock_guard<std::mutex> lock(print_lock);
+  std::printf("%.2f\t%s\n", now_s() - start_s, text.c_str());
+  std::fflush(stdout);
+}
+
+constexpr int ADAPTERS = 4;
+
+struct Adapter {
+  std::unique_ptr<Kelvo> kelvo;
+  std::atomic<int> answers{0};
+  int requests = 0;
+  std::atomic<unsigned> changes{0};
+};
+
+std::array<Adapter, ADAPTERS> adapters;
+std::unique_ptr<Sdbl> database;
+
+template <int N>
+void changed(int code) {
+  say("change " + std::to_string(N) + " " + std::to_string(code));
+  adapters[N].changes |= static_cast<unsigned>(code);
+}
+constexpr Kelvo::change_callback_t CHANGED[ADAPTERS] = {changed<0>, changed<1>, changed<2>, changed<3>};
+
+void done(void* data, int result) {
+  const auto* adapter = static_cast<Adapter*>(data);
+  say("done " + std::to_string(adapter - adapters.data()) + " " + std::to_string(result));
+  ++adapters[static_cast<size_t>(adapter - adapters.data())].answers;
+}
+
+template <typename Condition>
+bool wait_until(double seconds, Condition condition) {
+  const double end = now_s() + seconds;
+  while (!condition()) {
+    if (now_s() > end)
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+int ask(const std::string& sql) {
+  int value = -1;
+  if (database->sql_get_int(&value, 0, "%s", sql.c_str()) != 0)
+    return 0;
+  return value;
+}
+
+std::string rest(std::istringstream& in) {
+  std::string text;
+  std::getline(in >> std::ws, text);
+  return text;
+}
+
+[[noreturn]] void wrong(const std::string& line) {
+  std::fprintf(stderr, "scan_host: wrong command: %s\n", line.c_str());
+  std::exit(2);
+}
+
+void run_global(const std::string& command, std::istringstream& in, const std::string& line) {
+  if (command == "open") {
+    database = std::make_unique<Sdbl>(rest(in).c_str());
+  } else if (command == "verbosity") {
+    int level = 0;
+    in >> level;
+    verbosity_kelvo = level;
+  } else if (command == "sleep") {
+    double seconds = 0;
+    in >> seconds;
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  } else if (command == "write") {
+    std::string file;
+    in >> file;
+    std::ofstream(file) << rest(in) << "\n";
+  } else if (command == "exists") {
+    const std::string file = rest(in);
+    say(std::string("exists ") + (access(file.c_str(), F_OK) == 0 ? "yes" : "no"));
+  } else if (command == "sql") {
+    say("sql " + std::to_string(ask(rest(in))));
+  } else if (command == "wait_sql") {
+    double seconds = 0;
+    in >> seconds;
+    const std::string sql = rest(in);
+    say(wait_until(seconds, [&] { return ask(sql) != 0; }) ? "true" : "never true: " + sql);
+  } else {
+    wrong(line);
+  }
+}
+
+void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istringstream& in, const std::string& line) {
+  std::string word;
+  int hz = 0;
+  int channel = 0;
+  double seconds = 0;
+  if (command == "kelvo") {
+    in >> word;
+    a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), 0, 0, database.get(), word == "tuner", CHANGED[n]);
+    return;
+  }
+  if (a.kelvo == nullptr)
+    wrong(line);
+  if (command == "delete") {
+    a.kelvo.reset();
+    say("deleted");
+  } else if (command == "freq") {
+    in >> hz;
+    const int answers = a.answers;
+    const int result = a.kelvo->tune_to_freq(hz, &a, done);
+    a.requests = answers + 1;
+    say("freq " + std::to_string(result));
+  } else if (command == "freq_without_data") {
+    in >> hz;
+    say("freq " + std::to_string(a.kelvo->tune_to_freq(hz, nullptr, done)));
+  } else if (command == "channel") {
+    in >> hz >> channel;
+    say("channel " + std::to_string(a.kelvo->tune_to_freq(hz, channel, &a, done)));
+  } else if (command == "wait_done") {
+    in >> seconds;
+    if (!wait_until(seconds, [&] { return a.answers >= a.requests; }))
+      say("no answer");
+  } else if (command == "wait_change") {
+    unsigned code = 0;
+    in >> code >> seconds;
+    if (!wait_until(seconds, [&] { return (a.changes & code) == code; }))
+      say("no change " + std::to_string(code));
+    a.changes = 0;
+  } else if (command == "scan") {
+    in >> word;
+    a.kelvo->set_scan(word == "on");
+  } else if (command == "tuner") {
+    in >> word;
+    a.kelvo->set_tuner(word == "on");
+  } else if (command == "export") {
+    say("export " + std::to_string(a.kelvo->export_db(rest(in).c_str(), true)));
+  } else if (command == "export_channels") {
+    a.kelvo->export_channel_db(rest(in).c_str());
+  } else if (command == "state") {
+    say("state " + std::to_string(a.kelvo->get_msg_state()) + " " + std::to_string(a.kelvo->export_db_in_progress()) +
+        " " + std::to_string(a.kelvo->time_valid()));
+  } else if (command == "readings") {
+    char text[200];
+    std::snprintf(text, sizeof text, "readings %d %.1f %d %.2f %.1f", a.kelvo->fe_freq(),
+                  static_cast<double>(a.kelvo->fe_strength()), static_cast<unsigned>(a.kelvo->fe_status()),
+                  static_cast<double>(a.kelvo->fe_snr()), static_cast<double>(a.kelvo->fe_ber()));
+    say(text);
+  } else {
+    wrong(line);
+  }
+}
+
+void run(const std::string& line) {
+  std::istringstream in(line);
+  std::string command;
+  if (!(in >> command) || command[0] == '#')
+    return;
+  for (const char* global : {"open", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
+    if (command == global)
+      return run_global(command, in, line);
+  }
+  size_t n = 0;
+  if (!(in >> n) || n >= ADAPTERS || database == nullptr)
+    wrong(line);
+  run_on_adapter(command, n, adapters[n], in, line);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "Usage: scan_host SCRIPT\n");
+    return 2;
+  }
+  std::ifstream script(argv[1]);
+  if (!script) {
+    std::fprintf(stderr, "scan_host: %s cannot be read\n", argv[1]);
+    return 1;
+  }
+  for (std::string line; std::getline(script, line);)
+    run(line);
+  for (Adapter& adapter : adapters)
+    adapter.kelvo.reset();
+  database.reset();
+  say("end");
+  return 0;
+}

@@ -150,8 +150,8 @@ void Kelvo::set_scan(bool on) {
     return;
   }
   scan_requested_ = on;
-  filter_->wake();
   KLOG(VERB_PROGRESS, " Done\n");
+  filter_->wake();  // after the line is whole, so that the worker's does not break in
 }
 
 void Kelvo::set_tuner(bool connect) {

@@ -111,20 +111,24 @@ TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
 
 TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_nothing) {
   const auto kelvo = make(false);
-  const auto set = [&](bool on, int level) {
+  // After a change the worker has its say as well.
+  const auto set = [&](bool on, int level, const std::string& worker = "") {
     verbosity_kelvo = level;
-    std::string text = support::stderr_of([&] { kelvo->set_scan(on); });
+    const support::Stderr_capture capture;
+    kelvo->set_scan(on);
+    EXPECT_TRUE(soon([&] { return capture.text().find(worker) != std::string::npos; }));
     verbosity_kelvo = 0;
-    return text;
+    return capture.text();
   };
-  // The worker prints as well once it has seen the change.
-  EXPECT_EQ(0U, set(true, 3).find("WARNING: #### Scan state from false to true.  Done\n"));
-  EXPECT_EQ(0U, set(true, 3).find("WARNING: #### Scan state from true to true. Same state, unchanged\n"));
-  EXPECT_EQ(0U, set(true, 1).find("WARNING: #### Scan state from true to true. "));
-  EXPECT_EQ(std::string::npos, set(true, 2).find("Same state"));
-  EXPECT_EQ(std::string::npos, set(true, 0).find("Scan state"));
-  EXPECT_EQ(0U, set(false, 3).find("WARNING: #### Scan state from true to false.  Done\n"));
-  EXPECT_EQ(0U, set(true, 2).find("WARNING: #### Scan state from false to true. "));
+  const std::string starting = "WARNING: Starting kelvo PAT/PMT";
+  const std::string stopping = "WARNING: Stopping kelvo scanner\n";
+  EXPECT_EQ("WARNING: #### Scan state from false to true.  Done\n" + starting, set(true, 3, starting));
+  EXPECT_EQ("WARNING: #### Scan state from true to true. Same state, unchanged\n", set(true, 3));
+  EXPECT_EQ("WARNING: #### Scan state from true to true. ", set(true, 2));
+  EXPECT_EQ("WARNING: #### Scan state from true to true. ", set(true, 1));
+  EXPECT_EQ("", set(true, 0));
+  EXPECT_EQ("WARNING: #### Scan state from true to false.  Done\n" + stopping, set(false, 3, stopping));
+  EXPECT_EQ("WARNING: #### Scan state from false to true. " + starting, set(true, 2, starting));
 }
 
 TEST_F(Kelvo_test, worker_tells_at_verbosity_1_that_it_starts_and_stops) {

@@ -1,0 +1,323 @@
+// Waiting for sections, reading them, and the CRC.
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "filter/fake_demux.h"
+#include "filter/filter_support.h"
+
+using support::Bytes;
+
+namespace {
+
+constexpr int FREQ = 506000000;
+constexpr int PID = 0x100;
+
+Bytes pmt() {
+  return support::long_section(0x02, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
+}
+
+class FilterRead : public testing::Test {
+ protected:
+  Fake_demux demux;
+  Section_filter filter{demux.path()};
+  char buffer[SECTION_BUF_SIZE];
+
+  dvb_filter_desc* start(int pid = PID, int tid = 2, int flags = FILTER_FLAG_HW_CRC) {
+    const unsigned char byte = static_cast<unsigned char>(tid);
+    const unsigned char mask = 0xFF;
+    filter.addfilter(pid, FREQ, &byte, &mask, 1, flags, 2);
+    filter.recalculate_filters();
+    return *std::find_if(filter.flist()->begin(), filter.flist()->end(), [=](auto* f) { return f->pid == pid; });
+  }
+  unsigned deliver(dvb_filter_desc* f, const Bytes& bytes) {
+    demux.put(bytes);
+    filter.recalculate_filters();
+    EXPECT_GT(filter.wait_for_data(1000), 0);
+    return filter.get_section_data(f, buffer);
+  }
+};
+
+TEST_F(FilterRead, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buffer_is_zero) {
+  dvb_filter_desc* f = start();
+  std::memset(buffer, 0x55, sizeof buffer);
+  const Bytes section = pmt();
+  EXPECT_EQ(deliver(f, section), section.size());
+  EXPECT_EQ(std::memcmp(buffer, section.data(), section.size()), 0);
+  EXPECT_TRUE(std::all_of(buffer + section.size(), buffer + sizeof buffer, [](char c) { return c == 0; }));
+  EXPECT_EQ(f->captured, 1);
+}
+
+TEST_F(FilterRead, the_longest_section_fits) {
+  dvb_filter_desc* f = start();
+  const Bytes section = support::long_section(0x02, 1, 0, Bytes(4096 - 12, 0xAB));
+  EXPECT_EQ(deliver(f, section), 4096u);
+}
+
+TEST_F(FilterRead, reading_traces_at_4) {
+  dvb_filter_desc* f = start();
+  demux.put(pmt());
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_EQ(
+      at_level(4, [&] { filter.get_section_data(f, buffer); }),
+      "Reading data loop 1 from filter PID 100 TID 2 fileno " +
+          [&] {
+            char text[16];
+            std::snprintf(text, sizeof text, "%x", static_cast<unsigned>(f->fd));
+            return std::string(text);
+          }() +
+          " nrbytes " + std::to_string(pmt().size()) + "\n");
+  demux.put(pmt());
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_EQ(at_level(3, [&] { filter.get_section_data(f, buffer); }), "");
+}
+
+TEST_F(FilterRead, nothing_to_read_is_a_time_out) {
+  start();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(filter.wait_for_data(50), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45));
+}
+
+TEST_F(FilterRead, without_filters_the_wait_is_a_time_out_too) {
+  EXPECT_EQ(filter.recalculate_filters(), 0);
+  EXPECT_EQ(filter.wait_for_data(20), 0);
+}
+
+TEST_F(FilterRead, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
+  start();
+  demux.put(pmt());
+  filter.recalculate_filters();
+  EXPECT_EQ(filter.wait_for_data(1500), 1) << "the system takes 1,500,000 microseconds";
+}
+
+TEST_F(FilterRead, a_handle_that_is_not_ready_yields_0_without_a_read) {
+  dvb_filter_desc* f = start();
+  filter.wait_for_data(0);
+  const int reads = demux.reads();
+  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(demux.reads(), reads);
+}
+
+TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait) {
+  dvb_filter_desc* f = start();
+  EXPECT_GT(deliver(f, pmt()), 0u);
+  demux.put(pmt());
+  const int reads = demux.reads();
+  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(demux.reads(), reads);
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_GT(filter.get_section_data(f, buffer), 0u);
+}
+
+TEST_F(FilterRead, a_filter_that_does_not_run_yields_0_without_a_read) {
+  dvb_filter_desc* f = start();
+  demux.put(pmt());
+  filter.wait_for_data(1000);
+  const int reads = demux.reads();
+  for (int state : {FILTER_FREE, FILTER_WANTED, FILTER_STOPPED}) {
+    f->state = state;
+    EXPECT_EQ(filter.get_section_data(f, buffer), 0u) << state;
+  }
+  EXPECT_EQ(demux.reads(), reads);
+  f->state = FILTER_RUNNING;
+}
+
+TEST_F(FilterRead, a_filter_freed_after_the_wait_is_not_read) {
+  dvb_filter_desc* f = start();
+  demux.put(pmt());
+  EXPECT_EQ(filter.wait_for_data(1000), 1);
+  filter.remove_all();
+  const int reads = demux.reads();
+  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  // The slot serves another filter at once; the old wait says nothing about it.
+  filter.addfilter(0x200, 2, FREQ);
+  f->state = FILTER_RUNNING;
+  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(demux.reads(), reads);
+}
+
+TEST_F(FilterRead, a_filter_freed_by_another_thread_during_the_wait_is_not_waited_for_again) {
+  start();
+  std::thread remover([&] { filter.remove_all(); });
+  EXPECT_EQ(filter.wait_for_data(50), 0);
+  remover.join();
+  EXPECT_EQ(filter.recalculate_filters(), 0);
+  EXPECT_EQ(filter.wait_for_data(0), 0);
+}
+
+TEST_F(FilterRead, waiting_goes_on_after_a_handle_of_the_set_was_closed) {
+  for (int i = 0; i < 8; ++i)
+    start(0x100 + i);
+  filter.remove_all();
+  filter.recalculate_filters();  // closes all eight
+  dvb_filter_desc* f = start(0x300);
+  EXPECT_GT(deliver(f, pmt()), 0u);
+}
+
+TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
+  dvb_filter_desc* f = start();
+  demux.put(pmt());
+  filter.wait_for_data(1000);
+  demux.fail_read(EOVERFLOW);
+  demux.take_calls();
+  EXPECT_EQ(at_level(1, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
+            "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }), "");
+  EXPECT_THAT(demux.take_calls(), testing::ElementsAre()) << "neither stopped nor started";
+  EXPECT_EQ(f->state, FILTER_RUNNING);
+  EXPECT_EQ(f->captured, 0);
+  demux.fail_read(0);
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_GT(filter.get_section_data(f, buffer), 0u);
+}
+
+TEST_F(FilterRead, another_read_error_is_printed_with_its_reason) {
+  dvb_filter_desc* f = start();
+  demux.put(pmt());
+  filter.wait_for_data(1000);
+  demux.fail_read(EIO);
+  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
+            "ERROR: Reading 4K into char buffer from " + std::to_string(f->fd) +
+                ", errno 5 read @ get_section_data:: Input/output error\n");
+  filter.recalculate_filters();
+  filter.wait_for_data(1000);
+  EXPECT_EQ(at_level(-1, [&] { filter.get_section_data(f, buffer); }),
+            "read @ get_section_data:: Input/output error\n");
+  EXPECT_EQ(f->state, FILTER_RUNNING);
+  demux.fail_read(0);
+}
+
+TEST_F(FilterRead, a_length_other_than_the_headers_is_refused) {
+  dvb_filter_desc* f = start();
+  Bytes longer = pmt();
+  longer.push_back(0);
+  Bytes shorter = pmt();
+  shorter.pop_back();
+  const struct {
+    const char* what;
+    Bytes bytes;
+    const char* numbers;
+  } cases[] = {
+      {"one byte more", longer, "type 2 incorrect length 17 vs header 16"},
+      {"one byte less", shorter, "type 2 incorrect length 15 vs header 16"},
+      {"half a header", {0x02, 0xB0}, "type 2 incorrect length 2 vs header 3"},
+      {"seven bytes that agree with their header",
+       {0x02, 0x30, 0x04, 1, 2, 3, 4},
+       "type 2 incorrect length 7 vs header 7"},
+      {"table id above 0x7F", {0x82, 0x00, 0x00}, "type 82 incorrect length 3 vs header 3"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }),
+              std::string("ERROR: Received section pid 100 ") + c.numbers + "\n");
+    EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }), "");
+  }
+  EXPECT_EQ(f->captured, 0);
+}
+
+TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
+  auto demux = std::make_unique<Fake_demux>();
+  Section_filter filter(demux->path());
+  filter.addfilter(PID, 2, FREQ);
+  filter.recalculate_filters();
+  demux->put(pmt());
+  filter.wait_for_data(1000);
+  char buffer[SECTION_BUF_SIZE];
+  EXPECT_GT(filter.get_section_data(slot(filter, 0), buffer), 0u);
+  demux.reset();  // nobody can write any more: ready, and read gives 0
+  filter.recalculate_filters();
+  EXPECT_EQ(filter.wait_for_data(1000), 1);
+  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 0u); }),
+            "ERROR: Received section pid 100 type 0 incorrect length 0 vs header 3\n");
+  at_level(-1, [&] { filter.remove_all(); });
+}
+
+// --- The CRC in software ---------------------------------------------------------------------------------------------
+
+TEST_F(FilterRead, a_wrong_crc_is_counted_but_returns_0) {
+  dvb_filter_desc* f = start(PID, 2, FILTER_FLAG_SOFT_CRC);
+  Bytes section = pmt();
+  section.back() ^= 1;
+  const uint8_t* end = section.data() + section.size();
+  char expected[200];
+  std::snprintf(expected, sizeof expected,
+                "ERROR: *** Received section pid 100 type 2 len 13 CRC failed, %x != 0, rdback %02x%02x%02x%02x\n",
+                support::mpeg_crc32(section.data(), section.size()), end[-4], end[-3], end[-2], end[-1]);
+  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(deliver(f, section), 0u); }), expected);
+  EXPECT_EQ(f->captured, 1);
+  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, section), 0u); }), "");
+  EXPECT_EQ(f->captured, 2);
+}
+
+TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
+  dvb_filter_desc* checked = start(PID, 2, FILTER_FLAG_SOFT_CRC);
+  EXPECT_EQ(deliver(checked, pmt()), pmt().size());
+  filter.remove_all();
+  dvb_filter_desc* unchecked = start();
+  Bytes section = pmt();
+  section.back() ^= 1;
+  EXPECT_EQ(deliver(unchecked, section), section.size());
+}
+
+TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
+  dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
+  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+  EXPECT_EQ(deliver(f, tdt), 8u);
+  Bytes tot = support::with_crc({0x73, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
+  EXPECT_EQ(deliver(f, tot), tot.size());
+  tot.back() ^= 0x10;
+  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, tot), 0u); }), "");
+  EXPECT_EQ(f->captured, 3);
+}
+
+TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
+  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+  const Bytes longer = {0x70, 0x70, 0x06, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0x00};
+  dvb_filter_desc* elsewhere = start(0x15, 0x70, FILTER_FLAG_SOFT_CRC);
+  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(elsewhere, tdt), 0u); }), "");
+  filter.remove_all();
+  dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
+  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
+}
+
+TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {
+  dvb_filter_desc* f = start(PID, 0x82, FILTER_FLAG_SOFT_CRC);
+  EXPECT_THAT(at_level(0,
+                       [&] {
+                         deliver(f, {0x82, 0x30, 0x05, 1, 2, 3, 4, 5});
+                       }),
+              testing::StartsWith("ERROR: *** Received section pid 100 type ffffff82 len 5 CRC failed, "));
+}
+
+TEST(Crc32, be_over_a_correct_section_gives_0) {
+  for (const Bytes& section : {pmt(), support::long_section(0x42, 7, 1, Bytes(500, 0x5A))})
+    EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, section.data(), static_cast<unsigned>(section.size())), 0u);
+}
+
+TEST(Crc32, known_values) {
+  const auto* digits = reinterpret_cast<const unsigned char*>("123456789");
+  EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, digits, 9), 0x0376E6E7u) << "CRC-32/MPEG-2";
+  EXPECT_EQ(Section_filter::crc32_le(0xFFFFFFFF, digits, 9), 0x340BC6D9u) << "CRC-32/JAMCRC";
+}
+
+TEST(Crc32, length_0_leaves_the_value_and_pieces_continue) {
+  const Bytes section = pmt();
+  EXPECT_EQ(Section_filter::crc32_be(0x12345678, section.data(), 0), 0x12345678u);
+  EXPECT_EQ(Section_filter::crc32_le(0x12345678, section.data(), 0), 0x12345678u);
+  const unsigned first = Section_filter::crc32_be(0xFFFFFFFF, section.data(), 5);
+  EXPECT_EQ(Section_filter::crc32_be(first, section.data() + 5, static_cast<unsigned>(section.size()) - 5), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <tuple>
+#include <vector>
+
+#include "filter/section_filter.h"
+#include "support/support.h"
+#include "support/verbosity.h"
+
+// What a slot shows in a table of expected lists: state, PID, table id.
+using Slot = std::tuple<int, int, int>;
+
+inline std::vector<Slot> slots(Section_filter& filter) {
+  std::vector<Slot> all;
+  for (const dvb_filter_desc* f : *filter.flist())
+    all.emplace_back(f->state, f->pid, f->filter[0]);
+  return all;
+}
+
+inline dvb_filter_desc* slot(Section_filter& filter, size_t index) {
+  auto at = filter.flist()->begin();
+  std::advance(at, static_cast<long>(index));
+  return *at;
+}
+
+// What `action` prints at `level`.
+template <typename Action>
+std::string at_level(int level, Action&& action) {
+  const support::Verbosity verbosity(level);
+  return support::stderr_of(action);
+}

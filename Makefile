@@ -1,0 +1,72 @@
+# The front door. Everything behind it is plain CMake; see CMakePresets.json.
+.PHONY: help demo test install clean format lint asan tsan fuzz bench soak cross packages-%
+.DEFAULT_GOAL := help
+
+PREFIX ?= /usr/local
+DESTDIR ?=
+JOBS ?= $(shell nproc)
+SOURCES = $(shell git ls-files '*.cpp' '*.h' 2>/dev/null || find . -path ./build -prune -o \( -name '*.cpp' -o -name '*.h' \) -print)
+
+help:
+	@echo "make demo      build, scan a made-up network through the software adapter, print its channels"
+	@echo "make test      build and run all tests"
+	@echo "make install   install the library, its headers and the programs (PREFIX=$(PREFIX), DESTDIR=)"
+	@echo "make format    lay out all sources with clang-format"
+	@echo "make lint      check layout, spelling and code"
+	@echo "make asan      the tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+	@echo "make tsan      the tests under ThreadSanitizer"
+	@echo "make fuzz      a minute of fuzzing of everything that comes off the air"
+	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
+	@echo "make soak      an hour of scans, looking for leaks and stalls"
+	@echo "make cross     build for the set-top box, 32-bit MIPS"
+	@echo "make clean     remove everything built"
+	@echo
+	@echo "Missing Debian packages are installed first (with sudo when not root); packaging/packages.txt lists them."
+
+packages-%:
+	@packaging/install-packages $(subst +, ,$*)
+
+demo: packages-build
+	@JOBS=$(JOBS) packaging/demo
+
+test: packages-build+test
+	@cmake --preset dev
+	@cmake --build --preset dev -j$(JOBS)
+	@ctest --preset dev -j$(JOBS)
+
+asan tsan: packages-build+test
+	@cmake --preset $@
+	@cmake --build --preset $@ -j$(JOBS)
+	@ctest --preset $@ -j$(JOBS)
+
+install: packages-build
+	@cmake --preset release -DKELVO_BENCH=OFF -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
+	@cmake --build build/install -j$(JOBS)
+	@DESTDIR="$(DESTDIR)" cmake --install build/install --strip
+
+format: packages-lint
+	@clang-format -i $(SOURCES)
+
+lint: packages-build+test+lint
+	@packaging/lint
+
+fuzz: packages-build+test+fuzz
+	@packaging/fuzz
+
+bench: packages-build+test+bench
+	@cmake --preset release
+	@cmake --build --preset release -j$(JOBS)
+	@bench/run build/release
+
+soak: packages-build+test
+	@cmake --preset dev
+	@cmake --build --preset dev -j$(JOBS)
+	@bench/soak build/dev
+
+cross: packages-build+cross
+	@cmake --preset mipsel
+	@cmake --build --preset mipsel -j$(JOBS)
+	@packaging/check-cross build/mipsel
+
+clean:
+	@rm -rf build

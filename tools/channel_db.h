@@ -1,0 +1,82 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+// A stream of a service: the rows of one PID in table estreams, joined.
+struct Stream {
+  int pid = 0;
+  int stream_type = 0;  // ISO/IEC 13818-1, table 2-34
+  std::string kind;     // "video", "audio", "teletext", "subtitles", "data"
+  std::string codec;    // "H.264", "AC-3", ...; empty where none is known
+  std::vector<std::string> languages;
+  int ca_system = 0;
+  int ca_pid = 0;
+};
+
+// A service: a row of table kanalid. All texts are clean.
+struct Service {
+  int channel = 0;
+  int lcn = 0;  // NO_LCN: none
+  std::string name;
+  std::map<std::string, std::string> names;  // by language
+  int type = 0;                              // service_type, EN 300 468, table 89
+  std::string provider;
+  std::string network;
+  int freq = 0;
+  int program_number = 0;
+  int network_id = 0;
+  int original_network_id = 0;
+  int transport_stream_id = 0;
+  int pmt_pid = 0;
+  int pcr_pid = 0;
+  bool scrambled = false;
+  int scan_state = 0;
+  int row_status = 0;
+  std::vector<Stream> streams;
+};
+
+inline constexpr int NO_LCN = 65535;
+
+// In words: "TV", "radio", ...; "found", "lost", "timed out" or "no streams" (named by the multiplex, never complete).
+std::string type_text(const Service& service);
+std::string state_text(const Service& service);
+
+// $XDG_DATA_HOME/kelvo/dvb.db or its fallback below the home folder. Throws Failure when there is no home folder.
+std::string default_database();
+
+// Makes the folders that `file` is in. Throws Failure.
+void make_folders_for(const std::string& file);
+
+// Looks whether `file`, and the guide's file beside it, can be handed to the library: a channel database that is whole
+// and may be written, or nothing where one can be made. Returns true when it exists. Throws Failure; changes nothing.
+bool check_database(const std::string& file);
+
+// A read-only connection of the command's own.
+class Channel_db {
+ public:
+  // Throws Failure when `file` is missing, damaged or no channel database.
+  explicit Channel_db(const std::string& file);
+  ~Channel_db();
+  Channel_db(const Channel_db&) = delete;
+  Channel_db& operator=(const Channel_db&) = delete;
+
+  // All services by row number; with their streams and names by language, or without.
+  std::vector<Service> services(bool with_streams) const;
+
+  // How many services of this frequency the last scan found.
+  int services_found(int freq) const;
+
+  // False when the file's structure is broken.
+  bool is_whole() const;
+
+ private:
+  friend bool check_database(const std::string& file);
+  void check_layout() const;
+
+  std::string file_;
+  sqlite3* connection_ = nullptr;
+};

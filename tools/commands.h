@@ -1,0 +1,10 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+// Each subcommand lives in a source of its own and adds itself, with its options and a callback that runs it. The
+// callback stores its exit code in `*exit_code` and throws Failure (failure.h) for what ends the command.
+void add_scan(CLI::App& app, int* exit_code);
+void add_channels(CLI::App& app, int* exit_code);

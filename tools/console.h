@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Standard error, shared by the command and the library. The library writes its diagnostics to descriptor 2; while
+// the command is quiet they are taken away and only looked through, so that people see one line and not a hundred.
+namespace console {
+
+// Writes `text` and a line break to the command's standard error.
+void say(std::string_view text);
+
+// The same without the line break: for the progress line.
+void put(std::string_view text);
+
+// Whether the command's standard error is a terminal, and how many columns it has.
+bool is_terminal();
+int width();
+
+// Takes the library's messages away during its life.
+class Quiet_library {
+ public:
+  // Does nothing but set the level when `verbosity` is 0 or more: the messages then go to standard error as they are.
+  explicit Quiet_library(int verbosity);
+  ~Quiet_library();
+  Quiet_library(const Quiet_library&) = delete;
+  Quiet_library& operator=(const Quiet_library&) = delete;
+
+  // The result code of the first SQLite failure that means that the database cannot be written (disk full, read-only,
+  // input/output error, damaged), or 0. Reads what the library has said up to now.
+  int database_failure();
+
+ private:
+  void look_through(std::string_view messages);
+
+  int pipe_read_ = -1;
+  std::string line_;
+  int failure_ = 0;
+};
+
+}  // namespace console

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+enum : int {
+  EXIT_OK = 0,
+  EXIT_FAILED = 1,
+  EXIT_USAGE = 2,
+  EXIT_INTERRUPTED = 130,
+};
+
+// Ends the command: main() prints "kelvo: " and the text on one line of standard error and exits with the code.
+class Failure : public std::runtime_error {
+ public:
+  explicit Failure(const std::string& text, int code = EXIT_FAILED) : std::runtime_error(text), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};

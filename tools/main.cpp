@@ -1,0 +1,54 @@
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/commands.h"
+#include "tools/console.h"
+#include "tools/failure.h"
+#include "tools/text.h"
+
+namespace {
+
+int say_failure(const std::string& text, int code) {
+  (void)fflush(stdout);
+  console::say("kelvo: " + clean_text(text));
+  return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Output is UTF-8 whatever the locale: the width of a character on the screen must be known.
+  (void)setlocale(LC_CTYPE, "C.UTF-8");
+  // A reader that goes away is an error of fflush(), not a silent death.
+  (void)signal(SIGPIPE, SIG_IGN);
+
+  CLI::App app("Finds the services of digital terrestrial television and keeps the channel list.", "kelvo");
+  app.set_version_flag("--version", "kelvo " KELVO_VERSION);
+  app.require_subcommand(1);
+  app.footer("'kelvo COMMAND --help' says more about a command, with examples.");
+  int exit_code = EXIT_OK;
+  add_scan(app, &exit_code);
+  add_channels(app, &exit_code);
+
+  try {
+    app.parse(argc, argv);
+    return exit_code;
+  } catch (const CLI::Success& request) {  // --help and --version
+    return app.exit(request);
+  } catch (const CLI::ParseError& error) {
+    std::string command = "kelvo";
+    for (const CLI::App* sub : app.get_subcommands()) {
+      command += " " + sub->get_name();
+    }
+    return say_failure(std::string(error.what()) + " (see '" + command + " --help')", EXIT_USAGE);
+  } catch (const Failure& failure) {
+    return say_failure(failure.what(), failure.code());
+  } catch (const std::exception& error) {
+    return say_failure(error.what(), EXIT_FAILED);
+  }
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+// Progress of a long work on the command's standard error: on a terminal one line that is written over, elsewhere
+// nothing (plain lines are printed instead). One thread.
+class Progress {
+ public:
+  // `total` steps; nothing is ever drawn unless `on`.
+  Progress(int total, bool on);
+  ~Progress() { clear(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  bool on() const { return on_; }
+  void step() { ++done_; }
+
+  // Draws the bar, `text` after it and the time left, cut to the terminal's width.
+  void draw(const std::string& text);
+
+  // Takes the line away, so that other lines can be written.
+  void clear();
+
+ private:
+  int total_;
+  int done_ = 0;
+  bool on_;
+  bool drawn_ = false;
+  std::chrono::steady_clock::time_point start_;
+};

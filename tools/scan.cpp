@@ -1,0 +1,278 @@
+#include <poll.h>
+#include <sqlite3.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+
+#include "tools/bands.h"
+#include "tools/channel_db.h"
+#include "tools/commands.h"
+#include "tools/console.h"
+#include "tools/failure.h"
+#include "tools/progress.h"
+#include "tools/scan_job.h"
+#include "tools/scan_report.h"
+#include "tools/text.h"
+
+namespace {
+
+constexpr int DRAW_INTERVAL_MS = 250;
+
+struct Scan_options {
+  std::vector<int> adapters;
+  std::vector<int> freqs;
+  std::string band;
+  std::string db;
+  int verbosity = 0;  // how often -v was given
+};
+
+// SIGINT, SIGTERM and SIGHUP as a descriptor to wait for. Threads started later do not get them either.
+class Interrupt {
+ public:
+  Interrupt() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd_ < 0) {
+      throw Failure("cannot wait for signals: too many open files?");
+    }
+  }
+  ~Interrupt() { (void)close(fd_); }
+  Interrupt(const Interrupt&) = delete;
+  Interrupt& operator=(const Interrupt&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// A file name whose guide file stands beside it: the library cuts the extension off at the last dot of the whole path.
+void check_name(const std::string& file) {
+  const size_t name = file.find_last_of('/') + 1;
+  if (file.find('.', name) == std::string::npos || file.back() == '/') {
+    throw Failure(fmt::format("--db {}: the file name needs an extension, such as dvb.db", file), EXIT_USAGE);
+  }
+  if (file.size() >= 4080) {
+    throw Failure("--db: the path is too long", EXIT_USAGE);
+  }
+}
+
+class Scan {
+ public:
+  Scan(const std::vector<int>& freqs, const std::string& db, int verbosity)
+      : db_(db),
+        freqs_(freqs),
+        list_(freqs),
+        quiet_(verbosity),
+        progress_(static_cast<int>(freqs.size()), verbosity < 0 && console::is_terminal()) {}
+
+  int run(const std::map<int, Frontend_info>& frontends, bool exists);
+
+ private:
+  void work();
+  void handle(const Scan_event& event);
+  void draw();
+  void check_writable();
+
+  std::string db_;
+  std::vector<int> freqs_;
+  Frequency_list list_;
+  Event_queue events_;
+  Interrupt interrupt_;
+  console::Quiet_library quiet_;
+  Progress progress_;
+  std::unique_ptr<Channel_db> reader_;
+  std::map<int, std::unique_ptr<Scan_adapter>> adapters_;
+  std::map<int, int> current_;  // frequency by adapter
+  std::vector<Multiplex_line> lines_;
+  size_t idle_ = 0;
+  int services_ = 0;
+  bool interrupted_ = false;
+};
+
+int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
+  std::unique_ptr<Sdbl> database;
+  try {
+    database = std::make_unique<Sdbl>(db_.c_str());
+  } catch (const no_file_error& error) {
+    throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
+  }
+  check_writable();
+  reader_ = std::make_unique<Channel_db>(db_);
+  for (const auto& [number, frontend] : frontends) {
+    adapters_[number] = std::make_unique<Scan_adapter>(number, frontend, database.get(), &list_, &events_);
+  }
+  for (const auto& [number, adapter] : adapters_) {
+    adapter->start();
+  }
+  work();
+  progress_.clear();
+  if (interrupted_) {
+    for (const auto& [number, adapter] : adapters_) {
+      adapter->join();  // A merge that was under way counts.
+    }
+  }
+  for (const int freq : list_.left()) {
+    lines_.push_back({{freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
+  }
+  print_report(stdout, lines_, before, reader_->services(false));
+  const bool printed = fflush(stdout) == 0;
+  adapters_.clear();
+  check_writable();
+  if (!printed) {
+    throw Failure("cannot write the report: " + std::string(strerror(errno)));
+  }
+  if (interrupted_) {
+    console::say("kelvo: interrupted; what was found is kept");
+    return EXIT_INTERRUPTED;
+  }
+  return EXIT_OK;
+}
+
+void Scan::work() {
+  pollfd waits[] = {{events_.fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
+  while (idle_ < adapters_.size()) {
+    draw();
+    (void)poll(waits, 2, progress_.on() ? DRAW_INTERVAL_MS : -1);
+    for (const Scan_event& event : events_.take_all()) {
+      handle(event);
+    }
+    if ((waits[1].revents & POLLIN) != 0) {
+      interrupted_ = true;
+      waits[1].fd = -1;
+      list_.close();
+      for (const auto& [number, adapter] : adapters_) {
+        adapter->stop();
+      }
+    }
+    if (quiet_.database_failure() != 0 && !interrupted_) {
+      list_.close();  // Nothing more can be kept.
+    }
+  }
+}
+
+void Scan::handle(const Scan_event& event) {
+  const Multiplex_result& result = event.result;
+  switch (event.kind) {
+    case Scan_event::Kind::STARTED:
+      current_[result.adapter] = result.freq;
+      return;
+    case Scan_event::Kind::IDLE:
+      current_.erase(result.adapter);
+      ++idle_;
+      return;
+    case Scan_event::Kind::FINISHED:
+      break;
+  }
+  Multiplex_line line{result, 0};
+  if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
+    line.services = reader_->services_found(result.freq);
+    services_ += line.services;
+  }
+  lines_.push_back(line);
+  progress_.step();
+  if (!progress_.on()) {
+    console::say(fmt::format("[{}/{}] {}: {}", lines_.size(), freqs_.size(), mhz(result.freq), multiplex_text(line)));
+  }
+}
+
+void Scan::draw() {
+  if (!progress_.on() || current_.empty()) {
+    return;
+  }
+  std::string freqs;
+  float strength = 0;
+  for (const auto& [adapter, freq] : current_) {
+    freqs += (freqs.empty() ? "" : ", ") + mhz(freq);
+    strength = std::max(strength, adapters_[adapter]->strength());
+  }
+  progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
+}
+
+void Scan::check_writable() {
+  const int code = quiet_.database_failure();
+  if (code != 0) {
+    throw Failure(
+        fmt::format("{}: cannot be written: {}", db_, code == SQLITE_FULL ? "disk full" : sqlite3_errstr(code)));
+  }
+}
+
+int scan(const Scan_options& options) {
+  std::vector<int> freqs = options.freqs;
+  if (freqs.empty()) {
+    freqs = band_frequencies(options.band.empty() ? "all" : options.band);
+  }
+  std::set<int> seen;
+  freqs.erase(std::remove_if(freqs.begin(), freqs.end(), [&seen](int freq) { return !seen.insert(freq).second; }),
+              freqs.end());
+  std::string db = options.db;
+  if (!db.empty()) {
+    check_name(db);
+  }
+  std::map<int, Frontend_info> frontends;
+  for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
+    if (!frontends.contains(number)) {
+      frontends[number] = check_adapter(number);
+    }
+  }
+  if (db.empty()) {
+    db = default_database();
+    check_name(db);
+    make_folders_for(db);
+  }
+  const bool exists = check_database(db);
+  return Scan(freqs, db, options.verbosity - 1).run(frontends, exists);
+}
+
+}  // namespace
+
+void add_scan(CLI::App& app, int* exit_code) {
+  CLI::App* command = app.add_subcommand("scan", "Find the services of one or more frequencies");
+  const auto options = std::make_shared<Scan_options>();
+  command
+      ->add_option("--adapter", options->adapters,
+                   "DVB adapter, 0 to 3; several share the frequencies and work side by side; default: 0")
+      ->type_name("N")
+      ->check(CLI::Range(0, 3))
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  CLI::Option* freq = command->add_option("--freq", options->freqs, "Centre frequency in Hz; may be repeated")
+                          ->type_name("HZ")
+                          ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
+                          ->expected(1)
+                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  command
+      ->add_option("--band", options->band,
+                   "vhf (177.5 to 226.5 MHz in 7 MHz steps), uhf (474 to 858 MHz in 8 MHz steps) or all; default: all")
+      ->check(CLI::IsMember({"uhf", "vhf", "all"}))
+      ->excludes(freq);
+  command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
+      ->type_name("FILE");
+  command->add_flag("-v,--verbose", options->verbosity,
+                    "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
+  command->footer(
+      "Ends with a line a multiplex and a table of the services that are new, back or lost. Ctrl-C keeps what\n"
+      "was found. A frequency without a signal takes 0.15 s, a multiplex a few seconds, 40 at most.\n"
+      "Exit code: 0 done, 1 failed, 2 wrong arguments, 130 interrupted.\n"
+      "\n"
+      "Examples:\n"
+      "  kelvo scan\n"
+      "  kelvo scan --freq 506000000 --freq 514000000\n"
+      "  kelvo scan --adapter 0 --adapter 1 --band uhf --db living-room.db");
+  command->callback([options, exit_code] { *exit_code = scan(*options); });
+}

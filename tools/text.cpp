@@ -1,0 +1,80 @@
+#include "tools/text.h"
+
+#include <cstddef>
+#include <cstdint>
+
+#include <fmt/format.h>
+
+namespace {
+
+constexpr char32_t INVALID = 0xFFFFFFFF;
+
+// Takes one character off the front of `text`; INVALID, and one byte less, when there is none.
+char32_t take_character(std::string_view* text) {
+  const auto byte = [text](size_t i) { return static_cast<uint8_t>((*text)[i]); };
+  const uint8_t first = byte(0);
+  size_t size = 1;
+  char32_t value = first;
+  char32_t smallest = 0;
+  if (first >= 0x80) {
+    if ((first & 0xE0) == 0xC0) {
+      size = 2, value = first & 0x1F, smallest = 0x80;
+    } else if ((first & 0xF0) == 0xE0) {
+      size = 3, value = first & 0x0F, smallest = 0x800;
+    } else if ((first & 0xF8) == 0xF0) {
+      size = 4, value = first & 0x07, smallest = 0x10000;
+    } else {
+      size = 0;
+    }
+    bool good = size != 0 && size <= text->size();
+    for (size_t i = 1; good && i < size; ++i) {
+      good = (byte(i) & 0xC0) == 0x80;
+      value = value << 6 | (byte(i) & 0x3F);
+    }
+    if (!good || value < smallest || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
+      text->remove_prefix(1);
+      return INVALID;
+    }
+  }
+  text->remove_prefix(size);
+  return value;
+}
+
+// DVB's own control codes stand at U+0080 to U+009F in the single-byte tables and at U+E080 to U+E09F in the others
+// (EN 300 468, A.1).
+bool is_line_break(char32_t c) {
+  return c == '\t' || c == '\n' || c == '\r' || c == 0x8A || c == 0xE08A || c == 0x2028 || c == 0x2029;
+}
+
+bool is_dropped(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F) || c == 0xFEFF ||
+         (c >= 0x200B && c <= 0x200F) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2060 && c <= 0x2069) ||
+         (c >= 0xFFF9 && c <= 0xFFFB) || (c >= 0xE0000 && c <= 0xE007F);
+}
+
+}  // namespace
+
+std::string clean_text(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    const std::string_view before = text;
+    const char32_t c = take_character(&text);
+    if (c == INVALID) {
+      out += "\xEF\xBF\xBD";
+    } else if (is_line_break(c)) {
+      out += ' ';
+    } else if (!is_dropped(c)) {
+      out += before.substr(0, before.size() - text.size());
+    }
+  }
+  const size_t begin = out.find_first_not_of(' ');
+  if (begin == std::string::npos) {
+    return {};
+  }
+  return out.substr(begin, out.find_last_not_of(' ') - begin + 1);
+}
+
+std::string mhz(int freq_hz) {
+  return fmt::format("{}.{:03} MHz", freq_hz / 1000000, freq_hz / 1000 % 1000);
+}

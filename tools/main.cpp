@@ -45,7 +45,12 @@ int main(int argc, char** argv) {
     for (const CLI::App* sub : app.get_subcommands()) {
       command += " " + sub->get_name();
     }
-    return say_failure(std::string(error.what()) + " (see '" + command + " --help')", EXIT_USAGE);
+    std::string text = error.what();
+    if (app.get_subcommands().empty() && !app.remaining().empty()) {
+      const std::string& first = app.remaining().front();
+      text = (first[0] == '-' ? "no option '" : "no command '") + first + "'";
+    }
+    return say_failure(text + " (see '" + command + " --help')", EXIT_USAGE);
   } catch (const Failure& failure) {
     return say_failure(failure.what(), failure.code());
   } catch (const std::exception& error) {

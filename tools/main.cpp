@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     }
     std::string text = error.what();
     if (app.get_subcommands().empty() && !app.remaining().empty()) {
-      const std::string& first = app.remaining().front();
+      const std::string first = app.remaining().front();
       text = (first[0] == '-' ? "no option '" : "no command '") + first + "'";
     }
     return say_failure(text + " (see '" + command + " --help')", EXIT_USAGE);

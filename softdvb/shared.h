@@ -1,0 +1,192 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+// What the launcher and every process of the command share: a plain record in a mapped file of the run folder. Fixed
+// sizes and no pointers, because each process maps it elsewhere. The launcher fills it before the command starts;
+// afterwards everything that changes is atomic or guarded by `lock` (robust: a process may die while it holds it).
+namespace softdvb {
+
+inline constexpr int MAX_ADAPTERS = 8;
+inline constexpr int MAX_MUXES = 64;
+inline constexpr int MAX_SIGNAL_STEPS = 64;
+inline constexpr int MAX_FAULTS = 64;
+inline constexpr int MAX_SECTION_FAULTS = 64;
+inline constexpr int MAX_DEMUX_OPENS = 256;
+inline constexpr int MAX_PATH = 1024;
+inline constexpr int EVENT_QUEUE = 8;  // one place always stays empty, so 7 events fit
+inline constexpr uint64_t NANOS = 1000000000;
+inline constexpr uint32_t SHARED_MAGIC = 0x53445631;
+
+enum class Pace : int32_t { TIMED, FAST, MANUAL };
+enum class Start : int32_t { TUNE, AIR, FILTER };
+
+// The readings of a frontend that is locked, as its ioctls return them.
+struct Signal {
+  uint32_t status;
+  uint32_t strength;
+  uint32_t snr;
+  uint32_t ber;
+  uint32_t ucblocks;
+};
+
+enum class Reading : int32_t { STATUS, STRENGTH, SNR, BER, UCBLOCKS };
+
+// From `at_ns` of the adapter's time on, `reading` has `value`. Later entries win.
+struct Signal_step {
+  uint32_t freq;  // 0: every frequency
+  Reading reading;
+  uint64_t at_ns;
+  uint32_t value;
+};
+
+struct Mux {
+  uint32_t freq;
+  uint32_t delivery;      // enum fe_delivery_system
+  uint32_t packet_size;   // 188, 192 or 204
+  uint64_t first_offset;  // of the first sync byte in the file
+  uint64_t packets;
+  uint64_t duration_ns;    // of one pass, pace included
+  uint64_t offset_ns;      // where playing begins
+  uint64_t stop_after_ns;  // 0: never; counted from the start of playing
+  char path[MAX_PATH];
+};
+
+// Parameters of a tuning. The numbers are those of <linux/dvb/frontend.h>.
+struct Tuning {
+  uint32_t frequency;
+  int32_t inversion;
+  uint32_t bandwidth_hz;  // 0: automatic
+  int32_t code_rate_hp;
+  int32_t code_rate_lp;
+  int32_t modulation;
+  int32_t transmission_mode;
+  int32_t guard_interval;
+  int32_t hierarchy;
+  uint32_t delivery;
+  uint32_t symbol_rate;
+  int32_t fec_inner;
+  uint32_t stream_id;
+};
+
+struct Event {
+  uint32_t status;
+  Tuning tuning;
+};
+
+struct Frontend {
+  int32_t externally_tuned;  // another program, that we only imagine, holds the frontend
+  int32_t writer_pid;
+  uint64_t closed_at_ns;  // when the last writer closed; 0 while one is there
+  int32_t powered;
+  int32_t tuned;
+  int32_t dead;  // opened without a core thread behind it
+  int32_t opens;
+  uint64_t tuned_at_ns;
+  uint64_t next_look_ns;
+  uint32_t last_event_status;
+  int32_t was_locked;
+  Tuning asked;
+  Event events[EVENT_QUEUE];
+  int32_t event_read;
+  int32_t event_write;
+  int32_t event_overflow;
+};
+
+struct Adapter {
+  int32_t number;
+  Pace pace;
+  Start start;
+  int32_t loop;
+  int32_t fe_type;  // enum fe_type
+  uint32_t freq_min;
+  uint32_t freq_max;
+  uint64_t lock_delay_ns;
+  uint64_t look_interval_ns;  // between the core's looks at the driver while there is no lock
+  uint32_t missing_readings;  // bit per Reading that the driver does not have
+  int32_t dead_reopen;        // this many-th opening for writing has no core thread behind it
+  int32_t mux_count;
+  Mux mux[MAX_MUXES];
+  int32_t step_count;
+  Signal_step step[MAX_SIGNAL_STEPS];
+  Tuning requested;  // what FE_SET_PROPERTY has collected for the next DTV_TUNE
+  Frontend fe;
+  int32_t demux_owner[MAX_DEMUX_OPENS];  // process of each open demultiplexer handle, 0: free
+  // When the stream of the tuned frequency began to play, and how often it was begun anew.
+  std::atomic<uint64_t> stream_epoch_ns;
+  std::atomic<uint32_t> stream_generation;
+};
+
+// "A call that fails": the counters are shared, so "the first three opens" holds over all processes of the command.
+struct Fault {
+  char call[48];
+  char target[160];  // glob on path or device name, empty: any
+  int32_t error;
+  uint32_t from;   // 1: from the first call on
+  uint32_t count;  // 0: always
+  std::atomic<uint32_t> seen;
+};
+
+enum class Section_fault_kind : int32_t { DROP, CUT, DOUBLE, CRC, SILENCE };
+
+struct Section_fault {
+  int32_t adapter;  // -1: all
+  int32_t pid;
+  int32_t table;  // -1: all
+  Section_fault_kind kind;
+  uint32_t size;  // of a cut section
+  uint32_t from;
+  uint32_t count;
+  uint64_t at_ns;
+  std::atomic<uint32_t> seen;
+};
+
+struct Shared {
+  uint32_t magic;
+  uint32_t size;
+  pthread_mutex_t lock;
+  char run_dir[MAX_PATH];
+  char root_dir[MAX_PATH];
+  char log_path[MAX_PATH];
+  int64_t start_mono_ns;     // the machine's CLOCK_MONOTONIC when the command started
+  int64_t start_real_ns;     // what CLOCK_REALTIME shows the command then
+  int64_t real_offset_ns;    // the machine's CLOCK_REALTIME - CLOCK_MONOTONIC then
+  double speed;              // virtual seconds a second
+  int32_t clock_is_virtual;  // speed or start differ from the machine's
+  uint64_t grace_ns;         // real time that a late reader gets before its queue overflows
+  std::atomic<uint32_t> clock_settings;
+  int32_t adapter_count;
+  Adapter adapter[MAX_ADAPTERS];
+  std::atomic<int32_t> fault_count;
+  Fault fault[MAX_FAULTS];
+  std::atomic<int32_t> section_fault_count;
+  Section_fault section_fault[MAX_SECTION_FAULTS];
+};
+
+// The record of this process's command, mapped at the first call; null when the process was not started by `softdvb`.
+Shared* shared();
+
+// Guards what the processes of a command change together. The holder makes no call that can block.
+class Shared_lock {
+ public:
+  explicit Shared_lock(Shared& s);
+  ~Shared_lock();
+  Shared_lock(const Shared_lock&) = delete;
+  Shared_lock& operator=(const Shared_lock&) = delete;
+
+ private:
+  Shared& shared_;
+};
+
+// Launcher: makes and maps FILE with a zeroed record in it. Throws std::runtime_error.
+Shared* create_shared(const std::string& file);
+// Maps an existing one; null when it is none.
+Shared* map_shared(const char* file);
+
+Adapter* find_adapter(Shared& s, int number);
+
+}  // namespace softdvb

@@ -282,6 +282,9 @@ Channel_db::Channel_db(const std::string& file) : file_(file) {
   if (stat(file.c_str(), &status) != 0) {
     throw Failure(fmt::format("{}: {}; make it with 'kelvo scan'", file, strerror(errno)));
   }
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(fmt::format("{}: not a file; name another one with --db", file));
+  }
   const int code = sqlite3_open_v2(file.c_str(), &connection_, SQLITE_OPEN_READONLY, nullptr);
   if (code != SQLITE_OK) {
     const std::string reason = connection_ != nullptr ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);

@@ -108,12 +108,12 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
             [](const Multiplex_line& a, const Multiplex_line& b) { return a.result.freq < b.result.freq; });
   using enum Table::Align;
   Table lines({{"MULTIPLEX", RIGHT}, {"ADAPTER", RIGHT}, {"SERVICES", RIGHT}, {"TIME", RIGHT}, {"RESULT"}});
-  int locked = 0;
+  int found = 0;
   int services = 0;
   for (const Multiplex_line& line : multiplexes) {
     const Multiplex_result& result = line.result;
     const bool counted = has_services(result.outcome);
-    locked += counted ? 1 : 0;
+    found += counted ? 1 : 0;
     services += counted ? line.services : 0;
     lines.add({mhz(result.freq), result.adapter < 0 ? "-" : std::to_string(result.adapter),
                counted ? std::to_string(line.services) : "-",
@@ -136,9 +136,7 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
     fmt::print(out, "\n");
     table.print(out);
   }
-  fmt::print(out, "\n{} of {} with a signal, {}: {} new, {} back, {} lost.\n", locked,
-             count_text(static_cast<int>(multiplexes.size()), "multiplex") == "1 multiplex"
-                 ? "1 frequency"
-                 : fmt::format("{} frequencies", multiplexes.size()),
+  fmt::print(out, "{}{} of {} with a multiplex, {}: {} new, {} back, {} lost.\n", multiplexes.empty() ? "" : "\n",
+             found, multiplexes.size() == 1 ? "1 frequency" : fmt::format("{} frequencies", multiplexes.size()),
              count_text(services, "service"), counts[0], counts[1], counts[2]);
 }

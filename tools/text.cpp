@@ -52,9 +52,36 @@ bool is_dropped(char32_t c) {
          (c >= 0xFFF9 && c <= 0xFFFB) || (c >= 0xE0000 && c <= 0xE007F);
 }
 
+void append_character(std::string* out, char32_t c) {
+  const auto add = [out](char32_t byte) { *out += static_cast<char>(byte); };
+  if (c < 0x80) {
+    add(c);
+  } else if (c < 0x800) {
+    add(0xC0 | c >> 6);
+    add(0x80 | (c & 0x3F));
+  } else {
+    add(0xE0 | c >> 12);
+    add(0x80 | (c >> 6 & 0x3F));
+    add(0x80 | (c & 0x3F));
+  }
+}
+
+// Texts with the selector 0x11 mostly stay as broadcast: two bytes a character (EN 300 468, A.2).
+std::string from_two_byte_text(std::string_view text) {
+  std::string out;
+  for (; text.size() >= 2; text.remove_prefix(2)) {
+    const char32_t c = static_cast<char32_t>(static_cast<uint8_t>(text[0])) << 8 | static_cast<uint8_t>(text[1]);
+    append_character(&out, c >= 0xD800 && c <= 0xDFFF ? 0xFFFD : c);
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string clean_text(std::string_view text) {
+  if (!text.empty() && text[0] == 0x11) {
+    return clean_text(from_two_byte_text(text.substr(1)));
+  }
   std::string out;
   out.reserve(text.size());
   while (!text.empty()) {

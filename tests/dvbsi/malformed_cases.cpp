@@ -30,7 +30,7 @@ std::string loop_outline(const DescriptorContainer& container) {
     char tag[8];
     std::snprintf(tag, sizeof tag, "%s%02x", text.empty() ? "" : " ", unsigned{d->getTag()});
     text += tag;
-    const auto count = [&text](size_t entries) { text += "(" + std::to_string(entries) + ")"; };
+    const auto count = [&text](size_t entries) { text.append("(").append(std::to_string(entries)).append(")"); };
     if (const auto* e = dynamic_cast<const ExtendedEventDescriptor*>(d))
       count(e->getItems()->size());
     if (const auto* n = dynamic_cast<const MultilingualNetworkNameDescriptor*>(d))
@@ -43,8 +43,11 @@ std::string loop_outline(const DescriptorContainer& container) {
 
 template <typename List>
 std::string entries_outline(std::string text, const List& list) {
-  for (const auto* entry : list)
-    text += (text.empty() ? "[" : " [") + loop_outline(*entry) + "]";
+  for (const auto* entry : list) {
+    text += text.empty() ? "[" : " [";
+    text += loop_outline(*entry);
+    text += "]";
+  }
   return text;
 }
 

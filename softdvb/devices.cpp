@@ -11,6 +11,7 @@
 #include "softdvb/frontend.h"
 #include "softdvb/ioctl_names.h"
 #include "softdvb/player.h"
+#include "softdvb/real.h"
 
 namespace softdvb {
 
@@ -81,8 +82,8 @@ static ssize_t result_of(ssize_t result) {
 
 class Call_lock {
  public:
-  explicit Call_lock(Handle& handle) : handle_(handle) { pthread_mutex_lock(&handle_.call_lock); }
-  ~Call_lock() { pthread_mutex_unlock(&handle_.call_lock); }
+  explicit Call_lock(Handle& handle) : handle_(handle) { SOFTDVB_REAL(pthread_mutex_lock)(&handle_.call_lock); }
+  ~Call_lock() { SOFTDVB_REAL(pthread_mutex_unlock)(&handle_.call_lock); }
   Call_lock(const Call_lock&) = delete;
   Call_lock& operator=(const Call_lock&) = delete;
 

@@ -39,11 +39,11 @@ static Registry& registry() {
 }
 
 static void before_fork() {
-  pthread_mutex_lock(&registry().lock);
+  SOFTDVB_REAL(pthread_mutex_lock)(&registry().lock);
 }
 
 static void after_fork_parent() {
-  pthread_mutex_unlock(&registry().lock);
+  SOFTDVB_REAL(pthread_mutex_unlock)(&registry().lock);
 }
 
 static void after_fork_child() {
@@ -52,14 +52,14 @@ static void after_fork_child() {
     handle->call_lock = PTHREAD_MUTEX_INITIALIZER;
   }
   player_after_fork();
-  pthread_mutex_unlock(&registry().lock);
+  SOFTDVB_REAL(pthread_mutex_unlock)(&registry().lock);
 }
 
 Device_lock::Device_lock() {
-  pthread_mutex_lock(&registry().lock);
+  SOFTDVB_REAL(pthread_mutex_lock)(&registry().lock);
 }
 Device_lock::~Device_lock() {
-  pthread_mutex_unlock(&registry().lock);
+  SOFTDVB_REAL(pthread_mutex_unlock)(&registry().lock);
 }
 
 const char* device_name(Device device) {
@@ -77,7 +77,7 @@ Handle::Handle(Device device, int adapter_index, int open_flags)
     : call_lock(PTHREAD_MUTEX_INITIALIZER), device_(device), adapter_(adapter_index), open_flags_(open_flags) {}
 
 Handle::~Handle() {
-  pthread_mutex_destroy(&call_lock);
+  SOFTDVB_REAL(pthread_mutex_destroy)(&call_lock);
 }
 
 bool Handle::writable() const {
@@ -125,7 +125,7 @@ static void adopt(Handle& handle) {
   handle.inherited = false;
   const int saved = errno;
   const int flags = SOFTDVB_REAL(fcntl)(handle.fds.front(), F_GETFL);
-  const int fresh = eventfd(0, EFD_CLOEXEC | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
+  const int fresh = SOFTDVB_REAL(eventfd)(0, EFD_CLOEXEC | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
   if (fresh >= 0) {
     for (const int fd : handle.fds) {
       const int descriptor_flags = SOFTDVB_REAL(fcntl)(fd, F_GETFD);
@@ -153,7 +153,7 @@ std::shared_ptr<Handle> handle_of(int fd) {
 int register_handle(const std::shared_ptr<Handle>& handle) {
   const int flags = handle->open_flags();
   const int fd =
-      eventfd(0, ((flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
+      SOFTDVB_REAL(eventfd)(0, ((flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
   if (fd < 0)
     return -1;
   if (fd >= TABLE_SIZE) {

@@ -329,7 +329,7 @@ void player_wake() {
   if (!has_work())
     return;
   if (p.wake_fd < 0)
-    p.wake_fd = moved_up(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    p.wake_fd = moved_up(SOFTDVB_REAL(eventfd)(0, EFD_CLOEXEC | EFD_NONBLOCK));
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

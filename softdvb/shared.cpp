@@ -11,6 +11,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "softdvb/real.h"
+
 namespace softdvb {
 
 Shared* map_shared(const char* file) {
@@ -80,12 +82,12 @@ Shared* create_shared(const std::string& file) {
 }
 
 Shared_lock::Shared_lock(Shared& s) : shared_(s) {
-  if (pthread_mutex_lock(&shared_.lock) == EOWNERDEAD)
-    pthread_mutex_consistent(&shared_.lock);
+  if (SOFTDVB_REAL(pthread_mutex_lock)(&shared_.lock) == EOWNERDEAD)
+    SOFTDVB_REAL(pthread_mutex_consistent)(&shared_.lock);
 }
 
 Shared_lock::~Shared_lock() {
-  pthread_mutex_unlock(&shared_.lock);
+  SOFTDVB_REAL(pthread_mutex_unlock)(&shared_.lock);
 }
 
 Adapter* find_adapter(Shared& s, int number) {

@@ -96,7 +96,8 @@ SOFTDVB_EXPORT int statx(int folder, const char* __restrict path, int flags, uns
       adapter = &handle->adapter();
       type = handle->device();
     }
-    if (adapter != nullptr) make_device_stat(plain, *adapter, type);
+    if (adapter != nullptr)
+      make_device_stat(plain, *adapter, type);
     st->stx_rdev_major = gnu_dev_major(plain.st_rdev);
     st->stx_rdev_minor = gnu_dev_minor(plain.st_rdev);
   }

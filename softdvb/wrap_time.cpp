@@ -191,10 +191,10 @@ static Timer_clocks& timer_clocks() {
 
 static Clock_kind timer_kind(timer_t timer) {
   Timer_clocks& t = timer_clocks();
-  pthread_mutex_lock(&t.lock);
+  SOFTDVB_REAL(pthread_mutex_lock)(&t.lock);
   const auto at = t.kinds.find(timer);
   const Clock_kind kind = at == t.kinds.end() ? Clock_kind::MONOTONIC : at->second;
-  pthread_mutex_unlock(&t.lock);
+  SOFTDVB_REAL(pthread_mutex_unlock)(&t.lock);
   return kind;
 }
 
@@ -228,9 +228,9 @@ SOFTDVB_EXPORT int timer_create(clockid_t clock, sigevent* event, timer_t* timer
   const int result = SOFTDVB_REAL(timer_create)(clock, event, timer);
   if (result == 0 && time_is_virtual()) {
     Timer_clocks& t = timer_clocks();
-    pthread_mutex_lock(&t.lock);
+    SOFTDVB_REAL(pthread_mutex_lock)(&t.lock);
     t.kinds[*timer] = clock_kind(clock);
-    pthread_mutex_unlock(&t.lock);
+    SOFTDVB_REAL(pthread_mutex_unlock)(&t.lock);
   }
   return result;
 }

@@ -249,7 +249,7 @@ SOFTDVB_EXPORT const char* udev_device_get_property_value(udev_device* d, const 
 SOFTDVB_EXPORT udev_monitor* udev_monitor_new_from_netlink(udev* u, const char*) {
   auto* m = new udev_monitor;
   m->context = u;
-  m->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  m->fd = SOFTDVB_REAL(eventfd)(0, EFD_CLOEXEC | EFD_NONBLOCK);
   return m;
 }
 SOFTDVB_EXPORT udev_monitor* udev_monitor_ref(udev_monitor* m) {

@@ -1,0 +1,152 @@
+// Which sections reach which parser.
+#include "si/si_support.h"
+
+using namespace si_support;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+class Dispatch : public Parser_test {};
+
+// Each table with the PID it belongs to, and how the trace of its parser begins.
+struct Table {
+  const char* what;
+  Bytes section;
+  int pid;
+  const char* trace;
+  int level;
+  const char* effect;  // a trace that only the parser prints
+};
+
+std::vector<Table> tables() {
+  return {
+      {"PAT", pat({{1, 0x100}}), 0, "Scanning PAT\n", 4, "PAT scanned, setting SDT, NIT, PMT\n"},
+      {"CAT", support::long_section(0x01, 0xFFFF, 0, descriptor(0x09, {0x01, 0x02, 0xE1, 0x03})), 1,
+       "--->>>> !!!!!! Contitional Access section!!!!!\n", 3, "CA descriptor SysId: 258, PID: 259 \n"},
+      {"PMT", pmt(1, 0x101, {}), 0x100, "Scanning PMT for pid 256\n", 4, "PMT: Program 1, PID 100, PCR pid 101\n"},
+      {"NIT", nit(0x3001, {}, {}), 16, "Scanning NIT same network\n", 4, "NIT: network_id 12289\n"},
+      {"SDT", sdt({}), 17, "Scanning SDT\n", 4, "SDT scanned.\n"},
+  };
+}
+
+TEST_F(Dispatch, every_table_reaches_its_parser) {
+  for (const Table& t : tables()) {
+    SCOPED_TRACE(t.what);
+    std::string all = at_level(4, [&] { EXPECT_EQ(scan(t.section, t.pid), 0); });
+    EXPECT_THAT(all, HasSubstr(t.trace));
+    EXPECT_THAT(all, HasSubstr(t.effect));
+    EXPECT_LT(all.find(t.trace), all.find(t.effect));
+    all = at_level(t.level - 1, [&] { scan(t.section, t.pid); });
+    EXPECT_THAT(all, Not(HasSubstr(t.trace)));
+  }
+}
+
+TEST_F(Dispatch, a_table_on_a_pid_that_is_not_its_own_is_dropped_without_a_message) {
+  const struct {
+    const char* what;
+    Bytes section;
+    int pid;
+  } cases[] = {
+      {"PAT on 16", pat({{1, 0x100}}), 16},
+      {"CAT on 2", support::long_section(0x01, 0xFFFF, 0, {}), 2},
+      {"NIT on 17", nit(1, {}, {}), 17},
+      {"SDT on 16", sdt({}), 16},
+      {"EIT present/following on 17", support::long_section(0x4E, 1, 0, Bytes(6)), 17},
+      {"EIT schedule on 20", support::long_section(0x50, 1, 0, Bytes(6)), 20},
+      {"TDT on 18", tdt(55197, 0x120000), 18},
+      {"TOT on 21", tot(55197, 0x120000, {}), 21},
+  };
+  int counter = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ++counter;
+    char heading[80];
+    std::snprintf(heading, sizeof heading, ">>>>> Table id %x , pid %x, cntr %d \nNr %3d.%02x.%02x ", c.section[0],
+                  static_cast<unsigned>(c.pid), counter, counter, static_cast<unsigned>(c.pid), c.section[0]);
+    EXPECT_EQ(at_level(4, [&] { scan(c.section, c.pid); }), heading);
+  }
+  EXPECT_THAT(filters(), IsEmpty());
+}
+
+TEST_F(Dispatch, a_pmt_is_taken_from_any_pid) {
+  for (int pid : {0, 16, 0x20, 0x1FFE})
+    EXPECT_THAT(at_level(4, [&] { scan(pmt(1, 0x101, {}), pid); }), HasSubstr("PMT: Program 1, PID "));
+}
+
+TEST_F(Dispatch, quirk_a_nit_on_the_pid_that_the_pat_names_is_dropped_and_its_filter_stays) {
+  scan(pat({{0, 0x30}}), 0);
+  EXPECT_THAT(filters(), ElementsAre(Filter(0x30, 0x40), Filter(17, 0x42)));
+  EXPECT_THAT(at_level(4, [&] { scan(nit(1, {}, {}), 0x30); }), Not(HasSubstr("NIT")));
+  EXPECT_THAT(filters(), ElementsAre(Filter(0x30, 0x40), Filter(17, 0x42)));
+}
+
+TEST_F(Dispatch, every_section_is_counted_and_announced_at_4) {
+  EXPECT_EQ(at_level(3, [&] { scan(sdt({}), 16); }), "");
+  EXPECT_EQ(at_level(4, [&] { scan(sdt({}), 16); }), ">>>>> Table id 42 , pid 10, cntr 2 \nNr   2.10.42 ");
+}
+
+TEST_F(Dispatch, quirk_table_ids_above_7f_are_announced_sign_extended) {
+  EXPECT_THAT(at_level(4, [&] { scan(support::long_section(0x80, 1, 0, {}), 0x100); }),
+              testing::StartsWith(">>>>> Table id ffffff80 , pid 100, cntr 1 \nNr   1.100.80 "));
+}
+
+TEST_F(Dispatch, unknown_tables_are_reported_at_1_and_dropped) {
+  for (int id : {0x03, 0x3F, 0x41, 0x43, 0x46, 0x4A, 0x4F, 0x60, 0x6F, 0x71, 0x72, 0x74, 0x7F, 0x80, 0xFF}) {
+    SCOPED_TRACE(id);
+    const Bytes section = support::long_section(static_cast<uint8_t>(id), 1, 0, Bytes(10));
+    char expected[80];
+    std::snprintf(expected, sizeof expected, "WARNING: *********   Unreckognized section %x *********  \n",
+                  static_cast<unsigned>(id));
+    for (int pid : {0, 16, 17, 18, 20, 0x100})
+      EXPECT_EQ(at_level(1, [&] { EXPECT_EQ(scan(section, pid), 0); }), expected);
+    EXPECT_EQ(at_level(0, [&] { scan(section, 18); }), "");
+  }
+}
+
+TEST_F(Dispatch, a_section_that_is_not_current_yet_is_dropped) {
+  for (Table t : tables()) {
+    SCOPED_TRACE(t.what);
+    const Bytes next = with_byte(t.section, 5, static_cast<uint8_t>(t.section[5] & ~1));
+    EXPECT_THAT(at_level(4, [&] { scan(next, t.pid); }), Not(HasSubstr(t.effect)));
+  }
+  EXPECT_THAT(filters(), IsEmpty());
+  EXPECT_THAT(rows("SELECT * FROM kanalid_scan_0"), IsEmpty());
+}
+
+TEST_F(Dispatch, the_pointer_and_the_state_do_not_matter_to_a_pat) {
+  for (SCAN_STATE state : {SCAN_NONE, SCAN_PMT, SCAN_PAT, SCAN_EIT}) {
+    filter.remove_all();
+    scan(pat({{7, 0x100}}), 0, state);
+    EXPECT_THAT(filters(), testing::UnorderedElementsAre(Filter(16, 0x40), Filter(0x100, 2), Filter(17, 0x42)));
+  }
+}
+
+// --- Construction ----------------------------------------------------------------------------------------------------
+
+TEST_F(Dispatch, construction_says_whether_the_clock_is_right) {
+  const time_t before = time(nullptr);
+  const std::string all = at_level(4, [&] {
+    const Siparse another(&filter, 1, CONN, TYPE, &db);
+    EXPECT_TRUE(another.systime_valid());
+    EXPECT_EQ(another.get_eit_stored(), 0);
+  });
+  const time_t after = time(nullptr);
+  std::vector<std::string> possible;
+  for (time_t t = before; t <= after; ++t)
+    possible.push_back("System time valid\nEpoch time is " + std::to_string(t) + "\n");
+  EXPECT_THAT(possible, testing::Contains(all));
+  EXPECT_EQ(at_level(3, [&] { const Siparse another(&filter, 1, CONN, TYPE, &db); }), "");
+}
+
+TEST_F(Dispatch, add_dvbnr_appends_the_adapter_to_a_name) {
+  EXPECT_STREQ(parser.add_dvbnr("kanalid_scan"), "kanalid_scan_0");
+  Siparse third(&filter, 2, CONN, TYPE, &db);
+  EXPECT_STREQ(third.add_dvbnr("x"), "x_2");
+  const std::string longest(200, 'n');
+  EXPECT_EQ(third.add_dvbnr(longest.c_str()), std::string(63, 'n'));
+}
+
+}  // namespace

@@ -43,7 +43,8 @@ Network read_network(const Json_node& node, const Text_defaults& outer, const De
     } else if (stream.original_network_id == all.original_network_id &&
                stream.transport_stream_id == all.transport_stream_id) {
       for (const Service& service : all.services)
-        listed.push_back(service.listed);
+        if (service.in_nit)
+          listed.push_back(service.listed);
     } else {
       for (const Other_stream& other : all.other_streams)
         if (stream.original_network_id == other.original_network_id &&
@@ -153,10 +154,10 @@ Intervals fast_intervals() {
   return result;
 }
 
-Description parse_description(const std::string& json, int64_t machine_now) {
+Description parse_description(const std::string& json, int64_t machine_now, std::optional<int64_t> fixed_now) {
   Description all;
-  all.document = parse_json(json);
-  const Json_node top(all.document, "");
+  const nlohmann::json document = parse_json(json);
+  const Json_node top(document, "");
   top.allow_only({"now",
                   "duration",
                   "bit_rate",
@@ -181,10 +182,10 @@ Description parse_description(const std::string& json, int64_t machine_now) {
                   "faults"});
   const Text_defaults defaults = Text_defaults().inside(top);
   all.now = machine_now;
-  if (top.has("now") && top.get("now").string() != "machine") {
-    if (!parse_utc(top.get("now").string(), &all.now))
-      top.get("now").fail("\"machine\" or a time such as \"2026-03-01T18:00:00Z\" is allowed");
-  }
+  if (top.has("now") && top.get("now").string() != "machine" && !parse_utc(top.get("now").string(), &all.now))
+    top.get("now").fail("\"machine\" or a time such as \"2026-03-01T18:00:00Z\" is allowed");
+  if (fixed_now)
+    all.now = *fixed_now;
   all.duration = top.seconds_or("duration", 0.1, 86400, 30);
   all.bit_rate = top.number_or("bit_rate", 10000, 100000000, 2000000);
   all.transport_stream_id = static_cast<uint16_t>(top.get("transport_stream_id").number(0, 0xFFFF));

@@ -76,6 +76,7 @@ struct Service {
   bool eit_schedule = false;
   bool in_pat = true;
   bool in_sdt = true;
+  bool in_nit = true;
   uint16_t pmt_pid = 0;
   std::vector<Pmt_content> pmts;  // by time, empty: no PMT is sent
   std::vector<Event> events;      // by start
@@ -156,11 +157,12 @@ struct Description {
   std::optional<Descriptors> cat;
   Descriptors tot_descriptors;
   std::vector<Fault> faults;
-  nlohmann::json document;
 };
 
-// `machine_now` stands for "now" where the description does not fix it. Throws Description_error.
-Description parse_description(const std::string& json, int64_t machine_now);
+// `machine_now` stands for "now" where the description does not fix it; `fixed_now` even where it does.
+// Throws Description_error.
+Description parse_description(const std::string& json, int64_t machine_now,
+                              std::optional<int64_t> fixed_now = std::nullopt);
 
 // Parts of the above, one source each.
 std::vector<Service> read_services(const Json_node& owner, const Text_defaults& defaults, const Description& all,

@@ -123,6 +123,7 @@ Service read_service(const Json_node& node, const Text_defaults& outer, const De
   if (actual) {
     service.in_pat = node.flag_or("in_pat", true);
     service.in_sdt = node.flag_or("in_sdt", true);
+    service.in_nit = node.flag_or("in_nit", true);
     service.pmt_pid = static_cast<uint16_t>(node.number_or("pmt_pid", 0x10, 0x1FFE, default_pmt_pid));
     read_pmts(node, default_rate, &service);
     service.appears = node.seconds_or("appears_at", 0, 86400, 0);

@@ -11,11 +11,9 @@ extern "C" {
 #include <dvbpsi/dr_09.h>
 #include <dvbpsi/dr_0a.h>
 #include <dvbpsi/dr_40.h>
-#include <dvbpsi/dr_41.h>
 #include <dvbpsi/dr_48.h>
 #include <dvbpsi/dr_52.h>
 #include <dvbpsi/dr_56.h>
-#include <dvbpsi/dr_59.h>
 #include <dvbpsi/dr_5a.h>
 #include <dvbpsi/dr_83.h>
 }
@@ -47,6 +45,9 @@ void limit(const Json_node& where, size_t count, size_t most) {
   if (count > most)
     where.fail(fmt::format("{} entries, at most {} fit into the descriptor", count, most));
 }
+
+// As many as an LCN descriptor holds; the service list keeps the same limit.
+constexpr size_t SERVICES_A_DESCRIPTOR = 63;
 
 const std::vector<std::pair<const char*, unsigned>> SERVICE_TYPES = {
     {"tv", 0x01},          {"radio", 0x02},      {"teletext", 0x03},   {"radio-avc", 0x0A}, {"data", 0x0C},
@@ -182,16 +183,16 @@ void add_frequency_list(const Json_node& owner, Descriptors* loop) {
   add_checked(owner.get("frequencies"), 0x62, data, loop);
 }
 
+// EN 300 468, 6.2.35. libdvbpsi's generator gives it the tag of another descriptor.
 void add_service_list(const std::vector<Listed_service>& services, Descriptors* loop) {
-  // 63 and not 84 entries, so that the service list and the LCN list of one descriptor hold the same services.
-  for (size_t first = 0; first < services.size(); first += 63) {
-    dvbpsi_service_list_dr_t record = {};
-    for (size_t i = first; i < services.size() && i < first + 63; ++i) {
-      auto& entry = record.i_service[record.i_service_count++];
-      entry.i_service_id = services[i].service_id;
-      entry.i_service_type = services[i].type;
+  for (size_t first = 0; first < services.size(); first += SERVICES_A_DESCRIPTOR) {
+    Bytes data;
+    for (size_t i = first; i < services.size() && i < first + SERVICES_A_DESCRIPTOR; ++i) {
+      data.push_back(static_cast<uint8_t>(services[i].service_id >> 8));
+      data.push_back(static_cast<uint8_t>(services[i].service_id));
+      data.push_back(services[i].type);
     }
-    loop->push_back(taken(dvbpsi_GenServiceListDr(&record, false)));
+    loop->push_back({0x41, data});
   }
 }
 
@@ -199,9 +200,9 @@ void add_lcn(const std::vector<Listed_service>& services, Descriptors* loop) {
   std::vector<Listed_service> numbered;
   std::copy_if(services.begin(), services.end(), std::back_inserter(numbered),
                [](const Listed_service& service) { return service.has_lcn; });
-  for (size_t first = 0; first < numbered.size(); first += 63) {
+  for (size_t first = 0; first < numbered.size(); first += SERVICES_A_DESCRIPTOR) {
     dvbpsi_lcn_dr_t record = {};
-    for (size_t i = first; i < numbered.size() && i < first + 63; ++i) {
+    for (size_t i = first; i < numbered.size() && i < first + SERVICES_A_DESCRIPTOR; ++i) {
       auto& entry = record.p_entries[record.i_number_of_entries++];
       entry.i_service_id = numbered[i].service_id;
       entry.b_visible_service_flag = numbered[i].visible ? 1 : 0;
@@ -329,21 +330,22 @@ void add_teletext(const Json_node& stream, Descriptors* loop) {
   loop->push_back(taken(dvbpsi_GenTeletextDr(&record, false)));
 }
 
+// EN 300 468, 6.2.41. libdvbpsi's generator mixes the bytes of a composition page above 255.
 void add_subtitles(const Json_node& stream, Descriptors* loop) {
   if (!stream.has("subtitles"))
     return;
-  const auto nodes = stream.list("subtitles");
-  limit(stream.get("subtitles"), nodes.size(), DVBPSI_SUBTITLING_DR_MAX);
-  dvbpsi_subtitling_dr_t record = {};
-  for (const Json_node& node : nodes) {
+  Bytes data;
+  for (const Json_node& node : stream.list("subtitles")) {
     node.allow_only({"language", "type", "composition_page", "ancillary_page"});
-    auto& entry = record.p_subtitle[record.i_subtitles_number++];
-    std::memcpy(entry.i_iso6392_language_code, node.get("language").three_letters().data(), 3);
-    entry.i_subtitling_type = static_cast<uint8_t>(node.number_or("type", 0, 255, 0x10));
-    entry.i_composition_page_id = static_cast<uint16_t>(node.number_or("composition_page", 0, 0xFFFF, 1));
-    entry.i_ancillary_page_id = static_cast<uint16_t>(node.number_or("ancillary_page", 0, 0xFFFF, 1));
+    append_language(&data, node.get("language").three_letters());
+    data.push_back(static_cast<uint8_t>(node.number_or("type", 0, 255, 0x10)));
+    for (const char* key : {"composition_page", "ancillary_page"}) {
+      const uint64_t page = node.number_or(key, 0, 0xFFFF, 1);
+      data.push_back(static_cast<uint8_t>(page >> 8));
+      data.push_back(static_cast<uint8_t>(page));
+    }
   }
-  loop->push_back(taken(dvbpsi_GenSubtitlingDr(&record, false)));
+  add_checked(stream.get("subtitles"), 0x59, data, loop);
 }
 
 void add_stream_identifier(const Json_node& stream, Descriptors* loop) {

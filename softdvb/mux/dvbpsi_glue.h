@@ -5,11 +5,14 @@
 #include <cstddef>
 #include <cstdint>
 
+// These headers need their order.
+// clang-format off
 extern "C" {
-#include <dvbpsi/descriptor.h>
 #include <dvbpsi/dvbpsi.h>
+#include <dvbpsi/descriptor.h>
 #include <dvbpsi/psi.h>
 }
+// clang-format on
 
 #include "softdvb/mux/descriptors.h"
 

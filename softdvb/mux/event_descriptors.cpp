@@ -8,10 +8,7 @@
 
 extern "C" {
 #include <dvbpsi/dr_4d.h>
-#include <dvbpsi/dr_4e.h>
 #include <dvbpsi/dr_50.h>
-#include <dvbpsi/dr_54.h>
-#include <dvbpsi/dr_55.h>
 #include <dvbpsi/dr_58.h>
 }
 
@@ -48,6 +45,15 @@ size_t cut_point(const Bytes& text, size_t most) {
     --cut;  // ISO 6937: the accent stands before its letter
   }
   return cut;
+}
+
+void append(Bytes* to, const std::string& letters) {
+  to->insert(to->end(), letters.begin(), letters.end());
+}
+
+void append_counted(Bytes* to, const Bytes& from) {
+  to->push_back(static_cast<uint8_t>(from.size()));
+  to->insert(to->end(), from.begin(), from.end());
 }
 
 struct Item {
@@ -91,6 +97,7 @@ std::vector<Extended_part> split_extended(const std::vector<Item>& items, const 
   return parts;
 }
 
+// EN 300 468, 6.2.15. libdvbpsi's generator leaves length_of_items out.
 void add_extended(const Json_node& node, const Text_defaults& defaults, Descriptors* loop) {
   node.allow_only({"language", "charset", "items", "text"});
   const Text_defaults mine = defaults.inside(node);
@@ -106,20 +113,16 @@ void add_extended(const Json_node& node, const Text_defaults& defaults, Descript
   if (parts.size() > 16)
     node.fail(fmt::format("the text needs {} descriptors, at most 16 are allowed", parts.size()));
   for (size_t i = 0; i < parts.size(); ++i) {
-    dvbpsi_extended_event_dr_t record = {};
-    record.i_descriptor_number = static_cast<uint8_t>(i);
-    record.i_last_descriptor_number = static_cast<uint8_t>(parts.size() - 1);
-    std::memcpy(record.i_iso_639_code, mine.language.data(), 3);
-    for (Item& item : parts[i].items) {
-      const int at = record.i_entry_count++;
-      record.i_item_description[at] = item.name.data();
-      record.i_item_description_length[at] = static_cast<uint8_t>(item.name.size());
-      record.i_item[at] = item.text.data();
-      record.i_item_length[at] = static_cast<uint8_t>(item.text.size());
+    Bytes data = {static_cast<uint8_t>(i << 4 | (parts.size() - 1))};
+    append(&data, mine.language);
+    Bytes list;
+    for (const Item& item : parts[i].items) {
+      append_counted(&list, item.name);
+      append_counted(&list, item.text);
     }
-    record.i_text = parts[i].text.data();
-    record.i_text_length = static_cast<int>(parts[i].text.size());
-    loop->push_back(taken(dvbpsi_GenExtendedEventDr(&record, false)));
+    append_counted(&data, list);
+    append_counted(&data, parts[i].text);
+    loop->push_back({0x4E, data});
   }
 }
 
@@ -177,46 +180,40 @@ void add_components(const Json_node& event, const Text_defaults& defaults, Descr
   }
 }
 
+// EN 300 468, 6.2.9. libdvbpsi's generator writes one entry right, further ones not.
 void add_content(const Json_node& event, Descriptors* loop) {
   if (!event.has("content"))
     return;
   const auto nodes = event.list("content");
-  if (nodes.size() > DVBPSI_CONTENT_DR_MAX)
-    event.get("content").fail(fmt::format("{} entries, at most {} are allowed", nodes.size(), DVBPSI_CONTENT_DR_MAX));
-  dvbpsi_content_dr_t record = {};
+  if (nodes.size() > 127)
+    event.get("content").fail(fmt::format("{} entries, at most 127 are allowed", nodes.size()));
+  Bytes data;
   for (const Json_node& node : nodes) {
-    auto& entry = record.p_content[record.i_contents_number++];
-    if (node.value().is_object()) {
+    const bool object = node.value().is_object();
+    if (object)
       node.allow_only({"type", "user"});
-      entry.i_type = static_cast<uint8_t>(node.get("type").number(0, 255));
-      entry.i_user_byte = static_cast<uint8_t>(node.number_or("user", 0, 255, 0));
-    } else {
-      entry.i_type = static_cast<uint8_t>(node.number(0, 255));
-    }
+    data.push_back(static_cast<uint8_t>(object ? node.get("type").number(0, 255) : node.number(0, 255)));
+    data.push_back(static_cast<uint8_t>(object ? node.number_or("user", 0, 255, 0) : 0));
   }
-  loop->push_back(taken(dvbpsi_GenContentDr(&record, false)));
+  loop->push_back({0x54, data});
 }
 
+// EN 300 468, 6.2.28: 0x01 to 0x0F stand for the age minus 3. libdvbpsi's generator writes one entry right, further
+// ones not.
 void add_rating(const Json_node& event, Descriptors* loop) {
   if (!event.has("rating"))
     return;
   const auto nodes = event.list("rating");
-  if (nodes.size() > DVBPSI_PARENTAL_RATING_DR_MAX)
-    event.get("rating").fail(
-        fmt::format("{} entries, at most {} are allowed", nodes.size(), DVBPSI_PARENTAL_RATING_DR_MAX));
-  dvbpsi_parental_rating_dr_t record = {};
+  if (nodes.size() > 63)
+    event.get("rating").fail(fmt::format("{} entries, at most 63 are allowed", nodes.size()));
+  Bytes data;
   for (const Json_node& node : nodes) {
     node.allow_only({"country", "age", "value"});
-    auto& entry = record.p_parental_rating[record.i_ratings_number++];
-    for (char letter : node.get("country").three_letters())
-      entry.i_country_code = entry.i_country_code << 8 | static_cast<uint8_t>(letter);
-    // EN 300 468, 6.2.28: 0x01 to 0x0F stand for the age minus 3.
-    if (node.has("value"))
-      entry.i_rating = static_cast<uint8_t>(node.get("value").number(0, 255));
-    else
-      entry.i_rating = static_cast<uint8_t>(node.get("age").number(4, 18) - 3);
+    append(&data, node.get("country").three_letters());
+    data.push_back(
+        static_cast<uint8_t>(node.has("value") ? node.get("value").number(0, 255) : node.get("age").number(4, 18) - 3));
   }
-  loop->push_back(taken(dvbpsi_GenParentalRatingDr(&record, false)));
+  loop->push_back({0x55, data});
 }
 
 void add_time_offsets(const Json_node& time, int64_t now, Descriptors* loop) {

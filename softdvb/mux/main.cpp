@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include <CLI/CLI.hpp>
@@ -108,8 +109,8 @@ int main(int argc, char** argv) {
     return complain(WRONG_USE, "no description is named; see softdvb-mux --help");
   if (output_name.empty())
     return complain(WRONG_USE, "no output is named, use -o FILE; see softdvb-mux --help");
-  int64_t now = static_cast<int64_t>(std::time(nullptr));
-  if (!now_text.empty() && !parse_utc(now_text, &now))
+  std::optional<int64_t> now;
+  if (!now_text.empty() && !parse_utc(now_text, &now.emplace()))
     return complain(WRONG_USE, fmt::format("--now {} is no time such as 2026-03-01T18:00:00Z", now_text));
   std::string text;
   if (!read_all(description_name, &text))
@@ -117,11 +118,7 @@ int main(int argc, char** argv) {
   const bool terminal = !quiet && isatty(STDERR_FILENO) != 0;
   Bytes stream;
   try {
-    Description all = parse_description(text, now);
-    if (!now_text.empty() && all.now != now) {
-      all.document["now"] = now_text;
-      all = parse_description(all.document.dump(), now);
-    }
+    const Description all = parse_description(text, static_cast<int64_t>(std::time(nullptr)), now);
     stream = make_stream(all, [&](double part) {
       if (terminal)
         std::cerr << fmt::format("\r{}: {:3.0f} %", output_name, part * 100) << std::flush;

@@ -181,6 +181,11 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
       });
     }
     table.variants.push_back({at, encoder->take(dvbpsi_sdt_sections_generate(encoder->handle(), sdt), "an SDT")});
+    // libdvbpsi writes the table id of an SDT actual into every SDT.
+    for (Bytes& section : table.variants.back().sections) {
+      section[0] = actual ? 0x42 : 0x46;
+      write_crc(&section);
+    }
     dvbpsi_sdt_delete(sdt);
   }
   return table;
@@ -236,10 +241,13 @@ Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
   dvbpsi_tot_delete(tot);
   Bytes section = sections.front();
   section[1] |= 0x40;
-  // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. Not every libdvbpsi makes room for it.
+  // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. libdvbpsi makes no room for it, and
+  // takes a TOT without descriptors for a TDT.
   if (kind == TOT) {
-    const size_t without_crc = 10 + size_of(all.tot_descriptors);
-    section.resize(without_crc + 4);
+    section[0] = 0x73;
+    section.resize(10 + size_of(all.tot_descriptors) + 4);
+    section[8] = static_cast<uint8_t>(0xF0 | size_of(all.tot_descriptors) >> 8);
+    section[9] = static_cast<uint8_t>(size_of(all.tot_descriptors));
     section[1] = static_cast<uint8_t>((section[1] & 0xF0) | (section.size() - 3) >> 8);
     section[2] = static_cast<uint8_t>(section.size() - 3);
     write_crc(&section);

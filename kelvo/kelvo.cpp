@@ -131,8 +131,8 @@ int Kelvo::tune_to_freq(int freq, void* data, request_callback_t done) {
   return tune_to_freq(freq, -1, data, done);
 }
 
-bool Kelvo::scan_disturbed() {
-  if (tunings_ > 0 || filters_taken_)
+bool Kelvo::request_under_way() {
+  if (tunings_ > 0)
     return true;
   const std::lock_guard<std::mutex> lock(lock_);
   return request_.pending;

@@ -137,8 +137,8 @@ class KELVO_EXPORT Kelvo {
   bool tuned_to(int freq);
   bool tune(int freq);
   void post(const Request& request);
-  // True when the filters of the scan under way were, or are being, taken away by a host's request.
-  bool scan_disturbed();
+  // True while a host's request takes the worker's filters away or waits for the worker.
+  bool request_under_way();
 
   Sdbl* database_;
   int adapter_;

@@ -81,7 +81,7 @@ void Kelvo::Scan_loop::pass() {
     send_test_signal();
     if (!complete_scan())
       return;
-  } else if (kelvo_.scan_disturbed()) {
+  } else if (kelvo_.request_under_way()) {
     return;
   }
   answer_request();
@@ -244,7 +244,7 @@ bool Kelvo::Scan_loop::complete_scan() {
   const bool timed_out = scan_timer_.expired();
   const bool incomplete = filter_.eit_or_time_only_in_filter_list() == 0;
   // Asked after the list was looked at: a list emptied by a host's request is no complete scan.
-  if (kelvo_.scan_disturbed())
+  if (kelvo_.request_under_way())
     return false;
   if (incomplete && !timed_out) {
     timed_out_ = false;
@@ -264,6 +264,7 @@ void Kelvo::Scan_loop::finish_scan(bool timed_out) {
     filter_.print_filter_list();
   }
   const int result = merge(scanned_freq, timed_out);
+  kelvo_.filters_taken_ = false;
   // What stays are the guide on PID 18 and the time on PID 20.
   (void)filter_.remove_filter_pid_range(0, 17);
   (void)filter_.remove_filter_pid_range(19, 19);
@@ -290,8 +291,8 @@ int Kelvo::Scan_loop::merge(int scanned_freq, bool timed_out) {
   if (scan_mode_ == SCAN_PAT && timed_out &&
       (filter_.pid_tid_in_list(PID_PAT, TABLE_PAT) != 0 || filter_.pid_tid_in_list(PID_SDT, TABLE_SDT) != 0))
     return 0;
-  // A request may have taken the filters away since the pass began.
-  if (kelvo_.scan_disturbed())
+  // A request has taken the filters away: one that failed, or one that began during this pass.
+  if (kelvo_.request_under_way() || kelvo_.filters_taken_)
     return 0;
   return kelvo_.database_->update_master_scan_data(kelvo_.adapter_, kelvo_.type_, kelvo_.connector_, scanned_freq,
                                                    scan_mode_);

@@ -15,9 +15,11 @@
 //   state N                       message state, export in progress, clock valid
 //   readings N
 //   sql SQL                       one number
+//   control LINE                  to the software adapter
 //   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
 //
 // Lines of callbacks appear as they come: "done N RESULT", "change N CODE".
+#include <dlfcn.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -125,6 +127,11 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   } else if (command == "exists") {
     const std::string file = rest(in);
     say(std::string("exists ") + (access(file.c_str(), F_OK) == 0 ? "yes" : "no"));
+  } else if (command == "control") {
+    using Control = int (*)(const char* line);
+    const auto control = reinterpret_cast<Control>(dlsym(RTLD_DEFAULT, "softdvb_control"));
+    if (control == nullptr || control(rest(in).c_str()) != 0)
+      wrong(line);
   } else if (command == "sql") {
     say("sql " + std::to_string(ask(rest(in))));
   } else if (command == "wait_sql") {
@@ -203,7 +210,7 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global : {"open", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
+  for (const char* global : {"open", "verbosity", "sleep", "write", "exists", "control", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

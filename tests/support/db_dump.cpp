@@ -104,19 +104,35 @@ void add_event_summary(std::string* out, sqlite3* db) {
   }
 }
 
-}  // namespace
-
-std::string dump_database(const std::string& db_file, const Dump_options& options) {
+std::unique_ptr<sqlite3, Close> open_database(const std::string& db_file) {
   sqlite3* raw = nullptr;
   const int code = sqlite3_open_v2(db_file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  const std::unique_ptr<sqlite3, Close> db(raw);
+  std::unique_ptr<sqlite3, Close> db(raw);
   if (code != SQLITE_OK) {
     ADD_FAILURE() << db_file << ": " << sqlite3_errmsg(raw);
-    return "";
+    return nullptr;
   }
   const std::string guide = db_file.substr(0, db_file.rfind('.')) + "_epg.db";
   query(raw, "ATTACH DATABASE '" + guide + "' AS epg_db");
+  return db;
+}
 
+}  // namespace
+
+std::string query_database(const std::string& db_file, const std::string& sql) {
+  std::string out;
+  if (const auto db = open_database(db_file)) {
+    for (const auto& row : query(db.get(), sql))
+      out += line(row);
+  }
+  return out;
+}
+
+std::string dump_database(const std::string& db_file, const Dump_options& options) {
+  const auto db = open_database(db_file);
+  if (db == nullptr)
+    return "";
+  sqlite3* const raw = db.get();
   const std::string name = "ifnull((SELECT freq || '/' || pat_prnr FROM kanalid k WHERE k.channel = ";
   const std::string number = options.numbers ? "channel, " : "";
   std::string out;

@@ -15,6 +15,9 @@ struct Dump_options {
 // Fails the calling test (and returns what there is) when the database cannot be read.
 std::string dump_database(const std::string& db_file, const Dump_options& options = {});
 
+// All rows of a query, values joined by '|', a line a row. The guide is attached as epg_db.
+std::string query_database(const std::string& db_file, const std::string& sql);
+
 // Compares `text` with the reference tests/data/NAME; fails the calling test with the first differing line. With the
 // environment variable KELVO_COLLECT set, writes the reference instead. A reference that is missing is a failure.
 void expect_reference(const std::string& name, const std::string& text);

@@ -1,0 +1,303 @@
+// Frequency requests on made streams: what a host is told and what the database holds afterwards.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "scan/scan_run.h"
+
+using nlohmann::literals::operator""_json;
+
+namespace {
+
+constexpr char SCAN_ONCE[] =
+    "kelvo 0 tuner\n"
+    "freq 0 506000000\n"
+    "wait_done 0 100\n";
+
+}  // namespace
+
+TEST_F(Scan_test, first_scan_fills_the_channel_list) {
+  const Scan_run first = run(on_freq(stream()), std::string(SCAN_ONCE) + "state 0\n");
+  EXPECT_EQ("freq -1\ndone 0 0\nstate 1 0 1\nend\n", first.lines());
+  support::expect_reference("scan/first.txt", dump());
+}
+
+TEST_F(Scan_test, second_scan_finds_nothing_new_and_modifies_nothing) {
+  const Scan_run both = run(on_freq(stream()), std::string(SCAN_ONCE) +
+                                                   "sleep 5\n"
+                                                   "sql SELECT sum(modified) FROM kanalid\n"
+                                                   "verbosity 3\n"
+                                                   "freq 0 506000000\n"
+                                                   "wait_done 0 60\n"
+                                                   "verbosity 0\n"
+                                                   "sql SELECT sum(modified) FROM kanalid\n");
+  EXPECT_EQ("done 0 0\ndone 0 0\n", both.lines({"done", "change", "no"}));
+  EXPECT_EQ(1U, both.count_err("Scan from 2 for freq 506000000, ch_add 0, ch_delete 0, estrm_add 0, estrm_delete 0\n"));
+  const std::string sums = both.lines({"sql"});
+  EXPECT_EQ(sums.substr(0, sums.size() / 2), sums.substr(sums.size() / 2)) << "a row counts as modified";
+  support::expect_reference("scan/again.txt", dump());
+}
+
+TEST_F(Scan_test, lost_service_keeps_its_row_and_comes_back_with_its_number) {
+  run(on_freq(stream()), SCAN_ONCE);
+  run(on_freq(stream(R"([{ "op": "remove", "path": "/services/1" }])"_json)), SCAN_ONCE);
+  support::expect_reference("scan/service_lost.txt", dump());
+  run(on_freq(stream()), SCAN_ONCE);
+  support::expect_reference("scan/again.txt", dump());
+}
+
+TEST_F(Scan_test, new_service_is_added_behind_the_old_ones) {
+  run(on_freq(stream(R"([{ "op": "remove", "path": "/services/0" }])"_json)), SCAN_ONCE);
+  run(on_freq(stream()), SCAN_ONCE);
+  EXPECT_EQ("102|1\n103|2\n101|3\n", sql("SELECT pat_prnr, channel FROM kanalid ORDER BY channel"));
+  EXPECT_EQ("101|6\n102|2\n103|1\n",
+            sql("SELECT pat_prnr, count(*) FROM kanalid k, estreams e WHERE k.channel = e.channel GROUP BY pat_prnr"));
+}
+
+TEST_F(Scan_test, changed_pmt_changes_the_streams_at_the_next_scan) {
+  run(on_freq(stream()), SCAN_ONCE);
+  run(on_freq(stream(R"([{ "op": "replace", "path": "/services/0/streams/2/languages", "value": ["eng"] },
+                         { "op": "remove", "path": "/services/0/streams/4" },
+                         { "op": "add", "path": "/services/0/pmt_version", "value": 1 }])"_json)),
+      SCAN_ONCE);
+  support::expect_reference("scan/pmt_changed.txt", dump());
+}
+
+TEST_F(Scan_test, pat_that_is_not_there_ends_the_scan_after_40_seconds_with_nothing) {
+  const Scan_run late = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                [{ "fault": "missing", "table": "pat" }] }])"_json)),
+                            std::string("verbosity 1\n") + SCAN_ONCE);
+  EXPECT_EQ("done 0 0\n", late.lines({"done", "change", "no"}));
+  EXPECT_NEAR(39.5, late.at("done 0 0") - late.at("freq -1"), 1.0);
+  EXPECT_EQ(1U, late.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"
+                               "F0-S2-P0-T0 . Total 2\n"));
+  support::expect_reference("scan/nothing.txt", dump());
+}
+
+TEST_F(Scan_test, sdt_that_is_not_there_ends_the_scan_after_40_seconds_with_nothing) {
+  const Scan_run late = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                [{ "fault": "missing", "table": "sdt_actual" }] }])"_json)),
+                            std::string("verbosity 1\n") + SCAN_ONCE);
+  EXPECT_EQ("done 0 0\n", late.lines({"done", "change", "no"}));
+  EXPECT_NEAR(39.5, late.at("done 0 0") - late.at("freq -1"), 1.0);
+  EXPECT_EQ(1U, late.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"));
+  EXPECT_EQ("0|0|0\n", sql("SELECT (SELECT count(*) FROM kanalid), (SELECT count(*) FROM estreams), "
+                           "(SELECT count(*) FROM kanalid_lang)"));
+}
+
+TEST_F(Scan_test, time_out_is_silent_at_verbosity_0_but_for_the_list_of_filters) {
+  const Scan_run late = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                [{ "fault": "missing", "table": "pat" }] }])"_json)),
+                            SCAN_ONCE);
+  EXPECT_EQ(0U, late.count_err("timed out"));
+  EXPECT_EQ(1U, late.count_err("F0-S2-P0-T0 . Total 2\n"));
+}
+
+TEST_F(Scan_test, pmt_that_is_not_there_is_waited_for_and_the_rest_is_merged) {
+  const Scan_run late =
+      run(on_freq(stream(R"([{ "op": "add", "path": "/services/1/pmt", "value": false }])"_json)), SCAN_ONCE);
+  EXPECT_NEAR(39.5, late.at("done 0 0") - late.at("freq -1"), 1.0);
+  support::expect_reference("scan/pmt_missing.txt", dump());
+}
+
+TEST_F(Scan_test, quirk_nit_on_another_pid_is_not_read_and_the_scan_ends_by_time_out_without_ids) {
+  const Scan_run late = run(on_freq(stream(R"([{ "op": "add", "path": "/nit_pid", "value": 32 }])"_json)), SCAN_ONCE);
+  EXPECT_NEAR(39.5, late.at("done 0 0") - late.at("freq -1"), 1.0);
+  EXPECT_EQ("101|0|0|65535\n102|0|0|65535\n103|0|0|65535\n",
+            sql("SELECT pat_prnr, network_id, orig_network_id, lcn FROM kanalid ORDER BY pat_prnr"));
+}
+
+TEST_F(Scan_test, no_section_within_6_seconds_is_answered_with_minus_1_and_clears_the_filters) {
+  const Scan_run silent = run(on_freq(empty_stream()), std::string("verbosity 3\n") + SCAN_ONCE + "sleep 3\nstate 0\n");
+  EXPECT_EQ("done 0 -1\nstate 1 0 1\n", silent.lines({"done", "change", "no", "state"}));
+  EXPECT_NEAR(5.5, silent.at("done 0 -1") - silent.at("freq -1"), 1.2);
+  EXPECT_EQ(1U, silent.count_err("Mux is DVB-H or NO MPEG stream decoded, clearing filters and exiting scan loop\n"));
+  EXPECT_EQ(1U, silent.logged({"DMX_SET_FILTER pid=0x0 "}).size());
+  const std::vector<double> stops = silent.logged({"DMX_STOP"});
+  ASSERT_GE(stops.size(), 2U);
+  EXPECT_LT(stops[1], 8.0) << "both filters are stopped with the answer";
+  support::expect_reference("scan/nothing.txt", dump());
+}
+
+TEST_F(Scan_test, no_stream_is_not_told_at_verbosity_2) {
+  const Scan_run silent = run(on_freq(empty_stream()), std::string("verbosity 2\n") + SCAN_ONCE);
+  EXPECT_EQ("done 0 -1\n", silent.lines({"done"}));
+  EXPECT_EQ(0U, silent.count_err("Mux is DVB-H"));
+}
+
+TEST_F(Scan_test, request_without_data_is_never_answered) {
+  const Scan_run silent = run(on_freq(empty_stream()),
+                              "verbosity 3\n"
+                              "kelvo 0 tuner\n"
+                              "freq_without_data 0 506000000\n"
+                              "sleep 2\n"
+                              "state 0\n"
+                              "sleep 8\n"
+                              "state 0\n");
+  EXPECT_EQ("state 0 0 1\nstate 1 0 1\n", silent.lines({"done", "state"}));
+  EXPECT_EQ(1U, silent.count_err("Mux is DVB-H or NO MPEG stream decoded"));
+
+  const Scan_run complete = run(on_freq(stream()),
+                                "kelvo 0 tuner\n"
+                                "freq_without_data 0 506000000\n"
+                                "wait_sql 30 SELECT count(*) FROM kanalid\n"
+                                "sleep 5\n"
+                                "state 0\n");
+  EXPECT_EQ("true\nstate 0 0 1\n", complete.lines({"done", "state", "true", "never"}));
+}
+
+TEST_F(Scan_test, quirk_dvb_h_is_answered_with_minus_1_at_every_pass) {
+  for (const char* status : {"0x9f", "0x11f"}) {
+    std::vector<std::string> options = on_freq(empty_stream());
+    options.insert(options.end(), {"--signal", std::string("506000000:status=") + status});
+    const Scan_run dvbh = run(options, std::string("verbosity 4\n") + SCAN_ONCE + "sleep 3\nstate 0\n");
+    EXPECT_GE(dvbh.at("done 0 -1"), 0) << status;
+    EXPECT_LT(dvbh.at("done 0 -1") - dvbh.at("freq -1"), 2.0);
+    EXPECT_EQ("done 0 -1\ndone 0 -1\n", dvbh.lines({"done"}).substr(0, 20)) << "it is said again";
+    EXPECT_GE(dvbh.count_err("DVB-H channel, status is " + std::string(status + 2)), 2U);
+    EXPECT_EQ("0\n", sql("SELECT count(*) FROM kanalid"));
+  }
+}
+
+TEST_F(Scan_test, frequency_without_lock_is_refused_after_three_checks) {
+  const Scan_run none = run(on_freq(stream()),
+                            "kelvo 0 tuner\n"
+                            "freq 0 538000000\n"
+                            "sleep 10\n"
+                            "state 0\n");
+  EXPECT_EQ("freq 0\nstate 1 0 1\nend\n", none.lines());
+  EXPECT_EQ(3U, none.logged({"FE_GET_FRONTEND freq=538000000"}).size());
+  support::expect_reference("scan/nothing.txt", dump());
+}
+
+TEST_F(Scan_test, frequency_outside_the_frontend_s_range_is_refused) {
+  const Scan_run none = run(on_freq(stream()),
+                            "kelvo 0 tuner\n"
+                            "freq 0 900000000\n");
+  EXPECT_EQ("freq 0\n", none.lines({"freq", "done"}));
+  EXPECT_EQ(1U, none.count_err("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n"));
+}
+
+TEST_F(Scan_test, passive_scan_reads_whatever_stream_arrives_under_the_frequency_asked_for) {
+  std::vector<std::string> options = on_freq(stream());
+  options.insert(options.end(), {"--tuned", "506000000"});
+  const Scan_run passive = run(options,
+                               "kelvo 0 passive\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 60\n"
+                               "readings 0\n");
+  EXPECT_EQ("freq -1\ndone 0 0\nreadings 0 -24.0 32 1.00 0.1\n", passive.lines({"freq", "done", "readings"}));
+  EXPECT_EQ(1U, passive.count_err("Tuner disconnected, passive stream scan\n"));
+  EXPECT_TRUE(passive.logged({"frontend0"}).empty());
+  support::expect_reference("scan/first.txt", dump());
+}
+
+TEST_F(Scan_test, tuner_connected_later_is_used) {
+  const Scan_run later = run(on_freq(stream()),
+                             "kelvo 0 passive\n"
+                             "tuner 0 on\n"
+                             "freq 0 506000000\n"
+                             "wait_done 0 60\n"
+                             "tuner 0 off\n"
+                             "readings 0\n"
+                             "tuner 0 on\n"
+                             "freq 0 506000000\n"
+                             "wait_done 0 60\n");
+  EXPECT_EQ("freq -1\ndone 0 0\nreadings 0 -24.0 32 1.00 0.1\nfreq -1\ndone 0 0\n",
+            later.lines({"freq", "done", "readings"}));
+  EXPECT_EQ("3\n", sql("SELECT count(*) FROM kanalid"));
+}
+
+TEST_F(Scan_test, four_adapters_scan_at_once_into_one_database) {
+  std::vector<std::string> options;
+  std::string create;
+  std::string ask;
+  std::string wait;
+  for (int n = 0; n < 4; ++n) {
+    const std::string freq = std::to_string(FREQ + n * 8000000);
+    const Json patch = {
+        {{"op", "replace"}, {"path", "/transport_stream_id"}, {"value", 7 + n}},
+        {{"op", "replace"}, {"path", "/network/transport_streams/0/transport_stream_id"}, {"value", 7 + n}},
+        {{"op", "replace"}, {"path", "/network/transport_streams/0/delivery/frequency"}, {"value", FREQ + n * 8000000}},
+        {{"op", "replace"}, {"path", "/services/0/name"}, {"value", "Laine " + std::to_string(n)}}};
+    options.insert(options.end(), {"--adapter", std::to_string(n), "--mux", freq + "=" + stream(patch)});
+    const std::string number = std::to_string(n);
+    create += "kelvo " + number + " tuner\n";
+    ask += "freq " + number + " " + freq + "\n";
+    wait += "wait_done " + number + " 60\n";
+  }
+  const Scan_run all = run(options, create + ask + wait + ask + wait);
+  EXPECT_EQ("", all.lines({"no", "change"}));
+  EXPECT_EQ(0U, all.count_err("ERROR: SQL"));
+  support::expect_reference("scan/four_adapters.txt", dump({.numbers = false}));
+}
+
+TEST_F(Scan_test, paused_scan_keeps_its_state_and_merges_nothing_until_it_goes_on) {
+  // The SDT begins late, so the scan is in the middle when it is paused; for longer than a scan may take.
+  const Scan_run paused = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                  [{ "fault": "drop", "table": "sdt_actual", "to": 10 }] }])"_json)),
+                              "verbosity 1\n"
+                              "kelvo 0 tuner\n"
+                              "freq 0 506000000\n"
+                              "sleep 4\n"
+                              "scan 0 off\n"
+                              "sleep 60\n"
+                              "state 0\n"
+                              "sql SELECT count(*) FROM kanalid\n"
+                              "sql SELECT count(*) FROM kanalid_scan_0\n"
+                              "scan 0 on\n"
+                              "wait_done 0 60\n");
+  EXPECT_EQ("freq -1\nstate 0 0 1\nsql 0\nsql 3\ndone 0 0\nend\n", paused.lines());
+  EXPECT_EQ(0U, paused.count_err("timed out"));
+  EXPECT_EQ(1U, paused.count_err("WARNING: Stopping kelvo scanner\n"));
+  EXPECT_EQ(2U, paused.count_err("WARNING: Starting kelvo PAT/PMT"));
+  support::expect_reference("scan/first.txt", dump());
+}
+
+TEST_F(Scan_test, request_switches_a_paused_adapter_on) {
+  const Scan_run paused =
+      run(on_freq(stream()), std::string(SCAN_ONCE) + "scan 0 off\nsleep 3\n" + "freq 0 506000000\nwait_done 0 60\n");
+  EXPECT_EQ("done 0 0\ndone 0 0\n", paused.lines({"done", "no"}));
+}
+
+TEST_F(Scan_test, new_request_replaces_one_that_is_not_answered) {
+  std::vector<std::string> options = on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                        [{ "fault": "missing", "table": "sdt_actual" }] }])"_json));
+  options.insert(options.end(), {"--mux", "514000000=" + stream()});
+  const Scan_run replaced = run(options,
+                                "kelvo 0 tuner\n"
+                                "freq 0 506000000\n"
+                                "sleep 3\n"
+                                "freq 0 514000000\n"
+                                "wait_done 0 60\n"
+                                "sleep 50\n");
+  EXPECT_EQ("freq -1\nfreq -1\ndone 0 0\nend\n", replaced.lines());
+  EXPECT_EQ("514000000|3\n", sql("SELECT freq, count(*) FROM kanalid GROUP BY freq"));
+}
+
+TEST_F(Scan_test, request_that_fails_ends_the_scan_under_way_without_a_merge) {
+  for (const char* freq : {"538000000", "900000000"}) {
+    const Scan_run failed = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                    [{ "fault": "missing", "table": "sdt_actual" }] }])"_json)),
+                                "kelvo 0 tuner\n"
+                                "freq 0 506000000\n"
+                                "wait_sql 10 SELECT count(*) FROM estreams_scan_0\n"
+                                "freq 0 " +
+                                    std::string(freq) +
+                                    "\n"
+                                    "sleep 5\n");
+    EXPECT_EQ("freq -1\ntrue\nfreq 0\ndone 0 0\nend\n", failed.lines()) << freq;
+    EXPECT_EQ("0\n", sql("SELECT count(*) FROM kanalid")) << freq;
+  }
+}
+
+TEST_F(Scan_test, scan_ends_with_the_last_section_that_it_needed) {
+  // Everything is there at once but the NIT, which begins 2 s after the tuning.
+  const Scan_run timed = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                 [{ "fault": "drop", "table": "nit_actual", "to": 2 }] }])"_json)),
+                             SCAN_ONCE, 1);
+  const double took = timed.at("done 0 0") - timed.at("freq -1");
+  EXPECT_GT(took, 1.5);
+  EXPECT_LT(took, 2.0 + 0.1 + 0.3);
+  support::expect_reference("scan/first.txt", dump());
+}

@@ -1,41 +1,15 @@
 #include "scan/scan_run.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
 #include "softdvb/mux/stream.h"
-
-extern char** environ;
+#include "support/softdvb.h"
 
 namespace {
 
 constexpr char NOW[] = "1772388000";  // 2026-03-01 18:00 UTC
-
-// Runs a program with its output in files; its exit code, or -1.
-int run_program(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
-  std::vector<char*> arguments;
-  for (const std::string& word : words)
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t child = 0;
-  const int result = posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  if (result != 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
-    return -1;
-  return WEXITSTATUS(status);
-}
 
 std::vector<Host_event> read_events(const std::string& text) {
   std::vector<Host_event> events;
@@ -115,24 +89,16 @@ std::vector<std::string> Scan_test::on_freq(const std::string& file) {
 
 Scan_run Scan_test::run(std::vector<std::string> options, const std::string& script, int speed) {
   const std::string script_file = folder_.file("script");
-  const std::string out = folder_.file("out");
-  const std::string err = folder_.file("err");
-  const std::string log = folder_.file("log");
   support::write_file(script_file, "open " + database() + "\n" + script);
-  std::vector<std::string> words = {
-      SOFTDVB_PROGRAM, "--root", sandbox(), "--log", log, "--now", NOW, "--time", "x" + std::to_string(speed)};
-  words.insert(words.end(), options.begin(), options.end());
-  words.insert(words.end(), {"--", SCAN_HOST_PROGRAM, script_file});
-  std::error_code ignored;
-  std::filesystem::create_directories(sandbox(), ignored);
-  std::filesystem::remove(log, ignored);
+  std::filesystem::create_directories(sandbox());
+  options.insert(options.begin(), {"--root", sandbox(), "--now", NOW, "--time", "x" + std::to_string(speed)});
 
-  const int code = run_program(words, out, err);
+  const support::Softdvb_run ended = support::run_softdvb(options, {SCAN_HOST_PROGRAM, script_file});
   Scan_run result;
-  result.events = read_events(support::read_file(out));
-  result.err = support::read_file(err);
-  result.log = support::read_file(log);
-  EXPECT_EQ(0, code) << result.lines() << result.err;
+  result.events = read_events(ended.out);
+  result.err = ended.err;
+  result.log = ended.log;
+  EXPECT_EQ(0, ended.exit_code) << result.lines() << result.err;
   EXPECT_TRUE(!result.events.empty() && result.events.back().what == "end") << result.lines() << result.err;
   return result;
 }

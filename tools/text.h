@@ -5,8 +5,8 @@
 
 // A text that came off the air, made fit for a screen: valid UTF-8, no control characters (so that no broadcaster talks
 // to the terminal), no characters that turn the direction of writing, no leading selector byte, line breaks and tabs as
-// blanks, no blanks around it. A text that still has two bytes a character (selector 0x11) is converted. Bytes that are
-// not UTF-8 become U+FFFD.
+// blanks, no blanks around it. A text that has two bytes a character (selector 0x11) is converted, also when it was
+// stored with each two of them joined to one. Bytes that are not UTF-8 become U+FFFD.
 std::string clean_text(std::string_view text);
 
 // Hz as MHz, as people say it: "506.000 MHz".

@@ -277,6 +277,13 @@ bool check_database(const std::string& file) {
   return exists;
 }
 
+void remove_database(const std::string& file) {
+  char guide[4096];
+  Sdbl::mapto_epg_filename(guide, file.c_str());
+  (void)unlink(file.c_str());
+  (void)unlink(guide);
+}
+
 Channel_db::Channel_db(const std::string& file) : file_(file) {
   struct stat status {};
   if (stat(file.c_str(), &status) != 0) {

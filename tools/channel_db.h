@@ -55,6 +55,9 @@ void make_folders_for(const std::string& file);
 // and may be written, or nothing where one can be made. Returns true when it exists. Throws Failure; changes nothing.
 bool check_database(const std::string& file);
 
+// Removes `file` and the guide's file.
+void remove_database(const std::string& file);
+
 // A read-only connection of the command's own.
 class Channel_db {
  public:

@@ -112,7 +112,15 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   } catch (const no_file_error& error) {
     throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
   }
-  check_writable();
+  try {
+    check_writable();
+  } catch (const Failure&) {
+    database.reset();
+    if (!exists) {
+      remove_database(db_);
+    }
+    throw;
+  }
   reader_ = std::make_unique<Channel_db>(db_);
   for (const auto& [number, frontend] : frontends) {
     adapters_[number] = std::make_unique<Scan_adapter>(number, frontend, database.get(), &list_, &events_);

@@ -125,7 +125,8 @@ class Maker {
   // Adds a source whose period divides the length of the stream, so that the pace is kept across the loop.
   void add(Source source, double interval) {
     const double wanted = std::min(interval, loop_seconds_);
-    source.period = loop_seconds_ / std::ceil(loop_seconds_ / wanted - 1e-9);
+    // The stream is up to half a packet longer than asked for, which shall not cost a transmission more.
+    source.period = loop_seconds_ / std::ceil(loop_seconds_ / wanted * 0.999);
     source.phase = std::fmod(source.phase, source.period);
     sources_.push_back(source);
   }

@@ -140,7 +140,7 @@ TEST(MuxEit, present_and_following_change_with_the_time) {
       order.push_back(text);
   }
   EXPECT_EQ(order, (Lines{"v0 0/1/1 4e0007eeac1700000100029000", "v0 1/1/1 4e0003eeac1800020100004000",
-                          "v1 1/1/1 4e0001eeac2000000100002000", "v1 0/1/1 4e0003eeac1800020100004000"}));
+                          "v1 0/1/1 4e0003eeac1800020100004000", "v1 1/1/1 4e0001eeac2000000100002000"}));
 }
 
 TEST(MuxEit, present_is_empty_where_nothing_runs) {

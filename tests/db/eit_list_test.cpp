@@ -1,0 +1,194 @@
+#include <time.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "db_support.h"
+#include "support/support.h"
+
+using db_support::run;
+using support::stderr_of;
+
+namespace {
+
+constexpr int FREQ = 506000000;
+constexpr int TYPE = 1;
+constexpr int CONN = 2;
+
+class Eit_list : public testing::Test {
+ protected:
+  Eit_list() : sdbl_(dir_.file("a.db").c_str()) {}
+  ~Eit_list() override {
+    sdbl_.clear_eit_scan_list(&list_);
+    verbosity_kelvo = 0;
+  }
+
+  void service(int channel, int program, int pcr_pid = 300, int serv_type = 1, int freq = FREQ) {
+    sdbl_.sql_cache(true, 0,
+                    "INSERT INTO kanalid (channel, hf_conn, dvb_type, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) "
+                    "VALUES ($a, $b, $c, $d, $e, $f, $g, $h)",
+                    channel, CONN, TYPE, freq, program, 100 + program, pcr_pid, serv_type);
+  }
+  void event(int channel, int ev_id, int start, int duration) {
+    sdbl_.sql_cache(true, 0, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES ($a, $b, $c, $d)",
+                    channel, ev_id, start, duration);
+  }
+  void get(SCAN_STATE state = SCAN_EIT) {
+    EXPECT_EQ(sdbl_.get_eit_scan_list(0, TYPE, CONN, FREQ, &list_, state), &list_);
+  }
+  static itimerspec timer_of(const SQL_cache* entry) {
+    itimerspec value{};
+    EXPECT_EQ(timer_gettime(entry->timer, &value), 0);
+    return value;
+  }
+
+  support::Temp_dir dir_;
+  Sdbl sdbl_;
+  std::list<SQL_cache*> list_;
+};
+
+}  // namespace
+
+TEST(Epg_cache_order, is_by_start_signed) {
+  const EPG_cache early{-5, 9, 9};
+  const EPG_cache late{5, 1, 1};
+  EXPECT_TRUE(cmp_epg_cache(&early, &late));
+  EXPECT_FALSE(cmp_epg_cache(&late, &early));
+  EXPECT_FALSE(cmp_epg_cache(&late, &late));
+}
+
+TEST_F(Eit_list, a_multiplex_without_television_leaves_the_list_as_it_is) {
+  get();
+  EXPECT_TRUE(list_.empty());
+  service(1, 10, 300, 2);
+  service(2, 11, 300, 25);
+  service(3, 12, 300, 1, FREQ + 1);
+  get();
+  EXPECT_TRUE(list_.empty());
+}
+
+TEST_F(Eit_list, entries_have_their_initial_values) {
+  service(5, 10);
+  service(7, 11);
+  get();
+  ASSERT_EQ(list_.size(), 2u);
+  const SQL_cache* entry = list_.front();
+  EXPECT_EQ(entry->pat_prnr, 10);
+  EXPECT_EQ(entry->pmt_pid, 110);
+  EXPECT_EQ(entry->scan_mark, -1);
+  EXPECT_EQ(entry->channel, 5);
+  EXPECT_TRUE(entry->active);
+  EXPECT_FALSE(entry->done);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_TRUE(entry->epg.empty());
+  EXPECT_EQ(list_.back()->channel, 7);
+}
+
+TEST_F(Eit_list, a_service_without_a_pcr_pid_has_no_pmt_pid) {
+  service(5, 10, 0);
+  get();
+  ASSERT_EQ(list_.size(), 1u);
+  EXPECT_EQ(list_.front()->pmt_pid, 0);
+}
+
+TEST_F(Eit_list, lost_services_are_listed_too) {
+  service(5, 10);
+  run(sdbl_, "UPDATE kanalid SET scan_state = 0, row_status = 1");
+  get();
+  EXPECT_EQ(list_.size(), 1u);
+}
+
+TEST_F(Eit_list, timers_run_for_ten_seconds) {
+  service(5, 10);
+  get();
+  const itimerspec value = timer_of(list_.front());
+  EXPECT_EQ(value.it_interval.tv_sec, 10);
+  EXPECT_EQ(value.it_interval.tv_nsec, 0);
+  EXPECT_GE(value.it_value.tv_sec, 8);
+  EXPECT_LE(value.it_value.tv_sec, 10);
+}
+
+TEST_F(Eit_list, stored_events_are_sorted_by_start_not_by_id) {
+  service(5, 10);
+  service(6, 11);
+  event(5, 1, 3000, 30);
+  event(5, 2, 1000, 10);
+  event(5, 3, 2000, 20);
+  event(6, 4, 500, 5);
+  get();
+  ASSERT_EQ(list_.size(), 2u);
+  const std::vector<EPG_cache*>& epg = list_.front()->epg;
+  ASSERT_EQ(epg.size(), 3u);
+  EXPECT_EQ(epg[0]->start_epoch, 1000);
+  EXPECT_EQ(epg[0]->ev_id, 2);
+  EXPECT_EQ(epg[0]->dur_sec, 10);
+  EXPECT_EQ(epg[1]->start_epoch, 2000);
+  EXPECT_EQ(epg[2]->start_epoch, 3000);
+  ASSERT_EQ(list_.back()->epg.size(), 1u);
+  EXPECT_EQ(list_.back()->epg[0]->ev_id, 4);
+}
+
+TEST_F(Eit_list, another_state_prints_one_error_and_builds_the_list) {
+  service(5, 10);
+  for (const SCAN_STATE state : {SCAN_NONE, SCAN_PMT, SCAN_PAT}) {
+    sdbl_.clear_eit_scan_list(&list_);
+    EXPECT_EQ(stderr_of([&] { get(state); }),
+              "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using "
+              "this table\n");
+    EXPECT_EQ(list_.size(), 1u);
+  }
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { get(SCAN_PAT); }), "");
+}
+
+TEST_F(Eit_list, entries_are_appended) {
+  service(5, 10);
+  get();
+  SQL_cache* first = list_.front();
+  service(6, 11);
+  get();
+  ASSERT_EQ(list_.size(), 3u);
+  EXPECT_EQ(list_.front(), first);
+  EXPECT_EQ(list_.back()->channel, 6);
+}
+
+TEST_F(Eit_list, resetting_starts_a_new_round_and_keeps_the_events) {
+  service(5, 10);
+  event(5, 1, 3000, 30);
+  get();
+  SQL_cache* entry = list_.front();
+  entry->active = false;
+  entry->done = true;
+  entry->count = 7;
+  entry->scan_mark = 9;
+  itimerspec off{};
+  timer_settime(entry->timer, 0, &off, nullptr);
+  sdbl_.reset_eit_scan_list(&list_);
+  EXPECT_TRUE(entry->active);
+  EXPECT_FALSE(entry->done);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_EQ(entry->scan_mark, -1);
+  EXPECT_EQ(entry->channel, 5);
+  EXPECT_EQ(entry->epg.size(), 1u);
+  EXPECT_GE(timer_of(entry).it_value.tv_sec, 8);
+  EXPECT_EQ(timer_of(entry).it_interval.tv_sec, 10);
+}
+
+TEST_F(Eit_list, clearing_deletes_timers_and_empties_the_list) {
+  service(5, 10);
+  get();
+  const timer_t timer = list_.front()->timer;
+  sdbl_.clear_eit_scan_list(&list_);
+  EXPECT_TRUE(list_.empty());
+  itimerspec value{};
+  EXPECT_EQ(timer_gettime(timer, &value), -1);
+  sdbl_.clear_eit_scan_list(&list_);
+}
+
+TEST_F(Eit_list, a_failing_database_leaves_the_list_as_it_is) {
+  run(sdbl_, "DROP TABLE kanalid");
+  verbosity_kelvo = -1;
+  get();
+  EXPECT_TRUE(list_.empty());
+}

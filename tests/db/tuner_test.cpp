@@ -1,0 +1,230 @@
+#include <linux/dvb/frontend.h>
+
+#include <cstring>
+
+#include <climits>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "db_support.h"
+#include "support/support.h"
+
+using db_support::rows;
+using db_support::run;
+using support::stderr_of;
+using testing::HasSubstr;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr int FREQ = 506000000;
+constexpr char LINE[] = "Fr:  506000000 Bw:  0 CrH:  3 CrL:  3 Mod:  3 TrM:  2 Grd:  0 Hir:  0";
+
+struct Fields {
+  int bandwidth = 0;
+  int constellation = 2;
+  int hierarchy = 0;
+  int code_rate_hp = 2;
+  int code_rate_lp = 2;
+  int guard_interval = 0;
+  int transmission_mode = 1;
+};
+
+class Tuner_table : public testing::Test {
+ protected:
+  Tuner_table() : sdbl_(dir_.file("a.db").c_str()) {}
+  ~Tuner_table() override { verbosity_kelvo = 0; }
+
+  void store(const Fields& f, int type = 1, int connector = 1, int freq = FREQ) {
+    sdbl_.terrestrial_tuner_info(type, connector, freq, f.bandwidth, f.constellation, f.hierarchy, f.code_rate_hp,
+                                 f.code_rate_lp, f.guard_interval, f.transmission_mode);
+  }
+  Texts lines() { return rows(sdbl_, "SELECT tuner_params FROM tuner_table"); }
+
+  support::Temp_dir dir_;
+  Sdbl sdbl_;
+};
+
+// One field, the values it may have and what is stored for each; then values that it may not have.
+struct Mapping {
+  const char* legend;
+  int Fields::*field;
+  const char* label;
+  std::vector<std::pair<int, int>> stored;
+  std::vector<int> invalid;
+};
+
+const Mapping MAPPINGS[] = {
+    {"bandwidth", &Fields::bandwidth, "Bw: ", {{0, 0}, {1, 1}, {2, 2}}, {3, 4, 7, -1, INT_MAX, INT_MIN}},
+    {"constellation", &Fields::constellation, "Mod: ", {{0, 0}, {1, 1}, {2, 3}}, {3, 4, -1, INT_MAX, INT_MIN}},
+    {"hierarchy", &Fields::hierarchy, "Hir: ", {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 0}, {6, 2}, {7, 3}, {-1, 3}}, {}},
+    {"code rate HP", &Fields::code_rate_hp, "CrH: ", {{0, 1}, {1, 2}, {2, 3}, {3, 5}, {4, 7}}, {5, 6, 7, -1, INT_MAX}},
+    {"code rate LP", &Fields::code_rate_lp, "CrL: ", {{0, 1}, {1, 2}, {2, 3}, {3, 5}, {4, 7}}, {5, 6, 7, -1, INT_MAX}},
+    {"guard interval", &Fields::guard_interval, "Grd: ", {{0, 0}, {1, 1}, {2, 2}, {3, 3}}, {4, -1, INT_MAX, INT_MIN}},
+};
+
+}  // namespace
+
+TEST_F(Tuner_table, a_line_has_its_exact_form) {
+  store(Fields{});
+  EXPECT_EQ(rows(sdbl_, "SELECT freq, dvb_type, hf_conn, tuner_params FROM tuner_table"),
+            (Texts{std::string("506000000|1|1|") + LINE}));
+}
+
+TEST_F(Tuner_table, every_valid_value_is_converted) {
+  int freq = 1;
+  for (const Mapping& mapping : MAPPINGS)
+    for (const auto& [value, stored] : mapping.stored) {
+      Fields fields;
+      fields.*mapping.field = value;
+      store(fields, 1, 1, ++freq);
+      const std::string expected = mapping.label + std::string(" ") + std::to_string(stored);
+      EXPECT_THAT(rows(sdbl_, "SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
+                  testing::ElementsAre(HasSubstr(expected)))
+          << mapping.legend << " " << value;
+    }
+}
+
+TEST_F(Tuner_table, quirk_transmission_modes_1_and_2_are_exchanged) {
+  int freq = 1;
+  for (const auto& [value, stored] : std::vector<std::pair<int, std::string>>{{0, "0"}, {1, "2"}, {2, "1"}}) {
+    Fields fields;
+    fields.transmission_mode = value;
+    store(fields, 1, 1, ++freq);
+    EXPECT_THAT(rows(sdbl_, "SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
+                testing::ElementsAre(HasSubstr("TrM:  " + stored)));
+  }
+}
+
+TEST_F(Tuner_table, every_invalid_value_stores_nothing_and_warns) {
+  std::vector<Mapping> mappings(std::begin(MAPPINGS), std::end(MAPPINGS));
+  mappings.push_back({"transmission mode", &Fields::transmission_mode, "", {}, {3, 4, -1, INT_MAX}});
+  for (const Mapping& mapping : mappings)
+    for (const int value : mapping.invalid) {
+      Fields fields;
+      fields.*mapping.field = value;
+      verbosity_kelvo = 0;
+      EXPECT_EQ(stderr_of([&] { store(fields); }), "");
+      verbosity_kelvo = 1;
+      EXPECT_EQ(stderr_of([&] { store(fields); }), "WARNING: Incorrect parameters for linux-dvb\n")
+          << mapping.legend << " " << value;
+    }
+  EXPECT_EQ(lines(), Texts{});
+}
+
+TEST_F(Tuner_table, storing_warns_with_the_line) {
+  EXPECT_EQ(stderr_of([&] { store(Fields{}); }), "");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { store(Fields{}, 1, 1, FREQ); }), std::string("WARNING: Dvb parameters ") + LINE + "\n");
+}
+
+TEST_F(Tuner_table, the_same_parameters_again_change_nothing) {
+  store(Fields{});
+  verbosity_kelvo = 1;
+  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
+  EXPECT_EQ(lines(), (Texts{LINE}));
+}
+
+TEST_F(Tuner_table, quirk_a_stored_line_is_never_updated) {
+  store(Fields{});
+  Fields changed;
+  changed.bandwidth = 1;
+  verbosity_kelvo = 1;
+  EXPECT_THAT(stderr_of([&] { store(changed); }), HasSubstr("WARNING: Updating parameters for dvb-t tuner\n"));
+  EXPECT_EQ(lines(), (Texts{LINE}));
+}
+
+TEST_F(Tuner_table, connector_and_type_equal_find_the_line_again) {
+  store(Fields{});
+  dvb_frontend_parameters out{};
+  out.inversion = INVERSION_AUTO;
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ, &out), 1);
+  EXPECT_EQ(out.frequency, 506000000u);
+  EXPECT_EQ(out.inversion, INVERSION_OFF);
+  EXPECT_EQ(out.u.ofdm.bandwidth, 0u);
+  EXPECT_EQ(out.u.ofdm.code_rate_HP, FEC_3_4);
+  EXPECT_EQ(out.u.ofdm.code_rate_LP, FEC_3_4);
+  EXPECT_EQ(out.u.ofdm.constellation, QAM_64);
+  EXPECT_EQ(static_cast<int>(out.u.ofdm.transmission_mode), 2);
+  EXPECT_EQ(out.u.ofdm.guard_interval, GUARD_INTERVAL_1_32);
+  EXPECT_EQ(out.u.ofdm.hierarchy_information, HIERARCHY_NONE);
+}
+
+TEST_F(Tuner_table, an_unknown_frequency_fills_nothing) {
+  store(Fields{});
+  dvb_frontend_parameters out;
+  std::memset(&out, 0x5A, sizeof out);
+  const dvb_frontend_parameters before = out;
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ + 1, &out), 0);
+  EXPECT_EQ(sdbl_.fill_frontend_control(2, 1, FREQ, &out), 0);
+  EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
+}
+
+TEST_F(Tuner_table, quirk_connector_and_type_are_exchanged_in_lookups) {
+  store(Fields{}, 1, 2);  // type 1, connector 2
+  EXPECT_EQ(rows(sdbl_, "SELECT dvb_type, hf_conn FROM tuner_table"), (Texts{"1|2"}));
+  dvb_frontend_parameters out{};
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 2, FREQ, &out), 0);
+  EXPECT_EQ(sdbl_.fill_frontend_control(2, 1, FREQ, &out), 1);
+}
+
+TEST_F(Tuner_table, quirk_connector_and_type_different_store_once_and_then_fail_each_time) {
+  store(Fields{}, 1, 2);
+  EXPECT_THAT(stderr_of([&] { store(Fields{}, 1, 2); }),
+              testing::StartsWith("ERROR: Sqlite_step failed for INSERT into tuner_table (freq, dvb_type,hf_conn, "
+                                  "tuner_params) VALUES ( $freq, $dvb_type, $hf_conn, @tuner_params)  , error UNIQUE "
+                                  "constraint failed: tuner_table.freq, tuner_table.hf_conn, tuner_table.dvb_type\n"));
+  EXPECT_EQ(lines(), (Texts{LINE}));
+}
+
+TEST_F(Tuner_table, a_line_with_fewer_numbers_fills_what_it_has) {
+  run(sdbl_, "INSERT INTO tuner_table VALUES (5, 1, 1, 'Fr:  506000000 Bw:  1 CrH:  2 nonsense')");
+  dvb_frontend_parameters out{};
+  out.u.ofdm.code_rate_LP = FEC_AUTO;
+  out.u.ofdm.guard_interval = GUARD_INTERVAL_1_4;
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, 5, &out), 1);
+  EXPECT_EQ(out.frequency, 506000000u);
+  EXPECT_EQ(out.u.ofdm.bandwidth, BANDWIDTH_7_MHZ);
+  EXPECT_EQ(out.u.ofdm.code_rate_HP, FEC_2_3);
+  EXPECT_EQ(out.u.ofdm.code_rate_LP, FEC_AUTO);
+  EXPECT_EQ(out.u.ofdm.guard_interval, GUARD_INTERVAL_1_4);
+}
+
+TEST_F(Tuner_table, a_line_of_nonsense_fills_only_the_inversion) {
+  run(sdbl_, "INSERT INTO tuner_table VALUES (5, 1, 1, 'hello')");
+  run(sdbl_, "INSERT INTO tuner_table VALUES (6, 1, 1, NULL)");
+  for (const int freq : {5, 6}) {
+    dvb_frontend_parameters out{};
+    out.frequency = 77;
+    out.inversion = INVERSION_AUTO;
+    EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, freq, &out), 1);
+    EXPECT_EQ(out.frequency, 77u);
+    EXPECT_EQ(out.inversion, INVERSION_OFF);
+  }
+}
+
+TEST_F(Tuner_table, quirk_a_failing_database_returns_non_zero_and_fills_nothing) {
+  run(sdbl_, "DROP TABLE tuner_table");
+  dvb_frontend_parameters out;
+  std::memset(&out, 0x5A, sizeof out);
+  const dvb_frontend_parameters before = out;
+  verbosity_kelvo = 1;
+  int rc = 0;
+  EXPECT_THAT(stderr_of([&] { rc = sdbl_.fill_frontend_control(1, 1, FREQ, &out); }),
+              testing::EndsWith("WARNING: Failed to get tuner data\n"));
+  EXPECT_NE(rc, 0);
+  EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
+  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::EndsWith("WARNING: failed to access tuner_table\n"));
+}
+
+TEST_F(Tuner_table, parameters_outlive_the_connection) {
+  store(Fields{});
+  sdbl_.close_db();
+  sdbl_.open_db();
+  dvb_frontend_parameters out{};
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ, &out), 1);
+  EXPECT_EQ(out.frequency, 506000000u);
+  verbosity_kelvo = -1;
+}

@@ -69,8 +69,11 @@ Sdbl::Sdbl(const char* db_file)
 Sdbl::~Sdbl() {
   free_prepared_queries();
   close_db();
-  for (sqlite3* conn : replaced_)
-    (void)sqlite3_close_v2(conn);  // nobody is left to be told
+  for (sqlite3* conn : replaced_) {
+    while (sqlite3_stmt* stmt = sqlite3_next_stmt(conn, nullptr))
+      (void)sqlite3_finalize(stmt);  // repeats the code of the last step
+    (void)sqlite3_close(conn);       // nobody is left to be told
+  }
 }
 
 void Sdbl::apply_pragmas(sqlite3* conn) {

@@ -94,7 +94,8 @@ TEST(Descriptors, tags_without_a_class_are_kept_whatever_their_length) {
     EXPECT_EQ(kept_lengths(tag), from(0)) << int{tag};
     const One<Descriptor> d(descriptor(tag, {1, 2}));
     ASSERT_TRUE(d);
-    EXPECT_EQ(typeid(*d), typeid(Descriptor)) << int{tag};
+    const Descriptor& found = *d;
+    EXPECT_EQ(typeid(found), typeid(Descriptor)) << int{tag};
   }
 }
 

@@ -84,7 +84,7 @@ TEST(Malformed, short_sections_shorter_than_their_crc) {
 TEST(Malformed, lengths_beyond_the_longest_section_are_read_up_to_4096_bytes) {
   if (!OWN)
     GTEST_SKIP() << "never given to the system's library";
-  for (const size_t length : {4094, 4095}) {
+  for (const size_t length : {4094u, 4095u}) {
     for (const uint8_t table_id : Bytes{0x00, 0x01, 0x02, 0x40, 0x42, 0x4E, 0x72, 0x73}) {
       Bytes bytes(4096, 0x11);
       bytes[0] = table_id;

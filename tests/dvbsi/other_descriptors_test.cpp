@@ -39,7 +39,7 @@ TEST(OtherDescriptors, quirk_cell_frequency_link_looks_behind_its_body) {
   const auto kept_before = [](size_t n, uint8_t behind) {
     return kept(support::join({descriptor(0x6D, Bytes(n, 0)), descriptor(0x06, {behind})})) == 2;
   };
-  for (const size_t cells : {1, 2, 3}) {
+  for (const size_t cells : {1u, 2u, 3u}) {
     EXPECT_TRUE(kept_before(6 * cells, 0));
     EXPECT_FALSE(kept_before(6 * cells, 1));
   }

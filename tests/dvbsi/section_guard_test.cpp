@@ -112,7 +112,7 @@ TEST(SectionProblem, agrees_with_the_reference_texts) {
 TEST(SafeCopy, has_room_in_front_and_zeroes_behind_every_time) {
   Safe_copy copy;
   const uint8_t* last = nullptr;
-  for (const size_t size : {4096, 8, 100, 4096, 4095, 12}) {
+  for (const size_t size : {4096u, 8u, 100u, 4096u, 4095u, 12u}) {
     const Bytes section(size, 0xAB);
     const uint8_t* const place = copy.copy(section.data(), size);
     EXPECT_TRUE(last == nullptr || place == last);

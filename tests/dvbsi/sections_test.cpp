@@ -78,7 +78,7 @@ TEST(LongSection, operators_compare_the_section_number_only) {
 TEST(LongCrcSection, crc_is_not_verified) {
   Bytes s = long_section(0x42, 0, 0, {});
   s[11] ^= 0xFF;
-  const uint32_t last_four = static_cast<uint32_t>(s[8]) << 24 | s[9] << 16 | s[10] << 8 | s[11];
+  const uint32_t last_four = uint32_t{s[8]} << 24 | uint32_t{s[9]} << 16 | uint32_t{s[10]} << 8 | s[11];
   EXPECT_EQ(parsed<LongCrcSection>(s)->getCrc32(), last_four);
 }
 

@@ -17,7 +17,9 @@
 
 namespace support {
 
-std::string softdvb_launcher() { return KELVO_SOFTDVB_LAUNCHER; }
+std::string softdvb_launcher() {
+  return KELVO_SOFTDVB_LAUNCHER;
+}
 
 Softdvb_run run_program(const std::vector<std::string>& command) {
   const Temp_dir folder;
@@ -29,12 +31,14 @@ Softdvb_run run_program(const std::vector<std::string>& command) {
   posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   std::vector<char*> arguments;
-  for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+  for (const std::string& word : command)
+    arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   pid_t child = 0;
   const int error = posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) throw std::runtime_error(command[0] + ": " + strerror(error));
+  if (error != 0)
+    throw std::runtime_error(command[0] + ": " + strerror(error));
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
@@ -56,12 +60,15 @@ Softdvb_run run_softdvb(const std::vector<std::string>& options, const std::vect
   return run;
 }
 
-bool under_softdvb() { return dlsym(RTLD_DEFAULT, "softdvb_control") != nullptr; }
+bool under_softdvb() {
+  return dlsym(RTLD_DEFAULT, "softdvb_control") != nullptr;
+}
 
 template <typename Function>
 static Function* preloaded(const char* name) {
   void* found = dlsym(RTLD_DEFAULT, name);
-  if (found == nullptr) throw std::runtime_error(std::string(name) + ": this program does not run under softdvb");
+  if (found == nullptr)
+    throw std::runtime_error(std::string(name) + ": this program does not run under softdvb");
   return reinterpret_cast<Function*>(found);
 }
 

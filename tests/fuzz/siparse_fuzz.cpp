@@ -1,0 +1,71 @@
+// Fuzz entry over the whole parser with a database behind it: the input is one section after the other, each behind a
+// byte that says which PID it comes from and in which state of the scan. With KELVO_FUZZ a libFuzzer program; otherwise
+// siparse_fuzz_test.cpp runs it over a corpus.
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <vector>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "filter/section_filter.h"
+#include "si/siparse.h"
+#include "support/support.h"
+
+// Broadcast times never reach the machine's clock.
+extern "C" int settimeofday(const timeval*, const struct timezone*) noexcept {
+  return 0;
+}
+
+namespace {
+
+constexpr int FREQ = 506000000;
+constexpr int PIDS[] = {0, 1, 0x100, 16, 17, 18, 20, 0x1FFF};
+constexpr SCAN_STATE STATES[] = {SCAN_PAT, SCAN_PMT, SCAN_EIT, SCAN_NONE};
+
+struct Receiver {
+  support::Temp_dir dir;
+  Sdbl db{dir.file("fuzz.db").c_str()};
+  Section_filter filter{"/nonexistent/demux0"};
+  Siparse parser{&filter, 0, 3, 1, &db};
+
+  Receiver() {
+    verbosity_kelvo = -1;
+    db.create_temp_tables(0);
+    // One television service, so that PMTs are refreshed and a guide is collected.
+    db.sql_cache(true, 0,
+                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) VALUES "
+                 "(1, 3, $freq, 1, 256, 257, 1)",
+                 FREQ);
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Receiver receiver;
+  receiver.filter.remove_all();
+  receiver.db.clear_temp_tables(0);
+  receiver.parser.init_cache_list(FREQ, SCAN_EIT);
+  receiver.parser.init_pmt_table_scan_from_database(FREQ);
+  receiver.parser.start_eit_scan(FREQ, SCAN_EIT);
+  while (size > 3) {
+    const int pid = PIDS[data[0] & 7];
+    const SCAN_STATE state = STATES[data[0] >> 3 & 3];
+    ++data;
+    --size;
+    // A section in a block of exactly its size, filled up with zeroes where the input ends early.
+    const size_t length = 3 + (static_cast<size_t>(data[1]) << 8 | data[2]) % 4096;
+    std::vector<char> section(data, data + std::min(size, length));
+    section.resize(length);
+    section.shrink_to_fit();
+    receiver.parser.scan_assembled_section(section.data(), pid, FREQ, nullptr, state);
+    data += std::min(size, length);
+    size -= std::min(size, length);
+  }
+  return 0;
+}

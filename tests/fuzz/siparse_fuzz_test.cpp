@@ -1,0 +1,47 @@
+#include <algorithm>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dvbsi/malformed_cases.h"
+#include "dvbsi/samples.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+namespace {
+
+using support::Bytes;
+
+// The byte that the entry wants before a section: the PID of its table, and one of the four states.
+uint8_t heading(const Bytes& section, unsigned state) {
+  const unsigned id = section.empty() ? 0 : section[0];
+  const unsigned pid = id < 3 ? id : id < 0x42 ? 3 : id < 0x4E ? 4 : id < 0x70 ? 5 : 6;
+  return static_cast<uint8_t>(pid | state << 3);
+}
+
+// A memory checker sees what is read outside a section; the entry itself returns.
+TEST(SiparseFuzz, entry_bears_the_corpus_and_its_damage) {
+  std::vector<Bytes> corpus = dvbsi_test::sample_sections();
+  for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases())
+    corpus.push_back(row.section);
+  dvbsi_test::Random random(20241121);
+  size_t sections = 0;
+  for (int round = 0; round < 60; ++round) {
+    Bytes input;
+    for (const Bytes& seed : corpus) {
+      Bytes section = round > 0 && seed.size() >= 8 ? dvbsi_test::damaged(seed, random) : seed;
+      input.push_back(heading(section, static_cast<unsigned>(round)));
+      input.insert(input.end(), section.begin(), section.end());
+      ++sections;
+    }
+    ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
+    for (int i = 0; i < 20; ++i)
+      input[random() % input.size()] = static_cast<uint8_t>(random());
+    ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
+  }
+  for (size_t size = 0; size < 8; ++size)
+    ASSERT_EQ(LLVMFuzzerTestOneInput(corpus[0].data(), size), 0);
+  EXPECT_GT(sections, 1000u);
+}
+
+}  // namespace

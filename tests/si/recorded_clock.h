@@ -1,0 +1,17 @@
+#pragma once
+
+#include <time.h>
+
+#include <vector>
+
+// This program's settimeofday only remembers what it was asked for, and its time() can be given: the machine's clock is
+// never touched. Linking recorded_clock.cpp is enough.
+namespace recorded_clock {
+
+// The seconds of each settimeofday since the last call of this.
+std::vector<time_t> take_settings();
+
+// What time() answers; 0 for the machine's own.
+void set_time(time_t seconds);
+
+}  // namespace recorded_clock

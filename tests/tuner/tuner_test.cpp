@@ -1,0 +1,176 @@
+// A tuner on the software adapter: tuning and readings.
+#include "tuner/tuner.h"
+
+#include <limits>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tuner/tuner_support.h"
+
+TEST_F(Tuner_test, frontend_is_described_at_verbosity_3) {
+  tuner_.reset();
+  const support::Verbosity verbosity(3);
+  const support::Stderr_capture capture;
+  tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0);
+  const std::string text = capture.text();
+  EXPECT_NE(std::string::npos, text.find(", type is 2\n  Freq min: 470000000 Freq max: 862000000\n  Freq step: "))
+      << text;
+  EXPECT_EQ(std::string::npos, text.find("ERROR")) << text;
+}
+
+TEST_F(Tuner_test, second_tuner_on_a_device_prints_that_it_is_busy_and_the_first_goes_on) {
+  EXPECT_NE(std::string::npos, support::stderr_of([&] {
+                                 const Tuner second(PATH, &database_, 0, 0);
+                               }).find("ERROR: Failed to  open /dev/dvb/adapter0/frontend0\n"));
+  EXPECT_EQ(FREQ, tuner_->fe_freq());
+}
+
+TEST_F(Tuner_test, device_is_free_again_when_the_tuner_is_gone) {
+  tuner_.reset();
+  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); });
+  EXPECT_EQ(std::string::npos, text.find("Failed to  open")) << text;
+}
+
+TEST_F(Tuner_test, tuning_answers_the_frequency_when_locked_and_0_without_lock) {
+  EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ));
+  EXPECT_TRUE(tuner_->tuned_to(FREQ));
+  EXPECT_EQ(FREQ, tuner_->fe_freq());
+  EXPECT_EQ(0x1F, tuner_->fe_status());
+  EXPECT_EQ(0, tuner_->tunetofreq(514000000));
+  EXPECT_EQ(514000000, tuner_->fe_freq());
+  EXPECT_FALSE(tuner_->tuned_to(514000000));
+}
+
+TEST_F(Tuner_test, refused_tuning_is_printed_and_the_old_one_goes_on) {
+  after_monitor_pass();
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, tuner_->tunetofreq(900000000)); });
+  EXPECT_EQ(0U, text.find("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n")) << text;
+  EXPECT_EQ(FREQ, tuner_->fe_freq());
+  EXPECT_EQ(0x1F, tuner_->fe_status());
+}
+
+TEST_F(Tuner_test, each_check_of_a_tuning_without_lock_is_told_at_verbosity_3) {
+  after_monitor_pass();
+  const support::Verbosity verbosity(3);
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, tuner_->tunetofreq(514000000)); });
+  for (const char* part :
+       {"WARNING: Using default fe data for freq 514000000\n", "No Lock, Status 0 ", "1 ", "2 ", "3 "})
+    EXPECT_NE(std::string::npos, text.find(part)) << part << " in " << text;
+}
+
+TEST_F(Tuner_test, tuned_to_says_why_not_at_verbosity_3_and_ends_the_line_at_4) {
+  const auto ask = [&](int freq) { return [this, freq] { EXPECT_FALSE(tuner_->tuned_to(freq)); }; };
+  EXPECT_EQ("Tuner freq 506000000 != in freq 514000000. ", printed(3, ask(514000000)));
+  EXPECT_EQ("Tuner freq 506000000 != in freq 514000000. \n", printed(4, ask(514000000)));
+  EXPECT_EQ("", printed(2, ask(514000000)));
+  signal("strength", 5 | 30 << 8);  // 39
+  EXPECT_EQ("Strength 39.000000 below accepted 40.000000 ", printed(3, ask(FREQ)));
+  EXPECT_EQ("", printed(2, ask(FREQ)));
+  signal("strength", 5 | 28 << 8);  // 40
+  EXPECT_TRUE(tuner_->tuned_to(FREQ));
+  signal("status", 0x0F);
+  EXPECT_EQ("No Lock, Status f ", printed(3, ask(FREQ)));
+  EXPECT_EQ("No Lock, Status f \n", printed(4, ask(FREQ)));
+  EXPECT_EQ("", printed(2, ask(FREQ)));
+}
+
+TEST_F(Tuner_test, lock_needs_all_five_bits_and_more_do_not_matter) {
+  for (const unsigned missing : {1U, 2U, 4U, 8U, 16U}) {
+    signal("status", 0x1F & ~missing);
+    EXPECT_FALSE(tuner_->tuned_to(FREQ)) << missing;
+  }
+  signal("status", 0x1F | 0x80);
+  EXPECT_TRUE(tuner_->tuned_to(FREQ));
+}
+
+TEST_F(Tuner_test, dvb_h_shows_in_bit_0x80_or_0x100_and_is_told_at_verbosity_4) {
+  EXPECT_FALSE(tuner_->mux_is_dvbh());
+  for (const unsigned bit : {0x80U, 0x100U}) {
+    signal("status", bit);
+    char text[64];
+    std::snprintf(text, sizeof text, "DVB-H channel, status is %x", bit);
+    EXPECT_EQ(text, printed(4, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }));
+    EXPECT_EQ("", printed(3, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }));
+  }
+  signal("status", 0x7F);
+  EXPECT_FALSE(tuner_->mux_is_dvbh());
+}
+
+TEST_F(Tuner_test, strength_is_read_and_scaled) {
+  const unsigned rows[][2] = {{161, 100}, {160, 100}, {113, 68}, {112, 68}, {88, 60}, {11, 50}, {5 | 8 << 8, 50}};
+  for (const auto& row : rows) {
+    signal("strength", row[0]);
+    tuner_->fe_strength_local();
+    EXPECT_EQ(static_cast<float>(row[1]), tuner_->fe_strength()) << row[0];
+  }
+}
+
+TEST_F(Tuner_test, quirk_weak_reading_with_a_high_byte_above_108_counts_as_a_huge_strength) {
+  signal("strength", 109 << 8);
+  tuner_->fe_strength_local();
+  EXPECT_EQ(static_cast<float>(std::numeric_limits<int>::max()), tuner_->fe_strength());
+  EXPECT_TRUE(tuner_->tuned_to(FREQ));
+}
+
+TEST_F(Tuner_test, ber_is_read_scaled_and_told_at_verbosity_4) {
+  const unsigned rows[][2] = {{0, 100}, {4, 88}, {5, 86}, {79433, 2}, {79434, 1}, {0xFFFFFFFF, 0}};
+  for (const auto& row : rows) {
+    signal("ber", row[0]);
+    EXPECT_EQ(static_cast<int>(row[1]), tuner_->fe_ber_local()) << row[0];
+    EXPECT_EQ(static_cast<float>(row[1]), tuner_->fe_ber());
+  }
+  signal("ber", 0x1234);
+  EXPECT_EQ("BER readback is 00001234", printed(4, [&] { (void)tuner_->fe_ber_local(); }));
+  EXPECT_EQ("", printed(3, [&] { (void)tuner_->fe_ber_local(); }));
+}
+
+TEST_F(Tuner_test, snr_is_read_and_told_at_verbosity_4) {
+  signal("snr", 0xFF00);
+  EXPECT_EQ(0.0F, tuner_->fe_snr());
+  signal("snr", 0x00FE);
+  EXPECT_NEAR(24.07, static_cast<double>(tuner_->fe_snr()), 0.005);
+  EXPECT_EQ("SNR readback is 00fecorrected snr 1 log value 24.07\n", printed(4, [&] { (void)tuner_->fe_snr(); }));
+  EXPECT_EQ("", printed(3, [&] { (void)tuner_->fe_snr(); }));
+}
+
+TEST_F(Tuner_test, snr_is_0_unless_the_status_is_exactly_the_five_lock_bits) {
+  signal("snr", 0x00FE);
+  for (const unsigned status : {0x0FU, 0x00U, 0x3FU, 0x9FU}) {
+    signal("status", status);
+    EXPECT_EQ(0.0F, tuner_->fe_snr()) << status;
+  }
+}
+
+TEST_F(Tuner_test, failing_readings_keep_the_last_good_values) {
+  signal("snr", 0x00FE);
+  signal("strength", 88);
+  signal("ber", 4);
+  const float snr = tuner_->fe_snr();
+  tuner_->fe_strength_local();
+  EXPECT_EQ(88, tuner_->fe_ber_local());
+  after_monitor_pass();
+  for (const char* call :
+       {"FE_GET_FRONTEND", "FE_READ_STATUS", "FE_READ_SIGNAL_STRENGTH", "FE_READ_BER", "FE_READ_SNR"})
+    support::softdvb_control(std::string("fault ") + call + " = EIO");
+  const std::string name = "/dev/dvb/adapter0/frontend0 failed";
+  EXPECT_EQ("ERROR: Getting frontend parameters for " + name + "\n",
+            support::stderr_of([&] { EXPECT_EQ(FREQ, tuner_->fe_freq()); }));
+  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
+            support::stderr_of([&] { EXPECT_EQ(0x1F, tuner_->fe_status()); }));
+  EXPECT_EQ("ERROR: FE_READ_STRENGTH failed for " + name + ", rc is -1\n",
+            support::stderr_of([&] { tuner_->fe_strength_local(); }));
+  EXPECT_EQ(60.0F, tuner_->fe_strength());
+  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
+            support::stderr_of([&] { EXPECT_EQ(88, tuner_->fe_ber_local()); }));
+  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
+            support::stderr_of([&] { EXPECT_EQ(snr, tuner_->fe_snr()); }));
+  support::softdvb_control("clear faults");
+}
+
+TEST_F(Tuner_test, stored_parameters_are_used_for_the_next_tuning_of_their_frequency) {
+  (void)database_.terrestrial_tuner_info(0, 0, FREQ, 0, 2, 0, 1, 1, 0, 1);
+  EXPECT_EQ("WARNING: Using FE data from scanned db for freq 506000000\n",
+            printed(1, [&] { EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ)); }).substr(0, 58));
+  EXPECT_EQ("", printed(0, [&] { EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ)); }));
+}

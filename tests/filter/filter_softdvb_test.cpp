@@ -1,0 +1,221 @@
+// Section_filter on the software adapter, which behaves as Linux's demultiplexer does.
+#include <algorithm>
+#include <chrono>
+#include <map>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "filter/filter_support.h"
+#include "support/softdvb.h"
+
+using support::Bytes;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr char DEVICE[] = "/dev/dvb/adapter0/demux0";
+constexpr int FREQ = 506000000;
+
+Bytes pmt(int program, size_t filler = 0) {
+  return support::long_section(0x02, static_cast<uint16_t>(program), 0,
+                               support::join({support::u16(0xE101), support::loop12(Bytes(filler, 0))}));
+}
+
+class FilterSoftdvb : public testing::Test {
+ protected:
+  Section_filter filter{DEVICE};
+  char buffer[SECTION_BUF_SIZE];
+
+  // One section as transport packets of its PID.
+  void on_air(int pid, const Bytes& section) {
+    Bytes data{0};
+    data.insert(data.end(), section.begin(), section.end());
+    Bytes packets;
+    for (size_t at = 0; at < data.size(); at += 184) {
+      const size_t size = std::min<size_t>(184, data.size() - at);
+      const uint8_t counter = counters_[pid]++ & 0x0F;
+      packets.insert(packets.end(), {0x47, static_cast<uint8_t>((at == 0 ? 0x40 : 0) | pid >> 8),
+                                     static_cast<uint8_t>(pid), static_cast<uint8_t>(0x10 | counter)});
+      packets.insert(packets.end(), data.begin() + static_cast<long>(at), data.begin() + static_cast<long>(at + size));
+      packets.resize(packets.size() + 184 - size, 0xFF);
+    }
+    support::softdvb_inject(0, packets);
+  }
+
+  // One pass of a scan loop: what each filter of the list has read, in its order.
+  std::vector<Bytes> pass(int timeout_ms = 0) {
+    filter.recalculate_filters();
+    filter.wait_for_data(timeout_ms);
+    std::vector<Bytes> all;
+    for (dvb_filter_desc* f : *filter.flist()) {
+      const unsigned size = filter.get_section_data(f, buffer);
+      if (size != 0)
+        all.emplace_back(buffer, buffer + size);
+    }
+    return all;
+  }
+
+ private:
+  std::map<int, uint8_t> counters_;
+};
+
+TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  EXPECT_THAT(pass(), testing::IsEmpty());
+  on_air(0x100, pmt(1));
+  on_air(0x100, pmt(2, 300));
+  on_air(0x101, pmt(3));
+  on_air(0x100, support::long_section(0x03, 1, 0, {}));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(1)));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(2, 300)));
+  EXPECT_THAT(pass(), testing::IsEmpty());
+  EXPECT_EQ(slot(filter, 0)->captured, 2);
+}
+
+TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_removal) {
+  for (int i = 0; i < 9; ++i)
+    filter.addfilter(0x100 + i, 0x02, FREQ);
+  pass();
+  for (int i = 0; i < 9; ++i)
+    on_air(0x100 + i, pmt(i));
+  EXPECT_EQ(pass(1000).size(), 8u);
+  EXPECT_EQ(slot(filter, 8)->state, FILTER_WANTED);
+  filter.removefilter(0x104, 0x02);
+  pass();
+  EXPECT_EQ(slot(filter, 8)->state, FILTER_RUNNING);
+  on_air(0x108, pmt(8));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(8)));
+}
+
+TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  pass();
+  const int handle = slot(filter, 0)->fd;
+  on_air(0x100, pmt(1));
+  filter.removefilter(0x100, 0x02);
+  filter.addfilter(0x200, 0x02, FREQ);
+  EXPECT_THAT(pass(), testing::IsEmpty());
+  EXPECT_EQ(slot(filter, 0)->fd, handle);
+  on_air(0x100, pmt(1));
+  on_air(0x200, pmt(2));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(2)));
+}
+
+TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked_here) {
+  Bytes wrong = pmt(1);
+  wrong.back() ^= 1;
+  filter.addfilter(0x100, 0x02, FREQ);
+  const unsigned char tid = 2;
+  const unsigned char mask = 0xFF;
+  filter.addfilter(0x200, FREQ, &tid, &mask, 1, FILTER_FLAG_SOFT_CRC, 2);
+  pass();
+  on_air(0x100, wrong);
+  on_air(0x200, wrong);
+  EXPECT_THAT(at_level(0, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
+              testing::StartsWith("ERROR: *** Received section pid 200 type 2 len 13 CRC failed, "));
+  EXPECT_EQ(slot(filter, 0)->captured, 0);
+  EXPECT_EQ(slot(filter, 1)->captured, 1);
+  on_air(0x200, pmt(2));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(2)));
+}
+
+TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  pass();
+  for (int i = 0; i < 20; ++i)
+    on_air(0x100, pmt(i, 1000));
+  EXPECT_EQ(at_level(1, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
+            "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
+  EXPECT_EQ(slot(filter, 0)->state, FILTER_RUNNING);
+  EXPECT_THAT(pass(), testing::IsEmpty()) << "everything queued is gone";
+  on_air(0x100, pmt(99));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(99)));
+}
+
+TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  pass();
+  filter.stop_filters();
+  on_air(0x100, pmt(1));
+  EXPECT_THAT(pass(), testing::IsEmpty());
+  filter.start_filters();
+  EXPECT_THAT(pass(), testing::IsEmpty()) << "nothing of the time in between";
+  on_air(0x100, pmt(2));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(2)));
+}
+
+TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  pass();
+  EXPECT_EQ(at_level(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
+  on_air(0x100, pmt(1));
+  EXPECT_THAT(pass(), testing::IsEmpty()) << "what arrives is not asked for";
+  filter.start_filters();
+  pass();
+  on_air(0x100, pmt(2));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(2)));
+}
+
+TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below_pid_21_never) {
+  filter.addfilter(0x10, 0x40, FREQ);
+  filter.addfilter(0x100, 0x02, FREQ);
+  filter.recalculate_filters();
+  const auto begin = std::chrono::steady_clock::now();
+  const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
+  const std::string all = at_level(3, [&] {
+    while (slot(filter, 1)->restarts < 3 && elapsed() < std::chrono::minutes(2)) {
+      filter.wait_for_data(100);
+      filter.check_feed_activation();
+    }
+  });
+  EXPECT_EQ(slot(filter, 0)->restarts, 0);
+  EXPECT_EQ(slot(filter, 1)->restarts, 3);
+  EXPECT_GT(elapsed(), std::chrono::seconds(3)) << "each period strikes in its last second";
+  EXPECT_THAT(all, testing::StartsWith("##Restart /dev/dvb/adapter0/demux0 1 times: pid 100  tid 2. Started 2, "
+                                       "restarted 0, captured 0\n"));
+  on_air(0x100, pmt(1));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(1)));
+  const int restarts = slot(filter, 1)->restarts;
+  for (int i = 0; i < 30; ++i) {
+    filter.wait_for_data(100);
+    filter.check_feed_activation();
+  }
+  EXPECT_EQ(slot(filter, 1)->restarts, restarts) << "no longer silent";
+}
+
+TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
+  support::softdvb_control("fault open(demux0) = EBUSY*4");
+  filter.addfilter(0x100, 0x02, FREQ);
+  for (int i = 0; i < 4; ++i)
+    EXPECT_THAT(at_level(1, [&] { filter.recalculate_filters(); }),
+                testing::EndsWith("fopen: Device or resource busy\n"));
+  EXPECT_EQ(at_level(1, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(slot(filter, 0)->state, FILTER_RUNNING);
+}
+
+TEST_F(FilterSoftdvb, a_tdt_without_crc_passes_every_check) {
+  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+  filter.addfilter(0x14, 0x70, FREQ);
+  pass();
+  on_air(0x14, tdt);
+  EXPECT_THAT(pass(1000), testing::ElementsAre(tdt));
+}
+
+TEST_F(FilterSoftdvb, no_section_is_lost_while_other_pids_are_filtered) {
+  for (int i = 0; i < 4; ++i)
+    filter.addfilter(0x100 + i, 0x02, FREQ);
+  pass();
+  int seen = 0;
+  for (int round = 0; round < 50; ++round) {
+    for (int i = 0; i < 4; ++i)
+      on_air(0x100 + i, pmt(round));
+    seen += static_cast<int>(pass(1000).size());
+    filter.addfilter(0x300, 0x02, FREQ);
+    filter.recalculate_filters();
+    filter.removefilter(0x300, 0x02);
+  }
+  EXPECT_EQ(seen, 200);
+}
+
+}  // namespace

@@ -72,7 +72,8 @@ struct Playing {
   int mux = -1;
   uint32_t generation = 0;
   bool placed = false;
-  uint64_t epoch_ns = 0;  // when packet `first` is on air
+  uint64_t seen_until_ns = 0;  // when play() was here last
+  uint64_t epoch_ns = 0;       // when packet `first` is on air
   uint64_t first = 0;
   uint64_t next = 0;
   int64_t waiting_since_ns = 0;  // real time, for a reader that makes no room; 0: not waiting
@@ -141,8 +142,8 @@ const uint8_t* Stream_file::packet(uint64_t number) {
   return &block_[(number - block_first_) * size];
 }
 
-// Where the stream stands at `now_ns`, for a process that begins to listen or whose adapter was tuned.
-static bool place(Adapter& a, Playing& p, const On_air& air, uint64_t now_ns) {
+// Finds the place in the stream, for a process that begins to listen or whose adapter was tuned.
+static bool place(Adapter& a, Playing& p, const On_air& air) {
   if (p.placed && p.mux == air.mux && p.generation == air.generation)
     return true;
   if (air.mux < 0) {
@@ -150,28 +151,27 @@ static bool place(Adapter& a, Playing& p, const On_air& air, uint64_t now_ns) {
     p.mux = -1;
     return false;
   }
-  const bool retuned = p.generation != air.generation;
   if ((p.mux != air.mux || p.file.mux() == nullptr) && !p.file.open(a, air.mux))
     return false;
   p.mux = air.mux;
   p.generation = air.generation;
   p.first = p.file.packet_at(p.file.mux()->offset_ns);
-  uint64_t from = now_ns;
-  if (a.start == Start::AIR) {
-    p.epoch_ns = 0;
-    if (retuned && p.placed)
-      from = air.since_ns;
-  } else if (a.start == Start::TUNE) {
-    p.epoch_ns = air.since_ns;
-    if (retuned && p.placed)
-      from = air.since_ns;
-  } else {
-    p.epoch_ns = a.stream_epoch_ns.load(std::memory_order_acquire);
-    if (p.epoch_ns == 0)
-      return false;
-    p.epoch_ns = std::max(p.epoch_ns, air.since_ns);
-    from = p.epoch_ns;
+  switch (a.start) {
+    case Start::AIR:
+      p.epoch_ns = 0;
+      break;
+    case Start::TUNE:
+      p.epoch_ns = air.since_ns;
+      break;
+    case Start::FILTER:
+      p.epoch_ns = a.stream_epoch_ns.load(std::memory_order_acquire);
+      if (p.epoch_ns == 0)
+        return false;
+      p.epoch_ns = std::max(p.epoch_ns, air.since_ns);
+      break;
   }
+  // What was on air since the last look, but not before the lock, is still to be played.
+  const uint64_t from = std::max(air.since_ns, p.seen_until_ns);
   const uint64_t base = p.file.time_of(p.first);
   p.next = p.first;
   if (a.pace == Pace::TIMED && from > p.epoch_ns)
@@ -220,7 +220,7 @@ static bool must_wait(int adapter_index, Playing& p, int64_t patience_ns) {
 }
 
 // Plays up to now, or as far as the pace allows. Returns real nanoseconds until there is more to do; 0: at once.
-static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
+static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
   Shared& s = *shared();
   Adapter& a = s.adapter[adapter_index];
   Playing& p = player().playing[adapter_index];
@@ -228,7 +228,7 @@ static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
     p.placed = false;
     return IDLE_TICK_NS;
   }
-  if (!place(a, p, frontend_on_air(a, now_ns), now_ns))
+  if (!place(a, p, frontend_on_air(a, now_ns)))
     return TICK_NS;
   if (a.pace == Pace::MANUAL)
     return IDLE_TICK_NS;
@@ -252,6 +252,12 @@ static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
     give(adapter_index, p, now_ns);
   }
   return 0;
+}
+
+static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
+  const int64_t wait = play_on(adapter_index, now_ns, limit);
+  player().playing[adapter_index].seen_until_ns = now_ns;
+  return wait;
 }
 
 static int64_t advance(uint64_t limit) {
@@ -354,7 +360,7 @@ uint64_t player_step(int adapter_index, uint64_t packets) {
   Playing& p = player().playing[adapter_index];
   const uint64_t now = adapter_now_ns(*shared());
   uint64_t played = 0;
-  while (played < packets && place(a, p, frontend_on_air(a, now), now) && !ended(a, p)) {
+  while (played < packets && place(a, p, frontend_on_air(a, now)) && !ended(a, p)) {
     give(adapter_index, p, now);
     ++played;
   }

@@ -10,6 +10,9 @@ namespace softdvb_mux {
 
 namespace {
 
+// The stream is made in memory.
+constexpr double MAX_STREAM_BYTES = 1 << 30;
+
 constexpr std::array<const char*, TABLE_KINDS> TABLE_NAMES = {
     "pat",       "pmt",           "cat",          "nit_actual",          "nit_other",          "sdt_actual",
     "sdt_other", "eit_pf_actual", "eit_pf_other", "eit_schedule_actual", "eit_schedule_other", "tdt",
@@ -188,6 +191,10 @@ Description parse_description(const std::string& json, int64_t machine_now, std:
     all.now = *fixed_now;
   all.duration = top.seconds_or("duration", 0.1, 86400, 30);
   all.bit_rate = top.number_or("bit_rate", 10000, 100000000, 2000000);
+  if (all.duration * static_cast<double>(all.bit_rate) / 8 > MAX_STREAM_BYTES)
+    throw Description_error(
+        fmt::format("duration: {} seconds at {} bits a second are more than {:.0f} bytes, the most that is made",
+                    all.duration, all.bit_rate, MAX_STREAM_BYTES));
   all.transport_stream_id = static_cast<uint16_t>(top.get("transport_stream_id").number(0, 0xFFFF));
   all.original_network_id = static_cast<uint16_t>(top.get("original_network_id").number(0, 0xFFFF));
   all.nit_pid = static_cast<uint16_t>(top.number_or("nit_pid", 16, 0x1FFE, 16));

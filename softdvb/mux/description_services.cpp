@@ -44,6 +44,8 @@ Elementary_stream read_stream(const Json_node& node, uint16_t default_pid, doubl
                    "descriptors", "payload_rate"});
   Elementary_stream stream;
   stream.pid = static_cast<uint16_t>(node.number_or("pid", 0x10, 0x1FFE, default_pid));
+  if (stream.pid > 0x1FFE)
+    node.fail("no PID is left after the PMT's, choose a \"pid\"");
   const Json_node type = node.get("type");
   stream.type = static_cast<uint8_t>(type.choice_or_number(STREAM_TYPES, 255));
   const std::string word = type.value().is_string() ? type.string() : "";

@@ -41,21 +41,21 @@ int64_t midnight(int64_t epoch) {
 
 // One section; the caller numbers it.
 Bytes section_of(const Eit_ids& ids, const std::vector<Timed_event>& events, Encoder* encoder) {
-  dvbpsi_eit_t* eit = dvbpsi_eit_new(ids.table_id, ids.service_id, ids.version, true, ids.transport_stream_id,
-                                     ids.original_network_id, 0, ids.last_table_id);
+  const auto eit = owned(dvbpsi_eit_new(ids.table_id, ids.service_id, ids.version, true, ids.transport_stream_id,
+                                        ids.original_network_id, 0, ids.last_table_id),
+                         dvbpsi_eit_delete);
   for (const Timed_event& timed : events) {
     const Event& event = *timed.event;
     const uint64_t start = event.start ? mjd_bcd(*event.start) : 0xFFFFFFFFFF;
     dvbpsi_eit_event_t* added =
-        dvbpsi_eit_event_add(eit, event.event_id, start, bcd_duration(event.duration), timed.running_status,
+        dvbpsi_eit_event_add(eit.get(), event.event_id, start, bcd_duration(event.duration), timed.running_status,
                              event.free_ca, static_cast<uint16_t>(size_of(event.descriptors)));
     add_all(event.descriptors, [&](uint8_t tag, uint8_t length, uint8_t* data) {
       dvbpsi_eit_event_descriptor_add(added, tag, length, data);
     });
   }
   const std::vector<Bytes> sections =
-      encoder->take(dvbpsi_eit_sections_generate(encoder->handle(), eit, ids.table_id), "an EIT");
-  dvbpsi_eit_delete(eit);
+      encoder->take(dvbpsi_eit_sections_generate(encoder->handle(), eit.get(), ids.table_id), "an EIT");
   if (sections.size() != 1)
     throw Description_error("libdvbpsi did not make one section of the events that fit into one");
   return sections.front();

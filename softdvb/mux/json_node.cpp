@@ -39,7 +39,8 @@ void Json_node::fail(const std::string& what) const {
 void Json_node::allow_only(std::initializer_list<const char*> keys) const {
   if (!value_->is_object())
     fail(fmt::format("{} is not allowed, an object {{...}} is", shown()));
-  for (const auto& [key, ignored] : value_->items()) {
+  for (const auto& item : value_->items()) {
+    const std::string& key = item.key();
     if (std::any_of(keys.begin(), keys.end(), [&](const char* allowed) { return key == allowed; }))
       continue;
     std::string all;

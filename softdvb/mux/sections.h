@@ -21,6 +21,12 @@ class Encoder {
   dvbpsi_t* handle_;
 };
 
+// A table of libdvbpsi with the function that deletes it.
+template <typename Table>
+std::unique_ptr<Table, void (*)(Table*)> owned(Table* table, void (*remove)(Table*)) {
+  return {table, remove};
+}
+
 // libdvbpsi copies from a pointer to bytes that it does not promise to leave alone.
 template <typename Add>
 void add_all(const Descriptors& loop, Add&& add) {

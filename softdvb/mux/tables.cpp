@@ -56,16 +56,17 @@ Table pat_of(const Description& all, Encoder* encoder) {
   table.kind = PAT;
   table.pid = PID_PAT;
   for (double at : changes_of(all.services, all.duration)) {
-    dvbpsi_pat_t* pat = dvbpsi_pat_new(all.transport_stream_id, stepped(all.version[PAT], table.variants.size()), true);
+    const auto pat =
+        owned(dvbpsi_pat_new(all.transport_stream_id, stepped(all.version[PAT], table.variants.size()), true),
+              dvbpsi_pat_delete);
     if (all.nit_in_pat)
-      dvbpsi_pat_program_add(pat, 0, all.nit_pid);
+      dvbpsi_pat_program_add(pat.get(), 0, all.nit_pid);
     for (const Service& service : all.services)
       if (service.in_pat && on_air(service, at))
-        dvbpsi_pat_program_add(pat, service.service_id, service.pmt_pid);
+        dvbpsi_pat_program_add(pat.get(), service.service_id, service.pmt_pid);
     table.variants.push_back({at, encoder->take(dvbpsi_pat_sections_generate(
                                                     encoder->handle(), pat, static_cast<int>(all.programs_per_section)),
                                                 "the PAT")});
-    dvbpsi_pat_delete(pat);
   }
   return table;
 }
@@ -79,16 +80,15 @@ std::vector<Bytes> pmt_sections(const Service& service, const Pmt_content& conte
         fmt::format("service {}: its PMT takes {} bytes, at most 1024 fit into the one section that "
                     "a PMT has",
                     service.service_id, size));
-  dvbpsi_pmt_t* pmt = dvbpsi_pmt_new(service.service_id, content.version, true, content.pcr_pid);
+  const auto pmt = owned(dvbpsi_pmt_new(service.service_id, content.version, true, content.pcr_pid), dvbpsi_pmt_delete);
   add_all(content.program_info,
-          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_pmt_descriptor_add(pmt, tag, length, data); });
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_pmt_descriptor_add(pmt.get(), tag, length, data); });
   for (const Elementary_stream& stream : content.streams) {
-    dvbpsi_pmt_es_t* es = dvbpsi_pmt_es_add(pmt, stream.type, stream.pid);
+    dvbpsi_pmt_es_t* es = dvbpsi_pmt_es_add(pmt.get(), stream.type, stream.pid);
     add_all(stream.descriptors,
             [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_pmt_es_descriptor_add(es, tag, length, data); });
   }
-  std::vector<Bytes> sections = encoder->take(dvbpsi_pmt_sections_generate(encoder->handle(), pmt), "a PMT");
-  dvbpsi_pmt_delete(pmt);
+  std::vector<Bytes> sections = encoder->take(dvbpsi_pmt_sections_generate(encoder->handle(), pmt.get()), "a PMT");
   return sections;
 }
 
@@ -112,11 +112,10 @@ Table cat_of(const Description& all, Encoder* encoder) {
   Table table;
   table.kind = CAT;
   table.pid = PID_CAT;
-  dvbpsi_cat_t* cat = dvbpsi_cat_new(all.version[CAT], true);
+  const auto cat = owned(dvbpsi_cat_new(all.version[CAT], true), dvbpsi_cat_delete);
   add_all(*all.cat,
-          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_cat_descriptor_add(cat, tag, length, data); });
-  table.variants.push_back({0, encoder->take(dvbpsi_cat_sections_generate(encoder->handle(), cat), "the CAT")});
-  dvbpsi_cat_delete(cat);
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_cat_descriptor_add(cat.get(), tag, length, data); });
+  table.variants.push_back({0, encoder->take(dvbpsi_cat_sections_generate(encoder->handle(), cat.get()), "the CAT")});
   return table;
 }
 
@@ -137,21 +136,23 @@ Table nit_of(const Description& all, const Network& network, bool actual, Encode
         fmt::format("network {}: its descriptors take {} bytes, more than a section of 1024 bytes "
                     "holds",
                     network.network_id, size_of(network.descriptors)));
-  dvbpsi_nit_t* nit = dvbpsi_nit_new(table_id, network.network_id, network.network_id, all.version[table.kind], true);
+  const auto nit =
+      owned(dvbpsi_nit_new(table_id, network.network_id, network.network_id, all.version[table.kind], true),
+            dvbpsi_nit_delete);
   add_all(network.descriptors,
-          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_nit_descriptor_add(nit, tag, length, data); });
+          [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_nit_descriptor_add(nit.get(), tag, length, data); });
   for (const Nit_stream& stream : network.streams) {
-    dvbpsi_nit_ts_t* ts = dvbpsi_nit_ts_add(nit, stream.transport_stream_id, stream.original_network_id);
+    dvbpsi_nit_ts_t* ts = dvbpsi_nit_ts_add(nit.get(), stream.transport_stream_id, stream.original_network_id);
     add_all(stream.descriptors,
             [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_nit_ts_descriptor_add(ts, tag, length, data); });
   }
-  table.variants.push_back({0, encoder->take(dvbpsi_nit_sections_generate(encoder->handle(), nit, table_id), "a NIT")});
+  table.variants.push_back(
+      {0, encoder->take(dvbpsi_nit_sections_generate(encoder->handle(), nit.get(), table_id), "a NIT")});
   // libdvbpsi leaves the bit after the syntax indicator 0; EN 300 468, 5.2.1 and 5.1.1 reserve it as 1.
   for (Bytes& section : table.variants.back().sections) {
     section[1] |= 0x40;
     write_crc(&section);
   }
-  dvbpsi_nit_delete(nit);
   return table;
 }
 
@@ -168,25 +169,25 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
                       "bytes holds",
                       service.service_id, size_of(service.sdt_descriptors)));
   for (double at : changes_of(services, all.duration)) {
-    dvbpsi_sdt_t* sdt =
-        dvbpsi_sdt_new(actual ? 0x42 : 0x46, transport_stream_id,
-                       stepped(all.version[table.kind], table.variants.size()), true, original_network_id);
+    const auto sdt =
+        owned(dvbpsi_sdt_new(actual ? 0x42 : 0x46, transport_stream_id,
+                             stepped(all.version[table.kind], table.variants.size()), true, original_network_id),
+              dvbpsi_sdt_delete);
     for (const Service& service : services) {
       if (!service.in_sdt || !on_air(service, at))
         continue;
-      dvbpsi_sdt_service_t* added = dvbpsi_sdt_service_add(sdt, service.service_id, service.eit_schedule,
+      dvbpsi_sdt_service_t* added = dvbpsi_sdt_service_add(sdt.get(), service.service_id, service.eit_schedule,
                                                            service.eit_pf, service.running_status, service.free_ca);
       add_all(service.sdt_descriptors, [&](uint8_t tag, uint8_t length, uint8_t* data) {
         dvbpsi_sdt_service_descriptor_add(added, tag, length, data);
       });
     }
-    table.variants.push_back({at, encoder->take(dvbpsi_sdt_sections_generate(encoder->handle(), sdt), "an SDT")});
+    table.variants.push_back({at, encoder->take(dvbpsi_sdt_sections_generate(encoder->handle(), sdt.get()), "an SDT")});
     // libdvbpsi writes the table id of an SDT actual into every SDT.
     for (Bytes& section : table.variants.back().sections) {
       section[0] = actual ? 0x42 : 0x46;
       write_crc(&section);
     }
-    dvbpsi_sdt_delete(sdt);
   }
   return table;
 }
@@ -232,13 +233,13 @@ void write_crc(Bytes* section) {
 
 Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
   Encoder encoder;
-  dvbpsi_tot_t* tot = dvbpsi_tot_new(kind == TDT ? 0x70 : 0x73, 0, 0, true, mjd_bcd(epoch));
+  const auto tot = owned(dvbpsi_tot_new(kind == TDT ? 0x70 : 0x73, 0, 0, true, mjd_bcd(epoch)), dvbpsi_tot_delete);
   if (kind == TOT)
-    add_all(all.tot_descriptors,
-            [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_tot_descriptor_add(tot, tag, length, data); });
+    add_all(all.tot_descriptors, [&](uint8_t tag, uint8_t length, uint8_t* data) {
+      dvbpsi_tot_descriptor_add(tot.get(), tag, length, data);
+    });
   const std::vector<Bytes> sections =
-      encoder.take(dvbpsi_tot_sections_generate(encoder.handle(), tot), kind == TDT ? "the TDT" : "the TOT");
-  dvbpsi_tot_delete(tot);
+      encoder.take(dvbpsi_tot_sections_generate(encoder.handle(), tot.get()), kind == TDT ? "the TDT" : "the TOT");
   Bytes section = sections.front();
   section[1] |= 0x40;
   // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. libdvbpsi makes no room for it, and

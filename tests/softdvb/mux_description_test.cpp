@@ -65,6 +65,9 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong_case{"now", one_service("", R"(, "now": "yesterday")"),
                    "now: \"machine\" or a time such as \"2026-03-01T18:00:00Z\" is allowed"},
         Wrong_case{"flag", one_service("", R"(, "fast": 1)"), "fast: 1 is not allowed, true or false is"},
+        Wrong_case{
+            "a stream too long", one_service("", R"(, "duration": 86400)"),
+            "duration: 86400 seconds at 1000000 bits a second are more than 1073741824 bytes, the most that is made"},
         Wrong_case{"character table", R"({"charset": {"a": 1}, "transport_stream_id": 1, "original_network_id": 1})",
                    "charset: {\"a\":1} is not allowed, a text in \"\" is"}));
 
@@ -104,6 +107,8 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong_case{"PID", one_service(R"(, "streams": [{"type": 3, "pid": 9000}])"),
                    "services[0].streams[0].pid: 9000 is not allowed, a whole number from 16 to 8190 (or \"0x10\" to "
                    "\"0x1FFE\") is"},
+        Wrong_case{"PIDs run out", one_service(R"(, "pmt_pid": 8190, "streams": [{"type": 3}])"),
+                   "services[0].streams[0]: no PID is left after the PMT's, choose a \"pid\""},
         Wrong_case{"teletext without pages", one_service(R"(, "streams": [{"type": "teletext"}])"),
                    "services[0].streams[0].teletext: missing, this key is needed"},
         Wrong_case{

@@ -1,0 +1,145 @@
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "softdvb/device_support.h"
+
+// The launcher's options are part of these tests, so an inner program (listen) does the work under it.
+using support::run_softdvb;
+using support::Softdvb_run;
+
+static std::string counting(int packet_size = 188) {
+  return std::string(SOFTDVB_STREAMS) + "/counting." + std::to_string(packet_size) + ".ts";
+}
+
+static std::vector<std::string> with_stream(std::vector<std::string> options, int packet_size = 188) {
+  options.insert(options.end(), {"--mux", "506000000=" + counting(packet_size)});
+  return options;
+}
+
+// Runs `listen` with its arguments; it prints the extensions of the sections that it read, one after the other.
+static Softdvb_run listen(const std::vector<std::string>& options, std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), SOFTDVB_LISTEN);
+  return run_softdvb(options, arguments);
+}
+
+static std::string numbers(int from, int to) {
+  std::string text;
+  for (int i = from; i < to; ++i)
+    text += std::to_string(i) + " ";
+  return text;
+}
+
+// The first number of a list, 20 for an empty one.
+static int first_of(const std::string& list) {
+  return list.empty() ? 20 : std::stoi(list);
+}
+
+class Packet_size : public testing::TestWithParam<int> {};
+
+TEST_P(Packet_size, is_detected) {
+  const Softdvb_run run = listen(with_stream({"--pace", "fast", "--once"}, GetParam()), {"tune=506000000", "wait=300"});
+  EXPECT_EQ(numbers(0, 20), run.out) << run.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Packet_size, testing::Values(188, 192, 204));
+
+TEST(Player, goes_round_in_a_loop) {
+  const Softdvb_run run = listen(with_stream({"--pace", "fast"}), {"tune=506000000", "count=45"});
+  EXPECT_EQ(numbers(0, 20) + numbers(0, 20) + numbers(0, 5), run.out);
+}
+
+TEST(Player, plays_once_and_falls_silent) {
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--once"}), {"tune=506000000", "wait=3000"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+}
+
+TEST(Player, begins_at_the_offset) {
+  const Softdvb_run run =
+      listen(with_stream({"--time", "x20", "--once", "--offset", "1.45"}), {"tune=506000000", "wait=3000"});
+  EXPECT_EQ(numbers(15, 20), run.out);
+}
+
+TEST(Player, stops_after_a_time) {
+  const Softdvb_run run =
+      listen(with_stream({"--time", "x20", "--stop-after", "0.75"}), {"tune=506000000", "wait=3000"});
+  EXPECT_EQ(numbers(0, 8), run.out);
+}
+
+TEST(Player, a_factor_makes_it_faster) {
+  const Softdvb_run run = listen(with_stream({"--pace", "x10"}), {"tune=506000000", "count=20", "clock"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+  EXPECT_LT(std::stod(run.err), 1.0);
+  EXPECT_GT(std::stod(run.err), 0.15);
+}
+
+TEST(Player, a_bit_rate_sets_the_pace) {
+  // 2000 packets of 1504 bits at 15.04 Mbit/s take 200 ms.
+  const Softdvb_run run = listen(with_stream({"--pace", "15.04M"}), {"tune=506000000", "count=20", "clock"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+  EXPECT_LT(std::stod(run.err), 1.0);
+  EXPECT_GT(std::stod(run.err), 0.15);
+}
+
+TEST(Player, on_air_it_does_not_wait_for_anybody) {
+  const Softdvb_run run = listen(with_stream({"--time", "x4", "--start", "air", "--once", "--lock-delay", "0"}),
+                                 {"sleep=800", "tune=506000000", "wait=3000"});
+  EXPECT_GE(first_of(run.out), 8);
+  EXPECT_EQ(numbers(first_of(run.out), 20), run.out);
+}
+
+TEST(Player, can_wait_for_the_first_filter) {
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--start", "filter", "--once"}),
+                                 {"tune=506000000", "late=900", "wait=3000"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+}
+
+TEST(Player, is_ahead_of_a_filter_that_comes_late) {
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--once", "--lock-delay", "0"}),
+                                 {"tune=506000000", "late=950", "wait=3000"});
+  EXPECT_GE(first_of(run.out), 9);
+  EXPECT_EQ(numbers(first_of(run.out), 20), run.out);
+}
+
+TEST(Player, fast_waits_for_a_reader_instead_of_overflowing) {
+  const Softdvb_run run =
+      listen(with_stream({"--pace", "fast", "--once"}), {"tune=506000000", "buffer=64", "slow=2", "wait=200"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+}
+
+TEST(Player, plays_by_hand) {
+  const Softdvb_run run = listen(with_stream({"--pace", "manual", "--once"}),
+                                 {"tune=506000000", "play=301", "wait=0", "play=1", "wait=0", "play=5000", "wait=0"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+}
+
+TEST(Player, sees_a_stream_that_another_process_tuned) {
+  const Softdvb_run run = listen(with_stream({"--tuned", "506000000", "--once"}), {"wait=500"});
+  EXPECT_LT(first_of(run.out), 19);
+  EXPECT_EQ(numbers(first_of(run.out), 20), run.out);
+}
+
+TEST(Section_fault, drops_doubles_cuts_and_damages) {
+  const Softdvb_run run =
+      listen(with_stream({"--pace", "fast", "--once", "--section", "0x100/0x42=drop@2", "--section", "256=double@5",
+                          "--section", "256=cut:8@8", "--section", "0x100=crc@11*2", "--section", "0x101=drop"}),
+             {"tune=506000000", "wait=300"});
+  EXPECT_EQ("0 2 3 4 4 5 6 7/8 8 9 12 13 14 15 16 17 18 19 ", run.out);
+}
+
+TEST(Section_fault, silence_from_a_time_on) {
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--once", "--section", "0x100=silence+100"}),
+                                 {"tune=506000000", "wait=3000"});
+  EXPECT_EQ(numbers(0, 20), run.out);
+  const Softdvb_run silent =
+      listen(with_stream({"--time", "x20", "--once", "--section", "0x100=silence"}), {"tune=506000000", "wait=3000"});
+  EXPECT_EQ("", silent.out);
+}
+
+TEST(Section_fault, of_one_adapter_leaves_the_others_alone) {
+  const std::vector<std::string> options{
+      "--pace", "fast", "--once", "--mux", "506000000=" + counting(), "--section", "0x100=drop", "--adapter", "1",
+      "--pace", "fast", "--once", "--mux", "506000000=" + counting()};
+  EXPECT_EQ("", listen(options, {"tune=506000000", "wait=300"}).out);
+  EXPECT_EQ(numbers(0, 20), listen(options, {"adapter=1", "tune=506000000", "wait=300"}).out);
+}

@@ -313,6 +313,8 @@ class KELVO_EXPORT Sdbl {
   void merge_streams(Merge* merge);
   void merge_streams_of_channel(Merge* merge, int channel);
 
+  void trace_deleted_event(int oid, int start_epoch, int dur_sec);
+  void forget_event(std::vector<EPG_cache*>* cache, int start_epoch, int dur_sec);
   void read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg);
 
   std::string db_name;

@@ -44,10 +44,6 @@ void arm(timer_t timer) {
 
 }  // namespace
 
-bool cmp_epg_cache(const EPG_cache* a, const EPG_cache* b) {
-  return a->start_epoch < b->start_epoch;
-}
-
 // The stored events of a service, sorted by start.
 void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) {
   Db_lock lock(db);
@@ -82,8 +78,8 @@ std::list<SQL_cache*>* Sdbl::get_eit_scan_list(int dvbnr, int dvb_type, int hf_c
       return list;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
       const int pmt_pid = sqlite3_column_int(stmt, 3) != 0 ? sqlite3_column_int(stmt, 1) : 0;
-      auto entry = std::make_unique<SQL_cache>(SQL_cache{sqlite3_column_int(stmt, 0), pmt_pid, -1,
-                                                         sqlite3_column_int(stmt, 2), no_timer(), true, false, 0, {}});
+      auto entry = std::make_unique<SQL_cache>(SQL_cache{
+          sqlite3_column_int(stmt, 0), pmt_pid, -1, sqlite3_column_int(stmt, 2), no_timer(), true, false, 0, {}});
       found.push_back(entry.get());
       (void)entry.release();  // the list's owner gets it
     }

@@ -2,6 +2,7 @@ list(APPEND KELVO_SOURCES
   db/sdbl.cpp
   db/sdbl_backup.cpp
   db/sdbl_eit_list.cpp
+  db/sdbl_epg.cpp
   db/sdbl_files.cpp
   db/sdbl_merge.cpp
   db/sdbl_rows.cpp
@@ -9,6 +10,7 @@ list(APPEND KELVO_SOURCES
   db/sdbl_schema.cpp
   db/sdbl_sql.cpp
   db/sdbl_time.cpp
+  db/sdbl_timezone.cpp
   db/sdbl_tuner.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS

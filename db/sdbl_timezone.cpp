@@ -1,0 +1,104 @@
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "db/sdbl_files.h"
+#include "db/sdbl_internal.h"
+
+using sdbl::Db_lock;
+
+namespace {
+
+constexpr char ZONE_FOLDER[] = "/tmp/zoneinfo";
+constexpr char ZONE_SOURCE[] = "/tmp/zoneinfo/timezone.txt";
+constexpr time_t NOON = 43200;
+constexpr int NOON_HOUR = 12;
+constexpr size_t LONGEST_ZONE_NAME = 8;
+
+// The country code is broadcast, and goes into a file, a file name and a command.
+bool is_zone_name(const char* name) {
+  const size_t length = std::strlen(name);
+  if (length < 1 || length > LONGEST_ZONE_NAME)
+    return false;
+  for (const char* c = name; *c != '\0'; ++c)
+    if (!((*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9')))
+      return false;
+  return true;
+}
+
+bool write_zone_source(const std::string& network, int offset_min, const char* zone_name, int zone_nr) {
+  (void)mkdir(ZONE_FOLDER, 0755);  // is mostly there
+  const int fd = open(ZONE_SOURCE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0)
+    return false;
+  std::FILE* file = fdopen(fd, "w");
+  if (file == nullptr) {
+    (void)close(fd);  // nothing was written
+    return false;
+  }
+  const long long minutes = std::llabs(offset_min);
+  std::fprintf(file, "# Automatically generated timezone file for network %s\n", network.c_str());
+  // Deliberate: an offset of 0 is written as -00:00.
+  std::fprintf(file, "Zone %s_%d %c%02d:%02d - %s\n", zone_name, zone_nr, offset_min < 1 ? '-' : ' ',
+               static_cast<int>(minutes / 60), static_cast<int>(minutes % 60), zone_name);
+  return std::fclose(file) == 0;
+}
+
+void install_zone(const char* zone_name, int zone_nr) {
+  sdbl::run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
+  char compiled[64];
+  (void)std::snprintf(compiled, sizeof compiled, "/tmp/zoneinfo/%s_%d", zone_name, zone_nr);
+  if (!sdbl::file_exists(compiled))
+    return;
+  sdbl::run_shell("cp -f %s /dvbfiles/localtime", sdbl::shell_quoted(compiled).c_str());
+  (void)unlink(compiled);  // a file that stays is replaced the next time
+}
+
+}  // namespace
+
+void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
+                                  HF_CONN_ID hf_conn, int freq) {
+  std::string network;
+  {
+    // The statement is reset at once, here as everywhere: a row left open would keep the file locked for other
+    // connections, and the tables from being dropped.
+    Db_lock lock(db);
+    sqlite3_stmt* stmt = sql_cache(
+        false, 0, "SELECT network_name FROM kanalid where hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq",
+        hf_conn, dvb_type, freq);
+    const bool found = stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW;
+    if (found)
+      network = sdbl::column_text(stmt, 0);
+    sdbl::report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    if (!found)
+      return;
+  }
+  std::string preferred;
+  {
+    std::lock_guard<std::mutex> settings(settings_lock_);
+    preferred = preferred_provider;
+  }
+  KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", freq, network.c_str(), preferred.c_str());
+  if (network != preferred || !is_zone_name(zone_name))
+    return;
+
+  tm noon{};
+  tzset();  // or a zone that was installed meanwhile is not seen
+  (void)localtime_r(&NOON, &noon);
+  // Deliberate: whole hours are compared, by a division that rounds towards 0.
+  if (noon.tm_hour == offset_min / 60 + NOON_HOUR) {
+    KLOG(VERB_WARNING, "WARNING: Timezone OK\n");
+    return;
+  }
+  KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
+  if (write_zone_source(preferred, offset_min, zone_name, zone_nr))
+    install_zone(zone_name, zone_nr);
+}

@@ -1,0 +1,401 @@
+#include <time.h>
+
+#include <climits>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "db_support.h"
+#include "support/support.h"
+
+using db_support::number;
+using db_support::rows;
+using db_support::run;
+using support::stderr_of;
+using testing::HasSubstr;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// start+duration:id of every entry
+Texts shown(const std::vector<EPG_cache*>& cache) {
+  Texts all;
+  for (const EPG_cache* event : cache)
+    all.push_back(std::to_string(event->start_epoch) + "+" + std::to_string(event->dur_sec) + ":" +
+                  std::to_string(event->ev_id));
+  return all;
+}
+
+class Epg : public testing::Test {
+ protected:
+  Epg() : sdbl_(dir_.file("a.db").c_str()) { sc_.channel = 7; }
+  ~Epg() override {
+    verbosity_kelvo = 0;
+    clear();
+  }
+  void clear() {
+    for (EPG_cache* event : sc_.epg)
+      delete event;
+    sc_.epg.clear();
+  }
+  int lookup(int ev_id, int start, int duration) {
+    return sdbl_.lookup_epg_cache(&sc_.epg, ev_id, start, duration, &changed_, &overlap_);
+  }
+  int search(int t) { return sdbl_.epg_cache_binary_search(&sc_.epg, t); }
+  int store(long start, int duration, int ev_id = 1, bool replace = false, bool overlapping = false) {
+    return sdbl_.eit_for_service(1, 2, 506000000, 10, &sc_, 0x20100101, 0x000000, 0x003000, start, duration, 4, 1,
+                                 ev_id, &content_, &rating_, replace, overlapping);
+  }
+  Texts events() { return rows(sdbl_, "SELECT start_epoch, dur_sec FROM epglist ORDER BY start_epoch"); }
+
+  support::Temp_dir dir_;
+  Sdbl sdbl_;
+  SQL_cache sc_{};
+  bool changed_ = false;
+  bool overlap_ = false;
+  std::string content_ = "4.1.0.0 ";
+  std::string rating_ = "0c@EST ";
+};
+
+using Epg_cache = Epg;
+using Epg_store = Epg;
+using Epg_delete = Epg;
+
+}  // namespace
+
+TEST_F(Epg_cache, search_finds_the_event_that_is_running) {
+  EXPECT_EQ(search(5), -1);
+  sc_.epg = {new EPG_cache{100, 1, 50}, new EPG_cache{150, 2, 50}, new EPG_cache{300, 3, 10}};
+  EXPECT_EQ(search(99), -1);
+  EXPECT_EQ(search(100), 0);
+  EXPECT_EQ(search(149), 0);
+  EXPECT_EQ(search(150), 1);
+  EXPECT_EQ(search(199), 1);
+  EXPECT_EQ(search(200), -1);
+  EXPECT_EQ(search(300), 2);
+  EXPECT_EQ(search(310), -1);
+  EXPECT_EQ(search(INT_MIN), -1);
+  EXPECT_EQ(search(INT_MAX), -1);
+}
+
+TEST_F(Epg_cache, search_reckons_ends_beyond_32_bits) {
+  sc_.epg = {new EPG_cache{INT_MAX - 10, 1, INT_MAX}};
+  EXPECT_EQ(search(INT_MAX), 0);
+}
+
+TEST_F(Epg_cache, search_among_many_finds_each) {
+  for (int i = 0; i < 100; ++i)
+    sc_.epg.push_back(new EPG_cache{i * 10, i, 10});
+  for (int i = 0; i < 100; ++i)
+    EXPECT_EQ(search(i * 10 + 9), i);
+}
+
+TEST_F(Epg_cache, a_null_entry_is_an_error) {
+  sc_.epg = {nullptr};
+  int index = 0;
+  EXPECT_EQ(stderr_of([&] { index = search(5); }), "ERROR: ec is null");
+  EXPECT_EQ(index, -1);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { index = search(5); }), "");
+}
+
+TEST_F(Epg_cache, an_unassigned_cache_is_an_error) {
+  changed_ = overlap_ = true;
+  int result = -1;
+  EXPECT_THAT(stderr_of([&] { result = sdbl_.lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }),
+              testing::MatchesRegex("ERROR: EPG cache is unassigned .+\n"));
+  EXPECT_EQ(result, 0);
+  EXPECT_FALSE(changed_);
+  EXPECT_FALSE(overlap_);
+}
+
+TEST_F(Epg_cache, quirk_low_addresses_count_as_unassigned) {
+  auto* low = reinterpret_cast<std::vector<EPG_cache*>*>(uintptr_t{65534});
+  int result = -1;
+  EXPECT_EQ(stderr_of([&] { result = sdbl_.lookup_epg_cache(low, 1, 2, 3, &changed_, &overlap_); }),
+            "ERROR: EPG cache is unassigned 0xfffe\n");
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(Epg_cache, an_unknown_event_is_remembered_and_then_known) {
+  EXPECT_EQ(lookup(1, 100, 50), 0);
+  EXPECT_FALSE(changed_);
+  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(lookup(1, 100, 50), 1);
+  EXPECT_FALSE(changed_);
+  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1"}));
+}
+
+TEST_F(Epg_cache, the_same_slot_with_a_new_id_is_changed_in_place) {
+  lookup(1, 100, 50);
+  const EPG_cache* entry = sc_.epg[0];
+  EXPECT_EQ(lookup(2, 100, 50), 0);
+  EXPECT_TRUE(changed_);
+  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(sc_.epg, (std::vector<EPG_cache*>{const_cast<EPG_cache*>(entry)}));
+  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:2"}));
+  EXPECT_EQ(lookup(2, 100, 50), 1);
+}
+
+TEST_F(Epg_cache, an_event_inside_another_overlaps_and_is_remembered) {
+  lookup(1, 100, 50);
+  EXPECT_EQ(lookup(2, 120, 50), 0);
+  EXPECT_TRUE(overlap_);
+  EXPECT_FALSE(changed_);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1", "120+50:2"}));
+}
+
+TEST_F(Epg_cache, another_duration_takes_the_place_of_the_entry) {
+  lookup(1, 100, 50);
+  EXPECT_EQ(lookup(1, 100, 60), 0);
+  EXPECT_TRUE(overlap_);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"100+60:1"}));
+}
+
+TEST_F(Epg_cache, entries_are_kept_in_order_of_start) {
+  for (const int start : {500, 100, 300, -200, 400})
+    lookup(start, start, 10);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"-200+10:-200", "100+10:100", "300+10:300", "400+10:400", "500+10:500"}));
+}
+
+// The search never finds an event without a duration, and every look-up of it is a miss.
+TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(lookup(1, 100, 0), 0);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"100+0:1"}));
+  lookup(2, 100, 0);
+  EXPECT_EQ(sc_.epg.size(), 2u);
+}
+
+TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] {
+              for (int i = 0; i < 99; ++i)
+                lookup(1, 100, 50);
+            }),
+            "");
+  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Epg cache hit 99, miss 1\n");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] {
+              for (int i = 0; i < 100; ++i)
+                lookup(1, 100, 50);
+            }),
+            "");
+  verbosity_kelvo = 2;
+  for (int i = 0; i < 99; ++i)
+    lookup(1, 1000 + 50 * i, 50);
+  EXPECT_EQ(stderr_of([&] { lookup(2, 100, 50); }), "Epg cache hit 200, miss 100\n");
+}
+
+TEST_F(Epg_cache, look_ups_are_traced) {
+  verbosity_kelvo = 4;
+  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Lookup cachematch is 0\nepg cache entry inserted\n");
+  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Lookup cachematch is 1\n");
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "");
+}
+
+TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
+  EXPECT_EQ(store(1262304000, 1800, 42), 1);
+  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist"),
+            (Texts{"1|7|2.5|537919745|0|1262304000|12288|1800|4.1.0.0 |0c@EST |4|1|42|10"}));
+  EXPECT_EQ(store(1262305800, 1800, 43), 2);
+}
+
+TEST_F(Epg_store, a_second_event_of_the_same_start_is_refused) {
+  store(1000, 60);
+  int entry = 0;
+  EXPECT_EQ(stderr_of([&] { entry = store(1000, 90); }), "ERROR: eit_for_service: rc is 2067\n");
+  EXPECT_EQ(entry, -1);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { entry = store(1000, 90); }), "");
+  EXPECT_EQ(events(), (Texts{"1000|60"}));
+  EXPECT_EQ(store(2000, 90), 2);
+}
+
+TEST_F(Epg_store, negative_and_huge_values_are_refused_or_limited) {
+  verbosity_kelvo = -1;
+  EXPECT_EQ(store(-1, 60), -1);
+  EXPECT_EQ(store(1000, -60), -1);
+  EXPECT_EQ(events(), Texts{});
+  EXPECT_EQ(store(LONG_MAX, INT_MAX), 1);
+  EXPECT_EQ(events(), (Texts{"2147483647|2147483647"}));
+}
+
+TEST_F(Epg_store, replacing_takes_the_place_of_the_event_of_that_start) {
+  const int first = store(1000, 60, 1);
+  int second = 0;
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { second = store(1000, 90, 2, true); }),
+            "WARNING: Replacing event id channel 7, ymd_bcd 20100101, hms_bcd 0\n");
+  EXPECT_GT(second, first);
+  EXPECT_EQ(rows(sdbl_, "SELECT entry, dur_sec, ev_id FROM epglist"), (Texts{std::to_string(second) + "|90|2"}));
+}
+
+TEST_F(Epg_store, quirk_texts_of_a_replaced_event_stay) {
+  const int first = store(1000, 60, 1);
+  sdbl_.insert_epglist_lang(first, "eng", "Name", "", "", "");
+  store(1000, 90, 2, true);
+  EXPECT_EQ(rows(sdbl_, "SELECT source_oid, ev_name FROM epglist_lang"), (Texts{std::to_string(first) + "|Name"}));
+}
+
+TEST_F(Epg_store, overlapping_deletes_what_is_in_the_way) {
+  store(1000, 60);
+  store(1060, 60);
+  store(1120, 60);
+  verbosity_kelvo = 1;
+  EXPECT_THAT(stderr_of([&] { EXPECT_GT(store(1030, 60, 9, false, true), 0); }),
+              testing::StartsWith("WARNING: Overlapping\n"));
+  EXPECT_EQ(events(), (Texts{"1030|60", "1120|60"}));
+}
+
+TEST_F(Epg_store, events_are_traced) {
+  verbosity_kelvo = 4;
+  EXPECT_THAT(stderr_of([&] { store(1000, 60, 42); }),
+              testing::StartsWith("Db event 42 freq 506000000 prnr 10 ymd 20100101 hms 0 dur 3000\n"));
+}
+
+TEST_F(Epg_store, texts_are_stored_in_each_language_once) {
+  const char* hostile = "it's 100% \"odd\"; DROP TABLE epglist; -- \xff";
+  EXPECT_EQ(sdbl_.insert_epglist_lang(5, "eng", hostile, "Desc", "Ext", "List"), 0);
+  EXPECT_EQ(sdbl_.insert_epglist_lang(5, "est", "Nimi", "", "", ""), 0);
+  int rc = -1;
+  EXPECT_EQ(stderr_of([&] { rc = sdbl_.insert_epglist_lang(5, "eng", "Other", "", "", ""); }), "");
+  EXPECT_EQ(rc, 0);
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { rc = sdbl_.insert_epglist_lang(5, "eng", "Other", "", "", ""); }),
+            "WARNING: epglist_lang rc = 2067\n");
+  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist_lang ORDER BY lang"),
+            (Texts{std::string("5|eng|") + hostile + "|Desc|Ext|List", "5|est|Nimi|||"}));
+}
+
+TEST_F(Epg_store, quirk_event_name_of_two_letters_becomes_empty) {
+  sdbl_.insert_epglist_lang(5, "eng", "TV", "Desc", "", "");
+  EXPECT_EQ(rows(sdbl_, "SELECT ev_name, ev_desc FROM epglist_lang"), (Texts{"|Desc"}));
+}
+
+TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
+  const struct {
+    const char* legend;
+    int start;
+    int duration;
+    bool goes;
+  } cases[] = {
+      {"before", 800, 100, false},
+      {"up to the start", 900, 100, false},
+      {"into the start", 950, 100, true},
+      {"inside", 1020, 10, true},
+      {"the same", 1000, 100, true},
+      {"over the end", 1050, 100, true},
+      {"from the end on", 1100, 100, false},
+      {"around", 900, 300, true},
+      {"up to the end", 1050, 50, true},
+      {"last second", 1099, 5, true},
+      {"after", 1200, 10, false},
+  };
+  for (const auto& c : cases) {
+    run(sdbl_, "DELETE FROM epglist");
+    clear();
+    store(c.start, c.duration);
+    lookup(1, c.start, c.duration);
+    EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_), 0);
+    EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), c.goes ? 0 : 1) << c.legend;
+    EXPECT_EQ(sc_.epg.size(), c.goes ? 0u : 1u) << c.legend;
+  }
+}
+
+TEST_F(Epg_delete, texts_go_with_their_event_and_other_channels_stay) {
+  const int entry = store(1000, 60);
+  sdbl_.insert_epglist_lang(entry, "eng", "Name", "", "", "");
+  sdbl_.insert_epglist_lang(entry + 50, "eng", "Other", "", "", "");
+  run(sdbl_, "INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (8, 1000, 60)");
+  lookup(1, 1000, 60);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.delete_epglist_range(7, 0, 5000, true, &sc_), 0); }), "");
+  EXPECT_EQ(rows(sdbl_, "SELECT channel FROM epglist"), (Texts{"8"}));
+  EXPECT_EQ(rows(sdbl_, "SELECT ev_name FROM epglist_lang"), (Texts{"Other"}));
+}
+
+TEST_F(Epg_delete, nothing_to_delete_warns) {
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+            "Delete ch 7 from 1000 - 1100\n"
+            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
+}
+
+TEST_F(Epg_delete, deleted_events_are_traced_with_their_names) {
+  const int entry = store(1000, 60);
+  store(1060, 60);
+  sdbl_.insert_epglist_lang(entry, "eng", "Name", "", "", "");
+  lookup(1, 1000, 60);
+  lookup(1, 1060, 60);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+            "Delete ch 7 from 1000 - 1100\nDeleted 1000 -1060 Name\nDeleted 1060 -1120  No event description\n");
+}
+
+TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
+  store(1000, 60);
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+            "ERROR: Nothing to delete in cache list for start_epoch 1000\n");
+  EXPECT_EQ(events(), Texts{});
+}
+
+TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
+  store(1000, 60);
+  lookup(1, 1000, 90);
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+90:1"}));
+  store(1000, 60);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+            "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
+}
+
+TEST_F(Epg, an_event_is_running_between_its_start_and_its_end) {
+  const long now = time(nullptr);
+  EXPECT_EQ(sdbl_.eit_info_available(7), 0);
+  store(now + 100, 1000);
+  store(now - 2000, 1000);
+  EXPECT_EQ(sdbl_.eit_info_available(7), 0);
+  store(now - 100, 150);
+  EXPECT_EQ(sdbl_.eit_info_available(7), 1);
+  EXPECT_EQ(sdbl_.eit_info_available(8), 0);
+}
+
+TEST_F(Epg, quirk_an_event_that_starts_this_second_is_not_running) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    run(sdbl_, "DELETE FROM epglist");
+    const long now = time(nullptr);
+    store(now, 1000);
+    const int available = sdbl_.eit_info_available(7);
+    if (time(nullptr) != now)
+      continue;  // the clock went on meanwhile
+    EXPECT_EQ(available, 0);
+    return;
+  }
+  FAIL() << "the clock never stood still";
+}
+
+TEST_F(Epg, whether_there_is_an_event_is_said_at_level_3) {
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "");
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "NO EPG ");
+  verbosity_kelvo = 0;
+  store(time(nullptr) - 100, 1000);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "EPG OK ");
+  verbosity_kelvo = 4;
+  EXPECT_THAT(stderr_of([&] { sdbl_.eit_info_available(7); }),
+              testing::MatchesRegex("Current epoch [0-9]+, channel 7 sql_get_int: SELECT OID from .*EPG OK "));
+  verbosity_kelvo = 0;
+  run(sdbl_, "DROP TABLE epg_db.epglist");
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl_.eit_info_available(7), 0); }),
+              HasSubstr("ERROR: SQL_get_int: 1 @ eit_info_available line "));
+}

@@ -1,0 +1,144 @@
+#include <stdlib.h>
+#include <time.h>
+
+#include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "db_support.h"
+#include "support/softdvb.h"
+#include "support/support.h"
+
+using db_support::number;
+using db_support::run;
+using support::stderr_of;
+
+namespace {
+
+constexpr char SOURCE[] = "/tmp/zoneinfo/timezone.txt";
+constexpr char INSTALLED[] = "/dvbfiles/localtime";
+constexpr int FREQ = 506000000;
+
+// Under the launcher, where /tmp/zoneinfo and /dvbfiles are folders of the sandbox. Only this process's idea of the
+// zone is changed.
+class Timezone : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(support::under_softdvb());
+    std::filesystem::remove_all("/tmp/zoneinfo");
+    std::filesystem::create_directories("/dvbfiles");
+    std::filesystem::remove(INSTALLED);
+    sdbl_ = std::make_unique<Sdbl>(dir_.file("a.db").c_str());
+    run(*sdbl_, "INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 2, 1, 'levira')");
+    zone("EET-2");
+  }
+  void TearDown() override {
+    verbosity_kelvo = 0;
+    unsetenv("TZ");
+    tzset();
+  }
+  static void zone(const char* tz) { setenv("TZ", tz, 1); }
+  std::string update(int offset_min, const char* name = "EST", int nr = 0, int freq = FREQ) {
+    verbosity_kelvo = 1;
+    const std::string text = stderr_of([&] { sdbl_->update_system_timezone(offset_min, name, nr, 1, 2, freq); });
+    verbosity_kelvo = 0;
+    return text;
+  }
+  static std::string source() { return support::read_file(SOURCE); }
+
+  support::Temp_dir dir_;
+  std::unique_ptr<Sdbl> sdbl_;
+};
+
+constexpr char CHECKED[] = "WARNING: Checking mux 506000000 provider levira = timezone levira\n";
+constexpr char FIRST_LINE[] = "# Automatically generated timezone file for network levira\n";
+
+}  // namespace
+
+TEST_F(Timezone, the_right_offset_writes_nothing) {
+  EXPECT_EQ(update(120), std::string(CHECKED) + "WARNING: Timezone OK\n");
+  EXPECT_FALSE(std::filesystem::exists(SOURCE));
+  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+}
+
+TEST_F(Timezone, another_offset_writes_compiles_and_installs_the_zone) {
+  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0  03:00 - EST\n");
+  if (!std::filesystem::exists("/usr/sbin/zic"))
+    GTEST_SKIP() << "no zone compiler";
+  EXPECT_TRUE(std::filesystem::exists(INSTALLED));
+  EXPECT_EQ(support::read_file(INSTALLED).substr(0, 4), "TZif");
+  EXPECT_FALSE(std::filesystem::exists("/tmp/zoneinfo/EST_0"));
+}
+
+TEST_F(Timezone, negative_offsets_carry_a_minus) {
+  update(-90, "PRT", 2);
+  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone PRT_2 -01:30 - PRT\n");
+}
+
+TEST_F(Timezone, quirk_offset_0_is_written_as_minus_0) {
+  update(0);
+  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0 -00:00 - EST\n");
+}
+
+TEST_F(Timezone, quirk_negative_half_hours_never_match) {
+  zone("NST3:30");
+  EXPECT_THAT(update(-210), testing::EndsWith("WARNING: Setting timezone to -210\n"));
+  zone("IST-5:30");
+  EXPECT_THAT(update(330), testing::EndsWith("WARNING: Timezone OK\n"));
+}
+
+TEST_F(Timezone, a_zone_installed_meanwhile_is_seen) {
+  EXPECT_THAT(update(180), testing::EndsWith("WARNING: Setting timezone to 180\n"));
+  zone("MSK-3");
+  EXPECT_THAT(update(180), testing::EndsWith("WARNING: Timezone OK\n"));
+}
+
+TEST_F(Timezone, another_network_changes_nothing) {
+  run(*sdbl_, "UPDATE kanalid SET network_name = 'Levira'");
+  EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider Levira = timezone levira\n");
+  EXPECT_FALSE(std::filesystem::exists(SOURCE));
+  sdbl_->set_preferred_provider("Levira");
+  EXPECT_EQ(update(180),
+            "WARNING: Checking mux 506000000 provider Levira = timezone Levira\nWARNING: Setting timezone to 180\n");
+  EXPECT_EQ(source(), "# Automatically generated timezone file for network Levira\nZone EST_0  03:00 - EST\n");
+}
+
+TEST_F(Timezone, an_unknown_multiplex_or_one_without_a_name_changes_nothing) {
+  EXPECT_EQ(update(180, "EST", 0, FREQ + 1), "");
+  run(*sdbl_, "UPDATE kanalid SET network_name = NULL");
+  EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider  = timezone levira\n");
+  EXPECT_FALSE(std::filesystem::exists(SOURCE));
+}
+
+TEST_F(Timezone, texts_are_silent_at_level_0) {
+  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(120, "EST", 0, 1, 2, FREQ); }), "");
+  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 2, FREQ); }), "");
+}
+
+TEST_F(Timezone, odd_country_codes_end_after_the_check_of_the_network) {
+  for (const char* name : {"", "../x", "a b", "$(x)", "x;y", "'", "\xc4\xb5", "123456789", "a\nb", "-x", "E.T"}) {
+    EXPECT_EQ(update(180, name), CHECKED) << name;
+    EXPECT_FALSE(std::filesystem::exists(SOURCE)) << name;
+  }
+  update(180, "Abc45678");
+  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone Abc45678_0  03:00 - Abc45678\n");
+}
+
+TEST_F(Timezone, a_link_in_the_place_of_the_source_is_not_followed) {
+  std::filesystem::create_directories("/tmp/zoneinfo");
+  support::write_file(dir_.file("precious"), "keep me");
+  std::filesystem::create_symlink(dir_.file("precious"), SOURCE);
+  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+  EXPECT_EQ(support::read_file(dir_.file("precious")), "keep me");
+  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+}
+
+TEST_F(Timezone, the_database_is_not_left_locked) {
+  update(120);
+  db_support::Other_connection host(dir_.file("a.db"));
+  EXPECT_EQ(run(host.get(), "UPDATE kanalid SET lcn = 5"), SQLITE_DONE);
+  EXPECT_EQ(number(*sdbl_, "SELECT lcn FROM kanalid"), 5);
+}

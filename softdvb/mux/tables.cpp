@@ -64,9 +64,10 @@ Table pat_of(const Description& all, Encoder* encoder) {
     for (const Service& service : all.services)
       if (service.in_pat && on_air(service, at))
         dvbpsi_pat_program_add(pat.get(), service.service_id, service.pmt_pid);
-    table.variants.push_back({at, encoder->take(dvbpsi_pat_sections_generate(
-                                                    encoder->handle(), pat, static_cast<int>(all.programs_per_section)),
-                                                "the PAT")});
+    table.variants.push_back(
+        {at, encoder->take(
+                 dvbpsi_pat_sections_generate(encoder->handle(), pat.get(), static_cast<int>(all.programs_per_section)),
+                 "the PAT")});
   }
   return table;
 }

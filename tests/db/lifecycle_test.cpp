@@ -195,6 +195,21 @@ TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
             "WARNING: Open statement in close db\nWARNING: Open statement in close db\n");
 }
 
+TEST_F(Lifecycle, a_connection_in_use_is_tried_five_times_and_left) {
+  auto sdbl = open();
+  sqlite3* conn = conn_of(*sdbl);
+  Other_connection copy(dir_.file("copy.db"));
+  sqlite3_backup* backup = sqlite3_backup_init(copy.get(), "main", conn, "main");
+  ASSERT_NE(backup, nullptr);
+  const std::string line = "ERROR: FLUSH: Cannot close database " + file_ +
+                           ", error unable to close due to unfinalized statements or unfinished backups\n";
+  EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), line + line + line + line + line);
+  EXPECT_FALSE(sdbl->db_opened());
+  sqlite3_backup_finish(backup);
+  EXPECT_EQ(sqlite3_close(conn), SQLITE_OK);
+  verbosity_kelvo = -1;
+}
+
 TEST_F(Lifecycle, reopening_brings_the_channels_back_without_the_guide) {
   auto sdbl = open();
   run(*sdbl, "INSERT INTO kanalid (freq) VALUES (5)");

@@ -1,0 +1,104 @@
+#include <time.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "db_support.h"
+#include "support/softdvb.h"
+#include "support/support.h"
+
+using db_support::number;
+using db_support::Other_connection;
+using db_support::rows;
+using db_support::run;
+using support::stderr_of;
+using testing::HasSubstr;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr int FREQ = 506000000;
+
+// Under the launcher, which lets calls of libc fail and runs the clock faster.
+class Failures : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(support::under_softdvb());
+    sdbl_ = std::make_unique<Sdbl>(dir_.file("a.db").c_str());
+    sdbl_->create_temp_tables(0);
+    sdbl_->pat_for_network(0, 1, 1, FREQ, 10, 5, 110);
+    sdbl_->pmt_channel_number(0, 1, 1, FREQ, 10, 300, SCAN_PAT);
+  }
+  void TearDown() override {
+    support::softdvb_control("clear faults");
+    verbosity_kelvo = 0;
+  }
+
+  support::Temp_dir dir_;
+  std::unique_ptr<Sdbl> sdbl_;
+};
+
+}  // namespace
+
+TEST_F(Failures, a_full_disk_is_printed_and_a_later_scan_succeeds) {
+  support::softdvb_control("fault write(*.db)=ENOSPC");
+  int result = -1;
+  const std::string text = stderr_of([&] { result = sdbl_->update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); });
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(text, HasSubstr("ERROR: Sqlite_step failed for INSERT INTO kanalid "));
+  EXPECT_THAT(text, HasSubstr(", error database or disk is full\n"));
+  support::softdvb_control("clear faults");
+  EXPECT_EQ(stderr_of([&] { result = sdbl_->update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }), "");
+  EXPECT_EQ(result, 2);
+  EXPECT_EQ(rows(*sdbl_, "SELECT pat_prnr FROM kanalid"), (Texts{"10"}));
+}
+
+TEST_F(Failures, files_that_may_not_be_opened_throw) {
+  const std::string file = dir_.file("b.db");
+  support::softdvb_control("fault open(b_epg.db)=EACCES");
+  std::string what;
+  const std::string text = stderr_of([&] {
+    try {
+      Sdbl second(file.c_str());
+    } catch (const no_file_error& error) {
+      what = error.what();
+    }
+  });
+  EXPECT_EQ(what, "Unable to open epg file %s");
+  EXPECT_EQ(text,
+            "ERROR: FLUSH: Cannot open database " + dir_.file("b_epg.db") + ", error unable to open database file\n");
+  support::softdvb_control("fault open(b.db)=EMFILE");
+  EXPECT_THROW((void)stderr_of([&] { Sdbl third(file.c_str()); }), no_file_error);
+}
+
+TEST_F(Failures, a_file_that_another_program_keeps_locked_is_given_up_after_two_seconds) {
+  Other_connection other(dir_.file("a.db"));
+  ASSERT_EQ(run(other.get(), "BEGIN EXCLUSIVE"), SQLITE_DONE);
+  timespec before{}, after{};
+  clock_gettime(CLOCK_MONOTONIC, &before);
+  int rc = 0;
+  EXPECT_THAT(stderr_of([&] { rc = sdbl_->modify_table_oid(1, "kanalid", "lcn", 7); }),
+              testing::MatchesRegex("ERROR: SQL_exec: 5 @ modify_table_oid line [0-9]+\n"));
+  clock_gettime(CLOCK_MONOTONIC, &after);
+  EXPECT_EQ(rc, SQLITE_BUSY);
+  EXPECT_GE(after.tv_sec - before.tv_sec, 1);
+  EXPECT_LE(after.tv_sec - before.tv_sec, 6);
+  run(other.get(), "COMMIT");
+  EXPECT_EQ(sdbl_->modify_table_oid(1, "kanalid", "lcn", 7), 101);
+}
+
+TEST_F(Failures, a_list_without_timers_still_holds_its_services) {
+  run(*sdbl_, "INSERT INTO kanalid (freq, hf_conn, dvb_type, serv_type) VALUES (506000000, 1, 1, 1)");
+  support::softdvb_control("fault timer_create=EAGAIN");
+  std::list<SQL_cache*> list;
+  EXPECT_THAT(stderr_of([&] { sdbl_->get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
+              testing::StartsWith("ERROR: timer_create: "));
+  ASSERT_EQ(list.size(), 1u);
+  itimerspec value{};
+  EXPECT_EQ(timer_gettime(list.front()->timer, &value), -1);
+  sdbl_->reset_eit_scan_list(&list);
+  sdbl_->clear_eit_scan_list(&list);
+  EXPECT_TRUE(list.empty());
+}

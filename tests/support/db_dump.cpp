@@ -113,7 +113,8 @@ std::unique_ptr<sqlite3, Close> open_database(const std::string& db_file) {
     return nullptr;
   }
   const std::string guide = db_file.substr(0, db_file.rfind('.')) + "_epg.db";
-  query(raw, "ATTACH DATABASE '" + guide + "' AS epg_db");
+  if (std::filesystem::exists(guide))
+    query(raw, "ATTACH DATABASE '" + guide + "' AS epg_db");
   return db;
 }
 

@@ -15,7 +15,7 @@ struct Dump_options {
 // Fails the calling test (and returns what there is) when the database cannot be read.
 std::string dump_database(const std::string& db_file, const Dump_options& options = {});
 
-// All rows of a query, values joined by '|', a line a row. The guide is attached as epg_db.
+// All rows of a query, values joined by '|', a line a row. The guide, if there is one, is attached as epg_db.
 std::string query_database(const std::string& db_file, const std::string& sql);
 
 // Compares `text` with the reference tests/data/NAME; fails the calling test with the first differing line. With the

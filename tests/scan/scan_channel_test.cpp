@@ -1,0 +1,269 @@
+// Channel requests: a service is watched, its multiplex's PMTs are read again every 3 s and everything every 300 s.
+#include <algorithm>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "scan/scan_run.h"
+
+using nlohmann::literals::operator""_json;
+
+namespace {
+
+class Scan_channel_test : public Scan_test {
+ protected:
+  // Fills the channel list: 101 is channel 1, 102 is 2, 103 is 3.
+  void scan_first() { scan_first(Json::array()); }
+  void scan_first(const Json& patch) {
+    const Scan_run first = run(on_freq(stream(patch)),
+                               "kelvo 0 tuner\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 100\n");
+    ASSERT_EQ("done 0 0\n", first.lines({"done", "no"}));
+  }
+
+  static double shortest(const std::vector<double>& times) {
+    double least = 1e9;
+    for (size_t i = 1; i < times.size(); ++i)
+      least = std::min(least, times[i] - times[i - 1]);
+    return least;
+  }
+  static double longest(const std::vector<double>& times) {
+    double most = 0;
+    for (size_t i = 1; i < times.size(); ++i)
+      most = std::max(most, times[i] - times[i - 1]);
+    return most;
+  }
+};
+
+}  // namespace
+
+TEST_F(Scan_channel_test, is_tuned_by_the_worker_and_reads_the_pmts_again_every_3_seconds) {
+  scan_first();
+  const Scan_run watched = run(on_freq(stream()),
+                               "verbosity 4\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 20\n"
+                               "verbosity 0\n"
+                               "state 0\n"
+                               "readings 0\n");
+  EXPECT_EQ("channel -1\nstate 0 0 1\n", watched.lines({"channel", "done", "change", "state"}));
+  // Every service of type 1; no PAT, NIT or SDT in between.
+  const std::vector<double> pmts = watched.logged({"DMX_SET_FILTER pid=0x100 filter=02"});
+  EXPECT_EQ(pmts.size(), watched.logged({"DMX_SET_FILTER pid=0x110 filter=02"}).size());
+  EXPECT_EQ(0U, watched.logged({"DMX_SET_FILTER pid=0x120 "}).size());
+  EXPECT_EQ(0U, watched.logged({"DMX_SET_FILTER pid=0x0 "}).size());
+  EXPECT_GE(pmts.size(), 7U);
+  EXPECT_LE(pmts.size(), 11U);
+  EXPECT_GE(shortest(pmts), 1.9);
+  EXPECT_LE(longest(pmts), 3.5);
+  EXPECT_EQ(1U, watched.count_err("starting scan from PMT"));
+  EXPECT_EQ(0U, watched.count_err("Starting scan from PAT"));
+  EXPECT_GE(watched.count_err("Restarting autoscan from PMT\n"), 6U);
+  EXPECT_GE(watched.count_err("PMT version match, skipping db recalc\n"), 5U);
+  support::expect_reference("scan/channel.txt", dump());
+}
+
+TEST_F(Scan_channel_test, progress_is_silent_at_verbosity_0_and_each_line_appears_at_its_level) {
+  scan_first();
+  const std::string stream_file = stream();
+  struct Line {
+    const char* text;
+    int level;
+  };
+  const Line lines[] = {{"WARNING: Loop init, local channel is 1\n", 1},
+                        {"WARNING: Starting kelvo PAT/PMT", 1},
+                        {"WARNING: Restarting EIT scan\n", 1},
+                        {"starting scan from PMT", 2},
+                        {"M:", 3},
+                        {"Restarting autoscan from PMT\n", 3},
+                        {"PMT version match, skipping db recalc\n", 4},
+                        {"Data scan loop\n", 4},
+                        {"wait loop nr 0\n", 4}};
+  for (int level = 0; level <= 4; ++level) {
+    const Scan_run watched = run(on_freq(stream_file),
+                                 "verbosity " + std::to_string(level) +
+                                     "\n"
+                                     "kelvo 0 tuner\n"
+                                     "sleep 2\n"
+                                     "channel 0 506000000 1\n"
+                                     "sleep 9\n"
+                                     "verbosity -1\n",
+                                 40);
+    for (const Line& line : lines)
+      EXPECT_EQ(level >= line.level, watched.count_err(line.text) > 0) << line.text << " at " << level;
+  }
+}
+
+TEST_F(Scan_channel_test, guide_is_started_5_to_6_seconds_after_the_tuning_and_once) {
+  scan_first();
+  const Scan_run watched = run(on_freq(stream()),
+                               "verbosity 1\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 20\n"
+                               "verbosity 0\n");
+  const std::vector<double> starts = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
+  ASSERT_EQ(1U, starts.size());
+  const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=506000000"});
+  ASSERT_EQ(1U, tunings.size());
+  EXPECT_NEAR(5.6, starts[0] - tunings[0], 0.9);
+  EXPECT_EQ(1U, watched.count_err("WARNING: Restarting EIT scan\n"));
+}
+
+TEST_F(Scan_channel_test, request_on_the_frequency_already_tuned_does_nothing) {
+  scan_first();
+  const Scan_run again = run(on_freq(stream()),
+                             "kelvo 0 tuner\n"
+                             "freq 0 506000000\n"
+                             "wait_done 0 60\n"
+                             "verbosity 1\n"
+                             "channel 0 506000000 1\n"
+                             "sleep 10\n"
+                             "verbosity 0\n");
+  EXPECT_EQ("channel -1\n", again.lines({"channel", "change"}));
+  EXPECT_EQ(0U, again.count_err("local channel is 1"));
+  EXPECT_EQ(1U, again.logged({"DMX_SET_FILTER pid=0x100 "}).size());
+}
+
+TEST_F(Scan_channel_test, quirk_request_on_the_constructor_s_frequency_does_nothing) {
+  const Scan_run first = run({"--mux", "474000000=" + stream()},
+                             "kelvo 0 tuner\n"
+                             "sleep 1\n"
+                             "verbosity 1\n"
+                             "channel 0 474000000 1\n"
+                             "sleep 5\n"
+                             "verbosity 0\n");
+  EXPECT_EQ("channel -1\n", first.lines({"channel"}));
+  EXPECT_EQ(0U, first.count_err("Loop init"));
+}
+
+TEST_F(Scan_channel_test, changed_pmt_is_found_by_a_rescan_and_told_with_1) {
+  scan_first();
+  const Json patch = R"([{ "op": "add", "path": "/services/0/pmt_changes", "value": [{ "at": 7, "streams": [
+                           { "type": "mpeg2-video", "pid": 257 },
+                           { "type": "mpeg2-audio", "pid": 258, "languages": ["est"] },
+                           { "type": "mpeg2-audio", "pid": 259, "languages": ["fin"] }] }] }])"_json;
+  const Scan_run watched = run(on_freq(stream(patch)),
+                               "verbosity 1\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "wait_change 0 1 15\n"
+                               "verbosity 0\n");
+  EXPECT_EQ("channel -1\nchange 0 1\n", watched.lines({"channel", "done", "change", "no"}));
+  EXPECT_NEAR(9.0, watched.at("change 0 1"), 3.0);
+  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 1, retval 30\n"));
+  support::expect_reference("scan/channel_pmt_changed.txt", dump());
+}
+
+TEST_F(Scan_channel_test, everything_is_read_again_after_300_seconds_and_a_lost_service_is_told_with_2) {
+  // A long stream at a low rate, without the radio service from 200 s on.
+  const Json patch = R"([{ "op": "replace", "path": "/duration", "value": 330 },
+                         { "op": "replace", "path": "/bit_rate", "value": 300000 },
+                         { "op": "add", "path": "/intervals", "value": { "pat": 1, "pmt": 1, "nit_actual": 1, "pcr": 1,
+                           "sdt_actual": 1, "eit_pf_actual": 2, "eit_schedule_actual": 5 } },
+                         { "op": "add", "path": "/services/2/vanishes_at", "value": 200 }])"_json;
+  scan_first(patch);
+  const Scan_run watched = run(on_freq(stream(patch)),
+                               "verbosity 3\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "wait_change 0 2 320\n"
+                               "verbosity 0\n",
+                               60);
+  EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "done", "no", "change"}));
+  EXPECT_EQ(1U, watched.count_err("Restarting autoscan from PAT\n"));
+  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 2, retval 1\n"));
+  const std::vector<double> pats = watched.logged({"DMX_SET_FILTER pid=0x0 filter=00"});
+  const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=506000000"});
+  ASSERT_EQ(1U, pats.size());
+  ASSERT_EQ(1U, tunings.size());
+  EXPECT_NEAR(299.5, pats[0] - tunings[0], 2.0);
+  support::expect_reference("scan/channel_service_lost.txt", dump());
+}
+
+TEST_F(Scan_channel_test, service_whose_pmt_stops_is_found_lost_by_the_scan_after_the_time_out) {
+  scan_first();
+  const Scan_run watched = run(on_freq(stream(R"([{ "op": "remove", "path": "/services/1" }])"_json)),
+                               "verbosity 1\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "wait_change 0 2 60\n"
+                               "verbosity 0\n");
+  EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "done", "no", "change"}));
+  EXPECT_EQ(1U, watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
+  EXPECT_NEAR(40, watched.at("change 0 2"), 2.0);
+}
+
+TEST_F(Scan_channel_test, pat_scan_that_times_out_with_the_sdt_merges_nothing_and_starts_again_from_the_pat) {
+  scan_first();
+  const Json patch = R"([{ "op": "add", "path": "/faults", "value": [
+                           { "fault": "missing", "table": "pmt", "service_id": 102 },
+                           { "fault": "missing", "table": "sdt_actual" }] }])"_json;
+  const Scan_run watched = run(on_freq(stream(patch)),
+                               "verbosity 3\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 100\n"
+                               "sql SELECT count(*) FROM kanalid_scan_0\n"
+                               "verbosity 0\n");
+  EXPECT_EQ(1U, watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
+  EXPECT_EQ(1U, watched.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"));
+  EXPECT_EQ(2U, watched.count_err("Restarting autoscan from PAT\n"));
+  EXPECT_EQ(0U, watched.count_err("Master update PAT\n"));
+  EXPECT_EQ("channel -1\nsql 3\nend\n", watched.lines());
+  const std::vector<double> pats = watched.logged({"DMX_SET_FILTER pid=0x0 filter=00"});
+  ASSERT_EQ(2U, pats.size());
+  EXPECT_NEAR(39.5, pats[1] - pats[0], 1.5);
+  support::expect_reference("scan/channel_timed_out.txt", dump());
+}
+
+TEST_F(Scan_channel_test, without_data_goes_on_trying) {
+  scan_first();
+  const Scan_run silent = run(on_freq(empty_stream()),
+                              "verbosity 3\n"
+                              "kelvo 0 tuner\n"
+                              "channel 0 506000000 1\n"
+                              "sleep 45\n"
+                              "verbosity 0\n"
+                              "state 0\n");
+  EXPECT_EQ("channel -1\nstate 0 0 1\n", silent.lines({"channel", "done", "change", "state"}));
+  EXPECT_EQ(0U, silent.count_err("Mux is DVB-H"));
+  EXPECT_EQ(1U, silent.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
+  EXPECT_EQ(1U, silent.count_err("Restarting autoscan from PAT\n"));
+}
+
+TEST_F(Scan_channel_test, without_lock_is_not_told_and_goes_on) {
+  scan_first();
+  const Scan_run none = run(on_freq(stream()),
+                            "kelvo 0 tuner\n"
+                            "channel 0 538000000 1\n"
+                            "sleep 10\n"
+                            "state 0\n"
+                            "channel 0 506000000 1\n"
+                            "sleep 5\n"
+                            "readings 0\n");
+  EXPECT_EQ("channel -1\nstate 0 0 1\nchannel -1\n", none.lines({"channel", "state", "done", "change"}));
+  EXPECT_EQ(0U, none.lines({"readings"}).find("readings 506000000 100.0 31 "));
+}
+
+TEST_F(Scan_channel_test, pause_stops_the_rescans_and_resuming_starts_their_timers_anew) {
+  scan_first();
+  const Scan_run paused = run(on_freq(stream()),
+                              "verbosity 1\n"
+                              "kelvo 0 tuner\n"
+                              "channel 0 506000000 1\n"
+                              "sleep 8\n"
+                              "scan 0 off\n"
+                              "sleep 30\n"
+                              "scan 0 on\n"
+                              "sleep 8\n"
+                              "verbosity 0\n");
+  const std::vector<double> pmts = paused.logged({"DMX_SET_FILTER pid=0x100 filter=02"});
+  EXPECT_GE(pmts.size(), 4U);
+  EXPECT_NEAR(30, longest(pmts), 4.0);
+  // The guide had been started, so it is started again.
+  EXPECT_EQ(1U, paused.count_err("WARNING: Restarting EPG\n"));
+  support::expect_reference("scan/channel.txt", dump());
+}

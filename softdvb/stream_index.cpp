@@ -1,7 +1,9 @@
 #include "softdvb/stream_index.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -21,7 +23,7 @@ using File = std::unique_ptr<std::FILE, File_closer>;
 static File open_file(const std::string& name) {
   File file(std::fopen(name.c_str(), "rb"));
   if (file == nullptr)
-    throw std::runtime_error(name + ": cannot be opened");
+    throw std::runtime_error(name + ": cannot be opened: " + std::strerror(errno));
   return file;
 }
 

@@ -1,8 +1,10 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -47,29 +49,45 @@ bool read_all(const std::string& name, std::string* text) {
   return true;
 }
 
-// Writes beside the target and renames, so that a file that was there stays until the new one is whole.
-// Returns "" or what failed.
-std::string write_all(const std::string& name, const Bytes& stream) {
-  std::string temporary = name + ".XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0)
-    return std::strerror(errno);
-  std::string problem;
-  size_t done = 0;
-  while (done < stream.size() && problem.empty()) {
+// "" or what failed.
+std::string write_to(int fd, const Bytes& stream) {
+  for (size_t done = 0; done < stream.size();) {
     const ssize_t written = write(fd, stream.data() + done, stream.size() - done);
     if (written > 0)
       done += static_cast<size_t>(written);
     else if (errno != EINTR)
-      problem = std::strerror(errno);
+      return std::strerror(errno);
   }
-  if (problem.empty() && fchmod(fd, 0644) != 0)
+  return "";
+}
+
+// Writes beside the target and renames, so that a file that was there stays until the new one is whole. Devices and
+// pipes are written as they are; a link stays one. Returns "" or what failed.
+std::string write_all(const std::string& output_name, const Bytes& stream) {
+  std::string name = output_name;
+  if (char* real = realpath(output_name.c_str(), nullptr)) {
+    name = real;
+    std::free(real);
+  }
+  struct stat before = {};
+  const bool there = stat(name.c_str(), &before) == 0;
+  if (there && S_ISDIR(before.st_mode))
+    return std::strerror(EISDIR);
+  const bool plain = !there || S_ISREG(before.st_mode);
+  const mode_t mask = umask(0);
+  umask(mask);
+  std::string temporary = name + ".XXXXXX";
+  const int fd = plain ? mkstemp(temporary.data()) : open(name.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0)
+    return std::strerror(errno);
+  std::string problem = write_to(fd, stream);
+  if (problem.empty() && plain && fchmod(fd, there ? before.st_mode & 0777 : 0666 & ~mask) != 0)
     problem = std::strerror(errno);
   if (close(fd) != 0 && problem.empty())
     problem = std::strerror(errno);
-  if (problem.empty() && std::rename(temporary.c_str(), name.c_str()) != 0)
+  if (problem.empty() && plain && std::rename(temporary.c_str(), name.c_str()) != 0)
     problem = std::strerror(errno);
-  if (!problem.empty())
+  if (!problem.empty() && plain)
     unlink(temporary.c_str());
   return problem;
 }

@@ -111,6 +111,29 @@ TEST(MuxTool, a_full_disk_is_1_and_the_old_file_stays) {
   EXPECT_EQ(files_in(folder), (std::set<std::string>{"a.json", "a.ts", "err", "out"}));
 }
 
+TEST(MuxTool, pipes_and_links_stay_what_they_are) {
+  Temp_dir folder;
+  write_file(folder.file("a.json"), one_service());
+  write_file(folder.file("real.ts"), "old");
+  ASSERT_EQ(chmod(folder.file("real.ts").c_str(), 0640), 0);
+  ASSERT_EQ(symlink("real.ts", folder.file("link.ts").c_str()), 0);
+  ASSERT_EQ(run(folder, "-q a.json -o link.ts --now 2026-03-01T18:00:00Z").code, 0);
+  EXPECT_TRUE(std::filesystem::is_symlink(folder.file("link.ts")));
+  const std::string written = read_file(folder.file("real.ts"));
+  EXPECT_EQ(Bytes(written.begin(), written.end()), mux_support::stream_of(one_service()));
+  struct stat status;
+  ASSERT_EQ(stat(folder.file("real.ts").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0640u) << "a file that was there keeps its mode";
+
+  ASSERT_EQ(mkfifo(folder.file("pipe").c_str(), 0600), 0);
+  const std::string command = "cd '" + folder.path() +
+                              "' && { cat pipe >read & '" SOFTDVB_MUX
+                              "' -q a.json -o pipe --now 2026-03-01T18:00:00Z; wait; }";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  EXPECT_EQ(read_file(folder.file("read")), written);
+  EXPECT_TRUE(std::filesystem::is_fifo(folder.file("pipe")));
+}
+
 TEST(MuxTool, writes_the_stream_and_says_what) {
   Temp_dir folder;
   write_file(folder.file("a.json"), one_service());
@@ -122,7 +145,9 @@ TEST(MuxTool, writes_the_stream_and_says_what) {
   EXPECT_EQ(Bytes(written.begin(), written.end()), mux_support::stream_of(one_service()));
   struct stat status;
   ASSERT_EQ(stat(folder.file("a.ts").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0644u);
+  const mode_t mask = umask(0);
+  umask(mask);
+  EXPECT_EQ(status.st_mode & 0777, 0666u & ~mask);
 }
 
 TEST(MuxTool, quiet_says_nothing_and_a_dash_is_standard_output) {

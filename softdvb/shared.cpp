@@ -17,11 +17,12 @@ namespace softdvb {
 
 Shared* map_shared(const char* file) {
   // System calls by number: this runs inside the first interposed call, before anything else is ready.
-  const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, file, O_RDWR | O_CLOEXEC, 0));
+  const int fd = static_cast<int>(syscall(SYS_openat, long{AT_FDCWD}, file, long{O_RDWR | O_CLOEXEC}, 0L));
   if (fd < 0)
     return nullptr;
-  void* at =
-      reinterpret_cast<void*>(syscall(SYS_mmap, nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  // Every argument as wide as a register: syscall() takes what it is given.
+  void* at = reinterpret_cast<void*>(syscall(SYS_mmap, nullptr, sizeof(Shared), long{PROT_READ | PROT_WRITE},
+                                             long{MAP_SHARED}, static_cast<long>(fd), 0L));
   syscall(SYS_close, fd);
   if (at == MAP_FAILED)
     return nullptr;

@@ -1,3 +1,5 @@
+#include <ostream>
+
 #include <gtest/gtest.h>
 
 #include "softdvb/mux/description.h"
@@ -29,6 +31,10 @@ struct Wrong_case {
   std::string json;
   const char* message;
 };
+
+void PrintTo(const Wrong_case& wrong, std::ostream* out) {
+  *out << wrong.legend;
+}
 
 class Mux_description_wrong : public testing::TestWithParam<Wrong_case> {};
 

@@ -1,3 +1,5 @@
+#include <ostream>
+
 #include <gtest/gtest.h>
 
 #include "softdvb/mux/text.h"
@@ -39,6 +41,10 @@ struct Table_case {
   const char* text;
   const char* bytes;
 };
+
+void PrintTo(const Table_case& table, std::ostream* out) {
+  *out << table.legend;
+}
 
 class Mux_text_table : public testing::TestWithParam<Table_case> {};
 

@@ -196,8 +196,8 @@ void expect_reference(const std::string& name, const std::string& text) {
       break;
     if (more_expected != more || expected_line != actual_line) {
       ADD_FAILURE() << file << ":" << number << ":\n  expected " << (more_expected ? expected_line : "the end")
-                    << "\n  found    " << (more ? actual_line : "the end") << "\nall of it:\n"
-                    << text;
+                    << "\n  found    " << (more ? actual_line : "the end")
+                    << "\nIf the change is meant, collect the reference with KELVO_COLLECT=1.";
       return;
     }
   }

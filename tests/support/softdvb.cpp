@@ -30,6 +30,7 @@ Softdvb_run run_program(const std::vector<std::string>& command) {
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);  // what a test driver left open
   std::vector<char*> arguments;
   for (const std::string& word : command)
     arguments.push_back(const_cast<char*>(word.c_str()));

@@ -1,0 +1,64 @@
+#include <regex>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "support/softdvb.h"
+
+using support::run_softdvb;
+using support::Softdvb_run;
+
+// The lines of a log without their times, processes and threads.
+static std::vector<std::string> calls_of(const std::string& log) {
+  static const std::regex line_form("([0-9]+\\.[0-9]{6}) ([0-9]+) ([0-9]+) (.*)");
+  std::vector<std::string> calls;
+  std::istringstream in(log);
+  double last = 0;
+  for (std::string line; std::getline(in, line);) {
+    std::smatch parts;
+    EXPECT_TRUE(std::regex_match(line, parts, line_form)) << line;
+    EXPECT_GE(std::stod(parts[1]), last);
+    last = std::stod(parts[1]);
+    calls.push_back(parts[4]);
+  }
+  return calls;
+}
+
+static const std::string STREAM = "506000000=" SOFTDVB_STREAMS "/counting.188.ts";
+
+TEST(Log, holds_every_call_on_a_device) {
+  const Softdvb_run run =
+      run_softdvb({"--mux", STREAM, "--pace", "fast", "--once"}, {SOFTDVB_LISTEN, "tune=506000000", "count=1"});
+  const std::vector<std::string> calls = calls_of(run.log);
+  ASSERT_EQ(6u, calls.size()) << run.log;
+  EXPECT_EQ("open /dev/dvb/adapter0/frontend0 0x802 = 3", calls[0]);
+  EXPECT_EQ("ioctl frontend0.0 3 FE_SET_FRONTEND freq=506000000 inv=2 bw=0 hp=9 lp=9 const=6 mode=2 guard=4 hier=4 = 0",
+            calls[1]);
+  EXPECT_EQ("open /dev/dvb/adapter0/demux0 0x800 = 4", calls[2]);
+  EXPECT_EQ("ioctl demux0.0 4 DMX_SET_FILTER pid=0x100 filter=00 mask=00 mode=00 timeout=0 flags=0x5 = 0", calls[3]);
+  EXPECT_EQ("poll 4:1>1 5000 ms = 1", calls[4]);
+  EXPECT_EQ("read demux0 4 8192 = 40", calls[5]);
+}
+
+TEST(Log, tells_the_names_of_errors) {
+  const Softdvb_run run =
+      run_softdvb({"--fault", "open(frontend0)=ENODEV"}, {"sh", "-c", "cat /dev/dvb/adapter0/frontend0"});
+  EXPECT_NE(std::string::npos, run.log.find(" open /dev/dvb/adapter0/frontend0 (fault) = -1 ENODEV\n")) << run.log;
+  EXPECT_NE(std::string::npos, run.log.find(" open /dev/dvb/adapter0/frontend0 0x0 = -1 ENODEV\n")) << run.log;
+}
+
+TEST(Log, records_clocks_that_are_set) {
+  const Softdvb_run run = run_softdvb({}, {"date", "-u", "-s", "2001-09-09 01:46:40"});
+  EXPECT_EQ(0, run.exit_code) << run.err;
+  ASSERT_EQ(1u, calls_of(run.log).size()) << run.log;
+  EXPECT_TRUE(
+      std::regex_match(calls_of(run.log)[0], std::regex("(clock_settime|settimeofday) 1000000000\\.000000000 = 0")))
+      << run.log;
+}
+
+TEST(Log, is_written_by_all_processes_and_emptied_at_the_start) {
+  const Softdvb_run run =
+      run_softdvb({}, {"sh", "-c", "cat /dev/dvb/adapter0/demux0"});
+  EXPECT_NE(std::string::npos, run.log.find(" open /dev/dvb/adapter0/demux0 0x0 = 3\n")) << run.log;
+  EXPECT_NE(std::string::npos, run.log.find(" read demux0 3 ")) << run.log;
+}

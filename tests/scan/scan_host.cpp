@@ -66,6 +66,7 @@ struct Adapter {
 
 std::array<Adapter, ADAPTERS> adapters;
 std::unique_ptr<Sdbl> database;
+std::string database_file;
 
 template <int N>
 void changed(int code) {
@@ -111,7 +112,8 @@ std::string rest(std::istringstream& in) {
 
 void run_global(const std::string& command, std::istringstream& in, const std::string& line) {
   if (command == "open") {
-    database = std::make_unique<Sdbl>(rest(in).c_str());
+    database_file = rest(in);
+    database = std::make_unique<Sdbl>(database_file.c_str());
   } else if (command == "verbosity") {
     int level = 0;
     in >> level;
@@ -123,7 +125,11 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   } else if (command == "write") {
     std::string file;
     in >> file;
-    std::ofstream(file) << rest(in) << "\n";
+    // Whole at once, because the worker may be looking.
+    const std::string whole = database_file + ".new";
+    std::ofstream(whole) << rest(in) << "\n";
+    if (std::rename(whole.c_str(), file.c_str()) != 0)
+      wrong(line);
   } else if (command == "exists") {
     const std::string file = rest(in);
     say(std::string("exists ") + (access(file.c_str(), F_OK) == 0 ? "yes" : "no"));

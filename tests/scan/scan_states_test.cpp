@@ -66,7 +66,7 @@ TEST_F(Scan_states_test, export_starts_the_scan_s_timers_anew) {
                             "sleep 20\n"
                             "export 0 /dvbfiles/backup.db\n"
                             "wait_done 0 100\n");
-  EXPECT_NEAR(59.5, late.at("done 0 0") - late.at("freq -1"), 1.5);
+  EXPECT_NEAR(39.5, late.at("done 0 0") - late.at("change 0 8"), 1.5);
 }
 
 TEST_F(Scan_states_test, export_works_while_paused_and_before_any_request) {

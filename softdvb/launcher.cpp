@@ -139,6 +139,12 @@ static void make_root(Shared& s, const std::string& root) {
   absolute.copy(s.root_dir, absolute.size());
 }
 
+static void add_sanitizer_option(const char* variable, const std::string& option) {
+  const char* before = getenv(variable);
+  const std::string given = before != nullptr && before[0] != '\0' ? std::string(":") + before : "";
+  setenv(variable, (option + given).c_str(), 1);  // what the user wants comes later and wins
+}
+
 static void set_environment(const std::string& run_dir, const std::string& root, const std::string& program) {
   std::string preload = sanitizer_of(program);
   if (!preload.empty())
@@ -148,9 +154,9 @@ static void set_environment(const std::string& run_dir, const std::string& root,
     preload += std::string(":") + before;
   setenv("LD_PRELOAD", preload.c_str(), 1);
   // Programs that the command starts may be built with a sanitizer although it is not.
-  const char* asan = getenv("ASAN_OPTIONS");
-  const std::string before = asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : "";
-  setenv("ASAN_OPTIONS", (before + "verify_asan_link_order=0").c_str(), 1);
+  add_sanitizer_option("ASAN_OPTIONS", "verify_asan_link_order=0");
+  // A child that uses an adapter gets a thread of ours.
+  add_sanitizer_option("TSAN_OPTIONS", "die_after_fork=0");
   setenv("SOFTDVB_STATE", (run_dir + "/state").c_str(), 1);
   setenv("SOFTDVB_CONTROL", (run_dir + "/control").c_str(), 1);
   setenv("SOFTDVB_ROOT", root.c_str(), 1);

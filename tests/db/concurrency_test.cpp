@@ -23,6 +23,32 @@ int freq_of(int dvbnr) {
   return 506000000 + 8000000 * dvbnr;
 }
 
+// One event more for each service in each round; returns how many came out wrong.
+int store_events(Sdbl* sdbl, int freq, const std::list<SQL_cache*>& services, int round) {
+  int wrong = 0;
+  std::string content = "0.0.0.0";
+  std::string rating = "0@est";
+  for (SQL_cache* service : services) {
+    bool changed = false;
+    bool overlap = false;
+    for (int event = 0; event <= round; ++event) {
+      const int start = 2000000000 + 60 * event;
+      const int known = sdbl->lookup_epg_cache(&service->epg, event, start, 60, &changed, &overlap);
+      wrong += known == (event < round ? 1 : 0) && !changed && !overlap ? 0 : 1;
+      if (known == 1)
+        continue;
+      const int entry = sdbl->eit_for_service(TYPE, CONN, freq, service->pat_prnr, service, 0x20330518, 0x033320,
+                                              0x000100, start, 60, 0, 0, event, &content, &rating, false, false);
+      int channel = 0;
+      sdbl->sql_get_int(&channel, 0, "SELECT channel FROM epglist WHERE entry = %d", entry);
+      wrong += channel == service->channel ? 0 : 1;
+      sdbl->insert_epglist_lang(entry, "eng", "Name", "Description", "", "");
+    }
+    sdbl->eit_info_available(service->channel);
+  }
+  return wrong;
+}
+
 // What one adapter's worker does; the results of the merges are checked, so that no thread saw another's rows.
 void scan_and_merge(Sdbl* sdbl, int dvbnr, std::atomic<int>* wrong) {
   const int freq = freq_of(dvbnr);
@@ -55,6 +81,7 @@ void scan_and_merge(Sdbl* sdbl, int dvbnr, std::atomic<int>* wrong) {
     *wrong += result == (round == 0 ? 2 | 32 : 0) ? 0 : 1;
     sdbl->get_eit_scan_list(dvbnr, TYPE, CONN, freq, &eit, SCAN_EIT);
     *wrong += eit.size() == SERVICES ? 0 : 1;
+    *wrong += store_events(sdbl, freq, eit, round);
     sdbl->clear_eit_scan_list(&eit);
     sdbl->set_master_scan_timeout(TYPE, CONN, freq);
     sdbl->terrestrial_tuner_info(TYPE, CONN, freq, 0, 2, 0, 2, 2, 0, 1);
@@ -110,6 +137,9 @@ TEST(Concurrency, four_adapters_and_a_host_share_one_database) {
                    "es_pid = 1000 * tstream_id + pat_prnr"),
             4 * SERVICES);
   EXPECT_EQ(number(sdbl, "SELECT count(*) FROM tuner_table"), 4);
+  EXPECT_EQ(number(sdbl, "SELECT count(*) FROM epglist"), 4 * SERVICES * ROUNDS);
+  EXPECT_EQ(number(sdbl, "SELECT count(*) FROM epglist JOIN epglist_lang ON entry = source_oid"),
+            4 * SERVICES * ROUNDS);
   EXPECT_EQ(rows(sdbl, "PRAGMA integrity_check"), (std::vector<std::string>{"ok"}));
 }
 

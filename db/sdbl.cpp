@@ -155,12 +155,12 @@ void Sdbl::close_db() {
     }
     forget_statements();
 
-    int rc = report_exec(sql_exec(db, "DETACH DATABASE %s;", sdbl::EPG_SCHEMA), SDBL_HERE);
+    const int rc = report_exec(sql_exec(db, "DETACH DATABASE %s;", sdbl::EPG_SCHEMA), SDBL_HERE);
     // Deliberate: codes 0 and 100 are complained about, too.
     if (rc != SQLITE_DONE)
       KLOG(VERB_ERROR, "ERROR: Failed to detach epg info database, rc = %d\n", rc);
 
-    for (int attempt = 1; attempt <= CLOSE_ATTEMPTS && (rc = sqlite3_close(db)) != SQLITE_OK; ++attempt) {
+    for (int attempt = 1; attempt <= CLOSE_ATTEMPTS && sqlite3_close(db) != SQLITE_OK; ++attempt) {
       KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close database %s, error %s\n", db_name.c_str(), sqlite3_errmsg(db));
       (void)sqlite3_sleep(CLOSE_PAUSE_MS);
     }

@@ -52,14 +52,15 @@ class KELVO_EXPORT Sdbl {
   // bytes and more count as files that cannot be opened.
   explicit Sdbl(const char* db_file);
 
-  // Frees the statement cache and closes the files. REQUIRES: no Kelvo uses the object any more.
+  // Frees the statement cache and closes the files; prints an error when the host has closed them already.
+  // REQUIRES: no Kelvo uses the object any more.
   ~Sdbl();
 
   Sdbl(const Sdbl&) = delete;
   Sdbl& operator=(const Sdbl&) = delete;
 
   // Opens the channel file again after close_db(), without the guide. Returns 1; throws no_file_error. The scan tables
-  // are gone. Before-start.
+  // are gone. Prints an error when the file is open, and opens it again all the same. Before-start.
   int open_db();
 
   // Ends the statements, detaches the guide and closes. A second call prints an error and does nothing. Before-start.
@@ -154,7 +155,8 @@ class KELVO_EXPORT Sdbl {
 
   // Sets the box's zone to `offset_min` minutes east of UTC when the multiplex belongs to the preferred provider:
   // writes a zone source under /tmp/zoneinfo, compiles it with zic and copies the result to /dvbfiles/localtime.
-  // `zone_name` is a country code as broadcast, `zone_nr` its region.
+  // `zone_name` is a country code as broadcast, `zone_nr` its region. A code that is not 1 to 8 letters or digits
+  // changes nothing. Compares whole hours only, so negative half-hours are set again each time.
   void update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
                               HF_CONN_ID hf_conn, int freq);
 
@@ -232,9 +234,10 @@ class KELVO_EXPORT Sdbl {
 
   // Brings kanalid, kanalid_lang and estreams up to date with the scan tables of adapter `dvbnr`. SCAN_PAT compares
   // services and streams, SCAN_PMT streams only; another state is refused with an error. Channel numbers stay, lost
-  // services are marked (scan_state 0), lost streams deleted.
-  // Returns a set of: 2 channels added or back, 1 channels lost, 32 streams added, 16 streams deleted. 0: no change, or
-  // an empty scan table. A service that stays lost is counted again at every full scan.
+  // services are marked (scan_state 0), lost streams deleted. Known services are looked up by frequency and ids,
+  // whatever their input, and their other columns are not refreshed. Returns a set of: 2 channels added or back, 1
+  // channels lost, 32 streams added, 16 streams deleted. 0: no change, or an empty scan table. A service that stays
+  // lost is counted again at every full scan.
   int update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state);
 
   // Marks the services of a multiplex as timed out (scan_state 2). Result code.

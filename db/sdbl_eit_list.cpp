@@ -57,7 +57,7 @@ void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) 
     epg->push_back(event.get());
     (void)event.release();  // the vector's owner has it
   }
-  report_reset(sqlite3_reset(stmt), SDBL_HERE);
+  report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
   std::sort(epg->begin(), epg->end(), cmp_epg_cache);
 }
 

@@ -176,7 +176,7 @@ void Sdbl::trace_deleted_event(int oid, int start_epoch, int dur_sec) {
     KLOG(VERB_PROGRESS, "%s\n", sdbl::column_text(stmt, 0));
   else
     KLOG(VERB_PROGRESS, " No event description\n");
-  report_reset(sqlite3_reset(stmt), SDBL_HERE);
+  report_reset(sqlite3_reset(stmt), "delete_epglist_range", __LINE__);
 }
 
 // Takes a deleted event out of the cache, when it is the one found at its start.

@@ -22,6 +22,9 @@ enum : int { SERVICE_LOST = 0, SERVICE_FOUND = 1, SERVICE_TIMED_OUT = 2 };
 // Bits of the result.
 enum : int { CHANNELS_LOST = 1, CHANNELS_ADDED = 2, STREAMS_DELETED = 16, STREAMS_ADDED = 32 };
 
+// The helpers report under the name of the operation that they belong to.
+#define MERGE_HERE "update_master_scan_data", __LINE__
+
 constexpr char RENUMBER_STREAMS[] = "UPDATE estreams_scan_DVBNR SET channel = $oid_db where channel = $oid_scan;";
 
 }  // namespace
@@ -104,13 +107,13 @@ bool Sdbl::merge_services(Merge* merge) {
       KLOG(VERB_WARNING, "WARNING: PAT scan timed out for freq %d, no entries in scan table\n", freq);
       if (step != SQLITE_DONE)
         KLOG(VERB_WARNING, "Error code %d, %s", step, sqlite3_errmsg(db));
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      report_reset(sqlite3_reset(stmt), MERGE_HERE);
       return false;
     }
     net_id = sqlite3_column_int(stmt, 0);
     onet_id = sqlite3_column_int(stmt, 1);
     ts_id = sqlite3_column_int(stmt, 2);
-    report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   KLOG(VERB_PROGRESS,
        "update_master_scan_data: instance %d dvb_type %d hf_conn %d Freq %d net_id %d, onet_id %d, tstream_id %d\n",
@@ -121,13 +124,13 @@ bool Sdbl::merge_services(Merge* merge) {
                         "$onet_id AND tstream_id = $ts_id AND freq = $freq",
                         ROW_OLD, net_id, onet_id, ts_id, freq)
                  .result,
-             SDBL_HERE);
+             MERGE_HERE);
   report_run(run_cached(dvbnr,
                         "UPDATE kanalid_scan_DVBNR SET row_status = $rstat  WHERE network_id = $nid AND "
                         "orig_network_id = $onid AND tstream_id = $tsid;",
                         ROW_NEW, net_id, onet_id, ts_id)
                  .result,
-             SDBL_HERE);
+             MERGE_HERE);
 
   std::vector<Scanned_service> services;
   {
@@ -141,25 +144,25 @@ bool Sdbl::merge_services(Merge* merge) {
         services.push_back(Scanned_service{sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 1),
                                            sqlite3_column_int(stmt, 2), sqlite3_column_int(stmt, 3),
                                            sqlite3_column_int(stmt, 4)});
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
   // Scan rows and channels share one number space. The streams first move out of it, or a stream that has just got its
   // channel's number could be taken for one of the scan row of that number.
   for (const Scanned_service& service : services)
-    report_run(run_cached(dvbnr, RENUMBER_STREAMS, -service.oid, service.oid).result, SDBL_HERE);
+    report_run(run_cached(dvbnr, RENUMBER_STREAMS, -service.oid, service.oid).result, MERGE_HERE);
 
   int channel = 0;
   for (const Scanned_service& service : services) {
     channel = merge_service(merge, service, channel);
-    report_run(run_cached(dvbnr, RENUMBER_STREAMS, channel, -service.oid).result, SDBL_HERE);
+    report_run(run_cached(dvbnr, RENUMBER_STREAMS, channel, -service.oid).result, MERGE_HERE);
   }
 
   const Run lost = run_cached(dvbnr,
                               "UPDATE kanalid SET scan_state = $state , modified = $timestamp  WHERE freq = $freq AND "
                               "dvb_type = $dvb_type AND hf_conn = $hf_conn AND row_status = $rstat;",
                               SERVICE_LOST, merge->now, freq, merge->dvb_type, merge->hf_conn, ROW_OLD);
-  report_run(lost.result, SDBL_HERE);
+  report_run(lost.result, MERGE_HERE);
   merge->channels_lost = lost.changes;
   return true;
 }
@@ -182,7 +185,7 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
       channel = sqlite3_column_int(stmt, 0);
     else if (step != SQLITE_DONE)
       KLOG(VERB_ERROR, "ERROR: Select into main table returned %d, %s\n", step, sqlite3_errmsg(db));
-    report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   // Deliberate: after a failed look-up the streams go to the previous service's channel.
   if (step == SQLITE_ROW)
@@ -197,7 +200,7 @@ void Sdbl::confirm_channel(Merge* merge, int channel) {
   KLOG(VERB_PROGRESS, "Updating ROW status for ch oid %d\n", channel);
   report_run(
       run_cached(dvbnr, "UPDATE kanalid SET row_status = $rstat WHERE channel = $ch;", ROW_CONFIRMED, channel).result,
-      SDBL_HERE);
+      MERGE_HERE);
   bool was_lost = false;
   {
     Db_lock lock(db);
@@ -205,18 +208,18 @@ void Sdbl::confirm_channel(Merge* merge, int channel) {
         sql_cache(false, dvbnr, "SELECT network_id FROM kanalid WHERE channel = $ch AND scan_state = $state;", channel,
                   SERVICE_LOST);
     was_lost = stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW;
-    report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   if (was_lost) {
     KLOG(VERB_PROGRESS, "flag from 0->1, increment ch found flag\n");
     report_run(
         run_cached(dvbnr, "UPDATE kanalid SET modified = $timestamp WHERE channel = $ch;", merge->now, channel).result,
-        SDBL_HERE);
+        MERGE_HERE);
     ++merge->channels_added;
   }
   report_run(
       run_cached(dvbnr, "UPDATE kanalid SET scan_state = $state WHERE channel = $ch;", SERVICE_FOUND, channel).result,
-      SDBL_HERE);
+      MERGE_HERE);
 }
 
 // Returns the new channel; 0 when the table refused the service, which its unique index does to a program that is
@@ -231,13 +234,13 @@ int Sdbl::add_channel(Merge* merge, int scan_oid) {
       "serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status  FROM kanalid_scan_DVBNR WHERE "
       "oid = $oid_scan;",
       scan_oid);
-  report_run(inserted.result, SDBL_HERE);
+  report_run(inserted.result, MERGE_HERE);
   if (!inserted.done || inserted.changes == 0)
     return 0;
 
   const int channel = inserted.rowid;
   report_run(run_cached(dvbnr, "UPDATE kanalid set modified = $timestamp where oid = $oid", merge->now, channel).result,
-             SDBL_HERE);
+             MERGE_HERE);
   KLOG(VERB_PROGRESS, "inserted row %d@kanalid_scan -> %d@kanalid\n", scan_oid, channel);
   ++merge->channels_added;
   report_run(run_cached(dvbnr,
@@ -246,7 +249,7 @@ int Sdbl::add_channel(Merge* merge, int scan_oid) {
                         "source_oid = $oid_scan;",
                         channel, scan_oid)
                  .result,
-             SDBL_HERE);
+             MERGE_HERE);
   return channel;
 }
 
@@ -263,16 +266,16 @@ void Sdbl::merge_streams(Merge* merge) {
     if (stmt != nullptr) {
       while (sqlite3_step(stmt) == SQLITE_ROW)
         channels.push_back(sqlite3_column_int(stmt, 0));
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
-  report_run(run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status", ROW_NEW).result, SDBL_HERE);
+  report_run(run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status", ROW_NEW).result, MERGE_HERE);
   for (const int channel : channels)
     merge_streams_of_channel(merge, channel);
 
   if (merge->streams_added != 0 || merge->streams_deleted != 0) {
     KLOG(VERB_INFO, "estreams modified, reindexing");
-    report_run(run_cached(dvbnr, "REINDEX estreams").result, SDBL_HERE);
+    report_run(run_cached(dvbnr, "REINDEX estreams").result, MERGE_HERE);
   }
 }
 
@@ -282,7 +285,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
   report_run(
       run_cached(dvbnr, "UPDATE estreams  SET row_status = $row_status where channel = $channel;", ROW_OLD, channel)
           .result,
-      SDBL_HERE);
+      MERGE_HERE);
 
   std::vector<std::pair<int, int>> equal;  // scan row, master row
   {
@@ -297,7 +300,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
     if (stmt != nullptr) {
       while (sqlite3_step(stmt) == SQLITE_ROW)
         equal.emplace_back(sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 1));
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
   for (const auto& [scan_row, master_row] : equal) {
@@ -306,11 +309,11 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
     report_run(run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status where OID = $oid",
                           ROW_CONFIRMED, scan_row)
                    .result,
-               SDBL_HERE);
+               MERGE_HERE);
     report_run(
         run_cached(dvbnr, "UPDATE estreams SET row_status = $row_status where OID = $oid", ROW_CONFIRMED, master_row)
             .result,
-        SDBL_HERE);
+        MERGE_HERE);
   }
   KLOG(VERB_PROGRESS, "\n");
 
@@ -318,7 +321,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
       dvbnr,
       "INSERT INTO estreams SELECT * from estreams_scan_DVBNR where row_status = $row_status and channel = $channel",
       ROW_NEW, channel);
-  report_run(added.result, SDBL_HERE);
+  report_run(added.result, MERGE_HERE);
   if (added.changes != 0) {
     KLOG(VERB_INFO, "Added %d estream entries for channel %d\n", added.changes, channel);
     merge->streams_added += added.changes;
@@ -328,7 +331,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
 
   const Run deleted = run_cached(dvbnr, "DELETE FROM estreams WHERE  row_status = $row_status AND channel = $channel",
                                  ROW_OLD, channel);
-  report_run(deleted.result, SDBL_HERE);
+  report_run(deleted.result, MERGE_HERE);
   if (deleted.changes != 0) {
     KLOG(VERB_INFO, "Deleted %d estream entries for channel %d\n", deleted.changes, channel);
     merge->streams_deleted += deleted.changes;

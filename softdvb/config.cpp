@@ -141,11 +141,6 @@ void Config::set(const std::string& key, const std::string& value) {
   }
 }
 
-static std::string trimmed(const std::string& text) {
-  const size_t from = text.find_first_not_of(" \t\r");
-  return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(" \t\r") - from + 1);
-}
-
 void Config::read_file(const std::string& file) {
   std::ifstream in(file);
   if (!in)

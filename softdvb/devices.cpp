@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include "softdvb/call_log.h"
@@ -15,16 +14,12 @@
 
 namespace softdvb {
 
-static bool alive(int pid) {
-  return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
-}
-
 // A place among the adapter's handles, or -1 when all are taken. Those of processes that died are free.
 static int take_demux_slot(Adapter& a) {
   const Shared_lock lock(*shared());
   for (const bool look_closer : {false, true}) {
     for (int i = 0; i < MAX_DEMUX_OPENS; ++i) {
-      if (a.demux_owner[i] != 0 && (!look_closer || alive(a.demux_owner[i])))
+      if (a.demux_owner[i] != 0 && (!look_closer || is_process_alive(a.demux_owner[i])))
         continue;
       a.demux_owner[i] = getpid();
       return i;

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <linux/dvb/frontend.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdio.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -26,10 +25,6 @@ static constexpr uint64_t LOCKED_LOOK_NS = 3000 * MS;  // the core's nap while t
 static constexpr uint64_t LOST_LOOK_NS = 50 * MS;      // and while it waits for a lock that it had
 static constexpr uint32_t LOCK_TOLERANCE_HZ = 250000;
 static constexpr uint32_t FULL_LOCK = FE_HAS_SIGNAL | FE_HAS_CARRIER | FE_HAS_VITERBI | FE_HAS_SYNC | FE_HAS_LOCK;
-
-static bool is_process_alive(int pid) {
-  return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
-}
 
 static void power_down(Frontend& fe) {
   fe.powered = 0;

@@ -23,6 +23,7 @@ static std::atomic<bool> ours[TABLE_SIZE];
 struct Registry {
   pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   std::vector<std::shared_ptr<Handle>> handles;
+  pid_t process = getpid();
 };
 
 static void before_fork();
@@ -51,6 +52,7 @@ static void after_fork_child() {
     handle->inherited = true;
     handle->call_lock = PTHREAD_MUTEX_INITIALIZER;
   }
+  registry().process = getpid();
   player_after_fork();
   SOFTDVB_REAL(pthread_mutex_unlock)(&registry().lock);
 }
@@ -112,6 +114,11 @@ bool maybe_ours(int fd) {
   return fd >= 0 && fd < TABLE_SIZE && ours[fd].load(std::memory_order_acquire);
 }
 
+// A child of vfork shares this memory until it runs another program; what it closes stays open in its parent.
+static bool is_vfork_child() {
+  return registry().process != getpid();
+}
+
 static std::shared_ptr<Handle> find(int fd) {
   for (const auto& handle : registry().handles)
     if (std::find(handle->fds.begin(), handle->fds.end(), fd) != handle->fds.end())
@@ -152,8 +159,8 @@ std::shared_ptr<Handle> handle_of(int fd) {
 
 int register_handle(const std::shared_ptr<Handle>& handle) {
   const int flags = handle->open_flags();
-  const int fd =
-      SOFTDVB_REAL(eventfd)(0, ((flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
+  const int fd = SOFTDVB_REAL(eventfd)(
+      0, ((flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
   if (fd < 0)
     return -1;
   if (fd >= TABLE_SIZE) {
@@ -168,7 +175,7 @@ int register_handle(const std::shared_ptr<Handle>& handle) {
 }
 
 void register_copy(int fd, int copy) {
-  if (copy < 0 || copy >= TABLE_SIZE || !maybe_ours(fd))
+  if (copy < 0 || copy >= TABLE_SIZE || !maybe_ours(fd) || is_vfork_child())
     return;
   const Device_lock lock;
   const std::shared_ptr<Handle> handle = find(fd);
@@ -179,7 +186,7 @@ void register_copy(int fd, int copy) {
 }
 
 void forget(int fd) {
-  if (!maybe_ours(fd))
+  if (!maybe_ours(fd) || is_vfork_child())
     return;
   const Device_lock lock;
   ours[fd].store(false, std::memory_order_release);

@@ -47,7 +47,7 @@ double parse_positive(const std::string& text, const std::string& what) {
   return value;
 }
 
-static std::string trimmed(const std::string& text) {
+std::string trimmed(const std::string& text) {
   const size_t from = text.find_first_not_of(" \t\r\n");
   return from == std::string::npos ? "" : text.substr(from, text.find_last_not_of(" \t\r\n") - from + 1);
 }

@@ -14,6 +14,9 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
 uint64_t parse_seconds(const std::string& text, const std::string& what);  // decimals allowed; result in ns
 double parse_positive(const std::string& text, const std::string& what);
 
+// Without the blanks around it.
+std::string trimmed(const std::string& text);
+
 // "CALL[(GLOB)]=ERRNO[@FIRST][*COUNT]": adds to Shared::fault.
 void add_fault(Shared& s, const std::string& text);
 

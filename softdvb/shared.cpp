@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -96,6 +97,10 @@ Adapter* find_adapter(Shared& s, int number) {
     if (s.adapter[i].number == number)
       return &s.adapter[i];
   return nullptr;
+}
+
+bool is_process_alive(int pid) {
+  return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
 }  // namespace softdvb

@@ -189,4 +189,7 @@ Shared* map_shared(const char* file);
 
 Adapter* find_adapter(Shared& s, int number);
 
+// False for 0 and for a process that has ended.
+bool is_process_alive(int pid);
+
 }  // namespace softdvb

@@ -73,6 +73,20 @@ TEST(Processes, a_child_can_go_on_with_an_inherited_filter) {
   EXPECT_TRUE(read_within(demux, 5000));
 }
 
+TEST(Processes, what_a_vfork_child_closes_stays_open_here) {
+  const Fd demux(open_demux());
+  ASSERT_EQ(0, set_filter(demux, all_of(PID)));
+  const int fd = demux;
+  const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+  if (child == 0) {
+    close(fd);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  send_section(section_of(100));
+  EXPECT_EQ(100, read_size(demux));
+}
+
 TEST(Processes, a_writer_that_dies_frees_the_place) {
   EXPECT_TRUE(in_child([] { return open_frontend() >= 0; }));
   const Fd fd(open_frontend());

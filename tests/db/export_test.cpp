@@ -102,7 +102,7 @@ TEST_F(Channel_export, unwritable_target_is_reported_by_mv_and_harms_nothing) {
   expect_channels_in(dir_.file("copy.db"));
 }
 
-TEST_F(Channel_export, a_temporary_file_that_cannot_be_made_throws) {
+TEST_F(Channel_export, quirk_temporary_file_is_named_after_the_original_and_must_be_makeable) {
   std::filesystem::create_directory(file_ + "_exp");
   std::string what;
   const std::string text = stderr_of([&] {

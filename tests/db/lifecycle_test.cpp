@@ -98,6 +98,12 @@ TEST_F(Lifecycle, a_guide_file_that_cannot_be_opened_throws_and_leaves_nothing_o
   EXPECT_EQ(open_files(), before);
 }
 
+TEST_F(Lifecycle, quirk_exception_about_the_guide_file_holds_a_percent_s) {
+  std::filesystem::create_directory(dir_.file("a_epg.db"));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(failure_of(file_), "Unable to open epg file %s");
+}
+
 TEST_F(Lifecycle, paths_too_long_for_a_path_cannot_be_opened) {
   const int before = open_files();
   EXPECT_EQ(failure_of(dir_.path() + "/" + std::string(4096, 'a') + ".db"), "Unable to open file");

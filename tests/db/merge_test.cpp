@@ -456,6 +456,21 @@ TEST_F(Merge, lost_and_back_are_traced) {
               HasSubstr("Updating ROW status for ch oid 2\nflag from 0->1, increment ch found flag\n"));
 }
 
+// A view stands for the table; the row of program 2 cannot be computed.
+TEST_F(Merge, quirk_streams_of_a_failed_look_up_go_to_the_previous_channel) {
+  scan({{1}, {2}});
+  merge();
+  run(sdbl_, "ALTER TABLE kanalid RENAME TO base");
+  ASSERT_EQ(run(sdbl_,
+                "CREATE VIEW kanalid AS SELECT CASE pat_prnr WHEN 2 THEN abs(-9223372036854775808) ELSE 77 END "
+                "AS channel, network_id, orig_network_id, tstream_id, pat_prnr, freq, hf_conn, dvb_type, "
+                "scan_state, row_status FROM base"),
+            SQLITE_DONE);
+  scan({{1}, {2}});
+  EXPECT_THAT(stderr_of([&] { merge(); }), HasSubstr("ERROR: Select into main table returned 1, integer overflow\n"));
+  EXPECT_EQ(rows(sdbl_, "SELECT channel, count(*) FROM estreams_scan_0 GROUP BY channel"), (Texts{"77|4"}));
+}
+
 TEST_F(Merge, a_failing_look_up_is_an_error_and_the_merge_goes_on) {
   scan({{1}, {2}});
   run(sdbl_, "DROP TABLE kanalid");

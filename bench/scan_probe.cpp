@@ -1,0 +1,115 @@
+// A host for measuring, run by scan_bench under the software adapter. Prints "name=value" lines.
+//
+//   scan_probe open DB         only opens the database
+//   scan_probe scan DB FREQ    scans FREQ; worker's CPU time until the answer, peak memory then
+//   scan_probe idle DB FREQ    scans FREQ, whose stream then stops, and counts allocations in the worker's idle passes
+
+#include <malloc.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <semaphore>
+
+#include <kelvo/kelvo.h>
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* old, size_t size);
+}
+
+namespace {
+
+std::binary_semaphore answered(0);
+std::atomic<int> allocations{0};
+thread_local bool counted = false;
+double worker_ms = 0;
+
+void count() {
+  if (counted) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+// On the worker.
+void on_answer(void*, int result) {
+  if (result != 0) {
+    printf("result=%d\n", result);
+    _exit(1);
+  }
+  timespec used{};
+  (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  worker_ms = static_cast<double>(used.tv_sec) * 1e3 + static_cast<double>(used.tv_nsec) / 1e6;
+  counted = true;
+  answered.release();
+}
+
+void print_peak_memory() {
+  FILE* status = fopen("/proc/self/status", "re");
+  char line[256];
+  while (status != nullptr && fgets(line, sizeof line, status) != nullptr) {
+    int kib = 0;
+    if (sscanf(line, "VmHWM: %d", &kib) == 1) {
+      printf("peak_kib=%d\n", kib);
+    }
+  }
+  if (status != nullptr) {
+    (void)fclose(status);
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+void* malloc(size_t size) {
+  count();
+  return __libc_malloc(size);
+}
+
+void* calloc(size_t n, size_t size) {
+  count();
+  return __libc_calloc(n, size);
+}
+
+void* realloc(void* old, size_t size) {
+  count();
+  return __libc_realloc(old, size);
+}
+
+}  // extern "C"
+
+int main(int argc, char** argv) {
+  if (argc < 3 || (strcmp(argv[1], "open") != 0 && argc < 4)) {
+    fprintf(stderr, "usage: scan_probe open DB | scan DB FREQ | idle DB FREQ\n");
+    return 2;
+  }
+  verbosity_kelvo = -1;
+  Sdbl database(argv[2]);
+  if (strcmp(argv[1], "open") == 0) {
+    print_peak_memory();
+    return 0;
+  }
+  Kelvo kelvo(0, 0, 0, &database, true, nullptr);
+  if (kelvo.tune_to_freq(atoi(argv[3]), &answered, on_answer) == 0) {
+    fprintf(stderr, "scan_probe: no lock\n");
+    return 1;
+  }
+  answered.acquire();
+  printf("worker_ms=%.2f\n", worker_ms);
+  print_peak_memory();
+  int services = 0;
+  (void)database.sql_get_int(&services, 0, "SELECT count(*) FROM kanalid WHERE scan_state = 1;");
+  printf("services=%d\n", services);
+  if (strcmp(argv[1], "idle") == 0) {
+    sleep(20);  // The guide's filters run dry; what is left of the scan settles.
+    const int before = allocations.load();
+    sleep(10);
+    printf("idle_allocations=%d\n", allocations.load() - before);
+  }
+  return 0;
+}

@@ -82,11 +82,11 @@ bool Tuner::frequency_in_range() const {
 }
 
 void Tuner::wait_for_frontend_event() {
-  pollfd entry{device_, POLLIN, 0};
-  const int ready = poll(&entry, 1, POLL_TIMEOUT_MS);
+  pollfd entries[] = {{device_, POLLIN, 0}, {monitor_wake_, POLLIN, 0}};
+  const int ready = poll(entries, 2, POLL_TIMEOUT_MS);
   if (ready < 0) {
     std::perror("Lock poll thread: ");
-  } else if ((entry.revents & POLLIN) != 0) {
+  } else if ((entries[0].revents & POLLIN) != 0) {
     dvb_frontend_event event{};  // only wakes the pass
     if (control(FE_GET_EVENT, &event) < 0)
       KLOG(VERB_WARNING, "WARNING: Failed to read fe event\n");

@@ -1,6 +1,7 @@
 #include "tuner/tuner.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -53,6 +54,7 @@ Tuner::Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type)
   tuned_freq_ = DEFAULT_FREQ;
   apply(parameters, true);
 
+  monitor_wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   monitor_running_ = true;
   const int result = monitor_->Start(nullptr);
   monitor_started_ = result == 0;
@@ -63,8 +65,11 @@ Tuner::Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type)
 Tuner::~Tuner() {
   close_device();
   monitor_running_ = false;
+  (void)eventfd_write(monitor_wake_, 1);  // without it the monitor ends within 200 ms all the same
   if (monitor_started_)
     (void)monitor_->Stop();  // nothing left to do for a thread that cannot be joined
+  if (monitor_wake_ >= 0)
+    (void)close(monitor_wake_);
 }
 
 void Tuner::open_device() {

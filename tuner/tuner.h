@@ -126,6 +126,7 @@ class KELVO_EXPORT Tuner {
   char path_[256]{};
   std::mutex device_lock_;  // held around each ioctl and while the device is closed
   std::atomic<int> device_{-1};
+  int monitor_wake_ = -1;                // eventfd; readable when the monitor is to end
   dvb_frontend_info info_{};             // constant once the monitor runs
   std::atomic<unsigned> tuned_freq_{0};  // Hz; the last frequency asked for
   std::atomic<event_callback_t> event_callback_{nullptr};

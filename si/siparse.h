@@ -15,6 +15,7 @@
 
 class ConditionalAccessSection;
 class Descriptor;
+class Event;
 class EventInformationSection;
 class NetworkInformationSection;
 class ProgramAssociationSection;
@@ -155,6 +156,12 @@ class KELVO_EXPORT Siparse {
   template <typename Section, typename Parse>
   void scan_section(const uint8_t* bytes, Parse parse);
   void clear_leftovers();
+
+  void store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms, int start,
+                   int duration);
+  void open_next_eit_table(int freq, int table_id);
+
+  void set_clock(unsigned mjd, unsigned hms_bcd, time_t now);
 
   bool names_storable(int context) const;
   void parse_stream_descriptor(const Descriptor* descriptor);

@@ -1,4 +1,10 @@
 // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6), and the arithmetic of dates.
+#include <sys/time.h>
+#include <time.h>
+
+#include <cmath>
+
+#include <dvbsi++/local_time_offset_descriptor.h>
 #include <dvbsi++/time_date_section.h>
 #include <dvbsi++/time_offset_section.h>
 
@@ -27,18 +33,62 @@ unsigned Siparse::mjd_to_bcd(unsigned mjd) {
   return bin_to_bcd(year) << 16 | (bin_to_bcd(month) & 0xFF) << 8 | (bin_to_bcd(static_cast<unsigned>(day)) & 0xFF);
 }
 
-// A time table closes its filter: one is read per filter.
-int Siparse::parse_section_tdt(TimeAndDateSection*, int) {
-  filter_->removefilter(20, 0x70);
-  return 0;
+// Sets the system clock to the broadcast time when the two are too far apart.
+void Siparse::set_clock(unsigned mjd, unsigned hms_bcd, time_t now) {
+  const unsigned ymd = mjd_to_bcd(mjd);
+  tm utc{};
+  utc.tm_year = static_cast<int>(bcd_to_int(ymd >> 16)) - 1900;
+  utc.tm_mon = static_cast<int>(bcd_to_int(ymd >> 8 & 0xFF)) - 1;
+  utc.tm_mday = static_cast<int>(bcd_to_int(ymd & 0xFF));
+  utc.tm_hour = static_cast<int>(bcd_to_int(hms_bcd >> 16 & 0xFF));
+  utc.tm_min = static_cast<int>(bcd_to_int(hms_bcd >> 8 & 0xFF));
+  utc.tm_sec = static_cast<int>(bcd_to_int(hms_bcd & 0xFF));
+  utc.tm_yday = -1;
+  const time_t broadcast = timegm(&utc);
+  if (std::fabs(difftime(broadcast, now)) > static_cast<double>(CLOCK_TOLERANCE_S)) {
+    KLOG(VERB_PROGRESS, "Changing system clock\n");
+    const timeval tv{broadcast, 0};
+    (void)settimeofday(&tv, nullptr);  // without the right to do so the clock stays
+  }
+  system_time_valid_ = true;
 }
 
-int Siparse::parse_section_tot(TimeOffsetSection*, int) {
-  filter_->removefilter(20, 0x73);
-  return 0;
+int Siparse::parse_section_tdt(TimeAndDateSection* section, int) {
+  const time_t now = time(nullptr);
+  KLOG(VERB_TRACE, "Time and date section\n");
+  set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), now);
+  return filter_->removefilter(20, 0x70);
 }
 
-void Siparse::parse_time_offset_descriptor(const Descriptor*, int) {}
+int Siparse::parse_section_tot(TimeOffsetSection* section, int freq) {
+  const Scoped_value scope(loop_, Loop::TOT);
+  KLOG(VERB_TRACE, "Time offset section\n");
+  time_offset_received_ = false;
+  for (Descriptor* descriptor : *section->getDescriptors())
+    parse_descriptor_info(descriptor, freq);
+  set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), time(nullptr));
+  return filter_->removefilter(20, 0x73);
+}
+
+// local_time_offset_descriptor (0x58, 6.2.20)
+void Siparse::parse_time_offset_descriptor(const Descriptor* descriptor, int freq) {
+  const auto* d = as<LocalTimeOffsetDescriptor>(descriptor);
+  if (d == nullptr)
+    return;
+  for (const LocalTimeOffset* entry : *d->getLocalTimeOffsets()) {
+    const unsigned offset = entry->getLocalTimeOffset();
+    const int region = entry->getCountryRegionId();
+    const int polarity = entry->getLocalTimeOffsetPolarity();
+    KLOG(VERB_PROGRESS, "Country id %s region id %d, offset %x, next_offset %x , polarity %d, ymd %x, hms %x\n",
+         entry->getCountryCode().c_str(), region, offset, static_cast<unsigned>(entry->getNextTimeOffset()), polarity,
+         mjd_to_bcd(entry->getTimeOfChangeMjd()), static_cast<unsigned>(entry->getTimeOfChangeBcd()));
+    local_time_offset_ = static_cast<int>(bcd_to_int(offset >> 8) * 60 + bcd_to_int(offset & 0xFF));
+    if (polarity == 1)
+      local_time_offset_ = -local_time_offset_;
+    time_offset_received_ = true;
+    db_->update_system_timezone(local_time_offset_, entry->getCountryCode().c_str(), region, type_, conn_, freq);
+  }
+}
 
 void Siparse::print_gmtime(time_t t) {
   tm utc{};

@@ -1,5 +1,6 @@
 #include "si/recorded_clock.h"
 
+#include <dlfcn.h>
 #include <sys/time.h>
 
 #include <utility>
@@ -8,6 +9,7 @@ namespace {
 
 std::vector<time_t> settings;
 time_t given_time = 0;
+bool timers_expired = false;
 
 }  // namespace
 
@@ -25,6 +27,14 @@ extern "C" time_t time(time_t* out) noexcept {
   return seconds;
 }
 
+extern "C" int timer_gettime(timer_t timer, itimerspec* left) noexcept {
+  static const auto real = reinterpret_cast<int (*)(timer_t, itimerspec*)>(dlsym(RTLD_NEXT, "timer_gettime"));
+  const int result = real(timer, left);
+  if (timers_expired)
+    left->it_value = {};
+  return result;
+}
+
 namespace recorded_clock {
 
 std::vector<time_t> take_settings() {
@@ -33,6 +43,10 @@ std::vector<time_t> take_settings() {
 
 void set_time(time_t seconds) {
   given_time = seconds;
+}
+
+void set_timers_expired(bool expired) {
+  timers_expired = expired;
 }
 
 }  // namespace recorded_clock

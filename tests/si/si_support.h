@@ -116,6 +116,32 @@ inline Bytes tot(unsigned mjd, unsigned hms_bcd, const Bytes& descriptors) {
                                  loop12(descriptors)}));
 }
 
+struct Programme_event {
+  int id;
+  unsigned hms_bcd;
+  unsigned duration_bcd = 0x003000;
+  Bytes descriptors = {};
+  unsigned running = 0;
+  unsigned free_ca = 0;
+  unsigned mjd = 60000;  // 2023-02-25
+};
+
+inline Bytes u24(unsigned value) {
+  return join({{static_cast<uint8_t>(value >> 16)}, u16(value & 0xFFFF)});
+}
+
+inline Bytes eit(int service_id, int table_id, const std::vector<Programme_event>& events, uint8_t number = 0,
+                 uint8_t last = 0) {
+  Bytes body = join({u16(TS_ID), u16(0x20), {last, 0x5F}});
+  for (const Programme_event& e : events) {
+    const unsigned status = e.running << 13 | e.free_ca << 12 | static_cast<unsigned>(e.descriptors.size());
+    body = join({body, u16(static_cast<unsigned>(e.id)), u16(e.mjd), u24(e.hms_bcd), u24(e.duration_bcd), u16(status),
+                 e.descriptors});
+  }
+  return support::long_section(static_cast<uint8_t>(table_id), static_cast<uint16_t>(service_id), 0, body, number,
+                               last);
+}
+
 // Sets a byte and makes the CRC right again.
 inline Bytes with_byte(Bytes section, size_t at, uint8_t value) {
   section[at] = value;

@@ -1,0 +1,349 @@
+// The programme guide: one table after the other, service by service.
+#include "si/recorded_clock.h"
+#include "si/si_support.h"
+
+using namespace si_support;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr int MIDNIGHT = (60000 - 40587) * 86400;  // of MJD 60000
+
+class Eit : public Parser_test {
+ protected:
+  Eit() {
+    insert(1, "First");
+    insert(2, "Second");
+  }
+  ~Eit() override { recorded_clock::set_timers_expired(false); }
+
+  void insert(int program, const char* name, int serv_type = 1) {
+    db.sql_cache(true, 0,
+                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type, serv_name) "
+                 "VALUES ($type, $conn, $freq, $pat_prnr, 256, 257, $serv_type, @name)",
+                 TYPE, CONN, FREQ, program, serv_type, name);
+  }
+  // The guide of the services in the database, from its first table on.
+  void start() {
+    parser.init_cache_list(FREQ, SCAN_EIT);
+    parser.start_eit_scan(FREQ, SCAN_EIT);
+  }
+  // With the first service only.
+  void start_one() {
+    db_support::run(db, "DELETE FROM kanalid WHERE pat_prnr = 2");
+    start();
+  }
+  std::string arrive(int service, int table, const std::vector<Programme_event>& events, int level = -1,
+                     uint8_t number = 0, uint8_t last = 0) {
+    return at_level(level, [&] { scan(eit(service, table, events, number, last), 18, SCAN_EIT); });
+  }
+  bool info_available() { return parser.get_eit_info_available(); }
+  std::vector<std::string> starts() { return rows("SELECT start_epoch FROM epglist ORDER BY 1"); }
+};
+
+const std::vector<Programme_event> NOON = {{1, 0x120000}};
+
+// --- Starting --------------------------------------------------------------------------------------------------------
+
+TEST_F(Eit, starts_with_the_present_following_table) {
+  for (int table : {0x4E, 0x50, 0x5F})
+    filter.addfilter(18, table, FREQ);
+  filter.addfilter(18, 0x60, FREQ);
+  filter.addfilter(20, 0x73, FREQ);
+  EXPECT_EQ(parser.start_eit_scan(FREQ, SCAN_EIT), 0);
+  EXPECT_THAT(filters(), testing::UnorderedElementsAre(Filter(18, 0x4E), Filter(18, 0x60), Filter(20, 0x73)));
+  EXPECT_FALSE(info_available());
+}
+
+TEST_F(Eit, a_section_of_another_table_is_dropped_with_a_counted_error) {
+  start();
+  const auto line = [](int count) {
+    return "ERROR: \n ##### EIT table current nr is 4e, scanned table 50 cnt " + std::to_string(count) + "#####\n";
+  };
+  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(0));
+  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(1));
+  EXPECT_EQ(arrive(1, 0x50, NOON, -1), "");
+  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(3));
+  EXPECT_THAT(rows("SELECT * FROM epglist"), IsEmpty());
+}
+
+TEST_F(Eit, before_the_start_every_table_is_another) {
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "ERROR: \n ##### EIT table current nr is 0, scanned table 4e cnt 0#####\n");
+}
+
+TEST_F(Eit, a_section_without_events_is_only_traced) {
+  start();
+  const std::string all = arrive(1, 0x4E, {}, 4, 3, 5);
+  EXPECT_THAT(all, HasSubstr("Scanning EIT, section number 3\n"
+                             "TableNr: 4e, TSid 1001, ONetID 20, lastsecNr 5, LastTableId 5f, service ID 1\n"
+                             "parse_section_eit: event list equal, exiting scan\n"
+                             "TSid 1001, ONetID 20, SecNr 3, lastsecNr 5, LastTableId 5f, service ID 1\n"));
+  EXPECT_EQ(arrive(1, 0x4E, {}, 3), "");
+}
+
+TEST_F(Eit, sections_that_are_not_current_are_dropped) {
+  start();
+  const Bytes section = eit(1, 0x4E, NOON);
+  scan(with_byte(section, 5, section[5] & 0xFE), 18, SCAN_EIT);
+  EXPECT_THAT(starts(), IsEmpty());
+}
+
+// --- Storing ---------------------------------------------------------------------------------------------------------
+
+TEST_F(Eit, an_event_is_stored_with_its_defaults) {
+  start();
+  arrive(1, 0x4E, {{0x1234, 0x123456, 0x013059, {}, 4, 1}});
+  EXPECT_THAT(rows("SELECT channel, ymd_bcd, hms_bcd, start_epoch, dur_bcd, dur_sec, content_id, rating, run_status, "
+                   "free_ca, ev_id, pat_prnr FROM epglist"),
+              ElementsAre("1|" + std::to_string(0x20230225) + "|" + std::to_string(0x123456) + "|" +
+                          std::to_string(MIDNIGHT + 12 * 3600 + 34 * 60 + 56) + "|" + std::to_string(0x013059) +
+                          "|5459|0.0.0.0|0@est|4|1|4660|1"));
+  EXPECT_EQ(parser.get_eit_stored(), 1);
+}
+
+TEST_F(Eit, texts_in_two_languages_become_two_rows) {
+  start();
+  const Bytes texts =
+      join({descriptor(0x4D, join({bytes("est"), sized("Uudised"), sized("Sisu")})),
+            descriptor(0x4D, join({bytes("rus"), sized("\x01\xBD\xDE\xD2"), sized("Text")})),
+            descriptor(0x4E, join({{0x00}, bytes("est"), {9}, sized("Year"), sized("1999"), sized("Pikk")}))});
+  // The items' length is one byte short: repaired here, so that the descriptor is whole.
+  Bytes fixed = texts;
+  for (size_t i = 0; i + 1 < fixed.size(); i += 2u + fixed[i + 1])
+    if (fixed[i] == 0x4E)
+      fixed[i + 6] = 10;
+  arrive(1, 0x4E, {{1, 0x120000, 0x003000, fixed}});
+  EXPECT_THAT(rows("SELECT source_oid, lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist_lang ORDER BY lang"),
+              ElementsAre("1|est|Uudised|Sisu|Pikk|YearYear:1999,", "1|rus|\xD0\x9D\xD0\xBE\xD0\xB2|Text||"));
+}
+
+TEST_F(Eit, content_and_rating_replace_the_defaults_of_their_event_only) {
+  start();
+  const Bytes both = join({descriptor(0x54, {0x12, 0x34, 0xAB, 0xCD}), descriptor(0x55, join({bytes("EST"), {0x0C}}))});
+  arrive(1, 0x4E, {{1, 0x120000, 0x003000, both}, {2, 0x123000}});
+  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist ORDER BY start_epoch"),
+              ElementsAre("1.2.3.4 a.b.c.d |0c@EST ", "0.0.0.0|0@est"));
+}
+
+TEST_F(Eit, descriptors_without_entries_leave_the_defaults) {
+  start();
+  arrive(1, 0x4E, {{1, 0x120000, 0x003000, join({descriptor(0x54, {}), descriptor(0x55, {})})}});
+  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("0.0.0.0|0@est"));
+}
+
+TEST_F(Eit, an_event_already_stored_neither_stores_nor_counts) {
+  start();
+  arrive(1, 0x4E, NOON, -1, 0, 1);
+  arrive(1, 0x4E, NOON, -1, 0, 1);
+  EXPECT_EQ(parser.get_eit_stored(), 1);
+  EXPECT_EQ(starts().size(), 1u);
+}
+
+TEST_F(Eit, an_event_of_the_same_time_under_a_new_id_is_left_as_it_was) {
+  start();
+  arrive(1, 0x4E, {{1, 0x120000}}, -1, 0, 1);
+  arrive(1, 0x4E, {{2, 0x120000}}, -1, 0, 1);
+  EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
+  EXPECT_EQ(parser.get_eit_stored(), 1);
+}
+
+TEST_F(Eit, an_event_that_begins_within_another_is_not_stored) {
+  start();
+  arrive(1, 0x4E, {{1, 0x120000}}, -1, 0, 1);
+  arrive(1, 0x4E, {{2, 0x121500}}, -1, 0, 1);
+  EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
+}
+
+TEST_F(Eit, events_of_a_service_that_is_not_listed_are_skipped) {
+  start();
+  const std::string all = arrive(9, 0x4E, NOON, 4);
+  EXPECT_THAT(all, HasSubstr("Failed to locate service 9 in eit scan cache, current cache is\n 1  2 SC = NULL\n"));
+  EXPECT_THAT(starts(), IsEmpty());
+  EXPECT_THAT(arrive(9, 0x4E, NOON, 3), Not(HasSubstr("Failed")));
+}
+
+TEST_F(Eit, an_event_that_cannot_be_stored_counts_and_its_texts_are_dropped) {
+  start();
+  const Bytes text = descriptor(0x4D, join({bytes("est"), sized("Name"), sized("Text")}));
+  Programme_event undefined{1, 0xFFFFFF, 0x003000, text};
+  undefined.mjd = 0xFFFF;
+  const std::string all = arrive(1, 0x4E, {undefined}, 0);
+  EXPECT_THAT(all, HasSubstr("ERROR: Cannot convert time "));
+  EXPECT_EQ(parser.get_eit_stored(), 1);
+  EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty());
+  arrive(1, 0x4E, NOON, -1, 0, 1);
+  EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty()) << "nor do they reach the next event";
+}
+
+TEST_F(Eit, a_fragment_of_an_extended_event_is_reported_at_3) {
+  start();
+  const Bytes fragment = descriptor(0x4E, join({{0x01}, bytes("est"), {0}, sized("Half")}));
+  EXPECT_THAT(arrive(1, 0x4E, {{1, 0x120000, 0x003000, fragment}}, 3, 0, 1),
+              HasSubstr("Fragmented extended event for source_oid 1\n"));
+  EXPECT_THAT(arrive(1, 0x4E, {{2, 0x130000, 0x003000, fragment}}, 2, 0, 1), Not(HasSubstr("Fragmented")));
+  EXPECT_THAT(rows("SELECT ext_desc FROM epglist_lang"), ElementsAre("Half", "Half")) << "stored all the same";
+}
+
+TEST_F(Eit, quirk_the_count_is_printed_at_1_and_101) {
+  start();
+  for (int i = 0; i < 102; ++i) {
+    const unsigned hour = static_cast<unsigned>(i / 60);
+    const unsigned minute = static_cast<unsigned>(i % 60);
+    const unsigned hms = Siparse::bin_to_bcd(hour * 10000 + minute * 100);
+    const std::string all = arrive(1, 0x4E, {{i, hms, 0x000100}}, 3, 0, 1);
+    if (i == 0 || i == 100)
+      EXPECT_THAT(all, HasSubstr("Stored " + std::to_string(i + 1) + " EPG entries\n")) << i;
+    else
+      EXPECT_THAT(all, Not(HasSubstr("Stored"))) << i;
+  }
+  EXPECT_EQ(parser.get_eit_stored(), 102);
+}
+
+// --- Service by service ----------------------------------------------------------------------------------------------
+
+TEST_F(Eit, the_last_section_must_arrive_twice_after_the_first_section_of_a_service) {
+  start_one();
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****+ Started table 4e scan 1 First\n");
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "");
+  EXPECT_FALSE(info_available());
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****-  Finished table 4e scan 1 First\n");
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E))) << "closed by the next section with events";
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "Pres-Following table 4E completed, next table 0x50\n");
+  EXPECT_TRUE(info_available());
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+}
+
+TEST_F(Eit, starting_and_finishing_are_silent_at_0) {
+  start_one();
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "");
+}
+
+TEST_F(Eit, the_table_closes_at_the_next_event_of_the_same_section) {
+  start_one();
+  const std::vector<Programme_event> two = {{1, 0x120000}, {2, 0x123000}};
+  arrive(1, 0x4E, two);
+  arrive(1, 0x4E, two);
+  EXPECT_EQ(arrive(1, 0x4E, two, 1),
+            "****-  Finished table 4e scan 1 First\nPres-Following table 4E completed, next table 0x50\n");
+}
+
+TEST_F(Eit, a_section_counts_once_however_many_events_it_has) {
+  start_one();
+  const std::vector<Programme_event> three = {{1, 0x120000}, {2, 0x123000}, {3, 0x130000}};
+  arrive(1, 0x4E, three);
+  arrive(1, 0x4E, three);
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
+}
+
+TEST_F(Eit, only_last_sections_count) {
+  start_one();
+  for (int i = 0; i < 5; ++i)
+    arrive(1, 0x4E, NOON, -1, 0, 1);
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1, 1, 1), "");
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1, 1, 1), "****-  Finished table 4e scan 1 First\n");
+}
+
+TEST_F(Eit, the_table_waits_for_every_service) {
+  start();
+  for (int i = 0; i < 5; ++i)
+    arrive(1, 0x4E, NOON);
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
+  for (int i = 0; i < 3; ++i)
+    arrive(2, 0x4E, NOON);
+  EXPECT_THAT(arrive(1, 0x4E, NOON, 4), HasSubstr("Loop for all services\n"));
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+}
+
+TEST_F(Eit, events_of_a_finished_service_are_not_looked_at) {
+  start();
+  for (int i = 0; i < 3; ++i)
+    arrive(1, 0x4E, NOON);
+  EXPECT_THAT(arrive(1, 0x4E, {{7, 0x200000}}, 4), HasSubstr("Loop is done\n"));
+  EXPECT_EQ(starts().size(), 1u);
+}
+
+TEST_F(Eit, only_television_services_are_listed) {
+  insert(3, "Radio", 2);
+  start();
+  EXPECT_THAT(arrive(3, 0x4E, NOON, 4), HasSubstr("Failed to locate service 3 "));
+}
+
+TEST_F(Eit, reset_cache_list_starts_a_new_round) {
+  start_one();
+  for (int i = 0; i < 3; ++i)
+    arrive(1, 0x4E, NOON);
+  parser.reset_cache_list();
+  parser.start_eit_scan(FREQ, SCAN_EIT);
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****+ Started table 4e scan 1 First\n");
+  EXPECT_EQ(parser.get_eit_stored(), 1) << "what is stored is remembered";
+}
+
+// --- Table by table --------------------------------------------------------------------------------------------------
+
+TEST_F(Eit, every_schedule_table_opens_the_next_and_the_last_one_none) {
+  start_one();
+  for (int i = 0; i < 4; ++i)
+    arrive(1, 0x4E, NOON);
+  for (int table = 0x50; table < 0x5F; ++table) {
+    for (int i = 0; i < 3; ++i)
+      arrive(1, table, NOON);
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "**** EIT loop completed, next table %x\n",
+                  static_cast<unsigned>(table) + 1);
+    EXPECT_EQ(arrive(1, table, NOON, 1), expected);
+    EXPECT_THAT(filters(), ElementsAre(Filter(18, table + 1)));
+  }
+  for (int i = 0; i < 3; ++i)
+    arrive(1, 0x5F, NOON);
+  EXPECT_EQ(arrive(1, 0x5F, NOON, 1), "");
+  EXPECT_THAT(filters(), IsEmpty());
+  EXPECT_TRUE(all_filters_have_freq());
+}
+
+TEST_F(Eit, with_an_empty_list_the_first_section_with_events_closes_each_table) {
+  parser.init_cache_list(FREQ + 8000000, SCAN_EIT);
+  parser.start_eit_scan(FREQ, SCAN_EIT);
+  arrive(1, 0x4E, {});
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E))) << "one without events does not";
+  EXPECT_THAT(arrive(1, 0x4E, NOON, 4), HasSubstr("Failed to locate service 1 in eit scan cache, current cache is\n"));
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+  arrive(1, 0x50, NOON);
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x51)));
+  EXPECT_EQ(parser.get_eit_stored(), 0);
+  EXPECT_TRUE(info_available());
+}
+
+// --- Silent services -------------------------------------------------------------------------------------------------
+
+TEST_F(Eit, quirk_a_service_that_sends_nothing_is_given_up_and_that_is_printed_below_2_only) {
+  start();
+  for (int i = 0; i < 3; ++i)
+    arrive(1, 0x4E, NOON);
+  recorded_clock::set_timers_expired(true);
+  EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "Kill scan for service 2 , First table 4e, ttl 10\n")
+      << "with the name of the section's service";
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+  EXPECT_EQ(arrive(1, 0x50, NOON, -1),
+            "Kill scan for service 1 , First table 50, ttl 180\nKill scan for service 2 , First table 50, ttl 180\n");
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x51)));
+  EXPECT_THAT(arrive(1, 0x51, NOON, 2), Not(HasSubstr("Kill")));
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x52)));
+}
+
+TEST_F(Eit, a_service_is_given_up_only_when_its_timer_has_run_out) {
+  start();
+  for (int i = 0; i < 5; ++i)
+    EXPECT_THAT(arrive(1, 0x4E, NOON, 1), Not(HasSubstr("Kill")));
+  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
+}
+
+TEST_F(Eit, get_eit_info_available_prints_the_flag_at_4) {
+  EXPECT_EQ(at_level(4, [&] { info_available(); }), "0 ");
+  EXPECT_EQ(at_level(3, [&] { info_available(); }), "");
+}
+
+}  // namespace

@@ -1,0 +1,192 @@
+// TDT, TOT and the arithmetic of dates.
+#include <dvbsi++/local_time_offset_descriptor.h>
+
+#include "si/recorded_clock.h"
+#include "si/si_support.h"
+
+using namespace si_support;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr time_t NOON_2010 = 1262347200;  // 2010-01-01 12:00:00 UTC, MJD 55197
+
+class Time_tables : public Parser_test {
+ protected:
+  Time_tables() {
+    recorded_clock::set_time(NOON_2010);
+    recorded_clock::take_settings();
+  }
+  ~Time_tables() override { recorded_clock::set_time(0); }
+};
+
+Bytes offset_entry(const std::string& country, int region, int polarity, unsigned offset, unsigned next = 0) {
+  return join({bytes(country),
+               {static_cast<uint8_t>(region << 2 | 2 | polarity)},
+               u16(offset),
+               u16(55197),
+               u24(0x010203),
+               u16(next)});
+}
+
+// --- Arithmetic ------------------------------------------------------------------------------------------------------
+
+TEST(Dates, mjd_to_bcd) {
+  const struct {
+    unsigned mjd;
+    unsigned bcd;
+  } cases[] = {
+      {45218, 0x19820906}, {55197, 0x20100101}, {51543, 0x19991231}, {51544, 0x20000101},
+      {51603, 0x20000229}, {51604, 0x20000301}, {55196, 0x20091231}, {60000, 0x20230225},
+      {40587, 0x19700101}, {65535, 0x20380422}, {15079, 0x19000301},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(Siparse::mjd_to_bcd(c.mjd), c.bcd) << c.mjd;
+}
+
+TEST(Dates, every_day_follows_the_day_before) {
+  for (unsigned mjd = 40587; mjd <= 65535; ++mjd) {
+    const time_t seconds = static_cast<time_t>(mjd - 40587) * 86400;
+    tm utc{};
+    gmtime_r(&seconds, &utc);
+    const unsigned expected =
+        static_cast<unsigned>((utc.tm_year + 1900) * 10000 + (utc.tm_mon + 1) * 100 + utc.tm_mday);
+    ASSERT_EQ(Siparse::bcd_to_int(Siparse::mjd_to_bcd(mjd)), expected) << mjd;
+  }
+}
+
+TEST(Dates, of_every_mjd_can_be_computed) {
+  for (unsigned mjd = 0; mjd <= 0xFFFF; ++mjd)
+    (void)Siparse::mjd_to_bcd(mjd);
+  EXPECT_EQ(Siparse::mjd_to_bcd(0) & 0xFF, 0x19u) << "before 1900 the formula does not hold";
+}
+
+TEST(Dates, bcd) {
+  EXPECT_EQ(Siparse::bcd_to_int(0x20101115), 20101115u);
+  EXPECT_EQ(Siparse::bcd_to_int(0), 0u);
+  EXPECT_EQ(Siparse::bcd_to_int(0x1A), 20u) << "digits above 9 are not rejected";
+  EXPECT_EQ(Siparse::bcd_to_int(0xFFFFFFFF), 166666665u);
+  EXPECT_EQ(Siparse::bin_to_bcd(1234), 0x1234u);
+  EXPECT_EQ(Siparse::bin_to_bcd(1234567890), 0x34567890u) << "higher digits are lost";
+}
+
+TEST(Dates, print_gmtime_at_3) {
+  EXPECT_EQ(at_level(3, [] { Siparse::print_gmtime(NOON_2010); }), "Fri Jan  1 12:00:00 2010\n");
+  EXPECT_EQ(at_level(2, [] { Siparse::print_gmtime(NOON_2010); }), "");
+}
+
+// --- The clock -------------------------------------------------------------------------------------------------------
+
+TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it) {
+  const struct {
+    const char* what;
+    time_t now;
+    bool sets;
+  } cases[] = {
+      {"right", NOON_2010, false},         {"10 s late", NOON_2010 - 10, false}, {"10 s early", NOON_2010 + 10, false},
+      {"11 s late", NOON_2010 - 11, true}, {"11 s early", NOON_2010 + 11, true}, {"years late", 1000, true},
+  };
+  for (const auto& c : cases) {
+    for (const Bytes& section : {tdt(55197, 0x120000), tot(55197, 0x120000, {})}) {
+      SCOPED_TRACE(std::string(c.what) + (section[0] == 0x70 ? ", TDT" : ", TOT"));
+      recorded_clock::set_time(c.now);
+      const std::string all = at_level(3, [&] { scan(section, 20); });
+      EXPECT_EQ(recorded_clock::take_settings(), c.sets ? std::vector<time_t>{NOON_2010} : std::vector<time_t>{});
+      EXPECT_EQ(all.find("Changing system clock\n") != std::string::npos, c.sets);
+      EXPECT_THAT(at_level(2, [&] { scan(section, 20); }), Not(HasSubstr("Changing")));
+      recorded_clock::take_settings();
+    }
+  }
+}
+
+TEST_F(Time_tables, with_a_right_clock_the_time_becomes_valid_and_the_filter_closes) {
+  recorded_clock::set_time(1000);
+  Siparse early(&filter, 1, CONN, TYPE, &db);
+  EXPECT_FALSE(early.systime_valid());
+  recorded_clock::set_time(NOON_2010);
+  filter.addfilter(20, 0x70, FREQ);
+  filter.addfilter(20, 0x73, FREQ);
+  Bytes section = tdt(55197, 0x120000);
+  early.scan_assembled_section(reinterpret_cast<char*>(section.data()), 20, FREQ, nullptr, SCAN_PAT);
+  EXPECT_TRUE(early.systime_valid());
+  EXPECT_THAT(filters(), ElementsAre(Filter(20, 0x73)));
+  EXPECT_THAT(recorded_clock::take_settings(), IsEmpty());
+  Bytes offset = tot(55197, 0x120000, {});
+  early.scan_assembled_section(reinterpret_cast<char*>(offset.data()), 20, FREQ, nullptr, SCAN_PAT);
+  EXPECT_THAT(filters(), IsEmpty());
+}
+
+TEST_F(Time_tables, the_time_is_invalid_up_to_the_end_of_1999) {
+  for (time_t now : {time_t{946684798}, time_t{946684799}}) {
+    recorded_clock::set_time(now);
+    const std::string all =
+        at_level(4, [&] { EXPECT_EQ(Siparse(&filter, 1, CONN, TYPE, &db).systime_valid(), now == 946684799); });
+    EXPECT_EQ(all, std::string(now == 946684799 ? "System time valid\n" : "System time invalid\n") + "Epoch time is " +
+                       std::to_string(now) + "\n");
+  }
+}
+
+TEST_F(Time_tables, are_announced_at_4) {
+  EXPECT_THAT(at_level(4, [&] { scan(tdt(55197, 0x120000), 20); }), HasSubstr("Time and date section\n"));
+  EXPECT_THAT(at_level(3, [&] { scan(tdt(55197, 0x120000), 20); }), Not(HasSubstr("Time and")));
+  EXPECT_THAT(at_level(4, [&] { scan(tot(55197, 0x120000, {}), 20); }), HasSubstr("Time offset section\n"));
+  EXPECT_THAT(at_level(3, [&] { scan(tot(55197, 0x120000, {}), 20); }), Not(HasSubstr("Time offset")));
+}
+
+TEST_F(Time_tables, are_read_whatever_the_bit_of_current_next) {
+  for (unsigned bcd : {0x120000u, 0x120001u}) {  // the bit lies in the time
+    filter.addfilter(20, 0x70, FREQ);
+    scan(tdt(55197, bcd), 20);
+    EXPECT_THAT(filters(), IsEmpty());
+  }
+}
+
+TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {
+  scan(tdt(0xFFFF, 0xFFFFFF), 20);
+  scan(tdt(0, 0), 20);
+  scan(tot(0xFFFF, 0xFFFFFF, {}), 20);
+  EXPECT_EQ(recorded_clock::take_settings().size(), 3u);
+}
+
+// --- Local time offsets ----------------------------------------------------------------------------------------------
+
+class Offsets : public Time_tables {
+ protected:
+  // The multiplex belongs to the preferred network, whose offsets are looked at.
+  Offsets() {
+    db.set_preferred_provider("Net");
+    db.sql_cache(true, 0,
+                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
+                 TYPE, CONN, FREQ, "Net");
+    db.set_preferred_provider("Another");  // so that no zone is written
+  }
+};
+
+TEST_F(Offsets, every_entry_is_traced_at_3_and_handed_on) {
+  const Bytes d =
+      descriptor(0x58, join({offset_entry("EST", 0, 0, 0x0200, 0x0300), offset_entry("PRT", 5, 1, 0x0130)}));
+  const std::string all = at_level(3, [&] { scan(tot(55197, 0x120000, d), 20); });
+  EXPECT_THAT(all, HasSubstr("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20100101, hms "
+                             "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"
+                             "Country id PRT region id 5, offset 130, next_offset 0 , polarity 1, ymd 20100101, hms "
+                             "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"));
+  EXPECT_THAT(at_level(2, [&] { scan(tot(55197, 0x120000, d), 20); }), Not(HasSubstr("Country")));
+}
+
+TEST_F(Offsets, outside_a_tot_the_context_is_taken_as_the_frequency) {
+  const Bytes d = descriptor(0x58, offset_entry("EST", 0, 0, 0x0200));
+  EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, FREQ, 3), HasSubstr("WARNING: Checking mux 506000000 "));
+  EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, 7, 3), Not(HasSubstr("Checking")));
+}
+
+TEST_F(Offsets, a_tot_with_descriptors_of_services_stores_nothing) {
+  db.pat_for_network(0, TYPE, CONN, FREQ, 1, TS_ID, 0x100);
+  scan(tot(55197, 0x120000, service_descriptor(1, "P", "S")), 20);
+  EXPECT_THAT(rows("SELECT channel FROM kanalid_scan_0 WHERE serv_name = 'S'"), IsEmpty());
+}
+
+}  // namespace

@@ -52,7 +52,7 @@ class Scan_test : public testing::Test {
 
   std::string database() const { return folder_.file("dvb.db"); }
   std::string sandbox() const { return folder_.file("root"); }
-  std::string dump(const support::Dump_options& options = {}) const {
+  std::string dump(const support::Dump_options& options = {.guide = false}) const {
     return support::dump_database(database(), options);
   }
   // All rows of a query of the database, values joined by '|', a line a row.

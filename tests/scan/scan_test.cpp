@@ -229,7 +229,7 @@ TEST_F(Scan_test, four_adapters_scan_at_once_into_one_database) {
   const Scan_run all = run(options, create + ask + wait + ask + wait);
   EXPECT_EQ("", all.lines({"no", "change"}));
   EXPECT_EQ(0U, all.count_err("ERROR: SQL"));
-  support::expect_reference("scan/four_adapters.txt", dump({.numbers = false}));
+  support::expect_reference("scan/four_adapters.txt", dump({.numbers = false, .guide = false}));
 }
 
 TEST_F(Scan_test, paused_scan_keeps_its_state_and_merges_nothing_until_it_goes_on) {

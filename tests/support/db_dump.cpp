@@ -158,15 +158,18 @@ std::string dump_database(const std::string& db_file, const Dump_options& option
     add_event_summary(&out, raw);
     return out;
   }
+  const std::string limit = options.guide ? "" : " LIMIT 0";
   add_table(&out, raw, "epglist",
             "SELECT " + name +
                 "e.channel), e.channel) AS service, start_epoch, revision, ymd_bcd, hms_bcd, dur_bcd, "
-                "dur_sec, content_id, rating, run_status, free_ca, ev_id, pat_prnr FROM epglist e ORDER BY 1, 2");
+                "dur_sec, content_id, rating, run_status, free_ca, ev_id, pat_prnr FROM epglist e ORDER BY 1, 2" +
+                limit);
   add_table(&out, raw, "epglist_lang",
             "SELECT ifnull((SELECT " + name +
                 "e.channel), e.channel) || ' ' || start_epoch FROM epglist e "
                 "WHERE e.entry = l.source_oid), '?') AS event, lang, ev_name, ev_desc, ext_desc, ext_list "
-                "FROM epglist_lang l ORDER BY 1, 2");
+                "FROM epglist_lang l ORDER BY 1, 2" +
+                limit);
   return out;
 }
 

@@ -7,6 +7,7 @@ namespace support {
 struct Dump_options {
   bool numbers = true;  // row numbers of services; without, rows are named by frequency and programme number only
   bool events = true;   // every event; without, a line a service with their number and a checksum
+  bool guide = true;    // events at all; how much of the guide a scan collects depends on when it ends
 };
 
 // All tables of a channel database and its guide as text, sorted, one row a line under a line with the columns' names.

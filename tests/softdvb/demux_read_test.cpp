@@ -179,8 +179,8 @@ TEST(Demux_read, holds_up_other_threads_ioctls_while_it_blocks) {
 
 static void ignore_signal(int) {}
 
-// Interrupts a blocking read with a signal and sends a section a little later. Returns what the read returned.
-static long read_with_signal(int flags) {
+// Interrupts a blocking read again and again, at most 20 times, then sends a section. Returns what the read returned.
+static long read_with_signals(int flags) {
   struct sigaction action {};
   action.sa_handler = ignore_signal;
   action.sa_flags = flags;
@@ -188,21 +188,26 @@ static long read_with_signal(int flags) {
   const Fd fd(open_demux(O_RDONLY));
   set_filter(fd, all_of(PID));
   long got = 0;
-  std::thread reader([&] { got = read_size(fd); });
-  usleep(20000);
-  pthread_kill(reader.native_handle(), SIGUSR1);
-  usleep(20000);
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    got = read_size(fd);
+    done = true;
+  });
+  for (int i = 0; i < 20 && !done; ++i) {
+    usleep(10000);
+    pthread_kill(reader.native_handle(), SIGUSR1);
+  }
   send_section(section_of(77));
   reader.join();
   return got;
 }
 
 TEST(Demux_read, ends_with_eintr_on_a_signal) {
-  EXPECT_EQ(-EINTR, read_with_signal(0));
+  EXPECT_EQ(-EINTR, read_with_signals(0));
 }
 
 TEST(Demux_read, goes_on_after_a_signal_with_sa_restart) {
-  EXPECT_EQ(77, read_with_signal(SA_RESTART));
+  EXPECT_EQ(77, read_with_signals(SA_RESTART));
 }
 
 TEST(Demux_read, readv_fills_part_after_part) {

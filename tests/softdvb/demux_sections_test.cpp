@@ -58,6 +58,15 @@ TEST_F(Demux_sections, a_gap_inside_costs_that_section_only) {
   EXPECT_EQ((Sections{section_of(500, 4)}), received());
 }
 
+TEST_F(Demux_sections, a_gap_in_the_counter_alone_costs_the_section_too) {
+  const Bytes s = section_of(300, 1);
+  ts.packet(PID, true, support::join({{0}, Bytes(s.begin(), s.begin() + 183)}));
+  ts.skip_counter(PID);
+  ts.packet(PID, false, Bytes(s.begin() + 183, s.end()));
+  ts.section(PID, section_of(500, 2));
+  EXPECT_EQ((Sections{section_of(500, 2)}), received());
+}
+
 TEST_F(Demux_sections, a_gap_before_a_start_costs_nothing) {
   ts.section(PID, section_of(100, 1)).skip_counter(PID, 5).section(PID, section_of(100, 2));
   EXPECT_EQ((Sections{section_of(100, 1), section_of(100, 2)}), received());

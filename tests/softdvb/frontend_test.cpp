@@ -326,8 +326,10 @@ TEST_F(Frontend_event, waiting_for_one_ends_with_a_signal) {
   sigaction(SIGUSR1, &action, nullptr);
   std::atomic<int> status{0};
   std::thread waiter([&] { status = event_status(blocking); });
-  usleep(400000);
-  pthread_kill(waiter.native_handle(), SIGUSR1);
+  for (int i = 0; i < 500 && status == 0; ++i) {
+    usleep(100000);
+    pthread_kill(waiter.native_handle(), SIGUSR1);
+  }
   waiter.join();
   EXPECT_EQ(-EINTR, status);
 }

@@ -57,8 +57,7 @@ TEST(Log, records_clocks_that_are_set) {
 }
 
 TEST(Log, is_written_by_all_processes_and_emptied_at_the_start) {
-  const Softdvb_run run =
-      run_softdvb({}, {"sh", "-c", "cat /dev/dvb/adapter0/demux0"});
+  const Softdvb_run run = run_softdvb({}, {"sh", "-c", "cat /dev/dvb/adapter0/demux0"});
   EXPECT_NE(std::string::npos, run.log.find(" open /dev/dvb/adapter0/demux0 0x0 = 3\n")) << run.log;
   EXPECT_NE(std::string::npos, run.log.find(" read demux0 3 ")) << run.log;
 }

@@ -36,7 +36,7 @@ bool is_free(const dvb_filter_desc* f) {
 
 Section_filter::Section_filter(const char* device) {
   std::snprintf(device_, sizeof device_, "%s", device);
-  FD_ZERO(&read_set_);
+  FD_ZERO(&demux_.read_set);
   wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd_ >= FD_SETSIZE) {
     (void)close(wake_fd_);  // select cannot wait on it
@@ -94,7 +94,7 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
   f->restarts = 0;
   if (is_new) {
     KLOG(VERB_PROGRESS, "Adding new filter for pid %d to list, filter list size %d, nr_opened %d\n", pid,
-         static_cast<int>(filters_.size()) + 1, nr_opened_);
+         static_cast<int>(filters_.size()) + 1, demux_.nr_opened);
     filters_.push_back(f);
     KLOG(VERB_TRACE, "+Fl%03X.%03X", static_cast<unsigned>(pid), static_cast<unsigned>(f->filter[0]));
   }
@@ -179,7 +179,7 @@ void Section_filter::set_dvbfilter_reuse(dvb_filter_desc* f) {
   if (f->fd > 0) {
     if (ioctl(f->fd, DMX_STOP) < 0)
       KLOG(VERB_ERROR, "ERROR: Filter stop failed for demux file nr %d, error %s \n", f->fd, std::strerror(errno));
-    FD_CLR(f->fd, &read_set_);
+    FD_CLR(f->fd, &demux_.read_set);
   }
   f->pid = -1;
   f->captured = 0;

@@ -128,11 +128,14 @@ class KELVO_EXPORT Section_filter {
   mutable std::mutex mutex_;
   std::list<dvb_filter_desc*> filters_;
   char device_[256];
-  uint32_t loop_count_ = 0;  // calls of wait_for_data()
-  int nr_opened_ = 0;
-  int max_fd_ = 0;
-  int started_ = 0;
-  int restarted_ = 0;
-  fd_set read_set_;   // before a wait the running handles, after it the ready ones not yet read
+  struct Demux {
+    uint32_t loop_count = 0;  // calls of wait_for_data()
+    int nr_opened = 0;        // handles, free slots' ones included
+    int max_fd = 0;           // highest handle of a running filter
+    int started = 0;
+    int restarted = 0;
+    fd_set read_set;  // before a wait the running handles, after it the ready ones not yet read
+  };
+  Demux demux_;
   int wake_fd_ = -1;  // eventfd; -1 when there is none, requests then wait for the time-out
 };

@@ -39,11 +39,11 @@ int Section_filter::open_device(dvb_filter_desc* f) {
     errno = EMFILE;
   }
   if (f->fd >= 0) {
-    ++nr_opened_;
+    ++demux_.nr_opened;
     return f->fd;
   }
-  KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_, nr_opened_,
-       static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
+  KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_,
+       demux_.nr_opened, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
   std::perror("fopen");
   if (++f->open_retries > MAX_OPEN_RETRIES) {
     KLOG(VERB_WARNING, "WARNING: Filter pid %x, tid %x open retries > %d, removing filter\n",
@@ -63,7 +63,7 @@ void Section_filter::program(dvb_filter_desc* f) {
   params.flags = ((f->flags & FILTER_FLAG_HW_CRC) != 0 ? DMX_CHECK_CRC : 0u) |
                  ((f->flags & FILTER_FLAG_ONESHOT) != 0 ? DMX_ONESHOT : 0u);
   KLOG(VERB_TRACE, "Filter TID is %x", static_cast<unsigned>(f->filter[0]));
-  ++started_;
+  ++demux_.started;
   if (ioctl(f->fd, DMX_SET_FILTER, &params) < 0)
     KLOG(VERB_ERROR, "ERROR: ioctl DMX_SET_FILTER failed");
   if (ioctl(f->fd, DMX_START) < 0)
@@ -76,33 +76,33 @@ void Section_filter::program(dvb_filter_desc* f) {
 
 int Section_filter::recalculate_filters() {
   const std::lock_guard lock(mutex_);
-  if (nr_opened_ == MAX_OPEN_DEMUX) {
+  if (demux_.nr_opened == MAX_OPEN_DEMUX) {
     for (dvb_filter_desc* f : filters_) {
       if (f->state != FILTER_FREE || f->fd <= 0)
         continue;
-      FD_CLR(f->fd, &read_set_);
+      FD_CLR(f->fd, &demux_.read_set);
       if (close(f->fd) < 0)
         KLOG(VERB_ERROR, "ERROR: Filter demux close failed\n");
       f->fd = -1;
-      --nr_opened_;
+      --demux_.nr_opened;
     }
   }
   for (dvb_filter_desc* f : filters_) {
     if (f->state != FILTER_WANTED)
       continue;
     // The limit is one of opening: a slot that has its handle runs in any case.
-    if (f->fd == -1 && (nr_opened_ >= MAX_OPEN_DEMUX || open_device(f) < 0))
+    if (f->fd == -1 && (demux_.nr_opened >= MAX_OPEN_DEMUX || open_device(f) < 0))
       continue;
     program(f);
   }
-  max_fd_ = 0;
+  demux_.max_fd = 0;
   for (const dvb_filter_desc* f : filters_) {
     if (f->state != FILTER_RUNNING)
       continue;
-    FD_SET(f->fd, &read_set_);
-    max_fd_ = std::max(max_fd_, f->fd);
+    FD_SET(f->fd, &demux_.read_set);
+    demux_.max_fd = std::max(demux_.max_fd, f->fd);
   }
-  return max_fd_;
+  return demux_.max_fd;
 }
 
 void Section_filter::check_feed_activation() {
@@ -119,9 +119,9 @@ void Section_filter::check_feed_activation() {
     ++f->restarts;
     if (kelvo_log::enabled(VERB_PROGRESS)) {
       kelvo_log::print("##Restart %s %d times: pid %x  tid %x. Started %d, restarted %d, captured %d\n", device_,
-                       f->restarts, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), started_,
-                       restarted_, f->captured);
-      ++restarted_;  // Deliberate: counted only while the line above is printed.
+                       f->restarts, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), demux_.started,
+                       demux_.restarted, f->captured);
+      ++demux_.restarted;  // Deliberate: counted only while the line above is printed.
     }
     if (ioctl(f->fd, DMX_START) < 0)
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");

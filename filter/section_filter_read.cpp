@@ -29,9 +29,9 @@ int Section_filter::wait_for_data(int timeout_ms) {
   int highest = wake_fd_;
   {
     const std::lock_guard lock(mutex_);
-    ++loop_count_;
-    ready = read_set_;
-    highest = std::max(highest, max_fd_);
+    ++demux_.loop_count;
+    ready = demux_.read_set;
+    highest = std::max(highest, demux_.max_fd);
   }
   if (wake_fd_ >= 0)
     FD_SET(wake_fd_, &ready);
@@ -48,10 +48,10 @@ int Section_filter::wait_for_data(int timeout_ms) {
   }
   // Slots may have been freed meanwhile: only what still runs counts as ready to be read.
   const std::lock_guard lock(mutex_);
-  FD_ZERO(&read_set_);
+  FD_ZERO(&demux_.read_set);
   for (const dvb_filter_desc* f : filters_) {
     if (f->state == FILTER_RUNNING && FD_ISSET(f->fd, &ready))
-      FD_SET(f->fd, &read_set_);
+      FD_SET(f->fd, &demux_.read_set);
   }
   return count;
 }
@@ -64,9 +64,9 @@ void Section_filter::wake() {
 
 unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
   const std::lock_guard lock(mutex_);
-  if (f->state != FILTER_RUNNING || !FD_ISSET(f->fd, &read_set_))
+  if (f->state != FILTER_RUNNING || !FD_ISSET(f->fd, &demux_.read_set))
     return 0;
-  FD_CLR(f->fd, &read_set_);
+  FD_CLR(f->fd, &demux_.read_set);
   const ssize_t got = read(f->fd, buf, SECTION_BUF_SIZE);
   if (got < 0) {
     if (errno == EOVERFLOW) {
@@ -80,7 +80,7 @@ unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
   const int size = static_cast<int>(got);
   std::memset(buf + size, 0, static_cast<size_t>(SECTION_BUF_SIZE - size));
   KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n",
-       static_cast<int>(loop_count_), static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
+       static_cast<int>(demux_.loop_count), static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
        static_cast<unsigned>(f->fd), size);
 
   auto* bytes = reinterpret_cast<unsigned char*>(buf);

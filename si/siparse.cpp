@@ -48,13 +48,7 @@ size_t section_size(const uint8_t* bytes) {
 }  // namespace
 
 Siparse::Siparse(Section_filter* filter, int dvbnr, HF_CONN_ID conn, DVB_TYPE_ID type, Sdbl* db)
-    : filter_(filter),
-      dvbnr_(dvbnr),
-      db_(db),
-      cache_list_(new std::list<SQL_cache*>),
-      conn_(conn),
-      type_(type),
-      safe_copy_(std::make_unique<section_guard::Safe_copy>()) {
+    : filter_(filter), dvbnr_(dvbnr), db_(db), cache_list_(new std::list<SQL_cache*>), conn_(conn), type_(type) {
   const time_t now = time(nullptr);
   system_time_valid_ = now >= LAST_SECOND_OF_1999;
   if (system_time_valid_)
@@ -115,6 +109,8 @@ void Siparse::scan_section(const uint8_t* bytes, Parse parse) {
     return;
   }
 #ifdef KELVO_DVBSI_SYSTEM
+  if (safe_copy_ == nullptr)
+    safe_copy_ = std::make_unique<section_guard::Safe_copy>();
   bytes = safe_copy_->copy(bytes, size);
 #endif
   Section section(bytes);

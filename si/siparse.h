@@ -232,5 +232,5 @@ class KELVO_EXPORT Siparse {
   bool pmt_from_database_ = false;
 
   Loop loop_ = Loop::NONE;
-  std::unique_ptr<section_guard::Safe_copy> safe_copy_;
+  std::unique_ptr<section_guard::Safe_copy> safe_copy_;  // made when a system libdvbsi++ needs it
 };

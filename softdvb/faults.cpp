@@ -8,6 +8,7 @@
 
 #include "softdvb/call_log.h"
 #include "softdvb/handles.h"
+#include "softdvb/ioctl_names.h"
 #include "softdvb/real.h"
 #include "softdvb/shared.h"
 
@@ -16,6 +17,19 @@ namespace softdvb {
 bool have_faults() {
   const Shared* s = shared();
   return s != nullptr && s->fault_count.load(std::memory_order_acquire) > 0;
+}
+
+bool is_fault_call(const std::string& name) {
+  static const char* const CALLS[] = {
+      "access",        "adjtime", "adjtimex",  "clock_adjtime",  "clock_settime", "close",        "fdatasync",
+      "fopen",         "fsync",   "ftruncate", "iconv_open",     "ioctl",         "mkdir",        "mmap",
+      "ntp_adjtime",   "open",    "poll",      "pthread_create", "read",          "rename",       "select",
+      "settimeofday",  "stat",    "stime",     "system",         "timer_create",  "timer_delete", "timer_gettime",
+      "timer_settime", "unlink",  "write"};
+  for (const char* call : CALLS)
+    if (name == call)
+      return true;
+  return is_ioctl_name(name);
 }
 
 static bool fits(const Fault& fault, const char* call, const char* target) {

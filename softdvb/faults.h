@@ -7,6 +7,9 @@ namespace softdvb {
 
 bool have_faults();
 
+// Whether there is such a call to fail: an ioctl by its name, or a function that is interposed.
+bool is_fault_call(const std::string& name);
+
 // The errno with which this call has to fail, or 0. Counts the call for every rule that names it. `target`: path or
 // device file; rules without a pattern fit all.
 int fault_for(const char* call, const char* target = "");

@@ -60,6 +60,16 @@ std::string ioctl_name(Device device, unsigned long request) {
   return number;
 }
 
+bool is_ioctl_name(const std::string& name) {
+  for (const Name& n : FRONTEND_NAMES)
+    if (name == n.name)
+      return true;
+  for (const Name& n : DEMUX_NAMES)
+    if (name == n.name)
+      return true;
+  return false;
+}
+
 static std::string bytes_of(const uint8_t* bytes, size_t n) {
   while (n > 1 && bytes[n - 1] == 0)
     --n;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "softdvb/clock.h"
+#include "softdvb/faults.h"
 #include "softdvb/frontend.h"
 #include "softdvb/frontend_calls.h"
 #include "softdvb/usage_error.h"
@@ -124,6 +125,8 @@ void add_fault(Shared& s, const std::string& text) {
     target = call.substr(at + 1, call.size() - at - 2);
     call = trimmed(call.substr(0, at));
   }
+  if (!is_fault_call(call))
+    throw Usage_error("fault: '" + call + "' is no call that can be made to fail");
   const Which_calls which = take_which(value, "fault");
   const int number = s.fault_count.load();
   if (number >= MAX_FAULTS)

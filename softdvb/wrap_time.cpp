@@ -226,6 +226,8 @@ SOFTDVB_EXPORT int timer_create(clockid_t clock, sigevent* event, timer_t* timer
   if (call_fails("timer_create"))
     return -1;
   const int result = SOFTDVB_REAL(timer_create)(clock, event, timer);
+  if (log_enabled())
+    log_call(result, "timer_create %d", static_cast<int>(clock));
   if (result == 0 && time_is_virtual()) {
     Timer_clocks& t = timer_clocks();
     SOFTDVB_REAL(pthread_mutex_lock)(&t.lock);
@@ -235,9 +237,15 @@ SOFTDVB_EXPORT int timer_create(clockid_t clock, sigevent* event, timer_t* timer
   return result;
 }
 
-SOFTDVB_EXPORT int timer_settime(timer_t timer, int flags, const itimerspec* wanted, itimerspec* before) noexcept {
-  if (call_fails("timer_settime"))
-    return -1;
+static void log_timer(int result, timer_t timer, int flags, const itimerspec* wanted) {
+  if (!log_enabled() || wanted == nullptr)
+    return;
+  log_call(result, "timer_settime %p 0x%x value=%lld.%09ld interval=%lld.%09ld", timer, static_cast<unsigned>(flags),
+           static_cast<long long>(wanted->it_value.tv_sec), wanted->it_value.tv_nsec,
+           static_cast<long long>(wanted->it_interval.tv_sec), wanted->it_interval.tv_nsec);
+}
+
+static int set_timer(timer_t timer, int flags, const itimerspec* wanted, itimerspec* before) {
   if (!time_is_virtual() || wanted == nullptr || !is_valid(wanted->it_value) || !is_valid(wanted->it_interval))
     return SOFTDVB_REAL(timer_settime)(timer, flags, wanted, before);
   const Clock_kind kind = timer_kind(timer);
@@ -245,6 +253,14 @@ SOFTDVB_EXPORT int timer_settime(timer_t timer, int flags, const itimerspec* wan
   const int result = SOFTDVB_REAL(timer_settime)(timer, flags, &real, before);
   if (result == 0)
     to_virtual_timer(before, kind);
+  return result;
+}
+
+SOFTDVB_EXPORT int timer_settime(timer_t timer, int flags, const itimerspec* wanted, itimerspec* before) noexcept {
+  if (call_fails("timer_settime"))
+    return -1;
+  const int result = set_timer(timer, flags, wanted, before);
+  log_timer(result, timer, flags, wanted);
   return result;
 }
 

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <iconv.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -121,6 +122,14 @@ TEST(Faults, converters_timers_threads_and_clocks) {
   softdvb_control("fault settimeofday = EPERM*1");
   const timeval now{1, 0};
   EXPECT_EQ(-EPERM, result(settimeofday(&now, nullptr)));
+}
+
+TEST(Faults, lines_that_are_wrong_are_told_and_do_nothing) {
+  auto* control = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_DEFAULT, "softdvb_control"));
+  ASSERT_NE(nullptr, control);
+  EXPECT_EQ("softdvb: fault: 'nonsense' is no call that can be made to fail\n",
+            support::stderr_of([&] { EXPECT_EQ(-1, control("fault nonsense = EIO")); }));
+  EXPECT_EQ("", support::stderr_of([&] { EXPECT_EQ(0, control("# nothing")); }));
 }
 
 TEST(Faults, a_reopened_frontend_without_core_thread) {

@@ -62,6 +62,7 @@ static const Wrong WRONG[] = {
     {{"--section", "18=lose"}, "section: 'lose' is none of drop, cut:BYTES, double, crc, silence"},
     {{"--section", "18=cut:0"}, "section: cut:0 leaves nothing; use drop"},
     {{"--fault", "open"}, "fault: 'open' is not of the form CALL[(GLOB)]=ERRNO[@FIRST][*COUNT]"},
+    {{"--fault", "opne=EIO"}, "fault: 'opne' is no call that can be made to fail"},
     {{"--fault", "open=EWHAT"}, "fault: 'EWHAT' is no name of an error, such as EIO"},
     {{"--fault", "open=EIO*0"}, "fault: '*0' means no call at all"},
     {{"--time", "x0"}, "time: '0' is not a positive number"},
@@ -129,6 +130,21 @@ TEST(Launcher, leaves_nothing_behind) {
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
   run_program({"env", "TMPDIR=" + folder.path(), support::softdvb_launcher(), "--keep", "--", "true"});
   EXPECT_FALSE(std::filesystem::is_empty(folder.path()));
+}
+
+TEST(Launcher, keeps_the_root_it_was_given) {
+  support::Temp_dir folder;
+  const std::string root = folder.file("box");
+  EXPECT_EQ(0, softdvb({"--root", root, "--", "sh", "-c", "echo text >/dvbfiles/a"}).exit_code);
+  EXPECT_EQ("text\n", support::read_file(root + "/dvbfiles/a"));
+  EXPECT_EQ("text\n", softdvb({"--root", root, "--", "cat", "/dvbfiles/a"}).out);
+}
+
+TEST(Launcher, works_inside_itself) {
+  const std::string stream = "506000000=" SOFTDVB_STREAMS "/counting.188.ts";
+  const Softdvb_run run = softdvb({"--adapter", "1", "--", support::softdvb_launcher(), "--mux", stream, "--once",
+                                   "--pace", "fast", "--", SOFTDVB_LISTEN, "tune=506000000", "count=2"});
+  EXPECT_EQ("0 1 ", run.out) << run.err;
 }
 
 TEST(Launcher, help_lists_every_option) {

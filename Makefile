@@ -58,10 +58,10 @@ bench: packages-build+test+bench
 	@cmake --build --preset release -j$(JOBS)
 	@bench/run build/release
 
-soak: packages-build+test
-	@cmake --preset dev
-	@cmake --build --preset dev -j$(JOBS)
-	@bench/soak build/dev
+soak: packages-build+test+bench
+	@cmake --preset release
+	@cmake --build --preset release -j$(JOBS)
+	@bench/soak build/release
 
 cross: packages-build+cross
 	@cmake --preset mipsel

@@ -3,8 +3,9 @@
 //   scan_probe open DB         only opens the database
 //   scan_probe scan DB FREQ    scans FREQ; worker's CPU time until the answer, peak memory then
 //   scan_probe idle DB FREQ    scans FREQ, whose stream then stops, and counts allocations in the worker's idle passes
+//   scan_probe soak DB FREQ N  scans FREQ N times, with the guide in between; memory, descriptors, threads each time
 
-#include <malloc.h>
+#include <dirent.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -62,6 +63,47 @@ void print_peak_memory() {
   }
 }
 
+int entries(const char* folder) {
+  int n = 0;
+  DIR* list = opendir(folder);
+  while (list != nullptr && readdir(list) != nullptr) {
+    ++n;
+  }
+  if (list != nullptr) {
+    (void)closedir(list);
+  }
+  return n;
+}
+
+int memory_kib() {
+  FILE* file = fopen("/proc/self/statm", "re");
+  int pages = 0;
+  if (file != nullptr) {
+    (void)!fscanf(file, "%*d %d", &pages);
+    (void)fclose(file);
+  }
+  return static_cast<int>(pages * (sysconf(_SC_PAGESIZE) / 1024));
+}
+
+int soak(Sdbl& database, Kelvo& kelvo, int freq, int rounds) {
+  for (int round = 0; round < rounds; ++round) {
+    if (kelvo.tune_to_freq(freq, &answered, on_answer) == 0) {
+      fprintf(stderr, "scan_probe: no lock\n");
+      return 1;
+    }
+    answered.acquire();
+    sleep(5);  // The guide is collected.
+    int services = 0;
+    int events = 0;
+    (void)database.sql_get_int(&services, 0, "SELECT count(*) FROM kanalid WHERE scan_state = 1;");
+    (void)database.sql_get_int(&events, 0, "SELECT count(*) FROM epglist;");
+    printf("round=%d memory=%d descriptors=%d threads=%d services=%d events=%d\n", round, memory_kib(),
+           entries("/proc/self/fd"), entries("/proc/self/task"), services, events);
+    (void)fflush(stdout);
+  }
+  return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -85,7 +127,7 @@ void* realloc(void* old, size_t size) {
 
 int main(int argc, char** argv) {
   if (argc < 3 || (strcmp(argv[1], "open") != 0 && argc < 4)) {
-    fprintf(stderr, "usage: scan_probe open DB | scan DB FREQ | idle DB FREQ\n");
+    fprintf(stderr, "usage: scan_probe open DB | scan DB FREQ | idle DB FREQ | soak DB FREQ N\n");
     return 2;
   }
   verbosity_kelvo = -1;
@@ -95,6 +137,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   Kelvo kelvo(0, 0, 0, &database, true, nullptr);
+  if (strcmp(argv[1], "soak") == 0) {
+    return argc < 5 ? 2 : soak(database, kelvo, atoi(argv[3]), atoi(argv[4]));
+  }
   if (kelvo.tune_to_freq(atoi(argv[3]), &answered, on_answer) == 0) {
     fprintf(stderr, "scan_probe: no lock\n");
     return 1;

@@ -41,8 +41,8 @@ enum : int {
 //     into the database.
 //   - The first scan of an empty database collects no events, because the list of services is made when tuning: repeat
 //     the frequency request to fill the guide.
-//   - While scanning, a file /tmp/testsig with a hexadecimal number makes the change callback receive that number,
-//   once.
+//   - While scanning, a file /tmp/testsig with a hexadecimal number is removed and its number handed to the change
+//     callback.
 //
 // Threads: create, use and destroy it on the host's threads; every operation is any-thread and short, except that
 // tune_to_freq without a channel tunes (150 ms at most) and export_channel_db writes. Callbacks come from the worker
@@ -71,10 +71,9 @@ class KELVO_EXPORT Kelvo {
   void set_verbosity(int level);
 
   // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
-  //   channel -1: tunes now; 0 when there is no lock (nothing requested), else -1, and `done(data, result)` follows
-  //   from
-  //     the worker: 0 the scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s). It is called
-  //     only when `data` is not null.
+  //   channel -1: tunes now; 0 when there is no lock (nothing requested), else -1, and the worker calls
+  //     `done(data, result)` later: 0 the scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s).
+  //     It is called only when `data` is not null; at every pass on DVB-H.
   //   a channel: -1 at once; the worker tunes. `done` is never called, `data` is not kept. On a frequency that is tuned
   //     already nothing happens.
   // A new request replaces one that has not been answered.

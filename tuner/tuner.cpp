@@ -169,7 +169,9 @@ int Tuner::fe_freq() {
 }
 
 int Tuner::fe_status() {
-  fe_status_t status{};
+  // Not the enum type: the box's driver sets bits that it does not have.
+  uint32_t status = 0;
+  static_assert(sizeof status == sizeof(fe_status_t));
   if (control(FE_READ_STATUS, &status) < 0) {
     KLOG(VERB_ERROR, "ERROR: FE_READ_STATUS failed for %s failed\n", path_);
     return last_status_;

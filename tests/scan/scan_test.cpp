@@ -1,4 +1,5 @@
 // Frequency requests on made streams: what a host is told and what the database holds afterwards.
+#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -288,6 +289,36 @@ TEST_F(Scan_test, request_that_fails_ends_the_scan_under_way_without_a_merge) {
                                     "sleep 5\n");
     EXPECT_EQ("freq -1\ntrue\nfreq 0\ndone 0 0\nend\n", failed.lines()) << freq;
     EXPECT_EQ("0\n", sql("SELECT count(*) FROM kanalid")) << freq;
+  }
+}
+
+TEST_F(Scan_test, each_line_of_progress_appears_at_its_level_and_not_below) {
+  const std::string file = stream();
+  struct Line {
+    const char* text;
+    int level;
+  };
+  const Line lines[] = {{"WARNING: Loop init, local channel is -1\n", 1},
+                        {"WARNING: Starting kelvo PAT/PMT", 1},
+                        {"WARNING: Stopping kelvo scanner\n", 1},
+                        {"WARNING: Running backup\n", 1},
+                        {"Starting scan from PAT", 2},
+                        {"MSG: Captured channel eit info\n", 4}};
+  for (int level = 0; level <= 4; ++level) {
+    const Scan_run scan = run(on_freq(file), "verbosity " + std::to_string(level) +
+                                                 "\n"
+                                                 "kelvo 0 tuner\n"
+                                                 "freq 0 506000000\n"
+                                                 "wait_done 0 60\n"
+                                                 "export 0\n"
+                                                 "wait_change 0 8 20\n"
+                                                 "scan 0 off\n"
+                                                 "sleep 3\n"
+                                                 "verbosity -1\n");
+    for (const Line& line : lines)
+      EXPECT_EQ(level >= line.level, scan.count_err(line.text) > 0) << line.text << " at " << level;
+    EXPECT_EQ(level >= 3, std::regex_search(scan.err, std::regex("M:[0-9]+\t"))) << level;
+    EXPECT_EQ(level >= 3, std::regex_search(scan.err, std::regex("OK MSG at loop [1-9][0-9]*\t"))) << level;
   }
 }
 

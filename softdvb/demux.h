@@ -84,7 +84,7 @@ class Dvr_handle : public Handle {
   bool has_room(size_t n) const { return queue_.patient_room(n); }
 
  private:
-  Byte_queue queue_{10 * 1024 * TS_PACKET};
+  Byte_queue queue_{size_t{10} * 1024 * TS_PACKET};
 };
 
 // The feeds of one adapter in this process. REQUIRES Device_lock for everything.

@@ -66,7 +66,7 @@ static std::string find_program(const std::string& name) {
   std::string folders = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
   for (size_t at = 0; at <= folders.size();) {
     const size_t end = std::min(folders.find(':', at), folders.size());
-    const std::string file = folders.substr(at, end - at) + "/" + name;
+    std::string file = folders.substr(at, end - at) + "/" + name;
     if (access(file.c_str(), X_OK) == 0)
       return file;
     at = end + 1;
@@ -102,7 +102,7 @@ static std::string needed_sanitizer(const std::string& image) {
       const size_t name_at = strings.sh_offset + dynamic.d_un.d_val;
       if (dynamic.d_tag != DT_NEEDED || name_at >= image.size())
         continue;
-      const std::string name = image.c_str() + name_at;
+      std::string name = image.c_str() + name_at;
       if (name.rfind("libasan.so", 0) == 0 || name.rfind("libtsan.so", 0) == 0)
         return name;
     }
@@ -232,6 +232,7 @@ int run_command(const Config& config, const std::vector<std::string>& command) {
   if (pipe2(report, O_CLOEXEC) != 0)
     throw std::runtime_error(std::string("pipe: ") + strerror(errno));
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& word : command)
     arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);

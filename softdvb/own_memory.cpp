@@ -8,6 +8,10 @@
 
 #include "softdvb/real.h"
 
+#ifndef __clang__
+#pragma GCC optimize("no-tree-loop-distribute-patterns")  // which makes calls of memcpy out of loops like these
+#endif
+
 static void* take(size_t n) {
   void* at = SOFTDVB_REAL(malloc)(n == 0 ? 1 : n);
   if (at == nullptr)

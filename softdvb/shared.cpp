@@ -22,6 +22,7 @@ Shared* map_shared(const char* file) {
   if (fd < 0)
     return nullptr;
   // Every argument as wide as a register: syscall() takes what it is given.
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the system call returns addresses as numbers
   void* at = reinterpret_cast<void*>(syscall(SYS_mmap, nullptr, sizeof(Shared), long{PROT_READ | PROT_WRITE},
                                              long{MAP_SHARED}, static_cast<long>(fd), 0L));
   syscall(SYS_close, fd);

@@ -29,7 +29,7 @@ static File open_file(const std::string& name) {
 
 Stream_layout detect_layout(const std::string& name) {
   const File file = open_file(name);
-  std::vector<uint8_t> head(204 * 64);
+  std::vector<uint8_t> head(size_t{204} * 64);
   head.resize(std::fread(head.data(), 1, head.size(), file.get()));
   std::fseek(file.get(), 0, SEEK_END);
   const uint64_t size = static_cast<uint64_t>(std::ftell(file.get()));
@@ -80,7 +80,7 @@ static std::vector<Clock_reference> clock_references(const std::string& name, co
   const File file = open_file(name);
   std::fseek(file.get(), static_cast<long>(layout.first_offset), SEEK_SET);
   std::vector<Clock_reference> found;
-  std::vector<uint8_t> block(layout.packet_size * 512);
+  std::vector<uint8_t> block(size_t{layout.packet_size} * 512);
   int pcr_pid = -1;
   for (uint64_t packet = 0; packet < layout.packets;) {
     const size_t got = std::fread(block.data(), 1, block.size(), file.get());

@@ -105,6 +105,7 @@ SOFTDVB_EXPORT int statx(int folder, const char* __restrict path, int flags, uns
 }
 
 // What programs built with an old glibc call.
+// NOLINTBEGIN(bugprone-macro-parentheses): a type cannot stand in parentheses
 #define SOFTDVB_XSTAT(name, type)                                                      \
   extern "C" int name(int version, const char* path, type* st) noexcept;               \
   SOFTDVB_EXPORT int name(int version, const char* path, type* st) noexcept {          \
@@ -130,6 +131,8 @@ SOFTDVB_FXSTAT(__fxstat64, struct stat64)
   }
 SOFTDVB_FXSTATAT(__fxstatat, struct stat)
 SOFTDVB_FXSTATAT(__fxstatat64, struct stat64)
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Streams.
 
@@ -336,7 +339,7 @@ SOFTDVB_EXPORT int scandir64(const char* __restrict path, dirent64*** __restrict
 
 SOFTDVB_EXPORT iconv_t iconv_open(const char* to, const char* from) {
   if (call_fails("iconv_open", from))
-    return reinterpret_cast<iconv_t>(-1);
+    return reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): how iconv_open says no
   return SOFTDVB_REAL(iconv_open)(to, from);
 }
 

@@ -13,18 +13,12 @@
 
 #include <gtest/gtest.h>
 
-#include "base/log.h"
 #include "kelvo/main_thread.h"
 #include "support/support.h"
+#include "support/verbosity.h"
 #include "tuner/monitor_thread.h"
 
 namespace {
-
-class Verbosity {
- public:
-  explicit Verbosity(int level) { verbosity_kelvo = level; }
-  ~Verbosity() { verbosity_kelvo = 0; }
-};
 
 // Works for a flag that its owner clears, as the library's own threads do.
 class Polling_thread : public COrbelThreadKelvo {
@@ -52,9 +46,9 @@ class Polling_thread : public COrbelThreadKelvo {
   }
 };
 
-std::string formatted(const char* format, int rc, unsigned thread, int from, int to) {
+std::string first_line(int rc, unsigned thread, int from, int to) {
   char text[200];
-  std::snprintf(text, sizeof text, format, rc, thread, from, to);
+  std::snprintf(text, sizeof text, "rc %d, Changing thread %x priority from %d to %d\n", rc, thread, from, to);
   return text;
 }
 
@@ -130,22 +124,19 @@ TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
   ASSERT_EQ(0, thread.Start(nullptr));
-  const Verbosity verbosity(4);
+  const support::Verbosity verbosity(4);
   const std::string text = support::stderr_of([&] { thread.SetPrio(10); });
   running = false;
   thread.Stop();
   const auto address = static_cast<int>(reinterpret_cast<uintptr_t>(static_cast<COrbelThreadKelvo*>(&thread)));
-  EXPECT_EQ(formatted("rc %d, Changing thread %x priority from %d to %d\n", 0,
-                      static_cast<unsigned>(thread.getThreadId()), address, 10) +
-                " rc = 0 After change 0\n",
-            text);
+  EXPECT_EQ(first_line(0, static_cast<unsigned>(thread.getThreadId()), address, 10) + " rc = 0 After change 0\n", text);
 }
 
 TEST(Thread, set_prio_is_silent_at_verbosity_3) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
   ASSERT_EQ(0, thread.Start(nullptr));
-  const Verbosity verbosity(3);
+  const support::Verbosity verbosity(3);
   EXPECT_EQ("", support::stderr_of([&] { thread.SetPrio(10); }));
   running = false;
   thread.Stop();
@@ -155,7 +146,7 @@ TEST(Thread, set_prio_passes_any_number_on_to_the_message_only) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
   ASSERT_EQ(0, thread.Start(nullptr));
-  const Verbosity verbosity(4);
+  const support::Verbosity verbosity(4);
   const std::string text = support::stderr_of([&] { thread.SetPrio(-5); });
   running = false;
   thread.Stop();

@@ -1,6 +1,7 @@
 // Exports, the test signal, failing devices and the end, in the middle of a scan.
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -229,6 +230,22 @@ TEST_F(Scan_states_test, default_parameters_use_7_mhz_up_to_399999999_hz_and_8_m
             tuned.logged({"FE_SET_FRONTEND freq=177500000 inv=0 bw=1 hp=9 lp=9 const=6 mode=3 guard=4 hier=0"}).size());
   EXPECT_EQ(1U, tuned.logged({"FE_SET_FRONTEND freq=399999999 inv=0 bw=1 "}).size());
   EXPECT_EQ(1U, tuned.logged({"FE_SET_FRONTEND freq=400000000 inv=0 bw=0 "}).size());
+}
+
+TEST_F(Scan_states_test, quirk_default_transmission_mode_is_the_number_3) {
+  Scan_run tuned;
+  with_options({}, "kelvo 0 tuner\nfreq 0 506000000\n", &tuned);
+  EXPECT_EQ(tuned.logged({"FE_SET_FRONTEND"}).size(), tuned.logged({"FE_SET_FRONTEND", " mode=3 "}).size());
+}
+
+TEST_F(Scan_states_test, quirk_last_sleep_of_a_tuning_is_not_followed_by_a_test) {
+  // Tests are made after 0, 50 and 100 ms; then 50 ms are waited for nothing.
+  for (const auto& [delay, result] : {std::pair{"70", "freq -1\n"}, std::pair{"130", "freq 0\n"}}) {
+    std::vector<std::string> options = on_freq(stream());
+    options.insert(options.end(), {"--lock-delay", delay});
+    const Scan_run tuned = run(options, "kelvo 0 tuner\nfreq 0 506000000\n", 1);
+    EXPECT_EQ(result, tuned.lines({"freq"})) << delay;
+  }
 }
 
 TEST_F(Scan_states_test, parameters_of_the_nit_are_used_for_the_next_tuning) {

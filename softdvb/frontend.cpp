@@ -33,12 +33,43 @@ static void power_down(Frontend& fe) {
   fe.event_read = fe.event_write = fe.event_overflow = 0;
 }
 
-static bool has_writer(Frontend& fe, uint64_t now_ns) {
+static std::string writer_lock_file(const Adapter& a) {
+  return std::string(shared()->run_dir) + "/writer" + std::to_string(a.number);
+}
+
+// An open file whose lock follows the descriptors over dup and fork, and ends with the last of them; -1: taken.
+static int take_writer_lock(const Adapter& a, bool close_on_exec) {
+  const int flags = O_RDWR | O_CREAT | O_CLOEXEC;
+  int fd = SOFTDVB_REAL(open)(writer_lock_file(a).c_str(), flags, 0600);
+  if (fd < 0)
+    return -1;
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    SOFTDVB_REAL(close)(fd);
+    return -1;
+  }
+  // Out of the way: the program's next descriptor is the lowest free number, as it would be with a device.
+  for (const int lowest : {900, 200, 100}) {
+    const int high = SOFTDVB_REAL(fcntl)(fd, close_on_exec ? F_DUPFD_CLOEXEC : F_DUPFD, lowest);
+    if (high < 0)
+      continue;
+    SOFTDVB_REAL(close)(fd);
+    return high;
+  }
+  return fd;
+}
+
+static bool has_writer(Adapter& a, uint64_t now_ns) {
+  Frontend& fe = a.fe;
   if (fe.writer_pid == 0)
     return false;
   if (is_process_alive(fe.writer_pid))
     return true;
-  fe.writer_pid = 0;  // died without a close
+  // It died without a close, but a child may have inherited the handle.
+  const int free_lock = take_writer_lock(a, true);
+  if (free_lock < 0)
+    return true;
+  SOFTDVB_REAL(close)(free_lock);
+  fe.writer_pid = 0;
   fe.closed_at_ns = now_ns;
   return false;
 }
@@ -126,7 +157,7 @@ static void add_event(Adapter& a, uint32_t status) {
 // REQUIRES the shared lock.
 static void settle(Adapter& a, uint64_t now_ns) {
   Frontend& fe = a.fe;
-  const bool held = has_writer(fe, now_ns) || fe.externally_tuned != 0;
+  const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
   if (!held) {
     if (fe.powered != 0 && fe.closed_at_ns != 0 && now_ns >= fe.closed_at_ns + SLEEP_AFTER_CLOSE_NS)
       power_down(fe);
@@ -182,31 +213,6 @@ void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
   fe.next_look_ns = now_ns + a.look_interval_ns;
   a.stream_epoch_ns.store(0, std::memory_order_relaxed);
   a.stream_generation.fetch_add(1, std::memory_order_release);
-}
-
-static std::string writer_lock_file(const Adapter& a) {
-  return std::string(shared()->run_dir) + "/writer" + std::to_string(a.number);
-}
-
-// An open file whose lock follows the descriptors over dup and fork, and ends with the last of them; -1: taken.
-static int take_writer_lock(const Adapter& a, bool close_on_exec) {
-  const int flags = O_RDWR | O_CREAT | O_CLOEXEC;
-  int fd = SOFTDVB_REAL(open)(writer_lock_file(a).c_str(), flags, 0600);
-  if (fd < 0)
-    return -1;
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    SOFTDVB_REAL(close)(fd);
-    return -1;
-  }
-  // Out of the way: the program's next descriptor is the lowest free number, as it would be with a device.
-  for (const int lowest : {900, 200, 100}) {
-    const int high = SOFTDVB_REAL(fcntl)(fd, close_on_exec ? F_DUPFD_CLOEXEC : F_DUPFD, lowest);
-    if (high < 0)
-      continue;
-    SOFTDVB_REAL(close)(fd);
-    return high;
-  }
-  return fd;
 }
 
 Frontend_handle::Frontend_handle(int adapter_index, int open_flags, int lock_fd)
@@ -278,7 +284,7 @@ static int read_signal(Adapter& a, Reading reading, uint64_t now_ns, uint32_t* v
   if ((a.missing_readings & 1u << static_cast<int>(reading)) != 0)
     return -ERROR_NOT_SUPPORTED;
   Frontend& fe = a.fe;
-  if (!has_writer(fe, now_ns) && fe.externally_tuned == 0)
+  if (!has_writer(a, now_ns) && fe.externally_tuned == 0)
     return -EAGAIN;
   if (fe.dead != 0)
     return -EAGAIN;
@@ -321,7 +327,7 @@ static int answer(Adapter& a, unsigned long request, void* argument, uint64_t no
       *static_cast<dvb_frontend_info*>(argument) = frontend_info(a);
       return 0;
     case FE_READ_STATUS: {
-      const bool held = has_writer(fe, now_ns) || fe.externally_tuned != 0;
+      const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
       *static_cast<fe_status_t*>(argument) = static_cast<fe_status_t>(held ? driver_status(a, now_ns) : 0);
       return 0;
     }

@@ -113,6 +113,25 @@ TEST(Processes, a_child_that_keeps_the_writer_keeps_the_place) {
   EXPECT_GE(again, 0);
 }
 
+TEST(Processes, a_daemon_that_inherited_the_writer_keeps_the_tuning) {
+  EXPECT_TRUE(in_child([] {
+    const int fd = open_frontend();
+    if (tune(fd) != 0)
+      return false;
+    if (fork() == 0) {
+      usleep(6000000);
+      _exit(0);
+    }
+    return true;
+  }));
+  usleep(2000000);
+  const Fd reader(open_frontend(O_RDONLY));
+  fe_status_t status{};
+  EXPECT_EQ(0, ioctl(reader, FE_READ_STATUS, &status));
+  EXPECT_EQ(0x1F, status);
+  EXPECT_EQ(-EBUSY, result(open_frontend()));
+}
+
 TEST(Processes, handles_of_dead_ones_are_free_again) {
   EXPECT_TRUE(in_child([] {
     for (int i = 0; i < 250; ++i)

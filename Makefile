@@ -64,6 +64,7 @@ soak: packages-build+test+bench
 	@bench/soak build/release
 
 cross: packages-build+cross
+	@packaging/mipsel-root
 	@cmake --preset mipsel
 	@cmake --build --preset mipsel -j$(JOBS)
 	@packaging/check-cross build/mipsel

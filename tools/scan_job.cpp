@@ -129,7 +129,8 @@ Multiplex_result Scan_adapter::scan(int freq) {
   Request* request = nullptr;
   {
     const std::lock_guard lock(mutex_);
-    request = &requests_.emplace_back(Request{this});
+    requests_.push_back({this});
+    request = &requests_.back();
   }
   if (kelvo_->tune_to_freq(freq, request, on_answer) == 0) {
     out.outcome = Outcome::NO_LOCK;

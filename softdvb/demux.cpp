@@ -186,7 +186,7 @@ int Demux_handle::change_pids(bool add, int pid) {
   const auto at = std::find(more_pids_.begin(), more_pids_.end(), pid);
   if (add && at == more_pids_.end())
     more_pids_.push_back(pid);
-  if (!add && at != more_pids_.end())
+  else if (!add && at != more_pids_.end())
     more_pids_.erase(at);
   demux_of(adapter_index()).pids_changed();
   return 0;

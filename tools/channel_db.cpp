@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int BUSY_WAIT_MS = 2000;
-constexpr uint64_t LEAST_FREE_BYTES = 1024 * 1024;
+constexpr uint64_t LEAST_FREE_BYTES = 1'048'576;
 
 constexpr const char* SERVICE_COLUMNS =
     "SELECT channel, lcn, serv_name, serv_type, prov_name, network_name, freq, pat_prnr, network_id, orig_network_id, "

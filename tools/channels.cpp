@@ -127,7 +127,7 @@ std::string database_to_read(const std::string& named) {
   if (!named.empty()) {
     return named;
   }
-  const std::string file = default_database();
+  std::string file = default_database();
   if (!std::filesystem::exists(file)) {
     make_folders_for(file);
     (void)check_database(file);

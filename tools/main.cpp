@@ -19,9 +19,7 @@ int say_failure(const std::string& text, int code) {
   return code;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   // Output is UTF-8 whatever the locale: the width of a character on the screen must be known.
   (void)setlocale(LC_CTYPE, "C.UTF-8");
   // A reader that goes away is an error of fflush(), not a silent death.
@@ -55,5 +53,17 @@ int main(int argc, char** argv) {
     return say_failure(failure.what(), failure.code());
   } catch (const std::exception& error) {
     return say_failure(error.what(), EXIT_FAILED);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (...) {
+    // Nothing of the command throws anything else; but whatever it is, it must not end in a core file.
+    (void)fputs("kelvo: failed\n", stderr);
+    return EXIT_FAILED;
   }
 }

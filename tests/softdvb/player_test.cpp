@@ -50,19 +50,20 @@ TEST(Player, goes_round_in_a_loop) {
 }
 
 TEST(Player, plays_once_and_falls_silent) {
-  const Softdvb_run run = listen(with_stream({"--time", "x20", "--once"}), {"tune=506000000", "wait=3000"});
+  const Softdvb_run run =
+      listen(with_stream({"--time", "x20", "--start", "filter", "--once"}), {"tune=506000000", "wait=3000"});
   EXPECT_EQ(numbers(0, 20), run.out);
 }
 
 TEST(Player, begins_at_the_offset) {
-  const Softdvb_run run =
-      listen(with_stream({"--time", "x20", "--once", "--offset", "1.45"}), {"tune=506000000", "wait=3000"});
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--start", "filter", "--once", "--offset", "1.45"}),
+                                 {"tune=506000000", "wait=3000"});
   EXPECT_EQ(numbers(15, 20), run.out);
 }
 
 TEST(Player, stops_after_a_time) {
-  const Softdvb_run run =
-      listen(with_stream({"--time", "x20", "--stop-after", "0.75"}), {"tune=506000000", "wait=3000"});
+  const Softdvb_run run = listen(with_stream({"--time", "x20", "--start", "filter", "--stop-after", "0.75"}),
+                                 {"tune=506000000", "wait=3000"});
   EXPECT_EQ(numbers(0, 8), run.out);
 }
 

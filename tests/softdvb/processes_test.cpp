@@ -114,22 +114,28 @@ TEST(Processes, a_child_that_keeps_the_writer_keeps_the_place) {
 }
 
 TEST(Processes, a_daemon_that_inherited_the_writer_keeps_the_tuning) {
-  EXPECT_TRUE(in_child([] {
+  int pipe_ends[2];
+  ASSERT_EQ(0, pipe(pipe_ends));
+  EXPECT_TRUE(in_child([&] {
     const int fd = open_frontend();
     if (tune(fd) != 0)
       return false;
     if (fork() == 0) {
-      usleep(6000000);
+      char byte = 0;
+      close(pipe_ends[1]);
+      (void)!read(pipe_ends[0], &byte, 1);  // until the test is over
       _exit(0);
     }
     return true;
   }));
+  close(pipe_ends[0]);
   usleep(2000000);
   const Fd reader(open_frontend(O_RDONLY));
   fe_status_t status{};
   EXPECT_EQ(0, ioctl(reader, FE_READ_STATUS, &status));
   EXPECT_EQ(0x1F, status);
   EXPECT_EQ(-EBUSY, result(open_frontend()));
+  close(pipe_ends[1]);
 }
 
 TEST(Processes, handles_of_dead_ones_are_free_again) {

@@ -1,5 +1,5 @@
 // Frequency requests on made streams: what a host is told and what the database holds afterwards.
-#include <regex>
+#include <cctype>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,6 +14,18 @@ constexpr char SCAN_ONCE[] =
     "kelvo 0 tuner\n"
     "freq 0 506000000\n"
     "wait_done 0 100\n";
+
+// Whether `before`, digits and a tabulator stand in `text`.
+bool has_number(const std::string& text, const std::string& before) {
+  for (size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
+    size_t end = at + before.size();
+    while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0)
+      ++end;
+    if (end > at + before.size() && end < text.size() && text[end] == '\t')
+      return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -317,8 +329,8 @@ TEST_F(Scan_test, each_line_of_progress_appears_at_its_level_and_not_below) {
                                                  "verbosity -1\n");
     for (const Line& line : lines)
       EXPECT_EQ(level >= line.level, scan.count_err(line.text) > 0) << line.text << " at " << level;
-    EXPECT_EQ(level >= 3, std::regex_search(scan.err, std::regex("M:[0-9]+\t"))) << level;
-    EXPECT_EQ(level >= 3, std::regex_search(scan.err, std::regex("OK MSG at loop [1-9][0-9]*\t"))) << level;
+    EXPECT_EQ(level >= 3, has_number(scan.err, "M:")) << level;
+    EXPECT_EQ(level >= 3, has_number(scan.err, "OK MSG at loop ")) << level;
   }
 }
 

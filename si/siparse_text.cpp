@@ -45,7 +45,7 @@ std::string* Siparse::dvb_text_to_utf8(std::string* text) {
     converter = &iso8859_[selector + 4 - 1];
     reported = selector + 3;  // Deliberate: an error names the table less one.
   } else if (selector == 0x10) {
-    const int table = static_cast<signed char>(byte(2));
+    const int table = static_cast<signed char>(byte(2));  // NOLINT(bugprone-signed-char-misuse)
     KLOG(VERB_TRACE, "long list iso8859-%d\n", table);
     start = 3;
     if (table >= 1 && table <= 15) {

@@ -50,6 +50,13 @@ class Scan_test : public testing::Test {
   // Runs scan_host with a script, `open` and nothing else before it. Fails the test when it does not end well.
   Scan_run run(std::vector<std::string> options, const std::string& script, int speed = 20);
 
+  // Expects `seconds` of the host's time to be `at_least` and not a second more, but for what a busy machine makes of
+  // it: up to 0.25 s of its own time late, 0.05 s early between two of the host's lines.
+  static void expect_seconds(double at_least, double seconds, int speed = 20) {
+    EXPECT_GE(seconds, at_least - 0.05 * speed);
+    EXPECT_LE(seconds, at_least + 1 + 0.25 * speed);
+  }
+
   std::string database() const { return folder_.file("dvb.db"); }
   std::string sandbox() const { return folder_.file("root"); }
   std::string dump(const support::Dump_options& options = {.guide = false}) const {

@@ -64,6 +64,7 @@ Sdbl::Sdbl(const char* db_file)
     throw;
   }
   preferred_provider = "levira";
+  set_eit_service_types(nullptr, 0);
 }
 
 Sdbl::~Sdbl() {

@@ -272,9 +272,15 @@ class KELVO_EXPORT Sdbl {
 
   // --- Services whose guide is collected -------------------------------------------------------------------------
 
-  // Appends one entry for each television service (serv_type 1) of the multiplex to `list`, with its stored events,
-  // and returns `list`. Any state but SCAN_EIT prints an error, and the list is built all the same. Worker-only, as are
-  // the next two.
+  // Which service types (EN 300 468, table 87) get_eit_scan_list lists, and so whose guide is collected and whose PMTs
+  // are read again. Default: 1 only, digital television; networks of today send 17, 22, 25 and 31 as well, and 2 and 10
+  // for radio. Copies `n` values, 0 to 255 (others name no service and are left out); null or nothing left restores the
+  // default. Takes effect when the next list is built, at the next tuning. Any-thread.
+  void set_eit_service_types(const int* types, int n);
+
+  // Appends one entry for each service of the multiplex whose type is collected (see above) to `list`, with its stored
+  // events, and returns `list`. Any state but SCAN_EIT prints an error, and the list is built all the same.
+  // Worker-only, as are the next two.
   std::list<SQL_cache*>* get_eit_scan_list(int dvbnr, int dvb_type, int hf_conn, int freq, std::list<SQL_cache*>* list,
                                            SCAN_STATE state);
 
@@ -334,7 +340,8 @@ class KELVO_EXPORT Sdbl {
 
   int epg_max_age;  // seconds
 
-  std::mutex settings_lock_;  // guards the two names
+  std::mutex settings_lock_;      // guards what follows
+  std::string eit_services_sql_;  // lists the services whose guide is collected
   std::string preferred_provider;
   std::string backup_file_name;
 };

@@ -6,6 +6,9 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <set>
+#include <string>
+#include <utility>
 
 #include <climits>
 
@@ -42,7 +45,37 @@ void arm(timer_t timer) {
   (void)timer_settime(timer, 0, &wait, nullptr);  // fails only for a timer that could not be made
 }
 
+// Lists the services of a multiplex whose serv_type meets `condition`.
+std::string services_sql(const std::string& condition) {
+  return "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn "
+         "AND dvb_type = $dvb_type AND freq = $freq AND serv_type " +
+         condition + ";";
+}
+
+constexpr int DIGITAL_TELEVISION = 1;
+constexpr int MOST_SERVICE_TYPE = 255;
+
 }  // namespace
+
+void Sdbl::set_eit_service_types(const int* types, int n) {
+  std::set<int> wanted;
+  for (int i = 0; types != nullptr && i < n; ++i)
+    if (types[i] >= 0 && types[i] <= MOST_SERVICE_TYPE)
+      wanted.insert(types[i]);
+  std::string condition = "= 1";
+  if (!wanted.empty() && wanted != std::set<int>{DIGITAL_TELEVISION}) {
+    condition = "IN (";
+    const char* separator = "";
+    for (const int type : wanted) {
+      condition += separator + std::to_string(type);
+      separator = ", ";
+    }
+    condition += ")";
+  }
+  std::string sql = services_sql(condition);
+  std::lock_guard<std::mutex> settings(settings_lock_);
+  eit_services_sql_ = std::move(sql);
+}
 
 // The stored events of a service, sorted by start.
 void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) {
@@ -67,13 +100,15 @@ std::list<SQL_cache*>* Sdbl::get_eit_scan_list(int dvbnr, int dvb_type, int hf_c
     KLOG(VERB_ERROR,
          "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using this "
          "table\n");
+  std::string sql;
+  {
+    std::lock_guard<std::mutex> settings(settings_lock_);
+    sql = eit_services_sql_;
+  }
   std::list<SQL_cache*> found;
   {
     Db_lock lock(db);
-    sqlite3_stmt* stmt = sql_cache(false, dvbnr,
-                                   "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn "
-                                   "AND dvb_type = $dvb_type AND freq = $freq AND serv_type = 1;",
-                                   hf_conn, dvb_type, freq);
+    sqlite3_stmt* stmt = sql_cache(false, dvbnr, sql.c_str(), hf_conn, dvb_type, freq);
     if (stmt == nullptr)
       return list;
     while (sqlite3_step(stmt) == SQLITE_ROW) {

@@ -171,6 +171,10 @@ bool Kelvo::time_valid() const {
   return parser_->systime_valid();
 }
 
+void Kelvo::eit_progress(std::vector<EIT_progress>* progress) const {
+  parser_->get_eit_progress(progress);
+}
+
 void Kelvo::export_channel_db(const char* file) {
   database_->backup_channel_database(file);
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "base/export.h"
 #include "base/log.h"
@@ -92,6 +93,11 @@ class KELVO_EXPORT Kelvo {
   // Deletes or creates the tuner. Any use of it by another thread ends first, so disconnecting may take 150 ms more
   // than ~Tuner while somebody tunes. The same state again does nothing. Prints what it does at verbosity 3.
   void set_tuner(bool connect);
+
+  // Replaces the contents of `progress` by one entry for each service whose guide is collected on the multiplex tuned;
+  // see EIT_progress for when a guide is complete. Empty until a request has been picked up, and after the first scan
+  // of an empty database. Has no effect on the scan and does not wait for it.
+  void eit_progress(std::vector<EIT_progress>* progress) const;
 
   // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
   bool time_valid() const;

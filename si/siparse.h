@@ -8,10 +8,13 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "base/export.h"
 #include "base/types.h"
+#include "si/eit_progress.h"
 
 class ConditionalAccessSection;
 class Descriptor;
@@ -37,8 +40,8 @@ class Safe_copy;
 // and drives the scan on by adding and removing section filters. A PAT opens the filters for NIT, PMTs and SDT; each
 // table closes its own filter when it has been read.
 //
-// Kelvo creates one per adapter and deletes it; nothing but the two flags systime_valid() and get_eit_stored() is for
-// other threads: everything else is *worker-only*. There are no locks.
+// Kelvo creates one per adapter and deletes it; nothing but systime_valid(), get_eit_stored() and get_eit_progress() is
+// for other threads: everything else is *worker-only*. The one lock guards the copy of the guide's progress.
 //
 // What surprises:
 //   - Versions are looked at for PMTs of known services only (SCAN_PMT); elsewhere a section counts when its
@@ -109,6 +112,11 @@ class KELVO_EXPORT Siparse {
   // Starts a new round over that list.
   void reset_cache_list();
 
+  // Replaces the contents of `progress` by one entry for each service of that list, in its order: as it was after the
+  // last section of the guide that changed anything. Empty before a tuning and when the list is. Changes nothing and
+  // never waits for the worker's work. Any-thread.
+  void get_eit_progress(std::vector<EIT_progress>* progress) const;
+
   // One EIT section of the actual multiplex (EN 300 468, 5.2.4).
   void parse_section_eit(EventInformationSection* section, int freq);
 
@@ -160,6 +168,9 @@ class KELVO_EXPORT Siparse {
   void store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms, int start,
                    int duration);
   void open_next_eit_table(int freq, int table_id);
+  void note_schedule_table(int service_id, int last_table);
+  void count_stored_event(int service_id);
+  void publish_progress();
 
   void set_clock(unsigned mjd, unsigned hms_bcd, time_t now);
 
@@ -200,6 +211,14 @@ class KELVO_EXPORT Siparse {
   bool eit_info_available_ = false;
   std::atomic<int> eit_stored_ = 0;
   int section_counter_ = 0;
+
+  // What hosts may know of cache_list_: `progress_` is the worker's, `published_` its copy for everybody.
+  std::vector<EIT_progress> progress_;
+  bool progress_changed_ = false;
+  bool guide_ended_ = false;          // the last table has been closed
+  mutable std::mutex progress_lock_;  // guards published_; a leaf
+  std::vector<EIT_progress> published_;
+
   int eit_mismatches_ = 0;
 
   // CA of a PMT's programme loop.

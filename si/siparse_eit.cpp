@@ -35,17 +35,64 @@ int Siparse::start_eit_scan(int freq, SCAN_STATE) {
   eit_info_available_ = false;
   filter_->remove_filter_range(PID_EIT, PRESENT_FOLLOWING, LAST_SCHEDULE);
   filter_->addfilter(PID_EIT, PRESENT_FOLLOWING, freq);
+  guide_ended_ = false;
+  for (EIT_progress& service : progress_)
+    service.table = PRESENT_FOLLOWING;
+  publish_progress();
   return 0;
 }
 
 int Siparse::init_cache_list(int freq, SCAN_STATE state) {
   db_->clear_eit_scan_list(cache_list_);
   cache_list_ = db_->get_eit_scan_list(dvbnr_, type_, conn_, freq, cache_list_, state);
+  guide_ended_ = false;
+  progress_.clear();
+  for (const SQL_cache* service : *cache_list_)
+    progress_.push_back(EIT_progress{service->pat_prnr, service->channel, 0, 0, true, false,
+                                     static_cast<int32_t>(service->epg.size())});
+  publish_progress();
   return 0;
 }
 
 void Siparse::reset_cache_list() {
   db_->reset_eit_scan_list(cache_list_);
+  publish_progress();
+}
+
+void Siparse::get_eit_progress(std::vector<EIT_progress>* progress) const {
+  const std::lock_guard<std::mutex> lock(progress_lock_);
+  *progress = published_;
+}
+
+void Siparse::publish_progress() {
+  progress_changed_ = false;
+  auto service = cache_list_->begin();
+  for (EIT_progress& progress : progress_) {
+    progress.active = (*service)->active && !guide_ended_;
+    progress.done = (*service)->done || guide_ended_;
+    ++service;
+  }
+  const std::lock_guard<std::mutex> lock(progress_lock_);
+  published_ = progress_;
+}
+
+void Siparse::count_stored_event(int service_id) {
+  for (EIT_progress& progress : progress_) {
+    if (progress.service_id == service_id) {
+      ++progress.events;
+      progress_changed_ = true;
+    }
+  }
+}
+
+// What a schedule section says about how many tables its service has.
+void Siparse::note_schedule_table(int service_id, int last_table) {
+  for (EIT_progress& progress : progress_) {
+    if (progress.service_id == service_id && last_table > progress.last_table && last_table <= LAST_SCHEDULE) {
+      progress.last_table = last_table;
+      progress_changed_ = true;
+    }
+  }
 }
 
 bool Siparse::get_eit_info_available() {
@@ -69,10 +116,14 @@ void Siparse::parse_section_eit(EventInformationSection* section, int freq) {
   }
   KLOG(VERB_TRACE, "TableNr: %x, TSid %x, ONetID %x, lastsecNr %x, LastTableId %x, service ID %d\n",
        static_cast<unsigned>(table_id), ts_id, orig_network_id, segment_last, last_table, service_id);
+  if (table_id != PRESENT_FOLLOWING)
+    note_schedule_table(service_id, static_cast<int>(last_table));
   if (section->getEvents()->empty()) {
     KLOG(VERB_TRACE, "parse_section_eit: event list equal, exiting scan\n");
     KLOG(VERB_TRACE, "TSid %x, ONetID %x, SecNr %x, lastsecNr %x, LastTableId %x, service ID %d\n", ts_id,
          orig_network_id, static_cast<unsigned>(section->getSectionNumber()), segment_last, last_table, service_id);
+    if (progress_changed_)
+      publish_progress();
     return;
   }
 
@@ -100,6 +151,8 @@ void Siparse::parse_section_eit(EventInformationSection* section, int freq) {
     else
       store_event(event, service, service_id, freq, ymd, hms, start, duration);
   }
+  if (progress_changed_)
+    publish_progress();
 }
 
 void Siparse::store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms, int start,
@@ -125,6 +178,8 @@ void Siparse::store_event(const Event* event, SQL_cache* service, int service_id
       KLOG(VERB_PROGRESS, "Fragmented extended event for source_oid %d\n", oid);
   }
   delete_all(epg_languages_);
+  if (oid > 0)
+    count_stored_event(service_id);
   // Deliberate: the count is printed at 1, 101, 201, and so on.
   if (eit_stored_++ % 100 == 0)
     KLOG(VERB_PROGRESS, "Stored %d EPG entries\n", eit_stored_.load());
@@ -151,7 +206,12 @@ void Siparse::open_next_eit_table(int freq, int table_id) {
     current_eit_table_ = table_id + 1;
     KLOG(VERB_WARNING, "**** EIT loop completed, next table %x\n", static_cast<unsigned>(table_id) + 1);
     filter_->addfilter(PID_EIT, table_id + 1, freq);
+  } else {
+    guide_ended_ = true;
   }
+  for (EIT_progress& service : progress_)
+    service.table = current_eit_table_;
+  publish_progress();
 }
 
 SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section, bool, bool* all_done, int freq,
@@ -179,6 +239,7 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
       db_->flush();
       service->done = true;
       service->active = false;
+      progress_changed_ = true;
     }
     every_one_done = every_one_done && service->done;
   }
@@ -195,6 +256,7 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
       kelvo_log::print("****+ Started table %x scan %d %s\n", static_cast<unsigned>(table_id), service_id,
                        name()->c_str());
     found->active = false;
+    progress_changed_ = true;
   } else if (last_section && !found->done) {
     ++found->count;
     if (table_id != PRESENT_FOLLOWING)
@@ -204,6 +266,7 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
         kelvo_log::print("****-  Finished table %x scan %d %s\n", static_cast<unsigned>(table_id), service_id,
                          name()->c_str());
       found->done = true;
+      progress_changed_ = true;
     }
   }
   if (!eit_info_available_ &&

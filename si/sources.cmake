@@ -15,5 +15,6 @@ list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   si/eit_lang.h
+  si/eit_progress.h
   si/siparse.h
 )

@@ -192,3 +192,70 @@ TEST_F(Eit_list, a_failing_database_leaves_the_list_as_it_is) {
   get();
   EXPECT_TRUE(list_.empty());
 }
+
+// --- Which services --------------------------------------------------------------------------------------------------
+
+namespace {
+
+class Service_types : public Eit_list {
+ protected:
+  Service_types() {
+    for (const int type : {1, 2, 10, 17, 22, 25, 31, 255})
+      service(type, 100 + type, 300, type);
+  }
+  std::vector<int> listed(const std::vector<int>& types) {
+    sdbl_.set_eit_service_types(types.data(), static_cast<int>(types.size()));
+    return listed();
+  }
+  std::vector<int> listed() {
+    sdbl_.clear_eit_scan_list(&list_);
+    get();
+    std::vector<int> channels;
+    for (const SQL_cache* entry : list_)
+      channels.push_back(entry->channel);
+    return channels;
+  }
+};
+
+}  // namespace
+
+TEST_F(Service_types, television_only_by_default) {
+  EXPECT_THAT(listed(), testing::ElementsAre(1));
+}
+
+TEST_F(Service_types, several_are_listed) {
+  EXPECT_THAT(listed({25, 1, 2, 25}), testing::UnorderedElementsAre(1, 2, 25));
+  EXPECT_THAT(listed({22}), testing::ElementsAre(22));
+  EXPECT_THAT(listed({1}), testing::ElementsAre(1));
+}
+
+TEST_F(Service_types, nothing_that_names_a_service_restores_the_default) {
+  for (const std::vector<int>& types : {std::vector<int>{}, {-1, 256}}) {
+    EXPECT_THAT(listed({2}), testing::ElementsAre(2));
+    EXPECT_THAT(listed(types), testing::ElementsAre(1));
+  }
+  EXPECT_THAT(listed({2}), testing::ElementsAre(2));
+  sdbl_.set_eit_service_types(nullptr, 3);
+  EXPECT_THAT(listed(), testing::ElementsAre(1));
+}
+
+TEST_F(Service_types, values_outside_a_byte_are_left_out) {
+  EXPECT_THAT(listed({-1, 2, 256, 255}), testing::UnorderedElementsAre(2, 255));
+}
+
+TEST_F(Service_types, the_default_keeps_its_statement) {
+  const std::string trace = stderr_of([this] {
+    verbosity_kelvo = 4;
+    get();
+    verbosity_kelvo = 0;
+  });
+  EXPECT_THAT(trace, testing::HasSubstr("cache run for command SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid "
+                                        "where  hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND "
+                                        "serv_type = 1;\n"));
+}
+
+TEST_F(Service_types, an_existing_list_stays) {
+  EXPECT_THAT(listed({2, 10}), testing::SizeIs(2));
+  sdbl_.set_eit_service_types(nullptr, 0);
+  EXPECT_THAT(list_, testing::SizeIs(2));
+}

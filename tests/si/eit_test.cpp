@@ -346,4 +346,82 @@ TEST_F(Eit, get_eit_info_available_prints_the_flag_at_4) {
   EXPECT_EQ(at_level(3, [&] { info_available(); }), "");
 }
 
+// --- Progress for hosts ----------------------------------------------------------------------------------------------
+
+// Every service as "id/channel table/last_table active/done events".
+std::vector<std::string> shown(const Siparse& parser) {
+  std::vector<EIT_progress> progress{EIT_progress{}};  // what was there before goes
+  parser.get_eit_progress(&progress);
+  std::vector<std::string> all;
+  for (const EIT_progress& p : progress) {
+    char line[96];
+    std::snprintf(line, sizeof line, "%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
+                  static_cast<unsigned>(p.last_table), p.active, p.done, p.events);
+    all.emplace_back(line);
+  }
+  return all;
+}
+
+TEST_F(Eit, progress_is_empty_without_a_list) {
+  EXPECT_THAT(shown(parser), IsEmpty());
+  db_support::run(db, "DELETE FROM kanalid");
+  start();
+  EXPECT_THAT(shown(parser), IsEmpty());
+}
+
+TEST_F(Eit, progress_follows_every_service_through_its_tables) {
+  parser.init_cache_list(FREQ, SCAN_EIT);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 0/0 1/0 0", "2/2 0/0 1/0 0"));
+  parser.start_eit_scan(FREQ, SCAN_EIT);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"));
+  arrive(1, 0x4E, {{1, 0x120000}, {2, 0x123000}});
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/0 2", "2/2 4e/0 1/0 0"));
+  arrive(1, 0x4E, NOON);
+  arrive(1, 0x4E, NOON);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 1/0 0"));
+  for (int i = 0; i < 3; ++i)
+    arrive(2, 0x4E, NOON);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 0/1 1"));
+  arrive(1, 0x4E, NOON);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/0 1/0 1"));
+  arrive(2, 0x50, {});
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/5f 1/0 1")) << "a section without events tells, too";
+}
+
+TEST_F(Eit, progress_counts_what_the_database_held_and_nothing_twice) {
+  db_support::run(db, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 1, " +
+                          std::to_string(MIDNIGHT + 12 * 3600) + ", 1800)");
+  start();
+  EXPECT_EQ(shown(parser)[0], "1/1 4e/0 1/0 1");
+  arrive(1, 0x4E, {{1, 0x120000}, {2, 0x121000}, {3, 0x124000}});
+  EXPECT_EQ(shown(parser)[0], "1/1 4e/0 0/0 2") << "the second one overlaps and is not stored";
+}
+
+TEST_F(Eit, progress_of_a_silent_service_says_done) {
+  start();
+  recorded_clock::set_timers_expired(true);
+  arrive(1, 0x4E, NOON);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 0", "2/2 50/0 1/0 0"));
+}
+
+TEST_F(Eit, progress_after_the_last_table_stays_done_until_a_new_round) {
+  start_one();
+  for (int table = 0x4E; table <= 0x5F; table += table == 0x4E ? 2 : 1)
+    for (int i = 0; i < 4; ++i)
+      arrive(1, table, NOON);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 5f/5f 0/1 1"));
+  parser.reset_cache_list();
+  parser.start_eit_scan(FREQ, SCAN_EIT);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/5f 1/0 1"));
+}
+
+TEST_F(Eit, progress_ignores_last_tables_that_are_no_schedule) {
+  start_one();
+  for (int i = 0; i < 4; ++i)
+    arrive(1, 0x4E, NOON);
+  const Bytes section = eit(1, 0x50, NOON);
+  scan(with_byte(section, 13, 0xFF), 18, SCAN_EIT);
+  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 0/0 1"));
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -286,6 +287,10 @@ struct Device_case {
   std::vector<std::string> adapter;
   std::string err;
 };
+
+void PrintTo(const Device_case& c, std::ostream* out) {
+  *out << c.legend;
+}
 
 class Bad_device : public Scan, public testing::WithParamInterface<Device_case> {};
 

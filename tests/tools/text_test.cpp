@@ -1,5 +1,6 @@
 #include "tools/text.h"
 
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -13,6 +14,10 @@ struct Text_case {
   std::string text;
   std::string clean;
 };
+
+void PrintTo(const Text_case& c, std::ostream* out) {
+  *out << c.legend;
+}
 
 class Clean_text : public testing::TestWithParam<Text_case> {};
 

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,10 @@ struct Usage_case {
   std::vector<std::string> arguments;
   std::string err;
 };
+
+void PrintTo(const Usage_case& c, std::ostream* out) {
+  *out << c.err;
+}
 
 class Usage : public testing::TestWithParam<Usage_case> {};
 
@@ -98,6 +103,10 @@ struct Database_case {
   std::string contents;
   std::string err;
 };
+
+void PrintTo(const Database_case& c, std::ostream* out) {
+  *out << c.legend;
+}
 
 class Bad_database : public testing::TestWithParam<Database_case> {};
 

@@ -30,6 +30,7 @@ const char* const PRAGMAS[] = {
 const char* const ATTACHED_PRAGMAS[] = {
     "PRAGMA epg_db.journal_mode = OFF;",
     "PRAGMA epg_db.synchronous = OFF;",
+    "PRAGMA epg_db.max_page_count=8000;",
 };
 
 }  // namespace

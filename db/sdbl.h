@@ -253,8 +253,10 @@ class KELVO_EXPORT Sdbl {
   // Index of the event running at `t`, -1 for none. REQUIRES: sorted by cmp_epg_cache.
   int epg_cache_binary_search(std::vector<EPG_cache*>* cache, int t);
 
-  // Stores an event of the channel of `sc`. Returns its row in epglist, -1 (printed) when it was refused.
-  // `replace` takes the place of an event of the same start, `overlapping` first deletes what it overlaps.
+  // Stores an event of the channel of `sc`. Returns its row in epglist, -1 (printed) when it was refused. When the
+  // guide file is near its 8000 pages or the disk is full, events that started more than a day ago are removed first;
+  // with nothing gained the event is refused (code 13), and the file stays sound. `replace` takes the place of an event
+  // of the same start, `overlapping` first deletes what it overlaps.
   int eit_for_service(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, SQL_cache* sc, int ymd_bcd,
                       int hms_bcd, int dur_bcd, long start_epoch, int dur_sec, int run_status, int free_ca, int ev_id,
                       std::string* content, std::string* rating, bool replace, bool overlapping);
@@ -323,6 +325,9 @@ class KELVO_EXPORT Sdbl {
   void merge_streams_of_channel(Merge* merge, int channel);
 
   void trace_deleted_event(int oid, int start_epoch, int dur_sec);
+  // True when the guide file can take `needed` more pages, of which `taken` are spoken for then. When it cannot, old
+  // events are removed first.
+  bool guide_has_room(int needed, int taken);
   void forget_event(std::vector<EPG_cache*>* cache, int start_epoch, int dur_sec);
   void read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg);
 
@@ -339,6 +344,10 @@ class KELVO_EXPORT Sdbl {
   std::vector<SQL_query*> queries_;
 
   int epg_max_age;  // seconds
+
+  // Guarded by the connection's mutex.
+  int64_t guide_room_ = 0;         // pages of the guide file that are known to be left
+  int64_t guide_room_looked_ = 0;  // when it was looked at, seconds since 1970
 
   std::mutex settings_lock_;      // guards what follows
   std::string eit_services_sql_;  // lists the services whose guide is collected

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <initializer_list>
 #include <limits>
 
 #include "base/log.h"
@@ -18,6 +20,20 @@ namespace {
 
 constexpr uintptr_t LOWEST_CACHE_ADDRESS = 65535;
 constexpr unsigned LOOKUPS_PER_REPORT = 100;
+
+// More pages than one row can take, when the table and each of its indexes grow by a level; for events and for texts,
+// without the texts themselves. An event is refused when its texts might not fit any more.
+constexpr int EVENT_PAGES = 40;
+constexpr int TEXT_PAGES = 24;
+constexpr int ROOM_FOR_TEXTS = 64;
+constexpr size_t LEAST_PAGE_SIZE = 500;  // bytes of a text that go into a page, of the smallest size there is
+
+int pages_of(std::initializer_list<const char*> texts) {
+  size_t bytes = 0;
+  for (const char* text : texts)
+    bytes += text != nullptr ? std::strlen(text) : 0;
+  return static_cast<int>(bytes / LEAST_PAGE_SIZE);
+}
 
 int saturated(int64_t value) {
   return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
@@ -142,9 +158,14 @@ int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_c
   }
 
   Db_lock lock(db);
-  sqlite3_stmt* stmt = sql_cache(false, 0, sql, channel, ymd_bcd, hms_bcd, start, dur_bcd, dur_sec, content->c_str(),
-                                 rating->c_str(), run_status, free_ca, ev_id, pat_prnr);
-  const int rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  sqlite3_stmt* stmt = nullptr;
+  int rc = SQLITE_FULL;
+  const int pages = EVENT_PAGES + pages_of({content->c_str(), rating->c_str()});
+  if (guide_has_room(pages + ROOM_FOR_TEXTS, pages)) {
+    stmt = sql_cache(false, 0, sql, channel, ymd_bcd, hms_bcd, start, dur_bcd, dur_sec, content->c_str(),
+                     rating->c_str(), run_status, free_ca, ev_id, pat_prnr);
+    rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  }
   int entry = -1;
   if (rc == SQLITE_DONE)
     entry = static_cast<int>(sqlite3_last_insert_rowid(db));
@@ -157,11 +178,16 @@ int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_c
 int Sdbl::insert_epglist_lang(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,
                               const char* ext_desc, const char* ext_list) {
   Db_lock lock(db);
-  sqlite3_stmt* stmt = sql_cache(false, 0,
-                                 "INSERT into epglist_lang (source_oid, lang, ev_name,  ev_desc, ext_desc, ext_list ) "
-                                 "VALUES ($source_oid, @lang,@ev_name, @ev_desc, @ext_desc, @ext_list)",
-                                 source_oid, lang, ev_name, ev_desc, ext_desc, ext_list);
-  const int rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  sqlite3_stmt* stmt = nullptr;
+  int rc = SQLITE_FULL;
+  const int pages = TEXT_PAGES + pages_of({lang, ev_name, ev_desc, ext_desc, ext_list});
+  if (guide_has_room(pages, pages)) {
+    stmt = sql_cache(false, 0,
+                     "INSERT into epglist_lang (source_oid, lang, ev_name,  ev_desc, ext_desc, ext_list ) "
+                     "VALUES ($source_oid, @lang,@ev_name, @ev_desc, @ext_desc, @ext_list)",
+                     source_oid, lang, ev_name, ev_desc, ext_desc, ext_list);
+    rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
+  }
   if (rc != SQLITE_DONE)
     KLOG(VERB_WARNING, "WARNING: epglist_lang rc = %d\n", rc);
   (void)sqlite3_reset(stmt);  // repeats the step's code; null is allowed

@@ -5,6 +5,7 @@ list(APPEND KELVO_SOURCES
   db/sdbl_epg.cpp
   db/sdbl_files.cpp
   db/sdbl_merge.cpp
+  db/sdbl_room.cpp
   db/sdbl_rows.cpp
   db/sdbl_scan.cpp
   db/sdbl_schema.cpp

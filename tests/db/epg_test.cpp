@@ -1,4 +1,7 @@
+#include <sched.h>
+#include <sys/mount.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <climits>
 #include <gmock/gmock.h>
@@ -398,4 +401,154 @@ TEST_F(Epg, whether_there_is_an_event_is_said_at_level_3) {
   run(sdbl_, "DROP TABLE epg_db.epglist");
   EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl_.eit_info_available(7), 0); }),
               HasSubstr("ERROR: SQL_get_int: 1 @ eit_info_available line "));
+}
+
+// --- Bounds of the guide file ----------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int HOUR = 3600;
+constexpr int DAY = 24 * HOUR;
+const char REFUSED[] = "ERROR: eit_for_service: rc is 13\n";
+const char TEXT_REFUSED[] = "WARNING: epglist_lang rc = 13\n";
+
+class Epg_room : public Epg {
+ protected:
+  // The file may grow by this many pages.
+  void limit(int pages) {
+    const int count = number(sdbl_, "PRAGMA epg_db.page_count") + pages;
+    EXPECT_EQ(number(sdbl_, "PRAGMA epg_db.max_page_count=" + std::to_string(count)), count);
+    // What is known of the room is trusted for the rest of the second.
+    for (const time_t now = time(nullptr); time(nullptr) == now;)
+      usleep(10000);
+  }
+  // One event an hour with 3000 bytes of text, until one is refused; how many went in.
+  int fill(int64_t start, int most = 3000) {
+    const std::string text(3000, 'x');
+    for (int stored = 0; stored < most; ++stored) {
+      const int oid = store(static_cast<long>(start + int64_t{stored} * HOUR), HOUR);
+      if (oid <= 0)
+        return stored;
+      sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
+    }
+    return most;
+  }
+  // As another program sees the file.
+  Texts integrity() {
+    const db_support::Other_connection other(dir_.file("a_epg.db"));
+    return rows(other.get(), "PRAGMA integrity_check");
+  }
+  int events_with_text() {
+    return number(sdbl_,
+                  "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
+                  "length(ext_desc) = 3000");
+  }
+  const int64_t now_ = time(nullptr);
+};
+
+}  // namespace
+
+TEST_F(Epg_room, the_attached_file_has_the_limit_of_the_main_one) {
+  EXPECT_EQ(number(sdbl_, "PRAGMA epg_db.max_page_count"), 8000);
+  EXPECT_EQ(number(sdbl_, "PRAGMA main.max_page_count"), 8000);
+}
+
+TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
+  limit(300);
+  int stored = 0;
+  EXPECT_EQ(stderr_of([&] { stored = fill(now_); }), REFUSED);
+  EXPECT_GT(stored, 100);
+  EXPECT_LT(stored, 300);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), stored);
+  EXPECT_EQ(events_with_text(), stored) << "no event is without its text";
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ - HOUR), 60), -1); }), REFUSED);
+  EXPECT_EQ(integrity(), (Texts{"ok"}));
+}
+
+TEST_F(Epg_room, old_events_go_first) {
+  fill(now_ - 100 * DAY, 200);
+  limit(110);
+  int stored = 0;
+  EXPECT_EQ(stderr_of([&] { stored = fill(now_, 150); }), "");
+  EXPECT_EQ(stored, 150);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - 2 * DAY)), 0);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 150);
+  EXPECT_EQ(integrity(), (Texts{"ok"}));
+}
+
+TEST_F(Epg_room, events_of_the_last_day_stay) {
+  ASSERT_EQ(fill(now_ - 20 * HOUR, 10), 10);
+  limit(50);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ + 30 * DAY), 60), -1); }), REFUSED);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), 10);
+}
+
+TEST_F(Epg_room, with_room_nothing_is_removed) {
+  ASSERT_EQ(fill(now_ - 100 * DAY, 10), 10);
+  ASSERT_EQ(fill(now_, 10), 10);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), 20);
+}
+
+TEST_F(Epg_room, a_text_that_does_not_fit_is_refused_with_a_warning_one_level_up) {
+  const int oid = store(static_cast<long>(now_), HOUR);
+  ASSERT_GT(oid, 0);
+  limit(10);
+  const std::string text(3000, 'x');
+  const auto insert = [&] { EXPECT_EQ(sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), ""), 0); };
+  EXPECT_EQ(stderr_of(insert), "");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of(insert), TEXT_REFUSED);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 0);
+  EXPECT_EQ(integrity(), (Texts{"ok"}));
+}
+
+TEST_F(Epg_room, pages_that_were_given_up_are_used_again) {
+  limit(200);
+  int stored = 0;
+  (void)stderr_of([&] { stored = fill(now_); });
+  run(sdbl_, "DELETE FROM epglist");
+  run(sdbl_, "DELETE FROM epglist_lang");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fill(now_, stored - 5), stored - 5); }), "");
+}
+
+// On a file system of its own, which is small; making one needs privileges.
+TEST(Epg_disk, a_full_disk_refuses_events_and_leaves_the_file_sound) {
+  support::Temp_dir dir;
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("none", dir.file("").c_str(), "tmpfs", 0, "size=2m") != 0)
+    GTEST_SKIP() << "no file system can be mounted here";
+  {
+    Sdbl sdbl(dir.file("a.db").c_str());
+    SQL_cache service{};
+    service.channel = 7;
+    std::string content = "0.0.0.0";
+    std::string rating = "0@est";
+    const std::string text(3000, 'x');
+    const auto now = time(nullptr);
+    const auto fill = [&](int64_t start, int most) {
+      int stored = 0;
+      for (; stored < most; ++stored) {
+        const int oid = sdbl.eit_for_service(1, 2, 506000000, 10, &service, 0x20100101, 0, 0x010000,
+                                             static_cast<long>(start + int64_t{stored} * HOUR), HOUR, 4, 0, 1, &content,
+                                             &rating, false, false);
+        if (oid <= 0)
+          break;
+        sdbl.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
+      }
+      return stored;
+    };
+    int stored = 0;
+    EXPECT_EQ(stderr_of([&] { stored = fill(now, 1000); }), REFUSED);
+    EXPECT_GT(stored, 50);
+    EXPECT_LT(stored, 500);
+    EXPECT_EQ(rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+    EXPECT_EQ(number(sdbl, "SELECT count(*) FROM epglist_lang"), stored);
+    // Half of them grow old.
+    run(sdbl, "UPDATE epglist SET start_epoch = start_epoch - 100000000 WHERE entry <= " + std::to_string(stored / 2));
+    int again = 0;
+    EXPECT_EQ(stderr_of([&] { again = fill(now + 2000 * HOUR, stored / 4); }), "");
+    EXPECT_EQ(again, stored / 4);
+    EXPECT_EQ(rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+  }
+  EXPECT_EQ(umount(dir.file("").c_str()), 0);
 }

@@ -151,6 +151,7 @@ TEST_F(Lifecycle, every_step_of_opening_is_in_order) {
   expected.push_back("ATTACH DATABASE '" + dir_.file("a_epg.db") + "' as epg_db;");
   expected.push_back("PRAGMA epg_db.journal_mode = OFF;");
   expected.push_back("PRAGMA epg_db.synchronous = OFF;");
+  expected.push_back("PRAGMA epg_db.max_page_count=8000;");
   expected.push_back("DETACH DATABASE epg_db;");
   EXPECT_EQ(statements, expected);
 }

@@ -29,6 +29,10 @@ struct Capture {
   bool timed_out;  // a PMT or what ends the SDT is not there
 };
 
+void PrintTo(const Capture& capture, std::ostream* out) {
+  *out << capture.file;
+}
+
 class Captures_test : public Scan_test, public testing::WithParamInterface<Capture> {};
 
 // One multiplex carried in different ways, between foreign sections. Two networks' NITs are among them, and the one

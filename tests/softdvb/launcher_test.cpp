@@ -21,6 +21,10 @@ struct Wrong {
   const char* message;
 };
 
+void PrintTo(const Wrong& wrong, std::ostream* out) {
+  *out << wrong.message;
+}
+
 class Usage : public testing::TestWithParam<Wrong> {};
 
 TEST_P(Usage, is_told_in_one_line_and_nothing_runs) {

@@ -43,6 +43,7 @@ install: packages-build
 	@cmake --preset release -DKELVO_BENCH=OFF -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
 	@cmake --build build/install -j$(JOBS)
 	@DESTDIR="$(DESTDIR)" cmake --install build/install --strip
+	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" -eq 0 ]; then ldconfig; fi
 
 format: packages-lint
 	@clang-format -i $(SOURCES)

@@ -14,7 +14,12 @@
 //   export N FILE, export_channels N FILE
 //   state N                       message state, export in progress, clock valid
 //   readings N
+//   types T...                    service types whose guide is collected, from the next tuning on
+//   wait_guide N SECONDS          until every service has all that its network announces
+//   wait_table N TABLE SECONDS    until that table (hexadecimal) is being collected
+//   progress N                    a line "guide SERVICE table TABLE events EVENTS" for each service
 //   sql SQL                       one number
+//   insert SQL                    a statement of the script's own
 //   control LINE                  to the software adapter
 //   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
 //
@@ -23,6 +28,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -35,6 +41,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kelvo/kelvo.h"
 
@@ -138,8 +145,15 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
     const auto control = reinterpret_cast<Control>(dlsym(RTLD_DEFAULT, "softdvb_control"));
     if (control == nullptr || control(rest(in).c_str()) != 0)
       wrong(line);
+  } else if (command == "types") {
+    std::vector<int> types;
+    for (int type = 0; in >> type;)
+      types.push_back(type);
+    database->set_eit_service_types(types.data(), static_cast<int>(types.size()));
   } else if (command == "sql") {
     say("sql " + std::to_string(ask(rest(in))));
+  } else if (command == "insert") {
+    (void)database->sql_cache(true, 0, rest(in).c_str());
   } else if (command == "wait_sql") {
     double seconds = 0;
     in >> seconds;
@@ -148,6 +162,22 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   } else {
     wrong(line);
   }
+}
+
+std::vector<EIT_progress> progress_of(const Adapter& a) {
+  std::vector<EIT_progress> progress;
+  a.kelvo->eit_progress(&progress);
+  return progress;
+}
+
+// Services that send no schedule are done with what was found when the first schedule table has been closed.
+bool guide_complete(const Adapter& a) {
+  const std::vector<EIT_progress> progress = progress_of(a);
+  return !progress.empty() && std::all_of(progress.begin(), progress.end(), [](const EIT_progress& p) {
+    if (p.last_table == 0)
+      return p.table > 0x50 || (p.table == 0x50 && p.done);
+    return p.table > p.last_table || (p.table == p.last_table && p.done);
+  });
 }
 
 void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istringstream& in, const std::string& line) {
@@ -200,6 +230,24 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
   } else if (command == "state") {
     say("state " + std::to_string(a.kelvo->get_msg_state()) + " " + std::to_string(a.kelvo->export_db_in_progress()) +
         " " + std::to_string(a.kelvo->time_valid()));
+  } else if (command == "wait_guide") {
+    in >> seconds;
+    say(wait_until(seconds, [&] { return guide_complete(a); }) ? "guide complete" : "guide not complete");
+  } else if (command == "wait_table") {
+    int table = 0;
+    in >> std::hex >> table >> std::dec >> seconds;
+    const auto reached = [&] {
+      const std::vector<EIT_progress> progress = progress_of(a);
+      return !progress.empty() && progress.front().table >= table;
+    };
+    say(wait_until(seconds, reached) ? "reached" : "not reached");
+  } else if (command == "progress") {
+    for (const EIT_progress& p : progress_of(a)) {
+      char text[100];
+      std::snprintf(text, sizeof text, "guide %d table %x events %d", p.service_id, static_cast<unsigned>(p.table),
+                    p.events);
+      say(text);
+    }
   } else if (command == "readings") {
     char text[200];
     std::snprintf(text, sizeof text, "readings %d %.1f %d %.2f %.1f", a.kelvo->fe_freq(),
@@ -216,7 +264,8 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global : {"open", "verbosity", "sleep", "write", "exists", "control", "sql", "wait_sql"}) {
+  for (const char* global :
+       {"open", "types", "insert", "verbosity", "sleep", "write", "exists", "control", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

@@ -4,17 +4,31 @@ _kelvo() {
   case $previous in
     --db) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
     --band) mapfile -t COMPREPLY < <(compgen -W "uhf vhf all" -- "$word"); return ;;
-    --format) mapfile -t COMPREPLY < <(compgen -W "table json" -- "$word"); return ;;
+    --format)
+      local formats="table json"
+      [[ $command == epg ]] && formats+=" xmltv"
+      mapfile -t COMPREPLY < <(compgen -W "$formats" -- "$word")
+      return
+      ;;
+    --day) mapfile -t COMPREPLY < <(compgen -W "today tomorrow yesterday" -- "$word"); return ;;
     --adapter) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3" -- "$word"); return ;;
-    --freq) return ;;
+    --freq | --for | --channel | --search | --lang) return ;;
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
-    options+=" scan channels"
+    options+=" scan channels epg"
   else
     case $command in
       scan) options="--adapter --freq --band --db --verbose --help" ;;
       channels) options="--db --format --help" ;;
+      epg)
+        if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
+          options="--adapter --freq --all --for --db --help"
+        else
+          options="--channel --now --next --day --search --lang --format --db --help"
+          [[ $COMP_CWORD -eq 2 ]] && options+=" update"
+        fi
+        ;;
     esac
   fi
   mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

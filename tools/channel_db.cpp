@@ -20,11 +20,11 @@
 #include <kelvo/kelvo.h>
 
 #include "tools/failure.h"
+#include "tools/statement.h"
 #include "tools/text.h"
 
 namespace {
 
-constexpr int BUSY_WAIT_MS = 2000;
 constexpr uint64_t LEAST_FREE_BYTES = 1'048'576;
 
 constexpr const char* SERVICE_COLUMNS =
@@ -34,60 +34,6 @@ constexpr const char* STREAM_COLUMNS =
     "SELECT channel, es_pid, es_type, es_subtype, codec, languages, ca_sysid, ca_pid FROM estreams "
     "ORDER BY channel, rowid;";
 constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
-
-class Statement {
- public:
-  Statement(sqlite3* connection, const std::string& file, const char* sql) : file_(file), connection_(connection) {
-    if (sqlite3_prepare_v2(connection, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-      fail();
-    }
-  }
-  ~Statement() { (void)sqlite3_finalize(statement_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-
-  void bind(int index, int value) { (void)sqlite3_bind_int(statement_, index, value); }
-  void bind(int index, const char* text) { (void)sqlite3_bind_text(statement_, index, text, -1, SQLITE_STATIC); }
-
-  bool step() {
-    const int code = sqlite3_step(statement_);
-    if (code != SQLITE_ROW && code != SQLITE_DONE) {
-      fail();
-    }
-    return code == SQLITE_ROW;
-  }
-
-  int number(int column) const { return sqlite3_column_int(statement_, column); }
-  std::string raw_text(int column) const {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    return text == nullptr ? std::string()
-                           : std::string(text, static_cast<size_t>(sqlite3_column_bytes(statement_, column)));
-  }
-  std::string text(int column) const { return clean_text(raw_text(column)); }
-
- private:
-  [[noreturn]] void fail() const {
-    switch (sqlite3_errcode(connection_)) {
-      case SQLITE_BUSY:
-      case SQLITE_LOCKED:
-        throw Failure(fmt::format("{}: in use by another program; try again later", file_));
-      case SQLITE_NOTADB:
-        throw Failure(fmt::format("{}: not a database; name another file with --db", file_));
-      case SQLITE_CORRUPT:
-        throw Failure(
-            fmt::format("{}: the database is damaged; restore a copy, or move it away and scan again", file_));
-      case SQLITE_ERROR:
-        throw Failure(fmt::format("{}: not a channel database ({}); name another file with --db", file_,
-                                  sqlite3_errmsg(connection_)));
-      default:
-        throw Failure(fmt::format("{}: cannot be read: {}", file_, sqlite3_errmsg(connection_)));
-    }
-  }
-
-  std::string file_;
-  sqlite3* connection_;
-  sqlite3_stmt* statement_ = nullptr;
-};
 
 struct Stream_kind {
   int stream_type;
@@ -219,6 +165,16 @@ std::string state_text(const Service& service) {
       return "timed out";
     default:
       return service.row_status == 2 ? "no streams" : "lost";
+  }
+}
+
+void check_database_name(const std::string& file) {
+  const size_t name = file.find_last_of('/') + 1;
+  if (file.find('.', name) == std::string::npos || file.back() == '/') {
+    throw Failure(fmt::format("--db {}: the file name needs an extension, such as dvb.db", file), EXIT_USAGE);
+  }
+  if (file.size() >= 4080) {
+    throw Failure("--db: the path is too long", EXIT_USAGE);
   }
 }
 

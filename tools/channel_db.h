@@ -45,6 +45,10 @@ inline constexpr int NO_LCN = 65535;
 std::string type_text(const Service& service);
 std::string state_text(const Service& service);
 
+// The library cuts the extension off at the last dot of the whole path to name the guide file, so there must be one in
+// the name. Throws Failure.
+void check_database_name(const std::string& file);
+
 // $XDG_DATA_HOME/kelvo/dvb.db or its fallback below the home folder. Throws Failure when there is no home folder.
 std::string default_database();
 

@@ -25,13 +25,15 @@ int run(int argc, char** argv) {
   // A reader that goes away is an error of fflush(), not a silent death.
   (void)signal(SIGPIPE, SIG_IGN);
 
-  CLI::App app("Finds the services of digital terrestrial television and keeps the channel list.", "kelvo");
+  CLI::App app("Finds the services of digital terrestrial television and keeps the channel list and the guide.",
+               "kelvo");
   app.set_version_flag("--version", "kelvo " KELVO_VERSION);
   app.require_subcommand(1);
   app.footer("'kelvo COMMAND --help' says more about a command, with examples.");
   int exit_code = EXIT_OK;
   add_scan(app, &exit_code);
   add_channels(app, &exit_code);
+  add_epg(app, &exit_code);
 
   try {
     app.parse(argc, argv);

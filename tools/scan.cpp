@@ -1,10 +1,7 @@
 #include <poll.h>
 #include <sqlite3.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -19,6 +16,7 @@
 #include "tools/commands.h"
 #include "tools/console.h"
 #include "tools/failure.h"
+#include "tools/interrupt.h"
 #include "tools/progress.h"
 #include "tools/scan_job.h"
 #include "tools/scan_report.h"
@@ -35,41 +33,6 @@ struct Scan_options {
   std::string db;
   int verbosity = 0;  // how often -v was given
 };
-
-// SIGINT, SIGTERM and SIGHUP as a descriptor to wait for. Threads started later do not get them either.
-class Interrupt {
- public:
-  Interrupt() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd_ < 0) {
-      throw Failure("cannot wait for signals: too many open files?");
-    }
-  }
-  ~Interrupt() { (void)close(fd_); }
-  Interrupt(const Interrupt&) = delete;
-  Interrupt& operator=(const Interrupt&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// A file name whose guide file stands beside it: the library cuts the extension off at the last dot of the whole path.
-void check_name(const std::string& file) {
-  const size_t name = file.find_last_of('/') + 1;
-  if (file.find('.', name) == std::string::npos || file.back() == '/') {
-    throw Failure(fmt::format("--db {}: the file name needs an extension, such as dvb.db", file), EXIT_USAGE);
-  }
-  if (file.size() >= 4080) {
-    throw Failure("--db: the path is too long", EXIT_USAGE);
-  }
-}
 
 class Scan {
  public:
@@ -230,7 +193,7 @@ int scan(const Scan_options& options) {
               freqs.end());
   std::string db = options.db;
   if (!db.empty()) {
-    check_name(db);
+    check_database_name(db);
   }
   std::map<int, Frontend_info> frontends;
   for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
@@ -240,7 +203,7 @@ int scan(const Scan_options& options) {
   }
   if (db.empty()) {
     db = default_database();
-    check_name(db);
+    check_database_name(db);
     make_folders_for(db);
   }
   const bool exists = check_database(db);

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct sqlite3;
+
+// What an event says in one language. All texts are clean.
+struct Event_text {
+  std::string language;
+  std::string title;
+  std::string description;
+  std::string extended;
+  std::vector<std::pair<std::string, std::string>> items;  // "Director", "..."
+};
+
+// An event of the guide: a row of epglist with its rows of epglist_lang.
+struct Guide_event {
+  int channel = 0;    // row of kanalid
+  int id = 0;         // event_id
+  int64_t start = 0;  // seconds since 1970, UTC
+  int duration = 0;   // seconds
+  std::vector<std::string> genres;
+  std::vector<std::pair<std::string, int>> ratings;  // country, lowest age in years
+  std::vector<Event_text> texts;                     // in the order wanted, see Guide_db
+
+  int64_t end() const { return start + duration; }
+};
+
+// A text of the guide made fit for a screen, see clean_text(). Texts that are still in the character table that their
+// first byte names (EN 300 468, A.2) are converted first.
+std::string guide_text(std::string_view text);
+
+// The items of an extended description, as the database joins them: the description twice, a colon, the item, a comma.
+std::vector<std::pair<std::string, std::string>> split_items(std::string_view list);
+
+// A read-only connection to the guide file that belongs to a channel database.
+class Guide_db {
+ public:
+  // Throws Failure when the file is there but cannot be read. A guide that was never made is an empty one.
+  explicit Guide_db(const std::string& channel_file);
+  ~Guide_db();
+  Guide_db(const Guide_db&) = delete;
+  Guide_db& operator=(const Guide_db&) = delete;
+
+  const std::string& file() const { return file_; }
+
+  // Events that are on at some time from `from` up to, not including, `to`, by start. `languages` come first in each
+  // event's texts, in this order; the others behind them as they were stored.
+  std::vector<Guide_event> events(int64_t from, int64_t to, const std::vector<std::string>& languages) const;
+
+  // How many events are stored for each channel.
+  std::map<int, int> counts() const;
+
+ private:
+  std::string file_;
+  sqlite3* connection_ = nullptr;
+};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tools/failure.h"
+
+// SIGINT, SIGTERM and SIGHUP as a descriptor to wait for. Threads started later do not get them either.
+class Interrupt {
+ public:
+  Interrupt() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd_ < 0) {
+      throw Failure("cannot wait for signals: too many open files?");
+    }
+  }
+  ~Interrupt() { (void)close(fd_); }
+  Interrupt(const Interrupt&) = delete;
+  Interrupt& operator=(const Interrupt&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};

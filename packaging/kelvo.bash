@@ -16,11 +16,12 @@ _kelvo() {
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
-    options+=" scan channels epg"
+    options+=" scan channels epg watch"
   else
     case $command in
       scan) options="--adapter --freq --band --db --verbose --help" ;;
       channels) options="--db --format --help" ;;
+      watch) options="--adapter --for --db --help" ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
           options="--adapter --freq --all --for --db --help"

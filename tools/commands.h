@@ -10,3 +10,4 @@ void add_scan(CLI::App& app, int* exit_code);
 void add_channels(CLI::App& app, int* exit_code);
 void add_epg(CLI::App& app, int* exit_code);
 void add_epg_update(CLI::App& epg, int* exit_code);
+void add_watch(CLI::App& app, int* exit_code);

@@ -34,6 +34,7 @@ int run(int argc, char** argv) {
   add_scan(app, &exit_code);
   add_channels(app, &exit_code);
   add_epg(app, &exit_code);
+  add_watch(app, &exit_code);
 
   try {
     app.parse(argc, argv);

@@ -189,4 +189,12 @@ TEST_F(Epg, update_wants_a_time_and_known_channels) {
   EXPECT_EQ(none.err, "kelvo: " + db_ + ": no channels yet; find them with 'kelvo scan'\n");
 }
 
+TEST_F(Epg, watch_wants_a_known_channel) {
+  EXPECT_EQ(run_command({KELVO_COMMAND, "watch", "--db", db_}).exit_code, 2);
+  const Command_result result = run_command({KELVO_COMMAND, "watch", "Olematu", "--db", db_});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "kelvo: channel Olematu: no such channel; 'kelvo channels' lists them\n");
+}
+
 }  // namespace

@@ -1,0 +1,227 @@
+#include <poll.h>
+#include <sqlite3.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+
+#include "tools/channel_db.h"
+#include "tools/commands.h"
+#include "tools/console.h"
+#include "tools/device.h"
+#include "tools/failure.h"
+#include "tools/find_channel.h"
+#include "tools/guide_db.h"
+#include "tools/interrupt.h"
+#include "tools/local_time.h"
+#include "tools/text.h"
+
+namespace {
+
+constexpr int LOOK_INTERVAL_MS = 500;
+constexpr int FIRST_FREQ = 474'000'000;  // where a new Kelvo tunes to
+constexpr int OTHER_FREQ = 482'000'000;
+constexpr const char* ZONE_FILE = "/dvbfiles/localtime";  // where the library puts the zone of the broadcast
+
+struct Watch_options {
+  std::string channel;
+  int adapter = 0;
+  std::string time;
+  std::string db;
+};
+
+// What callbacks, which come from the library's threads, leave for the watching one.
+std::atomic<int> changes{0};
+std::atomic<int> quality{-1};  // 0 lost, 1 good; -1 nothing new
+int wake_fd = -1;
+
+void wake() {
+  (void)eventfd_write(wake_fd, 1);
+}
+
+void on_change(int code) {
+  changes |= code;
+  wake();
+}
+
+void on_quality(unsigned event, void*) {
+  quality = event == 0 ? 0 : 1;
+  wake();
+}
+
+void say(const std::string& text) {
+  fmt::print("{} {}\n", local_time(time(nullptr), "%H:%M:%S"), text);
+  if (fflush(stdout) != 0) {
+    throw Failure("cannot write: " + std::string(strerror(errno)));
+  }
+}
+
+// How far the clock of the day is from the one that nobody sets.
+int64_t clock_offset() {
+  timespec day{};
+  timespec steady{};
+  (void)clock_gettime(CLOCK_REALTIME, &day);
+  (void)clock_gettime(CLOCK_MONOTONIC, &steady);
+  return int64_t{day.tv_sec} - int64_t{steady.tv_sec};
+}
+
+// Changes whenever the file is written.
+int64_t zone_stamp() {
+  struct stat status {};
+  return stat(ZONE_FILE, &status) == 0 ? int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec : 0;
+}
+
+class Watch {
+ public:
+  Watch(const Service& service, std::string db) : service_(service), guide_(db), db_(std::move(db)) {}
+
+  void run(int adapter, int seconds);
+
+ private:
+  void request(Kelvo* kelvo);
+  void look(const Kelvo& kelvo);
+  int stored() const { return events_of(guide_.counts()); }
+  static int events_of(const std::map<int, int>& counts) {
+    int all = 0;
+    for (const auto& [channel, count] : counts) {
+      all += count;
+    }
+    return all;
+  }
+
+  Service service_;
+  Guide_db guide_;
+  std::string db_;
+  int events_ = 0;
+  int64_t clock_ = 0;
+  int64_t zone_ = 0;
+  bool clock_known_ = false;
+};
+
+// A channel request does nothing on the frequency that is tuned already, which after the construction is the first one:
+// the tuner goes elsewhere before it. Nothing is asked for there, and the channel request replaces it.
+void Watch::request(Kelvo* kelvo) {
+  if (service_.freq == FIRST_FREQ) {
+    (void)kelvo->tune_to_freq(OTHER_FREQ, nullptr, nullptr);
+  }
+  (void)kelvo->tune_to_freq(service_.freq, service_.channel, nullptr, nullptr);
+}
+
+void Watch::run(int adapter, int seconds) {
+  const Interrupt interrupt;
+  console::Quiet_library quiet(-1);
+  wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd < 0) {
+    throw Failure("cannot make an event descriptor: too many open files?");
+  }
+  std::unique_ptr<Sdbl> database;
+  try {
+    database = std::make_unique<Sdbl>(db_.c_str());
+  } catch (const no_file_error& error) {
+    throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
+  }
+  constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
+  database->set_eit_service_types(TYPES, std::size(TYPES));
+  events_ = stored();
+  clock_ = clock_offset();
+  zone_ = zone_stamp();
+  Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
+  clock_known_ = kelvo.time_valid();
+  kelvo.set_stb_event_callback(on_quality);
+  request(&kelvo);
+  say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
+  const auto begun = std::chrono::steady_clock::now();
+  pollfd waits[] = {{wake_fd, POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
+  while ((waits[1].revents & POLLIN) == 0 &&
+         (seconds == 0 || std::chrono::steady_clock::now() - begun < std::chrono::seconds(seconds))) {
+    (void)poll(waits, 2, LOOK_INTERVAL_MS);
+    eventfd_t count = 0;
+    (void)eventfd_read(wake_fd, &count);
+    look(kelvo);
+    if (const int code = quiet.database_failure(); code != 0) {
+      throw Failure(fmt::format("{}: cannot be written: {}", db_, sqlite3_errstr(code)));
+    }
+  }
+  say(fmt::format("stopped, {} events in the guide", stored()));
+}
+
+void Watch::look(const Kelvo& kelvo) {
+  const int code = changes.exchange(0);
+  if ((code & DB_STREAMS_CHANGED) != 0) {
+    say("streams changed");
+  }
+  if ((code & DB_CHANNELS_CHANGED) != 0) {
+    say("channels changed");
+  }
+  if ((code & DB_EPG_GROWN) != 0) {
+    const int now = stored();
+    say(fmt::format("guide grown to {} events ({:+})", now, now - events_));
+    events_ = now;
+  }
+  const int event = quality.exchange(-1);
+  if (event >= 0) {
+    say(event == 0 ? "quality lost" : "quality back");
+  }
+  const int64_t clock = clock_offset();
+  if (std::abs(clock - clock_) > 1) {
+    say(fmt::format("clock set by {:+} s", clock - clock_));
+  }
+  clock_ = clock;
+  if (!clock_known_ && kelvo.time_valid()) {
+    clock_known_ = true;
+    say("clock confirmed by the broadcast");
+  }
+  const int64_t zone = zone_stamp();
+  if (zone != zone_) {
+    zone_ = zone;
+    say(fmt::format("time zone set: {}", ZONE_FILE));
+  }
+}
+
+void watch(const Watch_options& options) {
+  const int seconds = options.time.empty() ? 0 : parse_duration(options.time, "--for");
+  const std::string db = options.db.empty() ? default_database() : options.db;
+  check_database_name(db);
+  const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
+  (void)check_adapter(options.adapter);
+  (void)check_database(db);
+  Watch(service, db).run(options.adapter, seconds);
+}
+
+}  // namespace
+
+void add_watch(CLI::App& app, int* exit_code) {
+  CLI::App* command = app.add_subcommand("watch", "Stay on a channel and say what changes");
+  const auto options = std::make_shared<Watch_options>();
+  command
+      ->add_option("CHANNEL", options->channel,
+                   "Logical channel number, name or part of it, or # and the row number of the database")
+      ->required();
+  command->add_option("--adapter", options->adapter, "DVB adapter, 0 to 3; default: 0")
+      ->type_name("N")
+      ->check(CLI::Range(0, 3));
+  command->add_option("--for", options->time, "End after so long: 90s, 10m, 1h; default: at Ctrl-C")->type_name("TIME");
+  command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
+  command->footer(
+      "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"
+      "the broadcast sets clock or time zone. Ctrl-C ends it.\n"
+      "\n"
+      "Example:\n"
+      "  kelvo watch 1");
+  command->callback([options, exit_code] {
+    watch(*options);
+    *exit_code = EXIT_OK;
+  });
+}

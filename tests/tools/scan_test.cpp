@@ -388,4 +388,23 @@ TEST_F(Scan, the_default_database_is_made_with_its_folders) {
   EXPECT_TRUE(std::filesystem::exists(data + "/kelvo/dvb.db"));
 }
 
+TEST_F(Scan, the_guide_of_what_was_found_is_collected) {
+  ASSERT_EQ(run_command(command(network(), {"--freq", "474000000"})).exit_code, 0);
+  std::vector<std::string> argv{SOFTDVB_COMMAND};
+  argv = joined(joined(argv, network()), {"--", KELVO_COMMAND, "epg", "update", "--for", "10m", "--db", db_});
+  const Command_result result = run_command(argv);
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.out,
+            "  MULTIPLEX  LCN  NAME          EVENTS  GUIDE\n"
+            "474.000 MHz    1  Kuldnokk 1       140  complete\n"
+            "474.000 MHz    2  Kuldnokk 2        84  complete\n"
+            "474.000 MHz    3  Öökull HD         84  complete\n"
+            "474.000 MHz    4  Põnn & Põder      84  complete\n"
+            "474.000 MHz    5  Шпак ТВ           60  complete\n"
+            "474.000 MHz    6  Синій Їжак        60  complete\n"
+            "474.000 MHz    7  Филин ТВ          60  complete\n"
+            "\n"
+            "7 of 7 services done, 572 events.\n");
+}
+
 }  // namespace

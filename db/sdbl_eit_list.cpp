@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <climits>
@@ -45,12 +46,12 @@ void arm(timer_t timer) {
   (void)timer_settime(timer, 0, &wait, nullptr);  // fails only for a timer that could not be made
 }
 
-// Lists the services of a multiplex whose serv_type meets `condition`.
-std::string services_sql(const std::string& condition) {
-  return "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn "
-         "AND dvb_type = $dvb_type AND freq = $freq AND serv_type " +
-         condition + ";";
-}
+// Lists the television services of a multiplex.
+constexpr std::string_view TELEVISION_SERVICES =
+    "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND dvb_type = $dvb_type AND "
+    "freq = $freq AND serv_type = 1;";
+constexpr std::string_view TELEVISION_ONLY = "= 1;";
+static_assert(TELEVISION_SERVICES.ends_with(TELEVISION_ONLY));
 
 constexpr int DIGITAL_TELEVISION = 1;
 constexpr int MOST_SERVICE_TYPE = 255;
@@ -62,17 +63,16 @@ void Sdbl::set_eit_service_types(const int* types, int n) {
   for (int i = 0; types != nullptr && i < n; ++i)
     if (types[i] >= 0 && types[i] <= MOST_SERVICE_TYPE)
       wanted.insert(types[i]);
-  std::string condition = "= 1";
+  std::string sql(TELEVISION_SERVICES);
   if (!wanted.empty() && wanted != std::set<int>{DIGITAL_TELEVISION}) {
-    condition = "IN (";
-    const char* separator = "";
+    sql.resize(sql.size() - TELEVISION_ONLY.size());
+    const char* separator = "IN (";
     for (const int type : wanted) {
-      condition += separator + std::to_string(type);
+      sql += separator + std::to_string(type);
       separator = ", ";
     }
-    condition += ")";
+    sql += ");";
   }
-  std::string sql = services_sql(condition);
   std::lock_guard<std::mutex> settings(settings_lock_);
   eit_services_sql_ = std::move(sql);
 }

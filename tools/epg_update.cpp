@@ -23,6 +23,7 @@
 #include "tools/progress_lines.h"
 #include "tools/table.h"
 #include "tools/text.h"
+#include "tools/tuning_options.h"
 
 namespace {
 
@@ -283,18 +284,9 @@ int update(const Update_options& options) {
 void add_epg_update(CLI::App& epg, int* exit_code) {
   CLI::App* command = epg.add_subcommand("update", "Collect the guide of the known multiplexes");
   const auto options = std::make_shared<Update_options>();
-  command
-      ->add_option("--adapter", options->adapters,
-                   "DVB adapter, 0 to 3; several share the multiplexes and work side by side; default: 0")
-      ->type_name("N")
-      ->check(CLI::Range(0, 3))
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  CLI::Option* freq = command->add_option("--freq", options->freqs, "Centre frequency in Hz; may be repeated")
-                          ->type_name("HZ")
-                          ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
-                          ->expected(1)
-                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  add_adapters_option(command, &options->adapters,
+                      "DVB adapter, 0 to 3; several share the multiplexes and work side by side; default: 0");
+  CLI::Option* freq = add_freqs_option(command, &options->freqs);
   command->add_flag("--all", options->all, "All multiplexes of the channel database; the default")->excludes(freq);
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; default: 10m a multiplex")
       ->type_name("TIME");

@@ -21,6 +21,7 @@
 #include "tools/scan_job.h"
 #include "tools/scan_report.h"
 #include "tools/text.h"
+#include "tools/tuning_options.h"
 
 namespace {
 
@@ -215,18 +216,9 @@ int scan(const Scan_options& options) {
 void add_scan(CLI::App& app, int* exit_code) {
   CLI::App* command = app.add_subcommand("scan", "Find the services of one or more frequencies");
   const auto options = std::make_shared<Scan_options>();
-  command
-      ->add_option("--adapter", options->adapters,
-                   "DVB adapter, 0 to 3; several share the frequencies and work side by side; default: 0")
-      ->type_name("N")
-      ->check(CLI::Range(0, 3))
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  CLI::Option* freq = command->add_option("--freq", options->freqs, "Centre frequency in Hz; may be repeated")
-                          ->type_name("HZ")
-                          ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
-                          ->expected(1)
-                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  add_adapters_option(command, &options->adapters,
+                      "DVB adapter, 0 to 3; several share the frequencies and work side by side; default: 0");
+  CLI::Option* freq = add_freqs_option(command, &options->freqs);
   command
       ->add_option("--band", options->band,
                    "vhf (177.5 to 226.5 MHz in 7 MHz steps), uhf (474 to 858 MHz in 8 MHz steps) or all; default: all")

@@ -1,6 +1,7 @@
 // Records of the trace buffer to the text that the TimeDoctor viewer reads.
 #include <array>
-#include <cstdint>
+#include <string>
+#include <unordered_map>
 
 #include "base/log.h"
 #include "trace/timedoc.h"
@@ -120,6 +121,21 @@ struct Record {
   unsigned data2;
 };
 
+// The names of one kind; an entry's place is its id. It finds what Timedoc::lookup_insert_id would, but does not
+// search: damaged traces have a new name in every record.
+class Name_list {
+ public:
+  unsigned find_or_add(const std::string& name, unsigned key, bool* inserted) {
+    const auto next = static_cast<unsigned>(ids_.size());
+    const auto [entry, added] = ids_.try_emplace(name + '\0' + std::to_string(key), next);
+    *inserted = added;
+    return entry->second;
+  }
+
+ private:
+  std::unordered_map<std::string, unsigned> ids_;
+};
+
 }  // namespace
 
 class Timedoc::Converter {
@@ -172,7 +188,7 @@ class Timedoc::Converter {
   void note(const Record& r) {
     const char* name = out_.get_tr_name(r.data1);
     bool inserted = false;
-    id_ = lookup(&notes_, name, r.data1, &inserted);
+    id_ = notes_.find_or_add(name, r.data1, &inserted);
     if (inserted)
       out_.printf_tdi("NAM 7 %u %s\n", id_, name);
     out_.printf_tdi("OCC 7 %u %u\n", id_, running_);
@@ -206,7 +222,7 @@ class Timedoc::Converter {
   void task(const Record& r) {
     const char* name = out_.get_tr_name(r.data2, r.data1);
     bool inserted = false;
-    id_ = lookup(&tasks_, name, r.id, &inserted);
+    id_ = tasks_.find_or_add(name, r.id, &inserted);
     if (inserted)
       out_.printf_tdi("NAM %u %u %s\n", TYPE_TASK, id_, name);
     if (r.cmd == CMD_RENAME)
@@ -222,7 +238,7 @@ class Timedoc::Converter {
     }
     const char* name = INTERRUPT_NAMES[r.id];
     bool inserted = false;
-    id_ = lookup(&interrupts_, name, r.id, &inserted);
+    id_ = interrupts_.find_or_add(name, r.id, &inserted);
     if (inserted)
       out_.printf_tdi("NAM %u %u %s\n", TYPE_INTERRUPT, id_, name);
     if (r.cmd == CMD_START) {
@@ -237,7 +253,7 @@ class Timedoc::Converter {
   void object(const Record& r) {
     const char* name = out_.get_tr_name(r.data2, r.data1);
     bool inserted = false;
-    id_ = lookup(&objects_, name, r.data1, &inserted);
+    id_ = objects_.find_or_add(name, r.data1, &inserted);
     if (!inserted)
       return;
     if (r.type != TYPE_EVENT && r.id != 0) {
@@ -255,7 +271,7 @@ class Timedoc::Converter {
     }
     const char* name = INTERRUPT_NAMES[r.id];
     bool inserted = false;
-    id_ = lookup(&agents_, name, r.id, &inserted);
+    id_ = agents_.find_or_add(name, r.id, &inserted);
     if (inserted)
       out_.printf_tdi("NAM %u %u %s\n", TYPE_AGENT, id_, name);
     if (r.data1 == 0 && r.data2 == 1) {
@@ -271,12 +287,8 @@ class Timedoc::Converter {
          r.time, r.cmd, r.type, r.id, r.data1, r.data2);
   }
 
-  unsigned lookup(std::vector<TDI_lookup>* list, const char* name, unsigned key, bool* inserted) {
-    return static_cast<unsigned>(out_.lookup_insert_id(list, name, static_cast<int>(key), inserted));
-  }
-
   Timedoc& out_;
-  std::vector<TDI_lookup> notes_, tasks_, interrupts_, objects_, agents_;
+  Name_list notes_, tasks_, interrupts_, objects_, agents_;
   unsigned running_ = 0;
   unsigned previous_ = 0;
   unsigned id_ = 0;
@@ -291,7 +303,7 @@ class Timedoc::Converter {
 void Timedoc::convert_to_tdi(unsigned* records, int words) {
   Converter converter(this);
   converter.header();
-  for (int i = 0; i + 4 <= words; i += 4) {
+  for (int i = 0; words - i >= 4; i += 4) {
     const unsigned* w = records + i;
     converter.record(i / 4, {w[0], w[1] >> 24, (w[1] >> 16) & 0xFF, w[1] & 0xFFFF, w[2], w[3]});
   }

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 
+#include <climits>
 #include <gtest/gtest.h>
 
 #include "base/log.h"
 #include "support/support.h"
+#include "trace/tdi_reading.h"
 
 namespace {
 
@@ -201,24 +204,178 @@ TEST_F(TimedocTest, a_buffer_that_cannot_be_mapped_writes_no_file) {
   EXPECT_EQ(stderr_of([&] { timedoc_.write_file(path.c_str(), "log"); }), "");
 }
 
-TEST_F(TimedocTest, random_records_end_and_count_every_bad_one) {
-  std::mt19937 engine(20);
-  const auto random = [&engine] { return static_cast<unsigned>(engine()); };
-  std::vector<unsigned> words;
-  unsigned bad = 0;
-  for (int i = 0; i < 5000; ++i) {
-    const unsigned type = 5 + random() % 2;  // neither has a meaning
-    const unsigned cmd = random() % 2;
-    bad += 1;
-    words.insert(words.end(), {random(), control(cmd, type, random() % 100), random(), random()});
-  }
+TEST_F(TimedocTest, a_third_record_earlier_than_the_second_is_one_wrap) {
+  EXPECT_EQ(converted({100, control(4, 0, 1), word("task"), 0, 350, control(4, 0, 1), word("task"), 0, 349,
+                       control(4, 0, 1), word("task"), 0}),
+            "NAM 0 0 task\nNAM 7 1 TimeWrap\nOCC 7 1 250\n");
+}
+
+TEST_F(TimedocTest, each_wrap_occurs_and_the_first_is_named) {
+  verbosity_kelvo = 1;
   std::string text;
-  const std::string said = stderr_of([&] { text = converted(words); });
-  unsigned reported = 0;
-  for (size_t at = 0; (at = said.find("ERROR: Parse error", at)) != std::string::npos; ++at)
-    ++reported;
-  EXPECT_EQ(reported, bad);
-  EXPECT_EQ(text.find("STA"), std::string::npos);
+  const std::string said = stderr_of([&] {
+    // 2^32 - 1 ticks each: the running time goes back by one, and round by way of the tick that each wrap loses.
+    text = converted({7, control(0, 2, 0), word("obj "), 0, 6, control(0, 2, 0), word("obj "), 0,
+                      5, control(0, 2, 0), word("obj "), 0, 5, control(0, 2, 0), word("obj "), 0,
+                      0, control(0, 2, 0), word("obj "), 0});
+  });
+  EXPECT_EQ(text,
+            "NAM 2 0 obj \nSTO 2 0 0\n"
+            "NAM 7 1 TimeWrap\nOCC 7 1 0\nSTO 2 0 4294967294\n"
+            "OCC 7 1 4294967294\nSTO 2 0 4294967292\n"
+            "STO 2 0 4294967292\n"
+            "OCC 7 1 4294967292\nSTO 2 0 4294967286\n");
+  EXPECT_EQ(said, "WARNING: Time wrap at record 1\nWARNING: Time wrap at record 2\nWARNING: Time wrap at record 4\n");
+}
+
+TEST_F(TimedocTest, a_record_of_type_6_is_an_error_and_nothing_else) {
+  const std::string said = stderr_of([&] {
+    EXPECT_EQ(converted({0, control(4, 0, 1), 0x41000000, 0, 1, control(0, 6, 1), 2, 3}), "NAM 0 0 A\n");
+  });
+  EXPECT_EQ(said, "ERROR: Parse error at entry 1. Time 1, cmd 0 type 6 id 1, data1 2 data2 3\n");
+}
+
+TEST_F(TimedocTest, the_last_interrupt_with_a_name_is_81) {
+  EXPECT_EQ(stderr_of([&] {
+              EXPECT_EQ(converted({0, control(5, 1, 82), 0, 0}), "");
+            }),
+            "ERROR: ISR index out of range 0..82");
+  EXPECT_EQ(stderr_of([&] {
+              EXPECT_EQ(converted({0, control(0, 1, 81), 0, 0, 0, control(0, 8, 81), 0, 0}),
+                        "NAM 1 0 GPIO_15\nSTO 1 0 0\nNAM 8 0 GPIO_15\nSTO 8 0 0\n");
+            }),
+            "");
+}
+
+TEST_F(TimedocTest, quirk_the_last_id_of_any_kind_is_gone_on_with) {
+  const std::string said = stderr_of([&] {
+    EXPECT_EQ(converted({0,
+                         control(4, 0, 1),
+                         word("one "),
+                         0,
+                         0,
+                         control(4, 0, 2),
+                         word("two "),
+                         0,
+                         1,
+                         control(1, 8, 82),
+                         0,
+                         1,
+                         2,
+                         control(1, 1, 7),
+                         0,
+                         0,
+                         3,
+                         control(2, 0, 0),
+                         word("note"),
+                         0,
+                         4,
+                         control(2, 0, 0),
+                         word("mark"),
+                         0,
+                         5,
+                         control(1, 1, 100),
+                         0,
+                         0,
+                         6,
+                         control(3, 8, 100),
+                         0,
+                         0}),
+              "NAM 0 0 one \nNAM 0 1 two \nSTA 8 1 1\nNAM 1 0 TIMER\nSTA 1 0 2\nNAM 7 0 note\nOCC 7 0 3\n"
+              "DSC 1 0 0\nNAM 7 1 mark\nOCC 7 1 4\nDSC 1 1 0\nSTA 1 1 5\n");
+  });
+  EXPECT_EQ(said,
+            "ERROR: AGENT ISR index out of range 0..82ERROR: ISR index out of range 0..82"
+            "ERROR: AGENT ISR index out of range 0..82");
+}
+
+TEST_F(TimedocTest, names_end_at_a_zero_byte_and_may_hold_any_other) {
+  // The bytes behind a zero are no part of the name, but the key of a note or an object has them.
+  EXPECT_EQ(converted({0, control(2, 0, 0), word("a\0b\0"), 0, 0, control(2, 0, 0), word("a\0c\0"), 0, 0,
+                       control(2, 0, 0), 0, 0}),
+            "NAM 7 0 a\nOCC 7 0 0\nDSC 1 0 0\nNAM 7 1 a\nOCC 7 1 0\nDSC 1 1 0\nNAM 7 2 \nOCC 7 2 0\nDSC 1 2 0\n");
+  EXPECT_EQ(converted({0, control(4, 0, 1), word("ab\0\0"), word("lost"), 0, control(4, 0, 1), word("ab\0\0"), 0}),
+            "NAM 0 0 ab\n");
+  EXPECT_EQ(converted({0, control(1, 4, 0), 0xC3B57574u, 0xFF25730Au}), "NAM 4 0 \xC3\xB5ut\xFF%s\n\nSTA 4 0 0\n");
+}
+
+TEST_F(TimedocTest, a_negative_number_of_words_is_nothing) {
+  support::Temp_dir dir;
+  const int fd = open(dir.file("out").c_str(), O_RDWR | O_CREAT, 0600);
+  timedoc_.set_output(fd);
+  for (const int words : {-1, INT_MIN})
+    timedoc_.convert_to_tdi(nullptr, words);
+  close(fd);
+  EXPECT_EQ(support::read_file(dir.file("out")), HEADER + "END\n" + HEADER + "END\n");
+}
+
+TEST_F(TimedocTest, lines_are_cut_at_255_bytes_and_go_nowhere_at_first) {
+  timedoc_.printf_tdi("%s", "nowhere");
+  support::Temp_dir dir;
+  const int fd = open(dir.file("out").c_str(), O_RDWR | O_CREAT, 0600);
+  timedoc_.set_output(fd);
+  timedoc_.printf_tdi("%s", std::string(300, 'x').c_str());
+  close(fd);
+  EXPECT_EQ(support::read_file(dir.file("out")), std::string(255, 'x'));
+}
+
+// Records of every kind, right and wrong, from few times, ids and names, so that they meet again.
+std::vector<unsigned> random_records(unsigned seed, int count) {
+  std::mt19937 engine(seed);
+  const auto below = [&engine](size_t n) { return static_cast<size_t>(engine() % n); };
+  const auto any = [&](std::initializer_list<unsigned> from) { return *(from.begin() + below(from.size())); };
+  const auto data = [&] {
+    return below(10) == 0 ? static_cast<unsigned>(engine())
+                          : any({0, 1, word("scan"), word("ning"), word("a\0b\0"), 0xC3B57574u, 0xFFFFFFFFu});
+  };
+  std::vector<unsigned> words;
+  unsigned time = static_cast<unsigned>(engine());
+  for (int i = 0; i < count; ++i) {
+    time = below(8) == 0 ? static_cast<unsigned>(engine()) : time + static_cast<unsigned>(below(1000));
+    const unsigned cmd = any({0, 0, 0, 1, 1, 1, 2, 3, 4, 5, 255});
+    const unsigned type = any({0, 0, 1, 1, 2, 3, 4, 8, 8, 5, 6, 7, 9, 255});
+    const unsigned id = any({0, 1, 2, 7, 13, 80, 81, 82, 83, 0xFFFF, static_cast<unsigned>(below(0x10000))});
+    words.insert(words.end(), {time, control(cmd, type, id), data(), data()});
+  }
+  return words;
+}
+
+TEST_F(TimedocTest, random_records_are_read_like_by_the_table) {
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    const std::vector<unsigned> words = random_records(seed, 3000);
+    const Tdi_reading expected = read_by_table(words);
+    verbosity_kelvo = 1;
+    std::string text;
+    const std::string said = stderr_of([&] { text = converted(words); });
+    ASSERT_EQ(text, expected.text) << "seed " << seed;
+    ASSERT_EQ(said, expected.messages) << "seed " << seed;
+    for (const char* line :
+         {"\nNAM 0 ", "\nNAM 1 ", "\nNAM 2 ", "\nNAM 3 ", "\nNAM 4 ", "\nNAM 7 ", "\nNAM 8 ", "\nSTA ", "\nSTO ",
+          "\nOCC 8 ", "\nDSC 3 0 0\n", " SBM_", " TimeWrap\n", " IntEnabled\n"}) {
+      EXPECT_NE(text.find(line), std::string::npos) << "seed " << seed << " has no " << line;
+    }
+  }
+}
+
+// Four characters, different for each number.
+unsigned name_word(unsigned number) {
+  return 0x40404040 + ((number >> 18 & 63) << 24 | (number >> 12 & 63) << 16 | (number >> 6 & 63) << 8 | (number & 63));
+}
+
+// With a search through all names this would take an hour.
+TEST_F(TimedocTest, a_million_records_each_with_a_new_name) {
+  constexpr unsigned COUNT = 1'000'000;
+  std::vector<unsigned> words;
+  words.reserve(size_t{4} * COUNT);
+  for (unsigned i = 0; i < COUNT; ++i)
+    words.insert(words.end(), {i, i % 2 == 0 ? control(1, 0, 1) : control(2, 0, 0), name_word(i), 0});
+  const std::string text = converted(words);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5 * static_cast<long>(COUNT / 2));
+  const std::string task = timedoc_.get_tr_name(name_word(COUNT - 2));
+  const std::string note = timedoc_.get_tr_name(name_word(COUNT - 1));
+  const std::string end = "NAM 0 499999 " + task + "\nSTA 0 499999 999998\nNAM 7 499999 " + note +
+                          "\nOCC 7 499999 999999\nDSC 1 499999 0\n";
+  EXPECT_EQ(text.substr(text.size() - end.size()), end);
 }
 
 }  // namespace

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// The rules of the conversion once more, as a table of the kinds of records: what must come out, found another way.
+struct Tdi_reading {
+  std::string text;      // between header and end
+  std::string messages;  // at verbosity 1
+};
+
+Tdi_reading read_by_table(const std::vector<unsigned>& words);
+
+// Names of interrupts by number.
+const std::vector<std::string>& interrupt_names();

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,21 @@ inline int run(Sdbl& sdbl, const std::string& sql) {
 inline int number(Sdbl& sdbl, const std::string& sql) {
   const std::vector<std::string> all = rows(sdbl, sql);
   return all.empty() ? -9999 : std::stoi(all[0]);
+}
+
+// The cached statements in a trace of verbosity 4, in order, each followed by its numbers: "SELECT ... <- 1 506000000".
+inline std::vector<std::string> statements(const std::string& trace) {
+  const std::string mark = "cache run for command ";
+  std::vector<std::string> all;
+  for (size_t at = trace.find(mark); at != std::string::npos; at = trace.find(mark, at + 1)) {
+    const size_t end = trace.find('\n', at);
+    std::istringstream arguments(trace.substr(end + 1, trace.find('\n', end + 1) - end - 1));
+    std::string statement = trace.substr(at + mark.size(), end - at - mark.size()) + " <-";
+    for (std::string name, value; arguments >> name >> value;)
+      statement += " " + value;
+    all.push_back(statement);
+  }
+  return all;
 }
 
 // A connection of the test's own, as another program would have one.

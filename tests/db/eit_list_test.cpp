@@ -1,5 +1,7 @@
 #include <time.h>
 
+#include <fstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -66,6 +68,17 @@ TEST_F(Eit_list, a_multiplex_without_television_leaves_the_list_as_it_is) {
   service(3, 12, 300, 1, FREQ + 1);
   get();
   EXPECT_TRUE(list_.empty());
+}
+
+TEST_F(Eit_list, services_of_another_input_are_not_listed) {
+  service(5, 10);
+  service(6, 11);
+  service(7, 12);
+  run(sdbl_, "UPDATE kanalid SET hf_conn = 1, dvb_type = 2 WHERE channel = 5");
+  run(sdbl_, "UPDATE kanalid SET dvb_type = 2 WHERE channel = 6");
+  get();
+  ASSERT_EQ(list_.size(), 1u);
+  EXPECT_EQ(list_.front()->channel, 7);
 }
 
 TEST_F(Eit_list, entries_have_their_initial_values) {
@@ -186,11 +199,55 @@ TEST_F(Eit_list, clearing_deletes_timers_and_empties_the_list) {
   sdbl_.clear_eit_scan_list(&list_);
 }
 
-TEST_F(Eit_list, a_failing_database_leaves_the_list_as_it_is) {
-  run(sdbl_, "DROP TABLE kanalid");
-  verbosity_kelvo = -1;
+TEST_F(Eit_list, timers_are_of_the_wall_clock_and_never_signal) {
+  if (!std::ifstream("/proc/self/timers"))
+    GTEST_SKIP() << "this kernel does not list timers";
+  service(5, 10);
   get();
+  std::string text;
+  std::ifstream timers("/proc/self/timers");
+  for (std::string line; std::getline(timers, line);)
+    text += line + "\n";
+  EXPECT_THAT(text, testing::ContainsRegex("notify: none/"));
+  EXPECT_THAT(text, testing::HasSubstr("ClockID: " + std::to_string(CLOCK_REALTIME) + "\n"));
+  EXPECT_THAT(text, testing::Not(testing::ContainsRegex("notify: (signal|thread)")));
+}
+
+TEST_F(Eit_list, a_failing_database_is_printed_and_leaves_the_list_as_it_is) {
+  run(sdbl_, "DROP TABLE kanalid");
+  EXPECT_EQ(
+      stderr_of([this] { get(); }),
+      "ERROR: query SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND dvb_type "
+      "= $dvb_type AND freq = $freq AND serv_type = 1; prepare failed: no such table: kanalid"
+      "ERROR: sql_cache lookup failed for SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn "
+      "= $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND serv_type = 1;");
   EXPECT_TRUE(list_.empty());
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([this] { get(); }), "");
+  EXPECT_TRUE(list_.empty());
+}
+
+TEST_F(Eit_list, a_failing_guide_leaves_the_caches_empty) {
+  service(5, 10);
+  service(6, 11);
+  run(sdbl_, "DROP TABLE epg_db.epglist");
+  EXPECT_THAT(stderr_of([this] { get(); }), testing::HasSubstr("prepare failed: no such table: epglist"));
+  ASSERT_EQ(list_.size(), 2u);
+  EXPECT_TRUE(list_.front()->epg.empty());
+  EXPECT_TRUE(list_.back()->epg.empty());
+  EXPECT_EQ(list_.back()->channel, 6);
+}
+
+TEST_F(Eit_list, statements_are_these_with_their_numbers) {
+  service(5, 10);
+  verbosity_kelvo = 4;
+  const std::string trace = stderr_of([this] { get(); });
+  verbosity_kelvo = 0;
+  EXPECT_THAT(db_support::statements(trace),
+              testing::ElementsAre(
+                  "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND "
+                  "dvb_type = $dvb_type AND freq = $freq AND serv_type = 1; <- 2 1 506000000",
+                  "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1; <- 5"));
 }
 
 // --- Which services --------------------------------------------------------------------------------------------------

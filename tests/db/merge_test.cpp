@@ -82,7 +82,12 @@ TEST_F(Merge, other_states_are_refused) {
   }
   verbosity_kelvo = -1;
   EXPECT_EQ(stderr_of([&] { result = merge(SCAN_EIT); }), "");
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(SCAN_EIT), 0); }),
+            "ERROR: Incorrect scan state entered: 3\n"
+            "Scan from 3 for freq 506000000, ch_add 0, ch_delete 0, estrm_add 0, estrm_delete 0\n");
   EXPECT_EQ(channels(), Texts{});
+  EXPECT_EQ(streams(), Texts{});
 }
 
 TEST_F(Merge, an_empty_scan_writes_nothing) {
@@ -121,6 +126,53 @@ TEST_F(Merge, new_services_are_added_with_their_streams) {
   EXPECT_LE(number(sdbl_, "SELECT max(modified) FROM kanalid ORDER BY channel"), static_cast<int>(time(nullptr)));
   EXPECT_EQ(rows(sdbl_, "SELECT channel, revision, es_pid, es_type, codec, languages FROM estreams ORDER BY oid"),
             (Texts{"1|2.5|1001|27|H264|", "1|2.5|2001|3|MPEG1|eng", "2|2.5|1002|27|H264|", "2|2.5|2002|3|MPEG1|eng"}));
+}
+
+TEST_F(Merge, a_new_service_has_every_column_of_the_scan) {
+  constexpr char COLUMNS[] =
+      "pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, pcr_pid, serv_name, serv_type, prov_name, "
+      "network_name, run_status, free_ca, hf_conn, dvb_type, freq";
+  scan({{1}});
+  run(sdbl_,
+      "UPDATE kanalid_scan_0 SET pmt_pid = 31, network_id = 32, orig_network_id = 33, tstream_id = 34, lcn = 35, "
+      "pcr_pid = 36, serv_name = 'Service', serv_type = 37, prov_name = 'Provider', network_name = 'Network', "
+      "run_status = 4, free_ca = 1, modified = 5");
+  sdbl_.modify_lang_table_oid(number(sdbl_, "SELECT channel FROM kanalid_scan_0"), "kanalid_lang_scan_0", "eng",
+                              "serv_name", "English service");
+  run(sdbl_, "UPDATE kanalid_lang_scan_0 SET prov_name = 'English provider', network_name = 'English network'");
+  merge();
+  const std::string columns = COLUMNS;
+  EXPECT_EQ(rows(sdbl_, "SELECT " + columns + " FROM kanalid"),
+            (Texts{"1|31|32|33|34|35|36|Service|37|Provider|Network|4|1|2|1|506000000"}));
+  EXPECT_GT(number(sdbl_, "SELECT modified FROM kanalid"), 5);
+  EXPECT_EQ(rows(sdbl_, "SELECT * FROM kanalid_lang"),
+            (Texts{"1|eng|English service|English provider|English network"}));
+}
+
+TEST_F(Merge, the_scan_tables_stay_as_they_are_but_for_numbers_and_marks) {
+  scan({{1}, {2}});
+  const Texts services = rows(sdbl_, "SELECT channel, pat_prnr, serv_name, modified FROM kanalid_scan_0");
+  const Texts scanned = rows(sdbl_, "SELECT oid, es_pid, languages FROM estreams_scan_0");
+  merge();
+  EXPECT_EQ(rows(sdbl_, "SELECT channel, pat_prnr, serv_name, modified FROM kanalid_scan_0"), services);
+  EXPECT_EQ(rows(sdbl_, "SELECT oid, es_pid, languages FROM estreams_scan_0"), scanned);
+}
+
+// A channel of the same frequency that another transport stream had is not this scan's business.
+TEST_F(Merge, the_first_row_of_the_scan_says_which_multiplex_it_is) {
+  for (const std::string column : {"network_id", "orig_network_id", "tstream_id"}) {
+    run(sdbl_, "DELETE FROM kanalid");
+    run(sdbl_, "DELETE FROM estreams");
+    scan({{1}, {2}});
+    merge();
+    run(sdbl_, "UPDATE kanalid SET " + column + " = 99 WHERE pat_prnr = 2");
+    scan({{1}, {4}});
+    run(sdbl_, "UPDATE kanalid_scan_0 SET " + column + " = 99 WHERE pat_prnr = 4");
+    EXPECT_EQ(merge(), CHANNELS_ADDED | STREAMS_ADDED) << column;
+    EXPECT_EQ(rows(sdbl_, "SELECT pat_prnr, scan_state, row_status FROM kanalid ORDER BY pat_prnr"),
+              (Texts{"1|1|0", "2|1|0", "4|0|0"}))
+        << column;
+  }
 }
 
 TEST_F(Merge, names_in_languages_come_with_a_new_service_only) {
@@ -362,6 +414,38 @@ TEST_F(Merge, another_frequency_is_left_alone) {
   EXPECT_EQ(channels(), (Texts{"1|1|1|0", "2|2|1|0", "3|1|0|1", "4|7|1|0"}));
 }
 
+TEST_F(Merge, streams_of_channels_elsewhere_are_left_alone) {
+  for (const std::string other : {"hf_conn = 3", "dvb_type = 2", "freq = 514000000"}) {
+    run(sdbl_, "DELETE FROM kanalid");
+    run(sdbl_, "DELETE FROM estreams");
+    scan({{1}, {2}});
+    merge();
+    const Texts before = streams();
+    sdbl_.clear_temp_tables(0);
+    const int channel = number(sdbl_, "SELECT channel FROM kanalid WHERE pat_prnr = 2");
+    sdbl_.pmt_for_service(0, channel, 4000, 27, 0, "H264", "", "", 0, 0, &none_);
+    run(sdbl_, "UPDATE kanalid SET " + other + " WHERE pat_prnr = 2");
+    EXPECT_EQ(merge(SCAN_PMT), 0) << other;
+    EXPECT_EQ(streams(), before) << other;
+    run(sdbl_, "UPDATE kanalid SET hf_conn = 2, dvb_type = 1, freq = 506000000 WHERE pat_prnr = 2");
+    EXPECT_EQ(merge(SCAN_PMT), STREAMS_ADDED | STREAMS_DELETED) << other;
+  }
+}
+
+TEST_F(Merge, only_services_of_this_input_and_frequency_are_lost_or_confirmed) {
+  scan({{1}, {2}});
+  merge();
+  // Not seen again, and the same multiplex for another delivery type.
+  run(sdbl_, "UPDATE kanalid SET dvb_type = 2, modified = 77 WHERE channel = 2");
+  for (const char* other : {"3, 1, 506000000", "2, 2, 506000000", "2, 1, 514000000"})
+    run(sdbl_, std::string("INSERT INTO kanalid (hf_conn, dvb_type, freq, pat_prnr, pcr_pid, row_status) VALUES (") +
+                   other + ", 9, 1000, 2)");
+  scan({{1}});
+  EXPECT_EQ(merge(), 0);
+  EXPECT_EQ(channels(), (Texts{"1|1|1|0", "2|2|1|1", "3|9|0|2", "4|9|0|2", "5|9|0|2"}));
+  EXPECT_EQ(number(sdbl_, "SELECT modified FROM kanalid WHERE channel = 2"), 77);
+}
+
 TEST_F(Merge, two_instances_merge_from_their_own_tables) {
   constexpr int OTHER = FREQ + 8000000;
   scan({{1}}, 10, 0);
@@ -385,12 +469,30 @@ TEST_F(Merge, quirk_the_same_multiplex_on_another_input_confirms_the_first_input
 TEST_F(Merge, a_timed_out_multiplex_is_marked_and_found_again_without_being_counted) {
   scan({{1}, {2}});
   merge();
-  run(sdbl_, "INSERT INTO kanalid (freq, pat_prnr, hf_conn, dvb_type) VALUES (506000000, 9, 3, 1)");
+  for (const char* other : {"506000000, 3, 1", "506000000, 2, 2", "514000000, 2, 1"})
+    run(sdbl_, std::string("INSERT INTO kanalid (freq, hf_conn, dvb_type, pat_prnr) VALUES (") + other + ", 9)");
+  const Texts others = {"3|9|0|0", "4|9|0|0", "5|9|0|0"};
+  const auto with_others = [&others](Texts all) {
+    all.insert(all.end(), others.begin(), others.end());
+    return all;
+  };
+  run(sdbl_, "UPDATE kanalid SET modified = 77");
   EXPECT_EQ(sdbl_.set_master_scan_timeout(TYPE, CONN, FREQ), 0);
-  EXPECT_EQ(channels(), (Texts{"1|1|2|0", "2|2|2|0", "3|9|0|0"}));
+  EXPECT_EQ(channels(), with_others({"1|1|2|0", "2|2|2|0"}));
   scan({{1}, {2}});
   EXPECT_EQ(merge(), 0);
-  EXPECT_EQ(channels(), (Texts{"1|1|1|0", "2|2|1|0", "3|9|0|0"}));
+  EXPECT_EQ(channels(), with_others({"1|1|1|0", "2|2|1|0"}));
+  EXPECT_EQ(rows(sdbl_, "SELECT DISTINCT modified FROM kanalid"), (Texts{"77"}));
+}
+
+TEST_F(Merge, a_timeout_that_cannot_be_stored_is_an_error) {
+  run(sdbl_, "DROP TABLE kanalid");
+  int result = 0;
+  EXPECT_THAT(stderr_of([&] { result = sdbl_.set_master_scan_timeout(TYPE, CONN, FREQ); }),
+              MatchesRegex("ERROR: query UPDATE kanalid .* prepare failed: no such table: kanalid"
+                           "ERROR: sql_cache lookup failed for UPDATE kanalid .*;"
+                           "ERROR: SQLite RUN rc 1 at set_master_scan_timeout, [0-9]+\n"));
+  EXPECT_EQ(result, 1);
 }
 
 TEST_F(Merge, timeout_is_announced_at_level_1) {
@@ -441,6 +543,101 @@ TEST_F(Merge, progress_of_a_full_scan_is_traced) {
                 "1 Estreams deleted\n");
 }
 
+TEST_F(Merge, levels_1_and_2_show_the_streams_only) {
+  scan({{1}, {2}});
+  merge();
+  scan({{2, 1000, true, "fra"}, {3}});
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), CHANNELS_ADDED | CHANNELS_LOST | STREAMS_ADDED | STREAMS_DELETED); }),
+            "");
+  scan({{1, 1000, true, "fra"}, {2}, {4}});
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), CHANNELS_ADDED | CHANNELS_LOST | STREAMS_ADDED | STREAMS_DELETED); }),
+            "Added 1 estream entries for channel 1\n"
+            "Deleted 1 estream entries for channel 1\n"
+            "Added 1 estream entries for channel 2\n"
+            "Deleted 1 estream entries for channel 2\n"
+            "Added 2 estream entries for channel 4\n"
+            "estreams modified, reindexing");
+}
+
+TEST_F(Merge, statements_of_a_full_scan_are_these_in_this_order) {
+  scan({{1}, {2}});
+  merge();
+  run(sdbl_, "UPDATE kanalid SET scan_state = 0 WHERE channel = 1");
+  scan({{1, 1000, true, "fra"}, {3}});
+  const std::string row_1 = rows(sdbl_, "SELECT min(channel) FROM kanalid_scan_0")[0];
+  const std::string row_2 = rows(sdbl_, "SELECT max(channel) FROM kanalid_scan_0")[0];
+  const std::string stream = rows(sdbl_, "SELECT oid FROM estreams_scan_0 WHERE es_pid = 1001")[0];
+  verbosity_kelvo = 4;
+  const std::string trace = stderr_of([&] { merge(); });
+  verbosity_kelvo = 0;
+  const std::string now = rows(sdbl_, "SELECT modified FROM kanalid WHERE channel = 1")[0];
+  const std::string look_up =
+      "SELECT channel FROM kanalid WHERE network_id = $netid AND orig_network_id = $onid AND tstream_id = $tsid AND "
+      "pat_prnr = $prnr AND freq = $freq;  <- 10 10 5 ";
+  const std::string renumber = "UPDATE estreams_scan_DVBNR SET channel = $oid_db where channel = $oid_scan; <- ";
+  const std::string old_streams = "UPDATE estreams  SET row_status = $row_status where channel = $channel; <- ";
+  const std::string equal_streams =
+      "SELECT s.oid, e.oid FROM  estreams e, estreams_scan_DVBNR s WHERE e.es_pid = s.es_pid AND e.es_type = s.es_type "
+      "AND e.es_subtype = s.es_subtype AND e.codec = s.codec AND e.languages = s.languages AND e.lang_codes = "
+      "s.lang_codes AND e.p1 = s.p1 AND e.p2 = s.p2 AND e.ca_sysid = s.ca_sysid AND e.ca_pid = s.ca_pid AND e.channel "
+      "= $oid1 and s.channel = $oid2 <- ";
+  const std::string add_streams =
+      "INSERT INTO estreams SELECT * from estreams_scan_DVBNR where row_status = $row_status and channel = $channel <- ";
+  const std::string delete_streams = "DELETE FROM estreams WHERE  row_status = $row_status AND channel = $channel <- ";
+  EXPECT_EQ(
+      db_support::statements(trace),
+      (Texts{
+          "SELECT network_id, orig_network_id, tstream_id FROM kanalid_scan_DVBNR WHERE freq = $freq; <- 506000000",
+          "UPDATE kanalid SET row_status = $row_stat  WHERE network_id = $net_id AND orig_network_id = $onet_id AND "
+          "tstream_id = $ts_id AND freq = $freq <- 1 10 10 5 506000000",
+          "UPDATE kanalid_scan_DVBNR SET row_status = $rstat  WHERE network_id = $nid AND orig_network_id = $onid AND "
+          "tstream_id = $tsid; <- 2 10 10 5",
+          "SELECT channel, network_id, orig_network_id, tstream_id, pat_prnr FROM kanalid_scan_DVBNR WHERE freq = "
+          "$freq; <- 506000000",
+          renumber + "-" + row_1 + " " + row_1,
+          renumber + "-" + row_2 + " " + row_2,
+          look_up + "1 506000000",
+          "UPDATE kanalid SET row_status = $rstat WHERE channel = $ch; <- 0 1",
+          "SELECT network_id FROM kanalid WHERE channel = $ch AND scan_state = $state; <- 1 0",
+          "UPDATE kanalid SET modified = $timestamp WHERE channel = $ch; <- " + now + " 1",
+          "UPDATE kanalid SET scan_state = $state WHERE channel = $ch; <- 1 1",
+          renumber + "1 -" + row_1,
+          look_up + "3 506000000",
+          "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, "
+          "lcn, pcr_pid, serv_name, serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status) "
+          "SELECT dvb_type, hf_conn, freq, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, pcr_pid, "
+          "serv_name, serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status  FROM "
+          "kanalid_scan_DVBNR WHERE oid = $oid_scan; <- " +
+              row_2,
+          "UPDATE kanalid set modified = $timestamp where oid = $oid <- " + now + " 3",
+          "INSERT INTO kanalid_lang (source_oid, lang, serv_name, prov_name, network_name) SELECT  $oid_db, lang, "
+          "serv_name, prov_name, network_name FROM kanalid_lang_scan_DVBNR WHERE source_oid = $oid_scan; <- 3 " +
+              row_2,
+          renumber + "3 -" + row_2,
+          "UPDATE kanalid SET scan_state = $state , modified = $timestamp  WHERE freq = $freq AND dvb_type = $dvb_type "
+          "AND hf_conn = $hf_conn AND row_status = $rstat; <- 0 " +
+              now + " 506000000 1 2 1",
+          "SELECT channel FROM kanalid WHERE hf_conn = $hfc AND dvb_type = $dvbt AND freq = $freq AND row_status != "
+          "$rowstat; <- 2 1 506000000 1",
+          "UPDATE estreams_scan_DVBNR SET row_status = $row_status <- 2",
+          old_streams + "1 1",
+          equal_streams + "1 1",
+          "UPDATE estreams_scan_DVBNR SET row_status = $row_status where OID = $oid <- 0 " + stream,
+          "UPDATE estreams SET row_status = $row_status where OID = $oid <- 0 1",
+          add_streams + "2 1",
+          delete_streams + "1 1",
+          old_streams + "1 3",
+          equal_streams + "3 3",
+          add_streams + "2 3",
+          delete_streams + "1 3",
+          "REINDEX estreams <-",
+          "UPDATE kanalid SET scan_state = $scan_state , row_status = $row_status WHERE freq = $freq AND dvb_type = "
+          "$dvb_type AND pcr_pid != 0 AND hf_conn = $hf_conn AND row_status = $row_status_new <- 1 0 506000000 1 2 2",
+      }));
+}
+
 TEST_F(Merge, lost_and_back_are_traced) {
   scan({{1}, {2}});
   merge();
@@ -484,6 +681,8 @@ TEST_F(Merge, a_failing_look_up_is_an_error_and_the_merge_goes_on) {
     ++count;
   EXPECT_EQ(count, 2u);
   EXPECT_EQ(rows(sdbl_, "SELECT DISTINCT channel FROM estreams_scan_0"), (Texts{"0"}));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), 0); }), "");
 }
 
 TEST_F(Merge, extreme_ids_and_hostile_texts_are_stored_as_they_are) {

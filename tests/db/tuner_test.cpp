@@ -12,6 +12,7 @@
 
 using db_support::rows;
 using db_support::run;
+using db_support::statements;
 using support::stderr_of;
 using testing::HasSubstr;
 
@@ -132,8 +133,51 @@ TEST_F(Tuner_table, quirk_a_stored_line_is_never_updated) {
   Fields changed;
   changed.bandwidth = 1;
   verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { store(changed); }), HasSubstr("WARNING: Updating parameters for dvb-t tuner\n"));
+  EXPECT_EQ(stderr_of([&] { store(changed); }),
+            "WARNING: Dvb parameters Fr:  506000000 Bw:  1 CrH:  3 CrL:  3 Mod:  3 TrM:  2 Grd:  0 Hir:  0\n"
+            "WARNING: Updating parameters for dvb-t tuner\n");
   EXPECT_EQ(lines(), (Texts{LINE}));
+  verbosity_kelvo = 0;
+  EXPECT_EQ(stderr_of([&] { store(changed); }), "");
+  EXPECT_EQ(lines(), (Texts{LINE}));
+}
+
+// The update is a place off: it looks for the type as frequency, the connector as type, and connector 0.
+TEST_F(Tuner_table, quirk_a_changed_line_is_written_where_the_type_is_the_frequency) {
+  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (506000000, 2, 1, 'old')");
+  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 0, 'hit')");
+  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 2, 'other connector')");
+  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 1, 0, 'other type')");
+  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (2, 2, 0, 'other frequency')");
+  store(Fields{}, 1, 2);
+  EXPECT_EQ(lines(), (Texts{"old", LINE, "other connector", "other type", "other frequency"}));
+}
+
+TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
+  const std::string select =
+      "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con <- 506000000 "
+      "2 1";
+  const auto traced = [this](const auto& action) {
+    verbosity_kelvo = 4;
+    const std::string text = stderr_of(action);
+    verbosity_kelvo = 0;
+    return statements(text);
+  };
+  EXPECT_EQ(
+      traced([this] { store(Fields{}, 1, 2); }),
+      (Texts{select,
+             "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, $hf_conn, "
+             "@tuner_params)  <- 506000000 1 2"}));
+  run(sdbl_, "UPDATE tuner_table SET dvb_type = 2, hf_conn = 1");
+  EXPECT_EQ(traced([this] { store(Fields{}, 1, 2); }), Texts{select}) << "the same parameters";
+  Fields changed;
+  changed.bandwidth = 1;
+  EXPECT_EQ(traced([&] { store(changed, 1, 2); }),
+            (Texts{select,
+                   "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type AND "
+                   "hf_conn = $hf_con  <- 1 2 0"}));
+  dvb_frontend_parameters out{};
+  EXPECT_EQ(traced([&] { (void)sdbl_.fill_frontend_control(1, 2, FREQ, &out); }), Texts{select});
 }
 
 TEST_F(Tuner_table, connector_and_type_equal_find_the_line_again) {
@@ -150,6 +194,25 @@ TEST_F(Tuner_table, connector_and_type_equal_find_the_line_again) {
   EXPECT_EQ(static_cast<int>(out.u.ofdm.transmission_mode), 2);
   EXPECT_EQ(out.u.ofdm.guard_interval, GUARD_INTERVAL_1_32);
   EXPECT_EQ(out.u.ofdm.hierarchy_information, HIERARCHY_NONE);
+}
+
+TEST_F(Tuner_table, each_number_of_a_line_fills_the_field_of_its_label) {
+  run(sdbl_,
+      "INSERT INTO tuner_table VALUES (5, 1, 1, "
+      "'Fr:  177500000 Bw:  1 CrH:  2 CrL:  3 Mod:  6 TrM:  4 Grd:  5 Hir:  7')");
+  dvb_frontend_parameters out;
+  std::memset(&out, 0x5A, sizeof out);
+  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, 5, &out), 1);
+  EXPECT_EQ(out.frequency, 177500000u);
+  EXPECT_EQ(out.inversion, INVERSION_OFF);
+  const auto number = [](auto field) { return static_cast<int>(field); };
+  EXPECT_EQ(number(out.u.ofdm.bandwidth), 1);
+  EXPECT_EQ(number(out.u.ofdm.code_rate_HP), 2);
+  EXPECT_EQ(number(out.u.ofdm.code_rate_LP), 3);
+  EXPECT_EQ(number(out.u.ofdm.constellation), 6);
+  EXPECT_EQ(number(out.u.ofdm.transmission_mode), 4);
+  EXPECT_EQ(number(out.u.ofdm.guard_interval), 5);
+  EXPECT_EQ(number(out.u.ofdm.hierarchy_information), 7);
 }
 
 TEST_F(Tuner_table, an_unknown_frequency_fills_nothing) {
@@ -217,6 +280,9 @@ TEST_F(Tuner_table, quirk_a_failing_database_returns_non_zero_and_fills_nothing)
   EXPECT_NE(rc, 0);
   EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
   EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::EndsWith("WARNING: failed to access tuner_table\n"));
+  verbosity_kelvo = 0;
+  EXPECT_THAT(stderr_of([&] { sdbl_.fill_frontend_control(1, 1, FREQ, &out); }), testing::Not(HasSubstr("WARNING")));
+  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("WARNING")));
 }
 
 TEST_F(Tuner_table, parameters_outlive_the_connection) {

@@ -18,14 +18,10 @@ namespace {
 constexpr int PID_EIT = 0x12;
 constexpr int FIRST_RESTARTED_PID = 0x21;
 
-void arm_timer(const dvb_filter_desc* f) {
-  const itimerspec off{};
-  if (timer_settime(f->timer, 0, &off, nullptr) < 0)
-    std::perror("fail to set timer");
+int set_timer(const dvb_filter_desc* f, int seconds) {
   itimerspec once{};
-  once.it_value.tv_sec = f->timeout_s;
-  if (timer_settime(f->timer, 0, &once, nullptr) < 0)
-    std::perror("fail to set timer");
+  once.it_value.tv_sec = seconds;
+  return timer_settime(f->timer, 0, &once, nullptr);
 }
 
 }  // namespace
@@ -68,7 +64,10 @@ void Section_filter::program(dvb_filter_desc* f) {
     KLOG(VERB_ERROR, "ERROR: ioctl DMX_SET_FILTER failed");
   if (ioctl(f->fd, DMX_START) < 0)
     KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
-  arm_timer(f);
+  for (const int seconds : {0, f->timeout_s}) {
+    if (set_timer(f, seconds) < 0)
+      std::perror("fail to set timer");
+  }
   f->state = FILTER_RUNNING;
   if (f->pid == PID_EIT)
     KLOG(VERB_TRACE, " +Fo%03X.%02X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
@@ -125,7 +124,7 @@ void Section_filter::check_feed_activation() {
     }
     if (ioctl(f->fd, DMX_START) < 0)
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
-    arm_timer(f);
+    (void)set_timer(f, f->timeout_s);  // a timer that fails has been told above
   }
 }
 

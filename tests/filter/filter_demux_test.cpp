@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -109,6 +111,32 @@ TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same)
   EXPECT_EQ(state(1), FILTER_RUNNING);
   want(0x102);
   EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), "");
+  want(0x103);
+  demux.fail_ioctl(DMX_SET_FILTER, EINVAL);
+  EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(state(3), FILTER_RUNNING);
+}
+
+TEST_F(FilterDemux, a_timer_runs_once_for_the_filters_time) {
+  const unsigned char byte = 2;
+  filter.addfilter(0x100, FREQ, &byte, &byte, 1, 0, 30);
+  filter.recalculate_filters();
+  itimerspec left{};
+  timer_gettime(slot(filter, 0)->timer, &left);
+  EXPECT_GE(left.it_value.tv_sec, 20);
+  EXPECT_LE(left.it_value.tv_sec, 30);
+  EXPECT_EQ(left.it_interval.tv_sec, 0);
+  EXPECT_EQ(left.it_interval.tv_nsec, 0);
+}
+
+TEST_F(FilterDemux, a_timer_that_cannot_be_set_is_told_at_every_level_and_the_filter_runs_all_the_same) {
+  want(0x100);
+  const timer_t good = slot(filter, 0)->timer;
+  slot(filter, 0)->timer = no_such_timer();
+  const std::string once = "fail to set timer: Invalid argument\n";
+  EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), once + once) << "disarming and arming";
+  EXPECT_EQ(state(0), FILTER_RUNNING);
+  slot(filter, 0)->timer = good;
 }
 
 TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
@@ -129,6 +157,50 @@ TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
   EXPECT_EQ(fd(3), -1);
   EXPECT_EQ(state(8), FILTER_RUNNING);
   EXPECT_TRUE(demux.is_mine(fd(8)));
+}
+
+TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_and_counted_off) {
+  for (int i = 0; i < 8; ++i)
+    want(0x100 + i);
+  filter.recalculate_filters();
+  std::vector<int> freed;
+  for (int i : {1, 4, 6}) {
+    freed.push_back(fd(static_cast<size_t>(i)));
+    filter.removefilter(0x100 + i, 2);
+  }
+  want(0x200);  // takes slot 1 and its handle
+  filter.recalculate_filters();
+  EXPECT_EQ(fd(1), freed[0]);
+  EXPECT_EQ(state(1), FILTER_RUNNING);
+  EXPECT_EQ(fd(4), -1);
+  EXPECT_EQ(fd(6), -1);
+  EXPECT_FALSE(demux.is_mine(freed[1]) || demux.is_mine(freed[2]));
+  for (int i = 0; i < 3; ++i)
+    want(0x300 + i);
+  filter.recalculate_filters();
+  EXPECT_EQ(state(4), FILTER_RUNNING);
+  EXPECT_EQ(state(6), FILTER_RUNNING);
+  EXPECT_EQ(state(8), FILTER_WANTED) << "eight again";
+}
+
+TEST_F(FilterDemux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_same) {
+  for (int i = 0; i < 8; ++i)
+    want(0x100 + i);
+  filter.recalculate_filters();
+  for (const auto& [level, text] : {std::pair{0, "ERROR: Filter demux close failed\n"}, std::pair{-1, ""}}) {
+    const int handle = fd(0);
+    filter.removefilter(slot(filter, 0)->pid, 2);
+    EXPECT_EQ(at_level(level,
+                       [&] {
+                         close(handle);
+                         filter.recalculate_filters();
+                       }),
+              text);
+    EXPECT_EQ(fd(0), -1);
+    want(0x200);
+    EXPECT_EQ(at_level(1, [&] { filter.recalculate_filters(); }), "");
+    EXPECT_EQ(state(0), FILTER_RUNNING) << "its place was free";
+  }
 }
 
 TEST_F(FilterDemux, below_eight_handles_a_free_slot_keeps_its_handle_for_the_next_filter) {
@@ -231,7 +303,23 @@ TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_slot_freed_all_the_same) {
   EXPECT_EQ(at_level(0, [&] { filter.removefilter(0x100, 2); }),
             "ERROR: Filter stop failed for demux file nr " + std::to_string(fd(0)) + ", error Input/output error \n");
   EXPECT_EQ(state(0), FILTER_FREE);
+  want(0x100);
+  filter.recalculate_filters();
+  EXPECT_EQ(at_level(-1, [&] { filter.removefilter(0x100, 2); }), "");
+  EXPECT_EQ(state(0), FILTER_FREE);
   demux.fail_ioctl(0, 0);
+}
+
+TEST_F(FilterDemux, a_stopped_filter_is_freed_like_a_running_one) {
+  want(0x100);
+  filter.recalculate_filters();
+  filter.stop_filters();
+  demux.take_calls();
+  filter.removefilter(0x100, 2);
+  EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_STOP}));
+  EXPECT_THAT(slots(filter), ElementsAre(Slot(FILTER_FREE, -1, 2)));
+  filter.start_filters();
+  EXPECT_EQ(state(0), FILTER_FREE);
 }
 
 TEST_F(FilterDemux, a_wanted_filter_that_never_ran_is_freed_without_an_ioctl) {
@@ -256,6 +344,37 @@ TEST(FilterDestruction, stops_the_filters_and_closes_all_handles) {
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{handles[0], DMX_STOP}, Call{handles[2], DMX_STOP}));
   for (int handle : handles)
     EXPECT_FALSE(demux.is_mine(handle));
+}
+
+TEST(FilterDestruction, tells_at_3_that_all_filters_are_gone_and_deletes_the_timers) {
+  Fake_demux demux;
+  const std::string before = listed_timers();
+  for (const auto& [level, text] : {std::pair{3, "Removed all filters\n"}, std::pair{2, ""}}) {
+    auto filter = std::make_unique<Section_filter>(demux.path());
+    filter->addfilter(0x100, 2, FREQ);
+    filter->addfilter(0x101, 2, FREQ);
+    filter->recalculate_filters();
+    filter->removefilter(0x101, 2);
+    EXPECT_EQ(at_level(level, [&] { filter.reset(); }), text);
+  }
+  EXPECT_EQ(listed_timers(), before);
+}
+
+TEST(FilterDestruction, a_handle_that_does_not_close_is_an_error) {
+  Fake_demux demux;
+  for (const auto& [level, text] :
+       {std::pair{0, "ERROR: Filter close failed, Bad file descriptor \n"}, std::pair{-1, ""}}) {
+    auto filter = std::make_unique<Section_filter>(demux.path());
+    filter->addfilter(0x100, 2, FREQ);
+    filter->recalculate_filters();
+    filter->remove_all();
+    EXPECT_EQ(at_level(level,
+                       [&] {
+                         close(slot(*filter, 0)->fd);
+                         filter.reset();
+                       }),
+              text);
+  }
 }
 
 // --- Stop, start, restart --------------------------------------------------------------------------------------------
@@ -309,6 +428,7 @@ TEST_F(FilterDemux, a_filter_whose_restart_fails_stays_running) {
   EXPECT_EQ(at_level(0, [&] { filter.restart_all_filters(); }),
             "ERROR: Filter start failed for demux file nr " + std::to_string(fd(0)) + ", error Invalid argument \n");
   EXPECT_EQ(state(0), FILTER_RUNNING);
+  EXPECT_EQ(at_level(-1, [&] { filter.restart_all_filters(); }), "");
 }
 
 // --- Silent feeds ----------------------------------------------------------------------------------------------------
@@ -378,6 +498,36 @@ TEST_F(FilterDemux, a_failing_restart_is_printed) {
   expire(0);
   demux.fail_ioctl(DMX_START, EINVAL);
   EXPECT_EQ(at_level(0, [&] { filter.check_feed_activation(); }), "ERROR: ioctl DMX_START FILTER failed");
+  EXPECT_EQ(remaining(0), 1) << "armed again";
+  expire(0);
+  EXPECT_EQ(at_level(-1, [&] { filter.check_feed_activation(); }), "");
+  EXPECT_EQ(slot(filter, 0)->restarts, 2);
+}
+
+TEST_F(FilterDemux, a_timer_that_cannot_be_read_is_told_and_counts_as_run_out) {
+  want(0x100);
+  filter.recalculate_filters();
+  demux.take_calls();
+  const timer_t good = slot(filter, 0)->timer;
+  slot(filter, 0)->timer = no_such_timer();
+  EXPECT_EQ(at_level(-1, [&] { filter.check_feed_activation(); }), "feed activation: : Invalid argument\n");
+  EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_START}));
+  slot(filter, 0)->timer = good;
+}
+
+TEST_F(FilterDemux, a_feed_is_started_again_within_the_last_second_and_not_before) {
+  want(0x100);
+  filter.recalculate_filters();
+  demux.take_calls();
+  const auto left = [&](time_t seconds, long nanoseconds) {
+    const itimerspec value{{0, 0}, {seconds, nanoseconds}};
+    timer_settime(slot(filter, 0)->timer, 0, &value, nullptr);
+    filter.check_feed_activation();
+    return demux.count(DMX_START);
+  };
+  EXPECT_EQ(left(30, 0), 0);
+  EXPECT_EQ(left(0, 999000000), 1);
+  EXPECT_EQ(left(20, 0), 1);
 }
 
 TEST_F(FilterDemux, a_reused_slot_gets_a_fresh_timer) {

@@ -325,4 +325,15 @@ TEST(FilterDestruction, quirk_the_timer_of_a_slot_without_handle_is_left) {
   EXPECT_EQ(kernel_timers(), before + 1);
 }
 
+TEST(FilterList, a_timer_is_of_the_wall_clock_and_never_signals) {
+  if (!std::ifstream("/proc/self/timers"))
+    GTEST_SKIP() << "this kernel does not list timers";
+  Section_filter filter(NO_DEVICE);
+  filter.addfilter(1, 1, FREQ);
+  const std::string timers = listed_timers();
+  EXPECT_THAT(timers, testing::HasSubstr("notify: none/"));
+  EXPECT_THAT(timers, testing::HasSubstr("ClockID: " + std::to_string(CLOCK_REALTIME) + "\n"));
+  EXPECT_THAT(timers, testing::Not(testing::ContainsRegex("notify: (signal|thread)")));
+}
+
 }  // namespace

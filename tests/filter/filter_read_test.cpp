@@ -63,10 +63,12 @@ TEST_F(FilterRead, reading_traces_at_4) {
   dvb_filter_desc* f = start();
   demux.put(pmt());
   filter.recalculate_filters();
+  filter.wait_for_data(0);
+  filter.recalculate_filters();
   filter.wait_for_data(1000);
   EXPECT_EQ(
       at_level(4, [&] { filter.get_section_data(f, buffer); }),
-      "Reading data loop 1 from filter PID 100 TID 2 fileno " +
+      "Reading data loop 2 from filter PID 100 TID 2 fileno " +
           [&] {
             char text[16];
             std::snprintf(text, sizeof text, "%x", static_cast<unsigned>(f->fd));
@@ -290,6 +292,10 @@ TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
   filter.remove_all();
   dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
   EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
+  Bytes other_table = tdt;
+  other_table[0] = 0x73;
+  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, other_table), 0u); }), "");
+  EXPECT_EQ(deliver(f, tdt), 8u);
 }
 
 TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {

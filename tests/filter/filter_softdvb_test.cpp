@@ -1,5 +1,8 @@
 // Section_filter on the software adapter, which behaves as Linux's demultiplexer does.
+#include <time.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <map>
 
@@ -182,6 +185,31 @@ TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below
     filter.check_feed_activation();
   }
   EXPECT_EQ(slot(filter, 1)->restarts, restarts) << "no longer silent";
+}
+
+TEST_F(FilterSoftdvb, a_wait_may_last_longer_than_a_second) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  filter.recalculate_filters();
+  timespec from{};
+  clock_gettime(CLOCK_MONOTONIC, &from);
+  EXPECT_EQ(filter.wait_for_data(1500), 0);
+  timespec to{};
+  clock_gettime(CLOCK_MONOTONIC, &to);
+  EXPECT_GE(static_cast<double>(to.tv_sec - from.tv_sec) + static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e9, 1.45);
+}
+
+TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
+  filter.addfilter(0x100, 0x02, FREQ);
+  filter.recalculate_filters();
+  support::softdvb_control("fault select = EINTR*1");
+  EXPECT_EQ(at_level(4,
+                     [&] {
+                       EXPECT_EQ(filter.wait_for_data(100), -1);
+                       EXPECT_EQ(errno, EINTR);
+                     }),
+            "");
+  on_air(0x100, pmt(1));
+  EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(1)));
 }
 
 TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {

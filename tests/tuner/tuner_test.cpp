@@ -14,9 +14,21 @@ TEST_F(Tuner_test, frontend_is_described_at_verbosity_3) {
   const support::Stderr_capture capture;
   tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0);
   const std::string text = capture.text();
-  EXPECT_NE(std::string::npos, text.find(", type is 2\n  Freq min: 470000000 Freq max: 862000000\n  Freq step: "))
+  EXPECT_EQ(0U, text.find(" Front end name is softdvb DVB-T 0, type is 2\n"
+                          "  Freq min: 470000000 Freq max: 862000000\n"
+                          "  Freq step: 166667, Tolerance: 0\n"))
       << text;
   EXPECT_EQ(std::string::npos, text.find("ERROR")) << text;
+}
+
+TEST_F(Tuner_test, good_frontend_is_opened_in_silence) {
+  tuner_.reset();
+  EXPECT_EQ("", support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); }));
+  tuner_.reset();
+  const support::Verbosity verbosity(2);
+  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); });
+  EXPECT_EQ(std::string::npos, text.find("Front end")) << text;
+  EXPECT_EQ(474000000, tuner_->fe_freq());
 }
 
 TEST_F(Tuner_test, second_tuner_on_a_device_prints_that_it_is_busy_and_the_first_goes_on) {

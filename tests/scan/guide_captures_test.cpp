@@ -1,24 +1,51 @@
-// The guides of recorded streams, which are not part of the tree: without them these tests are skipped. References hold
-// a line a service: events, texts, and a checksum over starts, durations, genres, ratings, languages and texts.
+// The guides of recorded streams, which are not part of the tree: without them these tests are skipped. What is stored
+// is compared with what another library finds in the recording, value by value. References hold a line a service, for
+// people to read: events, texts, and a checksum over starts, durations, genres, ratings, languages and texts.
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "scan/recorded_guide.h"
 #include "scan/scan_run.h"
 
 namespace {
 
-// A recording whose scan cannot complete gets its services, television in H.264 (25), beforehand.
+// A recording whose scan cannot complete gets its services, television in H.264 (25), beforehand, and a channel
+// request. After a frequency request the present/following table would be opened when the scan gives up after 40 s,
+// which is when the services' timers run out for the fourth time: each would be killed at once, and events that only
+// that table has would be lost. With a channel the timers start anew together with the guide.
 struct Recorded_guide {
   const char* file;
   const char* reference;
   const char* types;
   std::vector<int> services;
-  int speed;  // little enough for the stream to be played through within the ten seconds of the first table
+  const char* pace;
+  int speed;
+  int turns;          // tunings until everything is there, at most
+  double turn_s = 0;  // each begins so much later in the recording
 };
 
-class Guide_captures_test : public Scan_test, public testing::WithParamInterface<Recorded_guide> {};
+class Guide_captures_test : public Scan_test, public testing::WithParamInterface<Recorded_guide> {
+ protected:
+  Scan_run collect(const Recorded_guide& guide, const std::string& file, int turn) {
+    std::string script = std::string("types ") + guide.types + "\n";
+    for (const int service : turn == 0 ? guide.services : std::vector<int>{})
+      script += "insert INSERT INTO kanalid (freq, pat_prnr, serv_type) VALUES (506000000, " + std::to_string(service) +
+                ", 25)\n";
+    script += "kelvo 0 tuner\n";
+    if (guide.services.empty())
+      script += "freq 0 506000000\nwait_done 0 100\nfreq 0 506000000\nwait_done 0 100\n";
+    else
+      script += "channel 0 506000000 1\n";
+    script += "wait_guide 0 1500\n";
+    std::vector<std::string> options = on_freq(file);
+    options.insert(options.end(),
+                   {"--pace", guide.pace, "--grace", "5000", "--offset", std::to_string(turn * guide.turn_s)});
+    return run(options, script, guide.speed);
+  }
+};
 
 }  // namespace
 
@@ -27,22 +54,20 @@ TEST_P(Guide_captures_test, every_event_is_stored_once) {
   const std::string file = support::capture_file(guide.file);
   if (file.empty())
     GTEST_SKIP() << guide.file << " is not here";
-  std::string script = std::string("types ") + guide.types + "\n";
-  for (const int service : guide.services)
-    script += "insert INSERT INTO kanalid (freq, pat_prnr, serv_type) VALUES (506000000, " + std::to_string(service) +
-              ", 25)\n";
-  script += "kelvo 0 tuner\n";
-  if (guide.services.empty())
-    script += "freq 0 506000000\nwait_done 0 100\n";
-  script += "freq 0 506000000\nwait_done 0 100\nwait_guide 0 1500\n";
-  std::vector<std::string> options = on_freq(file);
-  options.insert(options.end(), {"--pace", "fast"});
-  const Scan_run scan = run(options, script, guide.speed);
-  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
-  EXPECT_EQ(0U, scan.count_err("ERROR: SQL")) << scan.err;
-  EXPECT_EQ(0U, scan.count_err("eit_for_service")) << scan.err;
+  const std::vector<std::string> recorded =
+      scan_support::recorded_guide(file, {guide.services.begin(), guide.services.end()});
+  ASSERT_FALSE(recorded.empty());
+  for (int turn = 0; turn < guide.turns; ++turn) {
+    const Scan_run scan = collect(guide, file, turn);
+    EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
+    EXPECT_EQ(0U, scan.count_err("ERROR: SQL")) << scan.err;
+    EXPECT_EQ(0U, scan.count_err("eit_for_service")) << scan.err;
+    if (sql("SELECT count(*) FROM epglist_lang") == std::to_string(recorded.size()) + "\n")
+      break;
+  }
+  scan_support::expect_same_guide(recorded, sql(scan_support::STORED_GUIDE));
   EXPECT_EQ("", sql("SELECT channel, start_epoch, count(*) FROM epglist GROUP BY 1, 2 HAVING count(*) > 1"));
-  EXPECT_EQ("", sql("SELECT entry FROM epglist WHERE start_epoch <= 0 OR dur_sec < 0"));
+  EXPECT_EQ("", sql("SELECT source_oid, lang, count(*) FROM epglist_lang GROUP BY 1, 2 HAVING count(*) > 1"));
   const std::string all = dump({.events = false});
   const auto titles_from = [](const char* first, const char* last) {
     return std::string("sum(unicode(ev_name) BETWEEN ") + first + " AND " + last + ")";
@@ -55,17 +80,32 @@ TEST_P(Guide_captures_test, every_event_is_stored_once) {
                                 "== titles by their first character\nlanguage|titles|latin|greek|cyrillic\n" + titles);
 }
 
+// The French recording lost some sections on the way and has most of the others three times. A service is done when the
+// last section of its part of the table has come twice, which may be before the first good copy of another one: what is
+// missing then comes with the next tuning, if that begins elsewhere in the stream. For the other three one tuning is
+// enough, unless the machine is so busy that a service of the first table is killed.
 INSTANTIATE_TEST_SUITE_P(
     Recorded, Guide_captures_test,
     testing::Values(
-        Recorded_guide{"gr_crete_2023_complete.ts", "gr_crete_2023.txt", "1", {}, 8},
-        Recorded_guide{"fr_r4_paris_2019_si.ts", "fr_r4_paris_2019.txt", "1 25", {1025, 1026, 1031, 1045, 1046}, 8},
+        Recorded_guide{"gr_crete_2023_complete.ts", "gr_crete_2023.txt", "1", {}, "fast", 8, 3},
+        Recorded_guide{"fr_r4_paris_2019_si.ts",
+                       "fr_r4_paris_2019.txt",
+                       "1 25",
+                       {1025, 1026, 1031, 1045, 1046},
+                       "200k",
+                       20,
+                       5,
+                       9.3},
         Recorded_guide{"cz_db_mux24_2023.si.ts",
                        "cz_db_mux24_2023.txt",
                        "1 25",
                        {515, 517, 518, 525, 526, 801, 809, 2562, 2817, 2818, 5640, 5641, 6146, 6923, 8202, 8210, 33031},
-                       8},
-        Recorded_guide{"eit_hu_2024.ts", "eit_hu_2024.txt", "25", {100, 101, 102, 103, 130, 131, 132, 133}, 30}),
+                       "1M",
+                       20,
+                       3,
+                       2.6},
+        Recorded_guide{
+            "eit_hu_2024.ts", "eit_hu_2024.txt", "25", {100, 101, 102, 103, 130, 131, 132, 133}, "200k", 30, 3}),
     [](const auto& capture) {
       const std::string name = capture.param.file;
       return name.substr(0, name.find('.'));

@@ -33,6 +33,12 @@ const char* const ATTACHED_PRAGMAS[] = {
     "PRAGMA epg_db.max_page_count=8000;",
 };
 
+// The pragma before "synchronous" writes to the file, which without this waits for the disk, up to seconds on a busy
+// one. What cannot be set now (the file is locked or damaged) shows itself at the pragmas.
+void never_wait_for_disk(sqlite3* conn) {
+  (void)sqlite3_exec(conn, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+}
+
 }  // namespace
 
 Sdbl::Sdbl(const char* db_file)
@@ -93,6 +99,7 @@ void Sdbl::create_epg_file(const std::string& epg_file) {
     throw no_file_error("Unable to open epg file %s");
   }
   (void)sqlite3_extended_result_codes(conn, 1);
+  never_wait_for_disk(conn);
   (void)sqlite3_busy_timeout(conn, sdbl::SQL_TIMEOUT_MS);
   apply_pragmas(conn);
   create_epg_tables(conn);
@@ -127,6 +134,7 @@ int Sdbl::open_db() {
       throw no_file_error("Unable to open file");
     }
     (void)sqlite3_extended_result_codes(conn, 1);
+    never_wait_for_disk(conn);
     db = conn;
   }
   (void)sqlite3_busy_timeout(db, sdbl::SQL_TIMEOUT_MS);

@@ -55,6 +55,16 @@ TEST_F(Failures, a_full_disk_is_printed_and_a_later_scan_succeeds) {
   EXPECT_EQ(rows(*sdbl_, "SELECT pat_prnr FROM kanalid"), (Texts{"10"}));
 }
 
+// A program that starts on a busy disk must not wait for it before it tunes.
+TEST_F(Failures, nothing_waits_for_the_disk_when_the_files_are_made_or_opened) {
+  support::softdvb_control("fault fsync=EIO");
+  support::softdvb_control("fault fdatasync=EIO");
+  const std::string file = dir_.file("b.db");
+  EXPECT_EQ(stderr_of([&] { Sdbl made(file.c_str()); }), "");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { Sdbl opened(file.c_str()); }), "");
+}
+
 TEST_F(Failures, files_that_may_not_be_opened_throw) {
   const std::string file = dir_.file("b.db");
   support::softdvb_control("fault open(b_epg.db)=EACCES");

@@ -17,6 +17,11 @@ timespec now() {
   return t;
 }
 
+// Null when there is nothing to copy from; SQLite itself would not survive a null connection.
+sqlite3_backup* begin_copy(sqlite3* to, sqlite3* from, const char* schema) {
+  return from != nullptr ? sqlite3_backup_init(to, "main", from, schema) : nullptr;
+}
+
 }  // namespace
 
 void Sdbl::backup_database(bool) {
@@ -44,7 +49,7 @@ void Sdbl::backup_database(bool) {
     (void)sqlite3_close(conn);  // a handle that failed to open
     return;
   }
-  sqlite3_backup* backup = sqlite3_backup_init(conn, "main", db, sdbl::EPG_SCHEMA);
+  sqlite3_backup* backup = begin_copy(conn, db, sdbl::EPG_SCHEMA);
   if (backup == nullptr) {
     KLOG(VERB_ERROR, "ERROR: Backup structure creating failed %s\n", sqlite3_errmsg(conn));
   } else {
@@ -82,7 +87,7 @@ void Sdbl::backup_channel_database(const char* file) {
     (void)sqlite3_close(conn);  // a handle that failed to open
     throw no_file_error("Unable to open epg file %s");
   }
-  if (sqlite3_backup* backup = sqlite3_backup_init(conn, "main", db, "main")) {
+  if (sqlite3_backup* backup = begin_copy(conn, db, "main")) {
     const int rc = sqlite3_backup_step(backup, -1);
     if (rc != SQLITE_DONE)
       KLOG(VERB_WARNING, "WARNING: Backup step rc is %d\n", rc);

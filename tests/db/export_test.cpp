@@ -115,7 +115,19 @@ TEST_F(Channel_export, quirk_temporary_file_is_named_after_the_original_and_must
   EXPECT_EQ(what, "Unable to open epg file %s");
   EXPECT_THAT(text,
               HasSubstr("ERROR: FLUSH: Cannot open database " + file_ + "_exp, error unable to open database file\n"));
+  verbosity_kelvo = -1;
+  EXPECT_THAT(
+      stderr_of([&] { EXPECT_THROW(sdbl_.backup_channel_database(dir_.file("copy.db").c_str()), no_file_error); }),
+      testing::Not(HasSubstr("ERROR")));
   EXPECT_FALSE(std::filesystem::exists(dir_.file("copy.db")));
+}
+
+TEST_F(Channel_export, of_a_closed_database_copies_nothing) {
+  sdbl_.close_db();
+  EXPECT_THAT(stderr_of([&] { sdbl_.backup_channel_database(dir_.file("copy.db").c_str()); }),
+              testing::Not(HasSubstr("ERROR")));
+  EXPECT_EQ(std::filesystem::file_size(dir_.file("copy.db")), 0u);
+  verbosity_kelvo = -1;
 }
 
 TEST_F(Channel_export, announces_itself_at_level_1) {
@@ -142,6 +154,8 @@ TEST_F(Guide_export, without_the_folder_of_the_temporary_file_prints_an_error) {
             "ERROR: Cannot open export file in /dvbfiles/epg_export_tmp.db, unable to open database file\n");
   EXPECT_FALSE(std::filesystem::exists(dir_.file("copy_epg.db")));
   EXPECT_EQ(rows(sdbl_, "SELECT count(*) FROM epglist"), (Texts{"0"}));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(true); }), "");
   verbosity_kelvo = 1;
   EXPECT_THAT(stderr_of([&] { sdbl_.backup_database(true); }),
               MatchesRegex("WARNING: Exporting attached epg database epg_db to .*/copy.db WARNING: Remove_old_entries "

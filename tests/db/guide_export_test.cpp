@@ -16,6 +16,7 @@ using db_support::run;
 using support::stderr_of;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 
 namespace {
 
@@ -113,6 +114,8 @@ TEST_F(Guide_export_done, an_unusable_temporary_file_ends_it) {
       stderr_of([&] { sdbl_->backup_database(true); }),
       HasSubstr("ERROR: Cannot open export file in /dvbfiles/epg_export_tmp.db, unable to open database file\n"));
   EXPECT_FALSE(std::filesystem::exists(dir_.file("copy_epg.db")));
+  verbosity_kelvo = -1;
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
 }
 
 TEST_F(Guide_export_done, without_the_guide_prints_that_there_is_nothing_to_copy) {
@@ -122,4 +125,30 @@ TEST_F(Guide_export_done, without_the_guide_prints_that_there_is_nothing_to_copy
   EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }),
               HasSubstr("ERROR: Backup structure creating failed unknown database epg_db\n"));
   verbosity_kelvo = -1;
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
+}
+
+TEST_F(Guide_export_done, of_a_closed_database_prints_that_there_is_nothing_to_copy) {
+  sdbl_->close_db();
+  sdbl_->set_backup_file_name(dir_.file("copy.db").c_str());
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }),
+              HasSubstr("ERROR: Backup structure creating failed not an error\n"));
+  EXPECT_EQ(std::filesystem::file_size(dir_.file("copy_epg.db")), 0u);
+  verbosity_kelvo = -1;
+}
+
+TEST_F(Guide_export_done, a_disk_without_room_is_printed) {
+  sdbl_->set_backup_file_name(dir_.file("copy.db").c_str());
+  support::softdvb_control("fault write(epg_export_tmp.db)=ENOSPC");
+  // For the step, for the end of the copy; and then the copy cannot be compacted.
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }),
+              MatchesRegex("ERROR: rc 13: Cannot run export into /dvbfiles/epg_export_tmp.db, not an error\n"
+                           "ERROR: rc 13: Cannot run export into /dvbfiles/epg_export_tmp.db, database or disk is "
+                           "full\nERROR: SQL_exec: 13 @ backup_database line [0-9]+\n"));
+  EXPECT_EQ(rows(*sdbl_, "SELECT entry FROM epglist"), (Texts{"2", "3"}));
+  verbosity_kelvo = -1;
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
+  support::softdvb_control("clear faults");
+  EXPECT_EQ(stderr_of([&] { sdbl_->backup_database(true); }), "");
+  expect_guide_in(dir_.file("copy_epg.db"));
 }

@@ -99,6 +99,35 @@ TEST_F(Failures, a_file_that_another_program_keeps_locked_is_given_up_after_two_
   EXPECT_EQ(sdbl_->modify_table_oid(1, "kanalid", "lcn", 7), 101);
 }
 
+TEST_F(Failures, tables_of_a_file_that_another_program_keeps_locked_count_as_there) {
+  Other_connection other(dir_.file("busy.db"));
+  ASSERT_EQ(run(other.get(), "BEGIN EXCLUSIVE"), SQLITE_DONE);
+  verbosity_kelvo = 1;
+  std::unique_ptr<Sdbl> busy;
+  const std::string text = stderr_of([&] { busy = std::make_unique<Sdbl>(dir_.file("busy.db").c_str()); });
+  verbosity_kelvo = 0;
+  for (const char* table : {"kanalid", "kanalid_lang", "estreams", "tuner_table"})
+    EXPECT_THAT(text, HasSubstr(std::string("WARNING: SQL_execute/compile error RC=5, SELECT * FROM ") + table +
+                                ";, database is locked\n"));
+  EXPECT_THAT(text, testing::Not(HasSubstr("@ create_table")));
+  EXPECT_THAT(text, HasSubstr("ERROR: Failed to attach epg database " + dir_.file("busy_epg.db") + ", rc = 5\n"));
+  EXPECT_EQ(run(other.get(), "COMMIT"), SQLITE_DONE);
+  EXPECT_EQ(rows(other.get(), "SELECT count(*) FROM sqlite_master"), (Texts{"0"}));
+  Other_connection guide(dir_.file("busy_epg.db"));
+  EXPECT_EQ(rows(guide.get(), "SELECT count(*) FROM epglist"), (Texts{"0"})) << "the guide's file is not locked";
+  verbosity_kelvo = -1;
+}
+
+TEST_F(Failures, a_channel_export_without_room_warns_with_the_step_s_code) {
+  const std::string copy = dir_.file("copy.db");
+  support::softdvb_control("fault write(a.db_exp)=ENOSPC");
+  EXPECT_EQ(stderr_of([&] { sdbl_->backup_channel_database(copy.c_str()); }), "");
+  verbosity_kelvo = 1;
+  EXPECT_THAT(stderr_of([&] { sdbl_->backup_channel_database(copy.c_str()); }),
+              testing::MatchesRegex("WARNING: Exporting channel data to to .*/copy.db WARNING: Backup step rc is 13\n"
+                                    "WARNING: Completed in [0-9]+ msec\n"));
+}
+
 TEST_F(Failures, a_list_without_timers_still_holds_its_services) {
   run(*sdbl_, "INSERT INTO kanalid (freq, hf_conn, dvb_type, serv_type) VALUES (506000000, 1, 1, 1)");
   support::softdvb_control("fault timer_create=EAGAIN");

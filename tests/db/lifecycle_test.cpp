@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include <gmock/gmock.h>
@@ -187,10 +188,22 @@ TEST_F(Lifecycle, closing_twice_prints_an_error_and_does_nothing_else) {
   EXPECT_FALSE(sdbl->db_opened());
 }
 
-TEST_F(Lifecycle, closing_traces_its_steps) {
+TEST_F(Lifecycle, closing_traces_its_steps_at_level_4) {
   auto sdbl = open();
+  auto second = open();
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { second->close_db(); }), "");
   verbosity_kelvo = 4;
   EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
+  verbosity_kelvo = -1;
+}
+
+TEST_F(Lifecycle, destroying_ends_the_statements_of_the_cache_before_closing) {
+  auto sdbl = open();
+  for (int n = 0; n < 3; ++n)
+    sqlite3_step(sdbl->sql_cache(false, n, "SELECT 'DVBNR'"));
+  verbosity_kelvo = 4;
+  EXPECT_EQ(stderr_of([&] { sdbl.reset(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
 }
 
 TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
@@ -200,6 +213,11 @@ TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
   verbosity_kelvo = 1;
   EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }),
             "WARNING: Open statement in close db\nWARNING: Open statement in close db\n");
+  auto second = open();
+  (void)second->sql_cache(false, 0, "SELECT 1");
+  verbosity_kelvo = 0;
+  EXPECT_EQ(stderr_of([&] { second->close_db(); }), "");
+  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, a_connection_in_use_is_tried_five_times_and_left) {
@@ -210,7 +228,9 @@ TEST_F(Lifecycle, a_connection_in_use_is_tried_five_times_and_left) {
   ASSERT_NE(backup, nullptr);
   const std::string line = "ERROR: FLUSH: Cannot close database " + file_ +
                            ", error unable to close due to unfinalized statements or unfinished backups\n";
+  const auto from = std::chrono::steady_clock::now();
   EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), line + line + line + line + line);
+  EXPECT_GE(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(40)) << "10 ms between two attempts";
   EXPECT_FALSE(sdbl->db_opened());
   sqlite3_backup_finish(backup);
   EXPECT_EQ(sqlite3_close(conn), SQLITE_OK);
@@ -310,6 +330,49 @@ TEST_F(Lifecycle, clearing_empties_the_scan_tables_of_one_instance) {
   }
 }
 
+TEST_F(Lifecycle, scan_tables_are_dropped_built_and_cleared_in_order) {
+  auto sdbl = open();
+  verbosity_kelvo = 4;
+  const std::string text = stderr_of([&] { sdbl->create_temp_tables(3); });
+  Texts statements;
+  for (size_t at = 0; (at = text.find("sql_exec: ", at)) != std::string::npos; ++at)
+    if (text.compare(at + 10, 5, "ALTER") != 0)
+      statements.push_back(text.substr(at + 10, text.find('\n', at) - at - 10));
+  EXPECT_EQ(statements, (Texts{"DROP TABLE IF EXISTS kanalid_scan_3;", "DROP TABLE IF EXISTS kanalid_lang_scan_3;",
+                               "DROP TABLE IF EXISTS estreams_scan_3",
+                               "CREATE TEMP TABLE 'kanalid_scan_3' (channel integer primary key autoincrement);",
+                               "CREATE TEMP TABLE 'kanalid_lang_scan_3' (source_oid int);",
+                               "CREATE TEMP TABLE 'estreams_scan_3' (channel int);"}));
+  EXPECT_EQ(stderr_of([&] { sdbl->clear_temp_tables(3); }),
+            "sql_exec: DELETE FROM estreams_scan_3;\nsql_exec: DELETE FROM kanalid_scan_3;\n"
+            "sql_exec: DELETE FROM kanalid_lang_scan_3;\n");
+  verbosity_kelvo = -1;
+}
+
+TEST_F(Lifecycle, clearing_goes_on_after_a_table_that_is_not_there) {
+  auto sdbl = open();
+  sdbl->create_temp_tables(1);
+  run(*sdbl, "INSERT INTO kanalid_scan_1 (freq) VALUES (1)");
+  run(*sdbl, "INSERT INTO kanalid_lang_scan_1 (lang) VALUES ('eng')");
+  run(*sdbl, "DROP TABLE estreams_scan_1");
+  EXPECT_THAT(stderr_of([&] { sdbl->clear_temp_tables(1); }),
+              MatchesRegex("ERROR: SQL_exec: 1 @ clear_temp_tables line [0-9]+\n"));
+  EXPECT_EQ(number(*sdbl, "SELECT count(*) FROM kanalid_scan_1"), 0);
+  EXPECT_EQ(number(*sdbl, "SELECT count(*) FROM kanalid_lang_scan_1"), 0);
+}
+
+TEST_F(Lifecycle, scan_tables_of_a_closed_database_print_an_error_for_every_statement) {
+  auto sdbl = open();
+  sdbl->close_db();
+  EXPECT_THAT(stderr_of([&] { sdbl->create_temp_tables(1); }),
+              MatchesRegex("(ERROR: SQL_exec: 21 @ create_temp_tables line [0-9]+\n){3}"
+                           "(ERROR: SQL_exec: 21 @ create_table_kanalid line [0-9]+\n){21}"
+                           "(ERROR: SQL_exec: 21 @ create_table_kanalid_lang line [0-9]+\n){5}"
+                           "(ERROR: SQL_exec: 21 @ create_table_estreams line [0-9]+\n){13}"));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl->create_temp_tables(1); }), "");
+}
+
 TEST_F(Lifecycle, clearing_tables_that_are_not_there_prints_three_errors) {
   auto sdbl = open();
   EXPECT_THAT(stderr_of([&] { sdbl->clear_temp_tables(1); }),
@@ -336,6 +399,25 @@ TEST_F(Lifecycle, old_events_go_with_their_texts_and_both_are_counted) {
   EXPECT_EQ(rows(*sdbl, "SELECT entry FROM epglist"), (Texts{"3", "4"}));
   EXPECT_EQ(rows(*sdbl, "SELECT source_oid FROM epglist_lang"), (Texts{"3", "4"}));
   EXPECT_EQ(sdbl->remove_old_entries(86400, false), 0);
+}
+
+TEST_F(Lifecycle, an_event_of_exactly_the_age_stays) {
+  auto sdbl = open();
+  bool same_second = false;
+  for (int attempt = 0; attempt < 20 && !same_second; ++attempt) {
+    run(*sdbl, "DELETE FROM epglist");
+    const time_t now = time(nullptr);
+    for (const int age : {999, 1000, 1001})
+      run(*sdbl, "INSERT INTO epglist (channel, start_epoch) VALUES (" + std::to_string(age) + ", " +
+                     std::to_string(now - age) + ")");
+    const int removed = sdbl->remove_old_entries(1000, false);
+    same_second = time(nullptr) == now;
+    if (same_second) {
+      EXPECT_EQ(removed, 1);
+      EXPECT_EQ(rows(*sdbl, "SELECT channel FROM epglist ORDER BY channel"), (Texts{"999", "1000"}));
+    }
+  }
+  EXPECT_TRUE(same_second) << "a second passed in the middle of every attempt";
 }
 
 TEST_F(Lifecycle, removing_with_vacuum_compacts_the_channel_file) {
@@ -375,6 +457,10 @@ TEST_F(Lifecycle, damaged_guide_file_leaves_the_channels_usable) {
   std::unique_ptr<Sdbl> sdbl;
   const std::string text = stderr_of([&] { sdbl = open(); });
   EXPECT_THAT(text, HasSubstr("ERROR: Failed to attach epg database " + dir_.file("a_epg.db") + ", rc = 26\n"));
+  verbosity_kelvo = -1;
+  sdbl.reset();
+  EXPECT_EQ(stderr_of([&] { sdbl = open(); }), "");
+  verbosity_kelvo = 0;
   EXPECT_EQ(run(*sdbl, "INSERT INTO kanalid (freq) VALUES (5)"), SQLITE_DONE);
   EXPECT_EQ(sdbl->get_freq(1), 5);
   verbosity_kelvo = -1;

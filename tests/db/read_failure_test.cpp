@@ -60,6 +60,8 @@ TEST_F(Read_failure, of_old_events_removes_nothing) {
   EXPECT_THAT(stderr_of([&] { removed = sdbl_.remove_old_entries(0, false); }),
               MatchesRegex(reset_error("remove_old_entries")));
   EXPECT_EQ(removed, 0);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.remove_old_entries(0, false); }), "");
 }
 
 TEST_F(Read_failure, of_events_in_a_range_deletes_nothing) {
@@ -99,6 +101,8 @@ TEST_F(Read_failure, of_scan_rows_is_returned) {
   EXPECT_THAT(stderr_of([&] { rc = sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }),
               MatchesRegex(reset_error("nit_multilingual_network_name")));
   EXPECT_EQ(rc, 1);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }), "");
 }
 
 TEST_F(Read_failure, of_the_scan_ends_the_merge) {

@@ -1,3 +1,5 @@
+#include <functional>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -73,6 +75,47 @@ TEST_F(Scan, pat_without_a_frequency_stores_nothing_and_prints_an_error) {
   EXPECT_THAT(stderr_of([&] { sdbl_.pat_for_network(0, TYPE, CONN, 0, 1, 2, 3); }),
               HasSubstr("error CHECK constraint failed: freq  > 0\n"));
   EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM kanalid_scan_0"), 0);
+}
+
+TEST_F(Scan, every_writer_names_itself_when_its_table_is_missing) {
+  // The messages about the statement itself come first, without a newline at their end.
+  const auto last_error = [](const std::function<void()>& action) {
+    const std::string text = stderr_of(action);
+    const size_t at = text.rfind("ERROR: SQLite RUN");
+    return at == std::string::npos ? text : text.substr(at);
+  };
+  EXPECT_THAT(last_error([&] { sdbl_.pat_for_network(1, TYPE, CONN, FREQ, 1, 2, 3); }),
+              MatchesRegex("ERROR: SQLite RUN rc 1 at pat_for_network, [0-9]+\n"));
+  EXPECT_THAT(last_error([&] { EXPECT_EQ(sdbl_.sdt_for_service(1, TYPE, CONN, FREQ, 1, 4, 1), 0); }),
+              MatchesRegex("ERROR: SQLite RUN rc 1 at sdt_for_service, [0-9]+\n"));
+  EXPECT_THAT(last_error([&] { EXPECT_EQ(sdbl_.pmt_channel_number(1, TYPE, CONN, FREQ, 1, 300, SCAN_PAT), 0); }),
+              MatchesRegex("ERROR: SQLite RUN rc 1 at pmt_channel_number, [0-9]+\n"));
+  EXPECT_THAT(last_error([&] { EXPECT_EQ(sdbl_.nit_network_name(1, TYPE, CONN, FREQ, 1, "Name"), 1); }),
+              MatchesRegex("ERROR: SQLite RUN rc 1 at nit_network_name, [0-9]+\n"));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] {
+              sdbl_.pat_for_network(1, TYPE, CONN, FREQ, 1, 2, 3);
+              sdbl_.sdt_for_service(1, TYPE, CONN, FREQ, 1, 4, 1);
+              sdbl_.pmt_channel_number(1, TYPE, CONN, FREQ, 1, 300, SCAN_PAT);
+              sdbl_.nit_network_name(1, TYPE, CONN, FREQ, 1, "Name");
+            }),
+            "");
+}
+
+TEST_F(Scan, streams_that_are_refused_print_step_and_reset) {
+  run(sdbl_, "CREATE UNIQUE INDEX u ON estreams_scan_0 (es_pid)");
+  stream(9, &none_);
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(stream(9, &none_), 1); }),
+              MatchesRegex("ERROR: SQLite RUN rc 2067 at pmt_for_service, [0-9]+\n"
+                           "ERROR: SQLite reset rc 2067 at pmt_for_service, [0-9]+\n"));
+  std::list<PMT_subtxt_lang*> subtxt = {new PMT_subtxt_lang{"est", 5, 6, 7}, new PMT_subtxt_lang{"eng", 5, 6, 7}};
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(stream(9, &subtxt), 1); }),
+              MatchesRegex("(ERROR: SQLite RUN rc 2067 at pmt_for_service, [0-9]+\n"
+                           "ERROR: SQLite reset rc 2067 at pmt_for_service, [0-9]+\n){2}"));
+  EXPECT_TRUE(subtxt.empty());
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { stream(9, &none_); }), "");
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM estreams_scan_0"), 1);
 }
 
 TEST_F(Scan, writers_without_their_table_print_errors_and_return_1) {
@@ -185,7 +228,95 @@ TEST_F(Scan, streams_are_traced_by_kind) {
   EXPECT_THAT(stderr_of([&] { stream(9, &none_); }), HasSubstr("Inserting AV entry \n"));
   EXPECT_THAT(stderr_of([&] { stream(9, &subtxt); }), HasSubstr("Inserting SUB/TXT entry \n"));
   verbosity_kelvo = 3;
+  subtxt = {new PMT_subtxt_lang{"est", 5, 6, 7}};
   EXPECT_EQ(stderr_of([&] { stream(9, &none_); }), "");
+  EXPECT_EQ(stderr_of([&] { stream(9, &subtxt); }), "");
+}
+
+TEST_F(Scan, every_writer_runs_its_statements) {
+  pat(10);
+  // The statements that are traced while `action` runs, in their order.
+  const auto statements = [](const std::function<void()>& action) {
+    verbosity_kelvo = 4;
+    const std::string text = stderr_of(action);
+    verbosity_kelvo = 0;
+    Texts found;
+    for (const char* start : {"cache run for command ", "sql_exec: ", "sql_get_int: ", "sql_get_txt: "})
+      for (size_t at = 0; (at = text.find(start, at)) != std::string::npos; ++at)
+        found.push_back(
+            text.substr(at + std::string(start).size(), text.find('\n', at) - at - std::string(start).size()));
+    return found;
+  };
+  EXPECT_EQ(statements([&] { pat(11); }),
+            (Texts{"INSERT INTO kanalid_scan_DVBNR (channel, dvb_type, hf_conn, freq, pat_prnr, tstream_id, pmt_pid ) "
+                   "VALUES (NULL, $dvb_type, $conn, $freq,$pat_prnr,$ts_id, $pmt_id);"}));
+  EXPECT_EQ(
+      statements([&] { sdbl_.sdt_for_service(0, TYPE, CONN, FREQ, 99, 4, 1); }),
+      (Texts{
+          "SELECT channel FROM kanalid_scan_DVBNR WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq "
+          "AND pat_prnr = $pat_prnr;",
+          "UPDATE kanalid_scan_DVBNR SET run_status = $run_status, free_ca = $free_ca WHERE channel = $oid;"}));
+  EXPECT_EQ(
+      statements([&] { sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 300, SCAN_PAT); }),
+      (Texts{"SELECT channel FROM kanalid_scan_DVBNR WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = "
+             "$freq AND pat_prnr = $pat_prnr",
+             "UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = $channel;"}));
+  EXPECT_EQ(statements([&] { sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 300, SCAN_PMT); }),
+            (Texts{"SELECT channel FROM kanalid WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND "
+                   "pat_prnr = $pat_prnr"}));
+  EXPECT_EQ(statements([&] { stream(1, &none_); }),
+            (Texts{"INSERT INTO estreams_scan_DVBNR (channel, es_pid, es_type, es_subtype, codec, languages, "
+                   "lang_codes, p1, p2, ca_sysid, ca_pid)VALUES ($channel,$es_pid, $es_type, $es_subtype, @codec, "
+                   "@languages, @lang_codes, $p1, $p2, $ca_sysid, $ca_pid)"}));
+  EXPECT_EQ(statements([&] { sdbl_.nit_for_network(0, TYPE, CONN, FREQ, "network_id", 20); }),
+            (Texts{"UPDATE kanalid_scan_0 SET network_id = 20 WHERE hf_conn = 2 AND dvb_type = 1 AND freq = 506000000;",
+                   "SELECT channel FROM kanalid_scan_0 WHERE hf_conn = 2 AND dvb_type = 1 AND freq = 506000000 AND "
+                   "network_id = 20;"}));
+  EXPECT_EQ(statements([&] { sdbl_.nit_lcn(0, TYPE, CONN, 5, 20, 10, 3); }),
+            (Texts{"UPDATE kanalid_scan_DVBNR SET lcn = $lcn WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND "
+                   "orig_network_id = $onet_id AND pat_prnr = $serv_id AND tstream_id = $ts_id;"}));
+  EXPECT_EQ(statements([&] { sdbl_.nit_network_name(0, TYPE, CONN, FREQ, 20, "Name"); }),
+            (Texts{"UPDATE kanalid_scan_DVBNR SET network_name = @netname WHERE hf_conn = $hf_conn AND dvb_type = "
+                   "$dvb_type AND freq = $freq AND network_id = $netid"}));
+  run(sdbl_, "DELETE FROM kanalid_scan_0 WHERE channel = 2");
+  const std::string rows_of_network =
+      "SELECT oid from kanalid_scan_DVBNR where  hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND "
+      "network_id = $net_id;";
+  const std::string row_of_language =
+      "SELECT oid from kanalid_lang_scan_DVBNR WHERE source_oid = $oid and lang = @lang;";
+  EXPECT_EQ(statements([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Name"); }),
+            (Texts{rows_of_network, row_of_language,
+                   "INSERT INTO kanalid_lang_scan_DVBNR (source_oid, lang, network_name) VALUES ( $koid, @lang_code, "
+                   "@net_name);"}));
+  EXPECT_EQ(statements([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Name"); }),
+            (Texts{rows_of_network, row_of_language,
+                   "UPDATE kanalid_lang_scan_DVBNR SET network_name = @net_name WHERE oid = $oid;"}));
+  EXPECT_EQ(statements([&] { sdbl_.append_table_oid(7, "kanalid", "serv_name", "it's"); }),
+            (Texts{"UPDATE kanalid SET serv_name =  serv_name || 'it''s' WHERE OID = 7;"}));
+  EXPECT_EQ(statements([&] { sdbl_.modify_table_oid(7, "kanalid", "serv_name", "it's"); }),
+            (Texts{"UPDATE kanalid SET serv_name = 'it''s' WHERE OID = 7;"}));
+  EXPECT_EQ(statements([&] { sdbl_.modify_table_oid(7, "kanalid", "serv_type", 25); }),
+            (Texts{"UPDATE kanalid SET serv_type = 25 WHERE OID = 7;"}));
+  EXPECT_EQ(statements([&] { sdbl_.modify_lang_table_oid(7, "kanalid_lang", "eng", "serv_name", "it's"); }),
+            (Texts{"INSERT into kanalid_lang (source_oid, lang, serv_name) VALUES (7, 'eng', 'it''s')",
+                   "SELECT oid from kanalid_lang WHERE source_oid = 7 AND lang = 'eng';"}));
+  EXPECT_EQ(statements([&] { sdbl_.modify_lang_table_oid(7, "kanalid_lang", "eng", "serv_name", "it's"); }),
+            (Texts{"UPDATE kanalid_lang SET serv_name = 'it''s' where oid = 1",
+                   "SELECT oid from kanalid_lang WHERE source_oid = 7 AND lang = 'eng';"}));
+  EXPECT_EQ(statements([&] { sdbl_.append_lang_table_oid(7, "kanalid_lang", "eng", "serv_name", "it's"); }),
+            (Texts{"UPDATE kanalid_lang SET serv_name = serv_name || 'it''s' where oid = 1",
+                   "SELECT oid from kanalid_lang WHERE source_oid = 7 AND lang = 'eng';"}));
+  EXPECT_EQ(statements([&] { sdbl_.get_freq(7); }), (Texts{"SELECT freq FROM kanalid WHERE channel = 7;"}));
+  EXPECT_EQ(statements([&] { sdbl_.get_pat_prnr(7, FREQ); }),
+            (Texts{"SELECT pat_prnr FROM kanalid WHERE channel = 7 AND freq = 506000000;"}));
+  EXPECT_EQ(
+      statements([&] { delete sdbl_.get_serv_name(TYPE, CONN, FREQ, 10); }),
+      (Texts{"SELECT serv_name FROM kanalid WHERE dvb_type = 1 AND hf_conn = 2 AND freq = 506000000 AND pat_prnr = "
+             "10;"}));
+  std::vector<CA_pid*> pids;
+  EXPECT_EQ(statements([&] { sdbl_.fill_pids_for_channel(7, &pids); }),
+            (Texts{"SELECT es_pid, ca_sysid, ca_pid from estreams where  channel = $channel AND ca_sysid != 0 AND "
+                   "ca_pid != 0;"}));
 }
 
 TEST_F(Scan, nit_sets_a_column_of_the_whole_multiplex) {
@@ -265,6 +396,8 @@ TEST_F(Scan, network_names_trace_their_rows) {
   verbosity_kelvo = 4;
   EXPECT_THAT(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }),
               HasSubstr("OIDs for freq 506000000 lang eng network Network are: 1 2 \n"));
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }), "");
 }
 
 TEST_F(Scan, network_names_without_their_table_return_1) {
@@ -378,6 +511,8 @@ TEST_F(Channel_list, name_of_a_service) {
   verbosity_kelvo = 4;
   EXPECT_THAT(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }),
               HasSubstr("Serv name is One\n"));
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }), "");
   verbosity_kelvo = 0;
   run(sdbl_, "DROP TABLE kanalid");
   EXPECT_THAT(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }),

@@ -46,6 +46,32 @@ class Schema : public testing::Test {
   std::unique_ptr<Sdbl> sdbl_;
 };
 
+// What `sql_exec` is traced to run while `file` is opened, a statement an entry; of added columns only the name.
+Texts statements_of_opening(const std::string& file) {
+  std::unique_ptr<Sdbl> sdbl;
+  verbosity_kelvo = 4;
+  const std::string text = stderr_of([&] { sdbl = std::make_unique<Sdbl>(file.c_str()); });
+  verbosity_kelvo = -1;
+  Texts statements;
+  for (size_t at = 0; (at = text.find("sql_exec: ", at)) != std::string::npos; ++at) {
+    std::string statement = text.substr(at + 10, text.find('\n', at) - at - 10);
+    const size_t name = statement.find(" ADD COLUMN ");
+    if (name != std::string::npos)
+      statement = "+ " + statement.substr(name + 12, statement.find(' ', name + 12) - name - 12);
+    statements.push_back(statement);
+  }
+  return statements;
+}
+
+// A table's columns after the first, as statements_of_opening gives them.
+void add_columns(Texts* statements, const Texts& columns) {
+  for (size_t i = 1; i < columns.size(); ++i)
+    statements->push_back("+ " + columns[i].substr(0, columns[i].find('|')));
+}
+
+const Texts PRAGMAS = {"PRAGMA max_page_count=8000;", "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
+                       "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;"};
+
 const Texts KANALID = {"channel|integer|-|1",    "revision|float|2.50|0", "hf_conn|int|0|0",
                        "dvb_type|int|0|0",       "freq|int|0|0",          "pat_prnr|int|0|0",
                        "pmt_pid|int|0|0",        "network_id|int|0|0",    "orig_network_id|int|0|0",
@@ -265,16 +291,106 @@ TEST(Schema_of_existing_files, only_the_missing_table_is_created) {
   support::Temp_dir dir;
   verbosity_kelvo = -1;
   { Sdbl first(dir.file("a.db").c_str()); }
+  const std::string everything = "SELECT type, name, sql FROM sqlite_master ORDER BY name";
+  Texts before;
   {
     Other_connection other(dir.file("a.db"));
+    before = rows(other.get(), everything);
     run(other.get(), "INSERT INTO kanalid (freq) VALUES (506000000)");
     run(other.get(), "DROP TABLE estreams");
   }
+  Texts expected = PRAGMAS;
+  expected.insert(expected.end(), {"SELECT * FROM kanalid;", "SELECT * FROM kanalid_lang;", "SELECT * FROM estreams;",
+                                   "BEGIN;", "CREATE TABLE 'estreams' (channel int);"});
+  add_columns(&expected, ESTREAMS);
+  expected.insert(expected.end(), {"CREATE INDEX estreams_channel_idx   ON estreams (channel);",
+                                   "CREATE INDEX estreams_estype_idx    ON estreams (es_type);",
+                                   "CREATE INDEX estreams_essubtype_idx ON estreams (es_subtype);",
+                                   "CREATE INDEX estreams_languages_idx ON estreams (languages);", "COMMIT;",
+                                   "SELECT * FROM tuner_table;"});
+  Texts statements = statements_of_opening(dir.file("a.db"));
+  ASSERT_GT(statements.size(), expected.size());
+  statements.resize(expected.size());
+  EXPECT_EQ(statements, expected);
+
   Sdbl second(dir.file("a.db").c_str());
   verbosity_kelvo = 0;
   EXPECT_EQ(rows(second, "SELECT freq FROM kanalid"), (Texts{"506000000"}));
-  EXPECT_EQ(rows(second, "SELECT count(*) FROM sqlite_master WHERE type = 'index' AND tbl_name = 'estreams'"),
-            (Texts{"4"}));
+  EXPECT_EQ(rows(second, everything), before);
+}
+
+TEST(Schema_of_existing_files, a_statement_that_fails_is_skipped_and_the_rest_is_kept) {
+  support::Temp_dir dir;
+  {
+    Other_connection other(dir.file("a.db"));
+    run(other.get(), "CREATE TABLE other (a int)");
+    run(other.get(), "CREATE INDEX estreams_estype_idx ON other (a)");
+  }
+  std::unique_ptr<Sdbl> sdbl;
+  EXPECT_THAT(stderr_of([&] { sdbl = std::make_unique<Sdbl>(dir.file("a.db").c_str()); }),
+              testing::MatchesRegex("ERROR: SQL_exec: 1 @ Sdbl line [0-9]+\n"));
+  EXPECT_EQ(rows(*sdbl, "SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name = 'estreams' ORDER BY rowid"),
+            (Texts{"estreams_channel_idx", "estreams_essubtype_idx", "estreams_languages_idx"}));
+  EXPECT_EQ(rows(*sdbl, "SELECT count(*) FROM tuner_table"), (Texts{"0"}));
+}
+
+TEST(Schema_of_new_files, every_statement_runs_in_its_order) {
+  support::Temp_dir dir;
+  const Texts tuner = {"freq", "hf_conn", "dvb_type", "tuner_params"};
+  const Texts epglist = {"entry",   "channel",    "revision", "ymd_bcd",    "hms_bcd", "start_epoch", "dur_bcd",
+                         "dur_sec", "content_id", "rating",   "run_status", "free_ca", "ev_id",       "pat_prnr"};
+  const Texts epglist_lang = {"source_oid", "lang", "ev_name", "ev_desc", "ext_desc", "ext_list"};
+  const auto table = [](Texts* all, const std::string& name, const std::string& create, const Texts& columns,
+                        const Texts& indexes) {
+    all->insert(all->end(), {"SELECT * FROM " + name + ";", "BEGIN;", create});
+    add_columns(all, columns);
+    all->insert(all->end(), indexes.begin(), indexes.end());
+    all->emplace_back("COMMIT;");
+  };
+  Texts expected = PRAGMAS;
+  table(&expected, "kanalid", "CREATE TABLE 'kanalid' (channel integer primary key autoincrement);", KANALID,
+        {"CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr);"});
+  table(&expected, "kanalid_lang", "CREATE TABLE 'kanalid_lang' (source_oid int);", KANALID_LANG,
+        {"CREATE UNIQUE INDEX kanalid_lang_soid_lang_idx ON kanalid_lang (source_oid, lang);",
+         "CREATE INDEX kanalid_lang_soid_idx ON kanalid_lang (source_oid);"});
+  table(&expected, "estreams", "CREATE TABLE 'estreams' (channel int);", ESTREAMS,
+        {"CREATE INDEX estreams_channel_idx   ON estreams (channel);",
+         "CREATE INDEX estreams_estype_idx    ON estreams (es_type);",
+         "CREATE INDEX estreams_essubtype_idx ON estreams (es_subtype);",
+         "CREATE INDEX estreams_languages_idx ON estreams (languages);"});
+  table(&expected, "tuner_table", "CREATE TABLE tuner_table (freq int);", tuner,
+        {"CREATE UNIQUE INDEX tuner_table_freq_idx ON tuner_table (freq ,hf_conn, dvb_type);"});
+  expected.insert(expected.end(), PRAGMAS.begin(), PRAGMAS.end());
+  table(&expected, "epglist", "CREATE TABLE epglist ( entry integer primary key autoincrement );", epglist,
+        {"CREATE INDEX epg_start_idx ON epglist (start_epoch);", "CREATE INDEX epg_ch_idx ON epglist (channel);",
+         "CREATE UNIQUE INDEX epg_ch_start_idx ON epglist (channel, start_epoch);",
+         "CREATE UNIQUE INDEX epg_scanner_verify_idx ON epglist (channel, start_epoch, dur_sec);"});
+  table(&expected, "epglist_lang", "CREATE TABLE epglist_lang (source_oid int);", epglist_lang,
+        {"CREATE UNIQUE INDEX epg_lang_soid_lang_idx ON epglist_lang (source_oid, lang);",
+         "CREATE INDEX epg_lang_soid_idx ON epglist_lang (source_oid);"});
+  expected.push_back("ATTACH DATABASE '" + dir.file("a_epg.db") + "' as epg_db;");
+  Texts statements = statements_of_opening(dir.file("a.db"));
+  ASSERT_GT(statements.size(), expected.size());
+  statements.resize(expected.size());
+  EXPECT_EQ(statements, expected);
+  verbosity_kelvo = 0;
+}
+
+TEST(Schema_of_new_files, columns_are_added_with_these_statements) {
+  support::Temp_dir dir;
+  verbosity_kelvo = 4;
+  std::unique_ptr<Sdbl> sdbl;
+  const std::string text = stderr_of([&] {
+    sdbl = std::make_unique<Sdbl>(dir.file("a.db").c_str());
+    sdbl->create_temp_tables(2);
+  });
+  verbosity_kelvo = 0;
+  for (const char* table : {"kanalid", "kanalid_scan_2"}) {
+    const std::string start = std::string("sql_exec: ALTER TABLE  '") + table + "' ADD COLUMN ";
+    EXPECT_THAT(text, HasSubstr(start + "revision        float DEFAULT 2.50;\n"));
+    EXPECT_THAT(text, HasSubstr(start + "lcn             int   DEFAULT 65535 CHECK(lcn  >= 0 &  lcn <= 65535);\n"));
+    EXPECT_THAT(text, HasSubstr(start + "serv_name       text  DEFAULT '';\n"));
+  }
 }
 
 TEST(Schema_of_existing_files, an_older_table_is_used_as_it_is) {
@@ -319,6 +435,10 @@ TEST(Schema_messages, failing_statements_name_their_operation_and_the_rest_runs)
   const std::string text = stderr_of([&] { sdbl.create_table_kanalid_lang("kanalid_lang", false); });
   // The table and its four columns are there already.
   EXPECT_THAT(text, testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_kanalid_lang line [0-9]+\n){5}"));
+  EXPECT_THAT(stderr_of([&] { sdbl.create_table_kanalid("kanalid", false); }),
+              testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_kanalid line [0-9]+\n){21}"));
+  EXPECT_THAT(stderr_of([&] { sdbl.create_table_estreams("estreams", false); }),
+              testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_estreams line [0-9]+\n){13}"));
   verbosity_kelvo = -1;
   EXPECT_EQ(stderr_of([&] { sdbl.create_table_kanalid_lang("kanalid_lang", false); }), "");
   verbosity_kelvo = 0;

@@ -87,6 +87,11 @@ TEST_F(Sql_exec, quotes_hostile_text) {
   EXPECT_EQ(rows(db_, "SELECT b FROM t"), (Texts{hostile}));
 }
 
+TEST_F(Sql_exec, only_the_first_statement_of_a_text_runs) {
+  EXPECT_EQ(sdbl_.sql_exec(db_, "INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
+  EXPECT_EQ(rows(db_, "SELECT a FROM t"), (Texts{"1"}));
+}
+
 TEST_F(Sql_exec, an_empty_statement_is_an_error_not_a_crash) {
   verbosity_kelvo = -1;
   EXPECT_EQ(sdbl_.sql_exec(db_, ""), SQLITE_MISUSE);
@@ -151,6 +156,9 @@ TEST_F(Sql_get_int, compile_error_returns_its_code_and_shows_the_text_at_level_3
   EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere ");
   EXPECT_EQ(rc, 1);
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+            "SQL_get_int/compile error 1: no such table: nowhere ");
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
@@ -208,6 +216,9 @@ TEST_F(Sql_get_txt, failures_return_1_and_print_at_every_level) {
             "SQL_get_txt/execute error 1: integer overflow ");
   EXPECT_EQ(rc, 1);
   EXPECT_EQ(text, "before");
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+            "SQL_get_txt/compile error 1: no such table: nowhere ");
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
             "SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
@@ -325,7 +336,47 @@ TEST_F(Sql_cache, failed_prepare_is_printed_and_tried_again) {
             "$pcr_pid WHERE channel = $channel;");
   EXPECT_EQ(stmt, nullptr);
   sdbl_.create_temp_tables(1);
-  EXPECT_NE(sdbl_.sql_cache(true, 1, SET_PCR, 1, 1), nullptr);
+  verbosity_kelvo = 4;
+  // The entry has stayed, without its statement.
+  EXPECT_THAT(stderr_of([&] { stmt = sdbl_.sql_cache(true, 1, SET_PCR, 1, 1); }),
+              MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
+                           "sql: UPDATE kanalid_scan_1 SET pcr_pid = \\$pcr_pid WHERE channel = \\$channel;\n"
+                           "cache run for command UPDATE kanalid_scan_DVBNR SET pcr_pid = \\$pcr_pid WHERE channel = "
+                           "\\$channel;\nint0: 1 int1: 1 \nSQL run status is 101\n"));
+  verbosity_kelvo = 0;
+  EXPECT_NE(stmt, nullptr);
+}
+
+TEST_F(Sql_cache, entries_are_numbered_in_order_of_first_use) {
+  sdbl_.free_prepared_queries();
+  verbosity_kelvo = 4;
+  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 10"); }), StartsWith("SQL cache entry 0\n"));
+  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 11"); }), StartsWith("SQL cache entry 1\n"));
+  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 1, "SELECT 10"); }), StartsWith("sql prepared cache hit 0x"));
+  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 12"); }), StartsWith("SQL cache entry 2\n"));
+}
+
+TEST_F(Sql_cache, a_run_that_yields_a_row_is_done_with_status_100) {
+  run(db_, "INSERT INTO t VALUES (7, '')");
+  verbosity_kelvo = 4;
+  sqlite3_stmt* stmt = nullptr;
+  EXPECT_THAT(stderr_of([&] { stmt = sdbl_.sql_cache(true, 0, "SELECT a FROM t"); }),
+              HasSubstr("cache run for command SELECT a FROM t\n\nSQL run status is 100\n"));
+  EXPECT_EQ(sqlite3_stmt_busy(stmt), 0) << "and reset";
+}
+
+TEST_F(Sql_cache, a_reset_that_repeats_a_failed_step_of_the_caller_is_a_warning) {
+  const char* failing = "SELECT abs($a - 9223372036854775807 - 1)";
+  const auto fail = [&] { EXPECT_EQ(sqlite3_step(sdbl_.sql_cache(false, 0, failing, 0)), SQLITE_ERROR); };
+  fail();
+  EXPECT_EQ(at_level_only(1,
+                          [&] {
+                            const int level = verbosity_kelvo.exchange(-1);
+                            fail();
+                            verbosity_kelvo = level;
+                            sdbl_.sql_cache(false, 0, failing, 0);
+                          }),
+            "WARNING: Sqlite_reset for SELECT abs($a - 9223372036854775807 - 1) rc is 1\n");
 }
 
 TEST_F(Sql_cache, failed_step_prints_an_error_and_a_warning_and_keeps_the_statement) {
@@ -346,6 +397,11 @@ TEST_F(Sql_cache, a_sign_inside_a_literal_counts_as_a_parameter) {
   EXPECT_EQ(
       at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES (1, '$')", 1); }),
       "ERROR: Cannot bind arg nr 1 type 1 to INSERT INTO t VALUES (1, '$'), sql errmsg column index out of range\n");
+  EXPECT_EQ(stmt, nullptr);
+  stmt = reinterpret_cast<sqlite3_stmt*>(1);
+  EXPECT_EQ(
+      at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, '@')", 1, "abc"); }),
+      "ERROR: Cannot bind arg nr 2 type 2 to INSERT INTO t VALUES ($a, '@'), sql errmsg column index out of range\n");
   EXPECT_EQ(stmt, nullptr);
   EXPECT_EQ(rows(db_, "SELECT * FROM t"), Texts{});
 }

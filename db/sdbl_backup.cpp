@@ -54,8 +54,8 @@ void Sdbl::backup_database(bool) {
     KLOG(VERB_ERROR, "ERROR: Backup structure creating failed %s\n", sqlite3_errmsg(conn));
   } else {
     int rc = sqlite3_backup_step(backup, -1);
-    if (rc != SQLITE_DONE)
-      KLOG(VERB_ERROR, "ERROR: rc %d: Cannot run export into %s, %s\n", rc, EXPORT_FILE.c_str(), sqlite3_errmsg(conn));
+    if (rc != SQLITE_DONE)  // which the connection learns at the end of the backup only
+      KLOG(VERB_ERROR, "ERROR: rc %d: Cannot run export into %s, %s\n", rc, EXPORT_FILE.c_str(), sqlite3_errstr(rc));
     rc = sqlite3_backup_finish(backup);
     if (rc != SQLITE_OK)
       KLOG(VERB_ERROR, "ERROR: rc %d: Cannot run export into %s, %s\n", rc, EXPORT_FILE.c_str(), sqlite3_errmsg(conn));

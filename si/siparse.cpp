@@ -36,6 +36,7 @@ void close_converter(iconv_t converter) {
 
 iconv_t open_converter(const char* from) {
   const iconv_t converter = iconv_open("UTF-8", from);
+  // Deliberate: these two are reported in other words than those of ISO 8859.
   if (converter == invalid_converter())
     KLOG(VERB_ERROR, "ERROR: Cannot set conversion from %s to UTF-8, %s\n", from, std::strerror(errno));
   return converter;
@@ -176,9 +177,10 @@ int Siparse::scan_assembled_section(char* section, int pid, int freq, void*, SCA
       if (table_id == 0x4E || (table_id >= 0x50 && table_id <= 0x5F)) {
         if (pid != 18)
           break;
-        scan_long_section<EventInformationSection>(bytes, [&](auto* eit) {
+        scan_section<EventInformationSection>(bytes, [&](auto* eit) {
           KLOG(VERB_TRACE, "Scanning EIT, section number %d\n", static_cast<int>(eit->getSectionNumber()));
-          parse_section_eit(eit, freq);
+          if (eit->getCurrentNextIndicator() == 1)
+            parse_section_eit(eit, freq);
         });
         break;
       }

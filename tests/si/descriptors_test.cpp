@@ -200,6 +200,7 @@ TEST_F(Service_row, names_in_languages_are_stored_for_the_row_of_their_context) 
   const Bytes raw = descriptor(0x5D, join({bytes("est"), sized("P"), sized("Kanal")}));
   EXPECT_THAT(trace_of<MultilingualServiceNameDescriptor>(raw, 7),
               HasSubstr("Mling Service Lang est, Prov P, Service Kanal\n"));
+  EXPECT_EQ(trace_of<MultilingualServiceNameDescriptor>(raw, 7, 3), "");
   EXPECT_THAT(rows("SELECT source_oid, lang, prov_name, serv_name FROM kanalid_lang_scan_0"),
               ElementsAre("7|est|P|Kanal"));
 }
@@ -243,6 +244,15 @@ TEST_F(Service_row, a_delivery_system_is_traced_and_stored_in_hz) {
   const std::string all = trace_of<TerrestrialDeliverySystemDescriptor>(raw, 7);
   EXPECT_THAT(all, HasSubstr("Terrastrial delivery system descritpor\n"
                              "Cf: 50552128, Bw: 0, Con: 3, Hier: 1, \nHp: 1, Lp: 1, Guard: 0, Tmode 1, OF: 0\n"));
+  EXPECT_THAT(rows("SELECT * FROM tuner_table"), IsEmpty()) << "no constellation has that number";
+  // Every field another number.
+  const Bytes valid = descriptor(0x5A, {0x03, 0x03, 0x5D, 0x40, 0x3F, 0xAC, 0x51, 0xFF, 0xFF, 0xFF, 0xFF});
+  EXPECT_THAT(trace_of<TerrestrialDeliverySystemDescriptor>(valid, 7),
+              HasSubstr("Cf: 50552128, Bw: 1, Con: 2, Hier: 5, \nHp: 4, Lp: 2, Guard: 2, Tmode 0, OF: 1\n"));
+  EXPECT_EQ(text("SELECT freq || ' ' || dvb_type || ' ' || hf_conn || ' ' || tuner_params FROM tuner_table"),
+            "505521280 1 3 Fr:  505521280 Bw:  1 CrH:  7 CrL:  3 Mod:  3 TrM:  0 Grd:  2 Hir:  1");
+  EXPECT_THAT(trace_of<TerrestrialDeliverySystemDescriptor>(valid, 7, 3), Not(HasSubstr("Terrastrial")));
+  EXPECT_THAT(trace_of<TerrestrialDeliverySystemDescriptor>(valid, 7, 3), Not(HasSubstr("Cf:")));
 }
 
 }  // namespace

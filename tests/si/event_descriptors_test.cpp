@@ -105,6 +105,23 @@ TEST_F(Event_descriptors, quirk_items_of_an_extended_event_repeat_their_descript
                                          "Inserting epg info for OID 1 Long text\n");
   EXPECT_EQ(language("est")->ext_list, "DirectorDirector:Jane,YearYear:1999,");
   EXPECT_EQ(language("est")->ext_desc, "Long text");
+  for (const int number : {0, 1})
+    EXPECT_EQ(trace_of<ExtendedEventDescriptor>(extended_event(number, 1, {{"A", "1"}}, "Text"), 1, 3), "");
+}
+
+TEST_F(Event_descriptors, an_extended_event_of_another_language_is_another_entry) {
+  parse<ExtendedEventDescriptor>(extended_event(0, 1, {}, "Tekst"), 1);
+  parse<ShortEventDescriptor>(short_event("rus", "Name", ""), 1);
+  EXPECT_EQ(language("est")->ext_desc, "Tekst");
+  EXPECT_EQ(language("est")->ev_name, "");
+  EXPECT_EQ(language("rus")->ev_name, "Name");
+  EXPECT_FALSE(language("rus")->started);
+}
+
+TEST_F(Event_descriptors, the_last_descriptor_alone_completes_it) {
+  parse<ExtendedEventDescriptor>(extended_event(2, 2, {}, "end"), 1);
+  EXPECT_TRUE(language("est")->started);
+  EXPECT_TRUE(language("est")->complete);
 }
 
 TEST_F(Event_descriptors, texts_and_items_of_an_extended_event_become_utf8) {
@@ -148,6 +165,7 @@ TEST_F(Event_descriptors, content_is_traced) {
 }
 
 TEST_F(Event_descriptors, content_without_a_classification_says_so) {
+  EXPECT_EQ(trace_of<ContentDescriptor>(descriptor(0x54, {}), 1, 3), "");
   EXPECT_EQ(trace_of<ContentDescriptor>(descriptor(0x54, {}), 1), parsing(0x54, 1) + "content descriptor 0");
 }
 

@@ -98,6 +98,25 @@ TEST_F(Nit, channel_numbers_of_another_stream_or_of_the_network_loop_match_nothi
   EXPECT_THAT(rows("SELECT lcn FROM kanalid_scan_0"), testing::Each("65535")) << "as the table begins";
 }
 
+TEST_F(Nit, traces_rows_and_streams) {
+  const Bytes section = nit(0x3001, lcn({{1, 0xFC07}}), {{TS_ID, 0x20, {}}, {TS_ID + 1, 0x21, {}}});
+  const std::string all = at_level(4, [&] { scan(section, 16); });
+  EXPECT_THAT(all, HasSubstr("NIT: LCN descriptor for freq 506000000, network_id: 12289, lcn_ts_id: -1, "
+                             "lcn_network_id: -1\n\tServiceId 1 VisFlag: 1 LCN: 7\n"))
+      << "in the loop of the network";
+  EXPECT_THAT(all, testing::ContainsRegex("oid [0-9]+ Tstream id  4097, Original network id 32\n"));
+  EXPECT_THAT(all, HasSubstr("Tstream id  4098, Original network id 33\n"));
+}
+
+TEST_F(Nit, names_and_numbers_are_traced_at_4_only) {
+  const Bytes names = descriptor(0x5B, join({bytes("est"), sized("Net")}));
+  EXPECT_EQ(at_level(2, [&] { scan(nit(0x3001, names, {{TS_ID, 0x20, lcn({{1, 0xFC05}})}}), 16); }), "");
+  filter.addfilter(16, 0x40, FREQ);
+  const std::string all = at_level(3, [&] { scan(nit(0x3001, names, {{TS_ID, 0x20, lcn({{1, 0xFC05}})}}), 16); });
+  for (const char* text : {"Mling", "LCN", "ServiceId", "Parsing"})
+    EXPECT_THAT(all, Not(HasSubstr(text)));
+}
+
 TEST_F(Nit, the_last_original_network_id_is_the_one_that_stays) {
   scan(nit(0x3001, {}, {{TS_ID, 0x20, {}}, {TS_ID + 1, 0x21, {}}}), 16);
   EXPECT_THAT(rows("SELECT orig_network_id FROM kanalid_scan_0"), ElementsAre("33", "33"));
@@ -223,6 +242,14 @@ TEST_F(Sdt, names_in_several_languages_go_to_the_language_table) {
   EXPECT_THAT(all, HasSubstr("Mling Service Lang est, Prov Pakkuja, Service Kanal\n"));
   EXPECT_THAT(rows("SELECT source_oid, lang, prov_name, serv_name FROM kanalid_lang_scan_0 ORDER BY lang"),
               ElementsAre("2|est|Pakkuja|Kanal", "2|rus|\xD0\x90|\xD0\x91\xD0\x92\xD0\x93"));
+}
+
+// They belong to no row, and go with the scan tables.
+TEST_F(Sdt, names_in_several_languages_of_an_unknown_service_are_stored_for_row_0) {
+  const Bytes names = descriptor(0x5D, join({bytes("est"), sized("Pakkuja"), sized("Kanal")}));
+  scan(sdt({{99, names}}), 17);
+  EXPECT_THAT(rows("SELECT source_oid, lang, prov_name, serv_name FROM kanalid_lang_scan_0"),
+              ElementsAre("0|est|Pakkuja|Kanal"));
 }
 
 TEST_F(Sdt, names_of_service_1_and_10_are_stored_like_any_other) {

@@ -36,6 +36,11 @@ TEST_F(Pat, opens_the_filters_of_the_scan_and_closes_its_own) {
   EXPECT_TRUE(all_filters_have_freq());
 }
 
+TEST_F(Pat, opens_them_in_the_order_of_the_table) {
+  scan(pat({{2, 0x200}, {0, 0x30}, {1, 0x100}}), 0);
+  EXPECT_THAT(filters(), ElementsAre(Filter(0x30, 0x40), Filter(0x200, 2), Filter(0x100, 2), Filter(17, 0x42)));
+}
+
 TEST_F(Pat, every_program_becomes_a_row) {
   scan(pat({{1, 0x100}, {65535, 0x1FFF}}), 0);
   EXPECT_THAT(rows("SELECT channel, dvb_type, hf_conn, freq, pat_prnr, tstream_id, pmt_pid FROM kanalid_scan_0"),
@@ -166,6 +171,11 @@ TEST_F(Pmt, a_fragmented_one_is_reported_and_parsed) {
   EXPECT_EQ(rows(streams).size(), 1u);
 }
 
+TEST_F(Pmt, a_fragmented_one_is_silent_below_0) {
+  filter.addfilter(0x100, 2, FREQ);
+  EXPECT_EQ(at_level(-1, [&] { scan(pmt(1, 0x101, {{2, 0x101, {}}}, {}, 0, 3), 0x100); }), "");
+}
+
 TEST_F(Pmt, traces_program_and_streams_at_4) {
   scan(pat({{258, 0x100}}), 0);
   const std::string all = at_level(4, [&] { scan(pmt(258, 0x101, {{2, 0x101, {}}}), 0x100); });
@@ -216,6 +226,15 @@ TEST_F(Pmt_refresh, a_service_without_pcr_pid_gets_no_filter) {
   parser.init_cache_list(FREQ, SCAN_EIT);
   EXPECT_EQ(parser.init_pmt_table_scan_from_database(FREQ), 0);
   EXPECT_THAT(filters(), ElementsAre(Filter(0x100, 2), Filter(0x200, 2)));
+}
+
+TEST_F(Pmt_refresh, a_service_without_pmt_pid_gets_no_filter) {
+  insert(3, 0, 0x301);
+  insert(4, 0x400, 0x401);
+  insert(5, 0, 0x501);
+  parser.init_cache_list(FREQ, SCAN_EIT);
+  EXPECT_EQ(parser.init_pmt_table_scan_from_database(FREQ), 0);
+  EXPECT_THAT(filters(), ElementsAre(Filter(0x100, 2), Filter(0x200, 2), Filter(0x400, 2)));
 }
 
 TEST_F(Pmt_refresh, the_first_version_seen_counts_as_changed) {

@@ -183,6 +183,14 @@ TEST_F(Text, an_error_does_not_spoil_the_next_text) {
             "\xC3\xA4");
 }
 
+TEST_F(Text, no_failure_is_printed_below_0) {
+  for (const std::string& text : {"\x08xyz"s, "\x10" + NUL + "\x0Cx", "\x10" + NUL + "\x10x", "\x11x"s, "\x12x"s,
+                                  "\x15x"s, "\x1Fx"s, "ab\xC8"s, std::string(2001, 'x')}) {
+    EXPECT_EQ(convert(text, -1), text);
+    EXPECT_EQ(printed, "");
+  }
+}
+
 // --- What is converted -----------------------------------------------------------------------------------------------
 
 TEST_F(Text, each_short_selector_has_its_table) {
@@ -306,6 +314,14 @@ TEST_F(Text, selector_5_and_no_selector_give_the_same_plain_letters) {
   EXPECT_EQ(convert("ABC", 0), "ABC");
 }
 
+TEST_F(Text, conversions_are_traced_at_4_only) {
+  for (const std::string& text :
+       {"ABC"s, "\x01"s + "A", "\x10" + NUL + "\x02" + "A", "\x11" + NUL + NUL + NUL + "A", "\x15"s}) {
+    convert(text, 3);
+    EXPECT_EQ(printed, "");
+  }
+}
+
 TEST_F(Text, selector_11_is_traced) {
   convert("\x11" + NUL + NUL + NUL + "A", 4);
   EXPECT_EQ(printed, "converting 5 inputiso10646-1\n");
@@ -320,6 +336,23 @@ TEST_F(Text, quirk_the_test_tables_store_nothing_because_their_statements_do_not
                              "start_epoch, dur_bcd, dur_sec, run_status, free_ca, ev_id, pat_prnr, ev_name, ext_desc) "
                              "VALUES (%d, %x, %x, %d, %x, %d, %d, %d, %d, %d, %Q, %Q)"));
   EXPECT_THAT(rows("SELECT * FROM epglist"), IsEmpty());
+}
+
+TEST_F(Text, the_statements_of_the_test_tables_end_in_two_errors_each) {
+  const std::string insert =
+      "INSERT INTO epglist (channel, ymd_bcd, hms_bcd, start_epoch, dur_bcd, dur_sec, run_status, free_ca, ev_id, "
+      "pat_prnr, ev_name, ext_desc) VALUES (%d, %x, %x, %d, %x, %d, %d, %d, %d, %d, %Q, %Q)";
+  const std::string prefix = "ERROR: query ", failed = " prepare failed: near \"%\": syntax error",
+                    lookup = "ERROR: sql_cache lookup failed for ";
+  char raw[300] = {'a'};
+  std::fill(std::begin(raw), std::end(raw), 'a');
+  EXPECT_EQ(at_level(0, [&] { parser.replace_epg_info(1, 2, 3, "name", raw); }),
+            prefix + insert + failed + lookup + insert);
+  EXPECT_EQ(at_level(-1, [&] { parser.replace_epg_info(1, 2, 3, "name", raw); }), "");
+  const std::string erase = "DELETE from epglist where channel = %d;";
+  EXPECT_THAT(at_level(0, [&] { parser.generate_char_test_tables(7); }),
+              testing::StartsWith(prefix + erase + failed + lookup + erase));
+  EXPECT_EQ(at_level(-1, [&] { parser.generate_char_test_tables(7); }), "");
 }
 
 TEST_F(Text, the_test_tables_have_an_event_for_every_table_but_the_one_that_does_not_exist) {

@@ -138,11 +138,15 @@ TEST_F(Time_tables, are_announced_at_4) {
 }
 
 TEST_F(Time_tables, are_read_whatever_the_bit_of_current_next) {
-  for (unsigned bcd : {0x120000u, 0x120001u}) {  // the bit lies in the time
-    filter.addfilter(20, 0x70, FREQ);
-    scan(tdt(55197, bcd), 20);
-    EXPECT_THAT(filters(), IsEmpty());
+  for (unsigned bcd : {0x120000u, 0x130000u}) {  // where other tables have the bit, these have the hour
+    for (const Bytes& section : {tdt(55197, bcd), tot(55197, bcd, {})}) {
+      EXPECT_EQ(section[5] & 1, bcd == 0x130000u ? 1 : 0);
+      filter.addfilter(20, section[0], FREQ);
+      scan(section, 20);
+      EXPECT_THAT(filters(), IsEmpty());
+    }
   }
+  EXPECT_THAT(recorded_clock::take_settings(), ElementsAre(NOON_2010 + 3600, NOON_2010 + 3600));
 }
 
 TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {

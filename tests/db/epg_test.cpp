@@ -1,7 +1,13 @@
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <new>
+#include <random>
 
 #include <climits>
 #include <gmock/gmock.h>
@@ -67,6 +73,16 @@ using Epg_delete = Epg;
 
 }  // namespace
 
+TEST_F(Epg_cache, order_is_that_of_the_signed_starts_alone) {
+  const EPG_cache early{-5, 9, 100}, late{0, 1, 5}, as_late{0, 2, 7}, first{INT_MIN, 0, 0}, last{INT_MAX, 0, 0};
+  EXPECT_TRUE(cmp_epg_cache(&early, &late));
+  EXPECT_FALSE(cmp_epg_cache(&late, &early));
+  EXPECT_FALSE(cmp_epg_cache(&late, &as_late));
+  EXPECT_FALSE(cmp_epg_cache(&as_late, &late));
+  EXPECT_TRUE(cmp_epg_cache(&first, &last));
+  EXPECT_FALSE(cmp_epg_cache(&last, &first));
+}
+
 TEST_F(Epg_cache, search_finds_the_event_that_is_running) {
   EXPECT_EQ(search(5), -1);
   sc_.epg = {new EPG_cache{100, 1, 50}, new EPG_cache{150, 2, 50}, new EPG_cache{300, 3, 10}};
@@ -80,6 +96,26 @@ TEST_F(Epg_cache, search_finds_the_event_that_is_running) {
   EXPECT_EQ(search(310), -1);
   EXPECT_EQ(search(INT_MIN), -1);
   EXPECT_EQ(search(INT_MAX), -1);
+}
+
+TEST_F(Epg_cache, search_halves_and_takes_the_first_that_fits) {
+  sc_.epg = {new EPG_cache{0, 1, 1000}, new EPG_cache{100, 2, 1000}, new EPG_cache{200, 3, 1000}};
+  EXPECT_EQ(search(250), 1);
+  EXPECT_EQ(search(150), 1);
+  EXPECT_EQ(search(50), 0);
+  EXPECT_EQ(search(1150), 2);
+  clear();
+  // Behind the ends of later events the earlier ones are not looked at.
+  sc_.epg = {new EPG_cache{0, 1, 1000}, new EPG_cache{100, 2, 10}, new EPG_cache{200, 3, 10}};
+  EXPECT_EQ(search(50), 0);
+  EXPECT_EQ(search(105), 1);
+  EXPECT_EQ(search(500), -1);
+}
+
+TEST_F(Epg_cache, search_never_finds_an_event_without_a_duration) {
+  sc_.epg = {new EPG_cache{100, 1, 0}, new EPG_cache{200, 2, -50}};
+  for (const int t : {99, 100, 101, 149, 150, 199, 200})
+    EXPECT_EQ(search(t), -1) << t;
 }
 
 TEST_F(Epg_cache, search_reckons_ends_beyond_32_bits) {
@@ -111,6 +147,8 @@ TEST_F(Epg_cache, an_unassigned_cache_is_an_error) {
   EXPECT_EQ(result, 0);
   EXPECT_FALSE(changed_);
   EXPECT_FALSE(overlap_);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }), "");
 }
 
 TEST_F(Epg_cache, quirk_low_addresses_count_as_unassigned) {
@@ -119,6 +157,20 @@ TEST_F(Epg_cache, quirk_low_addresses_count_as_unassigned) {
   EXPECT_EQ(stderr_of([&] { result = sdbl_.lookup_epg_cache(low, 1, 2, 3, &changed_, &overlap_); }),
             "ERROR: EPG cache is unassigned 0xfffe\n");
   EXPECT_EQ(result, 0);
+}
+
+TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
+  using Cache = std::vector<EPG_cache*>;
+  void* place = mmap(reinterpret_cast<void*>(uintptr_t{65536}), sizeof(Cache), PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+  if (place == MAP_FAILED)
+    GTEST_SKIP() << "the address cannot be had";
+  auto* cache = new (place) Cache;
+  EXPECT_EQ(stderr_of([&] { sdbl_.lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
+  EXPECT_EQ(shown(*cache), (Texts{"100+50:1"}));
+  delete cache->front();
+  cache->~Cache();
+  munmap(place, sizeof(Cache));
 }
 
 TEST_F(Epg_cache, an_unknown_event_is_remembered_and_then_known) {
@@ -150,6 +202,23 @@ TEST_F(Epg_cache, an_event_inside_another_overlaps_and_is_remembered) {
   EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1", "120+50:2"}));
 }
 
+TEST_F(Epg_cache, an_event_that_begins_before_another_and_reaches_into_it_does_not_overlap) {
+  lookup(1, 100, 50);
+  EXPECT_EQ(lookup(2, 50, 200), 0);
+  EXPECT_FALSE(overlap_);
+  EXPECT_FALSE(changed_);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"50+200:2", "100+50:1"}));
+}
+
+TEST_F(Epg_cache, an_event_that_follows_another_at_once_does_not_overlap) {
+  lookup(1, 100, 50);
+  EXPECT_EQ(lookup(2, 150, 50), 0);
+  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(lookup(3, 50, 50), 0);
+  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"50+50:3", "100+50:1", "150+50:2"}));
+}
+
 TEST_F(Epg_cache, another_duration_takes_the_place_of_the_entry) {
   lookup(1, 100, 50);
   EXPECT_EQ(lookup(1, 100, 60), 0);
@@ -163,6 +232,42 @@ TEST_F(Epg_cache, entries_are_kept_in_order_of_start) {
   EXPECT_EQ(shown(sc_.epg), (Texts{"-200+10:-200", "100+10:100", "300+10:300", "400+10:400", "500+10:500"}));
 }
 
+TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
+  std::vector<int> starts = {-60, 0, 60, 120, 300};
+  do {
+    clear();
+    for (const int start : starts) {
+      EXPECT_EQ(lookup(start, start, 60), 0);
+      EXPECT_FALSE(overlap_);
+    }
+    EXPECT_EQ(shown(sc_.epg), (Texts{"-60+60:-60", "0+60:0", "60+60:60", "120+60:120", "300+60:300"}));
+    for (const int start : starts)
+      EXPECT_EQ(lookup(start, start, 60), 1);
+  } while (std::next_permutation(starts.begin(), starts.end()));
+}
+
+TEST_F(Epg_cache, thousands_of_events_are_all_found_again) {
+  constexpr int EVENTS = 5000;
+  std::vector<int> numbers;
+  for (int i = 0; i < EVENTS; ++i)
+    numbers.push_back(i);
+  std::mt19937 random(60000);
+  std::shuffle(numbers.begin(), numbers.end(), random);
+  const auto pass = [&](int expected) {
+    int wrong = 0;
+    for (const int i : numbers)
+      wrong += lookup(i & 0xFFFF, 1262304000 + 60 * i, 60) == expected && !changed_ && !overlap_ ? 0 : 1;
+    return wrong;
+  };
+  EXPECT_EQ(pass(0), 0);
+  ASSERT_EQ(sc_.epg.size(), size_t{EVENTS});
+  for (int i = 0; i < EVENTS; ++i)
+    ASSERT_EQ(sc_.epg[static_cast<size_t>(i)]->start_epoch, 1262304000 + 60 * i);
+  std::shuffle(numbers.begin(), numbers.end(), random);
+  EXPECT_EQ(pass(1), 0);
+  EXPECT_EQ(sc_.epg.size(), size_t{EVENTS});
+}
+
 // The search never finds an event without a duration, and every look-up of it is a miss.
 TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
   for (int i = 0; i < 5; ++i)
@@ -170,6 +275,35 @@ TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
   EXPECT_EQ(shown(sc_.epg), (Texts{"100+0:1"}));
   lookup(2, 100, 0);
   EXPECT_EQ(sc_.epg.size(), 2u);
+}
+
+TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
+  lookup(1, 0, 1000);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(lookup(2, 100, 10), 0);
+    EXPECT_TRUE(overlap_);
+  }
+  EXPECT_EQ(shown(sc_.epg), (Texts{"0+1000:1", "100+10:2"}));
+}
+
+TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
+  SQL_cache other{};
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] {
+              lookup(1, 1000, 100);                                                    // new: a miss
+              lookup(1, 1000, 100);                                                    // the same: a hit
+              lookup(2, 1000, 100);                                                    // another id: a hit
+              lookup(3, 1050, 100);                                                    // within the other: a miss
+              lookup(2, 1000, 90);                                                     // another duration: a miss
+              lookup(4, 5000, 0);                                                      // without one: a miss,
+              lookup(4, 5000, 0);                                                      // each time
+              sdbl_.lookup_epg_cache(&other.epg, 1, 1000, 100, &changed_, &overlap_);  // of another service: a miss
+              for (int i = 8; i < 99; ++i)
+                lookup(2, 1000, 90);
+            }),
+            "");
+  EXPECT_EQ(stderr_of([&] { lookup(2, 1000, 90); }), "Epg cache hit 94, miss 6\n");
+  delete other.epg.front();
 }
 
 TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
@@ -234,7 +368,24 @@ TEST_F(Epg_store, replacing_takes_the_place_of_the_event_of_that_start) {
   EXPECT_EQ(stderr_of([&] { second = store(1000, 90, 2, true); }),
             "WARNING: Replacing event id channel 7, ymd_bcd 20100101, hms_bcd 0\n");
   EXPECT_GT(second, first);
-  EXPECT_EQ(rows(sdbl_, "SELECT entry, dur_sec, ev_id FROM epglist"), (Texts{std::to_string(second) + "|90|2"}));
+  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist"),
+            (Texts{std::to_string(second) + "|7|2.5|537919745|0|1000|12288|90|4.1.0.0 |0c@EST |4|1|2|10"}));
+  verbosity_kelvo = 0;
+  EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(1000, 60, 3, true), second); }), "");
+  EXPECT_EQ(rows(sdbl_, "SELECT dur_sec, ev_id FROM epglist"), (Texts{"60|3"}));
+}
+
+TEST_F(Epg_store, replacing_an_event_that_is_not_there_stores_it) {
+  store(1000, 60, 1);
+  EXPECT_EQ(store(2000, 60, 2, true), 2);
+  EXPECT_EQ(events(), (Texts{"1000|60", "2000|60"}));
+}
+
+TEST_F(Epg_store, replacing_leaves_the_event_of_that_start_of_another_service) {
+  store(1000, 60, 1);
+  sc_.channel = 8;
+  store(1000, 60, 2, true);
+  EXPECT_EQ(rows(sdbl_, "SELECT channel, ev_id FROM epglist ORDER BY channel"), (Texts{"7|1", "8|2"}));
 }
 
 TEST_F(Epg_store, quirk_texts_of_a_replaced_event_stay) {
@@ -252,12 +403,64 @@ TEST_F(Epg_store, overlapping_deletes_what_is_in_the_way) {
   EXPECT_THAT(stderr_of([&] { EXPECT_GT(store(1030, 60, 9, false, true), 0); }),
               testing::StartsWith("WARNING: Overlapping\n"));
   EXPECT_EQ(events(), (Texts{"1030|60", "1120|60"}));
+  verbosity_kelvo = 0;
+  EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(5000, 60, 9, false, true), 0); }), "");
+}
+
+// As the guide would do it: the look-up has remembered the new event before the old one goes.
+TEST_F(Epg_store, an_event_over_a_remembered_one_drops_that_from_the_cache_too) {
+  lookup(1, 1000, 60);
+  sdbl_.insert_epglist_lang(store(1000, 60), "eng", "Old", "", "", "");
+  lookup(2, 1030, 60);
+  ASSERT_TRUE(overlap_);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1030, 60, 2, changed_, overlap_), 2); }),
+            "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n");
+  EXPECT_EQ(events(), (Texts{"1030|60"}));
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 0);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"1030+60:2"}));
+}
+
+TEST_F(Epg_store, an_event_of_the_same_start_and_another_duration_keeps_its_place_in_the_cache) {
+  lookup(1, 1000, 60);
+  store(1000, 60);
+  lookup(1, 1000, 90);
+  ASSERT_TRUE(overlap_);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 90, 1, changed_, overlap_), 2); }),
+            "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
+            "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
+  EXPECT_EQ(events(), (Texts{"1000|90"}));
+  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+90:1"}));
+}
+
+TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 60, 1, true, true), 1); }),
+            "WARNING: Overlapping\n"
+            "WARNING: No rows in db are between 1000 ... 1060 delete criteria, rc = 101\n"
+            "WARNING: Replacing event id channel 7, ymd_bcd 20100101, hms_bcd 0\n");
+  EXPECT_EQ(events(), (Texts{"1000|60"}));
+}
+
+TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
+  lookup(1, INT_MAX - 100, INT_MAX);
+  store(INT_MAX - 100, INT_MAX);
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(INT_MAX - 50, INT_MAX, 2, false, true), 2); }),
+            "WARNING: Overlapping\n"
+            "Delete ch 7 from 2147483597 - 2147483647\n"
+            "Deleted 2147483547 -2147483647  No event description\n");
+  EXPECT_EQ(events(), (Texts{"2147483597|2147483647"}));
+  EXPECT_EQ(shown(sc_.epg), Texts{});
 }
 
 TEST_F(Epg_store, events_are_traced) {
   verbosity_kelvo = 4;
   EXPECT_THAT(stderr_of([&] { store(1000, 60, 42); }),
               testing::StartsWith("Db event 42 freq 506000000 prnr 10 ymd 20100101 hms 0 dur 3000\n"));
+  verbosity_kelvo = 3;
+  EXPECT_EQ(stderr_of([&] { store(2000, 60, 43); }), "");
 }
 
 TEST_F(Epg_store, texts_are_stored_in_each_language_once) {
@@ -309,6 +512,34 @@ TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
   }
 }
 
+TEST_F(Epg_delete, events_that_overlap_in_every_way_go_in_one_call) {
+  const std::pair<int, int> going[] = {{900, 150}, {950, 500}, {1010, 10}, {1020, 80}, {1090, 200}};
+  const std::pair<int, int> staying[] = {{700, 200}, {901, 99}, {1100, 10}, {1101, 100}};
+  for (const auto& list :
+       {std::vector(std::begin(going), std::end(going)), std::vector(std::begin(staying), std::end(staying))})
+    for (const auto& [start, duration] : list)
+      sdbl_.insert_epglist_lang(store(start, duration), "eng", "Name", "", "", "");
+  verbosity_kelvo = -1;  // nothing is in the cache
+  EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_), 0);
+  EXPECT_EQ(events(), (Texts{"700|200", "901|99", "1100|10", "1101|100"}));
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 4);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist JOIN epglist_lang ON entry = source_oid"), 4);
+}
+
+// Those at either end of the range go, too. The search does not find them, so they stay in the cache.
+TEST_F(Epg_delete, events_without_a_duration_go_with_the_range_and_stay_in_the_cache) {
+  for (const int start : {999, 1000, 1050, 1100, 1101}) {
+    store(start, 0);
+    lookup(1, start, 0);
+  }
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_), 0); }),
+            "ERROR: Nothing to delete in cache list for start_epoch 1000\n"
+            "ERROR: Nothing to delete in cache list for start_epoch 1050\n"
+            "ERROR: Nothing to delete in cache list for start_epoch 1100\n");
+  EXPECT_EQ(events(), (Texts{"999|0", "1101|0"}));
+  EXPECT_EQ(sc_.epg.size(), 5u);
+}
+
 TEST_F(Epg_delete, texts_go_with_their_event_and_other_channels_stay) {
   const int entry = store(1000, 60);
   sdbl_.insert_epglist_lang(entry, "eng", "Name", "", "", "");
@@ -323,6 +554,9 @@ TEST_F(Epg_delete, texts_go_with_their_event_and_other_channels_stay) {
 TEST_F(Epg_delete, nothing_to_delete_warns) {
   EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
   verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
+  verbosity_kelvo = 2;
   EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
   verbosity_kelvo = 3;
@@ -340,6 +574,15 @@ TEST_F(Epg_delete, deleted_events_are_traced_with_their_names) {
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "Delete ch 7 from 1000 - 1100\nDeleted 1000 -1060 Name\nDeleted 1060 -1120  No event description\n");
+  store(1000, 60);
+  lookup(1, 1000, 60);
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+            "Delete ch 7 from 1000 - 1100\n")
+      << "without the trace";
+  store(1000, 60);
+  lookup(1, 1000, 60);
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
 }
 
 TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
@@ -347,6 +590,9 @@ TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
   EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "ERROR: Nothing to delete in cache list for start_epoch 1000\n");
   EXPECT_EQ(events(), Texts{});
+  store(1000, 60);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
 }
 
 TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
@@ -358,6 +604,15 @@ TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
+  clear();
+  lookup(1, 900, 300);
+  store(1000, 60);
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+            "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 900 != 1000,  dur_sec 300 != 60\n");
+  EXPECT_EQ(shown(sc_.epg), (Texts{"900+300:1"}));
+  store(1000, 60);
+  verbosity_kelvo = 2;
+  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
 }
 
 TEST_F(Epg, an_event_is_running_between_its_start_and_its_end) {
@@ -383,6 +638,25 @@ TEST_F(Epg, quirk_an_event_that_starts_this_second_is_not_running) {
     return;
   }
   FAIL() << "the clock never stood still";
+}
+
+TEST_F(Epg, an_event_that_ends_this_second_is_not_running) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    run(sdbl_, "DELETE FROM epglist");
+    const long now = time(nullptr);
+    store(now - 1000, 1000);
+    const int available = sdbl_.eit_info_available(7);
+    if (time(nullptr) != now)
+      continue;  // the clock went on meanwhile
+    EXPECT_EQ(available, 0);
+    return;
+  }
+  FAIL() << "the clock never stood still";
+}
+
+TEST_F(Epg, an_event_whose_end_does_not_fit_32_bits_is_running) {
+  store(time(nullptr) - 100, INT_MAX);
+  EXPECT_EQ(sdbl_.eit_info_available(7), 1);
 }
 
 TEST_F(Epg, whether_there_is_an_event_is_said_at_level_3) {
@@ -463,6 +737,47 @@ TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
   EXPECT_EQ(events_with_text(), stored) << "no event is without its text";
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ - HOUR), 60), -1); }), REFUSED);
   EXPECT_EQ(integrity(), (Texts{"ok"}));
+}
+
+TEST_F(Epg_room, a_refusal_is_silent_below_0) {
+  limit(0);
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_), HOUR), -1); }), "");
+}
+
+// With the limit as it is, and texts as long as the longest that are broadcast.
+TEST_F(Epg_room, the_file_ends_below_8000_pages_and_old_events_make_room_again) {
+  const std::string text(15000, 'x');
+  int stored = 0;
+  const auto store_until_refused = [&] {
+    for (;; ++stored) {
+      const int oid = store(static_cast<long>(now_ + int64_t{stored} * HOUR), HOUR);
+      if (oid <= 0)
+        return;
+      sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
+    }
+  };
+  const auto expect_sound = [&](int events) {
+    EXPECT_EQ(number(sdbl_,
+                     "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
+                     "length(ext_desc) = 15000"),
+              events);
+    EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), events);
+    EXPECT_LE(number(sdbl_, "PRAGMA epg_db.page_count"), 8000);
+    EXPECT_LE(std::filesystem::file_size(dir_.file("a_epg.db")),
+              8000u * static_cast<unsigned>(number(sdbl_, "PRAGMA epg_db.page_size")));
+    EXPECT_EQ(integrity(), (Texts{"ok"}));
+  };
+  EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
+  EXPECT_GT(number(sdbl_, "PRAGMA epg_db.page_count"), 7800);
+  expect_sound(stored);
+  // A hundred grow old.
+  run(sdbl_, "UPDATE epglist SET start_epoch = start_epoch - 1000000000 WHERE entry <= 100");
+  const int before = stored;
+  EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
+  EXPECT_GE(stored - before, 90);
+  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - DAY)), 0);
+  expect_sound(stored - 100);
 }
 
 TEST_F(Epg_room, old_events_go_first) {

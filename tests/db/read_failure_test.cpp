@@ -124,6 +124,15 @@ TEST_F(Read_failure, of_the_program_number_is_0) {
   EXPECT_EQ(channel, 0);
 }
 
+TEST_F(Read_failure, of_the_network_leaves_the_zone) {
+  break_table("main", "kanalid", "network_name", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq");
+  const auto update = [&] { sdbl_.update_system_timezone(180, "EST", 0, 1, 1, FREQ); };
+  verbosity_kelvo = 1;
+  EXPECT_THAT(stderr_of(update), MatchesRegex(reset_error("update_system_timezone")));
+  verbosity_kelvo = -1;
+  EXPECT_EQ(stderr_of(update), "");
+}
+
 TEST_F(Read_failure, of_tuning_parameters_warns) {
   break_table("main", "tuner_table", "tuner_params", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq");
   dvb_frontend_parameters out{};

@@ -78,6 +78,42 @@ TEST_F(Timezone, negative_offsets_carry_a_minus) {
   EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone PRT_2 -01:30 - PRT\n");
 }
 
+TEST_F(Timezone, hours_and_minutes_stand_behind_a_minus_or_a_blank) {
+  const struct {
+    int offset_min;
+    const char* field;
+  } cases[] = {{90, " 01:30"}, {345, " 05:45"}, {840, " 14:00"},  {30, " 00:30"},   {1, " 00:01"},
+               {-1, "-00:01"}, {-30, "-00:30"}, {-210, "-03:30"}, {-600, "-10:00"}, {6039, " 100:39"}};
+  for (const auto& c : cases) {
+    update(c.offset_min);
+    EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0 " + c.field + " - EST\n");
+  }
+}
+
+// Whoever reads the zone that was installed gets the offset that was broadcast.
+TEST_F(Timezone, the_installed_zone_is_the_one_that_was_broadcast) {
+  if (!std::filesystem::exists("/usr/sbin/zic"))
+    GTEST_SKIP() << "no zone compiler";
+  for (const int offset_min : {180, -90, 0, 345, -720, 840}) {
+    zone("EET-2");
+    update(offset_min, "ABC", 3);
+    // The C library reads zones past the sandbox.
+    support::write_file(dir_.file("zone"), support::read_file(INSTALLED));
+    zone((":" + dir_.file("zone")).c_str());
+    tzset();
+    const time_t winter = 1262304000, summer = 1277942400;
+    for (const time_t t : {winter, summer}) {
+      tm local{};
+      localtime_r(&t, &local);
+      EXPECT_EQ(local.tm_gmtoff, offset_min * 60);
+      EXPECT_STREQ(local.tm_zone, "ABC");
+    }
+    EXPECT_FALSE(std::filesystem::exists("/tmp/zoneinfo/ABC_3")) << offset_min;
+    std::filesystem::remove(INSTALLED);
+    std::filesystem::remove(SOURCE);
+  }
+}
+
 TEST_F(Timezone, quirk_offset_0_is_written_as_minus_0) {
   update(0);
   EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0 -00:00 - EST\n");
@@ -88,6 +124,22 @@ TEST_F(Timezone, quirk_negative_half_hours_never_match) {
   EXPECT_THAT(update(-210), testing::EndsWith("WARNING: Setting timezone to -210\n"));
   zone("IST-5:30");
   EXPECT_THAT(update(330), testing::EndsWith("WARNING: Timezone OK\n"));
+}
+
+TEST_F(Timezone, quirk_offsets_of_twelve_hours_never_match) {
+  zone("NZST-12");
+  EXPECT_THAT(update(720), testing::EndsWith("WARNING: Setting timezone to 720\n"));
+  zone("TOT-13");
+  EXPECT_THAT(update(780), testing::EndsWith("WARNING: Setting timezone to 780\n"));
+  zone("BIT12");
+  EXPECT_THAT(update(-720), testing::EndsWith("WARNING: Timezone OK\n"));
+  zone("ABC-11:59");
+  EXPECT_THAT(update(719), testing::EndsWith("WARNING: Timezone OK\n"));
+}
+
+TEST_F(Timezone, quirk_minutes_of_the_offset_are_not_compared) {
+  EXPECT_THAT(update(179), testing::EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(119), testing::EndsWith("WARNING: Setting timezone to 119\n"));
 }
 
 TEST_F(Timezone, a_zone_installed_meanwhile_is_seen) {
@@ -108,6 +160,9 @@ TEST_F(Timezone, another_network_changes_nothing) {
 
 TEST_F(Timezone, an_unknown_multiplex_or_one_without_a_name_changes_nothing) {
   EXPECT_EQ(update(180, "EST", 0, FREQ + 1), "");
+  verbosity_kelvo = 1;
+  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 2, 2, FREQ); }), "") << "another type";
+  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 1, FREQ); }), "") << "another connector";
   run(*sdbl_, "UPDATE kanalid SET network_name = NULL");
   EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider  = timezone levira\n");
   EXPECT_FALSE(std::filesystem::exists(SOURCE));

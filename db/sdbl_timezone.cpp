@@ -18,7 +18,7 @@ using sdbl::Db_lock;
 namespace {
 
 constexpr char ZONE_FOLDER[] = "/tmp/zoneinfo";
-constexpr char ZONE_SOURCE[] = "/tmp/zoneinfo/timezone.txt";
+constexpr char ZONE_SOURCE[] = "timezone.txt";
 constexpr time_t NOON = 43200;
 constexpr int NOON_HOUR = 12;
 constexpr size_t LONGEST_ZONE_NAME = 8;
@@ -34,9 +34,20 @@ bool is_zone_name(const char* name) {
   return true;
 }
 
-bool write_zone_source(const std::string& network, int offset_min, const char* zone_name, int zone_nr) {
+// Everybody may make things in /tmp: neither the folder nor the file is opened through a link, and a pipe in its place
+// is not waited for.
+int open_zone_source() {
   (void)mkdir(ZONE_FOLDER, 0755);  // is mostly there
-  const int fd = open(ZONE_SOURCE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int folder = open(ZONE_FOLDER, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (folder < 0)
+    return -1;
+  const int fd = openat(folder, ZONE_SOURCE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  (void)close(folder);  // was only read
+  return fd;
+}
+
+bool write_zone_source(const std::string& network, int offset_min, const char* zone_name, int zone_nr) {
+  const int fd = open_zone_source();
   if (fd < 0)
     return false;
   std::FILE* file = fdopen(fd, "w");

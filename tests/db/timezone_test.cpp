@@ -1,4 +1,5 @@
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <filesystem>
@@ -188,6 +189,28 @@ TEST_F(Timezone, a_link_in_the_place_of_the_source_is_not_followed) {
   std::filesystem::create_symlink(dir_.file("precious"), SOURCE);
   EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
   EXPECT_EQ(support::read_file(dir_.file("precious")), "keep me");
+  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+}
+
+TEST_F(Timezone, a_link_in_the_place_of_the_folder_is_not_followed) {
+  std::filesystem::create_directories(dir_.file("elsewhere"));
+  std::filesystem::create_directory_symlink(dir_.file("elsewhere"), "/tmp/zoneinfo");
+  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
+  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+}
+
+TEST_F(Timezone, a_file_in_the_place_of_the_folder_stays) {
+  support::write_file("/tmp/zoneinfo", "keep me");
+  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+  EXPECT_EQ(support::read_file("/tmp/zoneinfo"), "keep me");
+  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+}
+
+TEST_F(Timezone, a_pipe_in_the_place_of_the_source_is_not_waited_for) {
+  std::filesystem::create_directories("/tmp/zoneinfo");
+  ASSERT_EQ(mkfifo((std::string(getenv("SOFTDVB_ROOT")) + SOURCE).c_str(), 0600), 0);
+  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
   EXPECT_FALSE(std::filesystem::exists(INSTALLED));
 }
 

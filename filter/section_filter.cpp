@@ -104,6 +104,7 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
 int Section_filter::addfilter(int pid, int tid, int freq) {
   const unsigned char filter = static_cast<unsigned char>(tid);
   const unsigned char mask = 0xFF;
+  // Deliberate: the kernel alone checks, and it believes every TOT, which has no syntax indicator.
   return addfilter(pid, freq, &filter, &mask, 1, FILTER_FLAG_HW_CRC, PARSER_TIMEOUT_S);
 }
 

@@ -1,4 +1,7 @@
 // TDT, TOT and the arithmetic of dates.
+#include <cstdint>
+#include <limits>
+
 #include <dvbsi++/local_time_offset_descriptor.h>
 
 #include "si/recorded_clock.h"
@@ -100,6 +103,42 @@ TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it) {
       EXPECT_THAT(at_level(2, [&] { scan(section, 20); }), Not(HasSubstr("Changing")));
       recorded_clock::take_settings();
     }
+  }
+}
+
+TEST_F(Time_tables, every_date_that_can_be_sent_is_set) {
+  const struct {
+    const char* what;
+    unsigned mjd;
+    unsigned hms_bcd;
+    int64_t set;
+  } cases[] = {
+      {"1970", 40587, 0x000000, 0},
+      {"the end of 1999", 51543, 0x235959, 946684799},
+      {"a leap day", 51603, 0x123456, 951827696},
+      {"the last second of 32 bits", 65442, 0x031407, 2147483647},
+      {"the second after it", 65442, 0x031408, 2147483648},
+      {"the last one of 16 bits of MJD", 65535, 0x235959, 2155593599},
+      {"no BCD", 55197, 0x1A7F99, NOON_2010 + 8 * 3600 + 85 * 60 + 99},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.set > std::numeric_limits<time_t>::max())
+      continue;  // on machines where the clock ends there
+    for (const Bytes& section : {tdt(c.mjd, c.hms_bcd), tot(c.mjd, c.hms_bcd, {})}) {
+      scan(section, 20);
+      EXPECT_EQ(recorded_clock::take_settings(), std::vector<time_t>{static_cast<time_t>(c.set)});
+    }
+  }
+}
+
+TEST_F(Time_tables, a_clock_beyond_2038_is_set_back) {
+  if (std::numeric_limits<time_t>::max() == std::numeric_limits<int32_t>::max())
+    GTEST_SKIP() << "the clock ends there";
+  recorded_clock::set_time(static_cast<time_t>(int64_t{4102444800}));
+  for (const Bytes& section : {tdt(55197, 0x120000), tot(55197, 0x120000, {})}) {
+    scan(section, 20);
+    EXPECT_EQ(recorded_clock::take_settings(), std::vector<time_t>{NOON_2010});
   }
 }
 

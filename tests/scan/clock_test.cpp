@@ -1,0 +1,453 @@
+// What the broadcast time does to the clock and the zone, from the stream to what the adapter recorded and what the C
+// library reads afterwards. Nothing here sets the machine's clock or zone.
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "scan/scan_run.h"
+
+using nlohmann::literals::operator""_json;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr int64_t NOW = 1772388000;  // 2026-03-01 18:00 UTC, the time of the streams
+
+constexpr char PASSIVE_SCAN[] =
+    "kelvo 0 passive\n"
+    "verbosity 4\n"
+    "freq 0 506000000\n"
+    "wait_done 0 100\n"
+    "verbosity 0\n"
+    "state 0\n";
+
+// What the log holds of calls whose name is one of `names`: "settimeofday 1700000000.000000000 = 0".
+Lines calls_of(const Scan_run& run, const Lines& names) {
+  Lines calls;
+  std::istringstream in(run.log);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    std::string seconds, pid, tid, call;
+    words >> seconds >> pid >> tid >> call;
+    for (const std::string& name : names)
+      if (call == name)
+        calls.push_back(line.substr(line.find(call)));
+  }
+  return calls;
+}
+
+Lines clock_settings(const Scan_run& run) {
+  return calls_of(run,
+                  {"settimeofday", "clock_settime", "adjtime", "adjtimex", "clock_adjtime", "ntp_adjtime", "stime"});
+}
+
+Lines shell_commands(const Scan_run& run) {
+  return calls_of(run, {"system"});
+}
+
+}  // namespace
+
+// The host sees a clock that stands nearly still, so that seconds can be told from each other on a busy machine: ten
+// times as long as the machine's. Its multiplex is tuned by another program, and sent as fast as it is read.
+class Clock_test : public Scan_test {
+ protected:
+  // A second of stream whose time tables all say `utc`.
+  std::string stream_at(const std::string& utc, const Json& more = Json::array()) {
+    Json patch = {{{"op", "replace"}, {"path", "/now"}, {"value", utc}},
+                  {{"op", "replace"}, {"path", "/duration"}, {"value", 1}}};
+    patch.insert(patch.end(), more.begin(), more.end());
+    return stream(patch);
+  }
+  Scan_run run_at(int64_t host_time, const std::string& file, const std::string& script = PASSIVE_SCAN) {
+    return run({"--now", std::to_string(host_time), "--time", "x0.1", "--tuned", std::to_string(FREQ), "--mux",
+                std::to_string(FREQ) + "=" + file, "--pace", "fast", "--start", "filter"},
+               script);
+  }
+};
+
+TEST_F(Clock_test, up_to_ten_seconds_off_it_stays_and_beyond_it_is_set_once) {
+  const std::string file = stream_at("2026-03-01T18:00:00Z");
+  const Lines set = {"settimeofday 1772388000.000000000 = 0"};
+  const struct {
+    const char* what;
+    int64_t host_time;
+    bool sets;
+  } cases[] = {
+      {"right", NOW, false},         {"10 s late", NOW - 10, false}, {"10 s early", NOW + 10, false},
+      {"11 s late", NOW - 11, true}, {"11 s early", NOW + 11, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove(database());
+    const Scan_run scanned = run_at(c.host_time, file);
+    EXPECT_EQ("done 0 0\nstate 1 0 1\n", scanned.lines({"done", "state"}));
+    EXPECT_EQ(c.sets ? set : Lines{}, clock_settings(scanned));
+    EXPECT_EQ(1U, scanned.count_err("Time offset section\n")) << "one TOT is read per filter";
+    EXPECT_EQ(c.sets ? 1U : 0U, scanned.count_err("Changing system clock\n"));
+  }
+}
+
+TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
+  const struct {
+    const char* sent;  // MJD and time as they are broadcast
+    int64_t host_time;
+    const char* set;
+  } cases[] = {
+      {"eeac 180000", 1000, "settimeofday 1772388000.000000000 = 0"},
+      {"eeac 180000", 946684798, "settimeofday 1772388000.000000000 = 0"},
+      {"eeac 180000", 2147483648, "settimeofday 1772388000.000000000 = 0"},
+      {"eeac 180000", 3786912000, "settimeofday 1772388000.000000000 = 0"},
+      {"9e8b 000000", NOW, "settimeofday 0.000000000 = 0"},
+      {"c957 235959", NOW, "settimeofday 946684799.000000000 = 0"},
+      {"c993 123456", NOW, "settimeofday 951827696.000000000 = 0"},
+      {"ffa2 031407", NOW, "settimeofday 2147483647.000000000 = 0"},
+      {"ffa2 031408", NOW, "settimeofday 2147483648.000000000 = 0"},
+      {"ffff 235959", NOW, "settimeofday 2155593599.000000000 = 0"},
+      {"eeac 1A7F99", NOW, "settimeofday 1772400399.000000000 = 0"},  // 20 h, 85 min and 99 s
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.sent);
+    const std::string file =
+        stream_at("2026-03-01T18:00:00Z",
+                  {{{"op", "add"},
+                    {"path", "/faults"},
+                    {"value", {{{"fault", "wrong_bytes"}, {"table", "tot"}, {"offset", 3}, {"hex", c.sent}}}}}});
+    std::filesystem::remove(database());
+    const Scan_run scanned = run_at(c.host_time, file);
+    EXPECT_EQ(Lines{c.set}, clock_settings(scanned));
+    EXPECT_EQ("state 1 0 1\n", scanned.lines({"state"})) << "the clock counts as valid";
+  }
+}
+
+TEST_F(Clock_test, a_tdt_is_not_asked_for) {
+  const std::string file =
+      stream_at("2026-03-01T18:00:00Z", R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json);
+  const Scan_run scanned = run_at(1000, file);
+  EXPECT_EQ("done 0 0\nstate 1 0 0\n", scanned.lines({"done", "state"})) << "the clock is not valid yet";
+  EXPECT_EQ(Lines{}, clock_settings(scanned));
+  EXPECT_EQ(1U, scanned.logged({"DMX_SET_FILTER pid=0x14 filter=73 "}).size());
+  EXPECT_EQ(0U, scanned.logged({"DMX_SET_FILTER pid=0x14 filter=70 "}).size());
+}
+
+// A TOT has no syntax indicator, so the kernel does not look at its CRC, and this filter leaves the check to the
+// kernel.
+TEST_F(Clock_test, quirk_a_tot_with_a_wrong_crc_is_believed) {
+  const std::string file = stream_at("2026-03-01T18:00:00Z", R"([{ "op": "add", "path": "/faults", "value":
+                                                                  [{ "fault": "wrong_crc", "table": "tot" }] }])"_json);
+  EXPECT_EQ(Lines{"settimeofday 1772388000.000000000 = 0"}, clock_settings(run_at(1000, file)));
+}
+
+TEST_F(Clock_test, a_host_that_may_not_set_it_goes_on) {
+  const std::string file = stream_at("2026-03-01T18:00:00Z");
+  const Scan_run scanned =
+      run({"--now", "1000", "--time", "x0.1", "--tuned", std::to_string(FREQ), "--mux",
+           std::to_string(FREQ) + "=" + file, "--pace", "fast", "--start", "filter", "--fault", "settimeofday=EPERM"},
+          PASSIVE_SCAN);
+  EXPECT_EQ("done 0 0\nstate 1 0 1\n", scanned.lines({"done", "state"}));
+  EXPECT_EQ(1U, scanned.count_err("Changing system clock\n"));
+}
+
+// A watched channel's multiplex is scanned from its PAT every 300 s, and its TOT read with it. The clock that is only
+// recorded stays wrong, so it is set again.
+TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
+  const std::vector<std::string> options = {"--now", "1000"};
+  std::vector<std::string> all = on_freq(stream());
+  all.insert(all.end(), options.begin(), options.end());
+  run(all,
+      "kelvo 0 tuner\n"
+      "freq 0 506000000\n"
+      "wait_done 0 100\n");
+  const Scan_run watched = run(all,
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 320\n"
+                               "state 0\n",
+                               100);
+  const std::vector<double> filters = watched.logged({"DMX_SET_FILTER pid=0x14 filter=73 "});
+  const std::vector<double> settings = watched.logged({"settimeofday 17723880"});
+  ASSERT_EQ(2U, filters.size());
+  ASSERT_EQ(2U, settings.size());
+  expect_seconds(299, filters[1] - filters[0], 100);
+  EXPECT_GT(settings[0], filters[0]);
+  EXPECT_LT(settings[0], filters[1]);
+  EXPECT_GT(settings[1], filters[1]);
+}
+
+// The zone is set for a multiplex of the preferred network that the database knows.
+class Zone_test : public Scan_test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directories(sandbox() + "/dvbfiles");
+    host_zone("EET-2");
+  }
+  void TearDown() override { unsetenv("TZ"); }
+
+  static void host_zone(const std::string& tz) { setenv("TZ", tz.c_str(), 1); }
+
+  // A stream of network "levira" whose time tables are described by `time`. The SDT, without which no scan ends, begins
+  // behind the first TOT.
+  std::string stream_with(const Json& time, const std::string& network = "levira") {
+    return stream(
+        {{{"op", "replace"}, {"path", "/time"}, {"value", time}},
+         {{"op", "replace"}, {"path", "/network/name"}, {"value", network}},
+         {{"op", "add"}, {"path", "/faults"}, {"value", {{{"fault", "drop"}, {"table", "sdt_actual"}, {"to", 2}}}}}});
+  }
+  std::string stream_of(const std::string& offset, const std::string& country = "EST", int region = 0) {
+    return stream_with({{"offsets", {{{"country", country}, {"region", region}, {"offset", offset}}}}});
+  }
+  // One scan by a host whose database knows the multiplex.
+  Scan_run scan(const std::string& file, const std::vector<std::string>& more = {}, int verbosity = 1) {
+    std::vector<std::string> options = on_freq(file);
+    options.insert(options.end(), more.begin(), more.end());
+    return run(options,
+               "insert INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 0, 0, 'levira')\n"
+               "verbosity " +
+                   std::to_string(verbosity) +
+                   "\n"
+                   "kelvo 0 tuner\n"
+                   "freq 0 506000000\n"
+                   "wait_done 0 100\n"
+                   "verbosity 0\n");
+  }
+  std::string source_file() const { return sandbox() + "/tmp/zoneinfo/timezone.txt"; }
+  std::string source() const { return support::read_file(source_file()); }
+  std::string installed_file() const { return sandbox() + "/dvbfiles/localtime"; }
+
+  // Name and offset that the C library reads from the installed zone, in winter and in summer.
+  std::string installed() const {
+    if (!std::filesystem::exists(installed_file()))
+      return "none";
+    const char* before = getenv("TZ");
+    const std::string kept = before != nullptr ? before : "";
+    host_zone("UTC0");  // a file is read anew only when TZ has changed
+    tzset();
+    host_zone(":" + installed_file());
+    tzset();
+    std::string read;
+    for (const time_t when : {static_cast<time_t>(NOW), static_cast<time_t>(NOW + 150 * 86400)}) {
+      tm local{};
+      char text[64];
+      localtime_r(&when, &local);
+      read += std::string(read.empty() ? "" : ", ") + std::string(text, strftime(text, sizeof text, "%Z %z", &local));
+    }
+    host_zone(kept);
+    tzset();
+    return read;
+  }
+};
+
+namespace {
+
+constexpr char CHECKED[] = "WARNING: Checking mux 506000000 provider levira = timezone levira\n";
+constexpr char FIRST_LINE[] = "# Automatically generated timezone file for network levira\n";
+const Lines INSTALLING = {"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt = 0",
+                          "system cp -f '/tmp/zoneinfo/EST_0' /dvbfiles/localtime = 0"};
+
+bool have_zic() {
+  return access("/usr/sbin/zic", X_OK) == 0;
+}
+
+}  // namespace
+
+TEST_F(Zone_test, a_known_multiplex_installs_its_zone_at_its_second_scan) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  const std::string file = stream_of("+03:00");
+  const std::string scan_once =
+      "verbosity 1\n"
+      "freq 0 506000000\n"
+      "wait_done 0 100\n"
+      "verbosity 0\n"
+      "exists /tmp/zoneinfo/timezone.txt\n"
+      "exists /dvbfiles/localtime\n";
+  const Scan_run scanned = run(on_freq(file), "kelvo 0 tuner\n" + scan_once + scan_once);
+  EXPECT_EQ("done 0 0\nexists no\nexists no\ndone 0 0\nexists yes\nexists yes\n", scanned.lines({"done", "exists"}))
+      << "at the first one its rows are not there yet";
+  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to 180\n"));
+  EXPECT_EQ(1U, scanned.count_err(CHECKED));
+  EXPECT_EQ(INSTALLING, shell_commands(scanned));
+  EXPECT_EQ("EST +0300, EST +0300", installed());
+}
+
+TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  const struct {
+    const char* host_zone;
+    const char* offset;
+    const char* country;
+    int region;
+    int minutes;
+    const char* line;
+    const char* read;
+  } cases[] = {
+      {"UTC0", "+02:00", "EST", 0, 120, "Zone EST_0  02:00 - EST\n", "EST +0200, EST +0200"},
+      {"EET-2", "+03:00", "EST", 0, 180, "Zone EST_0  03:00 - EST\n", "EST +0300, EST +0300"},
+      {"UTC0", "-01:30", "PRT", 2, -90, "Zone PRT_2 -01:30 - PRT\n", "PRT -0130, PRT -0130"},
+      {"EET-2", "+00:00", "GBR", 0, 0, "Zone GBR_0 -00:00 - GBR\n", "GBR +0000, GBR +0000"},
+      {"UTC0", "+05:30", "IND", 63, 330, "Zone IND_63  05:30 - IND\n", "IND +0530, IND +0530"},
+      {"EET-2", "-03:30", "CAN", 1, -210, "Zone CAN_1 -03:30 - CAN\n", "CAN -0330, CAN -0330"},
+      {"EET-2", "+00:30", "xyz", 0, 30, "Zone xyz_0  00:30 - xyz\n", "xyz +0030, xyz +0030"},
+      {"UTC0", "+14:00", "KIR", 3, 840, "Zone KIR_3  14:00 - KIR\n", "KIR +1400, KIR +1400"},
+      {"UTC0", "-02:00", "BRA", 4, -120, "Zone BRA_4 -02:00 - BRA\n", "BRA -0200, BRA -0200"},
+      {"UTC0", "-12:00", "UMI", 0, -720, "Zone UMI_0 -12:00 - UMI\n", "UMI -1200, UMI -1200"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.offset);
+    host_zone(c.host_zone);
+    std::filesystem::remove(database());
+    std::filesystem::remove(installed_file());
+    const Scan_run scanned = scan(stream_of(c.offset, c.country, c.region));
+    EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) +
+                                    "\n"))
+        << scanned.err;
+    EXPECT_EQ(std::string(FIRST_LINE) + c.line, source());
+    EXPECT_EQ(c.read, installed());
+    EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/" + c.country + "_" + std::to_string(c.region)));
+  }
+}
+
+TEST_F(Zone_test, the_right_zone_is_left_alone) {
+  const Scan_run scanned = scan(stream_of("+02:00"));
+  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Timezone OK\n")) << scanned.err;
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_FALSE(std::filesystem::exists(source_file()));
+  EXPECT_EQ("none", installed());
+}
+
+TEST_F(Zone_test, a_box_whose_zone_is_the_installed_one_follows_the_broadcast) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  host_zone(":" + installed_file());
+  EXPECT_EQ(INSTALLING, shell_commands(scan(stream_of("+02:00"))));
+  EXPECT_EQ("EST +0200, EST +0200", installed());
+  const Scan_run again = scan(stream_of("+02:00"));
+  EXPECT_EQ(1U, again.count_err("WARNING: Timezone OK\n"));
+  EXPECT_EQ(Lines{}, shell_commands(again));
+  EXPECT_EQ(INSTALLING, shell_commands(scan(stream_of("+03:00")))) << "summer time begins";
+  EXPECT_EQ("EST +0300, EST +0300", installed());
+}
+
+TEST_F(Zone_test, every_entry_is_taken_and_only_the_present_offset_of_it) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  const std::string file = stream_with(R"({ "offsets": [
+    { "country": "EST", "offset": "+02:00", "change": "2026-03-29T01:00:00Z", "next": "+03:00" },
+    { "country": "CAN", "region": 7, "offset": "-03:30", "change": "2026-11-01T04:05:06Z", "next": "-02:30" }] })"_json);
+  const Scan_run scanned = scan(file, {}, 3);
+  EXPECT_EQ(1U, scanned.count_err("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20260329, "
+                                  "hms 10000\n" +
+                                  std::string(CHECKED) +
+                                  "WARNING: Timezone OK\n"
+                                  "Country id CAN region id 7, offset 330, next_offset 230 , polarity 1, ymd 20261101, "
+                                  "hms 40506\n" +
+                                  CHECKED + "WARNING: Setting timezone to -210\n"))
+      << scanned.err;
+  EXPECT_EQ(std::string(FIRST_LINE) + "Zone CAN_7 -03:30 - CAN\n", source());
+  EXPECT_EQ("CAN -0330, CAN -0330", installed());
+}
+
+TEST_F(Zone_test, a_tot_without_offsets_sets_the_clock_alone) {
+  const Scan_run scanned = scan(stream_with(Json::object()), {"--now", "1000"}, 3);
+  EXPECT_EQ(1U, clock_settings(scanned).size());
+  EXPECT_EQ(0U, scanned.count_err("Country id"));
+  EXPECT_EQ(0U, scanned.count_err("Checking mux"));
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+}
+
+TEST_F(Zone_test, another_network_changes_nothing) {
+  const std::string file = stream_with(R"({ "offsets": [{ "country": "EST", "offset": "+03:00" }] })"_json, "Levira");
+  const Scan_run scanned = run(on_freq(file),
+                               "kelvo 0 tuner\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 100\n"
+                               "verbosity 1\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 100\n");
+  EXPECT_EQ(1U, scanned.count_err("WARNING: Checking mux 506000000 provider Levira = timezone levira\n"));
+  EXPECT_EQ(0U, scanned.count_err("timezone to"));
+  EXPECT_EQ(0U, scanned.count_err("Timezone OK"));
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_FALSE(std::filesystem::exists(source_file()));
+}
+
+TEST_F(Zone_test, odd_country_codes_reach_neither_a_file_nor_the_shell) {
+  // Offset +3 h for each: ';r  ../  $(x  `r`  ;r#  E T  a/b  NUL NUL NUL  E NUL ;  -ES  Latin 1  ..  line feed  EST
+  const std::string tail = "02 0300 edd2 000000 0300";
+  std::string entries;
+  int count = 0;
+  for (const char* country : {"273b72", "2e2e2f", "242878", "607260", "3b7223", "452054", "612f62", "000000", "2d4553",
+                              "c45354", "2e2e00", "450a53", "7c7263", "5c7272", "2a2a2a"}) {
+    entries += std::string(country) + tail;
+    ++count;
+  }
+  char header[8];
+  std::snprintf(header, sizeof header, "58%02x", 13 * static_cast<unsigned>(count));
+  const Scan_run scanned = scan(stream_with({{"descriptors", {header + entries}}}));
+  EXPECT_EQ(static_cast<size_t>(count), scanned.count_err(CHECKED)) << scanned.err;
+  EXPECT_EQ(0U, scanned.count_err("Timezone OK"));
+  EXPECT_EQ(0U, scanned.count_err("Setting timezone"));
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_FALSE(std::filesystem::exists(source_file()));
+  EXPECT_EQ("none", installed());
+}
+
+TEST_F(Zone_test, an_odd_country_code_does_not_keep_the_next_entry_away) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  const Scan_run scanned =
+      scan(stream_with({{"descriptors", {"581a 273b72 02 0300 edd2 000000 0300 455354 02 0300 edd2 000000 0300"}}}));
+  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + CHECKED + "WARNING: Setting timezone to 180\n"));
+  EXPECT_EQ(INSTALLING, shell_commands(scanned));
+  EXPECT_EQ("EST +0300, EST +0300", installed());
+}
+
+TEST_F(Zone_test, without_a_zone_compiler_the_zone_stays) {
+  support::write_file(installed_file(), "as it was");
+  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "system(*zic*)=ENOENT"});
+  EXPECT_EQ("done 0 0\n", scanned.lines({"done"}));
+  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
+  EXPECT_EQ(Lines{"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt (fault) = -1 ENOENT"},
+            shell_commands(scanned));
+  EXPECT_EQ("as it was", support::read_file(installed_file()));
+}
+
+TEST_F(Zone_test, a_source_that_cannot_be_opened_runs_nothing) {
+  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(*timezone.txt)=EACCES"});
+  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_EQ("none", installed());
+}
+
+TEST_F(Zone_test, a_folder_for_zones_that_is_a_link_is_not_followed) {
+  std::filesystem::remove_all(sandbox() + "/tmp/zoneinfo");
+  std::filesystem::create_directories(sandbox() + "/tmp");
+  std::filesystem::create_directories(folder_.file("elsewhere"));
+  std::filesystem::create_directory_symlink(folder_.file("elsewhere"), sandbox() + "/tmp/zoneinfo");
+  const Scan_run scanned = scan(stream_of("+03:00"));
+  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
+  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.file("elsewhere")));
+  EXPECT_EQ("none", installed());
+}
+
+TEST_F(Zone_test, a_target_that_cannot_be_written_leaves_no_compiled_zone_behind) {
+  if (!have_zic())
+    GTEST_SKIP() << "no zone compiler";
+  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(/dvbfiles/localtime)=EROFS"});
+  EXPECT_EQ("done 0 0\n", scanned.lines({"done"}));
+  EXPECT_EQ(1U, scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'")) << scanned.err;
+  EXPECT_EQ("none", installed());
+  EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
+  std::filesystem::remove_all(sandbox() + "/dvbfiles");
+  EXPECT_EQ("done 0 0\n", scan(stream_of("+03:00")).lines({"done"})) << "nor without its folder";
+  EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
+}

@@ -6,7 +6,12 @@ namespace softdvb_mux {
 
 namespace {
 
-bool is_meant(const Fault& fault, const Table& table, size_t section_number, uint64_t count, double at) {
+// Segments leave gaps in the numbers of a schedule's sections, so the section itself tells.
+unsigned number_of(const Bytes& section) {
+  return section.size() >= 8 && (section[1] & 0x80) != 0 ? section[6] : 0;
+}
+
+bool is_meant(const Fault& fault, const Table& table, unsigned section_number, uint64_t count, double at) {
   if (!fault.tables[table.kind] || at < fault.from || at >= fault.to || count >= fault.first ||
       count % fault.every != 0)
     return false;
@@ -75,9 +80,10 @@ bool has_crc(const Bytes& section) {
 
 }  // namespace
 
-void apply_faults(const std::vector<Fault>& faults, const Table& table, size_t section_number, uint64_t count,
-                  double at, Transmission* transmission) {
+void apply_faults(const std::vector<Fault>& faults, const Table& table, uint64_t count, double at,
+                  Transmission* transmission) {
   Bytes& section = transmission->section;
+  const unsigned section_number = number_of(section);
   for (const Fault& fault : faults) {
     if (!is_meant(fault, table, section_number, count, at))
       continue;

@@ -17,8 +17,8 @@ struct Transmission {
   unsigned skip = 0;  // continuity counter values left out before it
 };
 
-// Applies the faults that are meant for the `count`th transmission (from 0) of `section_number` of `table` at `at`.
-void apply_faults(const std::vector<Fault>& faults, const Table& table, size_t section_number, uint64_t count,
-                  double at, Transmission* transmission);
+// Applies the faults that are meant for the `count`th transmission (from 0) of this section of `table` at `at`.
+void apply_faults(const std::vector<Fault>& faults, const Table& table, uint64_t count, double at,
+                  Transmission* transmission);
 
 }  // namespace softdvb_mux

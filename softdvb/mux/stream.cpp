@@ -228,7 +228,7 @@ class Maker {
         return;
       transmission.section = (*sections)[source->section_number];
     }
-    apply_faults(all_.faults, *source->table, source->section_number, source->sent++, at, &transmission);
+    apply_faults(all_.faults, *source->table, source->sent++, at, &transmission);
     if (transmission.dropped)
       return;
     for (int copy = 0; copy < (transmission.twice ? 2 : 1); ++copy) {

@@ -26,6 +26,9 @@ uint64_t bcd(uint64_t value) {
   return value / 10 << 4 | value % 10;
 }
 
+// The last day of a Modified Julian Date of 16 bits ends with it: 2038-04-22T23:59:59Z.
+constexpr int64_t LAST_TIME = int64_t{0x10000 - 40587} * 86400 - 1;
+
 // Digits only, so that "1 2" or "+1" is no number.
 bool parse_digits(const std::string& text, size_t at, size_t count, int64_t* value) {
   *value = 0;
@@ -80,17 +83,17 @@ bool parse_utc(const std::string& text, int64_t* epoch) {
   for (size_t i = 0; i < part.size(); ++i)
     if (!parse_digits(text, PLACES[i].first, PLACES[i].second, &part[i]))
       return false;
-  if (part[0] < 1901 || part[0] > 2037 || part[1] < 1 || part[1] > 12 || part[2] < 1 ||
+  if (part[0] < 1901 || part[0] > 2038 || part[1] < 1 || part[1] > 12 || part[2] < 1 ||
       part[2] > days_in_month(part[0], part[1]) || part[3] > 23 || part[4] > 59 || part[5] > 59)
     return false;
   *epoch = days_of(part[0], part[1], part[2]) * 86400 + part[3] * 3600 + part[4] * 60 + part[5];
-  return true;
+  return *epoch <= LAST_TIME;
 }
 
 int64_t read_time(const Json_node& node, int64_t now) {
   const char* allowed =
-      " is not allowed, a time such as \"2026-03-01T18:00:00Z\" (1901 to 2037), \"now\", \"now+90m\", \"now-01:30:00\" or "
-      "\"today+18h\" is";
+      " is not allowed, a time such as \"2026-03-01T18:00:00Z\" (1901 to 2038-04-22), \"now\", \"now+90m\", "
+      "\"now-01:30:00\" or \"today+18h\" is";
   const std::string text = node.value().is_string() ? node.string() : "";
   int64_t result = 0;
   if (parse_utc(text, &result))
@@ -106,8 +109,11 @@ int64_t read_time(const Json_node& node, int64_t now) {
   if (at != 0 && at == text.size())
     return result;
   int64_t step = 0;
-  if (at != 0 && (text[at] == '+' || text[at] == '-') && parse_duration(text.substr(at + 1), &step))
-    return result + (text[at] == '+' ? step : -step);
+  if (at != 0 && (text[at] == '+' || text[at] == '-') && parse_duration(text.substr(at + 1), &step)) {
+    result += text[at] == '+' ? step : -step;
+    if (result <= LAST_TIME)
+      return result;
+  }
   node.fail(node.value().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + allowed);
 }
 

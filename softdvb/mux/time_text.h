@@ -7,7 +7,7 @@
 namespace softdvb_mux {
 
 // "2026-03-01T18:00:00Z", "now", "now+90m", "now-01:30:00", "today", "today+18h" (today: midnight UTC before now).
-// Seconds since 1970; years 1901 to 2037, which the Modified Julian Date of 16 bits covers.
+// Seconds since 1970; 1901 to 2038-04-22, where the Modified Julian Date of 16 bits ends.
 int64_t read_time(const Json_node& node, int64_t now);
 // "01:30:00", "90m", "45s", "2h" or a number of seconds.
 int64_t read_duration(const Json_node& node, int64_t max);

@@ -173,10 +173,9 @@ TEST(MuxDescription, event_complaints_name_the_event) {
       "services[0].events[0]: name and text together take 251 bytes, at most 250 are allowed; use \"extended\"");
   EXPECT_EQ(complaint_about_event(R"(, "extended": {"text": ")" + std::string(16 * 249 + 1, 't') + "\"}"),
             "services[0].events[0].extended.text: the text takes 3985 bytes, at most 3984 are allowed here");
-  EXPECT_EQ(
-      complaint(one_service(R"(, "events": [{"start": "soon", "duration": "1h"}])")),
-      "services[0].events[0].start: \"soon\" is not allowed, a time such as \"2026-03-01T18:00:00Z\" (1901 to 2037), "
-      "\"now\", \"now+90m\", \"now-01:30:00\" or \"today+18h\" is");
+  EXPECT_EQ(complaint(one_service(R"(, "events": [{"start": "soon", "duration": "1h"}])")),
+            "services[0].events[0].start: \"soon\" is not allowed, a time such as \"2026-03-01T18:00:00Z\" (1901 to "
+            "2038-04-22), \"now\", \"now+90m\", \"now-01:30:00\" or \"today+18h\" is");
   EXPECT_EQ(
       complaint(one_service(R"(, "events": [{"start": "now", "duration": "100:00:00"}])")),
       "services[0].events[0].duration: \"100:00:00\" is not allowed, a duration such as \"01:30:00\", \"90m\" or 5400 "
@@ -218,8 +217,11 @@ TEST(MuxDescription, times_are_read) {
   EXPECT_EQ(time_of("now-01:30:05"), NOW - 5405);
   EXPECT_EQ(time_of("today"), NOW - 18 * 3600);
   EXPECT_EQ(time_of("today+2d"), NOW - 18 * 3600 + 2 * 86400);
-  for (const char* wrong : {"2025-02-29T00:00:00Z", "2026-13-01T00:00:00Z", "2026-03-01 18:00:00Z",
-                            "2038-01-01T00:00:00Z", "now+", "now+5", "now*2h", "today+1:00:00", "tomorrow"})
+  EXPECT_EQ(time_of("2038-04-22T23:59:59Z"), 2155593599);
+  EXPECT_EQ(softdvb_mux::mjd_bcd(2155593599), 0xFFFF235959u) << "nothing later fits";
+  for (const char* wrong :
+       {"2025-02-29T00:00:00Z", "2026-13-01T00:00:00Z", "2026-03-01 18:00:00Z", "2038-04-23T00:00:00Z",
+        "2039-01-01T00:00:00Z", "now+4500d", "now+", "now+5", "now*2h", "today+1:00:00", "tomorrow"})
     EXPECT_THROW(time_of(wrong), softdvb_mux::Description_error) << wrong;
 }
 

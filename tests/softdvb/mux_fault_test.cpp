@@ -77,6 +77,19 @@ TEST(MuxFault, transmissions_can_be_chosen) {
   EXPECT_EQ(pattern(R"(, "section": 0)"), "XXXXX");
 }
 
+TEST(MuxFault, section_of_a_schedule_is_chosen_by_its_broadcast_number) {
+  // The event is in the seventh segment of three hours, which begins with section 48.
+  const auto numbers = [](const std::string& section) {
+    std::set<unsigned> seen;
+    for (const auto& eit : sections_of(
+             faulty(R"({"fault": "drop", "table": "eit_schedule_actual", "section": )" + section + "}"), 18, 0x50))
+      seen.insert(eit.number());
+    return seen;
+  };
+  EXPECT_EQ(numbers("48"), (std::set<unsigned>{0, 8, 16, 24, 32, 40}));
+  EXPECT_EQ(numbers("6"), (std::set<unsigned>{0, 8, 16, 24, 32, 40, 48}));
+}
+
 TEST(MuxFault, one_service_network_or_stream_can_be_chosen) {
   const Bytes pmt = faulty(R"({"fault": "wrong_crc", "table": "pmt", "service_id": 102})");
   EXPECT_EQ(wrong_crcs(sections_of(pmt, 256, 2)), 0u);

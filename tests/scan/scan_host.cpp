@@ -17,7 +17,10 @@
 //   types T...                    service types whose guide is collected, from the next tuning on
 //   wait_guide N SECONDS          until every service has all that its network announces
 //   wait_table N TABLE SECONDS    until that table (hexadecimal) is being collected
-//   progress N                    a line "guide SERVICE table TABLE events EVENTS" for each service
+//   progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each service,
+//   tables
+//                                 hexadecimal, or "no guide"
+//   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
 //   control LINE                  to the software adapter
@@ -170,6 +173,13 @@ std::vector<EIT_progress> progress_of(const Adapter& a) {
   return progress;
 }
 
+std::string line_of(const EIT_progress& p) {
+  char text[120];
+  std::snprintf(text, sizeof text, "guide %d table %x/%x active %d done %d events %d", p.service_id,
+                static_cast<unsigned>(p.table), static_cast<unsigned>(p.last_table), p.active, p.done, p.events);
+  return text;
+}
+
 // Services that send no schedule are done with what was found when the first schedule table has been closed.
 bool guide_complete(const Adapter& a) {
   const std::vector<EIT_progress> progress = progress_of(a);
@@ -242,12 +252,20 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     };
     say(wait_until(seconds, reached) ? "reached" : "not reached");
   } else if (command == "progress") {
-    for (const EIT_progress& p : progress_of(a)) {
-      char text[100];
-      std::snprintf(text, sizeof text, "guide %d table %x events %d", p.service_id, static_cast<unsigned>(p.table),
-                    p.events);
-      say(text);
-    }
+    const std::vector<EIT_progress> progress = progress_of(a);
+    for (const EIT_progress& p : progress)
+      say(line_of(p));
+    if (progress.empty())
+      say("no guide");
+  } else if (command == "wait_progress") {
+    in >> seconds;
+    const std::string wanted = rest(in);
+    const bool seen = wait_until(seconds, [&] {
+      const std::vector<EIT_progress> progress = progress_of(a);
+      return std::any_of(progress.begin(), progress.end(), [&](const EIT_progress& p) { return line_of(p) == wanted; });
+    });
+    if (!seen)
+      say("never: " + wanted);
   } else if (command == "readings") {
     char text[200];
     std::snprintf(text, sizeof text, "readings %d %.1f %d %.2f %.1f", a.kelvo->fe_freq(),

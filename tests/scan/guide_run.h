@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+
+#include "scan/scan_run.h"
+
+// Guides of streams made from tests/data/scan/base.json, whose services 101 and 102 are television and 103 is radio.
+// Its clock, and the host's, begin at 2026-03-01 18:00 UTC, which is 1772388000.
+class Guide_test : public Scan_test {
+ protected:
+  static constexpr char NOW[] = "1772388000";
+  static constexpr int INDEX_OF_101 = 0;
+  static constexpr int INDEX_OF_102 = 1;
+
+  // Two scans: the first one finds the services, the second one collects their guide.
+  static constexpr char COLLECT[] =
+      "kelvo 0 tuner\n"
+      "freq 0 506000000\n"
+      "wait_done 0 100\n"
+      "freq 0 506000000\n"
+      "wait_done 0 100\n";
+
+  // Patches of base.json.
+  static Json events_of(int service_index, const std::string& events) {
+    return {{"op", "add"},
+            {"path", "/services/" + std::to_string(service_index) + "/events"},
+            {"value", Json::parse(events)}};
+  }
+  static Json faults(const std::string& list) {
+    return {{"op", "add"}, {"path", "/faults"}, {"value", Json::parse(list)}};
+  }
+
+  // A line an event, in the order of services and starts:
+  //   SERVICE|EVENT ID|DATE|TIME|SECONDS SINCE NOW|DURATION|DURATION IN SECONDS|CONTENT|RATING|RUNNING|FREE_CA
+  std::string events(const std::string& order = "pat_prnr, start_epoch") const {
+    return sql(
+        std::string("SELECT pat_prnr, ev_id, printf('%x', ymd_bcd), printf('%06x', hms_bcd), start_epoch - ") + NOW +
+        ", printf('%06x', dur_bcd), dur_sec, content_id, rating, run_status, free_ca FROM epglist ORDER BY " + order);
+  }
+  // SERVICE|EVENT ID|LANGUAGE|NAME|TEXT|EXTENDED TEXT|ITEMS
+  std::string texts() const {
+    return sql(
+        "SELECT pat_prnr, ev_id, lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist e, epglist_lang l "
+        "WHERE l.source_oid = e.entry ORDER BY pat_prnr, start_epoch, lang");
+  }
+  // SERVICE|EVENT ID, in the order of their storing
+  std::string stored_order() const { return sql("SELECT pat_prnr, ev_id FROM epglist ORDER BY entry"); }
+
+  // The lines of a text that begin with one of `beginnings`.
+  static std::string lines_with(const std::string& text, const std::vector<std::string>& beginnings);
+  // When the filter of each of these tables was set, in seconds since the adapter's start: "4e" and so on.
+  static std::vector<double> opened(const Scan_run& run, const std::string& table) {
+    return run.logged({"DMX_SET_FILTER pid=0x12 filter=" + table});
+  }
+};

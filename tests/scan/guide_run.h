@@ -48,8 +48,9 @@ class Guide_test : public Scan_test {
 
   // The lines of a text that begin with one of `beginnings`.
   static std::string lines_with(const std::string& text, const std::vector<std::string>& beginnings);
-  // When the filter of each of these tables was set, in seconds since the adapter's start: "4e" and so on.
-  static std::vector<double> opened(const Scan_run& run, const std::string& table) {
-    return run.logged({"DMX_SET_FILTER pid=0x12 filter=" + table});
+  // When the filter of a table, "4e" and so on, was set last, in seconds since the adapter's start; -1 for never.
+  static double opened(const Scan_run& run, const std::string& table) {
+    const std::vector<double> times = run.logged({"DMX_SET_FILTER pid=0x12 filter=" + table});
+    return times.empty() ? -1 : times.back();
   }
 };

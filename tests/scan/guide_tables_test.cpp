@@ -1,0 +1,280 @@
+// One table of the guide after the other: what opens and closes them, who is given up, and what is never left.
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "scan/guide_run.h"
+
+namespace {
+
+class Guide_tables_test : public Guide_test {
+ protected:
+  // When the services' timers were armed, in the adapter's seconds: at every request, and 180 s at every new table.
+  static std::vector<double> armed(const Scan_run& run, const std::string& seconds) {
+    return run.logged({"timer_settime ", " value=" + seconds + ".000000000 interval=" + seconds + ".000000000"});
+  }
+  // The lines about tables and services, in the order of their printing, but those of a table's services sorted.
+  static std::vector<std::string> steps(const Scan_run& run) {
+    std::istringstream in(lines_with(run.err, {"****", "Pres-"}));
+    std::vector<std::string> all;
+    size_t first_of_table = 0;
+    for (std::string line; std::getline(in, line);) {
+      const bool closing = line.find("next table") != std::string::npos;
+      if (closing)
+        std::sort(all.begin() + static_cast<std::ptrdiff_t>(first_of_table), all.end());
+      all.push_back(line);
+      if (closing)
+        first_of_table = all.size();
+    }
+    std::sort(all.begin() + static_cast<std::ptrdiff_t>(first_of_table), all.end());
+    return all;
+  }
+  static constexpr char TWO_EVENTS[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" }])";
+  // Eight days without a gap: 26 events in the first table, 32 in the second one, 6 in the third one.
+  static Json eight_days(int service_index) {
+    return {{"op", "add"},
+            {"path", "/services/" + std::to_string(service_index) + "/schedule"},
+            {"value", Json::parse(R"({ "from": "now", "days": 8, "programmes": [{ "duration": "3h" }] })")}};
+  }
+  // Patch that makes 102 radio, which is not listed.
+  static Json only_101() { return {{"op", "replace"}, {"path", "/services/1/type"}, {"value", "radio"}}; }
+};
+
+}  // namespace
+
+TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_order) {
+  const Scan_run scan = run(on_freq(stream({eight_days(INDEX_OF_101), eight_days(INDEX_OF_102)})),
+                            std::string("verbosity 0\n") + COLLECT +
+                                "verbosity 1\n"
+                                "wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64\n"
+                                "progress 0\n"
+                                "verbosity 0\n",
+                            10);
+  EXPECT_EQ(
+      "guide 101 table 53/52 active 1 done 0 events 64\n"
+      "guide 102 table 53/52 active 1 done 0 events 64\n",
+      scan.lines({"guide", "never:"}));
+  std::vector<std::string> expected;
+  for (const std::string table : {"4e", "50", "51", "52"}) {
+    for (const char* step : {"****+ Started", "****-  Finished"})
+      for (const char* service : {"101 Laine TV", "102 Luide Film"})
+        expected.push_back(std::string(step) + " table " + table + " scan " + service);
+    expected.push_back(table == "4e" ? "Pres-Following table 4E completed, next table 0x50"
+                                     : "**** EIT loop completed, next table " + std::to_string(std::stoi(table) + 1));
+  }
+  EXPECT_EQ(expected, steps(scan));
+  double before = 0;
+  for (const char* table : {"4e", "50", "51", "52", "53"}) {
+    EXPECT_GT(opened(scan, table), before) << table;
+    before = opened(scan, table);
+  }
+  for (const std::string service : {"101", "102"}) {
+    std::string events;
+    for (int i = 0; i < 64; ++i)
+      events += service + "|" + std::to_string(i + 1) + "|" + std::to_string(10800 * i) + "|10800\n";
+    EXPECT_EQ(events, sql(std::string("SELECT pat_prnr, ev_id, start_epoch - ") + NOW +
+                          ", dur_sec FROM epglist WHERE pat_prnr = " + service + " ORDER BY start_epoch"));
+    EXPECT_EQ("1\n2\n", sql("SELECT ev_id FROM (SELECT ev_id FROM epglist WHERE pat_prnr = " + service +
+                            " ORDER BY entry LIMIT 2) ORDER BY 1"))
+        << "present and following come first";
+  }
+  EXPECT_EQ("2\n", sql("SELECT count(*) FROM epglist WHERE run_status = 4 AND start_epoch = " + std::string(NOW)));
+}
+
+TEST_F(Guide_tables_test, table_that_nobody_sends_is_never_left) {
+  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)})),
+                            std::string(COLLECT) +
+                                "wait_progress 0 100 guide 101 table 51/50 active 1 done 0 events 2\n"
+                                "sleep 600\n"
+                                "progress 0\n",
+                            60);
+  EXPECT_EQ(
+      "guide 101 table 51/50 active 1 done 0 events 2\n"
+      "guide 102 table 51/50 active 1 done 0 events 2\n",
+      scan.lines({"guide", "never:"}));
+  EXPECT_EQ(0U, scan.count_err("Kill scan")) << "no section comes that could look at the timers";
+  EXPECT_EQ(-1, opened(scan, "52"));
+}
+
+TEST_F(Guide_tables_test, service_without_present_event_is_killed_when_its_timer_has_less_than_a_second_left) {
+  const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
+                            std::string(COLLECT) + "wait_table 0 50 30\nprogress 0\nsleep 3\n", 4);
+  EXPECT_EQ("reached\nguide 101 table 50/0 active 1 done 0 events 2\nguide 102 table 50/0 active 1 done 0 events 0\n",
+            scan.lines({"reached", "not", "guide"}));
+  EXPECT_EQ("Kill scan for service 102 , Laine TV table 4e, ttl 10\n", lines_with(scan.err, {"Kill"}))
+      << "with the name of the service whose section came";
+  const std::vector<double> timers = armed(scan, "10");
+  ASSERT_EQ(2U, timers.size());
+  expect_seconds(9, opened(scan, "50") - timers[1], 4);
+}
+
+TEST_F(Guide_tables_test, service_without_schedule_is_killed_after_three_minutes) {
+  Json without_schedule = events_of(INDEX_OF_102, TWO_EVENTS);
+  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS),
+                                            without_schedule,
+                                            {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}}})),
+                            std::string(COLLECT) + "wait_table 0 51 300\nprogress 0\nsleep 20\n", 40);
+  EXPECT_EQ("reached\nguide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/0 active 1 done 0 events 2\n",
+            scan.lines({"reached", "not", "guide"}));
+  EXPECT_EQ("Kill scan for service 102 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
+  const std::vector<double> timers = armed(scan, "180");
+  ASSERT_EQ(4U, timers.size()) << "two services, at the end of two tables";
+  expect_seconds(179, opened(scan, "51") - timers[1], 40);
+}
+
+// A section without events is not looked at, so it is not counted either when it is the last one.
+TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_three_minutes) {
+  // The last three hours of the fourth day have no event.
+  constexpr char GAP[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-05T12:00:00Z", "duration": "2h" }])";
+  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, GAP), only_101()})),
+                            std::string(COLLECT) + "wait_guide 0 300\nsleep 20\n", 40);
+  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
+  EXPECT_EQ("Kill scan for service 101 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
+  EXPECT_EQ(
+      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+      "101|2|20260305|120000|324000|020000|7200|0.0.0.0|0@est|1|0\n",
+      events());
+  const std::vector<double> timers = armed(scan, "180");
+  ASSERT_FALSE(timers.empty());
+  expect_seconds(179, opened(scan, "51") - timers[0], 40);
+}
+
+TEST_F(Guide_tables_test, killing_is_not_told_at_2) {
+  const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
+                            std::string("verbosity 2\n") + COLLECT + "wait_table 0 50 30\n", 10);
+  EXPECT_EQ("reached\n", scan.lines({"reached", "not"}));
+  EXPECT_EQ("", lines_with(scan.err, {"Kill"}));
+}
+
+TEST_F(Guide_tables_test, sections_out_of_order_are_all_stored) {
+  // Tomorrow at 0, 3 and 6 o'clock: sections 64, 72 and 80, of which the last one must come twice.
+  constexpr char NIGHT[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-02T00:00:00Z", "duration": "1h" },
+          { "start": "2026-03-02T03:00:00Z", "duration": "1h" }, { "start": "2026-03-02T06:00:00Z", "duration": "1h" }])";
+  const Scan_run scan =
+      run(on_freq(stream({events_of(INDEX_OF_101, NIGHT),
+                          faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 48, "to": 14 },
+                                     { "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 14 },
+                                     { "fault": "drop", "table": "eit_schedule_actual", "section": 80, "to": 17 },
+                                     { "fault": "drop", "table": "eit_pf_actual", "section": 0, "to": 3 }])"),
+                          only_101()})),
+          std::string(COLLECT) + "wait_guide 0 60\n", 5);
+  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
+  EXPECT_EQ(
+      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|0|0\n"
+      "101|2|20260302|000000|21600|010000|3600|0.0.0.0|0@est|1|0\n"
+      "101|3|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n"
+      "101|4|20260302|060000|43200|010000|3600|0.0.0.0|0@est|0|0\n",
+      lines_with(events(), {"101"}));
+  EXPECT_EQ("101|2\n101|3\n101|1\n101|4\n", stored_order());
+}
+
+// Done is who has sent the last section twice more after the first one; a section that was lost meanwhile is missing
+// until the next tuning.
+TEST_F(Guide_tables_test, quirk_section_lost_while_the_last_one_comes_twice_is_missing_until_the_next_tuning) {
+  constexpr char NIGHT[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" },
+          { "start": "2026-03-02T00:00:00Z", "duration": "1h" }, { "start": "2026-03-02T03:00:00Z", "duration": "1h" }])";
+  const std::string good = stream({events_of(INDEX_OF_101, NIGHT), only_101()});
+  const std::string lossy =
+      stream({events_of(INDEX_OF_101, NIGHT), only_101(),
+              faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 19 }])")});
+  const auto ids = [&] { return sql("SELECT ev_id FROM epglist ORDER BY start_epoch"); };
+  const Scan_run lost = run(
+      on_freq(lossy), std::string(COLLECT) + "wait_progress 0 30 guide 101 table 50/50 active 0 done 1 events 3\n", 5);
+  EXPECT_EQ("", lost.lines({"never:"}));
+  EXPECT_EQ("1\n2\n4\n", ids());
+  run(on_freq(good),
+      "kelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\n"
+      "wait_progress 0 30 guide 101 table 50/50 active 0 done 1 events 4\n",
+      5);
+  EXPECT_EQ("1\n2\n3\n4\n", ids());
+}
+
+TEST_F(Guide_tables_test, repeated_sections_are_neither_stored_nor_asked_for_again) {
+  // The following event of 102 comes late, so that the present ones are read again and again.
+  const std::string file =
+      stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS),
+              faults(R"([{ "fault": "drop", "table": "eit_pf_actual", "section": 1, "to": 6 }])")});
+  const Scan_run scan = run(on_freq(file), std::string(COLLECT) + "verbosity 4\nwait_table 0 50 30\nverbosity 0\n", 4);
+  EXPECT_EQ("reached\n", scan.lines({"reached", "not"}));
+  EXPECT_EQ(4U, scan.count_err("Db event ")) << "statements that store an event";
+  EXPECT_GE(scan.count_err("match is 1\n"), 20U) << "events that were known";
+  EXPECT_EQ(4U, scan.count_err("epg cache entry inserted\n"));
+  EXPECT_EQ("101|2\n102|2\n", sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"));
+
+  // And nothing at the next request, when the cache comes from the database.
+  const std::string before = events();
+  const Scan_run again = run(on_freq(file),
+                             "verbosity 4\nkelvo 0 tuner\nfreq 0 506000000\nwait_done 0 30\nwait_table 0 50 30\n"
+                             "verbosity 0\n",
+                             4);
+  EXPECT_EQ("reached\n", again.lines({"reached", "not"}));
+  EXPECT_EQ(0U, again.count_err("Db event "));
+  EXPECT_EQ(0U, again.count_err("epg cache entry inserted\n"));
+  EXPECT_EQ(before, events());
+}
+
+TEST_F(Guide_tables_test, new_version_adds_what_is_new_and_leaves_what_is_stored) {
+  // From 12 s on the section of 18:00 has version 1: its first event another id, the second one another duration, the
+  // third one starts at another time. The last section comes later, so that nobody is done.
+  constexpr char EVENING[] =
+      R"([{ "start": "2026-03-01T18:30:00Z", "duration": "10m" }, { "start": "2026-03-01T19:00:00Z", "duration": "10m" },
+          { "start": "2026-03-01T20:00:00Z", "duration": "10m" }, { "start": "2026-03-02T03:00:00Z", "duration": "1h" }])";
+  const std::string here = R"("table": "eit_schedule_actual", "service_id": 101, "section": 48, "from": 12)";
+  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, EVENING),
+                                            faults(R"([{ "fault": "wrong_version", "version": 1, )" + here + R"(},
+                                     { "fault": "wrong_bytes", "offset": 14, "hex": "0063", )" +
+                                                   here + R"(},
+                                     { "fault": "wrong_bytes", "offset": 33, "hex": "002000", )" +
+                                                   here + R"(},
+                                     { "fault": "wrong_bytes", "offset": 42, "hex": "204500", )" +
+                                                   here + R"(},
+                                     { "fault": "drop", "table": "eit_schedule_actual", "section": 72, "to": 16 }])"),
+                                            only_101()})),
+                            std::string(COLLECT) + "wait_guide 0 60\n", 5);
+  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
+  EXPECT_EQ(
+      "101|1|20260301|183000|1800|001000|600|0.0.0.0|0@est|1|0\n"
+      "101|2|20260301|190000|3600|001000|600|0.0.0.0|0@est|0|0\n"
+      "101|3|20260301|200000|7200|001000|600|0.0.0.0|0@est|0|0\n"
+      "101|3|20260301|204500|9900|001000|600|0.0.0.0|0@est|0|0\n"
+      "101|4|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n",
+      events());
+}
+
+TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) {
+  Json patch = Json::array({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)});
+  int service = 103;
+  patch.push_back(events_of(2, TWO_EVENTS));  // radio
+  for (const char* type : {"teletext", "radio-avc", "tv-hd-mpeg2", "tv-sd-h264", "tv-hd-h264", "tv-hevc"}) {
+    ++service;
+    patch.push_back({{"op", "add"},
+                     {"path", "/services/-"},
+                     {"value",
+                      {{"service_id", service},
+                       {"type", type},
+                       {"name", "Teenus " + std::to_string(service)},
+                       {"provider", "Rand Meedia"},
+                       {"streams", Json::array({{{"type", "h264"}}})},
+                       {"events", Json::parse(TWO_EVENTS)}}}});
+  }
+  const std::string file = stream(patch);
+  const auto counts = [&] { return sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"); };
+  const Scan_run narrow = run(on_freq(file), std::string(COLLECT) + "wait_guide 0 60\nprogress 0\n", 10);
+  EXPECT_EQ(
+      "guide complete\nguide 101 table 50/50 active 0 done 1 events 2\nguide 102 table 50/50 active 0 done 1 events 2\n",
+      narrow.lines({"guide"}));
+  EXPECT_EQ("101|2\n102|2\n", counts());
+
+  const Scan_run wide =
+      run(on_freq(file), "types 1 2 10 17 22 25 31\nkelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\nwait_guide 0 60\n",
+          10);
+  EXPECT_EQ("guide complete\n", wide.lines({"guide"}));
+  EXPECT_EQ("101|2\n102|2\n103|2\n105|2\n106|2\n107|2\n108|2\n109|2\n", counts()) << "all but teletext";
+}

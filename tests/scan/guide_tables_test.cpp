@@ -186,12 +186,12 @@ TEST_F(Guide_tables_test, quirk_section_lost_while_the_last_one_comes_twice_is_m
               faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 19 }])")});
   const auto ids = [&] { return sql("SELECT ev_id FROM epglist ORDER BY start_epoch"); };
   const Scan_run lost = run(
-      on_freq(lossy), std::string(COLLECT) + "wait_progress 0 30 guide 101 table 50/50 active 0 done 1 events 3\n", 5);
+      on_freq(lossy), std::string(COLLECT) + "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 3\n", 5);
   EXPECT_EQ("", lost.lines({"never:"}));
   EXPECT_EQ("1\n2\n4\n", ids());
   run(on_freq(good),
       "kelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\n"
-      "wait_progress 0 30 guide 101 table 50/50 active 0 done 1 events 4\n",
+      "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 4\n",
       5);
   EXPECT_EQ("1\n2\n3\n4\n", ids());
 }
@@ -266,10 +266,11 @@ TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) 
   }
   const std::string file = stream(patch);
   const auto counts = [&] { return sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"); };
-  const Scan_run narrow = run(on_freq(file), std::string(COLLECT) + "wait_guide 0 60\nprogress 0\n", 10);
-  EXPECT_EQ(
-      "guide complete\nguide 101 table 50/50 active 0 done 1 events 2\nguide 102 table 50/50 active 0 done 1 events 2\n",
-      narrow.lines({"guide"}));
+  const Scan_run narrow =
+      run(on_freq(file),
+          std::string(COLLECT) + "wait_progress 0 60 guide 101 table 51/50 active 1 done 0 events 2\nprogress 0\n", 10);
+  EXPECT_EQ("guide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/50 active 1 done 0 events 2\n",
+            narrow.lines({"guide", "never:"}));
   EXPECT_EQ("101|2\n102|2\n", counts());
 
   const Scan_run wide =

@@ -21,7 +21,7 @@ _kelvo() {
     case $command in
       scan) options="--adapter --freq --band --db --verbose --help" ;;
       channels) options="--db --format --help" ;;
-      watch) options="--adapter --for --db --help" ;;
+      watch) options="--adapter --for --zone-of --db --help" ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
           options="--adapter --freq --all --for --db --help"

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include <kelvo/kelvo.h>
 
@@ -88,6 +89,12 @@ Quiet_library::~Quiet_library() {
   (void)close(pipe_read_);
 }
 
+void Quiet_library::listen(int level, std::function<void(const std::string& line)> listener) {
+  listener_ = std::move(listener);
+  (void)fcntl(pipe_read_, F_SETPIPE_SZ, 1 << 20);  // as far as it may be; progress is wordy
+  verbosity_kelvo = level;
+}
+
 int Quiet_library::database_failure() {
   char buffer[4096];
   ssize_t n = 0;
@@ -107,6 +114,9 @@ void Quiet_library::look_through(std::string_view messages) {
     if (failure_ == 0 && (code == SQLITE_FULL || code == SQLITE_IOERR || code == SQLITE_READONLY ||
                           code == SQLITE_CORRUPT || code == SQLITE_NOTADB)) {
       failure_ = code;
+    }
+    if (listener_) {
+      listener_(line_);
     }
     line_.clear();
   }

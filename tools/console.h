@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,10 @@ class Quiet_library {
   Quiet_library(const Quiet_library&) = delete;
   Quiet_library& operator=(const Quiet_library&) = delete;
 
+  // From now on the library says all up to `level`, and `listener` gets each line when the messages are looked through.
+  // For a quiet library only.
+  void listen(int level, std::function<void(const std::string& line)> listener);
+
   // The result code of the first SQLite failure that means that the database cannot be written (disk full, read-only,
   // input/output error, damaged), or 0. Reads what the library has said up to now.
   int database_failure();
@@ -35,6 +40,7 @@ class Quiet_library {
 
   int pipe_read_ = -1;
   std::string line_;
+  std::function<void(const std::string&)> listener_;
   int failure_ = 0;
 };
 

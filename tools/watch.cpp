@@ -27,6 +27,7 @@
 #include "tools/interrupt.h"
 #include "tools/local_time.h"
 #include "tools/text.h"
+#include "tools/zone_file.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ struct Watch_options {
   int adapter = 0;
   std::string time;
   std::string db;
+  std::string zone_of;
 };
 
 // What callbacks, which come from the library's threads, leave for the watching one.
@@ -77,17 +79,122 @@ int64_t clock_offset() {
   return int64_t{day.tv_sec} - int64_t{steady.tv_sec};
 }
 
-// Changes whenever the file is written.
-int64_t zone_stamp() {
+// Changes whenever the file is written: time and size. Zeros when there is none.
+std::pair<int64_t, int64_t> zone_stamp() {
   struct stat status {};
-  return stat(ZONE_FILE, &status) == 0 ? int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec : 0;
+  if (stat(ZONE_FILE, &status) != 0) {
+    return {0, 0};
+  }
+  return {int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec, int64_t{status.st_size}};
+}
+
+// What the broadcast did to clock and zone. The library tells what it tries; whether it came about is seen by looking.
+class Time_watch {
+ public:
+  void begin(bool clock_known) {
+    clock_known_ = clock_known;
+    clock_ = clock_offset();
+    zone_ = zone_stamp();
+  }
+  // One line of what the library says up to VERB_PROGRESS.
+  void hear(const std::string& line);
+  // Says what has changed since the last look.
+  void look(bool clock_valid);
+
+ private:
+  void look_at_clock(bool clock_valid);
+  void look_at_zone();
+  void zone_set(const std::string& zone);
+
+  int64_t clock_ = 0;
+  bool clock_known_ = false;
+  bool clock_tried_ = false;
+  bool clock_moved_ = false;
+  bool clock_stays_ = false;
+  std::pair<int64_t, int64_t> zone_;
+  bool zone_tried_ = false;
+  int zone_min_ = 0;
+  bool zone_written_ = false;
+  std::string zone_said_;
+  bool table_read_ = false;
+};
+
+void Time_watch::hear(const std::string& line) {
+  constexpr std::string_view ZONE = "WARNING: Setting timezone to ";
+  if (line.find("Changing system clock") != std::string::npos) {
+    clock_tried_ = true;
+  }
+  if (const size_t at = line.find(ZONE); at != std::string::npos) {
+    zone_tried_ = true;
+    zone_min_ = std::atoi(line.c_str() + at + ZONE.size());
+  }
+  if (line.find("Removing filter pid 14 tid 73") != std::string::npos) {
+    table_read_ = true;  // with all that it made the library do
+  }
+}
+
+void Time_watch::look(bool clock_valid) {
+  look_at_clock(clock_valid);
+  look_at_zone();
+  table_read_ = false;
+}
+
+void Time_watch::look_at_clock(bool clock_valid) {
+  const int64_t clock = clock_offset();
+  if (std::abs(clock - clock_) > 1) {
+    say(fmt::format("clock set by {:+} s", clock - clock_));
+    clock_moved_ = true;
+    clock_stays_ = false;
+  }
+  clock_ = clock;
+  if (table_read_) {
+    if (clock_tried_ && !clock_moved_ && !clock_stays_) {
+      say("clock set, but it stayed as it was, more than 10 s from the broadcast");
+      clock_stays_ = true;
+    }
+    clock_tried_ = clock_moved_ = false;
+  }
+  if (!clock_known_ && clock_valid) {
+    clock_known_ = true;
+    say("clock confirmed by the broadcast");
+  }
+}
+
+void Time_watch::zone_set(const std::string& zone) {
+  if (!zone.empty() && zone != zone_said_) {
+    say(fmt::format("time zone set: {}", zone));
+    zone_said_ = zone;
+  }
+}
+
+void Time_watch::look_at_zone() {
+  const std::pair<int64_t, int64_t> zone = zone_stamp();
+  if (zone != zone_) {
+    zone_ = zone;
+    zone_written_ = zone.first != 0;
+    tzset();  // for the times that begin the lines
+    zone_set(zone_in(ZONE_FILE));
+  }
+  if (table_read_) {
+    if (zone_written_) {
+      const std::string now = zone_in(ZONE_FILE);
+      zone_set(now.empty() ? ZONE_FILE : now);
+    }
+    const std::string wanted =
+        fmt::format("UTC{}{:02}:{:02}", zone_min_ < 0 ? '-' : '+', std::abs(zone_min_) / 60, std::abs(zone_min_) % 60);
+    if (zone_tried_ && !zone_written_ && wanted != zone_said_) {
+      say(fmt::format("time zone not set: {} could not be compiled, or not written to {}", wanted, ZONE_FILE));
+      zone_said_ = wanted;
+    }
+    zone_tried_ = zone_written_ = false;
+  }
 }
 
 class Watch {
  public:
   Watch(const Service& service, std::string db) : service_(service), guide_(db), db_(std::move(db)) {}
 
-  void run(int adapter, int seconds);
+  void run(int adapter, int seconds, const std::string& zone_of);
 
  private:
   void request(Kelvo* kelvo);
@@ -105,9 +212,7 @@ class Watch {
   Guide_db guide_;
   std::string db_;
   int events_ = 0;
-  int64_t clock_ = 0;
-  int64_t zone_ = 0;
-  bool clock_known_ = false;
+  Time_watch time_;
 };
 
 // A channel request does nothing on the frequency that is tuned already, which after the construction is the first one:
@@ -119,7 +224,7 @@ void Watch::request(Kelvo* kelvo) {
   (void)kelvo->tune_to_freq(service_.freq, service_.channel, nullptr, nullptr);
 }
 
-void Watch::run(int adapter, int seconds) {
+void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   const Interrupt interrupt;
   console::Quiet_library quiet(-1);
   wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -134,11 +239,13 @@ void Watch::run(int adapter, int seconds) {
   }
   constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
   database->set_eit_service_types(TYPES, std::size(TYPES));
+  if (!zone_of.empty()) {
+    database->set_preferred_provider(zone_of.c_str());
+  }
   events_ = stored();
-  clock_ = clock_offset();
-  zone_ = zone_stamp();
+  quiet.listen(VERB_PROGRESS, [this](const std::string& line) { time_.hear(line); });
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
-  clock_known_ = kelvo.time_valid();
+  time_.begin(kelvo.time_valid());
   kelvo.set_stb_event_callback(on_quality);
   request(&kelvo);
   say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
@@ -174,20 +281,7 @@ void Watch::look(const Kelvo& kelvo) {
   if (event >= 0) {
     say(event == 0 ? "quality lost" : "quality back");
   }
-  const int64_t clock = clock_offset();
-  if (std::abs(clock - clock_) > 1) {
-    say(fmt::format("clock set by {:+} s", clock - clock_));
-  }
-  clock_ = clock;
-  if (!clock_known_ && kelvo.time_valid()) {
-    clock_known_ = true;
-    say("clock confirmed by the broadcast");
-  }
-  const int64_t zone = zone_stamp();
-  if (zone != zone_) {
-    zone_ = zone;
-    say(fmt::format("time zone set: {}", ZONE_FILE));
-  }
+  time_.look(kelvo.time_valid());
 }
 
 void watch(const Watch_options& options) {
@@ -197,7 +291,7 @@ void watch(const Watch_options& options) {
   const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
   (void)check_adapter(options.adapter);
   (void)check_database(db);
-  Watch(service, db).run(options.adapter, seconds);
+  Watch(service, db).run(options.adapter, seconds, options.zone_of);
 }
 
 }  // namespace
@@ -213,6 +307,10 @@ void add_watch(CLI::App& app, int* exit_code) {
       ->type_name("N")
       ->check(CLI::Range(0, 3));
   command->add_option("--for", options->time, "End after so long: 90s, 10m, 1h; default: at Ctrl-C")->type_name("TIME");
+  command
+      ->add_option("--zone-of", options->zone_of,
+                   "Network whose local time becomes the time zone, as kelvo channels shows it; default: levira")
+      ->type_name("NETWORK");
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"

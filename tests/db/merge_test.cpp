@@ -296,10 +296,18 @@ TEST_F(Merge, an_added_stream_and_a_deleted_stream_have_their_own_bits) {
   merge();
   scan({{1}});
   run(sdbl_, "INSERT INTO estreams_scan_0 (channel, es_pid) SELECT channel, 99 FROM kanalid_scan_0");
-  EXPECT_EQ(merge(), STREAMS_ADDED);
+  const auto told = [this](int expected) {
+    verbosity_kelvo = 2;
+    const std::string text = stderr_of([&] { EXPECT_EQ(merge(), expected); });
+    verbosity_kelvo = 0;
+    return text;
+  };
+  EXPECT_EQ(told(STREAMS_ADDED), "Added 1 estream entries for channel 1\nestreams modified, reindexing");
   scan({{1}});
-  EXPECT_EQ(merge(), STREAMS_DELETED);
+  EXPECT_EQ(told(STREAMS_DELETED), "Deleted 1 estream entries for channel 1\nestreams modified, reindexing");
   EXPECT_EQ(streams(), (Texts{"1|1001|", "1|2001|eng"}));
+  scan({{1}});
+  EXPECT_EQ(told(0), "");
 }
 
 TEST_F(Merge, a_new_service_without_a_pcr_pid_stays_new) {

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <utility>
@@ -153,10 +154,13 @@ TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
   const int freed = fd(3);
   filter.removefilter(0x103, 2);
   EXPECT_EQ(fd(3), freed) << "kept until the next call";
-  filter.recalculate_filters();
+  demux.take_calls();
+  const int highest = filter.recalculate_filters();
+  EXPECT_EQ(highest, std::max(fd(7), fd(8)));
   EXPECT_EQ(fd(3), -1);
   EXPECT_EQ(state(8), FILTER_RUNNING);
   EXPECT_TRUE(demux.is_mine(fd(8)));
+  EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(8), DMX_SET_FILTER}, Call{fd(8), DMX_START}));
 }
 
 TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_and_counted_off) {
@@ -181,6 +185,22 @@ TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_a
   EXPECT_EQ(state(4), FILTER_RUNNING);
   EXPECT_EQ(state(6), FILTER_RUNNING);
   EXPECT_EQ(state(8), FILTER_WANTED) << "eight again";
+}
+
+TEST_F(FilterDemux, the_highest_handle_need_not_be_the_last_slots) {
+  for (int i = 0; i < 8; ++i)
+    want(0x100 + i);
+  filter.recalculate_filters();
+  filter.removefilter(0x100, 2);
+  filter.recalculate_filters();
+  const int filler = dup(0);  // takes the number that is free now
+  want(0x200);
+  const int highest = filter.recalculate_filters();
+  EXPECT_EQ(highest, fd(0));
+  EXPECT_GT(fd(0), fd(7));
+  close(filler);
+  filter.removefilter(0x200, 2);
+  EXPECT_EQ(filter.recalculate_filters(), fd(7)) << "of running filters only";
 }
 
 TEST_F(FilterDemux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_same) {

@@ -96,6 +96,22 @@ TEST(FilterList, a_reused_slot_is_not_announced_and_its_counters_are_new) {
   EXPECT_EQ(slot(filter, 0)->freq, 7);
 }
 
+TEST(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter) {
+  Section_filter filter(NO_DEVICE);
+  const unsigned char bytes[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  filter.addfilter(16, FREQ, bytes, bytes, 16, FILTER_FLAG_ONESHOT, 5);
+  slot(filter, 0)->captured = 7;
+  filter.remove_all();
+  slot(filter, 0)->captured = 7;
+  filter.addfilter(17, 0x42, FREQ);
+  const dvb_filter_desc* f = slot(filter, 0);
+  for (int i = 1; i < FILTER_LENGTH; ++i)
+    EXPECT_EQ(f->filter[i] | f->mask[i], 0) << i;
+  EXPECT_EQ(f->flags, FILTER_FLAG_HW_CRC);
+  EXPECT_EQ(f->timeout_s, 2);
+  EXPECT_EQ(f->captured, 0);
+}
+
 TEST(FilterList, the_first_free_slot_is_reused) {
   Section_filter filter(NO_DEVICE);
   for (int pid = 1; pid <= 4; ++pid)
@@ -269,6 +285,19 @@ TEST(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fifth
   EXPECT_EQ(slot(filter, 0)->state, FILTER_FREE);
   EXPECT_EQ(slot(filter, 0)->fd, -1);
   EXPECT_EQ(at_level(1, [&] { filter.recalculate_filters(); }), "");
+}
+
+TEST(FilterOpen, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) {
+  Section_filter filter(NO_DEVICE);
+  for (int round = 0; round < 2; ++round) {
+    filter.addfilter(0x110, 0x02, FREQ);
+    EXPECT_EQ(filter.flist()->size(), 1u);
+    for (int attempt = 1; attempt <= 5; ++attempt) {
+      EXPECT_EQ(slot(filter, 0)->state, FILTER_WANTED) << attempt;
+      at_level(0, [&] { filter.recalculate_filters(); });
+    }
+    EXPECT_EQ(slot(filter, 0)->state, FILTER_FREE);
+  }
 }
 
 TEST(FilterOpen, the_reason_of_a_failed_open_is_printed_at_every_level) {

@@ -313,10 +313,15 @@ TEST_F(Monitor_test, undisturbed_pass_takes_200_ms) {
   after_monitor_pass();
   const support::Verbosity verbosity(3);
   const support::Stderr_capture capture;
-  EXPECT_TRUE(wait_for([&] { return passes_of(capture.text()).size() >= 4; }));
-  const std::vector<Pass> passes = passes_of(capture.text());
-  for (size_t i = 1; i < passes.size(); ++i)
-    EXPECT_GE(passes[i].locked - passes[i - 1].locked, 190) << i;
+  const auto shortest_ms = [&] {
+    const std::vector<Pass> passes = passes_of(capture.text());
+    int shortest = 1000;
+    for (size_t i = 1; i < passes.size(); ++i)
+      shortest = std::min(shortest, passes[i].locked - passes[i - 1].locked);
+    return shortest;
+  };
+  EXPECT_TRUE(wait_for([&] { return passes_of(capture.text()).size() >= 4 && shortest_ms() < 350; }));
+  EXPECT_GE(shortest_ms(), 190);
 }
 
 TEST_F(Monitor_test, wait_for_quality_answers_the_number_of_the_first_good_test) {

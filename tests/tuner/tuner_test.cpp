@@ -27,7 +27,7 @@ TEST_F(Tuner_test, good_frontend_is_opened_in_silence) {
   tuner_.reset();
   const support::Verbosity verbosity(2);
   const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); });
-  EXPECT_EQ(std::string::npos, text.find("Front end")) << text;
+  EXPECT_EQ(std::string::npos, text.find("Fr")) << text;  // neither line
   EXPECT_EQ(474000000, tuner_->fe_freq());
 }
 

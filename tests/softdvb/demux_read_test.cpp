@@ -210,6 +210,25 @@ TEST(Demux_read, goes_on_after_a_signal_with_sa_restart) {
   EXPECT_EQ(77, read_with_signals(SA_RESTART));
 }
 
+TEST(Demux_read, blocks_once_started_and_stopped) {
+  struct sigaction action {};
+  action.sa_handler = ignore_signal;
+  sigaction(SIGUSR1, &action, nullptr);
+  const Fd fd(open_demux(O_RDONLY));
+  ASSERT_EQ(0, set_filter(fd, all_of(PID)));
+  ASSERT_EQ(0, ioctl(fd, DMX_STOP));
+  std::atomic<long> got{0};
+  std::thread reader([&] { got = read_size(fd); });
+  usleep(20000);
+  EXPECT_EQ(0, got);
+  for (int i = 0; i < 1000 && got == 0; ++i) {
+    pthread_kill(reader.native_handle(), SIGUSR1);
+    usleep(10000);
+  }
+  reader.join();
+  EXPECT_EQ(-EINTR, got);
+}
+
 TEST(Demux_read, readv_fills_part_after_part) {
   const Fd fd(open_demux());
   ASSERT_EQ(0, set_filter(fd, all_of(PID)));

@@ -42,8 +42,10 @@ TEST_F(Demux_poll, shows_a_queued_section_and_a_part_of_one) {
   EXPECT_EQ(1 | 4, select_sets(fd));
   read_size(fd, 3);
   EXPECT_EQ(READABLE, ready(fd));
+  EXPECT_EQ(1 | 4, select_sets(fd));
   read_size(fd);
   EXPECT_EQ(0, ready(fd));
+  EXPECT_EQ(0, select_sets(fd));
 }
 
 TEST_F(Demux_poll, shows_only_what_was_asked_for) {
@@ -144,11 +146,19 @@ TEST_F(Demux_overflow, inside_a_section_leaves_the_position_there) {
 
 TEST_F(Demux_overflow, a_restart_cures_the_position) {
   start();
-  send_section(section_of(100, 1));
-  EXPECT_EQ(3, read_size(fd, 3));
-  ASSERT_EQ(0, ioctl(fd, DMX_START));
-  send_section(section_of(150, 4));
-  EXPECT_EQ(150, read_size(fd));
+  for (const bool stop_first : {false, true}) {
+    send_section(section_of(100, 1));
+    EXPECT_EQ(3, read_size(fd, 3));
+    send_section(section_of(4096, 2));
+    send_section(section_of(4096, 3));
+    EXPECT_EQ(-EOVERFLOW, read_size(fd));
+    if (stop_first) {
+      ASSERT_EQ(0, ioctl(fd, DMX_STOP));
+    }
+    ASSERT_EQ(0, ioctl(fd, DMX_START));
+    send_section(section_of(150, 4));
+    EXPECT_EQ(section_of(150, 4), read_bytes(fd)) << stop_first;
+  }
 }
 
 TEST_F(Demux_overflow, is_forgotten_by_a_stop_or_a_new_filter) {
@@ -233,6 +243,15 @@ TEST_F(Demux_start, on_a_running_filter_begins_anew) {
   EXPECT_EQ(section_of(100, 3), read_bytes(fd));
 }
 
+TEST_F(Demux_start, leaves_the_queue_of_a_neighbour_alone) {
+  start();
+  send_section(section_of(60, 1));
+  const Fd other(open_demux());
+  ASSERT_EQ(0, set_filter(other, all_of(PID)));
+  ASSERT_EQ(0, ioctl(other, DMX_STOP));
+  EXPECT_EQ(section_of(60, 1), read_bytes(fd));
+}
+
 TEST_F(Demux_start, set_filter_replaces_a_running_filter_and_stops_it) {
   start();
   send_section(section_of(100, 1));
@@ -280,6 +299,12 @@ TEST_F(Demux_oneshot, keeps_its_feed_until_it_is_stopped) {
   wrong.back() ^= 1;
   send_section(wrong);
   EXPECT_EQ(wrong, read_bytes(other));
+  // Given back, the next filter decides.
+  ASSERT_EQ(0, ioctl(other, DMX_STOP));
+  ASSERT_EQ(0, ioctl(fd, DMX_STOP));
+  ASSERT_EQ(0, ioctl(other, DMX_START));
+  send_section(wrong);
+  EXPECT_EQ(-EAGAIN, read_size(other));
 }
 
 TEST_F(Demux_timeout, runs_out_after_its_time) {
@@ -294,6 +319,7 @@ TEST_F(Demux_timeout, runs_out_after_its_time) {
   EXPECT_LT(passed, 3.0);
   EXPECT_EQ(POLLIN | POLLERR, wait.revents);
   EXPECT_EQ(READABLE | POLLERR, ready(fd));
+  EXPECT_EQ(1 | 2 | 4, select_sets(fd));
   EXPECT_EQ(-ETIMEDOUT, read_size(fd));
   EXPECT_EQ(-EAGAIN, read_size(fd));
   EXPECT_EQ(0, ready(fd));

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -139,6 +140,9 @@ TEST_F(Frontend_open, calls_that_do_not_exist) {
   EXPECT_EQ(-ENOTSUPP_OF_KERNEL, reading<uint32_t>(fd, FE_READ_UNCORRECTED_BLOCKS));
   EXPECT_EQ(-EINVAL, read_size(fd));
   EXPECT_EQ(-EFAULT, result(ioctl(fd, FE_GET_INFO, nullptr)));
+  tune_and_lock(FREQ);
+  EXPECT_EQ(-ENOTSUPP_OF_KERNEL, reading<uint32_t>(fd, FE_READ_UNCORRECTED_BLOCKS));
+  EXPECT_EQ(-ENOTSUPP_OF_KERNEL, result(ioctl(fd, FE_SET_TONE, SEC_TONE_ON)));
 }
 
 TEST_F(Frontend_open, not_tuned) {
@@ -149,7 +153,11 @@ TEST_F(Frontend_open, not_tuned) {
   EXPECT_EQ(0u, p.frequency);
   EXPECT_EQ(BANDWIDTH_AUTO, p.u.ofdm.bandwidth);
   EXPECT_EQ(FEC_AUTO, p.u.ofdm.code_rate_HP);
+  EXPECT_EQ(FEC_AUTO, p.u.ofdm.code_rate_LP);
   EXPECT_EQ(QAM_AUTO, p.u.ofdm.constellation);
+  EXPECT_EQ(TRANSMISSION_MODE_AUTO, p.u.ofdm.transmission_mode);
+  EXPECT_EQ(GUARD_INTERVAL_AUTO, p.u.ofdm.guard_interval);
+  EXPECT_EQ(HIERARCHY_AUTO, p.u.ofdm.hierarchy_information);
 }
 
 TEST_F(Frontend_tune, refuses_frequencies_out_of_range_and_keeps_the_old_tuning) {
@@ -195,8 +203,31 @@ TEST_F(Frontend_tune, locks_after_a_while) {
 TEST_F(Frontend_tune, tells_the_real_frequency_when_locked) {
   ASSERT_EQ(0, tune(FREQ + 166000));
   EXPECT_EQ(FREQ + 166000, parameters_of(fd).frequency);
-  usleep(100000);
+  usleep(400000);
   EXPECT_EQ(FREQ, parameters_of(fd).frequency);
+  dvb_frontend_parameters p{};
+  EXPECT_EQ(0, event_status(fd, &p));
+  EXPECT_EQ(FREQ + 166000, p.frequency);
+  EXPECT_EQ(0x1F, event_status(fd, &p));
+  EXPECT_EQ(FREQ + 166000, p.frequency) << "as asked for, in events";
+  EXPECT_EQ(QAM_64, p.u.ofdm.constellation);
+}
+
+// How much is seen of it depends on how busy the machine is; what is seen comes in this order.
+TEST_F(Frontend_tune, goes_from_nothing_over_a_carrier_to_the_lock) {
+  bool seen_carrier = false;
+  for (int i = 0; i < 50 && !seen_carrier; ++i) {
+    ASSERT_EQ(0, tune(FREQ));
+    int last = 0;
+    while (last != 0x1F) {
+      const int status = status_of(fd);
+      ASSERT_TRUE(status == 0 || status == (FE_HAS_SIGNAL | FE_HAS_CARRIER) || status == 0x1F) << status;
+      ASSERT_GE(status, last);
+      seen_carrier = seen_carrier || status == 0x03;
+      last = status;
+    }
+  }
+  EXPECT_TRUE(seen_carrier);
 }
 
 TEST_F(Frontend_tune, does_not_lock_where_nothing_is_on_the_air) {
@@ -264,6 +295,21 @@ TEST_F(Frontend_event, the_first_one_has_status_0_and_the_lock_follows) {
   EXPECT_EQ(0x1F, event_status(fd, &p));
   EXPECT_EQ(QAM_64, p.u.ofdm.constellation);
   EXPECT_EQ(FREQ, p.frequency);
+}
+
+TEST_F(Frontend_event, the_lock_is_a_status_before_it_is_an_event) {
+  int event = 0x1F;
+  for (int i = 0; i < 50 && event != -EAGAIN; ++i) {
+    ASSERT_EQ(0, tune(FREQ));
+    EXPECT_EQ(0, event_status(fd));
+    while (status_of(fd) != 0x1F) {
+    }
+    event = event_status(fd);
+  }
+  EXPECT_EQ(-EAGAIN, event);
+  pollfd wait{fd, POLLIN, 0};
+  EXPECT_EQ(1, poll(&wait, 1, 5000));
+  EXPECT_EQ(0x1F, event_status(fd));
 }
 
 TEST_F(Frontend_event, tuning_empties_the_queue) {
@@ -397,6 +443,60 @@ TEST_F(Frontend_property, tunes_and_tells_what_was_found) {
   EXPECT_EQ(0xC8C8u, found[2].u.st.stat[0].uvalue);
 }
 
+TEST_F(Frontend_property, each_parameter_is_told_as_it_was_set) {
+  const uint32_t wanted[][2] = {{DTV_DELIVERY_SYSTEM, SYS_DVBT},
+                                {DTV_FREQUENCY, FREQ},
+                                {DTV_MODULATION, QAM_16},
+                                {DTV_BANDWIDTH_HZ, 7000000},
+                                {DTV_INVERSION, INVERSION_ON},
+                                {DTV_INNER_FEC, FEC_5_6},
+                                {DTV_CODE_RATE_HP, FEC_3_4},
+                                {DTV_CODE_RATE_LP, FEC_1_2},
+                                {DTV_GUARD_INTERVAL, GUARD_INTERVAL_1_16},
+                                {DTV_TRANSMISSION_MODE, TRANSMISSION_MODE_2K},
+                                {DTV_HIERARCHY, HIERARCHY_2},
+                                {DTV_STREAM_ID, 5}};
+  constexpr uint32_t COUNT = std::size(wanted);
+  dtv_property list[COUNT + 2]{};
+  list[0].cmd = DTV_CLEAR;
+  for (uint32_t i = 0; i < COUNT; ++i) {
+    list[i + 1].cmd = wanted[i][0];
+    list[i + 1].u.data = wanted[i][1];
+  }
+  list[COUNT + 1].cmd = DTV_TUNE;
+  dtv_properties all{COUNT + 2, list};
+  ASSERT_EQ(0, ioctl(fd, FE_SET_PROPERTY, &all));
+  for (const int wait_ms : {0, 400}) {
+    usleep(static_cast<useconds_t>(wait_ms) * 1000);
+    dtv_property found[COUNT]{};
+    for (uint32_t i = 0; i < COUNT; ++i)
+      found[i].cmd = wanted[i][0];
+    dtv_properties answers{COUNT, found};
+    ASSERT_EQ(0, ioctl(fd, FE_GET_PROPERTY, &answers));
+    for (uint32_t i = 0; i < COUNT; ++i)
+      EXPECT_EQ(wanted[i][1], found[i].u.data) << "command " << wanted[i][0] << " after " << wait_ms;
+  }
+  EXPECT_EQ(0x1F, status_of(fd));
+}
+
+TEST_F(Frontend_property, statistics_are_there_with_a_lock_only) {
+  const auto scales = [&] {
+    dtv_property list[8]{};
+    for (uint32_t i = 0; i < 8; ++i)
+      list[i].cmd = DTV_STAT_SIGNAL_STRENGTH + i;
+    dtv_properties all{8, list};
+    EXPECT_EQ(0, ioctl(fd, FE_GET_PROPERTY, &all));
+    std::string text;
+    for (const dtv_property& p : list)
+      text += std::to_string(p.u.st.len) + ":" + std::to_string(p.u.st.stat[0].scale) + " ";
+    return text;
+  };
+  EXPECT_EQ("1:0 1:0 1:0 1:0 1:0 1:0 1:0 1:0 ", scales());
+  tune_and_lock(FREQ);
+  // Relative, relative, counters; the driver of these tests has no count of wrong blocks.
+  EXPECT_EQ("1:2 1:2 1:3 1:3 1:3 1:3 1:0 1:3 ", scales());
+}
+
 TEST_F(Frontend_property, bad_lists_are_refused) {
   dtv_properties all{0, nullptr};
   EXPECT_EQ(-EINVAL, result(ioctl(fd, FE_SET_PROPERTY, &all)));
@@ -454,6 +554,23 @@ TEST_F(Frontend_stream, a_retune_flushes_nothing) {
   }
   usleep(500000);
   EXPECT_EQ(-EAGAIN, read_size(demux));
+}
+
+TEST_F(Frontend_stream, a_section_is_completed_across_a_retune) {
+  constexpr int ELSEWHERE = 0x700;  // not in the stream
+  const Fd demux(open_demux());
+  ASSERT_EQ(0, set_filter(demux, all_of(ELSEWHERE)));
+  ASSERT_EQ(0, tune(OTHER_FREQ));
+  usleep(200000);
+  Ts_writer ts;
+  ts.section(ELSEWHERE, section_of(300, 7));
+  const Bytes all = ts.bytes;
+  support::softdvb_inject(0, Bytes(all.begin(), all.begin() + 188));
+  ASSERT_EQ(0, tune(FREQ));
+  usleep(400000);
+  EXPECT_EQ(0x1F, status_of(fd));
+  support::softdvb_inject(0, Bytes(all.begin() + 188, all.end()));
+  EXPECT_EQ(section_of(300, 7), read_bytes(demux));
 }
 
 TEST_F(Frontend_stream, filters_run_with_the_frontend_closed) {

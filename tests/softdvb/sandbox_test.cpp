@@ -1,6 +1,9 @@
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/dvb/dmx.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -8,6 +11,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -65,6 +71,27 @@ TEST(Devices, are_character_devices) {
   EXPECT_EQ(st.st_rdev, open_one.st_rdev);
   close(fd);
   EXPECT_TRUE(fs::is_character_file("/dev/dvb/adapter0/frontend0"));
+}
+
+// Programs built with fortification or large files open by other names.
+TEST(Devices, are_opened_by_every_variant_of_the_call) {
+  constexpr char PATH[] = "/dev/dvb/adapter0/demux0";
+  constexpr int FLAGS = O_RDONLY | O_NONBLOCK;
+  using Open = int (*)(const char*, int);
+  using Openat = int (*)(int, const char*, int);
+  std::vector<std::pair<std::string, int>> fds = {{"open64", open64(PATH, FLAGS)},
+                                                  {"openat", openat(AT_FDCWD, PATH, FLAGS)},
+                                                  {"openat64", openat64(-1, PATH, FLAGS)}};
+  for (const char* name : {"__open_2", "__open64_2"})
+    fds.emplace_back(name, reinterpret_cast<Open>(dlsym(RTLD_DEFAULT, name))(PATH, FLAGS));
+  for (const char* name : {"__openat_2", "__openat64_2"})
+    fds.emplace_back(name, reinterpret_cast<Openat>(dlsym(RTLD_DEFAULT, name))(AT_FDCWD, PATH, FLAGS));
+  for (const auto& [name, fd] : fds) {
+    EXPECT_GE(fd, 0) << name;
+    EXPECT_EQ(0, ioctl(fd, DMX_STOP)) << name;
+    EXPECT_EQ(FLAGS, fcntl(fd, F_GETFL)) << name;
+    EXPECT_EQ(0, close(fd)) << name;
+  }
 }
 
 TEST(Devices, tell_how_they_were_opened) {

@@ -9,11 +9,14 @@
 #include <string>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/support.h"
 
 namespace {
+
+const int verbosity_at_start = verbosity_kelvo;
 
 std::atomic<int> last_change{0};
 std::atomic<int> answers{0};
@@ -24,6 +27,25 @@ void changed(int code) {
 
 void done(void* /*data*/, int /*result*/) {
   ++answers;
+}
+
+// Keeps the worker in its callback until it is let go.
+std::atomic<bool> held{false};
+std::atomic<bool> let_go{false};
+
+void hold(int code) {
+  last_change = code;
+  held = true;
+  while (!let_go)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  held = false;
+}
+
+size_t count(const std::string& text, const std::string& part) {
+  size_t found = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+    ++found;
+  return found;
 }
 
 template <typename Condition>
@@ -45,6 +67,8 @@ class Kelvo_test : public testing::Test {
       GTEST_SKIP() << "this machine has an adapter 3, which the test would use";
     last_change = 0;
     answers = 0;
+    held = false;
+    let_go = false;
   }
   ~Kelvo_test() override { verbosity_kelvo = 0; }
 
@@ -90,6 +114,36 @@ TEST_F(Kelvo_test, without_tuner_the_constructor_says_so_at_every_verbosity) {
     EXPECT_EQ("Tuner disconnected, passive stream scan\n",
               support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }));
   }
+}
+
+TEST_F(Kelvo_test, constructor_starts_the_worker_and_reports_priority_10_at_verbosity_4) {
+  std::unique_ptr<Kelvo> kelvo;
+  verbosity_kelvo = 4;
+  const std::string text =
+      support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); });
+  EXPECT_THAT(text, testing::StartsWith("Tuner disconnected, passive stream scan\n"));
+  EXPECT_THAT(text, testing::HasSubstr("sql_exec: CREATE TEMP TABLE 'kanalid_scan_3' "));
+  EXPECT_THAT(text, testing::ContainsRegex("rc 0, Changing thread [0-9a-f]+ priority from -?[0-9]+ to 10\n"));
+  EXPECT_THAT(text, testing::HasSubstr(" rc = 0 After change 0\n"));
+  verbosity_kelvo = 3;
+  kelvo.reset();
+  EXPECT_EQ("Tuner disconnected, passive stream scan\n",
+            support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }));
+}
+
+TEST_F(Kelvo_test, worker_has_three_silent_timers_of_the_real_time_clock_and_deletes_them) {
+  const auto timers = [] { return support::read_file("/proc/self/timers"); };
+  if (access("/proc/self/timers", R_OK) != 0)
+    GTEST_SKIP() << "the kernel does not list timers";
+  const std::string before = timers();
+  const size_t others = count(before, "ID: ") - count(before, "ClockID: ");
+  auto kelvo = make(false);
+  EXPECT_TRUE(soon([&] { return count(timers(), "ClockID: ") == others + 3; })) << timers();
+  const std::string during = timers();
+  EXPECT_EQ(3U, count(during, "ClockID: 0\n") - count(before, "ClockID: 0\n"));
+  EXPECT_EQ(3U, count(during, "notify: none/") - count(before, "notify: none/"));
+  kelvo.reset();
+  EXPECT_EQ(before, timers());
 }
 
 TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
@@ -153,6 +207,31 @@ TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
   EXPECT_EQ("ERROR: Backup file name not set!ERROR: Backup file name not set!", capture.text());
 }
 
+TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
+  const int verbosity = verbosity_kelvo.exchange(-1);
+  const support::Stderr_capture capture;
+  Kelvo kelvo(ADAPTER, 0, 0, &database_, false, hold);
+  EXPECT_TRUE(kelvo.export_db("", true));
+  ASSERT_TRUE(soon([] { return held.load(); }));
+  EXPECT_EQ(DB_EXPORTED, last_change);
+  EXPECT_FALSE(kelvo.export_db_in_progress()) << "the export is over when the callback says so";
+
+  // The worker is in the callback: what is asked for now has to wait.
+  EXPECT_TRUE(kelvo.export_db("", false));
+  int data = 0;
+  EXPECT_EQ(-1, kelvo.tune_to_freq(506000000, &data, done));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_TRUE(kelvo.export_db_in_progress());
+  EXPECT_TRUE(kelvo.get_msg_state()) << "the request has not been picked up";
+  EXPECT_EQ(DB_EXPORTED, last_change.exchange(0));
+
+  let_go = true;
+  EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress() && last_change == DB_EXPORTED; }));
+  EXPECT_FALSE(kelvo.get_msg_state());
+  EXPECT_EQ(0, answers);
+  verbosity_kelvo = verbosity;
+}
+
 TEST_F(Kelvo_test, export_without_a_change_callback_runs_all_the_same) {
   const int verbosity = verbosity_kelvo.exchange(-1);
   Kelvo kelvo(ADAPTER, 0, 0, &database_, false, nullptr);
@@ -169,7 +248,8 @@ TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_
   EXPECT_EQ("SQLite format 3", support::read_file(file).substr(0, 15));
 }
 
-TEST_F(Kelvo_test, verbosity_is_one_for_all) {
+TEST_F(Kelvo_test, verbosity_is_0_at_the_start_and_one_for_all) {
+  EXPECT_EQ(0, verbosity_at_start);
   const auto kelvo = make(false);
   kelvo->set_verbosity(2);
   EXPECT_EQ(2, verbosity_kelvo);

@@ -1,5 +1,6 @@
 #include "kelvo/thread.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -104,6 +105,29 @@ TEST(Thread, stop_joins_without_telling_the_thread_to_end) {
   pthread_join(stopper, nullptr);
   EXPECT_TRUE(joined);
 }
+
+#ifndef __SANITIZE_THREAD__  // whose runtime would call it a mistake of the test
+TEST(Thread, stop_returns_what_joining_returned) {
+  class Self_joining : public COrbelThreadKelvo {
+   public:
+    using COrbelThreadKelvo::COrbelThreadKelvo;
+    int result = -1;
+
+   protected:
+    void Execute(void* started) override {
+      while (!*static_cast<std::atomic<bool>*>(started))  // until the id is stored
+        sched_yield();
+      result = Stop();
+    }
+  };
+  Self_joining thread(nullptr);
+  std::atomic<bool> started{false};
+  ASSERT_EQ(0, thread.Start(&started));
+  started = true;
+  EXPECT_EQ(0, thread.Stop());
+  EXPECT_EQ(EDEADLK, thread.result);
+}
+#endif
 
 TEST(Thread, quirk_set_prio_leaves_the_thread_under_normal_scheduling_at_0) {
   std::atomic<bool> running{true};

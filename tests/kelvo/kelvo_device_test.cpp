@@ -1,0 +1,114 @@
+// The facade with a tuner of the software adapter.
+#include <errno.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "kelvo/kelvo.h"
+#include "support/softdvb.h"
+#include "support/support.h"
+
+namespace {
+
+constexpr int FREQ = 506000000;
+
+std::mutex events_lock;
+std::string events;
+
+void on_event(unsigned event, void* /*data*/) {
+  const std::lock_guard<std::mutex> lock(events_lock);
+  events += std::to_string(event) + " ";
+}
+
+std::string seen_events() {
+  const std::lock_guard<std::mutex> lock(events_lock);
+  return events;
+}
+
+template <typename Condition>
+bool wait_for(Condition condition) {
+  for (int i = 0; i < 2000; ++i) {
+    if (condition())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+class Kelvo_device_test : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(support::under_softdvb()); }
+  void TearDown() override {
+    support::softdvb_control("clear faults");
+    verbosity_kelvo = 0;
+  }
+
+  static void set_status(unsigned bits) { support::softdvb_control("adapter 0 status = " + std::to_string(bits)); }
+
+  support::Temp_dir folder_;
+  Sdbl database_{folder_.file("dvb.db").c_str()};
+};
+
+}  // namespace
+
+TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
+  const support::Stderr_capture capture;
+  Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
+  verbosity_kelvo = 1;
+  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, nullptr, nullptr));
+  EXPECT_TRUE(wait_for([&] { return kelvo.fe_ber() == 100.0F; }));
+  const auto lost = [&] {
+    const std::string text = capture.text();
+    size_t count = 0;
+    for (size_t at = text.find("FE quality lost\n"); at != std::string::npos;
+         at = text.find("FE quality lost\n", at + 1))
+      ++count;
+    return count;
+  };
+
+  kelvo.set_stb_event_callback(on_event);
+  EXPECT_EQ(1, kelvo.reset_signal_monitor());
+  const size_t before = lost();
+  set_status(0x0F);
+  EXPECT_TRUE(wait_for([] { return seen_events() == "0 "; })) << seen_events();
+  set_status(0x1F);
+  EXPECT_TRUE(wait_for([] { return seen_events() == "0 1 "; })) << seen_events();
+
+  kelvo.disable_tunerevents();
+  set_status(0x0F);
+  EXPECT_TRUE(wait_for([&] { return lost() == before + 2; })) << capture.text();
+  EXPECT_EQ("0 1 ", seen_events());
+  verbosity_kelvo = -1;
+}
+
+TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
+  const support::Stderr_capture capture;
+  Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
+  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, nullptr, nullptr));
+  EXPECT_EQ(FREQ, kelvo.fe_freq());
+  EXPECT_EQ(0x1F, kelvo.fe_status());
+  support::softdvb_control("adapter 0 strength = 88");
+  support::softdvb_control("adapter 0 ber = 4");
+  EXPECT_TRUE(wait_for([&] { return kelvo.fe_strength() == 60.0F && kelvo.fe_ber() == 88.0F; }));
+  EXPECT_NEAR(17.0757F, kelvo.fe_snr(), 0.0001F);
+  kelvo.set_tuner(false);
+  EXPECT_EQ(0, kelvo.fe_freq());
+  EXPECT_EQ(32, kelvo.fe_status());
+  EXPECT_EQ(-24.0F, kelvo.fe_strength());
+  EXPECT_EQ(1.0F, kelvo.fe_snr());
+  EXPECT_EQ(0.1F, kelvo.fe_ber());
+}
+
+#ifndef __SANITIZE_THREAD__  // whose runtime goes past everybody else's pthread_create
+TEST_F(Kelvo_device_test, thread_that_cannot_be_created_is_told_by_start) {
+  COrbelThreadKelvo thread(nullptr);
+  support::softdvb_control("fault pthread_create=EAGAIN");
+  EXPECT_EQ(EAGAIN, thread.Start(nullptr));
+}
+#endif

@@ -1,6 +1,8 @@
 // Channel requests: a service is watched, its multiplex's PMTs are read again every 3 s and everything every 300 s.
 #include <algorithm>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,11 @@ namespace {
 
 class Scan_channel_test : public Scan_test {
  protected:
+  // The arming of one of the worker's timers, as it is logged.
+  static std::string timer_of(int seconds) {
+    return " value=" + std::to_string(seconds) + ".000000000 interval=1.000000000 ";
+  }
+
   // Fills the channel list: 101 is channel 1, 102 is 2, 103 is 3.
   void scan_first() { scan_first(Json::array()); }
   void scan_first(const Json& patch) {
@@ -45,6 +52,8 @@ TEST_F(Scan_channel_test, is_tuned_by_the_worker_and_reads_the_pmts_again_every_
                                "kelvo 0 tuner\n"
                                "channel 0 506000000 1\n"
                                "sleep 20\n"
+                               "scan 0 off\n"
+                               "sleep 2\n"
                                "verbosity 0\n"
                                "state 0\n"
                                "readings 0\n",
@@ -63,6 +72,15 @@ TEST_F(Scan_channel_test, is_tuned_by_the_worker_and_reads_the_pmts_again_every_
   EXPECT_EQ(0U, watched.count_err("Starting scan from PAT"));
   EXPECT_GE(watched.count_err("Restarting autoscan from PMT\n"), 4U);
   EXPECT_GE(watched.count_err("PMT version match, skipping db recalc\n"), 3U);
+  EXPECT_EQ(2U, watched.count_err("Master update PMT\n"))
+      << "no version is known at first, nor after the guide's start";
+  EXPECT_EQ(1U, watched.count_err("Flushing\n")) << "at the request";
+  // At the request and with switching on; of the three, the autoscan timer is left alone by rescans of the PMTs.
+  EXPECT_EQ(2U, watched.logged({"timer_settime", timer_of(300)}).size());
+  EXPECT_EQ(2 + watched.count_err("Restarting autoscan from PMT\n"),
+            watched.logged({"timer_settime", timer_of(3)}).size());
+  EXPECT_EQ(2 + watched.count_err("Restarting autoscan from PMT\n"),
+            watched.logged({"timer_settime", timer_of(40)}).size());
   support::expect_reference("scan/channel.txt", dump());
 }
 
@@ -76,6 +94,8 @@ TEST_F(Scan_channel_test, progress_is_silent_at_verbosity_0_and_each_line_appear
   const Line lines[] = {{"WARNING: Loop init, local channel is 1\n", 1},
                         {"WARNING: Starting kelvo PAT/PMT", 1},
                         {"WARNING: Restarting EIT scan\n", 1},
+                        {"WARNING: Restarting EPG\n", 1},
+                        {"WARNING: Stopping kelvo scanner\n", 1},
                         {"starting scan from PMT", 2},
                         {"M:", 3},
                         {"Restarting autoscan from PMT\n", 3},
@@ -89,7 +109,11 @@ TEST_F(Scan_channel_test, progress_is_silent_at_verbosity_0_and_each_line_appear
                                      "kelvo 0 tuner\n"
                                      "sleep 2\n"
                                      "channel 0 506000000 1\n"
-                                     "sleep 9\n"
+                                     "sleep 16\n"
+                                     "scan 0 off\n"
+                                     "sleep 8\n"
+                                     "scan 0 on\n"
+                                     "sleep 8\n"
                                      "verbosity -1\n",
                                  40);
     for (const Line& line : lines)
@@ -112,6 +136,88 @@ TEST_F(Scan_channel_test, guide_is_started_5_to_6_seconds_after_the_tuning_and_o
   ASSERT_EQ(1U, tunings.size());
   expect_seconds(5, starts[0] - tunings[0], 10);
   EXPECT_EQ(1U, watched.count_err("WARNING: Restarting EIT scan\n"));
+}
+
+TEST_F(Scan_channel_test, guide_is_started_again_by_the_next_request) {
+  scan_first();
+  std::vector<std::string> options = on_freq(stream());
+  options.insert(options.end(), {"--mux", "514000000=" + stream()});
+  const Scan_run watched = run(options,
+                               "verbosity 1\n"
+                               "kelvo 0 tuner\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 13\n"
+                               "channel 0 514000000 1\n"
+                               "sleep 13\n"
+                               "verbosity 0\n",
+                               10);
+  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  const std::vector<double> starts = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
+  const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=514000000"});
+  ASSERT_EQ(2U, starts.size());
+  ASSERT_EQ(1U, tunings.size());
+  expect_seconds(5, starts[1] - tunings[0], 10);
+}
+
+TEST_F(Scan_channel_test, guide_that_has_grown_by_more_than_20_events_is_told_with_4) {
+  for (const int events : {20, 21}) {
+    const Json patch = with_events(events);
+    scan_first(patch);
+    const Scan_run watched = run(on_freq(stream(patch)),
+                                 "verbosity 1\n"
+                                 "insert DELETE FROM epglist\n"
+                                 "kelvo 0 tuner\n"
+                                 "channel 0 506000000 1\n"
+                                 "wait_sql 60 SELECT count(*) = " +
+                                     std::to_string(events) +
+                                     " FROM epglist\n"
+                                     "sleep 10\n"
+                                     "verbosity 0\n");
+    EXPECT_EQ(events == 20 ? "channel -1\ntrue\n" : "channel -1\ntrue\nchange 0 4\n",
+              watched.lines({"channel", "done", "change", "true", "never"}));
+    EXPECT_EQ(events == 20 ? 0U : 1U, watched.count_err("WARNING: db_change_callback 4, retval 0\n"));
+    EXPECT_EQ(std::to_string(events) + "\n", sql("SELECT count(*) FROM epglist"));
+    support::expect_reference("scan/channel.txt", dump());
+  }
+}
+
+TEST_F(Scan_channel_test, export_restarts_filters_and_all_three_timers_and_the_guide) {
+  std::filesystem::create_directories(sandbox() + "/dvbfiles");
+  scan_first();
+  const Scan_run watched =
+      run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
+          "verbosity 3\n"
+          "kelvo 0 tuner\n"
+          "channel 0 506000000 1\n"
+          "sleep 13\n"
+          "export 0 /dvbfiles/backup.db\n"
+          "wait_change 0 8 20\n"
+          "sleep 13\n"
+          "scan 0 off\n"
+          "sleep 2\n"
+          "verbosity 0\n",
+          10);
+  EXPECT_EQ("channel -1\nexport 1\nchange 0 8\nend\n", watched.lines());
+  EXPECT_EQ(1U, watched.count_err("WARNING: Running backup\n"));
+  const size_t rescans = watched.count_err("Restarting autoscan from PMT\n");
+  EXPECT_EQ(3U, watched.logged({"timer_settime", timer_of(300)}).size());
+  EXPECT_EQ(3 + rescans, watched.logged({"timer_settime", timer_of(3)}).size());
+  EXPECT_EQ(3 + rescans, watched.logged({"timer_settime", timer_of(40)}).size());
+  // The filter of the time that nobody sends runs from the request on, and again after the export.
+  const std::vector<Scan_run::Span> time = watched.filtered("0x14");
+  ASSERT_EQ(2U, time.size());
+  const std::vector<double> moves = watched.logged({"system", "mv "});
+  ASSERT_EQ(1U, moves.size());
+  EXPECT_GE(moves[0], time[0].to) << "the filters are stopped before";
+  EXPECT_LE(moves[0], time[1].from) << "and started after it";
+  for (const double pmt : watched.logged({"DMX_SET_FILTER pid=0x100 filter=02"}))
+    EXPECT_TRUE(pmt < time[0].to || pmt >= time[0].to + 1.95) << pmt << " after the export began at " << time[0].to;
+  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  const std::vector<double> guide = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
+  // Started, started again with all filters, and started anew.
+  ASSERT_EQ(3U, guide.size());
+  EXPECT_GE(guide[2] - time[0].to, 4.95);
+  support::expect_reference("scan/channel.txt", dump());
 }
 
 TEST_F(Scan_channel_test, request_on_the_frequency_already_tuned_does_nothing) {
@@ -172,18 +278,72 @@ TEST_F(Scan_channel_test, everything_is_read_again_after_300_seconds_and_a_lost_
                                "kelvo 0 tuner\n"
                                "channel 0 506000000 1\n"
                                "wait_change 0 2 320\n"
+                               "sleep 10\n"
                                "verbosity 0\n",
                                60);
   EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "done", "no", "change"}));
   EXPECT_EQ(1U, watched.count_err("Restarting autoscan from PAT\n"));
   EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 2, retval 1\n"));
   EXPECT_EQ(1U, watched.count_err("Channel changed EIT scan\n")) << "the guide is to be started again";
+  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  EXPECT_EQ(3U, watched.logged({"timer_settime", timer_of(300)}).size());
   const std::vector<double> pats = watched.logged({"DMX_SET_FILTER pid=0x0 filter=00"});
   const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=506000000"});
   ASSERT_EQ(1U, pats.size());
   ASSERT_EQ(1U, tunings.size());
   expect_seconds(299, pats[0] - tunings[0], 60);
   support::expect_reference("scan/channel_service_lost.txt", dump());
+}
+
+TEST_F(Scan_channel_test, empty_list_is_filled_by_the_scan_after_300_seconds_and_told_with_3) {
+  const Scan_run watched =
+      run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
+          "verbosity 1\n"
+          "kelvo 0 tuner\n"
+          "channel 0 506000000 1\n"
+          "sleep 200\n"
+          "sql SELECT count(*) FROM kanalid\n"
+          "wait_change 0 3 200\n"
+          "verbosity 0\n",
+          60);
+  EXPECT_EQ("channel -1\nsql 0\nchange 0 3\nend\n", watched.lines());
+  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 3, retval 22\n"));
+  expect_seconds(299, watched.at("change 0 3") - watched.at("channel -1"), 60);
+  const std::vector<Scan_run::Span> time = watched.filtered("0x14");
+  ASSERT_EQ(2U, time.size());
+  EXPECT_LE(time[0].to, time[1].from) << "the filter of the time is removed and made again";
+  support::expect_reference("scan/first.txt", dump());
+}
+
+TEST_F(Scan_channel_test, each_line_of_a_full_rescan_appears_at_its_level_and_not_below) {
+  const std::string missing = stream(R"([{ "op": "remove", "path": "/services/1" }])"_json);
+  struct Line {
+    const char* text;
+    int level;
+  };
+  const Line lines[] = {{"WARNING: mode 1 scan timed out for frequency 506000000\n", 1},
+                        {"WARNING: db_change_callback 2, retval 1\n", 1},
+                        {"Restarting autoscan from PAT\n", 3},
+                        {"Channel changed EIT scan\n", 3}};
+  for (int level = 0; level <= 3; ++level) {
+    scan_first();
+    const Scan_run watched = run(on_freq(missing),
+                                 "verbosity " + std::to_string(level) +
+                                     "\n"
+                                     "kelvo 0 tuner\n"
+                                     "channel 0 506000000 1\n"
+                                     "sleep 10\n"
+                                     "scan 0 off\n"
+                                     "sleep 2\n"
+                                     "scan 0 on\n"
+                                     "wait_change 0 2 100\n"
+                                     "sleep 1\n"
+                                     "verbosity -1\n",
+                                 40);
+    EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "change", "no"}));
+    for (const Line& line : lines)
+      EXPECT_EQ(level >= line.level ? 1U : 0U, watched.count_err(line.text)) << line.text << " at " << level;
+  }
 }
 
 TEST_F(Scan_channel_test, service_whose_pmt_stops_is_found_lost_by_the_scan_after_the_time_out) {
@@ -237,6 +397,37 @@ TEST_F(Scan_channel_test, without_data_goes_on_trying) {
   EXPECT_EQ(1U, silent.count_err("Restarting autoscan from PAT\n"));
 }
 
+TEST_F(Scan_channel_test, on_dvb_h_is_not_told_but_counts_as_answered) {
+  scan_first();
+  std::vector<std::string> options = on_freq(empty_stream());
+  options.insert(options.end(), {"--signal", "506000000:status=0x9f"});
+  const Scan_run dvbh = run(options,
+                            "verbosity 3\n"
+                            "kelvo 0 tuner\n"
+                            "channel 0 506000000 1\n"
+                            "sleep 10\n"
+                            "verbosity 0\n"
+                            "state 0\n");
+  EXPECT_EQ("channel -1\nstate 1 0 1\nend\n", dvbh.lines());
+  EXPECT_GE(dvbh.count_err("Mux is DVB-H or NO MPEG stream decoded, clearing filters and exiting scan loop\n"), 2U);
+  EXPECT_EQ("1\n2\n3\n", sql("SELECT channel FROM kanalid ORDER BY channel"));
+}
+
+TEST_F(Scan_channel_test, without_a_tuner_reads_the_pmts_of_the_frequency_asked_for) {
+  scan_first();
+  std::vector<std::string> options = on_freq(stream());
+  options.insert(options.end(), {"--tuned", "506000000"});
+  const Scan_run passive = run(options,
+                               "kelvo 0 passive\n"
+                               "channel 0 506000000 1\n"
+                               "sleep 10\n"
+                               "state 0\n");
+  EXPECT_EQ("channel -1\nstate 0 0 1\nend\n", passive.lines());
+  EXPECT_GE(passive.logged({"DMX_SET_FILTER pid=0x100 filter=02"}).size(), 2U);
+  EXPECT_TRUE(passive.logged({"frontend0"}).empty());
+  support::expect_reference("scan/channel.txt", dump());
+}
+
 TEST_F(Scan_channel_test, without_lock_is_not_told_and_goes_on) {
   scan_first();
   const Scan_run none = run(on_freq(stream()),
@@ -253,20 +444,45 @@ TEST_F(Scan_channel_test, without_lock_is_not_told_and_goes_on) {
 
 TEST_F(Scan_channel_test, pause_stops_the_rescans_and_resuming_starts_their_timers_anew) {
   scan_first();
-  const Scan_run paused = run(on_freq(stream()),
-                              "verbosity 1\n"
-                              "kelvo 0 tuner\n"
-                              "channel 0 506000000 1\n"
-                              "sleep 8\n"
-                              "scan 0 off\n"
-                              "sleep 30\n"
-                              "scan 0 on\n"
-                              "sleep 8\n"
-                              "verbosity 0\n");
-  const std::vector<double> pmts = paused.logged({"DMX_SET_FILTER pid=0x100 filter=02"});
-  EXPECT_GE(pmts.size(), 4U);
-  expect_seconds(29, longest(pmts));
-  // The guide had been started, so it is started again.
-  EXPECT_EQ(1U, paused.count_err("WARNING: Restarting EPG\n"));
-  support::expect_reference("scan/channel.txt", dump());
+  for (const bool guide_started : {true, false}) {
+    const Scan_run paused =
+        run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
+            std::string("verbosity 3\n"
+                        "kelvo 0 tuner\n"
+                        "channel 0 506000000 1\n") +
+                (guide_started ? "sleep 13\n" : "sleep 2.5\n") +
+                "scan 0 off\n"
+                "sleep 30\n"
+                "scan 0 on\n"
+                "sleep 13\n"
+                "scan 0 off\n"
+                "sleep 2\n"
+                "verbosity 0\n",
+            10);
+    EXPECT_EQ("channel -1\nend\n", paused.lines());
+    // The filter of the time that nobody sends runs while scanning is on.
+    const std::vector<Scan_run::Span> on = paused.filtered("0x14");
+    ASSERT_EQ(2U, on.size());
+    expect_seconds(29, on[1].from - on[0].to, 10);
+    size_t after = 0;
+    for (const double pmt : paused.logged({"DMX_SET_FILTER pid=0x100 filter=02"})) {
+      EXPECT_TRUE(pmt < on[0].to || pmt >= on[0].to + 30 + 1.95) << pmt << ", paused at " << on[0].to;
+      after += pmt > on[1].from ? 1 : 0;
+    }
+    EXPECT_GE(after, 1U);
+    const size_t rescans = paused.count_err("Restarting autoscan from PMT\n");
+    EXPECT_EQ(3U, paused.logged({"timer_settime", timer_of(300)}).size());
+    EXPECT_EQ(3 + rescans, paused.logged({"timer_settime", timer_of(3)}).size());
+    EXPECT_EQ(3 + rescans, paused.logged({"timer_settime", timer_of(40)}).size());
+    // A guide that had been started is started again at once; one that had not waits its time.
+    const std::vector<double> guide = paused.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
+    EXPECT_EQ(guide_started ? 1U : 0U, paused.count_err("WARNING: Restarting EPG\n"));
+    EXPECT_EQ(1U, paused.count_err("WARNING: Restarting EIT scan\n"));
+    ASSERT_EQ(guide_started ? 2U : 1U, guide.size());
+    if (guide_started)
+      EXPECT_LE(guide[1] - on[1].from, 0.25 * 10);
+    else
+      EXPECT_GE(guide[0] - on[0].to, 30 + 4.95);
+    support::expect_reference("scan/channel.txt", dump());
+  }
 }

@@ -1,7 +1,9 @@
 #include "scan/scan_run.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <sstream>
 
 #include "softdvb/mux/stream.h"
@@ -44,6 +46,15 @@ double Scan_run::at(const std::string& what) const {
   return -1;
 }
 
+std::vector<double> Scan_run::times(const std::string& what) const {
+  std::vector<double> all;
+  for (const Host_event& event : events) {
+    if (event.what == what)
+      all.push_back(event.at);
+  }
+  return all;
+}
+
 size_t Scan_run::count_err(const std::string& text) const {
   size_t count = 0;
   for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + text.size()))
@@ -64,12 +75,50 @@ std::vector<double> Scan_run::logged(const std::vector<std::string>& parts) cons
   return times;
 }
 
+std::vector<Scan_run::Span> Scan_run::filtered(const std::string& pid) const {
+  // SECONDS PID TID ioctl demux0.0 HANDLE DMX_SET_FILTER pid=0x11 ...; DMX_STOP; SECONDS PID TID close PATH HANDLE
+  std::vector<Span> spans;
+  std::map<std::string, double> running;  // since when, by the handle
+  const auto end = [&](const std::string& handle, double at) {
+    const auto found = running.find(handle);
+    if (found == running.end())
+      return;
+    spans.push_back({found->second, at});
+    running.erase(found);
+  };
+  std::istringstream in(log);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    std::string process, thread, call, device, handle, what, which;
+    double at = 0;
+    words >> at >> process >> thread >> call >> device >> handle >> what >> which;
+    if (device.find("demux0") == std::string::npos)
+      continue;
+    if (call == "close" || what == "DMX_STOP" || what == "DMX_SET_FILTER")
+      end(handle, at);
+    if (what == "DMX_SET_FILTER" && which == "pid=" + pid)
+      running[handle] = at;
+  }
+  std::sort(spans.begin(), spans.end(), [](const Span& a, const Span& b) { return a.from < b.from; });
+  return spans;
+}
+
 std::string Scan_test::stream(const Json& patch) {
   const std::string base = support::read_file(std::string(KELVO_SOURCE_DIR) + "/tests/data/scan/base.json");
   const support::Bytes packets = softdvb_mux::make_stream(Json::parse(base).patch(patch).dump(), 0);
   std::string file = folder_.file("stream" + std::to_string(streams_++) + ".ts");
   support::write_file(file, std::string(packets.begin(), packets.end()));
   return file;
+}
+
+Scan_test::Json Scan_test::with_events(int count) {
+  Json events = Json::array();
+  for (int i = 0; i < count; ++i)
+    events.push_back(
+        {{"start", "now" + std::string(i == 0 ? "-" : "+") + std::to_string(i == 0 ? 10 : 30 * i - 10) + "m"},
+         {"duration", "30m"},
+         {"name", "Saade " + std::to_string(i)}});
+  return {{{"op", "add"}, {"path", "/services/0/events"}, {"value", events}}};
 }
 
 std::string Scan_test::empty_stream() {

@@ -26,9 +26,17 @@ struct Scan_run {
   std::string lines(const std::vector<std::string>& words = {}) const;
   // When the first such event came, -1 for never.
   double at(const std::string& what) const;
+  // When each of them came.
+  std::vector<double> times(const std::string& what) const;
   size_t count_err(const std::string& text) const;
   // The lines of the adapter's log that hold every one of `parts`, as seconds since its start.
   std::vector<double> logged(const std::vector<std::string>& parts) const;
+  // From when to when a section filter of a PID ("0x11") was running on an adapter, in the log's time.
+  struct Span {
+    double from;
+    double to;
+  };
+  std::vector<Span> filtered(const std::string& pid) const;
 };
 
 // A database in a fresh folder, streams made from tests/data/scan/base.json, and runs of scan_host on them. The host
@@ -41,6 +49,8 @@ class Scan_test : public testing::Test {
 
   // base.json after JSON patches (RFC 6902), as a transport stream in a file, whose name is returned.
   std::string stream(const Json& patch = Json::array());
+  // A patch that gives service 101 so many events of half an hour, from the one that is running.
+  static Json with_events(int count);
   // 188-byte null packets for some seconds.
   std::string empty_stream();
 

@@ -1,6 +1,7 @@
 // Frequency requests on made streams: what a host is told and what the database holds afterwards.
 #include <cctype>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,23 +16,36 @@ constexpr char SCAN_ONCE[] =
     "freq 0 506000000\n"
     "wait_done 0 100\n";
 
-// Whether `before`, digits and a tabulator stand in `text`.
-bool has_number(const std::string& text, const std::string& before) {
+// The numbers that stand in `text` between `before` and a tabulator.
+std::vector<int> numbers(const std::string& text, const std::string& before) {
+  std::vector<int> all;
   for (size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
-    size_t end = at + before.size();
+    const size_t start = at + before.size();
+    size_t end = start;
     while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0)
       ++end;
-    if (end > at + before.size() && end < text.size() && text[end] == '\t')
-      return true;
+    if (end > start && end < text.size() && text[end] == '\t')
+      all.push_back(std::stoi(text.substr(start, end - start)));
   }
-  return false;
+  return all;
+}
+
+bool has_number(const std::string& text, const std::string& before) {
+  return !numbers(text, before).empty();
+}
+
+// The arming of one of the worker's timers, as it is logged.
+std::string timer_of(int seconds) {
+  return " value=" + std::to_string(seconds) + ".000000000 interval=1.000000000 ";
 }
 
 }  // namespace
 
 TEST_F(Scan_test, first_scan_fills_the_channel_list) {
-  const Scan_run first = run(on_freq(stream()), std::string(SCAN_ONCE) + "state 0\n");
+  const Scan_run first = run(on_freq(stream()), std::string("verbosity 3\n") + SCAN_ONCE + "state 0\n");
   EXPECT_EQ("freq -1\ndone 0 0\nstate 1 0 1\nend\n", first.lines());
+  EXPECT_EQ(1U, first.logged({"DMX_SET_FILTER pid=0x14 filter=73"}).size());
+  EXPECT_EQ(2U, first.count_err("Flushing\n")) << "at the request, and after a merge that changed something";
   support::expect_reference("scan/first.txt", dump());
 }
 
@@ -46,6 +60,7 @@ TEST_F(Scan_test, second_scan_finds_nothing_new_and_modifies_nothing) {
                                                    "sql SELECT sum(modified) FROM kanalid\n");
   EXPECT_EQ("done 0 0\ndone 0 0\n", both.lines({"done", "change", "no"}));
   EXPECT_EQ(1U, both.count_err("Scan from 2 for freq 506000000, ch_add 0, ch_delete 0, estrm_add 0, estrm_delete 0\n"));
+  EXPECT_EQ(1U, both.count_err("Flushing\n")) << "at the request; the merge changed nothing";
   const std::string sums = both.lines({"sql"});
   EXPECT_EQ(sums.substr(0, sums.size() / 2), sums.substr(sums.size() / 2)) << "a row counts as modified";
   support::expect_reference("scan/again.txt", dump());
@@ -94,8 +109,113 @@ TEST_F(Scan_test, sdt_that_is_not_there_ends_the_scan_after_40_seconds_with_noth
   EXPECT_EQ("done 0 0\n", late.lines({"done", "change", "no"}));
   expect_seconds(39, late.at("done 0 0") - late.at("freq -1"));
   EXPECT_EQ(1U, late.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"));
-  EXPECT_EQ("0|0|0\n", sql("SELECT (SELECT count(*) FROM kanalid), (SELECT count(*) FROM estreams), "
-                           "(SELECT count(*) FROM kanalid_lang)"));
+  support::expect_reference("scan/sdt_missing.txt", dump());
+}
+
+TEST_F(Scan_test, end_of_a_scan_removes_all_filters_but_those_of_guide_and_time) {
+  // Neither SDT nor TOT nor one of the PMTs, so that each has its filter at the time-out.
+  const Scan_run late = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value": [
+                                                  { "fault": "missing", "table": "sdt_actual" },
+                                                  { "fault": "missing", "table": "nit_actual" },
+                                                  { "fault": "missing", "table": "pmt", "service_id": 102 }] },
+                                                { "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
+                            std::string(SCAN_ONCE) + "sleep 20\n");
+  for (const char* pid : {"0x10", "0x11", "0x110"}) {
+    const std::vector<Scan_run::Span> spans = late.filtered(pid);
+    ASSERT_EQ(1U, spans.size()) << pid;
+    expect_seconds(39, spans[0].to - spans[0].from);
+  }
+  const std::vector<Scan_run::Span> time = late.filtered("0x14");
+  ASSERT_EQ(1U, time.size());
+  EXPECT_GE(time[0].to - time[0].from, 58) << "to the end";
+  const std::vector<Scan_run::Span> guide = late.filtered("0x12");
+  ASSERT_EQ(1U, guide.size());
+  expect_seconds(39, guide[0].from - time[0].from);
+  EXPECT_GE(guide[0].to - guide[0].from, 19) << "to the end";
+}
+
+TEST_F(Scan_test, request_starts_all_timers_and_counters_anew) {
+  const Scan_run twice = run(on_freq(stream(R"([{ "op": "add", "path": "/faults", "value":
+                                                 [{ "fault": "missing", "table": "sdt_actual" }] }])"_json)),
+                             "verbosity 4\n"
+                             "kelvo 0 tuner\n"
+                             "freq 0 506000000\n"
+                             "sleep 30\n"
+                             "freq 0 506000000\n"
+                             "wait_done 0 60\n");
+  EXPECT_EQ("freq -1\nfreq -1\ndone 0 0\nend\n", twice.lines());
+  expect_seconds(39, twice.at("done 0 0") - twice.times("freq -1")[1]);
+  // At each request, and when the first one switched scanning on.
+  EXPECT_EQ(3U, twice.logged({"timer_settime", timer_of(300)}).size());
+  EXPECT_EQ(3U, twice.logged({"timer_settime", timer_of(3)}).size());
+  EXPECT_EQ(3U, twice.logged({"timer_settime", timer_of(40)}).size());
+  const std::vector<int> first_data = numbers(twice.err, "M:");
+  ASSERT_EQ(2U, first_data.size()) << "the pass with the first section is told for each request";
+  EXPECT_LE(first_data[1], 5);
+}
+
+TEST_F(Scan_test, passes_without_data_are_counted_from_0_since_the_request) {
+  const Scan_run idle = run(on_freq(empty_stream()),
+                            "verbosity 4\n"
+                            "kelvo 0 tuner\n"
+                            "sleep 8\n"
+                            "freq 0 506000000\n"
+                            "sleep 8\n"
+                            "freq 0 506000000\n"
+                            "sleep 8\n"
+                            "verbosity 0\n");
+  EXPECT_EQ(3U, idle.count_err("wait loop nr 0\n"));
+  EXPECT_EQ(3U, idle.count_err("wait loop nr 1\n"));
+}
+
+TEST_F(Scan_test, scan_without_a_channel_is_done_once) {
+  const Scan_run once =
+      run(on_freq(stream()), std::string("verbosity 3\n") + SCAN_ONCE + "sleep 310\nverbosity 0\n", 60);
+  EXPECT_EQ("freq -1\ndone 0 0\nend\n", once.lines());
+  EXPECT_EQ(1U, once.logged({"DMX_SET_FILTER pid=0x0 "}).size());
+  EXPECT_EQ(1U, once.logged({"DMX_SET_FILTER pid=0x100 "}).size());
+  EXPECT_EQ(0U, once.count_err("Restarting"));
+  support::expect_reference("scan/first.txt", dump());
+}
+
+TEST_F(Scan_test, guide_that_has_grown_by_more_than_20_events_is_told_with_4_at_the_next_scan) {
+  run(on_freq(stream()), SCAN_ONCE);
+  for (const int events : {20, 21}) {
+    const std::string all = std::to_string(events);
+    for (const int level : {0, 1}) {
+      const Scan_run told =
+          run(on_freq(stream(with_events(events))), "insert DELETE FROM epglist\nverbosity " + std::to_string(level) +
+                                                        "\n" + SCAN_ONCE + "wait_sql 60 SELECT count(*) = " + all +
+                                                        " FROM epglist\n"
+                                                        "sleep 5\n"
+                                                        "freq 0 506000000\n"
+                                                        "wait_done 0 60\n"
+                                                        "sleep 2\n"
+                                                        "verbosity -1\n");
+      EXPECT_EQ(events == 20 ? "done 0 0\ntrue\ndone 0 0\n" : "done 0 0\ntrue\nchange 0 4\ndone 0 0\n",
+                told.lines({"done", "change", "true", "never"}));
+      EXPECT_EQ(events == 21 && level == 1 ? 1U : 0U, told.count_err("WARNING: db_change_callback"));
+      EXPECT_EQ(events == 21 && level == 1 ? 1U : 0U, told.count_err("WARNING: db_change_callback 4, retval 0\n"));
+      EXPECT_EQ(all + "\n", sql("SELECT count(*) FROM epglist"));
+    }
+  }
+}
+
+TEST_F(Scan_test, growth_of_the_guide_is_counted_from_the_last_time_it_was_told) {
+  const std::string scan =
+      "freq 0 506000000\n"
+      "wait_done 0 60\n";
+  const std::string wait = "wait_sql 60 SELECT count(*) = 21 FROM epglist\n";
+  const std::string forget =
+      "sleep 2\ninsert DELETE FROM epglist WHERE entry NOT IN (SELECT max(entry) FROM epglist)\n";
+  const Scan_run told = run(on_freq(stream(with_events(21))), "kelvo 0 tuner\n" + scan + scan + wait + scan + forget +
+                                                                  scan + wait + scan + forget + scan + wait + scan);
+  // 21 events are more than 20; 41 are not more than 21 and 20; 61 are.
+  EXPECT_EQ(
+      "done 0 0\ndone 0 0\ntrue\nchange 0 4\ndone 0 0\n"
+      "done 0 0\ntrue\ndone 0 0\n"
+      "done 0 0\ntrue\nchange 0 4\ndone 0 0\n",
+      told.lines({"done", "change", "true", "never"}));
 }
 
 TEST_F(Scan_test, time_out_is_silent_at_verbosity_0_but_for_the_list_of_filters) {
@@ -139,6 +259,15 @@ TEST_F(Scan_test, no_stream_is_not_told_at_verbosity_2) {
   EXPECT_EQ(0U, silent.count_err("Mux is DVB-H"));
 }
 
+TEST_F(Scan_test, no_stream_where_services_are_known_changes_nothing) {
+  run(on_freq(stream()), SCAN_ONCE);
+  const Scan_run silent =
+      run(on_freq(empty_stream()), std::string("verbosity 1\n") + SCAN_ONCE + "sleep 3\nverbosity 0\nstate 0\n");
+  EXPECT_EQ("freq -1\ndone 0 -1\nstate 1 0 1\nend\n", silent.lines());
+  EXPECT_EQ(1U, silent.count_err("WARNING: PAT scan timed out for freq 506000000, no entries in scan table\n"));
+  support::expect_reference("scan/first.txt", dump());
+}
+
 TEST_F(Scan_test, request_without_data_is_never_answered) {
   const Scan_run silent = run(on_freq(empty_stream()),
                               "verbosity 3\n"
@@ -169,7 +298,8 @@ TEST_F(Scan_test, quirk_dvb_h_is_answered_with_minus_1_at_every_pass) {
     expect_seconds(0, dvbh.at("done 0 -1") - dvbh.at("freq -1"));
     EXPECT_EQ("done 0 -1\ndone 0 -1\n", dvbh.lines({"done"}).substr(0, 20)) << "it is said again";
     EXPECT_GE(dvbh.count_err("DVB-H channel, status is " + std::string(status + 2)), 2U);
-    EXPECT_EQ("0\n", sql("SELECT count(*) FROM kanalid"));
+    EXPECT_GE(dvbh.count_err("Mux is DVB-H or NO MPEG stream decoded, clearing filters and exiting scan loop\n"), 2U);
+    support::expect_reference("scan/nothing.txt", dump());
   }
 }
 

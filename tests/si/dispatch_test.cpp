@@ -153,9 +153,11 @@ TEST_F(Dispatch, the_parsers_trace_at_4_only) {
       "NetworkPid ", "PAT: ",    "PAT scanned",     "PMT: ",     "Program 1:", "NIT: ", "Tstream",
       "oid ",        "SERV id ", "SDT entry empty", "Moving on", "Parsing",    ">>>>>", "Nr "};
   std::string at_4, at_3;
-  for (int level : {4, 3})
+  for (int level : {4, 3}) {
+    db.clear_temp_tables(0);
     for (size_t i = 0; i < sections.size(); ++i)
       (level == 4 ? at_4 : at_3) += at_level(level, [&] { scan(sections[i], pids[i]); });
+  }
   for (const char* text : traces) {
     EXPECT_THAT(at_4, HasSubstr(text));
     EXPECT_THAT(at_3, Not(HasSubstr(text)));

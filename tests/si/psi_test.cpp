@@ -36,9 +36,10 @@ TEST_F(Pat, opens_the_filters_of_the_scan_and_closes_its_own) {
   EXPECT_TRUE(all_filters_have_freq());
 }
 
-TEST_F(Pat, opens_them_in_the_order_of_the_table) {
+TEST_F(Pat, opens_them_in_the_order_of_the_table_and_its_own_place_goes_to_the_sdt) {
+  filter.addfilter(0, 0, FREQ);
   scan(pat({{2, 0x200}, {0, 0x30}, {1, 0x100}}), 0);
-  EXPECT_THAT(filters(), ElementsAre(Filter(0x30, 0x40), Filter(0x200, 2), Filter(0x100, 2), Filter(17, 0x42)));
+  EXPECT_THAT(filters(), ElementsAre(Filter(17, 0x42), Filter(0x30, 0x40), Filter(0x200, 2), Filter(0x100, 2)));
 }
 
 TEST_F(Pat, every_program_becomes_a_row) {

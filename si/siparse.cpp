@@ -96,8 +96,10 @@ int Siparse::get_eit_stored() const {
   return eit_stored_;
 }
 
-// Entries that no stream and no event has taken, from descriptors in the wrong loop: nothing may pile up.
+// What no stream and no event has taken, from descriptors in the wrong loop: nothing may pile up.
 void Siparse::clear_leftovers() {
+  languages_.clear();
+  lang_codes_.clear();
   delete_all(subtxt_languages_);
   delete_all(epg_languages_);
 }

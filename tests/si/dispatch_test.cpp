@@ -1,4 +1,13 @@
 // Which sections reach which parser.
+#include <dvbsi++/ca_section.h>
+#include <dvbsi++/network_information_section.h>
+#include <dvbsi++/program_association_section.h>
+#include <dvbsi++/program_map_section.h>
+#include <dvbsi++/service_description_section.h>
+#include <dvbsi++/time_date_section.h>
+#include <dvbsi++/time_offset_section.h>
+
+#include "si/recorded_clock.h"
 #include "si/si_support.h"
 
 using namespace si_support;
@@ -172,6 +181,49 @@ TEST_F(Dispatch, the_pointer_and_the_state_do_not_matter_to_a_pat) {
     scan(pat({{7, 0x100}}), 0, state);
     EXPECT_THAT(filters(), testing::UnorderedElementsAre(Filter(16, 0x40), Filter(0x100, 2), Filter(17, 0x42)));
   }
+}
+
+TEST_F(Dispatch, the_parsers_take_sections_from_others_than_the_dispatch_too) {
+  const auto call = [](const Bytes& section, auto&& parse) {
+    Bytes block = section;
+    EXPECT_EQ(parse(block.data()), 0);
+  };
+  filter.addfilter(20, 0x70, FREQ);
+  filter.addfilter(20, 0x73, FREQ);
+  call(pat({{1, 0x100}}), [&](const uint8_t* bytes) {
+    ProgramAssociationSection section(bytes);
+    return parser.parse_section_pat(&section, FREQ, SCAN_PAT);
+  });
+  call(pmt(1, 0x101, {{2, 0x101, {}}}), [&](const uint8_t* bytes) {
+    ProgramMapSection section(bytes);
+    return parser.parse_section_pmt(&section, 0x100, FREQ, SCAN_PAT);
+  });
+  call(support::long_section(0x01, 0xFFFF, 0, {}), [&](const uint8_t* bytes) {
+    ConditionalAccessSection section(bytes);
+    return parser.parse_section_cat(&section, 1, FREQ);
+  });
+  call(nit(0x3001, {}, {}), [&](const uint8_t* bytes) {
+    NetworkInformationSection section(bytes);
+    return parser.parse_section_nit(&section, 16, FREQ);
+  });
+  call(sdt({{1, service_descriptor(1, "P", "One")}}), [&](const uint8_t* bytes) {
+    ServiceDescriptionSection section(bytes);
+    return parser.parse_section_sdt(&section, FREQ);
+  });
+  recorded_clock::take_settings();
+  call(tdt(55197, 0x120000), [&](const uint8_t* bytes) {
+    TimeAndDateSection section(bytes);
+    return parser.parse_section_tdt(&section, FREQ);
+  });
+  call(tot(55197, 0x120000, {}), [&](const uint8_t* bytes) {
+    TimeOffsetSection section(bytes);
+    return parser.parse_section_tot(&section, FREQ);
+  });
+  EXPECT_EQ(recorded_clock::take_settings().size(), 2u);
+  EXPECT_THAT(filters(), IsEmpty());
+  EXPECT_EQ(text("SELECT pmt_pid || ' ' || pcr_pid || ' ' || network_id || ' ' || serv_name FROM kanalid_scan_0"),
+            "256 257 12289 One");
+  EXPECT_EQ(text("SELECT es_pid FROM estreams_scan_0"), "257");
 }
 
 // --- Construction ----------------------------------------------------------------------------------------------------

@@ -137,6 +137,13 @@ TEST_F(Hostile, languages_without_a_stream_do_not_pile_up) {
   EXPECT_THAT(rows("SELECT es_subtype, languages FROM estreams_scan_0"), ElementsAre("0|"));
 }
 
+TEST_F(Hostile, names_of_languages_in_the_wrong_loop_do_not_pile_up) {
+  const Bytes section = sdt({{1, descriptor(0x0A, join({bytes("est"), {1}, bytes("rus"), {2}}))}});
+  for (int i = 0; i < 3; ++i)
+    EXPECT_THAT(at_level(4, [&] { scan(section, 17); }),
+                testing::HasSubstr("ISO 639 lang descriptor, languages est rus , codes 1 2 , oid 0\n"));
+}
+
 // --- Streams that are kept beside the tree ---------------------------------------------------------------------------
 
 class Hostile_streams : public Hostile {

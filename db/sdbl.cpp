@@ -212,7 +212,7 @@ void Sdbl::clear_temp_tables(int n) {
 }
 
 int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
-  const int oldest = static_cast<int>(time(nullptr) - age_sec);
+  const int oldest = sdbl::saturated(int64_t{time(nullptr)} - age_sec);
   std::vector<int> entries;
   {
     Db_lock lock(db);

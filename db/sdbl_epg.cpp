@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <limits>
 
 #include "base/log.h"
 #include "db/sdbl.h"
@@ -15,6 +14,7 @@ using sdbl::Db_lock;
 using sdbl::report_get_int;
 using sdbl::report_reset;
 using sdbl::report_run;
+using sdbl::saturated;
 
 namespace {
 
@@ -33,10 +33,6 @@ int pages_of(std::initializer_list<const char*> texts) {
   for (const char* text : texts)
     bytes += text != nullptr ? std::strlen(text) : 0;
   return static_cast<int>(bytes / LEAST_PAGE_SIZE);
-}
-
-int saturated(int64_t value) {
-  return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 int64_t end_of(int start_epoch, int dur_sec) {

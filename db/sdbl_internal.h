@@ -2,6 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
 #include "base/log.h"
 
 // For the sources of Sdbl; not installed.
@@ -14,6 +18,11 @@ namespace sdbl {
 inline constexpr double REVISION = 2.5;
 inline constexpr int SQL_TIMEOUT_MS = 2000;
 inline constexpr const char* EPG_SCHEMA = "epg_db";
+
+// Times are stored in 32 bits: one beyond them counts as the last that fits.
+inline int saturated(int64_t value) {
+  return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
 
 // Holds a connection's own mutex, which is recursive. Keeps the binding, stepping and resetting of a statement of
 // instance 0 together, and a run with the figures that the connection keeps about it. Every SELECT is read to its end

@@ -50,7 +50,7 @@ struct Sdbl::Scanned_service {
 };
 
 int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state) {
-  Merge merge{dvbnr, dvb_type, hf_conn, freq, static_cast<int>(time(nullptr)), 0, 0, 0, 0};
+  Merge merge{dvbnr, dvb_type, hf_conn, freq, sdbl::saturated(time(nullptr)), 0, 0, 0, 0};
   if (state != SCAN_PAT && state != SCAN_PMT) {
     KLOG(VERB_ERROR, "ERROR: Incorrect scan state entered: %d\n", state);
   } else {

@@ -181,6 +181,26 @@ TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
   EXPECT_GT(settings[1], filters[1]);
 }
 
+// The database's times have 32 bits, the host's clock more.
+TEST_F(Scan_test, a_host_whose_clock_is_beyond_2038_scans_and_purges) {
+  std::filesystem::create_directories(sandbox() + "/dvbfiles");
+  std::vector<std::string> options = on_freq(stream());
+  options.insert(options.end(), {"--now", "3786912000"});
+  const Scan_run scanned = run(options,
+                               "kelvo 0 tuner\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 100\n"
+                               "freq 0 506000000\n"
+                               "wait_done 0 100\n"
+                               "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2147483646, 60)\n"
+                               "export 0 /dvbfiles/backup.db\n"
+                               "wait_change 0 8 20\n");
+  EXPECT_EQ(0U, scanned.count_err("CHECK")) << scanned.err;
+  EXPECT_EQ("101|2147483647\n102|2147483647\n103|2147483647\n",
+            sql("SELECT pat_prnr, modified FROM kanalid ORDER BY pat_prnr"));
+  EXPECT_EQ("0\n", sql("SELECT count(*) FROM epglist"));
+}
+
 // The zone is set for a multiplex of the preferred network that the database knows.
 class Zone_test : public Scan_test {
  protected:

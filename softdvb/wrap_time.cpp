@@ -61,6 +61,13 @@ SOFTDVB_EXPORT int timespec_get(timespec* t, int base) noexcept {
 
 // Setting the clock.
 
+// What the kernel takes for no time of day, dates before 1970 among them.
+static int refuse_clock(const char* call, long long seconds, long nanoseconds) {
+  errno = EINVAL;
+  log_call(-1, "%s %lld.%09ld", call, seconds, nanoseconds);
+  return -1;
+}
+
 static int record_clock(const char* call, long long seconds, long nanoseconds) {
   if (call_fails(call))
     return -1;
@@ -75,20 +82,16 @@ SOFTDVB_EXPORT int settimeofday(const timeval* tv, const struct timezone* zone) 
     return SOFTDVB_REAL(settimeofday)(tv, zone);
   if (tv == nullptr)
     return record_clock("settimeofday", 0, 0);
-  if (tv->tv_usec < 0 || tv->tv_usec >= 1000000) {
-    errno = EINVAL;
-    return -1;
-  }
+  if (tv->tv_sec < 0 || tv->tv_usec < 0 || tv->tv_usec >= 1000000)
+    return refuse_clock("settimeofday", tv->tv_sec, tv->tv_usec * US);
   return record_clock("settimeofday", tv->tv_sec, tv->tv_usec * US);
 }
 
 SOFTDVB_EXPORT int clock_settime(clockid_t clock, const timespec* t) noexcept {
   if (shared() == nullptr)
     return SOFTDVB_REAL(clock_settime)(clock, t);
-  if (clock != CLOCK_REALTIME || t->tv_nsec < 0 || t->tv_nsec >= static_cast<long>(NANOS)) {
-    errno = EINVAL;
-    return -1;
-  }
+  if (clock != CLOCK_REALTIME || t->tv_sec < 0 || t->tv_nsec < 0 || t->tv_nsec >= static_cast<long>(NANOS))
+    return refuse_clock("clock_settime", t->tv_sec, t->tv_nsec);
   return record_clock("clock_settime", t->tv_sec, t->tv_nsec);
 }
 

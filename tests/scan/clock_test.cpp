@@ -106,6 +106,7 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
       {"eeac 180000", 2147483648, "settimeofday 1772388000.000000000 = 0"},
       {"eeac 180000", 3786912000, "settimeofday 1772388000.000000000 = 0"},
       {"9e8b 000000", NOW, "settimeofday 0.000000000 = 0"},
+      {"9e8a 235958", NOW, "settimeofday -2.000000000 = -1 EINVAL"},
       {"c957 235959", NOW, "settimeofday 946684799.000000000 = 0"},
       {"c993 123456", NOW, "settimeofday 951827696.000000000 = 0"},
       {"ffa2 031407", NOW, "settimeofday 2147483647.000000000 = 0"},

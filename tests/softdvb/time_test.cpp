@@ -244,6 +244,14 @@ TEST(Clock, refuses_what_the_kernel_refuses) {
   const timeval tv{1700000000, 1000000};
   EXPECT_EQ(-1, settimeofday(&tv, nullptr));
   EXPECT_EQ(EINVAL, errno);
+  const timeval before_1970{-1, 0};
+  errno = 0;
+  EXPECT_EQ(-1, settimeofday(&before_1970, nullptr));
+  EXPECT_EQ(EINVAL, errno);
+  const timespec ts_before_1970{-1, 0};
+  errno = 0;
+  EXPECT_EQ(-1, clock_settime(CLOCK_REALTIME, &ts_before_1970));
+  EXPECT_EQ(EINVAL, errno);
   const timespec ts{1700000000, 0};
   EXPECT_EQ(-1, clock_settime(CLOCK_MONOTONIC, &ts));
   EXPECT_EQ(EINVAL, errno);

@@ -16,7 +16,11 @@ constexpr seconds ANNOUNCED_AFTER{35};
 // sends the table that it waits for.
 constexpr seconds STUCK_AFTER{200};
 
+// The library gives the scan of a multiplex 40 seconds and then takes what there is.
+constexpr milliseconds SCAN_GIVEN_UP_AFTER{38500};
+
 constexpr int FIRST_SCHEDULE = 0x50;
+constexpr int CHANNEL_WIDTH_HZ = 8'000'000;
 
 bool receives(const Frontend_info& frontend, int freq) {
   const auto hz = static_cast<unsigned>(freq);
@@ -33,6 +37,10 @@ Guide_state state_of(const EIT_progress& service, bool announced) {
     return Guide_state::NO_SCHEDULE;
   }
   return Guide_state::COLLECTING;
+}
+
+bool begun(const std::vector<EIT_progress>& progress) {
+  return std::any_of(progress.begin(), progress.end(), [](const EIT_progress& service) { return service.table != 0; });
 }
 
 bool same(const std::vector<EIT_progress>& a, const std::vector<EIT_progress>& b) {
@@ -192,6 +200,20 @@ bool Guide_adapter::scan(int freq, Guide_work::Clock::time_point end, Guide_outc
   return false;
 }
 
+// After a scan that was given up, every service's time for its present and following event is up as well. With a
+// channel the guide begins a few seconds after the tuning, with fresh timers; but such a request does nothing on the
+// frequency that is tuned already, so the tuner goes elsewhere before it. Nothing is asked for there.
+void Guide_adapter::begin_again(int freq, int channel, Guide_work::Clock::time_point end) {
+  const int above = freq + CHANNEL_WIDTH_HZ;
+  (void)kelvo_->tune_to_freq(receives(frontend_, above) ? above : freq - CHANNEL_WIDTH_HZ, nullptr, nullptr);
+  (void)kelvo_->tune_to_freq(freq, channel, nullptr, nullptr);
+  std::vector<EIT_progress> progress;
+  do {
+    work_->wait(LOOK_INTERVAL / 4);
+    kelvo_->eit_progress(&progress);
+  } while (begun(progress) && !work_->stopped() && Guide_work::Clock::now() < end);
+}
+
 Guide_outcome Guide_adapter::collect(int place) {
   const Guide_work::Clock::time_point end = work_->share_ends();
   const int freq = work_->freq(place);
@@ -199,22 +221,31 @@ Guide_outcome Guide_adapter::collect(int place) {
   std::vector<EIT_progress> progress;
   // The list of services is made when tuning: a multiplex that is scanned for the first time has none until the second
   // request.
+  bool given_up = false;
   for (int request = 0; request < 2 && progress.empty(); ++request) {
+    const Guide_work::Clock::time_point asked = Guide_work::Clock::now();
     if (!scan(freq, end, &outcome)) {
       return outcome;
     }
+    given_up = Guide_work::Clock::now() - asked >= SCAN_GIVEN_UP_AFTER;
     kelvo_->eit_progress(&progress);
   }
   if (progress.empty()) {
     return Guide_outcome::NO_SERVICES;
   }
+  if (given_up) {
+    begin_again(freq, progress.front().channel, end);
+  }
   std::vector<EIT_progress> last;
   Guide_work::Clock::time_point changed = Guide_work::Clock::now();
-  const Guide_work::Clock::time_point begun = changed;
+  Guide_work::Clock::time_point first_table_begun = changed;
   Guide_work::Clock::time_point schedule_begun{};
   while (true) {
     const Guide_work::Clock::time_point now = Guide_work::Clock::now();
     kelvo_->eit_progress(&progress);
+    if (!begun(progress)) {
+      first_table_begun = now;
+    }
     if (!same(progress, last)) {
       last = progress;
       changed = now;
@@ -225,7 +256,7 @@ Guide_outcome Guide_adapter::collect(int place) {
       schedule_begun = now;
     }
     // Without any present event nobody ever gets to the schedules.
-    const bool silent = !schedules && now - begun > ANNOUNCED_AFTER && now - changed > ANNOUNCED_AFTER;
+    const bool silent = !schedules && now - first_table_begun > ANNOUNCED_AFTER && now - changed > ANNOUNCED_AFTER;
     const bool announced = silent || (schedules && now - schedule_begun > ANNOUNCED_AFTER);
     std::vector<Guide_progress> shown;
     bool all = !progress.empty();

@@ -88,6 +88,7 @@ class Guide_adapter {
   Guide_outcome collect(int place);
   // False when the multiplex ended with `outcome`.
   bool scan(int freq, Guide_work::Clock::time_point end, Guide_outcome* outcome);
+  void begin_again(int freq, int channel, Guide_work::Clock::time_point end);
 
   Frontend_info frontend_;
   Guide_work* work_;

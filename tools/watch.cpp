@@ -91,23 +91,21 @@ std::pair<int64_t, int64_t> zone_stamp() {
 // What the broadcast did to clock and zone. The library tells what it tries; whether it came about is seen by looking.
 class Time_watch {
  public:
-  void begin(bool clock_known) {
-    clock_known_ = clock_known;
+  void begin() {
     clock_ = clock_offset();
     zone_ = zone_stamp();
   }
   // One line of what the library says up to VERB_PROGRESS.
   void hear(const std::string& line);
   // Says what has changed since the last look.
-  void look(bool clock_valid);
+  void look();
 
  private:
-  void look_at_clock(bool clock_valid);
+  void look_at_clock();
   void look_at_zone();
   void zone_set(const std::string& zone);
 
   int64_t clock_ = 0;
-  bool clock_known_ = false;
   bool clock_tried_ = false;
   bool clock_moved_ = false;
   bool clock_stays_ = false;
@@ -133,13 +131,13 @@ void Time_watch::hear(const std::string& line) {
   }
 }
 
-void Time_watch::look(bool clock_valid) {
-  look_at_clock(clock_valid);
+void Time_watch::look() {
+  look_at_clock();
   look_at_zone();
   table_read_ = false;
 }
 
-void Time_watch::look_at_clock(bool clock_valid) {
+void Time_watch::look_at_clock() {
   const int64_t clock = clock_offset();
   if (std::abs(clock - clock_) > 1) {
     say(fmt::format("clock set by {:+} s", clock - clock_));
@@ -153,10 +151,6 @@ void Time_watch::look_at_clock(bool clock_valid) {
       clock_stays_ = true;
     }
     clock_tried_ = clock_moved_ = false;
-  }
-  if (!clock_known_ && clock_valid) {
-    clock_known_ = true;
-    say("clock confirmed by the broadcast");
   }
 }
 
@@ -198,7 +192,7 @@ class Watch {
 
  private:
   void request(Kelvo* kelvo);
-  void look(const Kelvo& kelvo);
+  void look();
   int stored() const { return events_of(guide_.counts()); }
   static int events_of(const std::map<int, int>& counts) {
     int all = 0;
@@ -245,7 +239,7 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   events_ = stored();
   quiet.listen(VERB_PROGRESS, [this](const std::string& line) { time_.hear(line); });
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
-  time_.begin(kelvo.time_valid());
+  time_.begin();
   kelvo.set_stb_event_callback(on_quality);
   request(&kelvo);
   say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
@@ -256,7 +250,7 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
     (void)poll(waits, 2, LOOK_INTERVAL_MS);
     eventfd_t count = 0;
     (void)eventfd_read(wake_fd, &count);
-    look(kelvo);
+    look();
     if (const int code = quiet.database_failure(); code != 0) {
       throw Failure(fmt::format("{}: cannot be written: {}", db_, sqlite3_errstr(code)));
     }
@@ -264,7 +258,7 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   say(fmt::format("stopped, {} events in the guide", stored()));
 }
 
-void Watch::look(const Kelvo& kelvo) {
+void Watch::look() {
   const int code = changes.exchange(0);
   if ((code & DB_STREAMS_CHANGED) != 0) {
     say("streams changed");
@@ -281,7 +275,7 @@ void Watch::look(const Kelvo& kelvo) {
   if (event >= 0) {
     say(event == 0 ? "quality lost" : "quality back");
   }
-  time_.look(kelvo.time_valid());
+  time_.look();
 }
 
 void watch(const Watch_options& options) {

@@ -1,12 +1,13 @@
 // The facade with a tuner of the software adapter.
 #include <errno.h>
+#include <sys/prctl.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,38 @@ std::string seen_events() {
   return events;
 }
 
+// What a callback was given, and the thread that it came from.
+struct Call {
+  std::string thread;
+  void* data = nullptr;
+  int value = 0;
+};
+
+std::mutex calls_lock;
+std::vector<Call> answers;
+std::vector<Call> changes;
+
+std::string thread_name() {
+  char name[16]{};
+  (void)prctl(PR_GET_NAME, name);
+  return name;
+}
+
+void on_answer(void* data, int result) {
+  const std::lock_guard<std::mutex> lock(calls_lock);
+  answers.push_back({thread_name(), data, result});
+}
+
+void on_change(int code) {
+  const std::lock_guard<std::mutex> lock(calls_lock);
+  changes.push_back({thread_name(), nullptr, code});
+}
+
+size_t count_of(const std::vector<Call>& calls) {
+  const std::lock_guard<std::mutex> lock(calls_lock);
+  return calls.size();
+}
+
 template <typename Condition>
 bool wait_for(Condition condition) {
   for (int i = 0; i < 2000; ++i) {
@@ -43,7 +76,11 @@ bool wait_for(Condition condition) {
 
 class Kelvo_device_test : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(support::under_softdvb()); }
+  void SetUp() override {
+    ASSERT_TRUE(support::under_softdvb());
+    answers.clear();
+    changes.clear();
+  }
   void TearDown() override {
     support::softdvb_control("clear faults");
     verbosity_kelvo = 0;
@@ -103,6 +140,39 @@ TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
   EXPECT_EQ(-24.0F, kelvo.fe_strength());
   EXPECT_EQ(1.0F, kelvo.fe_snr());
   EXPECT_EQ(0.1F, kelvo.fe_ber());
+}
+
+TEST_F(Kelvo_device_test, callbacks_come_from_the_worker_with_what_the_host_gave) {
+  const support::Stderr_capture capture;
+  int data = 0;
+  {
+    Kelvo kelvo(0, 0, 0, &database_, true, on_change);
+    EXPECT_TRUE(kelvo.get_msg_state());
+    EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, &data, on_answer));
+    EXPECT_TRUE(wait_for([] { return count_of(answers) == 1; }));
+    EXPECT_TRUE(wait_for([&] { return kelvo.get_msg_state(); }));
+    EXPECT_TRUE(kelvo.export_db("", false));
+    EXPECT_TRUE(wait_for([] { return count_of(changes) == 1; }));
+  }
+  ASSERT_EQ(1U, answers.size());
+  EXPECT_EQ("kelvo_th", answers[0].thread);
+  EXPECT_EQ(&data, answers[0].data);
+  EXPECT_EQ(0, answers[0].value);
+  ASSERT_EQ(1U, changes.size());
+  EXPECT_EQ("kelvo_th", changes[0].thread);
+  EXPECT_EQ(DB_EXPORTED, changes[0].value);
+}
+
+TEST_F(Kelvo_device_test, request_without_a_callback_is_answered_all_the_same) {
+  const support::Stderr_capture capture;
+  int data = 0;
+  Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
+  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, &data, nullptr));
+  EXPECT_TRUE(wait_for([&] {
+    int services = 0;
+    return database_.sql_get_int(&services, 0, "SELECT count(*) FROM kanalid") == 0 && services == 3;
+  }));
+  EXPECT_TRUE(wait_for([&] { return kelvo.get_msg_state(); }));
 }
 
 #ifndef __SANITIZE_THREAD__  // whose runtime goes past everybody else's pthread_create

@@ -416,6 +416,12 @@ TEST_F(Scan_test, new_request_replaces_one_that_is_not_answered) {
                                 "wait_done 0 60\n"
                                 "sleep 50\n");
   EXPECT_EQ("freq -1\nfreq -1\ndone 0 0\nend\n", replaced.lines());
+  // The filters go before the tuning.
+  const std::vector<Scan_run::Span> sdt = replaced.filtered("0x11");
+  const std::vector<double> tunings = replaced.logged({"FE_SET_FRONTEND freq=514000000"});
+  ASSERT_EQ(2U, sdt.size());
+  ASSERT_EQ(1U, tunings.size());
+  EXPECT_LE(sdt[0].to, tunings[0]);
   EXPECT_EQ("514000000|3\n", sql("SELECT freq, count(*) FROM kanalid GROUP BY freq"));
 }
 

@@ -220,6 +220,7 @@ class KELVO_EXPORT Siparse {
   std::vector<EIT_progress> published_;
 
   int eit_mismatches_ = 0;
+  int64_t timers_due_ns_ = 0;  // of CLOCK_MONOTONIC; until then no service on cache_list_ has waited too long
 
   // CA of a PMT's programme loop.
   bool program_ca_found_ = false;

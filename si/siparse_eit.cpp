@@ -1,6 +1,8 @@
 // EIT of the actual multiplex (EN 300 468, 5.2.4), and the list of services whose guide is collected.
 #include <time.h>
 
+#include <algorithm>
+#include <limits>
 #include <memory>
 
 #include <dvbsi++/event_information_section.h>
@@ -22,10 +24,15 @@ constexpr int RUNNING = 4;
 constexpr int TABLE_TIMEOUT_S = 180;
 constexpr int PRESENT_FOLLOWING_TIMEOUT_S = 10;
 constexpr int ARRIVALS_OF_A_FINISHED_TABLE = 2;
+constexpr int64_t SECOND_NS = 1000000000;
 
 int seconds_of(unsigned hms_bcd) {
   return static_cast<int>(Siparse::bcd_to_int(hms_bcd >> 16 & 0xFF) * 3600 +
                           Siparse::bcd_to_int(hms_bcd >> 8 & 0xFF) * 60 + Siparse::bcd_to_int(hms_bcd & 0xFF));
+}
+
+int64_t nanoseconds(const timespec& time) {
+  return time.tv_sec * SECOND_NS + time.tv_nsec;
 }
 
 }  // namespace
@@ -45,6 +52,7 @@ int Siparse::start_eit_scan(int freq, SCAN_STATE) {
 int Siparse::init_cache_list(int freq, SCAN_STATE state) {
   db_->clear_eit_scan_list(cache_list_);
   cache_list_ = db_->get_eit_scan_list(dvbnr_, type_, conn_, freq, cache_list_, state);
+  timers_due_ns_ = 0;
   guide_ended_ = false;
   progress_.clear();
   for (const SQL_cache* service : *cache_list_)
@@ -56,6 +64,7 @@ int Siparse::init_cache_list(int freq, SCAN_STATE state) {
 
 void Siparse::reset_cache_list() {
   db_->reset_eit_scan_list(cache_list_);
+  timers_due_ns_ = 0;
   publish_progress();
 }
 
@@ -195,6 +204,7 @@ void Siparse::open_next_eit_table(int freq, int table_id) {
     period.it_interval.tv_sec = TABLE_TIMEOUT_S;
     (void)timer_settime(service->timer, 0, &period, nullptr);  // without it the table just waits for its sections
   }
+  timers_due_ns_ = 0;
   filter_->removefilter(PID_EIT, table_id);
   db_->flush();
   if (table_id == PRESENT_FOLLOWING) {
@@ -224,26 +234,39 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
     return nullptr;
   }
 
+  // One clock says when the first timer is due: to read them all for each event costs many times what the event does.
+  timespec clock{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &clock);  // cannot fail for this clock
+  const int64_t now_ns = nanoseconds(clock);
+  const bool timers_due = now_ns >= timers_due_ns_;
+  int64_t least_left_ns = std::numeric_limits<int64_t>::max();
+
   SQL_cache* found = nullptr;
   bool every_one_done = true;
   for (SQL_cache* service : *cache_list_) {
     if (service->pat_prnr == service_id)
       found = service;
-    itimerspec left{};
-    (void)timer_gettime(service->timer, &left);  // a timer that cannot be read has run out
-    if (left.it_value.tv_sec == 0 && !service->done) {
-      // Deliberate: printed at low verbosity only, and with the name of the section's service.
-      if (!kelvo_log::enabled(VERB_INFO))
-        KLOG_ALWAYS("Kill scan for service %d , %s table %x, ttl %d\n", service->pat_prnr, name()->c_str(),
-                    static_cast<unsigned>(table_id), ttl);
-      db_->flush();
-      service->done = true;
-      service->active = false;
-      progress_changed_ = true;
+    if (timers_due && !service->done) {
+      itimerspec left{};
+      (void)timer_gettime(service->timer, &left);  // a timer that cannot be read has run out
+      if (left.it_value.tv_sec == 0) {
+        // Deliberate: printed at low verbosity only, and with the name of the section's service.
+        if (!kelvo_log::enabled(VERB_INFO))
+          KLOG_ALWAYS("Kill scan for service %d , %s table %x, ttl %d\n", service->pat_prnr, name()->c_str(),
+                      static_cast<unsigned>(table_id), ttl);
+        db_->flush();
+        service->done = true;
+        service->active = false;
+        progress_changed_ = true;
+      } else {
+        least_left_ns = std::min(least_left_ns, nanoseconds(left.it_value));
+      }
     }
     every_one_done = every_one_done && service->done;
   }
   *all_done = every_one_done;
+  if (timers_due && !every_one_done)
+    timers_due_ns_ = now_ns + least_left_ns - SECOND_NS;  // in its last second a timer counts as run out
   if (found == nullptr) {
     KLOG(VERB_TRACE, "Failed to locate service %d in eit scan cache, current cache is\n", service_id);
     for (const SQL_cache* service : *cache_list_)

@@ -328,9 +328,8 @@ class KELVO_EXPORT Sdbl {
   void merge_streams_of_channel(Merge* merge, int channel);
 
   void trace_deleted_event(int oid, int start_epoch, int dur_sec);
-  // True when the guide file can take `needed` more pages, of which `taken` are spoken for then. When it cannot, old
-  // events are removed first.
-  bool guide_has_room(int needed, int taken);
+  // True when the guide file can take `needed` more pages. When it cannot, old events are removed first.
+  bool guide_has_room(int needed);
   void forget_event(std::vector<EPG_cache*>* cache, int start_epoch, int dur_sec);
   void read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg);
 
@@ -349,8 +348,9 @@ class KELVO_EXPORT Sdbl {
   int epg_max_age;  // seconds
 
   // Guarded by the connection's mutex.
-  int64_t guide_room_ = 0;         // pages of the guide file that are known to be left
-  int64_t guide_room_looked_ = 0;  // when it was looked at, seconds since 1970
+  int64_t guide_room_ = 0;            // pages of the guide file that were left when it was looked at
+  int64_t guide_room_looked_ = 0;     // when that was, seconds since 1970
+  unsigned guide_pages_written_ = 0;  // and how many pages the connection had written by then
 
   std::mutex settings_lock_;      // guards what follows
   std::string eit_services_sql_;  // lists the services whose guide is collected

@@ -157,7 +157,7 @@ int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_c
   sqlite3_stmt* stmt = nullptr;
   int rc = SQLITE_FULL;
   const int pages = EVENT_PAGES + pages_of({content->c_str(), rating->c_str()});
-  if (guide_has_room(pages + ROOM_FOR_TEXTS, pages)) {
+  if (guide_has_room(pages + ROOM_FOR_TEXTS)) {
     stmt = sql_cache(false, 0, sql, channel, ymd_bcd, hms_bcd, start, dur_bcd, dur_sec, content->c_str(),
                      rating->c_str(), run_status, free_ca, ev_id, pat_prnr);
     rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
@@ -177,7 +177,7 @@ int Sdbl::insert_epglist_lang(int source_oid, const char* lang, const char* ev_n
   sqlite3_stmt* stmt = nullptr;
   int rc = SQLITE_FULL;
   const int pages = TEXT_PAGES + pages_of({lang, ev_name, ev_desc, ext_desc, ext_list});
-  if (guide_has_room(pages, pages)) {
+  if (guide_has_room(pages)) {
     stmt = sql_cache(false, 0,
                      "INSERT into epglist_lang (source_oid, lang, ev_name,  ev_desc, ext_desc, ext_list ) "
                      "VALUES ($source_oid, @lang,@ev_name, @ev_desc, @ext_desc, @ext_list)",

@@ -19,6 +19,14 @@ namespace {
 // How many pages are taken on trust before the file is looked at again; other programs may write to the same disk.
 constexpr int64_t MOST_ROOM = 1024;
 
+// Pages that the connection has written so far, wrapping around. The guide cannot have grown by more.
+unsigned pages_written(sqlite3* conn) {
+  int pages = 0;
+  int highest = 0;
+  (void)sqlite3_db_status(conn, SQLITE_DBSTATUS_CACHE_WRITE, &pages, &highest, 0);  // an existing connection answers
+  return static_cast<unsigned>(pages);
+}
+
 // The number that a pragma answers, -1 for none. Silent: a guide that cannot be read shows itself at the insert.
 int64_t pragma_number(sqlite3* conn, const char* name) {
   const std::string sql = std::string("PRAGMA ") + sdbl::EPG_SCHEMA + "." + name;
@@ -57,18 +65,18 @@ int64_t pages_left(sqlite3* conn) {
 
 }  // namespace
 
-bool Sdbl::guide_has_room(int needed, int taken) {
+bool Sdbl::guide_has_room(int needed) {
   Db_lock lock(db);
   const time_t now = time(nullptr);
-  if (now != guide_room_looked_ || guide_room_ < needed) {
+  const int64_t grown = pages_written(db) - guide_pages_written_;
+  if (now != guide_room_looked_ || guide_room_ - grown < needed) {
     guide_room_looked_ = now;
     int64_t left = pages_left(db);
     if (left >= 0 && left < needed && remove_old_entries(epg_max_age, false) > 0)
       left = pages_left(db);
     guide_room_ = left < 0 ? MOST_ROOM : std::min(left, MOST_ROOM);
+    guide_pages_written_ = pages_written(db);
+    return guide_room_ >= needed;
   }
-  if (guide_room_ < needed)
-    return false;
-  guide_room_ -= taken;
   return true;
 }

@@ -37,7 +37,7 @@ class Guide_export_done : public testing::Test {
     std::filesystem::create_directories("/dvbfiles");
     sdbl_ = std::make_unique<Sdbl>(dir_.file("a.db").c_str());
     const long now = time(nullptr);
-    for (const long start : {now - 100000, now - 1000, now + 1000}) {
+    for (const long start : {now - 86400 - 100, now - 86400 + 600, now + 1000}) {
       run(*sdbl_, "INSERT INTO epglist (channel, start_epoch) VALUES (1, " + std::to_string(start) + ")");
       run(*sdbl_, "INSERT INTO epglist_lang (source_oid, lang, ev_name) VALUES (last_insert_rowid(), 'eng', 'it''s')");
     }

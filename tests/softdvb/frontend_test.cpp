@@ -158,6 +158,9 @@ TEST_F(Frontend_open, not_tuned) {
   EXPECT_EQ(TRANSMISSION_MODE_AUTO, p.u.ofdm.transmission_mode);
   EXPECT_EQ(GUARD_INTERVAL_AUTO, p.u.ofdm.guard_interval);
   EXPECT_EQ(HIERARCHY_AUTO, p.u.ofdm.hierarchy_information);
+  EXPECT_EQ(0, reading<uint16_t>(fd, FE_READ_SIGNAL_STRENGTH));
+  EXPECT_EQ(0, reading<uint16_t>(fd, FE_READ_SNR));
+  EXPECT_EQ(static_cast<long>(0xFFFFFFFFu), reading<uint32_t>(fd, FE_READ_BER));
 }
 
 TEST_F(Frontend_tune, refuses_frequencies_out_of_range_and_keeps_the_old_tuning) {

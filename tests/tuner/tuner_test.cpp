@@ -78,6 +78,7 @@ TEST_F(Tuner_test, tuned_to_says_why_not_at_verbosity_3_and_ends_the_line_at_4) 
   EXPECT_EQ("", printed(2, ask(514000000)));
   signal("strength", 5 | 30 << 8);  // 39
   EXPECT_EQ("Strength 39.000000 below accepted 40.000000 ", printed(3, ask(FREQ)));
+  EXPECT_EQ("Strength 39.000000 below accepted 40.000000 \n", printed(4, ask(FREQ)));
   EXPECT_EQ("", printed(2, ask(FREQ)));
   signal("strength", 5 | 28 << 8);  // 40
   EXPECT_TRUE(tuner_->tuned_to(FREQ));

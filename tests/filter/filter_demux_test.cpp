@@ -95,10 +95,12 @@ TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   want(0x100, 0x02);
   std::string text = at_level(4, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(text, "setting HW for filter pid 256, fdes " + std::to_string(fd(1)) + "\nFilter TID is 2");
+  want(0x12, 0x50);
+  EXPECT_EQ(at_level(3, [&] { filter.recalculate_filters(); }), "");
   want(0x12, 0x4E);
   text = at_level(4, [&] { filter.recalculate_filters(); });
-  EXPECT_EQ(text, "setting HW for filter pid 18, fdes " + std::to_string(fd(2)) + "\nFilter TID is 4e +Fo012.4E." +
-                      std::to_string(fd(2)));
+  EXPECT_EQ(text, "setting HW for filter pid 18, fdes " + std::to_string(fd(3)) + "\nFilter TID is 4e +Fo012.4E." +
+                      std::to_string(fd(3)));
 }
 
 TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same) {

@@ -1,6 +1,7 @@
 // The guides of recorded streams, which are not part of the tree: without them these tests are skipped. What is stored
 // is compared with what another library finds in the recording, value by value. References hold a line a service, for
 // people to read: events, texts, and a checksum over starts, durations, genres, ratings, languages and texts.
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,10 @@ struct Recorded_guide {
   int turns;          // tunings until everything is there, at most
   double turn_s = 0;  // each begins so much later in the recording
 };
+
+std::ostream& operator<<(std::ostream& out, const Recorded_guide& guide) {
+  return out << guide.file;
+}
 
 class Guide_captures_test : public Scan_test, public testing::WithParamInterface<Recorded_guide> {
  protected:
@@ -88,6 +93,14 @@ INSTANTIATE_TEST_SUITE_P(
     Recorded, Guide_captures_test,
     testing::Values(
         Recorded_guide{"gr_crete_2023_complete.ts", "gr_crete_2023.txt", "1", {}, "fast", 8, 3},
+        Recorded_guide{"gr_crete_2023_noisy.si.ts",
+                       "gr_crete_2023_noisy.txt",
+                       "1 25",
+                       {9, 10, 11, 12, 20, 21, 22, 31, 32, 35, 40, 41},
+                       "600k",
+                       20,
+                       4,
+                       3.6},
         Recorded_guide{"fr_r4_paris_2019_si.ts",
                        "fr_r4_paris_2019.txt",
                        "1 25",

@@ -69,8 +69,11 @@ class Watch_clock : public testing::Test {
         SOFTDVB_COMMAND,       "--root", root(), "--time", how.speed, "--now", std::to_string(host_time), "--mux",
         "506000000=" + stream_};
     argv.insert(argv.end(), how.options.begin(), how.options.end());
-    argv.insert(argv.end(), {"--", "sh", "-c", "LD_PRELOAD=$0$LD_PRELOAD exec \"$@\"", how.preload, KELVO_COMMAND,
-                             "watch", "Laine", "--for", how.until.empty() ? how.seconds : "200s", "--db", db_});
+    argv.push_back("--");
+    if (!how.preload.empty())
+      argv.insert(argv.end(), {"sh", "-c", "LD_PRELOAD=$0:$LD_PRELOAD exec \"$@\"", how.preload});
+    argv.insert(argv.end(),
+                {KELVO_COMMAND, "watch", "Laine", "--for", how.until.empty() ? how.seconds : "200s", "--db", db_});
     argv.insert(argv.end(), how.arguments.begin(), how.arguments.end());
     support::Running_command running(argv, {{"TZ", zone}});
     if (!how.until.empty()) {
@@ -110,7 +113,7 @@ TEST_F(Watch_clock, a_right_clock_and_zone_are_not_worth_a_line) {
 
 TEST_F(Watch_clock, says_by_how_much_the_clock_was_set) {
   for (const int64_t off : {-3600, 3600}) {
-    const Lines lines = watch(NOW + off, "MSK-3", {.preload = MOVING_CLOCK ":", .until = " clock set by"});
+    const Lines lines = watch(NOW + off, "MSK-3", {.preload = MOVING_CLOCK, .until = " clock set by"});
     ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
     std::smatch by;
     ASSERT_TRUE(std::regex_match(lines[0], by, std::regex("clock set by ([+-][0-9]+) s"))) << lines[0];
@@ -136,7 +139,7 @@ TEST_F(Watch_clock, says_once_what_is_done_at_every_time_table) {
 }
 
 TEST_F(Watch_clock, says_that_a_clock_before_2000_is_set) {
-  const Lines lines = watch(1000, "MSK-3", {.preload = MOVING_CLOCK ":", .until = "clock set"});
+  const Lines lines = watch(1000, "MSK-3", {.preload = MOVING_CLOCK, .until = "clock set"});
   ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
   EXPECT_EQ(lines[0].substr(0, 19), "clock set by +17723") << lines[0];
   EXPECT_EQ(watch(1000, "MSK-3", {.until = STAYED}), Lines{STAYED});

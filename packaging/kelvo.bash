@@ -7,21 +7,40 @@ _kelvo() {
     --format)
       local formats="table json"
       [[ $command == epg ]] && formats+=" xmltv"
+      [[ $command == trace ]] && formats="tdi log json svg"
       mapfile -t COMPREPLY < <(compgen -W "$formats" -- "$word")
       return
       ;;
+    --from) mapfile -t COMPREPLY < <(compgen -W "auto little big log" -- "$word"); return ;;
+    --samples) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
     --day) mapfile -t COMPREPLY < <(compgen -W "today tomorrow yesterday" -- "$word"); return ;;
     --adapter) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3" -- "$word"); return ;;
     --freq | --for | --channel | --search | --lang) return ;;
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
-    options+=" scan channels epg watch"
+    options+=" scan channels epg watch trace"
   else
     case $command in
       scan) options="--adapter --freq --band --db --verbose --help" ;;
       channels) options="--db --format --help" ;;
       watch) options="--adapter --for --zone-of --db --help" ;;
+      trace)
+        options="--help"
+        if [[ $COMP_CWORD -eq 2 ]]; then
+          options+=" convert record demo"
+        else
+          case ${COMP_WORDS[2]} in
+            convert) options="--format --from --verbose --help" ;;
+            record) options="--format --adapter --freq --help" ;;
+            demo) options="--format --samples --help" ;;
+          esac
+          if [[ $word != -* ]]; then
+            mapfile -t COMPREPLY < <(compgen -f -- "$word")
+            return
+          fi
+        fi
+        ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
           options="--adapter --freq --all --for --db --help"

@@ -10,4 +10,8 @@ void add_scan(CLI::App& app, int* exit_code);
 void add_channels(CLI::App& app, int* exit_code);
 void add_epg(CLI::App& app, int* exit_code);
 void add_epg_update(CLI::App& epg, int* exit_code);
+void add_trace(CLI::App& app, int* exit_code);
+void add_trace_convert(CLI::App& trace, int* exit_code);
+void add_trace_demo(CLI::App& trace, int* exit_code);
+void add_trace_record(CLI::App& trace, int* exit_code);
 void add_watch(CLI::App& app, int* exit_code);

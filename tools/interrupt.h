@@ -1,5 +1,6 @@
 #pragma once
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -27,6 +28,11 @@ class Interrupt {
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
   int fd() const { return fd_; }
+  // Whether one has come, without waiting.
+  bool came() const {
+    pollfd wait{fd_, POLLIN, 0};
+    return poll(&wait, 1, 0) > 0;
+  }
 
  private:
   int fd_;

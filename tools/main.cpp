@@ -24,6 +24,7 @@ int run(int argc, char** argv) {
   (void)setlocale(LC_CTYPE, "C.UTF-8");
   // A reader that goes away is an error of fflush(), not a silent death.
   (void)signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGXFSZ, SIG_IGN);  // and so is a file that may not grow, of write()
 
   CLI::App app("Finds the services of digital terrestrial television and keeps the channel list and the guide.",
                "kelvo");
@@ -35,6 +36,7 @@ int run(int argc, char** argv) {
   add_channels(app, &exit_code);
   add_epg(app, &exit_code);
   add_watch(app, &exit_code);
+  add_trace(app, &exit_code);
 
   try {
     app.parse(argc, argv);
@@ -43,8 +45,9 @@ int run(int argc, char** argv) {
     return app.exit(request);
   } catch (const CLI::ParseError& error) {
     std::string command = "kelvo";
-    for (const CLI::App* sub : app.get_subcommands()) {
-      command += " " + sub->get_name();
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+      at = at->get_subcommands().front();
+      command += " " + at->get_name();
     }
     std::string text = error.what();
     if (app.get_subcommands().empty() && !app.remaining().empty()) {

@@ -215,7 +215,8 @@ TEST_F(Service_row, names_in_languages_in_a_program_loop_are_an_error) {
 
 TEST_F(Service_row, names_in_languages_whose_lengths_do_not_add_up_are_skipped) {
   for (const Bytes& body : {join({bytes("est"), {9}, bytes("abc")}), join({bytes("est"), sized("P")}),
-                            join({bytes("est"), sized("P"), {3}, bytes("ab")})})
+                            join({bytes("est"), sized("P"), {3}, bytes("ab")}),
+                            join({bytes("est"), sized("P"), sized("Whole"), bytes("rus"), {9}, bytes("cut")})})
     parse<MultilingualServiceNameDescriptor>(descriptor(0x5D, body), 7);
   EXPECT_THAT(rows("SELECT * FROM kanalid_lang_scan_0"), IsEmpty());
 }

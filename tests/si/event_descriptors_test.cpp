@@ -74,6 +74,16 @@ TEST_F(Event_descriptors, an_empty_short_event_leaves_what_was_there) {
   EXPECT_EQ(language("est")->ev_desc, "Text");
 }
 
+TEST_F(Event_descriptors, an_empty_part_of_a_short_event_leaves_what_was_there) {
+  parse<ShortEventDescriptor>(short_event("est", "Name", "Text"), 1);
+  parse<ShortEventDescriptor>(short_event("est", "Other", ""), 1);
+  EXPECT_EQ(language("est")->ev_name, "Other");
+  EXPECT_EQ(language("est")->ev_desc, "Text");
+  parse<ShortEventDescriptor>(short_event("est", "", "More"), 1);
+  EXPECT_EQ(language("est")->ev_name, "Other");
+  EXPECT_EQ(language("est")->ev_desc, "More");
+}
+
 TEST_F(Event_descriptors, a_short_event_without_name_says_so) {
   EXPECT_THAT(trace_of<ShortEventDescriptor>(short_event("est", "", "Text"), 1),
               testing::EndsWith("IsoLangcode est, EventName , Text Text\nshort event descriptor name is 0\n"));
@@ -118,6 +128,14 @@ TEST_F(Event_descriptors, an_extended_event_of_another_language_is_another_entry
   EXPECT_FALSE(language("rus")->started);
 }
 
+TEST_F(Event_descriptors, only_the_number_of_the_last_completes_it) {
+  for (const auto& [number, last] : std::vector<std::pair<int, int>>{{0, 1}, {2, 1}, {15, 14}, {0, 15}}) {
+    parse<ExtendedEventDescriptor>(extended_event(number, last, {}, "T"), 1);
+    EXPECT_TRUE(language("est")->started);
+    EXPECT_FALSE(language("est")->complete) << number << " of " << last;
+  }
+}
+
 TEST_F(Event_descriptors, the_last_descriptor_alone_completes_it) {
   parse<ExtendedEventDescriptor>(extended_event(2, 2, {}, "end"), 1);
   EXPECT_TRUE(language("est")->started);
@@ -151,8 +169,12 @@ TEST_F(Event_descriptors, an_extended_event_without_text_says_so_at_3) {
 
 TEST_F(Event_descriptors, an_extended_event_whose_items_do_not_add_up_is_skipped) {
   const Bytes broken = descriptor(0x4E, join({{0x00}, bytes("est"), {3}, {200, 'a', 'b'}, sized("T")}));
-  EXPECT_EQ(trace_of<ExtendedEventDescriptor>(broken, 1), parsing(0x4E, 1));
+  const Bytes cut =
+      descriptor(0x4E, join({{0x00}, bytes("est"), {7}, sized("Y"), sized("1"), {1, 'X', 9}, sized("T")}));
+  for (const Bytes& raw : {broken, cut})
+    EXPECT_EQ(trace_of<ExtendedEventDescriptor>(raw, 1), parsing(0x4E, 1));
   EXPECT_FALSE(language("est")->started);
+  EXPECT_EQ(language("est")->ext_list, "") << "the whole item before the broken one is skipped with it";
 }
 
 // --- Content and rating ----------------------------------------------------------------------------------------------

@@ -58,6 +58,23 @@ TEST_F(Hostile, broken_sections_of_every_known_kind) {
   expect_a_whole_scan();
 }
 
+TEST_F(Hostile, sections_that_could_harm_a_parser_reach_none) {
+  parser.start_eit_scan(FREQ, SCAN_EIT);
+  for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
+    SCOPED_TRACE(row.legend);
+    const bool refused = row.verdict == dvbsi_test::Verdict::REFUSED;
+    if (row.section[0] == 0x41)
+      continue;  // no parser takes it
+    const std::string all = at_level(4, [&] { throw_at_parser(row.section, pid_of(row.section)); });
+    EXPECT_EQ(all.find("Section dropped: ") != std::string::npos, refused);
+    if (refused) {
+      EXPECT_EQ(all.find("Parsing descriptor"), std::string::npos);
+    }
+    EXPECT_EQ(at_level(3, [&] { throw_at_parser(row.section, pid_of(row.section)); }).find("dropped"),
+              std::string::npos);
+  }
+}
+
 TEST_F(Hostile, lengths_that_no_table_can_have) {
   for (int id = 0; id < 256; ++id) {
     for (int length : {0, 1, 4, 5, 8, 9, 12, 13, 0x3FD, 0xFFD, 0xFFE, 0xFFF}) {

@@ -82,6 +82,11 @@ TEST_F(Nit, names_whose_lengths_do_not_add_up_are_skipped) {
   EXPECT_EQ(text("SELECT network_name FROM kanalid_scan_0"), "Net");
 }
 
+TEST_F(Nit, names_before_one_whose_length_does_not_add_up_are_skipped_with_it) {
+  scan(nit(0x3001, descriptor(0x5B, join({bytes("est"), sized("Whole"), bytes("rus"), {9}, bytes("cut")})), {}), 16);
+  EXPECT_THAT(rows("SELECT * FROM kanalid_lang_scan_0"), IsEmpty());
+}
+
 TEST_F(Nit, a_channel_number_is_stored_for_the_service_of_its_network_and_stream) {
   const std::string all = at_level(4, [&] {
     scan(nit(0x3001, {}, {{TS_ID, 0x20, lcn({{1, 0xFC05}, {2, 0x7C00 | 1023}, {9, 0xFC09}})}}), 16);
@@ -220,6 +225,19 @@ TEST_F(Sdt, services_of_another_frequency_do_not_keep_it_open) {
   db.pat_for_network(0, TYPE, CONN, FREQ + 8000000, 1, TS_ID, 0x100);
   scan(sdt({{1, service_descriptor(1, "P", "One")}, {2, service_descriptor(1, "P", "Two")}}), 17);
   EXPECT_THAT(filters(), IsEmpty());
+}
+
+TEST_F(Sdt, each_adapter_looks_at_its_own_services) {
+  db.create_temp_tables(2);
+  Siparse third(&filter, 2, CONN, TYPE, &db);
+  const auto scan_third = [&](Bytes section, int pid) {
+    third.scan_assembled_section(reinterpret_cast<char*>(section.data()), pid, FREQ, nullptr, SCAN_PAT);
+  };
+  scan_third(pat({{1, 0x100}}), 0);
+  scan_third(sdt({{1, service_descriptor(1, "P", "One")}}), 17);
+  EXPECT_THAT(filters(), Not(Contains(Filter(17, 0x42)))) << "though the first adapter's have no names";
+  EXPECT_THAT(rows("SELECT serv_name FROM kanalid_scan_2"), ElementsAre("One"));
+  EXPECT_THAT(rows("SELECT channel FROM kanalid_scan_0 WHERE serv_name = 'One'"), IsEmpty());
 }
 
 TEST_F(Sdt, every_service_is_traced_at_4) {

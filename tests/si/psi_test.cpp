@@ -120,6 +120,14 @@ TEST_F(Pmt, the_attributes_of_one_stream_do_not_reach_the_next) {
   EXPECT_THAT(rows(streams), ElementsAre("1|258|6|-2147483647|AC3|est ||0|0|258|259", "1|259|3|0||||0|0|0|0"));
 }
 
+TEST_F(Pmt, the_languages_of_one_stream_do_not_reach_the_next) {
+  scan(pat({{1, 0x100}}), 0);
+  const Bytes languages = descriptor(0x0A, join({bytes("est"), {0}, bytes("rus"), {3}}));
+  scan(pmt(1, 0x101, {{0x03, 0x103, languages}, {0x03, 0x104, {}}, {0x03, 0x105, languages}}), 0x100);
+  EXPECT_THAT(rows("SELECT es_pid, languages, lang_codes FROM estreams_scan_0"),
+              ElementsAre("259|est rus |0 3 ", "260||", "261|est rus |0 3 "));
+}
+
 TEST_F(Pmt, two_languages_of_a_stream_are_joined_with_blanks) {
   scan(pat({{1, 0x100}}), 0);
   const Bytes languages = descriptor(0x0A, join({bytes("est"), {0}, bytes("rus"), {3}}));
@@ -282,6 +290,17 @@ TEST_F(Pmt_refresh, a_program_that_is_not_listed_closes_the_filter_with_a_warnin
   EXPECT_EQ(streams(), 0);
   filter.addfilter(0x300, 2, FREQ);
   EXPECT_EQ(at_level(0, [&] { scan(pmt(3, 0x301, {{2, 0x301, {}}}), 0x300, SCAN_PMT); }), "");
+}
+
+TEST_F(Pmt_refresh, in_other_states_the_list_is_not_looked_at) {
+  for (SCAN_STATE state : {SCAN_NONE, SCAN_PAT, SCAN_EIT}) {
+    filter.remove_all();
+    filter.addfilter(0x300, 2, FREQ);
+    db.clear_temp_tables(0);
+    EXPECT_EQ(at_level(1, [&] { scan(pmt(3, 0x301, {{2, 0x301, {}}}), 0x300, state); }), "");
+    EXPECT_EQ(streams(), 1) << state;
+    EXPECT_THAT(filters(), IsEmpty());
+  }
 }
 
 TEST_F(Pmt_refresh, in_a_full_scan_the_version_is_not_looked_at) {

@@ -93,10 +93,18 @@ std::string Running_command::err() const {
 }
 
 bool Running_command::wait_for_err(const std::string& text) {
+  return wait_for(err_file_, text);
+}
+
+bool Running_command::wait_for_out(const std::string& text) {
+  return wait_for(out_file_, text);
+}
+
+bool Running_command::wait_for(int file, const std::string& text) {
   const auto end = std::chrono::steady_clock::now() + PATIENCE;
-  while (err().find(text) == std::string::npos) {
+  while (contents(file).find(text) == std::string::npos) {
     if (ended() || std::chrono::steady_clock::now() > end) {
-      return err().find(text) != std::string::npos;
+      return contents(file).find(text) != std::string::npos;
     }
     std::this_thread::sleep_for(LOOK_INTERVAL);
   }
@@ -115,10 +123,10 @@ Command_result run_command(const std::vector<std::string>& argv, const Environme
   return Running_command(argv, env).wait();
 }
 
-Command_result run_on_terminal(const std::vector<std::string>& argv, const Environment& env, int columns) {
+Command_result run_on_terminal(const std::vector<std::string>& argv, const Environment& env, int columns, int lines) {
   winsize size{};
   size.ws_col = static_cast<unsigned short>(columns);
-  size.ws_row = 50;
+  size.ws_row = static_cast<unsigned short>(lines);
   int terminal = -1;
   (void)fflush(nullptr);
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);

@@ -20,8 +20,9 @@ using Environment = std::map<std::string, std::string>;  // added to this proces
 // Runs `argv` to its end, standard input empty.
 Command_result run_command(const std::vector<std::string>& argv, const Environment& env = {});
 
-// The same on a terminal of its own, `columns` wide: `out` is all that appears on it, `err` is empty.
-Command_result run_on_terminal(const std::vector<std::string>& argv, const Environment& env = {}, int columns = 100);
+// The same on a terminal of its own, so large: `out` is all that appears on it, `err` is empty.
+Command_result run_on_terminal(const std::vector<std::string>& argv, const Environment& env = {}, int columns = 100,
+                               int lines = 50);
 
 // A program that runs on; its output goes to files that can be read meanwhile. Killed, if it still runs, at the end.
 class Running_command {
@@ -34,12 +35,14 @@ class Running_command {
   pid_t pid() const { return pid_; }
   std::string out() const;
   std::string err() const;
-  // Waits until standard error holds `text`; false when the program ended, or 30 s went by, without it.
+  // Waits until standard error, or output, holds `text`; false when the program ended, or 30 s went by, without it.
   bool wait_for_err(const std::string& text);
+  bool wait_for_out(const std::string& text);
   Command_result wait();
 
  private:
   bool ended();
+  bool wait_for(int file, const std::string& text);
 
   pid_t pid_ = -1;
   int out_file_ = -1;

@@ -152,16 +152,14 @@ void list_channels(const Channels_options& options) {
     for (const Service& service : services) {
       out.push_back(to_json(service));
     }
-    fmt::print("{}\n", out.dump(2));
+    console::print(out.dump(2) + "\n", "the list");
   } else {
     print_table(services);
     if (services.empty()) {
       console::say(fmt::format("No channels in {} yet; 'kelvo scan' finds them.", file));
     }
   }
-  if (fflush(stdout) != 0) {
-    throw Failure("cannot write the list: " + std::string(strerror(errno)));
-  }
+  console::finish_printing("the list");
 }
 
 }  // namespace

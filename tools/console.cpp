@@ -5,10 +5,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
+#include <fmt/format.h>
 #include <kelvo/kelvo.h>
 
 #include "tools/failure.h"
@@ -30,9 +33,11 @@ void write_all(std::string_view text) {
   }
 }
 
+constexpr const char* EVENT_REFUSED = "ERROR: eit_for_service: rc is ";
+
 // Result code in a line such as "ERROR: SQL_exec: 13 @ ..." or "ERROR: SQLite RUN rc 13 at ...", else 0.
 int result_code(const std::string& line) {
-  for (const char* start : {"ERROR: SQL_exec: ", "ERROR: SQLite RUN rc ", "ERROR: SQLite reset rc "}) {
+  for (const char* start : {"ERROR: SQL_exec: ", "ERROR: SQLite RUN rc ", "ERROR: SQLite reset rc ", EVENT_REFUSED}) {
     const size_t at = line.find(start);
     if (at != std::string::npos) {
       return std::atoi(line.c_str() + at + std::string_view(start).size());
@@ -51,6 +56,21 @@ void say(std::string_view text) {
   write_all(std::string(text) + "\n");
 }
 
+void print(std::string_view text, const std::string& what) {
+  if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+    throw Failure(fmt::format("cannot write {}: {}", what, strerror(errno)));
+  }
+}
+
+void finish_printing(const std::string& what) {
+  if (fflush(stdout) != 0) {
+    throw Failure(fmt::format("cannot write {}: {}", what, strerror(errno)));
+  }
+  if (ferror(stdout) != 0) {
+    throw Failure("cannot write " + what);
+  }
+}
+
 bool is_terminal() {
   return isatty(own_stderr) == 1;
 }
@@ -58,6 +78,11 @@ bool is_terminal() {
 int width() {
   winsize size{};
   return ioctl(own_stderr, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+int height() {
+  winsize size{};
+  return ioctl(own_stderr, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
 }
 
 Quiet_library::Quiet_library(int verbosity) {
@@ -104,6 +129,17 @@ int Quiet_library::database_failure() {
   return failure_;
 }
 
+void Quiet_library::check_written(const std::string& file) {
+  const int code = database_failure();
+  if (code == SQLITE_FULL && guide_) {
+    throw Failure(file + ": no room for more events: the disk is full, or the guide is as large as it may be");
+  }
+  if (code != 0) {
+    throw Failure(
+        fmt::format("{}: cannot be written: {}", file, code == SQLITE_FULL ? "disk full" : sqlite3_errstr(code)));
+  }
+}
+
 void Quiet_library::look_through(std::string_view messages) {
   for (const char c : messages) {
     if (c != '\n') {
@@ -114,6 +150,7 @@ void Quiet_library::look_through(std::string_view messages) {
     if (failure_ == 0 && (code == SQLITE_FULL || code == SQLITE_IOERR || code == SQLITE_READONLY ||
                           code == SQLITE_CORRUPT || code == SQLITE_NOTADB)) {
       failure_ = code;
+      guide_ = line_.find(EVENT_REFUSED) != std::string::npos;
     }
     if (listener_) {
       listener_(line_);

@@ -14,9 +14,16 @@ void say(std::string_view text);
 // The same without the line break: for the progress line.
 void put(std::string_view text);
 
-// Whether the command's standard error is a terminal, and how many columns it has.
+// Writes `text`, part of `what` ("the guide"), to standard output. Throws Failure when it cannot.
+void print(std::string_view text, const std::string& what);
+
+// Hands what has been printed over to the reader. Throws Failure when any of `what` could not be written.
+void finish_printing(const std::string& what);
+
+// Whether the command's standard error is a terminal, and how many columns and lines it has.
 bool is_terminal();
 int width();
+int height();
 
 // Takes the library's messages away during its life.
 class Quiet_library {
@@ -35,6 +42,9 @@ class Quiet_library {
   // input/output error, damaged), or 0. Reads what the library has said up to now.
   int database_failure();
 
+  // Throws Failure, naming `file`, after such a failure.
+  void check_written(const std::string& file);
+
  private:
   void look_through(std::string_view messages);
 
@@ -42,6 +52,7 @@ class Quiet_library {
   std::string line_;
   std::function<void(const std::string&)> listener_;
   int failure_ = 0;
+  bool guide_ = false;  // it was an event that was refused
 };
 
 }  // namespace console

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "tools/console.h"
 #include "tools/local_time.h"
 #include "tools/table.h"
 
@@ -143,7 +144,7 @@ void print_guide_json(const std::vector<Guide_event>& events, const std::map<int
     }
     out.push_back(std::move(one));
   }
-  fmt::print("{}\n", out.dump(2));
+  console::print(out.dump(2) + "\n", "the guide");
 }
 
 void print_guide_xmltv(const std::vector<Guide_event>& events, const std::vector<Service>& services) {
@@ -172,5 +173,5 @@ void print_guide_xmltv(const std::vector<Guide_event>& events, const std::vector
   }
   std::ostringstream out;
   document.save(out, "  ");
-  fmt::print("{}", out.str());
+  console::print(out.str(), "the guide");
 }

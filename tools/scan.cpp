@@ -1,5 +1,4 @@
 #include <poll.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <cstring>
@@ -50,7 +49,6 @@ class Scan {
   void work();
   void handle(const Scan_event& event);
   void draw();
-  void check_writable();
 
   std::string db_;
   std::vector<int> freqs_;
@@ -77,7 +75,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
     throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
   }
   try {
-    check_writable();
+    quiet_.check_written(db_);
   } catch (const Failure&) {
     database.reset();
     if (!exists) {
@@ -105,7 +103,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   print_report(stdout, lines_, before, reader_->services(false));
   const bool printed = fflush(stdout) == 0;
   adapters_.clear();
-  check_writable();
+  quiet_.check_written(db_);
   if (!printed) {
     throw Failure("cannot write the report: " + std::string(strerror(errno)));
   }
@@ -174,14 +172,6 @@ void Scan::draw() {
     strength = std::max(strength, adapters_[adapter]->strength());
   }
   progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
-}
-
-void Scan::check_writable() {
-  const int code = quiet_.database_failure();
-  if (code != 0) {
-    throw Failure(
-        fmt::format("{}: cannot be written: {}", db_, code == SQLITE_FULL ? "disk full" : sqlite3_errstr(code)));
-  }
 }
 
 int scan(const Scan_options& options) {

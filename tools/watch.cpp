@@ -1,5 +1,4 @@
 #include <poll.h>
-#include <sqlite3.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,9 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -32,6 +34,9 @@
 namespace {
 
 constexpr int LOOK_INTERVAL_MS = 500;
+// How long the tuner may take before the lack of a lock is worth saying.
+constexpr std::chrono::seconds LOCK_PATIENCE{2};
+constexpr int FULL_LOCK = 0x1F;
 constexpr int FIRST_FREQ = 474'000'000;  // where a new Kelvo tunes to
 constexpr int OTHER_FREQ = 482'000'000;
 constexpr const char* ZONE_FILE = "/dvbfiles/localtime";  // where the library puts the zone of the broadcast
@@ -39,14 +44,15 @@ constexpr const char* ZONE_FILE = "/dvbfiles/localtime";  // where the library p
 struct Watch_options {
   std::string channel;
   int adapter = 0;
-  std::string time;
+  std::optional<std::string> time;
   std::string db;
   std::string zone_of;
 };
 
 // What callbacks, which come from the library's threads, leave for the watching one.
 std::atomic<int> changes{0};
-std::atomic<int> quality{-1};  // 0 lost, 1 good; -1 nothing new
+std::mutex quality_mutex;
+std::vector<unsigned> quality_events;  // 0 lost, 1 good
 int wake_fd = -1;
 
 void wake() {
@@ -59,15 +65,16 @@ void on_change(int code) {
 }
 
 void on_quality(unsigned event, void*) {
-  quality = event == 0 ? 0 : 1;
+  {
+    const std::lock_guard lock(quality_mutex);
+    quality_events.push_back(event);
+  }
   wake();
 }
 
 void say(const std::string& text) {
-  fmt::print("{} {}\n", local_time(time(nullptr), "%H:%M:%S"), text);
-  if (fflush(stdout) != 0) {
-    throw Failure("cannot write: " + std::string(strerror(errno)));
-  }
+  console::print(fmt::format("{} {}\n", local_time(time(nullptr), "%H:%M:%S"), text), "the changes");
+  console::finish_printing("the changes");
 }
 
 // How far the clock of the day is from the one that nobody sets.
@@ -186,14 +193,15 @@ void Time_watch::look_at_zone() {
 
 class Watch {
  public:
-  Watch(const Service& service, std::string db) : service_(service), guide_(db), db_(std::move(db)) {}
+  Watch(const Service& service, std::string db) : service_(service), db_(std::move(db)) {}
 
   void run(int adapter, int seconds, const std::string& zone_of);
 
  private:
   void request(Kelvo* kelvo);
+  bool listen_to_quality(Kelvo* kelvo, bool late) const;
   void look();
-  int stored() const { return events_of(guide_.counts()); }
+  int stored() const { return events_of(guide_->counts()); }
   static int events_of(const std::map<int, int>& counts) {
     int all = 0;
     for (const auto& [channel, count] : counts) {
@@ -203,7 +211,7 @@ class Watch {
   }
 
   Service service_;
-  Guide_db guide_;
+  std::unique_ptr<Guide_db> guide_;
   std::string db_;
   int events_ = 0;
   Time_watch time_;
@@ -236,6 +244,8 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   if (!zone_of.empty()) {
     database->set_preferred_provider(zone_of.c_str());
   }
+  quiet.check_written(db_);
+  guide_ = std::make_unique<Guide_db>(db_);
   events_ = stored();
   quiet.listen(VERB_PROGRESS, [this](const std::string& line) { time_.hear(line); });
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
@@ -244,18 +254,30 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   request(&kelvo);
   say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
   const auto begun = std::chrono::steady_clock::now();
+  bool listening = false;
   pollfd waits[] = {{wake_fd, POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
   while ((waits[1].revents & POLLIN) == 0 &&
          (seconds == 0 || std::chrono::steady_clock::now() - begun < std::chrono::seconds(seconds))) {
     (void)poll(waits, 2, LOOK_INTERVAL_MS);
     eventfd_t count = 0;
     (void)eventfd_read(wake_fd, &count);
-    look();
-    if (const int code = quiet.database_failure(); code != 0) {
-      throw Failure(fmt::format("{}: cannot be written: {}", db_, sqlite3_errstr(code)));
+    if (!listening) {
+      listening = listen_to_quality(&kelvo, std::chrono::steady_clock::now() - begun > LOCK_PATIENCE);
     }
+    look();
+    quiet.check_written(db_);
   }
   say(fmt::format("stopped, {} events in the guide", stored()));
+}
+
+// The monitor tells nothing until it is reset, and while the tuner is on its way to the channel there is nothing to
+// tell. True when it has been reset.
+bool Watch::listen_to_quality(Kelvo* kelvo, bool late) const {
+  const bool received = kelvo->fe_freq() == service_.freq && (kelvo->fe_status() & FULL_LOCK) == FULL_LOCK;
+  if (received || late) {
+    (void)kelvo->reset_signal_monitor();
+  }
+  return received || late;
 }
 
 void Watch::look() {
@@ -271,15 +293,19 @@ void Watch::look() {
     say(fmt::format("guide grown to {} events ({:+})", now, now - events_));
     events_ = now;
   }
-  const int event = quality.exchange(-1);
-  if (event >= 0) {
+  std::vector<unsigned> events;
+  {
+    const std::lock_guard lock(quality_mutex);
+    events.swap(quality_events);
+  }
+  for (const unsigned event : events) {
     say(event == 0 ? "quality lost" : "quality back");
   }
   time_.look();
 }
 
 void watch(const Watch_options& options) {
-  const int seconds = options.time.empty() ? 0 : parse_duration(options.time, "--for");
+  const int seconds = options.time ? parse_duration(*options.time, "--for") : 0;
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
   const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
@@ -308,7 +334,7 @@ void add_watch(CLI::App& app, int* exit_code) {
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"
-      "the broadcast sets clock or time zone. Ctrl-C ends it.\n"
+      "the broadcast sets clock or time zone. Ctrl-C ends it. Exit code: 0 ended, 1 failed, 2 wrong arguments.\n"
       "\n"
       "Example:\n"
       "  kelvo watch 1");

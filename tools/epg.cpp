@@ -6,6 +6,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <tuple>
@@ -21,16 +22,17 @@
 #include "tools/find_channel.h"
 #include "tools/guide_db.h"
 #include "tools/local_time.h"
+#include "tools/text.h"
 
 namespace {
 
 struct Epg_options {
-  std::string channel;
+  std::optional<std::string> channel;
   bool now = false;
   bool next = false;
-  std::string day;
-  std::string search;
-  std::string languages;
+  std::optional<std::string> day;
+  std::optional<std::string> search;
+  std::optional<std::string> languages;
   std::string format = "table";
   std::string db;
 };
@@ -38,7 +40,7 @@ struct Epg_options {
 std::vector<std::string> split_languages(const std::string& list) {
   std::vector<std::string> out;
   std::istringstream parts(list);
-  for (std::string part; std::getline(parts, part, ',');) {
+  for (std::string part; std::getline(parts, part, ',') || out.empty();) {
     if (part.size() != 3 ||
         part.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
       throw Failure(
@@ -60,7 +62,7 @@ bool mentions(const Guide_event& event, const std::string& text) {
 
 // Leaves what the options ask for. `events` are those that have not ended at `now`, or those of the day.
 void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* events) {
-  const std::string search = lower_case(options.search);
+  const std::string search = lower_case(clean_text(options.search.value_or("")));
   std::set<int> seen;  // channels whose next event has been found
   const auto unwanted = [&](const Guide_event& event) {
     if (options.now) {
@@ -81,19 +83,28 @@ void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* e
 }
 
 void show_guide(const Epg_options& options) {
-  const std::vector<std::string> languages = split_languages(options.languages);
+  std::vector<std::string> languages;
+  if (options.languages) {
+    languages = split_languages(*options.languages);
+  }
+  if (options.search && clean_text(*options.search).empty()) {
+    throw Failure("--search: give a text to look for", EXIT_USAGE);
+  }
+  if (options.channel && options.channel->empty()) {
+    throw Failure("--channel: give a number or a name", EXIT_USAGE);
+  }
   const int64_t now = time(nullptr);
   std::pair<int64_t, int64_t> range{now, std::numeric_limits<int64_t>::max()};
-  if (!options.day.empty()) {
-    range = parse_day(options.day);
+  if (options.day) {
+    range = parse_day(*options.day);
   }
   const std::string file = options.db.empty() ? default_database() : options.db;
   std::vector<Service> services = Channel_db(file).services(true);
   std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
     return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
   });
-  if (!options.channel.empty()) {
-    services = {Service(find_channel(services, options.channel, "--channel"))};
+  if (options.channel) {
+    services = {Service(find_channel(services, *options.channel, "--channel"))};
   }
   std::map<int, Service> by_row;
   std::map<int, size_t> places;
@@ -113,16 +124,14 @@ void show_guide(const Epg_options& options) {
   } else if (options.format == "xmltv") {
     print_guide_xmltv(events, services);
   } else {
-    print_guide_table(events, by_row, !options.channel.empty());
+    print_guide_table(events, by_row, options.channel.has_value());
     if (events.empty()) {
       console::say(guide.counts().empty()
                        ? fmt::format("No guide in {} yet; 'kelvo epg update' collects it.", guide.file())
                        : "No such events in the guide; 'kelvo epg update' collects newer ones.");
     }
   }
-  if (fflush(stdout) != 0) {
-    throw Failure("cannot write the guide: " + std::string(strerror(errno)));
-  }
+  console::finish_printing("the guide");
 }
 
 }  // namespace

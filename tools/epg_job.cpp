@@ -71,6 +71,8 @@ std::string outcome_text(Guide_outcome outcome) {
       return "no MPEG stream";
     case Guide_outcome::NO_SERVICES:
       return "no services";
+    case Guide_outcome::OUT_OF_RANGE:
+      return "out of the frontend's range";
   }
   return "";
 }
@@ -91,6 +93,16 @@ int Guide_work::take(const Frontend_info& frontend) {
     }
   }
   return -1;
+}
+
+void Guide_work::leave_out_unreceivable(const std::vector<Frontend_info>& frontends) {
+  const std::lock_guard lock(mutex_);
+  for (Guide_multiplex& multiplex : multiplexes_) {
+    if (std::none_of(frontends.begin(), frontends.end(),
+                     [&multiplex](const Frontend_info& frontend) { return receives(frontend, multiplex.freq); })) {
+      multiplex.outcome = Guide_outcome::OUT_OF_RANGE;
+    }
+  }
 }
 
 int Guide_work::freq(int place) const {

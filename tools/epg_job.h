@@ -20,7 +20,18 @@ struct Guide_progress {
   Guide_state state = Guide_state::COLLECTING;
 };
 
-enum class Guide_outcome { WAITING, RUNNING, DONE, TIME_UP, NOTHING_NEW, NO_LOCK, NO_STREAM, NO_SERVICES, STOPPED };
+enum class Guide_outcome {
+  WAITING,
+  RUNNING,
+  DONE,
+  TIME_UP,
+  NOTHING_NEW,
+  NO_LOCK,
+  NO_STREAM,
+  NO_SERVICES,
+  OUT_OF_RANGE,
+  STOPPED
+};
 
 std::string outcome_text(Guide_outcome outcome);
 
@@ -40,6 +51,8 @@ class Guide_work {
 
   // The place of a multiplex that nobody has taken and this frontend receives, now taken; -1 for none.
   int take(const Frontend_info& frontend);
+  // Ends every multiplex that no frontend receives.
+  void leave_out_unreceivable(const std::vector<Frontend_info>& frontends);
   int freq(int place) const;
   // When this multiplex must end so that the others get their share.
   Clock::time_point share_ends();

@@ -1,11 +1,11 @@
 #include <poll.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include <CLI/CLI.hpp>
@@ -18,6 +18,7 @@
 #include "tools/console.h"
 #include "tools/epg_job.h"
 #include "tools/failure.h"
+#include "tools/guide_db.h"
 #include "tools/interrupt.h"
 #include "tools/local_time.h"
 #include "tools/progress_lines.h"
@@ -35,11 +36,21 @@ struct Update_options {
   std::vector<int> adapters;
   std::vector<int> freqs;
   bool all = false;
-  std::string time;
+  std::optional<std::string> time;
   std::string db;
 };
 
-std::string guide_text_of(const Guide_progress& progress) {
+// "at table 0x50 of 0x51"; what is not announced yet is left out.
+std::string place_of(const EIT_progress& service) {
+  if (service.table == 0) {
+    return "not begun";
+  }
+  const std::string of = service.last_table >= service.table ? fmt::format(" of 0x{:02X}", service.last_table) : "";
+  return fmt::format("at table 0x{:02X}{}", service.table, of);
+}
+
+// What there is of the guide of a service; of an unfinished one also why.
+std::string guide_text_of(const Guide_progress& progress, Guide_outcome outcome) {
   switch (progress.state) {
     case Guide_state::COMPLETE:
       return "complete";
@@ -48,8 +59,13 @@ std::string guide_text_of(const Guide_progress& progress) {
     case Guide_state::COLLECTING:
       break;
   }
-  return progress.service.table == 0 ? "not begun"
-                                     : fmt::format("incomplete, at table 0x{:02X}", progress.service.table);
+  return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(outcome));
+}
+
+// The table reached, and the last one, in a fixed width.
+std::string table_of(const EIT_progress& service) {
+  const auto number = [](int table) { return table == 0 ? std::string("   -") : fmt::format("0x{:02X}", table); };
+  return number(service.table) + "/" + number(service.last_table);
 }
 
 std::string bar(const Guide_progress& progress) {
@@ -68,7 +84,7 @@ class Update {
   Update(std::string db, std::vector<int> freqs, int seconds)
       : db_(std::move(db)), freqs_(std::move(freqs)), seconds_(seconds), quiet_(-1) {}
 
-  int run(const std::map<int, Frontend_info>& frontends);
+  int run(const std::map<int, Frontend_info>& frontends, bool exists);
 
  private:
   void work();
@@ -77,7 +93,6 @@ class Update {
   void say_news();
   std::string name_of(int channel) const;
   void report();
-  void check_writable();
 
   std::string db_;
   std::vector<int> freqs_;
@@ -86,6 +101,7 @@ class Update {
   console::Quiet_library quiet_;
   std::unique_ptr<Channel_db> reader_;
   std::map<int, Service> services_;
+  std::map<int, int> before_;  // events by channel
   std::unique_ptr<Guide_work> work_;
   std::vector<std::unique_ptr<Guide_adapter>> adapters_;
   std::vector<Guide_multiplex> seen_;
@@ -95,18 +111,32 @@ class Update {
   bool interrupted_ = false;
 };
 
-int Update::run(const std::map<int, Frontend_info>& frontends) {
+int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  before_ = Guide_db(db_).counts();
   std::unique_ptr<Sdbl> database;
   try {
     database = std::make_unique<Sdbl>(db_.c_str());
   } catch (const no_file_error& error) {
     throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
   }
-  check_writable();
+  try {
+    quiet_.check_written(db_);
+  } catch (const Failure&) {
+    database.reset();
+    if (!exists) {
+      remove_database(db_);
+    }
+    throw;
+  }
   constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
   database->set_eit_service_types(TYPES, std::size(TYPES));
   reader_ = std::make_unique<Channel_db>(db_);
   work_ = std::make_unique<Guide_work>(freqs_, seconds_, frontends.size());
+  std::vector<Frontend_info> infos;
+  for (const auto& [number, frontend] : frontends) {
+    infos.push_back(frontend);
+  }
+  work_->leave_out_unreceivable(infos);
   for (const auto& [number, frontend] : frontends) {
     adapters_.push_back(std::make_unique<Guide_adapter>(number, frontend, database.get(), work_.get()));
   }
@@ -119,10 +149,8 @@ int Update::run(const std::map<int, Frontend_info>& frontends) {
   seen_ = work_->multiplexes();
   say_news();
   report();
-  if (fflush(stdout) != 0) {
-    throw Failure("cannot write the report: " + std::string(strerror(errno)));
-  }
-  check_writable();
+  console::finish_printing("the report");
+  quiet_.check_written(db_);
   if (interrupted_) {
     console::say("kelvo: interrupted; what was collected is kept");
     return EXIT_INTERRUPTED;
@@ -174,8 +202,8 @@ void Update::draw() {
                                               }),
                                 seen_.size()));
     for (const Guide_progress& progress : multiplex.services) {
-      lines.push_back(fmt::format("  [{}] {:5} events  0x{:02X}  {}", bar(progress), progress.service.events,
-                                  progress.service.table, name_of(progress.service.channel)));
+      lines.push_back(fmt::format("  [{}] {:5} events  {}  {}", bar(progress), progress.service.events,
+                                  table_of(progress.service), name_of(progress.service.channel)));
     }
   }
   lines_.draw(lines);
@@ -207,8 +235,8 @@ void Update::say_news() {
       }
       std::string& said = said_[progress.service.channel];
       if (said.empty()) {
-        said = fmt::format("{}: {}, {} events", name_of(progress.service.channel), guide_text_of(progress),
-                           progress.service.events);
+        said = fmt::format("{}: {}, {} events", name_of(progress.service.channel),
+                           guide_text_of(progress, multiplex.outcome), progress.service.events);
         console::say(said);
       }
     }
@@ -226,6 +254,7 @@ void Update::report() {
   int complete = 0;
   int services = 0;
   int events = 0;
+  int news = 0;
   for (const Guide_multiplex& multiplex : seen_) {
     if (multiplex.services.empty()) {
       table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex.outcome)});
@@ -234,26 +263,20 @@ void Update::report() {
       const auto known = services_.find(progress.service.channel);
       const int lcn = known == services_.end() ? NO_LCN : known->second.lcn;
       table.add({mhz(multiplex.freq), lcn == NO_LCN ? "-" : std::to_string(lcn), name_of(progress.service.channel),
-                 std::to_string(progress.service.events), guide_text_of(progress)});
+                 std::to_string(progress.service.events), guide_text_of(progress, multiplex.outcome)});
+      const auto old = before_.find(progress.service.channel);
       ++services;
       complete += progress.state != Guide_state::COLLECTING ? 1 : 0;
       events += progress.service.events;
+      news += std::max(0, progress.service.events - (old == before_.end() ? 0 : old->second));
     }
   }
   table.print(stdout);
-  fmt::print("\n{} of {} services done, {} events.\n", complete, services, events);
-}
-
-void Update::check_writable() {
-  const int code = quiet_.database_failure();
-  if (code != 0) {
-    throw Failure(
-        fmt::format("{}: cannot be written: {}", db_, code == SQLITE_FULL ? "disk full" : sqlite3_errstr(code)));
-  }
+  fmt::print("\n{} of {} services done, {} events, {} of them new.\n", complete, services, events, news);
 }
 
 int update(const Update_options& options) {
-  const int given_time = options.time.empty() ? 0 : parse_duration(options.time, "--for");
+  const int given_time = options.time ? parse_duration(*options.time, "--for") : 0;
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
   std::set<int> freqs(options.freqs.begin(), options.freqs.end());
@@ -274,9 +297,9 @@ int update(const Update_options& options) {
   if (options.db.empty()) {
     make_folders_for(db);
   }
-  (void)check_database(db);
+  const bool exists = check_database(db);
   const int seconds = given_time > 0 ? given_time : DEFAULT_TIME_S * static_cast<int>(freqs.size());
-  return Update(db, {freqs.begin(), freqs.end()}, seconds).run(frontends);
+  return Update(db, {freqs.begin(), freqs.end()}, seconds).run(frontends, exists);
 }
 
 }  // namespace
@@ -292,8 +315,8 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
       ->type_name("TIME");
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
-      "Ends when every service has all that its network announces, or when the time is up; Ctrl-C keeps what was\n"
-      "stored. Exit code: 0 done, 1 failed, 2 wrong arguments, 130 interrupted.\n"
+      "Ends when every service has all that its network announces, or when the time is up; says what is there and\n"
+      "what is not. Ctrl-C keeps what was stored. Exit code: 0 ended, 1 failed, 2 wrong arguments, 130 interrupted.\n"
       "\n"
       "Examples:\n"
       "  kelvo epg update\n"

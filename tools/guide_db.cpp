@@ -39,9 +39,9 @@ constexpr std::array<const char*, 12> GENRES = {"",
                                                 "Leisure hobbies",
                                                 "Special characteristics"};
 
-// From ISO-8859-`part`; empty when that does not work.
-std::string from_iso8859(int part, std::string_view text) {
-  const iconv_t converter = iconv_open("UTF-8", ("ISO-8859-" + std::to_string(part)).c_str());
+// From the character table `table`, as iconv names it; empty when that does not work.
+std::string from_table(const std::string& table, std::string_view text) {
+  const iconv_t converter = iconv_open("UTF-8", table.c_str());
   if (converter == reinterpret_cast<iconv_t>(-1)) {
     return {};
   }
@@ -55,6 +55,27 @@ std::string from_iso8859(int part, std::string_view text) {
   (void)iconv_close(converter);
   out.resize(good ? out.size() - room : 0);
   return out;
+}
+
+// Takes the bytes that select a character table (EN 300 468, A.2) off the front of `text` and gives the table's name;
+// empty, and nothing taken, where there are none or the table needs no conversion.
+std::string take_table(std::string_view* text) {
+  const auto byte = [text](size_t i) { return i < text->size() ? static_cast<unsigned char>((*text)[i]) : 0U; };
+  const unsigned selector = byte(0);
+  std::string table;
+  size_t size = 1;
+  if (selector >= 0x01 && selector <= 0x0B) {
+    table = "ISO-8859-" + std::to_string(selector + 4);
+  } else if (selector == 0x10 && byte(1) == 0 && byte(2) >= 1 && byte(2) <= 15) {
+    table = "ISO-8859-" + std::to_string(byte(2));
+    size = 3;
+  } else if (selector >= 0x12 && selector <= 0x14) {
+    table = selector == 0x12 ? "EUC-KR" : selector == 0x13 ? "GB2312" : "BIG5";
+  }
+  if (!table.empty()) {
+    text->remove_prefix(std::min(size, text->size()));
+  }
+  return table;
 }
 
 // Where the description ends that stands twice at the start of `text`, with a colon behind it: the size of one of them,
@@ -100,16 +121,13 @@ std::vector<std::pair<std::string, int>> ratings(const std::string& text) {
 }  // namespace
 
 std::string guide_text(std::string_view text) {
-  if (!text.empty() && text[0] >= 0x01 && text[0] <= 0x0B) {
-    const std::string_view rest = text.substr(1);
-    const std::string clean = clean_text(rest);
-    if (clean.find("\xEF\xBF\xBD") == std::string::npos) {
-      return clean;  // It is UTF-8, only the byte was left.
-    }
-    const std::string converted = from_iso8859(text[0] + 4, rest);
-    return converted.empty() ? clean : clean_text(converted);
+  const std::string table = take_table(&text);
+  const std::string clean = clean_text(text);
+  if (table.empty() || clean.find("\xEF\xBF\xBD") == std::string::npos) {
+    return clean;  // It is UTF-8, only the selector was left.
   }
-  return clean_text(text);
+  const std::string converted = from_table(table, text);
+  return converted.empty() ? clean : clean_text(converted);
 }
 
 std::vector<std::pair<std::string, std::string>> split_items(std::string_view list) {
@@ -164,6 +182,12 @@ Guide_db::Guide_db(const std::string& channel_file) {
   try {
     Statement tables(connection_, file_, "SELECT 1 FROM sqlite_master WHERE type = 'table';");
     if (tables.step()) {
+      Statement guide(
+          connection_, file_,
+          "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('epglist', 'epglist_lang');");
+      if (!guide.step() || guide.number(0) != 2) {
+        throw Failure(fmt::format("{}: not a programme guide; name another file with --db", file_));
+      }
       const Statement events(connection_, file_, EVENT_COLUMNS);
       const Statement texts(connection_, file_, TEXT_COLUMNS);
       return;

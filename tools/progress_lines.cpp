@@ -1,5 +1,6 @@
 #include "tools/progress_lines.h"
 
+#include <algorithm>
 #include <cwchar>
 
 #include "tools/console.h"
@@ -35,8 +36,10 @@ void Progress_lines::draw(const std::vector<std::string>& lines) {
     out = "\x1B[" + std::to_string(drawn_) + "A\r\x1B[J";
   }
   drawn_ = 0;
+  // What has scrolled away cannot be written over, so one line stays free for the cursor.
+  const size_t most = std::min(MOST_LINES, static_cast<size_t>(std::max(1, console::height() - 1)));
   for (const std::string& line : lines) {
-    if (drawn_ == MOST_LINES) {
+    if (drawn_ == most) {
       break;
     }
     out += cut(line, console::width() - 1) + "\n";

@@ -1,6 +1,10 @@
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,8 +15,8 @@
 #include "support/support.h"
 #include "tools/prepared_db.h"
 
-// `kelvo epg` on prepared databases. The time of day is not asked for where the output depends on it; the zone is set
-// for the command only.
+// `kelvo epg` on prepared databases. What is on now is asked of events that begin hours around the test's own time; the
+// zone is set for the command only.
 
 namespace {
 
@@ -42,6 +46,19 @@ class Epg : public testing::Test {
   Command_result epg(std::vector<std::string> arguments, const std::string& zone = "UTC") const {
     arguments.insert(arguments.begin(), {KELVO_COMMAND, "epg", "--db", db_});
     return run_command(arguments, {{"TZ", zone}});
+  }
+  // By the DTD, where xmllint and the DTD are installed; else at least well-formed to the eye of this test.
+  void expect_valid_xmltv(const std::string& text) const {
+    EXPECT_EQ(text.find('\x1B'), std::string::npos);
+    EXPECT_TRUE(text.ends_with("</tv>\n") || text.ends_with("<tv generator-info-name=\"kelvo\" />\n")) << text;
+    const std::string dtd = "/usr/share/xmltv/xmltv.dtd";
+    if (access(dtd.c_str(), R_OK) != 0 || access("/usr/bin/xmllint", X_OK) != 0) {
+      GTEST_SKIP() << "needs xmllint and the DTD";
+    }
+    support::write_file(dir_.file("guide.xml"), text);
+    const Command_result check =
+        run_command({"/usr/bin/xmllint", "--noout", "--dtdvalid", dtd, dir_.file("guide.xml")});
+    EXPECT_EQ(check.exit_code, 0) << check.err << text;
   }
 
   support::Temp_dir dir_;
@@ -166,13 +183,7 @@ TEST_F(Epg, xmltv_is_valid) {
   EXPECT_NE(result.out.find("start=\"20400324223000 +0000\" stop=\"20400325000000 +0000\""), std::string::npos);
   EXPECT_NE(result.out.find("&lt;b&gt;&amp;\""), std::string::npos);
   EXPECT_EQ(result.out.find('\x1B'), std::string::npos);
-  const std::string dtd = "/usr/share/xmltv/xmltv.dtd";
-  if (access(dtd.c_str(), R_OK) != 0 || access("/usr/bin/xmllint", X_OK) != 0) {
-    GTEST_SKIP() << "needs xmllint and the DTD";
-  }
-  support::write_file(dir_.file("guide.xml"), result.out);
-  const Command_result check = run_command({"/usr/bin/xmllint", "--noout", "--dtdvalid", dtd, dir_.file("guide.xml")});
-  EXPECT_EQ(check.exit_code, 0) << check.err;
+  expect_valid_xmltv(result.out);
 }
 
 TEST_F(Epg, update_wants_a_time_and_known_channels) {
@@ -195,6 +206,419 @@ TEST_F(Epg, watch_wants_a_known_channel) {
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "kelvo: channel Olematu: no such channel; 'kelvo channels' lists them\n");
+}
+
+// A guide of a few events around the present time, or of such as a test puts in.
+class Empty_guide : public Epg {
+ protected:
+  void SetUp() override { make_prepared_db(db_); }
+
+  void add(int channel, int64_t start, int duration, const std::string& title, const std::string& description = "",
+           const std::string& language = "est") {
+    run_sql(guide_, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec, content_id, rating) VALUES (" +
+                        std::to_string(channel) + ", 1, " + std::to_string(start) + ", " + std::to_string(duration) +
+                        ", '0.0.0.0', '0@est');");
+    add_text(title, description, language);
+  }
+  // In one more language, to the last event.
+  void add_text(const std::string& title, const std::string& description, const std::string& language) {
+    run_sql(guide_,
+            "INSERT INTO epglist_lang (source_oid, lang, ev_name, ev_desc, ext_desc, ext_list) "
+            "VALUES ((SELECT max(entry) FROM epglist), " +
+                blob(language) + ", " + blob(title) + ", " + blob(description) + ", '', '');");
+  }
+  // Any bytes as SQL text.
+  static std::string blob(const std::string& bytes) {
+    std::string out = "CAST(x'";
+    char digits[3];
+    for (const char c : bytes) {
+      snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      out += digits;
+    }
+    return out + "' AS TEXT)";
+  }
+  static std::string utc(int64_t epoch, const char* format) {
+    const auto time = static_cast<time_t>(epoch);
+    tm parts{};
+    char text[32];
+    return {text, strftime(text, sizeof text, format, gmtime_r(&time, &parts))};
+  }
+  // "2026-03-01  18:00-19:00"
+  static std::string times(int64_t start, int duration) {
+    return utc(start, "%Y-%m-%d  %H:%M-") + utc(start + duration, "%H:%M");
+  }
+  // The titles that are printed, in order; the search must find them all.
+  std::vector<std::string> titles(const std::vector<std::string>& arguments, const std::string& zone = "UTC") {
+    std::vector<std::string> all{"--format", "json"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const Command_result result = epg(all, zone);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    std::vector<std::string> out;
+    for (const auto& event : nlohmann::json::parse(result.out)) {
+      out.push_back(event["texts"].empty() ? "" : event["texts"][0]["title"]);
+    }
+    return out;
+  }
+  using Titles = std::vector<std::string>;
+};
+
+constexpr int HOUR = 3600;
+
+TEST_F(Empty_guide, now_and_next_are_of_every_channel) {
+  const int64_t hour = time(nullptr) / 60 * 60;
+  add(1, hour - 3 * HOUR, 2 * HOUR, "Lõppenud");
+  add(1, hour - HOUR, 2 * HOUR, "Praegune", "Käib");
+  add(1, hour + HOUR, HOUR, "Järgmine", "Tuleb");
+  add(1, hour + 2 * HOUR, HOUR, "Hiljem");
+  add(2, hour + 5 * HOUR, HOUR, "Pärast pausi");
+  add(3, hour - HOUR, 3 * HOUR, "Ainult nüüd");
+  Command_result result = epg({"--now"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out,
+            "LCN  CHANNEL    DATE        TIME         TITLE        TEXT\n"
+            "  3  Žluťoučký  " +
+                times(hour - HOUR, 3 * HOUR) +
+                "  Ainult nüüd  -\n"
+                " 12  Kuldnokk   " +
+                times(hour - HOUR, 2 * HOUR) + "  Praegune     Käib\n");
+  result = epg({"--next"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out,
+            "LCN  CHANNEL   DATE        TIME         TITLE         TEXT\n"
+            " 12  Kuldnokk  " +
+                times(hour + HOUR, HOUR) +
+                "  Järgmine      Tuleb\n"
+                "  -  Raadio    " +
+                times(hour + 5 * HOUR, HOUR) + "  Pärast pausi  -\n");
+  EXPECT_EQ(titles({"--channel", "raadio", "--next"}), Titles{"Pärast pausi"});
+  result = epg({"--channel", "raadio", "--now"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "No such events in the guide; 'kelvo epg update' collects newer ones.\n");
+  EXPECT_EQ(titles({}), (Titles{"Ainult nüüd", "Praegune", "Järgmine", "Hiljem", "Pärast pausi"}));
+}
+
+TEST_F(Empty_guide, days_can_be_named) {
+  const int64_t noon = time(nullptr) / 86400 * 86400 + 12 * HOUR;
+  add(1, noon - 86400, HOUR, "Eile");
+  add(1, noon, HOUR, "Täna");
+  add(1, noon + 86400, HOUR, "Homme");
+  EXPECT_EQ(titles({"--day", "yesterday"}), Titles{"Eile"});
+  EXPECT_EQ(titles({"--day", "today"}), Titles{"Täna"});
+  EXPECT_EQ(titles({"--day", "tomorrow"}), Titles{"Homme"});
+}
+
+TEST_F(Empty_guide, a_day_ends_where_the_next_begins) {
+  const int64_t midnight = 2216246400;  // 2040-03-25 00:00 UTC
+  add(1, midnight - HOUR, HOUR, "Kuni südaööni");
+  add(1, midnight - 60, 120, "Üle südaöö");
+  add(1, midnight, 60, "Südaööst");
+  add(2, midnight, 0, "Kestuseta");
+  add(1, midnight - 2 * 86400, 4 * 86400, "Mitu päeva");
+  EXPECT_EQ(titles({"--day", "2040-03-24"}), (Titles{"Mitu päeva", "Kuni südaööni", "Üle südaöö"}));
+  EXPECT_EQ(titles({"--day", "2040-03-25"}), (Titles{"Mitu päeva", "Üle südaöö", "Südaööst", "Kestuseta"}));
+}
+
+// A day of 25 hours, one of 23, zones far from UTC, and one where summer time begins at midnight, which then is not.
+TEST_F(Empty_guide, days_are_as_long_as_in_the_readers_zone) {
+  const struct {
+    const char* zone;
+    const char* day;
+    int64_t begin;
+    int hours;
+  } cases[] = {
+      {"CET-1CEST,M3.5.0,M10.5.0/3", "2040-10-28", 2234988000, 25},
+      {"CET-1CEST,M3.5.0,M10.5.0/3", "2040-03-25", 2216242800, 23},
+      {"EET-2EEST,M4.5.5/0,M10.5.4/24", "2040-04-27", 2219090400, 23},
+      {"<+14>-14", "2040-03-25", 2216246400 - 14 * HOUR, 24},
+      {"<-1130>11:30", "2040-03-25", 2216246400 + 11 * HOUR + HOUR / 2, 24},
+  };
+  for (const auto& c : cases) {
+    run_sql(guide_, "DELETE FROM epglist; DELETE FROM epglist_lang;");
+    add(1, c.begin - 60, 60, "enne");
+    add(1, c.begin, 60, "esimene");
+    add(1, c.begin + c.hours * HOUR - 60, 60, "viimane");
+    add(1, c.begin + c.hours * HOUR, 60, "pärast");
+    EXPECT_EQ(titles({"--day", c.day}, c.zone), (Titles{"esimene", "viimane"})) << c.zone << c.day;
+  }
+}
+
+TEST_F(Empty_guide, the_hour_that_comes_twice_is_shown_twice) {
+  add(1, 2234995200, HOUR, "Suvel");  // 2040-10-28 00:00 UTC
+  add(1, 2234998800, HOUR, "Talvel");
+  const Command_result result = epg({}, "CET-1CEST,M3.5.0,M10.5.0/3");
+  EXPECT_EQ(result.out,
+            "LCN  CHANNEL   DATE        TIME         TITLE   TEXT\n"
+            " 12  Kuldnokk  2040-10-28  02:00-02:00  Suvel   -\n"
+            " 12  Kuldnokk  2040-10-28  02:00-03:00  Talvel  -\n");
+  const nlohmann::json events = nlohmann::json::parse(epg({"--format", "json"}, "CET-1CEST,M3.5.0,M10.5.0/3").out);
+  EXPECT_EQ(events[0]["start"], "2040-10-28T02:00:00+0200");
+  EXPECT_EQ(events[1]["start"], "2040-10-28T02:00:00+0100");
+  EXPECT_NE(epg({"--format", "xmltv"}, "CET-1CEST,M3.5.0,M10.5.0/3")
+                .out.find("start=\"20401028020000 +0200\" stop=\"20401028020000 +0100\""),
+            std::string::npos);
+}
+
+TEST_F(Empty_guide, search_takes_every_character_as_it_is) {
+  int64_t start = 2216246400;
+  const char* const all[] = {"100% tõde", "100 tõde", "a_b",   "axb",      "L'amour",  "Lamour", "x\"y",
+                             "C:\\kino",  "*tähed*",  "[a-z]", "ÕHTU ŽÄR", "ΑΣΤΕΡΙΑΣ", "Щука"};
+  for (const char* title : all) {
+    add(1, start, HOUR, title);
+    start += HOUR;
+  }
+  const struct {
+    const char* text;
+    Titles found;
+  } cases[] = {
+      {"%", {"100% tõde"}},
+      {"0% T", {"100% tõde"}},
+      {"_", {"a_b"}},
+      {"'", {"L'amour"}},
+      {"'; DROP TABLE epglist; --", {}},
+      {"\"", {"x\"y"}},
+      {"\\", {"C:\\kino"}},
+      {"*", {"*tähed*"}},
+      {"[a", {"[a-z]"}},
+      {".", {}},
+      {"õhtu žär", {"ÕHTU ŽÄR"}},
+      {"αστερ", {"ΑΣΤΕΡΙΑΣ"}},
+      {"ЩУКА", {"Щука"}},
+      {"\xC3", {}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(titles({"--search", c.text}), c.found) << c.text;
+  }
+}
+
+TEST_F(Empty_guide, search_looks_into_every_text_and_language_but_not_into_the_past) {
+  const int64_t now = time(nullptr);
+  add(1, now - 4 * HOUR, HOUR, "otsitav");
+  add(1, now - HOUR, 2 * HOUR, "Käib", "OTSITAV");
+  add(2, now + HOUR, HOUR, "Tuleb");
+  add_text("Coming", "the otsitav one", "eng");
+  add(2, now + 2 * HOUR, HOUR, "Pikk");
+  run_sql(guide_, "UPDATE epglist_lang SET ext_list = 'RollRoll:Otsitav,' WHERE ev_name = 'Pikk';");
+  add(3, now + HOUR, HOUR, "Muu");
+  EXPECT_EQ(titles({"--search", "otsitav"}), (Titles{"Käib", "Tuleb", "Pikk"}));
+  EXPECT_EQ(titles({"--search", "otsitav", "--channel", "#2"}), (Titles{"Tuleb", "Pikk"}));
+}
+
+TEST_F(Empty_guide, languages_come_in_the_order_asked_for) {
+  add(1, 2216246400, HOUR, "Eesti", "", "est");
+  add_text("English", "", "eng");
+  add_text("", "без названия", "rus");
+  add(1, 2216250000, HOUR, "Česky", "", "CZE");
+  const struct {
+    const char* list;
+    Titles titles;
+  } cases[] = {
+      {"est", {"Eesti", "Česky"}},       {"eng", {"English", "Česky"}},
+      {"eng,est", {"English", "Česky"}}, {"fin,swe", {"Eesti", "Česky"}},
+      {"cze,eng", {"English", "Česky"}}, {"rus,eng", {"English", "Česky"}},  // a language without a title is no help
+      {"Est,CZE", {"Eesti", "Česky"}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(titles({"--lang", c.list}), c.titles) << c.list;
+  }
+}
+
+TEST_F(Empty_guide, texts_that_kept_their_selector_or_control_codes_are_clean) {
+  const struct {
+    const char* legend;
+    std::string stored;
+    const char* shown;
+  } cases[] = {
+      {"UTF-8 with its selector", "\x15Õhtu", "Õhtu"},
+      {"one-byte table 5", "\x05\xFD", "ı"},
+      {"one-byte table 5, converted already", "\x05ı", "ı"},
+      {"three-byte table 2", std::string("\x10\x00\x02\xE8", 4), "č"},
+      {"three-byte table 16 is none", std::string("\x10\x00\x10\xE8", 4), "\xEF\xBF\xBD"},
+      {"cut behind the first of three", "\x10", "-"},
+      {"two bytes a character", std::string("\x11\x04\x29", 3), "Щ"},
+      {"Korean", "\x12\xC7\xD1", "한"},
+      {"Chinese", "\x13\xD6\xD0", "中"},
+      {"Chinese, traditional", "\x14\xA4\xA4", "中"},
+      {"a table that nobody knows", "\x1F\x01\x61", "a"},
+      {"emphasis of one-byte tables", "a\xC2\x86ko\xC2\x87z", "akoz"},
+      {"line break of one-byte tables", "a\xC2\x8Az", "a z"},
+      {"emphasis of other tables", "a\xEE\x82\x86ko\xEE\x82\x87z", "akoz"},
+      {"line break of other tables", "a\xEE\x82\x8Az", "a z"},
+      {"other codes of that range", "a\xEE\x82\x80\xEE\x82\x9F\xC2\x80\xC2\x9Fz", "az"},
+      {"selector only", "\x05", "-"},
+  };
+  for (const auto& c : cases) {
+    run_sql(guide_, "DELETE FROM epglist; DELETE FROM epglist_lang;");
+    add(1, 2216246400, HOUR, c.stored);
+    const std::string out = epg({}).out;
+    const std::string row = " 12  Kuldnokk  2040-03-25  00:00-01:00  " + std::string(c.shown);
+    EXPECT_NE(out.find("\n" + row + " "), std::string::npos) << c.legend << "\n" << out;
+  }
+}
+
+const std::string HOSTILE =
+    "a\x1B[2J\x1B]0;evil\x07\nb\r\tc\x08\x7F\xC2\x9B"
+    "31m\xE2\x80\xAE\xE2\x80\xA8"
+    "d\xEF\xBF\xBE\xEF\xBF\xBF]]>&<\"'\xFF\xC0\x80\xED\xA0\x80z";
+
+TEST_F(Empty_guide, hostile_texts_stay_in_their_line) {
+  add(1, 2216246400, HOUR, HOSTILE, HOSTILE, HOSTILE);
+  add(1, 2216250000, HOUR, "järgmine");
+  for (const std::string& out : {epg({}).out, epg({"--channel", "#1"}).out}) {
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 3) << out;
+    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](char c) {
+      return c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != '\x7F');
+    })) << out;
+    EXPECT_NE(out.find("00:00-01:00  a[2J]0;evil b  c31m d"), std::string::npos) << out;
+    for (const char* never : {"\xC2\x9B", "\xE2\x80\xAE", "\xE2\x80\xA8", "\xED\xA0\x80"}) {
+      EXPECT_EQ(out.find(never), std::string::npos);
+    }
+  }
+}
+
+TEST_F(Empty_guide, hostile_texts_leave_json_and_xmltv_valid) {
+  run_sql(db_, "UPDATE kanalid SET serv_name = " + blob(HOSTILE) + " WHERE channel = 1;");
+  run_sql(db_, "INSERT INTO kanalid_lang (source_oid, lang, serv_name) VALUES (1, " + blob(HOSTILE) + ", 'x');");
+  add(1, 2216246400, HOUR, HOSTILE, HOSTILE, HOSTILE);
+  run_sql(guide_, "UPDATE epglist SET rating = " + blob("0B@" + HOSTILE + " ") +
+                      ", content_id = " + blob("1.x " + HOSTILE + " zz 99999999999999999999.1 ") + ";");
+  run_sql(guide_, "UPDATE epglist_lang SET ext_desc = " + blob(HOSTILE) +
+                      ", ext_list = " + blob(HOSTILE + HOSTILE + ":" + HOSTILE + ",") + ";");
+  const Command_result json = epg({"--format", "json"});
+  EXPECT_EQ(json.exit_code, 0) << json.err;
+  const nlohmann::json events = nlohmann::json::parse(json.out);
+  ASSERT_EQ(events.size(), 1U);
+  const std::string title = events[0]["texts"][0]["title"];
+  EXPECT_TRUE(title.starts_with("a[2J]0;evil b  c31m d")) << title;
+  const Command_result xmltv = epg({"--format", "xmltv"});
+  EXPECT_EQ(xmltv.exit_code, 0) << xmltv.err;
+  expect_valid_xmltv(xmltv.out);
+}
+
+TEST_F(Empty_guide, an_empty_guide_is_shown_as_such) {
+  const Command_result table = epg({});
+  EXPECT_EQ(table.exit_code, 0);
+  EXPECT_EQ(table.out, "");
+  EXPECT_EQ(table.err, "No guide in " + guide_ + " yet; 'kelvo epg update' collects it.\n");
+  EXPECT_EQ(epg({"--format", "json"}).out, "[]\n");
+  EXPECT_EQ(epg({"--format", "json"}).err, "");
+  const Command_result xmltv = epg({"--format", "xmltv"});
+  EXPECT_NE(xmltv.out.find("<channel id=\"1.kelvo\">"), std::string::npos);
+  EXPECT_EQ(xmltv.out.find("<programme"), std::string::npos);
+  expect_valid_xmltv(xmltv.out);
+  run_sql(db_, "DELETE FROM kanalid;");
+  expect_valid_xmltv(epg({"--format", "xmltv"}).out);
+}
+
+TEST_F(Empty_guide, a_narrow_terminal_breaks_texts_only) {
+  add(1, 2216246400, HOUR, "Pealkiri", "üks kaks kolm neli viis kuus seitse kaheksa üheksa kümme üksteist kaksteist");
+  const Command_result result = support::run_on_terminal({KELVO_COMMAND, "epg", "--db", db_}, {{"TZ", "UTC"}}, 80);
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_NE(result.out.find(" 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri  üks kaks"), std::string::npos)
+      << result.out;
+  EXPECT_GT(std::count(result.out.begin(), result.out.end(), '\n'), 2);
+}
+
+TEST_F(Empty_guide, output_that_cannot_be_written_is_an_error) {
+  for (int i = 0; i < 100; ++i) {
+    add(1, 2216246400 + i * HOUR, HOUR, "Pealkiri", std::string(200, 'x'));
+  }
+  for (const char* format : {"table", "json", "xmltv"}) {
+    const Command_result result = run_command(
+        {"sh", "-c", std::string(KELVO_COMMAND) + " epg --db " + db_ + " --format " + format + " >/dev/full"});
+    EXPECT_EQ(result.exit_code, 1) << format;
+    EXPECT_EQ(result.err, "kelvo: cannot write the guide: No space left on device\n") << format;
+  }
+}
+
+struct Epg_usage_case {
+  std::vector<std::string> arguments;
+  std::string err;
+};
+
+void PrintTo(const Epg_usage_case& c, std::ostream* out) {
+  *out << c.err;
+}
+
+class Epg_usage : public testing::TestWithParam<Epg_usage_case> {};
+
+// Before any database is looked at.
+TEST_P(Epg_usage, is_one_line_and_exit_2) {
+  const support::Temp_dir dir;
+  std::vector<std::string> argv{KELVO_COMMAND, "epg", "--db", dir.file("missing.db")};
+  argv.insert(argv.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+  const Command_result result = run_command(argv);
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "kelvo: " + GetParam().err + "\n");
+}
+
+const std::string NOT_A_LIST = ": not a list of languages; give codes of three letters, such as est,eng";
+const std::string EPG_HELP = " (see 'kelvo epg --help')";
+
+const Epg_usage_case EPG_USAGE[] = {
+    {{"--lang", ""}, "--lang " + NOT_A_LIST},
+    {{"--lang", ","}, "--lang ," + NOT_A_LIST},
+    {{"--lang", "est,,eng"}, "--lang est,,eng" + NOT_A_LIST},
+    {{"--lang", "est eng"}, "--lang est eng" + NOT_A_LIST},
+    {{"--lang", "e1t"}, "--lang e1t" + NOT_A_LIST},
+    {{"--lang", "et"}, "--lang et" + NOT_A_LIST},
+    {{"--day", ""}, "--day : not a date; give YYYY-MM-DD, today, tomorrow or yesterday"},
+    {{"--search", ""}, "--search: give a text to look for"},
+    {{"--search", " \n"}, "--search: give a text to look for"},
+    {{"--channel", ""}, "--channel: give a number or a name"},
+    {{"--format", "html"}, "--format: html not in {table,json,xmltv}" + EPG_HELP},
+    {{"--now", "--next"}, "--now excludes --next" + EPG_HELP},
+    {{"--now", "--day", "today"}, "--now excludes --day" + EPG_HELP},
+    {{"--next", "--search", "x"}, "--next excludes --search" + EPG_HELP},
+    {{"--search"}, "--search: 1 required TEXT missing" + EPG_HELP},
+    {{"today"}, "The following argument was not expected: today" + EPG_HELP},
+};
+
+INSTANTIATE_TEST_SUITE_P(arguments, Epg_usage, testing::ValuesIn(EPG_USAGE));
+
+TEST_F(Epg, files_that_cannot_be_read_are_one_line) {
+  const std::string channels = support::read_file(db_);
+  const std::string whole = support::read_file(guide_);
+  const std::string other = dir_.file("other.db");
+  run_sql(other, "CREATE TABLE recipes (name text);");
+  const struct {
+    const char* legend;
+    std::string guide;
+    std::string err;
+  } cases[] = {
+      {"a guide cut off", whole.substr(0, 6000),
+       guide_ + ": the database is damaged; restore a copy, or move it away and scan again"},
+      {"another program's", support::read_file(other), guide_ + ": not a programme guide; name another file with --db"},
+  };
+  for (const auto& c : cases) {
+    support::write_file(guide_, c.guide);
+    for (const char* format : {"table", "json", "xmltv"}) {
+      const Command_result result = epg({"--format", format});
+      EXPECT_EQ(result.exit_code, 1) << c.legend;
+      EXPECT_EQ(result.out, "");
+      EXPECT_EQ(result.err, "kelvo: " + c.err + "\n");
+    }
+    EXPECT_EQ(support::read_file(guide_), c.guide);
+  }
+  std::filesystem::remove(guide_);
+  std::filesystem::create_directory(guide_);
+  EXPECT_EQ(epg({}).err, "kelvo: " + guide_ + ": not a file; name another one with --db\n");
+  std::filesystem::remove(db_);
+  const Command_result missing = epg({});
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_EQ(missing.err, "kelvo: " + db_ + ": No such file or directory; make it with 'kelvo scan'\n");
+}
+
+// An empty file becomes a guide when it is first written to.
+TEST_F(Epg, a_guide_of_no_bytes_is_an_empty_one) {
+  support::write_file(guide_, "");
+  const Command_result result = epg({});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err, "No guide in " + guide_ + " yet; 'kelvo epg update' collects it.\n");
+  EXPECT_EQ(support::read_file(guide_), "");
 }
 
 }  // namespace

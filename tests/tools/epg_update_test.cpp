@@ -41,7 +41,7 @@ TEST_F(Epg_update, now_and_next_are_collected_where_a_scan_cannot_complete) {
       "506.000 MHz   12  Luide Film        2  no schedule sent, now and next only\n"
       "506.000 MHz  201  Raadio Meri       0  nothing sent\n"
       "\n"
-      "3 of 3 services done, 4 events.\n",
+      "3 of 3 services done, 4 events, 4 of them new.\n",
       update.out);
   EXPECT_EQ("101|2\n102|2\n", sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"));
 }

@@ -55,7 +55,7 @@ TEST(Recorded_guide, every_event_is_collected_once_and_shown_with_its_greek_titl
             "498.000 MHz   11  Service 40     138  complete\n"
             "498.000 MHz   12  Service 41     143  complete\n"
             "\n"
-            "12 of 12 services done, 1559 events.\n");
+            "12 of 12 services done, 1559 events, 1559 of them new.\n");
   const std::vector<std::string> recorded = scan_support::recorded_guide(recording);
   scan_support::expect_same_guide(recorded, support::query_database(db, scan_support::STORED_GUIDE));
 

@@ -404,7 +404,7 @@ TEST_F(Scan, the_guide_of_what_was_found_is_collected) {
             "474.000 MHz    6  Синій Їжак        60  complete\n"
             "474.000 MHz    7  Филин ТВ          60  complete\n"
             "\n"
-            "7 of 7 services done, 572 events.\n");
+            "7 of 7 services done, 572 events, 572 of them new.\n");
 }
 
 }  // namespace

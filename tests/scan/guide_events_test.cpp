@@ -120,7 +120,7 @@ TEST_F(Guide_events_test, two_languages_genres_ratings_and_scrambling) {
                     "texts": [{ "language": "rus", "name": "Вечерний фильм", "text": "Перед жюри.",
                                 "charset": "iso8859-5" }],
                     "extended": [{ "language": "rus", "text": "Длинный текст.", "charset": "iso8859-5" },
-                                 { "language": "est", "text": "Pikk tekst." }],
+                                 { "language": "est", "text": "Pikk lugu." }],
                     "content": ["0x10", { "type": "0x25", "user": "0xAB" }],
                     "rating": [{ "country": "EST", "age": 12 }, { "country": "LVA", "value": 0 }] },
                   { "start": "now+30m", "duration": "1h", "name": "Ainult eesti keeles" }])");
@@ -129,7 +129,7 @@ TEST_F(Guide_events_test, two_languages_genres_ratings_and_scrambling) {
       "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n",
       events_of_101());
   EXPECT_EQ(
-      "101|1|est|Õhtune film|Žürii ees.|Pikk tekst.|\n"
+      "101|1|est|Õhtune film|Žürii ees.|Pikk lugu.|\n"
       "101|1|rus|Вечерний фильм|Перед жюри.|Длинный текст.|\n"
       "101|2|est|Ainult eesti keeles|||\n",
       texts_of_101());

@@ -52,6 +52,7 @@ TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_orde
                                 "verbosity 1\n"
                                 "wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64\n"
                                 "progress 0\n"
+                                "sleep 10\n"
                                 "verbosity 0\n",
                             10);
   EXPECT_EQ(
@@ -102,7 +103,7 @@ TEST_F(Guide_tables_test, table_that_nobody_sends_is_never_left) {
 
 TEST_F(Guide_tables_test, service_without_present_event_is_killed_when_its_timer_has_less_than_a_second_left) {
   const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
-                            std::string(COLLECT) + "wait_table 0 50 30\nprogress 0\nsleep 3\n", 4);
+                            std::string(COLLECT) + "wait_table 0 50 30\nprogress 0\nsleep 4\n", 4);
   EXPECT_EQ("reached\nguide 101 table 50/0 active 1 done 0 events 2\nguide 102 table 50/0 active 1 done 0 events 0\n",
             scan.lines({"reached", "not", "guide"}));
   EXPECT_EQ("Kill scan for service 102 , Laine TV table 4e, ttl 10\n", lines_with(scan.err, {"Kill"}))
@@ -117,7 +118,7 @@ TEST_F(Guide_tables_test, service_without_schedule_is_killed_after_three_minutes
   const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS),
                                             without_schedule,
                                             {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}}})),
-                            std::string(COLLECT) + "wait_table 0 51 300\nprogress 0\nsleep 20\n", 40);
+                            std::string(COLLECT) + "wait_table 0 51 300\nprogress 0\nsleep 40\n", 40);
   EXPECT_EQ("reached\nguide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/0 active 1 done 0 events 2\n",
             scan.lines({"reached", "not", "guide"}));
   EXPECT_EQ("Kill scan for service 102 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
@@ -132,7 +133,7 @@ TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_
   constexpr char GAP[] =
       R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-05T12:00:00Z", "duration": "2h" }])";
   const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, GAP), only_101()})),
-                            std::string(COLLECT) + "wait_guide 0 300\nsleep 20\n", 40);
+                            std::string(COLLECT) + "wait_guide 0 300\nsleep 40\n", 40);
   EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
   EXPECT_EQ("Kill scan for service 101 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
   EXPECT_EQ(

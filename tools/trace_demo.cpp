@@ -80,6 +80,7 @@ class Child {
  public:
   Child(const std::vector<std::string>& argv, bool silent) {
     std::vector<char*> arguments;
+    arguments.reserve(argv.size() + 1);
     for (const std::string& argument : argv) {
       arguments.push_back(const_cast<char*>(argument.c_str()));
     }

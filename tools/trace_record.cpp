@@ -114,6 +114,7 @@ bool Recording::run(int adapter, const std::vector<int>& freqs, const Interrupt&
 
 std::string title_of(const std::vector<int>& freqs) {
   std::vector<std::string> texts;
+  texts.reserve(freqs.size());
   for (const int freq : freqs) {
     texts.push_back(fmt::format("{:g}", freq / 1e6));
   }

@@ -4,7 +4,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -27,14 +29,14 @@ unsigned ticks_now() {
                                nanoseconds * (PER_SECOND / 1'000'000) / 1000);
 }
 
-// The number behind `before` in a message; `format` is of sscanf, for one unsigned.
-bool number_behind(std::string_view message, std::string_view before, const char* format, unsigned* number) {
+// The number behind `before` in a message, of so many digits at most.
+bool number_behind(std::string_view message, std::string_view before, int base, size_t digits, unsigned* number) {
   const size_t at = message.find(before);
   if (at == std::string_view::npos) {
     return false;
   }
-  const std::string rest(message.substr(at + before.size(), 20));
-  return std::sscanf(rest.c_str(), format, number) == 1;
+  const std::string_view rest = message.substr(at + before.size(), digits);
+  return std::from_chars(rest.data(), rest.data() + rest.size(), *number, base).ec == std::errc();
 }
 
 std::string filter_name(unsigned pid) {
@@ -165,7 +167,7 @@ void Library_listener::hear(std::string_view message) {
     end_section();
     recorder_.start(TRACE_INTERRUPT, TS_IN0_DMA);
     reading_ = true;
-  } else if (number_behind(message, ">>>>> Table id ", "%x", &number)) {
+  } else if (number_behind(message, ">>>>> Table id ", 16, 8, &number)) {
     if (reading_) {
       recorder_.stop(TRACE_INTERRUPT, TS_IN0_DMA);
       reading_ = false;
@@ -184,12 +186,12 @@ void Library_listener::hear(std::string_view message) {
   } else if (message.starts_with("MSG: Captured") && merging_) {
     recorder_.stop(TRACE_TASK, TASK_MERGE, "merge");
     merging_ = false;
-  } else if (number_behind(message, "setting HW for filter pid ", "%u", &number)) {
+  } else if (number_behind(message, "setting HW for filter pid ", 10, 5, &number)) {
     if (filters_.try_emplace(number, filter_name(number)).second) {
       recorder_.start(TRACE_OBJECT_2, 0, filters_[number]);
     }
-  } else if (number_behind(message, "-Fi", "%3x", &number) || number_behind(message, "-Fpr", "%3x", &number) ||
-             number_behind(message, "-Fr", "%3x", &number)) {
+  } else if (number_behind(message, "-Fi", 16, 4, &number) || number_behind(message, "-Fpr", 16, 4, &number) ||
+             number_behind(message, "-Fr", 16, 4, &number)) {
     end_filter(number);
   } else if (message.starts_with("Removed all filters")) {
     while (!filters_.empty()) {

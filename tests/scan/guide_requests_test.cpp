@@ -111,8 +111,8 @@ TEST_F(Guide_requests_test, channel_request_from_another_frequency_collects_the_
   const std::vector<double> tunings = scan.logged({"FE_SET_FRONTEND freq=506000000"});
   ASSERT_EQ(2U, tunings.size());
   const std::vector<double> guides = scan.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
-  ASSERT_EQ(2U, guides.size());
-  expect_seconds(5, guides[1] - tunings[1]);
+  ASSERT_FALSE(guides.empty());  // that of the first request may not have begun when the second one came
+  expect_seconds(5, guides.back() - tunings[1]);
 }
 
 // The timers of the services begin with the request and run for ten seconds each time, so they are about to run out

@@ -156,8 +156,8 @@ class KELVO_EXPORT Sdbl {
   // Sets the box's zone to `offset_min` minutes east of UTC when the multiplex belongs to the preferred provider:
   // writes a zone source under /tmp/zoneinfo, compiles it with zic and copies the result to /dvbfiles/localtime.
   // `zone_name` is a country code as broadcast, `zone_nr` its region. A code that is not 1 to 8 letters or digits
-  // changes nothing, nor does a /tmp/zoneinfo that is a link. The zone that counts as set already is this process's: TZ,
-  // or /etc/localtime, which boxes make a link to /dvbfiles/localtime. (A TZ that names that file is read once by
+  // changes nothing, nor does a /tmp/zoneinfo that is a link. The zone that counts as set already is this process's:
+  // TZ, or /etc/localtime, which boxes make a link to /dvbfiles/localtime. (A TZ that names that file is read once by
   // glibc, and the zone then set again at each call.) Compares whole hours only: negative half-hours, and 12 hours and
   // more east, are set again each time.
   void update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,

@@ -120,9 +120,9 @@ TEST_F(Event_descriptors, quirk_items_of_an_extended_event_repeat_their_descript
 }
 
 TEST_F(Event_descriptors, an_extended_event_of_another_language_is_another_entry) {
-  parse<ExtendedEventDescriptor>(extended_event(0, 1, {}, "Tekst"), 1);
+  parse<ExtendedEventDescriptor>(extended_event(0, 1, {}, "Jutt"), 1);
   parse<ShortEventDescriptor>(short_event("rus", "Name", ""), 1);
-  EXPECT_EQ(language("est")->ext_desc, "Tekst");
+  EXPECT_EQ(language("est")->ext_desc, "Jutt");
   EXPECT_EQ(language("est")->ev_name, "");
   EXPECT_EQ(language("rus")->ev_name, "Name");
   EXPECT_FALSE(language("rus")->started);

@@ -16,11 +16,10 @@
 #include <climits>
 
 #include "base/log.h"
+#include "filter/pids.h"
 
 namespace {
 
-constexpr int PID_EIT = 0x12;
-constexpr int PID_TIME = 0x14;
 constexpr int PARSER_TIMEOUT_S = 2;
 
 // No timer has this handle, so calls on it fail. (0 is a good handle, and negative ones mean something else to libc.)
@@ -216,7 +215,7 @@ int Section_filter::eit_or_time_only_in_filter_list() {
       if (f->state != FILTER_WANTED && f->state != FILTER_RUNNING)
         continue;
       KLOG(VERB_TRACE, "%x.%x ", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]));
-      if (f->pid != PID_TIME && f->pid != PID_EIT)
+      if (f->pid != pid::TIME && f->pid != pid::EIT)
         result = 0;
     }
   }

@@ -11,11 +11,11 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "filter/pids.h"
 #include "filter/section_filter.h"
 
 namespace {
 
-constexpr int PID_EIT = 0x12;
 constexpr int FIRST_RESTARTED_PID = 0x21;
 
 int set_timer(const dvb_filter_desc* f, int seconds) {
@@ -69,7 +69,7 @@ void Section_filter::program(dvb_filter_desc* f) {
       std::perror("fail to set timer");
   }
   f->state = FILTER_RUNNING;
-  if (f->pid == PID_EIT)
+  if (f->pid == pid::EIT)
     KLOG(VERB_TRACE, " +Fo%03X.%02X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
 }
 

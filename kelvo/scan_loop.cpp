@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "filter/pids.h"
 #include "kelvo/tuner_slot.h"
 
 namespace {
@@ -22,10 +23,6 @@ constexpr int NO_STREAM_S = 6;
 constexpr int EIT_RESTART_S = 6;
 constexpr int EIT_REPORT_STEP = 20;
 
-constexpr int PID_PAT = 0;
-constexpr int PID_SDT = 17;
-constexpr int PID_TIME = 20;
-constexpr int LAST_PID = 8191;
 constexpr int TABLE_PAT = 0x00;
 constexpr int TABLE_SDT = 0x42;
 constexpr int TABLE_TOT = 0x73;
@@ -136,7 +133,7 @@ void Kelvo::Scan_loop::begin_request() {
   arm_timers();
 
   const int tuned_freq = freq();
-  (void)filter_.addfilter(PID_TIME, TABLE_TOT, tuned_freq);
+  (void)filter_.addfilter(pid::TIME, TABLE_TOT, tuned_freq);
   (void)parser_.init_cache_list(tuned_freq, SCAN_EIT);
   if (request_.channel != -1) {
     KLOG(VERB_INFO, "starting scan from PMT");
@@ -145,7 +142,7 @@ void Kelvo::Scan_loop::begin_request() {
   } else {
     KLOG(VERB_INFO, "Starting scan from PAT");
     scan_mode_ = SCAN_PAT;
-    (void)filter_.addfilter(PID_PAT, TABLE_PAT, tuned_freq);
+    (void)filter_.addfilter(pid::PAT, TABLE_PAT, tuned_freq);
   }
   data_seen_ = false;
   loop_counter_ = 0;
@@ -268,7 +265,7 @@ void Kelvo::Scan_loop::finish_scan(bool timed_out) {
   // What stays are the guide on PID 18 and the time on PID 20.
   (void)filter_.remove_filter_pid_range(0, 17);
   (void)filter_.remove_filter_pid_range(19, 19);
-  (void)filter_.remove_filter_pid_range(21, LAST_PID);
+  (void)filter_.remove_filter_pid_range(21, pid::LAST);
   kelvo_.database_->clear_temp_tables(kelvo_.adapter_);
   if (result != 0)
     kelvo_.database_->flush();
@@ -289,7 +286,7 @@ int Kelvo::Scan_loop::merge(int scanned_freq, bool timed_out) {
   }
   // Without the services' list and names a full scan is of no use.
   if (scan_mode_ == SCAN_PAT && timed_out &&
-      (filter_.pid_tid_in_list(PID_PAT, TABLE_PAT) != 0 || filter_.pid_tid_in_list(PID_SDT, TABLE_SDT) != 0))
+      (filter_.pid_tid_in_list(pid::PAT, TABLE_PAT) != 0 || filter_.pid_tid_in_list(pid::SDT, TABLE_SDT) != 0))
     return 0;
   // A request has taken the filters away: one that failed, or one that began during this pass.
   if (kelvo_.request_under_way() || kelvo_.filters_taken_)
@@ -365,9 +362,9 @@ void Kelvo::Scan_loop::restart_from_pat() {
   autoscan_timer_.arm();
   scan_timer_.arm();
   const int tuned_freq = freq();
-  (void)filter_.remove_filter_pid_range(PID_TIME, PID_TIME);
-  (void)filter_.addfilter(PID_TIME, TABLE_TOT, tuned_freq);
-  (void)filter_.addfilter(PID_PAT, TABLE_PAT, tuned_freq);
+  (void)filter_.remove_filter_pid_range(pid::TIME, pid::TIME);
+  (void)filter_.addfilter(pid::TIME, TABLE_TOT, tuned_freq);
+  (void)filter_.addfilter(pid::PAT, TABLE_PAT, tuned_freq);
   scan_mode_ = SCAN_PAT;
 }
 

@@ -141,7 +141,7 @@ const char* name_of(Table_kind kind) {
 
 Intervals default_intervals() {
   Intervals result;
-  result.table = {0.08, 0.08, 0.4, 5, 8, 1.5, 8, 1.5, 8, 8, 48, 20, 20};
+  result.table = {0.08, 0.08, 0.4, 2, 8, 1, 8, 1.5, 8, 8, 48, 20, 20};
   result.later_actual = 24;
   result.later_other = 240;
   result.pcr = 0.035;

@@ -35,7 +35,8 @@ struct Intervals {
   double later_other = 0;
   double pcr = 0;
 };
-// A little below the limits of ETSI TR 101 211, 4.4, so that they hold with packets of other tables in between.
+// A little below the limits of ETSI TR 101 211, 4.4, so that they hold with packets of other tables in between. What a
+// scan waits for, the multiplex's own NIT and SDT, comes more often, as broadcasters do it.
 Intervals default_intervals();
 // For tests that do not want to wait.
 Intervals fast_intervals();

@@ -125,14 +125,17 @@ TEST_F(Guide_requests_test, quirk_after_a_scan_that_timed_out_present_and_follow
                                    {{"op", "add"}, {"path", "/services/1/pmt"}, {"value", false}}});
   std::vector<std::string> options = on_freq(file);
   options.insert(options.end(), {"--mux", "514000000=" + empty_stream()});
-  const Scan_run scan = run(options, std::string(COLLECT) +
-                                         "wait_table 0 50 30\n"
-                                         "sql SELECT count(*) FROM epglist\n"
-                                         "verbosity 2\n"
-                                         "freq 0 514000000\n"
-                                         "wait_done 0 60\n"
-                                         "channel 0 506000000 1\n"
-                                         "wait_table 0 50 30\n");
+  // Slowly enough that a busy machine does not miss the timers' last second.
+  const Scan_run scan = run(options,
+                            std::string(COLLECT) +
+                                "wait_table 0 50 30\n"
+                                "sql SELECT count(*) FROM epglist\n"
+                                "verbosity 2\n"
+                                "freq 0 514000000\n"
+                                "wait_done 0 60\n"
+                                "channel 0 506000000 1\n"
+                                "wait_table 0 50 30\n",
+                            8);
   EXPECT_EQ("done 0 0\ndone 0 0\nreached\nsql 0\ndone 0 -1\nreached\n", scan.lines({"done", "reached", "not", "sql"}));
   const std::string killed = lines_with(scan.err, {"Kill"});
   EXPECT_EQ(0U, killed.find("Kill scan for service 101 , ")) << killed;

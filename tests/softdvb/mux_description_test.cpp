@@ -185,9 +185,9 @@ TEST(MuxDescription, event_complaints_name_the_event) {
 }
 
 TEST(MuxDescription, too_low_a_bit_rate_tells_what_is_needed) {
-  EXPECT_EQ(complaint(R"({"transport_stream_id": 1, "original_network_id": 1, "bit_rate": 20000})"),
-            "bit_rate: 20000 is too low, the tables, PCRs and payload at their intervals need 21000 bits a second");
-  EXPECT_EQ(complaint(R"({"transport_stream_id": 1, "original_network_id": 1, "bit_rate": 21000})"), "");
+  EXPECT_EQ(complaint(R"({"transport_stream_id": 1, "original_network_id": 1, "bit_rate": 21000})"),
+            "bit_rate: 21000 is too low, the tables, PCRs and payload at their intervals need 22000 bits a second");
+  EXPECT_EQ(complaint(R"({"transport_stream_id": 1, "original_network_id": 1, "bit_rate": 22000})"), "");
 }
 
 TEST(MuxDescription, a_pmt_that_needs_two_sections_is_refused) {

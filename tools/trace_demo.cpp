@@ -174,7 +174,7 @@ int demonstrate(const Demo_options& options) {
   }
   adapter.emplace_back("--");
   adapter.insert(adapter.end(), scan.begin(), scan.end());
-  console::say("kelvo: scanning the sample network; this takes half a minute at most");
+  console::say("kelvo: scanning the sample network; this takes a few seconds");
   return Child(adapter, false).wait(interrupt);
 }
 

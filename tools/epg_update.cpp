@@ -21,6 +21,7 @@
 #include "tools/guide_db.h"
 #include "tools/interrupt.h"
 #include "tools/local_time.h"
+#include "tools/open_database.h"
 #include "tools/progress_lines.h"
 #include "tools/table.h"
 #include "tools/text.h"
@@ -113,23 +114,8 @@ class Update {
 
 int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   before_ = Guide_db(db_).counts();
-  std::unique_ptr<Sdbl> database;
-  try {
-    database = std::make_unique<Sdbl>(db_.c_str());
-  } catch (const no_file_error& error) {
-    throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
-  }
-  try {
-    quiet_.check_written(db_);
-  } catch (const Failure&) {
-    database.reset();
-    if (!exists) {
-      remove_database(db_);
-    }
-    throw;
-  }
-  constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
-  database->set_eit_service_types(TYPES, std::size(TYPES));
+  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
+  collect_all_guides(database.get());
   reader_ = std::make_unique<Channel_db>(db_);
   work_ = std::make_unique<Guide_work>(freqs_, seconds_, frontends.size());
   std::vector<Frontend_info> infos;

@@ -16,6 +16,7 @@
 #include "tools/console.h"
 #include "tools/failure.h"
 #include "tools/interrupt.h"
+#include "tools/open_database.h"
 #include "tools/progress.h"
 #include "tools/scan_job.h"
 #include "tools/scan_report.h"
@@ -68,21 +69,7 @@ class Scan {
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
-  std::unique_ptr<Sdbl> database;
-  try {
-    database = std::make_unique<Sdbl>(db_.c_str());
-  } catch (const no_file_error& error) {
-    throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
-  }
-  try {
-    quiet_.check_written(db_);
-  } catch (const Failure&) {
-    database.reset();
-    if (!exists) {
-      remove_database(db_);
-    }
-    throw;
-  }
+  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
   reader_ = std::make_unique<Channel_db>(db_);
   for (const auto& [number, frontend] : frontends) {
     adapters_[number] = std::make_unique<Scan_adapter>(number, frontend, database.get(), &list_, &events_);

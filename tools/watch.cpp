@@ -28,6 +28,7 @@
 #include "tools/guide_db.h"
 #include "tools/interrupt.h"
 #include "tools/local_time.h"
+#include "tools/open_database.h"
 #include "tools/text.h"
 #include "tools/zone_file.h"
 
@@ -233,18 +234,11 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   if (wake_fd < 0) {
     throw Failure("cannot make an event descriptor: too many open files?");
   }
-  std::unique_ptr<Sdbl> database;
-  try {
-    database = std::make_unique<Sdbl>(db_.c_str());
-  } catch (const no_file_error& error) {
-    throw Failure(fmt::format("{}: cannot be opened: {}", db_, error.what()));
-  }
-  constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
-  database->set_eit_service_types(TYPES, std::size(TYPES));
+  const std::unique_ptr<Sdbl> database = open_database(db_, true, &quiet);
+  collect_all_guides(database.get());
   if (!zone_of.empty()) {
     database->set_preferred_provider(zone_of.c_str());
   }
-  quiet.check_written(db_);
   guide_ = std::make_unique<Guide_db>(db_);
   events_ = stored();
   quiet.listen(VERB_PROGRESS, [this](const std::string& line) { time_.hear(line); });

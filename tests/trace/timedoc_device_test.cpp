@@ -36,6 +36,12 @@ struct Device {
 
 Device* device = nullptr;
 
+// Looked up each time: ThreadSanitizer calls mmap() before it can guard a static variable.
+template <typename Function>
+Function* following(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 constexpr unsigned long RESET = 0x20005400;
 constexpr unsigned long RECORD = 0x20005401;
 constexpr unsigned long PAUSE = 0x20005402;
@@ -50,10 +56,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(arguments, request);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (device == nullptr || fd != -1) {
-    static const auto real = reinterpret_cast<int (*)(int, unsigned long, void*)>(dlsym(RTLD_NEXT, "ioctl"));
-    return real(fd, request, argument);
-  }
+  if (device == nullptr || fd != -1)
+    return following<int(int, unsigned long, void*)>("ioctl")(fd, request, argument);
   device->requests.push_back(request);
   switch (request) {
     case CURRENT:
@@ -71,10 +75,9 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 }
 
 extern "C" void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) noexcept {
-  if (device == nullptr || fd != -1 || (flags & MAP_ANONYMOUS) != 0) {
-    static const auto real = reinterpret_cast<void* (*)(void*, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap"));
-    return real(address, length, protection, flags, fd, offset);
-  }
+  if (device == nullptr || fd != -1 || (flags & MAP_ANONYMOUS) != 0)
+    return following<void*(void*, size_t, int, int, int, off_t)>("mmap")(address, length, protection, flags, fd,
+                                                                         offset);
   device->mapped = length;
   device->protection = protection;
   device->flags = flags;
@@ -86,8 +89,7 @@ extern "C" int munmap(void* address, size_t length) noexcept {
     device->unmapped = length;
     return 0;
   }
-  static const auto real = reinterpret_cast<int (*)(void*, size_t)>(dlsym(RTLD_NEXT, "munmap"));
-  return real(address, length);
+  return following<int(void*, size_t)>("munmap")(address, length);
 }
 
 namespace {

@@ -200,7 +200,7 @@ class KELVO_EXPORT Siparse {
   const int dvbnr_;
   Sdbl* const db_;
   std::list<SQL_cache*>* cache_list_;  // services of the multiplex; scan_mark holds the last PMT version
-  int64_t timers_due_ns_ = 0;  // of CLOCK_MONOTONIC; until then no service on cache_list_ has waited too long
+  int64_t timers_due_ns_ = 0;          // of CLOCK_MONOTONIC; until then no service on cache_list_ has waited too long
   int current_eit_table_ = 0;
   std::string country_code_ = "EST";
   int local_time_offset_ = 120;  // minutes east of UTC

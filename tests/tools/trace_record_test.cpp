@@ -146,8 +146,7 @@ TEST_F(Trace_record, of_the_sample_network_is_one_command) {
   const support::Temp_dir temporary;
   const Command_result result = run_command({KELVO_COMMAND, "trace", "demo", out}, {{"TMPDIR", temporary.path()}});
   EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(
-      result.err.find("kelvo: scanning the sample network; this takes a few seconds\nkelvo: " + out + ": "), 0U)
+  EXPECT_EQ(result.err.find("kelvo: scanning the sample network; this takes a few seconds\nkelvo: " + out + ": "), 0U)
       << result.err;
   EXPECT_TRUE(std::filesystem::is_empty(temporary.path())) << "something was left behind";
   ASSERT_EQ(run_command({KELVO_COMMAND, "trace", "convert", out, dir_.file("demo.json")}).exit_code, 0);

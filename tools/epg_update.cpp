@@ -119,6 +119,7 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   reader_ = std::make_unique<Channel_db>(db_);
   work_ = std::make_unique<Guide_work>(freqs_, seconds_, frontends.size());
   std::vector<Frontend_info> infos;
+  infos.reserve(frontends.size());
   for (const auto& [number, frontend] : frontends) {
     infos.push_back(frontend);
   }

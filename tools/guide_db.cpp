@@ -122,7 +122,7 @@ std::vector<std::pair<std::string, int>> ratings(const std::string& text) {
 
 std::string guide_text(std::string_view text) {
   const std::string table = take_table(&text);
-  const std::string clean = clean_text(text);
+  std::string clean = clean_text(text);
   if (table.empty() || clean.find("\xEF\xBF\xBD") == std::string::npos) {
     return clean;  // It is UTF-8, only the selector was left.
   }

@@ -21,13 +21,13 @@ help:
 	@echo "make cross     build for the set-top box, 32-bit MIPS"
 	@echo "make clean     remove everything built"
 	@echo
-	@echo "Missing Debian packages are installed first (with sudo when not root); packaging/packages.txt lists them."
+	@echo "Missing Debian packages are installed first (with sudo when not root); scripts/packages.txt lists them."
 
 packages-%:
-	@packaging/install-packages $(subst +, ,$*)
+	@scripts/install-packages $(subst +, ,$*)
 
 demo: packages-build
-	@JOBS=$(JOBS) packaging/demo
+	@JOBS=$(JOBS) scripts/demo
 
 test: packages-build+test
 	@cmake --preset dev
@@ -49,10 +49,10 @@ format: packages-lint
 	@clang-format -i $(SOURCES)
 
 lint: packages-build+test+lint
-	@packaging/lint
+	@scripts/lint
 
 fuzz: packages-build+test+fuzz
-	@packaging/fuzz
+	@scripts/fuzz
 
 bench: packages-build+test+bench
 	@cmake --preset release
@@ -65,10 +65,10 @@ soak: packages-build+test+bench
 	@bench/soak build/release
 
 cross: packages-build+cross
-	@packaging/mipsel-root
+	@scripts/mipsel-root
 	@cmake --preset mipsel
 	@cmake --build --preset mipsel -j$(JOBS)
-	@packaging/check-cross build/mipsel
+	@scripts/check-cross build/mipsel
 
 clean:
 	@rm -rf build

@@ -16,6 +16,6 @@ if(KELVO_DVBSI_SYSTEM)
   target_link_libraries(kelvo_dvbsi INTERFACE PkgConfig::DVBSI)
   target_compile_definitions(kelvo_dvbsi INTERFACE KELVO_DVBSI_SYSTEM)  # the parser then hands over safe copies
 else()
-  message(STATUS "libdvbsi++: our own, in dvbsi/")
-  add_subdirectory(dvbsi)
+  message(STATUS "libdvbsi++: our own, in lib/dvbsi/")
+  add_subdirectory(lib/dvbsi)
 endif()

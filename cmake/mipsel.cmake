@@ -1,5 +1,5 @@
 # Toolchain of the set-top box: 32-bit MIPS, little-endian. Debian's cross compiler, and libraries that
-# packaging/mipsel-root has unpacked.
+# scripts/mipsel-root has unpacked.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)

@@ -9,7 +9,7 @@ FOLDERS = ["base", "db", "filter", "si", "tuner", "trace", "kelvo"]
 
 
 def main():
-    root = pathlib.Path(sys.argv[1])
+    root = pathlib.Path(sys.argv[1]) / "lib"
     problems = []
     public = set()
     for folder in FOLDERS:

@@ -17,7 +17,7 @@ def main():
     problems += [f"{name}: in docs/quirks.md, but there is no such test" for name in sorted(listed - tests)]
     problems += [f"{name}: in docs/quirks.md, but there is no such file"
                  for name in sorted(set(re.findall(r"`((?:kelvo|db|si|filter|tuner|trace|dvbsi)/[\w.]+)`", text)))
-                 if not (root / name).exists()]
+                 if not (root / "lib" / name).exists()]
     for problem in problems:
         print(problem)
     return 1 if problems else 0

@@ -28,7 +28,7 @@
 #include <dvbpsi/eit.h>
 #include <dvbpsi/psi.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/siparse.h"

@@ -2,35 +2,29 @@
 
 #include <atomic>
 
-#include "base/export.h"
+#include "base/messages.h"
 
-// How much the library writes to standard error; shared by all its objects, any-thread. Default 0.
-//   below 0  nothing but the few texts that are printed always
-//   0        errors           (texts that begin "ERROR: ")
-//   1        and warnings     (texts that begin "WARNING: ")
-//   2, 3     and progress
-//   4        and a trace of every section and statement
-// Hosts set it with Kelvo::set_verbosity, or by assigning to it.
-//
-// The texts themselves are interface: hosts' scripts search for them. Spelling, blanks and missing newlines included.
-extern KELVO_EXPORT std::atomic<int> verbosity_kelvo;
-
-enum : int {
-  VERB_ERROR = 0,
-  VERB_WARNING = 1,
-  VERB_INFO = 2,
-  VERB_PROGRESS = 3,
-  VERB_TRACE = 4,
-};
+// How the library's sources write messages; not installed.
 
 namespace kelvo_log {
 
+// The level up to which anybody wants messages, besides the verbosity.
+extern std::atomic<int> listener_level;
+
 inline bool enabled(int level) noexcept {
-  return verbosity_kelvo.load(std::memory_order_relaxed) >= level;
+  return verbosity_kelvo.load(std::memory_order_relaxed) >= level ||
+         listener_level.load(std::memory_order_relaxed) >= level;
 }
 
-// One formatted text to standard error, in one write where it fits a pipe's atomic size. Keeps errno.
-void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// Keeps a copy of `listener`. Before-start: while no other thread is in the library.
+void set_listener(const Message_listener& listener);
+
+// One formatted text of this level, which is enabled(): to standard error when the verbosity says so, in one write
+// where it fits a pipe's atomic size, and to the listener. Keeps errno.
+void print(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// As perror() does: `what`, ": ", the text of errno and a newline, at every verbosity. Keeps errno.
+void print_errno(const char* what);
 
 // A result of SQLite that callers go on with: 0 (ok), 100 (row), 101 (done).
 constexpr bool sql_ok(int code) noexcept {
@@ -40,11 +34,11 @@ constexpr bool sql_ok(int code) noexcept {
 }  // namespace kelvo_log
 
 // Arguments are evaluated only when the level is on.
-#define KLOG(level, ...)             \
-  do {                               \
-    if (kelvo_log::enabled(level))   \
-      kelvo_log::print(__VA_ARGS__); \
+#define KLOG(level, ...)                    \
+  do {                                      \
+    if (kelvo_log::enabled(level))          \
+      kelvo_log::print(level, __VA_ARGS__); \
   } while (false)
 
 // For the few texts that appear at every level.
-#define KLOG_ALWAYS(...) kelvo_log::print(__VA_ARGS__)
+#define KLOG_ALWAYS(...) kelvo_log::print(VERB_ALWAYS, __VA_ARGS__)

@@ -1,8 +1,13 @@
 list(APPEND KELVO_SOURCES
   base/log.cpp
+  base/polled_timer.cpp
+  base/thread.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  base/activity.h
   base/export.h
-  base/log.h
+  base/ids.h
+  base/messages.h
+  base/thread.h
   base/types.h
 )

@@ -11,6 +11,7 @@
 #include "base/export.h"
 #include "base/types.h"
 #include "db/ca_pid.h"
+#include "db/database_error.h"
 #include "db/epg_cache.h"
 #include "db/no_file_error.h"
 #include "db/pmt_subtxt_lang.h"
@@ -87,6 +88,11 @@ class KELVO_EXPORT Sdbl {
   // Copies the channel file (without guide and scan tables) to `file`, by way of a temporary file beside the original.
   // Throws no_file_error when that cannot be created.
   void backup_channel_database(const char* file);
+
+  // The first failure of this object's database since the last call of forget_errors(), or since the construction.
+  // False, and `*error` cleared, when there was none. Any-thread.
+  bool first_error(Database_error* error) const;
+  void forget_errors();
 
   void set_backup_file_name(const char* file);
 

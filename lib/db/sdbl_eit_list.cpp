@@ -1,9 +1,7 @@
 #include <sqlite3.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -11,9 +9,8 @@
 #include <string_view>
 #include <utility>
 
-#include <climits>
-
 #include "base/log.h"
+#include "base/polled_timer.h"
 #include "db/sdbl.h"
 #include "db/sdbl_internal.h"
 
@@ -24,26 +21,15 @@ namespace {
 
 constexpr int SERVICE_WAIT_S = 10;
 
-// No timer of the kernel has this number, and 0 may be one. Arming, reading and deleting it fail without harm.
-timer_t no_timer() {
-  return reinterpret_cast<timer_t>(static_cast<intptr_t>(INT_MAX));  // NOLINT(performance-no-int-to-ptr)
-}
-
 timer_t create_timer() {
-  sigevent silent{};
-  silent.sigev_notify = SIGEV_NONE;
-  timer_t timer;
-  if (timer_create(CLOCK_REALTIME, &silent, &timer) == 0)
-    return timer;
-  KLOG(VERB_ERROR, "ERROR: timer_create: %s\n", std::strerror(errno));
-  return no_timer();
+  const timer_t timer = polled_timer::create();
+  if (timer == polled_timer::none())
+    KLOG(VERB_ERROR, "ERROR: timer_create: %s\n", std::strerror(errno));
+  return timer;
 }
 
 void arm(timer_t timer) {
-  itimerspec wait{};
-  wait.it_value.tv_sec = SERVICE_WAIT_S;
-  wait.it_interval.tv_sec = SERVICE_WAIT_S;
-  (void)timer_settime(timer, 0, &wait, nullptr);  // fails only for a timer that could not be made
+  (void)polled_timer::arm(timer, SERVICE_WAIT_S, SERVICE_WAIT_S);  // fails only for a timer that could not be made
 }
 
 // Lists the television services of a multiplex.
@@ -113,8 +99,15 @@ std::list<SQL_cache*>* Sdbl::get_eit_scan_list(int dvbnr, int dvb_type, int hf_c
       return list;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
       const int pmt_pid = sqlite3_column_int(stmt, 3) != 0 ? sqlite3_column_int(stmt, 1) : 0;
-      auto entry = std::make_unique<SQL_cache>(SQL_cache{
-          sqlite3_column_int(stmt, 0), pmt_pid, -1, sqlite3_column_int(stmt, 2), no_timer(), true, false, 0, {}});
+      auto entry = std::make_unique<SQL_cache>(SQL_cache{sqlite3_column_int(stmt, 0),
+                                                         pmt_pid,
+                                                         -1,
+                                                         sqlite3_column_int(stmt, 2),
+                                                         polled_timer::none(),
+                                                         true,
+                                                         false,
+                                                         0,
+                                                         {}});
       found.push_back(entry.get());
       (void)entry.release();  // the list's owner gets it
     }
@@ -141,7 +134,7 @@ void Sdbl::reset_eit_scan_list(std::list<SQL_cache*>* list) {
 
 void Sdbl::clear_eit_scan_list(std::list<SQL_cache*>* list) {
   for (SQL_cache* entry : *list) {
-    (void)timer_delete(entry->timer);  // fails only for a timer that could not be made
+    polled_timer::remove(entry->timer);
     for (EPG_cache* event : entry->epg)
       delete event;
     delete entry;

@@ -16,6 +16,7 @@ list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h
+  db/database_error.h
   db/epg_cache.h
   db/no_file_error.h
   db/pmt_subtxt_lang.h

@@ -4,28 +4,20 @@
 #include <linux/dvb/dmx.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 
-#include <climits>
-
+#include "base/ids.h"
 #include "base/log.h"
-#include "filter/pids.h"
+#include "base/polled_timer.h"
 
 namespace {
 
 constexpr int PARSER_TIMEOUT_S = 2;
-
-// No timer has this handle, so calls on it fail. (0 is a good handle, and negative ones mean something else to libc.)
-timer_t no_timer() {
-  return reinterpret_cast<timer_t>(static_cast<intptr_t>(INT_MAX));
-}
 
 bool is_free(const dvb_filter_desc* f) {
   return f->state == FILTER_FREE;
@@ -51,7 +43,7 @@ Section_filter::~Section_filter() {
       set_dvbfilter_reuse(f);
       if (close(f->fd) < 0)
         KLOG(VERB_ERROR, "ERROR: Filter close failed, %s \n", std::strerror(errno));
-      (void)timer_delete(f->timer);
+      polled_timer::remove(f->timer);
     }
     delete f;
   }
@@ -69,10 +61,7 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
   if (is_new) {
     f = new dvb_filter_desc{};
     f->fd = -1;
-    sigevent silent{};
-    silent.sigev_notify = SIGEV_NONE;
-    if (timer_create(CLOCK_REALTIME, &silent, &f->timer) < 0)
-      f->timer = no_timer();
+    f->timer = polled_timer::create();
   } else {
     f = *reusable;
   }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <linux/dvb/dmx.h>
 #include <sys/ioctl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,19 +9,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ids.h"
 #include "base/log.h"
-#include "filter/pids.h"
+#include "base/polled_timer.h"
 #include "filter/section_filter.h"
 
 namespace {
 
 constexpr int FIRST_RESTARTED_PID = 0x21;
-
-int set_timer(const dvb_filter_desc* f, int seconds) {
-  itimerspec once{};
-  once.it_value.tv_sec = seconds;
-  return timer_settime(f->timer, 0, &once, nullptr);
-}
 
 }  // namespace
 
@@ -40,7 +34,7 @@ int Section_filter::open_device(dvb_filter_desc* f) {
   }
   KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_,
        demux_.nr_opened, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
-  std::perror("fopen");
+  kelvo_log::print_errno("fopen");
   if (++f->open_retries > MAX_OPEN_RETRIES) {
     KLOG(VERB_WARNING, "WARNING: Filter pid %x, tid %x open retries > %d, removing filter\n",
          static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), MAX_OPEN_RETRIES);
@@ -65,8 +59,8 @@ void Section_filter::program(dvb_filter_desc* f) {
   if (ioctl(f->fd, DMX_START) < 0)
     KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
   for (const int seconds : {0, f->timeout_s}) {
-    if (set_timer(f, seconds) < 0)
-      std::perror("fail to set timer");
+    if (polled_timer::arm(f->timer, seconds, 0) < 0)
+      kelvo_log::print_errno("fail to set timer");
   }
   f->state = FILTER_RUNNING;
   if (f->pid == pid::EIT)
@@ -110,21 +104,21 @@ void Section_filter::check_feed_activation() {
     // Deliberate: silent filters on the fixed PIDs of SI are left as they are.
     if (f->state != FILTER_RUNNING || f->captured != 0 || f->pid < FIRST_RESTARTED_PID)
       continue;
-    itimerspec left{};
-    if (timer_gettime(f->timer, &left) < 0)
-      std::perror("feed activation: ");
-    if (left.it_value.tv_sec != 0)
+    timespec left{};
+    if (polled_timer::time_left(f->timer, &left) < 0)
+      kelvo_log::print_errno("feed activation: ");
+    if (left.tv_sec != 0)
       continue;
     ++f->restarts;
     if (kelvo_log::enabled(VERB_PROGRESS)) {
-      kelvo_log::print("##Restart %s %d times: pid %x  tid %x. Started %d, restarted %d, captured %d\n", device_,
-                       f->restarts, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), demux_.started,
-                       demux_.restarted, f->captured);
+      kelvo_log::print(VERB_PROGRESS, "##Restart %s %d times: pid %x  tid %x. Started %d, restarted %d, captured %d\n",
+                       device_, f->restarts, static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
+                       demux_.started, demux_.restarted, f->captured);
       ++demux_.restarted;  // Deliberate: counted only while the line above is printed.
     }
     if (ioctl(f->fd, DMX_START) < 0)
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
-    (void)set_timer(f, f->timeout_s);  // a timer that fails has been told above
+    (void)polled_timer::arm(f->timer, f->timeout_s, 0);  // a timer that fails has been told above
   }
 }
 

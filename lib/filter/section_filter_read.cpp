@@ -73,7 +73,7 @@ unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
       KLOG(VERB_WARNING, "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
     } else {
       KLOG(VERB_ERROR, "ERROR: Reading 4K into char buffer from %d, errno %d ", f->fd, errno);
-      std::perror("read @ get_section_data:");
+      kelvo_log::print_errno("read @ get_section_data:");
     }
     return 0;
   }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/log.h"
 #include "kelvo/scan_loop.h"
 #include "kelvo/tuner_slot.h"
 
@@ -231,4 +232,8 @@ void Kelvo::disable_tunerevents() {
   const Tuner_slot::Use tuner(*tuner_);
   if (tuner)
     tuner->disable_tunerevents();
+}
+
+void Kelvo::set_message_listener(const Message_listener& listener) {
+  kelvo_log::set_listener(listener);
 }

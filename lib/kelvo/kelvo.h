@@ -5,12 +5,15 @@
 #include <mutex>
 #include <vector>
 
+#include "base/activity.h"
 #include "base/export.h"
-#include "base/log.h"
+#include "base/messages.h"
 #include "base/types.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "kelvo/main_thread.h"
+#include "kelvo/scan_end.h"
+#include "si/broadcast_time.h"
 #include "si/siparse.h"
 #include "trace/timedoc.h"
 #include "tuner/tuner.h"
@@ -54,6 +57,8 @@ class KELVO_EXPORT Kelvo {
  public:
   using change_callback_t = void (*)(int code);
   using request_callback_t = void (*)(void* data, int result);
+  using scan_listener_t = void (*)(void* data, const Scan_end& end);
+  using time_listener_t = void (*)(void* data, const Broadcast_time& time);
 
   // `adapter` is the N of /dev/dvb/adapterN, 0 to 3, and the number of the scan tables. `database` is not owned and
   // outlives this object. Without a tuner (`tuner_connected` false) whatever stream arrives is scanned.
@@ -68,7 +73,7 @@ class KELVO_EXPORT Kelvo {
   Kelvo(const Kelvo&) = delete;
   Kelvo& operator=(const Kelvo&) = delete;
 
-  // What all instances print to standard error: see verbosity_kelvo in base/log.h.
+  // What all instances print to standard error: see verbosity_kelvo in base/messages.h.
   void set_verbosity(int level);
 
   // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
@@ -80,6 +85,28 @@ class KELVO_EXPORT Kelvo {
   // A new request replaces one that has not been answered.
   int tune_to_freq(int freq, int channel, void* data, request_callback_t done);
   int tune_to_freq(int freq, void* data, request_callback_t done);
+
+  // Reads everything of `channel`'s multiplex again, as a channel request does, also on the frequency that is tuned
+  // already: the worker tunes, and the timers, the list of services and the guide begin anew. Without effect on the
+  // frontend when the tuning fails, as there. Any-thread.
+  void watch_again(int freq, int channel);
+
+  // Who is told how each scan ended: once for each, before the request's answer and the change callback of the same
+  // scan. A scan that is under way when the Kelvo is destroyed ends untold. Comes from the worker, with the same duties
+  // as the other callbacks; `end` is valid during the call. Null for nobody. Any-thread; takes effect with the next
+  // end.
+  void set_scan_listener(scan_listener_t listener, void* data);
+
+  // Who is told of each time table that was read, and of what it did to clock and zone. Otherwise as above.
+  void set_time_listener(time_listener_t listener, void* data);
+
+  // Who is told what the worker does; see Activity_listener. Before-start: right after the construction, before the
+  // first request.
+  void set_activity_listener(const Activity_listener& listener);
+
+  // Who gets the messages of all objects of the library; see Message_listener, of which a copy is kept. Before-start:
+  // while no object of the library exists, or none is used by another thread.
+  static void set_message_listener(const Message_listener& listener);
 
   // True when the last request has been answered or none was made. Never for a channel request, nor for a request with
   // null data unless there was no stream. Stays true until the worker picks a new request up.

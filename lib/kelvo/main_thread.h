@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kelvo/thread.h"
+#include "base/thread.h"
 
 // The worker of one Kelvo: runs its scan loop until the Kelvo is destroyed. Created and deleted by Kelvo.
 class KELVO_EXPORT KelvoMainThread final : public COrbelThreadKelvo {

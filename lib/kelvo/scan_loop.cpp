@@ -1,7 +1,6 @@
 #include "kelvo/scan_loop.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +9,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "filter/pids.h"
+#include "base/ids.h"
+#include "base/log.h"
 #include "kelvo/tuner_slot.h"
 
 namespace {
@@ -23,42 +23,10 @@ constexpr int NO_STREAM_S = 6;
 constexpr int EIT_RESTART_S = 6;
 constexpr int EIT_REPORT_STEP = 20;
 
-constexpr int TABLE_PAT = 0x00;
-constexpr int TABLE_SDT = 0x42;
-constexpr int TABLE_TOT = 0x73;
-
 constexpr int CHANNELS_CHANGED_BITS = 0x0F;  // of Sdbl::update_master_scan_data's result
 constexpr int STREAMS_CHANGED_BITS = 0xF0;
 
 }  // namespace
-
-Polled_timer::Polled_timer(int period_s) : period_s_(period_s) {
-  sigevent event{};
-  event.sigev_notify = SIGEV_NONE;
-  created_ = timer_create(CLOCK_REALTIME, &event, &timer_) == 0;
-  if (!created_)
-    std::perror("timer_create");
-}
-
-Polled_timer::~Polled_timer() {
-  if (created_)
-    (void)timer_delete(timer_);  // it exists, so this cannot fail
-}
-
-void Polled_timer::arm() {
-  itimerspec setting{};
-  setting.it_value.tv_sec = period_s_;
-  setting.it_interval.tv_sec = 1;
-  if (created_ && timer_settime(timer_, 0, &setting, nullptr) != 0)
-    std::perror("timer_settime");
-}
-
-int Polled_timer::remaining() const {
-  itimerspec left{};
-  if (created_ && timer_gettime(timer_, &left) != 0)
-    std::perror("timer_gettime");
-  return static_cast<int>(left.it_value.tv_sec);
-}
 
 void Kelvo::Scan_loop::run() {
   (void)prctl(PR_SET_NAME, WORKER_NAME);  // for debuggers only
@@ -133,7 +101,7 @@ void Kelvo::Scan_loop::begin_request() {
   arm_timers();
 
   const int tuned_freq = freq();
-  (void)filter_.addfilter(pid::TIME, TABLE_TOT, tuned_freq);
+  (void)filter_.addfilter(pid::TIME, table::TOT, tuned_freq);
   (void)parser_.init_cache_list(tuned_freq, SCAN_EIT);
   if (request_.channel != -1) {
     KLOG(VERB_INFO, "starting scan from PMT");
@@ -142,7 +110,7 @@ void Kelvo::Scan_loop::begin_request() {
   } else {
     KLOG(VERB_INFO, "Starting scan from PAT");
     scan_mode_ = SCAN_PAT;
-    (void)filter_.addfilter(pid::PAT, TABLE_PAT, tuned_freq);
+    (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
   }
   data_seen_ = false;
   loop_counter_ = 0;
@@ -189,7 +157,7 @@ void Kelvo::Scan_loop::wait_and_parse() {
   (void)filter_.recalculate_filters();  // the highest handle, which the wait knows as well
   const int ready = filter_.wait_for_data(WAIT_MS);
   if (ready < 0) {
-    std::perror("Select: ");
+    kelvo_log::print_errno("Select: ");
   } else if (ready == 0) {
     KLOG(VERB_TRACE, "wait loop nr %d\n", wait_counter_);
     ++wait_counter_;
@@ -263,9 +231,9 @@ void Kelvo::Scan_loop::finish_scan(bool timed_out) {
   const int result = merge(scanned_freq, timed_out);
   kelvo_.filters_taken_ = false;
   // What stays are the guide on PID 18 and the time on PID 20.
-  (void)filter_.remove_filter_pid_range(0, 17);
-  (void)filter_.remove_filter_pid_range(19, 19);
-  (void)filter_.remove_filter_pid_range(21, pid::LAST);
+  (void)filter_.remove_filter_pid_range(pid::PAT, pid::EIT - 1);
+  (void)filter_.remove_filter_pid_range(pid::EIT + 1, pid::TIME - 1);
+  (void)filter_.remove_filter_pid_range(pid::TIME + 1, pid::LAST);
   kelvo_.database_->clear_temp_tables(kelvo_.adapter_);
   if (result != 0)
     kelvo_.database_->flush();
@@ -286,7 +254,7 @@ int Kelvo::Scan_loop::merge(int scanned_freq, bool timed_out) {
   }
   // Without the services' list and names a full scan is of no use.
   if (scan_mode_ == SCAN_PAT && timed_out &&
-      (filter_.pid_tid_in_list(pid::PAT, TABLE_PAT) != 0 || filter_.pid_tid_in_list(pid::SDT, TABLE_SDT) != 0))
+      (filter_.pid_tid_in_list(pid::PAT, table::PAT) != 0 || filter_.pid_tid_in_list(pid::SDT, table::SDT_ACTUAL) != 0))
     return 0;
   // A request has taken the filters away: one that failed, or one that began during this pass.
   if (kelvo_.request_under_way() || kelvo_.filters_taken_)
@@ -363,8 +331,8 @@ void Kelvo::Scan_loop::restart_from_pat() {
   scan_timer_.arm();
   const int tuned_freq = freq();
   (void)filter_.remove_filter_pid_range(pid::TIME, pid::TIME);
-  (void)filter_.addfilter(pid::TIME, TABLE_TOT, tuned_freq);
-  (void)filter_.addfilter(pid::PAT, TABLE_PAT, tuned_freq);
+  (void)filter_.addfilter(pid::TIME, table::TOT, tuned_freq);
+  (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
   scan_mode_ = SCAN_PAT;
 }
 

@@ -1,30 +1,8 @@
 #pragma once
 
-#include <time.h>
-
+#include "base/polled_timer.h"
 #include "filter/section_filter.h"
 #include "kelvo/kelvo.h"
-
-// A POSIX timer that is only looked at. Whole seconds, as rounded down by the system: a period of N seconds counts as
-// over in its last second. Worker-only.
-class Polled_timer {
- public:
-  explicit Polled_timer(int period_s);
-  ~Polled_timer();
-  Polled_timer(const Polled_timer&) = delete;
-  Polled_timer& operator=(const Polled_timer&) = delete;
-
-  void arm();
-  // Seconds to the expiry, 0 from then on and before the first arm().
-  int remaining() const;
-  int elapsed() const { return period_s_ - remaining(); }
-  bool expired() const { return remaining() == 0; }
-
- private:
-  int period_s_;
-  bool created_;
-  timer_t timer_{};
-};
 
 // What the worker of a Kelvo does: one pass after the other, each one made of the steps below, until the Kelvo is being
 // destroyed. A pass waits at most a second for a section; it allocates nothing. Everything here belongs to the worker's

@@ -8,6 +8,7 @@
 #include <dvbsi++/event_information_section.h>
 
 #include "base/log.h"
+#include "base/polled_timer.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/eit_lang.h"
@@ -199,10 +200,8 @@ void Siparse::open_next_eit_table(int freq, int table_id) {
     service->active = true;
     service->done = false;
     service->count = 0;
-    itimerspec period{};
-    period.it_value.tv_sec = TABLE_TIMEOUT_S;
-    period.it_interval.tv_sec = TABLE_TIMEOUT_S;
-    (void)timer_settime(service->timer, 0, &period, nullptr);  // without it the table just waits for its sections
+    // Without it the table just waits for its sections.
+    (void)polled_timer::arm(service->timer, TABLE_TIMEOUT_S, TABLE_TIMEOUT_S);
   }
   timers_due_ns_ = 0;
   filter_->removefilter(PID_EIT, table_id);
@@ -247,11 +246,11 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
     if (service->pat_prnr == service_id)
       found = service;
     if (timers_due && !service->done) {
-      itimerspec left{};
-      (void)timer_gettime(service->timer, &left);  // a timer that cannot be read has run out
-      if (left.it_value.tv_sec == 0) {
+      timespec left{};
+      (void)polled_timer::time_left(service->timer, &left);  // a timer that cannot be read has run out
+      if (left.tv_sec == 0) {
         // Deliberate: printed at low verbosity only, and with the name of the section's service.
-        if (!kelvo_log::enabled(VERB_INFO))
+        if (verbosity_kelvo < VERB_INFO)
           KLOG_ALWAYS("Kill scan for service %d , %s table %x, ttl %d\n", service->pat_prnr, name()->c_str(),
                       static_cast<unsigned>(table_id), ttl);
         db_->flush();
@@ -259,7 +258,7 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
         service->active = false;
         progress_changed_ = true;
       } else {
-        least_left_ns = std::min(least_left_ns, nanoseconds(left.it_value));
+        least_left_ns = std::min(least_left_ns, nanoseconds(left));
       }
     }
     every_one_done = every_one_done && service->done;
@@ -276,7 +275,7 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
 
   if (found->active) {
     if (kelvo_log::enabled(VERB_WARNING))
-      kelvo_log::print("****+ Started table %x scan %d %s\n", static_cast<unsigned>(table_id), service_id,
+      kelvo_log::print(VERB_WARNING, "****+ Started table %x scan %d %s\n", static_cast<unsigned>(table_id), service_id,
                        name()->c_str());
     found->active = false;
     progress_changed_ = true;
@@ -286,8 +285,8 @@ SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section,
       db_->flush();
     if (found->count == ARRIVALS_OF_A_FINISHED_TABLE) {
       if (kelvo_log::enabled(VERB_WARNING))
-        kelvo_log::print("****-  Finished table %x scan %d %s\n", static_cast<unsigned>(table_id), service_id,
-                         name()->c_str());
+        kelvo_log::print(VERB_WARNING, "****-  Finished table %x scan %d %s\n", static_cast<unsigned>(table_id),
+                         service_id, name()->c_str());
       found->done = true;
       progress_changed_ = true;
     }

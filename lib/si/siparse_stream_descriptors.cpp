@@ -79,15 +79,15 @@ void Siparse::parse_stream_descriptor(const Descriptor* descriptor) {
       break;
     case 0x06:
       if (length >= 1)
-        kelvo_log::print("Data stream alignment descriptor : al %d\n", Raw(*descriptor).body(0));
+        kelvo_log::print(VERB_TRACE, "Data stream alignment descriptor : al %d\n", Raw(*descriptor).body(0));
       break;
     case 0x0C:
-      kelvo_log::print("Mux buffer utilization descriptor, not required for receiver\n");
+      kelvo_log::print(VERB_TRACE, "Mux buffer utilization descriptor, not required for receiver\n");
       break;
     case 0x0E:
       if (length >= 3) {
         const Raw raw(*descriptor);
-        kelvo_log::print("Maximum bitrate descriptor: rate is %d\n",
+        kelvo_log::print(VERB_TRACE, "Maximum bitrate descriptor: rate is %d\n",
                          (raw.body(0) & 0x3F) << 16 | raw.body(1) << 8 | raw.body(2));
       }
       break;

@@ -107,7 +107,7 @@ std::string* Siparse::dvb_text_to_utf8(std::string* text) {
        in_left != 0 ? static_cast<unsigned char>(*in) : 0);
   if (kelvo_log::enabled(VERB_ERROR)) {
     errno = error;
-    std::perror("dvb_text_to_utf8:");
+    kelvo_log::print_errno("dvb_text_to_utf8:");
   }
   return text;
 }

@@ -14,6 +14,7 @@ list(APPEND KELVO_SOURCES
   si/siparse_time.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  si/broadcast_time.h
   si/eit_lang.h
   si/eit_progress.h
   si/siparse.h

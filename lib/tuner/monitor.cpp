@@ -85,7 +85,7 @@ void Tuner::wait_for_frontend_event() {
   pollfd entries[] = {{device_, POLLIN, 0}, {monitor_wake_, POLLIN, 0}};
   const int ready = poll(entries, 2, POLL_TIMEOUT_MS);
   if (ready < 0) {
-    std::perror("Lock poll thread: ");
+    kelvo_log::print_errno("Lock poll thread: ");
   } else if ((entries[0].revents & POLLIN) != 0) {
     dvb_frontend_event event{};  // only wakes the pass
     if (control(FE_GET_EVENT, &event) < 0)

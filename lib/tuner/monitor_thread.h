@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kelvo/thread.h"
+#include "base/thread.h"
 
 // The signal monitor of one Tuner: polls the frontend until the Tuner is destroyed. Created and deleted by Tuner.
 class KELVO_EXPORT TunerMonitorThread final : public COrbelThreadKelvo {

@@ -108,7 +108,7 @@ void Tuner::apply(dvb_frontend_parameters& parameters, bool say_why) {
     return;
   KLOG(VERB_ERROR, "ERROR: Setting frontend parameters for %s failed\n", path_);
   if (say_why)
-    std::perror("Tuner::");
+    kelvo_log::print_errno("Tuner::");
 }
 
 int Tuner::tunetofreq(int freq) {

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db_support.h"
 #include "support/support.h"
 

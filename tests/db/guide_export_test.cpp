@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db_support.h"
 #include "support/softdvb.h"
 #include "support/support.h"

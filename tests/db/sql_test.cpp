@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db_support.h"
 #include "support/support.h"
 

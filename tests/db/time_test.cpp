@@ -6,7 +6,7 @@
 #include <climits>
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db/sdbl.h"
 #include "support/support.h"
 

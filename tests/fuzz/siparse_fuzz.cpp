@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/siparse.h"

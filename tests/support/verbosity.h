@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/log.h"
+#include "base/messages.h"
 
 namespace support {
 

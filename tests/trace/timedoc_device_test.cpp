@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "support/support.h"
 #include "trace/timedoc.h"
 

@@ -9,7 +9,7 @@
 #include <climits>
 #include <gtest/gtest.h>
 
-#include "base/log.h"
+#include "base/messages.h"
 #include "support/support.h"
 #include "trace/tdi_reading.h"
 

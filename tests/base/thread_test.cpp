@@ -1,4 +1,4 @@
-#include "kelvo/thread.h"
+#include "base/thread.h"
 
 #include <errno.h>
 #include <pthread.h>

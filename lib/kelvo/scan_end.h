@@ -1,0 +1,35 @@
+#pragma once
+
+#include <vector>
+
+#include "base/types.h"
+#include "db/database_error.h"
+
+// How a scan ended.
+enum : int {
+  SCAN_COMPLETE = 0,   // every table that it waited for has been read
+  SCAN_TIMED_OUT = 1,  // 40 s were over first: `missing` has what never came
+  SCAN_NO_STREAM = 2,  // DVB-H, or no section within 6 s of a request without a channel
+  SCAN_NO_DEMUX = 3,   // no filter could be set: the demultiplexer could not be opened
+  SCAN_REPLACED = 4,   // another request, or one that failed to tune, took its filters away
+};
+
+// A table that was waited for.
+struct Missing_table {
+  int pid;
+  int table_id;
+};
+
+// The end of one scan, which began with a request or a rescan: a full one from the PAT on (stage SCAN_PAT), or of the
+// PMTs alone (SCAN_PMT). What the guide collects afterwards belongs to no scan.
+struct Scan_end {
+  int adapter = 0;
+  int freq = 0;      // Hz
+  int channel = -1;  // the request's, -1 for none
+  SCAN_STATE stage = SCAN_NONE;
+  int outcome = SCAN_COMPLETE;
+  bool merged = false;  // the channel list was brought up to date
+  int changes = 0;      // what the merge changed: bits of Sdbl::update_master_scan_data's result
+  std::vector<Missing_table> missing;
+  Database_error error;  // the first one since the scan began; code 0 for none
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+
+// What became of the system's clock.
+enum : int {
+  CLOCK_RIGHT = 0,    // at most 10 s from the broadcast: left alone
+  CLOCK_SET = 1,      // set to the broadcast time
+  CLOCK_REFUSED = 2,  // to be set, but the system did not allow it: it stays wrong
+};
+
+// What became of the system's zone.
+enum : int {
+  ZONE_UNTOUCHED = 0,  // no local time offset, or not of the preferred provider
+  ZONE_RIGHT = 1,      // it is the broadcast one already
+  ZONE_SET = 2,        // compiled and installed
+  ZONE_FAILED = 3,     // to be set, but it could not be written, compiled or installed
+};
+
+// One TDT or TOT (EN 300 468, 5.2.5 and 5.2.6), and what it did.
+struct Broadcast_time {
+  int freq = 0;               // Hz
+  int64_t utc = 0;            // the broadcast time, seconds since 1970
+  int64_t off_by = 0;         // by how much the clock was slow, in seconds; negative when it was fast
+  int clock = CLOCK_RIGHT;    // CLOCK_...
+  int zone = ZONE_UNTOUCHED;  // ZONE_..., of the last entry that did anything
+  int offset_min = 0;         // that entry's offset, minutes east of UTC
+  char country[4] = "";       // that entry's country code as broadcast, cut to three bytes
+};

@@ -11,7 +11,6 @@
 
 using kelvo_log::sql_ok;
 using sdbl::Db_lock;
-using sdbl::report_exec;
 
 namespace {
 
@@ -42,7 +41,8 @@ void never_wait_for_disk(sqlite3* conn) {
 }  // namespace
 
 Sdbl::Sdbl(const char* db_file)
-    : db_name(db_file != nullptr ? db_file : ""),
+    : parts_(std::make_unique<Parts>(*this)),
+      db_name(db_file != nullptr ? db_file : ""),
       db(nullptr),
       epg_cache_hits_(0),
       epg_cache_misses_(0),
@@ -86,7 +86,7 @@ Sdbl::~Sdbl() {
 
 void Sdbl::apply_pragmas(sqlite3* conn) {
   for (const char* pragma : PRAGMAS)
-    report_exec(sql_exec(conn, pragma), "open_db", __LINE__);
+    parts_->errors.report_exec(sql_exec(conn, pragma), "open_db", __LINE__);
 }
 
 // Creates the guide file and its tables through a connection of its own, which is closed again.
@@ -114,7 +114,7 @@ void Sdbl::attach_epg_file(const std::string& epg_file) {
     return;
   }
   for (const char* pragma : ATTACHED_PRAGMAS)
-    report_exec(sql_exec(db, pragma), "Sdbl", __LINE__);
+    parts_->errors.report_exec(sql_exec(db, pragma), "Sdbl", __LINE__);
 }
 
 int Sdbl::open_db() {
@@ -165,7 +165,7 @@ void Sdbl::close_db() {
     }
     forget_statements();
 
-    const int rc = report_exec(sql_exec(db, "DETACH DATABASE %s;", sdbl::EPG_SCHEMA), SDBL_HERE);
+    const int rc = parts_->errors.report_exec(sql_exec(db, "DETACH DATABASE %s;", sdbl::EPG_SCHEMA), SDBL_HERE);
     // Deliberate: codes 0 and 100 are complained about, too.
     if (rc != SQLITE_DONE)
       KLOG(VERB_ERROR, "ERROR: Failed to detach epg info database, rc = %d\n", rc);
@@ -177,6 +177,14 @@ void Sdbl::close_db() {
   }
   KLOG(VERB_TRACE, "cldone\n");
   db = nullptr;
+}
+
+bool Sdbl::first_error(Database_error* error) const {
+  return parts_->errors.first(error);
+}
+
+void Sdbl::forget_errors() {
+  parts_->errors.forget();
 }
 
 bool Sdbl::db_opened() const {
@@ -192,9 +200,9 @@ void Sdbl::flush() {
 }
 
 void Sdbl::create_temp_tables(int n) {
-  report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_scan_%d;", n), SDBL_HERE);
-  report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_lang_scan_%d;", n), SDBL_HERE);
-  report_exec(sql_exec(db, "DROP TABLE IF EXISTS estreams_scan_%d", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_scan_%d;", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_lang_scan_%d;", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS estreams_scan_%d", n), SDBL_HERE);
 
   char name[32];
   (void)snprintf(name, sizeof name, "kanalid_scan_%d", n);
@@ -206,9 +214,9 @@ void Sdbl::create_temp_tables(int n) {
 }
 
 void Sdbl::clear_temp_tables(int n) {
-  report_exec(sql_exec(db, "DELETE FROM estreams_scan_%d;", n), SDBL_HERE);
-  report_exec(sql_exec(db, "DELETE FROM kanalid_scan_%d;", n), SDBL_HERE);
-  report_exec(sql_exec(db, "DELETE FROM kanalid_lang_scan_%d;", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DELETE FROM estreams_scan_%d;", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DELETE FROM kanalid_scan_%d;", n), SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db, "DELETE FROM kanalid_lang_scan_%d;", n), SDBL_HERE);
 }
 
 int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
@@ -220,7 +228,7 @@ int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
     if (stmt != nullptr) {
       while (sqlite3_step(stmt) == SQLITE_ROW)
         entries.push_back(sqlite3_column_int(stmt, 0));
-      sdbl::report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
     }
   }
   int removed = 0;

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -301,7 +302,12 @@ class KELVO_EXPORT Sdbl {
   // Deletes all entries.
   void clear_eit_scan_list(std::list<SQL_cache*>* list);
 
+  // For the library's own use.
+  class Parts;
+  Parts& parts() const { return *parts_; }
+
  private:
+  std::unique_ptr<Parts> parts_;
   // What one execution of a cached statement did, read before another thread's statement could change it.
   struct Run {
     int result;   // 0, or 1 when the cache gave no statement

@@ -59,7 +59,7 @@ void Sdbl::backup_database(bool) {
     rc = sqlite3_backup_finish(backup);
     if (rc != SQLITE_OK)
       KLOG(VERB_ERROR, "ERROR: rc %d: Cannot run export into %s, %s\n", rc, EXPORT_FILE.c_str(), sqlite3_errmsg(conn));
-    sdbl::report_exec(sql_exec(conn, "VACUUM"), SDBL_HERE);
+    parts_->errors.report_exec(sql_exec(conn, "VACUUM"), SDBL_HERE);
   }
   (void)sqlite3_close(conn);  // has no statement left
 

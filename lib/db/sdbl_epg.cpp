@@ -11,9 +11,6 @@
 #include "db/sdbl_internal.h"
 
 using sdbl::Db_lock;
-using sdbl::report_get_int;
-using sdbl::report_reset;
-using sdbl::report_run;
 using sdbl::saturated;
 
 namespace {
@@ -157,7 +154,9 @@ int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_c
   sqlite3_stmt* stmt = nullptr;
   int rc = SQLITE_FULL;
   const int pages = EVENT_PAGES + pages_of({content->c_str(), rating->c_str()});
-  if (guide_has_room(pages + ROOM_FOR_TEXTS)) {
+  if (!guide_has_room(pages + ROOM_FOR_TEXTS)) {
+    parts_->errors.remember_full_guide("eit_for_service");
+  } else {
     stmt = sql_cache(false, 0, sql, channel, ymd_bcd, hms_bcd, start, dur_bcd, dur_sec, content->c_str(),
                      rating->c_str(), run_status, free_ca, ev_id, pat_prnr);
     rc = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
@@ -167,6 +166,7 @@ int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_c
     entry = static_cast<int>(sqlite3_last_insert_rowid(db));
   else
     KLOG(VERB_ERROR, "ERROR: eit_for_service: rc is %d\n", rc);
+  parts_->errors.remember(rc, "eit_for_service");
   (void)sqlite3_reset(stmt);  // repeats the step's code; null is allowed
   return entry;
 }
@@ -177,7 +177,9 @@ int Sdbl::insert_epglist_lang(int source_oid, const char* lang, const char* ev_n
   sqlite3_stmt* stmt = nullptr;
   int rc = SQLITE_FULL;
   const int pages = TEXT_PAGES + pages_of({lang, ev_name, ev_desc, ext_desc, ext_list});
-  if (guide_has_room(pages)) {
+  if (!guide_has_room(pages)) {
+    parts_->errors.remember_full_guide("insert_epglist_lang");
+  } else {
     stmt = sql_cache(false, 0,
                      "INSERT into epglist_lang (source_oid, lang, ev_name,  ev_desc, ext_desc, ext_list ) "
                      "VALUES ($source_oid, @lang,@ev_name, @ev_desc, @ext_desc, @ext_list)",
@@ -186,6 +188,7 @@ int Sdbl::insert_epglist_lang(int source_oid, const char* lang, const char* ev_n
   }
   if (rc != SQLITE_DONE)
     KLOG(VERB_WARNING, "WARNING: epglist_lang rc = %d\n", rc);
+  parts_->errors.remember(rc, "insert_epglist_lang");
   (void)sqlite3_reset(stmt);  // repeats the step's code; null is allowed
   return 0;
 }
@@ -199,7 +202,7 @@ void Sdbl::trace_deleted_event(int oid, int start_epoch, int dur_sec) {
     KLOG(VERB_PROGRESS, "%s\n", sdbl::column_text(stmt, 0));
   else
     KLOG(VERB_PROGRESS, " No event description\n");
-  report_reset(sqlite3_reset(stmt), "delete_epglist_range", __LINE__);
+  parts_->errors.report_reset(sqlite3_reset(stmt), "delete_epglist_range", __LINE__);
 }
 
 // Takes a deleted event out of the cache, when it is the one found at its start.
@@ -237,7 +240,7 @@ int Sdbl::delete_epglist_range(int channel, int start_epoch, int end_epoch, bool
       while ((step = sqlite3_step(stmt)) == SQLITE_ROW)
         events.push_back(
             Stored_event{sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 4), sqlite3_column_int(stmt, 5)});
-      rc = report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      rc = parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
     }
   }
   if (events.empty())
@@ -246,8 +249,10 @@ int Sdbl::delete_epglist_range(int channel, int start_epoch, int end_epoch, bool
   for (const Stored_event& event : events) {
     if (trace && kelvo_log::enabled(VERB_PROGRESS))
       trace_deleted_event(event.oid, event.start_epoch, event.dur_sec);
-    report_run(run_cached(0, "DELETE FROM epglist_lang WHERE source_oid = $epg_oid;", event.oid).result, SDBL_HERE);
-    report_run(run_cached(0, "DELETE FROM epglist      WHERE oid        = $epg_oid;", event.oid).result, SDBL_HERE);
+    parts_->errors.report_run(run_cached(0, "DELETE FROM epglist_lang WHERE source_oid = $epg_oid;", event.oid).result,
+                              SDBL_HERE);
+    parts_->errors.report_run(run_cached(0, "DELETE FROM epglist      WHERE oid        = $epg_oid;", event.oid).result,
+                              SDBL_HERE);
     forget_event(&sc->epg, event.start_epoch, event.dur_sec);
   }
   return rc;
@@ -265,7 +270,7 @@ int Sdbl::eit_info_available(int channel) {
     KLOG(VERB_PROGRESS, "EPG OK ");
     return 1;
   }
-  report_get_int(rc, SDBL_HERE);
+  parts_->errors.report_get_int(rc, SDBL_HERE);
   KLOG(VERB_PROGRESS, "NO EPG ");
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "base/log.h"
+#include "db/sdbl_parts.h"
 
 // For the sources of Sdbl; not installed.
 
@@ -39,37 +40,6 @@ class Db_lock {
  private:
   sqlite3_mutex* mutex_;
 };
-
-// The report_ functions print a code that is no success, and return it.
-inline int report_exec(int rc, const char* operation, int line) {
-  if (!kelvo_log::sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_exec: %d @ %s line %d\n", rc, operation, line);
-  return rc;
-}
-
-inline int report_run(int rc, const char* operation, int line) {
-  if (!kelvo_log::sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQLite RUN rc %d at %s, %d\n", rc, operation, line);
-  return rc;
-}
-
-inline int report_reset(int rc, const char* operation, int line) {
-  if (rc != SQLITE_OK)
-    KLOG(VERB_ERROR, "ERROR: SQLite reset rc %d at %s, %d\n", rc, operation, line);
-  return rc;
-}
-
-inline int report_get_int(int rc, const char* operation, int line) {
-  if (!kelvo_log::sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_get_int: %d @ %s line %d\n", rc, operation, line);
-  return rc;
-}
-
-inline int report_get_txt(int rc, const char* operation, int line) {
-  if (!kelvo_log::sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_get_txt: %d @ %s, %d\n", rc, operation, line);
-  return rc;
-}
 
 // A column's text, "" for NULL. Valid until the statement's next step or reset.
 inline const char* column_text(sqlite3_stmt* stmt, int column) {

@@ -8,8 +8,6 @@
 #include "db/sdbl_internal.h"
 
 using sdbl::Db_lock;
-using sdbl::report_reset;
-using sdbl::report_run;
 
 namespace {
 
@@ -59,13 +57,14 @@ int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf
     merge_streams(&merge);
     // Deliberate: new services without a PCR PID stay unconfirmed, and are counted as back at the next full scan.
     if (state == SCAN_PAT)
-      report_run(run_cached(dvbnr,
-                            "UPDATE kanalid SET scan_state = $scan_state , row_status = $row_status WHERE freq = $freq "
-                            "AND dvb_type = $dvb_type AND pcr_pid != 0 AND hf_conn = $hf_conn AND row_status = "
-                            "$row_status_new",
-                            SERVICE_FOUND, ROW_CONFIRMED, freq, dvb_type, hf_conn, ROW_NEW)
-                     .result,
-                 SDBL_HERE);
+      parts_->errors.report_run(
+          run_cached(dvbnr,
+                     "UPDATE kanalid SET scan_state = $scan_state , row_status = $row_status WHERE freq = $freq "
+                     "AND dvb_type = $dvb_type AND pcr_pid != 0 AND hf_conn = $hf_conn AND row_status = "
+                     "$row_status_new",
+                     SERVICE_FOUND, ROW_CONFIRMED, freq, dvb_type, hf_conn, ROW_NEW)
+              .result,
+          SDBL_HERE);
   }
 
   KLOG(VERB_PROGRESS, "Scan from %d for freq %d, ch_add %d, ch_delete %d, estrm_add %d, estrm_delete %d\n", state, freq,
@@ -108,30 +107,31 @@ bool Sdbl::merge_services(Merge* merge) {
       KLOG(VERB_WARNING, "WARNING: PAT scan timed out for freq %d, no entries in scan table\n", freq);
       if (step != SQLITE_DONE)
         KLOG(VERB_WARNING, "Error code %d, %s", step, sqlite3_errmsg(db));
-      report_reset(sqlite3_reset(stmt), MERGE_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
       return false;
     }
     net_id = sqlite3_column_int(stmt, 0);
     onet_id = sqlite3_column_int(stmt, 1);
     ts_id = sqlite3_column_int(stmt, 2);
-    report_reset(sqlite3_reset(stmt), MERGE_HERE);
+    parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   KLOG(VERB_PROGRESS,
        "update_master_scan_data: instance %d dvb_type %d hf_conn %d Freq %d net_id %d, onet_id %d, tstream_id %d\n",
        dvbnr, merge->dvb_type, merge->hf_conn, freq, net_id, onet_id, ts_id);
 
-  report_run(run_cached(dvbnr,
-                        "UPDATE kanalid SET row_status = $row_stat  WHERE network_id = $net_id AND orig_network_id = "
-                        "$onet_id AND tstream_id = $ts_id AND freq = $freq",
-                        ROW_OLD, net_id, onet_id, ts_id, freq)
-                 .result,
-             MERGE_HERE);
-  report_run(run_cached(dvbnr,
-                        "UPDATE kanalid_scan_DVBNR SET row_status = $rstat  WHERE network_id = $nid AND "
-                        "orig_network_id = $onid AND tstream_id = $tsid;",
-                        ROW_NEW, net_id, onet_id, ts_id)
-                 .result,
-             MERGE_HERE);
+  parts_->errors.report_run(
+      run_cached(dvbnr,
+                 "UPDATE kanalid SET row_status = $row_stat  WHERE network_id = $net_id AND orig_network_id = "
+                 "$onet_id AND tstream_id = $ts_id AND freq = $freq",
+                 ROW_OLD, net_id, onet_id, ts_id, freq)
+          .result,
+      MERGE_HERE);
+  parts_->errors.report_run(run_cached(dvbnr,
+                                       "UPDATE kanalid_scan_DVBNR SET row_status = $rstat  WHERE network_id = $nid AND "
+                                       "orig_network_id = $onid AND tstream_id = $tsid;",
+                                       ROW_NEW, net_id, onet_id, ts_id)
+                                .result,
+                            MERGE_HERE);
 
   std::vector<Scanned_service> services;
   {
@@ -145,18 +145,18 @@ bool Sdbl::merge_services(Merge* merge) {
         services.push_back(Scanned_service{sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 1),
                                            sqlite3_column_int(stmt, 2), sqlite3_column_int(stmt, 3),
                                            sqlite3_column_int(stmt, 4)});
-      report_reset(sqlite3_reset(stmt), MERGE_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
   // Scan rows and channels share one number space. The streams first move out of it, or a stream that has just got its
   // channel's number could be taken for one of the scan row of that number.
   for (const Scanned_service& service : services)
-    report_run(run_cached(dvbnr, RENUMBER_STREAMS, -service.oid, service.oid).result, MERGE_HERE);
+    parts_->errors.report_run(run_cached(dvbnr, RENUMBER_STREAMS, -service.oid, service.oid).result, MERGE_HERE);
 
   int channel = 0;
   for (const Scanned_service& service : services) {
     channel = merge_service(merge, service, channel);
-    report_run(run_cached(dvbnr, RENUMBER_STREAMS, channel, -service.oid).result, MERGE_HERE);
+    parts_->errors.report_run(run_cached(dvbnr, RENUMBER_STREAMS, channel, -service.oid).result, MERGE_HERE);
   }
 
   // Deliberate: services that stay lost are counted at every full scan.
@@ -164,7 +164,7 @@ bool Sdbl::merge_services(Merge* merge) {
                               "UPDATE kanalid SET scan_state = $state , modified = $timestamp  WHERE freq = $freq AND "
                               "dvb_type = $dvb_type AND hf_conn = $hf_conn AND row_status = $rstat;",
                               SERVICE_LOST, merge->now, freq, merge->dvb_type, merge->hf_conn, ROW_OLD);
-  report_run(lost.result, MERGE_HERE);
+  parts_->errors.report_run(lost.result, MERGE_HERE);
   merge->channels_lost = lost.changes;
   return true;
 }
@@ -188,7 +188,7 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
       channel = sqlite3_column_int(stmt, 0);
     else if (step != SQLITE_DONE)
       KLOG(VERB_ERROR, "ERROR: Select into main table returned %d, %s\n", step, sqlite3_errmsg(db));
-    report_reset(sqlite3_reset(stmt), MERGE_HERE);
+    parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   if (step == SQLITE_ROW)
     confirm_channel(merge, channel);
@@ -201,7 +201,7 @@ int Sdbl::merge_service(Merge* merge, const Scanned_service& service, int previo
 void Sdbl::confirm_channel(Merge* merge, int channel) {
   const int dvbnr = merge->dvbnr;
   KLOG(VERB_PROGRESS, "Updating ROW status for ch oid %d\n", channel);
-  report_run(
+  parts_->errors.report_run(
       run_cached(dvbnr, "UPDATE kanalid SET row_status = $rstat WHERE channel = $ch;", ROW_CONFIRMED, channel).result,
       MERGE_HERE);
   bool was_lost = false;
@@ -211,16 +211,16 @@ void Sdbl::confirm_channel(Merge* merge, int channel) {
         sql_cache(false, dvbnr, "SELECT network_id FROM kanalid WHERE channel = $ch AND scan_state = $state;", channel,
                   SERVICE_LOST);
     was_lost = stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW;
-    report_reset(sqlite3_reset(stmt), MERGE_HERE);
+    parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
   }
   if (was_lost) {
     KLOG(VERB_PROGRESS, "flag from 0->1, increment ch found flag\n");
-    report_run(
+    parts_->errors.report_run(
         run_cached(dvbnr, "UPDATE kanalid SET modified = $timestamp WHERE channel = $ch;", merge->now, channel).result,
         MERGE_HERE);
     ++merge->channels_added;
   }
-  report_run(
+  parts_->errors.report_run(
       run_cached(dvbnr, "UPDATE kanalid SET scan_state = $state WHERE channel = $ch;", SERVICE_FOUND, channel).result,
       MERGE_HERE);
 }
@@ -237,22 +237,24 @@ int Sdbl::add_channel(Merge* merge, int scan_oid) {
       "serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status  FROM kanalid_scan_DVBNR WHERE "
       "oid = $oid_scan;",
       scan_oid);
-  report_run(inserted.result, MERGE_HERE);
+  parts_->errors.report_run(inserted.result, MERGE_HERE);
   if (!inserted.done || inserted.changes == 0)
     return 0;
 
   const int channel = inserted.rowid;
-  report_run(run_cached(dvbnr, "UPDATE kanalid set modified = $timestamp where oid = $oid", merge->now, channel).result,
-             MERGE_HERE);
+  parts_->errors.report_run(
+      run_cached(dvbnr, "UPDATE kanalid set modified = $timestamp where oid = $oid", merge->now, channel).result,
+      MERGE_HERE);
   KLOG(VERB_PROGRESS, "inserted row %d@kanalid_scan -> %d@kanalid\n", scan_oid, channel);
   ++merge->channels_added;
-  report_run(run_cached(dvbnr,
-                        "INSERT INTO kanalid_lang (source_oid, lang, serv_name, prov_name, network_name) SELECT  "
-                        "$oid_db, lang, serv_name, prov_name, network_name FROM kanalid_lang_scan_DVBNR WHERE "
-                        "source_oid = $oid_scan;",
-                        channel, scan_oid)
-                 .result,
-             MERGE_HERE);
+  parts_->errors.report_run(
+      run_cached(dvbnr,
+                 "INSERT INTO kanalid_lang (source_oid, lang, serv_name, prov_name, network_name) SELECT  "
+                 "$oid_db, lang, serv_name, prov_name, network_name FROM kanalid_lang_scan_DVBNR WHERE "
+                 "source_oid = $oid_scan;",
+                 channel, scan_oid)
+          .result,
+      MERGE_HERE);
   return channel;
 }
 
@@ -269,23 +271,24 @@ void Sdbl::merge_streams(Merge* merge) {
     if (stmt != nullptr) {
       while (sqlite3_step(stmt) == SQLITE_ROW)
         channels.push_back(sqlite3_column_int(stmt, 0));
-      report_reset(sqlite3_reset(stmt), MERGE_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
-  report_run(run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status", ROW_NEW).result, MERGE_HERE);
+  parts_->errors.report_run(
+      run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status", ROW_NEW).result, MERGE_HERE);
   for (const int channel : channels)
     merge_streams_of_channel(merge, channel);
 
   if (merge->streams_added != 0 || merge->streams_deleted != 0) {
     KLOG(VERB_INFO, "estreams modified, reindexing");
-    report_run(run_cached(dvbnr, "REINDEX estreams").result, MERGE_HERE);
+    parts_->errors.report_run(run_cached(dvbnr, "REINDEX estreams").result, MERGE_HERE);
   }
 }
 
 void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
   const int dvbnr = merge->dvbnr;
   KLOG(VERB_PROGRESS, "Streams for ch %d (Scan = Main): ", channel);
-  report_run(
+  parts_->errors.report_run(
       run_cached(dvbnr, "UPDATE estreams  SET row_status = $row_status where channel = $channel;", ROW_OLD, channel)
           .result,
       MERGE_HERE);
@@ -303,17 +306,18 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
     if (stmt != nullptr) {
       while (sqlite3_step(stmt) == SQLITE_ROW)
         equal.emplace_back(sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 1));
-      report_reset(sqlite3_reset(stmt), MERGE_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), MERGE_HERE);
     }
   }
   for (const auto& [scan_row, master_row] : equal) {
     KLOG(VERB_PROGRESS, "%d = ", scan_row);
     KLOG(VERB_PROGRESS, "%d ", master_row);
-    report_run(run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status where OID = $oid",
-                          ROW_CONFIRMED, scan_row)
-                   .result,
-               MERGE_HERE);
-    report_run(
+    parts_->errors.report_run(
+        run_cached(dvbnr, "UPDATE estreams_scan_DVBNR SET row_status = $row_status where OID = $oid", ROW_CONFIRMED,
+                   scan_row)
+            .result,
+        MERGE_HERE);
+    parts_->errors.report_run(
         run_cached(dvbnr, "UPDATE estreams SET row_status = $row_status where OID = $oid", ROW_CONFIRMED, master_row)
             .result,
         MERGE_HERE);
@@ -324,7 +328,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
       dvbnr,
       "INSERT INTO estreams SELECT * from estreams_scan_DVBNR where row_status = $row_status and channel = $channel",
       ROW_NEW, channel);
-  report_run(added.result, MERGE_HERE);
+  parts_->errors.report_run(added.result, MERGE_HERE);
   if (added.changes != 0) {
     KLOG(VERB_INFO, "Added %d estream entries for channel %d\n", added.changes, channel);
     merge->streams_added += added.changes;
@@ -334,7 +338,7 @@ void Sdbl::merge_streams_of_channel(Merge* merge, int channel) {
 
   const Run deleted = run_cached(dvbnr, "DELETE FROM estreams WHERE  row_status = $row_status AND channel = $channel",
                                  ROW_OLD, channel);
-  report_run(deleted.result, MERGE_HERE);
+  parts_->errors.report_run(deleted.result, MERGE_HERE);
   if (deleted.changes != 0) {
     KLOG(VERB_INFO, "Deleted %d estream entries for channel %d\n", deleted.changes, channel);
     merge->streams_deleted += deleted.changes;
@@ -347,5 +351,5 @@ int Sdbl::set_master_scan_timeout(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int 
                              "UPDATE kanalid SET scan_state = $state WHERE dvb_type = $dvb_type AND hf_conn = $hf_conn "
                              "AND freq = $freq;",
                              SERVICE_TIMED_OUT, dvb_type, hf_conn, freq);
-  return report_run(run.result, SDBL_HERE);
+  return parts_->errors.report_run(run.result, SDBL_HERE);
 }

@@ -5,10 +5,6 @@
 #include "db/sdbl_internal.h"
 
 using sdbl::Db_lock;
-using sdbl::report_exec;
-using sdbl::report_get_int;
-using sdbl::report_reset;
-using sdbl::report_run;
 
 namespace {
 
@@ -37,7 +33,7 @@ int Sdbl::pat_for_network(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, i
                              "INSERT INTO kanalid_scan_DVBNR (channel, dvb_type, hf_conn, freq, pat_prnr, tstream_id, "
                              "pmt_pid ) VALUES (NULL, $dvb_type, $conn, $freq,$pat_prnr,$ts_id, $pmt_id);",
                              dvb_type, hf_conn, freq, pat_prnr, ts_id, pmt_pid);
-  report_run(run.result, SDBL_HERE);
+  parts_->errors.report_run(run.result, SDBL_HERE);
   return run.rowid;
 }
 
@@ -50,7 +46,7 @@ int Sdbl::sdt_for_service(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, i
   const Run run = run_cached(
       dvbnr, "UPDATE kanalid_scan_DVBNR SET run_status = $run_status, free_ca = $free_ca WHERE channel = $oid;",
       run_status, free_ca, channel);
-  report_run(run.result, SDBL_HERE);
+  parts_->errors.report_run(run.result, SDBL_HERE);
   return channel;
 }
 
@@ -69,7 +65,7 @@ int Sdbl::pmt_channel_number(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn
     KLOG(VERB_WARNING, "WARNING: pmt_for_service:  pcr_pid = 0\n");
   const Run run =
       run_cached(dvbnr, "UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = $channel;", pcr_pid, channel);
-  report_run(run.result, SDBL_HERE);
+  parts_->errors.report_run(run.result, SDBL_HERE);
   return channel;
 }
 
@@ -87,8 +83,8 @@ int Sdbl::pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int e
   if (subtxt == nullptr || subtxt->empty()) {
     KLOG(VERB_TRACE, "Inserting AV entry \n");
     if (stmt != nullptr) {
-      report_run(sqlite3_step(stmt), SDBL_HERE);
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      parts_->errors.report_run(sqlite3_step(stmt), SDBL_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
     }
     return 1;
   }
@@ -100,8 +96,8 @@ int Sdbl::pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int e
       rebind_text(stmt, "@languages", entry->lang);
       rebind_int(stmt, "$p1", entry->p1);
       rebind_int(stmt, "$p2", entry->p2);
-      report_run(sqlite3_step(stmt), SDBL_HERE);
-      report_reset(sqlite3_reset(stmt), SDBL_HERE);
+      parts_->errors.report_run(sqlite3_step(stmt), SDBL_HERE);
+      parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
     }
     delete entry;
   }
@@ -110,11 +106,12 @@ int Sdbl::pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int e
 }
 
 int Sdbl::nit_for_network(int dvbnr, int dvb_type, int hf_conn, int freq, const char* column, int value) {
-  report_exec(sql_exec(db, "UPDATE kanalid_scan_%d SET %s = %d WHERE hf_conn = %d AND dvb_type = %d AND freq = %d;",
-                       dvbnr, column, value, hf_conn, dvb_type, freq),
-              SDBL_HERE);
+  parts_->errors.report_exec(
+      sql_exec(db, "UPDATE kanalid_scan_%d SET %s = %d WHERE hf_conn = %d AND dvb_type = %d AND freq = %d;", dvbnr,
+               column, value, hf_conn, dvb_type, freq),
+      SDBL_HERE);
   int channel = 0;
-  report_get_int(
+  parts_->errors.report_get_int(
       sql_get_int(&channel, 0,
                   "SELECT channel FROM kanalid_scan_%d WHERE hf_conn = %d AND dvb_type = %d AND freq = %d AND %s = %d;",
                   dvbnr, hf_conn, dvb_type, freq, column, value),
@@ -130,7 +127,7 @@ int Sdbl::nit_lcn(int dvbnr, int dvb_type, int hf_conn, int ts_id, int onet_id, 
                              "$dvb_type AND orig_network_id = $onet_id AND pat_prnr = $serv_id AND tstream_id = "
                              "$ts_id;",
                              lcn, hf_conn, dvb_type, onet_id, serv_id, ts_id);
-  return report_run(run.result, SDBL_HERE);
+  return parts_->errors.report_run(run.result, SDBL_HERE);
 }
 
 int Sdbl::nit_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int netid, const char* name) {
@@ -138,7 +135,7 @@ int Sdbl::nit_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int n
                              "UPDATE kanalid_scan_DVBNR SET network_name = @netname WHERE hf_conn = $hf_conn AND "
                              "dvb_type = $dvb_type AND freq = $freq AND network_id = $netid",
                              name, hf_conn, dvb_type, freq, netid);
-  return report_run(run.result, SDBL_HERE);
+  return parts_->errors.report_run(run.result, SDBL_HERE);
 }
 
 int Sdbl::nit_multilingual_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int net_id, const char* lang,
@@ -152,10 +149,10 @@ int Sdbl::nit_multilingual_network_name(int dvbnr, int dvb_type, int hf_conn, in
                                    "$dvb_type AND freq = $freq AND network_id = $net_id;",
                                    hf_conn, dvb_type, freq, net_id);
     if (stmt == nullptr)
-      return report_run(rc, SDBL_HERE);
+      return parts_->errors.report_run(rc, SDBL_HERE);
     while (sqlite3_step(stmt) == SQLITE_ROW)
       oids.push_back(sqlite3_column_int(stmt, 0));
-    rc = report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    rc = parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
   }
   KLOG(VERB_TRACE, "OIDs for freq %d lang %s network %s are: ", freq, lang, name);
   for (const int oid : oids)
@@ -174,7 +171,7 @@ int Sdbl::nit_multilingual_network_name(int dvbnr, int dvb_type, int hf_conn, in
                          "INSERT INTO kanalid_lang_scan_DVBNR (source_oid, lang, network_name) VALUES ( $koid, "
                          "@lang_code, @net_name);",
                          oid, lang, name);
-    report_run(run.result, SDBL_HERE);
+    parts_->errors.report_run(run.result, SDBL_HERE);
   }
   return rc;
 }

@@ -6,8 +6,6 @@
 #include "db/sdbl.h"
 #include "db/sdbl_internal.h"
 
-using sdbl::report_exec;
-
 namespace {
 
 // What follows the table's name in a column's format.
@@ -172,36 +170,37 @@ void add_columns(Sdbl* database, sqlite3* conn, const char* table, const Column 
         rc = database->sql_exec(conn, column.format, table, sdbl::REVISION);
         break;
     }
-    report_exec(rc, operation, __LINE__);
+    database->parts().errors.report_exec(rc, operation, __LINE__);
   }
 }
 
 template <size_t N>
 void run_all(Sdbl* database, sqlite3* conn, const char* const (&statements)[N], const char* operation) {
   for (const char* statement : statements)
-    report_exec(database->sql_exec(conn, statement), operation, __LINE__);
+    database->parts().errors.report_exec(database->sql_exec(conn, statement), operation, __LINE__);
 }
 
 }  // namespace
 
 void Sdbl::create_table_kanalid(const char* name, bool temp) {
-  report_exec(sql_exec(db,
-                       temp ? "CREATE TEMP TABLE %Q (channel integer primary key autoincrement);"
-                            : "CREATE TABLE %Q (channel integer primary key autoincrement);",
-                       name),
-              SDBL_HERE);
+  parts_->errors.report_exec(sql_exec(db,
+                                      temp ? "CREATE TEMP TABLE %Q (channel integer primary key autoincrement);"
+                                           : "CREATE TABLE %Q (channel integer primary key autoincrement);",
+                                      name),
+                             SDBL_HERE);
   add_columns(this, db, name, KANALID_COLUMNS, __func__);
 }
 
 void Sdbl::create_table_kanalid_lang(const char* name, bool temp) {
-  report_exec(sql_exec(db, temp ? "CREATE TEMP TABLE %Q (source_oid int);" : "CREATE TABLE %Q (source_oid int);", name),
-              SDBL_HERE);
+  parts_->errors.report_exec(
+      sql_exec(db, temp ? "CREATE TEMP TABLE %Q (source_oid int);" : "CREATE TABLE %Q (source_oid int);", name),
+      SDBL_HERE);
   add_columns(this, db, name, KANALID_LANG_COLUMNS, __func__);
 }
 
 void Sdbl::create_table_estreams(const char* name, bool temp) {
-  report_exec(sql_exec(db, temp ? "CREATE TEMP TABLE %Q (channel int);" : "CREATE TABLE %Q (channel int);", name),
-              SDBL_HERE);
+  parts_->errors.report_exec(
+      sql_exec(db, temp ? "CREATE TEMP TABLE %Q (channel int);" : "CREATE TABLE %Q (channel int);", name), SDBL_HERE);
   add_columns(this, db, name, ESTREAMS_COLUMNS, __func__);
 }
 
@@ -209,12 +208,12 @@ void Sdbl::create_table_estreams(const char* name, bool temp) {
 bool Sdbl::begin_missing_table(sqlite3* conn, const char* probe) {
   if (sql_exec(conn, probe) != SQLITE_ERROR)
     return false;
-  report_exec(sql_exec(conn, "BEGIN;"), "Sdbl", __LINE__);
+  parts_->errors.report_exec(sql_exec(conn, "BEGIN;"), "Sdbl", __LINE__);
   return true;
 }
 
 void Sdbl::commit_table(sqlite3* conn) {
-  report_exec(sql_exec(conn, "COMMIT;"), "Sdbl", __LINE__);
+  parts_->errors.report_exec(sql_exec(conn, "COMMIT;"), "Sdbl", __LINE__);
 }
 
 void Sdbl::create_channel_tables() {
@@ -234,7 +233,7 @@ void Sdbl::create_channel_tables() {
     commit_table(db);
   }
   if (begin_missing_table(db, "SELECT * FROM tuner_table;")) {
-    report_exec(sql_exec(db, "CREATE TABLE tuner_table (freq int);"), "Sdbl", __LINE__);
+    parts_->errors.report_exec(sql_exec(db, "CREATE TABLE tuner_table (freq int);"), "Sdbl", __LINE__);
     add_columns(this, db, "tuner_table", TUNER_TABLE_COLUMNS, "Sdbl");
     run_all(this, db, TUNER_TABLE_INDEXES, "Sdbl");
     commit_table(db);
@@ -243,13 +242,14 @@ void Sdbl::create_channel_tables() {
 
 void Sdbl::create_epg_tables(sqlite3* conn) {
   if (begin_missing_table(conn, "SELECT * FROM epglist;")) {
-    report_exec(sql_exec(conn, "CREATE TABLE epglist ( entry integer primary key autoincrement );"), "Sdbl", __LINE__);
+    parts_->errors.report_exec(sql_exec(conn, "CREATE TABLE epglist ( entry integer primary key autoincrement );"),
+                               "Sdbl", __LINE__);
     add_columns(this, conn, "epglist", EPGLIST_COLUMNS, "Sdbl");
     run_all(this, conn, EPGLIST_INDEXES, "Sdbl");
     commit_table(conn);
   }
   if (begin_missing_table(conn, "SELECT * FROM epglist_lang;")) {
-    report_exec(sql_exec(conn, "CREATE TABLE epglist_lang (source_oid int);"), "Sdbl", __LINE__);
+    parts_->errors.report_exec(sql_exec(conn, "CREATE TABLE epglist_lang (source_oid int);"), "Sdbl", __LINE__);
     add_columns(this, conn, "epglist_lang", EPGLIST_LANG_COLUMNS, "Sdbl");
     run_all(this, conn, EPGLIST_LANG_INDEXES, "Sdbl");
     commit_table(conn);

@@ -228,7 +228,9 @@ SQL_query* Sdbl::lookup_insert_sql_query(const char* sql, int instance) {
     return query;
 
   const std::string text = for_instance(query->sql, instance);
-  if (sqlite3_prepare_v2(db, text.c_str(), -1, &query->stmt[instance], nullptr) != SQLITE_OK) {
+  const int rc = sqlite3_prepare_v2(db, text.c_str(), -1, &query->stmt[instance], nullptr);
+  if (rc != SQLITE_OK) {
+    parts_->errors.remember(rc, "sql_cache");
     KLOG(VERB_ERROR, "ERROR: query %s prepare failed: %s", text.c_str(), sqlite3_errmsg(db));
     return nullptr;
   }
@@ -276,6 +278,7 @@ bool Sdbl::step_cached(sqlite3_stmt* stmt, const char* sql) {
     KLOG(VERB_TRACE, "SQL run status is %d\n", step);
   else
     KLOG(VERB_ERROR, "ERROR: Sqlite_step failed for %s , error %s\n", sql, sqlite3_errmsg(db));
+  parts_->errors.remember(step, "sql_cache");
   const int rc = sqlite3_reset(stmt);
   if (rc != SQLITE_OK)
     KLOG(VERB_WARNING, "WARNING: Sqlite_reset for %s rc is %d\n", sql, rc);
@@ -314,7 +317,7 @@ int Sdbl::first_number(const char* operation, int line, int instance, const char
   if (stmt == nullptr)
     return 0;
   const int number = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
-  (void)sdbl::report_reset(sqlite3_reset(stmt), operation, line);  // a failed step's code comes back here
+  (void)parts_->errors.report_reset(sqlite3_reset(stmt), operation, line);  // a failed step's code comes back here
   return number;
 }
 

@@ -88,7 +88,7 @@ void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zon
     const bool found = stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW;
     if (found)
       network = sdbl::column_text(stmt, 0);
-    sdbl::report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
     if (!found)
       return;
   }

@@ -9,7 +9,6 @@
 #include "db/sdbl_internal.h"
 
 using sdbl::Db_lock;
-using sdbl::report_reset;
 
 namespace {
 
@@ -102,7 +101,7 @@ int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int fre
                     "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
                     "$hf_conn, @tuner_params) ",
                     freq, type, connector, line);  // a failure is printed there
-    report_reset(sqlite3_reset(stmt), __func__, LINE_INSERTED);
+    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_INSERTED);
   } else if (step == SQLITE_ROW) {
     if (std::strcmp(sdbl::column_text(stmt, 0), line) != 0) {
       KLOG(VERB_WARNING, "WARNING: Updating parameters for dvb-t tuner\n");
@@ -112,7 +111,7 @@ int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int fre
                       "hf_conn = $hf_con ",
                       line, type, connector, 0);  // a failure is printed there
     }
-    report_reset(sqlite3_reset(stmt), __func__, LINE_UPDATED);
+    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_UPDATED);
   } else {
     KLOG(VERB_WARNING, "WARNING: failed to access tuner_table\n");
   }
@@ -124,12 +123,12 @@ int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq
   sqlite3_stmt* stmt = sql_cache(false, 0, SELECT_PARAMS, freq, connector, type);
   const int step = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
   if (step == SQLITE_DONE) {
-    report_reset(sqlite3_reset(stmt), __func__, LINE_NOT_FOUND);
+    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_NOT_FOUND);
     return 0;
   }
   if (step == SQLITE_ROW) {
     fill_from_line(sdbl::column_text(stmt, 0), out);
-    report_reset(sqlite3_reset(stmt), __func__, LINE_FOUND);
+    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_FOUND);
     return 1;
   }
   KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");

@@ -1,7 +1,9 @@
 list(APPEND KELVO_SOURCES
+  db/errors.cpp
+  db/guide_services.cpp
   db/sdbl.cpp
   db/sdbl_backup.cpp
-  db/sdbl_eit_list.cpp
+  db/eit_scan_list.cpp
   db/sdbl_epg.cpp
   db/sdbl_files.cpp
   db/sdbl_merge.cpp

@@ -1,8 +1,8 @@
+#include "db/guide_services.h"
+
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -10,27 +10,12 @@
 #include <utility>
 
 #include "base/log.h"
-#include "base/polled_timer.h"
 #include "db/sdbl.h"
 #include "db/sdbl_internal.h"
 
 using sdbl::Db_lock;
-using sdbl::report_reset;
 
 namespace {
-
-constexpr int SERVICE_WAIT_S = 10;
-
-timer_t create_timer() {
-  const timer_t timer = polled_timer::create();
-  if (timer == polled_timer::none())
-    KLOG(VERB_ERROR, "ERROR: timer_create: %s\n", std::strerror(errno));
-  return timer;
-}
-
-void arm(timer_t timer) {
-  (void)polled_timer::arm(timer, SERVICE_WAIT_S, SERVICE_WAIT_S);  // fails only for a timer that could not be made
-}
 
 // Lists the television services of a multiplex.
 constexpr std::string_view TELEVISION_SERVICES =
@@ -76,68 +61,39 @@ void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) 
     epg->push_back(event.get());
     (void)event.release();  // the vector's owner has it
   }
-  report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
+  parts_->errors.report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
   std::sort(epg->begin(), epg->end(), cmp_epg_cache);
 }
 
-std::list<SQL_cache*>* Sdbl::get_eit_scan_list(int dvbnr, int dvb_type, int hf_conn, int freq,
-                                               std::list<SQL_cache*>* list, SCAN_STATE state) {
+std::vector<sdbl::Guide_service> Sdbl::Parts::guide_services(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
   if (state != SCAN_EIT)
     KLOG(VERB_ERROR,
          "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using this "
          "table\n");
   std::string sql;
   {
-    std::lock_guard<std::mutex> settings(settings_lock_);
-    sql = eit_services_sql_;
+    std::lock_guard<std::mutex> settings(shell.settings_lock_);
+    sql = shell.eit_services_sql_;
   }
-  std::list<SQL_cache*> found;
+  std::vector<sdbl::Guide_service> services;
   {
-    Db_lock lock(db);
-    sqlite3_stmt* stmt = sql_cache(false, dvbnr, sql.c_str(), hf_conn, dvb_type, freq);
+    Db_lock lock(shell.db);
+    sqlite3_stmt* stmt = shell.sql_cache(false, dvbnr, sql.c_str(), number(multiplex.input.connector),
+                                         number(multiplex.input.delivery), multiplex.freq);
     if (stmt == nullptr)
-      return list;
+      return services;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
       const int pmt_pid = sqlite3_column_int(stmt, 3) != 0 ? sqlite3_column_int(stmt, 1) : 0;
-      auto entry = std::make_unique<SQL_cache>(SQL_cache{sqlite3_column_int(stmt, 0),
-                                                         pmt_pid,
-                                                         -1,
-                                                         sqlite3_column_int(stmt, 2),
-                                                         polled_timer::none(),
-                                                         true,
-                                                         false,
-                                                         0,
-                                                         {}});
-      found.push_back(entry.get());
-      (void)entry.release();  // the list's owner gets it
+      services.push_back({sqlite3_column_int(stmt, 0), pmt_pid, sqlite3_column_int(stmt, 2), {}});
     }
-    report_reset(sqlite3_reset(stmt), SDBL_HERE);
+    errors.report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
   }
-  for (SQL_cache* entry : found) {
-    entry->timer = create_timer();
-    arm(entry->timer);
-    read_epg_cache(dvbnr, entry->channel, &entry->epg);
-  }
-  list->splice(list->end(), found);
-  return list;
+  for (sdbl::Guide_service& service : services)
+    shell.read_epg_cache(dvbnr, service.channel, &service.epg);
+  return services;
 }
 
-void Sdbl::reset_eit_scan_list(std::list<SQL_cache*>* list) {
-  for (SQL_cache* entry : *list) {
-    entry->active = true;
-    entry->scan_mark = -1;
-    entry->done = false;
-    entry->count = 0;
-    arm(entry->timer);
-  }
-}
-
-void Sdbl::clear_eit_scan_list(std::list<SQL_cache*>* list) {
-  for (SQL_cache* entry : *list) {
-    polled_timer::remove(entry->timer);
-    for (EPG_cache* event : entry->epg)
-      delete event;
-    delete entry;
-  }
-  list->clear();
+std::vector<sdbl::Guide_service> sdbl::guide_services(Sdbl& db, int dvbnr, const Multiplex& multiplex,
+                                                      SCAN_STATE state) {
+  return db.parts().guide_services(dvbnr, multiplex, state);
 }

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <mutex>
+
+#include "db/database_error.h"
+
+namespace sdbl {
+
+// The failures of one database: prints those that an operation reports, and remembers the first one that means that a
+// file was not written or not read. Any-thread.
+class Errors {
+ public:
+  // Each prints a code that is no success, remembers it when it is a failure of a file, and returns it. `operation` is
+  // the plain name of the public operation, a literal.
+  int report_exec(int rc, const char* operation, int line);
+  int report_run(int rc, const char* operation, int line);
+  int report_reset(int rc, const char* operation, int line);
+  int report_get_int(int rc, const char* operation, int line);
+  int report_get_txt(int rc, const char* operation, int line);
+
+  // Remembers without printing. The second form is for an event that was refused because there is no room for it.
+  void remember(int rc, const char* operation);
+  void remember_full_guide(const char* operation);
+
+  // False, and `*error` cleared, when nothing was remembered since the last call of forget().
+  bool first(Database_error* error) const;
+  void forget();
+
+ private:
+  mutable std::mutex lock_;  // guards what follows; a leaf
+  Database_error first_;
+};
+
+// A result of SQLite, extended or not, that means that a file cannot be written or read. A lock counts once the busy
+// time-out is over, which is when SQLite returns it.
+bool is_file_failure(int rc);
+
+}  // namespace sdbl

@@ -1,0 +1,22 @@
+#include "support/text.h"
+
+#include <sstream>
+
+namespace support {
+
+size_t count_of(const std::string& text, const std::string& part) {
+  size_t found = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    ++found;
+  return found;
+}
+
+Texts lines_of(const std::string& text) {
+  Texts all;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    all.push_back(line);
+  return all;
+}
+
+}  // namespace support

@@ -44,9 +44,11 @@ TEST(Messages, prints_only_from_wants_the_text_and_silence_below) {
 TEST(Database, rows_are_texts_of_the_library_s_own_connection) {
   support::Database db;
   db->create_temp_tables(0);
-  EXPECT_EQ(db.run("INSERT INTO kanalid_scan_0 (channel, lcn) VALUES (5, 8)"), SQLITE_DONE);
-  EXPECT_EQ(db.rows("SELECT channel, lcn, NULL FROM kanalid_scan_0"), Texts{"5|8|NULL"});
-  EXPECT_EQ(db.number("SELECT channel FROM kanalid_scan_0"), 5);
+  EXPECT_EQ(db.run("CREATE TEMP TABLE t (a, b)"), SQLITE_DONE);
+  EXPECT_EQ(db.run("INSERT INTO t VALUES (5, NULL), (6, 'six')"), SQLITE_DONE);
+  EXPECT_EQ(db.table("temp.t"), (Texts{"5|NULL", "6|six"}));
+  EXPECT_EQ(db.number("SELECT a FROM t"), 5);
+  EXPECT_EQ(db.rows("SELECT count(*) FROM kanalid_scan_0"), Texts{"0"});
   EXPECT_EQ(db.number("SELECT channel FROM kanalid"), -9999);
   EXPECT_EQ(db.text("SELECT channel FROM kanalid"), "no row");
   EXPECT_EQ(db.rows("SELECT x"), Texts{"error: no such column: x"});

@@ -12,6 +12,7 @@
 #include "base/ids.h"
 #include "base/log.h"
 #include "kelvo/tuner_slot.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -248,7 +249,7 @@ void Kelvo::Scan_loop::finish_scan(bool timed_out) {
 }
 
 int Kelvo::Scan_loop::merge(int scanned_freq, bool timed_out) {
-  if (scan_mode_ == SCAN_PMT && parser_.pmt_from_database_ && !timed_out) {
+  if (scan_mode_ == SCAN_PMT && parser_.parts().pmt_versions_match() && !timed_out) {
     KLOG(VERB_TRACE, "PMT version match, skipping db recalc\n");
     return 0;
   }

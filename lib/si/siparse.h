@@ -1,14 +1,8 @@
 #pragma once
 
-#include <iconv.h>
 #include <time.h>
 
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -18,7 +12,6 @@
 
 class ConditionalAccessSection;
 class Descriptor;
-class Event;
 class EventInformationSection;
 class NetworkInformationSection;
 class ProgramAssociationSection;
@@ -31,10 +24,6 @@ class TimeOffsetSection;
 struct EIT_lang;
 struct PMT_subtxt_lang;
 struct SQL_cache;
-
-namespace section_guard {
-class Safe_copy;
-}
 
 // The parser of DVB Service Information of one adapter: takes whole sections, stores what they say in the scan tables
 // and drives the scan on by adding and removing section filters. A PAT opens the filters for NIT, PMTs and SDT; each
@@ -153,104 +142,10 @@ class KELVO_EXPORT Siparse {
   // Stores one such event. REQUIRES: `raw` points to 300 bytes or more.
   void replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw);
 
+  // For the library's own use: Parts is not installed.
+  class Parts;
+  Parts& parts() const;
+
  private:
-  friend class Kelvo;  // reads pmt_from_database_
-
-  // Where the descriptors at hand stand, beyond what `context` tells.
-  enum class Loop { NONE, PMT, CAT, SDT, NIT, EIT, TOT };
-
-  template <typename Section, typename Parse>
-  void scan_long_section(const uint8_t* bytes, Parse parse);
-  template <typename Section, typename Parse>
-  void scan_section(const uint8_t* bytes, Parse parse);
-  void clear_leftovers();
-
-  void store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms, int start,
-                   int duration);
-  void open_next_eit_table(int freq, int table_id);
-  void note_schedule_table(int service_id, int last_table);
-  void count_stored_event(int service_id);
-  void publish_progress();
-
-  void set_clock(unsigned mjd, unsigned hms_bcd, time_t now);
-
-  bool names_storable(int context) const;
-  void parse_stream_descriptor(const Descriptor* descriptor);
-  void parse_ca_descriptor(const Descriptor* descriptor, int context);
-  void parse_language_descriptor(const Descriptor* descriptor, int context);
-  void parse_service_descriptor(const Descriptor* descriptor, int context);
-  void parse_service_names_descriptor(const Descriptor* descriptor, int context);
-  void parse_short_event_descriptor(const Descriptor* descriptor, int context);
-  void parse_extended_event_descriptor(const Descriptor* descriptor, int context);
-  void parse_content_descriptor(const Descriptor* descriptor, int context);
-  void parse_rating_descriptor(const Descriptor* descriptor);
-  void parse_teletext_descriptor(const Descriptor* descriptor);
-  void parse_subtitling_descriptor(const Descriptor* descriptor);
-  void parse_terrestrial_descriptor(const Descriptor* descriptor);
-  void parse_ac3_descriptor(const Descriptor* descriptor);
-  void parse_time_offset_descriptor(const Descriptor* descriptor, int freq);
-  void parse_network_name_descriptor(const Descriptor* descriptor, int freq, int network_id);
-  void parse_network_names_descriptor(const Descriptor* descriptor, int freq, int network_id);
-  void parse_channel_numbers_descriptor(const Descriptor* descriptor, int freq, int network_id, int ts_id,
-                                        int orig_network_id);
-  std::string utf8_of(const std::string& dvb_text);
-
-  Section_filter* const filter_;
-  char table_name_[64] = "";
-  const int dvbnr_;
-  Sdbl* const db_;
-  std::list<SQL_cache*>* cache_list_;  // services of the multiplex; scan_mark holds the last PMT version
-  int64_t timers_due_ns_ = 0;          // of CLOCK_MONOTONIC; until then no service on cache_list_ has waited too long
-  int current_eit_table_ = 0;
-  std::string country_code_ = "EST";
-  int local_time_offset_ = 120;  // minutes east of UTC
-  bool time_offset_received_ = true;
-  std::atomic<bool> system_time_valid_;
-  const HF_CONN_ID conn_;
-  const DVB_TYPE_ID type_;
-  int selected_service_ = -1;
-  bool eit_info_available_ = false;
-  std::atomic<int> eit_stored_ = 0;
-  int section_counter_ = 0;
-
-  // What hosts may know of cache_list_: `progress_` is the worker's, `published_` its copy for everybody.
-  std::vector<EIT_progress> progress_;
-  bool progress_changed_ = false;
-  bool guide_ended_ = false;          // the last table has been closed
-  mutable std::mutex progress_lock_;  // guards published_; a leaf
-  std::vector<EIT_progress> published_;
-
-  int eit_mismatches_ = 0;
-
-  // CA of a PMT's programme loop.
-  bool program_ca_found_ = false;
-  int program_ca_sysid_ = 0;
-  int program_ca_pid_ = 0;
-
-  static constexpr int CLOCK_TOLERANCE_S = 10;
-  static constexpr size_t ISO_8859_TABLES = 16;
-  iconv_t iso8859_[ISO_8859_TABLES];  // ISO-8859-n at n - 1
-  iconv_t iso6937_;
-  iconv_t iso10646_;
-
-  // The event at hand.
-  std::string event_content_;
-  std::string event_rating_;
-  std::list<EIT_lang*> epg_languages_;
-
-  // The elementary stream at hand.
-  int es_subtype_ = 0;
-  std::string codec_;
-  std::string languages_;
-  std::string lang_codes_;
-  int ca_sysid_ = 0;
-  int ca_pid_ = 0;
-  std::list<PMT_subtxt_lang*> subtxt_languages_;
-
-  // PMTs are being read again for services of the database, and none of them was of another version so far: set by
-  // init_pmt_table_scan_from_database(), cleared by the first PMT that is not the one last read.
-  bool pmt_from_database_ = false;
-
-  Loop loop_ = Loop::NONE;
-  std::unique_ptr<section_guard::Safe_copy> safe_copy_;  // made when a system libdvbsi++ needs it
+  std::unique_ptr<Parts> parts_;
 };

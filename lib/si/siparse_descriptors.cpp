@@ -9,8 +9,8 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "si/section_guard.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ void report_channel_numbers(const Descriptor* descriptor) {
 
 }  // namespace
 
-void Siparse::parse_descriptor_info(Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_descriptor_info(Descriptor* descriptor, int context) {
   const unsigned tag = descriptor->getTag();
   KLOG(VERB_TRACE, "Parsing descriptor %x, dec %d, oid %d\n", tag, static_cast<int>(tag), context);
   switch (tag) {
@@ -123,12 +123,12 @@ void Siparse::parse_descriptor_info(Descriptor* descriptor, int context) {
 }
 
 // The contexts of events and streams are also numbers of rows, so the number alone does not tell.
-bool Siparse::names_storable(int context) const {
+bool Siparse::Parts::names_storable(int context) const {
   return loop_ == Loop::SDT || (loop_ == Loop::NONE && context != 1 && context != 10);
 }
 
 // service_descriptor (0x48, 6.2.34)
-void Siparse::parse_service_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_service_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<ServiceDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -149,7 +149,7 @@ void Siparse::parse_service_descriptor(const Descriptor* descriptor, int context
 }
 
 // multilingual_service_name_descriptor (0x5D, 6.2.25)
-void Siparse::parse_service_names_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_service_names_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<MultilingualServiceNameDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -171,7 +171,7 @@ void Siparse::parse_service_names_descriptor(const Descriptor* descriptor, int c
 }
 
 // terrestrial_delivery_system_descriptor (0x5A, 6.2.13.4)
-void Siparse::parse_terrestrial_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_terrestrial_descriptor(const Descriptor* descriptor) {
   const auto* d = as<TerrestrialDeliverySystemDescriptor>(descriptor);
   if (d == nullptr)
     return;

@@ -12,8 +12,8 @@
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/eit_lang.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ int64_t nanoseconds(const timespec& time) {
 
 }  // namespace
 
-int Siparse::start_eit_scan(int freq, SCAN_STATE) {
+int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
   current_eit_table_ = PRESENT_FOLLOWING;
   eit_info_available_ = false;
   filter_->remove_filter_range(PID_EIT, PRESENT_FOLLOWING, LAST_SCHEDULE);
@@ -50,7 +50,7 @@ int Siparse::start_eit_scan(int freq, SCAN_STATE) {
   return 0;
 }
 
-int Siparse::init_cache_list(int freq, SCAN_STATE state) {
+int Siparse::Parts::init_cache_list(int freq, SCAN_STATE state) {
   db_->clear_eit_scan_list(cache_list_);
   cache_list_ = db_->get_eit_scan_list(dvbnr_, type_, conn_, freq, cache_list_, state);
   timers_due_ns_ = 0;
@@ -63,18 +63,18 @@ int Siparse::init_cache_list(int freq, SCAN_STATE state) {
   return 0;
 }
 
-void Siparse::reset_cache_list() {
+void Siparse::Parts::reset_cache_list() {
   db_->reset_eit_scan_list(cache_list_);
   timers_due_ns_ = 0;
   publish_progress();
 }
 
-void Siparse::get_eit_progress(std::vector<EIT_progress>* progress) const {
+void Siparse::Parts::get_eit_progress(std::vector<EIT_progress>* progress) const {
   const std::lock_guard<std::mutex> lock(progress_lock_);
   *progress = published_;
 }
 
-void Siparse::publish_progress() {
+void Siparse::Parts::publish_progress() {
   progress_changed_ = false;
   auto service = cache_list_->begin();
   for (EIT_progress& progress : progress_) {
@@ -86,7 +86,7 @@ void Siparse::publish_progress() {
   published_ = progress_;
 }
 
-void Siparse::count_stored_event(int service_id) {
+void Siparse::Parts::count_stored_event(int service_id) {
   for (EIT_progress& progress : progress_) {
     if (progress.service_id == service_id) {
       ++progress.events;
@@ -96,7 +96,7 @@ void Siparse::count_stored_event(int service_id) {
 }
 
 // What a schedule section says about how many tables its service has.
-void Siparse::note_schedule_table(int service_id, int last_table) {
+void Siparse::Parts::note_schedule_table(int service_id, int last_table) {
   for (EIT_progress& progress : progress_) {
     if (progress.service_id == service_id && last_table > progress.last_table && last_table <= LAST_SCHEDULE) {
       progress.last_table = last_table;
@@ -105,12 +105,12 @@ void Siparse::note_schedule_table(int service_id, int last_table) {
   }
 }
 
-bool Siparse::get_eit_info_available() {
+bool Siparse::Parts::get_eit_info_available() {
   KLOG(VERB_TRACE, "%d ", static_cast<int>(eit_info_available_));
   return eit_info_available_;
 }
 
-void Siparse::parse_section_eit(EventInformationSection* section, int freq) {
+void Siparse::Parts::parse_section_eit(EventInformationSection* section, int freq) {
   const Scoped_value scope(loop_, Loop::EIT);
   const int service_id = section->getTableIdExtension();
   const int table_id = section->getTableId();
@@ -165,8 +165,8 @@ void Siparse::parse_section_eit(EventInformationSection* section, int freq) {
     publish_progress();
 }
 
-void Siparse::store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms, int start,
-                          int duration) {
+void Siparse::Parts::store_event(const Event* event, SQL_cache* service, int service_id, int freq, int ymd, int hms,
+                                 int start, int duration) {
   bool changed = false;
   bool overlap = false;
   if (db_->lookup_epg_cache(&service->epg, event->getEventId(), start, duration, &changed, &overlap) != 0 || changed ||
@@ -195,7 +195,7 @@ void Siparse::store_event(const Event* event, SQL_cache* service, int service_id
     KLOG(VERB_PROGRESS, "Stored %d EPG entries\n", eit_stored_.load());
 }
 
-void Siparse::open_next_eit_table(int freq, int table_id) {
+void Siparse::Parts::open_next_eit_table(int freq, int table_id) {
   for (SQL_cache* service : *cache_list_) {
     service->active = true;
     service->done = false;
@@ -223,8 +223,8 @@ void Siparse::open_next_eit_table(int freq, int table_id) {
   publish_progress();
 }
 
-SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section, bool, bool* all_done, int freq,
-                                  int table_id) {
+SQL_cache* Siparse::Parts::eit_scan_loop(int service_id, long, long, bool last_section, bool, bool* all_done, int freq,
+                                         int table_id) {
   const int ttl = table_id == PRESENT_FOLLOWING ? PRESENT_FOLLOWING_TIMEOUT_S : TABLE_TIMEOUT_S;
   const auto name = [&] { return std::unique_ptr<std::string>(db_->get_serv_name(type_, conn_, freq, service_id)); };
   if (cache_list_->empty()) {

@@ -10,11 +10,11 @@
 #include "base/log.h"
 #include "si/eit_lang.h"
 #include "si/section_guard.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 // short_event_descriptor (0x4D, 6.2.38)
-void Siparse::parse_short_event_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_short_event_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<ShortEventDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -38,7 +38,7 @@ void Siparse::parse_short_event_descriptor(const Descriptor* descriptor, int con
 }
 
 // extended_event_descriptor (0x4E, 6.2.15)
-void Siparse::parse_extended_event_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_extended_event_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<ExtendedEventDescriptor>(descriptor);
   if (d == nullptr || !section_guard::body_ok(*descriptor))
     return;
@@ -74,7 +74,7 @@ void Siparse::parse_extended_event_descriptor(const Descriptor* descriptor, int 
 }
 
 // content_descriptor (0x54, 6.2.9)
-void Siparse::parse_content_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_content_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<ContentDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -101,7 +101,7 @@ void Siparse::parse_content_descriptor(const Descriptor* descriptor, int context
 }
 
 // parental_rating_descriptor (0x55, 6.2.29)
-void Siparse::parse_rating_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_rating_descriptor(const Descriptor* descriptor) {
   const auto* d = as<ParentalRatingDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -118,7 +118,7 @@ void Siparse::parse_rating_descriptor(const Descriptor* descriptor) {
   KLOG(VERB_TRACE, " %s\n", event_rating_.c_str());
 }
 
-EIT_lang* Siparse::find_create_epglang(const std::string& code) {
+EIT_lang* Siparse::Parts::find_create_epglang(const std::string& code) {
   const auto known = std::find_if(epg_languages_.begin(), epg_languages_.end(),
                                   [&](const EIT_lang* entry) { return entry->lang == code; });
   if (known != epg_languages_.end())

@@ -4,10 +4,10 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
-int Siparse::parse_section_nit(NetworkInformationSection* section, int pid, int freq) {
+int Siparse::Parts::parse_section_nit(NetworkInformationSection* section, int pid, int freq) {
   const Scoped_value scope(loop_, Loop::NIT);
   const int network_id = section->getTableIdExtension();
   KLOG(VERB_TRACE, "NIT: network_id %d\n", network_id);

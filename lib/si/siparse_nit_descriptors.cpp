@@ -6,11 +6,11 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "si/section_guard.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
-void Siparse::parse_nit_descriptor_info(Descriptor* descriptor, int freq, int context, int network_id, int ts_id,
-                                        int orig_network_id) {
+void Siparse::Parts::parse_nit_descriptor_info(Descriptor* descriptor, int freq, int context, int network_id, int ts_id,
+                                               int orig_network_id) {
   const unsigned tag = descriptor->getTag();
   KLOG(VERB_TRACE, "Parsing descriptor %x, dec %d\n", tag, static_cast<int>(tag));
   switch (tag) {
@@ -34,7 +34,7 @@ void Siparse::parse_nit_descriptor_info(Descriptor* descriptor, int freq, int co
 }
 
 // network_name_descriptor (0x40, 6.2.28)
-void Siparse::parse_network_name_descriptor(const Descriptor* descriptor, int freq, int network_id) {
+void Siparse::Parts::parse_network_name_descriptor(const Descriptor* descriptor, int freq, int network_id) {
   const auto* d = as<NetworkNameDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -44,7 +44,7 @@ void Siparse::parse_network_name_descriptor(const Descriptor* descriptor, int fr
 }
 
 // multilingual_network_name_descriptor (0x5B, 6.2.24)
-void Siparse::parse_network_names_descriptor(const Descriptor* descriptor, int freq, int network_id) {
+void Siparse::Parts::parse_network_names_descriptor(const Descriptor* descriptor, int freq, int network_id) {
   const auto* d = as<MultilingualNetworkNameDescriptor>(descriptor);
   if (d == nullptr || !section_guard::body_ok(*descriptor))
     return;
@@ -57,8 +57,8 @@ void Siparse::parse_network_names_descriptor(const Descriptor* descriptor, int f
 }
 
 // logical_channel_descriptor (0x83, private to terrestrial networks)
-void Siparse::parse_channel_numbers_descriptor(const Descriptor* descriptor, int freq, int network_id, int ts_id,
-                                               int orig_network_id) {
+void Siparse::Parts::parse_channel_numbers_descriptor(const Descriptor* descriptor, int freq, int network_id, int ts_id,
+                                                      int orig_network_id) {
   const auto* d = as<LogicalChannelDescriptor>(descriptor);
   if (d == nullptr)
     return;

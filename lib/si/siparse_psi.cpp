@@ -8,8 +8,8 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ constexpr int CONTEXT_STREAM = 10;
 
 }  // namespace
 
-int Siparse::parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE) {
+int Siparse::Parts::parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE) {
   if (section->getSectionNumber() + section->getLastSectionNumber() != 0)
     KLOG(VERB_ERROR, "ERROR: Fragmented PAT secnr: %d, lastsec %d\n", static_cast<int>(section->getSectionNumber()),
          static_cast<int>(section->getLastSectionNumber()));
@@ -45,7 +45,7 @@ int Siparse::parse_section_pat(ProgramAssociationSection* section, int freq, SCA
   return 0;
 }
 
-int Siparse::parse_section_pmt(ProgramMapSection* section, int pid, int freq, SCAN_STATE state) {
+int Siparse::Parts::parse_section_pmt(ProgramMapSection* section, int pid, int freq, SCAN_STATE state) {
   const Scoped_value scope(loop_, Loop::PMT);
   const int program = section->getProgramNumber();
   if (section->getSectionNumber() + section->getLastSectionNumber() != 0)
@@ -98,14 +98,14 @@ int Siparse::parse_section_pmt(ProgramMapSection* section, int pid, int freq, SC
   return 0;
 }
 
-int Siparse::parse_section_cat(ConditionalAccessSection* section, int, int) {
+int Siparse::Parts::parse_section_cat(ConditionalAccessSection* section, int, int) {
   const Scoped_value scope(loop_, Loop::CAT);
   for (Descriptor* descriptor : *section->getDescriptors())
     parse_descriptor_info(descriptor, CONTEXT_PROGRAM);
   return 0;
 }
 
-int Siparse::init_pmt_table_scan_from_database(int freq) {
+int Siparse::Parts::init_pmt_table_scan_from_database(int freq) {
   pmt_from_database_ = true;
   int result = 1;
   for (const SQL_cache* service : *cache_list_) {

@@ -4,10 +4,10 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
-int Siparse::parse_section_sdt(ServiceDescriptionSection* section, int freq) {
+int Siparse::Parts::parse_section_sdt(ServiceDescriptionSection* section, int freq) {
   const Scoped_value scope(loop_, Loop::SDT);
   for (const ServiceDescription* service : *section->getDescriptions()) {
     const int service_id = service->getServiceId();

@@ -13,8 +13,8 @@
 
 #include "base/log.h"
 #include "db/pmt_subtxt_lang.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ void trace_as(const Descriptor* descriptor) {
 }  // namespace
 
 // Those that are only traced.
-void Siparse::parse_stream_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_stream_descriptor(const Descriptor* descriptor) {
   if (!kelvo_log::enabled(VERB_TRACE))
     return;
   const int length = descriptor->getLength();
@@ -101,7 +101,7 @@ void Siparse::parse_stream_descriptor(const Descriptor* descriptor) {
 }
 
 // CA_descriptor (0x09, 2.6.16)
-void Siparse::parse_ca_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_ca_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<CaDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -117,7 +117,7 @@ void Siparse::parse_ca_descriptor(const Descriptor* descriptor, int context) {
 }
 
 // ISO_639_language_descriptor (0x0A, 2.6.18)
-void Siparse::parse_language_descriptor(const Descriptor* descriptor, int context) {
+void Siparse::Parts::parse_language_descriptor(const Descriptor* descriptor, int context) {
   const auto* d = as<Iso639LanguageDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -134,7 +134,7 @@ void Siparse::parse_language_descriptor(const Descriptor* descriptor, int contex
 }
 
 // teletext_descriptor (0x56, 6.2.44)
-void Siparse::parse_teletext_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_teletext_descriptor(const Descriptor* descriptor) {
   const auto* d = as<TeletextDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -150,7 +150,7 @@ void Siparse::parse_teletext_descriptor(const Descriptor* descriptor) {
 }
 
 // subtitling_descriptor (0x59, 6.2.42)
-void Siparse::parse_subtitling_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_subtitling_descriptor(const Descriptor* descriptor) {
   const auto* d = as<SubtitlingDescriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -166,7 +166,7 @@ void Siparse::parse_subtitling_descriptor(const Descriptor* descriptor) {
 }
 
 // AC-3_descriptor (0x6A, Annex D)
-void Siparse::parse_ac3_descriptor(const Descriptor* descriptor) {
+void Siparse::Parts::parse_ac3_descriptor(const Descriptor* descriptor) {
   const auto* d = as<Ac3Descriptor>(descriptor);
   if (d == nullptr)
     return;
@@ -177,7 +177,7 @@ void Siparse::parse_ac3_descriptor(const Descriptor* descriptor) {
        d->getMainid(), d->getAvsc());
 }
 
-PMT_subtxt_lang* Siparse::find_create_subtxt_lang(const std::string& code) {
+PMT_subtxt_lang* Siparse::Parts::find_create_subtxt_lang(const std::string& code) {
   const auto known = std::find_if(subtxt_languages_.begin(), subtxt_languages_.end(),
                                   [&](const PMT_subtxt_lang* entry) { return entry->lang == code; });
   if (known != subtxt_languages_.end())

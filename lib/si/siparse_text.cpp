@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "si/siparse.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ bool is_valid(iconv_t converter) {
 
 }  // namespace
 
-std::string* Siparse::dvb_text_to_utf8(std::string* text) {
+std::string* Siparse::Parts::dvb_text_to_utf8(std::string* text) {
   const size_t length = text->size();
   if (length * GROWTH > LONGEST_OUTPUT) {
     KLOG(VERB_ERROR, "ERROR: String legth too large %d\n", static_cast<int>(length));
@@ -112,7 +112,7 @@ std::string* Siparse::dvb_text_to_utf8(std::string* text) {
   return text;
 }
 
-std::string Siparse::utf8_of(const std::string& dvb_text) {
+std::string Siparse::Parts::utf8_of(const std::string& dvb_text) {
   std::string text = dvb_text;
   return std::move(*dvb_text_to_utf8(&text));
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "db/sdbl.h"
-#include "si/siparse.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ void fill_raw(char (&raw)[1024], const char* selector, size_t selector_size) {
 
 }  // namespace
 
-void Siparse::replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw) {
+void Siparse::Parts::replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw) {
   std::string text(raw, RAW_SIZE);
   dvb_text_to_utf8(&text);
   // Deliberate: the guide has no such columns and cached statements take no % conversions, so nothing is stored.
@@ -35,7 +35,7 @@ void Siparse::replace_epg_info(int channel, int event_id, long start, const char
       text.c_str());
 }
 
-void Siparse::generate_char_test_tables(int channel) {
+void Siparse::Parts::generate_char_test_tables(int channel) {
   db_->sql_cache(true, 0, "DELETE from epglist where channel = %d;", channel);
   long start = static_cast<long>(time(nullptr)) + 3600;
   int event_id = 1;

@@ -11,8 +11,8 @@
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
-#include "si/siparse.h"
 #include "si/siparse_internal.h"
+#include "si/siparse_parts.h"
 
 unsigned Siparse::bcd_to_int(unsigned bcd) {
   return static_cast<unsigned>(Sdbl::bcd_to_int(bcd));
@@ -34,7 +34,7 @@ unsigned Siparse::mjd_to_bcd(unsigned mjd) {
 }
 
 // Sets the system clock to the broadcast time when the two are too far apart.
-void Siparse::set_clock(unsigned mjd, unsigned hms_bcd, time_t now) {
+Broadcast_time Siparse::Parts::set_clock(unsigned mjd, unsigned hms_bcd, time_t now) {
   const unsigned ymd = mjd_to_bcd(mjd);
   tm utc{};
   utc.tm_year = static_cast<int>(bcd_to_int(ymd >> 16)) - 1900;
@@ -45,33 +45,60 @@ void Siparse::set_clock(unsigned mjd, unsigned hms_bcd, time_t now) {
   utc.tm_sec = static_cast<int>(bcd_to_int(hms_bcd & 0xFF));
   utc.tm_yday = -1;
   const time_t broadcast = timegm(&utc);
+  Broadcast_time time;
+  time.utc = broadcast;
+  time.off_by = broadcast - now;
   if (std::fabs(difftime(broadcast, now)) > static_cast<double>(CLOCK_TOLERANCE_S)) {
     KLOG(VERB_PROGRESS, "Changing system clock\n");
     const timeval tv{broadcast, 0};
-    (void)settimeofday(&tv, nullptr);  // without the right to do so the clock stays
+    // Without the right to do so the clock stays.
+    time.clock = settimeofday(&tv, nullptr) == 0 ? CLOCK_SET : CLOCK_REFUSED;
   }
   system_time_valid_ = true;
+  return time;
 }
 
-int Siparse::parse_section_tdt(TimeAndDateSection* section, int) {
-  const time_t now = time(nullptr);
+void Siparse::Parts::set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data) {
+  const std::lock_guard<std::mutex> lock(listener_lock_);
+  time_listener_ = listener;
+  time_listener_data_ = data;
+}
+
+void Siparse::Parts::tell(const Broadcast_time& time) {
+  void (*listener)(void*, const Broadcast_time&) = nullptr;
+  void* data = nullptr;
+  {
+    const std::lock_guard<std::mutex> lock(listener_lock_);
+    listener = time_listener_;
+    data = time_listener_data_;
+  }
+  if (listener != nullptr)
+    listener(data, time);
+}
+
+int Siparse::Parts::parse_section_tdt(TimeAndDateSection* section, int freq) {
+  const time_t now = ::time(nullptr);
   KLOG(VERB_TRACE, "Time and date section\n");
-  set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), now);
+  Broadcast_time time = set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), now);
+  time.freq = freq;
+  tell(time);
   return filter_->removefilter(20, 0x70);
 }
 
-int Siparse::parse_section_tot(TimeOffsetSection* section, int freq) {
+int Siparse::Parts::parse_section_tot(TimeOffsetSection* section, int freq) {
   const Scoped_value scope(loop_, Loop::TOT);
   KLOG(VERB_TRACE, "Time offset section\n");
   time_offset_received_ = false;
   for (Descriptor* descriptor : *section->getDescriptors())
     parse_descriptor_info(descriptor, freq);
-  set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), time(nullptr));
+  Broadcast_time time = set_clock(section->getUtcTimeMjd(), section->getUtcTimeBcd(), ::time(nullptr));
+  time.freq = freq;
+  tell(time);
   return filter_->removefilter(20, 0x73);
 }
 
 // local_time_offset_descriptor (0x58, 6.2.20)
-void Siparse::parse_time_offset_descriptor(const Descriptor* descriptor, int freq) {
+void Siparse::Parts::parse_time_offset_descriptor(const Descriptor* descriptor, int freq) {
   const auto* d = as<LocalTimeOffsetDescriptor>(descriptor);
   if (d == nullptr)
     return;

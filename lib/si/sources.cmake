@@ -2,6 +2,7 @@ list(APPEND KELVO_SOURCES
   si/section_guard.cpp
   si/siparse.cpp
   si/siparse_descriptors.cpp
+  si/siparse_dispatch.cpp
   si/siparse_eit.cpp
   si/siparse_event_descriptors.cpp
   si/siparse_nit.cpp

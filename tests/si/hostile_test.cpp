@@ -6,7 +6,7 @@
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/samples.h"
 #include "si/si_support.h"
-#include "softdvb/section_feed.h"
+#include "softdvb/model/section_feed.h"
 
 using namespace si_support;
 using testing::ElementsAre;

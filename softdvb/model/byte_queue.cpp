@@ -1,0 +1,103 @@
+#include "softdvb/model/byte_queue.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "softdvb/model/handles.h"
+#include "softdvb/model/player.h"
+#include "softdvb/model/real.h"
+
+namespace softdvb {
+
+void Byte_queue::resize(size_t size) {
+  size_ = size;
+  flush();
+}
+
+bool Byte_queue::patient_room(size_t n) const {
+  return !allocated || error != 0 || bytes_.empty() || fits(std::min(n, size_ - 1));
+}
+
+void Byte_queue::write(const uint8_t* data, size_t n) {
+  bytes_.insert(bytes_.end(), data, data + n);
+  written_ += n;
+}
+
+void Byte_queue::add(const uint8_t* data, size_t n) {
+  if (error != 0)
+    return;
+  if (fits(n))
+    write(data, n);
+  else
+    error = EOVERFLOW;
+}
+
+size_t Byte_queue::read(uint8_t* to, size_t n) {
+  n = std::min(n, bytes_.size());
+  if (!cuts_.empty())
+    n = std::min(n, static_cast<size_t>(cuts_.front() - taken_));
+  const auto end = bytes_.begin() + static_cast<std::ptrdiff_t>(n);
+  std::copy(bytes_.begin(), end, to);
+  bytes_.erase(bytes_.begin(), end);
+  taken_ += n;
+  return n;
+}
+
+void Byte_queue::flush() {
+  bytes_.clear();
+  cuts_.clear();
+  written_ = taken_ = 0;
+  error = 0;
+}
+
+short Byte_queue::ready() const {
+  constexpr short READABLE = POLLIN | POLLRDNORM | POLLPRI;
+  if (error != 0)
+    return READABLE | POLLERR;
+  return bytes_.empty() ? short{0} : READABLE;
+}
+
+bool Byte_queue::take_cut() {
+  if (!at_cut())
+    return false;
+  cuts_.pop_front();
+  return true;
+}
+
+ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
+  size_t got = 0;
+  while (true) {
+    int fd = -1;
+    {
+      const Device_lock lock;
+      player_advance();
+      if (!queue.allocated)
+        return 0;
+      if (queue.error != 0) {
+        const int error = queue.error;
+        queue.flush();
+        handle.sync();
+        return got > 0 ? static_cast<ssize_t>(got) : -error;
+      }
+      got += queue.read(to + got, n - got);
+      handle.sync();
+      player_made_room();
+      if (got == n || queue.at_cut())
+        return static_cast<ssize_t>(got);
+      if (handle.non_blocking())
+        return got > 0 ? static_cast<ssize_t>(got) : -EAGAIN;
+      fd = handle.fds.empty() ? -1 : handle.fds.front();
+    }
+    // Sleeping in a read of the eventfd gives the kernel's own way with signals: EINTR or going on, as each asks for.
+    uint64_t count = 0;
+    if (SOFTDVB_REAL(read)(fd, &count, sizeof count) < 0)
+      return got > 0 ? static_cast<ssize_t>(got) : -errno;
+    const Device_lock lock;
+    handle.consumed();
+  }
+}
+
+}  // namespace softdvb

@@ -1,0 +1,468 @@
+#include "softdvb/model/demux.h"
+
+#include <errno.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "softdvb/model/clock.h"
+#include "softdvb/model/player.h"
+#include "softdvb/model/real.h"
+
+namespace softdvb {
+
+static constexpr int ALL_PIDS = 0x2000;
+static constexpr int LAST_PID = 0x1FFF;
+// The kernel counts a filter's time-out in ticks and rounds up.
+static constexpr uint64_t TIMEOUT_SLACK_NS = 15000000;
+
+Demux_handle::Demux_handle(int adapter_index, int open_flags, int slot)
+    : Handle(Device::DEMUX, adapter_index, open_flags), slot_(slot) {}
+
+void Demux_handle::closed() {
+  stop();
+  const Shared_lock lock(*shared());
+  if (slot_ >= 0 && adapter().demux_owner[slot_] == getpid())
+    adapter().demux_owner[slot_] = 0;
+}
+
+short Demux_handle::ready() {
+  return state_ < Filter_state::GO ? short{0} : queue_.ready();
+}
+
+ssize_t Demux_handle::read(void* to, size_t n) {
+  uint8_t* at = static_cast<uint8_t*>(to);
+  if (type_ != Type::SECTION)
+    return read_queue(*this, queue_, at, n);
+  ssize_t done = 0;
+  if (body_left_ == 0) {
+    const ssize_t got = read_queue(*this, queue_, at, std::min(n, static_cast<size_t>(header_missing_)));
+    if (got < 0) {
+      header_missing_ = 3;
+      return got;
+    }
+    std::copy_n(at, got, header_ + (3 - header_missing_));
+    header_missing_ -= static_cast<int>(got);
+    if (cut_reached())
+      return got;
+    if (header_missing_ > 0)
+      return got;
+    header_missing_ = 3;
+    body_left_ = (header_[1] & 0x0F) << 8 | header_[2];
+    done = got;
+    at += got;
+    n -= static_cast<size_t>(got);
+    if (n == 0)
+      return done;
+  }
+  const ssize_t got = read_queue(*this, queue_, at, std::min(n, static_cast<size_t>(body_left_)));
+  if (got < 0)
+    return got;
+  body_left_ -= static_cast<int>(got);
+  cut_reached();
+  return done + got;
+}
+
+bool Demux_handle::cut_reached() {
+  const Device_lock lock;
+  if (!queue_.take_cut())
+    return false;
+  header_missing_ = 3;
+  body_left_ = 0;
+  return true;
+}
+
+int Demux_handle::request(unsigned long request, void* argument) {
+  const Device_lock lock;
+  player_advance();
+  int result = -ENOTTY;
+  switch (request) {
+    case DMX_START:
+      result = start();
+      break;
+    case DMX_STOP:
+      stop();
+      result = 0;
+      break;
+    case DMX_SET_FILTER:
+      result = argument == nullptr ? -EFAULT : set_filter(*static_cast<dmx_sct_filter_params*>(argument));
+      break;
+    case DMX_SET_PES_FILTER:
+      result = argument == nullptr ? -EFAULT : set_packet_filter(*static_cast<dmx_pes_filter_params*>(argument));
+      break;
+    case DMX_SET_BUFFER_SIZE:
+      result = set_buffer_size(reinterpret_cast<uintptr_t>(argument));
+      break;
+    case DMX_ADD_PID:
+    case DMX_REMOVE_PID:
+      result = argument == nullptr ? -EFAULT : change_pids(request == DMX_ADD_PID, *static_cast<uint16_t*>(argument));
+      break;
+    case DMX_GET_PES_PIDS:
+      if (argument == nullptr) {
+        result = -EFAULT;
+      } else {
+        std::fill_n(static_cast<uint16_t*>(argument), 5, uint16_t{0xFFFF});
+        result = 0;
+      }
+      break;
+    case DMX_GET_STC:
+      result = -EINVAL;
+      break;
+    default:
+      break;
+  }
+  sync();
+  player_wake();
+  return result;
+}
+
+int Demux_handle::start() {
+  if (state_ < Filter_state::SET)
+    return -EINVAL;
+  stop();
+  queue_.allocated = true;
+  queue_.flush();
+  header_missing_ = 3;
+  body_left_ = 0;
+  if (pid_ > (type_ == Type::SECTION ? LAST_PID : ALL_PIDS))
+    return -EINVAL;
+  demux_of(adapter_index()).filter_started(*this);
+  state_ = Filter_state::GO;
+  if (type_ == Type::SECTION && section_.timeout != 0)
+    deadline_ns_ = adapter_now_ns(*shared()) + section_.timeout * uint64_t{1000000} + TIMEOUT_SLACK_NS;
+  player_filter_started(adapter_index());
+  return 0;
+}
+
+void Demux_handle::stop() {
+  if (!running())
+    return;
+  state_ = Filter_state::SET;
+  deadline_ns_ = 0;
+  demux_of(adapter_index()).filter_stopped(*this);
+  queue_.flush();
+}
+
+int Demux_handle::set_filter(const dmx_sct_filter_params& p) {
+  stop();
+  type_ = Type::SECTION;
+  section_ = p;
+  pid_ = p.pid;
+  has_negative_ = false;
+  for (int i = 0; i < DMX_FILTER_SIZE; ++i)
+    if ((p.filter.mask[i] & p.filter.mode[i]) != 0)
+      has_negative_ = true;
+  state_ = Filter_state::SET;
+  return (p.flags & DMX_IMMEDIATE_START) != 0 ? start() : 0;
+}
+
+int Demux_handle::set_packet_filter(const dmx_pes_filter_params& p) {
+  stop();
+  if (static_cast<unsigned>(p.pes_type) > DMX_PES_OTHER)
+    return -EINVAL;
+  type_ = Type::PACKETS;
+  pes_ = p;
+  pid_ = p.pid;
+  more_pids_.clear();
+  state_ = Filter_state::SET;
+  return (p.flags & DMX_IMMEDIATE_START) != 0 ? start() : 0;
+}
+
+int Demux_handle::set_buffer_size(size_t n) {
+  if (n == queue_.size())
+    return 0;
+  if (n == 0)
+    return -EINVAL;
+  if (running())
+    return -EBUSY;
+  queue_.resize(n);
+  return 0;
+}
+
+int Demux_handle::change_pids(bool add, int pid) {
+  if (type_ != Type::PACKETS || pid > LAST_PID)
+    return -EINVAL;
+  const auto at = std::find(more_pids_.begin(), more_pids_.end(), pid);
+  if (add && at == more_pids_.end())
+    more_pids_.push_back(pid);
+  else if (!add && at != more_pids_.end())
+    more_pids_.erase(at);
+  demux_of(adapter_index()).pids_changed();
+  return 0;
+}
+
+bool Demux_handle::takes_pid(int pid) const {
+  if (pid_ == pid || (type_ == Type::PACKETS && pid_ == ALL_PIDS))
+    return true;
+  return std::find(more_pids_.begin(), more_pids_.end(), pid) != more_pids_.end();
+}
+
+bool Demux_handle::matches(const uint8_t* section) const {
+  bool differs = false;
+  for (int i = 0; i < DMX_FILTER_SIZE; ++i) {
+    const uint8_t byte = section[i == 0 ? 0 : i + 2];
+    const uint8_t mask = section_.filter.mask[i];
+    const uint8_t mode = section_.filter.mode[i];
+    const uint8_t difference = static_cast<uint8_t>((byte ^ section_.filter.filter[i]) & mask);
+    if ((difference & ~mode) != 0)
+      return false;
+    if ((difference & mode) != 0)
+      differs = true;
+  }
+  return differs || !has_negative_;
+}
+
+void Demux_handle::deliver_section(const uint8_t* section, size_t n, size_t cut_to) {
+  if (queue_.error != 0)
+    return;
+  deadline_ns_ = 0;
+  if (queue_.fits(n)) {
+    queue_.write(section, cut_to < n ? cut_to : n);
+    if (cut_to < n)
+      queue_.mark_cut();
+  } else {
+    queue_.error = EOVERFLOW;
+  }
+  if ((section_.flags & DMX_ONESHOT) != 0)
+    state_ = Filter_state::DONE;
+}
+
+void Demux_handle::deliver_packet(const uint8_t* packet) {
+  const uint8_t* from = packet;
+  size_t n = TS_PACKET;
+  if (pes_.output == DMX_OUT_TAP) {
+    const unsigned control = (packet[3] >> 4) & 3u;
+    size_t at = 4;
+    if ((control & 2u) != 0)
+      at += 1u + packet[4];
+    if ((control & 1u) == 0 || at >= TS_PACKET)
+      return;
+    from = packet + at;
+    n = TS_PACKET - at;
+  } else if (pes_.output != DMX_OUT_TSDEMUX_TAP) {
+    return;
+  }
+  queue_.add(from, n);
+}
+
+void Demux_handle::check_timeout(uint64_t now_ns) {
+  if (deadline_ns_ == 0 || now_ns < deadline_ns_ || state_ != Filter_state::GO)
+    return;
+  deadline_ns_ = 0;
+  queue_.error = ETIMEDOUT;
+  state_ = Filter_state::TIMED_OUT;
+}
+
+void Demux_handle::overflow() {
+  if (running() && queue_.error == 0)
+    queue_.error = EOVERFLOW;
+}
+
+bool Demux_handle::has_room(int pid, size_t n) const {
+  if (!takes_pid(pid))
+    return true;
+  if (type_ == Type::SECTION)
+    return state_ != Filter_state::GO || queue_.patient_room(n);
+  return state_ != Filter_state::GO || pes_.output == DMX_OUT_TS_TAP || pes_.output == DMX_OUT_DECODER ||
+         queue_.patient_room(TS_PACKET);
+}
+
+Dvr_handle::Dvr_handle(int adapter_index, int open_flags) : Handle(Device::DVR, adapter_index, open_flags) {
+  queue_.allocated = true;
+}
+
+short Dvr_handle::ready() {
+  return queue_.ready();
+}
+
+ssize_t Dvr_handle::read(void* to, size_t n) {
+  return read_queue(*this, queue_, static_cast<uint8_t*>(to), n);
+}
+
+int Dvr_handle::request(unsigned long request, void* argument) {
+  if (request != DMX_SET_BUFFER_SIZE)
+    return -ENOTTY;
+  const size_t n = reinterpret_cast<uintptr_t>(argument);
+  const Device_lock lock;
+  if (n == queue_.size())
+    return 0;
+  if (n == 0)
+    return -EINVAL;
+  queue_.resize(n);
+  sync();
+  return 0;
+}
+
+void Demux::filter_started(const Demux_handle& filter) {
+  if (filter.type() == Demux_handle::Type::PACKETS) {
+    ++packet_filters_;
+  } else {
+    auto [at, fresh] = feeds_.try_emplace(filter.pid(), filter.pid(), filter.checks_crc());
+    ++at->second.users;
+    if (!fresh)
+      at->second.sections.restart();
+  }
+  pids_changed();
+}
+
+void Demux::filter_stopped(const Demux_handle& filter) {
+  if (filter.type() == Demux_handle::Type::PACKETS) {
+    --packet_filters_;
+  } else if (const auto at = feeds_.find(filter.pid()); at != feeds_.end()) {
+    if (--at->second.users == 0)
+      feeds_.erase(at);
+    else
+      at->second.sections.restart();
+  }
+  pids_changed();
+}
+
+void Demux::pids_changed() {
+  wanted_valid_ = false;
+}
+
+void Demux::find_wanted() {
+  wanted_.fill(false);
+  for (const auto& [pid, feed] : feeds_)
+    wanted_[static_cast<size_t>(pid)] = true;
+  if (packet_filters_ > 0)
+    wanted_.fill(true);
+  wanted_valid_ = true;
+}
+
+bool Demux::wants(int pid) {
+  if (!wanted_valid_)
+    find_wanted();
+  return wanted_[static_cast<size_t>(pid)];
+}
+
+// What the adapter's section faults make of one section.
+struct Damage {
+  bool drop = false;
+  bool twice = false;
+  bool bad_crc = false;
+  size_t cut_to = SIZE_MAX;
+};
+
+static Damage damage_for(const Adapter& adapter, int pid, int table, uint64_t now_ns) {
+  Damage damage;
+  Shared& s = *shared();
+  const int count = s.section_fault_count.load(std::memory_order_acquire);
+  for (int i = 0; i < count; ++i) {
+    Section_fault& fault = s.section_fault[i];
+    if ((fault.adapter >= 0 && fault.adapter != adapter.number) || fault.pid != pid)
+      continue;
+    if ((fault.table >= 0 && fault.table != table) || now_ns < fault.at_ns)
+      continue;
+    const uint32_t nth = fault.seen.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (nth < fault.from || (fault.count != 0 && nth >= fault.from + fault.count))
+      continue;
+    switch (fault.kind) {
+      case Section_fault_kind::DROP:
+      case Section_fault_kind::SILENCE:
+        damage.drop = true;
+        break;
+      case Section_fault_kind::CUT:
+        damage.cut_to = fault.size;
+        break;
+      case Section_fault_kind::DOUBLE:
+        damage.twice = true;
+        break;
+      case Section_fault_kind::CRC:
+        damage.bad_crc = true;
+        break;
+    }
+  }
+  return damage;
+}
+
+int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_t now_ns) {
+  const int pid = (p[1] & 0x1F) << 8 | p[2];
+  if (!wants(pid))
+    return 0;
+  int delivered = 0;
+  if (const auto at = feeds_.find(pid); at != feeds_.end()) {
+    const bool check_crc = at->second.sections.check_crc();
+    at->second.sections.packet(p, [&](const uint8_t* section, size_t n) {
+      const Damage damage = damage_for(adapter, pid, section[0], now_ns);
+      if (damage.drop)
+        return;
+      uint8_t altered[MAX_SECTION + 32];
+      if (damage.bad_crc) {
+        std::copy_n(section, n + 18, altered);
+        altered[n - 1] = static_cast<uint8_t>(altered[n - 1] ^ 0xFF);
+        section = altered;
+      }
+      if (check_crc && (section[1] & 0x80) != 0 && section_crc(section, n) != 0)
+        return;
+      for (int times = damage.twice ? 2 : 1; times > 0; --times)
+        delivered += deliver(adapter_index, pid, section, n, damage.cut_to);
+    });
+  }
+  if (packet_filters_ > 0)
+    delivered += deliver_packet(adapter_index, pid, p);
+  return delivered;
+}
+
+int Demux::deliver(int adapter_index, int pid, const uint8_t* section, size_t n, size_t cut_to) {
+  int delivered = 0;
+  for (const auto& handle : all_handles()) {
+    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
+      continue;
+    auto& filter = static_cast<Demux_handle&>(*handle);
+    if (!filter.takes_sections() || filter.pid() != pid || !filter.matches(section))
+      continue;
+    filter.deliver_section(section, n, cut_to);
+    ++delivered;
+  }
+  return delivered;
+}
+
+int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
+  bool to_dvr = false;
+  int delivered = 0;
+  for (const auto& handle : all_handles()) {
+    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
+      continue;
+    auto& filter = static_cast<Demux_handle&>(*handle);
+    if (!filter.takes_packets() || !filter.takes_pid(pid))
+      continue;
+    ++delivered;
+    if (filter.packet_output() == DMX_OUT_TS_TAP)
+      to_dvr = true;
+    else
+      filter.deliver_packet(p);
+  }
+  if (!to_dvr)
+    return delivered;
+  for (const auto& handle : all_handles())
+    if (handle->device() == Device::DVR && handle->adapter_index() == adapter_index && !handle->inherited)
+      static_cast<Dvr_handle&>(*handle).deliver_packet(p);
+  return delivered;
+}
+
+bool Demux::has_room(int adapter_index, int pid) {
+  if (!wants(pid))
+    return true;
+  for (const auto& handle : all_handles()) {
+    if (handle->adapter_index() != adapter_index || handle->inherited)
+      continue;
+    if (handle->device() == Device::DEMUX) {
+      const auto& filter = static_cast<const Demux_handle&>(*handle);
+      if (filter.running() && !filter.has_room(pid, MAX_SECTION))
+        return false;
+    } else if (handle->device() == Device::DVR && packet_filters_ > 0) {
+      if (!static_cast<const Dvr_handle&>(*handle).has_room(TS_PACKET))
+        return false;
+    }
+  }
+  return true;
+}
+
+Demux& demux_of(int adapter_index) {
+  static Demux* const demuxes = new Demux[MAX_ADAPTERS];
+  return demuxes[adapter_index];
+}
+
+}  // namespace softdvb

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <linux/dvb/dmx.h>
+
+#include <array>
+#include <map>
+#include <vector>
+
+#include "softdvb/model/byte_queue.h"
+#include "softdvb/model/handles.h"
+#include "softdvb/model/section_feed.h"
+
+// One open demultiplexer handle: a section filter or a packet filter with its queue (Linux's dmxdev), and the feeds
+// that turn packets into sections for all section filters of one PID.
+namespace softdvb {
+
+enum class Filter_state { ALLOCATED, SET, GO, DONE, TIMED_OUT };
+
+class Demux_handle : public Handle {
+ public:
+  enum class Type { NONE, SECTION, PACKETS };
+
+  // `slot`: place in Adapter::demux_owner.
+  Demux_handle(int adapter_index, int open_flags, int slot);
+
+  // REQUIRES call_lock, without Device_lock. Negative results are -errno.
+  ssize_t read(void* to, size_t n);
+  int request(unsigned long request, void* argument);
+
+  // REQUIRES Device_lock from here on.
+  short ready() override;
+  void closed() override;
+
+  Type type() const { return type_; }
+  int pid() const { return pid_; }
+  bool running() const { return state_ >= Filter_state::GO; }
+  bool checks_crc() const { return (section_.flags & DMX_CHECK_CRC) != 0; }
+  bool takes_sections() const { return type_ == Type::SECTION && state_ == Filter_state::GO; }
+  bool takes_packets() const { return type_ == Type::PACKETS && state_ == Filter_state::GO; }
+  bool takes_pid(int pid) const;
+  bool matches(const uint8_t* section) const;
+  int packet_output() const { return static_cast<int>(pes_.output); }
+
+  // False when a patient player would wait before it gives the filter up to `n` bytes from `pid`.
+  bool has_room(int pid, size_t n) const;
+  void deliver_section(const uint8_t* section, size_t n, size_t cut_to);
+  void deliver_packet(const uint8_t* packet);
+  void check_timeout(uint64_t now_ns);
+  uint64_t deadline_ns() const { return deadline_ns_; }  // of the filter's time-out, 0: none
+  void overflow();                                       // as if a section had not fitted
+
+ private:
+  int start();
+  void stop();
+  int set_filter(const dmx_sct_filter_params& p);
+  int set_packet_filter(const dmx_pes_filter_params& p);
+  int set_buffer_size(size_t n);
+  int change_pids(bool add, int pid);
+  bool cut_reached();
+
+  int slot_;
+  Type type_ = Type::NONE;
+  Filter_state state_ = Filter_state::ALLOCATED;
+  int pid_ = 0;
+  std::vector<int> more_pids_;
+  dmx_sct_filter_params section_{};
+  dmx_pes_filter_params pes_{};
+  bool has_negative_ = false;
+  Byte_queue queue_{8192};
+  uint64_t deadline_ns_ = 0;
+  uint8_t header_[3] = {};
+  int header_missing_ = 3;  // bytes of the next section's header still to read
+  int body_left_ = 0;       // bytes of the section that is being read
+};
+
+// dvr0: the packets of all packet filters with output DMX_OUT_TS_TAP.
+class Dvr_handle : public Handle {
+ public:
+  Dvr_handle(int adapter_index, int open_flags);
+  ssize_t read(void* to, size_t n);
+  int request(unsigned long request, void* argument);
+  short ready() override;
+  void deliver_packet(const uint8_t* packet) { queue_.add(packet, TS_PACKET); }
+  bool has_room(size_t n) const { return queue_.patient_room(n); }
+
+ private:
+  Byte_queue queue_{size_t{10} * 1024 * TS_PACKET};
+};
+
+// The feeds of one adapter in this process. REQUIRES Device_lock for everything.
+class Demux {
+ public:
+  // The filter started first on a PID decides about the CRC check of all.
+  void filter_started(const Demux_handle& filter);
+  void filter_stopped(const Demux_handle& filter);
+  void pids_changed();
+  // Gives one packet to everything that wants it. Returns the number of deliveries.
+  int packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_t now_ns);
+  bool has_room(int adapter_index, int pid);
+  bool idle() const { return feeds_.empty() && packet_filters_ == 0; }
+
+ private:
+  struct Feed {
+    Feed(int pid, bool check_crc) : sections(pid, check_crc) {}
+    Section_feed sections;
+    int users = 0;
+  };
+  bool wants(int pid);
+  void find_wanted();
+  int deliver(int adapter_index, int pid, const uint8_t* section, size_t n, size_t cut_to);
+  int deliver_packet(int adapter_index, int pid, const uint8_t* p);
+
+  std::map<int, Feed> feeds_;
+  int packet_filters_ = 0;
+  bool wanted_valid_ = false;
+  std::array<bool, 8192> wanted_{};
+};
+
+Demux& demux_of(int adapter_index);
+
+}  // namespace softdvb

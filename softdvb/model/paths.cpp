@@ -1,0 +1,55 @@
+#include "softdvb/model/paths.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace softdvb {
+
+static bool is_below(const char* path, const char* folder) {
+  const size_t n = strlen(folder);
+  return strncmp(path, folder, n) == 0 && (path[n] == '\0' || path[n] == '/');
+}
+
+Path::Path(const char* path) : result_(path) {
+  if (path == nullptr || path[0] != '/' || (path[1] != 'd' && path[1] != 't'))
+    return;
+  const Shared* s = shared();
+  if (s == nullptr)
+    return;
+  const char* into = nullptr;
+  if (is_below(path, "/dev/dvb")) {
+    into = s->run_dir;
+  } else {
+    for (const char* folder : {"/dvbfiles", "/tmp/zoneinfo", "/tmp/testsig"})
+      if (is_below(path, folder))
+        into = s->root_dir;
+  }
+  if (into == nullptr)
+    return;
+  const int n = snprintf(buffer_, sizeof buffer_, "%s%s", into, path);
+  if (n > 0 && static_cast<size_t>(n) < sizeof buffer_)
+    result_ = buffer_;
+}
+
+Device_path parse_device_path(const char* path) {
+  Device_path result;
+  Shared* s = shared();
+  if (s == nullptr || path == nullptr || strncmp(path, "/dev/dvb/adapter", 16) != 0)
+    return result;
+  int number = -1;
+  char name[16] = "";
+  int used = 0;
+  if (sscanf(path + 16, "%2d/%15[a-z0-9]%n", &number, name, &used) != 2 || path[16 + used] != '\0')
+    return result;
+  for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR}) {
+    if (strcmp(name, device_name(device)) != 0)
+      continue;
+    result.device = device;
+    for (int i = 0; i < s->adapter_count; ++i)
+      if (s->adapter[i].number == number)
+        result.adapter_index = i;
+  }
+  return result;
+}
+
+}  // namespace softdvb

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "softdvb/model/handles.h"
+#include "softdvb/model/shared.h"
+
+// The sandbox: which paths of the command mean something else.
+namespace softdvb {
+
+// Holds a rewritten path for the length of a call.
+class Path {
+ public:
+  // /dev/dvb, /dvbfiles, /tmp/zoneinfo and /tmp/testsig, and what lies below them, are moved into the sandbox; every
+  // other path, relative ones included, stays as it is.
+  explicit Path(const char* path);
+  const char* get() const { return result_; }
+  operator const char*() const { return result_; }
+
+ private:
+  const char* result_;
+  char buffer_[2 * MAX_PATH];
+};
+
+struct Device_path {
+  int adapter_index = -1;  // -1: no device of ours
+  Device device = Device::DEMUX;
+};
+Device_path parse_device_path(const char* path);
+
+}  // namespace softdvb

@@ -1,19 +1,14 @@
 // The list of wanted filters: adding, removing, asking.
 #include "filter/section_filter.h"
 
-#include <linux/dvb/dmx.h>
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "base/ids.h"
 #include "base/log.h"
 #include "base/polled_timer.h"
+#include "filter/section_filter_parts.h"
 
 namespace {
 
@@ -23,48 +18,54 @@ bool is_free(const dvb_filter_desc* f) {
   return f->state == FILTER_FREE;
 }
 
+// The names by which the trace knows a slot.
+unsigned pid_of(const dvb_filter_desc* f) {
+  return static_cast<unsigned>(f->pid);
+}
+
+unsigned tid_of(const dvb_filter_desc* f) {
+  return f->filter[0];
+}
+
 }  // namespace
 
-Section_filter::Section_filter(const char* device) {
-  std::snprintf(device_, sizeof device_, "%s", device);
-  FD_ZERO(&demux_.read_set);
-  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd_ >= FD_SETSIZE) {
-    (void)close(wake_fd_);  // select cannot wait on it
-    wake_fd_ = -1;
-  }
-}
+Section_filter::Section_filter(const char* device) : parts_(std::make_unique<Parts>(device)) {}
 
 Section_filter::~Section_filter() {
   remove_all();
-  for (dvb_filter_desc* f : filters_) {
+}
+
+Section_filter::Parts::~Parts() {
+  for (dvb_filter_desc* f : slots_) {
     // Deliberate: the timer of a slot that never got a handle is not deleted.
     if (f->fd > 0) {
-      set_dvbfilter_reuse(f);
-      if (close(f->fd) < 0)
+      if (!demux_.close(*f))
         KLOG(VERB_ERROR, "ERROR: Filter close failed, %s \n", std::strerror(errno));
       polled_timer::remove(f->timer);
     }
     delete f;
   }
-  filters_.clear();
-  if (wake_fd_ >= 0)
-    (void)close(wake_fd_);
+}
+
+std::list<dvb_filter_desc*>* Section_filter::flist() {
+  return &parts_->slots_;
+}
+
+dvb_filter_desc* Section_filter::Parts::add_slot() {
+  auto* f = new dvb_filter_desc{};
+  f->fd = -1;
+  f->timer = polled_timer::create();
+  slots_.push_back(f);
+  return f;
 }
 
 int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, const unsigned char* mask, int len,
                               int flags, int timeout_s) {
-  const std::lock_guard lock(mutex_);
-  const auto reusable = std::find_if(filters_.begin(), filters_.end(), is_free);
-  const bool is_new = reusable == filters_.end();
-  dvb_filter_desc* f = nullptr;
-  if (is_new) {
-    f = new dvb_filter_desc{};
-    f->fd = -1;
-    f->timer = polled_timer::create();
-  } else {
-    f = *reusable;
-  }
+  const std::lock_guard lock(parts_->mutex_);
+  const auto& slots = parts_->slots_;
+  const auto reusable = std::find_if(slots.begin(), slots.end(), is_free);
+  const bool is_new = reusable == slots.end();
+  dvb_filter_desc* f = is_new ? parts_->add_slot() : *reusable;
   f->state = FILTER_WANTED;
   f->pid = pid;
   if (len > FILTER_LENGTH)
@@ -82,9 +83,8 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
   f->restarts = 0;
   if (is_new) {
     KLOG(VERB_PROGRESS, "Adding new filter for pid %d to list, filter list size %d, nr_opened %d\n", pid,
-         static_cast<int>(filters_.size()) + 1, demux_.nr_opened);
-    filters_.push_back(f);
-    KLOG(VERB_TRACE, "+Fl%03X.%03X", static_cast<unsigned>(pid), static_cast<unsigned>(f->filter[0]));
+         static_cast<int>(slots.size()), parts_->demux_.open_handles());
+    KLOG(VERB_TRACE, "+Fl%03X.%03X", pid_of(f), tid_of(f));
   }
   return 0;
 }
@@ -96,17 +96,24 @@ int Section_filter::addfilter(int pid, int tid, int freq) {
   return addfilter(pid, freq, &filter, &mask, 1, FILTER_FLAG_HW_CRC, PARSER_TIMEOUT_S);
 }
 
-int Section_filter::removefilter(int pid, int tid) {
-  const std::lock_guard lock(mutex_);
-  KLOG(VERB_PROGRESS, "Removing filter pid %x tid %x\n", static_cast<unsigned>(pid), static_cast<unsigned>(tid));
-  int removed = 0;
-  for (dvb_filter_desc* f : filters_) {
-    if (f->pid != pid || f->filter[0] != tid)
+template <typename Matches>
+int Section_filter::Parts::free_slots(const char* token, Matches matches) {
+  int freed = 0;
+  for (dvb_filter_desc* f : slots_) {
+    if (!matches(*f))
       continue;
-    KLOG(VERB_PROGRESS, "-Fi%03X.%03X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
-    set_dvbfilter_reuse(f);
-    ++removed;
+    KLOG(VERB_PROGRESS, "-%s%03X.%03X.%d", token, pid_of(f), tid_of(f), f->fd);
+    free_slot(f);
+    ++freed;
   }
+  return freed;
+}
+
+int Section_filter::removefilter(int pid, int tid) {
+  const std::lock_guard lock(parts_->mutex_);
+  KLOG(VERB_PROGRESS, "Removing filter pid %x tid %x\n", static_cast<unsigned>(pid), static_cast<unsigned>(tid));
+  const int removed =
+      parts_->free_slots("Fi", [=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] == tid; });
   if (removed != 1)
     KLOG(VERB_ERROR, "ERROR: Removed %d instances of pid %x, Tid %x\n", removed, static_cast<unsigned>(pid),
          static_cast<unsigned>(tid));
@@ -114,62 +121,53 @@ int Section_filter::removefilter(int pid, int tid) {
 }
 
 int Section_filter::remove_filter_pid_range(int pid_lo, int pid_hi) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_TRACE, "Removing filters from pid %x-%x :", static_cast<unsigned>(pid_lo), static_cast<unsigned>(pid_hi));
-  for (dvb_filter_desc* f : filters_) {
-    if (f->pid < pid_lo || f->pid > pid_hi)
-      continue;
-    KLOG(VERB_PROGRESS, "-Fpr%03X.%03X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
-    set_dvbfilter_reuse(f);
-  }
+  (void)parts_->free_slots("Fpr", [=](const dvb_filter_desc& f) { return f.pid >= pid_lo && f.pid <= pid_hi; });
   KLOG(VERB_TRACE, "\n");
   return 0;
 }
 
 int Section_filter::remove_filter_range(int pid, int tid_lo, int tid_hi) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_TRACE, "Removing filters from pid %x, tid %x-%x :", static_cast<unsigned>(pid),
        static_cast<unsigned>(tid_lo), static_cast<unsigned>(tid_hi));
-  for (dvb_filter_desc* f : filters_) {
-    if (f->pid != pid || f->filter[0] < tid_lo || f->filter[0] > tid_hi)
-      continue;
-    KLOG(VERB_PROGRESS, "-Fr%03X.%03X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
-    set_dvbfilter_reuse(f);
-  }
+  (void)parts_->free_slots(
+      "Fr", [=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] >= tid_lo && f.filter[0] <= tid_hi; });
   KLOG(VERB_TRACE, "\n");
   return 0;
 }
 
 int Section_filter::remove_filter_freq(int freq) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_PROGRESS, "Removing filter freq %d\n", freq);
-  for (dvb_filter_desc* f : filters_) {
-    if (f->freq != freq)
-      continue;
-    // Deliberate: the token is the one of removefilter().
-    KLOG(VERB_PROGRESS, "-Fi%03X.%03X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
-    set_dvbfilter_reuse(f);
-  }
+  // Deliberate: the token is the one of removefilter().
+  (void)parts_->free_slots("Fi", [=](const dvb_filter_desc& f) { return f.freq == freq; });
   return 0;
 }
 
 void Section_filter::remove_all() {
   {
-    const std::lock_guard lock(mutex_);
-    for (dvb_filter_desc* f : filters_)
-      set_dvbfilter_reuse(f);
+    const std::lock_guard lock(parts_->mutex_);
+    for (dvb_filter_desc* f : parts_->slots_)
+      parts_->free_slot(f);
+    parts_->dropped_ = 0;
   }
   KLOG(VERB_PROGRESS, "Removed all filters\n");
 }
 
 void Section_filter::set_dvbfilter_reuse(dvb_filter_desc* f) {
+  parts_->free_slot(f);
+}
+
+void Section_filter::Parts::free_slot(dvb_filter_desc* f) {
   if (is_free(f))
     return;
   if (f->fd > 0) {
-    if (ioctl(f->fd, DMX_STOP) < 0)
-      KLOG(VERB_ERROR, "ERROR: Filter stop failed for demux file nr %d, error %s \n", f->fd, std::strerror(errno));
-    FD_CLR(f->fd, &demux_.read_set);
+    (void)Demux::stop(*f);
+    (void)demux_.unwatch(f->fd);  // a wait that is over may have found data on it
   }
+  activity_.ended(f);
   f->pid = -1;
   f->captured = 0;
   f->state = FILTER_FREE;
@@ -178,32 +176,27 @@ void Section_filter::set_dvbfilter_reuse(dvb_filter_desc* f) {
 }
 
 int Section_filter::pid_in_list(int pid) const {
-  const std::lock_guard lock(mutex_);
-  return std::any_of(filters_.begin(), filters_.end(), [=](auto* f) { return !is_free(f) && f->pid == pid; }) ? 1 : 0;
+  const std::lock_guard lock(parts_->mutex_);
+  const auto same = [=](const dvb_filter_desc* f) { return !is_free(f) && f->pid == pid; };
+  return std::any_of(parts_->slots_.begin(), parts_->slots_.end(), same) ? 1 : 0;
 }
 
 int Section_filter::pid_tid_in_list(int pid, int tid) const {
-  const std::lock_guard lock(mutex_);
-  const auto same = [=](auto* f) { return !is_free(f) && f->pid == pid && f->filter[0] == tid; };
-  return std::any_of(filters_.begin(), filters_.end(), same) ? 1 : 0;
-}
-
-void Section_filter::get_tags(const dvb_filter_desc* f, int* pid, int* freq) {
-  const std::lock_guard lock(mutex_);
-  *pid = f->pid;
-  *freq = f->freq;
+  const std::lock_guard lock(parts_->mutex_);
+  const auto same = [=](const dvb_filter_desc* f) { return !is_free(f) && f->pid == pid && f->filter[0] == tid; };
+  return std::any_of(parts_->slots_.begin(), parts_->slots_.end(), same) ? 1 : 0;
 }
 
 int Section_filter::eit_or_time_only_in_filter_list() {
   KLOG(VERB_TRACE, "Filter list contains: ");
   int result = 0;
   {
-    const std::lock_guard lock(mutex_);
-    result = filters_.empty() ? 0 : 1;
-    for (const dvb_filter_desc* f : filters_) {
+    const std::lock_guard lock(parts_->mutex_);
+    result = parts_->slots_.empty() ? 0 : 1;
+    for (const dvb_filter_desc* f : parts_->slots_) {
       if (f->state != FILTER_WANTED && f->state != FILTER_RUNNING)
         continue;
-      KLOG(VERB_TRACE, "%x.%x ", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]));
+      KLOG(VERB_TRACE, "%x.%x ", pid_of(f), tid_of(f));
       if (f->pid != pid::TIME && f->pid != pid::EIT)
         result = 0;
     }
@@ -213,13 +206,27 @@ int Section_filter::eit_or_time_only_in_filter_list() {
 }
 
 void Section_filter::print_filter_list() const {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(parts_->mutex_);
   int index = 0;
-  for (const dvb_filter_desc* f : filters_) {
-    if (is_free(f))
-      continue;
-    KLOG_ALWAYS("F%d-S%d-P%x-T%x ", index++, f->state, static_cast<unsigned>(f->pid),
-                static_cast<unsigned>(f->filter[0]));
+  for (const dvb_filter_desc* f : parts_->slots_) {
+    if (!is_free(f))
+      KLOG_ALWAYS("F%d-S%d-P%x-T%x ", index++, f->state, pid_of(f), tid_of(f));
   }
-  KLOG_ALWAYS(". Total %d\n", static_cast<int>(filters_.size()));
+  KLOG_ALWAYS(". Total %d\n", static_cast<int>(parts_->slots_.size()));
+}
+
+void Section_filter::Parts::get_tags(const dvb_filter_desc* f, int* pid, int* freq) const {
+  const std::lock_guard lock(mutex_);
+  *pid = f->pid;
+  *freq = f->freq;
+}
+
+void Section_filter::Parts::set_activity(const Activity_listener* listener) {
+  const std::lock_guard lock(mutex_);
+  activity_.set(listener);
+}
+
+int Section_filter::Parts::dropped() const {
+  const std::lock_guard lock(mutex_);
+  return dropped_;
 }

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <sys/select.h>
-
-#include <cstdint>
 #include <list>
-#include <mutex>
+#include <memory>
 
 #include "base/export.h"
 #include "filter/dvb_filter_desc.h"
@@ -26,18 +23,23 @@ inline constexpr int MAX_OPEN_RETRIES = 4;
 // What surprises: a wanted filter that finds all eight handles taken waits, without a message, until one is free.
 // A filter whose device cannot be opened is dropped at the fifth failure. Filters on PIDs below 0x21 are never
 // restarted by check_feed_activation(). restart_all_filters() leaves filters stopped. A slot never leaves the list
-// before the object ends, so its pointer stays good.
+// before the object ends, so a pointer to one stays good until then.
 //
 // Threads: each operation says *worker-only* (the thread that runs the scan loop) or *any-thread*. One mutex guards
-// list, slots and the set of handles; only the wait itself runs without it. Handles are opened and closed by the worker
-// alone, so what it waits on cannot vanish. No operation returns an error: failures are printed ("ERROR: " at
-// verbosity 0, "WARNING: " at 1, others at 3 and 4) and the scan goes on.
+// the list, the slots and the set of handles; only the wait itself runs without it. Handles are opened and closed by
+// the worker alone, so the handles that it waits on stay open.
+//
+// Failures: no operation but wait_for_data() and get_section_data() can tell its caller of one. They are printed
+// ("ERROR: " at verbosity 0, "WARNING: " at 1, others at 3 and 4), and the list is then as if the step that failed had
+// succeeded, unless an operation says otherwise.
 class KELVO_EXPORT Section_filter {
  public:
-  // `device` is the demultiplexer's path, up to 255 characters, opened only when the first filter starts.
+  // `device` is the demultiplexer's path. It is copied, up to 255 characters, and opened only when the first filter
+  // starts, so a device that is missing is not noticed here.
   explicit Section_filter(const char* device);
 
-  // Stops all filters and closes all handles. REQUIRES: no other thread uses the object any more.
+  // Stops all filters, closes all handles and deletes the slots. Failures are printed.
+  // REQUIRES: no other thread uses the object any more.
   ~Section_filter();
 
   Section_filter(const Section_filter&) = delete;
@@ -45,8 +47,9 @@ class KELVO_EXPORT Section_filter {
 
   // Wants a filter: `pid`, the first `len` bytes of `filter` under `mask` (byte 0 is the table id, byte 1 on are
   // section bytes 3 on, as the kernel counts), tagged with `freq` (Hz), `flags` of FILTER_FLAG_..., restarted when
-  // `timeout_s` seconds pass without a first section. Bytes beyond 16 are discarded with a warning. Takes the first
-  // free slot, else appends one. Returns 0. Any-thread.
+  // `timeout_s` seconds pass without a first section. Both byte fields are copied; bytes beyond 16 are discarded with a
+  // warning. Takes the first free slot, else appends one. Nothing checks whether the same filter is there already.
+  // Returns 0. Any-thread.
   int addfilter(int pid, int freq, const unsigned char* filter, const unsigned char* mask, int len, int flags,
                 int timeout_s);
 
@@ -54,11 +57,11 @@ class KELVO_EXPORT Section_filter {
   int addfilter(int pid, int tid, int freq);
 
   // Frees every filter of this PID and table id. Prints an error unless there was exactly one (two programmes on one
-  // PMT PID lose both filters with the first). Returns 0. Any-thread.
+  // PMT PID lose both filters with the first); the list is unchanged when there was none. Returns 0. Any-thread.
   int removefilter(int pid, int tid);
 
   // Frees every filter whose PID lies in [pid_lo, pid_hi]; of `pid` with a table id in [tid_lo, tid_hi]; tagged with
-  // `freq`; or simply every one. Return 0. Any-thread.
+  // `freq` (Hz); or simply every one. None is no failure. Return 0. Any-thread.
   int remove_filter_pid_range(int pid_lo, int pid_hi);
   int remove_filter_range(int pid, int tid_lo, int tid_hi);
   int remove_filter_freq(int freq);
@@ -73,10 +76,12 @@ class KELVO_EXPORT Section_filter {
   int eit_or_time_only_in_filter_list();
 
   // Opens handles for wanted filters, programs and starts them, and rebuilds the set that wait_for_data() waits on.
-  // Returns the highest handle in that set, 0 when nothing runs. Worker-only.
+  // A filter whose handle does not open stays wanted, and is free after the fifth time; one that the device refuses
+  // counts as running. Returns the highest handle in that set, 0 when nothing runs. Worker-only.
   int recalculate_filters();
 
-  // Starts again every running filter on a PID of 0x21 or more that has received nothing in time. Worker-only.
+  // Starts again every running filter on a PID of 0x21 or more that has received no section of right length within its
+  // time, rounded down to whole seconds, and gives it the same time once more. Worker-only.
   void check_feed_activation();
 
   // Stops the running filters, keeping them; wants the stopped ones again; starts each running filter again and marks
@@ -89,17 +94,18 @@ class KELVO_EXPORT Section_filter {
   void print_filter_list() const;
 
   // All slots, free ones included, in order of creation. Owned by this object. Worker-only.
-  std::list<dvb_filter_desc*>* flist() { return &filters_; }
+  std::list<dvb_filter_desc*>* flist();
 
   // Waits up to `timeout_ms` milliseconds until a running filter has data. Returns the number of ready filters, 0 when
-  // there is none, -1 with errno on failure.
-  // Kelvo ends the wait early, with 0, when a request is waiting. Worker-only, right after recalculate_filters().
+  // there is none, and -1 with errno and no message on failure; the filters to be read are then undefined until the
+  // next wait. Kelvo ends the wait early, with 0, when a request is waiting.
+  // Worker-only, right after recalculate_filters().
   int wait_for_data(int timeout_ms);
 
-  // Reads one section of `f` into `buf` (at least SECTION_BUF_SIZE bytes; what the section does not fill is zeroed).
-  // Returns its length in bytes, or 0 when there is none or it is of wrong length or CRC (printed): `buf` is of no use
-  // then. Reads each ready filter once per wait. An overflow of the kernel's buffer is a warning, and the filter goes
-  // on. Worker-only.
+  // Reads one section of `f` into `buf` (the caller's, at least SECTION_BUF_SIZE bytes; what the section does not fill
+  // is zeroed). Returns its length in bytes, or 0 when there is none or it is of wrong length or CRC (printed): the
+  // section is lost and `buf` of no use then. Reads each ready filter once per wait. When reading fails (printed; a
+  // warning for an overflow of the kernel's buffer), the filter goes on. Worker-only.
   unsigned int get_section_data(dvb_filter_desc* f, char* buf);
 
   // CRC-32 of `len` bytes, continuing from `crc`, without final inversion. crc32_be is the one of MPEG sections:
@@ -108,34 +114,15 @@ class KELVO_EXPORT Section_filter {
   static unsigned int crc32_be(unsigned int crc, const unsigned char* data, unsigned int len);
   static unsigned int crc32_le(unsigned int crc, const unsigned char* data, unsigned int len);
 
-  // Stops `f` and marks its slot free; handle and timer stay. A free slot is left alone.
-  // REQUIRES: the list's mutex is held, as by the removals above, or no other thread uses the object.
+  // Stops `f` and marks its slot free; handle and timer stay. A free slot is left alone. A failing stop is printed, and
+  // the slot is freed all the same.
+  // REQUIRES: no other thread uses the object. (The removals above do the same under the lock.)
   void set_dvbfilter_reuse(dvb_filter_desc* f);
 
+  class Parts;
+  // For the library's own use; Parts is not installed.
+  Parts& parts() const { return *parts_; }
+
  private:
-  friend class Kelvo;
-
-  // Ends a wait_for_data() that is under way, or the next one, at once. Any-thread.
-  void wake();
-
-  // PID and frequency of `f`, read under the lock, because remove_all() may free the slot meanwhile (-1 and 0 then).
-  // Any-thread.
-  void get_tags(const dvb_filter_desc* f, int* pid, int* freq);
-
-  int open_device(dvb_filter_desc* f);
-  void program(dvb_filter_desc* f);
-
-  mutable std::mutex mutex_;
-  std::list<dvb_filter_desc*> filters_;
-  char device_[256];
-  struct Demux {
-    uint32_t loop_count = 0;  // calls of wait_for_data()
-    int nr_opened = 0;        // handles, free slots' ones included
-    int max_fd = 0;           // highest handle of a running filter
-    int started = 0;
-    int restarted = 0;
-    fd_set read_set;  // before a wait the running handles, after it the ready ones not yet read
-  };
-  Demux demux_;
-  int wake_fd_ = -1;  // eventfd; -1 when there is none, requests then wait for the time-out
+  std::unique_ptr<Parts> parts_;
 };

@@ -1,72 +1,81 @@
-// Waiting for sections and reading them; CRC-32 (ISO/IEC 13818-1, Annex A).
+// Waiting for sections and reading them.
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
+#include "base/ids.h"
 #include "base/log.h"
-#include "filter/section_filter.h"
+#include "filter/section_filter_parts.h"
 
 namespace {
 
 constexpr int SHORTEST_SECTION = 8;
-constexpr unsigned CRC_POLYNOMIAL = 0x04C11DB7;
-constexpr unsigned CRC_POLYNOMIAL_REFLECTED = 0xEDB88320;
+constexpr int HEADER_LENGTH = 3;  // up to section_length, which counts the bytes after itself
+constexpr int TDT_SECTION_LENGTH = 5;
 constexpr unsigned CRC_START = 0xFFFFFFFF;
 
 // A TDT has no CRC.
 bool is_tdt(int pid, unsigned tid, int section_length) {
-  return pid == 0x14 && tid == 0x70 && section_length == 5;
+  return pid == pid::TIME && tid == table::TDT && section_length == TDT_SECTION_LENGTH;
+}
+
+unsigned crc_field(const unsigned char* section, int size) {
+  const unsigned char* field = section + size - 4;
+  return static_cast<unsigned>(field[0]) << 24 | static_cast<unsigned>(field[1]) << 16 |
+         static_cast<unsigned>(field[2]) << 8 | static_cast<unsigned>(field[3]);
 }
 
 }  // namespace
 
 int Section_filter::wait_for_data(int timeout_ms) {
+  const int wake_handle = parts_->wake_up_.handle();
+  const bool wakes = wake_handle >= 0 && wake_handle < FD_SETSIZE;  // else requests wait for the time-out
   fd_set ready;
-  int highest = wake_fd_;
+  int highest = 0;
   {
-    const std::lock_guard lock(mutex_);
-    ++demux_.loop_count;
-    ready = demux_.read_set;
-    highest = std::max(highest, demux_.max_fd);
+    const std::lock_guard lock(parts_->mutex_);
+    ++parts_->waits_;
+    ready = parts_->demux_.watched();
+    highest = parts_->highest_handle_;
   }
-  if (wake_fd_ >= 0)
-    FD_SET(wake_fd_, &ready);
+  if (wakes) {
+    FD_SET(wake_handle, &ready);
+    highest = std::max(highest, wake_handle);
+  }
   // The field is not normalised: the system takes 1,500,000 microseconds.
   timeval timeout{};
   timeout.tv_usec = static_cast<suseconds_t>(timeout_ms) * 1000;
   int count = select(highest + 1, &ready, nullptr, nullptr, &timeout);
   if (count < 0)
     return count;
-  if (wake_fd_ >= 0 && FD_ISSET(wake_fd_, &ready)) {
-    --count;
-    uint64_t wakes = 0;
-    (void)!read(wake_fd_, &wakes, sizeof wakes);  // only empties it
+  if (wakes && FD_ISSET(wake_handle, &ready)) {
+    --count;  // a wake-up is no data
+    parts_->wake_up_.take();
   }
   // Slots may have been freed meanwhile: only what still runs counts as ready to be read.
-  const std::lock_guard lock(mutex_);
-  FD_ZERO(&demux_.read_set);
-  for (const dvb_filter_desc* f : filters_) {
+  const std::lock_guard lock(parts_->mutex_);
+  parts_->demux_.unwatch_all();
+  for (const dvb_filter_desc* f : parts_->slots_) {
     if (f->state == FILTER_RUNNING && FD_ISSET(f->fd, &ready))
-      FD_SET(f->fd, &demux_.read_set);
+      parts_->demux_.watch(f->fd);
   }
   return count;
 }
 
-void Section_filter::wake() {
-  const uint64_t one = 1;
-  if (wake_fd_ >= 0)
-    (void)!write(wake_fd_, &one, sizeof one);  // full means that a wake is pending already
+unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
+  const std::lock_guard lock(parts_->mutex_);
+  if (f->state != FILTER_RUNNING || !parts_->demux_.unwatch(f->fd))
+    return 0;
+  parts_->activity_.tell(ACTIVITY_READ_BEGIN, f->pid);
+  const unsigned length = parts_->read_section(f, buf);
+  parts_->activity_.tell(ACTIVITY_READ_END, static_cast<int>(length));
+  return length;
 }
 
-unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
-  const std::lock_guard lock(mutex_);
-  if (f->state != FILTER_RUNNING || !FD_ISSET(f->fd, &demux_.read_set))
-    return 0;
-  FD_CLR(f->fd, &demux_.read_set);
+unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
   const ssize_t got = read(f->fd, buf, SECTION_BUF_SIZE);
   if (got < 0) {
     if (errno == EOVERFLOW) {
@@ -79,49 +88,26 @@ unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
   }
   const int size = static_cast<int>(got);
   std::memset(buf + size, 0, static_cast<size_t>(SECTION_BUF_SIZE - size));
-  KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n",
-       static_cast<int>(demux_.loop_count), static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
-       static_cast<unsigned>(f->fd), size);
+  KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n", static_cast<int>(waits_),
+       static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), static_cast<unsigned>(f->fd), size);
 
-  auto* bytes = reinterpret_cast<unsigned char*>(buf);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(buf);
   const unsigned tid = bytes[0];
   const int section_length = (bytes[1] & 0x0F) << 8 | bytes[2];
-  if (size < SHORTEST_SECTION || size != section_length + 3) {
+  if (size < SHORTEST_SECTION || size != section_length + HEADER_LENGTH) {
     KLOG(VERB_ERROR, "ERROR: Received section pid %x type %x incorrect length %d vs header %d\n",
-         static_cast<unsigned>(f->pid), tid, size, section_length + 3);
+         static_cast<unsigned>(f->pid), tid, size, section_length + HEADER_LENGTH);
     return 0;
   }
-  ++f->captured;
-  if ((f->flags & FILTER_FLAG_SOFT_CRC) != 0 && !is_tdt(f->pid, tid, section_length)) {
-    const unsigned crc = crc32_be(CRC_START, bytes, static_cast<unsigned>(size));
-    if (crc != 0) {
-      const unsigned char* end = bytes + size;
-      const unsigned in_section = static_cast<unsigned>(end[-4]) << 24 | static_cast<unsigned>(end[-3]) << 16 |
-                                  static_cast<unsigned>(end[-2]) << 8 | static_cast<unsigned>(end[-1]);
-      // Deliberate: the table id is printed as a signed byte, so 0x80 and above come out as ffffff80 and above.
-      KLOG(VERB_ERROR, "ERROR: *** Received section pid %x type %x len %d CRC failed, %x != 0, rdback %x\n",
-           static_cast<unsigned>(f->pid), static_cast<unsigned>(static_cast<signed char>(buf[0])), section_length, crc,
-           in_section);
-      return 0;
-    }
-  }
-  return static_cast<unsigned>(size);
-}
-
-unsigned int Section_filter::crc32_be(unsigned int crc, const unsigned char* data, unsigned int len) {
-  for (unsigned i = 0; i < len; ++i) {
-    crc ^= static_cast<unsigned>(data[i]) << 24;
-    for (int bit = 0; bit < 8; ++bit)
-      crc = (crc << 1) ^ ((crc & 0x80000000u) != 0 ? CRC_POLYNOMIAL : 0u);
-  }
-  return crc;
-}
-
-unsigned int Section_filter::crc32_le(unsigned int crc, const unsigned char* data, unsigned int len) {
-  for (unsigned i = 0; i < len; ++i) {
-    crc ^= data[i];
-    for (int bit = 0; bit < 8; ++bit)
-      crc = (crc >> 1) ^ ((crc & 1u) != 0 ? CRC_POLYNOMIAL_REFLECTED : 0u);
-  }
-  return crc;
+  ++f->captured;  // a wrong CRC shows that the feed is alive, too
+  if ((f->flags & FILTER_FLAG_SOFT_CRC) == 0 || is_tdt(f->pid, tid, section_length))
+    return static_cast<unsigned>(size);
+  const unsigned crc = crc32_be(CRC_START, bytes, static_cast<unsigned>(size));
+  if (crc == 0)
+    return static_cast<unsigned>(size);
+  // Deliberate: the table id is printed as a signed byte, so 0x80 and above come out as ffffff80 and above.
+  KLOG(VERB_ERROR, "ERROR: *** Received section pid %x type %x len %d CRC failed, %x != 0, rdback %x\n",
+       static_cast<unsigned>(f->pid), static_cast<unsigned>(static_cast<signed char>(buf[0])), section_length, crc,
+       crc_field(bytes, size));
+  return 0;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "filter/section_filter_parts.h"
 #include "kelvo/scan_loop.h"
 #include "kelvo/tuner_slot.h"
 
@@ -69,7 +70,7 @@ Kelvo::Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database
 
 Kelvo::~Kelvo() {
   running_ = false;
-  filter_->wake();
+  filter_->parts().wake();
   if (worker_started_)
     (void)worker_->Stop();  // nothing left to do for a thread that cannot be joined
 }
@@ -104,7 +105,7 @@ void Kelvo::post(const Request& request) {
     }
     request_ = request;
   }
-  filter_->wake();
+  filter_->parts().wake();
 }
 
 int Kelvo::tune_to_freq(int freq, int channel, void* data, request_callback_t done) {
@@ -152,7 +153,7 @@ void Kelvo::set_scan(bool on) {
   }
   scan_requested_ = on;
   KLOG(VERB_PROGRESS, " Done\n");
-  filter_->wake();  // after the line is whole, so that the worker's does not break in
+  filter_->parts().wake();  // after the line is whole, so that the worker's does not break in
 }
 
 void Kelvo::set_tuner(bool connect) {
@@ -184,7 +185,7 @@ bool Kelvo::export_db(const char* file, bool full) {
   database_->set_backup_file_name(file);
   export_full_ = full;
   export_pending_ = true;
-  filter_->wake();
+  filter_->parts().wake();
   return true;
 }
 

@@ -11,6 +11,7 @@
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "filter/section_filter_parts.h"
 #include "kelvo/tuner_slot.h"
 #include "si/siparse_parts.h"
 
@@ -182,7 +183,7 @@ void Kelvo::Scan_loop::parse_ready_sections() {
     std::memset(section_ + length, 0, sizeof section_ - length);
     int pid = 0;
     int tagged_freq = 0;
-    filter_.get_tags(filter, &pid, &tagged_freq);
+    filter_.parts().get_tags(filter, &pid, &tagged_freq);
     (void)parser_.scan_assembled_section(section_, pid, tagged_freq, request_.data, scan_mode_);
   }
   if (data_seen_ && !seen_before)

@@ -6,10 +6,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/cli/console.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
 #include "tools/commands.h"
-#include "tools/console.h"
-#include "tools/failure.h"
-#include "tools/text.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/scan_report.h"
+#include "tools/scan/scan_report.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "tools/text.h"
+#include "tools/cli/text.h"
 
 #include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "tools/bands.h"
+#include "tools/cli/bands.h"
 
 namespace {
 

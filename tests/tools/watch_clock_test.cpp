@@ -14,7 +14,7 @@
 
 #include "support/command.h"
 #include "support/support.h"
-#include "tools/zone_file.h"
+#include "tools/watch/zone_file.h"
 
 // What `kelvo watch` says of clock and zone, under the software adapter, in virtual time.
 

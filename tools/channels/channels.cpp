@@ -1,0 +1,185 @@
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <tuple>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+#include <nlohmann/json.hpp>
+
+#include "tools/cli/console.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/table.h"
+#include "tools/cli/text.h"
+#include "tools/commands.h"
+#include "tools/database/channel_db.h"
+
+namespace {
+
+struct Channels_options {
+  std::string db;
+  std::string format = "table";
+};
+
+std::string stream_text(const Stream& stream) {
+  std::string out = fmt::format("{} {}", stream.kind, stream.pid);
+  for (const std::string& language : stream.languages) {
+    out += " " + language;
+  }
+  return out;
+}
+
+std::string streams_text(const Service& service) {
+  std::vector<std::string> texts;
+  for (const Stream& stream : service.streams) {
+    texts.push_back(stream_text(stream));
+  }
+  return fmt::format("{}", fmt::join(texts, ", "));
+}
+
+// Conditional access systems of the service, in hexadecimal.
+std::vector<std::string> ca_systems(const Service& service) {
+  std::vector<std::string> out;
+  for (const Stream& stream : service.streams) {
+    const std::string system = fmt::format("0x{:04X}", stream.ca_system);
+    if (stream.ca_system != 0 && std::find(out.begin(), out.end(), system) == out.end()) {
+      out.push_back(system);
+    }
+  }
+  return out;
+}
+
+std::string ca_text(const Service& service) {
+  const std::vector<std::string> systems = ca_systems(service);
+  if (!systems.empty()) {
+    return fmt::format("{}", fmt::join(systems, " "));
+  }
+  return service.scrambled ? "yes" : "-";
+}
+
+std::string or_dash(const std::string& text) {
+  return text.empty() ? "-" : text;
+}
+
+void print_table(const std::vector<Service>& services) {
+  using enum Table::Align;
+  Table table({{"LCN", RIGHT},
+               {"NAME"},
+               {"TYPE"},
+               {"PROVIDER"},
+               {"NETWORK"},
+               {"FREQUENCY", RIGHT},
+               {"CA"},
+               {"STATE"},
+               {"PIDS", LEFT, true}});
+  for (const Service& service : services) {
+    table.add({service.lcn == NO_LCN ? "-" : std::to_string(service.lcn), or_dash(service.name), type_text(service),
+               or_dash(service.provider), or_dash(service.network), mhz(service.freq), ca_text(service),
+               state_text(service), or_dash(streams_text(service))});
+  }
+  table.print(stdout);
+}
+
+nlohmann::ordered_json to_json(const Stream& stream) {
+  nlohmann::ordered_json out{{"pid", stream.pid}, {"kind", stream.kind}};
+  out["codec"] = stream.codec.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(stream.codec);
+  out["stream_type"] = stream.stream_type;
+  out["languages"] = stream.languages;
+  if (stream.ca_system != 0) {
+    out["ca_system"] = stream.ca_system;
+    out["ca_pid"] = stream.ca_pid;
+  }
+  return out;
+}
+
+nlohmann::ordered_json to_json(const Service& service) {
+  nlohmann::ordered_json out;
+  out["channel"] = service.channel;
+  out["lcn"] = service.lcn == NO_LCN ? nlohmann::ordered_json() : nlohmann::ordered_json(service.lcn);
+  out["name"] = service.name;
+  if (!service.names.empty()) {
+    out["names"] = service.names;
+  }
+  out["type"] = type_text(service);
+  out["service_type"] = service.type;
+  out["provider"] = service.provider;
+  out["network"] = service.network;
+  out["frequency"] = service.freq;
+  out["service_id"] = service.program_number;
+  out["transport_stream_id"] = service.transport_stream_id;
+  out["network_id"] = service.network_id;
+  out["original_network_id"] = service.original_network_id;
+  out["pmt_pid"] = service.pmt_pid;
+  out["pcr_pid"] = service.pcr_pid;
+  out["scrambled"] = service.scrambled;
+  out["ca_systems"] = ca_systems(service);
+  out["state"] = state_text(service);
+  out["streams"] = nlohmann::ordered_json::array();
+  for (const Stream& stream : service.streams) {
+    out["streams"].push_back(to_json(stream));
+  }
+  return out;
+}
+
+// The default database is made when it is missing; a file that somebody named must be there.
+std::string database_to_read(const std::string& named) {
+  if (!named.empty()) {
+    return named;
+  }
+  std::string file = default_database();
+  if (!std::filesystem::exists(file)) {
+    make_folders_for(file);
+    (void)check_database(file);
+    const console::Quiet_library quiet(-1);
+    try {
+      const Sdbl made(file.c_str());
+    } catch (const no_file_error& error) {
+      throw Failure(fmt::format("{}: cannot be made: {}", file, error.what()));
+    }
+  }
+  return file;
+}
+
+void list_channels(const Channels_options& options) {
+  const std::string file = database_to_read(options.db);
+  std::vector<Service> services = Channel_db(file).services(true);
+  std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
+    return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
+  });
+  if (options.format == "json") {
+    nlohmann::ordered_json out = nlohmann::ordered_json::array();
+    for (const Service& service : services) {
+      out.push_back(to_json(service));
+    }
+    console::print(out.dump(2) + "\n", "the list");
+  } else {
+    print_table(services);
+    if (services.empty()) {
+      console::say(fmt::format("No channels in {} yet; 'kelvo scan' finds them.", file));
+    }
+  }
+  console::finish_printing("the list");
+}
+
+}  // namespace
+
+void add_channels(CLI::App& app, int* exit_code) {
+  CLI::App* command = app.add_subcommand("channels", "List the channels that scans have found");
+  const auto options = std::make_shared<Channels_options>();
+  command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
+  command->add_option("--format", options->format, "table, for people, or json, for programs")
+      ->check(CLI::IsMember({"table", "json"}))
+      ->capture_default_str();
+  command->footer(
+      "Sorted by logical channel number, then by row. State: found and lost say what the last scan of the\n"
+      "multiplex saw; no streams stands for a service whose streams were never described.\n"
+      "\n"
+      "Examples:\n"
+      "  kelvo channels\n"
+      "  kelvo channels --db living-room.db --format json | jq '.[].name'");
+  command->callback([options, exit_code] {
+    list_channels(*options);
+    *exit_code = EXIT_OK;
+  });
+}

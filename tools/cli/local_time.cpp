@@ -1,0 +1,76 @@
+#include "tools/cli/local_time.h"
+
+#include <cctype>
+#include <ctime>
+
+#include <fmt/format.h>
+
+#include "tools/cli/failure.h"
+
+namespace {
+
+tm broken_down(int64_t seconds) {
+  const auto time = static_cast<time_t>(seconds);
+  tm out{};
+  (void)localtime_r(&time, &out);
+  return out;
+}
+
+int64_t midnight(tm day, int days_later) {
+  day.tm_mday += days_later;
+  day.tm_hour = day.tm_min = day.tm_sec = 0;
+  day.tm_isdst = -1;
+  return mktime(&day);
+}
+
+}  // namespace
+
+std::string local_time(int64_t seconds, const char* format) {
+  const tm time = broken_down(seconds);
+  char text[64];
+  return {text, strftime(text, sizeof text, format, &time)};
+}
+
+std::pair<int64_t, int64_t> parse_day(const std::string& text) {
+  tm day = broken_down(time(nullptr));
+  int later = 0;
+  if (text == "tomorrow") {
+    later = 1;
+  } else if (text == "yesterday") {
+    later = -1;
+  } else if (text != "today") {
+    tm given{};
+    const char* end = text.size() == 10 ? strptime(text.c_str(), "%Y-%m-%d", &given) : nullptr;
+    tm checked = given;
+    checked.tm_hour = 12;
+    checked.tm_isdst = -1;
+    if (end == nullptr || *end != '\0' || mktime(&checked) == -1 || checked.tm_mday != given.tm_mday) {
+      throw Failure(fmt::format("--day {}: not a date; give YYYY-MM-DD, today, tomorrow or yesterday", text),
+                    EXIT_USAGE);
+    }
+    day = given;
+  }
+  return {midnight(day, later), midnight(day, later + 1)};
+}
+
+int parse_duration(const std::string& text, const std::string& option) {
+  constexpr int64_t MOST = 7 * 24 * 3600;
+  int64_t total = 0;
+  size_t at = 0;
+  bool good = !text.empty();
+  while (good && at < text.size()) {
+    int64_t value = 0;
+    const size_t begin = at;
+    while (at < text.size() && isdigit(static_cast<unsigned char>(text[at])) != 0 && value <= MOST) {
+      value = value * 10 + (text[at++] - '0');
+    }
+    const char unit = at < text.size() ? text[at] : '\0';
+    good = at > begin && (unit == 's' || unit == 'm' || unit == 'h');
+    total += value * (unit == 'h' ? 3600 : unit == 'm' ? 60 : 1);
+    ++at;
+  }
+  if (!good || total <= 0 || total > MOST) {
+    throw Failure(fmt::format("{} {}: not a time; give for example 90s, 10m or 1h", option, text), EXIT_USAGE);
+  }
+  return static_cast<int>(total);
+}

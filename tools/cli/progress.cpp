@@ -1,0 +1,44 @@
+#include "tools/cli/progress.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "tools/cli/console.h"
+
+namespace {
+
+constexpr int BAR_WIDTH = 20;
+
+std::string time_text(std::chrono::seconds time) {
+  return fmt::format("{}:{:02}", time.count() / 60, time.count() % 60);
+}
+
+}  // namespace
+
+Progress::Progress(int total, bool on) : total_(total), on_(on), start_(std::chrono::steady_clock::now()) {}
+
+void Progress::draw(const std::string& text) {
+  if (!on_) {
+    return;
+  }
+  const int filled = total_ > 0 ? BAR_WIDTH * done_ / total_ : 0;
+  std::string left;
+  if (done_ > 0) {
+    const auto gone = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+    left = "  left " + time_text(gone * (total_ - done_) / done_);
+  }
+  std::string line = fmt::format("[{}{}] {}/{}  {}{}", std::string(static_cast<size_t>(filled), '#'),
+                                 std::string(static_cast<size_t>(BAR_WIDTH - filled), '.'), done_, total_, text, left);
+  line.resize(std::min(line.size(), static_cast<size_t>(std::max(1, console::width() - 1))));
+  // Back to the first column, and clear what the last line left behind this one.
+  console::put("\r" + line + "\x1B[K");
+  drawn_ = true;
+}
+
+void Progress::clear() {
+  if (drawn_) {
+    console::put("\r\x1B[K");
+    drawn_ = false;
+  }
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tools/cli/failure.h"
+
+// A folder of its own, removed with everything in it at the end.
+class Temporary_folder {
+ public:
+  Temporary_folder() {
+    std::error_code error;
+    path_ = (std::filesystem::temp_directory_path(error) / "kelvo-XXXXXX").string();
+    if (error || mkdtemp(path_.data()) == nullptr) {
+      throw Failure("cannot make a temporary folder: " + (error ? error.message() : std::string(strerror(errno))));
+    }
+  }
+  ~Temporary_folder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  Temporary_folder(const Temporary_folder&) = delete;
+  Temporary_folder& operator=(const Temporary_folder&) = delete;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};

@@ -1,0 +1,19 @@
+#include "tools/cli/tuning_options.h"
+
+#include "tools/cli/bands.h"
+
+void add_adapters_option(CLI::App* command, std::vector<int>* adapters, const char* help) {
+  command->add_option("--adapter", *adapters, help)
+      ->type_name("N")
+      ->check(CLI::Range(0, 3))
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+CLI::Option* add_freqs_option(CLI::App* command, std::vector<int>* freqs) {
+  return command->add_option("--freq", *freqs, "Centre frequency in Hz; may be repeated")
+      ->type_name("HZ")
+      ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}

@@ -1,0 +1,365 @@
+#include "tools/database/channel_db.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <sstream>
+
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/database/statement.h"
+
+namespace {
+
+constexpr uint64_t LEAST_FREE_BYTES = 1'048'576;
+
+constexpr const char* SERVICE_COLUMNS =
+    "SELECT channel, lcn, serv_name, serv_type, prov_name, network_name, freq, pat_prnr, network_id, orig_network_id, "
+    "tstream_id, pmt_pid, pcr_pid, free_ca, scan_state, row_status FROM kanalid ORDER BY channel;";
+constexpr const char* STREAM_COLUMNS =
+    "SELECT channel, es_pid, es_type, es_subtype, codec, languages, ca_sysid, ca_pid FROM estreams "
+    "ORDER BY channel, rowid;";
+constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
+
+struct Stream_kind {
+  int stream_type;
+  const char* kind;
+  const char* codec;
+};
+
+// ISO/IEC 13818-1, table 2-34.
+constexpr std::array<Stream_kind, 11> STREAM_KINDS = {{
+    {0x01, "video", "MPEG-1"},
+    {0x02, "video", "MPEG-2"},
+    {0x03, "audio", "MPEG-1"},
+    {0x04, "audio", "MPEG-2"},
+    {0x0F, "audio", "AAC"},
+    {0x10, "video", "MPEG-4"},
+    {0x11, "audio", "HE-AAC"},
+    {0x1B, "video", "H.264"},
+    {0x24, "video", "HEVC"},
+    {0x81, "audio", "AC-3"},
+    {0x87, "audio", "E-AC-3"},
+}};
+
+// Subtypes that the library takes from descriptors.
+constexpr unsigned SUBTYPE_AC3 = 0x80000001;
+constexpr unsigned SUBTYPE_TELETEXT = 0x80003000;
+constexpr unsigned SUBTYPE_SUBTITLES = 0x80004000;
+constexpr unsigned SUBTYPE_CLASS = 0xFFFFF000;
+
+void set_kind(Stream* stream, unsigned subtype, const std::string& codec) {
+  stream->kind = "data";
+  for (const Stream_kind& known : STREAM_KINDS) {
+    if (known.stream_type == stream->stream_type) {
+      stream->kind = known.kind;
+      stream->codec = known.codec;
+    }
+  }
+  if (subtype == SUBTYPE_AC3 || codec == "AC3") {
+    stream->kind = "audio";
+    stream->codec = "AC-3";
+  } else if ((subtype & SUBTYPE_CLASS) == SUBTYPE_TELETEXT) {
+    stream->kind = "teletext";
+  } else if ((subtype & SUBTYPE_CLASS) == SUBTYPE_SUBTITLES) {
+    stream->kind = "subtitles";
+  }
+}
+
+void add_languages(Stream* stream, const std::string& languages) {
+  std::istringstream words(languages);
+  for (std::string word; words >> word;) {
+    bool known = false;
+    for (const std::string& language : stream->languages) {
+      known = known || language == word;
+    }
+    if (!known) {
+      stream->languages.push_back(word);
+    }
+  }
+}
+
+bool has_any_table(sqlite3* connection, const std::string& file) {
+  return Statement(connection, file, "SELECT 1 FROM sqlite_master WHERE type = 'table';").step();
+}
+
+bool has_table(sqlite3* connection, const std::string& file, const char* name) {
+  Statement statement(connection, file, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1;");
+  statement.bind(1, name);
+  return statement.step();
+}
+
+std::string folder_of(const std::string& file) {
+  const std::string folder = std::filesystem::path(file).parent_path().string();
+  return folder.empty() ? "." : folder;
+}
+
+// What must hold for a file that the library will write. True when it is there.
+bool check_file(const std::string& file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0) {
+    if (errno != ENOENT) {
+      throw Failure(fmt::format("{}: cannot be opened: {}", file, strerror(errno)));
+    }
+    const std::string folder = folder_of(file);
+    if (access(folder.c_str(), W_OK | X_OK) != 0) {
+      throw Failure(fmt::format("{}: cannot be made: {}: {}", file, folder, strerror(errno)));
+    }
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(fmt::format("{}: not a file; name another one with --db", file));
+  }
+  if (access(file.c_str(), R_OK | W_OK) != 0) {
+    throw Failure(fmt::format("{}: cannot be written: {}", file, strerror(errno)));
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string type_text(const Service& service) {
+  switch (service.type) {
+    case 0x01:
+      return "TV";
+    case 0x02:
+    case 0x0A:
+      return "radio";
+    case 0x03:
+      return "teletext";
+    case 0x0C:
+    case 0x10:
+      return "data";
+    case 0x11:
+    case 0x19:
+      return "HD TV";
+    case 0x16:
+      return "SD TV";
+    case 0x1F:
+    case 0x20:
+      return "UHD TV";
+    default:
+      return fmt::format("type {}", service.type);
+  }
+}
+
+std::string state_text(const Service& service) {
+  switch (service.scan_state) {
+    case 1:
+      return "found";
+    case 2:
+      return "timed out";
+    default:
+      return service.row_status == 2 ? "no streams" : "lost";
+  }
+}
+
+void check_database_name(const std::string& file) {
+  const size_t name = file.find_last_of('/') + 1;
+  if (file.find('.', name) == std::string::npos || file.back() == '/') {
+    throw Failure(fmt::format("--db {}: the file name needs an extension, such as dvb.db", file), EXIT_USAGE);
+  }
+  if (file.size() >= 4080) {
+    throw Failure("--db: the path is too long", EXIT_USAGE);
+  }
+}
+
+std::string default_database() {
+  const char* data = getenv("XDG_DATA_HOME");
+  std::string folder;
+  if (data != nullptr && data[0] == '/') {  // A relative path counts as unset.
+    folder = data;
+  } else {
+    const char* home = getenv("HOME");
+    if (home == nullptr || home[0] == '\0') {
+      const passwd* user = getpwuid(getuid());
+      home = user == nullptr ? nullptr : user->pw_dir;
+    }
+    if (home == nullptr || home[0] == '\0') {
+      throw Failure("no home folder for the database; name a file with --db");
+    }
+    folder = std::string(home) + "/.local/share";
+  }
+  return folder + "/kelvo/dvb.db";
+}
+
+void make_folders_for(const std::string& file) {
+  std::error_code error;
+  std::filesystem::create_directories(folder_of(file), error);
+  if (error) {
+    throw Failure(fmt::format("{}: cannot be made: {}", folder_of(file), error.message()));
+  }
+}
+
+bool check_database(const std::string& file) {
+  const bool exists = check_file(file);
+  if (exists) {
+    const Channel_db database(file);
+    if (!database.is_whole()) {
+      throw Failure(fmt::format("{}: the database is damaged; restore a copy, or move it away and scan again", file));
+    }
+  }
+  char guide[4096];
+  Sdbl::mapto_epg_filename(guide, file.c_str());
+  if (check_file(guide)) {
+    sqlite3* connection = nullptr;
+    (void)sqlite3_open_v2(guide, &connection, SQLITE_OPEN_READONLY, nullptr);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(connection, sqlite3_close);
+    (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);
+    Statement check(connection, guide, "PRAGMA quick_check(1);");
+    if (!check.step() || check.raw_text(0) != "ok") {
+      throw Failure(fmt::format("{}: the guide is damaged; move it away and scan again", guide));
+    }
+  }
+  struct statvfs space {};
+  if (statvfs(folder_of(file).c_str(), &space) == 0 &&
+      static_cast<uint64_t>(space.f_bavail) * space.f_frsize < LEAST_FREE_BYTES) {
+    throw Failure(fmt::format("{}: disk full; a scan needs at least 1 MiB", file));
+  }
+  return exists;
+}
+
+void remove_database(const std::string& file) {
+  char guide[4096];
+  Sdbl::mapto_epg_filename(guide, file.c_str());
+  (void)unlink(file.c_str());
+  (void)unlink(guide);
+}
+
+Channel_db::Channel_db(const std::string& file) : file_(file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0) {
+    throw Failure(fmt::format("{}: {}; make it with 'kelvo scan'", file, strerror(errno)));
+  }
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(fmt::format("{}: not a file; name another one with --db", file));
+  }
+  const int code = sqlite3_open_v2(file.c_str(), &connection_, SQLITE_OPEN_READONLY, nullptr);
+  if (code != SQLITE_OK) {
+    const std::string reason = connection_ != nullptr ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);
+    (void)sqlite3_close(connection_);
+    throw Failure(fmt::format("{}: cannot be opened: {}", file, reason));
+  }
+  (void)sqlite3_busy_timeout(connection_, BUSY_WAIT_MS);
+  try {
+    check_layout();
+  } catch (...) {
+    (void)sqlite3_close(connection_);
+    throw;
+  }
+}
+
+Channel_db::~Channel_db() {
+  (void)sqlite3_close(connection_);
+}
+
+void Channel_db::check_layout() const {
+  if (!has_any_table(connection_, file_)) {
+    return;  // An empty file becomes a database when it is first scanned into.
+  }
+  if (!has_table(connection_, file_, "kanalid")) {
+    throw Failure(fmt::format("{}: not a channel database; name another file with --db", file_));
+  }
+  const Statement services(connection_, file_, SERVICE_COLUMNS);
+  if (has_table(connection_, file_, "estreams")) {
+    const Statement streams(connection_, file_, STREAM_COLUMNS);
+  }
+  if (has_table(connection_, file_, "kanalid_lang")) {
+    const Statement names(connection_, file_, NAME_COLUMNS);
+  }
+}
+
+std::vector<Service> Channel_db::services(bool with_streams) const {
+  std::vector<Service> out;
+  if (!has_table(connection_, file_, "kanalid")) {
+    return out;
+  }
+  std::map<int, size_t> places;
+  Statement rows(connection_, file_, SERVICE_COLUMNS);
+  while (rows.step()) {
+    Service service;
+    service.channel = rows.number(0);
+    service.lcn = rows.number(1);
+    service.name = rows.text(2);
+    service.type = rows.number(3);
+    service.provider = rows.text(4);
+    service.network = rows.text(5);
+    service.freq = rows.number(6);
+    service.program_number = rows.number(7);
+    service.network_id = rows.number(8);
+    service.original_network_id = rows.number(9);
+    service.transport_stream_id = rows.number(10);
+    service.pmt_pid = rows.number(11);
+    service.pcr_pid = rows.number(12);
+    service.scrambled = rows.number(13) != 0;
+    service.scan_state = rows.number(14);
+    service.row_status = rows.number(15);
+    places[service.channel] = out.size();
+    out.push_back(std::move(service));
+  }
+  if (!with_streams) {
+    return out;
+  }
+  if (has_table(connection_, file_, "kanalid_lang")) {
+    Statement names(connection_, file_, NAME_COLUMNS);
+    while (names.step()) {
+      const auto place = places.find(names.number(0));
+      if (place != places.end() && !names.text(2).empty()) {
+        out[place->second].names[names.text(1)] = names.text(2);
+      }
+    }
+  }
+  if (has_table(connection_, file_, "estreams")) {
+    Statement streams(connection_, file_, STREAM_COLUMNS);
+    while (streams.step()) {
+      const auto place = places.find(streams.number(0));
+      if (place == places.end()) {
+        continue;
+      }
+      std::vector<Stream>& list = out[place->second].streams;
+      Stream stream;
+      stream.pid = streams.number(1);
+      stream.stream_type = streams.number(2);
+      stream.ca_system = streams.number(6);
+      stream.ca_pid = streams.number(7);
+      set_kind(&stream, static_cast<unsigned>(streams.number(3)), streams.text(4));
+      // Teletext and subtitles have a row for each language.
+      const auto same = std::find_if(list.begin(), list.end(), [&stream](const Stream& other) {
+        return other.pid == stream.pid && other.kind == stream.kind;
+      });
+      if (same != list.end()) {
+        add_languages(&*same, streams.text(5));
+        continue;
+      }
+      add_languages(&stream, streams.text(5));
+      list.push_back(std::move(stream));
+    }
+  }
+  return out;
+}
+
+int Channel_db::services_found(int freq) const {
+  Statement count(connection_, file_,
+                  "SELECT count(*) FROM kanalid WHERE freq = ?1 AND (scan_state = 1 OR row_status = 2);");
+  count.bind(1, freq);
+  return count.step() ? count.number(0) : 0;
+}
+
+bool Channel_db::is_whole() const {
+  Statement check(connection_, file_, "PRAGMA quick_check(1);");
+  return check.step() && check.raw_text(0) == "ok";
+}

@@ -1,0 +1,254 @@
+#include "tools/database/guide_db.h"
+
+#include <iconv.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include <kelvo/kelvo.h>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/database/statement.h"
+
+namespace {
+
+constexpr const char* EVENT_COLUMNS =
+    "SELECT entry, channel, ev_id, start_epoch, dur_sec, content_id, rating FROM epglist "
+    "WHERE start_epoch < ?2 AND (start_epoch + dur_sec > ?1 OR start_epoch >= ?1) ORDER BY start_epoch, channel, entry;";
+constexpr const char* TEXT_COLUMNS =
+    "SELECT lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist_lang WHERE source_oid = ?1 ORDER BY rowid;";
+
+// EN 300 468, table 29: the first nibble.
+constexpr std::array<const char*, 12> GENRES = {"",
+                                                "Movie/Drama",
+                                                "News/Current affairs",
+                                                "Show/Game show",
+                                                "Sports",
+                                                "Children's/Youth programmes",
+                                                "Music/Ballet/Dance",
+                                                "Arts/Culture",
+                                                "Social/Political issues/Economics",
+                                                "Education/Science/Factual topics",
+                                                "Leisure hobbies",
+                                                "Special characteristics"};
+
+// From the character table `table`, as iconv names it; empty when that does not work.
+std::string from_table(const std::string& table, std::string_view text) {
+  const iconv_t converter = iconv_open("UTF-8", table.c_str());
+  if (converter == reinterpret_cast<iconv_t>(-1)) {
+    return {};
+  }
+  std::string in(text);
+  std::string out(in.size() * 4, '\0');
+  char* from = in.data();
+  char* to = out.data();
+  size_t left = in.size();
+  size_t room = out.size();
+  const bool good = iconv(converter, &from, &left, &to, &room) != static_cast<size_t>(-1);
+  (void)iconv_close(converter);
+  out.resize(good ? out.size() - room : 0);
+  return out;
+}
+
+// Takes the bytes that select a character table (EN 300 468, A.2) off the front of `text` and gives the table's name;
+// empty, and nothing taken, where there are none or the table needs no conversion.
+std::string take_table(std::string_view* text) {
+  const auto byte = [text](size_t i) { return i < text->size() ? static_cast<unsigned char>((*text)[i]) : 0U; };
+  const unsigned selector = byte(0);
+  std::string table;
+  size_t size = 1;
+  if (selector >= 0x01 && selector <= 0x0B) {
+    table = "ISO-8859-" + std::to_string(selector + 4);
+  } else if (selector == 0x10 && byte(1) == 0 && byte(2) >= 1 && byte(2) <= 15) {
+    table = "ISO-8859-" + std::to_string(byte(2));
+    size = 3;
+  } else if (selector >= 0x12 && selector <= 0x14) {
+    table = selector == 0x12 ? "EUC-KR" : selector == 0x13 ? "GB2312" : "BIG5";
+  }
+  if (!table.empty()) {
+    text->remove_prefix(std::min(size, text->size()));
+  }
+  return table;
+}
+
+// Where the description ends that stands twice at the start of `text`, with a colon behind it: the size of one of them,
+// npos when there is none. Descriptions may hold colons themselves.
+size_t doubled_size(std::string_view text) {
+  constexpr int MOST_COLONS = 8;
+  size_t colon = text.find(':');
+  for (int i = 0; i < MOST_COLONS && colon != std::string_view::npos; ++i) {
+    if (colon % 2 == 0 && text.substr(0, colon / 2) == text.substr(colon / 2, colon / 2)) {
+      return colon / 2;
+    }
+    colon = text.find(':', colon + 1);
+  }
+  return std::string_view::npos;
+}
+
+std::vector<std::string> genres(const std::string& content) {
+  std::vector<std::string> out;
+  std::istringstream words(content);
+  for (std::string word; words >> word;) {
+    const unsigned long nibble = std::strtoul(word.c_str(), nullptr, 16);
+    if (nibble > 0 && nibble < GENRES.size() && std::find(out.begin(), out.end(), GENRES[nibble]) == out.end()) {
+      out.emplace_back(GENRES[nibble]);
+    }
+  }
+  return out;
+}
+
+// EN 300 468, table 81: the age is 3 years above the value, 1 to 15; others are the broadcaster's own.
+std::vector<std::pair<std::string, int>> ratings(const std::string& text) {
+  std::vector<std::pair<std::string, int>> out;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const size_t at = word.find('@');
+    const unsigned long value = std::strtoul(word.c_str(), nullptr, 16);
+    if (at != std::string::npos && value >= 1 && value <= 15) {
+      out.emplace_back(guide_text(word.substr(at + 1)), static_cast<int>(value) + 3);
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string guide_text(std::string_view text) {
+  const std::string table = take_table(&text);
+  std::string clean = clean_text(text);
+  if (table.empty() || clean.find("\xEF\xBF\xBD") == std::string::npos) {
+    return clean;  // It is UTF-8, only the selector was left.
+  }
+  const std::string converted = from_table(table, text);
+  return converted.empty() ? clean : clean_text(converted);
+}
+
+std::vector<std::pair<std::string, std::string>> split_items(std::string_view list) {
+  std::vector<std::pair<std::string, std::string>> out;
+  while (!list.empty()) {
+    std::string_view name;
+    const size_t size = doubled_size(list);
+    if (size != std::string_view::npos) {
+      name = list.substr(0, size);
+      list.remove_prefix(2 * size + 1);
+    }
+    // Items hold commas, too: the one that ends it has the next description, or nothing, behind it.
+    size_t comma = list.find(',');
+    while (comma != std::string_view::npos && comma + 1 < list.size() &&
+           doubled_size(list.substr(comma + 1)) == std::string_view::npos) {
+      comma = list.find(',', comma + 1);
+    }
+    std::string clean_name = guide_text(name);
+    if (!clean_name.empty() && clean_name.back() == ':') {
+      clean_name.pop_back();
+    }
+    const std::string item = guide_text(list.substr(0, comma));
+    if (!clean_name.empty() || !item.empty()) {
+      out.emplace_back(clean_name, item);
+    }
+    list.remove_prefix(comma == std::string_view::npos ? list.size() : comma + 1);
+  }
+  return out;
+}
+
+Guide_db::Guide_db(const std::string& channel_file) {
+  char name[4096 + 16];
+  Sdbl::mapto_epg_filename(name, channel_file.c_str());
+  file_ = name;
+  struct stat status {};
+  if (stat(name, &status) != 0) {
+    if (errno == ENOENT) {
+      return;
+    }
+    throw Failure(fmt::format("{}: {}", file_, strerror(errno)));
+  }
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(fmt::format("{}: not a file; name another one with --db", file_));
+  }
+  const int code = sqlite3_open_v2(name, &connection_, SQLITE_OPEN_READONLY, nullptr);
+  if (code != SQLITE_OK) {
+    const std::string reason = connection_ != nullptr ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);
+    (void)sqlite3_close(connection_);
+    throw Failure(fmt::format("{}: cannot be opened: {}", file_, reason));
+  }
+  (void)sqlite3_busy_timeout(connection_, BUSY_WAIT_MS);
+  try {
+    Statement tables(connection_, file_, "SELECT 1 FROM sqlite_master WHERE type = 'table';");
+    if (tables.step()) {
+      Statement guide(
+          connection_, file_,
+          "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('epglist', 'epglist_lang');");
+      if (!guide.step() || guide.number(0) != 2) {
+        throw Failure(fmt::format("{}: not a programme guide; name another file with --db", file_));
+      }
+      const Statement events(connection_, file_, EVENT_COLUMNS);
+      const Statement texts(connection_, file_, TEXT_COLUMNS);
+      return;
+    }
+  } catch (...) {
+    (void)sqlite3_close(connection_);
+    throw;
+  }
+  (void)sqlite3_close(connection_);  // An empty file becomes a guide when it is first written to.
+  connection_ = nullptr;
+}
+
+Guide_db::~Guide_db() {
+  (void)sqlite3_close(connection_);
+}
+
+std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::vector<std::string>& languages) const {
+  std::vector<Guide_event> out;
+  if (connection_ == nullptr) {
+    return out;
+  }
+  const auto rank = [&languages](const Event_text& text) {
+    size_t place = 0;
+    while (place < languages.size() && strcasecmp(languages[place].c_str(), text.language.c_str()) != 0) {
+      ++place;
+    }
+    return std::pair(text.title.empty(), place);  // A language without a title is no help.
+  };
+  Statement rows(connection_, file_, EVENT_COLUMNS);
+  Statement text_rows(connection_, file_, TEXT_COLUMNS);
+  rows.bind_big(1, from);
+  rows.bind_big(2, to);
+  while (rows.step()) {
+    Guide_event event;
+    event.channel = rows.number(1);
+    event.id = rows.number(2);
+    event.start = rows.big_number(3);
+    event.duration = std::max(0, rows.number(4));
+    event.genres = genres(rows.raw_text(5));
+    event.ratings = ratings(rows.raw_text(6));
+    text_rows.reset();
+    text_rows.bind_big(1, rows.big_number(0));
+    while (text_rows.step()) {
+      event.texts.push_back({guide_text(text_rows.raw_text(0)), guide_text(text_rows.raw_text(1)),
+                             guide_text(text_rows.raw_text(2)), guide_text(text_rows.raw_text(3)),
+                             split_items(text_rows.raw_text(4))});
+    }
+    std::stable_sort(event.texts.begin(), event.texts.end(),
+                     [&rank](const Event_text& a, const Event_text& b) { return rank(a) < rank(b); });
+    out.push_back(std::move(event));
+  }
+  return out;
+}
+
+std::map<int, int> Guide_db::counts() const {
+  std::map<int, int> out;
+  if (connection_ != nullptr) {
+    Statement rows(connection_, file_, "SELECT channel, count(*) FROM epglist GROUP BY channel;");
+    while (rows.step()) {
+      out[rows.number(0)] = rows.number(1);
+    }
+  }
+  return out;
+}

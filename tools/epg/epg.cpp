@@ -1,0 +1,180 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "tools/cli/console.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/local_time.h"
+#include "tools/cli/text.h"
+#include "tools/commands.h"
+#include "tools/database/channel_db.h"
+#include "tools/database/find_channel.h"
+#include "tools/database/guide_db.h"
+#include "tools/epg/epg_print.h"
+
+namespace {
+
+struct Epg_options {
+  std::optional<std::string> channel;
+  bool now = false;
+  bool next = false;
+  std::optional<std::string> day;
+  std::optional<std::string> search;
+  std::optional<std::string> languages;
+  std::string format = "table";
+  std::string db;
+};
+
+std::vector<std::string> split_languages(const std::string& list) {
+  std::vector<std::string> out;
+  std::istringstream parts(list);
+  for (std::string part; std::getline(parts, part, ',') || out.empty();) {
+    if (part.size() != 3 ||
+        part.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
+      throw Failure(
+          fmt::format("--lang {}: not a list of languages; give codes of three letters, such as est,eng", list),
+          EXIT_USAGE);
+    }
+    out.push_back(part);
+  }
+  return out;
+}
+
+bool mentions(const Guide_event& event, const std::string& text) {
+  const auto holds = [&text](const std::string& where) { return lower_case(where).find(text) != std::string::npos; };
+  return std::any_of(event.texts.begin(), event.texts.end(), [&holds](const Event_text& in) {
+    return holds(in.title) || holds(in.description) || holds(in.extended) ||
+           std::any_of(in.items.begin(), in.items.end(), [&holds](const auto& item) { return holds(item.second); });
+  });
+}
+
+// Leaves what the options ask for. `events` are those that have not ended at `now`, or those of the day.
+void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* events) {
+  const std::string search = lower_case(clean_text(options.search.value_or("")));
+  std::set<int> seen;  // channels whose next event has been found
+  const auto unwanted = [&](const Guide_event& event) {
+    if (options.now) {
+      return event.start > now || event.end() <= now;
+    }
+    if (options.next) {
+      return event.start <= now || !seen.insert(event.channel).second;
+    }
+    return !search.empty() && !mentions(event, search);
+  };
+  std::vector<Guide_event> kept;
+  for (Guide_event& event : *events) {
+    if (!unwanted(event)) {
+      kept.push_back(std::move(event));
+    }
+  }
+  *events = std::move(kept);
+}
+
+void show_guide(const Epg_options& options) {
+  std::vector<std::string> languages;
+  if (options.languages) {
+    languages = split_languages(*options.languages);
+  }
+  if (options.search && clean_text(*options.search).empty()) {
+    throw Failure("--search: give a text to look for", EXIT_USAGE);
+  }
+  if (options.channel && options.channel->empty()) {
+    throw Failure("--channel: give a number or a name", EXIT_USAGE);
+  }
+  const int64_t now = time(nullptr);
+  std::pair<int64_t, int64_t> range{now, std::numeric_limits<int64_t>::max()};
+  if (options.day) {
+    range = parse_day(*options.day);
+  }
+  const std::string file = options.db.empty() ? default_database() : options.db;
+  std::vector<Service> services = Channel_db(file).services(true);
+  std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
+    return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
+  });
+  if (options.channel) {
+    services = {Service(find_channel(services, *options.channel, "--channel"))};
+  }
+  std::map<int, Service> by_row;
+  std::map<int, size_t> places;
+  for (const Service& service : services) {
+    places[service.channel] = places.size();
+    by_row[service.channel] = service;
+  }
+  const Guide_db guide(file);
+  std::vector<Guide_event> events = guide.events(range.first, range.second, languages);
+  std::erase_if(events, [&by_row](const Guide_event& event) { return !by_row.contains(event.channel); });
+  choose(options, now, &events);
+  std::stable_sort(events.begin(), events.end(), [&places](const Guide_event& a, const Guide_event& b) {
+    return places[a.channel] < places[b.channel];
+  });
+  if (options.format == "json") {
+    print_guide_json(events, by_row);
+  } else if (options.format == "xmltv") {
+    print_guide_xmltv(events, services);
+  } else {
+    print_guide_table(events, by_row, options.channel.has_value());
+    if (events.empty()) {
+      console::say(guide.counts().empty()
+                       ? fmt::format("No guide in {} yet; 'kelvo epg update' collects it.", guide.file())
+                       : "No such events in the guide; 'kelvo epg update' collects newer ones.");
+    }
+  }
+  console::finish_printing("the guide");
+}
+
+}  // namespace
+
+void add_epg(CLI::App& app, int* exit_code) {
+  CLI::App* command = app.add_subcommand("epg", "Show the programme guide, or collect it");
+  const auto options = std::make_shared<Epg_options>();
+  command
+      ->add_option("--channel", options->channel,
+                   "Logical channel number, name or part of it, or # and the row number of the database")
+      ->type_name("NUMBER|NAME");
+  CLI::Option* now = command->add_flag("--now", options->now, "What is on now");
+  CLI::Option* next = command->add_flag("--next", options->next, "What comes next")->excludes(now);
+  CLI::Option* day =
+      command->add_option("--day", options->day, "What is on that day: YYYY-MM-DD, today, tomorrow or yesterday")
+          ->type_name("DATE")
+          ->excludes(now)
+          ->excludes(next);
+  command->add_option("--search", options->search, "Events to come whose texts, in any language, hold this text")
+      ->type_name("TEXT")
+      ->excludes(now)
+      ->excludes(next)
+      ->excludes(day);
+  command->add_option("--lang", options->languages, "Languages, best first: est,eng; others are shown for want of them")
+      ->type_name("LIST");
+  command->add_option("--format", options->format, "table, for people, json or xmltv, for programs")
+      ->check(CLI::IsMember({"table", "json", "xmltv"}))
+      ->capture_default_str();
+  command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
+  command->require_subcommand(0, 1);
+  command->footer(
+      "Without --now, --next, --day or --search: everything that has not ended yet. Times are those of your zone.\n"
+      "No adapter is needed. With --channel a table shows the extended texts, too.\n"
+      "\n"
+      "Examples:\n"
+      "  kelvo epg --now --lang eng\n"
+      "  kelvo epg --channel 1 --day tomorrow\n"
+      "  kelvo epg --format xmltv > guide.xml");
+  add_epg_update(*command, exit_code);
+  command->final_callback([command, options, exit_code] {
+    if (command->get_subcommands().empty()) {
+      show_guide(*options);
+      *exit_code = EXIT_OK;
+    }
+  });
+}

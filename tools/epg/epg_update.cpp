@@ -1,0 +1,322 @@
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+
+#include "tools/cli/bands.h"
+#include "tools/cli/console.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/interrupt.h"
+#include "tools/cli/local_time.h"
+#include "tools/cli/progress_lines.h"
+#include "tools/cli/table.h"
+#include "tools/cli/text.h"
+#include "tools/cli/tuning_options.h"
+#include "tools/commands.h"
+#include "tools/database/channel_db.h"
+#include "tools/database/guide_db.h"
+#include "tools/database/open_database.h"
+#include "tools/epg/epg_job.h"
+
+namespace {
+
+constexpr int LOOK_INTERVAL_MS = 200;
+constexpr int DEFAULT_TIME_S = 600;  // for each multiplex
+constexpr int BAR_WIDTH = 16;
+
+struct Update_options {
+  std::vector<int> adapters;
+  std::vector<int> freqs;
+  bool all = false;
+  std::optional<std::string> time;
+  std::string db;
+};
+
+// "at table 0x50 of 0x51"; what is not announced yet is left out.
+std::string place_of(const EIT_progress& service) {
+  if (service.table == 0) {
+    return "not begun";
+  }
+  const std::string of = service.last_table >= service.table ? fmt::format(" of 0x{:02X}", service.last_table) : "";
+  return fmt::format("at table 0x{:02X}{}", service.table, of);
+}
+
+// What there is of the guide of a service; of an unfinished one also why.
+std::string guide_text_of(const Guide_progress& progress, Guide_outcome outcome) {
+  switch (progress.state) {
+    case Guide_state::COMPLETE:
+      return "complete";
+    case Guide_state::NO_SCHEDULE:
+      return progress.service.events > 0 ? "no schedule sent, now and next only" : "nothing sent";
+    case Guide_state::COLLECTING:
+      break;
+  }
+  return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(outcome));
+}
+
+// The table reached, and the last one, in a fixed width.
+std::string table_of(const EIT_progress& service) {
+  const auto number = [](int table) { return table == 0 ? std::string("   -") : fmt::format("0x{:02X}", table); };
+  return number(service.table) + "/" + number(service.last_table);
+}
+
+std::string bar(const Guide_progress& progress) {
+  int filled = 0;
+  const EIT_progress& service = progress.service;
+  if (progress.state != Guide_state::COLLECTING) {
+    filled = BAR_WIDTH;
+  } else if (service.last_table >= 0x50 && service.table >= 0x50) {
+    filled = std::min(BAR_WIDTH, BAR_WIDTH * (service.table - 0x4F) / (service.last_table - 0x4F + 2));
+  }
+  return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(BAR_WIDTH - filled), '.');
+}
+
+class Update {
+ public:
+  Update(std::string db, std::vector<int> freqs, int seconds)
+      : db_(std::move(db)), freqs_(std::move(freqs)), seconds_(seconds), quiet_(-1) {}
+
+  int run(const std::map<int, Frontend_info>& frontends, bool exists);
+
+ private:
+  void work();
+  void look();
+  void draw();
+  void say_news();
+  std::string name_of(int channel) const;
+  void report();
+
+  std::string db_;
+  std::vector<int> freqs_;
+  int seconds_;
+  Interrupt interrupt_;
+  console::Quiet_library quiet_;
+  std::unique_ptr<Channel_db> reader_;
+  std::map<int, Service> services_;
+  std::map<int, int> before_;  // events by channel
+  std::unique_ptr<Guide_work> work_;
+  std::vector<std::unique_ptr<Guide_adapter>> adapters_;
+  std::vector<Guide_multiplex> seen_;
+  std::map<int, std::string> said_;  // by channel
+  std::set<int> closed_;             // frequencies whose end has been said
+  Progress_lines lines_;
+  bool interrupted_ = false;
+};
+
+int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  before_ = Guide_db(db_).counts();
+  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
+  collect_all_guides(database.get());
+  reader_ = std::make_unique<Channel_db>(db_);
+  work_ = std::make_unique<Guide_work>(freqs_, seconds_, frontends.size());
+  std::vector<Frontend_info> infos;
+  infos.reserve(frontends.size());
+  for (const auto& [number, frontend] : frontends) {
+    infos.push_back(frontend);
+  }
+  work_->leave_out_unreceivable(infos);
+  for (const auto& [number, frontend] : frontends) {
+    adapters_.push_back(std::make_unique<Guide_adapter>(number, frontend, database.get(), work_.get()));
+  }
+  for (const auto& adapter : adapters_) {
+    adapter->start();
+  }
+  work();
+  adapters_.clear();  // Each ends what it is writing.
+  lines_.clear();
+  seen_ = work_->multiplexes();
+  say_news();
+  report();
+  console::finish_printing("the report");
+  quiet_.check_written(db_);
+  if (interrupted_) {
+    console::say("kelvo: interrupted; what was collected is kept");
+    return EXIT_INTERRUPTED;
+  }
+  return EXIT_OK;
+}
+
+void Update::work() {
+  pollfd waits[] = {{interrupt_.fd(), POLLIN, 0}};
+  while (!work_->ended()) {
+    (void)poll(waits, 1, LOOK_INTERVAL_MS);
+    seen_ = work_->multiplexes();
+    if (console::is_terminal()) {
+      draw();
+    } else {
+      say_news();
+    }
+    if ((waits[0].revents & POLLIN) != 0) {
+      interrupted_ = true;
+      waits[0].fd = -1;
+      work_->stop();
+    }
+    if (quiet_.database_failure() != 0) {
+      work_->stop();  // Nothing more can be kept.
+    }
+  }
+}
+
+std::string Update::name_of(int channel) const {
+  const auto known = services_.find(channel);
+  if (known == services_.end() || known->second.name.empty()) {
+    return fmt::format("#{}", channel);
+  }
+  return known->second.name;
+}
+
+void Update::draw() {
+  look();
+  std::vector<std::string> lines;
+  for (const Guide_multiplex& multiplex : seen_) {
+    if (multiplex.outcome != Guide_outcome::RUNNING) {
+      continue;
+    }
+    lines.push_back(fmt::format("{}  {} of {} multiplexes done", mhz(multiplex.freq),
+                                std::count_if(seen_.begin(), seen_.end(),
+                                              [](const Guide_multiplex& other) {
+                                                return other.outcome != Guide_outcome::WAITING &&
+                                                       other.outcome != Guide_outcome::RUNNING;
+                                              }),
+                                seen_.size()));
+    for (const Guide_progress& progress : multiplex.services) {
+      lines.push_back(fmt::format("  [{}] {:5} events  {}  {}", bar(progress), progress.service.events,
+                                  table_of(progress.service), name_of(progress.service.channel)));
+    }
+  }
+  lines_.draw(lines);
+}
+
+// The services by row; read again when a multiplex names one that is not known.
+void Update::look() {
+  for (const Guide_multiplex& multiplex : seen_) {
+    for (const Guide_progress& progress : multiplex.services) {
+      if (!services_.contains(progress.service.channel)) {
+        for (const Service& service : reader_->services(false)) {
+          services_[service.channel] = service;
+        }
+        return;
+      }
+    }
+  }
+}
+
+void Update::say_news() {
+  look();
+  if (console::is_terminal()) {
+    return;  // The report says it.
+  }
+  for (const Guide_multiplex& multiplex : seen_) {
+    for (const Guide_progress& progress : multiplex.services) {
+      if (progress.state == Guide_state::COLLECTING) {
+        continue;
+      }
+      std::string& said = said_[progress.service.channel];
+      if (said.empty()) {
+        said = fmt::format("{}: {}, {} events", name_of(progress.service.channel),
+                           guide_text_of(progress, multiplex.outcome), progress.service.events);
+        console::say(said);
+      }
+    }
+    const bool over = multiplex.outcome != Guide_outcome::WAITING && multiplex.outcome != Guide_outcome::RUNNING;
+    if (over && closed_.insert(multiplex.freq).second) {
+      console::say(fmt::format("[{}/{}] {}: {}", closed_.size(), seen_.size(), mhz(multiplex.freq),
+                               outcome_text(multiplex.outcome)));
+    }
+  }
+}
+
+void Update::report() {
+  using enum Table::Align;
+  Table table({{"MULTIPLEX", RIGHT}, {"LCN", RIGHT}, {"NAME"}, {"EVENTS", RIGHT}, {"GUIDE"}});
+  int complete = 0;
+  int services = 0;
+  int events = 0;
+  int news = 0;
+  for (const Guide_multiplex& multiplex : seen_) {
+    if (multiplex.services.empty()) {
+      table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex.outcome)});
+    }
+    for (const Guide_progress& progress : multiplex.services) {
+      const auto known = services_.find(progress.service.channel);
+      const int lcn = known == services_.end() ? NO_LCN : known->second.lcn;
+      table.add({mhz(multiplex.freq), lcn == NO_LCN ? "-" : std::to_string(lcn), name_of(progress.service.channel),
+                 std::to_string(progress.service.events), guide_text_of(progress, multiplex.outcome)});
+      const auto old = before_.find(progress.service.channel);
+      ++services;
+      complete += progress.state != Guide_state::COLLECTING ? 1 : 0;
+      events += progress.service.events;
+      news += std::max(0, progress.service.events - (old == before_.end() ? 0 : old->second));
+    }
+  }
+  table.print(stdout);
+  fmt::print("\n{} of {} services done, {} events, {} of them new.\n", complete, services, events, news);
+}
+
+int update(const Update_options& options) {
+  const int given_time = options.time ? parse_duration(*options.time, "--for") : 0;
+  const std::string db = options.db.empty() ? default_database() : options.db;
+  check_database_name(db);
+  std::set<int> freqs(options.freqs.begin(), options.freqs.end());
+  if (freqs.empty()) {
+    for (const Service& service : Channel_db(db).services(false)) {
+      freqs.insert(service.freq);
+    }
+    if (freqs.empty()) {
+      throw Failure(fmt::format("{}: no channels yet; find them with 'kelvo scan'", db));
+    }
+  }
+  std::map<int, Frontend_info> frontends;
+  for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
+    if (!frontends.contains(number)) {
+      frontends[number] = check_adapter(number);
+    }
+  }
+  if (options.db.empty()) {
+    make_folders_for(db);
+  }
+  const bool exists = check_database(db);
+  const int seconds = given_time > 0 ? given_time : DEFAULT_TIME_S * static_cast<int>(freqs.size());
+  return Update(db, {freqs.begin(), freqs.end()}, seconds).run(frontends, exists);
+}
+
+}  // namespace
+
+void add_epg_update(CLI::App& epg, int* exit_code) {
+  CLI::App* command = epg.add_subcommand("update", "Collect the guide of the known multiplexes");
+  const auto options = std::make_shared<Update_options>();
+  add_adapters_option(command, &options->adapters,
+                      "DVB adapter, 0 to 3; several share the multiplexes and work side by side; default: 0");
+  CLI::Option* freq = add_freqs_option(command, &options->freqs);
+  command->add_flag("--all", options->all, "All multiplexes of the channel database; the default")->excludes(freq);
+  command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; default: 10m a multiplex")
+      ->type_name("TIME");
+  command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
+  command->footer(
+      "Ends when every service has all that its network announces, or when the time is up; says what is there and\n"
+      "what is not. Ctrl-C keeps what was stored. Exit code: 0 ended, 1 failed, 2 wrong arguments, 130 interrupted.\n"
+      "\n"
+      "Examples:\n"
+      "  kelvo epg update\n"
+      "  kelvo epg update --freq 506000000 --for 90s");
+  command->callback([&epg, options, exit_code] {
+    for (const CLI::Option* option : epg.get_options()) {
+      if (option->count() > 0) {
+        throw Failure(fmt::format("{}: stands before 'update'; its options stand behind it (see 'kelvo epg update "
+                                  "--help')",
+                                  option->get_name()),
+                      EXIT_USAGE);
+      }
+    }
+    *exit_code = update(*options);
+  });
+}

@@ -1,0 +1,218 @@
+#include <poll.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <kelvo/kelvo.h>
+
+#include "tools/cli/bands.h"
+#include "tools/cli/console.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/interrupt.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/text.h"
+#include "tools/cli/tuning_options.h"
+#include "tools/commands.h"
+#include "tools/database/channel_db.h"
+#include "tools/database/open_database.h"
+#include "tools/scan/scan_job.h"
+#include "tools/scan/scan_report.h"
+
+namespace {
+
+constexpr int DRAW_INTERVAL_MS = 250;
+
+struct Scan_options {
+  std::vector<int> adapters;
+  std::vector<int> freqs;
+  std::string band;
+  std::string db;
+  int verbosity = 0;  // how often -v was given
+};
+
+class Scan {
+ public:
+  Scan(const std::vector<int>& freqs, const std::string& db, int verbosity)
+      : db_(db),
+        freqs_(freqs),
+        list_(freqs),
+        quiet_(verbosity),
+        progress_(static_cast<int>(freqs.size()), verbosity < 0 && console::is_terminal()) {}
+
+  int run(const std::map<int, Frontend_info>& frontends, bool exists);
+
+ private:
+  void work();
+  void handle(const Scan_event& event);
+  void draw();
+
+  std::string db_;
+  std::vector<int> freqs_;
+  Frequency_list list_;
+  Event_queue events_;
+  Interrupt interrupt_;
+  console::Quiet_library quiet_;
+  Progress progress_;
+  std::unique_ptr<Channel_db> reader_;
+  std::map<int, std::unique_ptr<Scan_adapter>> adapters_;
+  std::map<int, int> current_;  // frequency by adapter
+  std::vector<Multiplex_line> lines_;
+  size_t idle_ = 0;
+  int services_ = 0;
+  bool interrupted_ = false;
+};
+
+int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
+  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
+  reader_ = std::make_unique<Channel_db>(db_);
+  for (const auto& [number, frontend] : frontends) {
+    adapters_[number] = std::make_unique<Scan_adapter>(number, frontend, database.get(), &list_, &events_);
+  }
+  for (const auto& [number, adapter] : adapters_) {
+    adapter->start();
+  }
+  work();
+  progress_.clear();
+  if (interrupted_) {
+    for (const auto& [number, adapter] : adapters_) {
+      adapter->join();  // A merge that was under way counts.
+    }
+  }
+  for (const int freq : list_.left()) {
+    lines_.push_back({{freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
+  }
+  print_report(stdout, lines_, before, reader_->services(false));
+  const bool printed = fflush(stdout) == 0;
+  adapters_.clear();
+  quiet_.check_written(db_);
+  if (!printed) {
+    throw Failure("cannot write the report: " + std::string(strerror(errno)));
+  }
+  if (interrupted_) {
+    console::say("kelvo: interrupted; what was found is kept");
+    return EXIT_INTERRUPTED;
+  }
+  return EXIT_OK;
+}
+
+void Scan::work() {
+  pollfd waits[] = {{events_.fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
+  while (idle_ < adapters_.size()) {
+    draw();
+    (void)poll(waits, 2, progress_.on() ? DRAW_INTERVAL_MS : -1);
+    for (const Scan_event& event : events_.take_all()) {
+      handle(event);
+    }
+    if ((waits[1].revents & POLLIN) != 0) {
+      interrupted_ = true;
+      waits[1].fd = -1;
+      list_.close();
+      for (const auto& [number, adapter] : adapters_) {
+        adapter->stop();
+      }
+    }
+    if (quiet_.database_failure() != 0 && !interrupted_) {
+      list_.close();  // Nothing more can be kept.
+    }
+  }
+}
+
+void Scan::handle(const Scan_event& event) {
+  const Multiplex_result& result = event.result;
+  switch (event.kind) {
+    case Scan_event::Kind::STARTED:
+      current_[result.adapter] = result.freq;
+      return;
+    case Scan_event::Kind::IDLE:
+      current_.erase(result.adapter);
+      ++idle_;
+      return;
+    case Scan_event::Kind::FINISHED:
+      break;
+  }
+  Multiplex_line line{result, 0};
+  if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
+    line.services = reader_->services_found(result.freq);
+    services_ += line.services;
+  }
+  lines_.push_back(line);
+  progress_.step();
+  if (!progress_.on()) {
+    console::say(fmt::format("[{}/{}] {}: {}", lines_.size(), freqs_.size(), mhz(result.freq), multiplex_text(line)));
+  }
+}
+
+void Scan::draw() {
+  if (!progress_.on() || current_.empty()) {
+    return;
+  }
+  std::string freqs;
+  float strength = 0;
+  for (const auto& [adapter, freq] : current_) {
+    freqs += (freqs.empty() ? "" : ", ") + mhz(freq);
+    strength = std::max(strength, adapters_[adapter]->strength());
+  }
+  progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
+}
+
+int scan(const Scan_options& options) {
+  std::vector<int> freqs = options.freqs;
+  if (freqs.empty()) {
+    freqs = band_frequencies(options.band.empty() ? "all" : options.band);
+  }
+  std::set<int> seen;
+  freqs.erase(std::remove_if(freqs.begin(), freqs.end(), [&seen](int freq) { return !seen.insert(freq).second; }),
+              freqs.end());
+  std::string db = options.db;
+  if (!db.empty()) {
+    check_database_name(db);
+  }
+  std::map<int, Frontend_info> frontends;
+  for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
+    if (!frontends.contains(number)) {
+      frontends[number] = check_adapter(number);
+    }
+  }
+  if (db.empty()) {
+    db = default_database();
+    check_database_name(db);
+    make_folders_for(db);
+  }
+  const bool exists = check_database(db);
+  return Scan(freqs, db, options.verbosity - 1).run(frontends, exists);
+}
+
+}  // namespace
+
+void add_scan(CLI::App& app, int* exit_code) {
+  CLI::App* command = app.add_subcommand("scan", "Find the services of one or more frequencies");
+  const auto options = std::make_shared<Scan_options>();
+  add_adapters_option(command, &options->adapters,
+                      "DVB adapter, 0 to 3; several share the frequencies and work side by side; default: 0");
+  CLI::Option* freq = add_freqs_option(command, &options->freqs);
+  command
+      ->add_option("--band", options->band,
+                   "vhf (177.5 to 226.5 MHz in 7 MHz steps), uhf (474 to 858 MHz in 8 MHz steps) or all; default: all")
+      ->check(CLI::IsMember({"uhf", "vhf", "all"}))
+      ->excludes(freq);
+  command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
+      ->type_name("FILE");
+  command->add_flag("-v,--verbose", options->verbosity,
+                    "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
+  command->footer(
+      "Ends with a line a multiplex and a table of the services that are new, back or lost. Ctrl-C keeps what\n"
+      "was found. A frequency without a signal takes 0.15 s, a multiplex a few seconds, 40 at most.\n"
+      "Exit code: 0 done, 1 failed, 2 wrong arguments, 130 interrupted.\n"
+      "\n"
+      "Examples:\n"
+      "  kelvo scan\n"
+      "  kelvo scan --freq 506000000 --freq 514000000\n"
+      "  kelvo scan --adapter 0 --adapter 1 --band uhf --db living-room.db");
+  command->callback([options, exit_code] { *exit_code = scan(*options); });
+}

@@ -1,0 +1,142 @@
+#include "tools/scan/scan_report.h"
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+
+#include <fmt/format.h>
+
+#include "tools/cli/table.h"
+#include "tools/cli/text.h"
+
+namespace {
+
+std::string outcome_text(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::LOCKED:
+      return "locked";
+    case Outcome::TIMED_OUT:
+      return "timed out: not all tables came";
+    case Outcome::NO_STREAM:
+      return "no MPEG stream";
+    case Outcome::NO_LOCK:
+      return "no lock";
+    case Outcome::OUT_OF_RANGE:
+      return "out of the frontend's range";
+    case Outcome::NOT_SCANNED:
+      break;
+  }
+  return "not scanned: interrupted";
+}
+
+bool has_services(Outcome outcome) {
+  return outcome == Outcome::LOCKED || outcome == Outcome::TIMED_OUT;
+}
+
+bool was_tuned(Outcome outcome) {
+  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED;
+}
+
+std::string count_text(int count, const char* what) {
+  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+enum class Change { NEW, BACK, LOST };
+
+struct Changed_service {
+  Change change;
+  const Service* service;
+};
+
+// A service that the multiplex names but never described is stored as lost from the start, and is found later: that is
+// no change that anybody sees.
+bool is_lost(const Service& service) {
+  return service.scan_state == 0 && service.row_status != 2;
+}
+
+std::vector<Changed_service> changes(const std::vector<Service>& before, const std::vector<Service>& after) {
+  std::map<int, const Service*> known;
+  for (const Service& service : before) {
+    known[service.channel] = &service;
+  }
+  std::vector<Changed_service> out;
+  for (const Service& service : after) {
+    const auto old = known.find(service.channel);
+    if (old == known.end()) {
+      out.push_back({Change::NEW, &service});
+    } else if (is_lost(*old->second) && service.scan_state == 1) {
+      out.push_back({Change::BACK, &service});
+    } else if (!is_lost(*old->second) && is_lost(service)) {
+      out.push_back({Change::LOST, &service});
+    }
+  }
+  std::stable_sort(out.begin(), out.end(), [](const Changed_service& a, const Changed_service& b) {
+    return std::tie(a.change, a.service->lcn, a.service->channel) <
+           std::tie(b.change, b.service->lcn, b.service->channel);
+  });
+  return out;
+}
+
+const char* change_text(Change change) {
+  switch (change) {
+    case Change::NEW:
+      return "new";
+    case Change::BACK:
+      return "back";
+    case Change::LOST:
+      break;
+  }
+  return "lost";
+}
+
+}  // namespace
+
+std::string multiplex_text(const Multiplex_line& line) {
+  std::string out = outcome_text(line.result.outcome);
+  if (has_services(line.result.outcome)) {
+    out += ", " + count_text(line.services, "service");
+  }
+  if (was_tuned(line.result.outcome)) {
+    out += fmt::format(", {:.1f} s", line.result.seconds);
+  }
+  return out;
+}
+
+void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std::vector<Service>& before,
+                  const std::vector<Service>& after) {
+  std::sort(multiplexes.begin(), multiplexes.end(),
+            [](const Multiplex_line& a, const Multiplex_line& b) { return a.result.freq < b.result.freq; });
+  using enum Table::Align;
+  Table lines({{"MULTIPLEX", RIGHT}, {"ADAPTER", RIGHT}, {"SERVICES", RIGHT}, {"TIME", RIGHT}, {"RESULT"}});
+  int found = 0;
+  int services = 0;
+  for (const Multiplex_line& line : multiplexes) {
+    const Multiplex_result& result = line.result;
+    const bool counted = has_services(result.outcome);
+    found += counted ? 1 : 0;
+    services += counted ? line.services : 0;
+    lines.add({mhz(result.freq), result.adapter < 0 ? "-" : std::to_string(result.adapter),
+               counted ? std::to_string(line.services) : "-",
+               was_tuned(result.outcome) ? fmt::format("{:.1f} s", result.seconds) : "-",
+               outcome_text(result.outcome)});
+  }
+  lines.print(out);
+
+  const std::vector<Changed_service> changed = changes(before, after);
+  Table table({{"CHANGE"}, {"LCN", RIGHT}, {"NAME"}, {"TYPE"}, {"PROVIDER"}, {"FREQUENCY", RIGHT}});
+  int counts[3] = {};
+  for (const Changed_service& entry : changed) {
+    const Service& service = *entry.service;
+    ++counts[static_cast<int>(entry.change)];
+    table.add({change_text(entry.change), service.lcn == NO_LCN ? "-" : std::to_string(service.lcn),
+               service.name.empty() ? "-" : service.name, type_text(service),
+               service.provider.empty() ? "-" : service.provider, mhz(service.freq)});
+  }
+  if (!table.empty()) {
+    fmt::print(out, "\n");
+    table.print(out);
+  }
+  fmt::print(out, "{}{} of {} with a multiplex, {}: {} new, {} back, {} lost.\n", multiplexes.empty() ? "" : "\n",
+             found, multiplexes.size() == 1 ? "1 frequency" : fmt::format("{} frequencies", multiplexes.size()),
+             count_text(services, "service"), counts[0], counts[1], counts[2]);
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tools/database/channel_db.h"
+#include "tools/scan/scan_job.h"
+
+struct Multiplex_line {
+  Multiplex_result result;
+  int services = 0;
+};
+
+// What happened on one frequency: "locked, 8 services, 3.2 s".
+std::string multiplex_text(const Multiplex_line& line);
+
+// What a scan changed: a line a multiplex, by frequency; a table of the services that are new, back and lost; a line of
+// totals. `before` and `after` are all services of the database.
+void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std::vector<Service>& before,
+                  const std::vector<Service>& after);

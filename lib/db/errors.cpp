@@ -60,17 +60,22 @@ int Errors::report_get_txt(int rc, const char* operation, int line) {
 }
 
 void Errors::remember(int rc, const char* operation) {
-  if (!is_file_failure(rc))
-    return;
-  std::lock_guard<std::mutex> lock(lock_);
-  if (first_.code == 0)
-    first_ = Database_error{rc, operation, false};
+  if (is_file_failure(rc))
+    remember(Database_error{rc, operation, false});
 }
 
 void Errors::remember_full_guide(const char* operation) {
+  remember(Database_error{SQLITE_FULL, operation, true});
+}
+
+void Errors::remember(const Database_error& error) {
   std::lock_guard<std::mutex> lock(lock_);
   if (first_.code == 0)
-    first_ = Database_error{SQLITE_FULL, operation, true};
+    first_ = error;
+  for (Database_error& first : first_of_adapter_) {
+    if (first.code == 0)
+      first = error;
+  }
 }
 
 bool Errors::first(Database_error* error) const {
@@ -82,6 +87,18 @@ bool Errors::first(Database_error* error) const {
 void Errors::forget() {
   std::lock_guard<std::mutex> lock(lock_);
   first_ = Database_error{};
+}
+
+bool Errors::first_since_watch(int adapter, Database_error* error) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  *error = adapter >= 0 && adapter < ADAPTERS ? first_of_adapter_[adapter] : Database_error{};
+  return error->code != 0;
+}
+
+void Errors::watch(int adapter) {
+  std::lock_guard<std::mutex> lock(lock_);
+  if (adapter >= 0 && adapter < ADAPTERS)
+    first_of_adapter_[adapter] = Database_error{};
 }
 
 }  // namespace sdbl

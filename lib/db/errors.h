@@ -26,9 +26,19 @@ class Errors {
   bool first(Database_error* error) const;
   void forget();
 
+  // The same for an adapter (0 to 3; others remember nothing), which forgets for itself: its worker asks for the
+  // failures since its scan began, whichever adapter they came from.
+  bool first_since_watch(int adapter, Database_error* error) const;
+  void watch(int adapter);
+
  private:
+  void remember(const Database_error& error);
+
+  static constexpr int ADAPTERS = 4;
+
   mutable std::mutex lock_;  // guards what follows; a leaf
   Database_error first_;
+  Database_error first_of_adapter_[ADAPTERS];
 };
 
 // A result of SQLite, extended or not, that means that a file cannot be written or read. A lock counts once the busy

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "base/activity.h"
@@ -150,49 +148,14 @@ class KELVO_EXPORT Kelvo {
   int reset_signal_monitor();
   void disable_tunerevents();
 
- private:
-  friend class KelvoMainThread;
+  // The worker's life: runs the scan loop of the Kelvo that `self` points to until it is being destroyed. Returns 0.
+  // Called by KelvoMainThread alone.
   static int filter_read_thread(void* self);
 
-  class Scan_loop;   // kelvo/scan_loop.h
-  class Tuner_slot;  // kelvo/tuner_slot.h
+  // For the library's own use.
+  class Parts;
+  Parts& parts() const;
 
-  // The request of a host as it waits for the worker.
-  struct Request {
-    bool pending = false;
-    int freq = 0;      // Hz
-    int channel = -1;  // row of kanalid, -1 for none
-    void* data = nullptr;
-    request_callback_t done = nullptr;
-  };
-
-  bool tuned_to(int freq);
-  bool tune(int freq);
-  void post(const Request& request);
-  // True while a host's request takes the worker's filters away or waits for the worker.
-  bool request_under_way();
-
-  Sdbl* database_;
-  int adapter_;
-  HF_CONN_ID connector_;
-  DVB_TYPE_ID type_;
-  change_callback_t db_change_callback_;
-
-  std::mutex lock_;  // guards request_
-  Request request_;
-
-  std::atomic<bool> running_{true};
-  std::atomic<bool> message_state_{true};  // the last request has been answered, or there was none
-  std::atomic<bool> scan_requested_{false};
-  std::atomic<bool> export_pending_{false};
-  std::atomic<bool> export_full_{false};
-  std::atomic<int> tunings_{0};             // hosts' threads between taking the filters away and the new request
-  std::atomic<bool> filters_taken_{false};  // since the scan under way began; cleared by the worker
-
-  // In this order they are deleted from the last to the first, after the worker has been joined.
-  std::unique_ptr<KelvoMainThread> worker_;
-  std::unique_ptr<Tuner_slot> tuner_;
-  std::unique_ptr<Section_filter> filter_;
-  std::unique_ptr<Siparse> parser_;
-  bool worker_started_ = false;
+ private:
+  std::unique_ptr<Parts> parts_;
 };

@@ -10,7 +10,7 @@ enum : int {
   SCAN_COMPLETE = 0,   // every table that it waited for has been read
   SCAN_TIMED_OUT = 1,  // 40 s were over first: `missing` has what never came
   SCAN_NO_STREAM = 2,  // DVB-H, or no section within 6 s of a request without a channel
-  SCAN_NO_DEMUX = 3,   // no filter could be set: the demultiplexer could not be opened
+  SCAN_NO_DEMUX = 3,   // a filter could not be set: the demultiplexer could not be opened
   SCAN_REPLACED = 4,   // another request, or one that failed to tune, took its filters away
 };
 

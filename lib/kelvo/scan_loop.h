@@ -2,39 +2,48 @@
 
 #include "base/polled_timer.h"
 #include "filter/section_filter.h"
-#include "kelvo/kelvo.h"
+#include "kelvo/kelvo_parts.h"
 
 // What the worker of a Kelvo does: one pass after the other, each one made of the steps below, until the Kelvo is being
 // destroyed. A pass waits at most a second for a section; it allocates nothing. Everything here belongs to the worker's
 // thread.
 //
 // The stages: a frequency request goes SCAN_PAT, then SCAN_EIT. A channel request goes SCAN_PMT, then SCAN_EIT, and on
-// to SCAN_PMT every 3 s and SCAN_PAT every 300 s or after a time-out.
-class Kelvo::Scan_loop {
+// to SCAN_PMT every 3 s and SCAN_PAT every 300 s or after a time-out. Each SCAN_PAT and SCAN_PMT is one scan, whose end
+// the host's listener is told.
+//
+// A request that has been accepted ends the work for the one before it: each step that could answer the old request, or
+// begin something new for it, looks at the box of requests first.
+class Scan_loop {
  public:
-  explicit Scan_loop(Kelvo& kelvo) : kelvo_(kelvo), filter_(*kelvo.filter_), parser_(*kelvo.parser_) {}
+  explicit Scan_loop(Kelvo::Parts& kelvo)
+      : kelvo_(kelvo), requests_(kelvo.requests), filter_(kelvo.filter), parser_(kelvo.parser) {}
 
   void run();
 
  private:
   void pass();
 
-  // The steps of a pass, in this order.
+  // The steps of a pass, in this order (scan_loop.cpp).
   void take_request();
-  void begin_request();
   void apply_scan_switch();
   void run_export();
   void wait_and_parse();
   void send_test_signal();
-  bool complete_scan();  // false when a host's request makes the rest of the pass pointless
+  // And these (scan_loop_end.cpp). False when the pass ends with it.
+  bool complete_scan();
   void answer_request();
-  void check_for_stream(bool scanning);
+  bool check_for_stream(bool scanning);
   void rescan();
 
   // Parts of them.
+  void begin_request();
   void parse_ready_sections();
   void finish_scan(bool timed_out);
-  int merge(int freq, bool timed_out);
+  int how_it_ended(bool timed_out);
+  bool has_news(bool timed_out);
+  int merge(int freq);
+  void remove_scan_filters();
   int change_code(int freq, int result);
   void restart_from_pat();
   void restart_from_pmt();
@@ -43,23 +52,35 @@ class Kelvo::Scan_loop {
   void tell_change(int code);
   void tell_host(int result);
 
+  // The scan as its end will be told: begun with the stage that scan_mode_ has, ended once.
+  void begin_scan();
+  void end_scan(int outcome);
+  void note_missing_tables();
+
   // The tuned frequency in Hz; without a tuner the one asked for.
   int freq();
+  bool is_dvbh();
 
-  Kelvo& kelvo_;
+  Kelvo::Parts& kelvo_;
+  Request_box& requests_;
   Section_filter& filter_;
   Siparse& parser_;
 
-  Polled_timer scan_timer_{40};       // how long a scan may take; tells a multiplex without stream, too
+  // Deleted from the last to the first.
   Polled_timer autoscan_timer_{300};  // when everything is read again; tells when the guide is started again, too
   Polled_timer pmt_timer_{3};         // when the PMTs are read again
+  Polled_timer scan_timer_{40};       // how long a scan may take; tells a multiplex without stream, too
 
   Request request_;  // the one being served
   SCAN_STATE scan_mode_ = SCAN_NONE;
+  Scan_end scan_;  // the scan under way
+  bool scan_open_ = false;
+  int dropped_before_ = 0;  // filters given up since the request when the scan began
   bool scan_applied_ = false;
   bool eit_restarted_ = false;
   bool data_seen_ = false;
   bool timed_out_ = false;
+  int untold_code_ = 0;     // of the change callback: what a channel's scan changed before a new request overtook it
   int last_eit_count_ = 0;  // never reset: the parser counts on, too
   int loop_counter_ = 0;
   int wait_counter_ = 0;

@@ -1,7 +1,10 @@
 list(APPEND KELVO_SOURCES
   kelvo/kelvo.cpp
+  kelvo/listeners.cpp
   kelvo/main_thread.cpp
+  kelvo/request_box.cpp
   kelvo/scan_loop.cpp
+  kelvo/scan_loop_end.cpp
   kelvo/tuner_slot.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS

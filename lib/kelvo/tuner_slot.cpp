@@ -2,7 +2,7 @@
 
 #include <utility>
 
-bool Kelvo::Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
+bool Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
   const std::lock_guard<std::mutex> lock(lock_);
   if (tuner_ != nullptr)
     return false;
@@ -10,7 +10,7 @@ bool Kelvo::Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
   return true;
 }
 
-std::unique_ptr<Tuner> Kelvo::Tuner_slot::take() {
+std::unique_ptr<Tuner> Tuner_slot::take() {
   std::unique_lock<std::mutex> lock(lock_);
   std::unique_ptr<Tuner> tuner = std::move(tuner_);
   // Users find the slot empty from now on, so the wait ends however busy they are.
@@ -18,19 +18,19 @@ std::unique_ptr<Tuner> Kelvo::Tuner_slot::take() {
   return tuner;
 }
 
-bool Kelvo::Tuner_slot::empty() {
+bool Tuner_slot::empty() {
   const std::lock_guard<std::mutex> lock(lock_);
   return tuner_ == nullptr;
 }
 
-Tuner* Kelvo::Tuner_slot::enter() {
+Tuner* Tuner_slot::enter() {
   const std::lock_guard<std::mutex> lock(lock_);
   if (tuner_ != nullptr)
     ++users_;
   return tuner_.get();
 }
 
-void Kelvo::Tuner_slot::leave() {
+void Tuner_slot::leave() {
   const std::lock_guard<std::mutex> lock(lock_);
   if (--users_ == 0)
     unused_.notify_all();

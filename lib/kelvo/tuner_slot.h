@@ -3,14 +3,14 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <utility>
 
-#include "kelvo/kelvo.h"
 #include "tuner/tuner.h"
 
 // Where a Kelvo keeps its tuner, so that it can be taken away while other threads work with it. Any-thread.
 //
 // Using the tuner holds no lock, only a count: the tuner's own operations may lock what they need.
-class Kelvo::Tuner_slot {
+class Tuner_slot {
  public:
   // Keeps the tuner, if there is one, alive as long as it exists. Do not keep it across a callback of the host.
   class Use {
@@ -30,6 +30,9 @@ class Kelvo::Tuner_slot {
     Tuner_slot& slot_;
     Tuner* tuner_;
   };
+
+  // Begins with this tuner; null for an empty slot.
+  explicit Tuner_slot(std::unique_ptr<Tuner> tuner) : tuner_(std::move(tuner)) {}
 
   // Puts a tuner in; false, and nothing is changed, when there is one already.
   bool put(std::unique_ptr<Tuner>& tuner);

@@ -1,0 +1,229 @@
+// The passes of the scan loop, from the end of a scan on: merge, answers, rescans.
+#include "base/ids.h"
+#include "base/log.h"
+#include "db/sdbl_parts.h"
+#include "filter/section_filter_parts.h"
+#include "kelvo/scan_loop.h"
+#include "si/siparse_parts.h"
+
+namespace {
+
+constexpr int NO_STREAM_S = 6;
+constexpr int EIT_RESTART_S = 6;
+constexpr int EIT_REPORT_STEP = 20;
+
+constexpr int CHANNELS_CHANGED_BITS = 0x0F;  // of Sdbl::update_master_scan_data's result
+constexpr int STREAMS_CHANGED_BITS = 0xF0;
+
+}  // namespace
+
+bool Scan_loop::complete_scan() {
+  const bool timed_out = scan_timer_.expired();
+  const bool incomplete = filter_.eit_or_time_only_in_filter_list() == 0;
+  // Asked after the list was looked at: a list emptied by a host's request is no complete scan.
+  if (requests_.under_way())
+    return false;
+  if (incomplete && !timed_out) {
+    timed_out_ = false;
+  } else if (scan_mode_ == SCAN_PMT || scan_mode_ == SCAN_PAT) {
+    finish_scan(timed_out);
+  } else {
+    timed_out_ = false;
+  }
+  return true;
+}
+
+void Scan_loop::finish_scan(bool timed_out) {
+  const int scanned_freq = freq();
+  timed_out_ = timed_out;
+  if (timed_out) {
+    KLOG(VERB_WARNING, "WARNING: mode %d scan timed out for frequency %d\n", scan_mode_, scanned_freq);
+    filter_.print_filter_list();
+  }
+  const int outcome = how_it_ended(timed_out);
+  if (outcome == SCAN_TIMED_OUT)
+    note_missing_tables();
+  const int result = outcome != SCAN_REPLACED && has_news(timed_out) ? merge(scanned_freq) : 0;
+  requests_.scan_is_over();
+  remove_scan_filters();
+  kelvo_.database.clear_temp_tables(kelvo_.adapter);
+  if (result != 0)
+    kelvo_.database.flush();
+  scan_mode_ = SCAN_EIT;
+  end_scan(outcome);
+
+  untold_code_ |= change_code(scanned_freq, result);
+  // A request that came with the merge, or from the listener, makes an end of this one. Its next scan tells the rest.
+  if (requests_.under_way())
+    return;
+  const int eit_count = parser_.get_eit_stored();
+  int code = request_.channel != -1 ? untold_code_ : 0;
+  if (request_.channel != -1)
+    untold_code_ = 0;
+  if (eit_count > last_eit_count_ + EIT_REPORT_STEP) {
+    code |= DB_EPG_GROWN;
+    last_eit_count_ = eit_count;
+  }
+  if (code != 0) {
+    KLOG(VERB_WARNING, "WARNING: db_change_callback %x, retval %x\n", static_cast<unsigned>(code),
+         static_cast<unsigned>(result));
+    tell_change(code);
+  }
+}
+
+int Scan_loop::how_it_ended(bool timed_out) {
+  // Looked at again, right before the merge: a request that began during this pass, or one that failed meanwhile, has
+  // taken the filters away.
+  if (requests_.under_way() || requests_.filters_taken())
+    return SCAN_REPLACED;
+  if (is_dvbh())
+    return SCAN_NO_STREAM;
+  if (timed_out)
+    return SCAN_TIMED_OUT;
+  // A filter that was given up is gone from the list, which looks as if its table had been read.
+  return filter_.parts().dropped() > dropped_before_ ? SCAN_NO_DEMUX : SCAN_COMPLETE;
+}
+
+bool Scan_loop::has_news(bool timed_out) {
+  if (scan_mode_ == SCAN_PMT && parser_.parts().pmt_versions_match() && !timed_out) {
+    KLOG(VERB_TRACE, "PMT version match, skipping db recalc\n");
+    return false;
+  }
+  // Without the services' list and names a full scan is of no use.
+  return scan_mode_ != SCAN_PAT || !timed_out ||
+         (filter_.pid_tid_in_list(pid::PAT, table::PAT) == 0 &&
+          filter_.pid_tid_in_list(pid::SDT, table::SDT_ACTUAL) == 0);
+}
+
+int Scan_loop::merge(int scanned_freq) {
+  const Activity_listener activity = kelvo_.listeners.activity();
+  activity.tell(ACTIVITY_MERGE_BEGIN, scanned_freq);
+  const int result = kelvo_.database.update_master_scan_data(kelvo_.adapter, number(kelvo_.input.delivery),
+                                                             number(kelvo_.input.connector), scanned_freq, scan_mode_);
+  activity.tell(ACTIVITY_MERGE_END, result);
+  scan_.merged = true;
+  scan_.changes = result;
+  return result;
+}
+
+// What stays are the guide on PID 18 and the time on PID 20.
+void Scan_loop::remove_scan_filters() {
+  (void)filter_.remove_filter_pid_range(pid::PAT, pid::EIT - 1);
+  (void)filter_.remove_filter_pid_range(pid::EIT + 1, pid::TIME - 1);
+  (void)filter_.remove_filter_pid_range(pid::TIME + 1, pid::LAST);
+}
+
+int Scan_loop::change_code(int scanned_freq, int result) {
+  if (request_.channel == -1) {
+    (void)parser_.start_eit_scan(scanned_freq, SCAN_EIT);
+    return 0;
+  }
+  int code = 0;
+  if ((result & CHANNELS_CHANGED_BITS) != 0) {
+    code = DB_CHANNELS_CHANGED;
+    if (eit_restarted_) {
+      KLOG(VERB_PROGRESS, "Channel changed EIT scan\n");
+      eit_restarted_ = false;
+    }
+  }
+  if ((result & STREAMS_CHANGED_BITS) != 0)
+    code |= DB_STREAMS_CHANGED;
+  return code;
+}
+
+void Scan_loop::begin_scan() {
+  scan_.adapter = kelvo_.adapter;
+  scan_.freq = request_.freq;
+  scan_.channel = request_.channel;
+  scan_.stage = scan_mode_;
+  scan_.merged = false;
+  scan_.changes = 0;
+  scan_.missing.clear();  // keeps its room
+  kelvo_.database.parts().errors.watch(kelvo_.adapter);
+  dropped_before_ = filter_.parts().dropped();
+  scan_open_ = true;
+}
+
+void Scan_loop::end_scan(int outcome) {
+  if (!scan_open_)
+    return;
+  scan_open_ = false;
+  scan_.outcome = outcome;
+  (void)kelvo_.database.parts().errors.first_since_watch(kelvo_.adapter, &scan_.error);
+  kelvo_.listeners.tell(scan_);
+}
+
+void Scan_loop::note_missing_tables() {
+  for (const dvb_filter_desc* filter : *filter_.flist()) {
+    int pid = 0;
+    int tagged_freq = 0;
+    filter_.parts().get_tags(filter, &pid, &tagged_freq);
+    const int table_id = filter->filter[0];  // written by the worker only
+    if (pid != pid::EIT && pid != pid::TIME && filter_.pid_tid_in_list(pid, table_id) != 0)
+      scan_.missing.push_back({pid, table_id});
+  }
+}
+
+void Scan_loop::answer_request() {
+  if (request_.channel != -1 || request_.data == nullptr || requests_.message_state || scan_mode_ != SCAN_EIT)
+    return;
+  KLOG(VERB_TRACE, "MSG: Captured channel eit info\n");
+  KLOG(VERB_PROGRESS, "OK MSG at loop %d\t", loop_counter_);
+  tell_host(0);
+  requests_.message_state = true;
+}
+
+// False when there is no stream.
+bool Scan_loop::check_for_stream(bool scanning) {
+  const bool silent = scanning && scan_timer_.elapsed() >= NO_STREAM_S && !data_seen_ && !requests_.message_state &&
+                      request_.channel == -1;
+  // Deliberate: on DVB-H this repeats every pass.
+  if (!is_dvbh() && !silent)
+    return true;
+  requests_.message_state = true;
+  filter_.remove_all();
+  KLOG(VERB_PROGRESS, "Mux is DVB-H or NO MPEG stream decoded, clearing filters and exiting scan loop\n");
+  end_scan(SCAN_NO_STREAM);
+  // The listener may have made a request, which makes an end of this one.
+  if (!requests_.under_way())
+    tell_host(-1);
+  return false;
+}
+
+void Scan_loop::rescan() {
+  if (!eit_restarted_ && autoscan_timer_.elapsed() >= EIT_RESTART_S) {
+    KLOG(VERB_WARNING, "WARNING: Restarting EIT scan\n");
+    eit_restarted_ = true;
+    parser_.reset_cache_list();
+    start_eit();
+  }
+  if (autoscan_timer_.expired() || timed_out_)
+    restart_from_pat();
+  else if (pmt_timer_.expired())
+    restart_from_pmt();
+}
+
+void Scan_loop::restart_from_pat() {
+  KLOG(VERB_PROGRESS, "Restarting autoscan from PAT\n");
+  autoscan_timer_.arm();
+  scan_timer_.arm();
+  const int tuned_freq = freq();
+  (void)filter_.remove_filter_pid_range(pid::TIME, pid::TIME);
+  (void)filter_.addfilter(pid::TIME, table::TOT, tuned_freq);
+  (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
+  scan_mode_ = SCAN_PAT;
+  begin_scan();
+}
+
+void Scan_loop::restart_from_pmt() {
+  KLOG(VERB_PROGRESS, "Restarting autoscan from PMT\n");
+  pmt_timer_.arm();
+  scan_timer_.arm();
+  scan_mode_ = SCAN_PMT;
+  begin_scan();
+  (void)parser_.init_pmt_table_scan_from_database(freq());
+}
+
+void Scan_loop::start_eit() {
+  (void)parser_.start_eit_scan(freq(), SCAN_EIT);
+}

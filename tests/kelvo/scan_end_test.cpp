@@ -1,0 +1,149 @@
+// What listeners are told: the end of each scan, and what the worker does.
+#include "kelvo/kelvo_run.h"
+
+namespace {
+
+class Scan_ends : public Kelvo_run {};
+
+}  // namespace
+
+TEST_F(Scan_ends, complete_scan_is_told_before_its_answer) {
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(),
+            "end 506000000 -1 PAT complete merged 34\n"
+            "done a 0\n");
+  EXPECT_EQ(request("b"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  EXPECT_EQ(protocol_.text({"end"}),
+            "end 506000000 -1 PAT complete merged 34\n"
+            "end 506000000 -1 PAT complete merged 0\n");
+}
+
+TEST_F(Scan_ends, each_rescan_of_a_channel_has_its_own) {
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  kelvo_->watch_again(FREQ, 1);
+  EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete", 2));  // of the version known
+  kelvo_.reset();
+  EXPECT_EQ(protocol_.text({"done", "change"}), "done a 0\n");
+  EXPECT_EQ(protocol_.count("end 506000000 1 PMT complete merged 0"), 1U) << protocol_.text();
+}
+
+TEST_F(Scan_ends, scan_that_times_out_names_the_tables_that_never_came) {
+  support::softdvb_control("adapter 0 section 17/0x42 = silence");
+  support::softdvb_control("adapter 0 section 272/0x02 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  const std::string text = protocol_.text();
+  EXPECT_TRUE(text == "end 506000000 -1 PAT timed out missing 272/2 17/42\ndone a 0\n" ||
+              text == "end 506000000 -1 PAT timed out missing 17/42 272/2\ndone a 0\n")
+      << text;
+}
+
+TEST_F(Scan_ends, scan_that_times_out_for_a_pmt_is_merged) {
+  support::softdvb_control("adapter 0 section 272/0x02 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT timed out merged 34 missing 272/2\ndone a 0\n");
+}
+
+TEST_F(Scan_ends, no_section_within_6_seconds_is_no_stream) {
+  support::softdvb_control("adapter 0 section 0/0x00 = silence");
+  support::softdvb_control("adapter 0 section 20/0x73 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a -1"));
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT no stream\ndone a -1\n") << "once, though passes go on";
+}
+
+TEST_F(Scan_ends, demultiplexer_that_cannot_be_opened_is_told_apart_from_a_complete_scan) {
+  support::softdvb_control("fault open(demux0)=EBUSY");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT no demux merged 0\ndone a 0\n");
+}
+
+TEST_F(Scan_ends, request_replaces_the_scan_under_way) {
+  support::softdvb_control("adapter 0 section 17/0x42 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  support::softdvb_control("clear sections");
+  EXPECT_EQ(request("b"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  EXPECT_EQ(protocol_.text(),
+            "end 506000000 -1 PAT replaced\n"
+            "end 506000000 -1 PAT complete merged 34\n"
+            "done b 0\n");
+}
+
+TEST_F(Scan_ends, request_that_fails_to_tune_replaces_it_too) {
+  support::softdvb_control("adapter 0 section 17/0x42 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  EXPECT_EQ(request("b", 530000000), 0);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT replaced\ndone a 0\n");
+}
+
+TEST_F(Scan_ends, scan_under_way_at_the_destruction_is_not_told) {
+  support::softdvb_control("adapter 0 section 17/0x42 = silence");
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  kelvo_.reset();
+  EXPECT_EQ(protocol_.text(), "");
+}
+
+TEST_F(Scan_ends, first_database_error_since_the_scan_began_is_told_with_it) {
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  support::softdvb_control("fault write(dvb.db)=ENOSPC");
+  (void)database_->set_master_scan_timeout(TYPE, CONNECTOR, FREQ);
+  support::softdvb_control("clear faults");
+  Database_error error;
+  EXPECT_TRUE(database_->first_error(&error));
+  EXPECT_EQ(error.code, 13);
+  EXPECT_EQ(request("b"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  EXPECT_EQ(protocol_.text({"end"}),
+            "end 506000000 -1 PAT complete merged 34\n"
+            "end 506000000 -1 PAT complete merged 0\n")
+      << "an error before the scan is none of it";
+  support::softdvb_control("fault write(dvb.db)=ENOSPC");
+  EXPECT_EQ(request("c"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done c 0"));
+  support::softdvb_control("clear faults");
+  EXPECT_NE(protocol_.text({"end"}).find(" error 13 "), std::string::npos) << protocol_.text();
+  EXPECT_EQ(request("d"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done d 0"));
+  EXPECT_EQ(protocol_.count("end 506000000 -1 PAT complete merged 0"), 2U) << "forgotten when the next scan begins";
+}
+
+TEST_F(Scan_ends, nobody_is_told_once_the_listener_is_taken_away) {
+  make();
+  kelvo_->set_scan_listener(nullptr, nullptr);
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(), "done a 0\n");
+}
+
+TEST_F(Scan_ends, watch_again_reads_everything_of_the_frequency_that_is_tuned) {
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(kelvo_->tune_to_freq(FREQ, 1, nullptr, nullptr), -1);
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT complete merged 34\ndone a 0\n") << "a channel request does not";
+  kelvo_->watch_again(FREQ, 1);
+  EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete merged 0"));
+}

@@ -5,7 +5,8 @@
 #include "base/export.h"
 
 // A thin wrapper over one POSIX thread. It owns the thread's handle and nothing else; the object that the thread works
-// for is kept as a plain pointer. The library's own threads derive from it; a host has no need to.
+// for is kept as a plain pointer. The library's own threads derive from it; a host has no need to. A thread keeps the
+// scheduling that its creator has.
 //
 // Surprises: Stop() only joins. Whoever owns the thread first clears the flag that its loop polls, otherwise Stop()
 // blocks for ever. SetPrio() does not raise a priority. The destructor does not join.
@@ -25,30 +26,32 @@ class KELVO_EXPORT COrbelThreadKelvo {
   COrbelThreadKelvo(const COrbelThreadKelvo&) = delete;
   COrbelThreadKelvo& operator=(const COrbelThreadKelvo&) = delete;
 
-  // Starts the thread with default attributes; it runs Setup() and then Execute(arg). Returns pthread_create's result,
-  // 0 when the thread runs. REQUIRES: not started before.
+  // Starts the thread with default attributes; it runs Setup() and then Execute(arg). `arg` is handed on and not owned.
+  // Returns pthread_create's result: 0 when the thread runs, else an errno value, and there is no thread to stop.
+  // REQUIRES: not started before.
   int Start(void* arg);
 
-  // Joins the thread and returns pthread_join's result. Does not tell the thread to end.
+  // Joins the thread and returns pthread_join's result, 0 when the thread has ended. Does not tell the thread to end.
+  // REQUIRES: started, and not joined yet.
   int Stop();
 
   pthread_t getThreadId() const { return thread_id_; }
 
   // Puts the thread under SCHED_OTHER at priority 0. `prio` is not applied, it only appears in the two lines printed
-  // at verbosity 4. REQUIRES: started.
+  // at verbosity 4, as do the results of the calls. REQUIRES: started.
   void SetPrio(int prio);
 
- protected:
-  // Called on the new thread, in this order. Slots 1 and 2.
-  virtual void Setup();
-  virtual void Execute(void* arg);
+  // What the new thread does: EntryPoint calls Run, with the argument of Start, which calls Setup and then Execute.
+  // Both do nothing here. EntryPoint returns null, Run 0. The wrapper calls them; nobody else needs to.
+  static void* EntryPoint(void* self);
+  int Run(void* arg);
+  virtual void Setup();             // slot 1
+  virtual void Execute(void* arg);  // slot 2
 
+ protected:
   void* owner() const { return owner_; }
 
  private:
-  static void* EntryPoint(void* self);
-  int Run(void* arg);
-
   void* owner_;
   pthread_t thread_id_{};
   void* start_argument_ = nullptr;

@@ -7,6 +7,5 @@ class KELVO_EXPORT KelvoMainThread final : public COrbelThreadKelvo {
  public:
   using COrbelThreadKelvo::COrbelThreadKelvo;
 
- protected:
   void Execute(void* arg) override;
 };

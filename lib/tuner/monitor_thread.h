@@ -2,11 +2,11 @@
 
 #include "base/thread.h"
 
-// The signal monitor of one Tuner: polls the frontend until the Tuner is destroyed. Created and deleted by Tuner.
+// The signal monitor's thread of one Tuner: runs Tuner::tuner_main_thread until the Tuner is destroyed. Created and
+// deleted by Tuner, which is its owner.
 class KELVO_EXPORT TunerMonitorThread final : public COrbelThreadKelvo {
  public:
   using COrbelThreadKelvo::COrbelThreadKelvo;
 
- protected:
   void Execute(void* arg) override;
 };

@@ -1,5 +1,7 @@
 list(APPEND KELVO_SOURCES
-  tuner/monitor.cpp
+  tuner/frontend.cpp
+  tuner/readings.cpp
+  tuner/signal_monitor.cpp
   tuner/tuner.cpp
   tuner/tuner_quality.cpp
 )

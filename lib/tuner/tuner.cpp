@@ -1,30 +1,26 @@
 #include "tuner/tuner.h"
 
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <thread>
 
 #include "base/log.h"
 #include "db/sdbl.h"
-#include "tuner/monitor_thread.h"
-#include "tuner/tuner_quality.h"
+#include "tuner/tuner_parts.h"
 
 namespace {
 
 constexpr unsigned DEFAULT_FREQ = 474000000;
 constexpr unsigned HIGHEST_VHF_FREQ = 399999999;  // the band with channels of 7 MHz
-constexpr int FULL_LOCK = FE_HAS_SIGNAL | FE_HAS_CARRIER | FE_HAS_VITERBI | FE_HAS_SYNC | FE_HAS_LOCK;
-constexpr int STATUS_DVBH = 0x80 | 0x100;  // bits of the box's driver, beyond those of linux/dvb/frontend.h
+constexpr int STATUS_DVBH = 0x80 | 0x100;         // bits of the box's driver, beyond those of linux/dvb/frontend.h
 constexpr float LOWEST_STRENGTH = 40.0F;
 constexpr int TUNE_CHECKS = 3;
-constexpr std::chrono::microseconds TUNE_CHECK_SLEEP{50000};
+constexpr std::chrono::milliseconds TUNE_CHECK_SLEEP{50};
+constexpr std::chrono::milliseconds QUALITY_TEST_PERIOD{100};
+constexpr int QUALITY_TESTS_A_SECOND = 10;
+constexpr int QUALITY_TESTS_A_DOT = 5;
 
 // Deliberate: the transmission mode is 3, whatever that number means to the driver.
 constexpr auto DEFAULT_TRANSMISSION_MODE = static_cast<fe_transmit_mode_t>(3);
@@ -46,81 +42,47 @@ dvb_frontend_parameters default_parameters(unsigned freq, fe_bandwidth_t bandwid
 }  // namespace
 
 Tuner::Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type)
-    : db_(db), connector_(connector), type_(type), monitor_(std::make_unique<TunerMonitorThread>(this)) {
-  (void)std::snprintf(path_, sizeof path_, "%s", path);  // longer paths are cut
-  open_device();
+    : parts_(std::make_unique<Parts>(this, path, db, Input{Connector{connector}, Delivery{type}})) {
+  parts_->monitor.watch(DEFAULT_FREQ);
+  if (!parts_->frontend.tune(default_parameters(DEFAULT_FREQ, BANDWIDTH_8_MHZ)))
+    kelvo_log::print_errno("Tuner::");
 
-  dvb_frontend_parameters parameters = default_parameters(DEFAULT_FREQ, BANDWIDTH_8_MHZ);
-  tuned_freq_ = DEFAULT_FREQ;
-  apply(parameters, true);
-
-  monitor_wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  monitor_running_ = true;
-  const int result = monitor_->Start(nullptr);
-  monitor_started_ = result == 0;
-  if (!monitor_started_)
-    KLOG(VERB_ERROR, "ERROR: Cannot start the signal monitor of %s: %s\n", path_, std::strerror(result));
+  const int result = parts_->thread.Start(nullptr);
+  parts_->thread_started = result == 0;
+  if (!parts_->thread_started)
+    KLOG(VERB_ERROR, "ERROR: Cannot start the signal monitor of %s: %s\n", parts_->frontend.path(),
+         std::strerror(result));
 }
 
 Tuner::~Tuner() {
-  close_device();
-  monitor_running_ = false;
-  (void)eventfd_write(monitor_wake_, 1);  // without it the monitor ends within 200 ms all the same
-  if (monitor_started_)
-    (void)monitor_->Stop();  // nothing left to do for a thread that cannot be joined
-  if (monitor_wake_ >= 0)
-    (void)close(monitor_wake_);
+  parts_->frontend.close();  // first, so that the device is free although an event callback may take its time
+  parts_->monitor.stop();
+  if (parts_->thread_started)
+    (void)parts_->thread.Stop();  // nothing left to do for a thread that cannot be joined
 }
 
-void Tuner::open_device() {
-  KLOG(VERB_TRACE, "Opening %s\n", path_);
-  // Not blocking only concerns FE_GET_EVENT, which must never wait while it holds the device's lock.
-  device_ = open(path_, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  if (device_ < 0)
-    KLOG(VERB_ERROR, "ERROR: Failed to  open %s\n", path_);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"  // %m is glibc's
-  if (control(FE_GET_INFO, &info_) < 0)
-    KLOG(VERB_ERROR, "ERROR: FE_GET_INFO failed: %d %m\n", errno);
-#pragma GCC diagnostic pop
-  info_.name[sizeof info_.name - 1] = '\0';
-  KLOG(VERB_PROGRESS, " Front end name is %s, type is %d\n  Freq min: %u Freq max: %u\n", info_.name,
-       static_cast<int>(info_.type), info_.frequency_min, info_.frequency_max);
-  KLOG(VERB_PROGRESS, "  Freq step: %u, Tolerance: %u\n", info_.frequency_stepsize, info_.frequency_tolerance);
-  if (info_.type != FE_OFDM)
-    KLOG(VERB_ERROR, "ERROR: Fronetnd %s cannot OFDM", info_.name);
+int Tuner::tuner_main_thread(void* self) {
+  static_cast<Tuner*>(self)->parts_->monitor.run();
+  return 0;
 }
 
-void Tuner::close_device() {
-  const std::lock_guard<std::mutex> lock(device_lock_);
-  const int device = device_.exchange(-1);
-  if (device >= 0)
-    (void)close(device);  // nothing was written to it
-}
-
-int Tuner::control(unsigned long request, void* argument) {
-  const std::lock_guard<std::mutex> lock(device_lock_);
-  return ioctl(device_.load(), request, argument);
-}
-
-void Tuner::apply(dvb_frontend_parameters& parameters, bool say_why) {
-  if (control(FE_SET_FRONTEND, &parameters) >= 0)
-    return;
-  KLOG(VERB_ERROR, "ERROR: Setting frontend parameters for %s failed\n", path_);
-  if (say_why)
-    kelvo_log::print_errno("Tuner::");
+void TunerMonitorThread::Execute(void* arg) {
+  (void)Tuner::tuner_main_thread(owner());  // always 0
+  COrbelThreadKelvo::Execute(arg);
 }
 
 int Tuner::tunetofreq(int freq) {
   const auto hz = static_cast<unsigned>(freq);
   dvb_frontend_parameters parameters =
       default_parameters(hz, hz <= HIGHEST_VHF_FREQ ? BANDWIDTH_7_MHZ : BANDWIDTH_8_MHZ);
-  tuned_freq_ = hz;
-  if (db_->fill_frontend_control(type_, connector_, freq, &parameters) != 0)
+  parts_->monitor.watch(hz);
+  // A stored line replaces what it names, so the defaults stand for the rest.
+  const Input& input = parts_->input;
+  if (parts_->db->fill_frontend_control(number(input.delivery), number(input.connector), freq, &parameters) != 0)
     KLOG(VERB_WARNING, "WARNING: Using FE data from scanned db for freq %d\n", freq);
   else
     KLOG(VERB_WARNING, "WARNING: Using default fe data for freq %d\n", freq);
-  apply(parameters, false);
+  (void)parts_->frontend.tune(parameters);  // refused or not, what counts is whether it is locked
 
   if (tuned_to(freq))
     return freq;
@@ -142,7 +104,7 @@ bool Tuner::tuned_to(int freq) {
     return false;
   }
   const int status = fe_status();
-  if ((status & FULL_LOCK) != FULL_LOCK) {
+  if ((status & Frontend::FULL_LOCK) != Frontend::FULL_LOCK) {
     KLOG(VERB_PROGRESS, "No Lock, Status %x ", static_cast<unsigned>(status));
     KLOG(VERB_TRACE, "\n");
     return false;
@@ -158,26 +120,20 @@ bool Tuner::tuned_to(int freq) {
   return true;
 }
 
-int Tuner::fe_freq() {
-  dvb_frontend_parameters parameters{};
-  if (control(FE_GET_FRONTEND, &parameters) < 0) {
-    KLOG(VERB_ERROR, "ERROR: Getting frontend parameters for %s failed\n", path_);
-    return last_freq_;
+int Tuner::wait_signal_quality(int seconds, int max_ber, int min_snr, int min_strength) {
+  const int64_t tests = int64_t{seconds} * QUALITY_TESTS_A_SECOND;
+  for (int64_t test = 1; test <= tests; ++test) {
+    std::this_thread::sleep_for(QUALITY_TEST_PERIOD);
+    // Deliberate: the quality, which is better when higher, is compared as if it counted errors.
+    if (fe_ber() < static_cast<float>(max_ber) && fe_strength() > static_cast<float>(min_strength) &&
+        fe_snr() > static_cast<float>(min_snr))
+      return static_cast<int>(test);
+    if (test % QUALITY_TESTS_A_DOT == 0) {
+      (void)std::fputs(".", stdout);  // only shows that the wait goes on
+      (void)std::fflush(stdout);
+    }
   }
-  last_freq_ = static_cast<int>(parameters.frequency);
-  return static_cast<int>(parameters.frequency);
-}
-
-int Tuner::fe_status() {
-  // Not the enum type: the box's driver sets bits that it does not have.
-  uint32_t status = 0;
-  static_assert(sizeof status == sizeof(fe_status_t));
-  if (control(FE_READ_STATUS, &status) < 0) {
-    KLOG(VERB_ERROR, "ERROR: FE_READ_STATUS failed for %s failed\n", path_);
-    return last_status_;
-  }
-  last_status_ = static_cast<int>(status);
-  return static_cast<int>(status);
+  return 0;
 }
 
 bool Tuner::mux_is_dvbh() {
@@ -188,63 +144,59 @@ bool Tuner::mux_is_dvbh() {
   return true;
 }
 
+int Tuner::fe_freq() {
+  return parts_->readings.freq();
+}
+
+int Tuner::fe_status() {
+  return parts_->readings.status();
+}
+
 void Tuner::fe_strength_local() {
-  uint16_t raw = 1;
-  const int result = control(FE_READ_SIGNAL_STRENGTH, &raw);
-  if (result < 0) {
-    KLOG(VERB_ERROR, "ERROR: FE_READ_STRENGTH failed for %s failed, rc is %d\n", path_, result);
-    return;
-  }
-  strength_ = tuner_quality::strength(raw);
+  parts_->readings.read_strength();
 }
 
 int Tuner::fe_ber_local() {
-  uint32_t raw = 1;
-  if (control(FE_READ_BER, &raw) < 0) {
-    // Deliberate: this and fe_snr() say FE_READ_STATUS.
-    KLOG(VERB_ERROR, "ERROR: FE_READ_STATUS failed for %s failed\n", path_);
-    return ber_quality_;
-  }
-  KLOG(VERB_TRACE, "BER readback is %08x", raw);
-  const int quality = tuner_quality::ber_quality(raw);
-  ber_quality_ = quality;
-  return quality;
+  return parts_->readings.read_ber_quality();
 }
 
 float Tuner::fe_strength() const {
-  return static_cast<float>(strength_.load());
+  return static_cast<float>(parts_->readings.strength());
 }
 
 float Tuner::fe_ber() const {
-  return static_cast<float>(ber_quality_.load());
+  return static_cast<float>(parts_->readings.ber_quality());
 }
 
 float Tuner::fe_snr() {
-  uint16_t raw = 1;
-  if (control(FE_READ_SNR, &raw) < 0) {
-    KLOG(VERB_ERROR, "ERROR: FE_READ_STATUS failed for %s failed\n", path_);
-    return snr_;
-  }
-  KLOG(VERB_TRACE, "SNR readback is %04x", static_cast<unsigned>(raw));
-  const int noise = tuner_quality::noise(raw, fe_status() == FULL_LOCK);
-  const float snr = tuner_quality::snr_db(noise);
-  KLOG(VERB_TRACE, "corrected snr %d log value %3.2f\n", noise, static_cast<double>(snr));
-  snr_ = snr;
-  return snr;
+  return parts_->readings.read_snr();
 }
 
 int Tuner::get_channel() const {
-  return channel_;
+  return parts_->channel;
 }
 
 void Tuner::set_channel(int channel) {
-  channel_ = channel;
+  parts_->channel = channel;
 }
 
 int Tuner::get_next_freq() const {
-  return next_freq_;
+  return parts_->next_freq;
 }
 
 void Tuner::set_next_freq(int freq) {
-  next_freq_ = freq;
+  parts_->next_freq = freq;
+}
+
+void Tuner::set_stb_event_callback(event_callback_t callback) {
+  parts_->monitor.set_callback(callback);
+}
+
+void Tuner::disable_tunerevents() {
+  parts_->monitor.disable_events();
+}
+
+int Tuner::reset_signal_monitor_loop() {
+  parts_->monitor.reset();
+  return 1;
 }

@@ -1,16 +1,13 @@
 #pragma once
 
-#include <linux/dvb/frontend.h>
+#include <linux/dvb/frontend.h>  // the bits of fe_status()
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "base/export.h"
 #include "base/types.h"
 
 class Sdbl;
-class TunerMonitorThread;
 
 // Events of the signal monitor, as handed to the event callback.
 enum : unsigned {
@@ -21,41 +18,47 @@ enum : unsigned {
 // One DVB-T frontend device and its signal monitor.
 //
 // Kelvo creates one when a tuner is connected and deletes it; a host may also use one alone, to measure a signal.
-// The constructor opens the device and tunes it to 474 MHz with everything on automatic, so that frequency counts as
-// tuned from the start. A device that is missing, or is no DVB-T frontend, still yields an object: each operation then
-// prints its error and answers with the last good value (status 0 and frequency 0 at first).
+// The constructor opens the device and tunes it to 474 MHz, so that frequency counts as tuned from the start. A device
+// that is missing, or is no DVB-T frontend, still yields an object: each operation then prints its error and answers
+// with the last good value (status 0 and frequency 0 at first).
 //
 // Threads: the monitor thread refreshes strength and BER quality about five times a second. All operations are
 // any-thread; of two threads that tune at the same time, the later one wins. The event callback is called on the
-// monitor thread, must not destroy the tuner and should return soon. One lock guards the device's descriptor, so that
-// it is not closed under a thread that uses it; everything else that threads share is atomic.
+// monitor thread, must not destroy the tuner and should return soon: the readings stand still meanwhile.
 //
 // Messages name the device by its path. Errors appear at verbosity 0 and above, warnings at 1, progress at 3, raw
 // readings at 4.
 class KELVO_EXPORT Tuner {
  public:
+  // `data` is always null.
   using event_callback_t = void (*)(unsigned int event, void* data);
 
-  // Opens `path` (up to 255 characters are kept) for reading and writing, applies the default parameters and starts the
-  // monitor. `db` is asked for stored tuning parameters; it is not owned and must outlive the tuner.
-  // Prints "ERROR: ..." when the device cannot be opened, does not answer or is no OFDM frontend, and goes on.
+  // Opens `path` (copied; up to 255 characters are kept) for reading and writing, applies the default parameters (see
+  // tunetofreq) with 8 MHz and starts the monitor. `db` is asked for the tuning parameters that are stored for
+  // `connector` and `type`; it is not owned and must outlive the tuner.
+  // Prints "ERROR: ..." when the device cannot be opened, does not answer or is no OFDM frontend, and when the
+  // monitor's thread cannot be started, and goes on: without its monitor a tuner sends no events, and strength and BER
+  // quality change only when they are read.
   Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type);
 
   // Closes the device first and joins the monitor then, so a pass of the monitor that is under way may print that its
-  // readings failed. Takes at most about 200 ms.
+  // readings failed. Takes at most about 200 ms, and as long as an event callback that is running takes to return:
+  // after the destructor the callback is not called any more. REQUIRES: no other thread uses the object any more.
   ~Tuner();
 
   Tuner(const Tuner&) = delete;
   Tuner& operator=(const Tuner&) = delete;
 
-  // Tunes to `freq` (Hz), with the parameters stored for it by an earlier scan, else with defaults (bandwidth 7 MHz up
-  // to 399999999 Hz, 8 MHz above, all else automatic), and tests for lock up to three times in 150 ms.
-  // Returns `freq` when locked, else 0. A refused tuning is printed; the test for lock is made all the same.
-  // Blocks its caller for up to 150 ms.
+  // Tunes to `freq` (Hz) and tests for lock up to three times in 150 ms. Parameters that an earlier scan has stored for
+  // the frequency take the place of the defaults, which are: bandwidth 7 MHz up to 399999999 Hz and 8 MHz above, no
+  // inversion, no hierarchy, transmission mode 3, and code rates, constellation and guard interval automatic.
+  // Returns `freq` when locked, else 0. A refused tuning is printed and leaves the device as it was; the test for lock
+  // is made all the same. The monitor counts `freq` as tuned in either case. Blocks its caller for up to 150 ms,
+  // besides the database and the device.
   int tunetofreq(int freq);
 
   // True when the frontend reports `freq` (Hz), all five lock bits, and a fresh strength of at least 40. At verbosity 3
-  // says why not.
+  // says why not. A reading that fails counts with its last good value.
   bool tuned_to(int freq);
 
   // Frequency that the frontend reports, in Hz. With a real frontend that is the one asked for, or the one found,
@@ -66,6 +69,7 @@ class KELVO_EXPORT Tuner {
   int fe_status();
 
   // True when the status has bit 0x80 or 0x100: the frontend driver of DVB-T/H boxes sets them on a DVB-H multiplex.
+  // A failing read is printed and the last good status counts.
   bool mux_is_dvbh();
 
   // Reads the signal strength and scales it into the field that fe_strength() answers. The driver's low byte is what
@@ -76,7 +80,8 @@ class KELVO_EXPORT Tuner {
   // A failing read is printed and keeps the old value.
   int fe_ber_local();
 
-  // The last strength, usually 0 to 100, and the last BER quality, 0 to 100 (higher is better). No device access.
+  // The last strength, usually 0 to 100, and the last BER quality, 0 to 100 (higher is better). No device access, so
+  // they cannot fail. Both are 0 at first, and while a frequency is tuned that the frontend does not receive.
   float fe_strength() const;
   float fe_ber() const;
 
@@ -84,65 +89,40 @@ class KELVO_EXPORT Tuner {
   // answers the previous value.
   float fe_snr();
 
-  // Channel and frequency of the request being served: kept for the scan loop, without effect on the device.
-  // -1 stands for "no channel".
+  // Channel and frequency (Hz) of the last request that Kelvo was given: -1, "no channel", and 0 at first. They are
+  // only kept; neither the device nor the library's scan loop looks at them.
   int get_channel() const;
   void set_channel(int channel);
   int get_next_freq() const;
   void set_next_freq(int freq);
 
-  // Who is told of quality lost and regained; null for nobody. `data` of the callback is always null.
-  // Nothing is sent before the first reset_signal_monitor_loop().
+  // Who is told of quality lost and regained; null for nobody. Nothing is sent before the first
+  // reset_signal_monitor_loop(). A call of the callback before that is under way, or about to begin, may still follow.
   void set_stb_event_callback(event_callback_t callback);
 
-  // No more events. The monitor goes on; its lines at verbosity 1 stay.
+  // No more events, but for one that is under way: it may still arrive after this has returned. The monitor goes on;
+  // its lines at verbosity 1 stay.
   void disable_tunerevents();
 
-  // Restarts the monitor's statistics from "quality OK" and switches events on. Returns 1.
+  // Restarts the monitor's statistics from "quality OK" and switches events on. Acts with the monitor's next pass.
+  // Returns 1.
   int reset_signal_monitor_loop();
 
   // Waits up to `seconds` for the BER quality to be below `max_ber`, strength above `min_strength` and SNR (dB) above
   // `min_snr`, testing every 100 ms. Note that the first is a quality of 0 to 100 that is compared as if it were an
-  // error count. Returns the number of the test (from 1) that succeeded, or 0. Writes "." to standard output after
-  // every fifth failing test.
+  // error count. Strength and BER quality are those of the monitor; the SNR is read, once the two are good, and when
+  // that fails (printed) the previous one counts. Returns the number of the test (from 1) that succeeded, or 0. Writes
+  // "." to standard output after every fifth failing test.
   int wait_signal_quality(int seconds, int max_ber, int min_snr, int min_strength);
 
- private:
-  friend class TunerMonitorThread;
+  // What the monitor's thread does: `self` is its Tuner. Returns 0 when the tuner is being destroyed.
+  // TunerMonitorThread calls it; a host has no need to.
   static int tuner_main_thread(void* self);
 
-  struct Monitor_state;
-  void monitor();
-  void watch_quality(Monitor_state& state, int status, int quality);
-  void send_event(unsigned event);
-  void wait_for_frontend_event();
-  bool frequency_in_range() const;
+  class Parts;
+  // For the library's own use; Parts is not installed.
+  Parts& parts() const { return *parts_; }
 
-  void open_device();
-  void close_device();
-  int control(unsigned long request, void* argument);
-  void apply(dvb_frontend_parameters& parameters, bool say_why);
-
-  char path_[256]{};
-  std::mutex device_lock_;  // held around each ioctl and while the device is closed
-  std::atomic<int> device_{-1};
-  int monitor_wake_ = -1;                // eventfd; readable when the monitor is to end
-  dvb_frontend_info info_{};             // constant once the monitor runs
-  std::atomic<unsigned> tuned_freq_{0};  // Hz; the last frequency asked for
-  std::atomic<event_callback_t> event_callback_{nullptr};
-  std::atomic<int> channel_{-1};
-  std::atomic<int> next_freq_{0};
-  std::atomic<bool> monitor_running_{false};
-  std::atomic<bool> monitor_reset_{true};
-  std::atomic<bool> events_enabled_{false};
-  std::atomic<int> ber_quality_{0};
-  std::atomic<int> strength_{0};
-  std::atomic<float> snr_{0.0F};
-  std::atomic<int> last_freq_{0};    // Hz; the last good reading
-  std::atomic<int> last_status_{0};  // the last good reading
-  Sdbl* db_;
-  HF_CONN_ID connector_;
-  DVB_TYPE_ID type_;
-  std::unique_ptr<TunerMonitorThread> monitor_;
-  bool monitor_started_ = false;
+ private:
+  std::unique_ptr<Parts> parts_;
 };

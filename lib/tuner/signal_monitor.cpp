@@ -1,0 +1,88 @@
+#include "tuner/signal_monitor.h"
+
+#include <time.h>
+
+#include <chrono>
+#include <thread>
+
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "tuner/tuner.h"
+
+namespace {
+
+constexpr int QUALITY_LOST_BELOW = 10;
+constexpr int QUALITY_REGAINED_AT = 11;
+constexpr int POLL_TIMEOUT_MS = 200;
+constexpr std::chrono::milliseconds OUT_OF_RANGE_SLEEP{10};
+
+}  // namespace
+
+void Signal_monitor::run() {
+  State state;
+  while (running_) {
+    if (frontend_.covers(freq_)) {
+      pass(state);
+    } else {
+      readings_.clear();
+      std::this_thread::sleep_for(OUT_OF_RANGE_SLEEP);
+    }
+  }
+}
+
+void Signal_monitor::pass(State& state) {
+  timespec start{};
+  (void)clock_gettime(CLOCK_REALTIME, &start);  // cannot fail for this clock
+  wait_for_frontend();
+
+  const int status = readings_.status();
+  readings_.read_strength();
+  const int quality = readings_.read_ber_quality();
+  if (reset_.exchange(false))
+    state = State{.working = state.working};
+
+  const int elapsed_ms = Sdbl::usec_to_now(&start) / 1000;
+  ((status & Frontend::FULL_LOCK) == 0 ? state.unlocked_ms : state.locked_ms) += elapsed_ms;
+  state.quality_sum += quality;
+  watch_quality(state, status, quality);
+  // Deliberate: a ratio of the two times, not a share of their sum.
+  if (state.unlocked_ms > 0)
+    state.working = static_cast<float>(state.locked_ms) * 100 / static_cast<float>(state.unlocked_ms);
+  KLOG(VERB_PROGRESS, "Locked %d, not_locked %d, working %4.2f %%, quality_sum %d\n", static_cast<int>(state.locked_ms),
+       static_cast<int>(state.unlocked_ms), static_cast<double>(state.working), static_cast<int>(state.quality_sum));
+}
+
+void Signal_monitor::wait_for_frontend() {
+  if (frontend_.wait_for_event(end_, POLL_TIMEOUT_MS) == Frontend::Waited::GONE && running_)
+    std::this_thread::sleep_for(std::chrono::milliseconds(POLL_TIMEOUT_MS));  // so that a lost device costs no time
+}
+
+void Signal_monitor::watch_quality(State& state, int status, int quality) {
+  const bool full_lock = (status & Frontend::FULL_LOCK) == Frontend::FULL_LOCK;
+  if (!state.quality_ok && full_lock && quality >= QUALITY_REGAINED_AT) {
+    KLOG(VERB_WARNING, "WARNING: FE quality OK\n");
+    send_event(STB_EVENT_QUALITY_OK);
+    state.quality_ok = true;
+  } else if (state.quality_ok && !(full_lock && quality >= QUALITY_LOST_BELOW)) {
+    KLOG(VERB_WARNING, "WARNING: FE quality lost\n");
+    send_event(STB_EVENT_QUALITY_LOST);
+    state.quality_ok = false;
+  }
+}
+
+void Signal_monitor::send_event(unsigned event) {
+  const Event_callback callback = callback_;
+  if (callback != nullptr && events_enabled_)
+    callback(event, nullptr);
+}
+
+void Signal_monitor::reset() {
+  KLOG(VERB_WARNING, "WARNING: Resetting signal monitor\n");
+  reset_ = true;
+  events_enabled_ = true;
+}
+
+void Signal_monitor::stop() {
+  running_ = false;
+  end_.wake();  // without it the thread ends within POLL_TIMEOUT_MS all the same
+}

@@ -1,5 +1,6 @@
-# The section and descriptor classes of <dvbsi++/...>: the system's libdvbsi++ where it has one, else our own.
-# Sets KELVO_DVBSI_SYSTEM and defines kelvo_dvbsi, to be linked by whoever includes those headers.
+# The section and descriptor classes of <dvbsi++/...>: our own; the system's libdvbsi++ (system), or that where there is
+# one (auto). Sets KELVO_DVBSI_SYSTEM and defines kelvo_dvbsi, to be linked by whoever includes those headers, and
+# kelvo_dvbsi_classes, to be linked by whoever makes objects of the classes without being part of the library.
 set(KELVO_DVBSI_SYSTEM OFF)
 if(NOT KELVO_DVBSI STREQUAL "own")
   pkg_check_modules(DVBSI IMPORTED_TARGET libdvbsi++)
@@ -15,6 +16,7 @@ if(KELVO_DVBSI_SYSTEM)
   add_library(kelvo_dvbsi INTERFACE)
   target_link_libraries(kelvo_dvbsi INTERFACE PkgConfig::DVBSI)
   target_compile_definitions(kelvo_dvbsi INTERFACE KELVO_DVBSI_SYSTEM)  # the parser then hands over safe copies
+  add_library(kelvo_dvbsi_classes ALIAS kelvo_dvbsi)
 else()
   message(STATUS "libdvbsi++: our own, in lib/dvbsi/")
   add_subdirectory(lib/dvbsi)

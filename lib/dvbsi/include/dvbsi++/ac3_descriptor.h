@@ -7,7 +7,7 @@ using AdditionalInfoIterator = AdditionalInfoVector::iterator;
 using AdditionalInfoConstIterator = AdditionalInfoVector::const_iterator;
 
 // 0x6A (EN 300 468, D.3). A field is 0 when its flag is 0 or the body ends before it.
-class DVBSI_EXPORT Ac3Descriptor : public Descriptor {
+class Ac3Descriptor : public Descriptor {
  public:
   Ac3Descriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~Ac3Descriptor() override;

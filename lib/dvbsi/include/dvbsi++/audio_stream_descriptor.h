@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x03 (ISO/IEC 13818-1, 2.6.4).
-class DVBSI_EXPORT AudioStreamDescriptor : public Descriptor {
+class AudioStreamDescriptor : public Descriptor {
  public:
   AudioStreamDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~AudioStreamDescriptor() override;

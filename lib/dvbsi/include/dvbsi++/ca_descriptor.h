@@ -7,7 +7,7 @@ using CaDataByteIterator = CaDataByteVector::iterator;
 using CaDataByteConstIterator = CaDataByteVector::const_iterator;
 
 // 0x09 (ISO/IEC 13818-1, 2.6.16): PID of the EMMs in the CAT, of the ECMs in a PMT.
-class DVBSI_EXPORT CaDescriptor : public Descriptor {
+class CaDescriptor : public Descriptor {
  public:
   CaDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~CaDescriptor() override;

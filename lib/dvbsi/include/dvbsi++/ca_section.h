@@ -4,7 +4,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // CAT (ISO/IEC 13818-1, 2.4.4.6). Its loop ends at the first descriptor that does not fit; those before it stay.
-class DVBSI_EXPORT ConditionalAccessSection : public LongCrcSection, public DescriptorContainer {
+class ConditionalAccessSection : public LongCrcSection, public DescriptorContainer {
  public:
   ConditionalAccessSection(const uint8_t* const buffer);
   ~ConditionalAccessSection() override;

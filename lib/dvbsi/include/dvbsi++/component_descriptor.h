@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x50 (EN 300 468, 6.2.8). stream_content_ext is not shown.
-class DVBSI_EXPORT ComponentDescriptor : public Descriptor {
+class ComponentDescriptor : public Descriptor {
  public:
   ComponentDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ComponentDescriptor() override;

@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT ContentClassification {
+class ContentClassification {
  public:
   ContentClassification(const uint8_t* const buffer);
 
@@ -21,7 +21,7 @@ using ContentClassificationIterator = ContentClassificationList::iterator;
 using ContentClassificationConstIterator = ContentClassificationList::const_iterator;
 
 // 0x54 (EN 300 468, 6.2.9).
-class DVBSI_EXPORT ContentDescriptor : public Descriptor {
+class ContentDescriptor : public Descriptor {
  public:
   ContentDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ContentDescriptor() override;

@@ -12,7 +12,7 @@
 // Sections make the objects and own them. Their dynamic type depends on the tag alone, and a descriptor that is invalid
 // by its class's rule does not appear in a list at all. Whoever makes one by hand from a buffer of length + 2 bytes
 // asks isValid() first; the values of an invalid one are 0 or empty. Getters are *any-thread*, also at the same time.
-class DVBSI_EXPORT Descriptor {
+class Descriptor {
  public:
   Descriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   virtual ~Descriptor();

@@ -10,7 +10,7 @@ enum DescriptorScope {
 
 // Base of the sections and entries that have a loop of descriptors. A loop ends at the first descriptor that does not
 // fit in it; invalid ones are left out, and the loop goes on behind them.
-class DVBSI_EXPORT DescriptorContainer {
+class DescriptorContainer {
  public:
   DescriptorContainer(const DescriptorContainer&) = delete;
   DescriptorContainer& operator=(const DescriptorContainer&) = delete;

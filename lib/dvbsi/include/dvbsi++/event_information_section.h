@@ -4,7 +4,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // One event of an EIT. Times are UTC and as broadcast: invalid BCD digits are passed on, an undefined time is all ones.
-class DVBSI_EXPORT Event : public DescriptorContainer {
+class Event : public DescriptorContainer {
  public:
   Event(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
 
@@ -31,7 +31,7 @@ using EventConstIterator = EventList::const_iterator;
 // EIT, present/following and schedule (EN 300 468, 5.2.4). The service id is getTableIdExtension(). The first event
 // that does not fit and all after it are left out. A section too short for them answers its own section_number and
 // table_id for segment_last_section_number and last_table_id.
-class DVBSI_EXPORT EventInformationSection : public LongCrcSection {
+class EventInformationSection : public LongCrcSection {
  public:
   EventInformationSection(const uint8_t* const buffer);
   ~EventInformationSection() override;

@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT ExtendedEvent {
+class ExtendedEvent {
  public:
   ExtendedEvent(const uint8_t* const buffer);
 
@@ -19,7 +19,7 @@ using ExtendedEventIterator = ExtendedEventList::iterator;
 using ExtendedEventConstIterator = ExtendedEventList::const_iterator;
 
 // 0x4E (EN 300 468, 6.2.15). The items end at the first that passes length_of_items.
-class DVBSI_EXPORT ExtendedEventDescriptor : public Descriptor {
+class ExtendedEventDescriptor : public Descriptor {
  public:
   ExtendedEventDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ExtendedEventDescriptor() override;

@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT Iso639Language {
+class Iso639Language {
  public:
   Iso639Language(const uint8_t* const buffer);
 
@@ -19,7 +19,7 @@ using Iso639LanguageIterator = Iso639LanguageList::iterator;
 using Iso639LanguageConstIterator = Iso639LanguageList::const_iterator;
 
 // 0x0A (ISO/IEC 13818-1, 2.6.18).
-class DVBSI_EXPORT Iso639LanguageDescriptor : public Descriptor {
+class Iso639LanguageDescriptor : public Descriptor {
  public:
   Iso639LanguageDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~Iso639LanguageDescriptor() override;

@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT LocalTimeOffset {
+class LocalTimeOffset {
  public:
   LocalTimeOffset(const uint8_t* const buffer);
 
@@ -29,7 +29,7 @@ using LocalTimeOffsetIterator = LocalTimeOffsetList::iterator;
 using LocalTimeOffsetConstIterator = LocalTimeOffsetList::const_iterator;
 
 // 0x58 (EN 300 468, 6.2.20).
-class DVBSI_EXPORT LocalTimeOffsetDescriptor : public Descriptor {
+class LocalTimeOffsetDescriptor : public Descriptor {
  public:
   LocalTimeOffsetDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~LocalTimeOffsetDescriptor() override;

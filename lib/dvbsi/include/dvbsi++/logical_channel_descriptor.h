@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT LogicalChannel {
+class LogicalChannel {
  public:
   LogicalChannel(const uint8_t* const buffer);
 
@@ -22,7 +22,7 @@ using LogicalChannelListConstIterator = LogicalChannelList::const_iterator;
 
 // 0x83, private to the terrestrial networks of many countries; no private data specifier is looked at. One to three
 // bytes left over behind the last entry are ignored.
-class DVBSI_EXPORT LogicalChannelDescriptor : public Descriptor {
+class LogicalChannelDescriptor : public Descriptor {
  public:
   LogicalChannelDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~LogicalChannelDescriptor() override;

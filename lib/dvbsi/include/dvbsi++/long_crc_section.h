@@ -4,7 +4,7 @@
 
 // A section with the long header and a CRC at its end: all tables but the TDT and the TOT. May be laid over a TDT to
 // learn its table id and length; the other values are then bytes of the time.
-class DVBSI_EXPORT LongCrcSection : public LongSection {
+class LongCrcSection : public LongSection {
  public:
   LongCrcSection(const uint8_t* const buffer);
   ~LongCrcSection() override;

@@ -3,7 +3,7 @@
 #include <dvbsi++/short_section.h>
 
 // The header of sections with section_syntax_indicator 1 (ISO/IEC 13818-1, 2.4.4.11).
-class DVBSI_EXPORT LongSection : public ShortSection {
+class LongSection : public ShortSection {
  public:
   LongSection(const uint8_t* const buffer);
   ~LongSection() override;

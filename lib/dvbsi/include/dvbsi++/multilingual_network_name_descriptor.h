@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT MultilingualNetworkName {
+class MultilingualNetworkName {
  public:
   MultilingualNetworkName(const uint8_t* const buffer);
 
@@ -19,7 +19,7 @@ using MultilingualNetworkNameIterator = MultilingualNetworkNameList::iterator;
 using MultilingualNetworkNameConstIterator = MultilingualNetworkNameList::const_iterator;
 
 // 0x5B (EN 300 468, 6.2.24). The list ends at the first entry that passes the descriptor.
-class DVBSI_EXPORT MultilingualNetworkNameDescriptor : public Descriptor {
+class MultilingualNetworkNameDescriptor : public Descriptor {
  public:
   MultilingualNetworkNameDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~MultilingualNetworkNameDescriptor() override;

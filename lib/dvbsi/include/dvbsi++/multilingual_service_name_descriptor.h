@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT MultilingualServiceName {
+class MultilingualServiceName {
  public:
   MultilingualServiceName(const uint8_t* const buffer);
 
@@ -21,7 +21,7 @@ using MultilingualServiceNameIterator = MultilingualServiceNameList::iterator;
 using MultilingualServiceNameConstIterator = MultilingualServiceNameList::const_iterator;
 
 // 0x5D (EN 300 468, 6.2.25). The list ends at the first entry that passes the descriptor.
-class DVBSI_EXPORT MultilingualServiceNameDescriptor : public Descriptor {
+class MultilingualServiceNameDescriptor : public Descriptor {
  public:
   MultilingualServiceNameDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~MultilingualServiceNameDescriptor() override;

@@ -4,7 +4,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // One transport stream of a NIT.
-class DVBSI_EXPORT TransportStreamInfo : public DescriptorContainer {
+class TransportStreamInfo : public DescriptorContainer {
  public:
   TransportStreamInfo(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
 
@@ -23,7 +23,7 @@ using TransportStreamInfoConstIterator = TransportStreamInfoList::const_iterator
 // NIT (EN 300 468, 5.2.1). The network id is getTableIdExtension(), getDescriptors() is the network's loop. When that
 // loop does not end where network_descriptors_length says, there are no transport streams; nor are there any when
 // transport_stream_loop_length passes the section.
-class DVBSI_EXPORT NetworkInformationSection : public LongCrcSection, public DescriptorContainer {
+class NetworkInformationSection : public LongCrcSection, public DescriptorContainer {
  public:
   NetworkInformationSection(const uint8_t* const buffer);
   ~NetworkInformationSection() override;

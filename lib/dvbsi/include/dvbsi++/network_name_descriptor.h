@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x40 (EN 300 468, 6.2.27).
-class DVBSI_EXPORT NetworkNameDescriptor : public Descriptor {
+class NetworkNameDescriptor : public Descriptor {
  public:
   NetworkNameDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~NetworkNameDescriptor() override;

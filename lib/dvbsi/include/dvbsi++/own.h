@@ -17,12 +17,6 @@
 // over that copy, made in one block a loop; single values are read out of the bytes when they are asked for. Texts and
 // lists are made at the first call of their getter, which any number of threads may make at the same time.
 
-#if defined(__GNUC__)
-#define DVBSI_EXPORT __attribute__((visibility("default")))
-#else
-#define DVBSI_EXPORT
-#endif
-
 namespace dvbsi_own {
 
 // Whether an object copies the bytes that it is made of (whoever makes one by hand) or stands on bytes that live longer
@@ -31,7 +25,7 @@ enum class Keep : uint8_t { COPY, BORROW };
 
 // Lets the first caller of run() build something; concurrent callers wait for it. A build that throws leaves everything
 // for the next caller.
-class DVBSI_EXPORT Once {
+class Once {
  public:
   Once() : state_(EMPTY) {}
   Once(const Once&) = delete;

@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT ParentalRating {
+class ParentalRating {
  public:
   ParentalRating(const uint8_t* const buffer);
 
@@ -19,7 +19,7 @@ using ParentalRatingIterator = ParentalRatingList::iterator;
 using ParentalRatingConstIterator = ParentalRatingList::const_iterator;
 
 // 0x55 (EN 300 468, 6.2.28).
-class DVBSI_EXPORT ParentalRatingDescriptor : public Descriptor {
+class ParentalRatingDescriptor : public Descriptor {
  public:
   ParentalRatingDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ParentalRatingDescriptor() override;

@@ -3,7 +3,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // Entry of the PAT with program_number 0: where the NIT is.
-class DVBSI_EXPORT NetworkAssociation {
+class NetworkAssociation {
  public:
   NetworkAssociation(const uint8_t* const buffer);
 
@@ -18,7 +18,7 @@ using NetworkAssociationIterator = NetworkAssociationList::iterator;
 using NetworkAssociationConstIterator = NetworkAssociationList::const_iterator;
 
 // Any other entry of the PAT: a service and the PID of its PMT.
-class DVBSI_EXPORT ProgramAssociation {
+class ProgramAssociation {
  public:
   ProgramAssociation(const uint8_t* const buffer);
 
@@ -36,7 +36,7 @@ using ProgramAssociationConstIterator = ProgramAssociationList::const_iterator;
 
 // PAT (ISO/IEC 13818-1, 2.4.4.3). The transport stream id is getTableIdExtension(). One to three bytes left over
 // behind the last entry are ignored.
-class DVBSI_EXPORT ProgramAssociationSection : public LongCrcSection {
+class ProgramAssociationSection : public LongCrcSection {
  public:
   ProgramAssociationSection(const uint8_t* const buffer);
   ~ProgramAssociationSection() override;

@@ -4,7 +4,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // One elementary stream of a PMT.
-class DVBSI_EXPORT ElementaryStreamInfo : public DescriptorContainer {
+class ElementaryStreamInfo : public DescriptorContainer {
  public:
   ElementaryStreamInfo(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
 
@@ -23,7 +23,7 @@ using ElementaryStreamInfoConstIterator = ElementaryStreamInfoList::const_iterat
 // PMT (ISO/IEC 13818-1, 2.4.4.8). getDescriptors() is the program loop. When that loop does not end where
 // program_info_length says, there are no streams; when program_info_length passes the section, there are no descriptors
 // either. The first stream that does not fit and all after it are left out.
-class DVBSI_EXPORT ProgramMapSection : public LongCrcSection, public DescriptorContainer {
+class ProgramMapSection : public LongCrcSection, public DescriptorContainer {
  public:
   ProgramMapSection(const uint8_t* const buffer);
   ~ProgramMapSection() override;

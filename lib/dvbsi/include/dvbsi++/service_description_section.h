@@ -4,7 +4,7 @@
 #include <dvbsi++/long_crc_section.h>
 
 // One service of an SDT.
-class DVBSI_EXPORT ServiceDescription : public DescriptorContainer {
+class ServiceDescription : public DescriptorContainer {
  public:
   ServiceDescription(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
 
@@ -27,7 +27,7 @@ using ServiceDescriptionIterator = ServiceDescriptionList::iterator;
 using ServiceDescriptionConstIterator = ServiceDescriptionList::const_iterator;
 
 // SDT (EN 300 468, 5.2.3). The first service that does not fit and all after it are left out.
-class DVBSI_EXPORT ServiceDescriptionSection : public LongCrcSection {
+class ServiceDescriptionSection : public LongCrcSection {
  public:
   ServiceDescriptionSection(const uint8_t* const buffer);
   ~ServiceDescriptionSection() override;

@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x48 (EN 300 468, 6.2.33).
-class DVBSI_EXPORT ServiceDescriptor : public Descriptor {
+class ServiceDescriptor : public Descriptor {
  public:
   ServiceDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ServiceDescriptor() override;

@@ -3,7 +3,7 @@
 #include <dvbsi++/short_section.h>
 
 // A section without the long header that ends in a CRC: the TOT.
-class DVBSI_EXPORT ShortCrcSection : public ShortSection {
+class ShortCrcSection : public ShortSection {
  public:
   ShortCrcSection(const uint8_t* const buffer);
   ~ShortCrcSection() override;

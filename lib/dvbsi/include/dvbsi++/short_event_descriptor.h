@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x4D (EN 300 468, 6.2.37).
-class DVBSI_EXPORT ShortEventDescriptor : public Descriptor {
+class ShortEventDescriptor : public Descriptor {
  public:
   ShortEventDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ShortEventDescriptor() override;

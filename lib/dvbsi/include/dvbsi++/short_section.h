@@ -17,7 +17,7 @@
 // Getters are *any-thread*, also at the same time. Lists are never null, in the order of the broadcast, and they own
 // their elements: a list, its elements and their texts live as long as the section. Numbers are right-aligned; texts
 // are the bytes as broadcast, with character table selector and control codes.
-class DVBSI_EXPORT ShortSection {
+class ShortSection {
  public:
   ShortSection(const uint8_t* const buffer);
   virtual ~ShortSection();

@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x52 (EN 300 468, 6.2.39).
-class DVBSI_EXPORT StreamIdentifierDescriptor : public Descriptor {
+class StreamIdentifierDescriptor : public Descriptor {
  public:
   StreamIdentifierDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~StreamIdentifierDescriptor() override;

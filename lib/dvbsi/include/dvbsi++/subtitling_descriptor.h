@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT Subtitling {
+class Subtitling {
  public:
   Subtitling(const uint8_t* const buffer);
 
@@ -23,7 +23,7 @@ using SubtitlingIterator = SubtitlingList::iterator;
 using SubtitlingConstIterator = SubtitlingList::const_iterator;
 
 // 0x59 (EN 300 468, 6.2.41).
-class DVBSI_EXPORT SubtitlingDescriptor : public Descriptor {
+class SubtitlingDescriptor : public Descriptor {
  public:
   SubtitlingDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~SubtitlingDescriptor() override;

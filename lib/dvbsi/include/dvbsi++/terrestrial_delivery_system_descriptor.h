@@ -3,7 +3,7 @@
 #include <dvbsi++/descriptor.h>
 
 // 0x5A (EN 300 468, 6.2.13.4). All values but the frequency are the codes as broadcast.
-class DVBSI_EXPORT TerrestrialDeliverySystemDescriptor : public Descriptor {
+class TerrestrialDeliverySystemDescriptor : public Descriptor {
  public:
   TerrestrialDeliverySystemDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~TerrestrialDeliverySystemDescriptor() override;

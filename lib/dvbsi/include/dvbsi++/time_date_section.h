@@ -3,7 +3,7 @@
 #include <dvbsi++/short_section.h>
 
 // TDT (EN 300 468, 5.2.5): UTC as broadcast, both values 0 when the section is too short for them.
-class DVBSI_EXPORT TimeAndDateSection : public ShortSection {
+class TimeAndDateSection : public ShortSection {
  public:
   TimeAndDateSection(const uint8_t* const buffer);
   ~TimeAndDateSection() override;

@@ -5,7 +5,7 @@
 
 // TOT (EN 300 468, 5.2.6): the time as in the TDT, and descriptors with the local time offsets. A loop that passes the
 // section counts as empty; otherwise it ends at the first descriptor that does not fit.
-class DVBSI_EXPORT TimeOffsetSection : public ShortCrcSection, public DescriptorContainer {
+class TimeOffsetSection : public ShortCrcSection, public DescriptorContainer {
  public:
   TimeOffsetSection(const uint8_t* const buffer);
   ~TimeOffsetSection() override;

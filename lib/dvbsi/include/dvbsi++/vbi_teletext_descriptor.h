@@ -2,7 +2,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-class DVBSI_EXPORT VbiTeletext {
+class VbiTeletext {
  public:
   VbiTeletext(const uint8_t* const buffer);
 
@@ -23,7 +23,7 @@ using VbiTeletextIterator = VbiTeletextList::iterator;
 using VbiTeletextConstIterator = VbiTeletextList::const_iterator;
 
 // 0x46 (EN 300 468, 6.2.48).
-class DVBSI_EXPORT VbiTeletextDescriptor : public Descriptor {
+class VbiTeletextDescriptor : public Descriptor {
  public:
   VbiTeletextDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~VbiTeletextDescriptor() override;

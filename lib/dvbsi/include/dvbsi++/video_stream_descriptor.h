@@ -4,7 +4,7 @@
 
 // 0x02 (ISO/IEC 13818-1, 2.6.2). The last three values are 0 for an MPEG-1 only stream, which does not broadcast them.
 // Other implementations leave them, and getStillPictureFlag() always, undefined.
-class DVBSI_EXPORT VideoStreamDescriptor : public Descriptor {
+class VideoStreamDescriptor : public Descriptor {
  public:
   VideoStreamDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~VideoStreamDescriptor() override;

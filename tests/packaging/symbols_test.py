@@ -1,7 +1,7 @@
-"""symbols_test.py LIBRARY DVBSI_HEADERS [--sanitize=X] [--dvbsi-system=ON]: what the shared library shows.
+"""symbols_test.py LIBRARY HEADER,... [--sanitized]: what the shared library shows.
 
-Its name, the classes at its boundary and nothing else, the order of the thread wrapper's virtual functions, and that
-all it needs comes from libc, the C++ library and SQLite.
+Its name, everything that its installed headers declare and nothing else, the order of the thread wrapper's virtual
+functions, and that all it needs comes from libc, the C++ library and SQLite.
 """
 
 import pathlib
@@ -9,11 +9,6 @@ import re
 import subprocess
 import sys
 
-BOUNDARY = {
-    "Kelvo", "KelvoMainThread", "COrbelThreadKelvo", "Sdbl", "Section_filter", "Siparse", "Tuner",
-    "TunerMonitorThread", "Timedoc", "no_file_error",
-}
-BOUNDARY_NAMES = {"verbosity_kelvo", "cmp_epg_cache"}
 NEEDED = re.compile(r"lib(c|m|gcc_s|stdc\+\+|sqlite3|pthread|rt|dvbsi\+\+|atomic)\.so\.\d+|ld-linux.*|ld\.so\.\d+")
 SLOTS = ["COrbelThreadKelvo::Setup()", "COrbelThreadKelvo::Execute(void*)"]
 
@@ -22,23 +17,103 @@ def run(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
-def dvbsi_names(folder):
-    names = set()
-    for header in pathlib.Path(folder).glob("*.h"):
-        names.update(re.findall(r"\b(?:class|struct|namespace)\s+(?:[A-Z_]+_EXPORT\s+|__attribute__\S+\s+)?(\w+)",
-                                header.read_text()))
-    return names
+def declarations(text):
+    """Yields (class or "", name, number of parameters, access) of every function that a header declares and leaves to
+    the library to define, (class, "", 0, "virtual") for a class that has a virtual table, and variables with None for
+    the parameters. Knows the forms that clang-format leaves of our own headers."""
+    text = re.sub(r"//[^\n]*|/\*.*?\*/|^#[^\n]*(?:\\\n[^\n]*)*", "", text, flags=re.S | re.M)
+    text = re.sub(r"__attribute__\(\(.*?\)\)\)?(?=;)|\bKELVO_EXPORT\b", "", text)
+    scopes = []  # of class, access; None for any other brace
+    start = i = 0
+    while i < len(text):
+        inner = scopes[-1] if scopes else ["", "public"]
+        head = " ".join(text[start:i].split())
+        label = re.search(r"\b(public|protected|private)$", head)
+        if text[i] == ":" and label and text[i + 1] != ":":
+            inner[1] = label.group(1)
+            start = i + 1
+        elif text[i] == "{":
+            named = re.match(r"(class|struct) (\w+)[^=(]*$", head)
+            if named and inner is not None:
+                owner = (inner[0] + "::" if inner[0] else "") + named.group(2)
+                scopes.append([owner, "public" if named.group(1) == "struct" else "private"])
+                if re.search(r": public", head):
+                    yield owner, "", 0, "virtual"
+            elif head.startswith("namespace"):
+                scopes.append(["", "public"])
+            else:
+                scopes.append(None)
+            start = i + 1
+        elif text[i] == "}":
+            scopes.pop()
+            start = i + 1
+        elif text[i] == ";":
+            start = i + 1
+            if inner is not None and head:
+                yield from declared(inner[0], head, inner[1])
+        i += 1
 
 
-def check_exports(library, allowed):
-    wrong = []
+def declared(owner, head, access):
+    if head.startswith("virtual "):
+        yield owner, "", 0, "virtual"
+    if re.match(r"(using|friend|typedef|enum|class|struct|template|static_assert)\b(?!.*\()", head) or \
+            re.match(r"(using|friend|typedef|template|static_assert)\b", head) or re.search(r"= (default|delete)$", head):
+        return
+    if head.startswith("extern "):
+        yield owner, re.search(r"(\w+)$", head).group(1), None, access
+    function = re.match(r"(?:[^()=<]|<[^()]*>)*?(~?\w+)\(", head)
+    if function and not head.endswith("}"):
+        depth, parameters, empty = 0, 1, True
+        for at in range(function.end(), len(head)):
+            letter = head[at]
+            if letter == ")" and depth == 0:
+                break
+            depth += {"(": 1, "<": 1, "{": 1, ")": -1, ">": -1, "}": -1}.get(letter, 0)
+            parameters += letter == "," and depth == 0
+            empty = False
+        yield owner, function.group(1), 0 if empty else parameters, access
+
+
+def exported(library):
+    """The same forms, of what the library shows."""
+    shown = set()
     for line in run("nm", "-DC", "--defined-only", library).splitlines():
         name = line.split(" ", 2)[2]
-        name = re.sub(r"^(vtable|typeinfo|typeinfo name|VTT|guard variable|non-virtual thunk) (for|to) ", "", name)
-        owner = re.match(r"[\w]+", name)
-        if name not in BOUNDARY_NAMES and (owner is None or owner.group() not in allowed | {"cmp_epg_cache"}):
-            wrong.append(name)
-    return [f"shown, but not part of the boundary: {name}" for name in wrong]
+        table = re.match(r"(?:vtable|typeinfo|typeinfo name) for (.*)", name)
+        if table:
+            shown.add((table.group(1), "", 0))
+            continue
+        name = name.replace("[abi:cxx11]", "")
+        function = re.match(r"((?:\w+::)*)(~?\w+)\((.*)\)(?: const)?$", name)
+        if function is None:
+            shown.add(("", name, None))
+            continue
+        depth, parameters = 0, 1 if function.group(3) else 0
+        for letter in function.group(3):
+            depth += {"(": 1, "<": 1, ")": -1, ">": -1}.get(letter, 0)
+            parameters += letter == "," and depth == 0
+        shown.add((function.group(1)[:-2], function.group(2), parameters))
+    return shown
+
+
+def text_of(symbol):
+    owner, name, parameters = symbol
+    if not name:
+        return f"the virtual table of {owner}"
+    return (owner + "::" if owner else "") + name + (f" with {parameters} parameters" if parameters is not None else "")
+
+
+def check_exports(library, headers):
+    wanted, may = set(), set()
+    for header in headers:
+        for owner, name, parameters, access in declarations(pathlib.Path(header).read_text()):
+            may.add((owner, name, parameters))
+            if access in ("public", "protected"):
+                wanted.add((owner, name, parameters))
+    shown = exported(library)
+    return [f"shown, but no installed header declares it: {text_of(symbol)}" for symbol in sorted(shown - may, key=str)] + \
+        [f"declared in an installed header, but not shown: {text_of(symbol)}" for symbol in sorted(wanted - shown, key=str)]
 
 
 def check_dynamic(library, sanitized):
@@ -81,14 +156,11 @@ def check_slots(library):
 
 
 def main():
-    library, headers = sys.argv[1:3]
-    options = dict(argument.lstrip("-").split("=", 1) for argument in sys.argv[3:])
-    allowed = set(BOUNDARY)
-    if options.get("dvbsi-system") != "ON":
-        allowed |= dvbsi_names(headers)
-    problems = check_dynamic(library, bool(options.get("sanitize")))
-    if not options.get("sanitize"):
-        problems += check_exports(library, allowed) + check_slots(library)
+    library, headers = sys.argv[1], sys.argv[2].split(",")
+    sanitized = "--sanitized" in sys.argv[3:]
+    problems = check_dynamic(library, sanitized)
+    if not sanitized:
+        problems += check_exports(library, headers) + check_slots(library)
     for problem in problems:
         print(problem)
     return 1 if problems else 0

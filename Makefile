@@ -56,12 +56,12 @@ fuzz: packages-build+test+fuzz
 
 bench: packages-build+test+bench
 	@cmake --preset release
-	@cmake --build --preset release -j$(JOBS)
+	@cmake --build --preset release -j$(JOBS) --target kelvo_benches
 	@bench/run build/release
 
 soak: packages-build+test+bench
 	@cmake --preset release
-	@cmake --build --preset release -j$(JOBS)
+	@cmake --build --preset release -j$(JOBS) --target kelvo_benches
 	@bench/soak build/release
 
 cross: packages-build+cross

@@ -1,7 +1,7 @@
-"""symbols_test.py LIBRARY HEADER,... [--sanitized]: what the shared library shows.
+"""symbols_test.py LIBRARY HEADER,... FOLDER,... [--sanitized]: what the shared library shows.
 
 Its name, everything that its installed headers declare and nothing else, the order of the thread wrapper's virtual
-functions, and that all it needs comes from libc, the C++ library and SQLite.
+functions, that all it needs comes from libc, the C++ library and SQLite, and that no FOLDER of the build is named in it.
 """
 
 import pathlib
@@ -129,6 +129,11 @@ def check_dynamic(library, sanitized):
     return problems
 
 
+def check_folders(library, folders):
+    content = pathlib.Path(library).read_bytes()
+    return [f"names the folder {folder}" for folder in folders if folder.encode() in content]
+
+
 def check_slots(library):
     """Reads the vtable out of the library's relocations: behind two words, one for each virtual function."""
     symbols = run("nm", "-DC", "--defined-only", "-S", library)
@@ -156,9 +161,10 @@ def check_slots(library):
 
 
 def main():
-    library, headers = sys.argv[1], sys.argv[2].split(",")
-    sanitized = "--sanitized" in sys.argv[3:]
-    problems = check_dynamic(library, sanitized)
+    library = sys.argv[1]
+    headers, folders = (argument.split(",") for argument in sys.argv[2:4])
+    sanitized = "--sanitized" in sys.argv[4:]
+    problems = check_dynamic(library, sanitized) + check_folders(library, folders)
     if not sanitized:
         problems += check_exports(library, headers) + check_slots(library)
     for problem in problems:

@@ -1,8 +1,6 @@
 #include "softdvb/launcher/config.h"
 
-#include <errno.h>
 #include <linux/dvb/frontend.h>
-#include <string.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -20,159 +18,10 @@ namespace softdvb {
 static constexpr double DEFAULT_RATE = 2.0e6;  // bits a second of a stream without clock references
 static constexpr uint64_t NS_PER_MS = 1000000;
 
-const std::vector<Config::Key>& Config::keys() {
-  static const std::vector<Key> list = {
-      {"adapter", "N", "the options that follow are for adapter N (default 0)"},
-      {"mux", "FREQ=FILE", "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat"},
-      {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)"},
-      {"loop", "", "play streams again and again (default)"},
-      {"once", "", "play each stream once"},
-      {"start", "tune|air|filter", "a stream begins with each tuning (default), with the command, or with a filter"},
-      {"offset", "SECONDS", "begin that far into each stream"},
-      {"stop-after", "[FREQ=]SECONDS", "the stream falls silent after that time"},
-      {"signal", "FREQ:READING=VALUE[@SECONDS]", "status, strength, snr, ber or ucblocks; FREQ may be *; repeat"},
-      {"without", "READING", "the driver has no such reading (strength, snr, ber, ucblocks); repeat"},
-      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default 47000000-862000000)"},
-      {"type", "ofdm|qpsk|qam|atsc", "type of the frontend (default ofdm)"},
-      {"delivery", "[FREQ=]dvbt|dvbt2", "how the streams are transmitted (default: as the frontend receives)"},
-      {"lock-delay", "MS", "from tuning to lock (default 50)"},
-      {"look-interval", "MS", "between the core's looks for a lock, which make events (default 300)"},
-      {"tuned", "FREQ", "another program holds the frontend on FREQ already"},
-      {"dead-reopen", "N", "the Nth opening for writing finds no core thread: it never tunes"},
-      {"section", "PID[/TABLE]=KIND", "drop, cut:BYTES, double, crc or silence; [@FIRST][*COUNT][+SECONDS]; repeat"},
-      {"fault", "CALL[(GLOB)]=ERRNO", "a call that fails; [@FIRST][*COUNT]; repeat"},
-      {"root", "DIR", "sandbox for /dvbfiles, /tmp/zoneinfo, /tmp/testsig (default: a temporary one)"},
-      {"log", "FILE", "a line for each call on devices and clocks"},
-      {"time", "xFACTOR", "virtual time runs FACTOR times as fast"},
-      {"now", "EPOCH", "the time that the command sees when it starts"},
-      {"grace", "MS", "real time that a late reader gets before its queue overflows"},
-      {"keep", "", "leave the temporary folders"},
-  };
-  return list;
-}
-
 Adapter_config& Config::current() {
-  if (adapters_.empty()) {
-    adapters_.emplace_back();
-    current_ = 0;
-  }
-  return adapters_[current_];
-}
-
-void Config::set(const std::string& key, const std::string& value) {
-  const auto number = [&](uint64_t max) { return parse_number(value, key, max); };
-  if (key == "adapter") {
-    const int wanted = static_cast<int>(number(99));
-    const auto at =
-        std::find_if(adapters_.begin(), adapters_.end(), [&](const Adapter_config& c) { return c.number == wanted; });
-    if (at == adapters_.end()) {
-      if (adapters_.size() >= MAX_ADAPTERS)
-        throw Usage_error("adapter: more than " + std::to_string(MAX_ADAPTERS));
-      adapters_.emplace_back().number = wanted;
-      current_ = adapters_.size() - 1;
-    } else {
-      current_ = static_cast<size_t>(at - adapters_.begin());
-    }
-  } else if (key == "mux") {
-    const size_t at = value.find('=');
-    if (at == std::string::npos || at + 1 == value.size())
-      throw Usage_error("mux: '" + value + "' is not of the form FREQ=FILE");
-    const uint32_t freq = static_cast<uint32_t>(parse_number(value.substr(0, at), "mux: frequency", 0xFFFFFFFF));
-    if (freq == 0)
-      throw Usage_error("mux: the frequency cannot be 0");
-    std::filesystem::path file = value.substr(at + 1);
-    if (!folder_.empty() && file.is_relative())
-      file = std::filesystem::path(folder_) / file;
-    if (current().muxes.size() >= MAX_MUXES)
-      throw Usage_error("mux: more than " + std::to_string(MAX_MUXES));
-    current().muxes.push_back({freq, file.string()});
-  } else if (key == "pace") {
-    current().pace = value;
-  } else if (key == "loop") {
-    current().loop = true;
-  } else if (key == "once") {
-    current().loop = false;
-  } else if (key == "start") {
-    current().start = value;
-  } else if (key == "offset") {
-    current().offset_s = static_cast<double>(parse_seconds(value, key)) / 1e9;
-  } else if (key == "stop-after") {
-    current().stops.push_back(value);
-  } else if (key == "signal") {
-    current().signals.push_back(value);
-  } else if (key == "without") {
-    current().without.push_back(value);
-  } else if (key == "frequency-range") {
-    current().frequency_range = value;
-  } else if (key == "type") {
-    current().type = value;
-  } else if (key == "delivery") {
-    current().deliveries.push_back(value);
-  } else if (key == "lock-delay") {
-    current().lock_delay_ms = static_cast<uint32_t>(number(3600000));
-  } else if (key == "look-interval") {
-    current().look_interval_ms = static_cast<uint32_t>(number(3600000));
-    if (current().look_interval_ms == 0)
-      throw Usage_error("look-interval: 0 ms is no interval");
-  } else if (key == "tuned") {
-    current().tuned = value;
-  } else if (key == "dead-reopen") {
-    current().dead_reopen = static_cast<int>(number(1000000));
-  } else if (key == "section") {
-    current().sections.push_back(value);
-  } else if (key == "fault") {
-    faults_.push_back(value);
-  } else if (key == "root") {
-    root_ = value;
-  } else if (key == "log") {
-    log_ = value;
-  } else if (key == "time") {
-    speed_ = parse_positive(value.rfind('x', 0) == 0 ? value.substr(1) : value, key);
-    if (speed_ < 0.001 || speed_ > 10000)
-      throw Usage_error("time: the factor must be from 0.001 to 10000");
-  } else if (key == "now") {
-    now_ = static_cast<double>(parse_seconds(value, key)) / 1e9;
-  } else if (key == "grace") {
-    grace_ms_ = static_cast<double>(number(600000));
-  } else if (key == "keep") {
-    keep_ = true;
-  } else {
-    throw Usage_error("there is no option '" + key + "'");
-  }
-}
-
-void Config::read_file(const std::string& file) {
-  std::ifstream in(file);
-  if (!in)
-    throw std::runtime_error(file + ": cannot be opened: " + strerror(errno));
-  folder_ = std::filesystem::path(file).parent_path().string();
-  int line_number = 0;
-  for (std::string line; std::getline(in, line);) {
-    ++line_number;
-    line = trimmed(line);
-    if (line.empty() || line[0] == '#')
-      continue;
-    try {
-      if (line.front() == '[') {
-        if (line.back() != ']' || line.rfind("[adapter ", 0) != 0)
-          throw Usage_error("'" + line + "' is not of the form [adapter N]");
-        set("adapter", trimmed(line.substr(9, line.size() - 10)));
-        continue;
-      }
-      const size_t at = line.find('=');
-      const std::string key = trimmed(line.substr(0, at));
-      const std::string value = at == std::string::npos ? "" : trimmed(line.substr(at + 1));
-      const auto known = std::find_if(keys().begin(), keys().end(), [&](const Key& k) { return key == k.name; });
-      if (known == keys().end())
-        throw Usage_error("there is no key '" + key + "'");
-      if (value.empty() != (known->value[0] == '\0'))
-        throw Usage_error(key + (value.empty() ? ": a value is missing" : ": takes no value"));
-      set(key, value);
-    } catch (const Usage_error& e) {
-      throw Usage_error(file + ", line " + std::to_string(line_number) + ": " + e.what());
-    }
-  }
-  folder_.clear();
+  if (adapters.empty())
+    adapters.emplace_back();
+  return adapters[current_index];
 }
 
 // "[FREQ=]VALUE"
@@ -260,14 +109,11 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
 
 static void set_pace(Adapter& a, const Adapter_config& c) {
   a.pace = c.pace == "fast" ? Pace::FAST : c.pace == "manual" ? Pace::MANUAL : Pace::TIMED;
-  if (c.start == "tune")
-    a.start = Start::TUNE;
-  else if (c.start == "air")
-    a.start = Start::AIR;
-  else if (c.start == "filter")
-    a.start = Start::FILTER;
-  else
+  static const char* const STARTS[] = {"tune", "air", "filter"};  // in the order of Start
+  const auto start = std::find(std::begin(STARTS), std::end(STARTS), c.start);
+  if (start == std::end(STARTS))
     throw Usage_error("start: '" + c.start + "' is none of tune, air, filter");
+  a.start = static_cast<Start>(start - std::begin(STARTS));
   a.loop = c.loop ? 1 : 0;
 }
 
@@ -283,7 +129,7 @@ static void set_deliveries(Adapter& a, const Adapter_config& c) {
   }
 }
 
-void Config::fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) const {
+static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) {
   a.number = c.number;
   set_pace(a, c);
   set_frontend(a, c);
@@ -326,23 +172,23 @@ void Config::fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const 
   frontend_tune(a, tuning, 0);
 }
 
-void Config::fill(Shared& s, const std::string& run_dir) const {
+void fill(Shared& s, const Config& config, const std::string& run_dir) {
   copy_path(s.run_dir, run_dir);
-  if (!log_.empty())
-    copy_path(s.log_path, std::filesystem::absolute(log_).string());
-  s.speed = speed_;
-  const bool time_changed = speed_ != 1.0 || now_ >= 0;
+  if (!config.log.empty())
+    copy_path(s.log_path, std::filesystem::absolute(config.log).string());
+  s.speed = config.speed;
+  const bool time_changed = config.speed != 1.0 || config.now >= 0;
   s.clock_is_virtual = time_changed ? 1 : 0;
-  const double grace_ms = grace_ms_ >= 0 ? grace_ms_ : speed_ > 1.0 ? 200 : 0;
+  const double grace_ms = config.grace_ms >= 0 ? config.grace_ms : config.speed > 1.0 ? 200 : 0;
   s.grace_ns = static_cast<uint64_t>(grace_ms * 1e6);
   timespec real{};
   clock_gettime(CLOCK_REALTIME, &real);
   s.start_mono_ns = machine_now_ns();
   s.real_offset_ns = nanos(real) - s.start_mono_ns;
-  s.start_real_ns = now_ >= 0 ? static_cast<int64_t>(now_ * 1e9) : nanos(real);
-  for (const std::string& text : faults_)
+  s.start_real_ns = config.now >= 0 ? static_cast<int64_t>(config.now * 1e9) : nanos(real);
+  for (const std::string& text : config.faults)
     add_fault(s, text);
-  std::vector<Adapter_config> adapters = adapters_;
+  std::vector<Adapter_config> adapters = config.adapters;
   if (adapters.empty())
     adapters.emplace_back();
   for (const Adapter_config& c : adapters)

@@ -33,44 +33,25 @@ struct Adapter_config {
   int dead_reopen = 0;
 };
 
-class Config {
- public:
-  // One option by its long name without dashes. `adapter` begins the options of another adapter.
-  // Throws Usage_error.
-  void set(const std::string& key, const std::string& value);
+struct Config {
+  std::vector<Adapter_config> adapters;  // none: adapter 0 as it is by default
+  size_t current_index = 0;
+  std::vector<std::string> faults;
+  std::string root;  // "": a folder in the run folder
+  std::string log;
+  double speed = 1.0;
+  double now = -1;       // below 0: the machine's
+  double grace_ms = -1;  // below 0: as the speed needs it
+  bool keep = false;
+  std::string folder;  // of the configuration file that is being read
 
-  // Lines "key = value", "key" for switches, "[adapter N]" for a section, "#" comments. File names in it are relative
-  // to it. Throws std::runtime_error when it cannot be read, Usage_error with file and line when it is wrong.
-  void read_file(const std::string& file);
-
-  // Writes everything into the shared record and the indexes of the streams into `run_dir`. Throws as above.
-  void fill(Shared& s, const std::string& run_dir) const;
-
-  const std::string& root() const { return root_; }
-  bool keep() const { return keep_; }
-
-  // Every key that set() knows, with the form of its value ("" for a switch) and one line of help.
-  struct Key {
-    const char* name;
-    const char* value;
-    const char* help;
-  };
-  static const std::vector<Key>& keys();
-
- private:
+  // The adapter that is being described; makes adapter 0 when there is none.
   Adapter_config& current();
-  void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) const;
-
-  std::vector<Adapter_config> adapters_;
-  size_t current_ = 0;
-  std::vector<std::string> faults_;
-  std::string root_;
-  std::string log_;
-  std::string folder_;  // of the configuration file that is being read
-  double speed_ = 1.0;
-  double now_ = -1;
-  double grace_ms_ = -1;
-  bool keep_ = false;
 };
+
+// Writes everything into the shared record and the indexes of the streams into `run_dir`. What can only be judged with
+// the rest at hand (streams, frequencies, names of readings) is checked here. Throws Usage_error where the
+// configuration is wrong and std::runtime_error where a file cannot be used; the record is then of no use.
+void fill(Shared& s, const Config& config, const std::string& run_dir);
 
 }  // namespace softdvb

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "softdvb/model/devices.h"
 #include "softdvb/model/rules.h"
 #include "softdvb/model/shared.h"
 #include "softdvb/model/usage_error.h"
@@ -121,12 +122,39 @@ static std::string sanitizer_of(const std::string& program) {
   return needed_sanitizer<Elf32_Ehdr, Elf32_Shdr, Elf32_Dyn>(image);
 }
 
+static constexpr Device DEVICES[] = {Device::FRONTEND, Device::DEMUX, Device::DVR};
+
 static void make_device_nodes(const std::string& run_dir, const Shared& s) {
   for (int i = 0; i < s.adapter_count; ++i) {
     const fs::path folder = fs::path(run_dir) / "dev/dvb" / ("adapter" + std::to_string(s.adapter[i].number));
     fs::create_directories(folder);
-    for (const char* name : {"frontend0", "demux0", "dvr0"})
-      std::ofstream(folder / name).flush();
+    for (const Device device : DEVICES)
+      std::ofstream(folder / device_name(device)).flush();
+  }
+}
+
+// What libudev reads of the adapters, where libumockdev-preload looks for it. All sit on one bus device: a device
+// without parent is silently left out by programs that group adapters by their bus.
+static void make_sysfs(const std::string& run_dir, const Shared& s) {
+  const fs::path sys = fs::path(run_dir) / "sysfs/sys";
+  const fs::path bus = sys / "devices/platform/softdvb";
+  for (const fs::path& folder : {bus, sys / "bus/platform", sys / "class/dvb"})
+    fs::create_directories(folder);
+  std::ofstream(bus / "uevent").flush();
+  fs::create_symlink("../../../bus/platform", bus / "subsystem");
+  for (int i = 0; i < s.adapter_count; ++i) {
+    const std::string number = std::to_string(s.adapter[i].number);
+    for (const Device device : DEVICES) {
+      const std::string node = device_name(device);  // "frontend0"
+      const std::string name = "dvb" + number + "." + node;
+      fs::create_directories(bus / "dvb" / name);
+      fs::create_symlink("../../../../../class/dvb", bus / "dvb" / name / "subsystem");
+      fs::create_symlink("../../devices/platform/softdvb/dvb/" + name, sys / "class/dvb" / name);
+      std::ofstream(bus / "dvb" / name / "uevent")
+          << "MAJOR=" << DEVICE_MAJOR << "\nMINOR=" << device_minor(s.adapter[i], device) << "\nDEVNAME=dvb/adapter"
+          << number << "/" << node << "\nDVB_ADAPTER_NUM=" << number
+          << "\nDVB_DEVICE_TYPE=" << node.substr(0, node.size() - 1) << "\nDVB_DEVICE_NUM=0\n";
+    }
   }
 }
 
@@ -203,13 +231,14 @@ static int wait_for(pid_t child, Shared& s, int fifo, int signals) {
 }
 
 int run_command(const Config& config, const std::vector<std::string>& command) {
-  const Run_folder folder(config.keep());
+  const Run_folder folder(config.keep);
   const std::string& run_dir = folder.path();
   const std::string program = find_program(command[0]);
   Shared* s = create_shared(run_dir + "/state");
-  make_root(*s, config.root().empty() ? run_dir + "/root" : config.root());
-  config.fill(*s, run_dir);
+  make_root(*s, config.root.empty() ? run_dir + "/root" : config.root);
+  fill(*s, config, run_dir);
   make_device_nodes(run_dir, *s);
+  make_sysfs(run_dir, *s);
   const std::string control = run_dir + "/control";
   if (mkfifo(control.c_str(), 0600) != 0)
     throw std::runtime_error(control + ": " + strerror(errno));

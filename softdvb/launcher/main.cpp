@@ -6,7 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "softdvb/launcher/config.h"
+#include "softdvb/launcher/keys.h"
 #include "softdvb/launcher/launcher.h"
 #include "softdvb/model/usage_error.h"
 
@@ -25,21 +25,21 @@ static std::vector<std::string> command_after_dashes(int& argc, char** argv) {
 
 // Options act in the order in which they stand, because --adapter decides where the following ones belong.
 static void add_options(CLI::App& app, Config& config) {
-  for (const Config::Key& key : Config::keys()) {
-    const std::string name = key.name;
+  for (const Key& key : keys()) {
+    const std::string name = std::string("--") + key.name;
     CLI::Option* option = nullptr;
-    if (key.value[0] == '\0') {
+    if (key.form[0] == '\0')
       option = app.add_flag_callback(
-          "--" + name, [&config, name] { config.set(name, ""); }, key.help);
-      option->trigger_on_parse();
-    } else {
+          name, [&config, &key] { key.set(config, key, ""); }, key.help);
+    else
       option = app.add_option_function<std::string>(
-          "--" + name, [&config, name](const std::string& value) { config.set(name, value); }, key.help);
-      option->type_name(key.value)->take_last()->trigger_on_parse();
-    }
+                      name, [&config, &key](const std::string& value) { key.set(config, key, value); }, key.help)
+                   ->type_name(key.form)
+                   ->take_last();
+    option->trigger_on_parse();
   }
   CLI::Option* file = app.add_option_function<std::string>(
-      "--config", [&config](const std::string& name) { config.read_file(name); }, "read such options from FILE");
+      "--config", [&config](const std::string& name) { read_file(config, name); }, "read such options from FILE");
   file->type_name("FILE")->take_last()->trigger_on_parse();
 }
 

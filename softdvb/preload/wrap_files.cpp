@@ -190,7 +190,8 @@ SOFTDVB_EXPORT int link(const char* from, const char* to) noexcept {
 SOFTDVB_EXPORT int linkat(int from_folder, const char* from, int to_folder, const char* to, int flags) noexcept {
   return SOFTDVB_REAL(linkat)(from_folder, Path(from), to_folder, Path(to), flags);
 }
-// The target of a symbolic link is text and stays as it is; following it goes through the paths above.
+// The target is moved into the sandbox too, because the kernel follows links by itself, past this library. So readlink
+// shows a target below /dev/dvb, /dvbfiles or the two names in /tmp with the sandbox's folder before it.
 SOFTDVB_EXPORT int symlink(const char* target, const char* path) noexcept {
   return SOFTDVB_REAL(symlink)(Path(target), Path(path));
 }

@@ -1,7 +1,10 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
+#include <regex>
 
 #include <gtest/gtest.h>
 
@@ -151,37 +154,56 @@ TEST(Launcher, works_inside_itself) {
   EXPECT_EQ("0 1 ", run.out) << run.err;
 }
 
+// What a text says of options: name with dashes and form of the value, "" where there is none.
+using Options = std::map<std::string, std::string>;
+
+static Options matches(const std::string& text, const std::string& pattern) {
+  Options options;
+  const std::regex expression(pattern, std::regex::multiline);
+  for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+    options[at->str(1)] = at->str(2);
+  return options;
+}
+
+static Options options_of_help() {
+  Options options = matches(softdvb({"--help"}).out, "^  (?:-h,)?(--[a-z-]+)(?: ([^ \n]+))?");
+  options["--help"] = options["--version"] = "";  // the first line of their help stands beside them
+  return options;
+}
+
+static Options options_of_manual() {
+  std::string text = support::read_file(DOCUMENTS "/man/softdvb.1");
+  text.erase(std::remove(text.begin(), text.end(), '\\'), text.end());
+  return matches(text, "^\\.TP\n\\.BR? (--[a-z-]+)(?: \" \" fI(.*)fR)?$");
+}
+
 TEST(Launcher, help_lists_every_option) {
-  const Softdvb_run run = softdvb({"--help"});
-  EXPECT_EQ(0, run.exit_code);
-  for (const char* option : {"--adapter",
-                             "--mux",
-                             "--pace",
-                             "--loop",
-                             "--once",
-                             "--start",
-                             "--offset",
-                             "--stop-after",
-                             "--signal",
-                             "--without",
-                             "--frequency-range",
-                             "--type",
-                             "--delivery",
-                             "--lock-delay",
-                             "--look-interval",
-                             "--tuned",
-                             "--dead-reopen",
-                             "--section",
-                             "--fault",
-                             "--root",
-                             "--log",
-                             "--time",
-                             "--now",
-                             "--grace",
-                             "--keep",
-                             "--config",
-                             "--control"})
-    EXPECT_NE(std::string::npos, run.out.find(option)) << option;
+  std::string names;
+  for (const auto& [name, form] : options_of_help())
+    names += name + " ";
+  EXPECT_EQ(names,
+            "--adapter --config --control --dead-reopen --delivery --fault --frequency-range --grace --help --keep "
+            "--lock-delay --log --look-interval --loop --mux --now --offset --once --pace --root --section --signal "
+            "--start --stop-after --time --tuned --type --version --without ");
+}
+
+TEST(Launcher, the_manual_describes_every_option_with_the_form_of_its_value) {
+  const Options help = options_of_help();
+  Options manual = options_of_manual();
+  for (auto& [name, form] : manual) {  // the manual also shows what may follow
+    if (const auto at = help.find(name); at != help.end() && form.rfind(at->second + "[", 0) == 0)
+      form = at->second;
+  }
+  EXPECT_EQ(manual, help);
+}
+
+TEST(Launcher, the_page_describes_every_option) {
+  const std::string page = support::read_file(DOCUMENTS "/softdvb.md");
+  Options options = options_of_help();
+  options.erase("--help");
+  options.erase("--version");
+  for (const auto& [name, form] : options)
+    EXPECT_NE(page.find("`" + name + (form.empty() ? "`" : " ")), std::string::npos) << name;
 }
 
 class Config_file : public testing::Test {

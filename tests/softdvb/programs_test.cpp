@@ -158,3 +158,49 @@ TEST_F(Sample_network, femon_shows_a_lost_lock) {
   EXPECT_EQ(0u, run.out.find("FE: softdvb DVB-T 0 (DVBT)\nstatus       | ")) << run.out;
   EXPECT_EQ(std::string::npos, run.out.find("FE_HAS_LOCK"));
 }
+
+// Programs that look for adapters through libudev.
+
+class Discovery : public testing::Test {
+ protected:
+  support::Temp_dir folder;
+
+  void SetUp() override { NEEDS("dvb-fe-tool"); }
+
+  static std::string first_line(const std::string& text) { return text.substr(0, text.find('\n')); }
+};
+
+TEST_F(Discovery, finds_each_adapter_under_its_own_number) {
+  NEEDS("umockdev-wrapper");
+  for (const char* number : {"0", "3", "15"}) {
+    const Softdvb_run run =
+        run_softdvb({"--adapter", "0", "--adapter", "15", "--adapter", "3"}, {"dvb-fe-tool", "-a", number});
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(first_line(run.out), std::string("Device softdvb DVB-T ") + number + " (/dev/dvb/adapter" + number +
+                                       "/frontend0) capabilities:");
+  }
+}
+
+TEST_F(Discovery, finds_no_adapter_that_was_not_asked_for) {
+  NEEDS("umockdev-wrapper");
+  const Softdvb_run run = run_softdvb({"--adapter", "2"}, {"dvb-fe-tool", "-a", "0"});
+  EXPECT_EQ(run.out, "WARNING  device dvb0.frontend0 not found\n");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(Discovery, works_for_what_a_shell_starts) {
+  NEEDS("umockdev-wrapper");
+  const Softdvb_run run = run_softdvb({}, {"sh", "-c", "env dvb-fe-tool -a 0 | head -n 1; echo $LD_PRELOAD"});
+  EXPECT_EQ(first_line(run.out), "Device softdvb DVB-T 0 (/dev/dvb/adapter0/frontend0) capabilities:");
+  EXPECT_EQ(run.out.find("umockdev"), std::string::npos) << "what does not look for adapters runs without it";
+}
+
+TEST_F(Discovery, says_what_is_missing_where_it_cannot_work) {
+  // A file that is no library stands for one that is not installed.
+  support::write_file(folder.file("libumockdev-preload.so.0"), "");
+  const Softdvb_run run = run_softdvb({}, {"env", "LD_LIBRARY_PATH=" + folder.path(), "dvb-fe-tool"});
+  EXPECT_EQ(first_line(run.err),
+            "softdvb: dvb-fe-tool looks for adapters through libudev, which finds none here without "
+            "libumockdev-preload.so.0 (umockdev)");
+  EXPECT_NE(run.exit_code, 0);
+}

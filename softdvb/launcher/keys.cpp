@@ -1,0 +1,163 @@
+#include "softdvb/launcher/keys.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <type_traits>
+
+#include "softdvb/model/rules.h"
+#include "softdvb/model/usage_error.h"
+
+namespace softdvb {
+
+static constexpr uint64_t HOUR_MS = 3600000;
+
+// A field belongs to the command or to the adapter that is being described.
+template <typename T>
+static T& field_of(Config& config, T Config::*field) {
+  return config.*field;
+}
+template <typename T>
+static T& field_of(Config& config, T Adapter_config::*field) {
+  return config.current().*field;
+}
+
+template <auto FIELD>
+static void set_text(Config& config, const Key&, const std::string& value) {
+  field_of(config, FIELD) = value;
+}
+
+template <auto FIELD>
+static void add_text(Config& config, const Key&, const std::string& value) {
+  field_of(config, FIELD).push_back(value);
+}
+
+template <auto FIELD, bool VALUE>
+static void set_switch(Config& config, const Key&, const std::string&) {
+  field_of(config, FIELD) = VALUE;
+}
+
+template <auto FIELD>
+static void set_seconds(Config& config, const Key& key, const std::string& value) {
+  field_of(config, FIELD) = static_cast<double>(parse_seconds(value, key.name)) / 1e9;
+}
+
+template <auto FIELD, uint64_t MAX>
+static void set_number(Config& config, const Key& key, const std::string& value) {
+  auto& field = field_of(config, FIELD);
+  field = static_cast<std::remove_reference_t<decltype(field)>>(parse_number(value, key.name, MAX));
+}
+
+static void set_look_interval(Config& config, const Key& key, const std::string& value) {
+  const uint64_t interval_ms = parse_number(value, key.name, HOUR_MS);
+  if (interval_ms == 0)
+    throw Usage_error("look-interval: 0 ms is no interval");
+  config.current().look_interval_ms = static_cast<uint32_t>(interval_ms);
+}
+
+static void set_speed(Config& config, const Key& key, const std::string& value) {
+  const double speed = parse_positive(value.rfind('x', 0) == 0 ? value.substr(1) : value, key.name);
+  if (speed < 0.001 || speed > 10000)
+    throw Usage_error("time: the factor must be from 0.001 to 10000");
+  config.speed = speed;
+}
+
+static void set_adapter(Config& config, const Key& key, const std::string& value) {
+  const int wanted = static_cast<int>(parse_number(value, key.name, 99));
+  auto& all = config.adapters;
+  const auto at = std::find_if(all.begin(), all.end(), [&](const Adapter_config& c) { return c.number == wanted; });
+  if (at == all.end() && all.size() >= MAX_ADAPTERS)
+    throw Usage_error("adapter: more than " + std::to_string(MAX_ADAPTERS));
+  config.current_index = static_cast<size_t>(at - all.begin());
+  if (config.current_index == all.size())
+    all.emplace_back().number = wanted;
+}
+
+static void add_mux(Config& config, const Key&, const std::string& value) {
+  const size_t at = value.find('=');
+  if (at == std::string::npos || at + 1 == value.size())
+    throw Usage_error("mux: '" + value + "' is not of the form FREQ=FILE");
+  const uint32_t freq = static_cast<uint32_t>(parse_number(value.substr(0, at), "mux: frequency", 0xFFFFFFFF));
+  if (freq == 0)
+    throw Usage_error("mux: the frequency cannot be 0");
+  std::filesystem::path file = value.substr(at + 1);
+  if (!config.folder.empty() && file.is_relative())
+    file = std::filesystem::path(config.folder) / file;
+  if (config.current().muxes.size() >= MAX_MUXES)
+    throw Usage_error("mux: more than " + std::to_string(MAX_MUXES));
+  config.current().muxes.push_back({freq, file.string()});
+}
+
+const std::vector<Key>& keys() {
+  // The lines of the help, so they are not folded.
+  // clang-format off
+  static const std::vector<Key> list = {
+      {"adapter", "N", "the options that follow are for adapter N (default 0)", set_adapter},
+      {"mux", "FREQ=FILE", "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
+      {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)", set_text<&Adapter_config::pace>},
+      {"loop", "", "play streams again and again (default)", set_switch<&Adapter_config::loop, true>},
+      {"once", "", "play each stream once", set_switch<&Adapter_config::loop, false>},
+      {"start", "tune|air|filter", "a stream begins with each tuning (default), with the command, or with a filter", set_text<&Adapter_config::start>},
+      {"offset", "SECONDS", "begin that far into each stream", set_seconds<&Adapter_config::offset_s>},
+      {"stop-after", "[FREQ=]SECONDS", "the stream falls silent after that time", add_text<&Adapter_config::stops>},
+      {"signal", "FREQ:READING=VALUE[@SECONDS]", "status, strength, snr, ber or ucblocks; FREQ may be *; repeat", add_text<&Adapter_config::signals>},
+      {"without", "READING", "the driver has no such reading (strength, snr, ber, ucblocks); repeat", add_text<&Adapter_config::without>},
+      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default 47000000-862000000)", set_text<&Adapter_config::frequency_range>},
+      {"type", "ofdm|qpsk|qam|atsc", "type of the frontend (default ofdm)", set_text<&Adapter_config::type>},
+      {"delivery", "[FREQ=]dvbt|dvbt2", "how the streams are transmitted (default: as the frontend receives)", add_text<&Adapter_config::deliveries>},
+      {"lock-delay", "MS", "from tuning to lock (default 50)", set_number<&Adapter_config::lock_delay_ms, HOUR_MS>},
+      {"look-interval", "MS", "between the core's looks for a lock, which make events (default 300)", set_look_interval},
+      {"tuned", "FREQ", "another program holds the frontend on FREQ already", set_text<&Adapter_config::tuned>},
+      {"dead-reopen", "N", "the Nth opening for writing finds no core thread: it never tunes", set_number<&Adapter_config::dead_reopen, 1000000>},
+      {"section", "PID[/TABLE]=KIND", "drop, cut:BYTES, double, crc or silence; [@FIRST][*COUNT][+SECONDS]; repeat", add_text<&Adapter_config::sections>},
+      {"fault", "CALL[(GLOB)]=ERRNO", "a call that fails; [@FIRST][*COUNT]; repeat", add_text<&Config::faults>},
+      {"root", "DIR", "sandbox for /dvbfiles, /tmp/zoneinfo, /tmp/testsig (default: a temporary one)", set_text<&Config::root>},
+      {"log", "FILE", "a line for each call on devices and clocks", set_text<&Config::log>},
+      {"time", "xFACTOR", "virtual time runs FACTOR times as fast", set_speed},
+      {"now", "EPOCH", "the time that the command sees when it starts", set_seconds<&Config::now>},
+      {"grace", "MS", "real time that a late reader gets before its queue overflows", set_number<&Config::grace_ms, 600000>},
+      {"keep", "", "leave the temporary folders", set_switch<&Config::keep, true>},
+  };
+  // clang-format on
+  return list;
+}
+
+void read_file(Config& config, const std::string& file) {
+  std::ifstream in(file);
+  if (!in)
+    throw std::runtime_error(file + ": cannot be opened: " + strerror(errno));
+  config.folder = std::filesystem::path(file).parent_path().string();
+  int line_number = 0;
+  for (std::string line; std::getline(in, line);) {
+    ++line_number;
+    line = trimmed(line);
+    if (line.empty() || line[0] == '#')
+      continue;
+    try {
+      if (line.front() == '[') {
+        if (line.back() != ']' || line.rfind("[adapter ", 0) != 0)
+          throw Usage_error("'" + line + "' is not of the form [adapter N]");
+        const Key& adapter = keys().front();
+        adapter.set(config, adapter, trimmed(line.substr(9, line.size() - 10)));
+        continue;
+      }
+      const size_t at = line.find('=');
+      const std::string key = trimmed(line.substr(0, at));
+      const std::string value = at == std::string::npos ? "" : trimmed(line.substr(at + 1));
+      const auto known = std::find_if(keys().begin(), keys().end(), [&](const Key& k) { return key == k.name; });
+      if (known == keys().end())
+        throw Usage_error("there is no key '" + key + "'");
+      if (value.empty() != (known->form[0] == '\0'))
+        throw Usage_error(key + (value.empty() ? ": a value is missing" : ": takes no value"));
+      known->set(config, *known, value);
+    } catch (const Usage_error& e) {
+      throw Usage_error(file + ", line " + std::to_string(line_number) + ": " + e.what());
+    }
+  }
+  config.folder.clear();
+}
+
+}  // namespace softdvb

@@ -42,8 +42,9 @@ struct SQL_cache;
 // Hostile input: a section whose length or inner loops do not add up is dropped or read as far as it holds; a
 // descriptor that is broken inside is skipped. Nothing throws, nothing is returned: failures are printed.
 //
-// The classes of the sections are those of <dvbsi++/...>: the system's libdvbsi++, or the library's own, hidden ones. With
-// the own ones a host gives whole sections to scan_assembled_section and has no use for the operations that take objects.
+// The classes of the sections are those of <dvbsi++/...>: the system's libdvbsi++, or the library's own, hidden ones.
+// With the own ones a host gives whole sections to scan_assembled_section and has no use for the operations that take
+// objects.
 class KELVO_EXPORT Siparse {
  public:
   // `filter` and `db` are not owned and outlive the parser; `dvbnr` is the adapter's number, 0 to 3.

@@ -5,6 +5,8 @@
 
 #include <dvbsi++/descriptor.h>
 
+#include "base/ids.h"
+
 namespace section_guard {
 
 namespace {
@@ -36,11 +38,11 @@ struct Bytes {
 const char* endless(const uint8_t* descriptor) {
   const Bytes body{descriptor + 2, descriptor[1]};
   switch (descriptor[0]) {
-    case 0x51:  // mosaic
-    case 0x5E:  // multilingual component
-    case 0x7F:  // extension
+    case tag::MOSAIC:
+    case tag::MULTILINGUAL_COMPONENT:
+    case tag::EXTENSION:
       return body.left == 0 ? EMPTY_BODY : nullptr;
-    case 0x76: {  // content identifier: a CRID of its own (length and text), or a 16-bit reference to one
+    case tag::CONTENT_IDENTIFIER: {  // a CRID of its own (length and text), or a 16-bit reference to one
       for (Bytes crids = body; crids.left != 0;) {
         const unsigned location = crids[0] & 3u;
         if (location > 1)
@@ -108,18 +110,18 @@ const char* section_problem(const uint8_t* section, size_t size) {
   Bytes rest{}, loop{};
   const uint8_t table_id = section[0];
   switch (table_id) {
-    case 0x01:  // CAT
+    case table::CAT:
       rest = behind(8);
       return descriptors(rest);
-    case 0x02:  // PMT
+    case table::PMT:
       rest = behind(10);
       if (!take_loop(rest, loop))
         return nullptr;
       if (const char* problem = descriptors(loop))
         return problem;
       return loop.left == 0 ? entries(rest, 5) : nullptr;
-    case 0x40:
-    case 0x41:  // NIT
+    case table::NIT_ACTUAL:
+    case table::NIT_OTHER:
       rest = behind(8);
       if (!take_loop(rest, loop))
         return nullptr;
@@ -128,14 +130,15 @@ const char* section_problem(const uint8_t* section, size_t size) {
       if (loop.left != 0 || !take_loop(rest, loop))
         return nullptr;
       return entries(loop, 6);
-    case 0x42:
-    case 0x46:  // SDT
+    case table::SDT_ACTUAL:
+    case table::SDT_OTHER:
       return entries(behind(11), 5);
-    case 0x73:  // TOT
+    case table::TOT:
       rest = behind(8);
       return take_loop(rest, loop) ? descriptors(loop) : nullptr;
     default:  // EIT
-      return table_id >= 0x4E && table_id <= 0x6F ? entries(behind(14), 12) : nullptr;
+      return table_id >= table::EIT_PRESENT_FOLLOWING && table_id <= table::EIT_LAST ? entries(behind(14), 12)
+                                                                                     : nullptr;
   }
 }
 
@@ -152,22 +155,22 @@ const uint8_t* Safe_copy::copy(const uint8_t* section, size_t size) {
 bool body_ok(const Descriptor& descriptor) {
   size_t code_size, texts;  // an entry: a language code and counted texts
   switch (descriptor.getTag()) {
-    case 0x4E:
+    case tag::EXTENDED_EVENT:
       code_size = 0;
       texts = 2;
       break;
-    case 0x5B:
+    case tag::MULTILINGUAL_NETWORK_NAME:
       code_size = 3;
       texts = 1;
       break;
-    case 0x5D:
+    case tag::MULTILINGUAL_SERVICE_NAME:
       code_size = 3;
       texts = 2;
       break;
     default:
       return true;
   }
-  const bool extended = descriptor.getTag() == 0x4E;
+  const bool extended = descriptor.getTag() == tag::EXTENDED_EVENT;
   if (descriptor.getLength() == 0)
     return !extended;  // and no bytes to be had
 

@@ -7,7 +7,7 @@
 #include "si/siparse_parts.h"
 
 Siparse::Siparse(Section_filter* filter, int dvbnr, HF_CONN_ID conn, DVB_TYPE_ID type, Sdbl* db)
-    : parts_(std::make_unique<Parts>(filter, dvbnr, conn, type, db)) {}
+    : parts_(std::make_unique<Parts>(*filter, dvbnr, Input{Connector{conn}, Delivery{type}}, *db)) {}
 
 Siparse::~Siparse() = default;
 
@@ -15,8 +15,9 @@ Siparse::Parts& Siparse::parts() const {
   return *parts_;
 }
 
-int Siparse::scan_assembled_section(char* section, int pid, int freq, void* data, SCAN_STATE state) {
-  return parts_->scan_assembled_section(section, pid, freq, data, state);
+int Siparse::scan_assembled_section(char* section, int pid, int freq, void*, SCAN_STATE state) {
+  parts_->scan_assembled_section(reinterpret_cast<const uint8_t*>(section), pid, freq, state);
+  return 0;
 }
 
 int Siparse::parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE state) {
@@ -48,7 +49,7 @@ char* Siparse::add_dvbnr(const char* base) {
 }
 
 bool Siparse::systime_valid() const {
-  return parts_->systime_valid();
+  return parts_->clock().valid();
 }
 
 int Siparse::get_eit_stored() const {
@@ -56,20 +57,20 @@ int Siparse::get_eit_stored() const {
 }
 
 void Siparse::parse_descriptor_info(Descriptor* descriptor, int context) {
-  parts_->parse_descriptor_info(descriptor, context);
+  parts_->parse_descriptor_info(*descriptor, context);
 }
 
 void Siparse::parse_nit_descriptor_info(Descriptor* descriptor, int freq, int context, int network_id, int ts_id,
                                         int orig_network_id) {
-  parts_->parse_nit_descriptor_info(descriptor, freq, context, network_id, ts_id, orig_network_id);
+  parts_->parse_nit_descriptor_info(*descriptor, freq, context, network_id, ts_id, orig_network_id);
 }
 
 PMT_subtxt_lang* Siparse::find_create_subtxt_lang(const std::string& code) {
-  return parts_->find_create_subtxt_lang(code);
+  return parts_->found_by_hand().subtitles.find_or_make(code);
 }
 
 EIT_lang* Siparse::find_create_epglang(const std::string& code) {
-  return parts_->find_create_epglang(code);
+  return parts_->found_by_hand().event_at_hand().texts.find_or_make(code);
 }
 
 int Siparse::start_eit_scan(int freq, SCAN_STATE state) {
@@ -77,24 +78,25 @@ int Siparse::start_eit_scan(int freq, SCAN_STATE state) {
 }
 
 int Siparse::init_cache_list(int freq, SCAN_STATE state) {
-  return parts_->init_cache_list(freq, state);
+  parts_->guide().load(freq, state);
+  return 0;
 }
 
 void Siparse::reset_cache_list() {
-  parts_->reset_cache_list();
+  parts_->guide().begin_again();
 }
 
 void Siparse::get_eit_progress(std::vector<EIT_progress>* progress) const {
-  parts_->get_eit_progress(progress);
+  parts_->guide().progress(progress);
 }
 
 void Siparse::parse_section_eit(EventInformationSection* section, int freq) {
   parts_->parse_section_eit(section, freq);
 }
 
-SQL_cache* Siparse::eit_scan_loop(int service_id, long start, long end, bool last_section, bool present_running,
-                                  bool* all_done, int freq, int table_id) {
-  return parts_->eit_scan_loop(service_id, start, end, last_section, present_running, all_done, freq, table_id);
+SQL_cache* Siparse::eit_scan_loop(int service_id, long, long, bool last_section, bool, bool* all_done, int freq,
+                                  int table_id) {
+  return parts_->guide().event_arrived(service_id, table_id, freq, last_section, all_done);
 }
 
 bool Siparse::get_eit_info_available() {
@@ -110,7 +112,8 @@ int Siparse::parse_section_tot(TimeOffsetSection* section, int freq) {
 }
 
 std::string* Siparse::dvb_text_to_utf8(std::string* text) {
-  return parts_->dvb_text_to_utf8(text);
+  parts_->text().convert(text);
+  return text;
 }
 
 void Siparse::generate_char_test_tables(int channel) {

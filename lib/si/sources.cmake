@@ -1,18 +1,24 @@
 list(APPEND KELVO_SOURCES
+  si/descriptors.cpp
+  si/descriptors_event.cpp
+  si/descriptors_network.cpp
+  si/descriptors_service.cpp
+  si/descriptors_stream.cpp
+  si/descriptors_time.cpp
+  si/dispatch.cpp
+  si/dvb_text.cpp
+  si/eit.cpp
+  si/guide_round.cpp
+  si/nit.cpp
+  si/pat.cpp
+  si/pmt.cpp
+  si/scan_rows.cpp
+  si/sdt.cpp
   si/section_guard.cpp
   si/siparse.cpp
-  si/siparse_descriptors.cpp
-  si/siparse_dispatch.cpp
-  si/siparse_eit.cpp
-  si/siparse_event_descriptors.cpp
-  si/siparse_nit.cpp
-  si/siparse_nit_descriptors.cpp
-  si/siparse_psi.cpp
-  si/siparse_sdt.cpp
-  si/siparse_stream_descriptors.cpp
-  si/siparse_text.cpp
-  si/siparse_text_test.cpp
-  si/siparse_time.cpp
+  si/system_clock.cpp
+  si/text_samples.cpp
+  si/time.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   si/broadcast_time.h

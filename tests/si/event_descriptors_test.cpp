@@ -109,10 +109,10 @@ TEST_F(Event_descriptors, quirk_items_of_an_extended_event_repeat_their_descript
   const std::string all =
       trace_of<ExtendedEventDescriptor>(extended_event(0, 0, {{"Director", "Jane"}, {"Year", "1999"}}, "Long text"), 1);
   EXPECT_EQ(without_conversion(all), parsing(0x4E, 1) +
-                                         "EXTlist: Description Director, item Jane\n"
-                                         "EXTlist: Description Year, item 1999\n"
                                          "EXTDesc nr 0, last desc nr 0, Isolangcode est, Text Long text\n"
-                                         "Inserting epg info for OID 1 Long text\n");
+                                         "Inserting epg info for OID 1 Long text\n"
+                                         "EXTlist: Description Director, item Jane\n"
+                                         "EXTlist: Description Year, item 1999\n");
   EXPECT_EQ(language("est")->ext_list, "DirectorDirector:Jane,YearYear:1999,");
   EXPECT_EQ(language("est")->ext_desc, "Long text");
   for (const int number : {0, 1})

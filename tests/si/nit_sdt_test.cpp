@@ -130,8 +130,8 @@ TEST_F(Nit, the_last_original_network_id_is_the_one_that_stays) {
 TEST_F(Nit, the_terrestrial_delivery_system_reaches_the_tuner_table) {
   const Bytes delivery = descriptor(0x5A, {0x03, 0x04, 0x17, 0x40, 0x1F, 0x82, 0x1A, 0xFF, 0xFF, 0xFF, 0xFF});
   const std::string all = at_level(4, [&] { scan(nit(0x3001, {}, {{TS_ID, 0x20, delivery}}), 16); });
-  EXPECT_THAT(all, HasSubstr("Parsing descriptor 5a, dec 90\nParsing descriptor 5a, dec 90, oid 1\n"
-                             "Terrastrial delivery system descritpor\n"
+  EXPECT_THAT(all, HasSubstr("Parsing descriptor 5a, dec 90\nParsing descriptor 5a, dec 90, oid 1\n"));
+  EXPECT_THAT(all, HasSubstr("SQL run status is 101\nTerrastrial delivery system descritpor\n"
                              "Cf: 50599744, Bw: 0, Con: 2, Hier: 0, \nHp: 2, Lp: 0, Guard: 3, Tmode 1, OF: 0\n"));
   EXPECT_EQ(text("SELECT freq FROM tuner_table"), "505997440");
 }

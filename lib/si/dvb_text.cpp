@@ -1,10 +1,11 @@
 // DVB text to UTF-8 (EN 300 468, Annex A).
+#include "si/dvb_text.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "base/log.h"
-#include "si/siparse_parts.h"
 
 namespace {
 
@@ -12,23 +13,66 @@ namespace {
 constexpr size_t GROWTH = 4;
 constexpr size_t LONGEST_OUTPUT = 8000;
 
+constexpr size_t NO_TABLE = 12;  // there is no ISO-8859-12
+
+// What iconv_open() answers when it fails.
+iconv_t invalid_converter() {
+  return reinterpret_cast<iconv_t>(static_cast<intptr_t>(-1));
+}
+
 bool is_valid(iconv_t converter) {
-  return converter != reinterpret_cast<iconv_t>(static_cast<intptr_t>(-1));
+  return converter != invalid_converter();
+}
+
+void close_converter(iconv_t converter) {
+  if (is_valid(converter))
+    (void)iconv_close(converter);
+}
+
+iconv_t open_converter(const char* from) {
+  const iconv_t converter = iconv_open("UTF-8", from);
+  // Deliberate: these two are reported in other words than those of ISO 8859.
+  if (!is_valid(converter))
+    KLOG(VERB_ERROR, "ERROR: Cannot set conversion from %s to UTF-8, %s\n", from, std::strerror(errno));
+  return converter;
 }
 
 }  // namespace
 
-std::string* Siparse::Parts::dvb_text_to_utf8(std::string* text) {
+Dvb_text::Dvb_text() {
+  for (size_t n = 1; n <= ISO_8859_TABLES; ++n) {
+    iconv_t& converter = iso8859_[n - 1];
+    converter = invalid_converter();
+    if (n == NO_TABLE)
+      continue;
+    char from[16];
+    (void)std::snprintf(from, sizeof from, "ISO-8859-%1d", static_cast<int>(n));
+    converter = iconv_open("UTF-8", from);
+    if (!is_valid(converter))
+      KLOG(VERB_ERROR, "ERROR: Cannot set conversion %s to UTF-8, %s\n", from, std::strerror(errno));
+  }
+  iso6937_ = open_converter("ISO6937");
+  iso10646_ = open_converter("10646-1:1993");
+}
+
+Dvb_text::~Dvb_text() {
+  for (const iconv_t converter : iso8859_)
+    close_converter(converter);
+  close_converter(iso6937_);
+  close_converter(iso10646_);
+}
+
+void Dvb_text::convert(std::string* text) {
   const size_t length = text->size();
   if (length * GROWTH > LONGEST_OUTPUT) {
     KLOG(VERB_ERROR, "ERROR: String legth too large %d\n", static_cast<int>(length));
-    return text;
+    return;
   }
   const auto byte = [&](size_t i) { return i < length ? static_cast<unsigned char>((*text)[i]) : 0u; };
   const unsigned selector = byte(0);
   if (selector == 0) {
     KLOG(VERB_WARNING, "WARNING: String input size 0 in dvb_text_to_utf8\n");
-    return text;
+    return;
   }
   KLOG(VERB_TRACE, "converting %d input", static_cast<int>(length));
 
@@ -76,7 +120,7 @@ std::string* Siparse::Parts::dvb_text_to_utf8(std::string* text) {
     convertible = false;
   } else {
     KLOG(VERB_ERROR, "ERROR:  %d bytes to Unknown decoding %x\n", static_cast<int>(length), selector);
-    return text;
+    return;
   }
 
   char output[LONGEST_OUTPUT];
@@ -99,7 +143,7 @@ std::string* Siparse::Parts::dvb_text_to_utf8(std::string* text) {
   // Deliberate: text that says it is UTF-8 is copied without counting as consumed, so it ends in the error below.
   if (convertible && result == 0 && in_left == 0) {
     text->assign(output, static_cast<size_t>(out - output));
-    return text;
+    return;
   }
   const int error = errno;
   KLOG(VERB_ERROR, "ERROR: Conversion error: dvb_string_type %d, converted %x,  ret code %d, offending char %c\n",
@@ -109,10 +153,4 @@ std::string* Siparse::Parts::dvb_text_to_utf8(std::string* text) {
     errno = error;
     kelvo_log::print_errno("dvb_text_to_utf8:");
   }
-  return text;
-}
-
-std::string Siparse::Parts::utf8_of(const std::string& dvb_text) {
-  std::string text = dvb_text;
-  return std::move(*dvb_text_to_utf8(&text));
 }

@@ -26,9 +26,9 @@ void fill_raw(char (&raw)[1024], const char* selector, size_t selector_size) {
 
 void Siparse::Parts::replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw) {
   std::string text(raw, RAW_SIZE);
-  dvb_text_to_utf8(&text);
+  text_.convert(&text);
   // Deliberate: the guide has no such columns and cached statements take no % conversions, so nothing is stored.
-  db_->sql_cache(
+  db_.sql_cache(
       true, 0,
       "INSERT INTO epglist (channel, ymd_bcd, hms_bcd, start_epoch, dur_bcd, dur_sec, run_status, free_ca, ev_id, pat_prnr, ev_name, ext_desc) VALUES (%d, %x, %x, %d, %x, %d, %d, %d, %d, %d, %Q, %Q)",
       channel, 0x20090409, 0, static_cast<int>(start), EVENT_DURATION_S, EVENT_DURATION_S, 0, 1, event_id, 200, name,
@@ -36,7 +36,7 @@ void Siparse::Parts::replace_epg_info(int channel, int event_id, long start, con
 }
 
 void Siparse::Parts::generate_char_test_tables(int channel) {
-  db_->sql_cache(true, 0, "DELETE from epglist where channel = %d;", channel);
+  db_.sql_cache(true, 0, "DELETE from epglist where channel = %d;", channel);
   long start = static_cast<long>(time(nullptr)) + 3600;
   int event_id = 1;
   char raw[1024];

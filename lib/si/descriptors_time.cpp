@@ -1,0 +1,31 @@
+// Descriptors of the TOT (EN 300 468, 6.2).
+#include <dvbsi++/local_time_offset_descriptor.h>
+
+#include "base/log.h"
+#include "si/descriptor_handlers.h"
+#include "si/siparse.h"
+
+namespace descriptor_handlers {
+
+// local_time_offset_descriptor (0x58, 6.2.20). Wherever it stands, its context is taken for the frequency.
+void local_time_offset(const Descriptor& descriptor, Site& site) {
+  const auto* d = as<LocalTimeOffsetDescriptor>(descriptor);
+  if (d == nullptr)
+    return;
+  for (const LocalTimeOffset* entry : *d->getLocalTimeOffsets()) {
+    const unsigned offset = entry->getLocalTimeOffset();
+    const std::string country = entry->getCountryCode();
+    const int region = entry->getCountryRegionId();
+    const int polarity = entry->getLocalTimeOffsetPolarity();
+    KLOG(VERB_PROGRESS, "Country id %s region id %d, offset %x, next_offset %x , polarity %d, ymd %x, hms %x\n",
+         country.c_str(), region, offset, static_cast<unsigned>(entry->getNextTimeOffset()), polarity,
+         Siparse::mjd_to_bcd(entry->getTimeOfChangeMjd()), static_cast<unsigned>(entry->getTimeOfChangeBcd()));
+    const int east = static_cast<int>(Siparse::bcd_to_int(offset >> 8) * 60 + Siparse::bcd_to_int(offset & 0xFF));
+    const int minutes = polarity == 1 ? -east : east;
+    const int result = site.rows.local_offset(site.context, minutes, country, region);
+    if (result != ZONE_UNTOUCHED)
+      site.found.zone = {result, minutes, country};
+  }
+}
+
+}  // namespace descriptor_handlers

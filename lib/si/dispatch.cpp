@@ -1,0 +1,149 @@
+// The parser's parts put together, and the dispatch of sections to the parsers of their tables.
+#include <cstdio>
+
+#include <dvbsi++/ca_section.h>
+#include <dvbsi++/event_information_section.h>
+#include <dvbsi++/network_information_section.h>
+#include <dvbsi++/program_association_section.h>
+#include <dvbsi++/program_map_section.h>
+#include <dvbsi++/service_description_section.h>
+#include <dvbsi++/time_date_section.h>
+#include <dvbsi++/time_offset_section.h>
+
+#include "base/ids.h"
+#include "base/log.h"
+#include "si/scan_rows.h"
+#include "si/section_guard.h"
+#include "si/siparse_parts.h"
+
+namespace {
+
+size_t section_size(const uint8_t* bytes) {
+  return static_cast<size_t>((bytes[1] & 0x0F) << 8 | bytes[2]) + 3;
+}
+
+bool is_guide(unsigned table_id) {
+  return table_id == table::EIT_PRESENT_FOLLOWING ||
+         (table_id >= table::EIT_SCHEDULE_FIRST && table_id <= table::EIT_SCHEDULE_LAST);
+}
+
+// The loop that hosts mean by a context.
+unsigned loop_of(int context) {
+  switch (context) {
+    case CONTEXT_PROGRAMME:
+      return loop::PROGRAMME;
+    case CONTEXT_STREAM:
+      return loop::STREAM;
+    case CONTEXT_EVENT:
+      return loop::EVENT;
+    default:
+      return loop::SERVICE;
+  }
+}
+
+}  // namespace
+
+Siparse::Parts::Parts(Section_filter& filter, int adapter, Input input, Sdbl& db)
+    : filter_(filter), db_(db), adapter_(adapter), input_(input), guide_(db, adapter, input) {}
+
+Siparse::Parts::~Parts() = default;
+
+char* Siparse::Parts::add_dvbnr(const char* base) {
+  (void)std::snprintf(table_name_, sizeof table_name_, "%s_%d", base, adapter_);
+  return table_name_;
+}
+
+template <typename Section, typename Parse>
+void Siparse::Parts::scan_section(const uint8_t* bytes, Parse parse) {
+  const size_t size = section_size(bytes);
+  if (const char* problem = section_guard::section_problem(bytes, size)) {
+    KLOG(VERB_TRACE, "Section dropped: %s\n", problem);
+    return;
+  }
+#ifdef KELVO_DVBSI_SYSTEM
+  if (safe_copy_ == nullptr)
+    safe_copy_ = std::make_unique<section_guard::Safe_copy>();
+  bytes = safe_copy_->copy(bytes, size);
+#endif
+  Section section(bytes);
+  parse(&section);
+}
+
+template <typename Section, typename Parse>
+void Siparse::Parts::scan_long_section(const uint8_t* bytes, Parse parse) {
+  scan_section<Section>(bytes, [&](Section* section) {
+    if (section->getCurrentNextIndicator() == 1)
+      parse(section);
+  });
+}
+
+void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int freq, SCAN_STATE stage) {
+  const unsigned table_id = bytes[0];
+  ++sections_;
+  // Deliberate: the first of the two lines shows table ids of 0x80 and above sign-extended.
+  KLOG(VERB_TRACE, ">>>>> Table id %x , pid %x, cntr %d \n", static_cast<unsigned>(static_cast<signed char>(bytes[0])),
+       static_cast<unsigned>(pid), sections_);
+  KLOG(VERB_TRACE, "Nr %3d.%02x.%02x ", sections_, static_cast<unsigned>(pid), table_id);
+
+  switch (table_id) {
+    case table::PAT:
+      if (pid != pid::PAT)
+        break;
+      KLOG(VERB_TRACE, "Scanning PAT\n");
+      scan_long_section<ProgramAssociationSection>(bytes, [&](auto* pat) { parse_section_pat(pat, freq, stage); });
+      break;
+    case table::CAT:
+      if (pid != pid::CAT)
+        break;
+      KLOG(VERB_PROGRESS, "--->>>> !!!!!! Contitional Access section!!!!!\n");
+      scan_long_section<ConditionalAccessSection>(bytes, [&](auto* cat) { parse_section_cat(cat, pid, freq); });
+      break;
+    case table::PMT:
+      KLOG(VERB_TRACE, "Scanning PMT for pid %d\n", pid);
+      scan_long_section<ProgramMapSection>(bytes, [&](auto* pmt) { parse_section_pmt(pmt, pid, freq, stage); });
+      break;
+    case table::NIT_ACTUAL:
+      // Deliberate: a PAT may name another PID for the NIT; a NIT that comes there is dropped and its filter stays.
+      if (pid != pid::NIT)
+        break;
+      KLOG(VERB_TRACE, "Scanning NIT same network\n");
+      scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) { parse_section_nit(nit, pid, freq); });
+      break;
+    case table::SDT_ACTUAL:
+      if (pid != pid::SDT)
+        break;
+      KLOG(VERB_TRACE, "Scanning SDT\n");
+      scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) { parse_section_sdt(sdt, freq); });
+      break;
+    case table::TDT:
+      if (pid == pid::TIME)
+        scan_section<TimeAndDateSection>(bytes, [&](auto* tdt) { parse_section_tdt(tdt, freq); });
+      break;
+    case table::TOT:
+      if (pid == pid::TIME)
+        scan_section<TimeOffsetSection>(bytes, [&](auto* tot) { parse_section_tot(tot, freq); });
+      break;
+    default:
+      if (!is_guide(table_id))
+        KLOG(VERB_WARNING, "WARNING: *********   Unreckognized section %x *********  \n", table_id);
+      else if (pid == pid::EIT)
+        scan_section<EventInformationSection>(bytes, [&](auto* eit) {
+          KLOG(VERB_TRACE, "Scanning EIT, section number %d\n", static_cast<int>(eit->getSectionNumber()));
+          if (eit->getCurrentNextIndicator() == 1)
+            parse_section_eit(eit, freq);
+        });
+  }
+}
+
+void Siparse::Parts::parse_descriptor_info(const Descriptor& descriptor, int context) {
+  Scan_rows rows(db_, place(0));
+  Site site{loop_of(context), context, rows, text_, found_by_hand_};
+  parse_descriptor(descriptor, site);
+}
+
+void Siparse::Parts::parse_nit_descriptor_info(const Descriptor& descriptor, int freq, int context, int network_id,
+                                               int ts_id, int orig_network_id) {
+  Scan_rows rows(db_, place(freq));
+  Site site{loop::NETWORK, context, rows, text_, found_by_hand_, network_id, ts_id, orig_network_id};
+  parse_descriptor(descriptor, site);
+}

@@ -1,0 +1,128 @@
+// EIT of the actual multiplex (EN 300 468, 5.2.4): events, and the way from table to table.
+#include <dvbsi++/event_information_section.h>
+
+#include "base/ids.h"
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "filter/section_filter.h"
+#include "si/scan_rows.h"
+#include "si/siparse_parts.h"
+
+namespace {
+
+int seconds_of(unsigned hms_bcd) {
+  return static_cast<int>(Siparse::bcd_to_int(hms_bcd >> 16 & 0xFF) * 3600 +
+                          Siparse::bcd_to_int(hms_bcd >> 8 & 0xFF) * 60 + Siparse::bcd_to_int(hms_bcd & 0xFF));
+}
+
+Event_times times_of(const Event& event) {
+  const int ymd = static_cast<int>(Siparse::mjd_to_bcd(event.getStartTimeMjd()));
+  const int hms = static_cast<int>(event.getStartTimeBcd());
+  return {event.getEventId(),
+          ymd,
+          hms,
+          static_cast<int>(event.getDuration()),
+          Sdbl::ymd_hms_to_tzepoch(ymd, hms),
+          seconds_of(event.getDuration()),
+          event.getRunningStatus(),
+          event.getFreeCaMode()};
+}
+
+}  // namespace
+
+int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
+  filter_.remove_filter_range(pid::EIT, table::EIT_PRESENT_FOLLOWING, table::EIT_SCHEDULE_LAST);
+  filter_.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, freq);
+  guide_.start();
+  return 0;
+}
+
+bool Siparse::Parts::get_eit_info_available() {
+  KLOG(VERB_TRACE, "%d ", static_cast<int>(guide_.seen_once()));
+  return guide_.seen_once();
+}
+
+void Siparse::Parts::parse_section_eit(EventInformationSection* section, int freq) {
+  const int service_id = section->getTableIdExtension();
+  const int table_id = section->getTableId();
+  const auto ts_id = static_cast<unsigned>(section->getTransportStreamId());
+  const auto orig_network_id = static_cast<unsigned>(section->getOriginalNetworkId());
+  const auto segment_last = static_cast<unsigned>(section->getSegmentLastSectionNumber());
+  const auto last_table = static_cast<unsigned>(section->getLastTableId());
+  if (table_id != guide_.table()) {
+    KLOG(VERB_ERROR, "ERROR: \n ##### EIT table current nr is %x, scanned table %x cnt %d#####\n",
+         static_cast<unsigned>(guide_.table()), static_cast<unsigned>(table_id), eit_mismatches_);
+    ++eit_mismatches_;
+    return;
+  }
+  KLOG(VERB_TRACE, "TableNr: %x, TSid %x, ONetID %x, lastsecNr %x, LastTableId %x, service ID %d\n",
+       static_cast<unsigned>(table_id), ts_id, orig_network_id, segment_last, last_table, service_id);
+  if (table_id != table::EIT_PRESENT_FOLLOWING)
+    guide_.note_last_table(service_id, static_cast<int>(last_table));
+  if (section->getEvents()->empty()) {
+    KLOG(VERB_TRACE, "parse_section_eit: event list equal, exiting scan\n");
+    KLOG(VERB_TRACE, "TSid %x, ONetID %x, SecNr %x, lastsecNr %x, LastTableId %x, service ID %d\n", ts_id,
+         orig_network_id, static_cast<unsigned>(section->getSectionNumber()), segment_last, last_table, service_id);
+    guide_.publish_changes();
+    return;
+  }
+
+  Scan_rows rows(db_, place(freq));
+  Found found;
+  bool all_done = false;
+  bool last_section = section->getSectionNumber() == section->getLastSectionNumber();
+  for (const Event* event : *section->getEvents()) {
+    const Event_times times = times_of(*event);
+    SQL_cache* service = guide_.event_arrived(service_id, table_id, freq, last_section, &all_done);
+    if (all_done) {
+      open_next_eit_table(freq);
+      return;
+    }
+    last_section = false;  // counted once a section
+    if (service == nullptr)
+      KLOG(VERB_TRACE, "SC = NULL\n");
+    else if (service->active)
+      KLOG(VERB_TRACE, "Scan not started\n");
+    else if (service->done)
+      KLOG(VERB_TRACE, "Loop is done\n");
+    else
+      store_event(*event, times, service, rows, found);
+  }
+  guide_.publish_changes();
+}
+
+void Siparse::Parts::store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows,
+                                 Found& found) {
+  bool changed = false;
+  bool overlap = false;
+  if (db_.lookup_epg_cache(&service->epg, times.event_id, times.start, times.duration, &changed, &overlap) != 0 ||
+      changed || overlap)
+    return;
+  Event_found& event_found = found.event.emplace();
+  Site site{loop::EVENT, CONTEXT_EVENT, rows, text_, found};
+  for (const Descriptor* descriptor : *event.getDescriptors())
+    parse_descriptor(*descriptor, site);
+  if (rows.event(service->pat_prnr, service, times, &event_found) > 0)
+    guide_.count_stored(service->pat_prnr);
+  // Deliberate: the count is printed at 1, 101, 201, and so on.
+  if (eit_stored_++ % 100 == 0)
+    KLOG(VERB_PROGRESS, "Stored %d EPG entries\n", eit_stored_.load());
+}
+
+void Siparse::Parts::open_next_eit_table(int freq) {
+  const int closed = guide_.table();
+  guide_.close_table();
+  filter_.removefilter(pid::EIT, closed);
+  db_.flush();
+  int next = 0;
+  if (closed == table::EIT_PRESENT_FOLLOWING) {
+    next = table::EIT_SCHEDULE_FIRST;
+    KLOG(VERB_WARNING, "Pres-Following table 4E completed, next table 0x50\n");
+  } else if (closed != table::EIT_SCHEDULE_LAST) {
+    next = closed + 1;
+    KLOG(VERB_WARNING, "**** EIT loop completed, next table %x\n", static_cast<unsigned>(next));
+  }
+  if (next != 0)
+    filter_.addfilter(pid::EIT, next, freq);
+  guide_.enter(next);
+}

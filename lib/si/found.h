@@ -1,0 +1,99 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <string>
+
+#include "db/pmt_subtxt_lang.h"
+#include "si/broadcast_time.h"
+#include "si/eit_lang.h"
+
+// What descriptors say, as values. Handlers (descriptor_handlers.h) fill these records, the parser of the table hands
+// them to the database (scan_rows.h). They live as long as the section that is being read, or shorter.
+
+// One record for each language, in the order in which the languages were met. A list of pointers, because hosts and the
+// database take one. `T` begins with the language's code, `lang`.
+template <typename T>
+class By_language {
+ public:
+  By_language() = default;
+  ~By_language() { clear(); }
+  By_language(const By_language&) = delete;
+  By_language& operator=(const By_language&) = delete;
+
+  // The record of this language; made, with everything else zero, when there is none.
+  T* find_or_make(const std::string& code) {
+    const auto known = std::find_if(list_.begin(), list_.end(), [&](const T* record) { return record->lang == code; });
+    if (known != list_.end())
+      return *known;
+    list_.push_back(new T{});
+    list_.back()->lang = code;
+    return list_.back();
+  }
+  void clear() {
+    for (T* record : list_)
+      delete record;
+    list_.clear();
+  }
+
+  const std::list<T*>& list() const { return list_; }
+  // For who takes the records away: it deletes them and empties the list.
+  std::list<T*>* taken() { return &list_; }
+
+ private:
+  std::list<T*> list_;
+};
+
+struct Ca_found {
+  int system_id = 0;
+  int pid = 0;
+};
+
+// One elementary stream of a PMT.
+struct Stream_found {
+  int32_t subtype = 0;
+  std::string codec;
+  std::string languages;    // ISO 639 codes, each followed by a blank
+  std::string audio_types;  // their numbers, likewise
+  Ca_found ca;
+};
+
+// One event of an EIT; what it has when no descriptor says anything else.
+struct Event_found {
+  std::string content = "0.0.0.0";
+  std::string rating = "0@est";
+  By_language<EIT_lang> texts;
+};
+
+// What the last local time offset did that did anything.
+struct Zone_found {
+  int result = ZONE_UNTOUCHED;
+  int offset_min = 0;
+  std::string country;
+};
+
+// A terrestrial delivery system; numbers as broadcast, but for the frequency.
+struct Delivery_found {
+  int freq = 0;  // Hz
+  int bandwidth = 0;
+  int constellation = 0;
+  int hierarchy = 0;
+  int code_rate_hp = 0;
+  int code_rate_lp = 0;
+  int guard_interval = 0;
+  int transmission_mode = 0;
+};
+
+// What the descriptors of one section have left so far. Each table's parser takes what belongs to it. The rest, from
+// descriptors that stand in the wrong loop, goes with the section.
+struct Found {
+  std::optional<Ca_found> programme_ca;    // of a PMT's programme loop; the last one counts
+  Stream_found stream;                     // the elementary stream at hand
+  By_language<PMT_subtxt_lang> subtitles;  // teletext and subtitling for the next stream that is stored
+  std::optional<Event_found> event;        // the event at hand; made when a descriptor needs it
+  Zone_found zone;
+
+  Event_found& event_at_hand() { return event ? *event : event.emplace(); }
+};

@@ -1,0 +1,34 @@
+// PAT (ISO/IEC 13818-1, 2.4.4.3).
+#include <dvbsi++/program_association_section.h>
+
+#include "base/ids.h"
+#include "base/log.h"
+#include "filter/section_filter.h"
+#include "si/scan_rows.h"
+#include "si/siparse_parts.h"
+
+int Siparse::Parts::parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE stage) {
+  if (section->getSectionNumber() + section->getLastSectionNumber() != 0)
+    KLOG(VERB_ERROR, "ERROR: Fragmented PAT secnr: %d, lastsec %d\n", static_cast<int>(section->getSectionNumber()),
+         static_cast<int>(section->getLastSectionNumber()));
+  int network_pid = pid::NIT;
+  for (const NetworkAssociation* network : *section->getNetworks()) {
+    network_pid = network->getNetworkPid();
+    KLOG(VERB_TRACE, "NetworkPid %d\n", network_pid);
+  }
+  filter_.addfilter(network_pid, table::NIT_ACTUAL, freq);
+
+  Scan_rows rows(db_, place(freq, stage));
+  const int ts_id = section->getTableIdExtension();
+  for (const ProgramAssociation* program : *section->getPrograms()) {
+    const int number = program->getProgramNumber();
+    const int pmt_pid = program->getProgramMapPid();
+    KLOG(VERB_TRACE, "PAT: ProgramNr: %d, ProgramMapPid: %d, ts_id: %d\n", number, pmt_pid, ts_id);
+    rows.programme(number, ts_id, pmt_pid);
+    filter_.addfilter(pmt_pid, table::PMT, freq);
+  }
+  KLOG(VERB_TRACE, "PAT scanned, setting SDT, NIT, PMT\n");
+  filter_.removefilter(pid::PAT, table::PAT);
+  filter_.addfilter(pid::SDT, table::SDT_ACTUAL, freq);
+  return 0;
+}

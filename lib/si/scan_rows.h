@@ -1,0 +1,70 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "si/found.h"
+#include "si/place.h"
+
+class Sdbl;
+struct SQL_cache;
+
+// One event as its EIT section gives it, beside what its descriptors say.
+struct Event_times {
+  int event_id;
+  int ymd_bcd;  // UTC
+  int hms_bcd;
+  int duration_bcd;
+  int start;     // seconds since 1970
+  int duration;  // seconds
+  int running_status;
+  int free_ca_mode;
+};
+
+// Hands what was found at one place to the database. The only code of si/ that turns connector and delivery type into
+// the plain numbers of the database's operations, which take them in different orders. Failures are printed there.
+class Scan_rows {
+ public:
+  Scan_rows(Sdbl& db, const Place& place) : db_(db), place_(place) {}
+
+  const Place& place() const { return place_; }
+
+  // PAT: a programme gets its row.
+  void programme(int number, int ts_id, int pmt_pid);
+
+  // PMT: the row of a programme, 0 when there is none; and one stream of it. Takes the entries of `subtitles` away.
+  int channel_of(int programme, int pcr_pid);
+  void stream(int channel, int pid, int type, const Stream_found& stream, std::list<PMT_subtxt_lang*>* subtitles);
+
+  // NIT: a column of all services of the multiplex; the result is the first one's row.
+  int network(const char* column, int value);
+  void network_name(int network_id, const std::string& name);
+  void network_name(int network_id, const std::string& language, const std::string& name);
+  void channel_number(int ts_id, int orig_network_id, int service_id, int lcn);
+  void delivery(const Delivery_found& delivery);
+
+  // SDT: the row of a service, 0 when the PAT has not named it; its type and names, also in one language; and whether
+  // any service of this frequency still waits for its provider's name.
+  int service(int service_id, int running_status, int free_ca_mode);
+  void service_type(int row, int type);
+  void service_name(int row, const std::string& name);
+  void provider_name(int row, const std::string& name);
+  void service_name(int row, const std::string& language, const std::string& name);
+  void provider_name(int row, const std::string& language, const std::string& name);
+  bool provider_missing();
+
+  // EIT: stores an event of the service of `cache` with its texts. Returns its row, or 0 or less when it was refused.
+  int event(int service_id, SQL_cache* cache, const Event_times& times, Event_found* event);
+
+  // TOT: an offset from UTC in minutes, for this frequency. Returns what became of the system's zone, ZONE_...
+  int local_offset(int freq, int minutes, const std::string& country, int region);
+
+ private:
+  std::string table(const char* base) const;
+  int connector() const { return number(place_.multiplex.input.connector); }
+  int delivery_type() const { return number(place_.multiplex.input.delivery); }
+  int freq() const { return place_.multiplex.freq; }
+
+  Sdbl& db_;
+  const Place place_;
+};

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <time.h>
+
+#include <atomic>
+
+#include "si/broadcast_time.h"
+
+// The system's clock, as far as broadcast time tables set it. Worker-only, but for valid().
+class System_clock {
+ public:
+  // Looks at the clock, which counts as right when it is past 1999, and traces what it found.
+  System_clock();
+
+  // True once the clock is known to be right; never false again. Any-thread.
+  bool valid() const { return valid_; }
+
+  // Sets the clock to a broadcast date and time, UTC, when it is more than 10 s off; it is valid then in any case.
+  // `now` is what it showed when the section came. Everything but frequency and zone of the result is filled.
+  Broadcast_time follow(unsigned mjd, unsigned hms_bcd, time_t now);
+
+ private:
+  std::atomic<bool> valid_;
+};

@@ -1,0 +1,81 @@
+// TDT and TOT (EN 300 468, 5.2.5 and 5.2.6), and the arithmetic of dates.
+#include <time.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include <dvbsi++/time_date_section.h>
+#include <dvbsi++/time_offset_section.h>
+
+#include "base/ids.h"
+#include "base/log.h"
+#include "db/sdbl.h"
+#include "filter/section_filter.h"
+#include "si/siparse_parts.h"
+
+unsigned Siparse::bcd_to_int(unsigned bcd) {
+  return static_cast<unsigned>(Sdbl::bcd_to_int(bcd));
+}
+
+unsigned Siparse::bin_to_bcd(unsigned value) {
+  return Sdbl::bin_to_bcd(value);
+}
+
+unsigned Siparse::mjd_to_bcd(unsigned mjd) {
+  const int y = static_cast<int>((mjd - 15078.2) / 365.25);
+  const int days_of_years = static_cast<int>(y * 365.25);
+  const int m = static_cast<int>((mjd - 14956.1 - days_of_years) / 30.6001);
+  const int day = static_cast<int>(mjd - 14956.0 - days_of_years - static_cast<int>(m * 30.6001));
+  const int k = m == 14 || m == 15 ? 1 : 0;
+  const unsigned year = static_cast<unsigned>(y + k + 1900);
+  const unsigned month = static_cast<unsigned>(m - 1 - 12 * k);
+  return bin_to_bcd(year) << 16 | (bin_to_bcd(month) & 0xFF) << 8 | (bin_to_bcd(static_cast<unsigned>(day)) & 0xFF);
+}
+
+void Siparse::print_gmtime(time_t t) {
+  tm utc{};
+  char text[32];
+  if (gmtime_r(&t, &utc) != nullptr && asctime_r(&utc, text) != nullptr)
+    KLOG(VERB_PROGRESS, "%s", text);
+}
+
+int Siparse::Parts::parse_section_tdt(TimeAndDateSection* section, int freq) {
+  const time_t now = time(nullptr);
+  KLOG(VERB_TRACE, "Time and date section\n");
+  Broadcast_time broadcast = clock_.follow(section->getUtcTimeMjd(), section->getUtcTimeBcd(), now);
+  broadcast.freq = freq;
+  tell(broadcast);
+  return filter_.removefilter(pid::TIME, table::TDT);
+}
+
+int Siparse::Parts::parse_section_tot(TimeOffsetSection* section, int freq) {
+  KLOG(VERB_TRACE, "Time offset section\n");
+  Found found;
+  Scan_rows rows(db_, place(freq));
+  Site site{loop::TIME, freq, rows, text_, found};
+  for (const Descriptor* descriptor : *section->getDescriptors())
+    parse_descriptor(*descriptor, site);
+  // Installing a zone takes its time, so the clock is looked at only now.
+  Broadcast_time broadcast = clock_.follow(section->getUtcTimeMjd(), section->getUtcTimeBcd(), time(nullptr));
+  broadcast.freq = freq;
+  broadcast.zone = found.zone.result;
+  broadcast.offset_min = found.zone.offset_min;
+  (void)std::snprintf(broadcast.country, sizeof broadcast.country, "%s", found.zone.country.c_str());
+  tell(broadcast);
+  return filter_.removefilter(pid::TIME, table::TOT);
+}
+
+void Siparse::Parts::set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data) {
+  const std::lock_guard<std::mutex> lock(listener_lock_);
+  listener_ = {listener, data};
+}
+
+void Siparse::Parts::tell(const Broadcast_time& broadcast) {
+  Time_listener listener;
+  {
+    const std::lock_guard<std::mutex> lock(listener_lock_);
+    listener = listener_;
+  }
+  if (listener.call != nullptr)
+    listener.call(listener.data, broadcast);
+}

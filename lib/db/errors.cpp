@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <cstring>
+
 #include "base/log.h"
 
 using kelvo_log::sql_ok;
@@ -9,8 +11,8 @@ using kelvo_log::sql_ok;
 namespace sdbl {
 
 bool is_file_failure(int rc) {
-  constexpr int PRIMARY_CODE = 0xFF;
-  switch (rc & PRIMARY_CODE) {
+  // The lowest byte of an extended code is the plain one.
+  switch (rc & 0xFF) {
     case SQLITE_BUSY:
     case SQLITE_READONLY:
     case SQLITE_IOERR:
@@ -24,38 +26,38 @@ bool is_file_failure(int rc) {
   }
 }
 
-int Errors::report_exec(int rc, const char* operation, int line) {
+int Errors::report_exec(int rc, Operation operation) {
   if (!sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_exec: %d @ %s line %d\n", rc, operation, line);
-  remember(rc, operation);
+    KLOG(VERB_ERROR, "ERROR: SQL_exec: %d @ %s line %d\n", rc, operation.name, operation.line);
+  remember(rc, operation.name);
   return rc;
 }
 
-int Errors::report_run(int rc, const char* operation, int line) {
+int Errors::report_run(int rc, Operation operation) {
   if (!sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQLite RUN rc %d at %s, %d\n", rc, operation, line);
-  remember(rc, operation);
+    KLOG(VERB_ERROR, "ERROR: SQLite RUN rc %d at %s, %d\n", rc, operation.name, operation.line);
+  remember(rc, operation.name);
   return rc;
 }
 
-int Errors::report_reset(int rc, const char* operation, int line) {
+int Errors::report_reset(int rc, Operation operation) {
   if (rc != SQLITE_OK)
-    KLOG(VERB_ERROR, "ERROR: SQLite reset rc %d at %s, %d\n", rc, operation, line);
-  remember(rc, operation);
+    KLOG(VERB_ERROR, "ERROR: SQLite reset rc %d at %s, %d\n", rc, operation.name, operation.line);
+  remember(rc, operation.name);
   return rc;
 }
 
-int Errors::report_get_int(int rc, const char* operation, int line) {
+int Errors::report_get_int(int rc, Operation operation) {
   if (!sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_get_int: %d @ %s line %d\n", rc, operation, line);
-  remember(rc, operation);
+    KLOG(VERB_ERROR, "ERROR: SQL_get_int: %d @ %s line %d\n", rc, operation.name, operation.line);
+  remember(rc, operation.name);
   return rc;
 }
 
-int Errors::report_get_txt(int rc, const char* operation, int line) {
+int Errors::report_get_txt(int rc, Operation operation) {
   if (!sql_ok(rc))
-    KLOG(VERB_ERROR, "ERROR: SQL_get_txt: %d @ %s, %d\n", rc, operation, line);
-  remember(rc, operation);
+    KLOG(VERB_ERROR, "ERROR: SQL_get_txt: %d @ %s, %d\n", rc, operation.name, operation.line);
+  remember(rc, operation.name);
   return rc;
 }
 
@@ -69,13 +71,17 @@ void Errors::remember_full_guide(const char* operation) {
 }
 
 void Errors::remember(const Database_error& error) {
+  const auto keep_first = [&](Database_error* first) {
+    if (first->code == 0)
+      *first = error;
+    // The statement that found no room was remembered before it was known what that means.
+    if (error.guide_full && first->code == error.code && std::strcmp(first->operation, error.operation) == 0)
+      first->guide_full = true;
+  };
   std::lock_guard<std::mutex> lock(lock_);
-  if (first_.code == 0)
-    first_ = error;
-  for (Database_error& first : first_of_adapter_) {
-    if (first.code == 0)
-      first = error;
-  }
+  keep_first(&first_);
+  for (Database_error& first : first_of_adapter_)
+    keep_first(&first);
 }
 
 bool Errors::first(Database_error* error) const {

@@ -6,19 +6,28 @@
 
 namespace sdbl {
 
+// Where a failure is reported from: the plain name of the operation, a literal, and the line of the source. A bare name
+// takes the line that it stands on.
+struct Operation {
+  constexpr Operation(const char* operation, int at = __builtin_LINE()) : name(operation), line(at) {}
+
+  const char* name;
+  int line;
+};
+
 // The failures of one database: prints those that an operation reports, and remembers the first one that means that a
 // file was not written or not read. Any-thread.
 class Errors {
  public:
-  // Each prints a code that is no success, remembers it when it is a failure of a file, and returns it. `operation` is
-  // the plain name of the public operation, a literal.
-  int report_exec(int rc, const char* operation, int line);
-  int report_run(int rc, const char* operation, int line);
-  int report_reset(int rc, const char* operation, int line);
-  int report_get_int(int rc, const char* operation, int line);
-  int report_get_txt(int rc, const char* operation, int line);
+  // Each prints a code that is no success, remembers it when it is a failure of a file, and returns it.
+  int report_exec(int rc, Operation operation);
+  int report_run(int rc, Operation operation);
+  int report_reset(int rc, Operation operation);
+  int report_get_int(int rc, Operation operation);
+  int report_get_txt(int rc, Operation operation);
 
-  // Remembers without printing. The second form is for an event that was refused because there is no room for it.
+  // Remembers without printing; any other code than a failure of a file is left out. The second form is for an event
+  // that was refused because there is no room for it.
   void remember(int rc, const char* operation);
   void remember_full_guide(const char* operation);
 
@@ -36,7 +45,7 @@ class Errors {
 
   static constexpr int ADAPTERS = 4;
 
-  mutable std::mutex lock_;  // guards what follows; a leaf
+  mutable std::mutex lock_;  // guards what follows; nothing else is locked while it is held
   Database_error first_;
   Database_error first_of_adapter_[ADAPTERS];
 };

@@ -1,21 +1,21 @@
 #include "db/guide_services.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <memory>
 #include <set>
-#include <string>
 #include <string_view>
 #include <utility>
 
 #include "base/log.h"
-#include "db/sdbl.h"
-#include "db/sdbl_internal.h"
+#include "db/epg_cache.h"
+#include "db/sdbl_parts.h"
 
-using sdbl::Db_lock;
+namespace sdbl {
 
 namespace {
+
+// The operation's public name, under which failures are reported.
+constexpr char OPERATION[] = "get_eit_scan_list";
 
 // Lists the television services of a multiplex.
 constexpr std::string_view TELEVISION_SERVICES =
@@ -29,7 +29,7 @@ constexpr int MOST_SERVICE_TYPE = 255;
 
 }  // namespace
 
-void Sdbl::set_eit_service_types(const int* types, int n) {
+void Guide_services::set_types(const int* types, int n) {
   std::set<int> wanted;
   for (int i = 0; types != nullptr && i < n; ++i)
     if (types[i] >= 0 && types[i] <= MOST_SERVICE_TYPE)
@@ -44,56 +44,49 @@ void Sdbl::set_eit_service_types(const int* types, int n) {
     }
     sql += ");";
   }
-  std::lock_guard<std::mutex> settings(settings_lock_);
-  eit_services_sql_ = std::move(sql);
+  std::lock_guard<std::mutex> lock(lock_);
+  sql_ = std::move(sql);
 }
 
-// The stored events of a service, sorted by start.
-void Sdbl::read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg) {
-  Db_lock lock(db);
-  sqlite3_stmt* stmt = sql_cache(
-      false, dvbnr, "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1;", channel);
-  if (stmt == nullptr)
-    return;
-  while (sqlite3_step(stmt) == SQLITE_ROW) {
-    auto event = std::make_unique<EPG_cache>(
-        EPG_cache{sqlite3_column_int(stmt, 1), sqlite3_column_int(stmt, 0), sqlite3_column_int(stmt, 2)});
-    epg->push_back(event.get());
+std::vector<EPG_cache*> Guide_services::stored_events(int dvbnr, int channel) const {
+  std::vector<EPG_cache*> events;
+  Rows rows(statements_, OPERATION, dvbnr,
+            "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1;", channel);
+  while (rows.next()) {
+    auto event = std::make_unique<EPG_cache>(EPG_cache{rows.number(1), rows.number(0), rows.number(2)});
+    events.push_back(event.get());
     (void)event.release();  // the vector's owner has it
   }
-  parts_->errors.report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
-  std::sort(epg->begin(), epg->end(), cmp_epg_cache);
+  rows.end();
+  std::sort(events.begin(), events.end(), cmp_epg_cache);
+  return events;
 }
 
-std::vector<sdbl::Guide_service> Sdbl::Parts::guide_services(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
+std::vector<Guide_service> Guide_services::list(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) const {
   if (state != SCAN_EIT)
     KLOG(VERB_ERROR,
          "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using this "
          "table\n");
   std::string sql;
   {
-    std::lock_guard<std::mutex> settings(shell.settings_lock_);
-    sql = shell.eit_services_sql_;
+    std::lock_guard<std::mutex> lock(lock_);
+    sql = sql_;
   }
-  std::vector<sdbl::Guide_service> services;
-  {
-    Db_lock lock(shell.db);
-    sqlite3_stmt* stmt = shell.sql_cache(false, dvbnr, sql.c_str(), number(multiplex.input.connector),
-                                         number(multiplex.input.delivery), multiplex.freq);
-    if (stmt == nullptr)
-      return services;
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-      const int pmt_pid = sqlite3_column_int(stmt, 3) != 0 ? sqlite3_column_int(stmt, 1) : 0;
-      services.push_back({sqlite3_column_int(stmt, 0), pmt_pid, sqlite3_column_int(stmt, 2), {}});
-    }
-    errors.report_reset(sqlite3_reset(stmt), "get_eit_scan_list", __LINE__);
+  std::vector<Guide_service> services;
+  Rows rows(statements_, OPERATION, dvbnr, Runtime_sql{sql.c_str()}, number(multiplex.input.connector),
+            number(multiplex.input.delivery), multiplex.freq);
+  while (rows.next()) {
+    const int pmt_pid = rows.number(3) != 0 ? rows.number(1) : 0;
+    services.push_back({rows.number(0), pmt_pid, rows.number(2), {}});
   }
-  for (sdbl::Guide_service& service : services)
-    shell.read_epg_cache(dvbnr, service.channel, &service.epg);
+  rows.end();
+  for (Guide_service& service : services)
+    service.epg = stored_events(dvbnr, service.channel);
   return services;
 }
 
-std::vector<sdbl::Guide_service> sdbl::guide_services(Sdbl& db, int dvbnr, const Multiplex& multiplex,
-                                                      SCAN_STATE state) {
-  return db.parts().guide_services(dvbnr, multiplex, state);
+std::vector<Guide_service> guide_services(Sdbl& db, int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
+  return db.parts().guide_services.list(dvbnr, multiplex, state);
 }
+
+}  // namespace sdbl

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "base/multiplex.h"
 #include "base/types.h"
+#include "db/statements.h"
 
 class Sdbl;
 struct EPG_cache;
@@ -22,5 +25,24 @@ struct Guide_service {
 // state but SCAN_EIT prints an error, and the list is built all the same. Empty, printed, when the database fails.
 // Worker-only: `dvbnr` is the adapter's number.
 std::vector<Guide_service> guide_services(Sdbl& db, int dvbnr, const Multiplex& multiplex, SCAN_STATE state);
+
+// Which services these are.
+class Guide_services {
+ public:
+  explicit Guide_services(const Statements& statements) : statements_(statements) { set_types(nullptr, 0); }
+
+  // Sdbl::set_eit_service_types. Any-thread.
+  void set_types(const int* types, int n);
+
+  // guide_services() above.
+  std::vector<Guide_service> list(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) const;
+
+ private:
+  std::vector<EPG_cache*> stored_events(int dvbnr, int channel) const;
+
+  const Statements& statements_;
+  mutable std::mutex lock_;  // guards the text
+  std::string sql_;          // the query, with the types in it
+};
 
 }  // namespace sdbl

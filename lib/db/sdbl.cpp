@@ -1,182 +1,68 @@
+// The public shell: each operation stands in one of the parts.
 #include "db/sdbl.h"
 
-#include <sqlite3.h>
-#include <time.h>
-
+#include <cstdarg>
 #include <cstring>
 
-#include "base/log.h"
-#include "db/sdbl_files.h"
-#include "db/sdbl_internal.h"
-
-using kelvo_log::sql_ok;
-using sdbl::Db_lock;
+#include "db/merge.h"
+#include "db/sdbl_parts.h"
+#include "db/shell_files.h"
+#include "db/times.h"
 
 namespace {
 
-constexpr size_t PATH_SIZE = 4096;
-constexpr int DAY_S = 24 * 60 * 60;
-constexpr int CLOSE_ATTEMPTS = 5;
-constexpr int CLOSE_PAUSE_MS = 10;
-constexpr int OPEN_FLAGS = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-
-const char* const PRAGMAS[] = {
-    "PRAGMA max_page_count=8000;",   "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
-    "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;",
-};
-
-// The fixed settings of the attached file; the ones above reach the main file only.
-const char* const ATTACHED_PRAGMAS[] = {
-    "PRAGMA epg_db.journal_mode = OFF;",
-    "PRAGMA epg_db.synchronous = OFF;",
-    "PRAGMA epg_db.max_page_count=8000;",
-};
-
-// The pragma before "synchronous" writes to the file, which without this waits for the disk, up to seconds on a busy
-// one. What cannot be set now (the file is locked or damaged) shows itself at the pragmas.
-void never_wait_for_disk(sqlite3* conn) {
-  (void)sqlite3_exec(conn, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+Multiplex multiplex(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {
+  return Multiplex{Input{Connector{hf_conn}, Delivery{dvb_type}}, freq};
 }
 
 }  // namespace
 
-Sdbl::Sdbl(const char* db_file)
-    : parts_(std::make_unique<Parts>(*this)),
-      db_name(db_file != nullptr ? db_file : ""),
-      db(nullptr),
-      epg_cache_hits_(0),
-      epg_cache_misses_(0),
-      epg_max_age(DAY_S) {
-  const std::string epg_file = sdbl::epg_file_of(db_name);
-  if (db_name.size() >= PATH_SIZE || epg_file.size() >= PATH_SIZE)
-    throw no_file_error("Unable to open file");
+// --- Files
 
-  KLOG(VERB_PROGRESS, "Kelvo DVB-T si parser ver. %3.1f\n", sdbl::REVISION);
-  KLOG(VERB_TRACE, "DEBUG issue, SQL_TIMEOUT is %d msec\n", sdbl::SQL_TIMEOUT_MS);
-  KLOG(VERB_TRACE, "Opening dvb info database in %s, len %d, out %s\n", db_name.c_str(),
-       static_cast<int>(db_name.size()), db_name.c_str());
-  KLOG(VERB_INFO, "Setting shared cache mode for database open calls\n");
-  open_db();
-  if (sqlite3_threadsafe() != 0)
-    KLOG(VERB_INFO, "SQLITE library in thread-safe mode\n");
-  else
-    KLOG(VERB_ERROR, "ERROR: SQLITE database compiled in single-threaded mode\n");
-
-  try {
-    create_channel_tables();
-    create_epg_file(epg_file);
-    attach_epg_file(epg_file);
-  } catch (...) {
-    (void)sqlite3_close(db);  // no statement is open yet
-    throw;
-  }
-  preferred_provider = "levira";
-  set_eit_service_types(nullptr, 0);
+Sdbl::Sdbl(const char* db_file) : parts_(std::make_unique<Parts>(db_file != nullptr ? db_file : "")) {
+  parts_->opening.open_files();
 }
 
 Sdbl::~Sdbl() {
-  free_prepared_queries();
-  close_db();
-  for (sqlite3* conn : replaced_) {
-    while (sqlite3_stmt* stmt = sqlite3_next_stmt(conn, nullptr))
-      (void)sqlite3_finalize(stmt);  // repeats the code of the last step
-    (void)sqlite3_close(conn);       // nobody is left to be told
-  }
-}
-
-void Sdbl::apply_pragmas(sqlite3* conn) {
-  for (const char* pragma : PRAGMAS)
-    parts_->errors.report_exec(sql_exec(conn, pragma), "open_db", __LINE__);
-}
-
-// Creates the guide file and its tables through a connection of its own, which is closed again.
-void Sdbl::create_epg_file(const std::string& epg_file) {
-  sqlite3* conn = nullptr;
-  if (sqlite3_open_v2(epg_file.c_str(), &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
-    KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", epg_file.c_str(), sqlite3_errmsg(conn));
-    (void)sqlite3_close(conn);  // a handle that failed to open
-    // Deliberate: the %s stays in the exception's text.
-    throw no_file_error("Unable to open epg file %s");
-  }
-  (void)sqlite3_extended_result_codes(conn, 1);
-  never_wait_for_disk(conn);
-  (void)sqlite3_busy_timeout(conn, sdbl::SQL_TIMEOUT_MS);
-  apply_pragmas(conn);
-  create_epg_tables(conn);
-  if (sqlite3_close(conn) != SQLITE_OK)
-    KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close epg database, error %s\n", sqlite3_errmsg(conn));
-}
-
-void Sdbl::attach_epg_file(const std::string& epg_file) {
-  const int rc = sql_exec(db, "ATTACH DATABASE %Q as %s;", epg_file.c_str(), sdbl::EPG_SCHEMA);
-  if (!sql_ok(rc)) {
-    KLOG(VERB_ERROR, "ERROR: Failed to attach epg database %s, rc = %d\n", epg_file.c_str(), rc);
-    return;
-  }
-  for (const char* pragma : ATTACHED_PRAGMAS)
-    parts_->errors.report_exec(sql_exec(db, pragma), "Sdbl", __LINE__);
+  parts_->cache.free();
+  parts_->opening.close();
 }
 
 int Sdbl::open_db() {
-  if (db != nullptr) {
-    KLOG(VERB_ERROR, "ERROR: sdbl: opening already opened database\n");
-    forget_statements();
-    replaced_.push_back(db);
-  }
-  KLOG(VERB_TRACE, "Opendb ");
-  {
-    std::lock_guard<std::mutex> opening(open_lock);
-    sqlite3* conn = nullptr;
-    if (sqlite3_open_v2(db_name.c_str(), &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
-      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", db_name.c_str(), sqlite3_errmsg(conn));
-      (void)sqlite3_close(conn);  // a handle that failed to open
-      db = nullptr;
-      throw no_file_error("Unable to open file");
-    }
-    (void)sqlite3_extended_result_codes(conn, 1);
-    never_wait_for_disk(conn);
-    db = conn;
-  }
-  (void)sqlite3_busy_timeout(db, sdbl::SQL_TIMEOUT_MS);
-  KLOG(VERB_TRACE, "opendone\n");
-  apply_pragmas(db);
+  parts_->opening.open();
   return 1;
 }
 
-// Empties the slots of the statement cache: its statements are ended, or belong to a connection that is left behind.
-void Sdbl::forget_statements() {
-  std::lock_guard<std::mutex> cache(cache_lock_);
-  for (SQL_query* query : queries_)
-    for (sqlite3_stmt*& stmt : query->stmt)
-      stmt = nullptr;
+void Sdbl::close_db() {
+  parts_->opening.close();
 }
 
-void Sdbl::close_db() {
-  if (db == nullptr) {
-    KLOG(VERB_ERROR, "ERROR: Closing closed db");
-    return;
-  }
-  KLOG(VERB_TRACE, "Closing db ");
-  {
-    std::lock_guard<std::mutex> closing(open_lock);
-    while (sqlite3_stmt* stmt = sqlite3_next_stmt(db, nullptr)) {
-      KLOG(VERB_WARNING, "WARNING: Open statement in close db\n");
-      (void)sqlite3_finalize(stmt);  // repeats the code of the last step
-    }
-    forget_statements();
+bool Sdbl::db_opened() const {
+  return parts_->connection.get() != nullptr;
+}
 
-    const int rc = parts_->errors.report_exec(sql_exec(db, "DETACH DATABASE %s;", sdbl::EPG_SCHEMA), SDBL_HERE);
-    // Deliberate: codes 0 and 100 are complained about, too.
-    if (rc != SQLITE_DONE)
-      KLOG(VERB_ERROR, "ERROR: Failed to detach epg info database, rc = %d\n", rc);
+void Sdbl::flush() {
+  parts_->opening.flush();
+}
 
-    for (int attempt = 1; attempt <= CLOSE_ATTEMPTS && sqlite3_close(db) != SQLITE_OK; ++attempt) {
-      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close database %s, error %s\n", db_name.c_str(), sqlite3_errmsg(db));
-      (void)sqlite3_sleep(CLOSE_PAUSE_MS);
-    }
-  }
-  KLOG(VERB_TRACE, "cldone\n");
-  db = nullptr;
+void Sdbl::create_temp_tables(int n) {
+  parts_->scan_tables.create_temp_tables(n);
+}
+
+void Sdbl::clear_temp_tables(int n) {
+  parts_->scan_tables.clear_temp_tables(n);
+}
+
+int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
+  return parts_->guide_room.remove_old_entries(age_sec, vacuum);
+}
+
+void Sdbl::backup_database(bool) {
+  parts_->exports.export_guide();
+}
+
+void Sdbl::backup_channel_database(const char* file) {
+  parts_->exports.export_channels(file);
 }
 
 bool Sdbl::first_error(Database_error* error) const {
@@ -187,72 +73,256 @@ void Sdbl::forget_errors() {
   parts_->errors.forget();
 }
 
-bool Sdbl::db_opened() const {
-  return db != nullptr;
-}
-
-void Sdbl::flush() {
-  KLOG(VERB_PROGRESS, "Flushing\n");
-  if (db == nullptr)
-    KLOG(VERB_ERROR, "ERROR: Flushing closed handle\n");
-  else
-    KLOG(VERB_TRACE, "Fldone\n");
-}
-
-void Sdbl::create_temp_tables(int n) {
-  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_scan_%d;", n), SDBL_HERE);
-  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS kanalid_lang_scan_%d;", n), SDBL_HERE);
-  parts_->errors.report_exec(sql_exec(db, "DROP TABLE IF EXISTS estreams_scan_%d", n), SDBL_HERE);
-
-  char name[32];
-  (void)snprintf(name, sizeof name, "kanalid_scan_%d", n);
-  create_table_kanalid(name, true);
-  (void)snprintf(name, sizeof name, "kanalid_lang_scan_%d", n);
-  create_table_kanalid_lang(name, true);
-  (void)snprintf(name, sizeof name, "estreams_scan_%d", n);
-  create_table_estreams(name, true);
-}
-
-void Sdbl::clear_temp_tables(int n) {
-  parts_->errors.report_exec(sql_exec(db, "DELETE FROM estreams_scan_%d;", n), SDBL_HERE);
-  parts_->errors.report_exec(sql_exec(db, "DELETE FROM kanalid_scan_%d;", n), SDBL_HERE);
-  parts_->errors.report_exec(sql_exec(db, "DELETE FROM kanalid_lang_scan_%d;", n), SDBL_HERE);
-}
-
-int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
-  const int oldest = sdbl::saturated(int64_t{time(nullptr)} - age_sec);
-  std::vector<int> entries;
-  {
-    Db_lock lock(db);
-    sqlite3_stmt* stmt = sql_cache(false, 0, "SELECT entry from epglist where start_epoch < $start_epoch", oldest);
-    if (stmt != nullptr) {
-      while (sqlite3_step(stmt) == SQLITE_ROW)
-        entries.push_back(sqlite3_column_int(stmt, 0));
-      parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
-    }
-  }
-  int removed = 0;
-  for (const int entry : entries) {
-    removed += run_cached(0, "DELETE from epglist where entry = $entry", entry).changes;
-    removed += run_cached(0, "DELETE from epglist_lang where source_oid = $entry", entry).changes;
-  }
-  if (vacuum)
-    (void)run_cached(0, "VACUUM");  // a failure is printed there
-  return removed;
-}
-
 void Sdbl::set_backup_file_name(const char* file) {
-  std::lock_guard<std::mutex> settings(settings_lock_);
-  backup_file_name = file != nullptr ? file : "";
+  parts_->exports.set_guide_target(file);
 }
 
 void Sdbl::set_preferred_provider(const char* name) {
-  std::lock_guard<std::mutex> settings(settings_lock_);
-  preferred_provider = name != nullptr ? name : "";
+  parts_->zone.set_preferred_provider(name);
 }
 
 char* Sdbl::mapto_epg_filename(char* out, const char* path) {
   const std::string file = sdbl::epg_file_of(path);
   std::memcpy(out, file.c_str(), file.size() + 1);
   return out;
+}
+
+// --- Tables
+
+void Sdbl::create_table_kanalid(const char* name, bool temp) {
+  parts_->schema.create_table_kanalid(name, temp);
+}
+
+void Sdbl::create_table_kanalid_lang(const char* name, bool temp) {
+  parts_->schema.create_table_kanalid_lang(name, temp);
+}
+
+void Sdbl::create_table_estreams(const char* name, bool temp) {
+  parts_->schema.create_table_estreams(name, temp);
+}
+
+// --- Statements
+
+int Sdbl::sql_exec(sqlite3* conn, const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  const int rc = parts_->sql.exec_v(__func__, conn, fmt, arguments);
+  va_end(arguments);
+  return rc;
+}
+
+int Sdbl::sql_get_int(int* out, int col, const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  const int rc = parts_->sql.get_int_v(__func__, out, col, fmt, arguments);
+  va_end(arguments);
+  return rc;
+}
+
+int Sdbl::sql_get_txt(std::string* out, int col, const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  const int rc = parts_->sql.get_txt_v(__func__, out, col, fmt, arguments);
+  va_end(arguments);
+  return rc;
+}
+
+bool Sdbl::sql_row_exists(const char* fmt, ...) {
+  va_list arguments;
+  va_start(arguments, fmt);
+  const bool exists = parts_->sql.row_exists_v(fmt, arguments);
+  va_end(arguments);
+  return exists;
+}
+
+sqlite3_stmt* Sdbl::sql_cache(bool run, int instance, const char* sql, ...) {
+  sdbl::Db_lock lock(parts_->connection);
+  va_list arguments;
+  va_start(arguments, sql);
+  sqlite3_stmt* stmt = parts_->cache.bind_v(__func__, instance, sql, arguments);
+  va_end(arguments);
+  if (stmt != nullptr && run)
+    (void)parts_->cache.run(__func__, stmt, sql);  // a failed run is printed, and the statement is good for the next
+  return stmt;
+}
+
+SQL_query* Sdbl::lookup_insert_sql_query(const char* sql, int instance) {
+  return parts_->cache.lookup(__func__, instance, sql);
+}
+
+void Sdbl::check_cached_queries() {
+  parts_->cache.reset();
+}
+
+void Sdbl::free_prepared_queries() {
+  parts_->cache.free();
+}
+
+// --- Times
+
+unsigned Sdbl::bin_to_bcd(unsigned value) {
+  return sdbl::bin_to_bcd(value);
+}
+
+int Sdbl::bcd_to_int(unsigned bcd) {
+  return sdbl::bcd_to_int(bcd);
+}
+
+int Sdbl::ymd_hms_to_tzepoch(int ymd_bcd, int hms_bcd) {
+  return sdbl::ymd_hms_to_tzepoch(ymd_bcd, hms_bcd);
+}
+
+int Sdbl::usec_to_now(const timespec* start) {
+  return sdbl::usec_to_now(start);
+}
+
+void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
+                                  HF_CONN_ID hf_conn, int freq) {
+  parts_->zone.update(offset_min, zone_name, zone_nr, multiplex(dvb_type, hf_conn, freq));
+}
+
+// --- Writing what a scan finds
+
+int Sdbl::pat_for_network(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int ts_id,
+                          int pmt_pid) {
+  return parts_->scan_tables.pat_for_network(dvbnr, multiplex(dvb_type, hf_conn, freq), pat_prnr, ts_id, pmt_pid);
+}
+
+int Sdbl::sdt_for_service(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int run_status,
+                          int free_ca) {
+  return parts_->scan_tables.sdt_for_service(dvbnr, multiplex(dvb_type, hf_conn, freq), pat_prnr, run_status, free_ca);
+}
+
+int Sdbl::pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int es_subtype, const char* codec,
+                          const char* languages, const char* lang_codes, int ca_sysid, int ca_pid,
+                          std::list<PMT_subtxt_lang*>* subtxt) {
+  return parts_->scan_tables.pmt_for_service(dvbnr, channel, es_pid, es_type, es_subtype, codec, languages, lang_codes,
+                                             ca_sysid, ca_pid, subtxt);
+}
+
+int Sdbl::pmt_channel_number(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr, int pcr_pid,
+                             SCAN_STATE state) {
+  return parts_->scan_tables.pmt_channel_number(dvbnr, multiplex(dvb_type, hf_conn, freq), pat_prnr, pcr_pid, state);
+}
+
+int Sdbl::nit_for_network(int dvbnr, int dvb_type, int hf_conn, int freq, const char* column, int value) {
+  return parts_->scan_tables.nit_for_network(dvbnr, multiplex(dvb_type, hf_conn, freq), column, value);
+}
+
+int Sdbl::nit_lcn(int dvbnr, int dvb_type, int hf_conn, int ts_id, int onet_id, int serv_id, int lcn) {
+  return parts_->scan_tables.nit_lcn(dvbnr, Input{Connector{hf_conn}, Delivery{dvb_type}}, ts_id, onet_id, serv_id,
+                                     lcn);
+}
+
+int Sdbl::nit_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int netid, const char* name) {
+  return parts_->scan_tables.nit_network_name(dvbnr, multiplex(dvb_type, hf_conn, freq), netid, name);
+}
+
+int Sdbl::nit_multilingual_network_name(int dvbnr, int dvb_type, int hf_conn, int freq, int net_id, const char* lang,
+                                        const char* name) {
+  return parts_->scan_tables.nit_multilingual_network_name(dvbnr, multiplex(dvb_type, hf_conn, freq), net_id, lang,
+                                                           name);
+}
+
+int Sdbl::append_table_oid(int oid, const char* table, const char* column, const char* text) {
+  return parts_->channel_list.append_table_oid(oid, table, column, text);
+}
+
+int Sdbl::modify_table_oid(int oid, const char* table, const char* column, const char* text) {
+  return parts_->channel_list.modify_table_oid(oid, table, column, text);
+}
+
+int Sdbl::modify_table_oid(int oid, const char* table, const char* column, int value) {
+  return parts_->channel_list.modify_table_oid(oid, table, column, value);
+}
+
+int Sdbl::append_lang_table_oid(int source_oid, const char* table, const char* lang, const char* column,
+                                const char* text) {
+  return parts_->channel_list.append_lang_table_oid(source_oid, table, lang, column, text);
+}
+
+int Sdbl::modify_lang_table_oid(int source_oid, const char* table, const char* lang, const char* column,
+                                const char* text) {
+  return parts_->channel_list.modify_lang_table_oid(source_oid, table, lang, column, text);
+}
+
+// --- Reading the channel list
+
+int Sdbl::get_pat_prnr(int channel, int freq) {
+  return parts_->channel_list.get_pat_prnr(channel, freq);
+}
+
+int Sdbl::get_freq(int channel) {
+  return parts_->channel_list.get_freq(channel);
+}
+
+std::string* Sdbl::get_serv_name(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, int pat_prnr) {
+  return parts_->channel_list.get_serv_name(multiplex(dvb_type, hf_conn, freq), pat_prnr).release();
+}
+
+int Sdbl::fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids) {
+  return parts_->channel_list.fill_pids_for_channel(channel, pids);
+}
+
+// --- Tuning parameters
+
+int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, int bandwidth, int constellation,
+                                 int hierarchy, int code_rate_hp, int code_rate_lp, int guard_interval,
+                                 int transmission_mode) {
+  return parts_->tuner_table.terrestrial_tuner_info(
+      multiplex(type, connector, freq),
+      {bandwidth, constellation, hierarchy, code_rate_hp, code_rate_lp, guard_interval, transmission_mode});
+}
+
+int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, dvb_frontend_parameters* out) {
+  return parts_->tuner_table.fill_frontend_control(multiplex(type, connector, freq), out);
+}
+
+// --- Merging a finished scan
+
+int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state) {
+  return sdbl::Merge(parts_->statements, dvbnr, multiplex(dvb_type, hf_conn, freq)).run(state);
+}
+
+int Sdbl::set_master_scan_timeout(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {
+  return sdbl::set_master_scan_timeout(parts_->statements, multiplex(dvb_type, hf_conn, freq));
+}
+
+// --- Programme guide
+
+int Sdbl::lookup_epg_cache(std::vector<EPG_cache*>* cache, int ev_id, int start_epoch, int dur_sec, bool* changed,
+                           bool* overlap) {
+  return parts_->event_cache.lookup(cache, ev_id, start_epoch, dur_sec, changed, overlap);
+}
+
+int Sdbl::epg_cache_binary_search(std::vector<EPG_cache*>* cache, int t) {
+  return sdbl::Event_cache::search(*cache, t);
+}
+
+int Sdbl::eit_for_service(DVB_TYPE_ID, HF_CONN_ID, int freq, int pat_prnr, SQL_cache* sc, int ymd_bcd, int hms_bcd,
+                          int dur_bcd, long start_epoch, int dur_sec, int run_status, int free_ca, int ev_id,
+                          std::string* content, std::string* rating, bool replace, bool overlapping) {
+  const sdbl::Event_row event{sc->channel, ymd_bcd, hms_bcd,  sdbl::saturated(start_epoch),
+                              dur_bcd,     dur_sec, *content, *rating,
+                              run_status,  free_ca, ev_id,    pat_prnr};
+  return parts_->guide.eit_for_service(event, freq, &sc->epg, replace, overlapping);
+}
+
+int Sdbl::insert_epglist_lang(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,
+                              const char* ext_desc, const char* ext_list) {
+  return parts_->guide.insert_epglist_lang(source_oid, lang, ev_name, ev_desc, ext_desc, ext_list);
+}
+
+int Sdbl::delete_epglist_range(int channel, int start_epoch, int end_epoch, bool trace, SQL_cache* sc) {
+  return parts_->guide.delete_epglist_range(channel, start_epoch, end_epoch, trace, &sc->epg);
+}
+
+int Sdbl::eit_info_available(int channel) {
+  return parts_->guide.eit_info_available(channel);
+}
+
+// --- Services whose guide is collected; the list of them is made in eit_scan_list.cpp
+
+void Sdbl::set_eit_service_types(const int* types, int n) {
+  parts_->guide_services.set_types(types, n);
 }

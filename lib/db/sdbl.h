@@ -1,11 +1,7 @@
 #pragma once
 
-#include <atomic>
-#include <cstdarg>
-#include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -308,64 +304,4 @@ class KELVO_EXPORT Sdbl {
 
  private:
   std::unique_ptr<Parts> parts_;
-  // What one execution of a cached statement did, read before another thread's statement could change it.
-  struct Run {
-    int result;   // 0, or 1 when the cache gave no statement
-    int changes;  // rows changed; 0 when the step failed
-    int rowid;    // the connection's last inserted row
-    bool done;    // the step succeeded
-  };
-  Run run_cached(int instance, const char* sql, ...);
-  sqlite3_stmt* bind_cached(int instance, const char* sql, va_list arguments);
-  bool step_cached(sqlite3_stmt* stmt, const char* sql);
-  // Binds like sql_cache, steps once, and returns column 0 of the row as a number; 0 without one.
-  int first_number(const char* operation, int line, int instance, const char* sql, ...);
-
-  void apply_pragmas(sqlite3* conn);
-  void create_channel_tables();
-  void create_epg_tables(sqlite3* conn);
-  void create_epg_file(const std::string& epg_file);
-  void attach_epg_file(const std::string& epg_file);
-  bool begin_missing_table(sqlite3* conn, const char* probe);
-  void commit_table(sqlite3* conn);
-  void forget_statements();
-
-  struct Merge;
-  struct Scanned_service;
-  bool merge_services(Merge* merge);
-  int merge_service(Merge* merge, const Scanned_service& service, int previous_channel);
-  void confirm_channel(Merge* merge, int channel);
-  int add_channel(Merge* merge, int scan_oid);
-  void merge_streams(Merge* merge);
-  void merge_streams_of_channel(Merge* merge, int channel);
-
-  void trace_deleted_event(int oid, int start_epoch, int dur_sec);
-  // True when the guide file can take `needed` more pages. When it cannot, old events are removed first.
-  bool guide_has_room(int needed);
-  void forget_event(std::vector<EPG_cache*>* cache, int start_epoch, int dur_sec);
-  void read_epg_cache(int dvbnr, int channel, std::vector<EPG_cache*>* epg);
-
-  std::string db_name;
-  sqlite3* db;                      // null while closed
-  std::mutex second_lock;           // held by the writers that step one statement several times
-  std::mutex open_lock;             // held while the connection is opened or closed
-  std::vector<sqlite3*> replaced_;  // connections that open_db() found still open
-
-  std::atomic<unsigned> epg_cache_hits_;
-  std::atomic<unsigned> epg_cache_misses_;
-
-  std::mutex cache_lock_;  // guards the vector; a leaf, nothing else is locked while it is held
-  std::vector<SQL_query*> queries_;
-
-  int epg_max_age;  // seconds
-
-  // Guarded by the connection's mutex.
-  int64_t guide_room_ = 0;            // pages of the guide file that were left when it was looked at
-  int64_t guide_room_looked_ = 0;     // when that was, seconds since 1970
-  unsigned guide_pages_written_ = 0;  // and how many pages the connection had written by then
-
-  std::mutex settings_lock_;      // guards what follows
-  std::string eit_services_sql_;  // lists the services whose guide is collected
-  std::string preferred_provider;
-  std::string backup_file_name;
 };

@@ -1,19 +1,46 @@
 #pragma once
 
-#include <vector>
+#include <string>
+#include <utility>
 
-#include "base/multiplex.h"
+#include "db/channel_list.h"
+#include "db/connection.h"
 #include "db/errors.h"
+#include "db/event_cache.h"
+#include "db/exports.h"
+#include "db/guide.h"
+#include "db/guide_room.h"
 #include "db/guide_services.h"
+#include "db/one_shot.h"
+#include "db/opening.h"
+#include "db/scan_tables.h"
+#include "db/schema.h"
 #include "db/sdbl.h"
+#include "db/statement_cache.h"
+#include "db/statements.h"
+#include "db/tuner_table.h"
+#include "db/zone.h"
 
-// What stands behind an Sdbl; not installed.
+// What stands behind an Sdbl, each part after those that it uses. Inside the library, connector and delivery type
+// travel as types of their own; the operations of Sdbl are where the plain numbers end.
 class Sdbl::Parts {
  public:
-  explicit Parts(Sdbl& owner) : shell(owner) {}
+  explicit Parts(std::string file) : connection(std::move(file)) {}
 
-  std::vector<sdbl::Guide_service> guide_services(int dvbnr, const Multiplex& multiplex, SCAN_STATE state);
-
-  Sdbl& shell;
   sdbl::Errors errors;
+  sdbl::Connection connection;
+  sdbl::One_shot sql{connection, errors};
+  sdbl::Statement_cache cache{connection, errors};
+  sdbl::Statements statements{connection, cache, errors};
+  sdbl::Schema schema{connection, sql};
+  sdbl::Opening opening{connection, sql, cache, schema};
+  sdbl::Scan_tables scan_tables{connection, sql, statements, schema};
+  sdbl::Channel_list channel_list{sql, statements};
+  sdbl::Tuner_table tuner_table{connection, statements};
+  sdbl::Zone zone{statements};
+  sdbl::Guide_room guide_room{connection, sql, statements};
+  sdbl::Event_cache event_cache;
+  sdbl::Guide guide{connection, sql, statements, guide_room, errors};
+  sdbl::Guide_services guide_services{statements};
+  sdbl::Exports exports{connection, sql, guide_room};
 };

@@ -1,20 +1,25 @@
 list(APPEND KELVO_SOURCES
-  db/errors.cpp
-  db/guide_services.cpp
-  db/sdbl.cpp
-  db/sdbl_backup.cpp
+  db/channel_list.cpp
+  db/connection.cpp
   db/eit_scan_list.cpp
-  db/sdbl_epg.cpp
-  db/sdbl_files.cpp
-  db/sdbl_merge.cpp
-  db/sdbl_room.cpp
-  db/sdbl_rows.cpp
-  db/sdbl_scan.cpp
-  db/sdbl_schema.cpp
-  db/sdbl_sql.cpp
-  db/sdbl_time.cpp
-  db/sdbl_timezone.cpp
-  db/sdbl_tuner.cpp
+  db/errors.cpp
+  db/event_cache.cpp
+  db/exports.cpp
+  db/guide.cpp
+  db/guide_room.cpp
+  db/guide_services.cpp
+  db/merge.cpp
+  db/one_shot.cpp
+  db/opening.cpp
+  db/scan_tables.cpp
+  db/schema.cpp
+  db/sdbl.cpp
+  db/shell_files.cpp
+  db/statement_cache.cpp
+  db/statements.cpp
+  db/times.cpp
+  db/tuner_table.cpp
+  db/zone.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h

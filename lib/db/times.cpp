@@ -1,3 +1,5 @@
+#include "db/times.h"
+
 #include <time.h>
 
 #include <algorithm>
@@ -5,7 +7,8 @@
 #include <limits>
 
 #include "base/log.h"
-#include "db/sdbl.h"
+
+namespace sdbl {
 
 namespace {
 
@@ -16,21 +19,21 @@ constexpr int MOST_SECONDS = 3000;  // more microseconds than an int holds
 
 }  // namespace
 
-unsigned Sdbl::bin_to_bcd(unsigned value) {
+unsigned bin_to_bcd(unsigned value) {
   unsigned bcd = 0;
   for (int digit = 0; digit < DIGITS; ++digit, value /= 10)
     bcd |= value % 10 << (4 * digit);
   return bcd;
 }
 
-int Sdbl::bcd_to_int(unsigned bcd) {
+int bcd_to_int(unsigned bcd) {
   int value = 0;
   for (int digit = DIGITS - 1; digit >= 0; --digit)
     value = value * 10 + static_cast<int>(bcd >> (4 * digit) & 0xF);
   return value;
 }
 
-int Sdbl::ymd_hms_to_tzepoch(int ymd_bcd, int hms_bcd) {
+int ymd_hms_to_tzepoch(int ymd_bcd, int hms_bcd) {
   const auto ymd = static_cast<unsigned>(ymd_bcd);
   const auto hms = static_cast<unsigned>(hms_bcd);
   tm date{};
@@ -52,7 +55,7 @@ int Sdbl::ymd_hms_to_tzepoch(int ymd_bcd, int hms_bcd) {
   return static_cast<int>(epoch);
 }
 
-int Sdbl::usec_to_now(const timespec* start) {
+int usec_to_now(const timespec* start) {
   timespec now{};
   (void)clock_gettime(CLOCK_REALTIME, &now);  // cannot fail for this clock
   int64_t usec;
@@ -65,3 +68,5 @@ int Sdbl::usec_to_now(const timespec* start) {
   }
   return static_cast<int>(std::clamp<int64_t>(usec, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
+
+}  // namespace sdbl

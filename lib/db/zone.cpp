@@ -1,5 +1,6 @@
+#include "db/zone.h"
+
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,11 +10,9 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "db/sdbl.h"
-#include "db/sdbl_files.h"
-#include "db/sdbl_internal.h"
+#include "db/shell_files.h"
 
-using sdbl::Db_lock;
+namespace sdbl {
 
 namespace {
 
@@ -64,40 +63,39 @@ bool write_zone_source(const std::string& network, int offset_min, const char* z
 }
 
 void install_zone(const char* zone_name, int zone_nr) {
-  sdbl::run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
+  run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
   char compiled[64];
   (void)std::snprintf(compiled, sizeof compiled, "/tmp/zoneinfo/%s_%d", zone_name, zone_nr);
-  if (!sdbl::file_exists(compiled))
+  if (!file_exists(compiled))
     return;
-  sdbl::run_shell("cp -f %s /dvbfiles/localtime", sdbl::shell_quoted(compiled).c_str());
+  run_shell("cp -f %s /dvbfiles/localtime", shell_quoted(compiled).c_str());
   (void)unlink(compiled);  // a file that stays is replaced the next time
 }
 
 }  // namespace
 
-void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
-                                  HF_CONN_ID hf_conn, int freq) {
-  std::string network;
-  {
-    // The statement is reset at once, here as everywhere: a row left open would keep the file locked for other
-    // connections, and the tables from being dropped.
-    Db_lock lock(db);
-    sqlite3_stmt* stmt = sql_cache(
-        false, 0, "SELECT network_name FROM kanalid where hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq",
-        hf_conn, dvb_type, freq);
-    const bool found = stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW;
-    if (found)
-      network = sdbl::column_text(stmt, 0);
-    parts_->errors.report_reset(sqlite3_reset(stmt), SDBL_HERE);
-    if (!found)
-      return;
-  }
+void Zone::set_preferred_provider(const char* name) {
+  std::lock_guard<std::mutex> lock(lock_);
+  preferred_provider_ = name != nullptr ? name : "";
+}
+
+void Zone::update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex) {
+  // The statement is reset at once, here as everywhere: a row left open would keep the file locked for other
+  // connections, and the tables from being dropped.
+  Rows rows(statements_, "update_system_timezone", 0,
+            "SELECT network_name FROM kanalid where hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq",
+            number(multiplex.input.connector), number(multiplex.input.delivery), multiplex.freq);
+  if (!rows.next())
+    return;
+  const std::string network = rows.text(0);
+  rows.end();
   std::string preferred;
   {
-    std::lock_guard<std::mutex> settings(settings_lock_);
-    preferred = preferred_provider;
+    std::lock_guard<std::mutex> lock(lock_);
+    preferred = preferred_provider_;
   }
-  KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", freq, network.c_str(), preferred.c_str());
+  KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", multiplex.freq, network.c_str(),
+       preferred.c_str());
   if (network != preferred || !is_zone_name(zone_name))
     return;
 
@@ -113,3 +111,5 @@ void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zon
   if (write_zone_source(preferred, offset_min, zone_name, zone_nr))
     install_zone(zone_name, zone_nr);
 }
+
+}  // namespace sdbl

@@ -1,14 +1,13 @@
+#include "db/tuner_table.h"
+
 #include <linux/dvb/frontend.h>
-#include <sqlite3.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "base/log.h"
-#include "db/sdbl.h"
-#include "db/sdbl_internal.h"
 
-using sdbl::Db_lock;
+namespace sdbl {
 
 namespace {
 
@@ -73,64 +72,66 @@ void fill_from_line(const char* line, dvb_frontend_parameters* out) {
 
 }  // namespace
 
-int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, int bandwidth, int constellation,
-                                 int hierarchy, int code_rate_hp, int code_rate_lp, int guard_interval,
-                                 int transmission_mode) {
+int Tuner_table::terrestrial_tuner_info(const Multiplex& multiplex, const Terrestrial_parameters& parameters) {
   bool valid = true;
-  const int bw = converted(BANDWIDTHS, bandwidth, &valid);
-  const int modulation = converted(CONSTELLATIONS, constellation, &valid);
-  const int rate_hp = converted(CODE_RATES, code_rate_hp, &valid);
-  const int rate_lp = converted(CODE_RATES, code_rate_lp, &valid);
-  const int guard = converted(GUARD_INTERVALS, guard_interval, &valid);
-  const int mode = converted(TRANSMISSION_MODES, transmission_mode, &valid);
+  const int bw = converted(BANDWIDTHS, parameters.bandwidth, &valid);
+  const int modulation = converted(CONSTELLATIONS, parameters.constellation, &valid);
+  const int rate_hp = converted(CODE_RATES, parameters.code_rate_hp, &valid);
+  const int rate_lp = converted(CODE_RATES, parameters.code_rate_lp, &valid);
+  const int guard = converted(GUARD_INTERVALS, parameters.guard_interval, &valid);
+  const int mode = converted(TRANSMISSION_MODES, parameters.transmission_mode, &valid);
   if (!valid) {
     KLOG(VERB_WARNING, "WARNING: Incorrect parameters for linux-dvb\n");
     return 0;
   }
+  const int type = number(multiplex.input.delivery);
+  const int connector = number(multiplex.input.connector);
   char line[160];
-  (void)std::snprintf(line, sizeof line, TUNER_PARAMS, freq, bw, rate_hp, rate_lp, modulation, mode, guard,
-                      hierarchy & HIERARCHY_BITS);
+  (void)std::snprintf(line, sizeof line, TUNER_PARAMS, multiplex.freq, bw, rate_hp, rate_lp, modulation, mode, guard,
+                      parameters.hierarchy & HIERARCHY_BITS);
   KLOG(VERB_WARNING, "WARNING: Dvb parameters %s\n", line);
 
-  Db_lock lock(db);
+  Db_lock lock(connection_);  // so that nothing is stored between the question and the answer
   // Deliberate: connector and type are exchanged, here and in fill_frontend_control().
-  sqlite3_stmt* stmt = sql_cache(false, 0, SELECT_PARAMS, freq, connector, type);
-  const int step = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
-  if (step == SQLITE_DONE) {
-    (void)sql_cache(true, 0,
-                    "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
-                    "$hf_conn, @tuner_params) ",
-                    freq, type, connector, line);  // a failure is printed there
-    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_INSERTED);
-  } else if (step == SQLITE_ROW) {
-    if (std::strcmp(sdbl::column_text(stmt, 0), line) != 0) {
+  Rows stored(statements_, __func__, 0, SELECT_PARAMS, multiplex.freq, connector, type);
+  if (stored.next()) {
+    if (std::strcmp(stored.text(0), line) != 0) {
       KLOG(VERB_WARNING, "WARNING: Updating parameters for dvb-t tuner\n");
       // Deliberate: the arguments are one place off, so no line is ever updated.
-      (void)sql_cache(true, 0,
-                      "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type AND "
-                      "hf_conn = $hf_con ",
-                      line, type, connector, 0);  // a failure is printed there
+      statements_.try_run(__func__, 0,
+                          "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type "
+                          "AND hf_conn = $hf_con ",
+                          line, type, connector, 0);  // a failure is printed there
     }
-    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_UPDATED);
+    stored.end({__func__, LINE_UPDATED});
+  } else if (stored.code() == SQLITE_DONE) {
+    statements_.try_run(__func__, 0,
+                        "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
+                        "$hf_conn, @tuner_params) ",
+                        multiplex.freq, type, connector, line);  // a failure is printed there
+    stored.end({__func__, LINE_INSERTED});
   } else {
     KLOG(VERB_WARNING, "WARNING: failed to access tuner_table\n");
+    stored.leave();
   }
   return 0;
 }
 
-int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, dvb_frontend_parameters* out) {
-  Db_lock lock(db);
-  sqlite3_stmt* stmt = sql_cache(false, 0, SELECT_PARAMS, freq, connector, type);
-  const int step = stmt != nullptr ? sqlite3_step(stmt) : SQLITE_ERROR;
-  if (step == SQLITE_DONE) {
-    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_NOT_FOUND);
-    return 0;
-  }
-  if (step == SQLITE_ROW) {
-    fill_from_line(sdbl::column_text(stmt, 0), out);
-    parts_->errors.report_reset(sqlite3_reset(stmt), __func__, LINE_FOUND);
+int Tuner_table::fill_frontend_control(const Multiplex& multiplex, dvb_frontend_parameters* out) {
+  Rows stored(statements_, __func__, 0, SELECT_PARAMS, multiplex.freq, number(multiplex.input.connector),
+              number(multiplex.input.delivery));
+  if (stored.next()) {
+    fill_from_line(stored.text(0), out);
+    stored.end({__func__, LINE_FOUND});
     return 1;
   }
+  if (stored.code() == SQLITE_DONE) {
+    stored.end({__func__, LINE_NOT_FOUND});
+    return 0;
+  }
   KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");
+  stored.leave();
   return NOTHING_READ;  // Deliberate: non-zero, although `out` is untouched.
 }
+
+}  // namespace sdbl

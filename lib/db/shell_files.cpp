@@ -1,4 +1,4 @@
-#include "db/sdbl_files.h"
+#include "db/shell_files.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-// Files beside a database; for the sources of Sdbl, not installed.
+// Files beside a database.
 namespace sdbl {
 
 // `path` cut at its last dot, directories included, and "_epg.db".

@@ -1,10 +1,6 @@
-#include <sqlite3.h>
+#include "db/schema.h"
 
-#include <cstdio>
-
-#include "base/log.h"
-#include "db/sdbl.h"
-#include "db/sdbl_internal.h"
+namespace sdbl {
 
 namespace {
 
@@ -156,102 +152,98 @@ const char* const EPGLIST_LANG_INDEXES[] = {
 };
 
 template <size_t N>
-void add_columns(Sdbl* database, sqlite3* conn, const char* table, const Column (&columns)[N], const char* operation) {
+void add_columns(One_shot& sql, sqlite3* conn, const char* table, const Column (&columns)[N], const char* operation) {
   for (const Column& column : columns) {
-    int rc = 0;
     switch (column.kind) {
       case Default::NUMBER:
-        rc = database->sql_exec(conn, column.format, table);
+        sql.exec_on(operation, conn, column.format, table);
         break;
       case Default::TEXT:
-        rc = database->sql_exec(conn, column.format, table, column.text);
+        sql.exec_on(operation, conn, column.format, table, column.text);
         break;
       case Default::REVISION:
-        rc = database->sql_exec(conn, column.format, table, sdbl::REVISION);
+        sql.exec_on(operation, conn, column.format, table, REVISION);
         break;
     }
-    database->parts().errors.report_exec(rc, operation, __LINE__);
   }
 }
 
 template <size_t N>
-void run_all(Sdbl* database, sqlite3* conn, const char* const (&statements)[N], const char* operation) {
+void run_all(One_shot& sql, sqlite3* conn, const char* const (&statements)[N]) {
   for (const char* statement : statements)
-    database->parts().errors.report_exec(database->sql_exec(conn, statement), operation, __LINE__);
+    sql.exec_on("Sdbl", conn, statement);
 }
 
 }  // namespace
 
-void Sdbl::create_table_kanalid(const char* name, bool temp) {
-  parts_->errors.report_exec(sql_exec(db,
-                                      temp ? "CREATE TEMP TABLE %Q (channel integer primary key autoincrement);"
-                                           : "CREATE TABLE %Q (channel integer primary key autoincrement);",
-                                      name),
-                             SDBL_HERE);
-  add_columns(this, db, name, KANALID_COLUMNS, __func__);
+void Schema::create_table_kanalid(const char* name, bool temp) {
+  sql_.exec(__func__,
+            temp ? "CREATE TEMP TABLE %Q (channel integer primary key autoincrement);"
+                 : "CREATE TABLE %Q (channel integer primary key autoincrement);",
+            name);
+  add_columns(sql_, connection_.get(), name, KANALID_COLUMNS, __func__);
 }
 
-void Sdbl::create_table_kanalid_lang(const char* name, bool temp) {
-  parts_->errors.report_exec(
-      sql_exec(db, temp ? "CREATE TEMP TABLE %Q (source_oid int);" : "CREATE TABLE %Q (source_oid int);", name),
-      SDBL_HERE);
-  add_columns(this, db, name, KANALID_LANG_COLUMNS, __func__);
+void Schema::create_table_kanalid_lang(const char* name, bool temp) {
+  sql_.exec(__func__, temp ? "CREATE TEMP TABLE %Q (source_oid int);" : "CREATE TABLE %Q (source_oid int);", name);
+  add_columns(sql_, connection_.get(), name, KANALID_LANG_COLUMNS, __func__);
 }
 
-void Sdbl::create_table_estreams(const char* name, bool temp) {
-  parts_->errors.report_exec(
-      sql_exec(db, temp ? "CREATE TEMP TABLE %Q (channel int);" : "CREATE TABLE %Q (channel int);", name), SDBL_HERE);
-  add_columns(this, db, name, ESTREAMS_COLUMNS, __func__);
+void Schema::create_table_estreams(const char* name, bool temp) {
+  sql_.exec(__func__, temp ? "CREATE TEMP TABLE %Q (channel int);" : "CREATE TABLE %Q (channel int);", name);
+  add_columns(sql_, connection_.get(), name, ESTREAMS_COLUMNS, __func__);
 }
 
 // Only "no such table" makes a table: it is left alone when the file is busy, damaged or older.
-bool Sdbl::begin_missing_table(sqlite3* conn, const char* probe) {
-  if (sql_exec(conn, probe) != SQLITE_ERROR)
+bool Schema::begin_missing_table(sqlite3* conn, const char* probe) {
+  if (sql_.try_exec_on("Sdbl", conn, probe) != SQLITE_ERROR)
     return false;
-  parts_->errors.report_exec(sql_exec(conn, "BEGIN;"), "Sdbl", __LINE__);
+  sql_.exec_on("Sdbl", conn, "BEGIN;");
   return true;
 }
 
-void Sdbl::commit_table(sqlite3* conn) {
-  parts_->errors.report_exec(sql_exec(conn, "COMMIT;"), "Sdbl", __LINE__);
+void Schema::commit_table(sqlite3* conn) {
+  sql_.exec_on("Sdbl", conn, "COMMIT;");
 }
 
-void Sdbl::create_channel_tables() {
-  if (begin_missing_table(db, "SELECT * FROM kanalid;")) {
+void Schema::create_channel_tables() {
+  sqlite3* const conn = connection_.get();
+  if (begin_missing_table(conn, "SELECT * FROM kanalid;")) {
     create_table_kanalid("kanalid", false);
-    run_all(this, db, KANALID_INDEXES, "Sdbl");
-    commit_table(db);
+    run_all(sql_, conn, KANALID_INDEXES);
+    commit_table(conn);
   }
-  if (begin_missing_table(db, "SELECT * FROM kanalid_lang;")) {
+  if (begin_missing_table(conn, "SELECT * FROM kanalid_lang;")) {
     create_table_kanalid_lang("kanalid_lang", false);
-    run_all(this, db, KANALID_LANG_INDEXES, "Sdbl");
-    commit_table(db);
+    run_all(sql_, conn, KANALID_LANG_INDEXES);
+    commit_table(conn);
   }
-  if (begin_missing_table(db, "SELECT * FROM estreams;")) {
+  if (begin_missing_table(conn, "SELECT * FROM estreams;")) {
     create_table_estreams("estreams", false);
-    run_all(this, db, ESTREAMS_INDEXES, "Sdbl");
-    commit_table(db);
+    run_all(sql_, conn, ESTREAMS_INDEXES);
+    commit_table(conn);
   }
-  if (begin_missing_table(db, "SELECT * FROM tuner_table;")) {
-    parts_->errors.report_exec(sql_exec(db, "CREATE TABLE tuner_table (freq int);"), "Sdbl", __LINE__);
-    add_columns(this, db, "tuner_table", TUNER_TABLE_COLUMNS, "Sdbl");
-    run_all(this, db, TUNER_TABLE_INDEXES, "Sdbl");
-    commit_table(db);
+  if (begin_missing_table(conn, "SELECT * FROM tuner_table;")) {
+    sql_.exec("Sdbl", "CREATE TABLE tuner_table (freq int);");
+    add_columns(sql_, conn, "tuner_table", TUNER_TABLE_COLUMNS, "Sdbl");
+    run_all(sql_, conn, TUNER_TABLE_INDEXES);
+    commit_table(conn);
   }
 }
 
-void Sdbl::create_epg_tables(sqlite3* conn) {
+void Schema::create_epg_tables(sqlite3* conn) {
   if (begin_missing_table(conn, "SELECT * FROM epglist;")) {
-    parts_->errors.report_exec(sql_exec(conn, "CREATE TABLE epglist ( entry integer primary key autoincrement );"),
-                               "Sdbl", __LINE__);
-    add_columns(this, conn, "epglist", EPGLIST_COLUMNS, "Sdbl");
-    run_all(this, conn, EPGLIST_INDEXES, "Sdbl");
+    sql_.exec_on("Sdbl", conn, "CREATE TABLE epglist ( entry integer primary key autoincrement );");
+    add_columns(sql_, conn, "epglist", EPGLIST_COLUMNS, "Sdbl");
+    run_all(sql_, conn, EPGLIST_INDEXES);
     commit_table(conn);
   }
   if (begin_missing_table(conn, "SELECT * FROM epglist_lang;")) {
-    parts_->errors.report_exec(sql_exec(conn, "CREATE TABLE epglist_lang (source_oid int);"), "Sdbl", __LINE__);
-    add_columns(this, conn, "epglist_lang", EPGLIST_LANG_COLUMNS, "Sdbl");
-    run_all(this, conn, EPGLIST_LANG_INDEXES, "Sdbl");
+    sql_.exec_on("Sdbl", conn, "CREATE TABLE epglist_lang (source_oid int);");
+    add_columns(sql_, conn, "epglist_lang", EPGLIST_LANG_COLUMNS, "Sdbl");
+    run_all(sql_, conn, EPGLIST_LANG_INDEXES);
     commit_table(conn);
   }
 }
+
+}  // namespace sdbl

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sdbl {
+
+inline constexpr double REVISION = 2.5;
+inline constexpr int SQL_TIMEOUT_MS = 2000;
+inline constexpr const char* EPG_SCHEMA = "epg_db";
+inline constexpr int OPEN_FLAGS = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+
+// What every connection gets as soon as it is open: extended result codes, no waiting for the disk, and the busy
+// time-out.
+void set_up(sqlite3* conn);
+
+// The main connection of one database. Opening and closing belong to the host's thread (see Opening); the handle is
+// any-thread.
+class Connection {
+ public:
+  explicit Connection(std::string file) : file_(std::move(file)) {}
+  // Closes the connections that were replaced, and ends their statements. The current one is Opening's to close.
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  sqlite3* get() const { return conn_; }  // null while closed
+  const std::string& file() const { return file_; }
+
+  // Takes `conn` as the connection, or none.
+  void set(sqlite3* conn) { conn_ = conn; }
+  // Keeps the present connection until the end, because another thread may still use it, although a new one is opened.
+  void keep_replaced() { replaced_.push_back(conn_); }
+
+  std::mutex open_lock;    // held while the connection is opened or closed
+  std::mutex second_lock;  // held by the writers that insert several rows or ask for the row's number
+
+ private:
+  std::string file_;
+  sqlite3* conn_ = nullptr;
+  std::vector<sqlite3*> replaced_;
+};
+
+// Holds a connection's own mutex, which is recursive. Keeps the binding, stepping and resetting of a statement of
+// instance 0 together, and a run with the figures that the connection keeps about it. Every SELECT is read to its end
+// under it: a table cannot be dropped while another thread stands between two rows.
+class Db_lock {
+ public:
+  explicit Db_lock(sqlite3* conn) : mutex_(conn != nullptr ? sqlite3_db_mutex(conn) : nullptr) {
+    sqlite3_mutex_enter(mutex_);
+  }
+  explicit Db_lock(const Connection& connection) : Db_lock(connection.get()) {}
+  ~Db_lock() { release(); }
+  Db_lock(const Db_lock&) = delete;
+  Db_lock& operator=(const Db_lock&) = delete;
+
+  void release() { sqlite3_mutex_leave(std::exchange(mutex_, nullptr)); }
+
+ private:
+  sqlite3_mutex* mutex_;  // null is allowed, and nothing is locked
+};
+
+// Times are stored in 32 bits: one beyond them counts as the last that fits.
+inline int saturated(int64_t value) {
+  return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+}  // namespace sdbl

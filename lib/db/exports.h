@@ -1,0 +1,35 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "db/guide_room.h"
+#include "db/one_shot.h"
+
+namespace sdbl {
+
+// Copies of the two files. Exports of one database run one after the other, because they share their temporary files.
+// Any-thread.
+class Exports {
+ public:
+  Exports(const Connection& connection, One_shot& sql, Guide_room& room)
+      : connection_(connection), sql_(sql), room_(room) {}
+
+  // The operations set_backup_file_name, backup_database and backup_channel_database of Sdbl.
+  void set_guide_target(const char* file);
+  void export_guide();
+  void export_channels(const char* file);
+
+ private:
+  void copy_guide(sqlite3* to);
+
+  const Connection& connection_;
+  One_shot& sql_;
+  Guide_room& room_;
+
+  std::mutex exporting_;  // held for the time of an export; the connection's mutex is taken while it is held
+  std::mutex lock_;       // guards the name
+  std::string guide_target_;
+};
+
+}  // namespace sdbl

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+
+#include "db/errors.h"
+#include "db/event_cache.h"
+#include "db/guide_room.h"
+#include "db/one_shot.h"
+#include "db/statements.h"
+
+namespace sdbl {
+
+// One event as it is stored.
+struct Event_row {
+  int channel;
+  int ymd_bcd;
+  int hms_bcd;
+  int start_epoch;
+  int dur_bcd;
+  int dur_sec;
+  const std::string& content;
+  const std::string& rating;
+  int run_status;
+  int free_ca;
+  int ev_id;
+  int pat_prnr;
+};
+
+// The stored programme guide: the tables epglist and epglist_lang. The operations are those of Sdbl with the same
+// names, which has their contracts. Worker-only, but eit_info_available.
+class Guide {
+ public:
+  Guide(Connection& connection, One_shot& sql, const Statements& statements, Guide_room& room, Errors& errors)
+      : connection_(connection), sql_(sql), statements_(statements), room_(room), errors_(errors) {}
+
+  // `known` is what is remembered of the channel's events; with `overlapping` it loses those that are deleted.
+  int eit_for_service(const Event_row& event, int freq, Event_cache::Events* known, bool replace, bool overlapping);
+  int insert_epglist_lang(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,
+                          const char* ext_desc, const char* ext_list);
+  int delete_epglist_range(int channel, int start_epoch, int end_epoch, bool trace, Event_cache::Events* known);
+  int eit_info_available(int channel);
+
+ private:
+  Run store(const Event_row& event, bool replace);
+  void trace_deleted_event(int oid, int start_epoch, int dur_sec);
+
+  Connection& connection_;
+  One_shot& sql_;
+  const Statements& statements_;
+  Guide_room& room_;
+  Errors& errors_;
+};
+
+}  // namespace sdbl

@@ -1,0 +1,153 @@
+#include "db/opening.h"
+
+#include "base/log.h"
+#include "db/no_file_error.h"
+#include "db/shell_files.h"
+
+using kelvo_log::sql_ok;
+
+namespace sdbl {
+
+namespace {
+
+constexpr size_t PATH_SIZE = 4096;
+constexpr int CLOSE_ATTEMPTS = 5;
+constexpr int CLOSE_PAUSE_MS = 10;
+
+const char* const PRAGMAS[] = {
+    "PRAGMA max_page_count=8000;",   "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
+    "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;",
+};
+
+// The fixed settings of the attached file; the ones above reach the main file only.
+const char* const ATTACHED_PRAGMAS[] = {
+    "PRAGMA epg_db.journal_mode = OFF;",
+    "PRAGMA epg_db.synchronous = OFF;",
+    "PRAGMA epg_db.max_page_count=8000;",
+};
+
+}  // namespace
+
+void Opening::open_files() {
+  const std::string& file = connection_.file();
+  const std::string epg_file = epg_file_of(file);
+  if (file.size() >= PATH_SIZE || epg_file.size() >= PATH_SIZE)
+    throw no_file_error("Unable to open file");
+
+  KLOG(VERB_PROGRESS, "Kelvo DVB-T si parser ver. %3.1f\n", REVISION);
+  KLOG(VERB_TRACE, "DEBUG issue, SQL_TIMEOUT is %d msec\n", SQL_TIMEOUT_MS);
+  KLOG(VERB_TRACE, "Opening dvb info database in %s, len %d, out %s\n", file.c_str(), static_cast<int>(file.size()),
+       file.c_str());
+  KLOG(VERB_INFO, "Setting shared cache mode for database open calls\n");
+  open();
+  if (sqlite3_threadsafe() != 0)
+    KLOG(VERB_INFO, "SQLITE library in thread-safe mode\n");
+  else
+    KLOG(VERB_ERROR, "ERROR: SQLITE database compiled in single-threaded mode\n");
+
+  try {
+    schema_.create_channel_tables();
+    create_epg_file(epg_file);
+    attach_epg_file(epg_file);
+  } catch (...) {
+    (void)sqlite3_close(connection_.get());  // no statement is open yet
+    connection_.set(nullptr);
+    throw;
+  }
+}
+
+void Opening::apply_pragmas(sqlite3* conn, const char* operation) {
+  for (const char* pragma : PRAGMAS)
+    sql_.exec_on(operation, conn, pragma);
+}
+
+// Creates the guide file and its tables through a connection of its own, which is closed again.
+void Opening::create_epg_file(const std::string& epg_file) {
+  sqlite3* conn = nullptr;
+  if (sqlite3_open_v2(epg_file.c_str(), &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
+    KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", epg_file.c_str(), sqlite3_errmsg(conn));
+    (void)sqlite3_close(conn);  // a handle that failed to open
+    // Deliberate: the %s stays in the exception's text.
+    throw no_file_error("Unable to open epg file %s");
+  }
+  set_up(conn);
+  apply_pragmas(conn, "Sdbl");
+  schema_.create_epg_tables(conn);
+  if (sqlite3_close(conn) != SQLITE_OK)
+    KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close epg database, error %s\n", sqlite3_errmsg(conn));
+}
+
+void Opening::attach_epg_file(const std::string& epg_file) {
+  sqlite3* const conn = connection_.get();
+  const int rc = sql_.try_exec_on("Sdbl", conn, "ATTACH DATABASE %Q as %s;", epg_file, EPG_SCHEMA);
+  if (!sql_ok(rc)) {
+    KLOG(VERB_ERROR, "ERROR: Failed to attach epg database %s, rc = %d\n", epg_file.c_str(), rc);
+    return;
+  }
+  for (const char* pragma : ATTACHED_PRAGMAS)
+    sql_.exec_on("Sdbl", conn, pragma);
+}
+
+void Opening::open() {
+  if (connection_.get() != nullptr) {
+    KLOG(VERB_ERROR, "ERROR: sdbl: opening already opened database\n");
+    cache_.forget();
+    connection_.keep_replaced();
+  }
+  KLOG(VERB_TRACE, "Opendb ");
+  {
+    std::lock_guard<std::mutex> opening(connection_.open_lock);
+    const char* file = connection_.file().c_str();
+    sqlite3* conn = nullptr;
+    if (sqlite3_open_v2(file, &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
+      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", file, sqlite3_errmsg(conn));
+      (void)sqlite3_close(conn);  // a handle that failed to open
+      connection_.set(nullptr);
+      throw no_file_error("Unable to open file");
+    }
+    set_up(conn);
+    connection_.set(conn);
+  }
+  KLOG(VERB_TRACE, "opendone\n");
+  apply_pragmas(connection_.get(), "open_db");
+}
+
+void Opening::close() {
+  sqlite3* const conn = connection_.get();
+  if (conn == nullptr) {
+    KLOG(VERB_ERROR, "ERROR: Closing closed db");
+    return;
+  }
+  KLOG(VERB_TRACE, "Closing db ");
+  {
+    std::lock_guard<std::mutex> closing(connection_.open_lock);
+    while (sqlite3_stmt* stmt = sqlite3_next_stmt(conn, nullptr)) {
+      KLOG(VERB_WARNING, "WARNING: Open statement in close db\n");
+      (void)sqlite3_finalize(stmt);  // repeats the code of the last step
+    }
+    cache_.forget();
+
+    const int rc = sql_.exec("close_db", "DETACH DATABASE %s;", EPG_SCHEMA);
+    // Deliberate: codes 0 and 100 are complained about, too.
+    if (rc != SQLITE_DONE)
+      KLOG(VERB_ERROR, "ERROR: Failed to detach epg info database, rc = %d\n", rc);
+
+    for (int attempt = 1; attempt <= CLOSE_ATTEMPTS && sqlite3_close(conn) != SQLITE_OK; ++attempt) {
+      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close database %s, error %s\n", connection_.file().c_str(),
+           sqlite3_errmsg(conn));
+      (void)sqlite3_sleep(CLOSE_PAUSE_MS);
+    }
+  }
+  KLOG(VERB_TRACE, "cldone\n");
+  connection_.set(nullptr);
+}
+
+void Opening::flush() const {
+  KLOG(VERB_PROGRESS, "Flushing\n");
+  if (connection_.get() == nullptr)
+    KLOG(VERB_ERROR, "ERROR: Flushing closed handle\n");
+  else
+    KLOG(VERB_TRACE, "Fldone\n");
+}
+
+}  // namespace sdbl

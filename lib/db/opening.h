@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+
+#include "db/one_shot.h"
+#include "db/schema.h"
+#include "db/statement_cache.h"
+
+namespace sdbl {
+
+// Opens and closes the two files. Before-start.
+class Opening {
+ public:
+  Opening(Connection& connection, One_shot& sql, Statement_cache& cache, Schema& schema)
+      : connection_(connection), sql_(sql), cache_(cache), schema_(schema) {}
+
+  // Opens or creates both files and attaches the guide. Throws no_file_error, nothing left open.
+  void open_files();
+
+  // The operations open_db, close_db and flush of Sdbl.
+  void open();
+  void close();
+  void flush() const;
+
+ private:
+  void apply_pragmas(sqlite3* conn, const char* operation);
+  void create_epg_file(const std::string& epg_file);
+  void attach_epg_file(const std::string& epg_file);
+
+  Connection& connection_;
+  One_shot& sql_;
+  Statement_cache& cache_;
+  Schema& schema_;
+};
+
+}  // namespace sdbl

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "db/one_shot.h"
+
+namespace sdbl {
+
+// Every table of the two files, and how a missing one is made. An existing table is used as it is. A statement that
+// fails is printed, and the next one runs; nothing is rolled back.
+class Schema {
+ public:
+  Schema(const Connection& connection, One_shot& sql) : connection_(connection), sql_(sql) {}
+
+  // Make the tables of the channel file on the main connection, or of the guide file on `conn`, that are missing.
+  void create_channel_tables();
+  void create_epg_tables(sqlite3* conn);
+
+  // Create one table under `name`, permanent or (`temp`) of the main connection only; without indexes.
+  void create_table_kanalid(const char* name, bool temp);
+  void create_table_kanalid_lang(const char* name, bool temp);
+  void create_table_estreams(const char* name, bool temp);
+
+ private:
+  bool begin_missing_table(sqlite3* conn, const char* probe);
+  void commit_table(sqlite3* conn);
+
+  const Connection& connection_;
+  One_shot& sql_;
+};
+
+}  // namespace sdbl

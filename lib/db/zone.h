@@ -1,0 +1,28 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "base/multiplex.h"
+#include "db/statements.h"
+
+namespace sdbl {
+
+// The box's time zone, from the local time offset that the preferred network broadcasts.
+class Zone {
+ public:
+  explicit Zone(const Statements& statements) : statements_(statements) {}
+
+  // Sdbl::set_preferred_provider. Any-thread.
+  void set_preferred_provider(const char* name);
+
+  // Sdbl::update_system_timezone. Worker-only.
+  void update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex);
+
+ private:
+  const Statements& statements_;
+  std::mutex lock_;  // guards the name
+  std::string preferred_provider_ = "levira";
+};
+
+}  // namespace sdbl

@@ -7,7 +7,7 @@
 // POSIX timers that never signal and are only looked at. All run on CLOCK_REALTIME.
 //
 // The functions work on a bare handle, because records of the library's interface hold one; Polled_timer owns one.
-// None prints anything: what a failure means is known by who asked.
+// None prints anything: the caller knows what a failure means.
 namespace polled_timer {
 
 // A handle that stands for no timer. Arming, reading and deleting it fail without harm. (0 may be a real timer.)
@@ -16,11 +16,12 @@ timer_t none();
 // A new timer, not armed; none(), with errno, when there can be no more.
 timer_t create();
 
-// Expires after `first_s` seconds and then every `interval_s`; an interval of 0 is none. 0, or -1 with errno.
+// Expires after `first_s` seconds and then every `interval_s`; an interval of 0 is none, 0 seconds disarm. 0, or -1
+// with errno.
 int arm(timer_t timer, int first_s, int interval_s);
 
-// Time to the next expiry; 0 when the timer is not armed or has expired for good. 0, or -1 with errno and `*left`
-// zero.
+// Time to the next expiry; 0 when the timer was never armed or has expired for good. (Of a timer that was disarmed,
+// many kernels show the time as if it still ran.) 0, or -1 with errno and `*left` zero.
 int time_left(timer_t timer, timespec* left);
 
 // Does nothing for none().

@@ -29,7 +29,7 @@ bool Section_filter::Parts::open(dvb_filter_desc* f) {
 
 void Section_filter::Parts::run(dvb_filter_desc* f) {
   demux_.program(*f);
-  // Disarmed first, so that a timer that is read in between never shows what is left of the filter before.
+  // Disarmed, then armed anew: each step says when it fails.
   for (const int seconds : {0, f->timeout_s}) {
     if (polled_timer::arm(f->timer, seconds, 0) < 0)
       kelvo_log::print_errno("fail to set timer");

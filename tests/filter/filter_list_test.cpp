@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "filter/filter_support.h"
 
 using testing::ElementsAre;
@@ -169,6 +170,23 @@ TEST(FilterRemoval, by_range_of_pids) {
   EXPECT_EQ(filter.pid_in_list(0x0F), 1);
   EXPECT_EQ(filter.pid_in_list(0x10) + filter.pid_in_list(0x12) + filter.pid_in_list(0x14) + filter.pid_in_list(0x15),
             0);
+}
+
+// What ends at the end of a scan: all but the guide and the clock. A NIT may be on any PID, also a reserved one.
+TEST(FilterRemoval, by_range_of_pids_takes_every_pid_of_the_range_and_no_other) {
+  Section_filter filter("/nonexistent");
+  for (int pid = pid::PAT; pid <= pid::LAST_RESERVED + 1; ++pid)
+    filter.addfilter(pid, table::NIT_ACTUAL, 0);
+  filter.addfilter(pid::LAST, table::PMT, 0);
+  EXPECT_EQ(filter.remove_filter_pid_range(pid::PAT, pid::EIT - 1), 0);
+  EXPECT_EQ(filter.remove_filter_pid_range(pid::EIT + 1, pid::TIME - 1), 0);
+  EXPECT_EQ(filter.remove_filter_pid_range(pid::TIME + 1, pid::LAST), 0);
+  std::vector<int> left;
+  for (int pid = pid::PAT; pid <= pid::LAST; ++pid) {
+    if (filter.pid_in_list(pid) != 0)
+      left.push_back(pid);
+  }
+  EXPECT_EQ(left, (std::vector<int>{pid::EIT, pid::TIME}));
 }
 
 TEST(FilterRemoval, by_range_of_table_ids) {

@@ -1,0 +1,90 @@
+// What a tuner hands to its device: defaults, and what an earlier scan has stored for its input.
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "support/database.h"
+#include "tuner/fake_frontend.h"
+#include "tuner/tuner.h"
+
+namespace {
+
+constexpr int FREQ = 506000000;
+constexpr int VHF_FREQ = 177500000;
+constexpr int CONNECTOR = 3;
+constexpr int TYPE = 1;
+
+// All of them, in the order of a stored line: "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0".
+std::string text(const dvb_frontend_parameters& parameters) {
+  const dvb_ofdm_parameters& ofdm = parameters.u.ofdm;
+  const std::pair<const char*, int> rest[] = {
+      {" bw=", ofdm.bandwidth},
+      {" hp=", ofdm.code_rate_HP},
+      {" lp=", ofdm.code_rate_LP},
+      {" const=", ofdm.constellation},
+      {" mode=", ofdm.transmission_mode},
+      {" guard=", ofdm.guard_interval},
+      {" hier=", ofdm.hierarchy_information},
+      {" inv=", parameters.inversion},
+  };
+  std::string all = std::to_string(parameters.frequency);
+  for (const auto& [name, value] : rest)
+    all += name + std::to_string(value);
+  return all;
+}
+
+class Tuner_parameters_test : public testing::Test {
+ protected:
+  ~Tuner_parameters_test() override {
+    const support::Stderr_capture capture;  // the pass that ends the monitor fails at the closed device
+    tuner.reset();
+  }
+
+  void store(int dvb_type, int hf_conn, int freq, const std::string& line) {
+    const std::string values = std::to_string(freq) + ", " + std::to_string(dvb_type) + ", " + std::to_string(hf_conn);
+    ASSERT_EQ(db.run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (" + values + ", '" +
+                     line + "')"),
+              SQLITE_DONE);
+  }
+  std::string tuned(int freq) {
+    (void)tuner->tunetofreq(freq);
+    return text(frontend.tuned());
+  }
+
+  Fake_frontend frontend;
+  support::Database db;
+  std::unique_ptr<Tuner> tuner = std::make_unique<Tuner>(frontend.path(), &db.sdbl(), CONNECTOR, TYPE);
+};
+
+TEST_F(Tuner_parameters_test, a_new_tuner_stands_on_474_mhz_with_the_defaults) {
+  EXPECT_EQ(text(frontend.tuned()), "474000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+}
+
+TEST_F(Tuner_parameters_test, without_stored_ones_the_defaults_are_used) {
+  EXPECT_EQ(tuned(FREQ), "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+  EXPECT_EQ(tuned(VHF_FREQ), "177500000 bw=1 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+}
+
+TEST_F(Tuner_parameters_test, stored_ones_take_the_place_of_all_defaults) {
+  store(CONNECTOR, TYPE, FREQ, "Fr: 506000000 Bw: 2 CrH: 3 CrL: 1 Mod: 3 TrM: 1 Grd: 2 Hir: 1");
+  store(CONNECTOR, TYPE, VHF_FREQ, "Fr: 177500000 Bw: 0 CrH: 1 CrL: 2 Mod: 1 TrM: 0 Grd: 3 Hir: 2");
+  EXPECT_EQ(tuned(FREQ), "506000000 bw=2 hp=3 lp=1 const=3 mode=1 guard=2 hier=1 inv=0");
+  EXPECT_EQ(tuned(VHF_FREQ), "177500000 bw=0 hp=1 lp=2 const=1 mode=0 guard=3 hier=2 inv=0");
+}
+
+TEST_F(Tuner_parameters_test, a_short_line_leaves_the_defaults_for_the_rest) {
+  store(CONNECTOR, TYPE, FREQ, "Fr: 506000000 Bw: 1 CrH: 3");
+  EXPECT_EQ(tuned(FREQ), "506000000 bw=1 hp=3 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+}
+
+// The database exchanges the two in its look-up: the line is found where the type is the tuner's connector.
+TEST_F(Tuner_parameters_test, quirk_only_the_line_of_the_inputs_connector_and_type_exchanged_counts) {
+  store(TYPE, CONNECTOR, FREQ, "Fr: 506000000 Bw: 2 CrH: 3 CrL: 1 Mod: 3 TrM: 1 Grd: 2 Hir: 1");
+  EXPECT_EQ(tuned(FREQ), "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+  store(CONNECTOR, TYPE, FREQ, "Fr: 506000000 Bw: 1 CrH: 3 CrL: 1 Mod: 3 TrM: 1 Grd: 2 Hir: 1");
+  EXPECT_EQ(tuned(FREQ), "506000000 bw=1 hp=3 lp=1 const=3 mode=1 guard=2 hier=1 inv=0");
+}
+
+}  // namespace

@@ -59,11 +59,11 @@ TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) 
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
   int argument = 0;
-  ASSERT_EQ(0, thread.Start(&argument));
+  ASSERT_EQ(thread.Start(&argument), 0);
   while (!thread.executing)
     sched_yield();
   running = false;
-  EXPECT_EQ(0, thread.Stop());
+  EXPECT_EQ(thread.Stop(), 0);
   EXPECT_EQ((std::vector<std::string>{"Setup", "Execute"}), thread.calls);
   EXPECT_EQ(&argument, thread.argument);
   EXPECT_EQ(&running, thread.seen_owner);
@@ -73,29 +73,30 @@ TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) 
 
 TEST(Thread, base_class_does_nothing_and_ends) {
   COrbelThreadKelvo thread(nullptr);
-  ASSERT_EQ(0, thread.Start(nullptr));
-  EXPECT_EQ(0, thread.Stop());
+  ASSERT_EQ(thread.Start(nullptr), 0);
+  EXPECT_EQ(thread.Stop(), 0);
 }
 
 TEST(Thread, stop_joins_without_telling_the_thread_to_end) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
-  ASSERT_EQ(0, thread.Start(nullptr));
+  ASSERT_EQ(thread.Start(nullptr), 0);
   std::atomic<bool> joined{false};
   pthread_t stopper;
   struct Both {
     Polling_thread* thread;
     std::atomic<bool>* joined;
   } both{&thread, &joined};
-  ASSERT_EQ(0, pthread_create(
-                   &stopper, nullptr,
-                   [](void* argument) -> void* {
-                     auto* b = static_cast<Both*>(argument);
-                     b->thread->Stop();
-                     *b->joined = true;
-                     return nullptr;
-                   },
-                   &both));
+  ASSERT_EQ(pthread_create(
+                &stopper, nullptr,
+                [](void* argument) -> void* {
+                  auto* b = static_cast<Both*>(argument);
+                  b->thread->Stop();
+                  *b->joined = true;
+                  return nullptr;
+                },
+                &both),
+            0);
   while (!thread.executing)
     sched_yield();
   for (int i = 0; i < 1000; ++i)
@@ -122,24 +123,24 @@ TEST(Thread, stop_returns_what_joining_returned) {
   };
   Self_joining thread(nullptr);
   std::atomic<bool> started{false};
-  ASSERT_EQ(0, thread.Start(&started));
+  ASSERT_EQ(thread.Start(&started), 0);
   started = true;
-  EXPECT_EQ(0, thread.Stop());
-  EXPECT_EQ(EDEADLK, thread.result);
+  EXPECT_EQ(thread.Stop(), 0);
+  EXPECT_EQ(thread.result, EDEADLK);
 }
 #endif
 
 TEST(Thread, quirk_set_prio_leaves_the_thread_under_normal_scheduling_at_0) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
-  ASSERT_EQ(0, thread.Start(nullptr));
+  ASSERT_EQ(thread.Start(nullptr), 0);
   thread.SetPrio(10);
   int policy = -1;
   sched_param parameters{};
   parameters.sched_priority = -1;
-  EXPECT_EQ(0, pthread_getschedparam(thread.getThreadId(), &policy, &parameters));
-  EXPECT_EQ(SCHED_OTHER, policy);
-  EXPECT_EQ(0, parameters.sched_priority);
+  EXPECT_EQ(pthread_getschedparam(thread.getThreadId(), &policy, &parameters), 0);
+  EXPECT_EQ(policy, SCHED_OTHER);
+  EXPECT_EQ(parameters.sched_priority, 0);
   running = false;
   thread.Stop();
 }
@@ -147,7 +148,7 @@ TEST(Thread, quirk_set_prio_leaves_the_thread_under_normal_scheduling_at_0) {
 TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
-  ASSERT_EQ(0, thread.Start(nullptr));
+  ASSERT_EQ(thread.Start(nullptr), 0);
   const support::Verbosity verbosity(4);
   const std::string text = support::stderr_of([&] { thread.SetPrio(10); });
   running = false;
@@ -159,9 +160,9 @@ TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
 TEST(Thread, set_prio_is_silent_at_verbosity_3) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
-  ASSERT_EQ(0, thread.Start(nullptr));
+  ASSERT_EQ(thread.Start(nullptr), 0);
   const support::Verbosity verbosity(3);
-  EXPECT_EQ("", support::stderr_of([&] { thread.SetPrio(10); }));
+  EXPECT_EQ(support::stderr_of([&] { thread.SetPrio(10); }), "");
   running = false;
   thread.Stop();
 }
@@ -169,7 +170,7 @@ TEST(Thread, set_prio_is_silent_at_verbosity_3) {
 TEST(Thread, set_prio_passes_any_number_on_to_the_message_only) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
-  ASSERT_EQ(0, thread.Start(nullptr));
+  ASSERT_EQ(thread.Start(nullptr), 0);
   const support::Verbosity verbosity(4);
   const std::string text = support::stderr_of([&] { thread.SetPrio(-5); });
   running = false;

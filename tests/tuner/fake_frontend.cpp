@@ -116,22 +116,45 @@ void Fake_frontend::on_sleep(int ms) {
     after_sleep();
 }
 
+bool Fake_frontend::is_open() const {
+  for (int handle = 0; handle < 256; ++handle) {
+    if (is_mine(handle))
+      return true;
+  }
+  return false;
+}
+
+// The lock is taken around each token, so that what one thread did before is seen by the other.
+void Fake_frontend::hand_over(int handle) {
+  const uint64_t token = 1;
+  const std::lock_guard lock(lock_);
+  (void)!write(handle, &token, sizeof token);
+}
+
+void Fake_frontend::take_over(int handle) {
+  uint64_t token = 0;
+  const std::lock_guard lock(lock_);
+  (void)!read(handle, &token, sizeof token);
+}
+
 int Fake_frontend::on_poll(pollfd* entries, int timeout_ms) {
   note("wait " + std::to_string(timeout_ms));
-  (void)eventfd_write(waiting_, 1);
+  hand_over(waiting_);
   pollfd ends[] = {{go_, POLLIN, 0}, {entries[1].fd, POLLIN, 0}};
   (void)system_poll(ends, 2, -1);
   entries[0].revents = 0;
   entries[1].revents = ends[1].revents;
   if (entries[1].revents != 0)
     return 1;
-  eventfd_t token = 0;
-  (void)eventfd_read(go_, &token);
+  take_over(go_);
+  if (events_ < 0) {
+    errno = -events_;
+    return -1;
+  }
   entries[0].revents = events_;
-  if (entries[0].revents != 0)
-    return 1;
-  elapsed_ms_ += timeout_ms;
-  return 0;
+  if (events_ == 0)
+    elapsed_ms_ += timeout_ms;
+  return events_ == 0 ? 0 : 1;
 }
 
 void Fake_frontend::reach_wait() {
@@ -140,15 +163,14 @@ void Fake_frontend::reach_wait() {
   pollfd entry{waiting_, POLLIN, 0};
   if (system_poll(&entry, 1, 60000) != 1)
     throw std::runtime_error("the monitor does not wait for the device");
-  eventfd_t token = 0;
-  (void)eventfd_read(waiting_, &token);
+  take_over(waiting_);
 }
 
 void Fake_frontend::end_wait(short events) {
   reach_wait();
   at_wait_ = false;
   events_ = events;
-  (void)eventfd_write(go_, 1);
+  hand_over(go_);
 }
 
 void Fake_frontend::pass(short events) {
@@ -157,6 +179,10 @@ void Fake_frontend::pass(short events) {
 }
 
 int Fake_frontend::on_ioctl(unsigned long request, void* argument) {
+  if (request == failing) {
+    errno = EIO;
+    return -1;
+  }
   switch (request) {
     case FE_GET_INFO: {
       auto* info = static_cast<dvb_frontend_info*>(argument);

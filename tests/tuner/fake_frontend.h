@@ -32,6 +32,9 @@ class Fake_frontend {
   std::atomic<unsigned> strength{0xFF};
   std::atomic<unsigned> snr{0xFE};
 
+  // This request fails with EIO; 0 for none.
+  std::atomic<unsigned long> failing{0};
+
   // What the device was last tuned to.
   dvb_frontend_parameters tuned() const;
 
@@ -43,7 +46,11 @@ class Fake_frontend {
   // Done once the test's thread has slept.
   std::function<void()> after_sleep;
 
-  // Lets the monitor's wait end: after its time, or at once with what poll() says about the device (POLLIN, POLLERR).
+  // Whether this program has the device open.
+  bool is_open() const;
+
+  // Lets the monitor's wait end: after its time, or at once with what poll() says about the device (POLLIN, POLLERR) or
+  // with its failure (-EINTR).
   void end_wait(short events = 0);
   // The same, and returns when the monitor waits again.
   void pass(short events = 0);
@@ -59,6 +66,8 @@ class Fake_frontend {
   support::Texts take(bool own);
   void note(const std::string& call);
   void reach_wait();
+  void hand_over(int handle);
+  void take_over(int handle);
 
   support::Temp_dir folder_;
   const std::string path_;

@@ -1,430 +1,388 @@
-// The signal monitor of a tuner on the software adapter.
-#include <fcntl.h>
+// The signal monitor of a tuner, pass by pass, and the waits of both threads to the millisecond.
+#include <linux/dvb/frontend.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/messages.h"
+#include "tuner/fake_tuner.h"
 #include "tuner/tuner.h"
-#include "tuner/tuner_support.h"
+
+using support::messages_at;
+using testing::ElementsAre;
 
 namespace {
 
-std::mutex events_lock;
 std::string events;
 
 void on_event(unsigned event, void* data) {
-  const std::lock_guard<std::mutex> lock(events_lock);
   events += std::to_string(event) + (data == nullptr ? " " : "! ");
-}
-
-std::string seen_events() {
-  const std::lock_guard<std::mutex> lock(events_lock);
-  return events;
 }
 
 // Bit errors of a quality: the scale has no odd ones between 2 and 88.
 constexpr unsigned QUALITY_12 = 25000;
 constexpr unsigned QUALITY_10 = 30000;
 constexpr unsigned QUALITY_8 = 35000;
+constexpr char EVENT_NOT_READ[] = "WARNING: Failed to read fe event\n";
 
-// A line of statistics.
-struct Pass {
-  int locked = -1;
-  int not_locked = -1;
-  float working = -1;
-  int sum = -1;
-};
-
-std::vector<Pass> passes_of(const std::string& text) {
-  std::vector<Pass> all;
-  for (size_t at = text.find("Locked "); at != std::string::npos; at = text.find("Locked ", at + 1)) {
-    Pass pass;
-    if (std::sscanf(text.c_str() + at, "Locked %d, not_locked %d, working %f %%, quality_sum %d", &pass.locked,
-                    &pass.not_locked, &pass.working, &pass.sum) == 4)
-      all.push_back(pass);
-  }
-  return all;
-}
-
-class Monitor_test : public Tuner_test {
+// The monitor of a tuner that is locked, after its first pass.
+class Monitor_test : public Fake_tuner_test {
  protected:
-  void SetUp() override {
-    Tuner_test::SetUp();
+  Monitor_test() {
     events.clear();
+    frontend.pass();
+  }
+  // With events switched on.
+  void listen(Tuner::event_callback_t callback = on_event) {
+    tuner->set_stb_event_callback(callback);
+    EXPECT_EQ(tuner->reset_signal_monitor_loop(), 1);
+    frontend.pass();
+  }
+  void quality(unsigned errors, float expected) {
+    frontend.ber = errors;
+    frontend.pass();
+    EXPECT_EQ(tuner->fe_ber(), expected);
+  }
+  // What the monitor did in a pass, and the wait that follows.
+  Texts pass(short event = 0) {
+    frontend.take_monitor_calls();
+    frontend.pass(event);
+    return frontend.take_monitor_calls();
+  }
+  // wait_signal_quality() for a quality below, a ratio and a strength above these; "....", say, into `dots`.
+  int wait(int seconds, int max_ber, int min_snr, int min_strength) {
+    testing::internal::CaptureStdout();
+    const int result = tuner->wait_signal_quality(seconds, max_ber, min_snr, min_strength);
+    dots = testing::internal::GetCapturedStdout();
+    return result;
+  }
+  std::string statistics(int level = 3) {
+    return messages_at(level, [this] { frontend.pass(); });
   }
 
-  void set_quality(unsigned errors, float quality) {
-    signal("ber", errors);
-    EXPECT_TRUE(wait_for([&] { return tuner_->fe_ber() == quality; }));
-    after_monitor_pass();
-    after_monitor_pass();
-  }
+  std::string dots;
 };
 
-}  // namespace
+const Texts READINGS = {"FE_READ_STATUS", "FE_READ_SIGNAL_STRENGTH", "FE_READ_BER"};
+const Texts WAIT = {"wait 200"};
 
-TEST_F(Monitor_test, keeps_strength_and_ber_fresh) {
-  signal("strength", 88);
-  signal("ber", 4);
-  EXPECT_TRUE(wait_for([&] { return tuner_->fe_strength() == 60.0F && tuner_->fe_ber() == 88.0F; }));
+// --- Passes ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Monitor_test, undisturbed_pass_takes_200_ms_and_reads_three_values) {
+  EXPECT_EQ(pass(), READINGS + WAIT);
 }
 
-TEST_F(Monitor_test, no_event_is_sent_before_the_first_reset_though_the_loss_is_printed) {
-  tuner_->set_stb_event_callback(on_event);
-  const support::Verbosity verbosity(1);
-  const support::Stderr_capture capture;
-  signal("status", 0);
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("WARNING: FE quality lost\n") != std::string::npos; }));
-  signal("status", 0x1F);
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("WARNING: FE quality OK\n") != std::string::npos; }));
-  EXPECT_EQ("", seen_events());
+TEST_F(Monitor_test, event_wakes_the_pass_early_and_is_taken) {
+  EXPECT_EQ(pass(POLLIN), Texts{"FE_GET_EVENT"} + READINGS + WAIT);
 }
 
-TEST_F(Monitor_test, loss_and_return_are_sent_once_each_with_null_data) {
-  tuner_->set_stb_event_callback(on_event);
-  EXPECT_EQ(1, tuner_->reset_signal_monitor_loop());
-  after_monitor_pass();
-  signal("status", 0x0F);
-  EXPECT_TRUE(wait_for([] { return seen_events() == "0 "; }));
-  after_monitor_pass();
-  after_monitor_pass();
-  signal("status", 0x1F);
-  EXPECT_TRUE(wait_for([] { return seen_events() == "0 1 "; }));
-  after_monitor_pass();
-  EXPECT_EQ("0 1 ", seen_events());
+TEST_F(Monitor_test, device_that_lets_no_poll_wait_is_asked_five_times_a_second_all_the_same) {
+  EXPECT_EQ(pass(POLLERR), Texts{"sleep 200"} + READINGS + WAIT);
 }
 
-TEST_F(Monitor_test, quirk_quality_is_lost_below_10_and_regained_only_above) {
-  tuner_->set_stb_event_callback(on_event);
-  (void)tuner_->reset_signal_monitor_loop();
-  set_quality(QUALITY_10, 10);
-  EXPECT_EQ("", seen_events());
-  set_quality(QUALITY_8, 8);
-  EXPECT_EQ("0 ", seen_events());
-  set_quality(QUALITY_10, 10);
-  EXPECT_EQ("0 ", seen_events());
-  set_quality(QUALITY_12, 12);
-  EXPECT_EQ("0 1 ", seen_events());
-  set_quality(QUALITY_10, 10);
-  EXPECT_EQ("0 1 ", seen_events());
-}
-
-TEST_F(Monitor_test, messages_appear_at_verbosity_1_only) {
-  const support::Stderr_capture capture;
-  set_quality(QUALITY_8, 8);
-  set_quality(QUALITY_12, 12);
-  EXPECT_EQ(std::string::npos, capture.text().find("WARNING: FE quality"));
-}
-
-TEST_F(Monitor_test, disabled_events_are_not_sent_and_a_reset_enables_them_again) {
-  tuner_->set_stb_event_callback(on_event);
-  (void)tuner_->reset_signal_monitor_loop();
-  tuner_->disable_tunerevents();
-  set_quality(QUALITY_8, 8);
-  EXPECT_EQ("", seen_events());
-  (void)tuner_->reset_signal_monitor_loop();  // which counts the quality as good again
-  EXPECT_TRUE(wait_for([] { return seen_events() == "0 "; }));
-}
-
-TEST_F(Monitor_test, null_callback_is_skipped) {
-  tuner_->set_stb_event_callback(on_event);
-  tuner_->set_stb_event_callback(nullptr);
-  (void)tuner_->reset_signal_monitor_loop();
-  set_quality(QUALITY_8, 8);
-  EXPECT_EQ("", seen_events());
-}
-
-TEST_F(Monitor_test, reset_starts_the_statistics_anew) {
-  after_monitor_pass();
-  after_monitor_pass();
-  (void)tuner_->reset_signal_monitor_loop();
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 100\n") != std::string::npos; }))
-      << capture.text();
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 200\n") != std::string::npos; }))
-      << capture.text();
-}
-
-TEST_F(Monitor_test, statistics_are_a_line_a_pass_at_verbosity_3) {
-  (void)tuner_->reset_signal_monitor_loop();
-  {
-    const support::Verbosity verbosity(3);
-    const support::Stderr_capture capture;
-    EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 100\n") != std::string::npos; }));
-    const std::string text = capture.text();
-    EXPECT_THAT(text, testing::ContainsRegex("Locked [0-9]+, not_locked 0, working [ 0-9]+\\.[0-9][0-9] %, quality_sum "
-                                             "100\n"));
-    const std::vector<Pass> passes = passes_of(text);
-    ASSERT_FALSE(passes.empty());
-    EXPECT_GE(passes.back().locked, 190);
-  }
-  const support::Verbosity verbosity(2);
-  const support::Stderr_capture capture;
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  EXPECT_EQ("", capture.text());
-}
-
-TEST_F(Monitor_test, quirk_working_is_a_ratio_of_the_times_with_and_without_lock) {
-  (void)tuner_->reset_signal_monitor_loop();
-  after_monitor_pass();
-  signal("status", 0);
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 700\n") != std::string::npos; }));
-  const std::string text = capture.text();
-  int locked = -1;
-  int not_locked = -1;
-  float working = -1;
-  ASSERT_EQ(3, std::sscanf(text.c_str() + text.rfind("Locked "), "Locked %d, not_locked %d, working %f %%", &locked,
-                           &not_locked, &working))
-      << text;
-  ASSERT_GT(not_locked, 0);
-  EXPECT_NEAR(static_cast<double>(locked) * 100 / not_locked, static_cast<double>(working), 0.01);
-}
-
-TEST_F(Monitor_test, any_lock_bit_counts_as_locked_time) {
-  for (const unsigned bit : {1U, 2U, 4U, 8U, 16U}) {
-    signal("status", bit);
-    after_monitor_pass();
-    (void)tuner_->reset_signal_monitor_loop();
-    const support::Verbosity verbosity(3);
-    const support::Stderr_capture capture;
-    EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 200\n") != std::string::npos; }));
-    const Pass last = passes_of(capture.text()).back();
-    EXPECT_GT(last.locked, 0) << bit;
-    EXPECT_EQ(0, last.not_locked) << bit;
-  }
-  signal("status", 0x80);  // none of the five
-  after_monitor_pass();
-  (void)tuner_->reset_signal_monitor_loop();
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum 200\n") != std::string::npos; }));
-  EXPECT_EQ(0, passes_of(capture.text()).back().locked);
-  EXPECT_GT(passes_of(capture.text()).back().not_locked, 0);
-}
-
-TEST_F(Monitor_test, working_stays_over_a_reset_until_there_is_time_without_lock_again) {
-  signal("status", 0);
-  after_monitor_pass();
-  after_monitor_pass();
-  signal("status", 0x1F);
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  EXPECT_TRUE(wait_for([&] { return passes_of(capture.text()).size() >= 3; }));
-  (void)tuner_->reset_signal_monitor_loop();
-  EXPECT_TRUE(wait_for([&] { return capture.text().find(" quality_sum 200\n") != std::string::npos; }));
-  const std::vector<Pass> passes = passes_of(capture.text());
-  size_t first = 1;  // pass after the reset
-  while (first < passes.size() && passes[first].not_locked != 0)
-    ++first;
-  ASSERT_LT(first + 1, passes.size()) << capture.text();
-  EXPECT_GT(passes[first - 1].not_locked, 0);
-  EXPECT_GT(passes[first - 1].working, 0);
-  EXPECT_EQ(passes[first - 1].working, passes[first].working);
-  EXPECT_EQ(passes[first - 1].working, passes[first + 1].working);
-}
-
-TEST_F(Monitor_test, both_ends_of_the_frontends_range_are_read) {
-  constexpr float UNTUNED = 54.0F;  // what a reading of 0 is
-  const support::Stderr_capture capture;
-  for (const int freq : {470000000, 862000000}) {
-    EXPECT_EQ(0, tuner_->tunetofreq(freq));
-    EXPECT_TRUE(wait_for([&] { return tuner_->fe_strength() == UNTUNED; })) << freq;
-    EXPECT_EQ(0, tuner_->tunetofreq(freq == 470000000 ? 469999999 : 862000001));
-    EXPECT_TRUE(wait_for([&] { return tuner_->fe_strength() == 0 && tuner_->fe_ber() == 0; })) << freq;
-  }
-}
-
-TEST_F(Monitor_test, frequency_out_of_range_reads_0_and_sends_no_event) {
-  tuner_->set_stb_event_callback(on_event);
-  (void)tuner_->reset_signal_monitor_loop();
-  after_monitor_pass();
-  {
-    const support::Stderr_capture capture;
-    EXPECT_EQ(0, tuner_->tunetofreq(100000000));
-  }
-  EXPECT_TRUE(wait_for([&] { return tuner_->fe_strength() == 0 && tuner_->fe_ber() == 0; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  EXPECT_EQ("", seen_events());
-  EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ));
-  EXPECT_TRUE(wait_for([&] { return tuner_->fe_ber() == 100; })) << "the monitor goes on";
-}
-
-TEST_F(Monitor_test, event_that_cannot_be_read_is_a_warning) {
-  support::softdvb_control("fault FE_GET_EVENT = EIO*1");
-  const support::Verbosity verbosity(1);
-  const support::Stderr_capture capture;
-  (void)tuner_->tunetofreq(FREQ);  // makes events
-  EXPECT_TRUE(wait_for([&] { return capture.text().find("WARNING: Failed to read fe event\n") != std::string::npos; }));
-}
-
-TEST_F(Monitor_test, event_that_cannot_be_read_is_not_told_at_verbosity_0) {
-  after_monitor_pass();
-  const support::Stderr_capture capture;
-  support::softdvb_control("fault FE_GET_EVENT = EIO*5");
-  (void)tuner_->tunetofreq(FREQ);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-  EXPECT_EQ("", capture.text());
+TEST_F(Monitor_test, event_that_cannot_be_read_is_a_warning_and_not_told_at_verbosity_0) {
+  frontend.failing = FE_GET_EVENT;
+  EXPECT_EQ(messages_at(1, [&] { frontend.pass(POLLIN); }), EVENT_NOT_READ);
+  EXPECT_EQ(messages_at(0, [&] { frontend.pass(POLLIN); }), "");
 }
 
 TEST_F(Monitor_test, failing_poll_is_printed_and_the_pass_goes_on) {
-  after_monitor_pass();
-  const support::Stderr_capture capture;
-  support::softdvb_control("fault poll = EINTR*1");
-  EXPECT_TRUE(wait_for([&] {
-    return capture.text().find("Lock poll thread: : Interrupted system call\n") != std::string::npos;
-  })) << capture.text();
-  after_monitor_pass();
+  frontend.take_monitor_calls();
+  EXPECT_EQ(messages_at(-1, [&] { frontend.pass(-EINTR); }), "Lock poll thread: : Interrupted system call\n");
+  EXPECT_EQ(frontend.take_monitor_calls(), READINGS + WAIT);
 }
 
-TEST_F(Monitor_test, event_wakes_the_pass_early) {
-  const support::Verbosity verbosity(3);
+TEST_F(Monitor_test, keeps_strength_and_ber_fresh) {
+  frontend.strength = 88;
+  frontend.ber = 4;
+  frontend.pass();
+  EXPECT_EQ(tuner->fe_strength(), 60.0F);
+  EXPECT_EQ(tuner->fe_ber(), 88.0F);
+}
+
+TEST_F(Monitor_test, both_ends_of_the_frontends_range_are_read) {
   const support::Stderr_capture capture;
-  // An undisturbed pass takes 200 ms at least; one that is shorter is enough, however busy the machine.
-  const auto shortest_ms = [&] {
-    const std::vector<Pass> passes = passes_of(capture.text());
-    int shortest = 1000;
-    for (size_t i = 1; i < passes.size(); ++i)
-      shortest =
-          std::min(shortest, passes[i].locked + passes[i].not_locked - passes[i - 1].locked - passes[i - 1].not_locked);
-    return shortest;
-  };
-  for (int i = 0; i < 100 && shortest_ms() >= 150; ++i) {
-    support::softdvb_control("adapter 0 tune 506000000");  // makes an event
-    std::this_thread::sleep_for(std::chrono::milliseconds(130));
+  for (const auto& [within, beyond] : {std::pair{470000000, 469999999}, std::pair{862000000, 862000001}}) {
+    (void)tuner->tunetofreq(within);
+    frontend.pass();
+    EXPECT_EQ(tuner->fe_strength(), 100.0F) << within;
+    (void)tuner->tunetofreq(beyond);
+    frontend.end_wait();
+    until([&] { return tuner->fe_strength() == 0 && tuner->fe_ber() == 0; });
+    (void)tuner->tunetofreq(within);
   }
-  EXPECT_LT(shortest_ms(), 150);
 }
 
-TEST_F(Monitor_test, undisturbed_pass_takes_200_ms) {
-  after_monitor_pass();
-  after_monitor_pass();
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  const auto shortest_ms = [&] {
-    const std::vector<Pass> passes = passes_of(capture.text());
-    int shortest = 1000;
-    for (size_t i = 1; i < passes.size(); ++i)
-      shortest = std::min(shortest, passes[i].locked - passes[i - 1].locked);
-    return shortest;
-  };
-  EXPECT_TRUE(wait_for([&] { return passes_of(capture.text()).size() >= 4 && shortest_ms() < 350; }));
-  EXPECT_GE(shortest_ms(), 190);
+TEST_F(Monitor_test, frequency_out_of_range_reads_0_sends_no_event_and_is_looked_at_every_10_ms) {
+  listen();
+  (void)tuner->tunetofreq(100000000);
+  frontend.take_monitor_calls();
+  frontend.end_wait();
+  until([&] { return tuner->fe_strength() == 0 && tuner->fe_ber() == 0; });
+  until([&] { return frontend.monitor_calls() >= 6; });
+  const Texts calls = frontend.take_monitor_calls();
+  EXPECT_EQ(calls, READINGS + Texts{"sleep 10"} * (calls.size() - READINGS.size()));
+  EXPECT_EQ(events, "");
+  EXPECT_EQ(tuner->tunetofreq(FREQ), FREQ);
+  frontend.pass();
+  EXPECT_EQ(tuner->fe_ber(), 100.0F) << "the monitor goes on";
+}
+
+// --- Events ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Monitor_test, no_event_is_sent_before_the_first_reset_though_the_loss_is_printed) {
+  tuner->set_stb_event_callback(on_event);
+  frontend.status = 0;
+  EXPECT_EQ(statistics(1), "WARNING: FE quality lost\n");
+  frontend.status = 0x1F;
+  EXPECT_EQ(statistics(1), "WARNING: FE quality OK\n");
+  EXPECT_EQ(events, "");
+}
+
+TEST_F(Monitor_test, loss_and_return_are_sent_once_each_with_null_data) {
+  listen();
+  frontend.status = 0x0F;
+  frontend.pass();
+  EXPECT_EQ(events, "0 ");
+  frontend.pass();
+  frontend.status = 0x1F;
+  frontend.pass();
+  EXPECT_EQ(events, "0 1 ");
+  frontend.pass();
+  EXPECT_EQ(events, "0 1 ");
+}
+
+TEST_F(Monitor_test, message_about_the_quality_comes_before_its_event) {
+  listen([](unsigned event, void*) {
+    const std::string line = "event " + std::to_string(event) + "\n";
+    (void)!write(2, line.data(), line.size());
+  });
+  frontend.status = 0;
+  EXPECT_EQ(statistics(1), "WARNING: FE quality lost\nevent 0\n");
+  frontend.status = 0x1F;
+  EXPECT_EQ(statistics(1), "WARNING: FE quality OK\nevent 1\n");
+}
+
+TEST_F(Monitor_test, quirk_quality_is_lost_below_10_and_regained_only_above) {
+  listen();
+  quality(QUALITY_10, 10);
+  EXPECT_EQ(events, "");
+  quality(QUALITY_8, 8);
+  EXPECT_EQ(events, "0 ");
+  quality(QUALITY_10, 10);
+  EXPECT_EQ(events, "0 ");
+  quality(QUALITY_12, 12);
+  EXPECT_EQ(events, "0 1 ");
+  quality(QUALITY_10, 10);
+  EXPECT_EQ(events, "0 1 ");
+}
+
+TEST_F(Monitor_test, messages_appear_at_verbosity_1_only) {
+  EXPECT_EQ(messages_at(0,
+                        [&] {
+                          quality(QUALITY_8, 8);
+                          quality(QUALITY_12, 12);
+                        }),
+            "");
+}
+
+TEST_F(Monitor_test, disabled_events_are_not_sent_and_a_reset_enables_them_again) {
+  listen();
+  tuner->disable_tunerevents();
+  quality(QUALITY_8, 8);
+  EXPECT_EQ(events, "");
+  (void)tuner->reset_signal_monitor_loop();  // which counts the quality as good again
+  frontend.pass();
+  EXPECT_EQ(events, "0 ");
+}
+
+TEST_F(Monitor_test, null_callback_is_skipped) {
+  tuner->set_stb_event_callback(on_event);
+  listen(nullptr);
+  quality(QUALITY_8, 8);
+  EXPECT_EQ(events, "");
+}
+
+// --- Statistics ------------------------------------------------------------------------------------------------------
+
+TEST_F(Monitor_test, statistics_are_a_line_a_pass_at_verbosity_3_and_a_reset_starts_them_anew) {
+  (void)tuner->reset_signal_monitor_loop();
+  EXPECT_EQ(statistics(), "Locked 200, not_locked 0, working 0.00 %, quality_sum 100\n");
+  EXPECT_EQ(statistics(), "Locked 400, not_locked 0, working 0.00 %, quality_sum 200\n");
+  (void)tuner->reset_signal_monitor_loop();
+  EXPECT_EQ(statistics(), "Locked 200, not_locked 0, working 0.00 %, quality_sum 100\n");
+  EXPECT_EQ(statistics(2), "");
+}
+
+TEST_F(Monitor_test, pass_that_an_event_ends_counts_the_time_that_it_took) {
+  (void)tuner->reset_signal_monitor_loop();
+  EXPECT_EQ(messages_at(3, [&] { frontend.pass(POLLIN); }),
+            "Locked 0, not_locked 0, working 0.00 %, quality_sum 100\n");
+}
+
+TEST_F(Monitor_test, quirk_working_is_a_ratio_of_the_times_with_and_without_lock) {
+  listen();
+  frontend.status = 0;
+  frontend.pass();
+  EXPECT_EQ(statistics(), "Locked 200, not_locked 400, working 50.00 %, quality_sum 300\n");
+}
+
+TEST_F(Monitor_test, any_lock_bit_counts_as_locked_time) {
+  for (const unsigned bit : {1U, 2U, 4U, 8U, 16U, 0x80U}) {  // the last is none of the five
+    frontend.status = bit;
+    (void)tuner->reset_signal_monitor_loop();
+    const bool locked = testing::Value(statistics(), testing::ContainsRegex("Locked [1-9][0-9]+, not_locked 0,"));
+    (void)tuner->reset_signal_monitor_loop();
+    const bool unlocked = testing::Value(statistics(), testing::ContainsRegex("Locked 0, not_locked [1-9][0-9]+,"));
+    EXPECT_EQ(locked, bit != 0x80) << bit;
+    EXPECT_EQ(unlocked, bit == 0x80) << bit;
+  }
+}
+
+TEST_F(Monitor_test, working_stays_over_a_reset_until_there_is_time_without_lock_again) {
+  frontend.status = 0;
+  frontend.pass();
+  frontend.status = 0x1F;
+  (void)tuner->reset_signal_monitor_loop();
+  EXPECT_EQ(statistics(), "Locked 200, not_locked 0, working 100.00 %, quality_sum 100\n");
+  EXPECT_EQ(statistics(), "Locked 400, not_locked 0, working 100.00 %, quality_sum 200\n");
+}
+
+// --- Tuning and testing the quality ----------------------------------------------------------------------------------
+
+const Texts TUNE = {"FE_SET_FRONTEND"};
+const Texts LOOK_WITHOUT_LOCK = {"FE_GET_FRONTEND", "FE_READ_STATUS"};
+const Texts LOOK_WITH_LOCK = {"FE_GET_FRONTEND", "FE_READ_STATUS", "FE_READ_SIGNAL_STRENGTH"};
+const Texts SLEEP = {"sleep 50"};
+constexpr int OTHER_FREQ = 514000000;
+
+TEST_F(Monitor_test, tuning_with_lock_does_not_wait) {
+  EXPECT_EQ(tuner->tunetofreq(FREQ), FREQ);
+  EXPECT_EQ(frontend.take_calls(), TUNE + LOOK_WITH_LOCK);
+}
+
+TEST_F(Monitor_test, quirk_tuning_without_lock_waits_150_ms_of_which_the_last_50_are_for_nothing) {
+  frontend.status = 0;
+  EXPECT_EQ(tuner->tunetofreq(OTHER_FREQ), 0);
+  EXPECT_EQ(frontend.take_calls(), TUNE + (LOOK_WITHOUT_LOCK + SLEEP) * 3);
+}
+
+TEST_F(Monitor_test, lock_that_takes_time_is_seen_after_50_or_100_ms) {
+  for (const int sleeps : {1, 2}) {
+    frontend.status = 0;
+    int slept = 0;
+    frontend.after_sleep = [&] { frontend.status = ++slept == sleeps ? 0x1F : 0; };
+    EXPECT_EQ(tuner->tunetofreq(OTHER_FREQ), OTHER_FREQ);
+    EXPECT_EQ(frontend.take_calls(), TUNE + (LOOK_WITHOUT_LOCK + SLEEP) * static_cast<size_t>(sleeps) + LOOK_WITH_LOCK);
+  }
 }
 
 TEST_F(Monitor_test, wait_for_quality_answers_the_number_of_the_first_good_test) {
-  signal("snr", 0x00FE);
-  EXPECT_EQ(1, tuner_->wait_signal_quality(2, 101, 20, 50));
+  EXPECT_EQ(wait(2, 101, 20, 50), 1);
+  EXPECT_THAT(frontend.take_calls(), ElementsAre("sleep 100", "FE_READ_SNR", "FE_READ_STATUS"));
 }
 
 TEST_F(Monitor_test, quirk_wait_for_quality_compares_the_quality_as_if_it_counted_errors) {
-  signal("snr", 0x00FE);
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 100, 20, 50)) << "a perfect signal is not below 100";
+  EXPECT_EQ(wait(1, 100, 20, 50), 0) << "a perfect signal is not below 100";
 }
 
 TEST_F(Monitor_test, wait_for_quality_wants_each_reading_beyond_its_limit) {
-  signal("snr", 0x00FE);
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 101, 25, 50));
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 101, 20, 100));
+  EXPECT_EQ(wait(1, 101, 25, 50), 0);
+  EXPECT_EQ(wait(1, 101, 20, 100), 0);
+  frontend.snr = 0xFF00;  // 0 dB
+  EXPECT_EQ(wait(1, 101, 0, 99), 0);
+  EXPECT_EQ(wait(1, 101, -1, 99), 1);
 }
 
 // A reading that fails answers the last value, here 0 dB.
 TEST_F(Monitor_test, wait_for_quality_counts_the_failing_tests_before_the_good_one) {
-  signal("snr", 0x00FE);
-  support::softdvb_control("fault FE_READ_SNR = EIO*3");
   const support::Stderr_capture capture;
-  EXPECT_EQ(4, tuner_->wait_signal_quality(2, 101, 20, 50));
-}
-
-TEST_F(Monitor_test, wait_for_quality_wants_more_than_the_limits) {
-  signal("snr", 0xFF00);  // 0 dB
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 101, 0, 99));
-  EXPECT_EQ(1, tuner_->wait_signal_quality(1, 101, -1, 99));
+  frontend.failing = FE_READ_SNR;
+  int tests = 0;
+  frontend.after_sleep = [&] { frontend.failing = ++tests < 4 ? FE_READ_SNR : 0; };
+  EXPECT_EQ(wait(2, 101, 20, 50), 4);
 }
 
 TEST_F(Monitor_test, wait_for_quality_reads_the_snr_only_when_the_others_are_good) {
-  after_monitor_pass();
-  support::softdvb_control("fault FE_READ_SNR = EIO");
   const support::Stderr_capture capture;
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 100, -1, 50));
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 101, -1, 100));
-  EXPECT_EQ("", capture.text());
-  EXPECT_EQ(0, tuner_->wait_signal_quality(1, 101, 0, 50));
-  std::string ten;
-  for (int i = 0; i < 10; ++i)
-    ten += "ERROR: FE_READ_STATUS failed for /dev/dvb/adapter0/frontend0 failed\n";
-  EXPECT_EQ(ten, capture.text());
-  support::softdvb_control("clear faults");
+  frontend.failing = FE_READ_SNR;
+  EXPECT_EQ(wait(1, 100, -1, 50), 0);
+  EXPECT_EQ(wait(1, 101, -1, 100), 0);
+  EXPECT_EQ(capture.text(), "");
+  EXPECT_EQ(wait(1, 101, 0, 50), 0);
+  EXPECT_EQ(support::lines_of(capture.text()),
+            Texts{std::string("ERROR: FE_READ_STATUS failed for ") + frontend.path() + " failed"} * 10);
 }
 
-TEST_F(Monitor_test, wait_for_quality_on_a_bad_signal_takes_20_tests_and_writes_four_dots) {
-  signal("status", 0);
-  const int saved = dup(1);
-  const std::string file = folder_.file("stdout");
-  FILE* out = std::fopen(file.c_str(), "w");
-  std::fflush(stdout);
-  dup2(fileno(out), 1);
-  timespec from{};
-  clock_gettime(CLOCK_MONOTONIC, &from);
-  const int result = tuner_->wait_signal_quality(2, 101, 10, 50);
-  timespec to{};
-  clock_gettime(CLOCK_MONOTONIC, &to);
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::fclose(out);
-  EXPECT_EQ(0, result);
-  EXPECT_EQ("....", support::read_file(file));
-  const double took =
-      static_cast<double>(to.tv_sec - from.tv_sec) + static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e9;
-  EXPECT_GE(took, 1.99);
+TEST_F(Monitor_test, wait_for_quality_on_a_bad_signal_takes_20_tests_of_100_ms_and_writes_four_dots) {
+  frontend.status = 0;
+  EXPECT_EQ(wait(2, 101, 10, 50), 0);
+  EXPECT_EQ(dots, "....");
+  EXPECT_EQ(frontend.take_calls(), (Texts{"sleep 100", "FE_READ_SNR", "FE_READ_STATUS"} * 20));
 }
 
-namespace {
+// --- The end ---------------------------------------------------------------------------------------------------------
 
-std::atomic<bool> event_arrived{false};
-std::atomic<bool> event_may_end{false};
+std::atomic<bool> in_event;
+std::atomic<bool> event_may_end;
+std::atomic<bool> event_over;
 
-void slow_event(unsigned, void*) {
-  event_arrived = true;
+void long_event(unsigned, void*) {
+  in_event = true;
   while (!event_may_end)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  event_over = true;
+}
+
+class Long_event_test : public Monitor_test {
+ protected:
+  // The monitor is in the callback from now on, until event_may_end.
+  Long_event_test() {
+    in_event = event_may_end = event_over = false;
+    listen(long_event);
+    frontend.status = 0;
+    frontend.end_wait();
+    until([] { return in_event.load(); });
+  }
+};
+
+TEST_F(Long_event_test, disabling_events_does_not_wait_for_the_one_under_way) {
+  tuner->disable_tunerevents();
+  EXPECT_FALSE(event_over);
+  event_may_end = true;
+  until([] { return event_over.load(); });
+}
+
+TEST_F(Long_event_test, destruction_closes_the_device_before_it_waits_for_the_event_under_way) {
+  bool over_at_end = false;
+  std::thread destroyer([&] {
+    tuner.reset();
+    over_at_end = event_over;
+  });
+  until([&] { return !frontend.is_open(); });
+  // Time enough for a destructor that does not wait.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  until([=] { return std::chrono::steady_clock::now() >= end; });
+  event_may_end = true;
+  destroyer.join();
+  EXPECT_TRUE(over_at_end);
+}
+
+TEST_F(Monitor_test, destruction_ends_the_wait_of_the_monitor) {
+  frontend.take_monitor_calls();
+  const support::Stderr_capture capture;  // the readings of the pass that it was in fail
+  tuner.reset();
+  EXPECT_EQ(frontend.take_monitor_calls(), Texts());
 }
 
 }  // namespace
-
-TEST_F(Monitor_test, destruction_closes_the_device_before_it_waits_for_the_monitor) {
-  tuner_->set_stb_event_callback(slow_event);
-  (void)tuner_->reset_signal_monitor_loop();
-  signal("status", 0);
-  EXPECT_TRUE(wait_for([] { return event_arrived.load(); }));
-  std::thread destroyer([this] { tuner_.reset(); });
-  int device = -1;
-  EXPECT_TRUE(wait_for([&] { return (device = open(PATH, O_RDWR)) >= 0; })) << "still the tuner's";
-  event_may_end = true;
-  destroyer.join();
-  close(device);
-}
-
-TEST_F(Monitor_test, destruction_does_not_wait_longer_than_a_pass) {
-  after_monitor_pass();
-  timespec from{};
-  clock_gettime(CLOCK_MONOTONIC, &from);
-  const support::Stderr_capture capture;
-  tuner_.reset();
-  timespec to{};
-  clock_gettime(CLOCK_MONOTONIC, &to);
-  EXPECT_LT(static_cast<double>(to.tv_sec - from.tv_sec) + static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e9, 1.0);
-}

@@ -1,20 +1,14 @@
 // What a tuner hands to its device: defaults, and what an earlier scan has stored for its input.
-#include <memory>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
-#include "support/database.h"
-#include "tuner/fake_frontend.h"
-#include "tuner/tuner.h"
+#include "tuner/fake_tuner.h"
 
 namespace {
 
-constexpr int FREQ = 506000000;
 constexpr int VHF_FREQ = 177500000;
-constexpr int CONNECTOR = 3;
-constexpr int TYPE = 1;
 
 // All of them, in the order of a stored line: "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0".
 std::string text(const dvb_frontend_parameters& parameters) {
@@ -35,13 +29,8 @@ std::string text(const dvb_frontend_parameters& parameters) {
   return all;
 }
 
-class Tuner_parameters_test : public testing::Test {
+class Tuner_parameters_test : public Fake_tuner_test {
  protected:
-  ~Tuner_parameters_test() override {
-    const support::Stderr_capture capture;  // the pass that ends the monitor fails at the closed device
-    tuner.reset();
-  }
-
   void store(int dvb_type, int hf_conn, int freq, const std::string& line) {
     const std::string values = std::to_string(freq) + ", " + std::to_string(dvb_type) + ", " + std::to_string(hf_conn);
     ASSERT_EQ(db.run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (" + values + ", '" +
@@ -52,13 +41,11 @@ class Tuner_parameters_test : public testing::Test {
     (void)tuner->tunetofreq(freq);
     return text(frontend.tuned());
   }
-
-  Fake_frontend frontend;
-  support::Database db;
-  std::unique_ptr<Tuner> tuner = std::make_unique<Tuner>(frontend.path(), &db.sdbl(), CONNECTOR, TYPE);
 };
 
 TEST_F(Tuner_parameters_test, a_new_tuner_stands_on_474_mhz_with_the_defaults) {
+  const support::Stderr_capture capture;
+  const Tuner another(frontend.path(), &db.sdbl(), CONNECTOR, TYPE);
   EXPECT_EQ(text(frontend.tuned()), "474000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
 }
 

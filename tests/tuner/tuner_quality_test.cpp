@@ -29,17 +29,17 @@ TEST(Strength, each_row_of_the_scale_at_its_edges) {
       {111, 67},  {90, 60},   {89, 60},   {88, 60},  {87, 59},  {12, 51},  {11, 50},
   };
   for (const Row& row : rows)
-    EXPECT_EQ(row.strength, strength(reading(row.low))) << "low byte " << row.low;
+    EXPECT_EQ(strength(reading(row.low)), row.strength) << "low byte " << row.low;
 }
 
 TEST(Strength, high_byte_counts_only_when_the_low_byte_is_at_most_10) {
-  EXPECT_EQ(50, strength(reading(5, 8)));
-  EXPECT_EQ(54, strength(reading(0, 0)));
-  EXPECT_EQ(53, strength(reading(10, 1)));
-  EXPECT_EQ(0, strength(reading(10, 107)));
-  EXPECT_EQ(0, strength(reading(0, 108)));
-  EXPECT_EQ(50, strength(reading(11, 255)));
-  EXPECT_EQ(100, strength(reading(161, 255)));
+  EXPECT_EQ(strength(reading(5, 8)), 50);
+  EXPECT_EQ(strength(reading(0, 0)), 54);
+  EXPECT_EQ(strength(reading(10, 1)), 53);
+  EXPECT_EQ(strength(reading(10, 107)), 0);
+  EXPECT_EQ(strength(reading(0, 108)), 0);
+  EXPECT_EQ(strength(reading(11, 255)), 50);
+  EXPECT_EQ(strength(reading(161, 255)), 100);
 }
 
 TEST(Strength, quirk_high_byte_above_108_wraps_to_a_huge_strength) {
@@ -59,16 +59,16 @@ TEST(Ber, each_row_of_the_scale_at_its_edges) {
       {89127, 0}, {63096, 4}, {63097, 2}, {0x7FFFFFFF, 0}, {0xFFFFFFFE, 0}, {0xFFFFFFFF, 0},
   };
   for (const Row& row : rows)
-    EXPECT_EQ(row.quality, ber_quality(row.errors)) << row.errors << " errors";
+    EXPECT_EQ(ber_quality(row.errors), row.quality) << row.errors << " errors";
 }
 
 TEST(Ber, steps_are_powers_of_ten_at_every_decibel) {
   for (int i = 0; i < 44; ++i) {
     const auto lower = static_cast<uint32_t>(std::lround(std::pow(10.0, (i + 5) / 10.0)));
     const auto upper = static_cast<uint32_t>(std::lround(std::pow(10.0, (i + 6) / 10.0)));
-    EXPECT_EQ(88 - 2 * i, ber_quality(upper)) << "upper edge of step " << i;
+    EXPECT_EQ(ber_quality(upper), 88 - 2 * i) << "upper edge of step " << i;
     if (lower + 1 >= 4) {
-      EXPECT_EQ(88 - 2 * i, ber_quality(lower + 1)) << "lower edge of step " << i;
+      EXPECT_EQ(ber_quality(lower + 1), 88 - 2 * i) << "lower edge of step " << i;
     }
   }
 }
@@ -80,20 +80,20 @@ TEST(Ber, quality_never_rises_with_the_errors) {
     ASSERT_LE(quality, last) << errors << " errors";
     last = quality;
   }
-  EXPECT_EQ(0, last);
+  EXPECT_EQ(last, 0);
 }
 
 TEST(Snr, noise_is_the_inverse_of_the_low_byte_and_never_0) {
-  EXPECT_EQ(255, noise(0xFF00, true));
-  EXPECT_EQ(1, noise(0x00FE, true));
-  EXPECT_EQ(1, noise(0x00FF, true));
-  EXPECT_EQ(1, noise(0xFFFF, true));
-  EXPECT_EQ(128, noise(0x127F, true));
+  EXPECT_EQ(noise(0xFF00, true), 255);
+  EXPECT_EQ(noise(0x00FE, true), 1);
+  EXPECT_EQ(noise(0x00FF, true), 1);
+  EXPECT_EQ(noise(0xFFFF, true), 1);
+  EXPECT_EQ(noise(0x127F, true), 128);
 }
 
 TEST(Snr, noise_is_255_without_full_lock) {
-  EXPECT_EQ(255, noise(0x00FE, false));
-  EXPECT_EQ(255, noise(0x0000, false));
+  EXPECT_EQ(noise(0x00FE, false), 255);
+  EXPECT_EQ(noise(0x0000, false), 255);
 }
 
 TEST(Snr, decibels_of_each_noise) {

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
-#include "db/sdbl.h"
+#include "support/database.h"
+#include "support/messages.h"
 #include "support/softdvb.h"
-#include "support/support.h"
-#include "support/verbosity.h"
+#include "support/text.h"
 #include "tuner/tuner.h"
 
 // A tuner on adapter 0 of the software adapter, locked on FREQ with a good signal, quiet at verbosity 0.
@@ -22,27 +20,17 @@ class Tuner_test : public testing::Test {
   void SetUp() override {
     ASSERT_TRUE(support::under_softdvb());
     const support::Stderr_capture capture;
-    tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0);
+    tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0);
     const int locked = tuner_->tunetofreq(FREQ);
-    EXPECT_EQ(FREQ, locked) << capture.text();
+    EXPECT_EQ(locked, FREQ) << capture.text();
     // The pass under way may have begun before the lock; the next one counts the quality as good.
     after_monitor_pass();
     after_monitor_pass();
-    EXPECT_EQ(100.0F, tuner_->fe_ber());
+    EXPECT_EQ(tuner_->fe_ber(), 100.0F);
   }
   void TearDown() override {
     const support::Stderr_capture capture;  // a pass of the monitor may fail while the device is closed
     tuner_.reset();
-  }
-
-  template <typename Condition>
-  static bool wait_for(Condition condition) {
-    for (int i = 0; i < 2000; ++i) {
-      if (condition())
-        return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
   }
 
   // Sets a reading, such as "ber", of what is received.
@@ -54,18 +42,16 @@ class Tuner_test : public testing::Test {
   void after_monitor_pass() {
     const support::Verbosity verbosity(3);
     const support::Stderr_capture capture;
-    EXPECT_TRUE(wait_for([&] { return capture.text().find("quality_sum") != std::string::npos; }));
+    EXPECT_TRUE(support::wait_for([&] { return capture.text().find("quality_sum") != std::string::npos; }));
   }
 
   // What `action` prints at a level while the monitor sleeps.
   template <typename Action>
   std::string printed(int level, Action action) {
     after_monitor_pass();
-    const support::Verbosity verbosity(level);
-    return support::stderr_of(action);
+    return support::messages_at(level, action);
   }
 
-  support::Temp_dir folder_;
-  Sdbl database_{folder_.file("dvb.db").c_str()};
+  support::Database db_;
   std::unique_ptr<Tuner> tuner_;
 };

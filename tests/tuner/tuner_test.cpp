@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tuner/tuner_support.h"
@@ -12,80 +13,81 @@ TEST_F(Tuner_test, frontend_is_described_at_verbosity_3) {
   tuner_.reset();
   const support::Verbosity verbosity(3);
   const support::Stderr_capture capture;
-  tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0);
+  tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0);
   const std::string text = capture.text();
-  EXPECT_EQ(0U, text.find(" Front end name is softdvb DVB-T 0, type is 2\n"
-                          "  Freq min: 470000000 Freq max: 862000000\n"
-                          "  Freq step: 166667, Tolerance: 0\n"))
+  EXPECT_EQ(text.find(" Front end name is softdvb DVB-T 0, type is 2\n"
+                      "  Freq min: 470000000 Freq max: 862000000\n"
+                      "  Freq step: 166667, Tolerance: 0\n"),
+            0U)
       << text;
-  EXPECT_EQ(std::string::npos, text.find("ERROR")) << text;
+  EXPECT_EQ(text.find("ERROR"), std::string::npos) << text;
 }
 
 TEST_F(Tuner_test, good_frontend_is_opened_in_silence) {
   tuner_.reset();
-  EXPECT_EQ("", support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); }));
+  EXPECT_EQ(support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); }), "");
   tuner_.reset();
   const support::Verbosity verbosity(2);
-  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); });
-  EXPECT_EQ(std::string::npos, text.find("Fr")) << text;  // neither line
-  EXPECT_EQ(474000000, tuner_->fe_freq());
+  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); });
+  EXPECT_EQ(text.find("Fr"), std::string::npos) << text;  // neither line
+  EXPECT_EQ(tuner_->fe_freq(), 474000000);
 }
 
 TEST_F(Tuner_test, second_tuner_on_a_device_prints_that_it_is_busy_and_the_first_goes_on) {
   EXPECT_NE(std::string::npos, support::stderr_of([&] {
-                                 const Tuner second(PATH, &database_, 0, 0);
+                                 const Tuner second(PATH, &db_.sdbl(), 0, 0);
                                }).find("ERROR: Failed to  open /dev/dvb/adapter0/frontend0\n"));
-  EXPECT_EQ(FREQ, tuner_->fe_freq());
+  EXPECT_EQ(tuner_->fe_freq(), FREQ);
 }
 
 TEST_F(Tuner_test, device_is_free_again_when_the_tuner_is_gone) {
   tuner_.reset();
-  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &database_, 0, 0); });
-  EXPECT_EQ(std::string::npos, text.find("Failed to  open")) << text;
+  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); });
+  EXPECT_THAT(text, testing::Not(testing::HasSubstr("Failed to  open")));
 }
 
 TEST_F(Tuner_test, tuning_answers_the_frequency_when_locked_and_0_without_lock) {
-  EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ));
+  EXPECT_EQ(tuner_->tunetofreq(FREQ), FREQ);
   EXPECT_TRUE(tuner_->tuned_to(FREQ));
-  EXPECT_EQ(FREQ, tuner_->fe_freq());
-  EXPECT_EQ(0x1F, tuner_->fe_status());
-  EXPECT_EQ(0, tuner_->tunetofreq(514000000));
-  EXPECT_EQ(514000000, tuner_->fe_freq());
+  EXPECT_EQ(tuner_->fe_freq(), FREQ);
+  EXPECT_EQ(tuner_->fe_status(), 0x1F);
+  EXPECT_EQ(tuner_->tunetofreq(514000000), 0);
+  EXPECT_EQ(tuner_->fe_freq(), 514000000);
   EXPECT_FALSE(tuner_->tuned_to(514000000));
 }
 
 TEST_F(Tuner_test, refused_tuning_is_printed_and_the_old_one_goes_on) {
   after_monitor_pass();
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, tuner_->tunetofreq(900000000)); });
-  EXPECT_EQ(0U, text.find("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n")) << text;
-  EXPECT_EQ(FREQ, tuner_->fe_freq());
-  EXPECT_EQ(0x1F, tuner_->fe_status());
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(tuner_->tunetofreq(900000000), 0); });
+  EXPECT_EQ(text.find("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n"), 0U) << text;
+  EXPECT_EQ(tuner_->fe_freq(), FREQ);
+  EXPECT_EQ(tuner_->fe_status(), 0x1F);
 }
 
 TEST_F(Tuner_test, each_check_of_a_tuning_without_lock_is_told_at_verbosity_3) {
   after_monitor_pass();
   const support::Verbosity verbosity(3);
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, tuner_->tunetofreq(514000000)); });
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(tuner_->tunetofreq(514000000), 0); });
   for (const char* part :
        {"WARNING: Using default fe data for freq 514000000\n", "No Lock, Status 0 ", "1 ", "2 ", "3 "})
-    EXPECT_NE(std::string::npos, text.find(part)) << part << " in " << text;
+    EXPECT_THAT(text, testing::HasSubstr(part));
 }
 
 TEST_F(Tuner_test, tuned_to_says_why_not_at_verbosity_3_and_ends_the_line_at_4) {
   const auto ask = [&](int freq) { return [this, freq] { EXPECT_FALSE(tuner_->tuned_to(freq)); }; };
-  EXPECT_EQ("Tuner freq 506000000 != in freq 514000000. ", printed(3, ask(514000000)));
-  EXPECT_EQ("Tuner freq 506000000 != in freq 514000000. \n", printed(4, ask(514000000)));
-  EXPECT_EQ("", printed(2, ask(514000000)));
+  EXPECT_EQ(printed(3, ask(514000000)), "Tuner freq 506000000 != in freq 514000000. ");
+  EXPECT_EQ(printed(4, ask(514000000)), "Tuner freq 506000000 != in freq 514000000. \n");
+  EXPECT_EQ(printed(2, ask(514000000)), "");
   signal("strength", 5 | 30 << 8);  // 39
-  EXPECT_EQ("Strength 39.000000 below accepted 40.000000 ", printed(3, ask(FREQ)));
-  EXPECT_EQ("Strength 39.000000 below accepted 40.000000 \n", printed(4, ask(FREQ)));
-  EXPECT_EQ("", printed(2, ask(FREQ)));
+  EXPECT_EQ(printed(3, ask(FREQ)), "Strength 39.000000 below accepted 40.000000 ");
+  EXPECT_EQ(printed(4, ask(FREQ)), "Strength 39.000000 below accepted 40.000000 \n");
+  EXPECT_EQ(printed(2, ask(FREQ)), "");
   signal("strength", 5 | 28 << 8);  // 40
   EXPECT_TRUE(tuner_->tuned_to(FREQ));
   signal("status", 0x0F);
-  EXPECT_EQ("No Lock, Status f ", printed(3, ask(FREQ)));
-  EXPECT_EQ("No Lock, Status f \n", printed(4, ask(FREQ)));
-  EXPECT_EQ("", printed(2, ask(FREQ)));
+  EXPECT_EQ(printed(3, ask(FREQ)), "No Lock, Status f ");
+  EXPECT_EQ(printed(4, ask(FREQ)), "No Lock, Status f \n");
+  EXPECT_EQ(printed(2, ask(FREQ)), "");
 }
 
 TEST_F(Tuner_test, lock_needs_all_five_bits_and_more_do_not_matter) {
@@ -103,8 +105,8 @@ TEST_F(Tuner_test, dvb_h_shows_in_bit_0x80_or_0x100_and_is_told_at_verbosity_4) 
     signal("status", bit);
     char text[64];
     std::snprintf(text, sizeof text, "DVB-H channel, status is %x", bit);
-    EXPECT_EQ(text, printed(4, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }));
-    EXPECT_EQ("", printed(3, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }));
+    EXPECT_EQ(printed(4, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }), text);
+    EXPECT_EQ(printed(3, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }), "");
   }
   signal("status", 0x7F);
   EXPECT_FALSE(tuner_->mux_is_dvbh());
@@ -115,14 +117,14 @@ TEST_F(Tuner_test, strength_is_read_and_scaled) {
   for (const auto& row : rows) {
     signal("strength", row[0]);
     tuner_->fe_strength_local();
-    EXPECT_EQ(static_cast<float>(row[1]), tuner_->fe_strength()) << row[0];
+    EXPECT_EQ(tuner_->fe_strength(), static_cast<float>(row[1])) << row[0];
   }
 }
 
 TEST_F(Tuner_test, quirk_weak_reading_with_a_high_byte_above_108_counts_as_a_huge_strength) {
   signal("strength", 109 << 8);
   tuner_->fe_strength_local();
-  EXPECT_EQ(static_cast<float>(std::numeric_limits<int>::max()), tuner_->fe_strength());
+  EXPECT_EQ(tuner_->fe_strength(), static_cast<float>(std::numeric_limits<int>::max()));
   EXPECT_TRUE(tuner_->tuned_to(FREQ));
 }
 
@@ -130,28 +132,28 @@ TEST_F(Tuner_test, ber_is_read_scaled_and_told_at_verbosity_4) {
   const unsigned rows[][2] = {{0, 100}, {4, 88}, {5, 86}, {79433, 2}, {79434, 1}, {0xFFFFFFFF, 0}};
   for (const auto& row : rows) {
     signal("ber", row[0]);
-    EXPECT_EQ(static_cast<int>(row[1]), tuner_->fe_ber_local()) << row[0];
-    EXPECT_EQ(static_cast<float>(row[1]), tuner_->fe_ber());
+    EXPECT_EQ(tuner_->fe_ber_local(), static_cast<int>(row[1])) << row[0];
+    EXPECT_EQ(tuner_->fe_ber(), static_cast<float>(row[1]));
   }
   signal("ber", 0x1234);
-  EXPECT_EQ("BER readback is 00001234", printed(4, [&] { (void)tuner_->fe_ber_local(); }));
-  EXPECT_EQ("", printed(3, [&] { (void)tuner_->fe_ber_local(); }));
+  EXPECT_EQ(printed(4, [&] { (void)tuner_->fe_ber_local(); }), "BER readback is 00001234");
+  EXPECT_EQ(printed(3, [&] { (void)tuner_->fe_ber_local(); }), "");
 }
 
 TEST_F(Tuner_test, snr_is_read_and_told_at_verbosity_4) {
   signal("snr", 0xFF00);
-  EXPECT_EQ(0.0F, tuner_->fe_snr());
+  EXPECT_EQ(tuner_->fe_snr(), 0.0F);
   signal("snr", 0x00FE);
   EXPECT_NEAR(24.07, static_cast<double>(tuner_->fe_snr()), 0.005);
-  EXPECT_EQ("SNR readback is 00fecorrected snr 1 log value 24.07\n", printed(4, [&] { (void)tuner_->fe_snr(); }));
-  EXPECT_EQ("", printed(3, [&] { (void)tuner_->fe_snr(); }));
+  EXPECT_EQ(printed(4, [&] { (void)tuner_->fe_snr(); }), "SNR readback is 00fecorrected snr 1 log value 24.07\n");
+  EXPECT_EQ(printed(3, [&] { (void)tuner_->fe_snr(); }), "");
 }
 
 TEST_F(Tuner_test, snr_is_0_unless_the_status_is_exactly_the_five_lock_bits) {
   signal("snr", 0x00FE);
   for (const unsigned status : {0x0FU, 0x00U, 0x3FU, 0x9FU}) {
     signal("status", status);
-    EXPECT_EQ(0.0F, tuner_->fe_snr()) << status;
+    EXPECT_EQ(tuner_->fe_snr(), 0.0F) << status;
   }
 }
 
@@ -161,29 +163,29 @@ TEST_F(Tuner_test, failing_readings_keep_the_last_good_values) {
   signal("ber", 4);
   const float snr = tuner_->fe_snr();
   tuner_->fe_strength_local();
-  EXPECT_EQ(88, tuner_->fe_ber_local());
+  EXPECT_EQ(tuner_->fe_ber_local(), 88);
   after_monitor_pass();
   for (const char* call :
        {"FE_GET_FRONTEND", "FE_READ_STATUS", "FE_READ_SIGNAL_STRENGTH", "FE_READ_BER", "FE_READ_SNR"})
     support::softdvb_control(std::string("fault ") + call + " = EIO");
   const std::string name = "/dev/dvb/adapter0/frontend0 failed";
-  EXPECT_EQ("ERROR: Getting frontend parameters for " + name + "\n",
-            support::stderr_of([&] { EXPECT_EQ(FREQ, tuner_->fe_freq()); }));
-  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
-            support::stderr_of([&] { EXPECT_EQ(0x1F, tuner_->fe_status()); }));
-  EXPECT_EQ("ERROR: FE_READ_STRENGTH failed for " + name + ", rc is -1\n",
-            support::stderr_of([&] { tuner_->fe_strength_local(); }));
-  EXPECT_EQ(60.0F, tuner_->fe_strength());
-  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
-            support::stderr_of([&] { EXPECT_EQ(88, tuner_->fe_ber_local()); }));
-  EXPECT_EQ("ERROR: FE_READ_STATUS failed for " + name + "\n",
-            support::stderr_of([&] { EXPECT_EQ(snr, tuner_->fe_snr()); }));
+  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_freq(), FREQ); }),
+            "ERROR: Getting frontend parameters for " + name + "\n");
+  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_status(), 0x1F); }),
+            "ERROR: FE_READ_STATUS failed for " + name + "\n");
+  EXPECT_EQ(support::stderr_of([&] { tuner_->fe_strength_local(); }),
+            "ERROR: FE_READ_STRENGTH failed for " + name + ", rc is -1\n");
+  EXPECT_EQ(tuner_->fe_strength(), 60.0F);
+  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_ber_local(), 88); }),
+            "ERROR: FE_READ_STATUS failed for " + name + "\n");
+  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_snr(), snr); }),
+            "ERROR: FE_READ_STATUS failed for " + name + "\n");
   support::softdvb_control("clear faults");
 }
 
 TEST_F(Tuner_test, stored_parameters_are_used_for_the_next_tuning_of_their_frequency) {
-  (void)database_.terrestrial_tuner_info(0, 0, FREQ, 0, 2, 0, 1, 1, 0, 1);
-  EXPECT_EQ("WARNING: Using FE data from scanned db for freq 506000000\n",
-            printed(1, [&] { EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ)); }).substr(0, 58));
-  EXPECT_EQ("", printed(0, [&] { EXPECT_EQ(FREQ, tuner_->tunetofreq(FREQ)); }));
+  (void)db_->terrestrial_tuner_info(0, 0, FREQ, 0, 2, 0, 1, 1, 0, 1);
+  EXPECT_EQ(printed(1, [&] { EXPECT_EQ(tuner_->tunetofreq(FREQ), FREQ); }).substr(0, 58),
+            "WARNING: Using FE data from scanned db for freq 506000000\n");
+  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(tuner_->tunetofreq(FREQ), FREQ); }), "");
 }

@@ -9,6 +9,7 @@
 #include "filter/section_filter_parts.h"
 #include "kelvo/kelvo_parts.h"
 #include "kelvo/scan_loop.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -273,7 +274,7 @@ void Kelvo::set_scan_listener(scan_listener_t listener, void* data) {
 }
 
 void Kelvo::set_time_listener(time_listener_t listener, void* data) {
-  parts_->listeners.set_time(listener, data);
+  parts_->parser.parts().set_time_listener(listener, data);
 }
 
 void Kelvo::set_activity_listener(const Activity_listener& listener) {

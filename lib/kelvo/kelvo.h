@@ -46,11 +46,12 @@ enum : int {
 //   - While scanning, a file /tmp/testsig with a hexadecimal number is removed and its number handed to the change
 //     callback.
 //
-// Threads: create, use and destroy it on the host's threads; every operation is any-thread and short, except that
-// tune_to_freq without a channel tunes (150 ms at most) and export_channel_db writes. Callbacks come from the worker
+// Threads: create, use and destroy it on the host's threads. Every operation is any-thread and returns at once, but for
+// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db); these also wait, up to two
+// seconds a statement, while another program keeps the database locked. Callbacks and listeners come from the worker
 // (the event callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should
-// return soon. Do not call set_tuner while a request is under way. One mutex guards the request; the worker takes it
-// only to pick the request up. docs/threads.md has the whole table.
+// return soon. They may make requests, ask for readings and use the database. Do not call set_tuner while a request is
+// under way. docs/threads.md has the whole table.
 class KELVO_EXPORT Kelvo {
  public:
   using change_callback_t = void (*)(int code);
@@ -60,11 +61,13 @@ class KELVO_EXPORT Kelvo {
 
   // `adapter` is the N of /dev/dvb/adapterN, 0 to 3, and the number of the scan tables. `database` is not owned and
   // outlives this object. Without a tuner (`tuner_connected` false) whatever stream arrives is scanned.
-  // `db_change_callback` may be null. Missing devices are printed, not reported.
+  // `db_change_callback` may be null. Missing devices, scan tables that cannot be made and a worker that cannot be
+  // started are printed, not reported: requests are accepted then, too, and find nothing.
   Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
         change_callback_t db_change_callback);
 
-  // Ends the worker, at the start of its next pass, and deletes everything owned; not the database.
+  // Ends the worker, at the start of its next pass, and deletes everything owned: parser, filters, tuner, worker; not
+  // the database. Waits for a callback or an export that is running. A request that waits is dropped unanswered.
   // REQUIRES: no other thread uses the object any more.
   ~Kelvo();
 
@@ -75,18 +78,23 @@ class KELVO_EXPORT Kelvo {
   void set_verbosity(int level);
 
   // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
-  //   channel -1: tunes now; 0 when there is no lock (nothing requested), else -1, and the worker calls
-  //     `done(data, result)` later: 0 the scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s).
-  //     It is called only when `data` is not null; at every pass on DVB-H.
+  //   channel -1: tunes now; 0 when there is no lock, else -1, and the worker calls `done(data, result)` later: 0 the
+  //     scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s). It is called only when `data` is
+  //     not null; at every pass on DVB-H. `data` is not owned and is used until then.
   //   a channel: -1 at once; the worker tunes. `done` is never called, `data` is not kept. On a frequency that is tuned
   //     already nothing happens.
-  // A new request replaces one that has not been answered.
+  // A new request replaces one that has not been answered, which then is not answered any more (an answer that the
+  // worker has begun to give still arrives). A channel that changed before it was replaced is told with the next scan
+  // of a channel.
+  // A frequency request that fails to tune requests nothing, but it has taken the filters away: the scan under way ends
+  // without a merge (its request is answered with 0), the guide stops, and the frontend stays on `freq`. Whoever wants
+  // the old multiplex back asks for it again.
   int tune_to_freq(int freq, int channel, void* data, request_callback_t done);
   int tune_to_freq(int freq, void* data, request_callback_t done);
 
   // Reads everything of `channel`'s multiplex again, as a channel request does, also on the frequency that is tuned
-  // already: the worker tunes, and the timers, the list of services and the guide begin anew. Without effect on the
-  // frontend when the tuning fails, as there. Any-thread.
+  // already: the worker tunes, and the timers, the list of services and the guide begin anew. When the tuning fails the
+  // scan goes on trying, as there. Replaces a request that has not been answered. Any-thread.
   void watch_again(int freq, int channel);
 
   // Who is told how each scan ended: once for each, before the request's answer and the change callback of the same
@@ -107,16 +115,21 @@ class KELVO_EXPORT Kelvo {
   static void set_message_listener(const Message_listener& listener);
 
   // True when the last request has been answered or none was made. Never for a channel request, nor for a request with
-  // null data unless there was no stream. Stays true until the worker picks a new request up.
+  // null data unless there was no stream. Stays true until the worker picks a new request up. An answer of 0 is given
+  // while this is still false, one of -1 when it is true already. Cannot fail.
   bool get_msg_state() const;
 
   // Pauses and resumes scanning; a request resumes it, too. The filters stop, the state of the scan is kept, nothing is
   // merged or answered for lack of data meanwhile, and the timers start anew on resuming. Takes effect at the worker's
-  // next pass, at once as a rule.
+  // next pass, at once as a rule. The same state again does nothing. Prints what it does. A filter that the device does
+  // not stop or start is printed and keeps its state.
   void set_scan(bool on);
 
   // Deletes or creates the tuner. Any use of it by another thread ends first, so disconnecting may take 150 ms more
-  // than ~Tuner while somebody tunes. The same state again does nothing. Prints what it does at verbosity 3.
+  // than ~Tuner while somebody tunes. A new tuner knows nothing of the one before: it is tuned to 474 MHz, has no event
+  // callback, sends no events and forgets frequency and channel of the last request, so that the host asks for its
+  // multiplex again. A device that is missing is printed; readings are then those of a Tuner without one. The same
+  // state again does nothing. Prints what it does at verbosity 3.
   void set_tuner(bool connect);
 
   // Replaces the contents of `progress` by one entry for each service whose guide is collected on the multiplex tuned;
@@ -127,22 +140,28 @@ class KELVO_EXPORT Kelvo {
   // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
   bool time_valid() const;
 
-  // Copies the channel list to `file` in the caller's thread; throws no_file_error when it cannot be written.
+  // Copies the channel list to `file` in the caller's thread; throws no_file_error when it cannot be written, and the
+  // scan goes on. See Sdbl::backup_channel_database.
   void export_channel_db(const char* file);
 
   // Asks the worker to purge old events and copy the guide beside `file` (see Sdbl::backup_database); the change
-  // callback gets 8 when it is done. `full` has no effect. Returns 1.
+  // callback gets 8 when it is done, also when it failed, which is printed. Several that are asked for at once are
+  // written one after the other, each with a callback of its own. `full` has no effect. Copies `file`; without one (or
+  // with null) nothing is written. Always returns 1.
   bool export_db(const char* file, bool full);
+  // True until the last export asked for has been run; false in the callback that tells of it.
   bool export_db_in_progress() const;
 
-  // Frontend readings, see Tuner. Without a tuner: 0 Hz, strength -24, status 32, SNR 1, BER 0.1.
+  // Frontend readings, see Tuner: what cannot be read keeps its last good value. Without a tuner: 0 Hz, strength -24,
+  // status 32, SNR 1, BER 0.1.
   int fe_freq();
   float fe_strength();
   int fe_status();
   float fe_snr();
   float fe_ber();
 
-  // Who is told that reception is lost (0) or good again (1), see Tuner. Without a tuner they do nothing, and
+  // Who is told that reception is lost (0) or good again (1), see Tuner; that events begin, and their first state; that
+  // they end. An event under way may still arrive after disable_tunerevents. Without a tuner they do nothing, and
   // reset_signal_monitor returns 0.
   void set_stb_event_callback(Tuner::event_callback_t callback);
   int reset_signal_monitor();

@@ -2,12 +2,8 @@
 
 void Listeners::set_scan(Kelvo::scan_listener_t listener, void* data) {
   const std::lock_guard<std::mutex> lock(lock_);
-  scan_ = {listener, data};
-}
-
-void Listeners::set_time(Kelvo::time_listener_t listener, void* data) {
-  const std::lock_guard<std::mutex> lock(lock_);
-  time_ = {listener, data};
+  scan_ = listener;
+  scan_data_ = data;
 }
 
 void Listeners::set_activity(const Activity_listener& listener) {
@@ -16,24 +12,16 @@ void Listeners::set_activity(const Activity_listener& listener) {
 }
 
 void Listeners::tell(const Scan_end& end) const {
-  Listener<Kelvo::scan_listener_t> listener;
+  Kelvo::scan_listener_t listener = nullptr;
+  void* data = nullptr;
   {
     const std::lock_guard<std::mutex> lock(lock_);
     listener = scan_;
+    data = scan_data_;
   }
   // Without the lock: a listener may make requests, and may be exchanged meanwhile.
-  if (listener.call != nullptr)
-    listener.call(listener.data, end);
-}
-
-void Listeners::tell(const Broadcast_time& time) const {
-  Listener<Kelvo::time_listener_t> listener;
-  {
-    const std::lock_guard<std::mutex> lock(lock_);
-    listener = time_;
-  }
-  if (listener.call != nullptr)
-    listener.call(listener.data, time);
+  if (listener != nullptr)
+    listener(data, end);
 }
 
 Activity_listener Listeners::activity() const {

@@ -7,5 +7,6 @@ class KELVO_EXPORT KelvoMainThread final : public COrbelThreadKelvo {
  public:
   using COrbelThreadKelvo::COrbelThreadKelvo;
 
+  // Runs Kelvo::filter_read_thread for the owner, a Kelvo, then the base class's.
   void Execute(void* arg) override;
 };

@@ -32,7 +32,6 @@ class Polling_thread : public COrbelThreadKelvo {
   pthread_t seen_thread{};
   std::atomic<bool> executing{false};
 
- protected:
   void Setup() override { calls.emplace_back("Setup"); }
   void Execute(void* arg) override {
     calls.emplace_back("Execute");
@@ -69,6 +68,32 @@ TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) 
   EXPECT_EQ(&running, thread.seen_owner);
   EXPECT_TRUE(pthread_equal(thread.seen_thread, thread.getThreadId()));
   EXPECT_FALSE(pthread_equal(pthread_self(), thread.getThreadId()));
+}
+
+TEST(Thread, entry_point_runs_setup_and_execute_with_the_start_argument_and_returns_null) {
+  std::atomic<bool> running{false};
+  Polling_thread thread(&running);
+  int argument = 0;
+  ASSERT_EQ(thread.Start(&argument), 0);
+  EXPECT_EQ(thread.Stop(), 0);
+  thread.calls.clear();
+  thread.argument = nullptr;
+  EXPECT_EQ(COrbelThreadKelvo::EntryPoint(static_cast<COrbelThreadKelvo*>(&thread)), nullptr);
+  EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
+  EXPECT_EQ(thread.argument, &argument);
+  EXPECT_TRUE(pthread_equal(thread.seen_thread, pthread_self())) << "on the calling thread";
+}
+
+TEST(Thread, run_calls_setup_and_execute_with_its_own_argument_and_returns_0) {
+  std::atomic<bool> running{false};
+  Polling_thread thread(&running);
+  int argument = 0;
+  EXPECT_EQ(thread.Run(&argument), 0);
+  EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
+  EXPECT_EQ(thread.argument, &argument);
+  thread.Setup();
+  thread.Execute(nullptr);
+  EXPECT_EQ(thread.calls.size(), 4U);
 }
 
 TEST(Thread, base_class_does_nothing_and_ends) {

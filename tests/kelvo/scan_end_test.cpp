@@ -147,3 +147,26 @@ TEST_F(Scan_ends, watch_again_reads_everything_of_the_frequency_that_is_tuned) {
   kelvo_->watch_again(FREQ, 1);
   EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete merged 0"));
 }
+
+TEST_F(Scan_ends, time_listener_is_told_of_the_broadcast_time) {
+  make();
+  struct Told {
+    Protocol* protocol;
+    Broadcast_time first;
+  } told{&protocol_, {}};
+  kelvo_->set_time_listener(
+      [](void* data, const Broadcast_time& time) {
+        auto* self = static_cast<Told*>(data);
+        if (self->first.freq == 0)
+          self->first = time;
+        self->protocol->add("time");
+      },
+      &told);
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(protocol_.wait_for("time"));
+  kelvo_.reset();
+  EXPECT_EQ(told.first.freq, FREQ);
+  EXPECT_GE(told.first.utc, 1772388000) << "2026-03-01 18:00 UTC";
+  EXPECT_LE(told.first.utc, 1772388000 + 20);
+  EXPECT_EQ(told.first.clock, CLOCK_SET);
+}

@@ -98,7 +98,7 @@ TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
   const support::Stderr_capture capture;
   Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
   verbosity_kelvo = 1;
-  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, nullptr, nullptr));
+  EXPECT_EQ(kelvo.tune_to_freq(FREQ, nullptr, nullptr), -1);
   EXPECT_TRUE(wait_for([&] { return kelvo.fe_ber() == 100.0F; }));
   const auto lost = [&] {
     const std::string text = capture.text();
@@ -110,7 +110,7 @@ TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
   };
 
   kelvo.set_stb_event_callback(on_event);
-  EXPECT_EQ(1, kelvo.reset_signal_monitor());
+  EXPECT_EQ(kelvo.reset_signal_monitor(), 1);
   const size_t before = lost();
   set_status(0x0F);
   EXPECT_TRUE(wait_for([] { return seen_events() == "0 "; })) << seen_events();
@@ -120,26 +120,26 @@ TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
   kelvo.disable_tunerevents();
   set_status(0x0F);
   EXPECT_TRUE(wait_for([&] { return lost() == before + 2; })) << capture.text();
-  EXPECT_EQ("0 1 ", seen_events());
+  EXPECT_EQ(seen_events(), "0 1 ");
   verbosity_kelvo = -1;
 }
 
 TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
   const support::Stderr_capture capture;
   Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
-  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, nullptr, nullptr));
-  EXPECT_EQ(FREQ, kelvo.fe_freq());
-  EXPECT_EQ(0x1F, kelvo.fe_status());
+  EXPECT_EQ(kelvo.tune_to_freq(FREQ, nullptr, nullptr), -1);
+  EXPECT_EQ(kelvo.fe_freq(), FREQ);
+  EXPECT_EQ(kelvo.fe_status(), 0x1F);
   support::softdvb_control("adapter 0 strength = 88");
   support::softdvb_control("adapter 0 ber = 4");
   EXPECT_TRUE(wait_for([&] { return kelvo.fe_strength() == 60.0F && kelvo.fe_ber() == 88.0F; }));
   EXPECT_NEAR(17.0757F, kelvo.fe_snr(), 0.0001F);
   kelvo.set_tuner(false);
-  EXPECT_EQ(0, kelvo.fe_freq());
-  EXPECT_EQ(32, kelvo.fe_status());
-  EXPECT_EQ(-24.0F, kelvo.fe_strength());
-  EXPECT_EQ(1.0F, kelvo.fe_snr());
-  EXPECT_EQ(0.1F, kelvo.fe_ber());
+  EXPECT_EQ(kelvo.fe_freq(), 0);
+  EXPECT_EQ(kelvo.fe_status(), 32);
+  EXPECT_EQ(kelvo.fe_strength(), -24.0F);
+  EXPECT_EQ(kelvo.fe_snr(), 1.0F);
+  EXPECT_EQ(kelvo.fe_ber(), 0.1F);
 }
 
 TEST_F(Kelvo_device_test, callbacks_come_from_the_worker_with_what_the_host_gave) {
@@ -148,26 +148,26 @@ TEST_F(Kelvo_device_test, callbacks_come_from_the_worker_with_what_the_host_gave
   {
     Kelvo kelvo(0, 0, 0, &database_, true, on_change);
     EXPECT_TRUE(kelvo.get_msg_state());
-    EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, &data, on_answer));
+    EXPECT_EQ(kelvo.tune_to_freq(FREQ, &data, on_answer), -1);
     EXPECT_TRUE(wait_for([] { return count_of(answers) == 1; }));
     EXPECT_TRUE(wait_for([&] { return kelvo.get_msg_state(); }));
     EXPECT_TRUE(kelvo.export_db("", false));
     EXPECT_TRUE(wait_for([] { return count_of(changes) == 1; }));
   }
-  ASSERT_EQ(1U, answers.size());
-  EXPECT_EQ("kelvo_th", answers[0].thread);
-  EXPECT_EQ(&data, answers[0].data);
-  EXPECT_EQ(0, answers[0].value);
-  ASSERT_EQ(1U, changes.size());
-  EXPECT_EQ("kelvo_th", changes[0].thread);
-  EXPECT_EQ(DB_EXPORTED, changes[0].value);
+  ASSERT_EQ(answers.size(), 1U);
+  EXPECT_EQ(answers[0].thread, "kelvo_th");
+  EXPECT_EQ(answers[0].data, &data);
+  EXPECT_EQ(answers[0].value, 0);
+  ASSERT_EQ(changes.size(), 1U);
+  EXPECT_EQ(changes[0].thread, "kelvo_th");
+  EXPECT_EQ(changes[0].value, DB_EXPORTED);
 }
 
 TEST_F(Kelvo_device_test, request_without_a_callback_is_answered_all_the_same) {
   const support::Stderr_capture capture;
   int data = 0;
   Kelvo kelvo(0, 0, 0, &database_, true, nullptr);
-  EXPECT_EQ(-1, kelvo.tune_to_freq(FREQ, &data, nullptr));
+  EXPECT_EQ(kelvo.tune_to_freq(FREQ, &data, nullptr), -1);
   EXPECT_TRUE(wait_for([&] {
     int services = 0;
     return database_.sql_get_int(&services, 0, "SELECT count(*) FROM kanalid") == 0 && services == 3;
@@ -179,6 +179,6 @@ TEST_F(Kelvo_device_test, request_without_a_callback_is_answered_all_the_same) {
 TEST_F(Kelvo_device_test, thread_that_cannot_be_created_is_told_by_start) {
   COrbelThreadKelvo thread(nullptr);
   support::softdvb_control("fault pthread_create=EAGAIN");
-  EXPECT_EQ(EAGAIN, thread.Start(nullptr));
+  EXPECT_EQ(thread.Start(nullptr), EAGAIN);
 }
 #endif

@@ -88,11 +88,11 @@ class Kelvo_test : public testing::Test {
 
 TEST_F(Kelvo_test, without_tuner_readings_are_those_of_no_signal) {
   const auto kelvo = make(false);
-  EXPECT_EQ(32, kelvo->fe_status());
-  EXPECT_EQ(0, kelvo->fe_freq());
-  EXPECT_EQ(-24.0F, kelvo->fe_strength());
-  EXPECT_EQ(1.0F, kelvo->fe_snr());
-  EXPECT_EQ(0.1F, kelvo->fe_ber());
+  EXPECT_EQ(kelvo->fe_status(), 32);
+  EXPECT_EQ(kelvo->fe_freq(), 0);
+  EXPECT_EQ(kelvo->fe_strength(), -24.0F);
+  EXPECT_EQ(kelvo->fe_snr(), 1.0F);
+  EXPECT_EQ(kelvo->fe_ber(), 0.1F);
 }
 
 TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
@@ -102,17 +102,17 @@ TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
     kelvo->set_stb_event_callback([](unsigned, void*) { ADD_FAILURE(); });
     kelvo->set_stb_event_callback(nullptr);
     kelvo->disable_tunerevents();
-    EXPECT_EQ(0, kelvo->reset_signal_monitor());
+    EXPECT_EQ(kelvo->reset_signal_monitor(), 0);
   });
-  EXPECT_EQ(std::string::npos, text.find("Resetting")) << text;
+  EXPECT_EQ(text.find("Resetting"), std::string::npos) << text;
 }
 
 TEST_F(Kelvo_test, without_tuner_the_constructor_says_so_at_every_verbosity) {
   for (const int level : {-1, 0, 1}) {
     verbosity_kelvo = level;
     std::unique_ptr<Kelvo> kelvo;
-    EXPECT_EQ("Tuner disconnected, passive stream scan\n",
-              support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }));
+    EXPECT_EQ(support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }),
+              "Tuner disconnected, passive stream scan\n");
   }
 }
 
@@ -127,8 +127,8 @@ TEST_F(Kelvo_test, constructor_starts_the_worker_and_reports_priority_10_at_verb
   EXPECT_THAT(text, testing::HasSubstr(" rc = 0 After change 0\n"));
   verbosity_kelvo = 3;
   kelvo.reset();
-  EXPECT_EQ("Tuner disconnected, passive stream scan\n",
-            support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }));
+  EXPECT_EQ(support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }),
+            "Tuner disconnected, passive stream scan\n");
 }
 
 TEST_F(Kelvo_test, worker_has_three_silent_timers_of_the_real_time_clock_and_deletes_them) {
@@ -140,27 +140,27 @@ TEST_F(Kelvo_test, worker_has_three_silent_timers_of_the_real_time_clock_and_del
   auto kelvo = make(false);
   EXPECT_TRUE(soon([&] { return count(timers(), "ClockID: ") == others + 3; })) << timers();
   const std::string during = timers();
-  EXPECT_EQ(3U, count(during, "ClockID: 0\n") - count(before, "ClockID: 0\n"));
-  EXPECT_EQ(3U, count(during, "notify: none/") - count(before, "notify: none/"));
+  EXPECT_EQ(count(during, "ClockID: 0\n") - count(before, "ClockID: 0\n"), 3U);
+  EXPECT_EQ(count(during, "notify: none/") - count(before, "notify: none/"), 3U);
   kelvo.reset();
-  EXPECT_EQ(before, timers());
+  EXPECT_EQ(timers(), before);
 }
 
 TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
   const auto kelvo = make(true);
-  EXPECT_EQ(0, kelvo->fe_freq());
-  EXPECT_EQ(0, kelvo->fe_status());
+  EXPECT_EQ(kelvo->fe_freq(), 0);
+  EXPECT_EQ(kelvo->fe_status(), 0);
   verbosity_kelvo = -1;
   int data = 0;
-  EXPECT_EQ(0, kelvo->tune_to_freq(506000000, &data, done));
+  EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), 0);
   EXPECT_TRUE(kelvo->get_msg_state());
   verbosity_kelvo = 4;
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(0, kelvo->tune_to_freq(506000000, -1, &data, done)); });
+  const std::string text = support::stderr_of([&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
   EXPECT_NE(std::string::npos, text.find("dvb_tuner returned 0\n"));
   verbosity_kelvo = 3;
-  const std::string below = support::stderr_of([&] { EXPECT_EQ(0, kelvo->tune_to_freq(506000000, -1, &data, done)); });
-  EXPECT_EQ(std::string::npos, below.find("dvb_tuner"));
-  EXPECT_EQ(0, answers);
+  const std::string below = support::stderr_of([&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
+  EXPECT_EQ(below.find("dvb_tuner"), std::string::npos);
+  EXPECT_EQ(answers, 0);
 }
 
 TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_nothing) {
@@ -176,13 +176,13 @@ TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_not
   };
   const std::string starting = "WARNING: Starting kelvo PAT/PMT";
   const std::string stopping = "WARNING: Stopping kelvo scanner\n";
-  EXPECT_EQ("WARNING: #### Scan state from false to true.  Done\n" + starting, set(true, 3, starting));
-  EXPECT_EQ("WARNING: #### Scan state from true to true. Same state, unchanged\n", set(true, 3));
-  EXPECT_EQ("WARNING: #### Scan state from true to true. ", set(true, 2));
-  EXPECT_EQ("WARNING: #### Scan state from true to true. ", set(true, 1));
-  EXPECT_EQ("", set(true, 0));
-  EXPECT_EQ("WARNING: #### Scan state from true to false.  Done\n" + stopping, set(false, 3, stopping));
-  EXPECT_EQ("WARNING: #### Scan state from false to true. " + starting, set(true, 2, starting));
+  EXPECT_EQ(set(true, 3, starting), "WARNING: #### Scan state from false to true.  Done\n" + starting);
+  EXPECT_EQ(set(true, 3), "WARNING: #### Scan state from true to true. Same state, unchanged\n");
+  EXPECT_EQ(set(true, 2), "WARNING: #### Scan state from true to true. ");
+  EXPECT_EQ(set(true, 1), "WARNING: #### Scan state from true to true. ");
+  EXPECT_EQ(set(true, 0), "");
+  EXPECT_EQ(set(false, 3, stopping), "WARNING: #### Scan state from true to false.  Done\n" + stopping);
+  EXPECT_EQ(set(true, 2, starting), "WARNING: #### Scan state from false to true. " + starting);
 }
 
 TEST_F(Kelvo_test, worker_tells_at_verbosity_1_that_it_starts_and_stops) {
@@ -204,7 +204,7 @@ TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
   EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress() && last_change == DB_EXPORTED; }));
   EXPECT_TRUE(kelvo->export_db("", false));
   EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress(); }));
-  EXPECT_EQ("ERROR: Backup file name not set!ERROR: Backup file name not set!", capture.text());
+  EXPECT_EQ(capture.text(), "ERROR: Backup file name not set!ERROR: Backup file name not set!");
 }
 
 TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
@@ -213,22 +213,22 @@ TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
   Kelvo kelvo(ADAPTER, 0, 0, &database_, false, hold);
   EXPECT_TRUE(kelvo.export_db("", true));
   ASSERT_TRUE(soon([] { return held.load(); }));
-  EXPECT_EQ(DB_EXPORTED, last_change);
+  EXPECT_EQ(last_change, DB_EXPORTED);
   EXPECT_FALSE(kelvo.export_db_in_progress()) << "the export is over when the callback says so";
 
   // The worker is in the callback: what is asked for now has to wait.
   EXPECT_TRUE(kelvo.export_db("", false));
   int data = 0;
-  EXPECT_EQ(-1, kelvo.tune_to_freq(506000000, &data, done));
+  EXPECT_EQ(kelvo.tune_to_freq(506000000, &data, done), -1);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_TRUE(kelvo.export_db_in_progress());
   EXPECT_TRUE(kelvo.get_msg_state()) << "the request has not been picked up";
-  EXPECT_EQ(DB_EXPORTED, last_change.exchange(0));
+  EXPECT_EQ(last_change.exchange(0), DB_EXPORTED);
 
   let_go = true;
   EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress() && last_change == DB_EXPORTED; }));
   EXPECT_FALSE(kelvo.get_msg_state());
-  EXPECT_EQ(0, answers);
+  EXPECT_EQ(answers, 0);
   verbosity_kelvo = verbosity;
 }
 
@@ -244,15 +244,15 @@ TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_
   const auto kelvo = make(false);
   const std::string file = folder_.file("copy.db");
   kelvo->export_channel_db(file.c_str());
-  EXPECT_EQ(0, access(file.c_str(), F_OK));
-  EXPECT_EQ("SQLite format 3", support::read_file(file).substr(0, 15));
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(support::read_file(file).substr(0, 15), "SQLite format 3");
 }
 
 TEST_F(Kelvo_test, verbosity_is_0_at_the_start_and_one_for_all) {
-  EXPECT_EQ(0, verbosity_at_start);
+  EXPECT_EQ(verbosity_at_start, 0);
   const auto kelvo = make(false);
   kelvo->set_verbosity(2);
-  EXPECT_EQ(2, verbosity_kelvo);
+  EXPECT_EQ(verbosity_kelvo, 2);
 }
 
 TEST_F(Kelvo_test, clock_past_1999_is_valid_at_the_start) {
@@ -269,11 +269,11 @@ TEST_F(Kelvo_test, without_tuner_every_request_is_accepted_and_never_tuned_alrea
   const auto kelvo = make(false);
   verbosity_kelvo = 1;
   const support::Stderr_capture capture;
-  EXPECT_EQ(-1, kelvo->tune_to_freq(474000000, 5, nullptr, done));
+  EXPECT_EQ(kelvo->tune_to_freq(474000000, 5, nullptr, done), -1);
   EXPECT_TRUE(soon([&] { return capture.text().find("Loop init, local channel is 5\n") != std::string::npos; }));
   EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
   verbosity_kelvo = -1;
-  EXPECT_EQ(0, answers);
+  EXPECT_EQ(answers, 0);
 }
 
 TEST_F(Kelvo_test, request_is_picked_up_at_once) {
@@ -282,7 +282,7 @@ TEST_F(Kelvo_test, request_is_picked_up_at_once) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the worker's wait of a second
   const auto from = std::chrono::steady_clock::now();
   int data = 0;
-  EXPECT_EQ(-1, kelvo->tune_to_freq(506000000, &data, done));
+  EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
   EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
   EXPECT_LT(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(500));
 }
@@ -298,19 +298,19 @@ TEST_F(Kelvo_test, destruction_does_not_wait_for_the_end_of_a_pass) {
 TEST_F(Kelvo_test, set_tuner_makes_and_deletes_and_repeats_nothing) {
   const auto kelvo = make(false);
   verbosity_kelvo = 3;
-  EXPECT_EQ("", support::stderr_of([&] { kelvo->set_tuner(false); }));
+  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }), "");
   const std::string connected = support::stderr_of([&] { kelvo->set_tuner(true); });
-  EXPECT_EQ(0U, connected.find("reconnecting tuner\nERROR: Failed to  open /dev/dvb/adapter3/frontend0\n"))
+  EXPECT_EQ(connected.find("reconnecting tuner\nERROR: Failed to  open /dev/dvb/adapter3/frontend0\n"), 0U)
       << connected;
-  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(true); }).find("connecting"));
+  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(true); }).find("connecting"), std::string::npos);
   verbosity_kelvo = -1;
-  EXPECT_EQ(0, kelvo->fe_status());
+  EXPECT_EQ(kelvo->fe_status(), 0);
   verbosity_kelvo = 3;
-  EXPECT_EQ("Disconnecting tuner\n", support::stderr_of([&] { kelvo->set_tuner(false); }));
+  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }), "Disconnecting tuner\n");
   verbosity_kelvo = 2;
-  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(true); }).find("reconnecting"));
-  EXPECT_EQ(std::string::npos, support::stderr_of([&] { kelvo->set_tuner(false); }).find("Disconnecting"));
-  EXPECT_EQ(32, kelvo->fe_status());
+  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(true); }).find("reconnecting"), std::string::npos);
+  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }).find("Disconnecting"), std::string::npos);
+  EXPECT_EQ(kelvo->fe_status(), 32);
 }
 
 TEST_F(Kelvo_test, tuner_may_be_taken_away_under_threads_that_read_it) {
@@ -333,7 +333,7 @@ TEST_F(Kelvo_test, tuner_may_be_taken_away_under_threads_that_read_it) {
   }
   stop = true;
   reader.join();
-  EXPECT_EQ(0, kelvo->fe_freq());
+  EXPECT_EQ(kelvo->fe_freq(), 0);
 }
 
 TEST_F(Kelvo_test, worker_carries_its_name) {

@@ -8,12 +8,7 @@
 
 namespace {
 
-constexpr char SCAN_ONCE[] =
-    "verbosity 1\n"
-    "kelvo 0 tuner\n"
-    "freq 0 506000000\n"
-    "wait_done 0 100\n"
-    "verbosity 0\n";
+constexpr char SCAN_ONCE[] = "verbosity 1; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0; ";
 
 std::string test_name(std::string file) {
   for (char& c : file) {
@@ -52,9 +47,9 @@ TEST_P(Captures_test, one_scan_gives_the_reference) {
   if (file.empty())
     GTEST_SKIP() << GetParam().file << " is not here";
   const Scan_run scan = run(on_freq(file), SCAN_ONCE, GetParam().timed_out ? 20 : 5);
-  EXPECT_EQ("done 0 0\n", scan.lines({"done", "no"}));
-  EXPECT_EQ(GetParam().timed_out ? 1U : 0U, scan.count_err("scan timed out for frequency 506000000\n")) << scan.err;
-  EXPECT_EQ(0U, scan.count_err("ERROR: SQL")) << scan.err;
+  EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
+  EXPECT_EQ(scan.count_err("scan timed out for frequency 506000000\n"), GetParam().timed_out ? 1U : 0U) << scan.err;
+  EXPECT_EQ(scan.count_err("ERROR: SQL"), 0U) << scan.err;
   support::expect_reference(std::string("captures/") + GetParam().reference, dump({.events = false}));
 }
 
@@ -75,9 +70,9 @@ TEST_P(Variants_test, give_the_same_result) {
   std::vector<std::string> options = on_freq(file);
   options.insert(options.end(), {"--pace", "500k"});
   const Scan_run scan = run(options, SCAN_ONCE, 4);
-  EXPECT_EQ("done 0 0\n", scan.lines({"done", "no"}));
-  EXPECT_EQ(0U, scan.count_err("timed out")) << scan.err;
-  EXPECT_EQ(0U, scan.count_err("ERROR: Fragmented")) << scan.err;
+  EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
+  EXPECT_EQ(scan.count_err("timed out"), 0U) << scan.err;
+  EXPECT_EQ(scan.count_err("ERROR: Fragmented"), 0U) << scan.err;
   ASSERT_TRUE(network() == "12289\n" || network() == "13313\n") << network();
   support::expect_reference(reference(), dump({.numbers = false, .events = false}));
 }
@@ -94,9 +89,9 @@ TEST_F(Two_networks_test, quirk_of_a_pat_in_two_sections_the_first_one_read_is_a
   std::vector<std::string> options = on_freq(file);
   options.insert(options.end(), {"--pace", "500k"});
   const Scan_run scan = run(options, SCAN_ONCE, 4);
-  EXPECT_EQ("done 0 0\n", scan.lines({"done", "no"}));
-  EXPECT_EQ(1U, scan.count_err("ERROR: Fragmented PAT secnr: ")) << scan.err;
-  EXPECT_EQ("4\n", sql("SELECT count(*) FROM kanalid"));
+  EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
+  EXPECT_EQ(scan.count_err("ERROR: Fragmented PAT secnr: "), 1U) << scan.err;
+  EXPECT_EQ(sql("SELECT count(*) FROM kanalid"), "4\n");
   // What is there is as in the others.
   const std::string all = support::read_file(std::string(KELVO_SOURCE_DIR) + "/tests/data/" + reference());
   std::istringstream rows(dump({.numbers = false, .events = false}));

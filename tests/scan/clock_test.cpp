@@ -22,12 +22,7 @@ namespace {
 constexpr int64_t NOW = 1772388000;  // 2026-03-01 18:00 UTC, the time of the streams
 
 constexpr char PASSIVE_SCAN[] =
-    "kelvo 0 passive\n"
-    "verbosity 4\n"
-    "freq 0 506000000\n"
-    "wait_done 0 100\n"
-    "verbosity 0\n"
-    "state 0\n";
+    "kelvo 0 passive; verbosity 4; freq 0 506000000; wait_done 0 100; verbosity 0; state 0; ";
 
 // What the log holds of calls whose name is one of `names`: "settimeofday 1700000000.000000000 = 0".
 Lines calls_of(const Scan_run& run, const Lines& names) {
@@ -88,10 +83,10 @@ TEST_F(Clock_test, up_to_ten_seconds_off_it_stays_and_beyond_it_is_set_once) {
     SCOPED_TRACE(c.what);
     std::filesystem::remove(database());
     const Scan_run scanned = run_at(c.host_time, file);
-    EXPECT_EQ("done 0 0\nstate 1 0 1\n", scanned.lines({"done", "state"}));
-    EXPECT_EQ(c.sets ? set : Lines{}, clock_settings(scanned));
-    EXPECT_EQ(1U, scanned.count_err("Time offset section\n")) << "one TOT is read per filter";
-    EXPECT_EQ(c.sets ? 1U : 0U, scanned.count_err("Changing system clock\n"));
+    EXPECT_EQ(scanned.lines({"done", "state"}), "done 0 0\nstate 1 0 1\n");
+    EXPECT_EQ(clock_settings(scanned), c.sets ? set : Lines{});
+    EXPECT_EQ(scanned.count_err("Time offset section\n"), 1U) << "one TOT is read per filter";
+    EXPECT_EQ(scanned.count_err("Changing system clock\n"), c.sets ? 1U : 0U);
   }
 }
 
@@ -123,8 +118,8 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
                     {"value", {{{"fault", "wrong_bytes"}, {"table", "tot"}, {"offset", 3}, {"hex", c.sent}}}}}});
     std::filesystem::remove(database());
     const Scan_run scanned = run_at(c.host_time, file);
-    EXPECT_EQ(Lines{c.set}, clock_settings(scanned));
-    EXPECT_EQ("state 1 0 1\n", scanned.lines({"state"})) << "the clock counts as valid";
+    EXPECT_EQ(clock_settings(scanned), Lines{c.set});
+    EXPECT_EQ(scanned.lines({"state"}), "state 1 0 1\n") << "the clock counts as valid";
   }
 }
 
@@ -132,10 +127,10 @@ TEST_F(Clock_test, a_tdt_is_not_asked_for) {
   const std::string file =
       stream_at("2026-03-01T18:00:00Z", R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json);
   const Scan_run scanned = run_at(1000, file);
-  EXPECT_EQ("done 0 0\nstate 1 0 0\n", scanned.lines({"done", "state"})) << "the clock is not valid yet";
-  EXPECT_EQ(Lines{}, clock_settings(scanned));
-  EXPECT_EQ(1U, scanned.logged({"DMX_SET_FILTER pid=0x14 filter=73 "}).size());
-  EXPECT_EQ(0U, scanned.logged({"DMX_SET_FILTER pid=0x14 filter=70 "}).size());
+  EXPECT_EQ(scanned.lines({"done", "state"}), "done 0 0\nstate 1 0 0\n") << "the clock is not valid yet";
+  EXPECT_EQ(clock_settings(scanned), Lines{});
+  EXPECT_EQ(scanned.logged({"DMX_SET_FILTER pid=0x14 filter=73 "}).size(), 1U);
+  EXPECT_EQ(scanned.logged({"DMX_SET_FILTER pid=0x14 filter=70 "}).size(), 0U);
 }
 
 // A TOT has no syntax indicator, so the kernel does not look at its CRC, and this filter leaves the check to the
@@ -143,7 +138,7 @@ TEST_F(Clock_test, a_tdt_is_not_asked_for) {
 TEST_F(Clock_test, quirk_a_tot_with_a_wrong_crc_is_believed) {
   const std::string file = stream_at("2026-03-01T18:00:00Z", R"([{ "op": "add", "path": "/faults", "value":
                                                                   [{ "fault": "wrong_crc", "table": "tot" }] }])"_json);
-  EXPECT_EQ(Lines{"settimeofday 1772388000.000000000 = 0"}, clock_settings(run_at(1000, file)));
+  EXPECT_EQ(clock_settings(run_at(1000, file)), Lines{"settimeofday 1772388000.000000000 = 0"});
 }
 
 TEST_F(Clock_test, a_host_that_may_not_set_it_goes_on) {
@@ -152,8 +147,8 @@ TEST_F(Clock_test, a_host_that_may_not_set_it_goes_on) {
       run({"--now", "1000", "--time", "x0.1", "--tuned", std::to_string(FREQ), "--mux",
            std::to_string(FREQ) + "=" + file, "--pace", "fast", "--start", "filter", "--fault", "settimeofday=EPERM"},
           PASSIVE_SCAN);
-  EXPECT_EQ("done 0 0\nstate 1 0 1\n", scanned.lines({"done", "state"}));
-  EXPECT_EQ(1U, scanned.count_err("Changing system clock\n"));
+  EXPECT_EQ(scanned.lines({"done", "state"}), "done 0 0\nstate 1 0 1\n");
+  EXPECT_EQ(scanned.count_err("Changing system clock\n"), 1U);
 }
 
 // A watched channel's multiplex is scanned from its PAT every 300 s, and its TOT read with it. The clock that is only
@@ -162,20 +157,12 @@ TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
   const std::vector<std::string> options = {"--now", "1000"};
   std::vector<std::string> all = on_freq(stream());
   all.insert(all.end(), options.begin(), options.end());
-  run(all,
-      "kelvo 0 tuner\n"
-      "freq 0 506000000\n"
-      "wait_done 0 100\n");
-  const Scan_run watched = run(all,
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 320\n"
-                               "state 0\n",
-                               100);
+  run(all, "kelvo 0 tuner; freq 0 506000000; wait_done 0 100");
+  const Scan_run watched = run(all, "kelvo 0 tuner; channel 0 506000000 1; sleep 320; state 0", 100);
   const std::vector<double> filters = watched.logged({"DMX_SET_FILTER pid=0x14 filter=73 "});
   const std::vector<double> settings = watched.logged({"settimeofday 17723880"});
-  ASSERT_EQ(2U, filters.size());
-  ASSERT_EQ(2U, settings.size());
+  ASSERT_EQ(filters.size(), 2U);
+  ASSERT_EQ(settings.size(), 2U);
   expect_seconds(299, filters[1] - filters[0], 100);
   EXPECT_GT(settings[0], filters[0]);
   EXPECT_LT(settings[0], filters[1]);
@@ -188,18 +175,13 @@ TEST_F(Scan_test, a_host_whose_clock_is_beyond_2038_scans_and_purges) {
   std::vector<std::string> options = on_freq(stream());
   options.insert(options.end(), {"--now", "3786912000"});
   const Scan_run scanned = run(options,
-                               "kelvo 0 tuner\n"
-                               "freq 0 506000000\n"
-                               "wait_done 0 100\n"
-                               "freq 0 506000000\n"
-                               "wait_done 0 100\n"
-                               "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2147483646, 60)\n"
-                               "export 0 /dvbfiles/backup.db\n"
-                               "wait_change 0 8 20\n");
-  EXPECT_EQ(0U, scanned.count_err("CHECK")) << scanned.err;
-  EXPECT_EQ("101|2147483647\n102|2147483647\n103|2147483647\n",
-            sql("SELECT pat_prnr, modified FROM kanalid ORDER BY pat_prnr"));
-  EXPECT_EQ("0\n", sql("SELECT count(*) FROM epglist"));
+                               "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; "
+                               "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2147483646, 60); "
+                               "export 0 /dvbfiles/backup.db; wait_change 0 8 20");
+  EXPECT_EQ(scanned.count_err("CHECK"), 0U) << scanned.err;
+  EXPECT_EQ(sql("SELECT pat_prnr, modified FROM kanalid ORDER BY pat_prnr"),
+            "101|2147483647\n102|2147483647\n103|2147483647\n");
+  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "0\n");
 }
 
 // The zone is set for a multiplex of the preferred network that the database knows.
@@ -210,6 +192,13 @@ class Zone_test : public Scan_test {
     host_zone("EET-2");
   }
   void TearDown() override { unsetenv("TZ"); }
+
+  // Each tuning finds the stream at its beginning, with the TOT, however late its first filter is set.
+  static std::vector<std::string> on_freq(const std::string& file) {
+    std::vector<std::string> options = Scan_test::on_freq(file);
+    options.insert(options.end(), {"--start", "filter"});
+    return options;
+  }
 
   static void host_zone(const std::string& tz) { setenv("TZ", tz.c_str(), 1); }
 
@@ -229,14 +218,9 @@ class Zone_test : public Scan_test {
     std::vector<std::string> options = on_freq(file);
     options.insert(options.end(), more.begin(), more.end());
     return run(options,
-               "insert INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 0, 0, 'levira')\n"
+               "insert INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 0, 0, 'levira'); "
                "verbosity " +
-                   std::to_string(verbosity) +
-                   "\n"
-                   "kelvo 0 tuner\n"
-                   "freq 0 506000000\n"
-                   "wait_done 0 100\n"
-                   "verbosity 0\n");
+                   std::to_string(verbosity) + "; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0");
   }
   std::string source_file() const { return sandbox() + "/tmp/zoneinfo/timezone.txt"; }
   std::string source() const { return support::read_file(source_file()); }
@@ -283,19 +267,15 @@ TEST_F(Zone_test, a_known_multiplex_installs_its_zone_at_its_second_scan) {
     GTEST_SKIP() << "no zone compiler";
   const std::string file = stream_of("+03:00");
   const std::string scan_once =
-      "verbosity 1\n"
-      "freq 0 506000000\n"
-      "wait_done 0 100\n"
-      "verbosity 0\n"
-      "exists /tmp/zoneinfo/timezone.txt\n"
-      "exists /dvbfiles/localtime\n";
+      "verbosity 1; freq 0 506000000; wait_done 0 100; verbosity 0; "
+      "exists /tmp/zoneinfo/timezone.txt; exists /dvbfiles/localtime; ";
   const Scan_run scanned = run(on_freq(file), "kelvo 0 tuner\n" + scan_once + scan_once);
-  EXPECT_EQ("done 0 0\nexists no\nexists no\ndone 0 0\nexists yes\nexists yes\n", scanned.lines({"done", "exists"}))
+  EXPECT_EQ(scanned.lines({"done", "exists"}), "done 0 0\nexists no\nexists no\ndone 0 0\nexists yes\nexists yes\n")
       << "at the first one its rows are not there yet";
-  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to 180\n"));
-  EXPECT_EQ(1U, scanned.count_err(CHECKED));
-  EXPECT_EQ(INSTALLING, shell_commands(scanned));
-  EXPECT_EQ("EST +0300, EST +0300", installed());
+  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(scanned.count_err(CHECKED), 1U);
+  EXPECT_EQ(shell_commands(scanned), INSTALLING);
+  EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }
 
 TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
@@ -327,34 +307,35 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
     std::filesystem::remove(database());
     std::filesystem::remove(installed_file());
     const Scan_run scanned = scan(stream_of(c.offset, c.country, c.region));
-    EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) +
-                                    "\n"))
+    EXPECT_EQ(
+        scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) + "\n"),
+        1U)
         << scanned.err;
-    EXPECT_EQ(std::string(FIRST_LINE) + c.line, source());
-    EXPECT_EQ(c.read, installed());
+    EXPECT_EQ(source(), std::string(FIRST_LINE) + c.line);
+    EXPECT_EQ(installed(), c.read);
     EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/" + c.country + "_" + std::to_string(c.region)));
   }
 }
 
 TEST_F(Zone_test, the_right_zone_is_left_alone) {
   const Scan_run scanned = scan(stream_of("+02:00"));
-  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + "WARNING: Timezone OK\n")) << scanned.err;
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + "WARNING: Timezone OK\n"), 1U) << scanned.err;
+  EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
-  EXPECT_EQ("none", installed());
+  EXPECT_EQ(installed(), "none");
 }
 
 TEST_F(Zone_test, a_box_whose_zone_is_the_installed_one_follows_the_broadcast) {
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
   host_zone(":" + installed_file());
-  EXPECT_EQ(INSTALLING, shell_commands(scan(stream_of("+02:00"))));
-  EXPECT_EQ("EST +0200, EST +0200", installed());
+  EXPECT_EQ(shell_commands(scan(stream_of("+02:00"))), INSTALLING);
+  EXPECT_EQ(installed(), "EST +0200, EST +0200");
   const Scan_run again = scan(stream_of("+02:00"));
-  EXPECT_EQ(1U, again.count_err("WARNING: Timezone OK\n"));
-  EXPECT_EQ(Lines{}, shell_commands(again));
-  EXPECT_EQ(INSTALLING, shell_commands(scan(stream_of("+03:00")))) << "summer time begins";
-  EXPECT_EQ("EST +0300, EST +0300", installed());
+  EXPECT_EQ(again.count_err("WARNING: Timezone OK\n"), 1U);
+  EXPECT_EQ(shell_commands(again), Lines{});
+  EXPECT_EQ(shell_commands(scan(stream_of("+03:00"))), INSTALLING) << "summer time begins";
+  EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }
 
 TEST_F(Zone_test, every_entry_is_taken_and_only_the_present_offset_of_it) {
@@ -364,39 +345,36 @@ TEST_F(Zone_test, every_entry_is_taken_and_only_the_present_offset_of_it) {
     { "country": "EST", "offset": "+02:00", "change": "2026-03-29T01:00:00Z", "next": "+03:00" },
     { "country": "CAN", "region": 7, "offset": "-03:30", "change": "2026-11-01T04:05:06Z", "next": "-02:30" }] })"_json);
   const Scan_run scanned = scan(file, {}, 3);
-  EXPECT_EQ(1U, scanned.count_err("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20260329, "
-                                  "hms 10000\n" +
-                                  std::string(CHECKED) +
-                                  "WARNING: Timezone OK\n"
-                                  "Country id CAN region id 7, offset 330, next_offset 230 , polarity 1, ymd 20261101, "
-                                  "hms 40506\n" +
-                                  CHECKED + "WARNING: Setting timezone to -210\n"))
+  EXPECT_EQ(scanned.count_err("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20260329, "
+                              "hms 10000\n" +
+                              std::string(CHECKED) +
+                              "WARNING: Timezone OK\n"
+                              "Country id CAN region id 7, offset 330, next_offset 230 , polarity 1, ymd 20261101, "
+                              "hms 40506\n" +
+                              CHECKED + "WARNING: Setting timezone to -210\n"),
+            1U)
       << scanned.err;
-  EXPECT_EQ(std::string(FIRST_LINE) + "Zone CAN_7 -03:30 - CAN\n", source());
-  EXPECT_EQ("CAN -0330, CAN -0330", installed());
+  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone CAN_7 -03:30 - CAN\n");
+  EXPECT_EQ(installed(), "CAN -0330, CAN -0330");
 }
 
 TEST_F(Zone_test, a_tot_without_offsets_sets_the_clock_alone) {
   const Scan_run scanned = scan(stream_with(Json::object()), {"--now", "1000"}, 3);
-  EXPECT_EQ(1U, clock_settings(scanned).size());
-  EXPECT_EQ(0U, scanned.count_err("Country id"));
-  EXPECT_EQ(0U, scanned.count_err("Checking mux"));
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_EQ(clock_settings(scanned).size(), 1U);
+  EXPECT_EQ(scanned.count_err("Country id"), 0U);
+  EXPECT_EQ(scanned.count_err("Checking mux"), 0U);
+  EXPECT_EQ(shell_commands(scanned), Lines{});
 }
 
 TEST_F(Zone_test, another_network_changes_nothing) {
   const std::string file = stream_with(R"({ "offsets": [{ "country": "EST", "offset": "+03:00" }] })"_json, "Levira");
   const Scan_run scanned = run(on_freq(file),
-                               "kelvo 0 tuner\n"
-                               "freq 0 506000000\n"
-                               "wait_done 0 100\n"
-                               "verbosity 1\n"
-                               "freq 0 506000000\n"
-                               "wait_done 0 100\n");
-  EXPECT_EQ(1U, scanned.count_err("WARNING: Checking mux 506000000 provider Levira = timezone levira\n"));
-  EXPECT_EQ(0U, scanned.count_err("timezone to"));
-  EXPECT_EQ(0U, scanned.count_err("Timezone OK"));
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
+                               "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 1; freq 0 506000000; "
+                               "wait_done 0 100");
+  EXPECT_EQ(scanned.count_err("WARNING: Checking mux 506000000 provider Levira = timezone levira\n"), 1U);
+  EXPECT_EQ(scanned.count_err("timezone to"), 0U);
+  EXPECT_EQ(scanned.count_err("Timezone OK"), 0U);
+  EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
 }
 
@@ -413,12 +391,12 @@ TEST_F(Zone_test, odd_country_codes_reach_neither_a_file_nor_the_shell) {
   char header[8];
   std::snprintf(header, sizeof header, "58%02x", 13 * static_cast<unsigned>(count));
   const Scan_run scanned = scan(stream_with({{"descriptors", {header + entries}}}));
-  EXPECT_EQ(static_cast<size_t>(count), scanned.count_err(CHECKED)) << scanned.err;
-  EXPECT_EQ(0U, scanned.count_err("Timezone OK"));
-  EXPECT_EQ(0U, scanned.count_err("Setting timezone"));
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_EQ(scanned.count_err(CHECKED), static_cast<size_t>(count)) << scanned.err;
+  EXPECT_EQ(scanned.count_err("Timezone OK"), 0U);
+  EXPECT_EQ(scanned.count_err("Setting timezone"), 0U);
+  EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
-  EXPECT_EQ("none", installed());
+  EXPECT_EQ(installed(), "none");
 }
 
 TEST_F(Zone_test, an_odd_country_code_does_not_keep_the_next_entry_away) {
@@ -426,26 +404,26 @@ TEST_F(Zone_test, an_odd_country_code_does_not_keep_the_next_entry_away) {
     GTEST_SKIP() << "no zone compiler";
   const Scan_run scanned =
       scan(stream_with({{"descriptors", {"581a 273b72 02 0300 edd2 000000 0300 455354 02 0300 edd2 000000 0300"}}}));
-  EXPECT_EQ(1U, scanned.count_err(std::string(CHECKED) + CHECKED + "WARNING: Setting timezone to 180\n"));
-  EXPECT_EQ(INSTALLING, shell_commands(scanned));
-  EXPECT_EQ("EST +0300, EST +0300", installed());
+  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + CHECKED + "WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(shell_commands(scanned), INSTALLING);
+  EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }
 
 TEST_F(Zone_test, without_a_zone_compiler_the_zone_stays) {
   support::write_file(installed_file(), "as it was");
   const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "system(*zic*)=ENOENT"});
-  EXPECT_EQ("done 0 0\n", scanned.lines({"done"}));
-  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
-  EXPECT_EQ(Lines{"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt (fault) = -1 ENOENT"},
-            shell_commands(scanned));
-  EXPECT_EQ("as it was", support::read_file(installed_file()));
+  EXPECT_EQ(scanned.lines({"done"}), "done 0 0\n");
+  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(shell_commands(scanned),
+            Lines{"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt (fault) = -1 ENOENT"});
+  EXPECT_EQ(support::read_file(installed_file()), "as it was");
 }
 
 TEST_F(Zone_test, a_source_that_cannot_be_opened_runs_nothing) {
   const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(*timezone.txt)=EACCES"});
-  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
-  EXPECT_EQ("none", installed());
+  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(shell_commands(scanned), Lines{});
+  EXPECT_EQ(installed(), "none");
 }
 
 TEST_F(Zone_test, a_folder_for_zones_that_is_a_link_is_not_followed) {
@@ -454,21 +432,21 @@ TEST_F(Zone_test, a_folder_for_zones_that_is_a_link_is_not_followed) {
   std::filesystem::create_directories(folder_.file("elsewhere"));
   std::filesystem::create_directory_symlink(folder_.file("elsewhere"), sandbox() + "/tmp/zoneinfo");
   const Scan_run scanned = scan(stream_of("+03:00"));
-  EXPECT_EQ(1U, scanned.count_err("WARNING: Setting timezone to 180\n"));
-  EXPECT_EQ(Lines{}, shell_commands(scanned));
+  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_TRUE(std::filesystem::is_empty(folder_.file("elsewhere")));
-  EXPECT_EQ("none", installed());
+  EXPECT_EQ(installed(), "none");
 }
 
 TEST_F(Zone_test, a_target_that_cannot_be_written_leaves_no_compiled_zone_behind) {
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
   const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(/dvbfiles/localtime)=EROFS"});
-  EXPECT_EQ("done 0 0\n", scanned.lines({"done"}));
-  EXPECT_EQ(1U, scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'")) << scanned.err;
-  EXPECT_EQ("none", installed());
+  EXPECT_EQ(scanned.lines({"done"}), "done 0 0\n");
+  EXPECT_EQ(scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'"), 1U) << scanned.err;
+  EXPECT_EQ(installed(), "none");
   EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
   std::filesystem::remove_all(sandbox() + "/dvbfiles");
-  EXPECT_EQ("done 0 0\n", scan(stream_of("+03:00")).lines({"done"})) << "nor without its folder";
+  EXPECT_EQ(scan(stream_of("+03:00")).lines({"done"}), "done 0 0\n") << "nor without its folder";
   EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
 }

@@ -41,7 +41,7 @@ class Guide_captures_test : public Scan_test, public testing::WithParamInterface
                 ", 25)\n";
     script += "kelvo 0 tuner\n";
     if (guide.services.empty())
-      script += "freq 0 506000000\nwait_done 0 100\nfreq 0 506000000\nwait_done 0 100\n";
+      script += "freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; ";
     else
       script += "channel 0 506000000 1\n";
     script += "wait_guide 0 1500\n";
@@ -64,15 +64,15 @@ TEST_P(Guide_captures_test, every_event_is_stored_once) {
   ASSERT_FALSE(recorded.empty());
   for (int turn = 0; turn < guide.turns; ++turn) {
     const Scan_run scan = collect(guide, file, turn);
-    EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
-    EXPECT_EQ(0U, scan.count_err("ERROR: SQL")) << scan.err;
-    EXPECT_EQ(0U, scan.count_err("eit_for_service")) << scan.err;
+    EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
+    EXPECT_EQ(scan.count_err("ERROR: SQL"), 0U) << scan.err;
+    EXPECT_EQ(scan.count_err("eit_for_service"), 0U) << scan.err;
     if (sql("SELECT count(*) FROM epglist_lang") == std::to_string(recorded.size()) + "\n")
       break;
   }
   scan_support::expect_same_guide(recorded, sql(scan_support::STORED_GUIDE));
-  EXPECT_EQ("", sql("SELECT channel, start_epoch, count(*) FROM epglist GROUP BY 1, 2 HAVING count(*) > 1"));
-  EXPECT_EQ("", sql("SELECT source_oid, lang, count(*) FROM epglist_lang GROUP BY 1, 2 HAVING count(*) > 1"));
+  EXPECT_EQ(sql("SELECT channel, start_epoch, count(*) FROM epglist GROUP BY 1, 2 HAVING count(*) > 1"), "");
+  EXPECT_EQ(sql("SELECT source_oid, lang, count(*) FROM epglist_lang GROUP BY 1, 2 HAVING count(*) > 1"), "");
   const std::string all = dump({.events = false});
   const auto titles_from = [](const char* first, const char* last) {
     return std::string("sum(unicode(ev_name) BETWEEN ") + first + " AND " + last + ")";

@@ -11,8 +11,8 @@ namespace {
 class Guide_events_test : public Guide_test {
  protected:
   Scan_run collect(const Json& patch, const std::string& before = "", int speed = 10) {
-    const Scan_run scan = run(on_freq(stream(patch)), before + COLLECT + "wait_guide 0 100\nverbosity 0\n", speed);
-    EXPECT_EQ("done 0 0\ndone 0 0\nguide complete\n", scan.lines({"done", "no", "guide"}));
+    const Scan_run scan = run(on_freq(stream(patch)), before + COLLECT + "wait_guide 0 100; verbosity 0", speed);
+    EXPECT_EQ(scan.lines({"done", "no", "guide"}), "done 0 0\ndone 0 0\nguide complete\n");
     return scan;
   }
   // Two services are listed; the second one always has the same two events.
@@ -58,15 +58,14 @@ TEST_F(Guide_events_test, undefined_start_is_refused_once_and_the_others_are_sto
   const Scan_run scan = collect_101(R"([{ "start": "undefined", "duration": "30m", "name": "Nähtamatu" },
                                         { "start": "now-30m", "duration": "1h", "name": "Uudised" },
                                         { "start": "now+30m", "duration": "1h", "name": "Film" }])");
-  EXPECT_EQ(
-      "101|2|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|3|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n",
-      events_of_101());
-  EXPECT_EQ("101|2|est|Uudised|||\n101|3|est|Film|||\n", texts_of_101());
-  EXPECT_EQ("0\n", sql("SELECT count(*) FROM epglist_lang WHERE source_oid NOT IN (SELECT entry FROM epglist)"));
+  EXPECT_EQ(events_of_101(),
+            "101|2|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|3|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n");
+  EXPECT_EQ(texts_of_101(), "101|2|est|Uudised|||\n101|3|est|Film|||\n");
+  EXPECT_EQ(sql("SELECT count(*) FROM epglist_lang WHERE source_oid NOT IN (SELECT entry FROM epglist)"), "0\n");
   EXPECT_GE(scan.count_err("ERROR: Cannot convert time Y:138, mon 3, mday 22, hour 165, min 165, sec 165 to epoch\n"),
             1U);
-  EXPECT_EQ(1U, scan.count_err("ERROR: eit_for_service: rc is 275\n"));
+  EXPECT_EQ(scan.count_err("ERROR: eit_for_service: rc is 275\n"), 1U);
 }
 
 TEST_F(Guide_events_test, last_second_of_32_bits_is_stored_and_the_next_one_refused) {
@@ -76,12 +75,12 @@ TEST_F(Guide_events_test, last_second_of_32_bits_is_stored_and_the_next_one_refu
                                            { "start": "2038-01-19T03:14:07Z", "duration": "1h", "name": "Viimane" },
                                            { "start": "2038-01-19T04:14:07Z", "duration": "30m", "name": "Hilja" }])"),
                                  events_of(INDEX_OF_102, SECOND_SERVICE)});
-  EXPECT_EQ("101|1|2147448600|3600\n101|2|2147483647|3600\n",
-            sql("SELECT pat_prnr, ev_id, start_epoch, dur_sec FROM epglist WHERE pat_prnr = 101 ORDER BY 3"));
-  EXPECT_EQ("101|2|est|Viimane|||\n", texts_of_101());
+  EXPECT_EQ(sql("SELECT pat_prnr, ev_id, start_epoch, dur_sec FROM epglist WHERE pat_prnr = 101 ORDER BY 3"),
+            "101|1|2147448600|3600\n101|2|2147483647|3600\n");
+  EXPECT_EQ(texts_of_101(), "101|2|est|Viimane|||\n");
   EXPECT_GE(scan.count_err("ERROR: Cannot convert time Y:138, mon 0, mday 19, hour 4, min 14, sec 7 to epoch\n"), 1U);
-  EXPECT_EQ(0U, scan.count_err("hour 3, min 14"));
-  EXPECT_EQ(1U, scan.count_err("ERROR: eit_for_service: rc is 275\n"));
+  EXPECT_EQ(scan.count_err("hour 3, min 14"), 0U);
+  EXPECT_EQ(scan.count_err("ERROR: eit_for_service: rc is 275\n"), 1U);
 }
 
 // The fourth event is remembered although it is not stored, so the fifth one begins within an event, too.
@@ -92,11 +91,10 @@ TEST_F(Guide_events_test, quirk_event_within_one_that_is_not_stored_is_left_out_
                   { "event_id": 4, "start": "now+60m", "duration": "1h" },
                   { "event_id": 5, "start": "now+90m", "duration": "30m" },
                   { "event_id": 6, "start": "now+2h", "duration": "1h" }])");
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n"
-      "101|6|20260301|200000|7200|010000|3600|0.0.0.0|0@est|0|0\n",
-      events_of_101());
+  EXPECT_EQ(events_of_101(),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n"
+            "101|6|20260301|200000|7200|010000|3600|0.0.0.0|0@est|0|0\n");
 }
 
 TEST_F(Guide_events_test, events_over_midnight_over_a_day_and_with_seconds) {
@@ -105,14 +103,13 @@ TEST_F(Guide_events_test, events_over_midnight_over_a_day_and_with_seconds) {
                   { "start": "2026-03-02T00:30:00Z", "duration": "25:00:00", "name": "Maraton" },
                   { "start": "2026-03-04T00:00:00Z", "duration": "23:59:59", "name": "Kogu päev" },
                   { "start": "2026-03-04T23:59:59Z", "duration": "00:00:02", "name": "Viiv" }])");
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|2|20260301|233000|19800|010000|3600|0.0.0.0|0@est|1|0\n"
-      "101|3|20260302|003000|23400|250000|90000|0.0.0.0|0@est|0|0\n"
-      "101|4|20260304|000000|194400|235959|86399|0.0.0.0|0@est|0|0\n"
-      "101|5|20260304|235959|280799|000002|2|0.0.0.0|0@est|0|0\n",
-      events_of_101());
-  EXPECT_EQ("101|2|est|Öö|||\n101|3|est|Maraton|||\n101|4|est|Kogu päev|||\n101|5|est|Viiv|||\n", texts_of_101());
+  EXPECT_EQ(events_of_101(),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|2|20260301|233000|19800|010000|3600|0.0.0.0|0@est|1|0\n"
+            "101|3|20260302|003000|23400|250000|90000|0.0.0.0|0@est|0|0\n"
+            "101|4|20260304|000000|194400|235959|86399|0.0.0.0|0@est|0|0\n"
+            "101|5|20260304|235959|280799|000002|2|0.0.0.0|0@est|0|0\n");
+  EXPECT_EQ(texts_of_101(), "101|2|est|Öö|||\n101|3|est|Maraton|||\n101|4|est|Kogu päev|||\n101|5|est|Viiv|||\n");
 }
 
 TEST_F(Guide_events_test, two_languages_genres_ratings_and_scrambling) {
@@ -124,15 +121,13 @@ TEST_F(Guide_events_test, two_languages_genres_ratings_and_scrambling) {
                     "content": ["0x10", { "type": "0x25", "user": "0xAB" }],
                     "rating": [{ "country": "EST", "age": 12 }, { "country": "LVA", "value": 0 }] },
                   { "start": "now+30m", "duration": "1h", "name": "Ainult eesti keeles" }])");
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|1.0.0.0 2.5.a.b |09@EST 00@LVA |4|1\n"
-      "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n",
-      events_of_101());
-  EXPECT_EQ(
-      "101|1|est|Õhtune film|Žürii ees.|Pikk lugu.|\n"
-      "101|1|rus|Вечерний фильм|Перед жюри.|Длинный текст.|\n"
-      "101|2|est|Ainult eesti keeles|||\n",
-      texts_of_101());
+  EXPECT_EQ(events_of_101(),
+            "101|1|20260301|173000|-1800|010000|3600|1.0.0.0 2.5.a.b |09@EST 00@LVA |4|1\n"
+            "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n");
+  EXPECT_EQ(texts_of_101(),
+            "101|1|est|Õhtune film|Žürii ees.|Pikk lugu.|\n"
+            "101|1|rus|Вечерний фильм|Перед жюри.|Длинный текст.|\n"
+            "101|2|est|Ainult eesti keeles|||\n");
 }
 
 TEST_F(Guide_events_test, extended_event_in_several_parts_is_joined) {
@@ -144,10 +139,9 @@ TEST_F(Guide_events_test, extended_event_in_several_parts_is_joined) {
                       "items": [{ "name": "Režissöör", "text": "Liis Kask" }, { "name": "Aasta", "text": "1999" }],
                       "text": ")" +
               text + R"(" } }, { "start": "now+30m", "duration": "1h", "name": "Uudised" }])");
-  EXPECT_EQ("101|1|est|Film||" + text +
-                "|RežissöörRežissöör:Liis Kask,AastaAasta:1999,\n"
-                "101|2|est|Uudised|||\n",
-            texts_of_101());
+  EXPECT_EQ(texts_of_101(), "101|1|est|Film||" + text +
+                                "|RežissöörRežissöör:Liis Kask,AastaAasta:1999,\n"
+                                "101|2|est|Uudised|||\n");
 }
 
 TEST_F(Guide_events_test, fragment_of_an_extended_event_is_stored_and_told_at_3) {
@@ -157,9 +151,9 @@ TEST_F(Guide_events_test, fragment_of_an_extended_event_is_stored_and_told_at_3)
                                  { "start": "now+30m", "duration": "1h", "name": "Uudised",
                                    "extended": { "text": "Terve" } }])";
   const Scan_run scan = collect_101(events, "[]", "verbosity 3\n");
-  EXPECT_EQ("101|1|est|Film||Hool|\n101|2|est|Uudised||Terve|\n", texts_of_101());
+  EXPECT_EQ(texts_of_101(), "101|1|est|Film||Hool|\n101|2|est|Uudised||Terve|\n");
   const std::string entry = sql("SELECT entry FROM epglist WHERE pat_prnr = 101 AND ev_id = 1");
-  EXPECT_EQ("Fragmented extended event for source_oid " + entry, lines_with(scan.err, {"Fragmented"}));
+  EXPECT_EQ(lines_with(scan.err, {"Fragmented"}), "Fragmented extended event for source_oid " + entry);
 }
 
 TEST_F(Guide_events_test, more_than_256_events_in_one_table) {
@@ -173,9 +167,10 @@ TEST_F(Guide_events_test, more_than_256_events_in_one_table) {
     expected += std::to_string(i + 1) + "|" + std::to_string(300 * i) + "|300\n";
   }
   collect_101(list + "]");
-  EXPECT_EQ(expected, sql(std::string("SELECT ev_id, start_epoch - ") + NOW +
-                          ", dur_sec FROM epglist WHERE pat_prnr = 101 ORDER BY start_epoch"));
-  EXPECT_EQ("299|Saade 2|Saade 300\n",
-            sql("SELECT count(*), min(CASE ev_id WHEN 2 THEN ev_name END), max(CASE ev_id WHEN 300 THEN ev_name END) "
-                "FROM epglist e, epglist_lang l WHERE l.source_oid = e.entry AND pat_prnr = 101"));
+  EXPECT_EQ(sql(std::string("SELECT ev_id, start_epoch - ") + NOW +
+                ", dur_sec FROM epglist WHERE pat_prnr = 101 ORDER BY start_epoch"),
+            expected);
+  EXPECT_EQ(sql("SELECT count(*), min(CASE ev_id WHEN 2 THEN ev_name END), max(CASE ev_id WHEN 300 THEN ev_name END) "
+                "FROM epglist e, epglist_lang l WHERE l.source_oid = e.entry AND pat_prnr = 101"),
+            "299|Saade 2|Saade 300\n");
 }

@@ -29,9 +29,9 @@ class Guide_requests_test : public Guide_test {
                       {"programmes", Json::array({{{"duration", std::to_string(86400 / count + 1) + "s"}}})}}}}});
   }
   void find_services(const std::string& file) {
-    const Scan_run scan = run(on_freq(file), "kelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\n");
-    ASSERT_EQ("done 0 0\n", scan.lines({"done", "no"}));
-    ASSERT_EQ("0\n", sql("SELECT count(*) FROM epglist"));
+    const Scan_run scan = run(on_freq(file), "kelvo 0 tuner; freq 0 506000000; wait_done 0 60");
+    ASSERT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
+    ASSERT_EQ(sql("SELECT count(*) FROM epglist"), "0\n");
   }
 };
 
@@ -39,58 +39,35 @@ class Guide_requests_test : public Guide_test {
 
 // The list of services is made when the request is taken, so before the services are known.
 TEST_F(Guide_requests_test, first_scan_of_an_empty_database_collects_nothing_and_nothing_restarts_it) {
-  const Scan_run scan = run(on_freq(two_services()),
-                            "kelvo 0 tuner\n"
-                            "progress 0\n"
-                            "verbosity 1\n"
-                            "freq 0 506000000\n"
-                            "wait_done 0 60\n"
-                            "sleep 30\n"
-                            "verbosity 0\n"
-                            "progress 0\n"
-                            "channel 0 506000000 1\n"
-                            "sleep 10\n"
-                            "scan 0 off\n"
-                            "sleep 2\n"
-                            "scan 0 on\n"
-                            "sleep 10\n"
-                            "export 0 " +
-                                folder_.file("copy.db") +
-                                "\n"
-                                "wait_change 0 8 20\n"
-                                "sleep 320\n"
-                                "progress 0\n"
-                                "sql SELECT count(*) FROM epglist\n"
-                                "state 0\n",
-                            30);
+  const Scan_run scan =
+      run(on_freq(two_services()),
+          "kelvo 0 tuner; progress 0; verbosity 1; freq 0 506000000; wait_done 0 60; wait_filter 0 18 3 30; "
+          "verbosity 0; progress 0; channel 0 506000000 1; sleep 10; scan 0 off; sleep 2; "
+          "scan 0 on; sleep 10; export 0 " +
+              folder_.file("copy.db") +
+              "; wait_change 0 8 20; sleep 320; progress 0; sql SELECT count(*) FROM epglist; state 0",
+          30);
   EXPECT_EQ(
-      "no guide\nfreq -1\ndone 0 0\nno guide\nchannel -1\nexport 1\nchange 0 8\nno guide\nsql 0\nstate 1 0 1\nend\n",
-      scan.lines());
-  EXPECT_EQ("Pres-Following table 4E completed, next table 0x50\n**** EIT loop completed, next table 51\n",
-            lines_with(scan.err, {"****", "Pres-"}))
+      scan.lines(),
+      "no guide\nfreq -1\ndone 0 0\nno guide\nchannel -1\nexport 1\nchange 0 8\nno guide\nsql 0\nstate 1 0 1\nend\n");
+  EXPECT_EQ(lines_with(scan.err, {"****", "Pres-"}),
+            "Pres-Following table 4E completed, next table 0x50\n**** EIT loop completed, next table 51\n")
       << "up to the first table that nobody sends";
   for (const char* table : {"4e", "50"})
-    EXPECT_EQ(1U, scan.logged({std::string("DMX_SET_FILTER pid=0x12 filter=") + table}).size()) << table;
+    EXPECT_EQ(scan.logged({std::string("DMX_SET_FILTER pid=0x12 filter=") + table}).size(), 1U) << table;
 }
 
 TEST_F(Guide_requests_test, second_frequency_request_collects_the_guide) {
   const Scan_run scan = run(on_freq(two_services()),
-                            "kelvo 0 tuner\n"
-                            "freq 0 506000000\n"
-                            "wait_done 0 60\n"
-                            "sleep 10\n"
-                            "sql SELECT count(*) FROM epglist\n"
-                            "freq 0 506000000\n"
-                            "wait_done 0 60\n"
-                            "wait_guide 0 60\n"
-                            "sleep 20\n");
-  EXPECT_EQ("done 0 0\nsql 0\ndone 0 0\nguide complete\n", scan.lines({"done", "sql", "guide", "change", "no"}));
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n"
-      "102|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "102|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n",
-      events());
+                            "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; sleep 10; "
+                            "sql SELECT count(*) FROM epglist; freq 0 506000000; wait_done 0 60; wait_guide 0 60; "
+                            "sleep 20");
+  EXPECT_EQ(scan.lines({"done", "sql", "guide", "change", "no"}), "done 0 0\nsql 0\ndone 0 0\nguide complete\n");
+  EXPECT_EQ(events(),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n"
+            "102|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "102|2|20260301|183000|1800|010000|3600|0.0.0.0|0@est|1|0\n");
 }
 
 TEST_F(Guide_requests_test, channel_request_from_another_frequency_collects_the_guide) {
@@ -98,18 +75,13 @@ TEST_F(Guide_requests_test, channel_request_from_another_frequency_collects_the_
   std::vector<std::string> options = on_freq(file);
   options.insert(options.end(), {"--mux", "514000000=" + empty_stream()});
   const Scan_run scan = run(options,
-                            "kelvo 0 tuner\n"
-                            "freq 0 506000000\n"
-                            "wait_done 0 60\n"
-                            "freq 0 514000000\n"
-                            "wait_done 0 60\n"
-                            "channel 0 506000000 1\n"
-                            "wait_guide 0 60\n");
-  EXPECT_EQ("done 0 0\ndone 0 -1\nchannel -1\nguide complete\n", scan.lines({"done", "channel", "guide", "no"}));
-  EXPECT_EQ("101|2\n102|2\n", sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"));
+                            "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; freq 0 514000000; wait_done 0 60; "
+                            "channel 0 506000000 1; wait_guide 0 60");
+  EXPECT_EQ(scan.lines({"done", "channel", "guide", "no"}), "done 0 0\ndone 0 -1\nchannel -1\nguide complete\n");
+  EXPECT_EQ(sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"), "101|2\n102|2\n");
   // Not with the tuning, but when it is 5 to 6 s old.
   const std::vector<double> tunings = scan.logged({"FE_SET_FRONTEND freq=506000000"});
-  ASSERT_EQ(2U, tunings.size());
+  ASSERT_EQ(tunings.size(), 2U);
   const std::vector<double> guides = scan.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
   ASSERT_FALSE(guides.empty());  // that of the first request may not have begun when the second one came
   expect_seconds(5, guides.back() - tunings[1]);
@@ -128,20 +100,15 @@ TEST_F(Guide_requests_test, quirk_after_a_scan_that_timed_out_present_and_follow
   // Slowly enough that a busy machine does not miss the timers' last second.
   const Scan_run scan = run(options,
                             std::string(COLLECT) +
-                                "wait_table 0 50 30\n"
-                                "sql SELECT count(*) FROM epglist\n"
-                                "verbosity 2\n"
-                                "freq 0 514000000\n"
-                                "wait_done 0 60\n"
-                                "channel 0 506000000 1\n"
-                                "wait_table 0 50 30\n",
+                                "wait_table 0 50 30; sql SELECT count(*) FROM epglist; verbosity 2; freq 0 514000000; "
+                                "wait_done 0 60; channel 0 506000000 1; wait_table 0 50 30",
                             8);
-  EXPECT_EQ("done 0 0\ndone 0 0\nreached\nsql 0\ndone 0 -1\nreached\n", scan.lines({"done", "reached", "not", "sql"}));
+  EXPECT_EQ(scan.lines({"done", "reached", "not", "sql"}), "done 0 0\ndone 0 0\nreached\nsql 0\ndone 0 -1\nreached\n");
   const std::string killed = lines_with(scan.err, {"Kill"});
-  EXPECT_EQ(0U, killed.find("Kill scan for service 101 , ")) << killed;
+  EXPECT_EQ(killed.find("Kill scan for service 101 , "), 0U) << killed;
   EXPECT_NE(std::string::npos, killed.find("Kill scan for service 102 , ")) << killed;
-  EXPECT_EQ(2U, scan.count_err(" table 4e, ttl 10\n")) << killed;
-  EXPECT_EQ("101|2\n102|2\n", sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"));
+  EXPECT_EQ(scan.count_err(" table 4e, ttl 10\n"), 2U) << killed;
+  EXPECT_EQ(sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"), "101|2\n102|2\n");
 }
 
 // --- Change code 4 ---------------------------------------------------------------------------------------------------
@@ -149,33 +116,30 @@ TEST_F(Guide_requests_test, quirk_after_a_scan_that_timed_out_present_and_follow
 TEST_F(Guide_requests_test, twenty_new_events_are_not_told) {
   const std::string file = one_service(20);
   find_services(file);
-  const Scan_run scan = run(on_freq(file), "kelvo 0 tuner\nchannel 0 506000000 1\nwait_guide 0 60\nsleep 20\n", 10);
-  EXPECT_EQ("channel -1\nguide complete\nend\n", scan.lines());
-  EXPECT_EQ("20\n", sql("SELECT count(*) FROM epglist"));
+  const Scan_run scan = run(on_freq(file), "kelvo 0 tuner; channel 0 506000000 1; wait_guide 0 60; sleep 20", 10);
+  EXPECT_EQ(scan.lines(), "channel -1\nguide complete\nend\n");
+  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "20\n");
 }
 
 TEST_F(Guide_requests_test, twenty_one_new_events_are_told_once_at_a_rescan_of_the_pmts) {
   const std::string file = one_service(21);
   find_services(file);
-  const Scan_run scan = run(
-      on_freq(file), "verbosity 1\nkelvo 0 tuner\nchannel 0 506000000 1\nwait_guide 0 60\nsleep 20\nverbosity 0\n", 10);
-  EXPECT_EQ("channel -1\nchange 0 4\nend\n", scan.lines({"channel", "change", "done", "end"}));
-  EXPECT_EQ(1U, scan.count_err("WARNING: db_change_callback 4, retval 0\n"));
-  EXPECT_EQ("21\n", sql("SELECT count(*) FROM epglist"));
+  const Scan_run scan = run(on_freq(file),
+                            "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; wait_guide 0 60; sleep 20; "
+                            "verbosity 0",
+                            10);
+  EXPECT_EQ(scan.lines({"channel", "change", "done", "end"}), "channel -1\nchange 0 4\nend\n");
+  EXPECT_EQ(scan.count_err("WARNING: db_change_callback 4, retval 0\n"), 1U);
+  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "21\n");
 }
 
 TEST_F(Guide_requests_test, frequency_request_tells_of_new_events_when_the_next_scan_ends) {
-  const Scan_run scan = run(on_freq(one_service(21)), std::string(COLLECT) +
-                                                          "wait_guide 0 60\n"
-                                                          "sleep 20\n"
-                                                          "freq 0 506000000\n"
-                                                          "wait_done 0 60\n"
-                                                          "sleep 20\n"
-                                                          "freq 0 506000000\n"
-                                                          "wait_done 0 60\n"
-                                                          "sleep 5\n");
-  EXPECT_EQ("done 0 0\ndone 0 0\nguide complete\nchange 0 4\ndone 0 0\ndone 0 0\n",
-            scan.lines({"done", "guide", "change", "no"}));
+  const Scan_run scan =
+      run(on_freq(one_service(21)), std::string(COLLECT) +
+                                        "wait_guide 0 60; sleep 20; freq 0 506000000; wait_done 0 60; sleep 20; "
+                                        "freq 0 506000000; wait_done 0 60; sleep 5");
+  EXPECT_EQ(scan.lines({"done", "guide", "change", "no"}),
+            "done 0 0\ndone 0 0\nguide complete\nchange 0 4\ndone 0 0\ndone 0 0\n");
 }
 
 // --- Exports ---------------------------------------------------------------------------------------------------------
@@ -194,32 +158,24 @@ TEST_F(Guide_requests_test, export_in_the_middle_purges_copies_and_the_guide_goe
   const Scan_run scan =
       run(on_freq(file),
           // The second of them is just young enough.
-          "insert INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 900, 1772388000 - 86500, 60)\n"
-          "insert INSERT INTO epglist_lang (source_oid, lang, ev_name) VALUES (1, 'est', 'Eilne')\n"
-          "insert INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 901, 1772388000 - 86000, 60)\n"
-          "verbosity 1\n"
-          "kelvo 0 tuner\n"
-          "channel 0 506000000 1\n"
-          "wait_progress 0 30 guide 101 table 50/50 active 0 done 0 events 4\n"
-          "export 0 " +
-              copy +
-              "\n"
-              "wait_change 0 8 20\n"
-              "wait_guide 0 60\n"
-              "sleep 10\n"
-              "verbosity 0\n",
+          "insert INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 900, 1772388000 - 86500, 60); "
+          "insert INSERT INTO epglist_lang (source_oid, lang, ev_name) VALUES (1, 'est', 'Eilne'); "
+          "insert INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 901, 1772388000 - 86000, 60); "
+          "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; "
+          "wait_progress 0 30 guide 101 table 50/50 active 0 done 0 events 4; export 0 " +
+              copy + "; wait_change 0 8 20; wait_guide 0 60; sleep 10; verbosity 0",
           2);
-  EXPECT_EQ("channel -1\nexport 1\nchange 0 8\nguide complete\nend\n", scan.lines());
-  EXPECT_EQ(1U, scan.count_err("WARNING: Running backup\n"));
+  EXPECT_EQ(scan.lines(), "channel -1\nexport 1\nchange 0 8\nguide complete\nend\n");
+  EXPECT_EQ(scan.count_err("WARNING: Running backup\n"), 1U);
   EXPECT_NE(std::string::npos, scan.err.find(" msec, removed 2 entries. "));
-  EXPECT_EQ(2U, scan.count_err("WARNING: Restarting EIT scan\n")) << "it begins anew after an export";
-  EXPECT_EQ("901|NULL\n1|Uudised\n2|Film\n3|Hommik\n",
-            sql("SELECT ev_id, (SELECT ev_name FROM epglist_lang WHERE source_oid = entry) FROM epglist "
-                "ORDER BY start_epoch"));
+  EXPECT_EQ(scan.count_err("WARNING: Restarting EIT scan\n"), 2U) << "it begins anew after an export";
+  EXPECT_EQ(sql("SELECT ev_id, (SELECT ev_name FROM epglist_lang WHERE source_oid = entry) FROM epglist "
+                "ORDER BY start_epoch"),
+            "901|NULL\n1|Uudised\n2|Film\n3|Hommik\n");
   const std::string guide_of_copy = folder_.file("copy_epg.db");
-  EXPECT_EQ("901\n1\n2\n", support::query_database(guide_of_copy, "SELECT ev_id FROM epglist ORDER BY start_epoch"));
-  EXPECT_EQ("Film\nUudised\n", support::query_database(guide_of_copy, "SELECT ev_name FROM epglist_lang ORDER BY 1"));
-  EXPECT_EQ("ok\n", support::query_database(guide_of_copy, "PRAGMA integrity_check"));
+  EXPECT_EQ(support::query_database(guide_of_copy, "SELECT ev_id FROM epglist ORDER BY start_epoch"), "901\n1\n2\n");
+  EXPECT_EQ(support::query_database(guide_of_copy, "SELECT ev_name FROM epglist_lang ORDER BY 1"), "Film\nUudised\n");
+  EXPECT_EQ(support::query_database(guide_of_copy, "PRAGMA integrity_check"), "ok\n");
 }
 
 // --- Progress --------------------------------------------------------------------------------------------------------
@@ -232,35 +188,24 @@ TEST_F(Guide_requests_test, progress_shows_every_service_through_its_stages) {
                                               { "fault": "drop", "table": "eit_schedule_actual", "service_id": 102,
                                                 "to": 13 }])")});
   const Scan_run scan = run(on_freq(file),
-                            "kelvo 0 tuner\n"
-                            "freq 0 506000000\n"
-                            "wait_done 0 60\n"
-                            "progress 0\n"
-                            "freq 0 506000000\n"
-                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 0\n"
-                            "progress 0\n"
-                            "wait_done 0 60\n"
-                            "wait_progress 0 10 guide 101 table 4e/0 active 0 done 1 events 2\n"
-                            "progress 0\n"
-                            "wait_progress 0 10 guide 101 table 50/50 active 0 done 1 events 2\n"
-                            "progress 0\n"
-                            "wait_progress 0 10 guide 101 table 51/50 active 1 done 0 events 2\n"
-                            "progress 0\n"
-                            "freq 0 506000000\n"
-                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 2\n"
-                            "progress 0\n",
+                            "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; progress 0; freq 0 506000000; "
+                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 0; progress 0; "
+                            "wait_done 0 60; wait_progress 0 10 guide 101 table 4e/0 active 0 done 1 events 2; "
+                            "progress 0; wait_progress 0 10 guide 101 table 50/50 active 0 done 1 events 2; "
+                            "progress 0; wait_progress 0 10 guide 101 table 51/50 active 1 done 0 events 2; "
+                            "progress 0; freq 0 506000000; "
+                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 2; progress 0",
                             2);
-  EXPECT_EQ(
-      "no guide\n"
-      "guide 101 table 0/0 active 1 done 0 events 0\n"
-      "guide 102 table 0/0 active 1 done 0 events 0\n"
-      "guide 101 table 4e/0 active 0 done 1 events 2\n"
-      "guide 102 table 4e/0 active 1 done 0 events 0\n"
-      "guide 101 table 50/50 active 0 done 1 events 2\n"
-      "guide 102 table 50/0 active 1 done 0 events 2\n"
-      "guide 101 table 51/50 active 1 done 0 events 2\n"
-      "guide 102 table 51/50 active 1 done 0 events 2\n"
-      "guide 101 table 0/0 active 1 done 0 events 2\n"
-      "guide 102 table 0/0 active 1 done 0 events 2\n",
-      scan.lines({"guide", "no", "never:"}));
+  EXPECT_EQ(scan.lines({"guide", "no", "never:"}),
+            "no guide\n"
+            "guide 101 table 0/0 active 1 done 0 events 0\n"
+            "guide 102 table 0/0 active 1 done 0 events 0\n"
+            "guide 101 table 4e/0 active 0 done 1 events 2\n"
+            "guide 102 table 4e/0 active 1 done 0 events 0\n"
+            "guide 101 table 50/50 active 0 done 1 events 2\n"
+            "guide 102 table 50/0 active 1 done 0 events 2\n"
+            "guide 101 table 51/50 active 1 done 0 events 2\n"
+            "guide 102 table 51/50 active 1 done 0 events 2\n"
+            "guide 101 table 0/0 active 1 done 0 events 2\n"
+            "guide 102 table 0/0 active 1 done 0 events 2\n");
 }

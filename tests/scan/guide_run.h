@@ -14,11 +14,7 @@ class Guide_test : public Scan_test {
 
   // Two scans: the first one finds the services, the second one collects their guide.
   static constexpr char COLLECT[] =
-      "kelvo 0 tuner\n"
-      "freq 0 506000000\n"
-      "wait_done 0 100\n"
-      "freq 0 506000000\n"
-      "wait_done 0 100\n";
+      "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; ";
 
   // Patches of base.json.
   static Json events_of(int service_index, const std::string& events) {

@@ -49,16 +49,12 @@ class Guide_tables_test : public Guide_test {
 TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_order) {
   const Scan_run scan = run(on_freq(stream({eight_days(INDEX_OF_101), eight_days(INDEX_OF_102)})),
                             std::string("verbosity 0\n") + COLLECT +
-                                "verbosity 1\n"
-                                "wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64\n"
-                                "progress 0\n"
-                                "sleep 10\n"
-                                "verbosity 0\n",
+                                "verbosity 1; wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64; "
+                                "progress 0; sleep 10; verbosity 0",
                             10);
-  EXPECT_EQ(
-      "guide 101 table 53/52 active 1 done 0 events 64\n"
-      "guide 102 table 53/52 active 1 done 0 events 64\n",
-      scan.lines({"guide", "never:"}));
+  EXPECT_EQ(scan.lines({"guide", "never:"}),
+            "guide 101 table 53/52 active 1 done 0 events 64\n"
+            "guide 102 table 53/52 active 1 done 0 events 64\n");
   std::vector<std::string> expected;
   for (const std::string table : {"4e", "50", "51", "52"}) {
     for (const char* step : {"****+ Started", "****-  Finished"})
@@ -67,7 +63,7 @@ TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_orde
     expected.push_back(table == "4e" ? "Pres-Following table 4E completed, next table 0x50"
                                      : "**** EIT loop completed, next table " + std::to_string(std::stoi(table) + 1));
   }
-  EXPECT_EQ(expected, steps(scan));
+  EXPECT_EQ(steps(scan), expected);
   double before = 0;
   for (const char* table : {"4e", "50", "51", "52", "53"}) {
     EXPECT_GT(opened(scan, table), before) << table;
@@ -77,39 +73,39 @@ TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_orde
     std::string events;
     for (int i = 0; i < 64; ++i)
       events += service + "|" + std::to_string(i + 1) + "|" + std::to_string(10800 * i) + "|10800\n";
-    EXPECT_EQ(events, sql(std::string("SELECT pat_prnr, ev_id, start_epoch - ") + NOW +
-                          ", dur_sec FROM epglist WHERE pat_prnr = " + service + " ORDER BY start_epoch"));
-    EXPECT_EQ("1\n2\n", sql("SELECT ev_id FROM (SELECT ev_id FROM epglist WHERE pat_prnr = " + service +
-                            " ORDER BY entry LIMIT 2) ORDER BY 1"))
+    EXPECT_EQ(sql(std::string("SELECT pat_prnr, ev_id, start_epoch - ") + NOW +
+                  ", dur_sec FROM epglist WHERE pat_prnr = " + service + " ORDER BY start_epoch"),
+              events);
+    EXPECT_EQ(sql("SELECT ev_id FROM (SELECT ev_id FROM epglist WHERE pat_prnr = " + service +
+                  " ORDER BY entry LIMIT 2) ORDER BY 1"),
+              "1\n2\n")
         << "present and following come first";
   }
-  EXPECT_EQ("2\n", sql("SELECT count(*) FROM epglist WHERE run_status = 4 AND start_epoch = " + std::string(NOW)));
+  EXPECT_EQ(sql("SELECT count(*) FROM epglist WHERE run_status = 4 AND start_epoch = " + std::string(NOW)), "2\n");
 }
 
 TEST_F(Guide_tables_test, table_that_nobody_sends_is_never_left) {
   const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)})),
                             std::string(COLLECT) +
-                                "wait_progress 0 100 guide 101 table 51/50 active 1 done 0 events 2\n"
-                                "sleep 600\n"
-                                "progress 0\n",
+                                "wait_progress 0 100 guide 101 table 51/50 active 1 done 0 events 2; sleep 600; "
+                                "progress 0",
                             60);
-  EXPECT_EQ(
-      "guide 101 table 51/50 active 1 done 0 events 2\n"
-      "guide 102 table 51/50 active 1 done 0 events 2\n",
-      scan.lines({"guide", "never:"}));
-  EXPECT_EQ(0U, scan.count_err("Kill scan")) << "no section comes that could look at the timers";
-  EXPECT_EQ(-1, opened(scan, "52"));
+  EXPECT_EQ(scan.lines({"guide", "never:"}),
+            "guide 101 table 51/50 active 1 done 0 events 2\n"
+            "guide 102 table 51/50 active 1 done 0 events 2\n");
+  EXPECT_EQ(scan.count_err("Kill scan"), 0U) << "no section comes that could look at the timers";
+  EXPECT_EQ(opened(scan, "52"), -1);
 }
 
 TEST_F(Guide_tables_test, service_without_present_event_is_killed_when_its_timer_has_less_than_a_second_left) {
   const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
-                            std::string(COLLECT) + "wait_table 0 50 30\nprogress 0\nsleep 4\n", 4);
-  EXPECT_EQ("reached\nguide 101 table 50/0 active 1 done 0 events 2\nguide 102 table 50/0 active 1 done 0 events 0\n",
-            scan.lines({"reached", "not", "guide"}));
-  EXPECT_EQ("Kill scan for service 102 , Laine TV table 4e, ttl 10\n", lines_with(scan.err, {"Kill"}))
+                            std::string(COLLECT) + "wait_table 0 50 30; progress 0; sleep 4", 4);
+  EXPECT_EQ(scan.lines({"reached", "not", "guide"}),
+            "reached\nguide 101 table 50/0 active 1 done 0 events 2\nguide 102 table 50/0 active 1 done 0 events 0\n");
+  EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 102 , Laine TV table 4e, ttl 10\n")
       << "with the name of the service whose section came";
   const std::vector<double> timers = armed(scan, "10");
-  ASSERT_EQ(2U, timers.size());
+  ASSERT_EQ(timers.size(), 2U);
   expect_seconds(9, opened(scan, "50") - timers[1], 4);
 }
 
@@ -118,12 +114,12 @@ TEST_F(Guide_tables_test, service_without_schedule_is_killed_after_three_minutes
   const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS),
                                             without_schedule,
                                             {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}}})),
-                            std::string(COLLECT) + "wait_table 0 51 300\nprogress 0\nsleep 40\n", 40);
-  EXPECT_EQ("reached\nguide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/0 active 1 done 0 events 2\n",
-            scan.lines({"reached", "not", "guide"}));
-  EXPECT_EQ("Kill scan for service 102 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
+                            std::string(COLLECT) + "wait_table 0 51 300; progress 0; sleep 40", 40);
+  EXPECT_EQ(scan.lines({"reached", "not", "guide"}),
+            "reached\nguide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/0 active 1 done 0 events 2\n");
+  EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 102 , Laine TV table 50, ttl 180\n");
   const std::vector<double> timers = armed(scan, "180");
-  ASSERT_EQ(4U, timers.size()) << "two services, at the end of two tables";
+  ASSERT_EQ(timers.size(), 4U) << "two services, at the end of two tables";
   expect_seconds(179, opened(scan, "51") - timers[1], 40);
 }
 
@@ -133,13 +129,12 @@ TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_
   constexpr char GAP[] =
       R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-05T12:00:00Z", "duration": "2h" }])";
   const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, GAP), only_101()})),
-                            std::string(COLLECT) + "wait_guide 0 300\nsleep 40\n", 40);
-  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
-  EXPECT_EQ("Kill scan for service 101 , Laine TV table 50, ttl 180\n", lines_with(scan.err, {"Kill"}));
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|2|20260305|120000|324000|020000|7200|0.0.0.0|0@est|1|0\n",
-      events());
+                            std::string(COLLECT) + "wait_guide 0 300; sleep 40", 40);
+  EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
+  EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 101 , Laine TV table 50, ttl 180\n");
+  EXPECT_EQ(events(),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|2|20260305|120000|324000|020000|7200|0.0.0.0|0@est|1|0\n");
   const std::vector<double> timers = armed(scan, "180");
   ASSERT_FALSE(timers.empty());
   expect_seconds(179, opened(scan, "51") - timers[0], 40);
@@ -148,8 +143,8 @@ TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_
 TEST_F(Guide_tables_test, killing_is_not_told_at_2) {
   const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
                             std::string("verbosity 2\n") + COLLECT + "wait_table 0 50 30\n", 10);
-  EXPECT_EQ("reached\n", scan.lines({"reached", "not"}));
-  EXPECT_EQ("", lines_with(scan.err, {"Kill"}));
+  EXPECT_EQ(scan.lines({"reached", "not"}), "reached\n");
+  EXPECT_EQ(lines_with(scan.err, {"Kill"}), "");
 }
 
 TEST_F(Guide_tables_test, sections_out_of_order_are_all_stored) {
@@ -165,14 +160,13 @@ TEST_F(Guide_tables_test, sections_out_of_order_are_all_stored) {
                                      { "fault": "drop", "table": "eit_pf_actual", "section": 0, "to": 3 }])"),
                           only_101()})),
           std::string(COLLECT) + "wait_guide 0 60\n", 5);
-  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|0|0\n"
-      "101|2|20260302|000000|21600|010000|3600|0.0.0.0|0@est|1|0\n"
-      "101|3|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n"
-      "101|4|20260302|060000|43200|010000|3600|0.0.0.0|0@est|0|0\n",
-      lines_with(events(), {"101"}));
-  EXPECT_EQ("101|2\n101|3\n101|1\n101|4\n", stored_order());
+  EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
+  EXPECT_EQ(lines_with(events(), {"101"}),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|0|0\n"
+            "101|2|20260302|000000|21600|010000|3600|0.0.0.0|0@est|1|0\n"
+            "101|3|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n"
+            "101|4|20260302|060000|43200|010000|3600|0.0.0.0|0@est|0|0\n");
+  EXPECT_EQ(stored_order(), "101|2\n101|3\n101|1\n101|4\n");
 }
 
 // Done is who has sent the last section twice more after the first one; a section that was lost meanwhile is missing
@@ -188,13 +182,13 @@ TEST_F(Guide_tables_test, quirk_section_lost_while_the_last_one_comes_twice_is_m
   const auto ids = [&] { return sql("SELECT ev_id FROM epglist ORDER BY start_epoch"); };
   const Scan_run lost = run(
       on_freq(lossy), std::string(COLLECT) + "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 3\n", 5);
-  EXPECT_EQ("", lost.lines({"never:"}));
-  EXPECT_EQ("1\n2\n4\n", ids());
+  EXPECT_EQ(lost.lines({"never:"}), "");
+  EXPECT_EQ(ids(), "1\n2\n4\n");
   run(on_freq(good),
-      "kelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\n"
-      "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 4\n",
+      "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; "
+      "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 4",
       5);
-  EXPECT_EQ("1\n2\n3\n4\n", ids());
+  EXPECT_EQ(ids(), "1\n2\n3\n4\n");
 }
 
 TEST_F(Guide_tables_test, repeated_sections_are_neither_stored_nor_asked_for_again) {
@@ -202,23 +196,23 @@ TEST_F(Guide_tables_test, repeated_sections_are_neither_stored_nor_asked_for_aga
   const std::string file =
       stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS),
               faults(R"([{ "fault": "drop", "table": "eit_pf_actual", "section": 1, "to": 6 }])")});
-  const Scan_run scan = run(on_freq(file), std::string(COLLECT) + "verbosity 4\nwait_table 0 50 30\nverbosity 0\n", 4);
-  EXPECT_EQ("reached\n", scan.lines({"reached", "not"}));
-  EXPECT_EQ(4U, scan.count_err("Db event ")) << "statements that store an event";
+  const Scan_run scan = run(on_freq(file), std::string(COLLECT) + "verbosity 4; wait_table 0 50 30; verbosity 0", 4);
+  EXPECT_EQ(scan.lines({"reached", "not"}), "reached\n");
+  EXPECT_EQ(scan.count_err("Db event "), 4U) << "statements that store an event";
   EXPECT_GE(scan.count_err("match is 1\n"), 20U) << "events that were known";
-  EXPECT_EQ(4U, scan.count_err("epg cache entry inserted\n"));
-  EXPECT_EQ("101|2\n102|2\n", sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"));
+  EXPECT_EQ(scan.count_err("epg cache entry inserted\n"), 4U);
+  EXPECT_EQ(sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"), "101|2\n102|2\n");
 
   // And nothing at the next request, when the cache comes from the database.
   const std::string before = events();
   const Scan_run again = run(on_freq(file),
-                             "verbosity 4\nkelvo 0 tuner\nfreq 0 506000000\nwait_done 0 30\nwait_table 0 50 30\n"
-                             "verbosity 0\n",
+                             "verbosity 4; kelvo 0 tuner; freq 0 506000000; wait_done 0 30; wait_table 0 50 30; "
+                             "verbosity 0",
                              4);
-  EXPECT_EQ("reached\n", again.lines({"reached", "not"}));
-  EXPECT_EQ(0U, again.count_err("Db event "));
-  EXPECT_EQ(0U, again.count_err("epg cache entry inserted\n"));
-  EXPECT_EQ(before, events());
+  EXPECT_EQ(again.lines({"reached", "not"}), "reached\n");
+  EXPECT_EQ(again.count_err("Db event "), 0U);
+  EXPECT_EQ(again.count_err("epg cache entry inserted\n"), 0U);
+  EXPECT_EQ(events(), before);
 }
 
 TEST_F(Guide_tables_test, new_version_adds_what_is_new_and_leaves_what_is_stored) {
@@ -239,14 +233,13 @@ TEST_F(Guide_tables_test, new_version_adds_what_is_new_and_leaves_what_is_stored
                                      { "fault": "drop", "table": "eit_schedule_actual", "section": 72, "to": 16 }])"),
                                             only_101()})),
                             std::string(COLLECT) + "wait_guide 0 60\n", 5);
-  EXPECT_EQ("guide complete\n", scan.lines({"guide"}));
-  EXPECT_EQ(
-      "101|1|20260301|183000|1800|001000|600|0.0.0.0|0@est|1|0\n"
-      "101|2|20260301|190000|3600|001000|600|0.0.0.0|0@est|0|0\n"
-      "101|3|20260301|200000|7200|001000|600|0.0.0.0|0@est|0|0\n"
-      "101|3|20260301|204500|9900|001000|600|0.0.0.0|0@est|0|0\n"
-      "101|4|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n",
-      events());
+  EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
+  EXPECT_EQ(events(),
+            "101|1|20260301|183000|1800|001000|600|0.0.0.0|0@est|1|0\n"
+            "101|2|20260301|190000|3600|001000|600|0.0.0.0|0@est|0|0\n"
+            "101|3|20260301|200000|7200|001000|600|0.0.0.0|0@est|0|0\n"
+            "101|3|20260301|204500|9900|001000|600|0.0.0.0|0@est|0|0\n"
+            "101|4|20260302|030000|32400|010000|3600|0.0.0.0|0@est|0|0\n");
 }
 
 TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) {
@@ -269,14 +262,15 @@ TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) 
   const auto counts = [&] { return sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"); };
   const Scan_run narrow =
       run(on_freq(file),
-          std::string(COLLECT) + "wait_progress 0 60 guide 101 table 51/50 active 1 done 0 events 2\nprogress 0\n", 10);
-  EXPECT_EQ("guide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/50 active 1 done 0 events 2\n",
-            narrow.lines({"guide", "never:"}));
-  EXPECT_EQ("101|2\n102|2\n", counts());
+          std::string(COLLECT) + "wait_progress 0 60 guide 101 table 51/50 active 1 done 0 events 2; progress 0", 10);
+  EXPECT_EQ(narrow.lines({"guide", "never:"}),
+            "guide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/50 active 1 done 0 events 2\n");
+  EXPECT_EQ(counts(), "101|2\n102|2\n");
 
-  const Scan_run wide =
-      run(on_freq(file), "types 1 2 10 17 22 25 31\nkelvo 0 tuner\nfreq 0 506000000\nwait_done 0 60\nwait_guide 0 60\n",
-          10);
-  EXPECT_EQ("guide complete\n", wide.lines({"guide"}));
-  EXPECT_EQ("101|2\n102|2\n103|2\n105|2\n106|2\n107|2\n108|2\n109|2\n", counts()) << "all but teletext";
+  const Scan_run wide = run(on_freq(file),
+                            "types 1 2 10 17 22 25 31; kelvo 0 tuner; freq 0 506000000; wait_done 0 60; "
+                            "wait_guide 0 60",
+                            10);
+  EXPECT_EQ(wide.lines({"guide"}), "guide complete\n");
+  EXPECT_EQ(counts(), "101|2\n102|2\n103|2\n105|2\n106|2\n107|2\n108|2\n109|2\n") << "all but teletext";
 }

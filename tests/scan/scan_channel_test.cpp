@@ -31,11 +31,8 @@ class Scan_channel_test : public Scan_test {
   // Fills the channel list: 101 is channel 1, 102 is 2, 103 is 3.
   void scan_first() { scan_first(Json::array()); }
   void scan_first(const Json& patch) {
-    const Scan_run first = run(on_freq(stream(patch)),
-                               "kelvo 0 tuner\n"
-                               "freq 0 506000000\n"
-                               "wait_done 0 100\n");
-    ASSERT_EQ("done 0 0\n", first.lines({"done", "no"}));
+    const Scan_run first = run(on_freq(stream(patch)), "kelvo 0 tuner; freq 0 506000000; wait_done 0 100");
+    ASSERT_EQ(first.lines({"done", "no"}), "done 0 0\n");
   }
 
   static double shortest(const std::vector<double>& times) {
@@ -57,39 +54,32 @@ class Scan_channel_test : public Scan_test {
 TEST_F(Scan_channel_test, is_tuned_by_the_worker_and_reads_the_pmts_again_every_3_seconds) {
   scan_first();
   const Scan_run watched = run(on_freq(stream()),
-                               "verbosity 4\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 20\n"
-                               "scan 0 off\n"
-                               "sleep 2\n"
-                               "verbosity 0\n"
-                               "state 0\n"
-                               "readings 0\n",
+                               "verbosity 4; kelvo 0 tuner; channel 0 506000000 1; sleep 20; scan 0 off; sleep 2; "
+                               "verbosity 0; state 0; readings 0",
                                10);
-  EXPECT_EQ("channel -1\nstate 0 0 1\n", watched.lines({"channel", "done", "change", "state"}));
+  EXPECT_EQ(watched.lines({"channel", "done", "change", "state"}), "channel -1\nstate 0 0 1\n");
   // Every service of type 1; no PAT, NIT or SDT in between.
   const std::vector<double> pmts = watched.logged({"DMX_SET_FILTER pid=0x100 filter=02"});
-  EXPECT_EQ(pmts.size(), watched.logged({"DMX_SET_FILTER pid=0x110 filter=02"}).size());
-  EXPECT_EQ(0U, watched.logged({"DMX_SET_FILTER pid=0x120 "}).size());
-  EXPECT_EQ(0U, watched.logged({"DMX_SET_FILTER pid=0x0 "}).size());
+  EXPECT_EQ(watched.logged({"DMX_SET_FILTER pid=0x110 filter=02"}).size(), pmts.size());
+  EXPECT_EQ(watched.logged({"DMX_SET_FILTER pid=0x120 "}).size(), 0U);
+  EXPECT_EQ(watched.logged({"DMX_SET_FILTER pid=0x0 "}).size(), 0U);
   EXPECT_GE(pmts.size(), 5U);
   EXPECT_LE(pmts.size(), 11U);
   EXPECT_GE(shortest(pmts), 1.9);
   EXPECT_LE(longest(pmts), 2 + 1 + 0.25 * 10);
-  EXPECT_EQ(1U, watched.count_err("starting scan from PMT"));
-  EXPECT_EQ(0U, watched.count_err("Starting scan from PAT"));
+  EXPECT_EQ(watched.count_err("starting scan from PMT"), 1U);
+  EXPECT_EQ(watched.count_err("Starting scan from PAT"), 0U);
   EXPECT_GE(watched.count_err("Restarting autoscan from PMT\n"), 4U);
   EXPECT_GE(watched.count_err("PMT version match, skipping db recalc\n"), 3U);
-  EXPECT_EQ(2U, watched.count_err("Master update PMT\n"))
+  EXPECT_EQ(watched.count_err("Master update PMT\n"), 2U)
       << "no version is known at first, nor after the guide's start";
-  EXPECT_EQ(1U, watched.count_err("Flushing\n")) << "at the request";
+  EXPECT_EQ(watched.count_err("Flushing\n"), 1U) << "at the request";
   // At the request and with switching on; of the three, the autoscan timer is left alone by rescans of the PMTs.
-  EXPECT_EQ(2U, watched.logged({"timer_settime", timer_of(300)}).size());
-  EXPECT_EQ(2 + watched.count_err("Restarting autoscan from PMT\n"),
-            watched.logged({"timer_settime", timer_of(3)}).size());
-  EXPECT_EQ(2 + watched.count_err("Restarting autoscan from PMT\n"),
-            watched.logged({"timer_settime", timer_of(40)}).size());
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(300)}).size(), 2U);
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(3)}).size(),
+            2 + watched.count_err("Restarting autoscan from PMT\n"));
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(40)}).size(),
+            2 + watched.count_err("Restarting autoscan from PMT\n"));
   support::expect_reference("scan/channel.txt", dump());
 }
 
@@ -114,37 +104,24 @@ TEST_F(Scan_channel_test, progress_is_silent_at_verbosity_0_and_each_line_appear
   for (int level = 0; level <= 4; ++level) {
     const Scan_run watched = run(on_freq(stream_file),
                                  "verbosity " + std::to_string(level) +
-                                     "\n"
-                                     "kelvo 0 tuner\n"
-                                     "sleep 2\n"
-                                     "channel 0 506000000 1\n"
-                                     "sleep 16\n"
-                                     "scan 0 off\n"
-                                     "sleep 8\n"
-                                     "scan 0 on\n"
-                                     "sleep 8\n"
-                                     "verbosity -1\n",
+                                     "; kelvo 0 tuner; sleep 2; channel 0 506000000 1; sleep 16; scan 0 off; sleep 8; "
+                                     "scan 0 on; sleep 8; verbosity -1",
                                  40);
     for (const Line& line : lines)
-      EXPECT_EQ(level >= line.level, watched.count_err(line.text) > 0) << line.text << " at " << level;
+      EXPECT_EQ(watched.count_err(line.text) > 0, level >= line.level) << line.text << " at " << level;
   }
 }
 
 TEST_F(Scan_channel_test, guide_is_started_5_to_6_seconds_after_the_tuning_and_once) {
   scan_first();
-  const Scan_run watched = run(on_freq(stream()),
-                               "verbosity 1\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 20\n"
-                               "verbosity 0\n",
-                               10);
+  const Scan_run watched =
+      run(on_freq(stream()), "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; sleep 20; verbosity 0", 10);
   const std::vector<double> starts = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
-  ASSERT_EQ(1U, starts.size());
+  ASSERT_EQ(starts.size(), 1U);
   const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=506000000"});
-  ASSERT_EQ(1U, tunings.size());
+  ASSERT_EQ(tunings.size(), 1U);
   expect_seconds(5, starts[0] - tunings[0], 10);
-  EXPECT_EQ(1U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  EXPECT_EQ(watched.count_err("WARNING: Restarting EIT scan\n"), 1U);
 }
 
 TEST_F(Scan_channel_test, guide_is_started_again_by_the_next_request) {
@@ -152,19 +129,14 @@ TEST_F(Scan_channel_test, guide_is_started_again_by_the_next_request) {
   std::vector<std::string> options = on_freq(stream());
   options.insert(options.end(), {"--mux", "514000000=" + stream()});
   const Scan_run watched = run(options,
-                               "verbosity 1\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 13\n"
-                               "channel 0 514000000 1\n"
-                               "sleep 13\n"
-                               "verbosity 0\n",
+                               "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; sleep 13; channel 0 514000000 1; "
+                               "sleep 13; verbosity 0",
                                10);
-  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  EXPECT_EQ(watched.count_err("WARNING: Restarting EIT scan\n"), 2U);
   const std::vector<double> starts = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
   const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=514000000"});
-  ASSERT_EQ(2U, starts.size());
-  ASSERT_EQ(1U, tunings.size());
+  ASSERT_EQ(starts.size(), 2U);
+  ASSERT_EQ(tunings.size(), 1U);
   expect_seconds(5, starts[1] - tunings[0], 10);
 }
 
@@ -173,19 +145,13 @@ TEST_F(Scan_channel_test, guide_that_has_grown_by_more_than_20_events_is_told_wi
     const Json patch = with_events(events);
     scan_first(patch);
     const Scan_run watched = run(on_freq(stream(patch)),
-                                 "verbosity 1\n"
-                                 "insert DELETE FROM epglist\n"
-                                 "kelvo 0 tuner\n"
-                                 "channel 0 506000000 1\n"
+                                 "verbosity 1; insert DELETE FROM epglist; kelvo 0 tuner; channel 0 506000000 1; "
                                  "wait_sql 60 SELECT count(*) = " +
-                                     std::to_string(events) +
-                                     " FROM epglist\n"
-                                     "sleep 10\n"
-                                     "verbosity 0\n");
-    EXPECT_EQ(events == 20 ? "channel -1\ntrue\n" : "channel -1\ntrue\nchange 0 4\n",
-              watched.lines({"channel", "done", "change", "true", "never"}));
-    EXPECT_EQ(events == 20 ? 0U : 1U, watched.count_err("WARNING: db_change_callback 4, retval 0\n"));
-    EXPECT_EQ(std::to_string(events) + "\n", sql("SELECT count(*) FROM epglist"));
+                                     std::to_string(events) + " FROM epglist; sleep 10; verbosity 0");
+    EXPECT_EQ(watched.lines({"channel", "done", "change", "true", "never"}),
+              events == 20 ? "channel -1\ntrue\n" : "channel -1\ntrue\nchange 0 4\n");
+    EXPECT_EQ(watched.count_err("WARNING: db_change_callback 4, retval 0\n"), events == 20 ? 0U : 1U);
+    EXPECT_EQ(sql("SELECT count(*) FROM epglist"), std::to_string(events) + "\n");
     support::expect_reference("scan/channel.txt", dump());
   }
 }
@@ -195,35 +161,28 @@ TEST_F(Scan_channel_test, export_restarts_filters_and_all_three_timers_and_the_g
   scan_first();
   const Scan_run watched =
       run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
-          "verbosity 3\n"
-          "kelvo 0 tuner\n"
-          "channel 0 506000000 1\n"
-          "sleep 13\n"
-          "export 0 /dvbfiles/backup.db\n"
-          "wait_change 0 8 20\n"
-          "sleep 13\n"
-          "scan 0 off\n"
-          "sleep 2\n"
-          "verbosity 0\n",
+          "verbosity 3; kelvo 0 tuner; channel 0 506000000 1; sleep 13; "
+          "export 0 /dvbfiles/backup.db; wait_change 0 8 20; sleep 13; scan 0 off; sleep 2; "
+          "verbosity 0",
           10);
-  EXPECT_EQ("channel -1\nexport 1\nchange 0 8\nend\n", watched.lines());
-  EXPECT_EQ(1U, watched.count_err("WARNING: Running backup\n"));
+  EXPECT_EQ(watched.lines(), "channel -1\nexport 1\nchange 0 8\nend\n");
+  EXPECT_EQ(watched.count_err("WARNING: Running backup\n"), 1U);
   const size_t rescans = watched.count_err("Restarting autoscan from PMT\n");
-  EXPECT_EQ(3U, watched.logged({"timer_settime", timer_of(300)}).size());
-  EXPECT_EQ(3 + rescans, watched.logged({"timer_settime", timer_of(3)}).size());
-  EXPECT_EQ(3 + rescans, watched.logged({"timer_settime", timer_of(40)}).size());
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(300)}).size(), 3U);
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(3)}).size(), 3 + rescans);
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(40)}).size(), 3 + rescans);
   // The filter of the time that nobody sends runs from the request on, and again after the export.
   const std::vector<Scan_run::Span> time = watched.filtered("0x14");
-  ASSERT_EQ(2U, time.size());
+  ASSERT_EQ(time.size(), 2U);
   const std::vector<double> moves = watched.logged({"system", "mv "});
-  ASSERT_EQ(1U, moves.size());
+  ASSERT_EQ(moves.size(), 1U);
   EXPECT_GE(moves[0], time[0].to) << "the filters are stopped before";
   EXPECT_LE(moves[0], time[1].from) << "and started after it";
   expect_pmts_are_not_read_for_3_seconds_after(time[0].to, watched);
-  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
+  EXPECT_EQ(watched.count_err("WARNING: Restarting EIT scan\n"), 2U);
   const std::vector<double> guide = watched.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
   // Started, started again with all filters, and started anew.
-  ASSERT_EQ(3U, guide.size());
+  ASSERT_EQ(guide.size(), 3U);
   EXPECT_GE(guide[2] - time[0].to, 4.95);
   support::expect_reference("scan/channel.txt", dump());
 }
@@ -231,28 +190,18 @@ TEST_F(Scan_channel_test, export_restarts_filters_and_all_three_timers_and_the_g
 TEST_F(Scan_channel_test, request_on_the_frequency_already_tuned_does_nothing) {
   scan_first();
   const Scan_run again = run(on_freq(stream()),
-                             "kelvo 0 tuner\n"
-                             "freq 0 506000000\n"
-                             "wait_done 0 60\n"
-                             "verbosity 1\n"
-                             "channel 0 506000000 1\n"
-                             "sleep 10\n"
-                             "verbosity 0\n");
-  EXPECT_EQ("channel -1\n", again.lines({"channel", "change"}));
-  EXPECT_EQ(0U, again.count_err("local channel is 1"));
-  EXPECT_EQ(1U, again.logged({"DMX_SET_FILTER pid=0x100 "}).size());
+                             "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; verbosity 1; channel 0 506000000 1; "
+                             "sleep 10; verbosity 0");
+  EXPECT_EQ(again.lines({"channel", "change"}), "channel -1\n");
+  EXPECT_EQ(again.count_err("local channel is 1"), 0U);
+  EXPECT_EQ(again.logged({"DMX_SET_FILTER pid=0x100 "}).size(), 1U);
 }
 
 TEST_F(Scan_channel_test, quirk_request_on_the_constructor_s_frequency_does_nothing) {
   const Scan_run first = run({"--mux", "474000000=" + stream()},
-                             "kelvo 0 tuner\n"
-                             "sleep 1\n"
-                             "verbosity 1\n"
-                             "channel 0 474000000 1\n"
-                             "sleep 5\n"
-                             "verbosity 0\n");
-  EXPECT_EQ("channel -1\n", first.lines({"channel"}));
-  EXPECT_EQ(0U, first.count_err("Loop init"));
+                             "kelvo 0 tuner; sleep 1; verbosity 1; channel 0 474000000 1; sleep 5; verbosity 0");
+  EXPECT_EQ(first.lines({"channel"}), "channel -1\n");
+  EXPECT_EQ(first.count_err("Loop init"), 0U);
 }
 
 TEST_F(Scan_channel_test, changed_pmt_is_found_by_a_rescan_and_told_with_1) {
@@ -261,15 +210,11 @@ TEST_F(Scan_channel_test, changed_pmt_is_found_by_a_rescan_and_told_with_1) {
                            { "type": "mpeg2-video", "pid": 257 },
                            { "type": "mpeg2-audio", "pid": 258, "languages": ["est"] },
                            { "type": "mpeg2-audio", "pid": 259, "languages": ["fin"] }] }] }])"_json;
-  const Scan_run watched = run(on_freq(stream(patch)),
-                               "verbosity 1\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "wait_change 0 1 19\n"
-                               "verbosity 0\n");
-  EXPECT_EQ("channel -1\nchange 0 1\n", watched.lines({"channel", "done", "change", "no"}));
+  const Scan_run watched =
+      run(on_freq(stream(patch)), "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; wait_change 0 1 19; verbosity 0");
+  EXPECT_EQ(watched.lines({"channel", "done", "change", "no"}), "channel -1\nchange 0 1\n");
   expect_seconds(13, watched.at("change 0 1") - watched.at("channel -1"));
-  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 1, retval 30\n"));
+  EXPECT_EQ(watched.count_err("WARNING: db_change_callback 1, retval 30\n"), 1U);
   support::expect_reference("scan/channel_pmt_changed.txt", dump());
 }
 
@@ -282,23 +227,22 @@ TEST_F(Scan_channel_test, everything_is_read_again_after_300_seconds_and_a_lost_
                          { "op": "add", "path": "/services/2/vanishes_at", "value": 200 }])"_json;
   scan_first(patch);
   const Scan_run watched = run(on_freq(stream(patch)),
-                               "verbosity 3\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "wait_change 0 2 320\n"
-                               "sleep 10\n"
-                               "verbosity 0\n",
+                               "verbosity 3; kelvo 0 tuner; channel 0 506000000 1; wait_change 0 2 320; sleep 10; "
+                               "verbosity 0",
                                60);
-  EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "done", "no", "change"}));
-  EXPECT_EQ(1U, watched.count_err("Restarting autoscan from PAT\n"));
-  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 2, retval 1\n"));
-  EXPECT_EQ(1U, watched.count_err("Channel changed EIT scan\n")) << "the guide is to be started again";
-  EXPECT_EQ(2U, watched.count_err("WARNING: Restarting EIT scan\n"));
-  EXPECT_EQ(3U, watched.logged({"timer_settime", timer_of(300)}).size());
+  EXPECT_EQ(watched.lines({"channel", "done", "no", "change"}), "channel -1\nchange 0 2\n");
+  EXPECT_EQ(watched.count_err("Restarting autoscan from PAT\n"), 1U);
+  EXPECT_EQ(watched.count_err("WARNING: db_change_callback 2, retval 1\n"), 1U);
+  EXPECT_EQ(watched.count_err("Channel changed EIT scan\n"), 1U) << "the guide is to be started again";
+  EXPECT_EQ(watched.count_err("WARNING: Restarting EIT scan\n"), 2U);
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(300)}).size(), 3U);
+  const size_t of_pmts = watched.count_err("Restarting autoscan from PMT\n");
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(40)}).size(), 3 + of_pmts);
+  EXPECT_EQ(watched.logged({"timer_settime", timer_of(3)}).size(), 2 + of_pmts) << "that of the PMTs goes on";
   const std::vector<double> pats = watched.logged({"DMX_SET_FILTER pid=0x0 filter=00"});
   const std::vector<double> tunings = watched.logged({"FE_SET_FRONTEND freq=506000000"});
-  ASSERT_EQ(1U, pats.size());
-  ASSERT_EQ(1U, tunings.size());
+  ASSERT_EQ(pats.size(), 1U);
+  ASSERT_EQ(tunings.size(), 1U);
   expect_seconds(299, pats[0] - tunings[0], 60);
   support::expect_reference("scan/channel_service_lost.txt", dump());
 }
@@ -306,19 +250,14 @@ TEST_F(Scan_channel_test, everything_is_read_again_after_300_seconds_and_a_lost_
 TEST_F(Scan_channel_test, empty_list_is_filled_by_the_scan_after_300_seconds_and_told_with_3) {
   const Scan_run watched =
       run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
-          "verbosity 1\n"
-          "kelvo 0 tuner\n"
-          "channel 0 506000000 1\n"
-          "sleep 200\n"
-          "sql SELECT count(*) FROM kanalid\n"
-          "wait_change 0 3 200\n"
-          "verbosity 0\n",
+          "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; sleep 200; "
+          "sql SELECT count(*) FROM kanalid; wait_change 0 3 200; verbosity 0",
           60);
-  EXPECT_EQ("channel -1\nsql 0\nchange 0 3\nend\n", watched.lines());
-  EXPECT_EQ(1U, watched.count_err("WARNING: db_change_callback 3, retval 22\n"));
+  EXPECT_EQ(watched.lines(), "channel -1\nsql 0\nchange 0 3\nend\n");
+  EXPECT_EQ(watched.count_err("WARNING: db_change_callback 3, retval 22\n"), 1U);
   expect_seconds(299, watched.at("change 0 3") - watched.at("channel -1"), 60);
   const std::vector<Scan_run::Span> time = watched.filtered("0x14");
-  ASSERT_EQ(2U, time.size());
+  ASSERT_EQ(time.size(), 2U);
   EXPECT_LE(time[0].to, time[1].from) << "the filter of the time is removed and made again";
   support::expect_reference("scan/first.txt", dump());
 }
@@ -335,35 +274,24 @@ TEST_F(Scan_channel_test, each_line_of_a_full_rescan_appears_at_its_level_and_no
                         {"Channel changed EIT scan\n", 3}};
   for (int level = 0; level <= 3; ++level) {
     scan_first();
-    const Scan_run watched = run(on_freq(missing),
-                                 "verbosity " + std::to_string(level) +
-                                     "\n"
-                                     "kelvo 0 tuner\n"
-                                     "channel 0 506000000 1\n"
-                                     "sleep 10\n"
-                                     "scan 0 off\n"
-                                     "sleep 2\n"
-                                     "scan 0 on\n"
-                                     "wait_change 0 2 100\n"
-                                     "sleep 1\n"
-                                     "verbosity -1\n",
-                                 40);
-    EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "change", "no"}));
+    const Scan_run watched =
+        run(on_freq(missing),
+            "verbosity " + std::to_string(level) +
+                "; kelvo 0 tuner; channel 0 506000000 1; sleep 10; scan 0 off; sleep 2; scan 0 on; "
+                "wait_change 0 2 100; sleep 1; verbosity -1",
+            40);
+    EXPECT_EQ(watched.lines({"channel", "change", "no"}), "channel -1\nchange 0 2\n");
     for (const Line& line : lines)
-      EXPECT_EQ(level >= line.level ? 1U : 0U, watched.count_err(line.text)) << line.text << " at " << level;
+      EXPECT_EQ(watched.count_err(line.text), level >= line.level ? 1U : 0U) << line.text << " at " << level;
   }
 }
 
 TEST_F(Scan_channel_test, service_whose_pmt_stops_is_found_lost_by_the_scan_after_the_time_out) {
   scan_first();
   const Scan_run watched = run(on_freq(stream(R"([{ "op": "remove", "path": "/services/1" }])"_json)),
-                               "verbosity 1\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "wait_change 0 2 60\n"
-                               "verbosity 0\n");
-  EXPECT_EQ("channel -1\nchange 0 2\n", watched.lines({"channel", "done", "no", "change"}));
-  EXPECT_EQ(1U, watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
+                               "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; wait_change 0 2 60; verbosity 0");
+  EXPECT_EQ(watched.lines({"channel", "done", "no", "change"}), "channel -1\nchange 0 2\n");
+  EXPECT_EQ(watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"), 1U);
   expect_seconds(39, watched.at("change 0 2") - watched.at("channel -1"));
 }
 
@@ -373,64 +301,46 @@ TEST_F(Scan_channel_test, pat_scan_that_times_out_with_the_sdt_merges_nothing_an
                            { "fault": "missing", "table": "pmt", "service_id": 102 },
                            { "fault": "missing", "table": "sdt_actual" }] }])"_json;
   const Scan_run watched = run(on_freq(stream(patch)),
-                               "verbosity 3\n"
-                               "kelvo 0 tuner\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 100\n"
-                               "sql SELECT count(*) FROM kanalid_scan_0\n"
-                               "verbosity 0\n");
-  EXPECT_EQ(1U, watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
-  EXPECT_EQ(1U, watched.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"));
-  EXPECT_EQ(2U, watched.count_err("Restarting autoscan from PAT\n"));
-  EXPECT_EQ(0U, watched.count_err("Master update PAT\n"));
-  EXPECT_EQ("channel -1\nsql 3\nend\n", watched.lines());
+                               "verbosity 3; kelvo 0 tuner; channel 0 506000000 1; sleep 100; "
+                               "sql SELECT count(*) FROM kanalid_scan_0; verbosity 0");
+  EXPECT_EQ(watched.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"), 1U);
+  EXPECT_EQ(watched.count_err("WARNING: mode 2 scan timed out for frequency 506000000\n"), 1U);
+  EXPECT_EQ(watched.count_err("Restarting autoscan from PAT\n"), 2U);
+  EXPECT_EQ(watched.count_err("Master update PAT\n"), 0U);
+  EXPECT_EQ(watched.lines(), "channel -1\nsql 3\nend\n");
   const std::vector<double> pats = watched.logged({"DMX_SET_FILTER pid=0x0 filter=00"});
-  ASSERT_EQ(2U, pats.size());
+  ASSERT_EQ(pats.size(), 2U);
   expect_seconds(39, pats[1] - pats[0]);
   support::expect_reference("scan/channel_timed_out.txt", dump());
 }
 
 TEST_F(Scan_channel_test, without_data_goes_on_trying) {
   scan_first();
-  const Scan_run silent = run(on_freq(empty_stream()),
-                              "verbosity 3\n"
-                              "kelvo 0 tuner\n"
-                              "channel 0 506000000 1\n"
-                              "sleep 45\n"
-                              "verbosity 0\n"
-                              "state 0\n");
-  EXPECT_EQ("channel -1\nstate 0 0 1\n", silent.lines({"channel", "done", "change", "state"}));
-  EXPECT_EQ(0U, silent.count_err("Mux is DVB-H"));
-  EXPECT_EQ(1U, silent.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"));
-  EXPECT_EQ(1U, silent.count_err("Restarting autoscan from PAT\n"));
+  const Scan_run silent =
+      run(on_freq(empty_stream()), "verbosity 3; kelvo 0 tuner; channel 0 506000000 1; sleep 45; verbosity 0; state 0");
+  EXPECT_EQ(silent.lines({"channel", "done", "change", "state"}), "channel -1\nstate 0 0 1\n");
+  EXPECT_EQ(silent.count_err("Mux is DVB-H"), 0U);
+  EXPECT_EQ(silent.count_err("WARNING: mode 1 scan timed out for frequency 506000000\n"), 1U);
+  EXPECT_EQ(silent.count_err("Restarting autoscan from PAT\n"), 1U);
 }
 
 TEST_F(Scan_channel_test, on_dvb_h_is_not_told_but_counts_as_answered) {
   scan_first();
   std::vector<std::string> options = on_freq(empty_stream());
   options.insert(options.end(), {"--signal", "506000000:status=0x9f"});
-  const Scan_run dvbh = run(options,
-                            "verbosity 3\n"
-                            "kelvo 0 tuner\n"
-                            "channel 0 506000000 1\n"
-                            "sleep 10\n"
-                            "verbosity 0\n"
-                            "state 0\n");
-  EXPECT_EQ("channel -1\nstate 1 0 1\nend\n", dvbh.lines());
+  const Scan_run dvbh =
+      run(options, "verbosity 3; kelvo 0 tuner; channel 0 506000000 1; sleep 10; verbosity 0; state 0");
+  EXPECT_EQ(dvbh.lines(), "channel -1\nstate 1 0 1\nend\n");
   EXPECT_GE(dvbh.count_err("Mux is DVB-H or NO MPEG stream decoded, clearing filters and exiting scan loop\n"), 2U);
-  EXPECT_EQ("1\n2\n3\n", sql("SELECT channel FROM kanalid ORDER BY channel"));
+  EXPECT_EQ(sql("SELECT channel FROM kanalid ORDER BY channel"), "1\n2\n3\n");
 }
 
 TEST_F(Scan_channel_test, without_a_tuner_reads_the_pmts_of_the_frequency_asked_for) {
   scan_first();
   std::vector<std::string> options = on_freq(stream());
   options.insert(options.end(), {"--tuned", "506000000"});
-  const Scan_run passive = run(options,
-                               "kelvo 0 passive\n"
-                               "channel 0 506000000 1\n"
-                               "sleep 10\n"
-                               "state 0\n");
-  EXPECT_EQ("channel -1\nstate 0 0 1\nend\n", passive.lines());
+  const Scan_run passive = run(options, "kelvo 0 passive; channel 0 506000000 1; sleep 10; state 0");
+  EXPECT_EQ(passive.lines(), "channel -1\nstate 0 0 1\nend\n");
   EXPECT_GE(passive.logged({"DMX_SET_FILTER pid=0x100 filter=02"}).size(), 2U);
   EXPECT_TRUE(passive.logged({"frontend0"}).empty());
   support::expect_reference("scan/channel.txt", dump());
@@ -439,15 +349,10 @@ TEST_F(Scan_channel_test, without_a_tuner_reads_the_pmts_of_the_frequency_asked_
 TEST_F(Scan_channel_test, without_lock_is_not_told_and_goes_on) {
   scan_first();
   const Scan_run none = run(on_freq(stream()),
-                            "kelvo 0 tuner\n"
-                            "channel 0 538000000 1\n"
-                            "sleep 10\n"
-                            "state 0\n"
-                            "channel 0 506000000 1\n"
-                            "sleep 5\n"
-                            "readings 0\n");
-  EXPECT_EQ("channel -1\nstate 0 0 1\nchannel -1\n", none.lines({"channel", "state", "done", "change"}));
-  EXPECT_EQ(0U, none.lines({"readings"}).find("readings 506000000 100.0 31 "));
+                            "kelvo 0 tuner; channel 0 538000000 1; sleep 10; state 0; channel 0 506000000 1; "
+                            "sleep 5; readings 0");
+  EXPECT_EQ(none.lines({"channel", "state", "done", "change"}), "channel -1\nstate 0 0 1\nchannel -1\n");
+  EXPECT_EQ(none.lines({"readings"}).find("readings 506000000 100.0 31 "), 0U);
 }
 
 TEST_F(Scan_channel_test, pause_stops_the_rescans_and_resuming_starts_their_timers_anew) {
@@ -455,33 +360,24 @@ TEST_F(Scan_channel_test, pause_stops_the_rescans_and_resuming_starts_their_time
   for (const bool guide_started : {true, false}) {
     const Scan_run paused =
         run(on_freq(stream(R"([{ "op": "replace", "path": "/time", "value": { "tot": false } }])"_json)),
-            std::string("verbosity 3\n"
-                        "kelvo 0 tuner\n"
-                        "channel 0 506000000 1\n") +
-                (guide_started ? "sleep 13\n" : "sleep 2.5\n") +
-                "scan 0 off\n"
-                "sleep 30\n"
-                "scan 0 on\n"
-                "sleep 13\n"
-                "scan 0 off\n"
-                "sleep 2\n"
-                "verbosity 0\n",
+            std::string("verbosity 3; kelvo 0 tuner; channel 0 506000000 1; sleep ") + (guide_started ? "13" : "2.5") +
+                "; scan 0 off; sleep 30; scan 0 on; sleep 13; scan 0 off; sleep 2; verbosity 0",
             10);
-    EXPECT_EQ("channel -1\nend\n", paused.lines());
+    EXPECT_EQ(paused.lines(), "channel -1\nend\n");
     // The filter of the time that nobody sends runs while scanning is on.
     const std::vector<Scan_run::Span> on = paused.filtered("0x14");
-    ASSERT_EQ(2U, on.size());
+    ASSERT_EQ(on.size(), 2U);
     expect_seconds(29, on[1].from - on[0].to, 10);
     expect_pmts_are_not_read_for_3_seconds_after(on[0].to, paused);
     const size_t rescans = paused.count_err("Restarting autoscan from PMT\n");
-    EXPECT_EQ(3U, paused.logged({"timer_settime", timer_of(300)}).size());
-    EXPECT_EQ(3 + rescans, paused.logged({"timer_settime", timer_of(3)}).size());
-    EXPECT_EQ(3 + rescans, paused.logged({"timer_settime", timer_of(40)}).size());
+    EXPECT_EQ(paused.logged({"timer_settime", timer_of(300)}).size(), 3U);
+    EXPECT_EQ(paused.logged({"timer_settime", timer_of(3)}).size(), 3 + rescans);
+    EXPECT_EQ(paused.logged({"timer_settime", timer_of(40)}).size(), 3 + rescans);
     // A guide that had been started is started again at once; one that had not waits its time.
     const std::vector<double> guide = paused.logged({"DMX_SET_FILTER pid=0x12 filter=4e"});
-    EXPECT_EQ(guide_started ? 1U : 0U, paused.count_err("WARNING: Restarting EPG\n"));
-    EXPECT_EQ(1U, paused.count_err("WARNING: Restarting EIT scan\n"));
-    ASSERT_EQ(guide_started ? 2U : 1U, guide.size());
+    EXPECT_EQ(paused.count_err("WARNING: Restarting EPG\n"), guide_started ? 1U : 0U);
+    EXPECT_EQ(paused.count_err("WARNING: Restarting EIT scan\n"), 1U);
+    ASSERT_EQ(guide.size(), guide_started ? 2U : 1U);
     if (guide_started)
       EXPECT_LE(guide[1] - on[1].from, 0.25 * 10);
     else
@@ -493,14 +389,8 @@ TEST_F(Scan_channel_test, pause_stops_the_rescans_and_resuming_starts_their_time
 TEST_F(Scan_channel_test, resuming_starts_the_guide_from_its_first_table) {
   scan_first();
   const Scan_run paused = run(on_freq(stream(with_events(3))),
-                              "kelvo 0 tuner\n"
-                              "channel 0 506000000 1\n"
-                              "wait_table 0 50 60\n"
-                              "sleep 2\n"
-                              "scan 0 off\n"
-                              "sleep 2\n"
-                              "scan 0 on\n"
-                              "sleep 4\n");
-  EXPECT_EQ("channel -1\nreached\nend\n", paused.lines());
-  EXPECT_EQ(2U, paused.logged({"DMX_SET_FILTER pid=0x12 filter=4e"}).size());
+                              "kelvo 0 tuner; channel 0 506000000 1; wait_table 0 50 60; sleep 2; scan 0 off; sleep 2; "
+                              "scan 0 on; sleep 4");
+  EXPECT_EQ(paused.lines(), "channel -1\nreached\nend\n");
+  EXPECT_EQ(paused.logged({"DMX_SET_FILTER pid=0x12 filter=4e"}).size(), 2U);
 }

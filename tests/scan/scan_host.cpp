@@ -2,7 +2,7 @@
 // seconds since its start:
 //
 //   open FILE                     the database; before all else
-//   kelvo N tuner|passive         creates the Kelvo of adapter N, with callbacks
+//   kelvo N tuner|passive [C T]   creates the Kelvo of adapter N, with callbacks; connector and type, else 0 and 0
 //   delete N                      destroys it
 //   freq N HZ                     frequency request, answered by "done N RESULT"
 //   freq_without_data N HZ        the same with null data
@@ -10,6 +10,8 @@
 //   wait_done N SECONDS           until the last frequency request is answered
 //   wait_change N CODE SECONDS    until the change callback got CODE since the last wait_change
 //   wait_sql SECONDS SQL          until the query (of one number) answers other than 0
+//   wait_ends N STAGE COUNT SECONDS   until so many scans of a stage (PAT, PMT) have ended since the creation
+//   wait_filter N PID COUNT SECONDS   until filters of a PID have been started so many times since the creation
 //   scan N on|off, tuner N on|off
 //   export N FILE, export_channels N FILE
 //   state N                       message state, export in progress, clock valid
@@ -39,6 +41,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -72,6 +75,15 @@ struct Adapter {
   std::atomic<int> answers{0};
   int requests = 0;
   std::atomic<unsigned> changes{0};
+  std::mutex lock;                  // guards what follows
+  std::map<std::string, int> ends;  // by stage
+  std::map<int, int> filters;       // started, by PID
+
+  template <typename Key>
+  int count(std::map<Key, int> Adapter::*counts, const Key& key) {
+    const std::lock_guard<std::mutex> guard(lock);
+    return (this->*counts)[key];
+  }
 };
 
 std::array<Adapter, ADAPTERS> adapters;
@@ -91,9 +103,23 @@ void done(void* data, int result) {
   ++adapters[static_cast<size_t>(adapter - adapters.data())].answers;
 }
 
+void scan_ended(void* data, const Scan_end& end) {
+  auto* adapter = static_cast<Adapter*>(data);
+  const std::lock_guard<std::mutex> guard(adapter->lock);
+  ++adapter->ends[end.stage == SCAN_PAT ? "PAT" : "PMT"];
+}
+
+void active(void* data, int kind, int value) {
+  auto* adapter = static_cast<Adapter*>(data);
+  const std::lock_guard<std::mutex> guard(adapter->lock);
+  if (kind == ACTIVITY_FILTER_STARTED)
+    ++adapter->filters[value];
+}
+
+// Ten times as long as the script says, because this clock runs faster than the machine, which may be busy.
 template <typename Condition>
 bool wait_until(double seconds, Condition condition) {
-  const double end = now_s() + seconds;
+  const double end = now_s() + 10 * seconds;
   while (!condition()) {
     if (now_s() > end)
       return false;
@@ -196,8 +222,13 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
   int channel = 0;
   double seconds = 0;
   if (command == "kelvo") {
-    in >> word;
-    a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), 0, 0, database.get(), word == "tuner", CHANGED[n]);
+    int connector = 0;
+    int type = 0;
+    in >> word >> connector >> type;
+    a.kelvo =
+        std::make_unique<Kelvo>(static_cast<int>(n), connector, type, database.get(), word == "tuner", CHANGED[n]);
+    a.kelvo->set_scan_listener(scan_ended, &a);
+    a.kelvo->set_activity_listener({active, &a});
     return;
   }
   if (a.kelvo == nullptr)
@@ -227,6 +258,17 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     if (!wait_until(seconds, [&] { return (a.changes & code) == code; }))
       say("no change " + std::to_string(code));
     a.changes = 0;
+  } else if (command == "wait_ends") {
+    int times = 0;
+    in >> word >> times >> seconds;
+    if (!wait_until(seconds, [&] { return a.count(&Adapter::ends, word) >= times; }))
+      say("no end of " + word);
+  } else if (command == "wait_filter") {
+    int pid = 0;
+    int times = 0;
+    in >> pid >> times >> seconds;
+    if (!wait_until(seconds, [&] { return a.count(&Adapter::filters, pid) >= times; }))
+      say("no filter of " + std::to_string(pid));
   } else if (command == "scan") {
     in >> word;
     a.kelvo->set_scan(word == "on");

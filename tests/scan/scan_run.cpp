@@ -138,7 +138,10 @@ std::vector<std::string> Scan_test::on_freq(const std::string& file) {
 
 Scan_run Scan_test::run(std::vector<std::string> options, const std::string& script, int speed) {
   const std::string script_file = folder_.file("script");
-  support::write_file(script_file, "open " + database() + "\n" + script);
+  std::string lines = "open " + database() + "\n" + script;
+  for (size_t at = lines.find("; "); at != std::string::npos; at = lines.find("; ", at))
+    lines.replace(at, 2, "\n");
+  support::write_file(script_file, lines + "\n");
   std::filesystem::create_directories(sandbox());
   options.insert(options.begin(), {"--root", sandbox(), "--now", NOW, "--time", "x" + std::to_string(speed)});
 
@@ -147,7 +150,7 @@ Scan_run Scan_test::run(std::vector<std::string> options, const std::string& scr
   result.events = read_events(ended.out);
   result.err = ended.err;
   result.log = ended.log;
-  EXPECT_EQ(0, ended.exit_code) << result.lines() << result.err;
+  EXPECT_EQ(ended.exit_code, 0) << result.lines() << result.err;
   EXPECT_TRUE(!result.events.empty() && result.events.back().what == "end") << result.lines() << result.err;
   return result;
 }

@@ -57,7 +57,8 @@ class Scan_test : public testing::Test {
   // Options of softdvb; a stream on FREQ.
   static std::vector<std::string> on_freq(const std::string& file);
 
-  // Runs scan_host with a script, `open` and nothing else before it. Fails the test when it does not end well.
+  // Runs scan_host with a script, `open` and nothing else before it; its commands may stand on one line, with "; "
+  // between them. Fails the test when it does not end well.
   Scan_run run(std::vector<std::string> options, const std::string& script, int speed = 20);
 
   // Expects `seconds` of the host's time to be `at_least` and not a second more, but for what a busy machine makes of

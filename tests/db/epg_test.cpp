@@ -280,6 +280,13 @@ TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
   EXPECT_EQ(sc_.epg.size(), 2u);
 }
 
+TEST_F(Epg_cache, events_of_one_start_and_id_with_other_durations_are_several) {
+  for (int round = 0; round < 2; ++round)
+    for (const int duration : {0, -60, -90})
+      lookup(1, 1000, duration);
+  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+0:1", "1000+-60:1", "1000+-90:1"}));
+}
+
 TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
   lookup(1, 0, 1000);
   for (int i = 0; i < 5; ++i) {

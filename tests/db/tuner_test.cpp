@@ -128,6 +128,18 @@ TEST_F(Tuner_table, the_same_parameters_again_change_nothing) {
   EXPECT_EQ(lines(), (Texts{LINE}));
 }
 
+TEST_F(Tuner_table, another_value_in_any_field_is_another_line) {
+  store(Fields{});
+  verbosity_kelvo = 1;
+  for (int Fields::*field : {&Fields::bandwidth, &Fields::constellation, &Fields::hierarchy, &Fields::code_rate_hp,
+                             &Fields::code_rate_lp, &Fields::guard_interval, &Fields::transmission_mode}) {
+    Fields changed;
+    changed.*field = changed.*field == 1 ? 0 : 1;
+    EXPECT_THAT(stderr_of([&] { store(changed); }), HasSubstr("WARNING: Updating parameters for dvb-t tuner\n"));
+  }
+  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
+}
+
 TEST_F(Tuner_table, quirk_a_stored_line_is_never_updated) {
   store(Fields{});
   Fields changed;

@@ -1,0 +1,141 @@
+#include "db/statements.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "db/sdbl_parts.h"
+#include "support/database.h"
+#include "support/messages.h"
+
+using sdbl::Rows;
+using support::messages_at;
+using support::prints_at;
+using support::Texts;
+using testing::MatchesRegex;
+
+namespace {
+
+class Statements : public testing::Test {
+ protected:
+  Statements() { db_.run("CREATE TABLE t (a int UNIQUE, b text)"); }
+
+  void insert(int a, const std::string& b) { statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", a, b); }
+
+  support::Database db_;
+  const sdbl::Statements& statements_ = db_->parts().statements;
+};
+
+}  // namespace
+
+TEST_F(Statements, rows_are_read_by_column_and_null_is_an_empty_text) {
+  insert(1, "one");
+  db_.run("INSERT INTO t VALUES (2, NULL)");
+  Rows rows(statements_, "test", 0, "SELECT a, b FROM t WHERE a >= $a ORDER BY a", 1);
+  ASSERT_TRUE(rows.next());
+  EXPECT_EQ(rows.number(0), 1);
+  EXPECT_STREQ(rows.text(1), "one");
+  ASSERT_TRUE(rows.next());
+  EXPECT_STREQ(rows.text(1), "");
+  EXPECT_FALSE(rows.next());
+  EXPECT_EQ(rows.code(), SQLITE_DONE);
+  EXPECT_EQ(rows.end(), SQLITE_OK);
+}
+
+TEST_F(Statements, a_run_says_what_it_did) {
+  insert(1, "one");
+  insert(2, "two");
+  const sdbl::Run changed = statements_.run("test", 0, "UPDATE t SET b = @b", "all");
+  EXPECT_EQ(changed.result, 0);
+  EXPECT_EQ(changed.changes, 2);
+  EXPECT_TRUE(changed.done);
+  const sdbl::Run inserted = statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 3, "new");
+  EXPECT_EQ(inserted.rowid, 3);
+}
+
+TEST_F(Statements, a_failed_step_has_no_changes_and_prints_the_statement) {
+  insert(1, "one");
+  sdbl::Run run{};
+  EXPECT_THAT([&] { run = statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "again"); },
+              prints_at(0,
+                        "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint "
+                        "failed: t.a\n"));
+  EXPECT_EQ(run.result, 0);
+  EXPECT_EQ(run.changes, 0);
+  EXPECT_EQ(run.code, SQLITE_CONSTRAINT_UNIQUE);
+  EXPECT_FALSE(run.done);
+}
+
+TEST_F(Statements, a_silent_run_prints_nothing_about_its_step) {
+  insert(1, "one");
+  sdbl::Run run{};
+  EXPECT_THAT([&] { run = statements_.run_silently("test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "again"); },
+              prints_at(0, ""));
+  EXPECT_EQ(run.code, SQLITE_CONSTRAINT_UNIQUE);
+  EXPECT_EQ(statements_.run_silently("test", 0, "INSERT INTO t VALUES ($a, @b)", 2, "two").code, SQLITE_DONE);
+}
+
+TEST_F(Statements, a_missing_statement_is_reported_but_for_the_forms_that_try) {
+  const char lookup[] =
+      "ERROR: query DELETE FROM none prepare failed: no such table: none"
+      "ERROR: sql_cache lookup failed for DELETE FROM none";
+  sdbl::Run run{};
+  EXPECT_THAT([&] { run = statements_.run("test", 0, "DELETE FROM none"); },
+              prints_at(0, MatchesRegex(std::string(lookup) + "ERROR: SQLite RUN rc 1 at test, [0-9]+\n")));
+  EXPECT_EQ(run.result, 1);
+  EXPECT_EQ(run.code, SQLITE_ERROR);
+  EXPECT_THAT([&] { statements_.try_run("test", 0, "DELETE FROM none"); }, prints_at(0, lookup));
+  EXPECT_THAT([&] { statements_.run_silently("test", 0, "DELETE FROM none"); }, prints_at(0, lookup));
+}
+
+TEST_F(Statements, the_first_number_is_0_without_a_row) {
+  insert(5, "five");
+  EXPECT_EQ(statements_.first_number("test", 0, "SELECT a FROM t WHERE b = @b", "five"), 5);
+  EXPECT_EQ(statements_.first_number("test", 0, "SELECT a FROM t WHERE b = @b", std::string("six")), 0);
+}
+
+TEST_F(Statements, a_bound_text_shorter_than_three_bytes_is_empty_and_a_null_one_too) {
+  insert(1, "ab");
+  insert(2, "abc");
+  const char* none = nullptr;
+  statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 3, none);
+  EXPECT_EQ(db_.rows("SELECT b FROM t ORDER BY a"), (Texts{"", "abc", ""}));
+}
+
+TEST_F(Statements, a_statement_left_open_is_reset_by_its_next_use) {
+  insert(1, "one");
+  insert(2, "two");
+  for (int round = 0; round < 2; ++round) {
+    Rows rows(statements_, "test", 0, "SELECT a FROM t ORDER BY a");
+    ASSERT_TRUE(rows.next());
+    EXPECT_EQ(rows.number(0), 1);
+    rows.leave();
+  }
+}
+
+TEST_F(Statements, an_insert_keeps_the_values_that_are_not_set_again) {
+  db_.run("CREATE TABLE u (a int, b text, c int)");
+  sdbl::Insert insert(statements_, "test", 0, "INSERT INTO u VALUES ($a, @b, $c)", 1, "one", 7);
+  insert.run();
+  insert.set("$a", 2);
+  insert.set("@b", "tv");
+  insert.run();
+  EXPECT_EQ(db_.rows("SELECT * FROM u"), (Texts{"1|one|7", "2|tv|7"}));
+}
+
+TEST_F(Statements, a_parameter_that_is_not_there_is_an_error_that_names_the_source_without_its_folder) {
+  sdbl::Insert insert(statements_, "test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "one");
+  EXPECT_THAT([&] { insert.set("$none", 1); },
+              prints_at(0, MatchesRegex("ERROR: Cannot bind integer none in statements\\.cpp [0-9]+\n")));
+  EXPECT_THAT([&] { insert.set("@none", "x"); },
+              prints_at(0, MatchesRegex("ERROR: Cannot bind text none in statements\\.cpp [0-9]+\n")));
+  insert.run();
+  EXPECT_EQ(db_.rows("SELECT * FROM t"), (Texts{"1|one"}));
+}
+
+TEST_F(Statements, a_statement_of_another_instance_is_compiled_for_its_own_table) {
+  db_.run("CREATE TABLE t_0 (a int)");
+  db_.run("CREATE TABLE t_2 (a int)");
+  statements_.run("test", 2, "INSERT INTO t_DVBNR VALUES ($a)", 5);
+  EXPECT_EQ(db_.rows("SELECT a FROM t_0"), Texts{});
+  EXPECT_EQ(db_.rows("SELECT a FROM t_2"), (Texts{"5"}));
+}

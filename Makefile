@@ -12,7 +12,7 @@ help:
 	@echo "make test      build and run all tests"
 	@echo "make install   install the library, its headers and the programs (PREFIX=$(PREFIX), DESTDIR=)"
 	@echo "make format    lay out all sources with clang-format"
-	@echo "make lint      check layout, spelling and code"
+	@echo "make lint      check layout, spelling, scripts, includes and code"
 	@echo "make asan      the tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 	@echo "make tsan      the tests under ThreadSanitizer"
 	@echo "make fuzz      a minute of fuzzing of everything that comes off the air"

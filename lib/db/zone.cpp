@@ -62,14 +62,16 @@ bool write_zone_source(const std::string& network, int offset_min, const char* z
   return std::fclose(file) == 0;
 }
 
-void install_zone(const char* zone_name, int zone_nr) {
+// False when there is nothing to install.
+bool install_zone(const char* zone_name, int zone_nr) {
   run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
   char compiled[64];
   (void)std::snprintf(compiled, sizeof compiled, "/tmp/zoneinfo/%s_%d", zone_name, zone_nr);
   if (!file_exists(compiled))
-    return;
+    return false;
   run_shell("cp -f %s /dvbfiles/localtime", shell_quoted(compiled).c_str());
   (void)unlink(compiled);  // a file that stays is replaced the next time
+  return true;
 }
 
 }  // namespace
@@ -79,14 +81,14 @@ void Zone::set_preferred_provider(const char* name) {
   preferred_provider_ = name != nullptr ? name : "";
 }
 
-void Zone::update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex) {
+Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex) {
   // The statement is reset at once, here as everywhere: a row left open would keep the file locked for other
   // connections, and the tables from being dropped.
   Rows rows(statements_, "update_system_timezone", 0,
             "SELECT network_name FROM kanalid where hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq",
             number(multiplex.input.connector), number(multiplex.input.delivery), multiplex.freq);
   if (!rows.next())
-    return;
+    return Zone_outcome::UNTOUCHED;
   const std::string network = rows.text(0);
   rows.end();
   std::string preferred;
@@ -97,7 +99,7 @@ void Zone::update(int offset_min, const char* zone_name, int zone_nr, const Mult
   KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", multiplex.freq, network.c_str(),
        preferred.c_str());
   if (network != preferred || !is_zone_name(zone_name))
-    return;
+    return Zone_outcome::UNTOUCHED;
 
   tm noon{};
   tzset();  // or a zone that was installed meanwhile is not seen
@@ -105,11 +107,11 @@ void Zone::update(int offset_min, const char* zone_name, int zone_nr, const Mult
   // Deliberate: whole hours are compared, by a division that rounds towards 0.
   if (noon.tm_hour == offset_min / 60 + NOON_HOUR) {
     KLOG(VERB_WARNING, "WARNING: Timezone OK\n");
-    return;
+    return Zone_outcome::RIGHT;
   }
   KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
-  if (write_zone_source(preferred, offset_min, zone_name, zone_nr))
-    install_zone(zone_name, zone_nr);
+  const bool set = write_zone_source(preferred, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);
+  return set ? Zone_outcome::SET : Zone_outcome::FAILED;
 }
 
 }  // namespace sdbl

@@ -8,6 +8,14 @@
 
 namespace sdbl {
 
+// What became of the box's zone.
+enum class Zone_outcome {
+  UNTOUCHED,  // not of the preferred network, or no zone's name
+  RIGHT,      // it is that one already
+  SET,        // compiled and handed to the shell's cp, which tells its own failures
+  FAILED,     // its source could not be written, or not compiled
+};
+
 // The box's time zone, from the local time offset that the preferred network broadcasts.
 class Zone {
  public:
@@ -17,7 +25,7 @@ class Zone {
   void set_preferred_provider(const char* name);
 
   // Sdbl::update_system_timezone. Worker-only.
-  void update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex);
+  Zone_outcome update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex);
 
  private:
   const Statements& statements_;

@@ -102,7 +102,7 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
   Site site{loop::EVENT, CONTEXT_EVENT, rows, text_, found};
   for (const Descriptor* descriptor : *event.getDescriptors())
     parse_descriptor(*descriptor, site);
-  if (rows.event(service->pat_prnr, service, times, &event_found) > 0)
+  if (rows.event(service->pat_prnr, service, times, event_found) > 0)
     guide_.count_stored(service->pat_prnr);
   // Deliberate: the count is printed at 1, 101, 201, and so on.
   if (eit_stored_++ % 100 == 0)

@@ -15,7 +15,7 @@
 #include "base/polled_timer.h"
 #include "db/epg_cache.h"
 #include "db/guide_services.h"
-#include "db/sdbl.h"
+#include "db/sdbl_parts.h"
 
 namespace {
 
@@ -123,9 +123,7 @@ void Guide_round::enter(int table_id) {
 }
 
 std::string Guide_round::name_of(int service_id, int freq) {
-  const std::unique_ptr<std::string> name(
-      db_.get_serv_name(number(input_.delivery), number(input_.connector), freq, service_id));
-  return *name;
+  return *db_.parts().channel_list.get_serv_name({input_, freq}, service_id);
 }
 
 void Guide_round::give_up(SQL_cache& service, int service_id, int table_id, int freq) {

@@ -3,10 +3,10 @@
 #include <list>
 #include <string>
 
+#include "db/sdbl.h"
 #include "si/found.h"
 #include "si/place.h"
 
-class Sdbl;
 struct SQL_cache;
 
 // One event as its EIT section gives it, beside what its descriptors say.
@@ -21,11 +21,10 @@ struct Event_times {
   int free_ca_mode;
 };
 
-// Hands what was found at one place to the database. The only code of si/ that turns connector and delivery type into
-// the plain numbers of the database's operations, which take them in different orders. Failures are printed there.
+// Hands what was found at one place to the database. Failures are printed there.
 class Scan_rows {
  public:
-  Scan_rows(Sdbl& db, const Place& place) : db_(db), place_(place) {}
+  Scan_rows(Sdbl& db, const Place& place) : sdbl_(db), db_(db.parts()), place_(place) {}
 
   const Place& place() const { return place_; }
 
@@ -54,17 +53,15 @@ class Scan_rows {
   bool provider_missing();
 
   // EIT: stores an event of the service of `cache` with its texts. Returns its row, or 0 or less when it was refused.
-  int event(int service_id, SQL_cache* cache, const Event_times& times, Event_found* event);
+  int event(int service_id, SQL_cache* cache, const Event_times& times, const Event_found& event);
 
   // TOT: an offset from UTC in minutes, for this frequency. Returns what became of the system's zone, ZONE_...
   int local_offset(int freq, int minutes, const std::string& country, int region);
 
  private:
   std::string table(const char* base) const;
-  int connector() const { return number(place_.multiplex.input.connector); }
-  int delivery_type() const { return number(place_.multiplex.input.delivery); }
-  int freq() const { return place_.multiplex.freq; }
 
-  Sdbl& db_;
+  Sdbl& sdbl_;
+  Sdbl::Parts& db_;
   const Place place_;
 };

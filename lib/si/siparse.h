@@ -40,7 +40,11 @@ struct SQL_cache;
 //     merged by the scan's time-out only.
 //
 // Hostile input: a section whose length or inner loops do not add up is dropped or read as far as it holds; a
-// descriptor that is broken inside is skipped. Nothing throws, nothing is returned: failures are printed.
+// descriptor that is broken inside is skipped.
+//
+// Failures: nothing throws, and no result tells of one. What the database refuses is printed by it and left out; the
+// rest of the section is stored, and its filter is closed all the same. Objects and texts that are given stay the
+// caller's; nothing of them is kept.
 //
 // The classes of the sections are those of <dvbsi++/...>: the system's libdvbsi++, or the library's own, hidden ones.
 // With the own ones a host gives whole sections to scan_assembled_section and has no use for the operations that take
@@ -48,7 +52,8 @@ struct SQL_cache;
 class KELVO_EXPORT Siparse {
  public:
   // `filter` and `db` are not owned and outlive the parser; `dvbnr` is the adapter's number, 0 to 3.
-  // Prints an error for every character set that iconv does not know; texts in it then stay as broadcast.
+  // Prints an error for every character set that iconv does not know; texts in it then stay as broadcast. Traces
+  // whether the clock looks right.
   Siparse(Section_filter* filter, int dvbnr, HF_CONN_ID conn, DVB_TYPE_ID type, Sdbl* db);
   ~Siparse();
 
@@ -60,17 +65,21 @@ class KELVO_EXPORT Siparse {
   // REQUIRES: section_length + 3 bytes are there.
   int scan_assembled_section(char* section, int pid, int freq, void* data, SCAN_STATE state);
 
-  // PAT, PMT, CAT (ISO/IEC 13818-1, 2.4.4), NIT and SDT (EN 300 468, 5.2.1 and 5.2.3). Return 0.
+  // PAT, PMT, CAT (ISO/IEC 13818-1, 2.4.4), NIT and SDT (EN 300 468, 5.2.1 and 5.2.3). Their current_next_indicator is
+  // not looked at here. `pid` is where the section came from and whose filter is closed; a CAT closes none and stores
+  // nothing. `state` tells a PMT of a known service (SCAN_PMT) from that of a full scan. Return 0.
   int parse_section_pat(ProgramAssociationSection* section, int freq, SCAN_STATE state);
   int parse_section_pmt(ProgramMapSection* section, int pid, int freq, SCAN_STATE state);
   int parse_section_cat(ConditionalAccessSection* section, int pid, int freq);
   int parse_section_nit(NetworkInformationSection* section, int pid, int freq);
   int parse_section_sdt(ServiceDescriptionSection* section, int freq);
 
-  // Opens the PMT filters of the services listed by init_cache_list(). Returns 1 when there are none, else 0.
+  // Opens the PMT filters of the services listed by init_cache_list() that have a PMT and a PCR PID. Returns 1 when the
+  // list is empty, else what the last addfilter() said, 0 when it did not have to.
   int init_pmt_table_scan_from_database(int freq);
 
-  // `base`, an underscore and the adapter's number: the name of a scan table. Valid until the next call.
+  // `base`, an underscore and the adapter's number: the name of a scan table, cut to 63 bytes. Owned by the parser and
+  // valid until the next call.
   char* add_dvbnr(const char* base);
 
   // True once the clock is known to be right: it was past 1999 at the start, or the broadcast has been seen.
@@ -80,27 +89,33 @@ class KELVO_EXPORT Siparse {
   // Events stored since the construction. Any-thread.
   int get_eit_stored() const;
 
-  // One descriptor of a PMT, CAT, SDT or EIT loop (EN 300 468, 6.2). `context` says where it stood: -1 the programme
-  // loop of a PMT or a CAT, 10 an elementary stream, 1 an event, the frequency a TOT, else the scan row of a service.
-  // Service names (0x48, 0x5D) are stored from an SDT only. A tag that nobody handles is reported at verbosity 3.
+  // One descriptor by hand, as if it stood in a loop of a PMT, CAT, SDT or EIT (EN 300 468, 6.2). `context` says where
+  // it stood: -1 the programme loop of a PMT or a CAT, 10 an elementary stream, 1 an event, the frequency a TOT, else
+  // the scan row of a service. Names and types of services (0x48, 0x5D) are stored at once, for a row only. What
+  // streams and events have is collected beside what the sections of scan_assembled_section() collect: the two find_
+  // operations below show it, no table stores it. A tag that nobody handles is reported at verbosity 3.
   void parse_descriptor_info(Descriptor* descriptor, int context);
 
-  // One descriptor of a NIT; -1 for both ids in the network loop.
+  // The same for a NIT, whose names and channel numbers are stored at once; -1 for the last two ids in the network
+  // loop.
   void parse_nit_descriptor_info(Descriptor* descriptor, int freq, int context, int network_id, int ts_id,
                                  int orig_network_id);
 
-  // The entry of the current stream's, or event's, list for this language; made when missing. Owned by the parser.
+  // What parse_descriptor_info() has collected for this language, of streams and of events; made empty when missing.
+  // Owned by the parser, and valid as long as it.
   PMT_subtxt_lang* find_create_subtxt_lang(const std::string& code);
   EIT_lang* find_create_epglang(const std::string& code);
 
-  // Starts the collection of the guide at the present/following table. Returns 0.
+  // Starts the collection of the guide at the present/following table: closes the filters of the guide's tables and
+  // opens that of the first one. The list of services stays as it is. `state` is not used. Returns 0.
   int start_eit_scan(int freq, SCAN_STATE state);
 
-  // Builds the list of services whose guide is collected, and whose PMTs are read again, from the database: television
-  // services (serv_type 1) only. Returns 0.
+  // Builds the list of services whose guide is collected, and whose PMTs are read again, from the database: those of
+  // the types that Sdbl::set_eit_service_types() names. A database that fails leaves it empty. Entries that
+  // eit_scan_loop() returned are gone. Any `state` but SCAN_EIT prints an error and changes nothing else. Returns 0.
   int init_cache_list(int freq, SCAN_STATE state);
 
-  // Starts a new round over that list.
+  // Starts a new round over that list: everybody is waited for again, and every PMT counts as unread.
   void reset_cache_list();
 
   // Replaces the contents of `progress` by one entry for each service of that list, in its order: as it was after the
@@ -108,18 +123,23 @@ class KELVO_EXPORT Siparse {
   // never waits for the worker's work. Any-thread.
   void get_eit_progress(std::vector<EIT_progress>* progress) const;
 
-  // One EIT section of the actual multiplex (EN 300 468, 5.2.4).
+  // One EIT section of the actual multiplex (EN 300 468, 5.2.4). Of another table than the one being collected it is
+  // dropped with an error. Events that are known, or overlap one that is, are left out; one that the database refuses
+  // counts as stored. When all services are done, the next table's filter is opened instead of this one's.
   void parse_section_eit(EventInformationSection* section, int freq);
 
-  // Bookkeeping of one service's part of a table; `start` and `end` in seconds since 1970. Sets `*all_done` when every
-  // service is finished. Returns the service's entry, or null when it is not listed.
+  // Bookkeeping of one service's part of a table, for one event of it: gives up services whose time is over, and counts
+  // the section when it is the last one of its part. `start`, `end` and `present_running` are not used. Sets
+  // `*all_done` to whether every service is finished, which an empty list is at once. Returns the service's entry,
+  // owned by the parser and valid until init_cache_list(); null when the service is not listed.
   SQL_cache* eit_scan_loop(int service_id, long start, long end, bool last_section, bool present_running,
                            bool* all_done, int freq, int table_id);
 
   // True when the guide of the services has been seen once since start_eit_scan().
   bool get_eit_info_available();
 
-  // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6): set the system clock when it is more than 10 s off. Return 0.
+  // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6): set the system clock when it is more than 10 s off, a TOT after it has
+  // dealt with the zone. Without the right to set it the clock stays, in silence. Return 0.
   int parse_section_tdt(TimeAndDateSection* section, int freq);
   int parse_section_tot(TimeOffsetSection* section, int freq);
 
@@ -138,7 +158,7 @@ class KELVO_EXPORT Siparse {
   std::string* dvb_text_to_utf8(std::string* text);
 
   // For looking at character tables on a screen: fills a channel's guide with one event a table. The statements name
-  // columns that the guide does not have, so today they print that and store nothing.
+  // columns that the guide does not have, so they print that and store nothing; the channel's events stay.
   void generate_char_test_tables(int channel);
 
   // Stores one such event. REQUIRES: `raw` points to 300 bytes or more.

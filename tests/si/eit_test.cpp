@@ -130,6 +130,15 @@ TEST_F(Eit, content_and_rating_replace_the_defaults_of_their_event_only) {
               ElementsAre("1.2.3.4 a.b.c.d |0c@EST ", "0.0.0.0|0@est"));
 }
 
+TEST_F(Eit, a_second_content_or_rating_replaces_the_first) {
+  start();
+  const Bytes four =
+      join({descriptor(0x54, {0x12, 0x34}), descriptor(0x54, {0x56, 0x78}),
+            descriptor(0x55, join({bytes("EST"), {0x0C}})), descriptor(0x55, join({bytes("FIN"), {3}}))});
+  arrive(1, 0x4E, {{1, 0x120000, 0x003000, four}});
+  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("5.6.7.8 |03@FIN "));
+}
+
 TEST_F(Eit, descriptors_without_entries_leave_the_defaults) {
   start();
   arrive(1, 0x4E, {{1, 0x120000, 0x003000, join({descriptor(0x54, {}), descriptor(0x55, {})})}});
@@ -289,6 +298,25 @@ TEST_F(Eit, events_of_a_finished_service_are_not_looked_at) {
   EXPECT_EQ(starts().size(), 1u);
 }
 
+TEST_F(Eit, events_of_the_section_that_finishes_a_service_are_not_stored) {
+  start();
+  arrive(1, 0x4E, NOON);
+  arrive(1, 0x4E, NOON);
+  const std::string all = arrive(1, 0x4E, {{7, 0x200000}, {8, 0x210000}}, 4);
+  EXPECT_EQ(starts().size(), 1u);
+  EXPECT_NE(all.find("Loop is done\n"), all.rfind("Loop is done\n")) << "both are looked at";
+}
+
+TEST_F(Eit, events_that_come_behind_the_last_table_are_stored_and_open_nothing) {
+  start_one();
+  for (int table = 0x4E; table <= 0x5F; table += table == 0x4E ? 2 : 1)
+    for (int i = 0; i < 4; ++i)
+      arrive(1, table, NOON);
+  arrive(1, 0x5F, {{7, 0x200000}});
+  EXPECT_EQ(starts().size(), 2u);
+  EXPECT_THAT(filters(), IsEmpty());
+}
+
 TEST_F(Eit, only_television_services_are_listed) {
   insert(3, "Radio", 2);
   start();
@@ -338,6 +366,15 @@ TEST_F(Eit, with_an_empty_list_the_first_section_with_events_closes_each_table) 
   EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x51)));
   EXPECT_EQ(parser.get_eit_stored(), 0);
   EXPECT_TRUE(info_available());
+}
+
+TEST_F(Eit, the_end_of_a_table_is_flushed_behind_the_filter) {
+  start_one();
+  for (int i = 0; i < 3; ++i)
+    EXPECT_THAT(arrive(1, 0x4E, NOON, 3), Not(HasSubstr("Flushing")));
+  EXPECT_THAT(
+      arrive(1, 0x4E, NOON, 4),
+      testing::ContainsRegex("Removing filter [^\n]*\n[^\n]*Flushing\nFldone\nPres-Following table 4E completed"));
 }
 
 // --- Silent services -------------------------------------------------------------------------------------------------

@@ -122,6 +122,17 @@ TEST_F(Nit, names_and_numbers_are_traced_at_4_only) {
     EXPECT_THAT(all, Not(HasSubstr(text)));
 }
 
+// Rows 1 and 2 are gone, row 3 is another frequency's.
+TEST_F(Nit, descriptors_of_both_loops_are_told_the_row_of_the_first_service) {
+  db.clear_temp_tables(0);
+  db.pat_for_network(0, TYPE, CONN, FREQ + 8000000, 9, TS_ID, 0x100);
+  db.pat_for_network(0, TYPE, CONN, FREQ, 1, TS_ID, 0x100);
+  const Bytes stuffing = descriptor(0x42, {});
+  const std::string all = at_level(4, [&] { scan(nit(0x3001, stuffing, {{TS_ID, 0x20, stuffing}}), 16); });
+  EXPECT_THAT(all, HasSubstr("Parsing descriptor 42, dec 66\nParsing descriptor 42, dec 66, oid 4\noid 4 Tstream"));
+  EXPECT_THAT(all, HasSubstr("Parsing descriptor 42, dec 66\nParsing descriptor 42, dec 66, oid 4\nRemoving filter"));
+}
+
 TEST_F(Nit, the_last_original_network_id_is_the_one_that_stays) {
   scan(nit(0x3001, {}, {{TS_ID, 0x20, {}}, {TS_ID + 1, 0x21, {}}}), 16);
   EXPECT_THAT(rows("SELECT orig_network_id FROM kanalid_scan_0"), ElementsAre("33", "33"));
@@ -246,6 +257,26 @@ TEST_F(Sdt, every_service_is_traced_at_4) {
                          scan(sdt({{258, service_descriptor(0x16, "Prov", "Name"), 4, 1}}), 17);
                        }),
               HasSubstr("SERV id 258, EIT sch flag 1, EITpresfoll 1, runningstat 4, freecamode 1\n"));
+}
+
+// The order matters to who reads along in another connection, and to the messages of a database that fails.
+TEST_F(Sdt, stores_the_type_then_the_name_then_the_providers) {
+  const std::string all = at_level(4, [&] { scan(sdt({{1, service_descriptor(1, "Prov", "Name")}}), 17); });
+  const size_t type = all.find("SET serv_type = 1");
+  const size_t name = all.find("serv_name = 'Name'");
+  const size_t provider = all.find("prov_name = 'Prov'");
+  EXPECT_LT(type, name);
+  EXPECT_LT(name, provider);
+  EXPECT_LT(provider, all.find("Service type 1, Prov name Prov, Service name Name\n"));
+}
+
+TEST_F(Sdt, stores_names_in_a_language_the_providers_first_and_traces_them_then) {
+  const Bytes names = descriptor(0x5D, join({bytes("est"), sized("Prov"), sized("Name")}));
+  const std::string all = at_level(4, [&] { scan(sdt({{1, names}}), 17); });
+  const size_t provider = all.find("prov_name");
+  const size_t name = all.find("serv_name");
+  EXPECT_LT(provider, name);
+  EXPECT_LT(name, all.find("Mling Service Lang est, Prov Prov, Service Name\n"));
 }
 
 TEST_F(Sdt, a_service_that_the_pat_does_not_name_changes_no_row) {

@@ -170,6 +170,33 @@ TEST_F(Pmt, ca_of_one_program_does_not_reach_the_next) {
   EXPECT_THAT(rows("SELECT es_pid, ca_sysid, ca_pid FROM estreams_scan_0"), ElementsAre("257|1280|273", "513|0|0"));
 }
 
+TEST_F(Pmt, the_last_of_several_ca_descriptors_wins) {
+  const Bytes two = join({descriptor(0x09, {0x05, 0x00, 0xE1, 0x11}), descriptor(0x09, {0x0B, 0x00, 0xE1, 0x12})});
+  scan(pat({{1, 0x100}, {2, 0x200}}), 0);
+  scan(pmt(1, 0x101, {{0x02, 0x101, two}}), 0x100);
+  scan(pmt(2, 0x201, {{0x02, 0x201, {}}}, two), 0x200);
+  EXPECT_THAT(rows("SELECT es_pid, ca_sysid, ca_pid FROM estreams_scan_0"),
+              ElementsAre("257|2816|274", "513|2816|274"));
+}
+
+TEST_F(Pmt, a_stream_without_descriptors_has_nothing_of_the_one_before) {
+  const Bytes everything =
+      join({descriptor(0x6A, {0}), descriptor(0x0A, join({bytes("est"), {0}, bytes("rus"), {3}})),
+            descriptor(0x09, {0x01, 0x02, 0xE1, 0x03}), descriptor(0x56, join({bytes("deu"), {2 << 3 | 1, 0x88}}))});
+  scan(pat({{1, 0x100}}), 0);
+  scan(pmt(1, 0x101, {{0x06, 0x102, everything}, {0x03, 0x103, {}}}), 0x100);
+  EXPECT_THAT(rows(streams), ElementsAre("1|258|6|-2147471358|AC3|deu|0 3 |136|1|258|259", "1|259|3|0||||0|0|0|0"));
+}
+
+TEST_F(Pmt, subtitles_of_the_programme_loop_are_the_first_streams) {
+  scan(pat({{1, 0x100}}), 0);
+  scan(
+      pmt(1, 0x101, {{0x02, 0x101, {}}, {0x03, 0x102, {}}}, descriptor(0x59, join({bytes("est"), {0x10, 0, 1, 0, 2}}))),
+      0x100);
+  EXPECT_THAT(rows("SELECT es_pid, es_subtype, languages FROM estreams_scan_0"),
+              ElementsAre("257|-2147467248|est", "258|0|"));
+}
+
 TEST_F(Pmt, a_fragmented_one_is_reported_and_parsed) {
   scan(pat({{1, 0x100}}), 0);
   EXPECT_EQ(at_level(0,

@@ -1,11 +1,13 @@
 // TDT, TOT and the arithmetic of dates.
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 
 #include <dvbsi++/local_time_offset_descriptor.h>
 
 #include "si/recorded_clock.h"
 #include "si/si_support.h"
+#include "si/siparse_parts.h"
 
 using namespace si_support;
 using testing::Contains;
@@ -193,6 +195,83 @@ TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {
   scan(tdt(0, 0), 20);
   scan(tot(0xFFFF, 0xFFFFFF, {}), 20);
   EXPECT_EQ(recorded_clock::take_settings().size(), 3u);
+}
+
+TEST_F(Time_tables, a_tdt_reads_the_clock_before_anything_else) {
+  recorded_clock::set_announced(true);
+  const std::string all = at_level(4, [&] { scan(tdt(55197, 0x130000), 20); });
+  recorded_clock::set_announced(false);
+  EXPECT_THAT(all, HasSubstr(".14.70 <time>Time and date section\nChanging system clock\n<settimeofday>"));
+}
+
+TEST_F(Time_tables, a_tot_reads_the_clock_and_sets_it_behind_its_offsets) {
+  recorded_clock::set_announced(true);
+  const std::string all =
+      at_level(4, [&] { scan(tot(55197, 0x130000, descriptor(0x58, offset_entry("EST", 0, 0, 0x0200))), 20); });
+  recorded_clock::set_announced(false);
+  EXPECT_THAT(all,
+              HasSubstr(".14.73 Time offset section\nParsing descriptor 58, dec 88, oid 506000000\nCountry id EST "));
+  EXPECT_THAT(all, HasSubstr("<time>Changing system clock\n<settimeofday>"));
+  EXPECT_LT(all.find("Country id EST"), all.find("<time>"));
+  EXPECT_EQ(all.find("<time>"), all.rfind("<time>"));
+}
+
+// --- Who is told -----------------------------------------------------------------------------------------------------
+
+class Told : public Time_tables {
+ protected:
+  Told() {
+    parser.parts().set_time_listener(
+        [](void* data, const Broadcast_time& time) { static_cast<Told*>(data)->times.push_back(time); }, this);
+  }
+  ~Told() override { recorded_clock::set_settings_refused(false); }
+  std::vector<Broadcast_time> times;
+};
+
+TEST_F(Told, of_each_table_with_time_and_frequency) {
+  scan(tdt(55197, 0x120005), 20);
+  scan(tot(55197, 0x115956, {}), 20);
+  ASSERT_EQ(times.size(), 2u);
+  EXPECT_EQ(times[0].freq, FREQ);
+  EXPECT_EQ(times[0].utc, NOON_2010 + 5);
+  EXPECT_EQ(times[0].off_by, 5);
+  EXPECT_EQ(times[0].clock, CLOCK_RIGHT);
+  EXPECT_EQ(times[0].zone, ZONE_UNTOUCHED);
+  EXPECT_EQ(times[1].off_by, -4);
+}
+
+TEST_F(Told, whether_the_clock_was_set) {
+  scan(tdt(55197, 0x120011), 20);
+  recorded_clock::set_settings_refused(true);
+  scan(tot(55197, 0x115949, {}), 20);
+  ASSERT_EQ(times.size(), 2u);
+  EXPECT_EQ(times[0].clock, CLOCK_SET);
+  EXPECT_EQ(times[1].clock, CLOCK_REFUSED);
+  EXPECT_TRUE(parser.systime_valid()) << "all the same";
+}
+
+TEST_F(Told, nobody_when_the_listener_is_taken_away) {
+  parser.parts().set_time_listener(nullptr, nullptr);
+  scan(tdt(55197, 0x120000), 20);
+  EXPECT_TRUE(times.empty());
+}
+
+TEST_F(Told, of_the_last_offset_that_did_anything) {
+  db.set_preferred_provider("Net");
+  db.sql_cache(true, 0,
+               "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
+               TYPE, CONN, FREQ, "Net");
+  const char* const before = std::getenv("TZ");
+  const std::string zone = before != nullptr ? before : "";
+  setenv("TZ", "EET-2", 1);
+  scan(tot(55197, 0x120000, descriptor(0x58, join({offset_entry("PRT", 5, 0, 0x0200), offset_entry("a/b", 0, 0, 0)}))),
+       20);
+  (void)(before != nullptr ? setenv("TZ", zone.c_str(), 1) : unsetenv("TZ"));
+  tzset();
+  ASSERT_EQ(times.size(), 1u);
+  EXPECT_EQ(times[0].zone, ZONE_RIGHT);
+  EXPECT_EQ(times[0].offset_min, 120);
+  EXPECT_STREQ(times[0].country, "PRT");
 }
 
 // --- Local time offsets ----------------------------------------------------------------------------------------------

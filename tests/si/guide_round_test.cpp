@@ -1,0 +1,237 @@
+// The round of the guide by itself: who is waited for, in which table, and what hosts see of it.
+#include "si/guide_round.h"
+
+#include "si/recorded_clock.h"
+#include "support/database.h"
+#include "support/messages.h"
+
+using support::messages_at;
+using support::Texts;
+
+namespace {
+
+constexpr int FREQ = 506000000;
+constexpr int TABLE = 0x50;
+constexpr char NOTHING[] = "";
+
+class Guide_round_test : public testing::Test {
+ protected:
+  Guide_round_test() {
+    db.run(
+        "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type, serv_name) VALUES "
+        "(1, 3, 506000000, 1, 256, 257, 1, 'First'), (1, 3, 506000000, 2, 512, 513, 1, 'Second'), "
+        "(3, 1, 506000000, 7, 512, 513, 1, 'Of another input'), (1, 3, 514000000, 8, 512, 513, 1, 'Elsewhere')");
+    round.load(FREQ, SCAN_EIT);
+    round.start();
+    round.enter(TABLE);
+  }
+  ~Guide_round_test() override { recorded_clock::set_timers_expired(false); }
+
+  // What an event prints at `level`, and whether it finished the table.
+  std::string event(int service, bool last_section, int level = -1, int table = TABLE) {
+    return messages_at(level, [&] { entry = round.event_arrived(service, table, FREQ, last_section, &all_done); });
+  }
+  // Every service as "id/channel table/last_table active/done events".
+  Texts shown() {
+    std::vector<EIT_progress> all;
+    round.progress(&all);
+    Texts lines;
+    for (const EIT_progress& p : all) {
+      char line[96];
+      std::snprintf(line, sizeof line, "%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
+                    static_cast<unsigned>(p.last_table), p.active, p.done, p.events);
+      lines.emplace_back(line);
+    }
+    return lines;
+  }
+
+  const support::Verbosity quiet{-1};
+  support::Database db;
+  Guide_round round{*db, 0, Input{Connector{3}, Delivery{1}}};
+  SQL_cache* entry = nullptr;
+  bool all_done = false;
+};
+
+TEST_F(Guide_round_test, lists_the_services_of_this_input_and_frequency) {
+  ASSERT_EQ(round.services().size(), 2u);
+  EXPECT_EQ(round.services()[1].pat_prnr, 2);
+  EXPECT_EQ(round.services()[1].pmt_pid, 512);
+  EXPECT_EQ(round.services()[1].scan_mark, -1);
+  EXPECT_EQ(round.service(2), &round.services()[1]);
+  EXPECT_EQ(round.service(7), nullptr);
+}
+
+TEST_F(Guide_round_test, names_services_of_this_input) {
+  db.run("INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, serv_name) VALUES (3, 1, 506000000, 1, 'Wrong')");
+  EXPECT_EQ(event(1, false, 1), "****+ Started table 50 scan 1 First\n");
+}
+
+TEST_F(Guide_round_test, a_database_that_fails_leaves_an_empty_list) {
+  db.run("ALTER TABLE kanalid RENAME TO gone");
+  round.load(FREQ, SCAN_EIT);
+  EXPECT_TRUE(round.services().empty());
+  EXPECT_EQ(shown(), Texts{});
+}
+
+TEST_F(Guide_round_test, an_empty_list_is_done_at_the_first_event) {
+  round.load(FREQ + 8000000 * 3, SCAN_EIT);
+  EXPECT_EQ(event(1, false, 3), NOTHING);
+  EXPECT_EQ(entry, nullptr);
+  EXPECT_TRUE(all_done);
+  EXPECT_FALSE(round.seen_once()) << "that is the table's end only";
+}
+
+TEST_F(Guide_round_test, the_section_that_starts_a_service_is_not_counted) {
+  event(1, true);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_FALSE(entry->active);
+  event(1, true);
+  EXPECT_EQ(entry->count, 1);
+  EXPECT_FALSE(entry->done);
+  event(1, true);
+  EXPECT_TRUE(entry->done);
+  event(1, true);
+  EXPECT_EQ(entry->count, 2) << "nor is one of a service that is done";
+}
+
+TEST_F(Guide_round_test, the_last_sections_of_schedules_are_flushed_those_of_present_and_following_are_not) {
+  event(1, true);
+  EXPECT_EQ(event(1, false, 3), NOTHING);
+  EXPECT_EQ(event(1, true, 3), "Flushing\n");
+  round.enter(0x4E);
+  EXPECT_EQ(event(1, true, 3, 0x4E), "****-  Finished table 4e scan 1 First\n");
+}
+
+TEST_F(Guide_round_test, the_guide_is_seen_when_all_are_done_and_until_the_next_start) {
+  for (int i = 0; i < 3; ++i)
+    event(1, true);
+  for (int i = 0; i < 3; ++i)
+    event(2, true);
+  EXPECT_FALSE(all_done) << "it is looked at before the section is counted";
+  EXPECT_FALSE(round.seen_once());
+  event(2, false);
+  EXPECT_TRUE(all_done);
+  EXPECT_TRUE(round.seen_once());
+  round.start();
+  EXPECT_FALSE(round.seen_once());
+  EXPECT_EQ(round.table(), 0x4E);
+}
+
+TEST_F(Guide_round_test, closing_present_and_following_is_seeing_the_guide) {
+  round.close_table();
+  EXPECT_FALSE(round.seen_once());
+  round.enter(0x4E);
+  round.close_table();
+  EXPECT_TRUE(round.seen_once());
+}
+
+// --- Giving up -------------------------------------------------------------------------------------------------------
+
+TEST_F(Guide_round_test, one_that_is_given_up_is_done_and_no_longer_active) {
+  recorded_clock::set_timers_expired(true);
+  event(1, false);
+  recorded_clock::set_timers_expired(false);
+  EXPECT_TRUE(all_done);
+  EXPECT_EQ(event(2, false, 3), NOTHING) << "it has not been started by this section";
+  EXPECT_TRUE(entry->done);
+  EXPECT_FALSE(entry->active);
+}
+
+TEST_F(Guide_round_test, each_one_given_up_is_flushed) {
+  recorded_clock::set_timers_expired(true);
+  EXPECT_EQ(event(1, false, 3), "Flushing\nFlushing\n");
+}
+
+TEST_F(Guide_round_test, who_is_done_is_not_given_up) {
+  for (int i = 0; i < 3; ++i)
+    event(1, true);
+  recorded_clock::set_timers_expired(true);
+  EXPECT_EQ(event(1, false, 1), "Kill scan for service 2 , First table 50, ttl 180\n");
+}
+
+TEST_F(Guide_round_test, without_a_timer_a_service_is_given_up_at_once) {
+  recorded_clock::set_timers_refused(true);
+  EXPECT_EQ(messages_at(0, [&] { round.load(FREQ, SCAN_EIT); }),
+            "ERROR: timer_create: Resource temporarily unavailable\n"
+            "ERROR: timer_create: Resource temporarily unavailable\n");
+  recorded_clock::set_timers_refused(false);
+  event(1, false);
+  EXPECT_TRUE(all_done);
+}
+
+// Of a list, a table and a new round: how long each service is waited for, in seconds.
+TEST_F(Guide_round_test, waits_ten_seconds_at_first_and_180_in_later_tables) {
+  const auto wait = [] { return recorded_clock::take_armed(); };
+  (void)wait();
+  round.load(FREQ, SCAN_EIT);
+  EXPECT_EQ(wait(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
+  round.close_table();
+  EXPECT_EQ(wait(), (std::vector<Seconds>{{180, 180}, {180, 180}}));
+  round.begin_again();
+  EXPECT_EQ(wait(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
+  round.start();
+  event(1, true);
+  EXPECT_EQ(wait(), std::vector<Seconds>{});
+}
+
+// --- Beginning again -------------------------------------------------------------------------------------------------
+
+TEST_F(Guide_round_test, closing_a_table_waits_for_everybody_again_and_keeps_the_pmt_versions) {
+  round.service(1)->scan_mark = 7;
+  for (int i = 0; i < 3; ++i)
+    event(1, true);
+  round.close_table();
+  EXPECT_TRUE(entry->active);
+  EXPECT_FALSE(entry->done);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_EQ(entry->scan_mark, 7);
+}
+
+TEST_F(Guide_round_test, beginning_again_forgets_the_pmt_versions_too_and_keeps_the_table) {
+  round.service(1)->scan_mark = 7;
+  for (int i = 0; i < 3; ++i)
+    event(1, true);
+  round.begin_again();
+  EXPECT_TRUE(entry->active);
+  EXPECT_FALSE(entry->done);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_EQ(entry->scan_mark, -1);
+  EXPECT_EQ(round.table(), TABLE);
+}
+
+// --- Progress --------------------------------------------------------------------------------------------------------
+
+TEST_F(Guide_round_test, progress_is_shown_when_it_is_published) {
+  event(1, true);
+  round.note_last_table(2, 0x51);
+  round.count_stored(1);
+  EXPECT_EQ(shown(), (Texts{"1/1 50/0 1/0 0", "2/2 50/0 1/0 0"}));
+  round.publish_changes();
+  EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/0 1", "2/2 50/51 1/0 0"}));
+}
+
+TEST_F(Guide_round_test, the_last_table_only_grows_and_stays_a_schedule) {
+  for (const int last : {0x52, 0x51, 0x60, 0xFF})
+    round.note_last_table(1, last);
+  round.publish_changes();
+  EXPECT_EQ(shown()[0], "1/1 50/52 1/0 0");
+}
+
+TEST_F(Guide_round_test, one_that_is_given_up_is_shown_as_done) {
+  recorded_clock::set_timers_expired(true);
+  event(1, false);
+  round.publish_changes();
+  EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/1 0", "2/2 50/0 0/1 0"}));
+}
+
+TEST_F(Guide_round_test, behind_the_last_table_everybody_is_done_until_a_new_start) {
+  round.enter(0x5F);
+  round.close_table();
+  round.enter(0);
+  EXPECT_EQ(round.table(), 0x5F);
+  EXPECT_EQ(shown(), (Texts{"1/1 5f/0 0/1 0", "2/2 5f/0 0/1 0"}));
+  round.start();
+  EXPECT_EQ(shown(), (Texts{"1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"}));
+}
+
+}  // namespace

@@ -16,8 +16,8 @@ namespace {
 constexpr uintptr_t LOWEST_CACHE_ADDRESS = 65535;
 constexpr unsigned LOOKUPS_PER_REPORT = 100;
 
-// Puts a new event at its place, unless the very same one is there: events without a duration and such as lie within
-// others are never found by the search, and would be remembered again and again.
+// Puts a new event at its place, unless the very same one is there: the search never finds events without a duration,
+// nor events that lie within others, and these would be remembered again and again.
 void remember(Event_cache::Events* events, int ev_id, int start_epoch, int dur_sec) {
   const EPG_cache event{start_epoch, ev_id, dur_sec};
   const auto [first, last] = std::equal_range(events->begin(), events->end(), &event, cmp_epg_cache);

@@ -36,7 +36,7 @@ bool is_zone_name(const char* name) {
 // Everybody may make things in /tmp: neither the folder nor the file is opened through a link, and a pipe in its place
 // is not waited for.
 int open_zone_source() {
-  (void)mkdir(ZONE_FOLDER, 0755);  // is mostly there
+  (void)mkdir(ZONE_FOLDER, 0755);  // it usually exists
   const int folder = open(ZONE_FOLDER, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (folder < 0)
     return -1;
@@ -102,7 +102,7 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
     return Zone_outcome::UNTOUCHED;
 
   tm noon{};
-  tzset();  // or a zone that was installed meanwhile is not seen
+  tzset();  // otherwise a zone that was installed meanwhile is not seen
   (void)localtime_r(&NOON, &noon);
   // Deliberate: whole hours are compared, by a division that rounds towards 0.
   if (noon.tm_hour == offset_min / 60 + NOON_HOUR) {

@@ -7,6 +7,8 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/database.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::run;
@@ -275,6 +277,15 @@ class Service_types : public Eit_list {
 };
 
 }  // namespace
+
+TEST_F(Service_types, the_statement_names_several_types_in_their_order_once) {
+  const int types[] = {25, 1, 22, 25};
+  sdbl_.set_eit_service_types(types, 4);
+  const std::string trace = support::messages_at(4, [this] { get(); });
+  EXPECT_EQ(support::statements_in(trace).front(),
+            "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND "
+            "dvb_type = $dvb_type AND freq = $freq AND serv_type IN (1, 22, 25); <- 2 1 506000000");
+}
 
 TEST_F(Service_types, television_only_by_default) {
   EXPECT_THAT(listed(), testing::ElementsAre(1));

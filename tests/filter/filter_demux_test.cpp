@@ -91,14 +91,14 @@ TEST_F(FilterDemux, flags_and_all_sixteen_bytes_reach_the_device) {
 
 TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   want(0x123, 0x42);
-  EXPECT_EQ(at_level(3, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(messages_at(3, [&] { filter.recalculate_filters(); }), "");
   want(0x100, 0x02);
-  std::string text = at_level(4, [&] { filter.recalculate_filters(); });
+  std::string text = messages_at(4, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(text, "setting HW for filter pid 256, fdes " + std::to_string(fd(1)) + "\nFilter TID is 2");
   want(0x12, 0x50);
-  EXPECT_EQ(at_level(3, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(messages_at(3, [&] { filter.recalculate_filters(); }), "");
   want(0x12, 0x4E);
-  text = at_level(4, [&] { filter.recalculate_filters(); });
+  text = messages_at(4, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(text, "setting HW for filter pid 18, fdes " + std::to_string(fd(3)) + "\nFilter TID is 4e +Fo012.4E." +
                       std::to_string(fd(3)));
 }
@@ -106,17 +106,17 @@ TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
 TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same) {
   want(0x100);
   demux.fail_ioctl(DMX_SET_FILTER, EINVAL);
-  EXPECT_EQ(at_level(0, [&] { filter.recalculate_filters(); }), "ERROR: ioctl DMX_SET_FILTER failed");
+  EXPECT_EQ(messages_at(0, [&] { filter.recalculate_filters(); }), "ERROR: ioctl DMX_SET_FILTER failed");
   EXPECT_EQ(state(0), FILTER_RUNNING);
   want(0x101);
   demux.fail_ioctl(DMX_START, EINVAL);
-  EXPECT_EQ(at_level(0, [&] { filter.recalculate_filters(); }), "ERROR: ioctl DMX_START FILTER failed");
+  EXPECT_EQ(messages_at(0, [&] { filter.recalculate_filters(); }), "ERROR: ioctl DMX_START FILTER failed");
   EXPECT_EQ(state(1), FILTER_RUNNING);
   want(0x102);
-  EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.recalculate_filters(); }), "");
   want(0x103);
   demux.fail_ioctl(DMX_SET_FILTER, EINVAL);
-  EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.recalculate_filters(); }), "");
   EXPECT_EQ(state(3), FILTER_RUNNING);
 }
 
@@ -137,7 +137,7 @@ TEST_F(FilterDemux, a_timer_that_cannot_be_set_is_told_at_every_level_and_the_fi
   const timer_t good = slot(filter, 0)->timer;
   slot(filter, 0)->timer = no_such_timer();
   const std::string once = "fail to set timer: Invalid argument\n";
-  EXPECT_EQ(at_level(-1, [&] { filter.recalculate_filters(); }), once + once) << "disarming and arming";
+  EXPECT_EQ(messages_at(-1, [&] { filter.recalculate_filters(); }), once + once) << "disarming and arming";
   EXPECT_EQ(state(0), FILTER_RUNNING);
   slot(filter, 0)->timer = good;
 }
@@ -145,13 +145,13 @@ TEST_F(FilterDemux, a_timer_that_cannot_be_set_is_told_at_every_level_and_the_fi
 TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
   for (int i = 0; i < 9; ++i)
     want(0x100 + i);
-  at_level(0, [&] { filter.recalculate_filters(); });
+  messages_at(0, [&] { filter.recalculate_filters(); });
   for (size_t i = 0; i < 8; ++i)
     EXPECT_EQ(state(i), FILTER_RUNNING) << i;
   EXPECT_EQ(state(8), FILTER_WANTED);
   EXPECT_EQ(fd(8), -1);
   EXPECT_EQ(slot(filter, 8)->open_retries, 0);
-  EXPECT_EQ(at_level(2, [&] { filter.recalculate_filters(); }), "") << "waits without a message";
+  EXPECT_EQ(messages_at(2, [&] { filter.recalculate_filters(); }), "") << "waits without a message";
 
   const int freed = fd(3);
   filter.removefilter(0x103, 2);
@@ -212,15 +212,15 @@ TEST_F(FilterDemux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_sa
   for (const auto& [level, text] : {std::pair{0, "ERROR: Filter demux close failed\n"}, std::pair{-1, ""}}) {
     const int handle = fd(0);
     filter.removefilter(slot(filter, 0)->pid, 2);
-    EXPECT_EQ(at_level(level,
-                       [&] {
-                         close(handle);
-                         filter.recalculate_filters();
-                       }),
+    EXPECT_EQ(messages_at(level,
+                          [&] {
+                            close(handle);
+                            filter.recalculate_filters();
+                          }),
               text);
     EXPECT_EQ(fd(0), -1);
     want(0x200);
-    EXPECT_EQ(at_level(1, [&] { filter.recalculate_filters(); }), "");
+    EXPECT_EQ(messages_at(1, [&] { filter.recalculate_filters(); }), "");
     EXPECT_EQ(state(0), FILTER_RUNNING) << "its place was free";
   }
 }
@@ -234,7 +234,7 @@ TEST_F(FilterDemux, below_eight_handles_a_free_slot_keeps_its_handle_for_the_nex
   filter.recalculate_filters();
   EXPECT_EQ(fd(0), kept);
   demux.take_calls();
-  EXPECT_EQ(at_level(4, [&] { want(0x200, 0x42); }), "") << "a reused slot is not announced";
+  EXPECT_EQ(messages_at(4, [&] { want(0x200, 0x42); }), "") << "a reused slot is not announced";
   filter.recalculate_filters();
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{kept, DMX_SET_FILTER}, Call{kept, DMX_START}));
   EXPECT_EQ(demux.last_filter().pid, 0x200);
@@ -263,7 +263,7 @@ TEST_F(FilterDemux, a_handle_that_select_cannot_hold_is_a_failed_open) {
     fillers.push_back(next);
   fillers.push_back(FD_SETSIZE - 1);
   want(0x100);
-  const std::string text = at_level(1, [&] { EXPECT_EQ(filter.recalculate_filters(), 0); });
+  const std::string text = messages_at(1, [&] { EXPECT_EQ(filter.recalculate_filters(), 0); });
   for (int filler : fillers)
     close(filler);
   limit.rlim_cur = before;
@@ -280,7 +280,7 @@ TEST_F(FilterDemux, a_removal_stops_the_filter_and_keeps_the_handle) {
   want(0x100);
   filter.recalculate_filters();
   demux.take_calls();
-  EXPECT_EQ(at_level(3, [&] { filter.removefilter(0x100, 2); }),
+  EXPECT_EQ(messages_at(3, [&] { filter.removefilter(0x100, 2); }),
             "Removing filter pid 100 tid 2\n-Fi100.002." + std::to_string(fd(0)));
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_STOP}));
   EXPECT_GE(fcntl(fd(0), F_GETFD), 0);
@@ -322,12 +322,12 @@ TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_slot_freed_all_the_same) {
   want(0x100);
   filter.recalculate_filters();
   demux.fail_ioctl(DMX_STOP, EIO);
-  EXPECT_EQ(at_level(0, [&] { filter.removefilter(0x100, 2); }),
+  EXPECT_EQ(messages_at(0, [&] { filter.removefilter(0x100, 2); }),
             "ERROR: Filter stop failed for demux file nr " + std::to_string(fd(0)) + ", error Input/output error \n");
   EXPECT_EQ(state(0), FILTER_FREE);
   want(0x100);
   filter.recalculate_filters();
-  EXPECT_EQ(at_level(-1, [&] { filter.removefilter(0x100, 2); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.removefilter(0x100, 2); }), "");
   EXPECT_EQ(state(0), FILTER_FREE);
   demux.fail_ioctl(0, 0);
 }
@@ -377,7 +377,7 @@ TEST(FilterDestruction, tells_at_3_that_all_filters_are_gone_and_deletes_the_tim
     filter->addfilter(0x101, 2, FREQ);
     filter->recalculate_filters();
     filter->removefilter(0x101, 2);
-    EXPECT_EQ(at_level(level, [&] { filter.reset(); }), text);
+    EXPECT_EQ(messages_at(level, [&] { filter.reset(); }), text);
   }
   EXPECT_EQ(listed_timers(), before);
 }
@@ -390,11 +390,11 @@ TEST(FilterDestruction, a_handle_that_does_not_close_is_an_error) {
     filter->addfilter(0x100, 2, FREQ);
     filter->recalculate_filters();
     filter->remove_all();
-    EXPECT_EQ(at_level(level,
-                       [&] {
-                         close(slot(*filter, 0)->fd);
-                         filter.reset();
-                       }),
+    EXPECT_EQ(messages_at(level,
+                          [&] {
+                            close(slot(*filter, 0)->fd);
+                            filter.reset();
+                          }),
               text);
   }
 }
@@ -407,7 +407,7 @@ TEST_F(FilterDemux, stop_and_start_keep_the_filters) {
   filter.recalculate_filters();
   want(0x102);
   demux.take_calls();
-  EXPECT_EQ(at_level(4, [&] { filter.stop_filters(); }), "");
+  EXPECT_EQ(messages_at(4, [&] { filter.stop_filters(); }), "");
   EXPECT_THAT(slots(filter), ElementsAre(Slot(FILTER_STOPPED, 0x100, 2), Slot(FILTER_STOPPED, 0x101, 2),
                                          Slot(FILTER_WANTED, 0x102, 2)));
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_STOP}, Call{fd(1), DMX_STOP}));
@@ -422,10 +422,10 @@ TEST_F(FilterDemux, a_filter_that_cannot_be_stopped_goes_on_running) {
   want(0x100);
   filter.recalculate_filters();
   demux.fail_ioctl(DMX_STOP, EIO);
-  EXPECT_EQ(at_level(0, [&] { filter.stop_filters(); }),
+  EXPECT_EQ(messages_at(0, [&] { filter.stop_filters(); }),
             "ERROR: Filter stop failed for demux file nr " + std::to_string(fd(0)) + ", error Input/output error \n");
   EXPECT_EQ(state(0), FILTER_RUNNING);
-  EXPECT_EQ(at_level(-1, [&] { filter.stop_filters(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.stop_filters(); }), "");
   demux.fail_ioctl(0, 0);
 }
 
@@ -434,7 +434,7 @@ TEST_F(FilterDemux, quirk_restart_all_leaves_the_filters_stopped) {
   filter.recalculate_filters();
   want(0x101);
   demux.take_calls();
-  EXPECT_EQ(at_level(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
+  EXPECT_EQ(messages_at(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_START}));
   EXPECT_EQ(state(0), FILTER_STOPPED);
   EXPECT_EQ(state(1), FILTER_WANTED) << "only running ones";
@@ -447,10 +447,10 @@ TEST_F(FilterDemux, a_filter_whose_restart_fails_stays_running) {
   want(0x100);
   filter.recalculate_filters();
   demux.fail_ioctl(DMX_START, EINVAL);
-  EXPECT_EQ(at_level(0, [&] { filter.restart_all_filters(); }),
+  EXPECT_EQ(messages_at(0, [&] { filter.restart_all_filters(); }),
             "ERROR: Filter start failed for demux file nr " + std::to_string(fd(0)) + ", error Invalid argument \n");
   EXPECT_EQ(state(0), FILTER_RUNNING);
-  EXPECT_EQ(at_level(-1, [&] { filter.restart_all_filters(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.restart_all_filters(); }), "");
 }
 
 // --- Silent feeds ----------------------------------------------------------------------------------------------------
@@ -463,7 +463,7 @@ TEST_F(FilterDemux, a_silent_feed_is_started_again_when_its_timer_has_less_than_
   filter.check_feed_activation();
   EXPECT_THAT(demux.take_calls(), ElementsAre()) << "too early";
   expire(0);
-  EXPECT_EQ(at_level(2, [&] { filter.check_feed_activation(); }), "");
+  EXPECT_EQ(messages_at(2, [&] { filter.check_feed_activation(); }), "");
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_START}));
   EXPECT_EQ(slot(filter, 0)->restarts, 1);
   EXPECT_EQ(state(0), FILTER_RUNNING);
@@ -504,7 +504,7 @@ TEST_F(FilterDemux, quirk_restarts_are_totalled_only_while_they_are_printed) {
   filter.recalculate_filters();
   const auto restart_at = [&](int level) {
     expire(0);
-    return at_level(level, [&] { filter.check_feed_activation(); });
+    return messages_at(level, [&] { filter.check_feed_activation(); });
   };
   const std::string begin = "##Restart " + std::string(demux.path());
   EXPECT_EQ(restart_at(2), "");
@@ -519,10 +519,10 @@ TEST_F(FilterDemux, a_failing_restart_is_printed) {
   filter.recalculate_filters();
   expire(0);
   demux.fail_ioctl(DMX_START, EINVAL);
-  EXPECT_EQ(at_level(0, [&] { filter.check_feed_activation(); }), "ERROR: ioctl DMX_START FILTER failed");
+  EXPECT_EQ(messages_at(0, [&] { filter.check_feed_activation(); }), "ERROR: ioctl DMX_START FILTER failed");
   EXPECT_EQ(remaining(0), 1) << "armed again";
   expire(0);
-  EXPECT_EQ(at_level(-1, [&] { filter.check_feed_activation(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.check_feed_activation(); }), "");
   EXPECT_EQ(slot(filter, 0)->restarts, 2);
 }
 
@@ -532,7 +532,7 @@ TEST_F(FilterDemux, a_timer_that_cannot_be_read_is_told_and_counts_as_run_out) {
   demux.take_calls();
   const timer_t good = slot(filter, 0)->timer;
   slot(filter, 0)->timer = no_such_timer();
-  EXPECT_EQ(at_level(-1, [&] { filter.check_feed_activation(); }), "feed activation: : Invalid argument\n");
+  EXPECT_EQ(messages_at(-1, [&] { filter.check_feed_activation(); }), "feed activation: : Invalid argument\n");
   EXPECT_THAT(demux.take_calls(), ElementsAre(Call{fd(0), DMX_START}));
   slot(filter, 0)->timer = good;
 }

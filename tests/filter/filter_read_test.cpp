@@ -35,10 +35,14 @@ class FilterRead : public testing::Test {
     filter.recalculate_filters();
     return *std::find_if(filter.flist()->begin(), filter.flist()->end(), [=](auto* f) { return f->pid == pid; });
   }
+  // A pass up to the wait.
+  int wait(int timeout_ms = 1000) {
+    filter.recalculate_filters();
+    return filter.wait_for_data(timeout_ms);
+  }
   unsigned deliver(dvb_filter_desc* f, const Bytes& bytes) {
     demux.put(bytes);
-    filter.recalculate_filters();
-    EXPECT_GT(filter.wait_for_data(1000), 0);
+    EXPECT_GT(wait(), 0);
     return filter.get_section_data(f, buffer);
   }
 };
@@ -62,12 +66,10 @@ TEST_F(FilterRead, the_longest_section_fits) {
 TEST_F(FilterRead, reading_traces_at_4) {
   dvb_filter_desc* f = start();
   demux.put(pmt());
-  filter.recalculate_filters();
-  filter.wait_for_data(0);
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
+  wait(0);
+  wait();
   EXPECT_EQ(
-      at_level(4, [&] { filter.get_section_data(f, buffer); }),
+      messages_at(4, [&] { filter.get_section_data(f, buffer); }),
       "Reading data loop 2 from filter PID 100 TID 2 fileno " +
           [&] {
             char text[16];
@@ -76,9 +78,8 @@ TEST_F(FilterRead, reading_traces_at_4) {
           }() +
           " nrbytes " + std::to_string(pmt().size()) + "\n");
   demux.put(pmt());
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
-  EXPECT_EQ(at_level(3, [&] { filter.get_section_data(f, buffer); }), "");
+  wait();
+  EXPECT_EQ(messages_at(3, [&] { filter.get_section_data(f, buffer); }), "");
 }
 
 TEST_F(FilterRead, nothing_to_read_is_a_time_out) {
@@ -115,8 +116,7 @@ TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait) {
   const int reads = demux.reads();
   EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
   EXPECT_EQ(demux.reads(), reads);
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
+  wait();
   EXPECT_GT(filter.get_section_data(f, buffer), 0u);
 }
 
@@ -171,17 +171,15 @@ TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
   filter.wait_for_data(1000);
   demux.fail_read(EOVERFLOW);
   demux.take_calls();
-  EXPECT_EQ(at_level(1, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
+  EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
             "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
-  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }), "");
+  wait();
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }), "");
   EXPECT_THAT(demux.take_calls(), testing::ElementsAre()) << "neither stopped nor started";
   EXPECT_EQ(f->state, FILTER_RUNNING);
   EXPECT_EQ(f->captured, 0);
   demux.fail_read(0);
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
+  wait();
   EXPECT_GT(filter.get_section_data(f, buffer), 0u);
 }
 
@@ -190,12 +188,11 @@ TEST_F(FilterRead, another_read_error_is_printed_with_its_reason) {
   demux.put(pmt());
   filter.wait_for_data(1000);
   demux.fail_read(EIO);
-  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
             "ERROR: Reading 4K into char buffer from " + std::to_string(f->fd) +
                 ", errno 5 read @ get_section_data:: Input/output error\n");
-  filter.recalculate_filters();
-  filter.wait_for_data(1000);
-  EXPECT_EQ(at_level(-1, [&] { filter.get_section_data(f, buffer); }),
+  wait();
+  EXPECT_EQ(messages_at(-1, [&] { filter.get_section_data(f, buffer); }),
             "read @ get_section_data:: Input/output error\n");
   EXPECT_EQ(f->state, FILTER_RUNNING);
   demux.fail_read(0);
@@ -222,9 +219,9 @@ TEST_F(FilterRead, a_length_other_than_the_headers_is_refused) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }),
+    EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }),
               std::string("ERROR: Received section pid 100 ") + c.numbers + "\n");
-    EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }), "");
+    EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }), "");
   }
   EXPECT_EQ(f->captured, 0);
 }
@@ -241,9 +238,9 @@ TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
   demux.reset();  // nobody can write any more: ready, and read gives 0
   filter.recalculate_filters();
   EXPECT_EQ(filter.wait_for_data(1000), 1);
-  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 0u); }),
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 0u); }),
             "ERROR: Received section pid 100 type 0 incorrect length 0 vs header 3\n");
-  at_level(-1, [&] { filter.remove_all(); });
+  messages_at(-1, [&] { filter.remove_all(); });
 }
 
 // --- The CRC in software ---------------------------------------------------------------------------------------------
@@ -257,9 +254,9 @@ TEST_F(FilterRead, a_wrong_crc_is_counted_but_returns_0) {
   std::snprintf(expected, sizeof expected,
                 "ERROR: *** Received section pid 100 type 2 len 13 CRC failed, %x != 0, rdback %02x%02x%02x%02x\n",
                 support::mpeg_crc32(section.data(), section.size()), end[-4], end[-3], end[-2], end[-1]);
-  EXPECT_EQ(at_level(0, [&] { EXPECT_EQ(deliver(f, section), 0u); }), expected);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(deliver(f, section), 0u); }), expected);
   EXPECT_EQ(f->captured, 1);
-  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, section), 0u); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, section), 0u); }), "");
   EXPECT_EQ(f->captured, 2);
 }
 
@@ -280,7 +277,7 @@ TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
   Bytes tot = support::with_crc({0x73, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
   EXPECT_EQ(deliver(f, tot), tot.size());
   tot.back() ^= 0x10;
-  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, tot), 0u); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, tot), 0u); }), "");
   EXPECT_EQ(f->captured, 3);
 }
 
@@ -288,22 +285,22 @@ TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
   const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
   const Bytes longer = {0x70, 0x70, 0x06, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0x00};
   dvb_filter_desc* elsewhere = start(0x15, 0x70, FILTER_FLAG_SOFT_CRC);
-  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(elsewhere, tdt), 0u); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(elsewhere, tdt), 0u); }), "");
   filter.remove_all();
   dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
-  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
   Bytes other_table = tdt;
   other_table[0] = 0x73;
-  EXPECT_EQ(at_level(-1, [&] { EXPECT_EQ(deliver(f, other_table), 0u); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, other_table), 0u); }), "");
   EXPECT_EQ(deliver(f, tdt), 8u);
 }
 
 TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {
   dvb_filter_desc* f = start(PID, 0x82, FILTER_FLAG_SOFT_CRC);
-  EXPECT_THAT(at_level(0,
-                       [&] {
-                         deliver(f, {0x82, 0x30, 0x05, 1, 2, 3, 4, 5});
-                       }),
+  EXPECT_THAT(messages_at(0,
+                          [&] {
+                            deliver(f, {0x82, 0x30, 0x05, 1, 2, 3, 4, 5});
+                          }),
               testing::StartsWith("ERROR: *** Received section pid 100 type ffffff82 len 5 CRC failed, "));
 }
 

@@ -115,7 +115,7 @@ TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked
   pass();
   on_air(0x100, wrong);
   on_air(0x200, wrong);
-  EXPECT_THAT(at_level(0, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
+  EXPECT_THAT(messages_at(0, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
               testing::StartsWith("ERROR: *** Received section pid 200 type 2 len 13 CRC failed, "));
   EXPECT_EQ(slot(filter, 0)->captured, 0);
   EXPECT_EQ(slot(filter, 1)->captured, 1);
@@ -128,7 +128,7 @@ TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) 
   pass();
   for (int i = 0; i < 20; ++i)
     on_air(0x100, pmt(i, 1000));
-  EXPECT_EQ(at_level(1, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
+  EXPECT_EQ(messages_at(1, [&] { EXPECT_THAT(pass(1000), testing::IsEmpty()); }),
             "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
   EXPECT_EQ(slot(filter, 0)->state, FILTER_RUNNING);
   EXPECT_THAT(pass(), testing::IsEmpty()) << "everything queued is gone";
@@ -151,7 +151,7 @@ TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
 TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started) {
   filter.addfilter(0x100, 0x02, FREQ);
   pass();
-  EXPECT_EQ(at_level(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
+  EXPECT_EQ(messages_at(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
   on_air(0x100, pmt(1));
   EXPECT_THAT(pass(), testing::IsEmpty()) << "what arrives is not asked for";
   filter.start_filters();
@@ -166,7 +166,7 @@ TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below
   filter.recalculate_filters();
   const auto begin = std::chrono::steady_clock::now();
   const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
-  const std::string all = at_level(3, [&] {
+  const std::string all = messages_at(3, [&] {
     while (slot(filter, 1)->restarts < 3 && elapsed() < std::chrono::minutes(2)) {
       filter.wait_for_data(100);
       filter.check_feed_activation();
@@ -202,11 +202,11 @@ TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
   filter.addfilter(0x100, 0x02, FREQ);
   filter.recalculate_filters();
   support::softdvb_control("fault select = EINTR*1");
-  EXPECT_EQ(at_level(4,
-                     [&] {
-                       EXPECT_EQ(filter.wait_for_data(100), -1);
-                       EXPECT_EQ(errno, EINTR);
-                     }),
+  EXPECT_EQ(messages_at(4,
+                        [&] {
+                          EXPECT_EQ(filter.wait_for_data(100), -1);
+                          EXPECT_EQ(errno, EINTR);
+                        }),
             "");
   on_air(0x100, pmt(1));
   EXPECT_THAT(pass(1000), testing::ElementsAre(pmt(1)));
@@ -216,9 +216,9 @@ TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
   support::softdvb_control("fault open(demux0) = EBUSY*4");
   filter.addfilter(0x100, 0x02, FREQ);
   for (int i = 0; i < 4; ++i)
-    EXPECT_THAT(at_level(1, [&] { filter.recalculate_filters(); }),
+    EXPECT_THAT(messages_at(1, [&] { filter.recalculate_filters(); }),
                 testing::EndsWith("fopen: Device or resource busy\n"));
-  EXPECT_EQ(at_level(1, [&] { filter.recalculate_filters(); }), "");
+  EXPECT_EQ(messages_at(1, [&] { filter.recalculate_filters(); }), "");
   EXPECT_EQ(slot(filter, 0)->state, FILTER_RUNNING);
 }
 

@@ -12,8 +12,9 @@
 #include <climits>
 
 #include "filter/section_filter.h"
-#include "support/support.h"
-#include "support/verbosity.h"
+#include "support/messages.h"
+
+using support::messages_at;
 
 // What a slot shows in a table of expected lists: state, PID, table id.
 using Slot = std::tuple<int, int, int>;
@@ -40,11 +41,4 @@ inline timer_t no_such_timer() {
 inline std::string listed_timers() {
   std::ifstream timers("/proc/self/timers");
   return {std::istreambuf_iterator<char>(timers), {}};
-}
-
-// What `action` prints at `level`.
-template <typename Action>
-std::string at_level(int level, Action&& action) {
-  const support::Verbosity verbosity(level);
-  return support::stderr_of(action);
 }

@@ -13,8 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "base/messages.h"
-#include "support/support.h"
+#include "support/messages.h"
 #include "trace/timedoc.h"
 
 // A trace device at the libc boundary: this program's ioctl() and mmap() come before the C library's, and answer for
@@ -94,15 +93,12 @@ extern "C" int munmap(void* address, size_t length) noexcept {
 
 namespace {
 
-using support::stderr_of;
+using support::messages_at;
 
 class Timedoc_device : public testing::Test {
  protected:
   Timedoc_device() { device = &device_; }
-  ~Timedoc_device() override {
-    device = nullptr;
-    verbosity_kelvo = 0;
-  }
+  ~Timedoc_device() override { device = nullptr; }
 
   // The device holds these words, and room for `size` in all.
   void holds(std::vector<unsigned> words, int size) {
@@ -128,8 +124,7 @@ class Timedoc_device : public testing::Test {
 
 TEST_F(Timedoc_device, log_lines_are_the_whole_records) {
   holds({1, 0x02000000, 0x6E6F7465, 0xFFFFFFFF, 0xABCDEF01, 0, 0, 0, 5, 6}, 1025);
-  verbosity_kelvo = 2;
-  const std::string said = stderr_of([&] { timedoc_.write_file(path_.c_str(), "log"); });
+  const std::string said = messages_at(2, [&] { timedoc_.write_file(path_.c_str(), "log"); });
   EXPECT_EQ(support::read_file(path_), "00000001 02000000 6e6f7465 ffffffff\nabcdef01 00000000 00000000 00000000\n");
   EXPECT_EQ(said, mapped_message() + "Writing data to " + path_ + " format log\n");
   EXPECT_EQ(device_.requests, (std::vector<unsigned long>{CURRENT, SIZE}));
@@ -156,7 +151,7 @@ TEST_F(Timedoc_device, tdi_replaces_what_the_file_held_and_the_output_is_as_befo
   support::write_file(path_, std::string(1000, 'x'));
   const int other = open(dir_.file("other").c_str(), O_RDWR | O_CREAT, 0600);
   timedoc_.set_output(other);
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(path_.c_str(), "tdi"); }), "");
+  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path_.c_str(), "tdi"); }), "");
   timedoc_.printf_tdi("still here\n");
   close(other);
   EXPECT_EQ(support::read_file(path_),
@@ -167,8 +162,7 @@ TEST_F(Timedoc_device, tdi_replaces_what_the_file_held_and_the_output_is_as_befo
 
 TEST_F(Timedoc_device, another_format_leaves_the_file_empty) {
   holds({1, 2, 3, 4}, 1024);
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(path_.c_str(), "svg"); }),
+  EXPECT_EQ(messages_at(2, [&] { timedoc_.write_file(path_.c_str(), "svg"); }),
             mapped_message() + "Writing data to " + path_ + " format svg\n");
   EXPECT_EQ(support::read_file(path_), "");
 }
@@ -176,23 +170,20 @@ TEST_F(Timedoc_device, another_format_leaves_the_file_empty) {
 TEST_F(Timedoc_device, a_file_that_cannot_be_opened_is_silent_and_nothing_is_written) {
   holds({1, 2, 3, 4}, 1024);
   const std::string missing = dir_.file("no-folder/trace");
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(missing.c_str(), "log"); }), mapped_message());
+  EXPECT_EQ(messages_at(2, [&] { timedoc_.write_file(missing.c_str(), "log"); }), mapped_message());
   EXPECT_EQ(device_.unmapped, 4096u);
   EXPECT_NE(access(missing.c_str(), F_OK), 0);
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(missing.c_str(), "log"); }), "");
+  EXPECT_EQ(messages_at(1, [&] { timedoc_.write_file(missing.c_str(), "log"); }), "");
 }
 
 TEST_F(Timedoc_device, a_buffer_that_cannot_be_mapped_is_an_error) {
   device_.current = 4;
   device_.size = 1024;
   const std::string all_ones(2 * sizeof(void*), 'f');
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(path_.c_str(), "log"); }),
+  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path_.c_str(), "log"); }),
             "ERROR: mmap() failed, 0x" + all_ones + "\n");
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { timedoc_.write_file(path_.c_str(), "log"); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { timedoc_.write_file(path_.c_str(), "log"); }), "");
 }
 
 TEST_F(Timedoc_device, more_words_than_the_buffer_has_are_not_read) {
@@ -205,8 +196,7 @@ TEST_F(Timedoc_device, more_words_than_the_buffer_has_are_not_read) {
 TEST_F(Timedoc_device, requests_are_made_once_and_events_are_packed) {
   holds({}, 8);
   device_.current = 4;
-  verbosity_kelvo = 2;
-  const std::string said = stderr_of([&] {
+  const std::string said = messages_at(2, [&] {
     timedoc_.tdoc_pause();
     timedoc_.tdoc_reset();
     timedoc_.tdoc_record();
@@ -228,18 +218,19 @@ TEST_F(Timedoc_device, requests_are_made_once_and_events_are_packed) {
 TEST_F(Timedoc_device, an_empty_buffer_is_filled_by_nothing) {
   device_.current = 0;
   device_.size = 0;
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] {
-              timedoc_.tdoc_record();
-              timedoc_.tdoc_pause();
-            }),
+  EXPECT_EQ(messages_at(2,
+                        [&] {
+                          timedoc_.tdoc_record();
+                          timedoc_.tdoc_pause();
+                        }),
             "Start timedoc recordingPause Timedoc Recording. Current buffer 0 of 0, 0 %\n");
   device_.current = 3'000'000;
   device_.size = 1'000'000'000;
-  EXPECT_EQ(stderr_of([&] {
-              timedoc_.tdoc_record();
-              timedoc_.tdoc_pause();
-            }),
+  EXPECT_EQ(messages_at(2,
+                        [&] {
+                          timedoc_.tdoc_record();
+                          timedoc_.tdoc_pause();
+                        }),
             "Start timedoc recordingPause Timedoc Recording. Current buffer 3000000 of 1000000000, 0 %\n");
 }
 

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "filter/fake_demux.h"
 #include "filter/filter_support.h"
 
@@ -95,9 +96,9 @@ TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   want(0x100, 0x02);
   std::string text = messages_at(4, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(text, "setting HW for filter pid 256, fdes " + std::to_string(fd(1)) + "\nFilter TID is 2");
-  want(0x12, 0x50);
+  want(pid::EIT, table::EIT_SCHEDULE_FIRST);
   EXPECT_EQ(messages_at(3, [&] { filter.recalculate_filters(); }), "");
-  want(0x12, 0x4E);
+  want(pid::EIT, table::EIT_PRESENT_FOLLOWING);
   text = messages_at(4, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(text, "setting HW for filter pid 18, fdes " + std::to_string(fd(3)) + "\nFilter TID is 4e +Fo012.4E." +
                       std::to_string(fd(3)));
@@ -488,7 +489,7 @@ TEST_F(FilterDemux, only_silent_running_filters_on_pid_21_and_above_are_started_
 }
 
 TEST_F(FilterDemux, quirk_a_silent_feed_below_pid_21_is_never_started_again) {
-  want(0x10, 0x40);
+  want(pid::NIT, table::NIT_ACTUAL);
   filter.recalculate_filters();
   demux.take_calls();
   for (int i = 0; i < 3; ++i) {

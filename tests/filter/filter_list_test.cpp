@@ -82,15 +82,15 @@ TEST_F(FilterList, length_16_and_0_are_taken_without_a_warning) {
 
 TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4) {
   EXPECT_EQ(messages_at(2, [&] { filter.addfilter(1, 0x01, FREQ); }), "");
-  EXPECT_EQ(messages_at(3, [&] { filter.addfilter(18, 0x4E, FREQ); }),
+  EXPECT_EQ(messages_at(3, [&] { filter.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, FREQ); }),
             "Adding new filter for pid 18 to list, filter list size 2, nr_opened 0\n");
-  EXPECT_EQ(messages_at(4, [&] { filter.addfilter(0x123, 0x02, FREQ); }),
+  EXPECT_EQ(messages_at(4, [&] { filter.addfilter(0x123, table::PMT, FREQ); }),
             "Adding new filter for pid 291 to list, filter list size 3, nr_opened 0\n+Fl123.002");
 }
 
 TEST_F(FilterList, a_reused_slot_is_not_announced_and_its_counters_are_new) {
   filter.addfilter(1, 0x01, FREQ);
-  filter.addfilter(2, 0x02, FREQ);
+  filter.addfilter(2, table::PMT, FREQ);
   slot(filter, 0)->restarts = 3;
   filter.removefilter(1, 0x01);
   EXPECT_EQ(messages_at(4, [&] { filter.addfilter(3, 0x40, 7); }), "");
@@ -133,16 +133,17 @@ TEST_F(FilterList, the_same_filter_twice_takes_two_slots) {
 // --- Removal ---------------------------------------------------------------------------------------------------------
 
 TEST_F(FilterRemoval, of_a_filter_that_is_not_there_prints_a_count_of_0) {
-  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.removefilter(0x10, 0x40), 0); }),
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.removefilter(pid::NIT, table::NIT_ACTUAL), 0); }),
             "ERROR: Removed 0 instances of pid 10, Tid 40\n");
-  EXPECT_EQ(messages_at(-1, [&] { filter.removefilter(0x10, 0x40); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { filter.removefilter(pid::NIT, table::NIT_ACTUAL); }), "");
 }
 
 TEST_F(FilterRemoval, removefilter_of_one_filter_is_silent_below_3) {
-  filter.addfilter(0x10, 0x40, FREQ);
-  filter.addfilter(0x10, 0x41, FREQ);
-  EXPECT_EQ(messages_at(2, [&] { filter.removefilter(0x10, 0x41); }), "");
-  EXPECT_EQ(messages_at(3, [&] { filter.removefilter(0x10, 0x40); }), "Removing filter pid 10 tid 40\n-Fi010.040.-1");
+  filter.addfilter(pid::NIT, table::NIT_ACTUAL, FREQ);
+  filter.addfilter(pid::NIT, table::NIT_OTHER, FREQ);
+  EXPECT_EQ(messages_at(2, [&] { filter.removefilter(pid::NIT, table::NIT_OTHER); }), "");
+  EXPECT_EQ(messages_at(3, [&] { filter.removefilter(pid::NIT, table::NIT_ACTUAL); }),
+            "Removing filter pid 10 tid 40\n-Fi010.040.-1");
   EXPECT_EQ(slot(filter, 0)->pid, -1);
   EXPECT_EQ(slot(filter, 0)->freq, 0);
   EXPECT_EQ(slot(filter, 0)->state, FILTER_FREE);
@@ -163,8 +164,8 @@ TEST_F(FilterRemoval, by_range_of_pids) {
   EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_pid_range(0x10, 0x12), 0); }),
             "Removing filters from pid 10-12 :-Fpr010.042.-1-Fpr012.042.-1\n");
   EXPECT_EQ(filter.pid_in_list(0x0F), 1);
-  EXPECT_EQ(filter.pid_in_list(0x10) + filter.pid_in_list(0x12) + filter.pid_in_list(0x14) + filter.pid_in_list(0x15),
-            0);
+  EXPECT_EQ(
+      filter.pid_in_list(0x10) + filter.pid_in_list(pid::EIT) + filter.pid_in_list(0x14) + filter.pid_in_list(0x15), 0);
 }
 
 // What ends at the end of a scan: all but the guide and the clock. A NIT may be on any PID, also a reserved one.
@@ -186,13 +187,13 @@ TEST_F(FilterRemoval, by_range_of_pids_takes_every_pid_of_the_range_and_no_other
 TEST_F(FilterRemoval, by_range_of_table_ids) {
   for (int tid : {0x4D, 0x4E, 0x5F, 0x60})
     filter.addfilter(0x12, tid, FREQ);
-  filter.addfilter(0x13, 0x50, FREQ);
+  filter.addfilter(0x13, table::EIT_SCHEDULE_FIRST, FREQ);
   EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_range(0x12, 0x4E, 0x5F), 0); }),
             "Removing filters from pid 12, tid 4e-5f :-Fr012.04E.-1-Fr012.05F.-1\n");
   EXPECT_EQ(messages_at(3, [&] { filter.remove_filter_range(0x12, 0x60, 0x60); }), "-Fr012.060.-1");
   EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_range(0x12, 0x4D, 0x4D); }), "");
-  EXPECT_EQ(filter.pid_tid_in_list(0x13, 0x50), 1);
-  EXPECT_EQ(filter.pid_in_list(0x12), 0);
+  EXPECT_EQ(filter.pid_tid_in_list(0x13, table::EIT_SCHEDULE_FIRST), 1);
+  EXPECT_EQ(filter.pid_in_list(pid::EIT), 0);
 }
 
 TEST_F(FilterRemoval, quirk_by_frequency_prints_the_token_of_removefilter) {
@@ -225,24 +226,24 @@ TEST_F(FilterRemoval, free_slots_that_match_again_are_left_alone) {
 // --- Asking ----------------------------------------------------------------------------------------------------------
 
 TEST_F(FilterQuery, pid_and_table_are_found_unless_free) {
-  filter.addfilter(0x12, 0x4E, FREQ);
-  EXPECT_EQ(filter.pid_in_list(0x12), 1);
-  EXPECT_EQ(filter.pid_tid_in_list(0x12, 0x4E), 1);
-  EXPECT_EQ(filter.pid_tid_in_list(0x12, 0x4F), 0);
+  filter.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, FREQ);
+  EXPECT_EQ(filter.pid_in_list(pid::EIT), 1);
+  EXPECT_EQ(filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING), 1);
+  EXPECT_EQ(filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING_OTHER), 0);
   EXPECT_EQ(filter.pid_tid_in_list(0x13, 0x4E), 0);
   slot(filter, 0)->state = FILTER_STOPPED;
-  EXPECT_EQ(filter.pid_in_list(0x12), 1);
+  EXPECT_EQ(filter.pid_in_list(pid::EIT), 1);
   filter.remove_all();
-  EXPECT_EQ(filter.pid_in_list(0x12), 0);
+  EXPECT_EQ(filter.pid_in_list(pid::EIT), 0);
   EXPECT_EQ(filter.pid_in_list(-1), 0);
 }
 
 TEST_F(FilterQuery, eit_or_time_only) {
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 0) << "empty list";
-  filter.addfilter(0x12, 0x4E, FREQ);
-  filter.addfilter(0x14, 0x73, FREQ);
+  filter.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, FREQ);
+  filter.addfilter(pid::TIME, table::TOT, FREQ);
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 1);
-  filter.addfilter(0x10, 0x40, FREQ);
+  filter.addfilter(pid::NIT, table::NIT_ACTUAL, FREQ);
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 0) << "a wanted NIT";
   slot(filter, 2)->state = FILTER_RUNNING;
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 0) << "a running NIT";
@@ -253,19 +254,19 @@ TEST_F(FilterQuery, eit_or_time_only) {
 }
 
 TEST_F(FilterQuery, eit_or_time_only_traces_at_4) {
-  filter.addfilter(0x12, 0x4E, FREQ);
-  filter.addfilter(0x11, 0x42, FREQ);
-  filter.addfilter(0x14, 0x73, FREQ);
+  filter.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, FREQ);
+  filter.addfilter(pid::SDT, table::SDT_ACTUAL, FREQ);
+  filter.addfilter(pid::TIME, table::TOT, FREQ);
   EXPECT_EQ(messages_at(4, [&] { filter.eit_or_time_only_in_filter_list(); }),
             "Filter list contains: 12.4e 11.42 14.73  Eit_or_time_only_in_list is 0\n");
   EXPECT_EQ(messages_at(3, [&] { filter.eit_or_time_only_in_filter_list(); }), "");
 }
 
 TEST_F(FilterQuery, print_filter_list_counts_what_it_prints_and_totals_every_slot) {
-  filter.addfilter(0x10, 0x40, FREQ);
-  filter.addfilter(0x11, 0x42, FREQ);
-  filter.addfilter(0x1FF, 0x02, FREQ);
-  filter.removefilter(0x10, 0x40);
+  filter.addfilter(pid::NIT, table::NIT_ACTUAL, FREQ);
+  filter.addfilter(pid::SDT, table::SDT_ACTUAL, FREQ);
+  filter.addfilter(0x1FF, table::PMT, FREQ);
+  filter.removefilter(pid::NIT, table::NIT_ACTUAL);
   slot(filter, 2)->state = FILTER_STOPPED;
   EXPECT_EQ(messages_at(-1, [&] { filter.print_filter_list(); }), "F0-S1-P11-T42 F1-S3-P1ff-T2 . Total 3\n");
   slot(filter, 2)->state = FILTER_WANTED;
@@ -274,7 +275,7 @@ TEST_F(FilterQuery, print_filter_list_counts_what_it_prints_and_totals_every_slo
 // --- A device that cannot be opened ----------------------------------------------------------------------------------
 
 TEST_F(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fifth_failure) {
-  filter.addfilter(0x110, 0x02, FREQ);
+  filter.addfilter(0x110, table::PMT, FREQ);
   const std::string failed =
       "WARNING: Failed to  open /nonexistent/dvb/adapter0/demux0, balance 0 for pid 110 tid 2, retcode -1\n"
       "fopen: No such file or directory\n";
@@ -292,7 +293,7 @@ TEST_F(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fif
 
 TEST_F(FilterOpen, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) {
   for (int round = 0; round < 2; ++round) {
-    filter.addfilter(0x110, 0x02, FREQ);
+    filter.addfilter(0x110, table::PMT, FREQ);
     EXPECT_EQ(filter.flist()->size(), 1u);
     for (int attempt = 1; attempt <= 5; ++attempt) {
       EXPECT_EQ(slot(filter, 0)->state, FILTER_WANTED) << attempt;
@@ -303,20 +304,20 @@ TEST_F(FilterOpen, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) 
 }
 
 TEST_F(FilterOpen, the_reason_of_a_failed_open_is_printed_at_every_level) {
-  filter.addfilter(0x110, 0x02, FREQ);
+  filter.addfilter(0x110, table::PMT, FREQ);
   EXPECT_EQ(messages_at(0, [&] { filter.recalculate_filters(); }), "fopen: No such file or directory\n");
 }
 
 TEST_F(FilterOpen, a_filter_that_cannot_be_opened_does_not_hold_up_the_next) {
-  filter.addfilter(0x110, 0x02, FREQ);
-  filter.addfilter(0x111, 0x02, FREQ);
+  filter.addfilter(0x110, table::PMT, FREQ);
+  filter.addfilter(0x111, table::PMT, FREQ);
   messages_at(0, [&] { filter.recalculate_filters(); });
   EXPECT_EQ(slot(filter, 0)->open_retries, 1);
   EXPECT_EQ(slot(filter, 1)->open_retries, 1);
 }
 
 TEST_F(FilterOpen, quirk_a_dropped_filter_keeps_its_pid_in_the_slot) {
-  filter.addfilter(0x110, 0x02, FREQ);
+  filter.addfilter(0x110, table::PMT, FREQ);
   for (int i = 0; i < 5; ++i)
     messages_at(0, [&] { filter.recalculate_filters(); });
   EXPECT_THAT(slots(filter), ElementsAre(Slot(FILTER_FREE, 0x110, 2)));

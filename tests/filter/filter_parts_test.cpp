@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "filter/fake_demux.h"
 #include "filter/filter_support.h"
 #include "filter/section_filter_parts.h"
@@ -157,8 +158,8 @@ TEST(Filter_activity_test, the_destructor_ends_what_still_runs) {
 TEST(Filter_dropped_test, counts_the_filters_given_up_until_all_are_removed) {
   const support::Verbosity mute(-1);
   Section_filter filter{"/nonexistent/demux0"};
-  filter.addfilter(0, 0, FREQ);
-  filter.addfilter(0x14, 0x73, FREQ);
+  filter.addfilter(pid::PAT, table::PAT, FREQ);
+  filter.addfilter(pid::TIME, table::TOT, FREQ);
   const std::string reasons = support::stderr_of([&] {
     for (int attempt = 1; attempt <= MAX_OPEN_RETRIES; ++attempt)
       filter.recalculate_filters();

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "filter/fake_demux.h"
 #include "filter/filter_support.h"
 
@@ -271,7 +272,7 @@ TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
 }
 
 TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
-  dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
+  dvb_filter_desc* f = start(pid::TIME, table::TDT, FILTER_FLAG_SOFT_CRC);
   const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
   EXPECT_EQ(deliver(f, tdt), 8u);
   Bytes tot = support::with_crc({0x73, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
@@ -284,10 +285,10 @@ TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
 TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
   const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
   const Bytes longer = {0x70, 0x70, 0x06, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0x00};
-  dvb_filter_desc* elsewhere = start(0x15, 0x70, FILTER_FLAG_SOFT_CRC);
+  dvb_filter_desc* elsewhere = start(0x15, table::TDT, FILTER_FLAG_SOFT_CRC);
   EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(elsewhere, tdt), 0u); }), "");
   filter.remove_all();
-  dvb_filter_desc* f = start(0x14, 0x70, FILTER_FLAG_SOFT_CRC);
+  dvb_filter_desc* f = start(pid::TIME, table::TDT, FILTER_FLAG_SOFT_CRC);
   EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
   Bytes other_table = tdt;
   other_table[0] = 0x73;

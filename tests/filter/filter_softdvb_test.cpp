@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "filter/filter_support.h"
 #include "support/softdvb.h"
 
@@ -64,7 +65,7 @@ class FilterSoftdvb : public testing::Test {
 };
 
 TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   EXPECT_THAT(pass(), testing::IsEmpty());
   on_air(0x100, pmt(1));
   on_air(0x100, pmt(2, 300));
@@ -78,7 +79,7 @@ TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
 
 TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_removal) {
   for (int i = 0; i < 9; ++i)
-    filter.addfilter(0x100 + i, 0x02, FREQ);
+    filter.addfilter(0x100 + i, table::PMT, FREQ);
   pass();
   for (int i = 0; i < 9; ++i)
     on_air(0x100 + i, pmt(i));
@@ -92,12 +93,12 @@ TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_r
 }
 
 TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   pass();
   const int handle = slot(filter, 0)->fd;
   on_air(0x100, pmt(1));
   filter.removefilter(0x100, 0x02);
-  filter.addfilter(0x200, 0x02, FREQ);
+  filter.addfilter(0x200, table::PMT, FREQ);
   EXPECT_THAT(pass(), testing::IsEmpty());
   EXPECT_EQ(slot(filter, 0)->fd, handle);
   on_air(0x100, pmt(1));
@@ -108,7 +109,7 @@ TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
 TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked_here) {
   Bytes wrong = pmt(1);
   wrong.back() ^= 1;
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   const unsigned char tid = 2;
   const unsigned char mask = 0xFF;
   filter.addfilter(0x200, FREQ, &tid, &mask, 1, FILTER_FLAG_SOFT_CRC, 2);
@@ -124,7 +125,7 @@ TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked
 }
 
 TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   pass();
   for (int i = 0; i < 20; ++i)
     on_air(0x100, pmt(i, 1000));
@@ -137,7 +138,7 @@ TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) 
 }
 
 TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   pass();
   filter.stop_filters();
   on_air(0x100, pmt(1));
@@ -149,7 +150,7 @@ TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
 }
 
 TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   pass();
   EXPECT_EQ(messages_at(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
   on_air(0x100, pmt(1));
@@ -161,8 +162,8 @@ TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started)
 }
 
 TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below_pid_21_never) {
-  filter.addfilter(0x10, 0x40, FREQ);
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(pid::NIT, table::NIT_ACTUAL, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   filter.recalculate_filters();
   const auto begin = std::chrono::steady_clock::now();
   const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
@@ -188,7 +189,7 @@ TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below
 }
 
 TEST_F(FilterSoftdvb, a_wait_may_last_longer_than_a_second) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   filter.recalculate_filters();
   timespec from{};
   clock_gettime(CLOCK_MONOTONIC, &from);
@@ -199,7 +200,7 @@ TEST_F(FilterSoftdvb, a_wait_may_last_longer_than_a_second) {
 }
 
 TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   filter.recalculate_filters();
   support::softdvb_control("fault select = EINTR*1");
   EXPECT_EQ(messages_at(4,
@@ -214,7 +215,7 @@ TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
 
 TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
   support::softdvb_control("fault open(demux0) = EBUSY*4");
-  filter.addfilter(0x100, 0x02, FREQ);
+  filter.addfilter(0x100, table::PMT, FREQ);
   for (int i = 0; i < 4; ++i)
     EXPECT_THAT(messages_at(1, [&] { filter.recalculate_filters(); }),
                 testing::EndsWith("fopen: Device or resource busy\n"));
@@ -224,7 +225,7 @@ TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
 
 TEST_F(FilterSoftdvb, a_tdt_without_crc_passes_every_check) {
   const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
-  filter.addfilter(0x14, 0x70, FREQ);
+  filter.addfilter(pid::TIME, table::TDT, FREQ);
   pass();
   on_air(0x14, tdt);
   EXPECT_THAT(pass(1000), testing::ElementsAre(tdt));
@@ -232,14 +233,14 @@ TEST_F(FilterSoftdvb, a_tdt_without_crc_passes_every_check) {
 
 TEST_F(FilterSoftdvb, no_section_is_lost_while_other_pids_are_filtered) {
   for (int i = 0; i < 4; ++i)
-    filter.addfilter(0x100 + i, 0x02, FREQ);
+    filter.addfilter(0x100 + i, table::PMT, FREQ);
   pass();
   int seen = 0;
   for (int round = 0; round < 50; ++round) {
     for (int i = 0; i < 4; ++i)
       on_air(0x100 + i, pmt(round));
     seen += static_cast<int>(pass(1000).size());
-    filter.addfilter(0x300, 0x02, FREQ);
+    filter.addfilter(0x300, table::PMT, FREQ);
     filter.recalculate_filters();
     filter.removefilter(0x300, 0x02);
   }

@@ -30,7 +30,8 @@ inline constexpr int EIT_PRESENT_FOLLOWING = 0x4E;        // of the actual multi
 inline constexpr int EIT_PRESENT_FOLLOWING_OTHER = 0x4F;  // of others
 inline constexpr int EIT_SCHEDULE_FIRST = 0x50;           // of the actual multiplex, up to
 inline constexpr int EIT_SCHEDULE_LAST = 0x5F;
-inline constexpr int EIT_LAST = 0x6F;  // the last of the schedules of others
+inline constexpr int EIT_SCHEDULE_OTHER_FIRST = 0x60;     // of others, up to
+inline constexpr int EIT_LAST = 0x6F;
 inline constexpr int TDT = 0x70;
 inline constexpr int TOT = 0x73;
 
@@ -83,6 +84,7 @@ inline constexpr int CELL_LIST = 0x6C;
 inline constexpr int CELL_FREQUENCY_LINK = 0x6D;
 inline constexpr int CONTENT_IDENTIFIER = 0x76;
 inline constexpr int ECM_REPETITION_RATE = 0x78;
+inline constexpr int ENHANCED_AC3 = 0x7A;
 inline constexpr int EXTENSION = 0x7F;
 inline constexpr int LOGICAL_CHANNEL = 0x83;  // private to terrestrial networks
 

@@ -6,14 +6,14 @@
 
 #include <algorithm>
 
+#include "base/ids.h"
 #include "softdvb/model/clock.h"
 #include "softdvb/model/player.h"
 #include "softdvb/model/real.h"
 
 namespace softdvb {
 
-static constexpr int ALL_PIDS = 0x2000;
-static constexpr int LAST_PID = 0x1FFF;
+static constexpr int ALL_PIDS = pid::LAST + 1;
 // The kernel counts a filter's time-out in ticks and rounds up.
 static constexpr uint64_t TIMEOUT_SLACK_NS = 15000000;
 
@@ -125,7 +125,7 @@ int Demux_handle::start() {
   queue_.flush();
   header_missing_ = 3;
   body_left_ = 0;
-  if (pid_ > (type_ == Type::SECTION ? LAST_PID : ALL_PIDS))
+  if (pid_ > (type_ == Type::SECTION ? pid::LAST : ALL_PIDS))
     return -EINVAL;
   demux_of(adapter_index()).filter_started(*this);
   state_ = Filter_state::GO;
@@ -181,7 +181,7 @@ int Demux_handle::set_buffer_size(size_t n) {
 }
 
 int Demux_handle::change_pids(bool add, int pid) {
-  if (type_ != Type::PACKETS || pid > LAST_PID)
+  if (type_ != Type::PACKETS || pid > pid::LAST)
     return -EINVAL;
   const auto at = std::find(more_pids_.begin(), more_pids_.end(), pid);
   if (add && at == more_pids_.end())

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "base/ids.h"
 #include "softdvb/model/clock.h"
 #include "softdvb/model/faults.h"
 #include "softdvb/model/frontend.h"
@@ -152,7 +153,7 @@ void add_section_fault(Shared& s, int adapter, const std::string& text) {
   fault.adapter = adapter;
   const std::string table = take_suffix(where, '/');
   fault.table = table.empty() ? -1 : static_cast<int>(parse_number(table, "section: table", 255));
-  fault.pid = static_cast<int>(parse_number(where, "section: PID", 0x1FFF));
+  fault.pid = static_cast<int>(parse_number(where, "section: PID", pid::LAST));
   const std::string at = take_suffix(kind, '+');
   fault.at_ns = at.empty() ? 0 : parse_seconds(at, "section: time");
   const Which_calls which = take_which(kind, "section");

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/time_text.h"
 
 namespace softdvb_mux {
@@ -197,7 +198,7 @@ Description parse_description(const std::string& json, int64_t machine_now, std:
                     all.duration, all.bit_rate, MAX_STREAM_BYTES));
   all.transport_stream_id = static_cast<uint16_t>(top.get("transport_stream_id").number(0, 0xFFFF));
   all.original_network_id = static_cast<uint16_t>(top.get("original_network_id").number(0, 0xFFFF));
-  all.nit_pid = static_cast<uint16_t>(top.number_or("nit_pid", 16, 0x1FFE, 16));
+  all.nit_pid = static_cast<uint16_t>(top.number_or("nit_pid", pid::NIT, pid::LAST - 1, pid::NIT));
   all.nit_in_pat = top.flag_or("nit_in_pat", true);
   all.programs_per_section = static_cast<unsigned>(top.number_or("pat_programs_per_section", 1, 253, 253));
   all.intervals = top.flag_or("fast", false) ? fast_intervals() : default_intervals();

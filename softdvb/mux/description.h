@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "base/ids.h"
 #include "softdvb/mux/descriptors.h"
 
 namespace softdvb_mux {
@@ -52,7 +53,7 @@ struct Elementary_stream {
 struct Pmt_content {
   double from = 0;  // seconds into the stream
   uint8_t version = 0;
-  uint16_t pcr_pid = 0x1FFF;
+  uint16_t pcr_pid = pid::LAST;
   Descriptors program_info;
   std::vector<Elementary_stream> streams;
 };
@@ -145,7 +146,7 @@ struct Description {
   uint64_t bit_rate = 0;
   uint16_t transport_stream_id = 0;
   uint16_t original_network_id = 0;
-  uint16_t nit_pid = 16;
+  uint16_t nit_pid = pid::NIT;
   bool nit_in_pat = true;
   std::array<bool, TABLE_KINDS> wanted = {};
   std::array<uint8_t, TABLE_KINDS> version = {};

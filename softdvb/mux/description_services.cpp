@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/description.h"
 #include "softdvb/mux/time_text.h"
 
@@ -43,8 +44,8 @@ Elementary_stream read_stream(const Json_node& node, uint16_t default_pid, doubl
   node.allow_only({"pid", "type", "languages", "ac3", "eac3", "teletext", "subtitles", "component_tag", "ca",
                    "descriptors", "payload_rate"});
   Elementary_stream stream;
-  stream.pid = static_cast<uint16_t>(node.number_or("pid", 0x10, 0x1FFE, default_pid));
-  if (stream.pid > 0x1FFE)
+  stream.pid = static_cast<uint16_t>(node.number_or("pid", pid::NIT, pid::LAST - 1, default_pid));
+  if (stream.pid >= pid::LAST)
     node.fail("no PID is left after the PMT's, choose a \"pid\"");
   const Json_node type = node.get("type");
   stream.type = static_cast<uint8_t>(type.choice_or_number(STREAM_TYPES, 255));
@@ -71,8 +72,8 @@ void read_streams(const Json_node& owner, const Service& service, double default
   uint16_t pid = service.pmt_pid;
   for (const Json_node& node : owner.list("streams"))
     pmt->streams.push_back(read_stream(node, ++pid, default_rate));
-  const uint16_t own = pmt->streams.empty() ? 0x1FFF : pmt->streams.front().pid;
-  pmt->pcr_pid = static_cast<uint16_t>(owner.number_or("pcr_pid", 0, 0x1FFF, own));
+  const uint16_t own = pmt->streams.empty() ? uint16_t{pid::LAST} : pmt->streams.front().pid;
+  pmt->pcr_pid = static_cast<uint16_t>(owner.number_or("pcr_pid", 0, pid::LAST, own));
   add_ca(owner, &pmt->program_info);
   add_raw(owner, "pmt_descriptors", &pmt->program_info);
 }
@@ -126,7 +127,7 @@ Service read_service(const Json_node& node, const Text_defaults& outer, const De
     service.in_pat = node.flag_or("in_pat", true);
     service.in_sdt = node.flag_or("in_sdt", true);
     service.in_nit = node.flag_or("in_nit", true);
-    service.pmt_pid = static_cast<uint16_t>(node.number_or("pmt_pid", 0x10, 0x1FFE, default_pmt_pid));
+    service.pmt_pid = static_cast<uint16_t>(node.number_or("pmt_pid", pid::NIT, pid::LAST - 1, default_pmt_pid));
     read_pmts(node, default_rate, &service);
     service.appears = node.seconds_or("appears_at", 0, 86400, 0);
     service.vanishes = node.seconds_or("vanishes_at", 0, 86400, 1e9);
@@ -135,7 +136,7 @@ Service read_service(const Json_node& node, const Text_defaults& outer, const De
       actual && (!node.list("ca").empty() || std::any_of(service.pmts.begin(), service.pmts.end(), [](const auto& pmt) {
         return std::any_of(pmt.streams.begin(), pmt.streams.end(), [](const auto& stream) {
           return std::any_of(stream.descriptors.begin(), stream.descriptors.end(),
-                             [](const auto& descriptor) { return descriptor.tag == 0x09; });
+                             [](const auto& descriptor) { return descriptor.tag == tag::CA; });
         });
       }));
   service.free_ca = node.flag_or("free_ca", scrambled);
@@ -310,7 +311,7 @@ std::vector<Fault> read_faults(const Json_node& owner) {
         fault.value = static_cast<unsigned>(node.get("version").number(0, 31));
         break;
       case OTHER_PID:
-        fault.value = static_cast<unsigned>(node.get("pid").number(0, 0x1FFE));
+        fault.value = static_cast<unsigned>(node.get("pid").number(0, pid::LAST - 1));
         break;
       case CUT:
         fault.value = static_cast<unsigned>(node.get("bytes").number(1, 4096));

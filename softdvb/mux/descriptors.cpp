@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/dvbpsi_glue.h"
 
 extern "C" {
@@ -86,7 +87,7 @@ void add_private_data_specifier(const Json_node& owner, Descriptors* loop) {
     return;
   Bytes data;
   append_u32(&data, owner.get("private_data_specifier").number(0, 0xFFFFFFFF));
-  loop->push_back({0x5F, data});
+  loop->push_back({tag::PRIVATE_DATA_SPECIFIER, data});
 }
 
 void add_ca(const Json_node& owner, Descriptors* loop) {
@@ -94,7 +95,7 @@ void add_ca(const Json_node& owner, Descriptors* loop) {
     node.allow_only({"system_id", "pid", "private"});
     dvbpsi_ca_dr_t ca = {};
     ca.i_ca_system_id = static_cast<uint16_t>(node.get("system_id").number(0, 0xFFFF));
-    ca.i_ca_pid = static_cast<uint16_t>(node.get("pid").number(0, 0x1FFF));
+    ca.i_ca_pid = static_cast<uint16_t>(node.get("pid").number(0, pid::LAST));
     if (node.has("private")) {
       const Bytes data = node.get("private").hex();
       limit(node.get("private"), data.size(), sizeof ca.i_private_data);
@@ -125,7 +126,7 @@ void add_network_names(const Json_node& network, const Text_defaults& defaults, 
     data.push_back(static_cast<uint8_t>(name.size()));
     append(&data, name);
   }
-  add_checked(network.get("names"), 0x5B, data, loop);
+  add_checked(network.get("names"), tag::MULTILINGUAL_NETWORK_NAME, data, loop);
 }
 
 void add_terrestrial_delivery(const Json_node& delivery, Descriptors* loop) {
@@ -180,7 +181,7 @@ void add_frequency_list(const Json_node& owner, Descriptors* loop) {
       node.fail("the frequency is broadcast in steps of 10 Hz, use a multiple of 10");
     append_u32(&data, hz / 10);
   }
-  add_checked(owner.get("frequencies"), 0x62, data, loop);
+  add_checked(owner.get("frequencies"), tag::FREQUENCY_LIST, data, loop);
 }
 
 // EN 300 468, 6.2.35. libdvbpsi's generator gives it the tag of another descriptor.
@@ -192,7 +193,7 @@ void add_service_list(const std::vector<Listed_service>& services, Descriptors* 
       data.push_back(static_cast<uint8_t>(services[i].service_id));
       data.push_back(services[i].type);
     }
-    loop->push_back({0x41, data});
+    loop->push_back({tag::SERVICE_LIST, data});
   }
 }
 
@@ -266,7 +267,7 @@ void add_service(const Json_node& service, uint8_t type, const Text_defaults& de
       append(&data, text);
     }
   }
-  add_checked(service.get("names"), 0x5D, data, loop);
+  add_checked(service.get("names"), tag::MULTILINGUAL_SERVICE_NAME, data, loop);
 }
 
 void add_languages(const Json_node& stream, Descriptors* loop) {
@@ -292,7 +293,8 @@ void add_languages(const Json_node& stream, Descriptors* loop) {
 
 // EN 300 468, D.3 (AC-3, 0x6A) and D.5 (enhanced AC-3, 0x7A): the first four flags say which fields follow.
 void add_ac3(const Json_node& stream, bool ac3, bool eac3, Descriptors* loop) {
-  for (const auto& [key, tag, wanted] : {std::tuple{"ac3", 0x6A, ac3}, std::tuple{"eac3", 0x7A, eac3}}) {
+  for (const auto& [key, tag, wanted] :
+       {std::tuple{"ac3", tag::AC3, ac3}, std::tuple{"eac3", tag::ENHANCED_AC3, eac3}}) {
     if (!stream.has(key)) {
       if (wanted)
         loop->push_back({static_cast<uint8_t>(tag), {0x00}});
@@ -345,7 +347,7 @@ void add_subtitles(const Json_node& stream, Descriptors* loop) {
       data.push_back(static_cast<uint8_t>(page));
     }
   }
-  add_checked(stream.get("subtitles"), 0x59, data, loop);
+  add_checked(stream.get("subtitles"), tag::SUBTITLING, data, loop);
 }
 
 void add_stream_identifier(const Json_node& stream, Descriptors* loop) {

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/sections.h"
 #include "softdvb/mux/tables.h"
 
@@ -14,7 +15,6 @@ namespace softdvb_mux {
 
 namespace {
 
-constexpr uint16_t PID_EIT = 0x12;
 constexpr size_t MAX_EVENTS_SIZE = 4096 - 14 - 4;
 constexpr int64_t DAY = 86400;
 constexpr int64_t SEGMENT = 3 * 3600;
@@ -108,7 +108,7 @@ Table pf_table(const Description& all, Eit_ids ids, const Service& service, bool
       if (edge > 0 && static_cast<double>(edge) < all.duration)
         moments.insert(edge);
   }
-  ids.table_id = actual ? 0x4E : 0x4F;
+  ids.table_id = actual ? table::EIT_PRESENT_FOLLOWING : table::EIT_PRESENT_FOLLOWING_OTHER;
   ids.last_table_id = ids.table_id;
   for (int64_t moment : moments) {
     ids.version = static_cast<uint8_t>((all.version[table.kind] + table.variants.size()) & 31);
@@ -155,7 +155,7 @@ std::vector<Bytes> segment_sections(const Eit_ids& ids, const Service& service, 
 void add_schedule(const Description& all, Eit_ids ids, const Service& service, bool actual, Encoder* encoder,
                   std::vector<Table>* tables) {
   const Table_kind kind = actual ? EIT_SCHEDULE_ACTUAL : EIT_SCHEDULE_OTHER;
-  const uint8_t first_table_id = actual ? 0x50 : 0x60;
+  const uint8_t first_table_id = actual ? table::EIT_SCHEDULE_FIRST : table::EIT_SCHEDULE_OTHER_FIRST;
   int last = -1;
   for (const Event& event : service.events)
     last = std::max(last, segment_of(event, all.now));
@@ -202,7 +202,7 @@ void make_eits(const Description& all, const std::vector<Service>& services, uin
     if (service.eit_schedule)
       add_schedule(all, ids, service, actual, &encoder, &own);
     for (Table& table : own) {
-      table.pid = PID_EIT;
+      table.pid = pid::EIT;
       table.service_id = service.service_id;
       table.transport_stream_id = transport_stream_id;
       for (Variant& variant : table.variants)

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/dvbpsi_glue.h"
 #include "softdvb/mux/time_text.h"
 
@@ -122,7 +123,7 @@ void add_extended(const Json_node& node, const Text_defaults& defaults, Descript
     }
     append_counted(&data, list);
     append_counted(&data, parts[i].text);
-    loop->push_back({0x4E, data});
+    loop->push_back({tag::EXTENDED_EVENT, data});
   }
 }
 
@@ -195,7 +196,7 @@ void add_content(const Json_node& event, Descriptors* loop) {
     data.push_back(static_cast<uint8_t>(object ? node.get("type").number(0, 255) : node.number(0, 255)));
     data.push_back(static_cast<uint8_t>(object ? node.number_or("user", 0, 255, 0) : 0));
   }
-  loop->push_back({0x54, data});
+  loop->push_back({tag::CONTENT, data});
 }
 
 // EN 300 468, 6.2.28: 0x01 to 0x0F stand for the age minus 3. libdvbpsi's generator writes one entry right, further
@@ -213,7 +214,7 @@ void add_rating(const Json_node& event, Descriptors* loop) {
     data.push_back(
         static_cast<uint8_t>(node.has("value") ? node.get("value").number(0, 255) : node.get("age").number(4, 18) - 3));
   }
-  loop->push_back({0x55, data});
+  loop->push_back({tag::PARENTAL_RATING, data});
 }
 
 void add_time_offsets(const Json_node& time, int64_t now, Descriptors* loop) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "base/ids.h"
+
 namespace softdvb_mux {
 
 namespace {
@@ -75,7 +77,7 @@ void change_loop(const Fault& fault, Table_kind kind, Bytes* section) {
 }
 
 bool has_crc(const Bytes& section) {
-  return section.size() >= 8 && section[0] != 0x70;
+  return section.size() >= 8 && section[0] != table::TDT;
 }
 
 }  // namespace

@@ -9,13 +9,14 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/faults.h"
 
 namespace softdvb_mux {
 
 namespace {
 
-constexpr uint16_t PID_NULL = 0x1FFF;
+constexpr uint16_t PID_NULL = pid::LAST;
 constexpr uint64_t PCR_HZ = 27000000;
 constexpr size_t SECTION_ROOM = PACKET - 4;
 

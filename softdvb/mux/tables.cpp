@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/sections.h"
 
 extern "C" {
@@ -20,10 +21,6 @@ namespace softdvb_mux {
 
 namespace {
 
-constexpr uint16_t PID_PAT = 0x00;
-constexpr uint16_t PID_CAT = 0x01;
-constexpr uint16_t PID_SDT = 0x11;
-constexpr uint16_t PID_TIME = 0x14;
 constexpr size_t MAX_PSI_SECTION = 1024;
 
 void complain(dvbpsi_t* handle, const dvbpsi_msg_level_t level, const char* message) {
@@ -54,7 +51,7 @@ uint8_t stepped(uint8_t version, size_t steps) {
 Table pat_of(const Description& all, Encoder* encoder) {
   Table table;
   table.kind = PAT;
-  table.pid = PID_PAT;
+  table.pid = pid::PAT;
   for (double at : changes_of(all.services, all.duration)) {
     const auto pat =
         owned(dvbpsi_pat_new(all.transport_stream_id, stepped(all.version[PAT], table.variants.size()), true),
@@ -112,7 +109,7 @@ void add_pmts(const Description& all, Encoder* encoder, std::vector<Table>* tabl
 Table cat_of(const Description& all, Encoder* encoder) {
   Table table;
   table.kind = CAT;
-  table.pid = PID_CAT;
+  table.pid = pid::CAT;
   const auto cat = owned(dvbpsi_cat_new(all.version[CAT], true), dvbpsi_cat_delete);
   add_all(*all.cat,
           [&](uint8_t tag, uint8_t length, uint8_t* data) { dvbpsi_cat_descriptor_add(cat.get(), tag, length, data); });
@@ -125,7 +122,7 @@ Table nit_of(const Description& all, const Network& network, bool actual, Encode
   table.kind = actual ? NIT_ACTUAL : NIT_OTHER;
   table.pid = all.nit_pid;
   table.network_id = network.network_id;
-  const uint8_t table_id = actual ? 0x40 : 0x41;
+  const uint8_t table_id = actual ? table::NIT_ACTUAL : table::NIT_OTHER;
   for (const Nit_stream& stream : network.streams)
     if (size_of(stream.descriptors) + 6 + 16 > MAX_PSI_SECTION)
       throw Description_error(
@@ -161,7 +158,7 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
              uint16_t original_network_id, bool actual, Encoder* encoder) {
   Table table;
   table.kind = actual ? SDT_ACTUAL : SDT_OTHER;
-  table.pid = PID_SDT;
+  table.pid = pid::SDT;
   table.transport_stream_id = transport_stream_id;
   for (const Service& service : services)
     if (size_of(service.sdt_descriptors) + 5 + 15 > MAX_PSI_SECTION)
@@ -171,7 +168,7 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
                       service.service_id, size_of(service.sdt_descriptors)));
   for (double at : changes_of(services, all.duration)) {
     const auto sdt =
-        owned(dvbpsi_sdt_new(actual ? 0x42 : 0x46, transport_stream_id,
+        owned(dvbpsi_sdt_new(actual ? table::SDT_ACTUAL : table::SDT_OTHER, transport_stream_id,
                              stepped(all.version[table.kind], table.variants.size()), true, original_network_id),
               dvbpsi_sdt_delete);
     for (const Service& service : services) {
@@ -186,7 +183,7 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
     table.variants.push_back({at, encoder->take(dvbpsi_sdt_sections_generate(encoder->handle(), sdt.get()), "an SDT")});
     // libdvbpsi writes the table id of an SDT actual into every SDT.
     for (Bytes& section : table.variants.back().sections) {
-      section[0] = actual ? 0x42 : 0x46;
+      section[0] = actual ? table::SDT_ACTUAL : table::SDT_OTHER;
       write_crc(&section);
     }
   }
@@ -234,7 +231,8 @@ void write_crc(Bytes* section) {
 
 Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
   Encoder encoder;
-  const auto tot = owned(dvbpsi_tot_new(kind == TDT ? 0x70 : 0x73, 0, 0, true, mjd_bcd(epoch)), dvbpsi_tot_delete);
+  const auto tot =
+      owned(dvbpsi_tot_new(kind == TDT ? table::TDT : table::TOT, 0, 0, true, mjd_bcd(epoch)), dvbpsi_tot_delete);
   if (kind == TOT)
     add_all(all.tot_descriptors, [&](uint8_t tag, uint8_t length, uint8_t* data) {
       dvbpsi_tot_descriptor_add(tot.get(), tag, length, data);
@@ -246,7 +244,7 @@ Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
   // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. libdvbpsi makes no room for it, and
   // takes a TOT without descriptors for a TDT.
   if (kind == TOT) {
-    section[0] = 0x73;
+    section[0] = table::TOT;
     section.resize(10 + size_of(all.tot_descriptors) + 4);
     section[8] = static_cast<uint8_t>(0xF0 | size_of(all.tot_descriptors) >> 8);
     section[9] = static_cast<uint8_t>(size_of(all.tot_descriptors));
@@ -277,7 +275,7 @@ std::vector<Table> make_tables(const Description& all) {
       continue;
     Table table;
     table.kind = kind;
-    table.pid = PID_TIME;
+    table.pid = pid::TIME;
     tables.push_back(table);
   }
   for (Table& table : tables)

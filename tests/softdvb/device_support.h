@@ -10,8 +10,12 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "base/ids.h"
 #include "support/softdvb.h"
 #include "support/support.h"
 #include "support/ts_writer.h"
@@ -68,9 +72,41 @@ inline int set_filter(int fd, const dmx_sct_filter_params& p) {
   return ioctl(fd, DMX_SET_FILTER, &p);
 }
 
+// A descriptor that gets every section of the PID, to be owned by an Fd.
+inline int listening(int pid = PID, unsigned flags = DMX_IMMEDIATE_START, int open_flags = O_RDONLY | O_NONBLOCK) {
+  const int fd = open_demux(open_flags);
+  EXPECT_EQ(set_filter(fd, all_of(pid, flags)), 0);
+  return fd;
+}
+
+// Everything but the frequency is left to the driver.
+inline dvb_frontend_parameters automatic(uint32_t freq) {
+  dvb_frontend_parameters p{};
+  p.frequency = freq;
+  p.inversion = INVERSION_AUTO;
+  p.u.ofdm = {BANDWIDTH_AUTO,      FEC_AUTO,      FEC_AUTO, QAM_AUTO, TRANSMISSION_MODE_AUTO,
+              GUARD_INTERVAL_AUTO, HIERARCHY_AUTO};
+  return p;
+}
+
 // Result of a call with -1 replaced by -errno.
 inline long result(long value) {
   return value == -1 ? -errno : value;
+}
+
+inline int tune(int fd, uint32_t freq) {
+  const dvb_frontend_parameters p = automatic(freq);
+  return static_cast<int>(result(ioctl(fd, FE_SET_FRONTEND, &p)));
+}
+
+inline int status_of(int fd) {
+  fe_status_t status = FE_NONE;
+  return ioctl(fd, FE_READ_STATUS, &status) == 0 ? static_cast<int>(status) : -errno;
+}
+
+inline bool readable_within(int fd, int ms) {
+  pollfd p{fd, POLLIN, 0};
+  return poll(&p, 1, ms) == 1;
 }
 
 inline long read_size(int fd, size_t n = 8192) {
@@ -93,7 +129,7 @@ inline short ready(int fd) {
 }
 
 // A long section of exactly `size` bytes (12 and more), told apart by `extension`.
-inline Bytes section_of(size_t size, uint16_t extension = 1, uint8_t table = 0x42, uint8_t version = 0) {
+inline Bytes section_of(size_t size, uint16_t extension = 1, uint8_t table = table::SDT_ACTUAL, uint8_t version = 0) {
   return support::long_section(table, extension, version, Bytes(size - 12, static_cast<uint8_t>(extension)));
 }
 
@@ -119,6 +155,19 @@ inline double now_s() {
   timespec t{};
   clock_gettime(CLOCK_MONOTONIC, &t);
   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// Runs `wait` and checks that it lasts from `least` to `most` seconds. A busy machine can only make it longer, so it
+// gets further tries when it took too long.
+inline void expect_lasts(double least, double most, const std::function<void()>& wait) {
+  double passed = most;
+  for (int i = 0; i < 10 && passed >= most; ++i) {
+    const double begin = now_s();
+    wait();
+    passed = now_s() - begin;
+    EXPECT_GE(passed, least);
+  }
+  EXPECT_LT(passed, most);
 }
 
 }  // namespace device

@@ -34,9 +34,9 @@ TEST_P(Usage, is_told_in_one_line_and_nothing_runs) {
   std::vector<std::string> arguments = GetParam().arguments;
   arguments.insert(arguments.end(), {"--", "echo", "ran"});
   const Softdvb_run run = softdvb(arguments);
-  EXPECT_EQ(2, run.exit_code);
-  EXPECT_EQ("", run.out);
-  EXPECT_EQ(std::string("softdvb: ") + GetParam().message + "\n", run.err);
+  EXPECT_EQ(run.exit_code, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, std::string("softdvb: ") + GetParam().message + "\n");
 }
 
 static const Wrong WRONG[] = {
@@ -81,8 +81,8 @@ INSTANTIATE_TEST_SUITE_P(Wrong, Usage, testing::ValuesIn(WRONG));
 
 TEST(Launcher, wants_a_command) {
   const Softdvb_run run = softdvb({});
-  EXPECT_EQ(2, run.exit_code);
-  EXPECT_EQ("softdvb: no command given; write it after '--', see softdvb --help\n", run.err);
+  EXPECT_EQ(run.exit_code, 2);
+  EXPECT_EQ(run.err, "softdvb: no command given; write it after '--', see softdvb --help\n");
 }
 
 TEST(Launcher, files_that_cannot_be_used) {
@@ -91,32 +91,32 @@ TEST(Launcher, files_that_cannot_be_used) {
   support::write_file(folder.file("text.ts"), std::string(5000, 'x'));
   const std::string missing = folder.file("missing.ts");
   Softdvb_run run = softdvb({"--mux", "1=" + missing, "--", "echo", "ran"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("", run.out);
-  EXPECT_EQ("softdvb: " + missing + ": cannot be opened: No such file or directory\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "softdvb: " + missing + ": cannot be opened: No such file or directory\n");
   run = softdvb({"--mux", "1=" + folder.file("empty.ts"), "--", "true"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("softdvb: " + folder.file("empty.ts") + ": the file is empty\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "softdvb: " + folder.file("empty.ts") + ": the file is empty\n");
   run = softdvb({"--mux", "1=" + folder.file("text.ts"), "--", "true"});
-  EXPECT_EQ("softdvb: " + folder.file("text.ts") + ": no transport stream packets in it\n", run.err);
+  EXPECT_EQ(run.err, "softdvb: " + folder.file("text.ts") + ": no transport stream packets in it\n");
   run = softdvb({"--config", missing, "--", "true"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("softdvb: " + missing + ": cannot be opened: No such file or directory\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "softdvb: " + missing + ": cannot be opened: No such file or directory\n");
   run = softdvb({"--log", folder.file("no/log"), "--", "true"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("softdvb: " + folder.file("no/log") + ": cannot be written\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "softdvb: " + folder.file("no/log") + ": cannot be written\n");
 }
 
 TEST(Launcher, a_command_that_cannot_be_run) {
   const Softdvb_run run = softdvb({"--", "/nonexistent/command"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("softdvb: /nonexistent/command: cannot be run: No such file or directory\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "softdvb: /nonexistent/command: cannot be run: No such file or directory\n");
 }
 
 TEST(Launcher, passes_on_exit_codes_and_signals) {
-  EXPECT_EQ(0, softdvb({"--", "true"}).exit_code);
-  EXPECT_EQ(7, softdvb({"--", "sh", "-c", "exit 7"}).exit_code);
-  EXPECT_EQ(128 + SIGSEGV, softdvb({"--", "sh", "-c", "kill -SEGV $$"}).exit_code);
+  EXPECT_EQ(softdvb({"--", "true"}).exit_code, 0);
+  EXPECT_EQ(softdvb({"--", "sh", "-c", "exit 7"}).exit_code, 7);
+  EXPECT_EQ(softdvb({"--", "sh", "-c", "kill -SEGV $$"}).exit_code, 128 + SIGSEGV);
 }
 
 TEST(Launcher, passes_on_a_signal_sent_to_it) {
@@ -126,14 +126,14 @@ TEST(Launcher, passes_on_a_signal_sent_to_it) {
            " -- sh -c 'trap \"echo got; exit 3\" TERM; echo ready >$1; while :; do "
            "sleep 0.01; done' x \"$1\" & while [ ! -s \"$1\" ]; do sleep 0.01; done; kill $!; wait $!; echo $?",
        "x", support::Temp_dir().path() + ".ready"});
-  EXPECT_EQ("got\n3\n", run.out) << run.err;
+  EXPECT_EQ(run.out, "got\n3\n") << run.err;
 }
 
 TEST(Launcher, leaves_nothing_behind) {
   support::Temp_dir folder;
   const Softdvb_run run = run_program({"env", "TMPDIR=" + folder.path(), support::softdvb_launcher(), "--", "sh", "-c",
                                        "echo x >/tmp/testsig; ls $TMPDIR | wc -l"});
-  EXPECT_EQ("1\n", run.out);
+  EXPECT_EQ(run.out, "1\n");
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
   run_program({"env", "TMPDIR=" + folder.path(), support::softdvb_launcher(), "--keep", "--", "true"});
   EXPECT_FALSE(std::filesystem::is_empty(folder.path()));
@@ -142,16 +142,16 @@ TEST(Launcher, leaves_nothing_behind) {
 TEST(Launcher, keeps_the_root_it_was_given) {
   support::Temp_dir folder;
   const std::string root = folder.file("box");
-  EXPECT_EQ(0, softdvb({"--root", root, "--", "sh", "-c", "echo text >/dvbfiles/a"}).exit_code);
-  EXPECT_EQ("text\n", support::read_file(root + "/dvbfiles/a"));
-  EXPECT_EQ("text\n", softdvb({"--root", root, "--", "cat", "/dvbfiles/a"}).out);
+  EXPECT_EQ(softdvb({"--root", root, "--", "sh", "-c", "echo text >/dvbfiles/a"}).exit_code, 0);
+  EXPECT_EQ(support::read_file(root + "/dvbfiles/a"), "text\n");
+  EXPECT_EQ(softdvb({"--root", root, "--", "cat", "/dvbfiles/a"}).out, "text\n");
 }
 
 TEST(Launcher, works_inside_itself) {
   const std::string stream = "506000000=" SOFTDVB_STREAMS "/counting.188.ts";
   const Softdvb_run run = softdvb({"--adapter", "1", "--", support::softdvb_launcher(), "--mux", stream, "--once",
                                    "--pace", "fast", "--", SOFTDVB_LISTEN, "tune=506000000", "count=2"});
-  EXPECT_EQ("0 1 ", run.out) << run.err;
+  EXPECT_EQ(run.out, "0 1 ") << run.err;
 }
 
 // What a text says of options: name with dashes and form of the value, "" where there is none.
@@ -223,28 +223,28 @@ TEST_F(Config_file, says_the_same_as_options) {
       "# A comment\n\n time = x20\n[adapter 0]\nmux = 506000000=relative.ts\nonce\npace=fast\n"
       "section = 0x100=drop@2\n[adapter 3]\ntype = qam\n",
       {SOFTDVB_LISTEN, "tune=506000000", "wait=3000"});
-  EXPECT_EQ("0 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 ", run.out) << run.err;
+  EXPECT_EQ(run.out, "0 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 ") << run.err;
 }
 
 TEST_F(Config_file, errors_name_the_line) {
   const std::string name = folder.file("softdvb.conf");
   const auto error_of = [&](const std::string& text) {
     const Softdvb_run run = with(text, {"echo", "ran"});
-    EXPECT_EQ(2, run.exit_code);
-    EXPECT_EQ("", run.out);
+    EXPECT_EQ(run.exit_code, 2);
+    EXPECT_EQ(run.out, "");
     return run.err;
   };
-  EXPECT_EQ("softdvb: " + name + ", line 2: there is no key 'colour'\n", error_of("once\ncolour = red\n"));
-  EXPECT_EQ("softdvb: " + name + ", line 1: mux: a value is missing\n", error_of("mux\n"));
-  EXPECT_EQ("softdvb: " + name + ", line 1: once: takes no value\n", error_of("once = 5\n"));
-  EXPECT_EQ("softdvb: " + name + ", line 1: '[tuner 1]' is not of the form [adapter N]\n", error_of("[tuner 1]\n"));
-  EXPECT_EQ("softdvb: " + name + ", line 3: time: 'fast' is not a positive number\n", error_of("\n\ntime = fast\n"));
+  EXPECT_EQ(error_of("once\ncolour = red\n"), "softdvb: " + name + ", line 2: there is no key 'colour'\n");
+  EXPECT_EQ(error_of("mux\n"), "softdvb: " + name + ", line 1: mux: a value is missing\n");
+  EXPECT_EQ(error_of("once = 5\n"), "softdvb: " + name + ", line 1: once: takes no value\n");
+  EXPECT_EQ(error_of("[tuner 1]\n"), "softdvb: " + name + ", line 1: '[tuner 1]' is not of the form [adapter N]\n");
+  EXPECT_EQ(error_of("\n\ntime = fast\n"), "softdvb: " + name + ", line 3: time: 'fast' is not a positive number\n");
 }
 
 TEST(Control, outside_of_a_command_is_an_error) {
   const Softdvb_run run = softdvb({"--control", "adapter 0 strength = 5"});
-  EXPECT_EQ(1, run.exit_code);
-  EXPECT_EQ("softdvb: --control: no adapters are running here; use it in a command that softdvb started\n", run.err);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "softdvb: --control: no adapters are running here; use it in a command that softdvb started\n");
 }
 
 TEST(Control, changes_a_running_adapter_from_the_shell) {
@@ -253,9 +253,9 @@ TEST(Control, changes_a_running_adapter_from_the_shell) {
       softdvb({"--tuned", "506000000", "--mux", "506000000=" SOFTDVB_STREAMS "/counting.188.ts", "--", "sh", "-c",
                launcher + " --control 'adapter 0 strength 506000000 = 0x77' && " + SOFTDVB_READINGS "; " + launcher +
                    " --control 'adapter 0 colour = 5'; " + launcher + " --control 'adapter 9 ber = 5'"});
-  EXPECT_EQ("strength 77\n", run.out);
-  EXPECT_EQ("softdvb: control: 'adapter 0 colour = 5' is not understood\nsoftdvb: control: there is no adapter 9\n",
-            run.err);
+  EXPECT_EQ(run.out, "strength 77\n");
+  EXPECT_EQ(run.err,
+            "softdvb: control: 'adapter 0 colour = 5' is not understood\nsoftdvb: control: there is no adapter 9\n");
 }
 
 TEST(Control, lines_written_to_the_control_file_count_soon) {
@@ -264,5 +264,5 @@ TEST(Control, lines_written_to_the_control_file_count_soon) {
                "echo 'adapter 0 strength = 0x66' >$SOFTDVB_CONTROL; for i in 1 2 3 4 5 6 7 8 "
                "9 10; do r=$(" SOFTDVB_READINGS "); [ \"$r\" = 'strength 66' ] && break; sleep 0.1; "
                "done; echo $r"});
-  EXPECT_EQ("strength 66\n", run.out) << run.err;
+  EXPECT_EQ(run.out, "strength 66\n") << run.err;
 }

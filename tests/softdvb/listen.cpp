@@ -20,11 +20,8 @@ struct Listener {
 
   void tune(uint32_t hz) {
     frontend = open(path("frontend0").c_str(), O_RDWR | O_NONBLOCK);
-    dvb_frontend_parameters p{};
-    p.frequency = hz;
-    p.inversion = INVERSION_AUTO;
-    p.u.ofdm = {BANDWIDTH_8_MHZ,     FEC_AUTO,      FEC_AUTO, QAM_AUTO, TRANSMISSION_MODE_AUTO,
-                GUARD_INTERVAL_AUTO, HIERARCHY_AUTO};
+    dvb_frontend_parameters p = automatic(hz);
+    p.u.ofdm.bandwidth = BANDWIDTH_8_MHZ;
     if (ioctl(frontend, FE_SET_FRONTEND, &p) != 0)
       std::perror("FE_SET_FRONTEND");
   }

@@ -2,6 +2,7 @@
 // (PID 0x200), on PID 0x100 every 100 ms a section whose extension counts from 0.
 #include <fstream>
 
+#include "base/ids.h"
 #include "support/ts_writer.h"
 
 static constexpr int PACKETS = 2000;
@@ -16,8 +17,8 @@ int main(int argc, char** argv) {
   support::Ts_writer ts;
   for (int i = 0; i < PACKETS; ++i) {
     if (i % PACKETS_A_SECTION == 0)
-      ts.section(0x100,
-                 support::long_section(0x42, static_cast<uint16_t>(i / PACKETS_A_SECTION), 0, support::Bytes(28, 0)));
+      ts.section(0x100, support::long_section(table::SDT_ACTUAL, static_cast<uint16_t>(i / PACKETS_A_SECTION), 0,
+                                              support::Bytes(28, 0)));
     else if (i % PCR_EVERY == 1)
       ts.adaptation_only(0x200, (i - 1) * TICKS_A_PACKET);
     else

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "softdvb/mux_support.h"
 
 namespace {
@@ -131,7 +132,7 @@ TEST(MuxEit, present_and_following_change_with_the_time) {
       R"(, "duration": 4, "intervals": {"eit_pf_actual": 0.5})"));
   std::set<std::string> seen;
   Lines order;
-  for (const auto& section : sections_of(stream, 0x12, 0x4E)) {
+  for (const auto& section : sections_of(stream, pid::EIT, table::EIT_PRESENT_FOLLOWING)) {
     EXPECT_TRUE(section.crc_right());
     const std::string text = "v" + std::to_string(section.version()) + " " + std::to_string(section.number()) + "/" +
                              std::to_string(section.bytes[7]) + "/" + std::to_string(section.bytes[12]) + " " +
@@ -159,11 +160,11 @@ TEST(MuxEit, schedule_uses_segments_of_three_hours_from_midnight) {
              {"start": "today+21h", "duration": "1h", "name": "B"}, {"start": "now+57h", "duration": "1h", "name": "C"}])",
       R"(, "intervals": {"eit_schedule_actual": 1})"));
   std::map<unsigned, Bytes> by_number;
-  for (const auto& section : sections_of(stream, 0x12, 0x50)) {
+  for (const auto& section : sections_of(stream, pid::EIT, table::EIT_SCHEDULE_FIRST)) {
     EXPECT_TRUE(section.crc_right());
     EXPECT_EQ(section.bytes[7], 8 * 25) << "last_section_number";
     EXPECT_EQ(section.bytes[12], section.number()) << "segment_last_section_number";
-    EXPECT_EQ(section.bytes[13], 0x50) << "last_table_id";
+    EXPECT_EQ(section.bytes[13], table::EIT_SCHEDULE_FIRST) << "last_table_id";
     by_number[section.number()] = section.bytes;
   }
   ASSERT_EQ(by_number.size(), 26u);
@@ -174,7 +175,7 @@ TEST(MuxEit, schedule_uses_segments_of_three_hours_from_midnight) {
   EXPECT_EQ(hex(by_number[48]).substr(28, 24), "0001eeac2000000059000008");
   EXPECT_EQ(hex(by_number[56]).substr(28, 24), "0002eeac2100000100000008");
   EXPECT_EQ(hex(by_number[200]).substr(28, 24), "0003eeaf0300000100000008");
-  EXPECT_EQ(sections_of(stream, 0x12, 0x4E).size(), 0u);
+  EXPECT_EQ(sections_of(stream, pid::EIT, table::EIT_PRESENT_FOLLOWING).size(), 0u);
 }
 
 TEST(MuxEit, more_than_four_days_take_further_table_ids) {
@@ -183,14 +184,14 @@ TEST(MuxEit, more_than_four_days_take_further_table_ids) {
   std::map<unsigned, std::set<unsigned>> numbers;
   std::set<std::string> events;
   for (const auto& section : sections_of(stream)) {
-    if (section.pid != 0x12 || section.table_id() == 0x4E)
+    if (section.pid != pid::EIT || section.table_id() == table::EIT_PRESENT_FOLLOWING)
       continue;
     EXPECT_EQ(section.bytes[13], 0x52);
     numbers[section.table_id()].insert(section.number());
     events.insert(hex(Bytes(section.bytes.begin() + 14, section.bytes.begin() + 21)));
   }
   EXPECT_EQ(numbers.size(), 3u);
-  EXPECT_EQ(numbers[0x50].size(), 32u);
+  EXPECT_EQ(numbers[table::EIT_SCHEDULE_FIRST].size(), 32u);
   EXPECT_EQ(numbers[0x51].size(), 32u);
   EXPECT_EQ(numbers[0x52].size(), 8u);
   EXPECT_EQ(events.size(), 72u);
@@ -203,7 +204,7 @@ TEST(MuxEit, a_full_segment_takes_several_sections) {
                       text + "\"}}]}",
                   R"(, "duration": 10)"));
   std::map<unsigned, size_t> size;
-  for (const auto& section : sections_of(stream, 0x12, 0x50)) {
+  for (const auto& section : sections_of(stream, pid::EIT, table::EIT_SCHEDULE_FIRST)) {
     EXPECT_TRUE(section.crc_right());
     EXPECT_EQ(section.bytes[12], (section.number() & ~7u) + 2) << "segment_last_section_number";
     EXPECT_EQ(section.bytes[7], 58);
@@ -230,7 +231,7 @@ TEST(MuxEit, other_streams_use_their_own_table_ids) {
       "original_network_id": 6, "services": [{"service_id": 201, "events": [{"start": "now", "duration": "1h"}]}]}])"));
   std::set<std::string> heads;
   for (const auto& section : sections_of(stream))
-    if (section.pid == 0x12)
+    if (section.pid == pid::EIT)
       heads.insert(hex(Bytes(section.bytes.begin(), section.bytes.begin() + 1)) + " " +
                    hex(Bytes(section.bytes.begin() + 3, section.bytes.begin() + 5)) + " " +
                    hex(Bytes(section.bytes.begin() + 8, section.bytes.begin() + 14)));

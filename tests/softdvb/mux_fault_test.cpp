@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "softdvb/mux_support.h"
 
 namespace {
@@ -36,7 +37,7 @@ Bytes faulty(const std::string& faults) {
 }
 
 std::vector<Section_seen> sdts(const std::string& faults) {
-  return sections_of(faulty(faults), 17, 0x42);
+  return sections_of(faulty(faults), pid::SDT, table::SDT_ACTUAL);
 }
 
 size_t wrong_crcs(const std::vector<Section_seen>& sections) {
@@ -47,18 +48,19 @@ size_t wrong_crcs(const std::vector<Section_seen>& sections) {
 TEST(MuxFault, none_without_being_asked) {
   const auto sections = sdts("");
   EXPECT_EQ(sections.size(), 5u);
-  EXPECT_EQ(wrong_crcs(sections_of(faulty(""))), sections_of(faulty(""), 20, 0x70).size()) << "only the TDT has no CRC";
+  EXPECT_EQ(wrong_crcs(sections_of(faulty(""))), sections_of(faulty(""), pid::TIME, table::TDT).size())
+      << "only the TDT has no CRC";
 }
 
 TEST(MuxFault, wrong_crc_hits_its_table_alone) {
   const Bytes stream = faulty(R"({"fault": "wrong_crc", "table": "sdt_actual"})");
-  EXPECT_EQ(wrong_crcs(sections_of(stream, 17, 0x42)), 5u);
-  EXPECT_EQ(wrong_crcs(sections_of(stream, 17, 0x46)), 0u);
-  EXPECT_EQ(wrong_crcs(sections_of(stream, 0, 0)), 0u);
+  EXPECT_EQ(wrong_crcs(sections_of(stream, pid::SDT, table::SDT_ACTUAL)), 5u);
+  EXPECT_EQ(wrong_crcs(sections_of(stream, pid::SDT, table::SDT_OTHER)), 0u);
+  EXPECT_EQ(wrong_crcs(sections_of(stream, pid::PAT, table::PAT)), 0u);
   // Apart from the CRC the section is the right one.
   Bytes right = sdts("")[0].bytes;
   right.back() = static_cast<uint8_t>(right.back() ^ 0x55);
-  EXPECT_EQ(sections_of(stream, 17, 0x42)[0].bytes, right);
+  EXPECT_EQ(sections_of(stream, pid::SDT, table::SDT_ACTUAL)[0].bytes, right);
 }
 
 TEST(MuxFault, transmissions_can_be_chosen) {
@@ -92,14 +94,14 @@ TEST(MuxFault, section_of_a_schedule_is_chosen_by_its_broadcast_number) {
 
 TEST(MuxFault, one_service_network_or_stream_can_be_chosen) {
   const Bytes pmt = faulty(R"({"fault": "wrong_crc", "table": "pmt", "service_id": 102})");
-  EXPECT_EQ(wrong_crcs(sections_of(pmt, 256, 2)), 0u);
-  EXPECT_EQ(wrong_crcs(sections_of(pmt, 272, 2)), sections_of(pmt, 272, 2).size());
+  EXPECT_EQ(wrong_crcs(sections_of(pmt, 256, table::PMT)), 0u);
+  EXPECT_EQ(wrong_crcs(sections_of(pmt, 272, table::PMT)), sections_of(pmt, 272, table::PMT).size());
   const Bytes network = faulty(R"({"fault": "drop", "tables": ["nit_actual", "nit_other"], "network_id": 9})");
-  EXPECT_EQ(sections_of(network, 16, 0x40).size(), 4u);
-  EXPECT_EQ(sections_of(network, 16, 0x41).size(), 0u);
+  EXPECT_EQ(sections_of(network, pid::NIT, table::NIT_ACTUAL).size(), 4u);
+  EXPECT_EQ(sections_of(network, pid::NIT, table::NIT_OTHER).size(), 0u);
   const Bytes other = faulty(R"({"fault": "drop", "tables": ["sdt_actual", "sdt_other"], "transport_stream_id": 2})");
-  EXPECT_EQ(sections_of(other, 17, 0x42).size(), 5u);
-  EXPECT_EQ(sections_of(other, 17, 0x46).size(), 0u);
+  EXPECT_EQ(sections_of(other, pid::SDT, table::SDT_ACTUAL).size(), 5u);
+  EXPECT_EQ(sections_of(other, pid::SDT, table::SDT_OTHER).size(), 0u);
 }
 
 TEST(MuxFault, missing_tables_are_not_there_and_the_rest_is) {
@@ -107,7 +109,8 @@ TEST(MuxFault, missing_tables_are_not_there_and_the_rest_is) {
   std::set<unsigned> table_ids;
   for (const auto& section : sections_of(stream))
     table_ids.insert(section.table_id());
-  EXPECT_EQ(table_ids, (std::set<unsigned>{0x01, 0x02, 0x40, 0x41, 0x42, 0x46, 0x73}));
+  EXPECT_EQ(table_ids, (std::set<unsigned>{table::CAT, table::PMT, table::NIT_ACTUAL, table::NIT_OTHER,
+                                           table::SDT_ACTUAL, table::SDT_OTHER, table::TOT}));
   EXPECT_EQ(sections_of(faulty(R"({"fault": "missing", "table": "all"})")).size(), 0u);
 }
 
@@ -121,14 +124,14 @@ TEST(MuxFault, cut_sections_end_too_early) {
   const Bytes stream = faulty(R"({"fault": "cut", "table": "sdt_actual", "bytes": 20})");
   size_t starts = 0;
   for (const Packet& packet : packets_of(stream)) {
-    if (packet.pid != 17 || !packet.start || packet.payload[1] != 0x42)
+    if (packet.pid != pid::SDT || !packet.start || packet.payload[1] != table::SDT_ACTUAL)
       continue;
     ++starts;
     EXPECT_EQ(Bytes(packet.payload.begin() + 1 + 20, packet.payload.end()), Bytes(163, 0xFF));
   }
   EXPECT_EQ(starts, 5u);
   const Bytes event = faulty(R"({"fault": "cut", "table": "eit_pf_actual", "section": 0, "bytes": 100})");
-  for (const auto& section : sections_of(event, 18, 0x4E))
+  for (const auto& section : sections_of(event, pid::EIT, table::EIT_PRESENT_FOLLOWING))
     EXPECT_EQ(section.number(), 1u) << "the present event needs two packets and gets one";
 }
 
@@ -169,13 +172,13 @@ void expect_loop(uint16_t pid, unsigned table_id, const std::string& table, cons
 }
 
 TEST(MuxFault, wrong_loop_length) {
-  expect_loop(256, 0x02, "pmt", "first", 10);
-  expect_loop(256, 0x02, "pmt", "inner", 15);
-  expect_loop(16, 0x40, "nit_actual", "first", 8);
-  expect_loop(16, 0x40, "nit_actual", "inner", 10 + 3 + 2 + 4);
-  expect_loop(16, 0x41, "nit_other", "first", 8);
-  expect_loop(17, 0x42, "sdt_actual", "first", 14);
-  expect_loop(18, 0x4E, "eit_pf_actual", "first", 24);
+  expect_loop(256, table::PMT, "pmt", "first", 10);
+  expect_loop(256, table::PMT, "pmt", "inner", 15);
+  expect_loop(pid::NIT, table::NIT_ACTUAL, "nit_actual", "first", 8);
+  expect_loop(pid::NIT, table::NIT_ACTUAL, "nit_actual", "inner", 10 + 3 + 2 + 4);
+  expect_loop(pid::NIT, table::NIT_OTHER, "nit_other", "first", 8);
+  expect_loop(pid::SDT, table::SDT_ACTUAL, "sdt_actual", "first", 14);
+  expect_loop(pid::EIT, table::EIT_PRESENT_FOLLOWING, "eit_pf_actual", "first", 24);
   const auto stale = sdts(R"({"fault": "wrong_loop_length", "table": "sdt_actual", "crc": "stale"})");
   EXPECT_EQ(wrong_crcs(stale), 5u);
 }
@@ -188,10 +191,10 @@ TEST(MuxFault, wrong_descriptor_length) {
     EXPECT_TRUE(sections.at(0).crc_right());
     return sections.at(0).bytes.at(at) - sections_of(faulty(""), pid, table_id).at(0).bytes.at(at);
   };
-  EXPECT_EQ(length("sdt_actual", 17, 0x42, 17), 3);
-  EXPECT_EQ(length("cat", 1, 0x01, 9), 3);
-  EXPECT_EQ(length("pmt", 256, 0x02, 18), 3);
-  EXPECT_EQ(length("eit_pf_actual", 18, 0x4E, 27), 3);
+  EXPECT_EQ(length("sdt_actual", pid::SDT, table::SDT_ACTUAL, 17), 3);
+  EXPECT_EQ(length("cat", pid::CAT, table::CAT, 9), 3);
+  EXPECT_EQ(length("pmt", 256, table::PMT, 18), 3);
+  EXPECT_EQ(length("eit_pf_actual", pid::EIT, table::EIT_PRESENT_FOLLOWING, 27), 3);
 }
 
 TEST(MuxFault, wrong_version_and_current_next) {
@@ -206,7 +209,8 @@ TEST(MuxFault, wrong_version_and_current_next) {
   }
   // The time tables have neither; they stay as they are.
   const Bytes stream = faulty(R"({"fault": "current_next_0", "table": "all"})");
-  EXPECT_EQ(sections_of(stream, 20, 0x73)[0].bytes, sections_of(faulty(""), 20, 0x73)[0].bytes);
+  EXPECT_EQ(sections_of(stream, pid::TIME, table::TOT)[0].bytes,
+            sections_of(faulty(""), pid::TIME, table::TOT)[0].bytes);
 }
 
 TEST(MuxFault, wrong_bytes) {
@@ -221,8 +225,8 @@ TEST(MuxFault, wrong_bytes) {
 
 TEST(MuxFault, other_pid) {
   const Bytes stream = faulty(R"({"fault": "other_pid", "table": "sdt_actual", "pid": 3000})");
-  EXPECT_EQ(sections_of(stream, 17, 0x42).size(), 0u);
-  const auto moved = sections_of(stream, 3000, 0x42);
+  EXPECT_EQ(sections_of(stream, pid::SDT, table::SDT_ACTUAL).size(), 0u);
+  const auto moved = sections_of(stream, 3000, table::SDT_ACTUAL);
   ASSERT_EQ(moved.size(), 5u);
   EXPECT_EQ(moved[0].bytes, sdts("")[0].bytes);
 }
@@ -250,20 +254,20 @@ std::vector<int> steps(const Bytes& stream, uint16_t pid) {
 
 TEST(MuxFault, duplicate_packet_repeats_the_counter) {
   const Bytes stream = faulty(R"({"fault": "duplicate_packet", "table": "sdt_actual", "first": 1})");
-  const auto all = steps(stream, 17);
+  const auto all = steps(stream, pid::SDT);
   EXPECT_EQ(std::count(all.begin(), all.end(), 0), 1);
   EXPECT_EQ(static_cast<size_t>(std::count(all.begin(), all.end(), 1)), all.size() - 1);
-  EXPECT_EQ(sections_of(stream, 17, 0x42).size(), 5u) << "a duplicate is no second section";
+  EXPECT_EQ(sections_of(stream, pid::SDT, table::SDT_ACTUAL).size(), 5u) << "a duplicate is no second section";
   const auto packets = packets_of(stream);
   for (size_t i = 1; i < packets.size(); ++i)
-    if (packets[i].pid == 17 && packets[i - 1].pid == 17 && packets[i].counter == packets[i - 1].counter) {
+    if (packets[i].pid == pid::SDT && packets[i - 1].pid == pid::SDT && packets[i].counter == packets[i - 1].counter) {
       EXPECT_EQ(packets[i].payload, packets[i - 1].payload);
     }
 }
 
 TEST(MuxFault, discontinuity_skips_counter_values) {
-  const auto all =
-      steps(faulty(R"({"fault": "discontinuity", "table": "sdt_actual", "from": 0.3, "to": 0.9, "skip": 5})"), 17);
+  const auto all = steps(
+      faulty(R"({"fault": "discontinuity", "table": "sdt_actual", "from": 0.3, "to": 0.9, "skip": 5})"), pid::SDT);
   EXPECT_EQ(std::count(all.begin(), all.end(), 6), 2);
   EXPECT_EQ(static_cast<size_t>(std::count(all.begin(), all.end(), 1)), all.size() - 2);
 }
@@ -271,10 +275,10 @@ TEST(MuxFault, discontinuity_skips_counter_values) {
 TEST(MuxFault, lost_packet_leaves_a_gap_and_breaks_its_section) {
   const Bytes stream =
       faulty(R"({"fault": "lose_packet", "table": "eit_pf_actual", "section": 0, "packet": 1, "first": 1})");
-  const auto all = steps(stream, 18);
+  const auto all = steps(stream, pid::EIT);
   EXPECT_EQ(std::count(all.begin(), all.end(), 2), 1);
-  EXPECT_EQ(sections_of(faulty(""), 18, 0x4E).size(), 8u);
-  EXPECT_EQ(sections_of(stream, 18, 0x4E).size(), 7u);
+  EXPECT_EQ(sections_of(faulty(""), pid::EIT, table::EIT_PRESENT_FOLLOWING).size(), 8u);
+  EXPECT_EQ(sections_of(stream, pid::EIT, table::EIT_PRESENT_FOLLOWING).size(), 7u);
 }
 
 TEST(MuxFault, transport_error_marks_the_packets) {
@@ -282,10 +286,10 @@ TEST(MuxFault, transport_error_marks_the_packets) {
   size_t marked = 0;
   for (const Packet& packet : packets_of(stream)) {
     marked += packet.transport_error ? 1 : 0;
-    EXPECT_TRUE(!packet.transport_error || packet.pid == 17);
+    EXPECT_TRUE(!packet.transport_error || packet.pid == pid::SDT);
   }
   EXPECT_EQ(marked, 2u);
-  EXPECT_EQ(sections_of(stream, 17, 0x42).size(), 3u);
+  EXPECT_EQ(sections_of(stream, pid::SDT, table::SDT_ACTUAL).size(), 3u);
 }
 
 TEST(MuxFault, faults_add_up) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/stream.h"
 #include "softdvb/mux_support.h"
 
@@ -52,7 +53,7 @@ std::map<std::string, double> longest_gaps(const Bytes& stream) {
   std::map<std::string, std::vector<size_t>> ends;
   for (const Section_seen& section : sections_of(stream)) {
     std::string name = std::to_string(section.pid) + " " + hex({section.bytes[0]});
-    if (section.table_id() != 0x70 && section.table_id() != 0x73)
+    if (section.table_id() != table::TDT && section.table_id() != table::TOT)
       name += " " + hex({section.bytes[3], section.bytes[4], section.bytes[6]});
     ends[name].push_back(section.packet);
   }
@@ -113,8 +114,8 @@ TEST(MuxStream, fast_intervals_are_fast) {
 
 TEST(MuxStream, intervals_can_be_set) {
   const Bytes stream = stream_of(one_service("", R"(, "duration": 10, "intervals": {"pat": 2.5, "sdt_actual": 0.1})"));
-  EXPECT_EQ(sections_of(stream, 0, 0).size(), 4u);
-  EXPECT_NEAR(static_cast<double>(sections_of(stream, 17, 0x42).size()), 100, 1);
+  EXPECT_EQ(sections_of(stream, pid::PAT, table::PAT).size(), 4u);
+  EXPECT_NEAR(static_cast<double>(sections_of(stream, pid::SDT, table::SDT_ACTUAL).size()), 100, 1);
 }
 
 TEST(MuxStream, has_the_length_and_bit_rate_that_were_asked_for) {
@@ -157,7 +158,7 @@ TEST(MuxStream, counters_go_on_over_the_seam_of_a_loop) {
   size_t index = 0;
   for (const Packet& packet : packets_of(stream)) {
     ++index;
-    if (packet.pid == 0x1FFF)
+    if (packet.pid == pid::LAST)
       continue;
     const auto before = last.find(packet.pid);
     if (before != last.end()) {
@@ -174,7 +175,7 @@ TEST(MuxStream, sections_are_whole_at_both_ends) {
   // Whatever begins also ends: a table that needs several packets is not cut off at the end.
   std::map<uint16_t, size_t> open;
   for (const Packet& packet : packets_of(stream)) {
-    if (packet.pid == 0x1FFF || !packet.has_payload || (packet.start && packet.payload[2] == 1))
+    if (packet.pid == pid::LAST || !packet.has_payload || (packet.start && packet.payload[2] == 1))
       continue;
     if (packet.start) {
       EXPECT_EQ(open[packet.pid], 0u);
@@ -231,7 +232,7 @@ TEST(MuxStream, payload_is_whole_pes_packets_at_its_rate) {
   std::map<uint16_t, size_t> count;
   std::map<uint16_t, std::string> head;
   for (const Packet& packet : packets_of(stream)) {
-    if (packet.pid < 257 || packet.pid == 0x1FFF || !packet.has_payload)
+    if (packet.pid < 257 || packet.pid == pid::LAST || !packet.has_payload)
       continue;
     ++count[packet.pid];
     EXPECT_TRUE(packet.start);
@@ -265,7 +266,7 @@ TEST(MuxStream, a_vanished_service_leaves_every_table) {
     ++index;
     // Packets that bring the counter to its end come later and are empty.
     const bool stuffing = packet.has_payload && packet.start && packet.payload[1] == 0xFF;
-    if ((packet.pid == 272 || packet.pid == 18 || (packet.pid == 273 && packet.has_pcr)) && !stuffing)
+    if ((packet.pid == 272 || packet.pid == pid::EIT || (packet.pid == 273 && packet.has_pcr)) && !stuffing)
       last[packet.pid] = seconds(index, 2000000);
   }
   EXPECT_EQ(last.size(), 3u);
@@ -291,7 +292,7 @@ TEST(MuxStream, a_pmt_changes_at_its_time) {
   EXPECT_EQ(lines_with(tables_by_libdvbpsi(stream, {256}), "PMT"),
             (Lines{"PMT 101 v31 pcr 257 {}: 0x02@257 {}", "PMT 101 v0 pcr 257 {}: 0x02@257 {}",
                    "PMT 101 v9 pcr 257 {}: 0x1b@257 {} 0x03@258 {0a[65737400]}"}));
-  for (const Section_seen& section : sections_of(stream, 256, 2)) {
+  for (const Section_seen& section : sections_of(stream, 256, table::PMT)) {
     const double at = seconds(section.packet, 1000000);
     if (section.version() != 31) {
       EXPECT_GE(at, section.version() == 0 ? 2 : 4);

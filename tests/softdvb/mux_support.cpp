@@ -25,6 +25,7 @@ extern "C" {
 }
 // clang-format on
 
+#include "base/ids.h"
 #include "softdvb/mux/stream.h"
 
 namespace mux_support {
@@ -117,13 +118,13 @@ void on_tot(void* lines, dvbpsi_tot_t* tot) {
 }
 
 void on_subtable(dvbpsi_t* handle, uint8_t table_id, uint16_t extension, void* lines) {
-  if (table_id == 0x40 || table_id == 0x41)
+  if (table_id == table::NIT_ACTUAL || table_id == table::NIT_OTHER)
     dvbpsi_nit_attach(handle, table_id, extension, on_nit, lines);
-  else if (table_id == 0x42 || table_id == 0x46)
+  else if (table_id == table::SDT_ACTUAL || table_id == table::SDT_OTHER)
     dvbpsi_sdt_attach(handle, table_id, extension, on_sdt, lines);
-  else if (table_id >= 0x4E && table_id <= 0x6F)
+  else if (table_id >= table::EIT_PRESENT_FOLLOWING && table_id <= table::EIT_LAST)
     dvbpsi_eit_attach(handle, table_id, extension, on_eit, lines);
-  else if (table_id == 0x70 || table_id == 0x73)
+  else if (table_id == table::TDT || table_id == table::TOT)
     dvbpsi_tot_attach(handle, table_id, extension, on_tot, lines);
 }
 
@@ -192,7 +193,7 @@ std::vector<Section_seen> sections_of(const Bytes& stream) {
   size_t index = 0;
   for (const Packet& packet : packets_of(stream)) {
     const size_t here = index++;
-    if (packet.pid == 0x1FFF || !packet.has_payload)
+    if (packet.pid == pid::LAST || !packet.has_payload)
       continue;
     Under_way& state = states[packet.pid];
     const bool repeated = state.counter == packet.counter;
@@ -243,7 +244,7 @@ std::vector<std::string> tables_by_libdvbpsi(const Bytes& stream, const std::vec
   const auto open = [&](uint16_t pid) { return handles[pid] = dvbpsi_new(nullptr, DVBPSI_MSG_NONE); };
   dvbpsi_pat_attach(open(0), on_pat, &lines);
   dvbpsi_cat_attach(open(1), on_cat, &lines);
-  for (const uint16_t pid : std::initializer_list<uint16_t>{0x10, 0x11, 0x12, 0x14})
+  for (const uint16_t pid : std::initializer_list<uint16_t>{pid::NIT, pid::SDT, pid::EIT, pid::TIME})
     dvbpsi_AttachDemux(open(pid), on_subtable, &lines);
   uint16_t program = 101;
   for (uint16_t pid : pmt_pids)

@@ -19,6 +19,7 @@ extern "C" {
 }
 // clang-format on
 
+#include "base/ids.h"
 #include "softdvb/mux_support.h"
 
 namespace {
@@ -158,7 +159,7 @@ TEST(MuxTables, a_long_sdt_takes_several_sections_of_at_most_1024_bytes) {
                                      "original_network_id": 5, "services": [)" +
                                  services + "]}");
   size_t last = 0;
-  for (const auto& section : sections_of(stream, 0x11, 0x42)) {
+  for (const auto& section : sections_of(stream, pid::SDT, table::SDT_ACTUAL)) {
     EXPECT_TRUE(section.crc_right());
     EXPECT_LE(section.bytes.size(), 1024u);
     last = section.bytes[7];
@@ -255,12 +256,12 @@ TEST(MuxTables, tdt_and_tot_tell_the_time_of_the_stream) {
                             "next": "+03:00"}, {"country": "CAN", "offset": "-03:30", "next": "-02:30"}]})"));
   // 2026-03-01 is the Modified Julian Date 61100, 0xEEAC.
   Lines times;
-  for (const auto& section : sections_of(stream, 0x14, 0x70)) {
+  for (const auto& section : sections_of(stream, pid::TIME, table::TDT)) {
     EXPECT_EQ(hex(section.bytes).substr(0, 10), "707005eeac");
     times.push_back(hex(section.bytes).substr(10));
   }
   EXPECT_EQ(times, (Lines{"180000", "180015", "180030", "180045"}));
-  const auto tots = sections_of(stream, 0x14, 0x73);
+  const auto tots = sections_of(stream, pid::TIME, table::TOT);
   ASSERT_EQ(tots.size(), 3u);
   for (const auto& tot : tots)
     EXPECT_TRUE(tot.crc_right());
@@ -286,12 +287,12 @@ TEST(MuxTables, tdt_and_tot_tell_the_time_of_the_stream) {
 
 TEST(MuxTables, time_tables_can_be_left_out) {
   const Bytes no_tdt = stream_of(one_service("", R"(, "time": {"tdt": false})"));
-  EXPECT_EQ(sections_of(no_tdt, 0x14, 0x70).size(), 0u);
-  ASSERT_EQ(sections_of(no_tdt, 0x14, 0x73).size(), 1u);
-  EXPECT_EQ(hex(sections_of(no_tdt, 0x14, 0x73)[0].bytes).substr(0, 20), "73700beeac180000f000");
+  EXPECT_EQ(sections_of(no_tdt, pid::TIME, table::TDT).size(), 0u);
+  ASSERT_EQ(sections_of(no_tdt, pid::TIME, table::TOT).size(), 1u);
+  EXPECT_EQ(hex(sections_of(no_tdt, pid::TIME, table::TOT)[0].bytes).substr(0, 20), "73700beeac180000f000");
   const Bytes no_tot = stream_of(one_service("", R"(, "time": {"tot": false})"));
-  EXPECT_EQ(sections_of(no_tot, 0x14, 0x73).size(), 0u);
-  EXPECT_EQ(sections_of(no_tot, 0x14, 0x70).size(), 1u);
+  EXPECT_EQ(sections_of(no_tot, pid::TIME, table::TOT).size(), 0u);
+  EXPECT_EQ(sections_of(no_tot, pid::TIME, table::TDT).size(), 1u);
 }
 
 TEST(MuxTables, every_section_has_its_reserved_bits_set_and_a_right_crc) {
@@ -301,14 +302,16 @@ TEST(MuxTables, every_section_has_its_reserved_bits_set_and_a_right_crc) {
   size_t count = 0;
   for (const auto& section : sections_of(stream)) {
     ++count;
-    if (section.table_id() == 0x70) {
+    if (section.table_id() == table::TDT) {
       EXPECT_EQ(section.bytes[1] & 0xF0, 0x70);
       continue;
     }
     EXPECT_TRUE(section.crc_right()) << section.table_id();
     // PAT, CAT and PMT have a 0 after the syntax indicator (ISO/IEC 13818-1), the others a reserved 1 (EN 300 468).
-    EXPECT_EQ(section.bytes[1] & 0xF0, section.table_id() < 3 ? 0xB0 : section.table_id() == 0x73 ? 0x70 : 0xF0);
-    if (section.table_id() != 0x73) {
+    EXPECT_EQ(section.bytes[1] & 0xF0, section.table_id() <= table::PMT   ? 0xB0
+                                       : section.table_id() == table::TOT ? 0x70
+                                                                          : 0xF0);
+    if (section.table_id() != table::TOT) {
       EXPECT_EQ(section.bytes[5] & 0xC1, 0xC1) << section.table_id();
     }
   }

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/ids.h"
 #include "softdvb/mux/stream.h"
 #include "softdvb/mux_support.h"
 
@@ -16,6 +17,7 @@ namespace {
 
 using mux_support::lines_with;
 using mux_support::one_service;
+using mux_support::stream_of;
 using mux_support::tables_by_libdvbpsi;
 using support::Bytes;
 using support::read_file;
@@ -30,24 +32,41 @@ struct Result {
   std::string err;
 };
 
-// Runs the tool in `folder` by the shell, so that redirections can be part of the arguments.
-Result run(const Temp_dir& folder, const std::string& arguments) {
-  const std::string command = "cd '" + folder.path() + "' && '" SOFTDVB_MUX "' " + arguments + " >out 2>err </dev/null";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(folder.file("out")), read_file(folder.file("err"))};
-}
-
-std::set<std::string> files_in(const Temp_dir& folder) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
-    names.insert(entry.path().filename());
-  return names;
-}
-
-TEST(MuxTool, wrong_use_is_one_line_and_2) {
+class Mux_tool : public testing::Test {
+ protected:
   Temp_dir folder;
+  std::string description = folder.file("a.json");
+
+  void SetUp() override { write_file(description, one_service()); }
+
+  // Runs the tool in the folder by the shell, so that redirections can be part of the arguments.
+  Result run(const std::string& arguments) const {
+    const std::string command =
+        "cd '" + folder.path() + "' && '" SOFTDVB_MUX "' " + arguments + " >out 2>err </dev/null";
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text_of("out"), text_of("err")};
+  }
+
+  std::string text_of(const std::string& name) const { return read_file(folder.file(name)); }
+  Bytes bytes_of(const std::string& name) const { return support::bytes(text_of(name)); }
+
+  std::set<std::string> files() const {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+      names.insert(entry.path().filename());
+    return names;
+  }
+
+  unsigned mode_of(const std::string& name) const {
+    struct stat status {};
+    EXPECT_EQ(stat(folder.file(name).c_str(), &status), 0);
+    return status.st_mode & 0777;
+  }
+};
+
+TEST_F(Mux_tool, wrong_use_is_one_line_and_2) {
   const auto expect = [&](const std::string& arguments, const std::string& message) {
-    const Result result = run(folder, arguments);
+    const Result result = run(arguments);
     EXPECT_EQ(result.code, 2) << arguments;
     EXPECT_EQ(result.err, message) << arguments;
     EXPECT_EQ(result.out, "") << arguments;
@@ -59,46 +78,40 @@ TEST(MuxTool, wrong_use_is_one_line_and_2) {
   expect("a.json -o a.ts --now noon", "softdvb-mux: --now noon is no time such as 2026-03-01T18:00:00Z\n");
 }
 
-TEST(MuxTool, a_wrong_description_is_one_line_and_2_and_leaves_the_old_file) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), "{\n  \"transport_stream_id\": 1,\n  \"original_network_id\": \"x\"\n}\n");
+TEST_F(Mux_tool, a_wrong_description_is_one_line_and_2_and_leaves_the_old_file) {
+  write_file(description, "{\n  \"transport_stream_id\": 1,\n  \"original_network_id\": \"x\"\n}\n");
   write_file(folder.file("a.ts"), "old");
-  const Result result = run(folder, "a.json -o a.ts");
+  const Result result = run("a.json -o a.ts");
   EXPECT_EQ(result.code, 2);
   EXPECT_EQ(
       result.err,
       "softdvb-mux: a.json: original_network_id: \"x\" is not allowed, a whole number from 0 to 65535 (or \"0x0\" to "
       "\"0xFFFF\") is\n");
-  EXPECT_EQ(read_file(folder.file("a.ts")), "old");
-  EXPECT_EQ(files_in(folder), (std::set<std::string>{"a.json", "a.ts", "err", "out"}));
+  EXPECT_EQ(text_of("a.ts"), "old");
+  EXPECT_EQ(files(), (std::set<std::string>{"a.json", "a.ts", "err", "out"}));
 }
 
-TEST(MuxTool, an_unreadable_description_is_1) {
-  Temp_dir folder;
-  Result result = run(folder, "none.json -o a.ts");
+TEST_F(Mux_tool, an_unreadable_description_is_1) {
+  Result result = run("none.json -o a.ts");
   EXPECT_EQ(result.code, 1);
   EXPECT_EQ(result.err, "softdvb-mux: none.json cannot be read: No such file or directory\n");
-  result = run(folder, ". -o a.ts");
+  result = run(". -o a.ts");
   EXPECT_EQ(result.code, 1);
   EXPECT_EQ(result.err, "softdvb-mux: . cannot be read: Is a directory\n");
 }
 
-TEST(MuxTool, an_unwritable_output_is_1_and_nothing_is_left) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service());
-  Result result = run(folder, "a.json -q -o none/a.ts");
+TEST_F(Mux_tool, an_unwritable_output_is_1_and_nothing_is_left) {
+  Result result = run("a.json -q -o none/a.ts");
   EXPECT_EQ(result.code, 1);
   EXPECT_EQ(result.err, "softdvb-mux: none/a.ts cannot be written: No such file or directory\n");
   ASSERT_EQ(mkdir(folder.file("sub").c_str(), 0755), 0);
-  result = run(folder, "a.json -q -o sub");
+  result = run("a.json -q -o sub");
   EXPECT_EQ(result.code, 1);
   EXPECT_EQ(result.err, "softdvb-mux: sub cannot be written: Is a directory\n");
-  EXPECT_EQ(files_in(folder), (std::set<std::string>{"a.json", "err", "out", "sub"}));
+  EXPECT_EQ(files(), (std::set<std::string>{"a.json", "err", "out", "sub"}));
 }
 
-TEST(MuxTool, a_full_disk_is_1_and_the_old_file_stays) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service());
+TEST_F(Mux_tool, a_full_disk_is_1_and_the_old_file_stays) {
   write_file(folder.file("a.ts"), "old");
   // No file may become larger than 16 KiB; the signal that comes with it is ignored, as a full disk sends none.
   const std::string command =
@@ -106,81 +119,65 @@ TEST(MuxTool, a_full_disk_is_1_and_the_old_file_stays) {
   const int status = std::system(("bash -c \"" + command + "\"").c_str());
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 1);
-  EXPECT_EQ(read_file(folder.file("err")), "softdvb-mux: a.ts cannot be written: File too large\n");
-  EXPECT_EQ(read_file(folder.file("a.ts")), "old");
-  EXPECT_EQ(files_in(folder), (std::set<std::string>{"a.json", "a.ts", "err", "out"}));
+  EXPECT_EQ(text_of("err"), "softdvb-mux: a.ts cannot be written: File too large\n");
+  EXPECT_EQ(text_of("a.ts"), "old");
+  EXPECT_EQ(files(), (std::set<std::string>{"a.json", "a.ts", "err", "out"}));
 }
 
-TEST(MuxTool, pipes_and_links_stay_what_they_are) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service());
+TEST_F(Mux_tool, pipes_and_links_stay_what_they_are) {
   write_file(folder.file("real.ts"), "old");
   ASSERT_EQ(chmod(folder.file("real.ts").c_str(), 0640), 0);
   ASSERT_EQ(symlink("real.ts", folder.file("link.ts").c_str()), 0);
-  ASSERT_EQ(run(folder, "-q a.json -o link.ts --now 2026-03-01T18:00:00Z").code, 0);
+  ASSERT_EQ(run("-q a.json -o link.ts --now 2026-03-01T18:00:00Z").code, 0);
   EXPECT_TRUE(std::filesystem::is_symlink(folder.file("link.ts")));
-  const std::string written = read_file(folder.file("real.ts"));
-  EXPECT_EQ(Bytes(written.begin(), written.end()), mux_support::stream_of(one_service()));
-  struct stat status;
-  ASSERT_EQ(stat(folder.file("real.ts").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0640u) << "a file that was there keeps its mode";
+  EXPECT_EQ(bytes_of("real.ts"), stream_of(one_service()));
+  EXPECT_EQ(mode_of("real.ts"), 0640u) << "a file that was there keeps its mode";
 
   ASSERT_EQ(mkfifo(folder.file("pipe").c_str(), 0600), 0);
   const std::string command = "cd '" + folder.path() +
                               "' && { cat pipe >read & '" SOFTDVB_MUX
                               "' -q a.json -o pipe --now 2026-03-01T18:00:00Z; wait; }";
   ASSERT_EQ(std::system(command.c_str()), 0);
-  EXPECT_EQ(read_file(folder.file("read")), written);
+  EXPECT_EQ(text_of("read"), text_of("real.ts"));
   EXPECT_TRUE(std::filesystem::is_fifo(folder.file("pipe")));
 }
 
-TEST(MuxTool, writes_the_stream_and_says_what) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service());
-  const Result result = run(folder, "a.json -o a.ts --now 2026-03-01T18:00:00Z");
+TEST_F(Mux_tool, writes_the_stream_and_says_what) {
+  const Result result = run("a.json -o a.ts --now 2026-03-01T18:00:00Z");
   EXPECT_EQ(result.code, 0);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "a.ts: transport stream 1, 1 services, 1330 packets, 2.0 s at 1000000 bits a second\n");
-  const std::string written = read_file(folder.file("a.ts"));
-  EXPECT_EQ(Bytes(written.begin(), written.end()), mux_support::stream_of(one_service()));
-  struct stat status;
-  ASSERT_EQ(stat(folder.file("a.ts").c_str(), &status), 0);
+  EXPECT_EQ(bytes_of("a.ts"), stream_of(one_service()));
   const mode_t mask = umask(0);
   umask(mask);
-  EXPECT_EQ(status.st_mode & 0777, 0666u & ~mask);
+  EXPECT_EQ(mode_of("a.ts"), 0666u & ~mask);
 }
 
-TEST(MuxTool, quiet_says_nothing_and_a_dash_is_standard_output) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service());
-  Result result = run(folder, "-q a.json -o a.ts --now 2026-03-01T18:00:00Z");
+TEST_F(Mux_tool, quiet_says_nothing_and_a_dash_is_standard_output) {
+  Result result = run("-q a.json -o a.ts --now 2026-03-01T18:00:00Z");
   EXPECT_EQ(result.err, "");
-  const std::string written = read_file(folder.file("a.ts"));
-  result = run(folder, "a.json -o - --now 2026-03-01T18:00:00Z");
+  const std::string written = text_of("a.ts");
+  result = run("a.json -o - --now 2026-03-01T18:00:00Z");
   EXPECT_EQ(result.code, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out, written);
 }
 
-TEST(MuxTool, now_on_the_command_line_wins_over_the_description) {
-  Temp_dir folder;
-  write_file(folder.file("a.json"), one_service("", R"(, "now": "2001-01-01T00:00:00Z")"));
-  run(folder, "a.json -o a.ts --now 2026-03-01T18:00:00Z");
-  const std::string written = read_file(folder.file("a.ts"));
-  EXPECT_EQ(Bytes(written.begin(), written.end()), mux_support::stream_of(one_service()));
+TEST_F(Mux_tool, now_on_the_command_line_wins_over_the_description) {
+  write_file(description, one_service("", R"(, "now": "2001-01-01T00:00:00Z")"));
+  run("a.json -o a.ts --now 2026-03-01T18:00:00Z");
+  EXPECT_EQ(bytes_of("a.ts"), stream_of(one_service()));
 }
 
-TEST(MuxTool, help_names_every_option) {
-  Temp_dir folder;
-  const Result result = run(folder, "--help");
+TEST_F(Mux_tool, help_names_every_option) {
+  const Result result = run("--help");
   EXPECT_EQ(result.code, 0);
   for (const char* word : {"DESCRIPTION", "-o,--output", "--now", "--list-defaults", "--example", "-q,--quiet"})
     EXPECT_THAT(result.out, HasSubstr(word));
 }
 
-TEST(MuxTool, the_listed_defaults_can_be_used_as_they_are) {
-  Temp_dir folder;
-  const Result result = run(folder, "--list-defaults");
+TEST_F(Mux_tool, the_listed_defaults_can_be_used_as_they_are) {
+  const Result result = run("--list-defaults");
   EXPECT_EQ(result.code, 0);
   EXPECT_THAT(result.out, HasSubstr("\"pat\": 0.08,"));
   EXPECT_THAT(result.out, HasSubstr("\"eit_schedule_actual_later\": 24,"));
@@ -189,17 +186,18 @@ TEST(MuxTool, the_listed_defaults_can_be_used_as_they_are) {
   const size_t end = result.out.find("  }\n", start);
   ASSERT_NE(end, std::string::npos);
   const std::string intervals = result.out.substr(start, end + 3 - start);
-  EXPECT_EQ(mux_support::stream_of(one_service("", ", " + intervals)), mux_support::stream_of(one_service()));
+  EXPECT_EQ(stream_of(one_service("", ", " + intervals)), stream_of(one_service()));
 }
 
-TEST(MuxTool, the_example_works) {
-  Temp_dir folder;
-  ASSERT_EQ(run(folder, "--example").code, 0);
+TEST_F(Mux_tool, the_example_works) {
+  ASSERT_EQ(run("--example").code, 0);
   std::filesystem::rename(folder.file("out"), folder.file("example.json"));
-  const Result result = run(folder, "-q example.json -o a.ts");
+  const Result result = run("-q example.json -o a.ts");
   EXPECT_EQ(result.code, 0);
   EXPECT_EQ(result.err, "");
 }
+
+constexpr const char* NAMES[] = {"kuldnokk-474.json", "kuldnokk-498.json", "kuldnokk-522.json"};
 
 Bytes sample(const std::string& name) {
   return softdvb_mux::make_stream(read_file(std::string(SAMPLES) + "/" + name), mux_support::NOW);
@@ -207,7 +205,7 @@ Bytes sample(const std::string& name) {
 
 TEST(Samples, every_programme_is_a_service_with_a_provider) {
   std::set<int> ids;
-  for (const char* name : {"kuldnokk-474.json", "kuldnokk-498.json", "kuldnokk-522.json"}) {
+  for (const char* name : NAMES) {
     const auto lines = tables_by_libdvbpsi(sample(name));
     const auto pat = lines_with(lines, "PAT");
     const auto sdt = lines_with(lines, "SDT 0x42");
@@ -231,7 +229,7 @@ TEST(Samples, every_programme_is_a_service_with_a_provider) {
 }
 
 TEST(Samples, every_nit_lists_the_three_multiplexes) {
-  for (const char* name : {"kuldnokk-474.json", "kuldnokk-498.json", "kuldnokk-522.json"}) {
+  for (const char* name : NAMES) {
     const auto nit = lines_with(tables_by_libdvbpsi(sample(name)), "NIT");
     ASSERT_EQ(nit.size(), 1u) << name;
     EXPECT_THAT(nit[0], StartsWith("NIT 0x40 net 65345 v0 {40[4b756c646e6f6b6b] 5b[")) << name;
@@ -243,10 +241,11 @@ TEST(Samples, every_nit_lists_the_three_multiplexes) {
 }
 
 TEST(Samples, the_guide_covers_two_days_and_more) {
-  for (const char* name : {"kuldnokk-474.json", "kuldnokk-498.json", "kuldnokk-522.json"}) {
+  for (const char* name : NAMES) {
     std::set<std::string> days;
     for (const auto& section : mux_support::sections_of(sample(name))) {
-      if (section.pid != 18 || section.table_id() < 0x50 || section.table_id() > 0x5F || section.bytes.size() < 20)
+      if (section.pid != pid::EIT || section.table_id() < table::EIT_SCHEDULE_FIRST ||
+          section.table_id() > table::EIT_SCHEDULE_LAST || section.bytes.size() < 20)
         continue;
       EXPECT_TRUE(section.crc_right());
       days.insert(mux_support::hex({section.bytes[16], section.bytes[17]}));

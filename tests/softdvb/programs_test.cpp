@@ -60,10 +60,11 @@ TEST_F(Recorded, scan_lists_the_services) {
   support::write_file(folder.file("region"), "T 506000000 8MHz 2/3 NONE QAM64 8k 1/4 NONE\n");
   const Softdvb_run run =
       run_softdvb({"--time", "x4", "--mux", "506000000=" + stream}, {"scan", "-q", folder.file("region")});
-  EXPECT_EQ(0, run.exit_code) << run.err;
-  EXPECT_EQ(names, names_of_scan(run.out));
-  EXPECT_NE(std::string::npos, run.out.find("Rai 1:506000000:INVERSION_AUTO:BANDWIDTH_8_MHZ:FEC_2_3:FEC_AUTO:QAM_64:"
-                                            "TRANSMISSION_MODE_8K:GUARD_INTERVAL_1_4:HIERARCHY_NONE:512:650:3401\n"));
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(names_of_scan(run.out), names);
+  EXPECT_NE(run.out.find("Rai 1:506000000:INVERSION_AUTO:BANDWIDTH_8_MHZ:FEC_2_3:FEC_AUTO:QAM_64:"
+                         "TRANSMISSION_MODE_8K:GUARD_INTERVAL_1_4:HIERARCHY_NONE:512:650:3401\n"),
+            std::string::npos);
 }
 
 TEST_F(Recorded, dvbv5_scan_finds_the_adapter_and_lists_the_services) {
@@ -75,8 +76,8 @@ TEST_F(Recorded, dvbv5_scan_finds_the_adapter_and_lists_the_services) {
                       " BANDWIDTH_HZ = 8000000\n");
   const Softdvb_run run = run_softdvb({"--mux", "506000000=" + stream},
                                       {"dvbv5-scan", "-N", "-o", folder.file("found"), folder.file("region")});
-  EXPECT_EQ(0, run.exit_code) << run.err;
-  EXPECT_EQ(names, names_of_v5(folder.file("found")));
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(names_of_v5(folder.file("found")), names);
 }
 
 TEST_F(Recorded, dvbdate_tells_the_time_of_the_stream) {
@@ -86,8 +87,8 @@ TEST_F(Recorded, dvbdate_tells_the_time_of_the_stream) {
     GTEST_SKIP() << "no recorded stream";
   const Softdvb_run run =
       run_softdvb({"--tuned", "506000000", "--mux", "506000000=" + mediaset}, {"env", "TZ=UTC", "LC_ALL=C", "dvbdate"});
-  EXPECT_EQ(0, run.exit_code) << run.err;
-  EXPECT_NE(std::string::npos, (run.out + run.err).find("Tue Feb 13 12:35:0")) << run.out << run.err;
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_NE((run.out + run.err).find("Tue Feb 13 12:35:0"), std::string::npos) << run.out << run.err;
 }
 
 // The sample network, as this build makes it.
@@ -102,7 +103,7 @@ class Sample_network : public testing::Test {
       const std::string file = folder.file(std::string(mhz) + ".ts");
       const Softdvb_run made =
           support::run_program({SOFTDVB_MUX, std::string(SAMPLES) + "/kuldnokk-" + mhz + ".json", "-o", file});
-      ASSERT_EQ(0, made.exit_code) << made.err;
+      ASSERT_EQ(made.exit_code, 0) << made.err;
       options.insert(options.end(), {"--mux", std::string(mhz) + "000000=" + file});
     }
     support::write_file(folder.file("scan"), "T 474000000 8MHz 2/3 NONE QAM64 8k 1/4 NONE\n");
@@ -115,48 +116,47 @@ class Sample_network : public testing::Test {
 TEST_F(Sample_network, scan_finds_all_three_multiplexes) {
   NEEDS("scan");
   const Softdvb_run run = run_softdvb(options, {"scan", "-q", folder.file("scan")});
-  EXPECT_EQ(0, run.exit_code) << run.err;
+  EXPECT_EQ(run.exit_code, 0) << run.err;
   const Lines names = names_of_scan(run.out);
   EXPECT_GE(names.size(), 20u) << run.out;
   for (const char* freq : {":474000000:", ":498000000:", ":522000000:"})
-    EXPECT_NE(std::string::npos, run.out.find(freq)) << freq;
+    EXPECT_NE(run.out.find(freq), std::string::npos) << freq;
 }
 
 TEST_F(Sample_network, dvbv5_scan_finds_all_three_multiplexes) {
   NEEDS("dvbv5-scan");
   const Softdvb_run run = run_softdvb(options, {"dvbv5-scan", "-o", folder.file("found"), folder.file("v5")});
-  EXPECT_EQ(0, run.exit_code) << run.err;
+  EXPECT_EQ(run.exit_code, 0) << run.err;
   EXPECT_GE(names_of_v5(folder.file("found")).size(), 20u);
   const std::string found = support::read_file(folder.file("found"));
   for (const char* freq : {"474000000", "498000000", "522000000"})
-    EXPECT_NE(std::string::npos, found.find(freq)) << freq;
+    EXPECT_NE(found.find(freq), std::string::npos) << freq;
 }
 
 TEST_F(Sample_network, dvbdate_reads_the_time) {
   NEEDS("dvbdate");
   options.insert(options.end(), {"--tuned", "474000000"});
   const Softdvb_run run = run_softdvb(options, {"dvbdate"});
-  EXPECT_EQ(0, run.exit_code) << run.out << run.err;
+  EXPECT_EQ(run.exit_code, 0) << run.out << run.err;
 }
 
 TEST_F(Sample_network, femon_shows_lock_and_readings) {
   NEEDS("femon");
   options.insert(options.end(), {"--tuned", "474000000", "--signal", "*:strength=0x1234", "--signal", "*:ber=7"});
   const Softdvb_run run = run_softdvb(options, {"femon", "-c", "2"});
-  EXPECT_EQ(0, run.exit_code) << run.err;
-  EXPECT_EQ(
-      "FE: softdvb DVB-T 0 (DVBT)\n"
-      "status SCVYL | signal 1234 | snr fafa | ber 00000007 | unc 00000000 | FE_HAS_LOCK\n"
-      "status SCVYL | signal 1234 | snr fafa | ber 00000007 | unc 00000000 | FE_HAS_LOCK\n",
-      run.out);
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "FE: softdvb DVB-T 0 (DVBT)\n"
+            "status SCVYL | signal 1234 | snr fafa | ber 00000007 | unc 00000000 | FE_HAS_LOCK\n"
+            "status SCVYL | signal 1234 | snr fafa | ber 00000007 | unc 00000000 | FE_HAS_LOCK\n");
 }
 
 TEST_F(Sample_network, femon_shows_a_lost_lock) {
   NEEDS("femon");
   options.insert(options.end(), {"--tuned", "474000000", "--signal", "474000000:status=0"});
   const Softdvb_run run = run_softdvb(options, {"femon", "-c", "1"});
-  EXPECT_EQ(0u, run.out.find("FE: softdvb DVB-T 0 (DVBT)\nstatus       | ")) << run.out;
-  EXPECT_EQ(std::string::npos, run.out.find("FE_HAS_LOCK"));
+  EXPECT_EQ(run.out.find("FE: softdvb DVB-T 0 (DVBT)\nstatus       | "), 0u) << run.out;
+  EXPECT_EQ(run.out.find("FE_HAS_LOCK"), std::string::npos);
 }
 
 // Programs that look for adapters through libudev.

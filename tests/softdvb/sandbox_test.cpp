@@ -43,30 +43,30 @@ static std::string in_root(const std::string& path) {
 using Names = std::vector<std::string>;
 
 TEST(Devices, are_listed) {
-  EXPECT_EQ((Names{"adapter0", "adapter2"}), names_in("/dev/dvb"));
-  EXPECT_EQ((Names{"demux0", "dvr0", "frontend0"}), names_in("/dev/dvb/adapter2"));
-  EXPECT_EQ(0, access("/dev/dvb/adapter0/frontend0", R_OK | W_OK));
-  EXPECT_EQ(-1, access("/dev/dvb/adapter1/frontend0", F_OK));
-  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(names_in("/dev/dvb"), (Names{"adapter0", "adapter2"}));
+  EXPECT_EQ(names_in("/dev/dvb/adapter2"), (Names{"demux0", "dvr0", "frontend0"}));
+  EXPECT_EQ(access("/dev/dvb/adapter0/frontend0", R_OK | W_OK), 0);
+  EXPECT_EQ(access("/dev/dvb/adapter1/frontend0", F_OK), -1);
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(Devices, others_do_not_exist) {
   for (const char* path : {"/dev/dvb/adapter1/demux0", "/dev/dvb/adapter0/ca0", "/dev/dvb/adapter0/sec0",
                            "/dev/dvb/adapter0/frontend1", "/dev/dvb0.frontend0", "/dev/dvb/adapter00x/demux0"}) {
     errno = 0;
-    EXPECT_EQ(-1, open(path, O_RDONLY)) << path;
-    EXPECT_EQ(ENOENT, errno) << path;
+    EXPECT_EQ(open(path, O_RDONLY), -1) << path;
+    EXPECT_EQ(errno, ENOENT) << path;
   }
 }
 
 TEST(Devices, are_character_devices) {
   struct stat st {};
-  ASSERT_EQ(0, stat("/dev/dvb/adapter2/demux0", &st));
+  ASSERT_EQ(stat("/dev/dvb/adapter2/demux0", &st), 0);
   EXPECT_TRUE(S_ISCHR(st.st_mode));
-  EXPECT_EQ(212u, major(st.st_rdev));
+  EXPECT_EQ(major(st.st_rdev), 212u);
   const int fd = open("/dev/dvb/adapter2/demux0", O_RDONLY);
   struct stat open_one {};
-  ASSERT_EQ(0, fstat(fd, &open_one));
+  ASSERT_EQ(fstat(fd, &open_one), 0);
   EXPECT_TRUE(S_ISCHR(open_one.st_mode));
   EXPECT_EQ(st.st_rdev, open_one.st_rdev);
   close(fd);
@@ -88,38 +88,38 @@ TEST(Devices, are_opened_by_every_variant_of_the_call) {
     fds.emplace_back(name, reinterpret_cast<Openat>(dlsym(RTLD_DEFAULT, name))(AT_FDCWD, PATH, FLAGS));
   for (const auto& [name, fd] : fds) {
     EXPECT_GE(fd, 0) << name;
-    EXPECT_EQ(0, ioctl(fd, DMX_STOP)) << name;
-    EXPECT_EQ(FLAGS, fcntl(fd, F_GETFL)) << name;
-    EXPECT_EQ(0, close(fd)) << name;
+    EXPECT_EQ(ioctl(fd, DMX_STOP), 0) << name;
+    EXPECT_EQ(fcntl(fd, F_GETFL), FLAGS) << name;
+    EXPECT_EQ(close(fd), 0) << name;
   }
 }
 
 TEST(Devices, tell_how_they_were_opened) {
   const int reader = open("/dev/dvb/adapter0/demux0", O_RDONLY | O_NONBLOCK);
-  EXPECT_EQ(O_RDONLY | O_NONBLOCK, fcntl(reader, F_GETFL));
-  EXPECT_EQ(0, fcntl(reader, F_SETFL, 0));
-  EXPECT_EQ(O_RDONLY, fcntl(reader, F_GETFL));
-  EXPECT_EQ(0, fcntl(reader, F_GETFD));
+  EXPECT_EQ(fcntl(reader, F_GETFL), O_RDONLY | O_NONBLOCK);
+  EXPECT_EQ(fcntl(reader, F_SETFL, 0), 0);
+  EXPECT_EQ(fcntl(reader, F_GETFL), O_RDONLY);
+  EXPECT_EQ(fcntl(reader, F_GETFD), 0);
   const int writer = open("/dev/dvb/adapter0/demux0", O_RDWR | O_CLOEXEC);
-  EXPECT_EQ(O_RDWR, fcntl(writer, F_GETFL));
-  EXPECT_EQ(FD_CLOEXEC, fcntl(writer, F_GETFD));
+  EXPECT_EQ(fcntl(writer, F_GETFL), O_RDWR);
+  EXPECT_EQ(fcntl(writer, F_GETFD), FD_CLOEXEC);
   close(reader);
   close(writer);
 }
 
 TEST(Sandbox, files_live_below_its_root) {
   support::write_file("/tmp/testsig", "1f");
-  EXPECT_EQ("1f", support::read_file(in_root("/tmp/testsig")));
+  EXPECT_EQ(support::read_file(in_root("/tmp/testsig")), "1f");
   EXPECT_TRUE(fs::exists("/tmp/testsig"));
-  EXPECT_EQ(0, unlink("/tmp/testsig"));
+  EXPECT_EQ(unlink("/tmp/testsig"), 0);
   EXPECT_FALSE(fs::exists(in_root("/tmp/testsig")));
-  EXPECT_EQ(0, mkdir("/dvbfiles/deep", 0755));
+  EXPECT_EQ(mkdir("/dvbfiles/deep", 0755), 0);
   support::write_file("/dvbfiles/deep/a", "text");
-  EXPECT_EQ(0, rename("/dvbfiles/deep/a", "/tmp/zoneinfo/b"));
-  EXPECT_EQ("text", support::read_file(in_root("/tmp/zoneinfo/b")));
-  EXPECT_EQ((Names{"b"}), names_in("/tmp/zoneinfo"));
-  EXPECT_EQ(0, remove("/tmp/zoneinfo/b"));
-  EXPECT_EQ(0, rmdir("/dvbfiles/deep"));
+  EXPECT_EQ(rename("/dvbfiles/deep/a", "/tmp/zoneinfo/b"), 0);
+  EXPECT_EQ(support::read_file(in_root("/tmp/zoneinfo/b")), "text");
+  EXPECT_EQ(names_in("/tmp/zoneinfo"), (Names{"b"}));
+  EXPECT_EQ(remove("/tmp/zoneinfo/b"), 0);
+  EXPECT_EQ(rmdir("/dvbfiles/deep"), 0);
 }
 
 TEST(Sandbox, other_paths_stay_as_they_are) {
@@ -132,24 +132,25 @@ TEST(Sandbox, other_paths_stay_as_they_are) {
 }
 
 TEST(Sandbox, holds_for_shell_commands) {
-  ASSERT_EQ(0, system("echo one > /tmp/zoneinfo/a && cp -f /tmp/zoneinfo/a /dvbfiles/localtime && "
-                      "mv /tmp/zoneinfo/a /dvbfiles/b && test -e /dvbfiles/b && rm /dvbfiles/b"));
-  EXPECT_EQ("one\n", support::read_file(in_root("/dvbfiles/localtime")));
-  EXPECT_EQ((Names{"localtime"}), names_in("/dvbfiles"));
+  ASSERT_EQ(system("echo one > /tmp/zoneinfo/a && cp -f /tmp/zoneinfo/a /dvbfiles/localtime && "
+                   "mv /tmp/zoneinfo/a /dvbfiles/b && test -e /dvbfiles/b && rm /dvbfiles/b"),
+            0);
+  EXPECT_EQ(support::read_file(in_root("/dvbfiles/localtime")), "one\n");
+  EXPECT_EQ(names_in("/dvbfiles"), (Names{"localtime"}));
 }
 
 TEST(Sandbox, the_zone_compiler_works_in_it) {
   if (access("/usr/sbin/zic", X_OK) != 0)
     GTEST_SKIP() << "no zone compiler";
   support::write_file("/tmp/zoneinfo/timezone.txt", "Zone EST_0  02:00 - EST\n");
-  ASSERT_EQ(0, system("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt"));
-  EXPECT_EQ(0u, support::read_file(in_root("/tmp/zoneinfo/EST_0")).find("TZif"));
+  ASSERT_EQ(system("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt"), 0);
+  EXPECT_EQ(support::read_file(in_root("/tmp/zoneinfo/EST_0")).find("TZif"), 0u);
 }
 
 TEST(Sandbox, paths_are_told_in_the_programs_terms) {
   char path[4096];
-  EXPECT_STREQ("/dev/dvb/adapter0/demux0", realpath("/dev/dvb/adapter0/demux0", path));
+  EXPECT_STREQ(realpath("/dev/dvb/adapter0/demux0", path), "/dev/dvb/adapter0/demux0");
   char* made = realpath("/dvbfiles", nullptr);
-  EXPECT_STREQ("/dvbfiles", made);
+  EXPECT_STREQ(made, "/dvbfiles");
   free(made);
 }

@@ -80,7 +80,7 @@ TEST(MuxTables, pat_in_several_sections_is_numbered) {
       stream_of(R"({"duration": 1, "payload_rate": 0, "transport_stream_id": 1, "original_network_id": 5,
                                      "pat_programs_per_section": 2,
                                      "services": [{"service_id": 101}, {"service_id": 102}, {"service_id": 103}]})");
-  const auto sections = sections_of(stream, 0, 0);
+  const auto sections = sections_of(stream, pid::PAT, table::PAT);
   ASSERT_GE(sections.size(), 2u);
   for (const auto& section : sections) {
     EXPECT_TRUE(section.crc_right());
@@ -114,14 +114,14 @@ TEST(MuxTables, teletext_subtitles_and_ca_mean_what_was_asked) {
                                                           {"language": "rus", "ancillary_page": 4}]}])"),
               "PMT");
   ASSERT_EQ(pmt.size(), 1u);
-  Raw_descriptor ca(0x09, body_of(pmt[0], "09"));
+  Raw_descriptor ca(tag::CA, body_of(pmt[0], "09"));
   const dvbpsi_ca_dr_t* system = dvbpsi_DecodeCADr(ca.get());
   ASSERT_NE(system, nullptr);
   EXPECT_EQ(system->i_ca_system_id, 0x0B00);
   EXPECT_EQ(system->i_ca_pid, 384);
   EXPECT_EQ(hex(Bytes(system->i_private_data, system->i_private_data + system->i_private_length)), "0102");
 
-  Raw_descriptor teletext(0x56, body_of(pmt[0], "56"));
+  Raw_descriptor teletext(tag::TELETEXT, body_of(pmt[0], "56"));
   const dvbpsi_teletext_dr_t* pages = dvbpsi_DecodeTeletextDr(teletext.get());
   ASSERT_NE(pages, nullptr);
   ASSERT_EQ(pages->i_pages_number, 2);
@@ -206,7 +206,7 @@ TEST(MuxTables, nit_carries_names_delivery_lists_and_numbers) {
                    "{5a[010ed7f0235459ffffffff] 41[000902] 83[0009fc01] 80[ff]}"}));
   ASSERT_EQ(nit.size(), 1u);
   const std::string second = nit[0].substr(nit[0].find(" 2/6 "));
-  Raw_descriptor delivery(0x5A, body_of(second, "5a"));
+  Raw_descriptor delivery(tag::TERRESTRIAL_DELIVERY_SYSTEM, body_of(second, "5a"));
   const dvbpsi_terr_deliv_sys_dr_t* system = dvbpsi_DecodeTerrDelivSysDr(delivery.get());
   ASSERT_NE(system, nullptr);
   EXPECT_EQ(system->i_centre_frequency, 17750000u);
@@ -222,7 +222,7 @@ TEST(MuxTables, nit_carries_names_delivery_lists_and_numbers) {
   EXPECT_EQ(system->i_mpe_fec_indicator, 0);
   EXPECT_EQ(system->i_other_frequency_flag, 1);
 
-  Raw_descriptor numbers(0x83, body_of(nit[0], "83"));
+  Raw_descriptor numbers(tag::LOGICAL_CHANNEL, body_of(nit[0], "83"));
   const dvbpsi_lcn_dr_t* lcn = dvbpsi_DecodeLCNDr(numbers.get());
   ASSERT_NE(lcn, nullptr);
   ASSERT_EQ(lcn->i_number_of_entries, 2);
@@ -268,7 +268,7 @@ TEST(MuxTables, tdt_and_tot_tell_the_time_of_the_stream) {
   EXPECT_EQ(hex(tots[1].bytes).substr(0, 20), "737027eeac180020f01c");
   const Lines lines = lines_with(tables_by_libdvbpsi(stream), "TOT 0x73");
   ASSERT_FALSE(lines.empty());
-  Raw_descriptor offsets(0x58, body_of(lines[0], "58"));
+  Raw_descriptor offsets(tag::LOCAL_TIME_OFFSET, body_of(lines[0], "58"));
   const dvbpsi_local_time_offset_dr_t* record = dvbpsi_DecodeLocalTimeOffsetDr(offsets.get());
   ASSERT_NE(record, nullptr);
   ASSERT_EQ(record->i_local_time_offsets_number, 2);

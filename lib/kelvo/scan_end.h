@@ -24,12 +24,12 @@ struct Missing_table {
 // PMTs alone (SCAN_PMT). What the guide collects afterwards belongs to no scan.
 struct Scan_end {
   int adapter = 0;
-  int freq = 0;      // Hz
+  int freq = 0;      // Hz, as asked for
   int channel = -1;  // the request's, -1 for none
   SCAN_STATE stage = SCAN_NONE;
   int outcome = SCAN_COMPLETE;
   bool merged = false;  // the channel list was brought up to date
   int changes = 0;      // what the merge changed: bits of Sdbl::update_master_scan_data's result
-  std::vector<Missing_table> missing;
+  std::vector<Missing_table> missing;  // of a scan that timed out
   Database_error error;  // the first one since the scan began; code 0 for none
 };

@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/messages.h"
 #include "support/support.h"
 
 namespace {
@@ -50,7 +51,7 @@ size_t count(const std::string& text, const std::string& part) {
 
 template <typename Condition>
 bool soon(Condition condition) {
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 60000; ++i) {
     if (condition())
       return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -59,6 +60,8 @@ bool soon(Condition condition) {
 }
 
 constexpr int ADAPTER = 3;
+constexpr int CONNECTOR = 3;
+constexpr int TYPE = 1;
 
 class Kelvo_test : public testing::Test {
  protected:
@@ -73,10 +76,9 @@ class Kelvo_test : public testing::Test {
   ~Kelvo_test() override { verbosity_kelvo = 0; }
 
   std::unique_ptr<Kelvo> make(bool tuner) {
-    const int verbosity = verbosity_kelvo.exchange(-1);
-    const support::Stderr_capture capture;
-    auto kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, tuner, changed);
-    verbosity_kelvo = verbosity;
+    std::unique_ptr<Kelvo> kelvo;
+    (void)support::messages_at(
+        -1, [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, tuner, changed); });
     return kelvo;
   }
 
@@ -97,8 +99,7 @@ TEST_F(Kelvo_test, without_tuner_readings_are_those_of_no_signal) {
 
 TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
   const auto kelvo = make(false);
-  verbosity_kelvo = 4;
-  const std::string text = support::stderr_of([&] {
+  const std::string text = support::messages_at(4, [&] {
     kelvo->set_stb_event_callback([](unsigned, void*) { ADD_FAILURE(); });
     kelvo->set_stb_event_callback(nullptr);
     kelvo->disable_tunerevents();
@@ -111,23 +112,24 @@ TEST_F(Kelvo_test, without_tuner_the_constructor_says_so_at_every_verbosity) {
   for (const int level : {-1, 0, 1}) {
     verbosity_kelvo = level;
     std::unique_ptr<Kelvo> kelvo;
-    EXPECT_EQ(support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }),
+    EXPECT_EQ(support::stderr_of(
+                  [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); }),
               "Tuner disconnected, passive stream scan\n");
   }
 }
 
 TEST_F(Kelvo_test, constructor_starts_the_worker_and_reports_priority_10_at_verbosity_4) {
   std::unique_ptr<Kelvo> kelvo;
-  verbosity_kelvo = 4;
-  const std::string text =
-      support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); });
+  const std::string text = support::messages_at(
+      4, [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); });
   EXPECT_THAT(text, testing::StartsWith("Tuner disconnected, passive stream scan\n"));
   EXPECT_THAT(text, testing::HasSubstr("sql_exec: CREATE TEMP TABLE 'kanalid_scan_3' "));
   EXPECT_THAT(text, testing::ContainsRegex("rc 0, Changing thread [0-9a-f]+ priority from -?[0-9]+ to 10\n"));
   EXPECT_THAT(text, testing::HasSubstr(" rc = 0 After change 0\n"));
   verbosity_kelvo = 3;
   kelvo.reset();
-  EXPECT_EQ(support::stderr_of([&] { kelvo = std::make_unique<Kelvo>(ADAPTER, 0, 0, &database_, false, nullptr); }),
+  EXPECT_EQ(support::stderr_of(
+                [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); }),
             "Tuner disconnected, passive stream scan\n");
 }
 
@@ -154,11 +156,11 @@ TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
   int data = 0;
   EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), 0);
   EXPECT_TRUE(kelvo->get_msg_state());
-  verbosity_kelvo = 4;
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
+  const std::string text =
+      support::messages_at(4, [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
   EXPECT_NE(std::string::npos, text.find("dvb_tuner returned 0\n"));
-  verbosity_kelvo = 3;
-  const std::string below = support::stderr_of([&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
+  const std::string below =
+      support::messages_at(3, [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
   EXPECT_EQ(below.find("dvb_tuner"), std::string::npos);
   EXPECT_EQ(answers, 0);
 }
@@ -208,9 +210,9 @@ TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
 }
 
 TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
-  const int verbosity = verbosity_kelvo.exchange(-1);
+  const support::Verbosity quiet(-1);
   const support::Stderr_capture capture;
-  Kelvo kelvo(ADAPTER, 0, 0, &database_, false, hold);
+  Kelvo kelvo(ADAPTER, CONNECTOR, TYPE, &database_, false, hold);
   EXPECT_TRUE(kelvo.export_db("", true));
   ASSERT_TRUE(soon([] { return held.load(); }));
   EXPECT_EQ(last_change, DB_EXPORTED);
@@ -229,15 +231,13 @@ TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
   EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress() && last_change == DB_EXPORTED; }));
   EXPECT_FALSE(kelvo.get_msg_state());
   EXPECT_EQ(answers, 0);
-  verbosity_kelvo = verbosity;
 }
 
 TEST_F(Kelvo_test, export_without_a_change_callback_runs_all_the_same) {
-  const int verbosity = verbosity_kelvo.exchange(-1);
-  Kelvo kelvo(ADAPTER, 0, 0, &database_, false, nullptr);
+  const support::Verbosity quiet(-1);
+  Kelvo kelvo(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr);
   EXPECT_TRUE(kelvo.export_db("", true));
   EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress(); }));
-  verbosity_kelvo = verbosity;
 }
 
 TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_it_cannot) {
@@ -276,23 +276,32 @@ TEST_F(Kelvo_test, without_tuner_every_request_is_accepted_and_never_tuned_alrea
   EXPECT_EQ(answers, 0);
 }
 
+// The worker's wait of a second is ended. Eight times, because a busy machine may be late for one of them.
 TEST_F(Kelvo_test, request_is_picked_up_at_once) {
-  const auto kelvo = make(false);
-  verbosity_kelvo = -1;
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the worker's wait of a second
-  const auto from = std::chrono::steady_clock::now();
-  int data = 0;
-  EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
-  EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
-  EXPECT_LT(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(500));
+  const support::Verbosity quiet(-1);
+  std::chrono::steady_clock::duration waited{};
+  for (int i = 0; i < 8; ++i) {
+    const auto kelvo = make(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the wait
+    const auto from = std::chrono::steady_clock::now();
+    int data = 0;
+    EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
+    EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
+    waited += std::chrono::steady_clock::now() - from;
+  }
+  EXPECT_LT(waited, std::chrono::seconds(4));
 }
 
 TEST_F(Kelvo_test, destruction_does_not_wait_for_the_end_of_a_pass) {
-  auto kelvo = make(false);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  const auto from = std::chrono::steady_clock::now();
-  kelvo.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - from, std::chrono::milliseconds(500));
+  std::chrono::steady_clock::duration waited{};
+  for (int i = 0; i < 8; ++i) {
+    auto kelvo = make(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto from = std::chrono::steady_clock::now();
+    kelvo.reset();
+    waited += std::chrono::steady_clock::now() - from;
+  }
+  EXPECT_LT(waited, std::chrono::seconds(4));
 }
 
 TEST_F(Kelvo_test, set_tuner_makes_and_deletes_and_repeats_nothing) {

@@ -63,9 +63,9 @@ TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) 
     sched_yield();
   running = false;
   EXPECT_EQ(thread.Stop(), 0);
-  EXPECT_EQ((std::vector<std::string>{"Setup", "Execute"}), thread.calls);
-  EXPECT_EQ(&argument, thread.argument);
-  EXPECT_EQ(&running, thread.seen_owner);
+  EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
+  EXPECT_EQ(thread.argument, &argument);
+  EXPECT_EQ(thread.seen_owner, &running);
   EXPECT_TRUE(pthread_equal(thread.seen_thread, thread.getThreadId()));
   EXPECT_FALSE(pthread_equal(pthread_self(), thread.getThreadId()));
 }
@@ -179,7 +179,7 @@ TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
   running = false;
   thread.Stop();
   const auto address = static_cast<int>(reinterpret_cast<uintptr_t>(static_cast<COrbelThreadKelvo*>(&thread)));
-  EXPECT_EQ(first_line(0, static_cast<unsigned>(thread.getThreadId()), address, 10) + " rc = 0 After change 0\n", text);
+  EXPECT_EQ(text, first_line(0, static_cast<unsigned>(thread.getThreadId()), address, 10) + " rc = 0 After change 0\n");
 }
 
 TEST(Thread, set_prio_is_silent_at_verbosity_3) {

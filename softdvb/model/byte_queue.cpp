@@ -18,6 +18,7 @@ void Byte_queue::resize(size_t size) {
 }
 
 bool Byte_queue::patient_room(size_t n) const {
+  // An empty queue always has room: a section larger than all of it has to overflow, or the stream would wait for ever.
   return !allocated || error != 0 || bytes_.empty() || fits(std::min(n, size_ - 1));
 }
 
@@ -74,10 +75,12 @@ ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
     {
       const Device_lock lock;
       player_advance();
+      // Before its first start a filter has no queue; reading it gives 0 even when it blocks.
       if (!queue.allocated)
         return 0;
       if (queue.error != 0) {
         const int error = queue.error;
+        // The error is told once and takes with it what was queued.
         queue.flush();
         handle.sync();
         return got > 0 ? static_cast<ssize_t>(got) : -error;

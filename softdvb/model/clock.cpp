@@ -8,6 +8,7 @@ namespace softdvb {
 
 int64_t nanos(const timespec& t) {
   constexpr int64_t LIMIT = std::numeric_limits<int64_t>::max() / static_cast<int64_t>(NANOS) - 1;
+  // Programs wait "for ever" with the largest time there is; half of the range leaves room to add to it.
   if (t.tv_sec > LIMIT)
     return std::numeric_limits<int64_t>::max() / 2;
   if (t.tv_sec < -LIMIT)
@@ -37,6 +38,7 @@ int64_t machine_now_ns() {
 
 static int64_t scaled(double ns, double by) {
   const double result = ns * by;
+  // A double that does not fit has no defined value as an integer.
   constexpr double LIMIT = 4.0e18;
   if (result > LIMIT)
     return static_cast<int64_t>(LIMIT);
@@ -55,6 +57,7 @@ int64_t to_real_duration(const Shared& s, int64_t virtual_ns) {
   if (s.speed == 1.0)
     return virtual_ns;
   const int64_t real = scaled(static_cast<double>(virtual_ns), 1.0 / s.speed);
+  // A wait of 0 would mean "disarm" to a timer and make a loop of short waits spin.
   return real == 0 && virtual_ns > 0 ? 1 : real;
 }
 

@@ -23,6 +23,7 @@ Demux_handle::Demux_handle(int adapter_index, int open_flags, int slot)
 void Demux_handle::closed() {
   stop();
   const Shared_lock lock(*shared());
+  // A forked child that closes its copy must not free the place that its parent still holds.
   if (slot_ >= 0 && adapter().demux_owner[slot_] == getpid())
     adapter().demux_owner[slot_] = 0;
 }
@@ -31,6 +32,8 @@ short Demux_handle::ready() {
   return state_ < Filter_state::GO ? short{0} : queue_.ready();
 }
 
+// Like the kernel, reads a section in two steps, header and body, and never reads past its end. A program may ask for
+// fewer bytes than either; what is left is remembered, even over an overflow.
 ssize_t Demux_handle::read(void* to, size_t n) {
   uint8_t* at = static_cast<uint8_t*>(to);
   if (type_ != Type::SECTION)
@@ -44,6 +47,7 @@ ssize_t Demux_handle::read(void* to, size_t n) {
     }
     std::copy_n(at, got, header_ + (3 - header_missing_));
     header_missing_ -= static_cast<int>(got);
+    // The end of a section that was cut on purpose is here, before the length in its header says so.
     if (cut_reached())
       return got;
     if (header_missing_ > 0)
@@ -102,6 +106,7 @@ int Demux_handle::request(unsigned long request, void* argument) {
       if (argument == nullptr) {
         result = -EFAULT;
       } else {
+        // No decoder is behind this adapter, so none of its five PIDs is set.
         std::fill_n(static_cast<uint16_t*>(argument), 5, uint16_t{0xFFFF});
         result = 0;
       }
@@ -121,6 +126,8 @@ int Demux_handle::start() {
   if (state_ < Filter_state::SET)
     return -EINVAL;
   stop();
+  // The kernel makes the queue before it looks at the PID. So a start that fails changes what reading says: 0 before,
+  // "try again" after it.
   queue_.allocated = true;
   queue_.flush();
   header_missing_ = 3;
@@ -144,6 +151,7 @@ void Demux_handle::stop() {
   queue_.flush();
 }
 
+// A filter that cannot run has replaced the old one all the same: only the start looks at the PID.
 int Demux_handle::set_filter(const dmx_sct_filter_params& p) {
   stop();
   type_ = Type::SECTION;
@@ -201,6 +209,7 @@ bool Demux_handle::takes_pid(int pid) const {
 bool Demux_handle::matches(const uint8_t* section) const {
   bool differs = false;
   for (int i = 0; i < DMX_FILTER_SIZE; ++i) {
+    // The two length bytes are not filtered, so all but the first byte of a filter stand two places further on.
     const uint8_t byte = section[i == 0 ? 0 : i + 2];
     const uint8_t mask = section_.filter.mask[i];
     const uint8_t mode = section_.filter.mode[i];
@@ -210,10 +219,12 @@ bool Demux_handle::matches(const uint8_t* section) const {
     if ((difference & mode) != 0)
       differs = true;
   }
+  // Bits in `mode` ask for a difference in at least one of them, not in each.
   return differs || !has_negative_;
 }
 
 void Demux_handle::deliver_section(const uint8_t* section, size_t n, size_t cut_to) {
+  // After an overflow nothing more is taken until the program has read the error.
   if (queue_.error != 0)
     return;
   deadline_ns_ = 0;
@@ -231,6 +242,7 @@ void Demux_handle::deliver_section(const uint8_t* section, size_t n, size_t cut_
 void Demux_handle::deliver_packet(const uint8_t* packet) {
   const uint8_t* from = packet;
   size_t n = TS_PACKET;
+  // DMX_OUT_TAP gives the payload alone, DMX_OUT_TSDEMUX_TAP whole packets; the others go elsewhere.
   if (pes_.output == DMX_OUT_TAP) {
     const unsigned control = (packet[3] >> 4) & 3u;
     size_t at = 4;
@@ -298,6 +310,8 @@ void Demux::filter_started(const Demux_handle& filter) {
   if (filter.type() == Demux_handle::Type::PACKETS) {
     ++packet_filters_;
   } else {
+    // Filters of one PID share a feed as in the kernel. That is why a new one loses its neighbours' arriving section,
+    // and why the first one decides whether CRCs are checked.
     auto [at, fresh] = feeds_.try_emplace(filter.pid(), filter.pid(), filter.checks_crc());
     ++at->second.users;
     if (!fresh)
@@ -323,6 +337,7 @@ void Demux::pids_changed() {
 }
 
 void Demux::find_wanted() {
+  // Most packets of a stream interest nobody; one look into this table is all that they cost.
   wanted_.fill(false);
   for (const auto& [pid, feed] : feeds_)
     wanted_[static_cast<size_t>(pid)] = true;
@@ -355,6 +370,7 @@ static Damage damage_for(const Adapter& adapter, int pid, int table, uint64_t no
       continue;
     if ((fault.table >= 0 && fault.table != table) || now_ns < fault.at_ns)
       continue;
+    // Every section meant is counted, harmed or not, because "@FIRST" counts from the first one.
     const uint32_t nth = fault.seen.fetch_add(1, std::memory_order_relaxed) + 1;
     if (nth < fault.from || (fault.count != 0 && nth >= fault.from + fault.count))
       continue;
@@ -390,10 +406,12 @@ int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_
         return;
       uint8_t altered[MAX_SECTION + 32];
       if (damage.bad_crc) {
+        // Filters of 18 bytes look behind a short section, so what follows it is copied too.
         std::copy_n(section, n + 18, altered);
         altered[n - 1] = static_cast<uint8_t>(altered[n - 1] ^ 0xFF);
         section = altered;
       }
+      // Without the syntax bit a section is taken to have no CRC, also a TOT, which has one.
       if (check_crc && (section[1] & 0x80) != 0 && section_crc(section, n) != 0)
         return;
       for (int times = damage.twice ? 2 : 1; times > 0; --times)
@@ -434,6 +452,7 @@ int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
     else
       filter.deliver_packet(p);
   }
+  // All filters with that output share the one queue of the dvr device, which gets each packet once.
   if (!to_dvr)
     return delivered;
   for (const auto& handle : all_handles())
@@ -461,6 +480,7 @@ bool Demux::has_room(int adapter_index, int pid) {
 }
 
 Demux& demux_of(int adapter_index) {
+  // Never deleted: the player may still run when the program's own destructors do.
   static Demux* const demuxes = new Demux[MAX_ADAPTERS];
   return demuxes[adapter_index];
 }

@@ -35,6 +35,7 @@ bool is_fault_call(const std::string& name) {
 static bool fits(const Fault& fault, const char* call, const char* target) {
   if (strcmp(fault.call, call) != 0)
     return false;
+  // First the whole path, then the file name alone, so that "demux0" means that of every adapter.
   if (fault.target[0] == '\0' || fnmatch(fault.target, target, 0) == 0)
     return true;
   const char* base = strrchr(target, '/');
@@ -51,6 +52,7 @@ int fault_for(const char* call, const char* target) {
     Fault& fault = s->fault[i];
     if (!fits(fault, call, target))
       continue;
+    // Counted without a lock, because every call of every process comes by here. Later faults win.
     const uint32_t nth = fault.seen.fetch_add(1, std::memory_order_relaxed) + 1;
     if (nth < fault.from || (fault.count != 0 && nth >= fault.from + fault.count))
       continue;
@@ -84,6 +86,7 @@ bool call_fails(const char* call, const char* target) {
 bool call_fails_on(const char* call, int fd) {
   if (!have_faults())
     return false;
+  // Finding the name must not show in errno when the call then works.
   const int saved = errno;
   const std::string target = target_of(fd);
   errno = saved;

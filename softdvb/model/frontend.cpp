@@ -79,6 +79,7 @@ static int tuned_mux(const Adapter& a) {
   for (int i = 0; i < a.mux_count; ++i) {
     const uint32_t freq = a.mux[i].freq;
     const uint32_t off = freq > asked.frequency ? freq - asked.frequency : asked.frequency - freq;
+    // A receiver also locks a little beside the frequency, as scans that use offsets of 1/6 MHz expect.
     if (off <= LOCK_TOLERANCE_HZ && a.mux[i].delivery == asked.delivery)
       return i;
   }
@@ -146,6 +147,7 @@ static void add_event(Adapter& a, uint32_t status) {
   Frontend& fe = a.fe;
   const int next = (fe.event_write + 1) % EVENT_QUEUE;
   if (next == fe.event_read) {
+    // The oldest event gives way, and the program hears of it once, as EOVERFLOW.
     fe.event_overflow = 1;
     fe.event_read = (fe.event_read + 1) % EVENT_QUEUE;
   }
@@ -159,10 +161,13 @@ static void settle(Adapter& a, uint64_t now_ns) {
   Frontend& fe = a.fe;
   const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
   if (!held) {
+    // The core puts a frontend to sleep a while after its last writer; a program that
+    // opens it before finds the lock still there.
     if (fe.powered != 0 && fe.closed_at_ns != 0 && now_ns >= fe.closed_at_ns + SLEEP_AFTER_CLOSE_NS)
       power_down(fe);
     return;
   }
+  // All looks that are due are made up for one by one, so events do not depend on who asks when.
   while (fe.tuned != 0 && fe.dead == 0 && fe.next_look_ns <= now_ns) {
     const uint32_t status = driver_status(a, fe.next_look_ns);
     if (status != fe.last_event_status)
@@ -202,6 +207,7 @@ On_air frontend_on_air(Adapter& adapter, uint64_t now_ns) {
 void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
   Frontend& fe = a.fe;
   fe.asked = tuning;
+  // Events of the old tuning are of no use; the first one of the new tuning says that there is no lock yet.
   fe.event_read = fe.event_write = fe.event_overflow = 0;
   fe.was_locked = 0;
   add_event(a, 0);
@@ -259,6 +265,7 @@ void Frontend_handle::closed() {
   if (inherited)
     return;
   Adapter& a = adapter();
+  // A copy of the descriptor in another process keeps the lock on the file, and the frontend stays in use.
   const int again = take_writer_lock(a, true);
   if (again < 0)
     return;  // another process still has it
@@ -398,6 +405,7 @@ int Frontend_handle::request(unsigned long request, void* argument) {
       const Device_lock device_lock;
       const uint64_t now = adapter_now_ns(*shared());
       int result = 0;
+      // What was on the air until now is delivered before the frequency changes.
       if (request == FE_SET_FRONTEND || request == FE_SET_PROPERTY)
         player_advance();
       {

@@ -46,6 +46,7 @@ uint32_t default_delivery(int fe_type) {
 dvb_frontend_info frontend_info(const Adapter& a) {
   static const char* const KINDS[] = {"DVB-S", "DVB-C", "DVB-T", "ATSC"};
   dvb_frontend_info info{};
+  // Programs show this name; the number tells two adapters apart.
   const std::string name = std::string("softdvb ") + KINDS[a.fe_type] + " " + std::to_string(a.number);
   std::strncpy(info.name, name.c_str(), sizeof info.name - 1);
   info.type = static_cast<fe_type>(a.fe_type);
@@ -70,6 +71,7 @@ Tuning untuned(int fe_type) {
   t.hierarchy = HIERARCHY_AUTO;
   t.fec_inner = FEC_AUTO;
   t.delivery = default_delivery(fe_type);
+  // Everything that a driver may find out by itself is automatic, as after DTV_CLEAR.
   t.stream_id = NO_STREAM_ID_FILTER;
   return t;
 }
@@ -105,6 +107,7 @@ dvb_frontend_parameters to_parameters(const Tuning& t, int fe_type) {
       break;
   }
   dvb_ofdm_parameters& o = p.u.ofdm;
+  // Automatic also stands for a bandwidth that the old interface has no name for.
   o.bandwidth = BANDWIDTH_AUTO;
   for (const Bandwidth& b : BANDWIDTHS)
     if (b.hz == t.bandwidth_hz)
@@ -161,6 +164,7 @@ int set_properties(Adapter& a, const dtv_properties& list, bool* tune) {
     return -EINVAL;
   if (list.props == nullptr)
     return -EFAULT;
+  // Properties only collect; nothing is tuned before DTV_TUNE, which may come in a later call.
   Tuning& t = a.requested;
   for (uint32_t i = 0; i < list.num; ++i) {
     const uint32_t data = list.props[i].u.data;
@@ -219,6 +223,7 @@ int set_properties(Adapter& a, const dtv_properties& list, bool* tune) {
 }
 
 static void set_stat(dtv_property& p, bool known, uint8_t scale, uint64_t value) {
+  // A statistic that is not there is still one entry, whose scale says so.
   p.u.st.len = 1;
   p.u.st.stat[0].scale = known ? scale : static_cast<uint8_t>(FE_SCALE_NOT_AVAILABLE);
   p.u.st.stat[0].uvalue = known ? value : 0;
@@ -230,6 +235,7 @@ static void get_stat(const Adapter& a, dtv_property& p, uint32_t status, uint64_
   const auto has = [&](Reading r) { return (a.missing_readings & 1u << static_cast<int>(r)) == 0; };
   switch (p.cmd) {
     case DTV_STAT_SIGNAL_STRENGTH:
+      // Strength is measured from the first carrier on, everything else needs a lock.
       set_stat(p, status != 0 && has(Reading::STRENGTH), FE_SCALE_RELATIVE, reading(Reading::STRENGTH));
       break;
     case DTV_STAT_CNR:
@@ -318,6 +324,7 @@ int get_properties(Adapter& a, const dtv_properties& list, uint32_t status, uint
     return -EINVAL;
   if (list.props == nullptr)
     return -EFAULT;
+  // Once for the whole list, so that its values belong together.
   const Tuning t = reported_tuning(a, now_ns);
   for (uint32_t i = 0; i < list.num; ++i) {
     const int result = get_property(a, t, list.props[i], status, now_ns);

@@ -11,6 +11,7 @@ static bool is_below(const char* path, const char* folder) {
 }
 
 Path::Path(const char* path) : result_(path) {
+  // Nearly every path is none of ours; two letters tell, before the record is looked up.
   if (path == nullptr || path[0] != '/' || (path[1] != 'd' && path[1] != 't'))
     return;
   const Shared* s = shared();
@@ -26,6 +27,7 @@ Path::Path(const char* path) : result_(path) {
   }
   if (into == nullptr)
     return;
+  // No memory is taken here: paths are also rewritten in children between fork and exec.
   const int n = snprintf(buffer_, sizeof buffer_, "%s%s", into, path);
   if (n > 0 && static_cast<size_t>(n) < sizeof buffer_)
     result_ = buffer_;
@@ -39,6 +41,7 @@ Device_path parse_device_path(const char* path) {
   int number = -1;
   char name[16] = "";
   int used = 0;
+  // A path with anything behind the name is no device, nor is one with three digits.
   if (sscanf(path + 16, "%2d/%15[a-z0-9]%n", &number, name, &used) != 2 || path[16 + used] != '\0')
     return result;
   for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR}) {

@@ -95,6 +95,7 @@ static Player& player() {
 static int moved_up(int fd) {
   if (fd < 0)
     return fd;
+  // High numbers may be forbidden by the limit of open files, then a lower one does.
   for (const int lowest : {800, 150, 90}) {
     const int high = SOFTDVB_REAL(fcntl)(fd, F_DUPFD_CLOEXEC, lowest);
     if (high < 0)
@@ -130,6 +131,7 @@ bool Stream_file::open(const Adapter& a, int mux) {
 const uint8_t* Stream_file::packet(uint64_t number) {
   number %= mux_->packets;
   const size_t size = mux_->packet_size;
+  // Read in blocks: a call for each packet would cost more than all the rest.
   if (block_.empty() || number < block_first_ || (number - block_first_) * size + TS_PACKET > block_.size()) {
     block_.resize(BLOCK_PACKETS * size);
     block_first_ = number;
@@ -196,6 +198,7 @@ static bool ended(const Adapter& a, const Playing& p) {
 static void give(int adapter_index, Playing& p, uint64_t now_ns) {
   const uint8_t* packet = p.file.packet(p.next);
   ++p.next;
+  // A damaged file is played as it is, less the packets that are none.
   if (packet == nullptr || packet[0] != 0x47)
     return;
   Adapter& a = shared()->adapter[adapter_index];
@@ -213,6 +216,7 @@ static bool must_wait(int adapter_index, Playing& p, int64_t patience_ns) {
     p.waiting_since_ns = 0;
     return false;
   }
+  // Patience is measured in real time, because it is for a reader that the machine does not run.
   const int64_t now = machine_now_ns();
   if (p.waiting_since_ns == 0)
     p.waiting_since_ns = now;
@@ -225,6 +229,7 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
   Adapter& a = s.adapter[adapter_index];
   Playing& p = player().playing[adapter_index];
   if (demux_of(adapter_index).idle()) {
+    // Nobody listens. Where the stream is then is found anew when somebody does.
     p.placed = false;
     return IDLE_TICK_NS;
   }
@@ -264,6 +269,7 @@ static int64_t advance(uint64_t limit) {
   Shared& s = *shared();
   const uint64_t now = adapter_now_ns(s);
   int64_t wait = 1000 * MS;
+  // A tenth of a millisecond at least, or a deadline just passed would make the thread spin.
   const auto sooner = [&](uint64_t at_ns) {
     const int64_t left = at_ns > now ? to_real_duration(s, static_cast<int64_t>(at_ns - now)) : 0;
     wait = std::min(wait, std::max<int64_t>(left, MS / 10));
@@ -310,6 +316,7 @@ static void* player_thread(void*) {
     pollfd wake{};
     {
       const Device_lock lock;
+      // A program that closed its devices gets rid of the thread, too.
       if (!has_work()) {
         player().running = false;
         return nullptr;

@@ -49,6 +49,7 @@ void Section_feed::packet(const uint8_t* p, const Sink& sink) {
   const unsigned counter = p[3] & 0x0Fu;
   const bool in_order = ((counter_ + 1) & 0x0Fu) == counter;
   counter_ = counter;
+  // A section with a gap inside is of no use, and where the next one begins only a packet with a start can tell.
   if (!in_order || discontinuity)
     restart();
 
@@ -58,9 +59,11 @@ void Section_feed::packet(const uint8_t* p, const Sink& sink) {
     return;
   }
   const size_t pointer = p[at];
+  // A pointer beyond the packet makes all of it doubtful.
   if (size <= 1 || pointer >= size)
     return;
   const uint8_t* before = p + at + 1;
+  // Before the place that the pointer names stands the end of the section that has been arriving.
   add(before, pointer, sink);
   begin_section();
   start_seen_ = true;
@@ -79,8 +82,10 @@ void Section_feed::add(const uint8_t* data, size_t size, const Sink& sink) {
   while (section_at_ + 2 < filled_) {
     const uint8_t* section = buffer_.data() + section_at_;
     const size_t length = 3 + ((section[1] & 0x0Fu) << 8 | section[2]);
+    // Stuffing (0xFF) reads as a section that is too long; nothing comes behind it until the next start.
     if (length > MAX_SECTION || section_at_ + length > filled_)
       return;
+    // What arrived since a restart may be the middle of a section.
     if (start_seen_)
       sink(section, length);
     section_at_ += length;

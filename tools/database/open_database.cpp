@@ -1,5 +1,7 @@
 #include "tools/database/open_database.h"
 
+#include <sqlite3.h>
+
 #include <iterator>
 
 #include <fmt/format.h>
@@ -8,7 +10,31 @@
 #include "tools/cli/failure.h"
 #include "tools/database/channel_db.h"
 
-std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists, console::Quiet_library* quiet) {
+namespace {
+
+// The first failure of the database that is worth ending for, or one with code 0.
+Database_error first_failure(Sdbl* database) {
+  Database_error error;
+  if (!database->first_error(&error)) {
+    return {};
+  }
+  error.code &= 0xFF;  // without what extends it
+  switch (error.code) {
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_READONLY:
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+      return error;
+    default:
+      database->forget_errors();  // or it would hide what comes after it
+      return {};
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists) {
   std::unique_ptr<Sdbl> database;
   try {
     database = std::make_unique<Sdbl>(file.c_str());
@@ -16,7 +42,7 @@ std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists, consol
     throw Failure(fmt::format("{}: cannot be opened: {}", file, error.what()));
   }
   try {
-    quiet->check_written(file);
+    check_written(database.get(), file);
   } catch (const Failure&) {
     database.reset();
     if (!exists) {
@@ -25,6 +51,21 @@ std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists, consol
     throw;
   }
   return database;
+}
+
+bool write_failed(Sdbl* database) {
+  return first_failure(database).code != 0;
+}
+
+void check_written(Sdbl* database, const std::string& file) {
+  const Database_error error = first_failure(database);
+  if (error.guide_full) {
+    throw Failure(file + ": no room for more events: the disk is full, or the guide is as large as it may be");
+  }
+  if (error.code != 0) {
+    throw Failure(fmt::format("{}: cannot be written: {}", file,
+                              error.code == SQLITE_FULL ? "disk full" : sqlite3_errstr(error.code)));
+  }
 }
 
 void collect_all_guides(Sdbl* database) {

@@ -1,3 +1,4 @@
+#include <base/ids.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -25,7 +26,7 @@
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
 #include "tools/database/open_database.h"
-#include "tools/epg/epg_job.h"
+#include "tools/epg/guide_job.h"
 
 namespace {
 
@@ -74,8 +75,10 @@ std::string bar(const Guide_progress& progress) {
   const EIT_progress& service = progress.service;
   if (progress.state != Guide_state::COLLECTING) {
     filled = BAR_WIDTH;
-  } else if (service.last_table >= 0x50 && service.table >= 0x50) {
-    filled = std::min(BAR_WIDTH, BAR_WIDTH * (service.table - 0x4F) / (service.last_table - 0x4F + 2));
+  } else if (service.last_table >= table::EIT_SCHEDULE_FIRST && service.table >= table::EIT_SCHEDULE_FIRST) {
+    const int tables = service.last_table - table::EIT_SCHEDULE_FIRST + 1;
+    const int reached = service.table - table::EIT_SCHEDULE_FIRST + 1;
+    filled = std::min(BAR_WIDTH, BAR_WIDTH * reached / (tables + 2));
   }
   return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(BAR_WIDTH - filled), '.');
 }
@@ -103,8 +106,9 @@ class Update {
   std::unique_ptr<Channel_db> reader_;
   std::map<int, Service> services_;
   std::map<int, int> before_;  // events by channel
-  std::unique_ptr<Guide_work> work_;
-  std::vector<std::unique_ptr<Guide_adapter>> adapters_;
+  std::unique_ptr<Sdbl> database_;
+  std::unique_ptr<Engine> engine_;
+  std::unique_ptr<Guide_job> job_;
   std::vector<Guide_multiplex> seen_;
   std::map<int, std::string> said_;  // by channel
   std::set<int> closed_;             // frequencies whose end has been said
@@ -114,30 +118,20 @@ class Update {
 
 int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   before_ = Guide_db(db_).counts();
-  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
-  collect_all_guides(database.get());
+  database_ = open_database(db_, exists);
+  collect_all_guides(database_.get());
   reader_ = std::make_unique<Channel_db>(db_);
-  work_ = std::make_unique<Guide_work>(freqs_, seconds_, frontends.size());
-  std::vector<Frontend_info> infos;
-  infos.reserve(frontends.size());
-  for (const auto& [number, frontend] : frontends) {
-    infos.push_back(frontend);
-  }
-  work_->leave_out_unreceivable(infos);
-  for (const auto& [number, frontend] : frontends) {
-    adapters_.push_back(std::make_unique<Guide_adapter>(number, frontend, database.get(), work_.get()));
-  }
-  for (const auto& adapter : adapters_) {
-    adapter->start();
-  }
+  engine_ = std::make_unique<Engine>(frontends, freqs_, database_.get());
+  job_ = std::make_unique<Guide_job>(freqs_, seconds_, engine_.get());
+  engine_->start([this](Adapter& adapter, int freq) { job_->work(adapter, freq); });
   work();
-  adapters_.clear();  // Each ends what it is writing.
+  engine_->join();  // Each adapter ends what it is writing.
   lines_.clear();
-  seen_ = work_->multiplexes();
+  seen_ = job_->multiplexes();
   say_news();
   report();
   console::finish_printing("the report");
-  quiet_.check_written(db_);
+  check_written(database_.get(), db_);
   if (interrupted_) {
     console::say("kelvo: interrupted; what was collected is kept");
     return EXIT_INTERRUPTED;
@@ -146,22 +140,23 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
 }
 
 void Update::work() {
-  pollfd waits[] = {{interrupt_.fd(), POLLIN, 0}};
-  while (!work_->ended()) {
-    (void)poll(waits, 1, LOOK_INTERVAL_MS);
-    seen_ = work_->multiplexes();
+  pollfd waits[] = {{engine_->fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
+  while (!engine_->ended()) {
+    (void)poll(waits, 2, LOOK_INTERVAL_MS);
+    engine_->calm();
+    seen_ = job_->multiplexes();
     if (console::is_terminal()) {
       draw();
     } else {
       say_news();
     }
-    if ((waits[0].revents & POLLIN) != 0) {
+    if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
-      waits[0].fd = -1;
-      work_->stop();
+      waits[1].fd = -1;
+      engine_->stop();
     }
-    if (quiet_.database_failure() != 0) {
-      work_->stop();  // Nothing more can be kept.
+    if (write_failed(database_.get())) {
+      engine_->stop();  // Nothing more can be kept.
     }
   }
 }
@@ -181,13 +176,10 @@ void Update::draw() {
     if (multiplex.outcome != Guide_outcome::RUNNING) {
       continue;
     }
-    lines.push_back(fmt::format("{}  {} of {} multiplexes done", mhz(multiplex.freq),
-                                std::count_if(seen_.begin(), seen_.end(),
-                                              [](const Guide_multiplex& other) {
-                                                return other.outcome != Guide_outcome::WAITING &&
-                                                       other.outcome != Guide_outcome::RUNNING;
-                                              }),
-                                seen_.size()));
+    lines.push_back(fmt::format(
+        "{}  {} of {} multiplexes done", mhz(multiplex.freq),
+        std::count_if(seen_.begin(), seen_.end(), [](const Guide_multiplex& other) { return other.over(); }),
+        seen_.size()));
     for (const Guide_progress& progress : multiplex.services) {
       lines.push_back(fmt::format("  [{}] {:5} events  {}  {}", bar(progress), progress.service.events,
                                   table_of(progress.service), name_of(progress.service.channel)));
@@ -227,8 +219,7 @@ void Update::say_news() {
         console::say(said);
       }
     }
-    const bool over = multiplex.outcome != Guide_outcome::WAITING && multiplex.outcome != Guide_outcome::RUNNING;
-    if (over && closed_.insert(multiplex.freq).second) {
+    if (multiplex.over() && closed_.insert(multiplex.freq).second) {
       console::say(fmt::format("[{}/{}] {}: {}", closed_.size(), seen_.size(), mhz(multiplex.freq),
                                outcome_text(multiplex.outcome)));
     }

@@ -20,6 +20,7 @@
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/open_database.h"
+#include "tools/engine/engine.h"
 #include "tools/scan/scan_job.h"
 #include "tools/scan/scan_report.h"
 
@@ -40,7 +41,6 @@ class Scan {
   Scan(const std::vector<int>& freqs, const std::string& db, int verbosity)
       : db_(db),
         freqs_(freqs),
-        list_(freqs),
         quiet_(verbosity),
         progress_(static_cast<int>(freqs.size()), verbosity < 0 && console::is_terminal()) {}
 
@@ -48,49 +48,41 @@ class Scan {
 
  private:
   void work();
-  void handle(const Scan_event& event);
+  void handle(const Multiplex_result& result);
   void draw();
 
   std::string db_;
   std::vector<int> freqs_;
-  Frequency_list list_;
-  Event_queue events_;
   Interrupt interrupt_;
   console::Quiet_library quiet_;
   Progress progress_;
   std::unique_ptr<Channel_db> reader_;
-  std::map<int, std::unique_ptr<Scan_adapter>> adapters_;
-  std::map<int, int> current_;  // frequency by adapter
+  std::unique_ptr<Sdbl> database_;
+  Scan_job job_;
+  std::unique_ptr<Engine> engine_;
   std::vector<Multiplex_line> lines_;
-  size_t idle_ = 0;
   int services_ = 0;
   bool interrupted_ = false;
 };
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
-  const std::unique_ptr<Sdbl> database = open_database(db_, exists, &quiet_);
+  database_ = open_database(db_, exists);
   reader_ = std::make_unique<Channel_db>(db_);
-  for (const auto& [number, frontend] : frontends) {
-    adapters_[number] = std::make_unique<Scan_adapter>(number, frontend, database.get(), &list_, &events_);
-  }
-  for (const auto& [number, adapter] : adapters_) {
-    adapter->start();
-  }
+  engine_ = std::make_unique<Engine>(frontends, freqs_, database_.get());
+  engine_->start([this](Adapter& adapter, int freq) { job_.work(adapter, freq); });
   work();
   progress_.clear();
   if (interrupted_) {
-    for (const auto& [number, adapter] : adapters_) {
-      adapter->join();  // A merge that was under way counts.
-    }
+    engine_->join();  // A merge that was under way counts.
   }
-  for (const int freq : list_.left()) {
+  for (const int freq : engine_->left()) {
     lines_.push_back({{freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
   }
   print_report(stdout, lines_, before, reader_->services(false));
   const bool printed = fflush(stdout) == 0;
-  adapters_.clear();
-  quiet_.check_written(db_);
+  engine_.reset();
+  check_written(database_.get(), db_);
   if (!printed) {
     throw Failure("cannot write the report: " + std::string(strerror(errno)));
   }
@@ -102,40 +94,27 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
 }
 
 void Scan::work() {
-  pollfd waits[] = {{events_.fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
-  while (idle_ < adapters_.size()) {
+  pollfd waits[] = {{engine_->fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
+  for (bool ended = false; !ended;) {
     draw();
     (void)poll(waits, 2, progress_.on() ? DRAW_INTERVAL_MS : -1);
-    for (const Scan_event& event : events_.take_all()) {
-      handle(event);
+    engine_->calm();
+    ended = engine_->ended();  // looked at first, so that no result comes behind it
+    for (const Multiplex_result& result : job_.take_results()) {
+      handle(result);
     }
     if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
       waits[1].fd = -1;
-      list_.close();
-      for (const auto& [number, adapter] : adapters_) {
-        adapter->stop();
-      }
+      engine_->stop();
     }
-    if (quiet_.database_failure() != 0 && !interrupted_) {
-      list_.close();  // Nothing more can be kept.
+    if (!interrupted_ && write_failed(database_.get())) {
+      engine_->close();  // Nothing more can be kept.
     }
   }
 }
 
-void Scan::handle(const Scan_event& event) {
-  const Multiplex_result& result = event.result;
-  switch (event.kind) {
-    case Scan_event::Kind::STARTED:
-      current_[result.adapter] = result.freq;
-      return;
-    case Scan_event::Kind::IDLE:
-      current_.erase(result.adapter);
-      ++idle_;
-      return;
-    case Scan_event::Kind::FINISHED:
-      break;
-  }
+void Scan::handle(const Multiplex_result& result) {
   Multiplex_line line{result, 0};
   if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
     line.services = reader_->services_found(result.freq);
@@ -149,14 +128,18 @@ void Scan::handle(const Scan_event& event) {
 }
 
 void Scan::draw() {
-  if (!progress_.on() || current_.empty()) {
+  if (!progress_.on()) {
+    return;
+  }
+  const std::vector<Engine::Under_way> all = engine_->under_way();
+  if (all.empty()) {
     return;
   }
   std::string freqs;
   float strength = 0;
-  for (const auto& [adapter, freq] : current_) {
-    freqs += (freqs.empty() ? "" : ", ") + mhz(freq);
-    strength = std::max(strength, adapters_[adapter]->strength());
+  for (const Engine::Under_way& one : all) {
+    freqs += (freqs.empty() ? "" : ", ") + mhz(one.freq);
+    strength = std::max(strength, one.strength);
   }
   progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
 }

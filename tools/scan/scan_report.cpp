@@ -17,6 +17,8 @@ std::string outcome_text(Outcome outcome) {
       return "locked";
     case Outcome::TIMED_OUT:
       return "timed out: not all tables came";
+    case Outcome::NO_DEMUX:
+      return "the demultiplexer cannot be used";
     case Outcome::NO_STREAM:
       return "no MPEG stream";
     case Outcome::NO_LOCK:

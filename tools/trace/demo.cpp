@@ -64,7 +64,7 @@ std::string find_program(const std::string& name, const std::string& where_built
 std::string find_samples(const std::string& named) {
   const fs::path here = own_program().parent_path();
   const std::vector<fs::path> places =
-      named.empty() ? std::vector<fs::path>{here / "../" KELVO_SAMPLES_INSTALLED, here / "../../../samples"}
+      named.empty() ? std::vector<fs::path>{here / "../" KELVO_SAMPLES_INSTALLED, here / "../samples"}
                     : std::vector<fs::path>{named};
   for (const fs::path& place : places) {
     if (fs::is_regular_file(place / "network.conf")) {

@@ -1,13 +1,12 @@
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
-#include <deque>
-#include <filesystem>
+#include <chrono>
+#include <map>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -21,6 +20,7 @@
 #include "tools/cli/tuning_options.h"
 #include "tools/commands.h"
 #include "tools/engine/device.h"
+#include "tools/engine/engine.h"
 #include "tools/trace/recorder.h"
 #include "tools/trace/records.h"
 #include "tools/trace/write.h"
@@ -29,7 +29,7 @@ namespace {
 
 constexpr unsigned TASK_TUNE = 1;
 constexpr unsigned TASK_SCAN = 4;
-constexpr int SAMPLE_INTERVAL_MS = 1000;  // of the signal
+constexpr std::chrono::seconds SAMPLE_INTERVAL{1};  // of the signal
 
 struct Record_options {
   std::string out;
@@ -38,78 +38,56 @@ struct Record_options {
   std::vector<int> freqs;
 };
 
-// Scans frequencies with an adapter, into a database that nobody keeps, and records what happens.
-class Recording {
- public:
-  explicit Recording(Trace_recorder* recorder) : recorder_(*recorder) {
-    if (wake_ < 0) {
-      throw Failure("cannot make an event descriptor: too many open files?");
-    }
-  }
-  ~Recording() { (void)close(wake_); }
-  Recording(const Recording&) = delete;
-  Recording& operator=(const Recording&) = delete;
-
-  // False when it was interrupted.
-  bool run(int adapter, const std::vector<int>& freqs, const Interrupt& interrupt);
-
- private:
-  // What the library hands back with its answer: one for each request, because it may answer twice.
-  struct Request {
-    Recording* owner = nullptr;
-    std::atomic<bool> answered{false};
-  };
-  static void on_answer(void* data, int result);
-
-  bool scan(Kelvo* kelvo, int freq, const Interrupt& interrupt);
-
-  Trace_recorder& recorder_;
-  int wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  std::deque<Request> requests_;
-};
-
-void Recording::on_answer(void* data, int result) {
-  auto* request = static_cast<Request*>(data);
-  if (!request->answered.exchange(true)) {
-    request->owner->recorder_.note("done", result);
-    (void)eventfd_write(request->owner->wake_, 1);
-  }
-}
-
-bool Recording::scan(Kelvo* kelvo, int freq, const Interrupt& interrupt) {
-  Request& request = requests_.emplace_back();
-  request.owner = this;
-  recorder_.note("MHz", freq / 1'000'000);
-  recorder_.start(TRACE_TASK, TASK_TUNE, "tune");
-  const bool locked = kelvo->tune_to_freq(freq, &request, on_answer) != 0;
-  recorder_.stop(TRACE_TASK, TASK_TUNE, "tune");
-  recorder_.note("lock", locked ? 1 : 0);
+// Scans one frequency and records what happens. False when it was stopped before the answer.
+bool record_frequency(Adapter& adapter, int freq, Trace_recorder* recorder) {
+  recorder->note("MHz", freq / 1'000'000);
+  recorder->start(TRACE_TASK, TASK_TUNE, "tune");
+  const bool locked = adapter.tune(freq);
+  recorder->stop(TRACE_TASK, TASK_TUNE, "tune");
+  recorder->note("lock", locked ? 1 : 0);
   if (!locked) {
     return true;
   }
-  recorder_.start(TRACE_TASK, TASK_SCAN, "scan");
-  pollfd waits[] = {{wake_, POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
-  while (!request.answered && (waits[1].revents & POLLIN) == 0) {
-    recorder_.note("sgnl", static_cast<int>(kelvo->fe_strength()));
-    (void)poll(waits, 2, SAMPLE_INTERVAL_MS);
-    eventfd_t count = 0;
-    (void)eventfd_read(wake_, &count);
+  recorder->start(TRACE_TASK, TASK_SCAN, "scan");
+  std::optional<Answer> answer;
+  do {
+    recorder->note("sgnl", static_cast<int>(adapter.strength()));
+    answer = adapter.answer(Adapter::Clock::now() + SAMPLE_INTERVAL);
+  } while (!answer && !adapter.stopped());
+  if (answer) {
+    recorder->note("done", answer->kind == Answer::Kind::SCANNED ? 0 : -1);
   }
-  recorder_.stop(TRACE_TASK, TASK_SCAN, "scan");
-  return request.answered;
+  recorder->stop(TRACE_TASK, TASK_SCAN, "scan");
+  return answer.has_value();
 }
 
-bool Recording::run(int adapter, const std::vector<int>& freqs, const Interrupt& interrupt) {
+// Scans frequencies with an adapter, into a database that nobody keeps, and records what happens. False when it was
+// interrupted.
+bool record_scan(const Record_options& options, const Interrupt& interrupt, Trace_recorder* recorder) {
+  const std::map<int, Frontend_info> frontends{{options.adapter, Frontend_info{}}};  // tries every frequency
   const Temporary_folder folder;
-  const Library_listener listener(&recorder_);
+  Library_listener listener(recorder);
   Sdbl database(folder.file("dvb.db").c_str());
-  Kelvo kelvo(adapter, 0, 0, &database, true, nullptr);
-  for (const int freq : freqs) {
-    if (!scan(&kelvo, freq, interrupt)) {
-      return false;
+  std::atomic<bool> whole{true};
+  Engine engine(frontends, options.freqs, &database);
+  for (const auto& adapter : engine.adapters()) {
+    listener.listen_to(&adapter->kelvo());
+  }
+  engine.start([recorder, &whole](Adapter& adapter, int freq) {
+    if (!record_frequency(adapter, freq, recorder)) {
+      whole = false;
+    }
+  });
+  pollfd waits[] = {{engine.fd(), POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
+  while (!engine.ended()) {
+    (void)poll(waits, 2, -1);
+    engine.calm();
+    if ((waits[1].revents & POLLIN) != 0) {
+      waits[1].fd = -1;
+      engine.stop();
     }
   }
-  return true;
+  return whole && engine.left().empty();
 }
 
 std::string title_of(const std::vector<int>& freqs) {
@@ -128,7 +106,7 @@ int record(const Record_options& options) {
   Trace_recorder recorder;
   bool whole = false;
   try {
-    whole = Recording(&recorder).run(options.adapter, options.freqs, interrupt);
+    whole = record_scan(options, interrupt, &recorder);
   } catch (const no_file_error& error) {
     throw Failure(fmt::format("cannot make a database for the scan: {}", error.what()));
   }

@@ -1,16 +1,13 @@
 #include "tools/trace/recorder.h"
 
-#include <fcntl.h>
+#include <base/ids.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <charconv>
-#include <cstdio>
-#include <system_error>
+#include <cstdint>
+#include <string_view>
 
 #include <fmt/format.h>
 
-#include "tools/cli/failure.h"
 #include "tools/trace/records.h"
 #include "tools/trace/timeline.h"
 
@@ -29,53 +26,43 @@ unsigned ticks_now() {
                                nanoseconds * (PER_SECOND / 1'000'000) / 1000);
 }
 
-// The number behind `before` in a message, of so many digits at most.
-bool number_behind(std::string_view message, std::string_view before, int base, size_t digits, unsigned* number) {
-  const size_t at = message.find(before);
-  if (at == std::string_view::npos) {
-    return false;
-  }
-  const std::string_view rest = message.substr(at + before.size(), digits);
-  return std::from_chars(rest.data(), rest.data() + rest.size(), *number, base).ec == std::errc();
-}
-
-std::string filter_name(unsigned pid) {
+std::string filter_name(int pid) {
   switch (pid) {
-    case 0:
+    case pid::PAT:
       return "PAT";
-    case 1:
+    case pid::CAT:
       return "CAT";
-    case 16:
+    case pid::NIT:
       return "NIT";
-    case 17:
+    case pid::SDT:
       return "SDT";
-    case 18:
+    case pid::EIT:
       return "EIT";
-    case 20:
+    case pid::TIME:
       return "TOT";
     default:
       return fmt::format("PMT {}", pid);
   }
 }
 
-std::string table_name(unsigned table) {
-  switch (table) {
-    case 0x00:
+std::string table_name(int id) {
+  switch (id) {
+    case table::PAT:
       return "PAT";
-    case 0x01:
+    case table::CAT:
       return "CAT";
-    case 0x02:
+    case table::PMT:
       return "PMT";
-    case 0x40:
+    case table::NIT_ACTUAL:
       return "NIT";
-    case 0x42:
+    case table::SDT_ACTUAL:
       return "SDT";
-    case 0x70:
+    case table::TDT:
       return "TDT";
-    case 0x73:
+    case table::TOT:
       return "TOT";
     default:
-      return table >= 0x4E && table <= 0x6F ? "EIT" : "other";
+      return id >= table::EIT_PRESENT_FOLLOWING && id <= table::EIT_LAST ? "EIT" : "other";
   }
 }
 
@@ -110,94 +97,69 @@ std::vector<unsigned> Trace_recorder::words() const {
 }
 
 Library_listener::Library_listener(Trace_recorder* recorder) : recorder_(*recorder) {
-  int ends[2];
-  // Each message arrives by itself, when it is written: most have no line break.
-  if (pipe2(ends, O_CLOEXEC | O_DIRECT) != 0) {
-    throw Failure("cannot make a pipe: too many open files?");
-  }
-  // Room for bursts of messages, which take a page each; without it the library waits more often for the listener.
-  (void)fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);
-  (void)fflush(stderr);
-  own_stderr_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-  read_end_ = ends[0];
-  (void)dup2(ends[1], STDERR_FILENO);
-  (void)close(ends[1]);
-  thread_ = std::thread(&Library_listener::listen, this);
-  verbosity_kelvo = VERB_TRACE;
+  Message_listener errors;
+  errors.message = on_message;
+  errors.data = this;
+  errors.print = false;
+  Kelvo::set_message_listener(errors);
 }
 
 Library_listener::~Library_listener() {
-  verbosity_kelvo = VERB_ERROR;
-  (void)fflush(stderr);
-  (void)dup2(own_stderr_, STDERR_FILENO);  // the pipe's last end to write: the thread reads it out and ends
-  thread_.join();
-  (void)close(own_stderr_);
-  (void)close(read_end_);
+  Kelvo::set_message_listener({});
 }
 
-void Library_listener::listen() {
-  char message[4096];
-  for (ssize_t n = 0; (n = read(read_end_, message, sizeof message)) > 0;) {
-    hear({message, static_cast<size_t>(n)});
+void Library_listener::listen_to(Kelvo* kelvo) {
+  kelvo->set_activity_listener({on_activity, this});
+}
+
+void Library_listener::on_message(void* self, int /*level*/, const char* text) {
+  auto* listener = static_cast<Library_listener*>(self);
+  if (!std::string_view(text).starts_with("ERROR: ")) {
+    return;  // the rest of one that comes in parts
   }
-  end_section();
+  const std::lock_guard lock(listener->mutex_);
+  listener->recorder_.note("err", ++listener->errors_);
 }
 
-void Library_listener::end_section() {
-  if (!section_.empty()) {
-    recorder_.stop(TRACE_EVENT, 0, section_);
-    section_.clear();
+void Library_listener::on_activity(void* self, int kind, int value) {
+  auto* listener = static_cast<Library_listener*>(self);
+  Trace_recorder& recorder = listener->recorder_;
+  switch (kind) {
+    case ACTIVITY_SECTIONS_BEGIN:
+      return recorder.start(TRACE_TASK, TASK_PARSE, "parse");
+    case ACTIVITY_SECTIONS_END:
+      return recorder.stop(TRACE_TASK, TASK_PARSE, "parse");
+    case ACTIVITY_READ_BEGIN:
+      return recorder.start(TRACE_INTERRUPT, TS_IN0_DMA);
+    case ACTIVITY_READ_END:
+      return recorder.stop(TRACE_INTERRUPT, TS_IN0_DMA);
+    case ACTIVITY_PARSE_BEGIN:
+      return recorder.start(TRACE_EVENT, 0, table_name(value));
+    case ACTIVITY_PARSE_END:
+      return recorder.stop(TRACE_EVENT, 0, table_name(value));
+    case ACTIVITY_FILTER_STARTED:
+      return listener->filter_started(value);
+    case ACTIVITY_FILTER_ENDED:
+      return listener->filter_ended(value);
+    case ACTIVITY_MERGE_BEGIN:
+      return recorder.start(TRACE_TASK, TASK_MERGE, "merge");
+    case ACTIVITY_MERGE_END:
+      return recorder.stop(TRACE_TASK, TASK_MERGE, "merge");
+    default:
+      return;
   }
 }
 
-void Library_listener::end_filter(unsigned pid) {
-  const auto filter = filters_.find(pid);
-  if (filter != filters_.end()) {
-    recorder_.stop(TRACE_OBJECT_2, 0, filter->second);
-    filters_.erase(filter);
+void Library_listener::filter_started(int pid) {
+  const std::lock_guard lock(mutex_);
+  if (filters_[pid]++ == 0) {
+    recorder_.start(TRACE_OBJECT_2, 0, filter_name(pid));
   }
 }
 
-void Library_listener::hear(std::string_view message) {
-  unsigned number = 0;
-  if (message.starts_with("Data scan loop")) {
-    recorder_.start(TRACE_TASK, TASK_PARSE, "parse");
-    parsing_ = true;
-  } else if (message.starts_with("Reading data loop")) {
-    end_section();
-    recorder_.start(TRACE_INTERRUPT, TS_IN0_DMA);
-    reading_ = true;
-  } else if (number_behind(message, ">>>>> Table id ", 16, 8, &number)) {
-    if (reading_) {
-      recorder_.stop(TRACE_INTERRUPT, TS_IN0_DMA);
-      reading_ = false;
-    }
-    section_ = table_name(number & 0xFF);
-    recorder_.start(TRACE_EVENT, 0, section_);
-  } else if (message.starts_with("Filter list contains")) {
-    end_section();
-    if (parsing_) {
-      recorder_.stop(TRACE_TASK, TASK_PARSE, "parse");
-      parsing_ = false;
-    }
-  } else if (message.starts_with("Master update") && !merging_) {
-    recorder_.start(TRACE_TASK, TASK_MERGE, "merge");
-    merging_ = true;
-  } else if (message.starts_with("MSG: Captured") && merging_) {
-    recorder_.stop(TRACE_TASK, TASK_MERGE, "merge");
-    merging_ = false;
-  } else if (number_behind(message, "setting HW for filter pid ", 10, 5, &number)) {
-    if (filters_.try_emplace(number, filter_name(number)).second) {
-      recorder_.start(TRACE_OBJECT_2, 0, filters_[number]);
-    }
-  } else if (number_behind(message, "-Fi", 16, 4, &number) || number_behind(message, "-Fpr", 16, 4, &number) ||
-             number_behind(message, "-Fr", 16, 4, &number)) {
-    end_filter(number);
-  } else if (message.starts_with("Removed all filters")) {
-    while (!filters_.empty()) {
-      end_filter(filters_.begin()->first);
-    }
-  } else if (message.starts_with("ERROR: ")) {
-    recorder_.note("err", ++errors_);
+void Library_listener::filter_ended(int pid) {
+  const std::lock_guard lock(mutex_);
+  if (--filters_[pid] == 0) {
+    recorder_.stop(TRACE_OBJECT_2, 0, filter_name(pid));
   }
 }

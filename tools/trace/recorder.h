@@ -3,8 +3,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <thread>
 #include <vector>
 
 #include <kelvo/kelvo.h>
@@ -28,36 +26,33 @@ class Trace_recorder {
   std::vector<unsigned> words_;
 };
 
-// Listens to what the library says while it scans, in the place of standard error, and records what that means:
+// Records what the library tells of its doings:
 //   task "parse"      a pass of the worker's loop over the sections that have come
 //   task "merge"      scan tables into the channel list
 //   interrupt TS_IN0_DMA  a section is read from the demultiplexer
-//   objects           the filters, "PAT", "NIT", "PMT 256" and so on, while the demultiplexer has them
+//   objects           the filters, "PAT", "NIT", "PMT 256" and so on, while the demultiplexer has one of that PID
 //   events            the parsing of one section, by the name of its table
 //   note "err"        an error, with how many there were
+// Nothing of the library goes to standard error during its life. Made before the first object of the library and
+// deleted after the last one.
 class Library_listener {
  public:
-  // Throws Failure. Sets the library's verbosity, too.
   explicit Library_listener(Trace_recorder* recorder);
-  // Records what was said up to now.
   ~Library_listener();
   Library_listener(const Library_listener&) = delete;
   Library_listener& operator=(const Library_listener&) = delete;
 
+  // Before the first request.
+  void listen_to(Kelvo* kelvo);
+
  private:
-  void listen();
-  void hear(std::string_view message);
-  void end_section();
-  void end_filter(unsigned pid);
+  static void on_message(void* self, int level, const char* text);
+  static void on_activity(void* self, int kind, int value);
+  void filter_started(int pid);
+  void filter_ended(int pid);
 
   Trace_recorder& recorder_;
-  int read_end_ = -1;
-  int own_stderr_ = -1;
-  bool reading_ = false;
-  bool parsing_ = false;
-  bool merging_ = false;
-  std::string section_;                      // the name of the table that is being parsed
-  std::map<unsigned, std::string> filters_;  // by PID
+  std::mutex mutex_;            // guards what follows
+  std::map<int, int> filters_;  // how many there are, by PID
   int errors_ = 0;
-  std::thread thread_;
 };

@@ -1,13 +1,9 @@
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <map>
 #include <memory>
@@ -30,7 +26,7 @@
 #include "tools/database/guide_db.h"
 #include "tools/database/open_database.h"
 #include "tools/engine/device.h"
-#include "tools/watch/zone_file.h"
+#include "tools/watch/time_texts.h"
 
 namespace {
 
@@ -38,9 +34,6 @@ constexpr int LOOK_INTERVAL_MS = 500;
 // How long the tuner may take before the lack of a lock is worth saying.
 constexpr std::chrono::seconds LOCK_PATIENCE{2};
 constexpr int FULL_LOCK = 0x1F;
-constexpr int FIRST_FREQ = 474'000'000;  // where a new Kelvo tunes to
-constexpr int OTHER_FREQ = 482'000'000;
-constexpr const char* ZONE_FILE = "/dvbfiles/localtime";  // where the library puts the zone of the broadcast
 
 struct Watch_options {
   std::string channel;
@@ -52,8 +45,9 @@ struct Watch_options {
 
 // What callbacks, which come from the library's threads, leave for the watching one.
 std::atomic<int> changes{0};
-std::mutex quality_mutex;
+std::mutex mutex;                      // guards the next two
 std::vector<unsigned> quality_events;  // 0 lost, 1 good
+std::vector<Time_news> time_news;
 int wake_fd = -1;
 
 void wake() {
@@ -67,8 +61,17 @@ void on_change(int code) {
 
 void on_quality(unsigned event, void*) {
   {
-    const std::lock_guard lock(quality_mutex);
+    const std::lock_guard lock(mutex);
     quality_events.push_back(event);
+  }
+  wake();
+}
+
+void on_time(void*, const Broadcast_time& broadcast) {
+  const Time_news news(broadcast);
+  {
+    const std::lock_guard lock(mutex);
+    time_news.push_back(news);
   }
   wake();
 }
@@ -78,120 +81,6 @@ void say(const std::string& text) {
   console::finish_printing("the changes");
 }
 
-// How far the clock of the day is from the one that nobody sets.
-int64_t clock_offset() {
-  timespec day{};
-  timespec steady{};
-  (void)clock_gettime(CLOCK_REALTIME, &day);
-  (void)clock_gettime(CLOCK_MONOTONIC, &steady);
-  return int64_t{day.tv_sec} - int64_t{steady.tv_sec};
-}
-
-// Changes whenever the file is written: time and size. Zeros when there is none.
-std::pair<int64_t, int64_t> zone_stamp() {
-  struct stat status {};
-  if (stat(ZONE_FILE, &status) != 0) {
-    return {0, 0};
-  }
-  return {int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec, int64_t{status.st_size}};
-}
-
-// What the broadcast did to clock and zone. The library tells what it tries; whether it came about is seen by looking.
-class Time_watch {
- public:
-  void begin() {
-    clock_ = clock_offset();
-    zone_ = zone_stamp();
-  }
-  // One line of what the library says up to VERB_PROGRESS.
-  void hear(const std::string& line);
-  // Says what has changed since the last look.
-  void look();
-
- private:
-  void look_at_clock();
-  void look_at_zone();
-  void zone_set(const std::string& zone);
-
-  int64_t clock_ = 0;
-  bool clock_tried_ = false;
-  bool clock_moved_ = false;
-  bool clock_stays_ = false;
-  std::pair<int64_t, int64_t> zone_;
-  bool zone_tried_ = false;
-  int zone_min_ = 0;
-  bool zone_written_ = false;
-  std::string zone_said_;
-  bool table_read_ = false;
-};
-
-void Time_watch::hear(const std::string& line) {
-  constexpr std::string_view ZONE = "WARNING: Setting timezone to ";
-  if (line.find("Changing system clock") != std::string::npos) {
-    clock_tried_ = true;
-  }
-  if (const size_t at = line.find(ZONE); at != std::string::npos) {
-    zone_tried_ = true;
-    zone_min_ = std::atoi(line.c_str() + at + ZONE.size());
-  }
-  if (line.find("Removing filter pid 14 tid 73") != std::string::npos) {
-    table_read_ = true;  // with all that it made the library do
-  }
-}
-
-void Time_watch::look() {
-  look_at_clock();
-  look_at_zone();
-  table_read_ = false;
-}
-
-void Time_watch::look_at_clock() {
-  const int64_t clock = clock_offset();
-  if (std::abs(clock - clock_) > 1) {
-    say(fmt::format("clock set by {:+} s", clock - clock_));
-    clock_moved_ = true;
-    clock_stays_ = false;
-  }
-  clock_ = clock;
-  if (table_read_) {
-    if (clock_tried_ && !clock_moved_ && !clock_stays_) {
-      say("clock set, but it stayed as it was, more than 10 s from the broadcast");
-      clock_stays_ = true;
-    }
-    clock_tried_ = clock_moved_ = false;
-  }
-}
-
-void Time_watch::zone_set(const std::string& zone) {
-  if (!zone.empty() && zone != zone_said_) {
-    say(fmt::format("time zone set: {}", zone));
-    zone_said_ = zone;
-  }
-}
-
-void Time_watch::look_at_zone() {
-  const std::pair<int64_t, int64_t> zone = zone_stamp();
-  if (zone != zone_) {
-    zone_ = zone;
-    zone_written_ = zone.first != 0;
-    tzset();  // for the times that begin the lines
-    zone_set(zone_in(ZONE_FILE));
-  }
-  if (table_read_) {
-    if (zone_written_) {
-      const std::string now = zone_in(ZONE_FILE);
-      zone_set(now.empty() ? ZONE_FILE : now);
-    }
-    const std::string wanted =
-        fmt::format("UTC{}{:02}:{:02}", zone_min_ < 0 ? '-' : '+', std::abs(zone_min_) / 60, std::abs(zone_min_) % 60);
-    if (zone_tried_ && !zone_written_ && wanted != zone_said_) {
-      say(fmt::format("time zone not set: {} could not be compiled, or not written to {}", wanted, ZONE_FILE));
-      zone_said_ = wanted;
-    }
-    zone_tried_ = zone_written_ = false;
-  }
-}
-
 class Watch {
  public:
   Watch(const Service& service, std::string db) : service_(service), db_(std::move(db)) {}
@@ -199,7 +88,6 @@ class Watch {
   void run(int adapter, int seconds, const std::string& zone_of);
 
  private:
-  void request(Kelvo* kelvo);
   bool listen_to_quality(Kelvo* kelvo, bool late) const;
   void look();
   int stored() const { return events_of(guide_->counts()); }
@@ -215,37 +103,28 @@ class Watch {
   std::unique_ptr<Guide_db> guide_;
   std::string db_;
   int events_ = 0;
-  Time_watch time_;
+  Time_texts time_;
 };
-
-// A channel request does nothing on the frequency that is tuned already, which after the construction is the first one:
-// the tuner goes elsewhere before it. Nothing is asked for there, and the channel request replaces it.
-void Watch::request(Kelvo* kelvo) {
-  if (service_.freq == FIRST_FREQ) {
-    (void)kelvo->tune_to_freq(OTHER_FREQ, nullptr, nullptr);
-  }
-  (void)kelvo->tune_to_freq(service_.freq, service_.channel, nullptr, nullptr);
-}
 
 void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   const Interrupt interrupt;
-  console::Quiet_library quiet(-1);
+  const console::Quiet_library quiet(-1);
   wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd < 0) {
     throw Failure("cannot make an event descriptor: too many open files?");
   }
-  const std::unique_ptr<Sdbl> database = open_database(db_, true, &quiet);
+  const std::unique_ptr<Sdbl> database = open_database(db_, true);
   collect_all_guides(database.get());
   if (!zone_of.empty()) {
     database->set_preferred_provider(zone_of.c_str());
   }
   guide_ = std::make_unique<Guide_db>(db_);
   events_ = stored();
-  quiet.listen(VERB_PROGRESS, [this](const std::string& line) { time_.hear(line); });
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
-  time_.begin();
+  kelvo.set_time_listener(on_time, nullptr);
   kelvo.set_stb_event_callback(on_quality);
-  request(&kelvo);
+  // A plain channel request would do nothing on 474 MHz, where a new Kelvo tunes to.
+  kelvo.watch_again(service_.freq, service_.channel);
   say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
   const auto begun = std::chrono::steady_clock::now();
   bool listening = false;
@@ -259,7 +138,7 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
       listening = listen_to_quality(&kelvo, std::chrono::steady_clock::now() - begun > LOCK_PATIENCE);
     }
     look();
-    quiet.check_written(db_);
+    check_written(database.get(), db_);
   }
   say(fmt::format("stopped, {} events in the guide", stored()));
 }
@@ -289,13 +168,22 @@ void Watch::look() {
   }
   std::vector<unsigned> events;
   {
-    const std::lock_guard lock(quality_mutex);
+    const std::lock_guard lock(mutex);
     events.swap(quality_events);
   }
   for (const unsigned event : events) {
     say(event == 0 ? "quality lost" : "quality back");
   }
-  time_.look();
+  std::vector<Time_news> times;
+  {
+    const std::lock_guard lock(mutex);
+    times.swap(time_news);
+  }
+  for (const Time_news& news : times) {
+    for (const std::string& text : time_.texts(news)) {
+      say(text);
+    }
+  }
 }
 
 void watch(const Watch_options& options) {

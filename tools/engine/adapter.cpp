@@ -1,0 +1,85 @@
+#include "tools/engine/adapter.h"
+
+#include <utility>
+
+Adapter::Adapter(int number, Frontend_info frontend, Sdbl* database)
+    : number_(number),
+      frontend_(std::move(frontend)),
+      kelvo_(std::make_unique<Kelvo>(number, 0, 0, database, true, nullptr)) {
+  kelvo_->set_scan_listener(on_scan_end, this);
+}
+
+void Adapter::on_scan_end(void* self, const Scan_end& end) {
+  auto* adapter = static_cast<Adapter*>(self);
+  const std::lock_guard lock(adapter->mutex_);
+  adapter->last_end_ = end;
+}
+
+void Adapter::on_answer(void* data, int result) {
+  auto* request = static_cast<Request*>(data);
+  Adapter* owner = request->owner;
+  const std::lock_guard lock(owner->mutex_);
+  if (!request->answered) {
+    request->answered = true;
+    request->answer = {result == 0 ? Answer::Kind::SCANNED : Answer::Kind::NO_STREAM, owner->last_end_};
+    owner->changed_.notify_all();
+  }
+}
+
+bool Adapter::tune(int freq) {
+  Request* request = nullptr;
+  {
+    const std::lock_guard lock(mutex_);
+    requests_.push_back({this});
+    request = &requests_.back();
+  }
+  return kelvo_->tune_to_freq(freq, request, on_answer) != 0;
+}
+
+std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
+  std::unique_lock lock(mutex_);
+  const auto over = [this] { return requests_.back().answered || stopped_; };
+  if (until) {
+    (void)changed_.wait_until(lock, *until, over);
+  } else {
+    changed_.wait(lock, over);
+  }
+  const Request& request = requests_.back();
+  return request.answered ? std::optional(request.answer) : std::nullopt;
+}
+
+Answer Adapter::scan(int freq, std::optional<Clock::time_point> until) {
+  if (!tune(freq)) {
+    return {Answer::Kind::NO_LOCK, {}};
+  }
+  return answer(until).value_or(Answer{});
+}
+
+void Adapter::wait(std::chrono::milliseconds time) {
+  std::unique_lock lock(mutex_);
+  (void)changed_.wait_for(lock, time, [this] { return stopped_; });
+}
+
+void Adapter::stop() {
+  const std::lock_guard lock(mutex_);
+  stopped_ = true;
+  changed_.notify_all();
+}
+
+bool Adapter::stopped() const {
+  const std::lock_guard lock(mutex_);
+  return stopped_;
+}
+
+float Adapter::strength() const {
+  const std::lock_guard lock(mutex_);
+  return kelvo_ ? kelvo_->fe_strength() : 0;
+}
+
+void Adapter::release() {
+  std::unique_ptr<Kelvo> last;  // deleted without the lock, which its last callbacks need
+  {
+    const std::lock_guard lock(mutex_);
+    last = std::move(kelvo_);
+  }
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include <kelvo/kelvo.h>
+
+#include "tools/engine/device.h"
+
+// How the library answered a request for a frequency.
+struct Answer {
+  enum class Kind {
+    SCANNED,    // `end` says how completely
+    NO_STREAM,  // a lock, but no MPEG stream
+    NO_LOCK,    // no signal
+    GIVEN_UP,   // not answered: stopped, or the time was up
+  } kind = Kind::GIVEN_UP;
+  Scan_end end;  // of SCANNED and NO_STREAM
+};
+
+// An adapter that is asked for one frequency after the other: a Kelvo, and its answers as values. One thread asks;
+// stop(), stopped() and strength() are for any.
+class Adapter {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // `database` is not owned and outlives this object.
+  Adapter(int number, Frontend_info frontend, Sdbl* database);
+  Adapter(const Adapter&) = delete;
+  Adapter& operator=(const Adapter&) = delete;
+
+  int number() const { return number_; }
+  bool receives(int freq) const { return frontend_.receives(freq); }
+  // For everything that is no request without a channel. REQUIRES: release() has not been called.
+  Kelvo& kelvo() { return *kelvo_; }
+
+  // Requests the frequency, which takes 150 ms at most; false when there is no lock.
+  bool tune(int freq);
+  // Waits for the answer to the last request that had a lock. Empty when it is stopped or `until` comes first; no
+  // `until` waits for ever.
+  std::optional<Answer> answer(std::optional<Clock::time_point> until = std::nullopt);
+  // Both, one after the other.
+  Answer scan(int freq, std::optional<Clock::time_point> until = std::nullopt);
+
+  // Waits so long, or until it is stopped.
+  void wait(std::chrono::milliseconds time);
+  // Ends all waiting, now and later. A merge under way in the library ends first.
+  void stop();
+  bool stopped() const;
+
+  // Usually 0 to 100.
+  float strength() const;
+
+  // Deletes the Kelvo, after what it is writing has been written.
+  void release();
+
+ private:
+  // What the library hands back with its answer. It may answer a request twice (it does on DVB-H multiplexes, for as
+  // long as they are tuned), so each request has one of its own until the Kelvo is gone.
+  struct Request {
+    Adapter* owner;
+    bool answered = false;
+    Answer answer{};
+  };
+  static void on_scan_end(void* self, const Scan_end& end);
+  static void on_answer(void* request, int result);
+
+  int number_;
+  Frontend_info frontend_;
+  mutable std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::deque<Request> requests_;
+  Scan_end last_end_;  // told on the worker right before the answer to the same scan
+  bool stopped_ = false;
+  std::unique_ptr<Kelvo> kelvo_;
+};

@@ -1,0 +1,124 @@
+#include "tools/engine/engine.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "tools/cli/failure.h"
+
+Engine::Engine(const std::map<int, Frontend_info>& frontends, const std::vector<int>& freqs, Sdbl* database)
+    : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), left_(freqs.begin(), freqs.end()), working_(frontends.size()) {
+  if (wake_ < 0) {
+    throw Failure("cannot make an event descriptor: too many open files?");
+  }
+  for (const auto& [number, frontend] : frontends) {
+    adapters_.push_back(std::make_unique<Adapter>(number, frontend, database));
+  }
+}
+
+Engine::~Engine() {
+  stop();
+  join();
+  (void)::close(wake_);
+}
+
+void Engine::start(Job job) {
+  job_ = std::move(job);
+  for (const auto& adapter : adapters_) {
+    threads_.emplace_back(&Engine::run, this, std::ref(*adapter));
+  }
+}
+
+void Engine::run(Adapter& adapter) {
+  for (int freq = 0; take(adapter, &freq);) {
+    wake();
+    job_(adapter, freq);
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    --working_;
+  }
+  // Said before the tear-down, so that a report does not wait for it.
+  wake();
+  adapter.release();
+}
+
+bool Engine::take(const Adapter& adapter, int* freq) {
+  const std::lock_guard lock(mutex_);
+  taken_.erase(&adapter);
+  const auto next = std::find_if(left_.begin(), left_.end(), [&](int one) { return adapter.receives(one); });
+  if (closed_ || next == left_.end()) {
+    return false;
+  }
+  *freq = taken_[&adapter] = *next;
+  left_.erase(next);
+  return true;
+}
+
+void Engine::wake() const {
+  (void)eventfd_write(wake_, 1);  // Fails only when it is readable anyway.
+}
+
+void Engine::calm() {
+  eventfd_t count = 0;
+  (void)eventfd_read(wake_, &count);
+}
+
+bool Engine::ended() const {
+  const std::lock_guard lock(mutex_);
+  return working_ == 0;
+}
+
+void Engine::join() {
+  for (std::thread& thread : threads_) {
+    thread.join();
+  }
+  threads_.clear();
+}
+
+void Engine::close() {
+  const std::lock_guard lock(mutex_);
+  closed_ = true;
+}
+
+void Engine::stop() {
+  close();
+  for (const auto& adapter : adapters_) {
+    adapter->stop();
+  }
+}
+
+std::vector<Engine::Under_way> Engine::under_way() const {
+  std::vector<Under_way> out;
+  for (const auto& adapter : adapters_) {
+    const float strength = adapter->strength();
+    const std::lock_guard lock(mutex_);
+    if (const auto taken = taken_.find(adapter.get()); taken != taken_.end()) {
+      out.push_back({taken->second, strength});
+    }
+  }
+  return out;
+}
+
+bool Engine::receivable(int freq) const {
+  return std::any_of(adapters_.begin(), adapters_.end(),
+                     [freq](const auto& adapter) { return adapter->receives(freq); });
+}
+
+size_t Engine::waiting() const {
+  const std::lock_guard lock(mutex_);
+  return static_cast<size_t>(std::count_if(left_.begin(), left_.end(), [this](int freq) { return receivable(freq); }));
+}
+
+std::vector<int> Engine::left() const {
+  const std::lock_guard lock(mutex_);
+  return {left_.begin(), left_.end()};
+}
+
+std::vector<int> Engine::unreceivable() const {
+  std::vector<int> out = left();
+  std::erase_if(out, [this](int freq) { return receivable(freq); });
+  return out;
+}

@@ -30,6 +30,7 @@
 #include <dvbpsi/psi.h>
 #include <dvbpsi/sdt.h>
 
+#include "base/ids.h"
 #include "dvbsi/samples.h"
 #include "filter/section_filter.h"
 #include "si/section_guard.h"
@@ -80,11 +81,11 @@ size_t walk_entries(const List& list, Depth depth) {
 
 size_t take_apart(const uint8_t* section, Depth depth) {
   switch (section[0]) {
-    case 0x02: {
+    case table::PMT: {
       const ProgramMapSection pmt(section);
       return walk(pmt, depth) + walk_entries(*pmt.getEsInfo(), depth);
     }
-    case 0x42:
+    case table::SDT_ACTUAL:
       return walk_entries(*ServiceDescriptionSection(section).getDescriptions(), depth);
     default:
       return walk_entries(*EventInformationSection(section).getEvents(), depth);
@@ -188,23 +189,23 @@ void got_eit(void* data, dvbpsi_eit_t* eit) {
 }
 
 void new_subtable(dvbpsi_t* handle, uint8_t table_id, uint16_t extension, void* data) {
-  if (table_id == 0x42)
+  if (table_id == table::SDT_ACTUAL)
     dvbpsi_sdt_attach(handle, table_id, extension, got_sdt, data);
-  else if (table_id == 0x50)
+  else if (table_id == table::EIT_SCHEDULE_FIRST)
     dvbpsi_eit_attach(handle, table_id, extension, got_eit, data);
 }
 
 void libdvbpsi(benchmark::State& state, const Bytes& section, Depth depth) {
   Their_result result{depth};
   dvbpsi_t* const handle = dvbpsi_new(nullptr, DVBPSI_MSG_NONE);
-  const bool pmt = section[0] == 0x02;
+  const bool pmt = section[0] == table::PMT;
   if (pmt)
     dvbpsi_pmt_attach(handle, static_cast<uint16_t>(section[3] << 8 | section[4]), got_pmt, &result);
   else
     dvbpsi_AttachDemux(handle, new_subtable, &result);
 
   // Its EIT decoder answers when a section comes the second time. That counts as two sections here, in its favour.
-  const size_t repeat = section[0] == 0x50 ? 2 : 1;
+  const size_t repeat = section[0] == table::EIT_SCHEDULE_FIRST ? 2 : 1;
   Bytes versions[2] = {packets_of(section, 0x100), packets_of(next_version(section), 0x100)};
   unsigned counter = 0;
   size_t pushed = 0;

@@ -28,6 +28,7 @@
 #include <dvbpsi/eit.h>
 #include <dvbpsi/psi.h>
 
+#include "base/ids.h"
 #include "base/messages.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
@@ -340,14 +341,14 @@ class Known_section {
 
  private:
   void arrive() {
-    parser_.scan_assembled_section(reinterpret_cast<char*>(section_.data()), 18, FREQ, nullptr, SCAN_EIT);
+    parser_.scan_assembled_section(reinterpret_cast<char*>(section_.data()), pid::EIT, FREQ, nullptr, SCAN_EIT);
   }
 
   Folder folder_;
   Sdbl sdbl_{folder_.file("dvb.db").c_str()};
   Section_filter filter_{"/nonexistent/demux0"};
   Siparse parser_{&filter_, 0, 0, 0, &sdbl_};
-  Bytes section_ = schedule_section(0x4E, 0, 2);  // the last one never comes, so the table goes on
+  Bytes section_ = schedule_section(table::EIT_PRESENT_FOLLOWING, 0, 2);  // the last one never comes, so the table goes on
   sqlite3* conn_ = nullptr;
 };
 
@@ -358,7 +359,7 @@ class Decoded_section {
   Decoded_section() {
     dvbpsi_AttachDemux(handle_, new_table, this);
     for (unsigned version = 0; version < 2; ++version)
-      packets_[version] = packets_of(schedule_section(0x50, version, 1));
+      packets_[version] = packets_of(schedule_section(table::EIT_SCHEDULE_FIRST, version, 1));
   }
   ~Decoded_section() {
     dvbpsi_DetachDemux(handle_);
@@ -386,14 +387,14 @@ class Decoded_section {
     Bytes out;
     for (size_t at = 0; at < rest.size(); at += PACKET - 4) {
       const size_t end = std::min(at + PACKET - 4, rest.size());
-      out.insert(out.end(), {0x47, static_cast<uint8_t>(at == 0 ? 0x40 : 0), 0x12, 0x10});
+      out.insert(out.end(), {0x47, static_cast<uint8_t>(at == 0 ? 0x40 : 0), pid::EIT, 0x10});
       for (size_t i = at; i < at + PACKET - 4; ++i)
         out.push_back(i < end ? rest[i] : 0xFF);
     }
     return out;
   }
   static void new_table(dvbpsi_t* handle, uint8_t table, uint16_t service, void* self) {
-    if (table == 0x50)
+    if (table == table::EIT_SCHEDULE_FIRST)
       dvbpsi_eit_attach(handle, table, service, got_table, self);
   }
   static void got_table(void* self, dvbpsi_eit_t* eit) {

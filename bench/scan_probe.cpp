@@ -29,6 +29,7 @@ std::binary_semaphore answered(0);
 std::atomic<int> allocations{0};
 thread_local bool counted = false;
 double worker_ms = 0;
+int outcome = SCAN_COMPLETE;  // of the last scan
 
 void count() {
   if (counted) {
@@ -36,10 +37,15 @@ void count() {
   }
 }
 
-// On the worker.
+// On the worker, right before the answer to the same scan.
+void on_scan_end(void*, const Scan_end& end) {
+  outcome = end.outcome;
+}
+
+// On the worker. A scan that ended for another reason than that it was complete is no figure.
 void on_answer(void*, int result) {
-  if (result != 0) {
-    printf("result=%d\n", result);
+  if (result != 0 || outcome != SCAN_COMPLETE) {
+    fprintf(stderr, "scan_probe: the scan was answered with %d, its outcome is %d\n", result, outcome);
     _exit(1);
   }
   timespec used{};
@@ -137,6 +143,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   Kelvo kelvo(0, 0, 0, &database, true, nullptr);
+  kelvo.set_scan_listener(on_scan_end, nullptr);
   if (strcmp(argv[1], "soak") == 0) {
     return argc < 5 ? 2 : soak(database, kelvo, atoi(argv[3]), atoi(argv[4]));
   }

@@ -44,6 +44,10 @@ void set_listener(const Message_listener& listener) {
   listener_level = listener.message != nullptr ? listener.level : NOBODY;
 }
 
+bool printing() {
+  return the_listener.print;
+}
+
 void print(int level, const char* format, ...) {
   const int saved_errno = errno;
   va_list arguments;

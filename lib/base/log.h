@@ -16,6 +16,10 @@ inline bool enabled(int level) noexcept {
          listener_level.load(std::memory_order_relaxed) >= level;
 }
 
+// Whether messages go to standard error, whatever their level. What other programs say for the library should not when
+// they do not.
+bool printing();
+
 // Keeps a copy of `listener`. Before-start: while no other thread is in the library.
 void set_listener(const Message_listener& listener);
 

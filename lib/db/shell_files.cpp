@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/log.h"
+
 namespace sdbl {
 
 std::string epg_file_of(const std::string& path) {
@@ -31,28 +33,30 @@ std::string shell_quoted(const std::string& file) {
   return word += "'";
 }
 
-void run_shell(const char* format, ...) {
+bool run_shell(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   char* command = nullptr;
   const int length = vasprintf(&command, format, arguments);
   va_end(arguments);
   if (length < 0)
-    return;
-  [[maybe_unused]] const int status = std::system(command);  // the command has told its failure itself
+    return false;
+  const std::string text = command;
   std::free(command);
+  // A host that keeps the library's messages from standard error means these complaints, too.
+  return std::system((kelvo_log::printing() ? text : text + " 2>/dev/null").c_str()) == 0;
 }
 
 void remove_file(const std::string& file) {
-  run_shell("rm %s </dev/null", shell_quoted(file).c_str());
+  (void)run_shell("rm %s </dev/null", shell_quoted(file).c_str());
 }
 
 void remove_file_and_companions(const std::string& file) {
-  run_shell("rm %s* </dev/null", shell_quoted(file).c_str());
+  (void)run_shell("rm %s* </dev/null", shell_quoted(file).c_str());
 }
 
 void move_file(const std::string& from, const std::string& to) {
-  run_shell("mv %s %s </dev/null", shell_quoted(from).c_str(), shell_quoted(to).c_str());
+  (void)run_shell("mv %s %s </dev/null", shell_quoted(from).c_str(), shell_quoted(to).c_str());
 }
 
 }  // namespace sdbl

@@ -172,7 +172,10 @@ TEST_F(Watch, says_when_a_service_is_new) {
   ASSERT_EQ(value(db_, "SELECT count(*) FROM kanalid;"), "1");
   // Played from behind that second, again and again.
   const Words later{"--time", "x60", "--now", Guide_streams::NOW_EPOCH, "--offset", "21", "--mux", "506000000=" + file};
-  const Command_result result = run_command(watch(later, {"1", "--for", "330s"}));
+  support::Running_command running(watch(later, {"1"}));
+  ASSERT_TRUE(running.wait_for_out("channels changed")) << running.out();
+  ASSERT_EQ(kill(running.pid(), SIGINT), 0);
+  const Command_result result = running.wait();
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(count_of(lines_of(result.out), "channels changed"), 1U) << result.out;
   EXPECT_EQ(value(db_, "SELECT count(*) FROM kanalid;"), "2");

@@ -62,16 +62,16 @@ bool write_zone_source(const std::string& network, int offset_min, const char* z
   return std::fclose(file) == 0;
 }
 
-// False when there is nothing to install.
+// False when nothing was compiled, or it could not be copied.
 bool install_zone(const char* zone_name, int zone_nr) {
-  run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
+  (void)run_shell("/usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt");
   char compiled[64];
   (void)std::snprintf(compiled, sizeof compiled, "/tmp/zoneinfo/%s_%d", zone_name, zone_nr);
   if (!file_exists(compiled))
     return false;
-  run_shell("cp -f %s /dvbfiles/localtime", shell_quoted(compiled).c_str());
+  const bool copied = run_shell("cp -f %s /dvbfiles/localtime", shell_quoted(compiled).c_str());
   (void)unlink(compiled);  // a file that stays is replaced the next time
-  return true;
+  return copied;
 }
 
 }  // namespace

@@ -12,8 +12,8 @@ namespace sdbl {
 enum class Zone_outcome {
   UNTOUCHED,  // not of the preferred network, or no zone's name
   RIGHT,      // it is that one already
-  SET,        // compiled and handed to the shell's cp, which tells its own failures
-  FAILED,     // its source could not be written, or not compiled
+  SET,        // compiled and installed
+  FAILED,     // its source could not be written, compiled or copied
 };
 
 // The box's time zone, from the local time offset that the preferred network broadcasts.

@@ -42,6 +42,7 @@ TEST(Multiplex_text, says_what_happened) {
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::TIMED_OUT, 39.4, 0)),
             "timed out: not all tables came, 0 services, 39.4 s");
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_STREAM, 6, 0)), "no MPEG stream, 6.0 s");
+  EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_DEMUX, 0.24, 0)), "the demultiplexer cannot be used, 0.2 s");
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_LOCK, 0.16, 0)), "no lock, 0.2 s");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::OUT_OF_RANGE, 0, 0)), "out of the frontend's range");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::NOT_SCANNED, 0, 0)), "not scanned: interrupted");

@@ -25,7 +25,10 @@ class Guide_round_test : public testing::Test {
     round.start();
     round.enter(TABLE);
   }
-  ~Guide_round_test() override { recorded_clock::set_timers_expired(false); }
+  ~Guide_round_test() override {
+    recorded_clock::set_timers_expired(false);
+    recorded_clock::set_ahead(0);
+  }
 
   // What an event prints at `level`, and whether it finished the table.
   std::string event(int service, bool last_section, int level = -1, int table = TABLE) {
@@ -140,6 +143,16 @@ TEST_F(Guide_round_test, one_that_is_given_up_is_done_and_no_longer_active) {
 TEST_F(Guide_round_test, each_one_given_up_is_flushed) {
   recorded_clock::set_timers_expired(true);
   EXPECT_EQ(event(1, false, 3), "Flushing\nFlushing\n");
+}
+
+// Timers are read when the first one is due, not for each event.
+TEST_F(Guide_round_test, gives_up_in_the_last_second_of_the_wait) {
+  event(1, false);
+  recorded_clock::set_ahead(6);
+  EXPECT_EQ(event(1, false, 1), NOTHING);
+  recorded_clock::set_ahead(9);
+  EXPECT_EQ(event(1, false, 1),
+            "Kill scan for service 1 , First table 50, ttl 180\nKill scan for service 2 , First table 50, ttl 180\n");
 }
 
 TEST_F(Guide_round_test, who_is_done_is_not_given_up) {

@@ -26,6 +26,9 @@ void set_announced(bool announced);
 // Makes every timer read as run out, or as what it is.
 void set_timers_expired(bool expired);
 
+// Lets timers and CLOCK_MONOTONIC run ahead by this much in all.
+void set_ahead(time_t seconds);
+
 // Refuses new timers, with EAGAIN.
 void set_timers_refused(bool refused);
 

@@ -92,36 +92,44 @@ static void add_mux(Config& config, const Key&, const std::string& value) {
 }
 
 const std::vector<Key>& keys() {
-  // The lines of the help, so they are not folded.
-  // clang-format off
   static const std::vector<Key> list = {
       {"adapter", "N", "the options that follow are for adapter N (default 0)", set_adapter},
       {"mux", "FREQ=FILE", "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
-      {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)", set_text<&Adapter_config::pace>},
+      {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)",
+       set_text<&Adapter_config::pace>},
       {"loop", "", "play streams again and again (default)", set_switch<&Adapter_config::loop, true>},
       {"once", "", "play each stream once", set_switch<&Adapter_config::loop, false>},
-      {"start", "tune|air|filter", "a stream begins with each tuning (default), with the command, or with a filter", set_text<&Adapter_config::start>},
+      {"start", "tune|air|filter", "a stream begins with each tuning (default), with the command, or with a filter",
+       set_text<&Adapter_config::start>},
       {"offset", "SECONDS", "begin that far into each stream", set_seconds<&Adapter_config::offset_s>},
       {"stop-after", "[FREQ=]SECONDS", "the stream falls silent after that time", add_text<&Adapter_config::stops>},
-      {"signal", "FREQ:READING=VALUE[@SECONDS]", "status, strength, snr, ber or ucblocks; FREQ may be *; repeat", add_text<&Adapter_config::signals>},
-      {"without", "READING", "the driver has no such reading (strength, snr, ber, ucblocks); repeat", add_text<&Adapter_config::without>},
-      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default 47000000-862000000)", set_text<&Adapter_config::frequency_range>},
+      {"signal", "FREQ:READING=VALUE[@SECONDS]", "status, strength, snr, ber or ucblocks; FREQ may be *; repeat",
+       add_text<&Adapter_config::signals>},
+      {"without", "READING", "the driver has no such reading (strength, snr, ber, ucblocks); repeat",
+       add_text<&Adapter_config::without>},
+      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default 47000000-862000000)",
+       set_text<&Adapter_config::frequency_range>},
       {"type", "ofdm|qpsk|qam|atsc", "type of the frontend (default ofdm)", set_text<&Adapter_config::type>},
-      {"delivery", "[FREQ=]dvbt|dvbt2", "how the streams are transmitted (default: as the frontend receives)", add_text<&Adapter_config::deliveries>},
+      {"delivery", "[FREQ=]dvbt|dvbt2", "how the streams are transmitted (default: as the frontend receives)",
+       add_text<&Adapter_config::deliveries>},
       {"lock-delay", "MS", "from tuning to lock (default 50)", set_number<&Adapter_config::lock_delay_ms, HOUR_MS>},
-      {"look-interval", "MS", "between the core's looks for a lock, which make events (default 300)", set_look_interval},
+      {"look-interval", "MS", "between the core's looks for a lock, which make events (default 300)",
+       set_look_interval},
       {"tuned", "FREQ", "another program holds the frontend on FREQ already", set_text<&Adapter_config::tuned>},
-      {"dead-reopen", "N", "the Nth opening for writing finds no core thread: it never tunes", set_number<&Adapter_config::dead_reopen, 1000000>},
-      {"section", "PID[/TABLE]=KIND", "drop, cut:BYTES, double, crc or silence; [@FIRST][*COUNT][+SECONDS]; repeat", add_text<&Adapter_config::sections>},
+      {"dead-reopen", "N", "the Nth opening for writing finds no core thread: it never tunes",
+       set_number<&Adapter_config::dead_reopen, 1000000>},
+      {"section", "PID[/TABLE]=KIND", "drop, cut:BYTES, double, crc or silence; [@FIRST][*COUNT][+SECONDS]; repeat",
+       add_text<&Adapter_config::sections>},
       {"fault", "CALL[(GLOB)]=ERRNO", "a call that fails; [@FIRST][*COUNT]; repeat", add_text<&Config::faults>},
-      {"root", "DIR", "sandbox for /dvbfiles, /tmp/zoneinfo, /tmp/testsig (default: a temporary one)", set_text<&Config::root>},
+      {"root", "DIR", "sandbox for /dvbfiles, /tmp/zoneinfo, /tmp/testsig (default: a temporary one)",
+       set_text<&Config::root>},
       {"log", "FILE", "a line for each call on devices and clocks", set_text<&Config::log>},
       {"time", "xFACTOR", "virtual time runs FACTOR times as fast", set_speed},
       {"now", "EPOCH", "the time that the command sees when it starts", set_seconds<&Config::now>},
-      {"grace", "MS", "real time that a late reader gets before its queue overflows", set_number<&Config::grace_ms, 600000>},
+      {"grace", "MS", "real time that a late reader gets before its queue overflows",
+       set_number<&Config::grace_ms, 600000>},
       {"keep", "", "leave the temporary folders", set_switch<&Config::keep, true>},
   };
-  // clang-format on
   return list;
 }
 

@@ -1,6 +1,7 @@
 // DVB text to UTF-8 (EN 300 468, Annex A).
 #include "si/dvb_text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -62,6 +63,51 @@ Dvb_text::~Dvb_text() {
   close_converter(iso10646_);
 }
 
+Dvb_text::Choice Dvb_text::choose(unsigned selector, size_t length, unsigned second, unsigned third) const {
+  if (selector >= 0x20) {
+    KLOG(VERB_TRACE, "6937\n");
+    return {Way::CONVERTED, iso6937_, 0, selector};
+  }
+  if (selector <= 0x0B) {
+    KLOG(VERB_TRACE, "short list iso8859-%d\n", static_cast<int>(selector) + 4);
+    // Deliberate: an error names the table less one.
+    return {Way::CONVERTED, iso8859_[selector + 4 - 1], 1, selector + 3};
+  }
+  switch (selector) {
+    case 0x10: {
+      const int table = static_cast<signed char>(third);  // NOLINT(bugprone-signed-char-misuse)
+      KLOG(VERB_TRACE, "long list iso8859-%d\n", table);
+      if (table >= 1 && table <= 15)
+        return {Way::CONVERTED, iso8859_[static_cast<size_t>(table) - 1], 3, selector};
+      KLOG(VERB_ERROR, "ERROR: Incorrect index in text long list conversion %d.%d", static_cast<int>(second), table);
+      return {Way::UNSUPPORTED, invalid_converter(), 3, selector};
+    }
+    case 0x11:
+      KLOG(VERB_TRACE, "iso10646-1\n");
+      return {Way::CONVERTED, iso10646_, 1, selector};
+    case 0x12:
+      KLOG(VERB_WARNING, "WARNING: Korean charset not supported\n");
+      break;
+    case 0x13:
+      KLOG(VERB_WARNING, "WARNING: Simplified Chinese chipset not supported\n");
+      break;
+    case 0x14:
+      KLOG(VERB_WARNING, "WARNING: Traditional Chinese not supported\n");
+      break;
+    case 0x15:
+      KLOG(VERB_TRACE, " UTF-8\n");
+      return {Way::COPIED, invalid_converter(), 1, selector};
+    case 0x1F:
+      KLOG(VERB_ERROR, "ERROR: %d bytes to ETSI TR 101 162 specific encoding(type 0x1f) %x not supported\n",
+           static_cast<int>(length), second);
+      break;
+    default:
+      KLOG(VERB_ERROR, "ERROR:  %d bytes to Unknown decoding %x\n", static_cast<int>(length), selector);
+      return {Way::REFUSED, invalid_converter(), 0, selector};
+  }
+  return {Way::UNSUPPORTED, invalid_converter(), 0, selector};
+}
+
 void Dvb_text::convert(std::string* text) {
   const size_t length = text->size();
   if (length * GROWTH > LONGEST_OUTPUT) {
@@ -76,78 +122,36 @@ void Dvb_text::convert(std::string* text) {
   }
   KLOG(VERB_TRACE, "converting %d input", static_cast<int>(length));
 
-  size_t start = 0;  // of the text behind the selector
-  bool convertible = true;
-  iconv_t* converter = nullptr;  // null: copied as it is
-  unsigned reported = selector;
-  if (selector >= 0x20) {
-    KLOG(VERB_TRACE, "6937\n");
-    converter = &iso6937_;
-  } else if (selector <= 0x0B) {
-    KLOG(VERB_TRACE, "short list iso8859-%d\n", static_cast<int>(selector) + 4);
-    start = 1;
-    converter = &iso8859_[selector + 4 - 1];
-    reported = selector + 3;  // Deliberate: an error names the table less one.
-  } else if (selector == 0x10) {
-    const int table = static_cast<signed char>(byte(2));  // NOLINT(bugprone-signed-char-misuse)
-    KLOG(VERB_TRACE, "long list iso8859-%d\n", table);
-    start = 3;
-    if (table >= 1 && table <= 15) {
-      converter = &iso8859_[table - 1];
-    } else {
-      KLOG(VERB_ERROR, "ERROR: Incorrect index in text long list conversion %d.%d", static_cast<int>(byte(1)), table);
-      convertible = false;
-    }
-  } else if (selector == 0x11) {
-    KLOG(VERB_TRACE, "iso10646-1\n");
-    start = 1;
-    converter = &iso10646_;
-  } else if (selector == 0x15) {
-    KLOG(VERB_TRACE, " UTF-8\n");
-    start = 1;
-  } else if (selector == 0x12) {
-    KLOG(VERB_WARNING, "WARNING: Korean charset not supported\n");
-    convertible = false;
-  } else if (selector == 0x13) {
-    KLOG(VERB_WARNING, "WARNING: Simplified Chinese chipset not supported\n");
-    convertible = false;
-  } else if (selector == 0x14) {
-    KLOG(VERB_WARNING, "WARNING: Traditional Chinese not supported\n");
-    convertible = false;
-  } else if (selector == 0x1F) {
-    KLOG(VERB_ERROR, "ERROR: %d bytes to ETSI TR 101 162 specific encoding(type 0x1f) %x not supported\n",
-         static_cast<int>(length), byte(1));
-    convertible = false;
-  } else {
-    KLOG(VERB_ERROR, "ERROR:  %d bytes to Unknown decoding %x\n", static_cast<int>(length), selector);
+  const Choice choice = choose(selector, length, byte(1), byte(2));
+  if (choice.way == Way::REFUSED)
     return;
-  }
 
   char output[LONGEST_OUTPUT];
-  char* in = text->data() + (start < length ? start : length);
+  const size_t start = std::min(choice.start, length);
+  char* in = text->data() + start;
   char* out = output;
-  size_t in_left = start < length ? length - start : 0;
+  size_t in_left = length - start;
   const size_t in_size = in_left;
   size_t out_left = length * GROWTH;
   size_t result = 0;
   errno = 0;
-  if (convertible && converter != nullptr && in_left != 0) {
-    if (is_valid(*converter)) {
-      (void)iconv(*converter, nullptr, nullptr, nullptr, nullptr);
-      result = iconv(*converter, &in, &in_left, &out, &out_left);
+  if (choice.way == Way::CONVERTED && in_left != 0) {
+    if (is_valid(choice.converter)) {
+      (void)iconv(choice.converter, nullptr, nullptr, nullptr, nullptr);
+      result = iconv(choice.converter, &in, &in_left, &out, &out_left);
     } else {
       errno = EBADF;
       result = static_cast<size_t>(-1);
     }
   }
   // Deliberate: text that says it is UTF-8 is copied without counting as consumed, so it ends in the error below.
-  if (convertible && result == 0 && in_left == 0) {
+  if (choice.way != Way::UNSUPPORTED && result == 0 && in_left == 0) {
     text->assign(output, static_cast<size_t>(out - output));
     return;
   }
   const int error = errno;
   KLOG(VERB_ERROR, "ERROR: Conversion error: dvb_string_type %d, converted %x,  ret code %d, offending char %c\n",
-       static_cast<int>(reported), static_cast<unsigned>(in_size - in_left), static_cast<int>(result),
+       static_cast<int>(choice.reported), static_cast<unsigned>(in_size - in_left), static_cast<int>(result),
        in_left != 0 ? static_cast<unsigned char>(*in) : 0);
   if (kelvo_log::enabled(VERB_ERROR)) {
     errno = error;

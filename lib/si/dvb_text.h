@@ -25,6 +25,16 @@ class Dvb_text {
   }
 
  private:
+  // What a selector leads to. Texts that are copied or not supported end in the error of a failed conversion.
+  enum class Way { CONVERTED, COPIED, UNSUPPORTED, REFUSED };
+  struct Choice {
+    Way way;
+    iconv_t converter;
+    size_t start;       // of the text behind the selector
+    unsigned reported;  // the selector's number in that error
+  };
+  Choice choose(unsigned selector, size_t length, unsigned second, unsigned third) const;
+
   static constexpr size_t ISO_8859_TABLES = 16;
 
   std::array<iconv_t, ISO_8859_TABLES> iso8859_;  // ISO-8859-n at n - 1

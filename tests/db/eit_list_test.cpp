@@ -12,6 +12,7 @@
 #include "support/support.h"
 
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
 
 namespace {
@@ -153,8 +154,7 @@ TEST_F(Eit_list, another_state_prints_one_error_and_builds_the_list) {
               "this table\n");
     EXPECT_EQ(list_.size(), 1u);
   }
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { get(SCAN_PAT); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { get(SCAN_PAT); }), "");
 }
 
 TEST_F(Eit_list, entries_are_appended) {
@@ -242,8 +242,7 @@ TEST_F(Eit_list, a_failing_guide_leaves_the_caches_empty) {
 
 TEST_F(Eit_list, statements_are_these_with_their_numbers) {
   service(5, 10);
-  verbosity_kelvo = 4;
-  const std::string trace = stderr_of([this] { get(); });
+  const std::string trace = messages_at(4, [this] { get(); });
   verbosity_kelvo = 0;
   EXPECT_THAT(db_support::statements(trace),
               testing::ElementsAre(

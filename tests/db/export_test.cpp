@@ -7,18 +7,19 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class Channel_export : public testing::Test {
  protected:
@@ -132,8 +133,7 @@ TEST_F(Channel_export, of_a_closed_database_copies_nothing) {
 
 TEST_F(Channel_export, announces_itself_at_level_1) {
   const std::string target = dir_.file("copy.db");
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { sdbl_.backup_channel_database(target.c_str()); }),
+  EXPECT_THAT(messages_at(1, [&] { sdbl_.backup_channel_database(target.c_str()); }),
               MatchesRegex("WARNING: Exporting channel data to to .*/copy.db WARNING: Completed in [0-9]+ msec\n"));
 }
 
@@ -142,8 +142,7 @@ TEST_F(Guide_export, without_a_file_name_prints_an_error_and_touches_nothing) {
   EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(true); }), "ERROR: Backup file name not set!");
   EXPECT_EQ(rows(sdbl_, "SELECT count(*) FROM epglist"), (Texts{"1"}));  // an old event, still there
   EXPECT_EQ(std::filesystem::last_write_time(dir_.file("a_epg.db")), before);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(false); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_.backup_database(false); }), "");
 }
 
 TEST_F(Guide_export, without_the_folder_of_the_temporary_file_prints_an_error) {
@@ -154,10 +153,8 @@ TEST_F(Guide_export, without_the_folder_of_the_temporary_file_prints_an_error) {
             "ERROR: Cannot open export file in /dvbfiles/epg_export_tmp.db, unable to open database file\n");
   EXPECT_FALSE(std::filesystem::exists(dir_.file("copy_epg.db")));
   EXPECT_EQ(rows(sdbl_, "SELECT count(*) FROM epglist"), (Texts{"0"}));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(true); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { sdbl_.backup_database(true); }),
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_.backup_database(true); }), "");
+  EXPECT_THAT(messages_at(1, [&] { sdbl_.backup_database(true); }),
               MatchesRegex("WARNING: Exporting attached epg database epg_db to .*/copy.db WARNING: Remove_old_entries "
                            "done in [0-9]+ msec, removed 0 entries. ERROR: Cannot open export file in "
                            "/dvbfiles/epg_export_tmp.db, unable to open database file\n"));

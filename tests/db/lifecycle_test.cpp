@@ -10,6 +10,7 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::conn_of;
@@ -17,13 +18,13 @@ using db_support::number;
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 int open_files() {
   int count = 0;
@@ -116,13 +117,10 @@ TEST_F(Lifecycle, paths_too_long_for_a_path_cannot_be_opened) {
 
 TEST_F(Lifecycle, banner_and_progress_have_their_levels) {
   open();
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { open(); }), "");
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { open(); }),
+  EXPECT_EQ(messages_at(1, [&] { open(); }), "");
+  EXPECT_EQ(messages_at(2, [&] { open(); }),
             "Setting shared cache mode for database open calls\nSQLITE library in thread-safe mode\n");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { open(); }),
+  EXPECT_EQ(messages_at(3, [&] { open(); }),
             "Kelvo DVB-T si parser ver. 2.5\nSetting shared cache mode for database open calls\n"
             "SQLITE library in thread-safe mode\n");
   verbosity_kelvo = 4;
@@ -191,10 +189,8 @@ TEST_F(Lifecycle, closing_twice_prints_an_error_and_does_nothing_else) {
 TEST_F(Lifecycle, closing_traces_its_steps_at_level_4) {
   auto sdbl = open();
   auto second = open();
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { second->close_db(); }), "");
-  verbosity_kelvo = 4;
-  EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
+  EXPECT_EQ(messages_at(3, [&] { second->close_db(); }), "");
+  EXPECT_EQ(messages_at(4, [&] { sdbl->close_db(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
   verbosity_kelvo = -1;
 }
 
@@ -202,8 +198,7 @@ TEST_F(Lifecycle, destroying_ends_the_statements_of_the_cache_before_closing) {
   auto sdbl = open();
   for (int n = 0; n < 3; ++n)
     sqlite3_step(sdbl->sql_cache(false, n, "SELECT 'DVBNR'"));
-  verbosity_kelvo = 4;
-  EXPECT_EQ(stderr_of([&] { sdbl.reset(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
+  EXPECT_EQ(messages_at(4, [&] { sdbl.reset(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
 }
 
 TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
@@ -215,8 +210,7 @@ TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
             "WARNING: Open statement in close db\nWARNING: Open statement in close db\n");
   auto second = open();
   (void)second->sql_cache(false, 0, "SELECT 1");
-  verbosity_kelvo = 0;
-  EXPECT_EQ(stderr_of([&] { second->close_db(); }), "");
+  EXPECT_EQ(messages_at(0, [&] { second->close_db(); }), "");
   verbosity_kelvo = -1;
 }
 
@@ -249,8 +243,7 @@ TEST_F(Lifecycle, reopening_brings_the_channels_back_without_the_guide) {
   EXPECT_EQ(rows(*sdbl, "SELECT * FROM epglist"), (Texts{"error: no such table: epglist"}));
   EXPECT_EQ(rows(*sdbl, "SELECT * FROM kanalid_scan_0"), (Texts{"error: no such table: kanalid_scan_0"}));
   EXPECT_EQ(rows(*sdbl, "PRAGMA journal_mode"), (Texts{"off"}));
-  verbosity_kelvo = 0;
-  EXPECT_THAT(stderr_of([&] { sdbl->close_db(); }),
+  EXPECT_THAT(messages_at(0, [&] { sdbl->close_db(); }),
               MatchesRegex("ERROR: SQL_exec: 1 @ close_db line [0-9]+\n"
                            "ERROR: Failed to detach epg info database, rc = 1\n"));
   verbosity_kelvo = -1;
@@ -289,17 +282,13 @@ TEST_F(Lifecycle, destroying_closes_all_files) {
 
 TEST_F(Lifecycle, flushing_announces_itself) {
   auto sdbl = open();
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "Flushing\n");
-  verbosity_kelvo = 4;
-  EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "Flushing\nFldone\n");
+  EXPECT_EQ(messages_at(2, [&] { sdbl->flush(); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl->flush(); }), "Flushing\n");
+  EXPECT_EQ(messages_at(4, [&] { sdbl->flush(); }), "Flushing\nFldone\n");
   verbosity_kelvo = 0;
   sdbl->close_db();
   EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "ERROR: Flushing closed handle\n");
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl->flush(); }), "");
 }
 
 TEST_F(Lifecycle, scan_tables_are_made_again_empty) {
@@ -369,16 +358,14 @@ TEST_F(Lifecycle, scan_tables_of_a_closed_database_print_an_error_for_every_stat
                            "(ERROR: SQL_exec: 21 @ create_table_kanalid line [0-9]+\n){21}"
                            "(ERROR: SQL_exec: 21 @ create_table_kanalid_lang line [0-9]+\n){5}"
                            "(ERROR: SQL_exec: 21 @ create_table_estreams line [0-9]+\n){13}"));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl->create_temp_tables(1); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl->create_temp_tables(1); }), "");
 }
 
 TEST_F(Lifecycle, clearing_tables_that_are_not_there_prints_three_errors) {
   auto sdbl = open();
   EXPECT_THAT(stderr_of([&] { sdbl->clear_temp_tables(1); }),
               MatchesRegex("(ERROR: SQL_exec: 1 @ clear_temp_tables line [0-9]+\n){3}"));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl->clear_temp_tables(1); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl->clear_temp_tables(1); }), "");
 }
 
 TEST_F(Lifecycle, old_events_go_with_their_texts_and_both_are_counted) {

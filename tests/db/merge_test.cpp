@@ -5,18 +5,19 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::number;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 constexpr int FREQ = 506000000;
 constexpr int TYPE = 1;
@@ -80,8 +81,7 @@ TEST_F(Merge, other_states_are_refused) {
               "ERROR: Incorrect scan state entered: " + std::to_string(state) + "\n");
     EXPECT_EQ(result, 0);
   }
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { result = merge(SCAN_EIT); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { result = merge(SCAN_EIT); }), "");
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(SCAN_EIT), 0); }),
             "ERROR: Incorrect scan state entered: 3\n"
@@ -95,10 +95,8 @@ TEST_F(Merge, an_empty_scan_writes_nothing) {
   merge();
   const Texts before = rows(sdbl_, "SELECT * FROM kanalid ORDER BY channel");
   scan({});
-  verbosity_kelvo = 0;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), 0); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), 0); }),
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merge(), 0); }), "");
+  EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(merge(), 0); }),
             "WARNING: PAT scan timed out for freq 506000000, no entries in scan table\n");
   verbosity_kelvo = 3;
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), 0); }),
@@ -107,12 +105,10 @@ TEST_F(Merge, an_empty_scan_writes_nothing) {
 }
 
 TEST_F(Merge, a_missing_scan_table_also_prints_the_code) {
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(merge(SCAN_PAT, 3), 0); }),
+  EXPECT_THAT(messages_at(1, [&] { EXPECT_EQ(merge(SCAN_PAT, 3), 0); }),
               testing::EndsWith("WARNING: PAT scan timed out for freq 506000000, no entries in scan table\n"
                                 "Error code 1, no such table: kanalid_scan_3"));
-  verbosity_kelvo = 0;
-  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(merge(SCAN_PAT, 3), 0); }), testing::Not(HasSubstr("Error code")));
+  EXPECT_THAT(messages_at(0, [&] { EXPECT_EQ(merge(SCAN_PAT, 3), 0); }), testing::Not(HasSubstr("Error code")));
 }
 
 TEST_F(Merge, new_services_are_added_with_their_streams) {
@@ -299,8 +295,7 @@ TEST_F(Merge, an_added_stream_and_a_deleted_stream_have_their_own_bits) {
   scan({{1}});
   run(sdbl_, "INSERT INTO estreams_scan_0 (channel, es_pid) SELECT channel, 99 FROM kanalid_scan_0");
   const auto told = [this](int expected) {
-    verbosity_kelvo = 2;
-    const std::string text = stderr_of([&] { EXPECT_EQ(merge(), expected); });
+    const std::string text = messages_at(2, [&] { EXPECT_EQ(merge(), expected); });
     verbosity_kelvo = 0;
     return text;
   };
@@ -507,15 +502,13 @@ TEST_F(Merge, a_timeout_that_cannot_be_stored_is_an_error) {
 
 TEST_F(Merge, timeout_is_announced_at_level_1) {
   EXPECT_EQ(stderr_of([&] { sdbl_.set_master_scan_timeout(TYPE, CONN, FREQ); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.set_master_scan_timeout(TYPE, CONN, FREQ); }),
+  EXPECT_EQ(messages_at(1, [&] { sdbl_.set_master_scan_timeout(TYPE, CONN, FREQ); }),
             "WARNING: Setting timeout for mux 506000000\n");
 }
 
 TEST_F(Merge, progress_of_a_full_scan_is_traced) {
   scan({{1}});
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { merge(); }), "");
+  EXPECT_EQ(messages_at(1, [&] { merge(); }), "");
   verbosity_kelvo = 0;
   scan({{1, 1000, true, "fra"}, {2}});
   const int first = number(sdbl_, "SELECT min(channel) FROM kanalid_scan_0");
@@ -561,14 +554,14 @@ TEST_F(Merge, levels_1_and_2_show_the_streams_only) {
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), CHANNELS_ADDED | CHANNELS_LOST | STREAMS_ADDED | STREAMS_DELETED); }),
             "");
   scan({{1, 1000, true, "fra"}, {2}, {4}});
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), CHANNELS_ADDED | CHANNELS_LOST | STREAMS_ADDED | STREAMS_DELETED); }),
-            "Added 1 estream entries for channel 1\n"
-            "Deleted 1 estream entries for channel 1\n"
-            "Added 1 estream entries for channel 2\n"
-            "Deleted 1 estream entries for channel 2\n"
-            "Added 2 estream entries for channel 4\n"
-            "estreams modified, reindexing");
+  EXPECT_EQ(
+      messages_at(2, [&] { EXPECT_EQ(merge(), CHANNELS_ADDED | CHANNELS_LOST | STREAMS_ADDED | STREAMS_DELETED); }),
+      "Added 1 estream entries for channel 1\n"
+      "Deleted 1 estream entries for channel 1\n"
+      "Added 1 estream entries for channel 2\n"
+      "Deleted 1 estream entries for channel 2\n"
+      "Added 2 estream entries for channel 4\n"
+      "estreams modified, reindexing");
 }
 
 TEST_F(Merge, statements_of_a_full_scan_are_these_in_this_order) {
@@ -579,8 +572,7 @@ TEST_F(Merge, statements_of_a_full_scan_are_these_in_this_order) {
   const std::string row_1 = rows(sdbl_, "SELECT min(channel) FROM kanalid_scan_0")[0];
   const std::string row_2 = rows(sdbl_, "SELECT max(channel) FROM kanalid_scan_0")[0];
   const std::string stream = rows(sdbl_, "SELECT oid FROM estreams_scan_0 WHERE es_pid = 1001")[0];
-  verbosity_kelvo = 4;
-  const std::string trace = stderr_of([&] { merge(); });
+  const std::string trace = messages_at(4, [&] { merge(); });
   verbosity_kelvo = 0;
   const std::string now = rows(sdbl_, "SELECT modified FROM kanalid WHERE channel = 1")[0];
   const std::string look_up =
@@ -652,14 +644,12 @@ TEST_F(Merge, lost_and_back_are_traced) {
   scan({{1}, {2}});
   merge();
   scan({{1}});
-  verbosity_kelvo = 3;
-  EXPECT_THAT(stderr_of([&] { merge(); }),
+  EXPECT_THAT(messages_at(3, [&] { merge(); }),
               testing::EndsWith("Scan from 2 for freq 506000000, ch_add 0, ch_delete 1, estrm_add 0, estrm_delete 0\n"
                                 "1 Channels deleted\n"));
   verbosity_kelvo = 0;
   scan({{1}, {2}});
-  verbosity_kelvo = 3;
-  EXPECT_THAT(stderr_of([&] { merge(); }),
+  EXPECT_THAT(messages_at(3, [&] { merge(); }),
               HasSubstr("Updating ROW status for ch oid 2\nflag from 0->1, increment ch found flag\n"));
 }
 
@@ -691,8 +681,7 @@ TEST_F(Merge, a_failing_look_up_is_an_error_and_the_merge_goes_on) {
     ++count;
   EXPECT_EQ(count, 2u);
   EXPECT_EQ(rows(sdbl_, "SELECT DISTINCT channel FROM estreams_scan_0"), (Texts{"0"}));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(merge(), 0); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(merge(), 0); }), "");
 }
 
 TEST_F(Merge, extreme_ids_and_hostile_texts_are_stored_as_they_are) {

@@ -5,9 +5,11 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -50,8 +52,7 @@ TEST_F(Read_failure, of_scrambled_streams_is_returned) {
               MatchesRegex(reset_error("fill_pids_for_channel")));
   EXPECT_EQ(rc, 1);
   EXPECT_TRUE(pids.empty());
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.fill_pids_for_channel(1, &pids); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_.fill_pids_for_channel(1, &pids); }), "");
 }
 
 TEST_F(Read_failure, of_old_events_removes_nothing) {
@@ -60,8 +61,7 @@ TEST_F(Read_failure, of_old_events_removes_nothing) {
   EXPECT_THAT(stderr_of([&] { removed = sdbl_.remove_old_entries(0, false); }),
               MatchesRegex(reset_error("remove_old_entries")));
   EXPECT_EQ(removed, 0);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.remove_old_entries(0, false); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_.remove_old_entries(0, false); }), "");
 }
 
 TEST_F(Read_failure, of_events_in_a_range_deletes_nothing) {
@@ -101,8 +101,7 @@ TEST_F(Read_failure, of_scan_rows_is_returned) {
   EXPECT_THAT(stderr_of([&] { rc = sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }),
               MatchesRegex(reset_error("nit_multilingual_network_name")));
   EXPECT_EQ(rc, 1);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }), "");
 }
 
 TEST_F(Read_failure, of_the_scan_ends_the_merge) {
@@ -127,10 +126,8 @@ TEST_F(Read_failure, of_the_program_number_is_0) {
 TEST_F(Read_failure, of_the_network_leaves_the_zone) {
   break_table("main", "kanalid", "network_name", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq");
   const auto update = [&] { sdbl_.update_system_timezone(180, "EST", 0, 1, 1, FREQ); };
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of(update), MatchesRegex(reset_error("update_system_timezone")));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of(update), "");
+  EXPECT_THAT(messages_at(1, update), MatchesRegex(reset_error("update_system_timezone")));
+  EXPECT_EQ(messages_at(-1, update), "");
 }
 
 TEST_F(Read_failure, of_tuning_parameters_warns) {

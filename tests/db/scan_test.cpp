@@ -5,19 +5,20 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::conn_of;
 using db_support::number;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 constexpr int FREQ = 506000000;
 constexpr int TYPE = 1;
@@ -92,13 +93,13 @@ TEST_F(Scan, every_writer_names_itself_when_its_table_is_missing) {
               MatchesRegex("ERROR: SQLite RUN rc 1 at pmt_channel_number, [0-9]+\n"));
   EXPECT_THAT(last_error([&] { EXPECT_EQ(sdbl_.nit_network_name(1, TYPE, CONN, FREQ, 1, "Name"), 1); }),
               MatchesRegex("ERROR: SQLite RUN rc 1 at nit_network_name, [0-9]+\n"));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] {
-              sdbl_.pat_for_network(1, TYPE, CONN, FREQ, 1, 2, 3);
-              sdbl_.sdt_for_service(1, TYPE, CONN, FREQ, 1, 4, 1);
-              sdbl_.pmt_channel_number(1, TYPE, CONN, FREQ, 1, 300, SCAN_PAT);
-              sdbl_.nit_network_name(1, TYPE, CONN, FREQ, 1, "Name");
-            }),
+  EXPECT_EQ(messages_at(-1,
+                        [&] {
+                          sdbl_.pat_for_network(1, TYPE, CONN, FREQ, 1, 2, 3);
+                          sdbl_.sdt_for_service(1, TYPE, CONN, FREQ, 1, 4, 1);
+                          sdbl_.pmt_channel_number(1, TYPE, CONN, FREQ, 1, 300, SCAN_PAT);
+                          sdbl_.nit_network_name(1, TYPE, CONN, FREQ, 1, "Name");
+                        }),
             "");
 }
 
@@ -124,8 +125,7 @@ TEST_F(Scan, writers_without_their_table_print_errors_and_return_1) {
   EXPECT_EQ(rc, 1);
   EXPECT_THAT(text, HasSubstr("prepare failed: no such table: kanalid_scan_1ERROR: sql_cache lookup failed for "));
   EXPECT_THAT(text, MatchesRegex(".*ERROR: SQLite RUN rc 1 at nit_lcn, [0-9]+\n"));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.nit_lcn(1, TYPE, CONN, 1, 2, 3, 4); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { rc = sdbl_.nit_lcn(1, TYPE, CONN, 1, 2, 3, 4); }), "");
 }
 
 TEST_F(Scan, sdt_stores_status_and_mode_of_a_known_service) {
@@ -175,8 +175,7 @@ TEST_F(Scan, pmt_without_a_pcr_pid_warns_and_stores_0) {
   sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 300, SCAN_PAT);
   EXPECT_EQ(stderr_of([&] { sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 0, SCAN_PAT); }), "");
   EXPECT_EQ(rows(sdbl_, "SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"0"}));
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 0, SCAN_PAT), 1); }),
+  EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(sdbl_.pmt_channel_number(0, TYPE, CONN, FREQ, 10, 0, SCAN_PAT), 1); }),
             "WARNING: pmt_for_service:  pcr_pid = 0\n");
 }
 
@@ -237,8 +236,7 @@ TEST_F(Scan, every_writer_runs_its_statements) {
   pat(10);
   // The statements that are traced while `action` runs, in their order.
   const auto statements = [](const std::function<void()>& action) {
-    verbosity_kelvo = 4;
-    const std::string text = stderr_of(action);
+    const std::string text = messages_at(4, action);
     verbosity_kelvo = 0;
     Texts found;
     for (const char* start : {"cache run for command ", "sql_exec: ", "sql_get_int: ", "sql_get_txt: "})
@@ -352,11 +350,9 @@ TEST_F(Scan, lcn_belongs_to_the_service_whatever_its_frequency) {
 }
 
 TEST_F(Scan, lcn_is_traced) {
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { sdbl_.nit_lcn(0, 1, 2, 5, 20, 10, 3); }),
+  EXPECT_THAT(messages_at(4, [&] { sdbl_.nit_lcn(0, 1, 2, 5, 20, 10, 3); }),
               testing::StartsWith("Set LCN = 3 at dvb_nr 0, type 1, conn 2, net_id 20, serv_id 10, ts_id 5\n"));
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.nit_lcn(0, 1, 2, 5, 20, 10, 3); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl_.nit_lcn(0, 1, 2, 5, 20, 10, 3); }), "");
 }
 
 TEST_F(Scan, network_name_is_set_where_frequency_and_network_match) {
@@ -393,11 +389,10 @@ TEST_F(Scan, network_names_trace_their_rows) {
   pat(10);
   pat(11);
   sdbl_.nit_for_network(0, TYPE, CONN, FREQ, "network_id", 20);
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }),
+  EXPECT_THAT(messages_at(4, [&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }),
               HasSubstr("OIDs for freq 506000000 lang eng network Network are: 1 2 \n"));
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl_.nit_multilingual_network_name(0, TYPE, CONN, FREQ, 20, "eng", "Network"); }),
+            "");
 }
 
 TEST_F(Scan, network_names_without_their_table_return_1) {
@@ -508,11 +503,9 @@ TEST_F(Channel_list, name_of_a_service) {
   EXPECT_EQ(*name, "One");
   name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 11));
   EXPECT_EQ(*name, "");
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }),
+  EXPECT_THAT(messages_at(4, [&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }),
               HasSubstr("Serv name is One\n"));
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }), "");
+  EXPECT_EQ(messages_at(3, [&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }), "");
   verbosity_kelvo = 0;
   run(sdbl_, "DROP TABLE kanalid");
   EXPECT_THAT(stderr_of([&] { name.reset(sdbl_.get_serv_name(TYPE, CONN, FREQ, 10)); }),

@@ -3,20 +3,21 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::conn_of;
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class Schema : public testing::Test {
  protected:
@@ -49,8 +50,7 @@ class Schema : public testing::Test {
 // What `sql_exec` is traced to run while `file` is opened, a statement an entry; of added columns only the name.
 Texts statements_of_opening(const std::string& file) {
   std::unique_ptr<Sdbl> sdbl;
-  verbosity_kelvo = 4;
-  const std::string text = stderr_of([&] { sdbl = std::make_unique<Sdbl>(file.c_str()); });
+  const std::string text = messages_at(4, [&] { sdbl = std::make_unique<Sdbl>(file.c_str()); });
   verbosity_kelvo = -1;
   Texts statements;
   for (size_t at = 0; (at = text.find("sql_exec: ", at)) != std::string::npos; ++at) {
@@ -439,7 +439,6 @@ TEST(Schema_messages, failing_statements_name_their_operation_and_the_rest_runs)
               testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_kanalid line [0-9]+\n){21}"));
   EXPECT_THAT(stderr_of([&] { sdbl.create_table_estreams("estreams", false); }),
               testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_estreams line [0-9]+\n){13}"));
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl.create_table_kanalid_lang("kanalid_lang", false); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl.create_table_kanalid_lang("kanalid_lang", false); }), "");
   verbosity_kelvo = 0;
 }

@@ -3,20 +3,21 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::conn_of;
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 constexpr char SET_PCR[] = "UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = $channel;";
 
@@ -156,11 +157,9 @@ TEST_F(Sql_get_int, compile_error_returns_its_code_and_shows_the_text_at_level_3
   EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere ");
   EXPECT_EQ(rc, 1);
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+  EXPECT_EQ(messages_at(2, [&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere ");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+  EXPECT_EQ(messages_at(3, [&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
 }
 
@@ -216,11 +215,9 @@ TEST_F(Sql_get_txt, failures_return_1_and_print_at_every_level) {
             "SQL_get_txt/execute error 1: integer overflow ");
   EXPECT_EQ(rc, 1);
   EXPECT_EQ(text, "before");
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+  EXPECT_EQ(messages_at(2, [&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
             "SQL_get_txt/compile error 1: no such table: nowhere ");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+  EXPECT_EQ(messages_at(3, [&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
             "SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
 }
 
@@ -336,9 +333,8 @@ TEST_F(Sql_cache, failed_prepare_is_printed_and_tried_again) {
             "$pcr_pid WHERE channel = $channel;");
   EXPECT_EQ(stmt, nullptr);
   sdbl_.create_temp_tables(1);
-  verbosity_kelvo = 4;
   // The entry has stayed, without its statement.
-  EXPECT_THAT(stderr_of([&] { stmt = sdbl_.sql_cache(true, 1, SET_PCR, 1, 1); }),
+  EXPECT_THAT(messages_at(4, [&] { stmt = sdbl_.sql_cache(true, 1, SET_PCR, 1, 1); }),
               MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
                            "sql: UPDATE kanalid_scan_1 SET pcr_pid = \\$pcr_pid WHERE channel = \\$channel;\n"
                            "cache run for command UPDATE kanalid_scan_DVBNR SET pcr_pid = \\$pcr_pid WHERE channel = "
@@ -386,8 +382,7 @@ TEST_F(Sql_cache, failed_step_prints_an_error_and_a_warning_and_keeps_the_statem
   EXPECT_EQ(at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
             "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n");
   EXPECT_NE(stmt, nullptr);
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
+  EXPECT_EQ(messages_at(1, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
             "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"
             "WARNING: Sqlite_reset for INSERT INTO t VALUES ($a, @b) rc is 2067\n");
 }
@@ -427,15 +422,13 @@ TEST_F(Sql_cache, traces_every_step) {
                            "Input string length <3 \\(2\\) for arg index 2  name @b\\. Replacing with epty string ab \n"
                            "INSERT INTO t VALUES \\(\\$a, @b\\)\n\n"
                            "SQL run status is 101\n"));
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }), "");
 }
 
 TEST_F(Sql_cache, after_freeing_the_next_use_makes_a_new_entry) {
   sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
   sdbl_.free_prepared_queries();
-  verbosity_kelvo = 4;
-  const std::string text = stderr_of([&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"); });
+  const std::string text = messages_at(4, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"); });
   verbosity_kelvo = 0;
   EXPECT_THAT(text, StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
   EXPECT_EQ(rows(db_, "SELECT a FROM t"), (Texts{"1", "2"}));
@@ -469,8 +462,7 @@ TEST_F(Sql_cache, quirk_instance_3_is_not_finalized_and_close_warns_about_it) {
   sdbl_.sql_cache(false, 3, "SELECT a FROM t");
   sdbl_.free_prepared_queries();
   EXPECT_NE(sqlite3_next_stmt(db_, nullptr), nullptr);
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.close_db(); }), "WARNING: Open statement in close db\n");
+  EXPECT_EQ(messages_at(1, [&] { sdbl_.close_db(); }), "WARNING: Open statement in close db\n");
   verbosity_kelvo = 0;
   sdbl_.open_db();
 }

@@ -8,17 +8,18 @@
 
 #include "base/messages.h"
 #include "db_support.h"
+#include "support/messages.h"
 #include "support/support.h"
 
 using db_support::rows;
 using db_support::run;
 using db_support::statements;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 constexpr int FREQ = 506000000;
 constexpr char LINE[] = "Fr:  506000000 Bw:  0 CrH:  3 CrL:  3 Mod:  3 TrM:  2 Grd:  0 Hir:  0";
@@ -106,8 +107,7 @@ TEST_F(Tuner_table, every_invalid_value_stores_nothing_and_warns) {
     for (const int value : mapping.invalid) {
       Fields fields;
       fields.*mapping.field = value;
-      verbosity_kelvo = 0;
-      EXPECT_EQ(stderr_of([&] { store(fields); }), "");
+      EXPECT_EQ(messages_at(0, [&] { store(fields); }), "");
       verbosity_kelvo = 1;
       EXPECT_EQ(stderr_of([&] { store(fields); }), "WARNING: Incorrect parameters for linux-dvb\n")
           << mapping.legend << " " << value;
@@ -117,8 +117,8 @@ TEST_F(Tuner_table, every_invalid_value_stores_nothing_and_warns) {
 
 TEST_F(Tuner_table, storing_warns_with_the_line) {
   EXPECT_EQ(stderr_of([&] { store(Fields{}); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { store(Fields{}, 1, 1, FREQ); }), std::string("WARNING: Dvb parameters ") + LINE + "\n");
+  EXPECT_EQ(messages_at(1, [&] { store(Fields{}, 1, 1, FREQ); }),
+            std::string("WARNING: Dvb parameters ") + LINE + "\n");
 }
 
 TEST_F(Tuner_table, the_same_parameters_again_change_nothing) {
@@ -170,8 +170,7 @@ TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
       "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con <- 506000000 "
       "2 1";
   const auto traced = [this](const auto& action) {
-    verbosity_kelvo = 4;
-    const std::string text = stderr_of(action);
+    const std::string text = messages_at(4, action);
     verbosity_kelvo = 0;
     return statements(text);
   };

@@ -11,7 +11,8 @@ std::string epg_file_of(const std::string& path);
 bool file_exists(const std::string& file);
 
 // The shell commands rm, mv and cp. File names are quoted, standard input is empty so that none of them asks, and their
-// complaints appear where the library's own messages do: on standard error, or, when a host keeps those away, nowhere. Nothing is returned: the callers go on in any case.
+// complaints appear where the library's own messages do: on standard error, or, when a host keeps those away, nowhere.
+// Nothing is returned: the callers go on in any case.
 void remove_file(const std::string& file);
 void remove_file_and_companions(const std::string& file);  // everything that begins with its name
 void move_file(const std::string& from, const std::string& to);

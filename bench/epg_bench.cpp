@@ -348,7 +348,8 @@ class Known_section {
   Sdbl sdbl_{folder_.file("dvb.db").c_str()};
   Section_filter filter_{"/nonexistent/demux0"};
   Siparse parser_{&filter_, 0, 0, 0, &sdbl_};
-  Bytes section_ = schedule_section(table::EIT_PRESENT_FOLLOWING, 0, 2);  // the last one never comes, so the table goes on
+  Bytes section_ =
+      schedule_section(table::EIT_PRESENT_FOLLOWING, 0, 2);  // the last one never comes, so the table goes on
   sqlite3* conn_ = nullptr;
 };
 

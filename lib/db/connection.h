@@ -25,14 +25,14 @@ void set_up(sqlite3* conn);
 // any-thread.
 class Connection {
  public:
-  explicit Connection(std::string file) : file_(std::move(file)) {}
+  explicit Connection(std::string db_name) : db_name_(std::move(db_name)) {}
   // Closes the connections that were replaced, and ends their statements. The current one is Opening's to close.
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
   sqlite3* get() const { return conn_; }  // null while closed
-  const std::string& file() const { return file_; }
+  const std::string& db_name() const { return db_name_; }
 
   // Takes `conn` as the connection, or none.
   void set(sqlite3* conn) { conn_ = conn; }
@@ -43,7 +43,7 @@ class Connection {
   std::mutex second_lock;  // held by the writers that insert several rows or ask for the row's number
 
  private:
-  std::string file_;
+  std::string db_name_;
   sqlite3* conn_ = nullptr;
   std::vector<sqlite3*> replaced_;
 };

@@ -51,16 +51,16 @@ void Exports::copy_guide(sqlite3* to) {
 
 void Exports::export_guide() {
   std::lock_guard<std::mutex> exporting(exporting_);
-  std::string target;
+  std::string backup_file_name;
   {
     std::lock_guard<std::mutex> lock(lock_);
-    target = guide_target_;
+    backup_file_name = guide_target_;
   }
-  if (target.empty()) {
+  if (backup_file_name.empty()) {
     KLOG(VERB_ERROR, "ERROR: Backup file name not set!");
     return;
   }
-  KLOG(VERB_WARNING, "WARNING: Exporting attached epg database %s to %s ", EPG_SCHEMA, target.c_str());
+  KLOG(VERB_WARNING, "WARNING: Exporting attached epg database %s to %s ", EPG_SCHEMA, backup_file_name.c_str());
   const timespec start = now();
   const int removed = room_.remove_old_entries();
   sync();
@@ -81,7 +81,7 @@ void Exports::export_guide() {
   copy_guide(conn);
   (void)sqlite3_close(conn);  // has no statement left
 
-  const std::string epg_file = epg_file_of(target);
+  const std::string epg_file = epg_file_of(backup_file_name);
   if (file_exists(epg_file))
     remove_file(epg_file);
   move_file(EXPORT_FILE, epg_file);
@@ -94,7 +94,9 @@ void Exports::export_channels(const char* file) {
   KLOG(VERB_WARNING, "WARNING: Exporting channel data to to %s ", file);
   const timespec start = now();
   // Deliberate: the temporary file is named after the original, not after `file`.
-  const std::string temporary = connection_.file() + "_exp";
+  char* formatted = sqlite3_mprintf("%s_exp", connection_.db_name().c_str());
+  const std::string temporary = formatted != nullptr ? formatted : "";
+  sqlite3_free(formatted);
   if (file_exists(temporary))
     remove_file(temporary);
 

@@ -21,7 +21,7 @@ class Guide_room {
   int remove_old_entries(int age_sec, bool vacuum);
 
   // Removes what is older than the age of every purge, one day, and returns how many rows went.
-  int remove_old_entries() { return remove_old_entries(epg_max_age_, false); }
+  int remove_old_entries() { return remove_old_entries(epg_max_age(), false); }
 
  private:
   int64_t pragma_number(const char* name);
@@ -30,7 +30,7 @@ class Guide_room {
   const Connection& connection_;
   One_shot& sql_;
   const Statements& statements_;
-  const int epg_max_age_ = 24 * 60 * 60;  // seconds
+  static constexpr int epg_max_age() { return 24 * 60 * 60; }  // seconds
 
   // Guarded by the connection's mutex.
   int64_t left_ = 0;       // pages of the guide file that were left when it was looked at

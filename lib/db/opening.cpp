@@ -29,7 +29,7 @@ const char* const ATTACHED_PRAGMAS[] = {
 }  // namespace
 
 void Opening::open_files() {
-  const std::string& file = connection_.file();
+  const std::string& file = connection_.db_name();
   const std::string epg_file = epg_file_of(file);
   if (file.size() >= PATH_SIZE || epg_file.size() >= PATH_SIZE)
     throw no_file_error("Unable to open file");
@@ -97,7 +97,7 @@ void Opening::open() {
   KLOG(VERB_TRACE, "Opendb ");
   {
     std::lock_guard<std::mutex> opening(connection_.open_lock);
-    const char* file = connection_.file().c_str();
+    const char* file = connection_.db_name().c_str();
     sqlite3* conn = nullptr;
     if (sqlite3_open_v2(file, &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
       KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", file, sqlite3_errmsg(conn));
@@ -133,7 +133,7 @@ void Opening::close() {
       KLOG(VERB_ERROR, "ERROR: Failed to detach epg info database, rc = %d\n", rc);
 
     for (int attempt = 1; attempt <= CLOSE_ATTEMPTS && sqlite3_close(conn) != SQLITE_OK; ++attempt) {
-      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close database %s, error %s\n", connection_.file().c_str(),
+      KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close database %s, error %s\n", connection_.db_name().c_str(),
            sqlite3_errmsg(conn));
       (void)sqlite3_sleep(CLOSE_PAUSE_MS);
     }

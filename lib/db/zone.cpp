@@ -91,14 +91,14 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
     return Zone_outcome::UNTOUCHED;
   const std::string network = rows.text(0);
   rows.end();
-  std::string preferred;
+  std::string preferred_provider;
   {
     std::lock_guard<std::mutex> lock(lock_);
-    preferred = preferred_provider_;
+    preferred_provider = preferred_provider_;
   }
   KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", multiplex.freq, network.c_str(),
-       preferred.c_str());
-  if (network != preferred || !is_zone_name(zone_name))
+       preferred_provider.c_str());
+  if (network != preferred_provider || !is_zone_name(zone_name))
     return Zone_outcome::UNTOUCHED;
 
   tm noon{};
@@ -110,7 +110,8 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
     return Zone_outcome::RIGHT;
   }
   KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
-  const bool set = write_zone_source(preferred, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);
+  const bool set =
+      write_zone_source(preferred_provider, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);
   return set ? Zone_outcome::SET : Zone_outcome::FAILED;
 }
 

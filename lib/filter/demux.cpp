@@ -14,7 +14,7 @@
 
 Demux::Demux(const char* device) {
   (void)std::snprintf(device_, sizeof device_, "%s", device);  // longer paths are cut
-  FD_ZERO(&watched_);
+  FD_ZERO(&read_set_);
 }
 
 bool Demux::open(dvb_filter_desc& f) {
@@ -25,10 +25,10 @@ bool Demux::open(dvb_filter_desc& f) {
     errno = EMFILE;
   }
   if (f.fd >= 0) {
-    ++open_handles_;
+    ++nr_opened_;
     return true;
   }
-  KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_, open_handles_,
+  KLOG(VERB_WARNING, "WARNING: Failed to  open %s, balance %d for pid %x tid %x, retcode %d\n", device_, nr_opened_,
        static_cast<unsigned>(f.pid), static_cast<unsigned>(f.filter[0]), f.fd);
   kelvo_log::print_errno("fopen");
   return false;
@@ -38,7 +38,7 @@ bool Demux::close(dvb_filter_desc& f) {
   (void)unwatch(f.fd);
   const bool closed = ::close(f.fd) == 0;
   f.fd = -1;
-  --open_handles_;
+  --nr_opened_;
   return closed;
 }
 
@@ -70,15 +70,15 @@ bool Demux::stop(const dvb_filter_desc& f) {
 }
 
 void Demux::watch(int handle) {
-  FD_SET(handle, &watched_);
+  FD_SET(handle, &read_set_);
 }
 
 bool Demux::unwatch(int handle) {
-  const bool was_in = FD_ISSET(handle, &watched_);
-  FD_CLR(handle, &watched_);
+  const bool was_in = FD_ISSET(handle, &read_set_);
+  FD_CLR(handle, &read_set_);
   return was_in;
 }
 
 void Demux::unwatch_all() {
-  FD_ZERO(&watched_);
+  FD_ZERO(&read_set_);
 }

@@ -14,7 +14,7 @@ class Demux {
   explicit Demux(const char* device);
 
   const char* device() const { return device_; }
-  int open_handles() const { return open_handles_; }
+  int nr_opened() const { return nr_opened_; }
   // How often a filter was programmed since the beginning.
   int programmed() const { return programmed_; }
 
@@ -39,11 +39,11 @@ class Demux {
   void watch(int handle);
   bool unwatch(int handle);
   void unwatch_all();
-  const fd_set& watched() const { return watched_; }
+  const fd_set& read_set() const { return read_set_; }
 
  private:
   char device_[256];
-  int open_handles_ = 0;  // those of free slots included
+  int nr_opened_ = 0;  // those of free slots included
   int programmed_ = 0;
-  fd_set watched_;
+  fd_set read_set_;
 };

@@ -83,7 +83,7 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
   f->restarts = 0;
   if (is_new) {
     KLOG(VERB_PROGRESS, "Adding new filter for pid %d to list, filter list size %d, nr_opened %d\n", pid,
-         static_cast<int>(slots.size()), parts_->demux_.open_handles());
+         static_cast<int>(slots.size()), parts_->demux_.nr_opened());
     KLOG(VERB_TRACE, "+Fl%03X.%03X", pid_of(f), tid_of(f));
   }
   return 0;
@@ -96,13 +96,30 @@ int Section_filter::addfilter(int pid, int tid, int freq) {
   return addfilter(pid, freq, &filter, &mask, 1, FILTER_FLAG_HW_CRC, PARSER_TIMEOUT_S);
 }
 
-template <typename Matches>
-int Section_filter::Parts::free_slots(const char* token, Matches matches) {
+namespace {
+
+// How the removals announce a slot; which one it was can be read from the token.
+void announce_one(const dvb_filter_desc* f) {
+  KLOG(VERB_PROGRESS, "-Fi%03X.%03X.%d", pid_of(f), tid_of(f), f->fd);
+}
+
+void announce_pid_range(const dvb_filter_desc* f) {
+  KLOG(VERB_PROGRESS, "-Fpr%03X.%03X.%d", pid_of(f), tid_of(f), f->fd);
+}
+
+void announce_range(const dvb_filter_desc* f) {
+  KLOG(VERB_PROGRESS, "-Fr%03X.%03X.%d", pid_of(f), tid_of(f), f->fd);
+}
+
+}  // namespace
+
+template <typename Matches, typename Announce>
+int Section_filter::Parts::free_slots(Matches matches, Announce announce) {
   int freed = 0;
   for (dvb_filter_desc* f : slots_) {
     if (!matches(*f))
       continue;
-    KLOG(VERB_PROGRESS, "-%s%03X.%03X.%d", token, pid_of(f), tid_of(f), f->fd);
+    announce(f);
     free_slot(f);
     ++freed;
   }
@@ -113,7 +130,7 @@ int Section_filter::removefilter(int pid, int tid) {
   const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_PROGRESS, "Removing filter pid %x tid %x\n", static_cast<unsigned>(pid), static_cast<unsigned>(tid));
   const int removed =
-      parts_->free_slots("Fi", [=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] == tid; });
+      parts_->free_slots([=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] == tid; }, announce_one);
   if (removed != 1)
     KLOG(VERB_ERROR, "ERROR: Removed %d instances of pid %x, Tid %x\n", removed, static_cast<unsigned>(pid),
          static_cast<unsigned>(tid));
@@ -123,7 +140,8 @@ int Section_filter::removefilter(int pid, int tid) {
 int Section_filter::remove_filter_pid_range(int pid_lo, int pid_hi) {
   const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_TRACE, "Removing filters from pid %x-%x :", static_cast<unsigned>(pid_lo), static_cast<unsigned>(pid_hi));
-  (void)parts_->free_slots("Fpr", [=](const dvb_filter_desc& f) { return f.pid >= pid_lo && f.pid <= pid_hi; });
+  (void)parts_->free_slots([=](const dvb_filter_desc& f) { return f.pid >= pid_lo && f.pid <= pid_hi; },
+                           announce_pid_range);
   KLOG(VERB_TRACE, "\n");
   return 0;
 }
@@ -133,7 +151,8 @@ int Section_filter::remove_filter_range(int pid, int tid_lo, int tid_hi) {
   KLOG(VERB_TRACE, "Removing filters from pid %x, tid %x-%x :", static_cast<unsigned>(pid),
        static_cast<unsigned>(tid_lo), static_cast<unsigned>(tid_hi));
   (void)parts_->free_slots(
-      "Fr", [=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] >= tid_lo && f.filter[0] <= tid_hi; });
+      [=](const dvb_filter_desc& f) { return f.pid == pid && f.filter[0] >= tid_lo && f.filter[0] <= tid_hi; },
+      announce_range);
   KLOG(VERB_TRACE, "\n");
   return 0;
 }
@@ -142,7 +161,7 @@ int Section_filter::remove_filter_freq(int freq) {
   const std::lock_guard lock(parts_->mutex_);
   KLOG(VERB_PROGRESS, "Removing filter freq %d\n", freq);
   // Deliberate: the token is the one of removefilter().
-  (void)parts_->free_slots("Fi", [=](const dvb_filter_desc& f) { return f.freq == freq; });
+  (void)parts_->free_slots([=](const dvb_filter_desc& f) { return f.freq == freq; }, announce_one);
   return 0;
 }
 

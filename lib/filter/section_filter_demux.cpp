@@ -44,7 +44,7 @@ int Section_filter::recalculate_filters() {
   const std::lock_guard lock(parts_->mutex_);
   Demux& demux = parts_->demux_;
   // Only the limit makes handles go: below it a free slot keeps its own, which spares the next filter the opening.
-  if (demux.open_handles() == MAX_OPEN_DEMUX) {
+  if (demux.nr_opened() == MAX_OPEN_DEMUX) {
     for (dvb_filter_desc* f : parts_->slots_) {
       if (f->state == FILTER_FREE && f->fd > 0 && !demux.close(*f))
         KLOG(VERB_ERROR, "ERROR: Filter demux close failed\n");
@@ -54,18 +54,18 @@ int Section_filter::recalculate_filters() {
     if (f->state != FILTER_WANTED)
       continue;
     // The limit is one of opening: a slot that has its handle runs in any case.
-    if (f->fd == -1 && (demux.open_handles() >= MAX_OPEN_DEMUX || !parts_->open(f)))
+    if (f->fd == -1 && (demux.nr_opened() >= MAX_OPEN_DEMUX || !parts_->open(f)))
       continue;
     parts_->run(f);
   }
-  parts_->highest_handle_ = 0;
+  parts_->counts_.max_fd = 0;
   for (const dvb_filter_desc* f : parts_->slots_) {
     if (f->state != FILTER_RUNNING)
       continue;
     demux.watch(f->fd);
-    parts_->highest_handle_ = std::max(parts_->highest_handle_, f->fd);
+    parts_->counts_.max_fd = std::max(parts_->counts_.max_fd, f->fd);
   }
-  return parts_->highest_handle_;
+  return parts_->counts_.max_fd;
 }
 
 void Section_filter::check_feed_activation() {
@@ -83,9 +83,9 @@ void Section_filter::check_feed_activation() {
     if (kelvo_log::enabled(VERB_PROGRESS)) {
       kelvo_log::print(VERB_PROGRESS, "##Restart %s %d times: pid %x  tid %x. Started %d, restarted %d, captured %d\n",
                        parts_->demux_.device(), f->restarts, static_cast<unsigned>(f->pid),
-                       static_cast<unsigned>(f->filter[0]), parts_->demux_.programmed(), parts_->restarted_,
+                       static_cast<unsigned>(f->filter[0]), parts_->demux_.programmed(), parts_->counts_.restarted,
                        f->captured);
-      ++parts_->restarted_;  // Deliberate: counted only while the line above is printed.
+      ++parts_->counts_.restarted;  // Deliberate: counted only while the line above is printed.
     }
     if (!Demux::start(*f))
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");

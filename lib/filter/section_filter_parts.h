@@ -41,9 +41,9 @@ class Section_filter::Parts {
   // The following need the mutex.
   dvb_filter_desc* add_slot();
   void free_slot(dvb_filter_desc* f);
-  // Frees all slots that `matches` accepts, with a token a slot at verbosity 3. Returns how many.
-  template <typename Matches>
-  int free_slots(const char* token, Matches matches);
+  // Frees all slots that `matches` accepts; `announce` prints each before. Returns how many.
+  template <typename Matches, typename Announce>
+  int free_slots(Matches matches, Announce announce);
   bool open(dvb_filter_desc* f);
   void run(dvb_filter_desc* f);
   unsigned read_section(dvb_filter_desc* f, char* buf);
@@ -53,8 +53,11 @@ class Section_filter::Parts {
   Demux demux_;
   Filter_activity activity_;
   Wake_up wake_up_;
-  int highest_handle_ = 0;  // of a running filter
-  uint32_t waits_ = 0;
-  int restarted_ = 0;
+  struct Counts {
+    int max_fd = 0;           // highest handle of a running filter
+    uint32_t loop_count = 0;  // calls of wait_for_data()
+    int restarted = 0;
+  };
+  Counts counts_;
   int dropped_ = 0;
 };

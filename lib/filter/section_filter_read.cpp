@@ -37,9 +37,9 @@ int Section_filter::wait_for_data(int timeout_ms) {
   int highest = 0;
   {
     const std::lock_guard lock(parts_->mutex_);
-    ++parts_->waits_;
-    ready = parts_->demux_.watched();
-    highest = parts_->highest_handle_;
+    ++parts_->counts_.loop_count;
+    ready = parts_->demux_.read_set();
+    highest = parts_->counts_.max_fd;
   }
   if (wakes) {
     FD_SET(wake_handle, &ready);
@@ -88,8 +88,9 @@ unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
   }
   const int size = static_cast<int>(got);
   std::memset(buf + size, 0, static_cast<size_t>(SECTION_BUF_SIZE - size));
-  KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n", static_cast<int>(waits_),
-       static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), static_cast<unsigned>(f->fd), size);
+  KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n",
+       static_cast<int>(counts_.loop_count), static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
+       static_cast<unsigned>(f->fd), size);
 
   const auto* bytes = reinterpret_cast<const unsigned char*>(buf);
   const unsigned tid = bytes[0];

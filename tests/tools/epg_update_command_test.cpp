@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <ostream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -260,30 +259,11 @@ TEST_F(Epg_update, the_bars_fit_the_window) {
   EXPECT_EQ(result.out.find("\x1B[3A"), std::string::npos);
 }
 
-struct Failing_case {
-  const char* legend;
-  std::vector<std::string> options;
-  std::vector<std::string> arguments;
-  std::string err;  // DB and GUIDE stand for the files
-};
-
-void PrintTo(const Failing_case& c, std::ostream* out) {
-  *out << c.legend;
-}
-
 // None of these may change the databases.
 class Epg_update_failing : public Epg_update, public testing::WithParamInterface<Failing_case> {};
 
 TEST_P(Epg_update_failing, is_one_line) {
-  make_prepared_db(db_);
-  const std::string before = support::read_file(db_) + support::read_file(guide_);
-  const Command_result result = run_command(update(joined(network(), GetParam().options), GetParam().arguments));
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.out, "");
-  std::string err = std::regex_replace(GetParam().err, std::regex("GUIDE"), guide_);
-  err = std::regex_replace(err, std::regex("DB"), db_);
-  EXPECT_EQ(result.err, "kelvo: " + err + "\n");
-  EXPECT_EQ(support::read_file(db_) + support::read_file(guide_), before);
+  expect_failure({"epg", "update"}, GetParam());
 }
 
 const Failing_case FAILING[] = {
@@ -422,46 +402,6 @@ TEST_F(Epg_update, a_report_that_cannot_be_written_is_an_error) {
   EXPECT_TRUE(result.err.ends_with("kelvo: cannot write the report: No space left on device\n")) << result.err;
   EXPECT_EQ(value(guide_, "SELECT count(*) FROM epglist;"), "48") << "the events are stored all the same";
 }
-
-struct Usage_case {
-  std::vector<std::string> arguments;
-  std::string err;
-};
-
-void PrintTo(const Usage_case& c, std::ostream* out) {
-  *out << c.err;
-}
-
-class Epg_update_usage : public testing::TestWithParam<Usage_case> {};
-
-TEST_P(Epg_update_usage, is_one_line_and_exit_2) {
-  std::vector<std::string> argv{KELVO_COMMAND, "epg", "update"};
-  argv.insert(argv.end(), GetParam().arguments.begin(), GetParam().arguments.end());
-  const support::Temp_dir dir;
-  const Command_result result = run_command(argv, {{"XDG_DATA_HOME", dir.path()}});
-  EXPECT_EQ(result.exit_code, 2);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, GetParam().err + "\n");
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "something was made";
-}
-
-std::vector<Usage_case> usage_cases() {
-  std::vector<Usage_case> out;
-  for (const char* time : {"0s", "0h0m", "-1s", "10", "1x", "", "s", "m1", " 5s", "5 s", "5S", "1.5h", "1h30", "169h",
-                           "604801s", "99999999999999999999s", "18446744073709551617s", "4294967297s"}) {
-    out.push_back(
-        {{"--for", time}, "kelvo: --for " + std::string(time) + ": not a time; give for example 90s, 10m or 1h"});
-  }
-  const std::string help = " (see 'kelvo epg update --help')";
-  out.push_back({{"--freq", "506"}, "kelvo: --freq: Value 506 not in range 30000000 to 1000000000" + help});
-  out.push_back({{"--freq", "506000000", "--all"}, "kelvo: --freq excludes --all" + help});
-  out.push_back({{"--adapter", "4"}, "kelvo: --adapter: Value 4 not in range 0 to 3" + help});
-  out.push_back({{"extra"}, "kelvo: The following argument was not expected: extra" + help});
-  out.push_back({{"--db", "noextension"}, "kelvo: --db noextension: the file name needs an extension, such as dvb.db"});
-  return out;
-}
-
-INSTANTIATE_TEST_SUITE_P(arguments, Epg_update_usage, testing::ValuesIn(usage_cases()));
 
 // The times that are right get as far as the missing database.
 TEST(Epg_update_time, may_be_joined) {

@@ -5,7 +5,10 @@
 
 #include <chrono>
 #include <fstream>
+#include <regex>
 #include <thread>
+
+#include "tools/prepared_db.h"
 
 namespace {
 
@@ -82,4 +85,21 @@ std::string Guide_fixture::integrity() const {
   const std::string channels = value(db_, "PRAGMA integrity_check;");
   const std::string guide = value(guide_, "PRAGMA integrity_check;");
   return channels == "ok" ? guide : channels;
+}
+
+void Guide_fixture::expect_failure(const Words& command, const Failing_case& c) const {
+  make_prepared_db(db_);
+  const std::string before = support::read_file(db_) + support::read_file(guide_);
+  const support::Command_result result =
+      support::run_command(kelvo(joined(network(), c.options), joined(command, c.arguments)));
+  EXPECT_EQ(result.exit_code, c.exit_code);
+  EXPECT_EQ(result.out, "");
+  std::string err = std::regex_replace(c.err, std::regex("GUIDE"), guide_);
+  err = std::regex_replace(err, std::regex("DB"), db_);
+  EXPECT_EQ(result.err, "kelvo: " + err + "\n");
+  EXPECT_EQ(support::read_file(db_) + support::read_file(guide_), before);
+}
+
+void PrintTo(const Failing_case& c, std::ostream* out) {
+  *out << c.legend;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,8 @@
 #include "support/command.h"
 #include "support/support.h"
 #include "tools/guide_streams.h"
+
+struct Failing_case;
 
 // Runs of the command on two small multiplexes, 506 MHz with two services and 514 MHz with one, each with a day of 48
 // events and all tables sent often. The time is virtual and begins at Guide_streams::NOW.
@@ -31,7 +34,21 @@ class Guide_fixture : public testing::Test {
   // "ok" when both files are sound.
   std::string integrity() const;
 
+  // Runs `command` as the case says, on a prepared database: it prints its one line and leaves the files as they are.
+  void expect_failure(const Words& command, const Failing_case& c) const;
+
   support::Temp_dir dir_;
   std::string db_ = dir_.file("dvb.db");
   std::string guide_ = dir_.file("dvb_epg.db");
 };
+
+// A run that comes to nothing, and what it says.
+struct Failing_case {
+  const char* legend;
+  std::vector<std::string> options;  // of the adapter
+  std::vector<std::string> arguments;
+  std::string err;  // DB and GUIDE stand for the files
+  int exit_code = 1;
+};
+
+void PrintTo(const Failing_case& c, std::ostream* out);

@@ -65,6 +65,26 @@ const Usage_case CASES[] = {
 
 INSTANTIATE_TEST_SUITE_P(arguments, Usage, testing::ValuesIn(CASES));
 
+std::vector<Usage_case> epg_update_cases() {
+  std::vector<Usage_case> out;
+  for (const char* time : {"0s", "0h0m", "-1s", "10", "1x", "", "s", "m1", " 5s", "5 s", "5S", "1.5h", "1h30", "169h",
+                           "604801s", "99999999999999999999s", "18446744073709551617s", "4294967297s"}) {
+    out.push_back({{"epg", "update", "--for", time},
+                   "kelvo: --for " + std::string(time) + ": not a time; give for example 90s, 10m or 1h"});
+  }
+  const std::string help = " (see 'kelvo epg update --help')";
+  out.push_back(
+      {{"epg", "update", "--freq", "506"}, "kelvo: --freq: Value 506 not in range 30000000 to 1000000000" + help});
+  out.push_back({{"epg", "update", "--freq", "506000000", "--all"}, "kelvo: --freq excludes --all" + help});
+  out.push_back({{"epg", "update", "--adapter", "4"}, "kelvo: --adapter: Value 4 not in range 0 to 3" + help});
+  out.push_back({{"epg", "update", "extra"}, "kelvo: The following argument was not expected: extra" + help});
+  out.push_back({{"epg", "update", "--db", "noextension"},
+                 "kelvo: --db noextension: the file name needs an extension, such as dvb.db"});
+  return out;
+}
+
+INSTANTIATE_TEST_SUITE_P(epg_update, Usage, testing::ValuesIn(epg_update_cases()));
+
 TEST(Help, names_every_command_and_shows_examples) {
   Command_result result = run_command({KELVO_COMMAND, "--help"});
   EXPECT_EQ(result.exit_code, 0);

@@ -58,8 +58,9 @@ class Watch_clock : public testing::Test {
     Lines options{};    // of the adapter
     Lines arguments{};  // of the command
     std::string preload{};
-    std::string speed = "x4";
-    std::string seconds = "16s";
+    // Slow enough that the time until the lock, by which the clock of the host is ahead, is no 10 s on a busy machine.
+    std::string speed = "x1";
+    std::string seconds = "6s";
     std::string until{};  // a line that ends it before its time
   };
 

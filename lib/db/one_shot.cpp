@@ -5,8 +5,6 @@
 
 #include "base/log.h"
 
-using kelvo_log::sql_ok;
-
 namespace sdbl {
 
 namespace {

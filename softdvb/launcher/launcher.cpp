@@ -113,8 +113,12 @@ static std::string needed_sanitizer(const std::string& image) {
 
 // A sanitizer's runtime must be the first library of a program, so it has to be preloaded before ours.
 static std::string sanitizer_of(const std::string& program) {
+  std::error_code none;
+  const auto size = fs::is_regular_file(program, none) ? fs::file_size(program, none) : 0;
+  // Read in one go: programs are large, and every start waits for it.
+  std::string image(none ? 0 : static_cast<size_t>(size), '\0');
   std::ifstream in(program, std::ios::binary);
-  const std::string image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  in.read(image.data(), static_cast<std::streamsize>(image.size()));
   if (image.size() < EI_NIDENT || memcmp(image.data(), ELFMAG, SELFMAG) != 0)
     return "";
   if (image[EI_CLASS] == ELFCLASS64)

@@ -24,8 +24,7 @@ struct Malformed {
 // Broken sections of every kind that real parsers stumble over.
 std::vector<Malformed> malformed_cases();
 
-// A section in a line: the tags of its loops in hexadecimal, entries in brackets. An extended event, multilingual
-// network or service name is followed by the number of its entries: "09 [52 4e(1)] []".
+// values() without its numbers: the tags of the loops, entries in brackets. "09 [52 4e(1)] []"
 std::string outline(const uint8_t* section);
 
 }  // namespace dvbsi_test

@@ -1,6 +1,4 @@
-#include <filesystem>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -44,6 +42,15 @@ void expect_nothing_outside_is_read(const Bytes& section, const std::string& leg
     EXPECT_EQ(hash_among(section, filling), expected) << legend;
 }
 
+// Broken sections that no guard has seen: never given to the system's library.
+class Malformed : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!OWN)
+      GTEST_SKIP();
+  }
+};
+
 // Sections so short that their class asks for more than there is: nothing is behind them, and nothing in front.
 template <typename Section>
 void expect_empty_header(size_t length) {
@@ -58,32 +65,26 @@ void expect_empty_header(size_t length) {
   EXPECT_EQ(s->getLastSectionNumber(), 0);
 }
 
-TEST(Malformed, long_sections_shorter_than_their_header) {
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
+template <typename... Sections>
+void expect_empty_headers(size_t length) {
+  (expect_empty_header<Sections>(length), ...);
+}
+
+TEST_F(Malformed, long_sections_shorter_than_their_header) {
   for (size_t length = 0; length < 5; ++length) {
-    expect_empty_header<LongSection>(length);
-    expect_empty_header<LongCrcSection>(length);
-    expect_empty_header<ProgramAssociationSection>(length);
-    expect_empty_header<ConditionalAccessSection>(length);
-    expect_empty_header<ProgramMapSection>(length);
-    expect_empty_header<NetworkInformationSection>(length);
-    expect_empty_header<ServiceDescriptionSection>(length);
-    expect_empty_header<EventInformationSection>(length);
+    expect_empty_headers<LongSection, LongCrcSection, ProgramAssociationSection, ConditionalAccessSection,
+                         ProgramMapSection, NetworkInformationSection, ServiceDescriptionSection,
+                         EventInformationSection>(length);
   }
 }
 
-TEST(Malformed, short_sections_shorter_than_their_crc) {
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
+TEST_F(Malformed, short_sections_shorter_than_their_crc) {
   EXPECT_EQ(parsed<TimeOffsetSection>({0x73, 0x70, 0x00})->getCrc32(), 0u);
   EXPECT_EQ(parsed<ShortCrcSection>({0x73, 0x70, 0x01, 0xAB})->getCrc32(), 0x737001ABu);
   EXPECT_EQ(parsed<TimeAndDateSection>({0x70, 0x70, 0x00})->getUtcTimeBcd(), 0u);
 }
 
-TEST(Malformed, lengths_beyond_the_longest_section_are_read_up_to_4096_bytes) {
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
+TEST_F(Malformed, lengths_beyond_the_longest_section_are_read_up_to_4096_bytes) {
   for (const size_t length : {4094u, 4095u}) {
     for (const uint8_t table_id : Bytes{0x00, 0x01, 0x02, 0x40, 0x42, 0x4E, 0x72, 0x73}) {
       Bytes bytes(4096, 0x11);
@@ -96,16 +97,14 @@ TEST(Malformed, lengths_beyond_the_longest_section_are_read_up_to_4096_bytes) {
   }
 }
 
-TEST(Malformed, what_is_left_of_each_case) {
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
+TEST_F(Malformed, what_is_left_of_each_case) {
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
     EXPECT_EQ(dvbsi_test::outline(Block(row.section).get()), row.outline) << row.legend;
     expect_nothing_outside_is_read(row.section, row.legend);
   }
 }
 
-TEST(Malformed, what_is_left_behind_the_guard) {
+TEST(Guarded, what_is_left_behind_the_guard) {
   section_guard::Safe_copy copy;
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
     if (row.verdict != dvbsi_test::Verdict::PARSED)
@@ -115,39 +114,17 @@ TEST(Malformed, what_is_left_behind_the_guard) {
   }
 }
 
-TEST(Malformed, kept_cases_of_the_shared_collection) {
-  const std::string folder = dvbsi_test::shared_file("malformed");
-  if (folder.empty())
+TEST_F(Malformed, kept_cases_of_the_shared_collection) {
+  const auto collection = dvbsi_test::shared_collection();
+  if (collection.empty())
     GTEST_SKIP() << "no shared files here";
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
-  size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    std::istringstream lines(support::read_file(entry.path().string()));
-    const bool mixed = entry.path().filename() == "random_found.txt";  // the section is the last word of each line
-    Bytes section;
-    for (std::string line; std::getline(lines, line);) {
-      if (line.empty() || line[0] == '#')
-        continue;
-      const std::string digits = mixed ? line.substr(line.rfind(' ') + 1) : line;
-      if (mixed)
-        section.clear();
-      for (size_t i = 0; i + 2 <= digits.size(); i += 2)
-        section.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-      if (mixed)
-        expect_nothing_outside_is_read(section, line);
-    }
-    if (entry.path().filename().string().starts_with("short_crc"))
-      section.resize(4096);
-    expect_nothing_outside_is_read(section, entry.path().filename().string());
-    ++files;
-  }
-  EXPECT_GE(files, 60u);
+  for (const dvbsi_test::Collected& file : collection)
+    for (const Bytes& section : file.sections)
+      expect_nothing_outside_is_read(section, file.name);
+  EXPECT_GE(collection.size(), 60u);
 }
 
-TEST(Damage, our_classes_stay_inside_the_section) {
-  if (!OWN)
-    GTEST_SKIP() << "never given to the system's library";
+TEST_F(Malformed, our_classes_stay_inside_the_section) {
   dvbsi_test::Random random(20240611);
   const std::vector<Bytes> samples = dvbsi_test::sample_sections();
   for (int round = 0; round < 3000; ++round) {

@@ -2,11 +2,13 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include <dvbsi++/ca_section.h>
 #include <dvbsi++/descriptor.h>
 
+#include "dvbsi/read_all.h"
 #include "support/support.h"
 
 namespace dvbsi_test {
@@ -45,6 +47,11 @@ template <typename Class>
 std::unique_ptr<Class> parsed(const Bytes& bytes) {
   const Block block(bytes);
   return std::make_unique<Class>(block.get());
+}
+
+// values() of a section.
+inline std::string section_values(const Bytes& section) {
+  return values(Block(section).get());
 }
 
 // The descriptors of a loop, by way of a CAT.

@@ -1,6 +1,8 @@
 #include "dvbsi/read_all.h"
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <dvbsi++/ac3_descriptor.h>
@@ -36,286 +38,340 @@ namespace dvbsi_test {
 
 namespace {
 
-// FNV-1a over everything it is given.
-class Hash {
+// Values in the order in which they are put: to be read, or `raw` for a hash, which is faster.
+class Text {
  public:
+  explicit Text(bool raw) : raw_(raw) {}
+  const std::string& text() const { return text_; }
+
   template <typename... Values>
-  void operator()(const Values&... values) {
-    (add(values), ...);
+  void put(const Values&... values) {
+    (add_one(values), ...);
   }
-  uint64_t value() const { return value_; }
+  void put_tag(unsigned tag) {
+    separate();
+    digits(tag, 2);
+  }
+  // Each entry in brackets: what `tell` tells about it.
+  template <typename List, typename Tell>
+  void each(const List* entries, Tell tell) {
+    for (const auto* entry : *entries) {
+      open('[');
+      tell(*entry);
+      text_ += ']';
+    }
+  }
+  void open(char bracket) {
+    separate();
+    text_ += bracket;
+  }
+  void append(const std::string& text) { text_ += text; }
 
  private:
-  void byte(uint8_t b) { value_ = (value_ ^ b) * 0x100000001B3u; }
-  void add(uint64_t number) {
-    for (int shift = 0; shift < 64; shift += 8)
-      byte(static_cast<uint8_t>(number >> shift));
+  void separate() {
+    if (!raw_ && !text_.empty() && text_.back() != '[' && text_.back() != '<')
+      text_ += ' ';
   }
-  void add(const std::string& text) {
-    add(uint64_t{text.size()});
-    for (const char c : text)
-      byte(static_cast<uint8_t>(c));
+  void digits(uint64_t number, int least) {
+    if (number > 0xF || least > 1)
+      digits(number >> 4, least - 1);
+    text_ += "0123456789abcdef"[number & 0xF];
   }
-  void add(const std::vector<uint8_t>* bytes) {
-    add(uint64_t{bytes->size()});
+  void add_raw(const void* data, size_t size) { text_.append(static_cast<const char*>(data), size); }
+  void add_one(uint64_t number) {
+    if (raw_) {
+      add_raw(&number, sizeof number);
+      return;
+    }
+    separate();
+    digits(number, 1);
+  }
+  void add_one(const char* word) {
+    separate();
+    text_ += word;
+  }
+  void add_one(const std::string& text) {
+    if (raw_) {
+      add_one(uint64_t{text.size()});
+      add_raw(text.data(), text.size());
+      return;
+    }
+    open('\'');
+    for (const char c : text) {
+      if (c < ' ' || c > '~' || c == '\'') {
+        text_ += "\\x";
+        digits(static_cast<uint8_t>(c), 2);
+      } else {
+        text_ += c;
+      }
+    }
+    text_ += '\'';
+  }
+  void add_one(const std::vector<uint8_t>* bytes) {
+    if (raw_) {
+      add_one(uint64_t{bytes->size()});
+      add_raw(bytes->data(), bytes->size());
+      return;
+    }
+    open('{');
     for (const uint8_t b : *bytes)
-      byte(b);
+      digits(b, 2);
+    text_ += '}';
   }
 
-  uint64_t value_ = 0xCBF29CE484222325u;
+  const bool raw_;
+  std::string text_;
 };
 
-void add(Hash& hash, const VideoStreamDescriptor& d) {
-  hash(d.getMultipleFrameRateFlag(), d.getFrameRateCode(), d.getMpeg1OnlyFlag(), d.getConstrainedParameterFlag());
-  if (!d.getMpeg1OnlyFlag())
-    hash(d.getProfileAndLevelIndication(), d.getChromaFormat(), d.getFrameRateExtensionFlag());
-}
+// What the classes tell.
+class Reader : public Text {
+ public:
+  // `whole`: with heads of sections and everything about their descriptors, of which a loop is the tags otherwise.
+  // `look` sees each descriptor of a loop.
+  explicit Reader(bool whole, std::function<void(const Descriptor&)> look = nullptr)
+      : Text(whole), whole_(whole), look_(std::move(look)) {}
 
-void add(Hash& hash, const AudioStreamDescriptor& d) {
-  hash(d.getFreeFormatFlag(), d.getId(), d.getLayer(), d.getVariableRateAudioIndicator());
-}
-
-void add(Hash& hash, const CaDescriptor& d) {
-  hash(d.getCaSystemId(), d.getCaPid(), d.getCaDataBytes());
-}
-
-void add(Hash& hash, const Iso639LanguageDescriptor& d) {
-  for (const auto* e : *d.getIso639Languages())
-    hash(e->getIso639LanguageCode(), e->getAudioType());
-}
-
-void add(Hash& hash, const NetworkNameDescriptor& d) {
-  hash(d.getNetworkName());
-}
-
-void add(Hash& hash, const ServiceDescriptor& d) {
-  hash(d.getServiceType(), d.getServiceProviderName(), d.getServiceName());
-}
-
-void add(Hash& hash, const ShortEventDescriptor& d) {
-  hash(d.getIso639LanguageCode(), d.getEventName(), d.getText());
-}
-
-void add(Hash& hash, const ExtendedEventDescriptor& d) {
-  hash(d.getDescriptorNumber(), d.getLastDescriptorNumber(), d.getIso639LanguageCode());
-  for (const auto* e : *d.getItems())
-    hash(e->getItemDescription(), e->getItem());
-  hash(d.getText());
-}
-
-void add(Hash& hash, const ComponentDescriptor& d) {
-  hash(d.getStreamContent(), d.getComponentType(), d.getComponentTag(), d.getIso639LanguageCode(), d.getText());
-}
-
-void add(Hash& hash, const StreamIdentifierDescriptor& d) {
-  hash(d.getComponentTag());
-}
-
-void add(Hash& hash, const ContentDescriptor& d) {
-  for (const auto* e : *d.getClassifications())
-    hash(e->getContentNibbleLevel1(), e->getContentNibbleLevel2(), e->getUserNibble1(), e->getUserNibble2());
-}
-
-void add(Hash& hash, const ParentalRatingDescriptor& d) {
-  for (const auto* e : *d.getParentalRatings())
-    hash(e->getCountryCode(), e->getRating());
-}
-
-void add(Hash& hash, const VbiTeletextDescriptor& d) {
-  for (const auto* e : *d.getVbiTeletexts())
-    hash(e->getIso639LanguageCode(), e->getTeletextType(), e->getTeletextMagazineNumber(), e->getTeletextPageNumber());
-}
-
-void add(Hash& hash, const LocalTimeOffsetDescriptor& d) {
-  for (const auto* e : *d.getLocalTimeOffsets())
-    hash(e->getCountryCode(), e->getCountryRegionId(), e->getLocalTimeOffsetPolarity(), e->getLocalTimeOffset(),
-         e->getTimeOfChangeMjd(), e->getTimeOfChangeBcd(), e->getNextTimeOffset());
-}
-
-void add(Hash& hash, const SubtitlingDescriptor& d) {
-  for (const auto* e : *d.getSubtitlings())
-    hash(e->getIso639LanguageCode(), e->getSubtitlingType(), e->getCompositionPageId(), e->getAncillaryPageId());
-}
-
-void add(Hash& hash, const TerrestrialDeliverySystemDescriptor& d) {
-  hash(d.getCentreFrequency(), d.getBandwidth(), d.getPriority(), d.getTimeSlicingIndicator(), d.getMpeFecIndicator(),
-       d.getConstellation(), d.getHierarchyInformation(), d.getCodeRateHpStream(), d.getCodeRateLpStream(),
-       d.getGuardInterval(), d.getTransmissionMode(), d.getOtherFrequencyFlag());
-}
-
-void add(Hash& hash, const MultilingualNetworkNameDescriptor& d) {
-  for (const auto* e : *d.getMultilingualNetworkNames())
-    hash(e->getIso639LanguageCode(), e->getNetworkName());
-}
-
-void add(Hash& hash, const MultilingualServiceNameDescriptor& d) {
-  for (const auto* e : *d.getMultilingualServiceNames())
-    hash(e->getIso639LanguageCode(), e->getServiceProviderName(), e->getServiceName());
-}
-
-void add(Hash& hash, const Ac3Descriptor& d) {
-  hash(d.getAc3TypeFlag(), d.getBsidFlag(), d.getMainidFlag(), d.getAsvcFlag(), d.getAc3Type(), d.getBsid(),
-       d.getMainid(), d.getAvsc(), d.getAdditionalInfo());
-}
-
-void add(Hash& hash, const LogicalChannelDescriptor& d) {
-  for (const auto* e : *d.getChannelList())
-    hash(e->getServiceId(), e->getVisibleServiceFlag(), e->getLogicalChannelNumber());
-}
-
-template <typename... Classes>
-void add_as(Hash& hash, const Descriptor& d) {
-  const auto as = [&]<typename Class>(const Class* c) {
-    if (c != nullptr)
-      add(hash, *c);
-    return c != nullptr;
-  };
-  (void)(as(dynamic_cast<const Classes*>(&d)) || ...);  // a descriptor of no class has no more values
-}
-
-void add(Hash& hash, const Descriptor& d) {
-  hash(d.getTag(), d.getLength(), d.isValid());
-  if (d.getLength() != 0) {
-    std::vector<uint8_t> raw(2 + 255);
-    raw.resize(d.writeToBuffer(raw.data()));
-    hash(&raw);
+  void add(const VideoStreamDescriptor& d) {
+    put("video", d.getMultipleFrameRateFlag(), d.getFrameRateCode(), d.getMpeg1OnlyFlag(),
+        d.getConstrainedParameterFlag());
+    if (!d.getMpeg1OnlyFlag())
+      put(d.getProfileAndLevelIndication(), d.getChromaFormat(), d.getFrameRateExtensionFlag());
   }
-  add_as<VideoStreamDescriptor, AudioStreamDescriptor, CaDescriptor, Iso639LanguageDescriptor, NetworkNameDescriptor,
-         ServiceDescriptor, ShortEventDescriptor, ExtendedEventDescriptor, ComponentDescriptor,
-         StreamIdentifierDescriptor, ContentDescriptor, ParentalRatingDescriptor, VbiTeletextDescriptor,
-         LocalTimeOffsetDescriptor, SubtitlingDescriptor, TerrestrialDeliverySystemDescriptor,
-         MultilingualNetworkNameDescriptor, MultilingualServiceNameDescriptor, Ac3Descriptor, LogicalChannelDescriptor>(
-      hash, d);
-}
-
-void add_loop(Hash& hash, const DescriptorContainer& c) {
-  hash(c.getDescriptors()->size());
-  for (const Descriptor* d : *c.getDescriptors())
-    add(hash, *d);
-}
-
-void add_head(Hash& hash, const ShortSection& s) {
-  hash(s.getTableId(), s.getSectionSyntaxIndicator(), s.getSectionLength());
-}
-
-void add_head(Hash& hash, const LongCrcSection& s) {
-  add_head(hash, static_cast<const ShortSection&>(s));
-  hash(s.getTableIdExtension(), s.getVersionNumber(), s.getCurrentNextIndicator(), s.getSectionNumber(),
-       s.getLastSectionNumber(), s.getCrc32());
-}
-
-void add_pat(Hash& hash, const uint8_t* p) {
-  const ProgramAssociationSection s(p);
-  add_head(hash, s);
-  for (const auto* e : *s.getNetworks())
-    hash(e->getNetworkPid());
-  for (const auto* e : *s.getPrograms())
-    hash(e->getProgramNumber(), e->getProgramMapPid());
-}
-
-void add_cat(Hash& hash, const uint8_t* p) {
-  const ConditionalAccessSection s(p);
-  add_head(hash, s);
-  add_loop(hash, s);
-}
-
-void add_pmt(Hash& hash, const uint8_t* p) {
-  const ProgramMapSection s(p);
-  add_head(hash, s);
-  hash(s.getProgramNumber(), s.getPcrPid());
-  add_loop(hash, s);
-  for (const auto* e : *s.getEsInfo()) {
-    hash(e->getType(), e->getPid());
-    add_loop(hash, *e);
+  void add(const AudioStreamDescriptor& d) {
+    put("audio", d.getFreeFormatFlag(), d.getId(), d.getLayer(), d.getVariableRateAudioIndicator());
   }
-}
-
-void add_nit(Hash& hash, const uint8_t* p) {
-  const NetworkInformationSection s(p);
-  add_head(hash, s);
-  add_loop(hash, s);
-  for (const auto* e : *s.getTsInfo()) {
-    hash(e->getTransportStreamId(), e->getOriginalNetworkId());
-    add_loop(hash, *e);
+  void add(const CaDescriptor& d) { put("ca", d.getCaSystemId(), d.getCaPid(), d.getCaDataBytes()); }
+  void add(const Iso639LanguageDescriptor& d) {
+    put("languages");
+    each(d.getIso639Languages(), [this](const auto& e) { put(e.getIso639LanguageCode(), e.getAudioType()); });
   }
-}
-
-void add_sdt(Hash& hash, const uint8_t* p) {
-  const ServiceDescriptionSection s(p);
-  add_head(hash, s);
-  hash(s.getTransportStreamId(), s.getOriginalNetworkId());
-  for (const auto* e : *s.getDescriptions()) {
-    hash(e->getServiceId(), e->getEitScheduleFlag(), e->getEitPresentFollowingFlag(), e->getRunningStatus(),
-         e->getFreeCaMode());
-    add_loop(hash, *e);
+  void add(const NetworkNameDescriptor& d) { put("network", d.getNetworkName()); }
+  void add(const ServiceDescriptor& d) {
+    put("service", d.getServiceType(), d.getServiceProviderName(), d.getServiceName());
   }
-}
-
-void add_eit(Hash& hash, const uint8_t* p) {
-  const EventInformationSection s(p);
-  add_head(hash, s);
-  hash(s.getTransportStreamId(), s.getOriginalNetworkId(), s.getSegmentLastSectionNumber(), s.getLastTableId());
-  for (const auto* e : *s.getEvents()) {
-    hash(e->getEventId(), e->getStartTimeMjd(), e->getStartTimeBcd(), e->getDuration(), e->getRunningStatus(),
-         e->getFreeCaMode());
-    add_loop(hash, *e);
+  void add(const ShortEventDescriptor& d) { put("short", d.getIso639LanguageCode(), d.getEventName(), d.getText()); }
+  void add(const ExtendedEventDescriptor& d) {
+    put("extended", d.getDescriptorNumber(), d.getLastDescriptorNumber(), d.getIso639LanguageCode());
+    each(d.getItems(), [this](const auto& e) { put(e.getItemDescription(), e.getItem()); });
+    put(d.getText());
   }
+  void add(const ComponentDescriptor& d) {
+    put("component", d.getStreamContent(), d.getComponentType(), d.getComponentTag(), d.getIso639LanguageCode(),
+        d.getText());
+  }
+  void add(const StreamIdentifierDescriptor& d) { put("stream", d.getComponentTag()); }
+  void add(const ContentDescriptor& d) {
+    put("content");
+    each(d.getClassifications(), [this](const auto& e) {
+      put(e.getContentNibbleLevel1(), e.getContentNibbleLevel2(), e.getUserNibble1(), e.getUserNibble2());
+    });
+  }
+  void add(const ParentalRatingDescriptor& d) {
+    put("rating");
+    each(d.getParentalRatings(), [this](const auto& e) { put(e.getCountryCode(), e.getRating()); });
+  }
+  void add(const VbiTeletextDescriptor& d) {
+    put(dynamic_cast<const TeletextDescriptor*>(&d) != nullptr ? "teletext" : "VBI");
+    each(d.getVbiTeletexts(), [this](const auto& e) {
+      put(e.getIso639LanguageCode(), e.getTeletextType(), e.getTeletextMagazineNumber(), e.getTeletextPageNumber());
+    });
+  }
+  void add(const LocalTimeOffsetDescriptor& d) {
+    put("offsets");
+    each(d.getLocalTimeOffsets(), [this](const auto& e) {
+      put(e.getCountryCode(), e.getCountryRegionId(), e.getLocalTimeOffsetPolarity(), e.getLocalTimeOffset(),
+          e.getTimeOfChangeMjd(), e.getTimeOfChangeBcd(), e.getNextTimeOffset());
+    });
+  }
+  void add(const SubtitlingDescriptor& d) {
+    put("subtitling");
+    each(d.getSubtitlings(), [this](const auto& e) {
+      put(e.getIso639LanguageCode(), e.getSubtitlingType(), e.getCompositionPageId(), e.getAncillaryPageId());
+    });
+  }
+  void add(const TerrestrialDeliverySystemDescriptor& d) {
+    put("delivery", d.getCentreFrequency(), d.getBandwidth(), d.getPriority(), d.getTimeSlicingIndicator(),
+        d.getMpeFecIndicator(), d.getConstellation(), d.getHierarchyInformation(), d.getCodeRateHpStream(),
+        d.getCodeRateLpStream(), d.getGuardInterval(), d.getTransmissionMode(), d.getOtherFrequencyFlag());
+  }
+  void add(const MultilingualNetworkNameDescriptor& d) {
+    put("networks");
+    each(d.getMultilingualNetworkNames(),
+         [this](const auto& e) { put(e.getIso639LanguageCode(), e.getNetworkName()); });
+  }
+  void add(const MultilingualServiceNameDescriptor& d) {
+    put("services");
+    each(d.getMultilingualServiceNames(),
+         [this](const auto& e) { put(e.getIso639LanguageCode(), e.getServiceProviderName(), e.getServiceName()); });
+  }
+  void add(const Ac3Descriptor& d) {
+    put("ac3", d.getAc3TypeFlag(), d.getBsidFlag(), d.getMainidFlag(), d.getAsvcFlag(), d.getAc3Type(), d.getBsid(),
+        d.getMainid(), d.getAvsc(), d.getAdditionalInfo());
+  }
+  void add(const LogicalChannelDescriptor& d) {
+    put("channels");
+    each(d.getChannelList(),
+         [this](const auto& e) { put(e.getServiceId(), e.getVisibleServiceFlag(), e.getLogicalChannelNumber()); });
+  }
+
+  // A descriptor of no class has no values.
+  template <typename... Classes>
+  void add_as(const Descriptor& d) {
+    const auto as = [this]<typename Class>(const Class* c) {
+      if (c != nullptr)
+        add(*c);
+      return c != nullptr;
+    };
+    (void)(as(dynamic_cast<const Classes*>(&d)) || ...);
+  }
+  void add(const Descriptor& d) {
+    add_as<VideoStreamDescriptor, AudioStreamDescriptor, CaDescriptor, Iso639LanguageDescriptor, NetworkNameDescriptor,
+           ServiceDescriptor, ShortEventDescriptor, ExtendedEventDescriptor, ComponentDescriptor,
+           StreamIdentifierDescriptor, ContentDescriptor, ParentalRatingDescriptor, VbiTeletextDescriptor,
+           LocalTimeOffsetDescriptor, SubtitlingDescriptor, TerrestrialDeliverySystemDescriptor,
+           MultilingualNetworkNameDescriptor, MultilingualServiceNameDescriptor, Ac3Descriptor,
+           LogicalChannelDescriptor>(d);
+  }
+  // Behind the tag, of the kinds whose entries may end early.
+  void put_count(const Descriptor& d) {
+    const auto count = [this](size_t entries) { append("(" + std::to_string(entries) + ")"); };
+    if (const auto* e = dynamic_cast<const ExtendedEventDescriptor*>(&d))
+      count(e->getItems()->size());
+    if (const auto* n = dynamic_cast<const MultilingualNetworkNameDescriptor*>(&d))
+      count(n->getMultilingualNetworkNames()->size());
+    if (const auto* m = dynamic_cast<const MultilingualServiceNameDescriptor*>(&d))
+      count(m->getMultilingualServiceNames()->size());
+  }
+  void add_loop(const DescriptorContainer& c) {
+    open('<');
+    for (const Descriptor* d : *c.getDescriptors()) {
+      put_tag(d->getTag());
+      if (look_)
+        look_(*d);
+      if (!whole_) {
+        put_count(*d);
+        continue;
+      }
+      put(d->getLength(), d->isValid());
+      std::vector<uint8_t> raw(2 + 255);
+      if (d->getLength() != 0)
+        raw.resize(d->writeToBuffer(raw.data()));
+      put(&raw);
+      add(*d);
+    }
+    append(">");
+  }
+  void add_head(const ShortSection& s) {
+    if (whole_)
+      put(s.getTableId(), s.getSectionSyntaxIndicator(), s.getSectionLength());
+  }
+  void add_head(const LongCrcSection& s) {
+    add_head(static_cast<const ShortSection&>(s));
+    if (whole_)
+      put(s.getTableIdExtension(), s.getVersionNumber(), s.getCurrentNextIndicator(), s.getSectionNumber(),
+          s.getLastSectionNumber(), s.getCrc32());
+  }
+  void add(const ProgramAssociationSection& s) {
+    each(s.getNetworks(), [this](const auto& e) { put(e.getNetworkPid()); });
+    each(s.getPrograms(), [this](const auto& e) { put(e.getProgramNumber(), e.getProgramMapPid()); });
+  }
+  void add(const ConditionalAccessSection& s) { add_loop(s); }
+  void add(const ProgramMapSection& s) {
+    put(s.getProgramNumber(), s.getPcrPid());
+    add_loop(s);
+    each(s.getEsInfo(), [this](const auto& e) {
+      put(e.getType(), e.getPid());
+      add_loop(e);
+    });
+  }
+  void add(const NetworkInformationSection& s) {
+    add_loop(s);
+    each(s.getTsInfo(), [this](const auto& e) {
+      put(e.getTransportStreamId(), e.getOriginalNetworkId());
+      add_loop(e);
+    });
+  }
+  void add(const ServiceDescriptionSection& s) {
+    put(s.getTransportStreamId(), s.getOriginalNetworkId());
+    each(s.getDescriptions(), [this](const auto& e) {
+      put(e.getServiceId(), e.getEitScheduleFlag(), e.getEitPresentFollowingFlag(), e.getRunningStatus(),
+          e.getFreeCaMode());
+      add_loop(e);
+    });
+  }
+  void add(const EventInformationSection& s) {
+    put(s.getTransportStreamId(), s.getOriginalNetworkId(), s.getSegmentLastSectionNumber(), s.getLastTableId());
+    each(s.getEvents(), [this](const auto& e) {
+      put(e.getEventId(), e.getStartTimeMjd(), e.getStartTimeBcd(), e.getDuration(), e.getRunningStatus(),
+          e.getFreeCaMode());
+      add_loop(e);
+    });
+  }
+  void add(const TimeAndDateSection& s) { put(s.getUtcTimeMjd(), s.getUtcTimeBcd()); }
+  void add(const TimeOffsetSection& s) {
+    if (whole_)
+      put(s.getCrc32());
+    put(s.getUtcTimeMjd(), s.getUtcTimeBcd());
+    add_loop(s);
+  }
+  // The class alone: LongCrcSection over tables without one.
+  void add(const LongCrcSection&) {}
+
+ private:
+  const bool whole_;
+  const std::function<void(const Descriptor&)> look_;
+};
+
+template <typename Section>
+std::string of(const uint8_t* bytes, Reader reader) {
+  const Section section(bytes);
+  reader.add_head(section);
+  reader.add(section);
+  return reader.text();
 }
 
-void add_tdt(Hash& hash, const uint8_t* p) {
-  const TimeAndDateSection s(p);
-  add_head(hash, s);
-  hash(s.getUtcTimeMjd(), s.getUtcTimeBcd());
-}
-
-void add_tot(Hash& hash, const uint8_t* p) {
-  const TimeOffsetSection s(p);
-  add_head(hash, static_cast<const ShortSection&>(s));
-  hash(s.getCrc32(), s.getUtcTimeMjd(), s.getUtcTimeBcd());
-  add_loop(hash, s);
+std::string text(const uint8_t* section, const Reader& reader) {
+  switch (section[0]) {
+    case 0x00:
+      return of<ProgramAssociationSection>(section, reader);
+    case 0x01:
+      return of<ConditionalAccessSection>(section, reader);
+    case 0x02:
+      return of<ProgramMapSection>(section, reader);
+    case 0x40:
+    case 0x41:
+      return of<NetworkInformationSection>(section, reader);
+    case 0x42:
+    case 0x46:
+      return of<ServiceDescriptionSection>(section, reader);
+    case 0x70:
+      return of<TimeAndDateSection>(section, reader);
+    case 0x73:
+      return of<TimeOffsetSection>(section, reader);
+    default:
+      return section[0] >= 0x4E && section[0] <= 0x6F ? of<EventInformationSection>(section, reader)
+                                                      : of<LongCrcSection>(section, reader);
+  }
 }
 
 }  // namespace
 
 uint64_t read_all(const uint8_t* section) {
-  Hash hash;
-  switch (section[0]) {
-    case 0x00:
-      add_pat(hash, section);
-      break;
-    case 0x01:
-      add_cat(hash, section);
-      break;
-    case 0x02:
-      add_pmt(hash, section);
-      break;
-    case 0x40:
-    case 0x41:
-      add_nit(hash, section);
-      break;
-    case 0x42:
-    case 0x46:
-      add_sdt(hash, section);
-      break;
-    case 0x70:
-      add_tdt(hash, section);
-      break;
-    case 0x73:
-      add_tot(hash, section);
-      break;
-    default:
-      if (section[0] >= 0x4E && section[0] <= 0x6F)
-        add_eit(hash, section);
-      else
-        add_head(hash, LongCrcSection(section));
-  }
-  return hash.value();
+  return std::hash<std::string>()(text(section, Reader(true)));
 }
 
-uint64_t read_all(const Descriptor& descriptor) {
-  Hash hash;
-  add(hash, descriptor);
-  return hash.value();
+std::string values(const uint8_t* section) {
+  return text(section, Reader(false));
+}
+
+void look_at_descriptors(const uint8_t* section, const std::function<void(const Descriptor&)>& look) {
+  (void)text(section, Reader(false, look));
+}
+
+std::string values(const Descriptor& descriptor) {
+  Reader reader(false);
+  reader.add(descriptor);
+  return reader.text();
 }
 
 }  // namespace dvbsi_test

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
+#include <utility>
 
 namespace dvbsi_test {
 
@@ -184,6 +186,32 @@ std::vector<Bytes> section_file(const std::string& path) {
     i += 2 + size;
   }
   return sections;
+}
+
+std::vector<Collected> shared_collection() {
+  const std::string folder = shared_file("malformed");
+  std::vector<Collected> all;
+  if (folder.empty())
+    return all;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    Collected file{entry.path().filename().string(), support::read_file(entry.path().string()), {}};
+    std::istringstream lines(file.text);
+    Bytes section;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.empty() || line[0] == '#')
+        continue;
+      for (size_t i = line.rfind(' ') + 1; i + 2 <= line.size(); i += 2)
+        section.push_back(static_cast<uint8_t>(std::stoul(line.substr(i, 2), nullptr, 16)));
+      if (file.name == "random_found.txt")
+        file.sections.push_back(std::exchange(section, {}));
+    }
+    if (file.name.starts_with("short_crc"))
+      section.resize(4096);
+    if (!section.empty())
+      file.sections.push_back(section);
+    all.push_back(file);
+  }
+  return all;
 }
 
 std::string shared_file(const std::string& name) {

@@ -40,6 +40,15 @@ Bytes random_section(Random& random);
 // The sections of a file in which each stands behind its 16-bit big-endian size; none when there is no such file.
 std::vector<Bytes> section_file(const std::string& path);
 
+// A file of the collection of malformed sections beside the source tree: its text and its sections, one but for
+// "random_found.txt", which has one at the end of each line.
+struct Collected {
+  std::string name;
+  std::string text;
+  std::vector<Bytes> sections;
+};
+std::vector<Collected> shared_collection();  // none where it is not there: then skip the test
+
 // `../shared/dvbsi/NAME` beside the source tree, or an empty text where it is not there (then skip the test).
 std::string shared_file(const std::string& name);
 

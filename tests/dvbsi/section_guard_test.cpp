@@ -1,16 +1,9 @@
 #include "si/section_guard.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <vector>
 
-#include <dvbsi++/ca_section.h>
-#include <dvbsi++/event_information_section.h>
-#include <dvbsi++/network_information_section.h>
-#include <dvbsi++/program_map_section.h>
-#include <dvbsi++/service_description_section.h>
-#include <dvbsi++/time_offset_section.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,39 +26,11 @@ const char* problem(const Bytes& section) {
   return section_problem(section.data(), section.size());
 }
 
-bool bodies_ok(const DescriptorContainer& loop) {
-  return std::all_of(loop.getDescriptors()->begin(), loop.getDescriptors()->end(),
-                     [](const Descriptor* d) { return body_ok(*d); });
-}
-
-template <typename List>
-bool bodies_of_entries_ok(const List* entries) {
-  return std::all_of(entries->begin(), entries->end(), [](const auto* entry) { return bodies_ok(*entry); });
-}
-
 // Of a section that the guard lets through, with the guard's room around it.
 bool all_bodies_ok(const uint8_t* section) {
-  switch (section[0]) {
-    case 0x01:
-      return bodies_ok(ConditionalAccessSection(section));
-    case 0x02: {
-      const ProgramMapSection pmt(section);
-      return bodies_ok(pmt) && bodies_of_entries_ok(pmt.getEsInfo());
-    }
-    case 0x40: {
-      const NetworkInformationSection nit(section);
-      return bodies_ok(nit) && bodies_of_entries_ok(nit.getTsInfo());
-    }
-    case 0x42:
-      return bodies_of_entries_ok(ServiceDescriptionSection(section).getDescriptions());
-    case 0x4E:
-      return bodies_of_entries_ok(EventInformationSection(section).getEvents());
-    case 0x73:
-      return bodies_ok(TimeOffsetSection(section));
-    default:
-      ADD_FAILURE() << "table " << int{section[0]};
-      return false;
-  }
+  bool all = true;
+  dvbsi_test::look_at_descriptors(section, [&](const Descriptor& d) { all = all && body_ok(d); });
+  return all;
 }
 
 TEST(SectionProblem, size_must_be_that_of_the_section) {
@@ -102,34 +67,26 @@ TEST(SectionProblem, every_malformed_case_has_its_verdict) {
 }
 
 TEST(SectionProblem, shared_collection_has_the_verdicts_noted_in_it) {
-  const std::string folder = dvbsi_test::shared_file("malformed");
-  if (folder.empty())
+  const auto collection = dvbsi_test::shared_collection();
+  if (collection.empty())
     GTEST_SKIP() << "no shared files here";
   int skipped_bodies = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.path().extension() != ".hex")
+  for (const dvbsi_test::Collected& file : collection) {
+    if (!file.name.ends_with(".hex"))
       continue;
-    const std::string text = support::read_file(entry.path().string());
-    Bytes section;
-    for (size_t i = text.rfind('#'), end = text.size(); i < end; ++i) {  // the digits stand behind the last remark
-      if (text[i] != '\n')
-        continue;
-      for (++i; i + 1 < end; i += text[i] == '\n' ? 1 : 2)
-        if (text[i] != '\n')
-          section.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    if (entry.path().filename().string().starts_with("short_crc"))
-      section.resize(4096);
-    const bool refused = text.find("guarded caller: rejected") != std::string::npos;
-    const bool skipped = text.find("guarded caller: body skipped") != std::string::npos;
-    EXPECT_TRUE(refused || skipped || text.find("guarded caller: parsed") != std::string::npos)
-        << entry.path().filename();
-    EXPECT_EQ(problem(section) != nullptr, refused) << entry.path().filename();
-    if (refused)
+    SCOPED_TRACE(file.name);
+    const auto noted = [&file](const char* verdict) {
+      return file.text.find(std::string("guarded caller: ") + verdict) != std::string::npos;
+    };
+    ASSERT_EQ(file.sections.size(), 1u);
+    const Bytes& section = file.sections.front();
+    EXPECT_TRUE(noted("rejected") || noted("body skipped") || noted("parsed"));
+    EXPECT_EQ(problem(section) != nullptr, noted("rejected"));
+    if (noted("rejected"))
       continue;
     Safe_copy copy;
-    EXPECT_EQ(!all_bodies_ok(copy.copy(section.data(), section.size())), skipped) << entry.path().filename();
-    skipped_bodies += skipped ? 1 : 0;
+    EXPECT_EQ(!all_bodies_ok(copy.copy(section.data(), section.size())), noted("body skipped"));
+    skipped_bodies += noted("body skipped") ? 1 : 0;
   }
   EXPECT_GE(skipped_bodies, 8);
 }
@@ -180,54 +137,46 @@ TEST(SafeCopy, cuts_what_is_longer_than_a_section) {
   EXPECT_EQ(std::count(place + 4096, place + 4096 + 1024, 0), 1024);
 }
 
-bool ok(const Bytes& raw) {
-  const auto d = dvbsi_test::parsed<Descriptor>(raw);
-  return body_ok(*d);
-}
-
-TEST(BodyOk, extended_event_items_end_on_their_length) {
+TEST(BodyOk, entries_end_on_their_length) {
   const auto extended = [](const Bytes& items, const Bytes& text) {
     return descriptor(0x4E, join({{0}, bytes("est"), {static_cast<uint8_t>(items.size())}, items, text}));
   };
-  EXPECT_FALSE(ok(extended({1, 'd', 2, 'i'}, {0})));
-  EXPECT_FALSE(ok(extended({1}, {0})));
-  EXPECT_FALSE(ok(extended({0}, {0})));
-  EXPECT_FALSE(ok(descriptor(0x4E, {0, 'e', 's', 't', 0})));
-  EXPECT_FALSE(ok(descriptor(0x4E, {0, 'e', 's', 't', 1, 0})));
-  EXPECT_FALSE(ok(descriptor(0x4E, {})));
-  EXPECT_TRUE(ok(extended({}, {0})));
-  EXPECT_TRUE(ok(extended({1, 'd', 1, 'i', 0, 0}, {1, 't'})));
-}
-
-TEST(BodyOk, names_end_on_the_length_of_the_descriptor) {
-  EXPECT_FALSE(ok(descriptor(0x5B, {'e'})));
-  EXPECT_FALSE(ok(descriptor(0x5B, {'e', 's', 't'})));
-  EXPECT_FALSE(ok(descriptor(0x5B, {'e', 's', 't', 2, 'x'})));
-  EXPECT_TRUE(ok(descriptor(0x5B, {'e', 's', 't', 1, 'x'})));
-  EXPECT_TRUE(ok(descriptor(0x5B, {})));
-  EXPECT_FALSE(ok(descriptor(0x5D, {'e', 's', 't', 0})));
-  EXPECT_FALSE(ok(descriptor(0x5D, {'e', 's', 't', 1, 'x', 1})));
-  EXPECT_FALSE(ok(descriptor(0x5D, {'e', 's', 't', 9, 'x', 1})));
-  EXPECT_TRUE(ok(descriptor(0x5D, {'e', 's', 't', 1, 'x', 1, 'y', 'e', 'n', 'g', 0, 0})));
-  EXPECT_TRUE(ok(descriptor(0x5D, {})));
-}
-
-TEST(BodyOk, other_tags_are_always_ok) {
-  EXPECT_TRUE(ok(descriptor(0x48, {1, 200})));
-  EXPECT_TRUE(ok(descriptor(0x06, {})));
+  const struct {
+    Bytes raw;
+    bool ok;
+  } cases[] = {
+      {extended({1, 'd', 2, 'i'}, {0}), false},
+      {extended({1}, {0}), false},
+      {extended({0}, {0}), false},
+      {descriptor(0x4E, {0, 'e', 's', 't', 0}), false},
+      {descriptor(0x4E, {0, 'e', 's', 't', 1, 0}), false},
+      {descriptor(0x4E, {}), false},
+      {extended({}, {0}), true},
+      {extended({1, 'd', 1, 'i', 0, 0}, {1, 't'}), true},
+      {descriptor(0x5B, {'e'}), false},
+      {descriptor(0x5B, {'e', 's', 't'}), false},
+      {descriptor(0x5B, {'e', 's', 't', 2, 'x'}), false},
+      {descriptor(0x5B, {'e', 's', 't', 1, 'x'}), true},
+      {descriptor(0x5B, {}), true},
+      {descriptor(0x5D, {'e', 's', 't', 0}), false},
+      {descriptor(0x5D, {'e', 's', 't', 1, 'x', 1}), false},
+      {descriptor(0x5D, {'e', 's', 't', 9, 'x', 1}), false},
+      {descriptor(0x5D, {'e', 's', 't', 1, 'x', 1, 'y', 'e', 'n', 'g', 0, 0}), true},
+      {descriptor(0x5D, {}), true},
+      {descriptor(0x48, {1, 200}), true},  // other tags are always well
+      {descriptor(0x06, {}), true},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(body_ok(*dvbsi_test::parsed<Descriptor>(c.raw)), c.ok) << testing::PrintToString(c.raw);
 }
 
 TEST(BodyOk, every_malformed_case_has_its_verdict) {
-  section_guard::Safe_copy copy;
+  Safe_copy copy;
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
-    if (row.verdict == Verdict::REFUSED || row.section[0] != 0x4E)
+    if (row.verdict == Verdict::REFUSED)
       continue;
-    const EventInformationSection eit(copy.copy(row.section.data(), row.section.size()));
-    bool all = true;
-    for (const Event* event : *eit.getEvents())
-      for (const Descriptor* d : *event->getDescriptors())
-        all = all && body_ok(*d);
-    EXPECT_EQ(all, row.verdict == Verdict::PARSED) << row.legend;
+    EXPECT_EQ(all_bodies_ok(copy.copy(row.section.data(), row.section.size())), row.verdict == Verdict::PARSED)
+        << row.legend;
   }
 }
 

@@ -7,9 +7,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -183,46 +185,36 @@ int Fake_frontend::on_ioctl(unsigned long request, void* argument) {
     errno = EIO;
     return -1;
   }
-  switch (request) {
-    case FE_GET_INFO: {
-      auto* info = static_cast<dvb_frontend_info*>(argument);
-      std::strcpy(info->name, "fake");
-      info->type = FE_OFDM;
-      info->frequency_min = 470000000;
-      info->frequency_max = 862000000;
-      return 0;
-    }
-    case FE_SET_FRONTEND: {
-      note("FE_SET_FRONTEND");
-      const std::lock_guard lock(lock_);
-      tuned_ = *static_cast<dvb_frontend_parameters*>(argument);
-      return 0;
-    }
-    case FE_GET_FRONTEND:
-      note("FE_GET_FRONTEND");
-      *static_cast<dvb_frontend_parameters*>(argument) = tuned();
-      return 0;
-    case FE_READ_STATUS:
-      note("FE_READ_STATUS");
-      *static_cast<uint32_t*>(argument) = status;
-      return 0;
-    case FE_READ_BER:
-      note("FE_READ_BER");
-      *static_cast<uint32_t*>(argument) = ber;
-      return 0;
-    case FE_READ_SIGNAL_STRENGTH:
-      note("FE_READ_SIGNAL_STRENGTH");
-      *static_cast<uint16_t*>(argument) = static_cast<uint16_t>(strength);
-      return 0;
-    case FE_READ_SNR:
-      note("FE_READ_SNR");
-      *static_cast<uint16_t*>(argument) = static_cast<uint16_t>(snr);
-      return 0;
-    case FE_GET_EVENT:
-      note("FE_GET_EVENT");
-      return 0;
-    default:
-      errno = ENOTTY;
-      return -1;
+  if (request == FE_GET_INFO) {
+    auto* info = static_cast<dvb_frontend_info*>(argument);
+    std::strcpy(info->name, "fake");
+    info->type = FE_OFDM;
+    info->frequency_min = 470000000;
+    info->frequency_max = 862000000;
+    return 0;
   }
+  const std::pair<unsigned long, const char*> names[] = {
+      {FE_SET_FRONTEND, "FE_SET_FRONTEND"}, {FE_GET_FRONTEND, "FE_GET_FRONTEND"},
+      {FE_READ_STATUS, "FE_READ_STATUS"},   {FE_READ_BER, "FE_READ_BER"},
+      {FE_READ_SNR, "FE_READ_SNR"},         {FE_READ_SIGNAL_STRENGTH, "FE_READ_SIGNAL_STRENGTH"},
+      {FE_GET_EVENT, "FE_GET_EVENT"},
+  };
+  const auto* const name =
+      std::find_if(std::begin(names), std::end(names), [=](const auto& entry) { return entry.first == request; });
+  if (name == std::end(names)) {
+    errno = ENOTTY;
+    return -1;
+  }
+  note(name->second);
+  if (request == FE_SET_FRONTEND) {
+    const std::lock_guard lock(lock_);
+    tuned_ = *static_cast<dvb_frontend_parameters*>(argument);
+  } else if (request == FE_GET_FRONTEND) {
+    *static_cast<dvb_frontend_parameters*>(argument) = tuned();
+  } else if (request == FE_READ_STATUS || request == FE_READ_BER) {
+    *static_cast<uint32_t*>(argument) = request == FE_READ_BER ? ber.load() : status.load();
+  } else if (request != FE_GET_EVENT) {
+    *static_cast<uint16_t*>(argument) = static_cast<uint16_t>(request == FE_READ_SNR ? snr.load() : strength.load());
+  }
+  return 0;
 }

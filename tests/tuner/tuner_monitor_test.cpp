@@ -33,7 +33,6 @@ void on_event(unsigned event, void* data) {
 constexpr unsigned QUALITY_12 = 25000;
 constexpr unsigned QUALITY_10 = 30000;
 constexpr unsigned QUALITY_8 = 35000;
-constexpr char EVENT_NOT_READ[] = "WARNING: Failed to read fe event\n";
 
 // The monitor of a tuner that is locked, after its first pass.
 class Monitor_test : public Fake_tuner_test {
@@ -66,8 +65,25 @@ class Monitor_test : public Fake_tuner_test {
     dots = testing::internal::GetCapturedStdout();
     return result;
   }
-  std::string statistics(int level = 3) {
-    return messages_at(level, [this] { frontend.pass(); });
+  // What a pass prints.
+  std::string printed(int level, short event = 0) {
+    return messages_at(level, [=, this] { frontend.pass(event); });
+  }
+  std::string statistics() { return printed(3); }
+  // The same at verbosity 1 with this status read.
+  std::string printed_with(unsigned status) {
+    frontend.status = status;
+    return printed(1);
+  }
+  // The events told so far, after a pass with a quality.
+  std::string told_after(unsigned errors, float expected) {
+    quality(errors, expected);
+    return events;
+  }
+  // Waits until the monitor has given up reading what is out of its range.
+  void until_readings_are_0() {
+    frontend.end_wait();
+    until([&] { return tuner->fe_strength() == 0 && tuner->fe_ber() == 0; });
   }
 
   std::string dots;
@@ -78,27 +94,22 @@ const Texts WAIT = {"wait 200"};
 
 // --- Passes ----------------------------------------------------------------------------------------------------------
 
-TEST_F(Monitor_test, undisturbed_pass_takes_200_ms_and_reads_three_values) {
+// An event wakes it early and is taken; a device that lets no poll wait is asked five times a second all the same.
+TEST_F(Monitor_test, pass_takes_200_ms_and_reads_three_values_whatever_the_device_says) {
   EXPECT_EQ(pass(), READINGS + WAIT);
-}
-
-TEST_F(Monitor_test, event_wakes_the_pass_early_and_is_taken) {
   EXPECT_EQ(pass(POLLIN), Texts{"FE_GET_EVENT"} + READINGS + WAIT);
-}
-
-TEST_F(Monitor_test, device_that_lets_no_poll_wait_is_asked_five_times_a_second_all_the_same) {
   EXPECT_EQ(pass(POLLERR), Texts{"sleep 200"} + READINGS + WAIT);
 }
 
 TEST_F(Monitor_test, event_that_cannot_be_read_is_a_warning_and_not_told_at_verbosity_0) {
   frontend.failing = FE_GET_EVENT;
-  EXPECT_EQ(messages_at(1, [&] { frontend.pass(POLLIN); }), EVENT_NOT_READ);
-  EXPECT_EQ(messages_at(0, [&] { frontend.pass(POLLIN); }), "");
+  EXPECT_EQ(printed(1, POLLIN), "WARNING: Failed to read fe event\n");
+  EXPECT_EQ(printed(0, POLLIN), "");
 }
 
 TEST_F(Monitor_test, failing_poll_is_printed_and_the_pass_goes_on) {
   frontend.take_monitor_calls();
-  EXPECT_EQ(messages_at(-1, [&] { frontend.pass(-EINTR); }), "Lock poll thread: : Interrupted system call\n");
+  EXPECT_EQ(printed(-1, -EINTR), "Lock poll thread: : Interrupted system call\n");
   EXPECT_EQ(frontend.take_monitor_calls(), READINGS + WAIT);
 }
 
@@ -117,8 +128,7 @@ TEST_F(Monitor_test, both_ends_of_the_frontends_range_are_read) {
     frontend.pass();
     EXPECT_EQ(tuner->fe_strength(), 100.0F) << within;
     (void)tuner->tunetofreq(beyond);
-    frontend.end_wait();
-    until([&] { return tuner->fe_strength() == 0 && tuner->fe_ber() == 0; });
+    until_readings_are_0();
     (void)tuner->tunetofreq(within);
   }
 }
@@ -127,8 +137,7 @@ TEST_F(Monitor_test, frequency_out_of_range_reads_0_sends_no_event_and_is_looked
   listen();
   (void)tuner->tunetofreq(100000000);
   frontend.take_monitor_calls();
-  frontend.end_wait();
-  until([&] { return tuner->fe_strength() == 0 && tuner->fe_ber() == 0; });
+  until_readings_are_0();
   until([&] { return frontend.monitor_calls() >= 6; });
   const Texts calls = frontend.take_monitor_calls();
   EXPECT_EQ(calls, READINGS + Texts{"sleep 10"} * (calls.size() - READINGS.size()));
@@ -142,24 +151,19 @@ TEST_F(Monitor_test, frequency_out_of_range_reads_0_sends_no_event_and_is_looked
 
 TEST_F(Monitor_test, no_event_is_sent_before_the_first_reset_though_the_loss_is_printed) {
   tuner->set_stb_event_callback(on_event);
-  frontend.status = 0;
-  EXPECT_EQ(statistics(1), "WARNING: FE quality lost\n");
-  frontend.status = 0x1F;
-  EXPECT_EQ(statistics(1), "WARNING: FE quality OK\n");
+  EXPECT_EQ(printed_with(0), "WARNING: FE quality lost\n");
+  EXPECT_EQ(printed_with(0x1F), "WARNING: FE quality OK\n");
   EXPECT_EQ(events, "");
 }
 
 TEST_F(Monitor_test, loss_and_return_are_sent_once_each_with_null_data) {
   listen();
-  frontend.status = 0x0F;
-  frontend.pass();
-  EXPECT_EQ(events, "0 ");
-  frontend.pass();
-  frontend.status = 0x1F;
-  frontend.pass();
-  EXPECT_EQ(events, "0 1 ");
-  frontend.pass();
-  EXPECT_EQ(events, "0 1 ");
+  for (const auto& [status, told] :
+       {std::pair{0x0FU, "0 "}, std::pair{0x0FU, "0 "}, std::pair{0x1FU, "0 1 "}, std::pair{0x1FU, "0 1 "}}) {
+    frontend.status = status;
+    frontend.pass();
+    EXPECT_EQ(events, told);
+  }
 }
 
 TEST_F(Monitor_test, message_about_the_quality_comes_before_its_event) {
@@ -167,40 +171,28 @@ TEST_F(Monitor_test, message_about_the_quality_comes_before_its_event) {
     const std::string line = "event " + std::to_string(event) + "\n";
     (void)!write(2, line.data(), line.size());
   });
-  frontend.status = 0;
-  EXPECT_EQ(statistics(1), "WARNING: FE quality lost\nevent 0\n");
-  frontend.status = 0x1F;
-  EXPECT_EQ(statistics(1), "WARNING: FE quality OK\nevent 1\n");
+  EXPECT_EQ(printed_with(0), "WARNING: FE quality lost\nevent 0\n");
+  EXPECT_EQ(printed_with(0x1F), "WARNING: FE quality OK\nevent 1\n");
 }
 
 TEST_F(Monitor_test, quirk_quality_is_lost_below_10_and_regained_only_above) {
   listen();
-  quality(QUALITY_10, 10);
-  EXPECT_EQ(events, "");
-  quality(QUALITY_8, 8);
-  EXPECT_EQ(events, "0 ");
-  quality(QUALITY_10, 10);
-  EXPECT_EQ(events, "0 ");
-  quality(QUALITY_12, 12);
-  EXPECT_EQ(events, "0 1 ");
-  quality(QUALITY_10, 10);
-  EXPECT_EQ(events, "0 1 ");
+  EXPECT_EQ(told_after(QUALITY_10, 10), "");
+  EXPECT_EQ(told_after(QUALITY_8, 8), "0 ");
+  EXPECT_EQ(told_after(QUALITY_10, 10), "0 ");
+  EXPECT_EQ(told_after(QUALITY_12, 12), "0 1 ");
+  EXPECT_EQ(told_after(QUALITY_10, 10), "0 1 ");
 }
 
 TEST_F(Monitor_test, messages_appear_at_verbosity_1_only) {
-  EXPECT_EQ(messages_at(0,
-                        [&] {
-                          quality(QUALITY_8, 8);
-                          quality(QUALITY_12, 12);
-                        }),
-            "");
+  EXPECT_EQ(messages_at(0, [&] { quality(QUALITY_8, 8); }), "");
+  EXPECT_EQ(messages_at(0, [&] { quality(QUALITY_12, 12); }), "");
 }
 
 TEST_F(Monitor_test, disabled_events_are_not_sent_and_a_reset_enables_them_again) {
   listen();
   tuner->disable_tunerevents();
-  quality(QUALITY_8, 8);
-  EXPECT_EQ(events, "");
+  EXPECT_EQ(told_after(QUALITY_8, 8), "");
   (void)tuner->reset_signal_monitor_loop();  // which counts the quality as good again
   frontend.pass();
   EXPECT_EQ(events, "0 ");
@@ -209,8 +201,7 @@ TEST_F(Monitor_test, disabled_events_are_not_sent_and_a_reset_enables_them_again
 TEST_F(Monitor_test, null_callback_is_skipped) {
   tuner->set_stb_event_callback(on_event);
   listen(nullptr);
-  quality(QUALITY_8, 8);
-  EXPECT_EQ(events, "");
+  EXPECT_EQ(told_after(QUALITY_8, 8), "");
 }
 
 // --- Statistics ------------------------------------------------------------------------------------------------------
@@ -221,13 +212,12 @@ TEST_F(Monitor_test, statistics_are_a_line_a_pass_at_verbosity_3_and_a_reset_sta
   EXPECT_EQ(statistics(), "Locked 400, not_locked 0, working 0.00 %, quality_sum 200\n");
   (void)tuner->reset_signal_monitor_loop();
   EXPECT_EQ(statistics(), "Locked 200, not_locked 0, working 0.00 %, quality_sum 100\n");
-  EXPECT_EQ(statistics(2), "");
+  EXPECT_EQ(printed(2), "");
 }
 
 TEST_F(Monitor_test, pass_that_an_event_ends_counts_the_time_that_it_took) {
   (void)tuner->reset_signal_monitor_loop();
-  EXPECT_EQ(messages_at(3, [&] { frontend.pass(POLLIN); }),
-            "Locked 0, not_locked 0, working 0.00 %, quality_sum 100\n");
+  EXPECT_EQ(printed(3, POLLIN), "Locked 0, not_locked 0, working 0.00 %, quality_sum 100\n");
 }
 
 TEST_F(Monitor_test, quirk_working_is_a_ratio_of_the_times_with_and_without_lock) {
@@ -241,11 +231,9 @@ TEST_F(Monitor_test, any_lock_bit_counts_as_locked_time) {
   for (const unsigned bit : {1U, 2U, 4U, 8U, 16U, 0x80U}) {  // the last is none of the five
     frontend.status = bit;
     (void)tuner->reset_signal_monitor_loop();
-    const bool locked = testing::Value(statistics(), testing::ContainsRegex("Locked [1-9][0-9]+, not_locked 0,"));
-    (void)tuner->reset_signal_monitor_loop();
-    const bool unlocked = testing::Value(statistics(), testing::ContainsRegex("Locked 0, not_locked [1-9][0-9]+,"));
-    EXPECT_EQ(locked, bit != 0x80) << bit;
-    EXPECT_EQ(unlocked, bit == 0x80) << bit;
+    EXPECT_THAT(statistics(), testing::ContainsRegex(bit != 0x80 ? "Locked [1-9][0-9]+, not_locked 0,"
+                                                                 : "Locked 0, not_locked [1-9][0-9]+,"))
+        << bit;
   }
 }
 

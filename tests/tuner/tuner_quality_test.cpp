@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -20,46 +22,35 @@ uint16_t reading(unsigned low, unsigned high = 0) {
 }  // namespace
 
 TEST(Strength, each_row_of_the_scale_at_its_edges) {
-  struct Row {
-    unsigned low;
-    int strength;
-  };
-  const Row rows[] = {
+  const std::pair<unsigned, int> rows[] = {
       {255, 100}, {161, 100}, {160, 100}, {159, 99}, {114, 69}, {113, 68}, {112, 68},
       {111, 67},  {90, 60},   {89, 60},   {88, 60},  {87, 59},  {12, 51},  {11, 50},
   };
-  for (const Row& row : rows)
-    EXPECT_EQ(strength(reading(row.low)), row.strength) << "low byte " << row.low;
+  for (const auto& [low, expected] : rows)
+    EXPECT_EQ(strength(reading(low)), expected) << "low byte " << low;
 }
 
 TEST(Strength, high_byte_counts_only_when_the_low_byte_is_at_most_10) {
-  EXPECT_EQ(strength(reading(5, 8)), 50);
-  EXPECT_EQ(strength(reading(0, 0)), 54);
-  EXPECT_EQ(strength(reading(10, 1)), 53);
-  EXPECT_EQ(strength(reading(10, 107)), 0);
-  EXPECT_EQ(strength(reading(0, 108)), 0);
-  EXPECT_EQ(strength(reading(11, 255)), 50);
-  EXPECT_EQ(strength(reading(161, 255)), 100);
+  const std::tuple<unsigned, unsigned, int> rows[] = {{5, 8, 50},  {0, 0, 54},    {10, 1, 53},    {10, 107, 0},
+                                                      {0, 108, 0}, {11, 255, 50}, {161, 255, 100}};
+  for (const auto& [low, high, expected] : rows)
+    EXPECT_EQ(strength(reading(low, high)), expected) << low << " " << high;
 }
 
 TEST(Strength, quirk_high_byte_above_108_wraps_to_a_huge_strength) {
-  EXPECT_EQ(std::numeric_limits<int>::max(), strength(reading(0, 109)));
-  EXPECT_EQ(std::numeric_limits<int>::max(), strength(reading(10, 110)));
-  EXPECT_EQ(std::numeric_limits<int>::max() - 73, strength(reading(3, 255)));
+  EXPECT_EQ(strength(reading(0, 109)), std::numeric_limits<int>::max());
+  EXPECT_EQ(strength(reading(10, 110)), std::numeric_limits<int>::max());
+  EXPECT_EQ(strength(reading(3, 255)), std::numeric_limits<int>::max() - 73);
 }
 
 TEST(Ber, each_row_of_the_scale_at_its_edges) {
-  struct Row {
-    uint32_t errors;
-    int quality;
-  };
-  const Row rows[] = {
+  const std::pair<uint32_t, int> rows[] = {
       {0, 100},   {1, 99},    {2, 95},    {3, 91},         {4, 88},         {5, 86},         {6, 84},    {7, 82},
       {8, 82},    {9, 80},    {79432, 2}, {79433, 2},      {79434, 1},      {89124, 1},      {89125, 1}, {89126, 0},
       {89127, 0}, {63096, 4}, {63097, 2}, {0x7FFFFFFF, 0}, {0xFFFFFFFE, 0}, {0xFFFFFFFF, 0},
   };
-  for (const Row& row : rows)
-    EXPECT_EQ(ber_quality(row.errors), row.quality) << row.errors << " errors";
+  for (const auto& [errors, quality] : rows)
+    EXPECT_EQ(ber_quality(errors), quality) << errors << " errors";
 }
 
 TEST(Ber, steps_are_powers_of_ten_at_every_decibel) {
@@ -84,11 +75,9 @@ TEST(Ber, quality_never_rises_with_the_errors) {
 }
 
 TEST(Snr, noise_is_the_inverse_of_the_low_byte_and_never_0) {
-  EXPECT_EQ(noise(0xFF00, true), 255);
-  EXPECT_EQ(noise(0x00FE, true), 1);
-  EXPECT_EQ(noise(0x00FF, true), 1);
-  EXPECT_EQ(noise(0xFFFF, true), 1);
-  EXPECT_EQ(noise(0x127F, true), 128);
+  const std::pair<uint16_t, int> rows[] = {{0xFF00, 255}, {0x00FE, 1}, {0x00FF, 1}, {0xFFFF, 1}, {0x127F, 128}};
+  for (const auto& [raw, expected] : rows)
+    EXPECT_EQ(noise(raw, true), expected) << raw;
 }
 
 TEST(Snr, noise_is_255_without_full_lock) {
@@ -97,9 +86,9 @@ TEST(Snr, noise_is_255_without_full_lock) {
 }
 
 TEST(Snr, decibels_of_each_noise) {
-  EXPECT_FLOAT_EQ(0.0F, snr_db(255));
-  EXPECT_NEAR(24.07, snr_db(1), 0.005);
-  EXPECT_NEAR(10.0, snr_db(25), 0.1);
+  EXPECT_FLOAT_EQ(snr_db(255), 0.0F);
+  EXPECT_NEAR(snr_db(1), 24.07, 0.005);
+  EXPECT_NEAR(snr_db(25), 10.0, 0.1);
   for (int n = 1; n <= 255; ++n)
-    EXPECT_NEAR(-10 * std::log10(n / 255.0), snr_db(n), 1e-5) << n;
+    EXPECT_NEAR(snr_db(n), -10 * std::log10(n / 255.0), 1e-5) << n;
 }

@@ -20,7 +20,7 @@ class Tuner_test : public testing::Test {
   void SetUp() override {
     ASSERT_TRUE(support::under_softdvb());
     const support::Stderr_capture capture;
-    tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0);
+    make_tuner();
     const int locked = tuner_->tunetofreq(FREQ);
     EXPECT_EQ(locked, FREQ) << capture.text();
     // The pass under way may have begun before the lock; the next one counts the quality as good.
@@ -31,6 +31,13 @@ class Tuner_test : public testing::Test {
   void TearDown() override {
     const support::Stderr_capture capture;  // a pass of the monitor may fail while the device is closed
     tuner_.reset();
+  }
+
+  void make_tuner() { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); }
+  // What a new tuner prints in the place of the old one.
+  std::string printed_by_constructor(int level) {
+    tuner_.reset();
+    return support::messages_at(level, [this] { make_tuner(); });
   }
 
   // Sets a reading, such as "ber", of what is received.

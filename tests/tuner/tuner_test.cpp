@@ -3,47 +3,39 @@
 
 #include <limits>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tuner/tuner_support.h"
 
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
 TEST_F(Tuner_test, frontend_is_described_at_verbosity_3) {
-  tuner_.reset();
-  const support::Verbosity verbosity(3);
-  const support::Stderr_capture capture;
-  tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0);
-  const std::string text = capture.text();
-  EXPECT_EQ(text.find(" Front end name is softdvb DVB-T 0, type is 2\n"
-                      "  Freq min: 470000000 Freq max: 862000000\n"
-                      "  Freq step: 166667, Tolerance: 0\n"),
-            0U)
-      << text;
-  EXPECT_EQ(text.find("ERROR"), std::string::npos) << text;
+  EXPECT_THAT(printed_by_constructor(3), AllOf(StartsWith(" Front end name is softdvb DVB-T 0, type is 2\n"
+                                                          "  Freq min: 470000000 Freq max: 862000000\n"
+                                                          "  Freq step: 166667, Tolerance: 0\n"),
+                                               Not(HasSubstr("ERROR"))));
 }
 
 TEST_F(Tuner_test, good_frontend_is_opened_in_silence) {
-  tuner_.reset();
-  EXPECT_EQ(support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); }), "");
-  tuner_.reset();
-  const support::Verbosity verbosity(2);
-  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); });
-  EXPECT_EQ(text.find("Fr"), std::string::npos) << text;  // neither line
+  EXPECT_EQ(printed_by_constructor(0), "");
+  EXPECT_THAT(printed_by_constructor(2), Not(HasSubstr("Fr")));  // neither line
   EXPECT_EQ(tuner_->fe_freq(), 474000000);
 }
 
 TEST_F(Tuner_test, second_tuner_on_a_device_prints_that_it_is_busy_and_the_first_goes_on) {
-  EXPECT_NE(std::string::npos, support::stderr_of([&] {
-                                 const Tuner second(PATH, &db_.sdbl(), 0, 0);
-                               }).find("ERROR: Failed to  open /dev/dvb/adapter0/frontend0\n"));
+  EXPECT_THAT(support::stderr_of([&] { const Tuner second(PATH, &db_.sdbl(), 0, 0); }),
+              HasSubstr("ERROR: Failed to  open /dev/dvb/adapter0/frontend0\n"));
   EXPECT_EQ(tuner_->fe_freq(), FREQ);
 }
 
 TEST_F(Tuner_test, device_is_free_again_when_the_tuner_is_gone) {
-  tuner_.reset();
-  const std::string text = support::stderr_of([&] { tuner_ = std::make_unique<Tuner>(PATH, &db_.sdbl(), 0, 0); });
-  EXPECT_THAT(text, testing::Not(testing::HasSubstr("Failed to  open")));
+  EXPECT_THAT(printed_by_constructor(0), Not(HasSubstr("Failed to  open")));
 }
 
 TEST_F(Tuner_test, tuning_answers_the_frequency_when_locked_and_0_without_lock) {
@@ -57,37 +49,32 @@ TEST_F(Tuner_test, tuning_answers_the_frequency_when_locked_and_0_without_lock) 
 }
 
 TEST_F(Tuner_test, refused_tuning_is_printed_and_the_old_one_goes_on) {
-  after_monitor_pass();
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(tuner_->tunetofreq(900000000), 0); });
-  EXPECT_EQ(text.find("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n"), 0U) << text;
+  EXPECT_THAT(printed(0, [&] { EXPECT_EQ(tuner_->tunetofreq(900000000), 0); }),
+              StartsWith("ERROR: Setting frontend parameters for /dev/dvb/adapter0/frontend0 failed\n"));
   EXPECT_EQ(tuner_->fe_freq(), FREQ);
   EXPECT_EQ(tuner_->fe_status(), 0x1F);
 }
 
 TEST_F(Tuner_test, each_check_of_a_tuning_without_lock_is_told_at_verbosity_3) {
-  after_monitor_pass();
-  const support::Verbosity verbosity(3);
-  const std::string text = support::stderr_of([&] { EXPECT_EQ(tuner_->tunetofreq(514000000), 0); });
-  for (const char* part :
-       {"WARNING: Using default fe data for freq 514000000\n", "No Lock, Status 0 ", "1 ", "2 ", "3 "})
-    EXPECT_THAT(text, testing::HasSubstr(part));
+  EXPECT_THAT(printed(3, [&] { EXPECT_EQ(tuner_->tunetofreq(514000000), 0); }),
+              AllOf(HasSubstr("WARNING: Using default fe data for freq 514000000\n"), HasSubstr("No Lock, Status 0 "),
+                    HasSubstr("1 "), HasSubstr("2 "), HasSubstr("3 ")));
 }
 
 TEST_F(Tuner_test, tuned_to_says_why_not_at_verbosity_3_and_ends_the_line_at_4) {
-  const auto ask = [&](int freq) { return [this, freq] { EXPECT_FALSE(tuner_->tuned_to(freq)); }; };
-  EXPECT_EQ(printed(3, ask(514000000)), "Tuner freq 506000000 != in freq 514000000. ");
-  EXPECT_EQ(printed(4, ask(514000000)), "Tuner freq 506000000 != in freq 514000000. \n");
-  EXPECT_EQ(printed(2, ask(514000000)), "");
+  const auto expect_reason = [&](int freq, const std::string& reason) {
+    const auto ask = [&] { EXPECT_FALSE(tuner_->tuned_to(freq)); };
+    EXPECT_EQ(printed(3, ask), reason);
+    EXPECT_EQ(printed(4, ask), reason + "\n");
+    EXPECT_EQ(printed(2, ask), "");
+  };
+  expect_reason(514000000, "Tuner freq 506000000 != in freq 514000000. ");
   signal("strength", 5 | 30 << 8);  // 39
-  EXPECT_EQ(printed(3, ask(FREQ)), "Strength 39.000000 below accepted 40.000000 ");
-  EXPECT_EQ(printed(4, ask(FREQ)), "Strength 39.000000 below accepted 40.000000 \n");
-  EXPECT_EQ(printed(2, ask(FREQ)), "");
+  expect_reason(FREQ, "Strength 39.000000 below accepted 40.000000 ");
   signal("strength", 5 | 28 << 8);  // 40
   EXPECT_TRUE(tuner_->tuned_to(FREQ));
   signal("status", 0x0F);
-  EXPECT_EQ(printed(3, ask(FREQ)), "No Lock, Status f ");
-  EXPECT_EQ(printed(4, ask(FREQ)), "No Lock, Status f \n");
-  EXPECT_EQ(printed(2, ask(FREQ)), "");
+  expect_reason(FREQ, "No Lock, Status f ");
 }
 
 TEST_F(Tuner_test, lock_needs_all_five_bits_and_more_do_not_matter) {
@@ -101,10 +88,9 @@ TEST_F(Tuner_test, lock_needs_all_five_bits_and_more_do_not_matter) {
 
 TEST_F(Tuner_test, dvb_h_shows_in_bit_0x80_or_0x100_and_is_told_at_verbosity_4) {
   EXPECT_FALSE(tuner_->mux_is_dvbh());
-  for (const unsigned bit : {0x80U, 0x100U}) {
+  for (const auto& [bit, text] :
+       {std::pair{0x80U, "DVB-H channel, status is 80"}, {0x100U, "DVB-H channel, status is 100"}}) {
     signal("status", bit);
-    char text[64];
-    std::snprintf(text, sizeof text, "DVB-H channel, status is %x", bit);
     EXPECT_EQ(printed(4, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }), text);
     EXPECT_EQ(printed(3, [&] { EXPECT_TRUE(tuner_->mux_is_dvbh()); }), "");
   }
@@ -144,7 +130,7 @@ TEST_F(Tuner_test, snr_is_read_and_told_at_verbosity_4) {
   signal("snr", 0xFF00);
   EXPECT_EQ(tuner_->fe_snr(), 0.0F);
   signal("snr", 0x00FE);
-  EXPECT_NEAR(24.07, static_cast<double>(tuner_->fe_snr()), 0.005);
+  EXPECT_NEAR(static_cast<double>(tuner_->fe_snr()), 24.07, 0.005);
   EXPECT_EQ(printed(4, [&] { (void)tuner_->fe_snr(); }), "SNR readback is 00fecorrected snr 1 log value 24.07\n");
   EXPECT_EQ(printed(3, [&] { (void)tuner_->fe_snr(); }), "");
 }
@@ -168,18 +154,16 @@ TEST_F(Tuner_test, failing_readings_keep_the_last_good_values) {
   for (const char* call :
        {"FE_GET_FRONTEND", "FE_READ_STATUS", "FE_READ_SIGNAL_STRENGTH", "FE_READ_BER", "FE_READ_SNR"})
     support::softdvb_control(std::string("fault ") + call + " = EIO");
-  const std::string name = "/dev/dvb/adapter0/frontend0 failed";
-  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_freq(), FREQ); }),
-            "ERROR: Getting frontend parameters for " + name + "\n");
-  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_status(), 0x1F); }),
-            "ERROR: FE_READ_STATUS failed for " + name + "\n");
-  EXPECT_EQ(support::stderr_of([&] { tuner_->fe_strength_local(); }),
-            "ERROR: FE_READ_STRENGTH failed for " + name + ", rc is -1\n");
+  const auto expect_failure = [](const std::string& what, const auto& reading, const std::string& more = "") {
+    EXPECT_EQ(support::stderr_of(reading), "ERROR: " + what + " for /dev/dvb/adapter0/frontend0 failed" + more + "\n");
+  };
+  expect_failure("Getting frontend parameters", [&] { EXPECT_EQ(tuner_->fe_freq(), FREQ); });
+  expect_failure("FE_READ_STATUS failed", [&] { EXPECT_EQ(tuner_->fe_status(), 0x1F); });
+  expect_failure(
+      "FE_READ_STRENGTH failed", [&] { tuner_->fe_strength_local(); }, ", rc is -1");
   EXPECT_EQ(tuner_->fe_strength(), 60.0F);
-  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_ber_local(), 88); }),
-            "ERROR: FE_READ_STATUS failed for " + name + "\n");
-  EXPECT_EQ(support::stderr_of([&] { EXPECT_EQ(tuner_->fe_snr(), snr); }),
-            "ERROR: FE_READ_STATUS failed for " + name + "\n");
+  expect_failure("FE_READ_STATUS failed", [&] { EXPECT_EQ(tuner_->fe_ber_local(), 88); });
+  expect_failure("FE_READ_STATUS failed", [&] { EXPECT_EQ(tuner_->fe_snr(), snr); });
   support::softdvb_control("clear faults");
 }
 

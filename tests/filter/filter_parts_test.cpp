@@ -5,154 +5,145 @@
 #include <thread>
 #include <utility>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/ids.h"
-#include "filter/fake_demux.h"
 #include "filter/filter_support.h"
 #include "filter/section_filter_parts.h"
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 namespace {
 
-constexpr int FREQ = 506000000;
 constexpr int LONG_MS = 900000;  // an end by time-out would be one of the test's
 
-class Filter_parts_test : public testing::Test {
+// "started 100 ended 100 reading 100 read 12": what a listener was told.
+class Filter_parts_test : public Demux_test {
  protected:
-  using Told = std::vector<std::pair<int, int>>;
-
   Filter_parts_test() { filter.parts().set_activity(&listener); }
   ~Filter_parts_test() override { filter.parts().set_activity(nullptr); }
 
-  void run(int pid, int tid = 2) {
-    filter.addfilter(pid, tid, FREQ);
-    filter.recalculate_filters();
+  static void note(void* data, int kind, int value) {
+    char text[32];
+    std::snprintf(text, sizeof text,
+                  kind == ACTIVITY_FILTER_STARTED ? "started %x "
+                  : kind == ACTIVITY_FILTER_ENDED ? "ended %x "
+                  : kind == ACTIVITY_READ_BEGIN   ? "reading %x "
+                  : kind == ACTIVITY_READ_END     ? "read %d "
+                                                  : "other %d ",
+                  value);
+    *static_cast<std::string*>(data) += text;
   }
+  unsigned read() { return filter.get_section_data(at(0), buffer); }
   unsigned read(const support::Bytes& bytes) {
     demux.put(bytes);
     EXPECT_EQ(filter.wait_for_data(LONG_MS), 1);
-    return filter.get_section_data(slot(filter, 0), buffer);
+    return read();
   }
-  Told take_told() { return std::exchange(told, {}); }
+  std::pair<int, int> tags() {
+    std::pair<int, int> both;
+    filter.parts().get_tags(at(0), &both.first, &both.second);
+    return both;
+  }
+  std::string take_told() { return std::exchange(told, {}); }
 
-  Told told;
-  const Activity_listener listener{
-      [](void* data, int kind, int value) { static_cast<Told*>(data)->emplace_back(kind, value); }, &told};
+  std::string told;
+  const Activity_listener listener{note, &told};
   char buffer[SECTION_BUF_SIZE];
-  Fake_demux demux;
-  Section_filter filter{demux.path()};
 };
 
 TEST_F(Filter_parts_test, a_wake_up_ends_the_next_wait_once_and_is_no_data) {
-  run(0x100);
+  run();
   filter.parts().wake();
   filter.parts().wake();
   EXPECT_EQ(filter.wait_for_data(LONG_MS), 0);
-  EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 0u);
+  EXPECT_EQ(read(), 0u);
   EXPECT_EQ(demux.reads(), 0);
   EXPECT_EQ(filter.wait_for_data(1), 0);
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_STARTED, 0x100}));
+  EXPECT_EQ(take_told(), "started 100 ");
 }
 
 TEST_F(Filter_parts_test, a_wake_up_beside_data_leaves_the_number_of_filters_with_data) {
-  run(0x100);
+  run();
   demux.put(support::long_section(2, 1, 0, {}));
   filter.parts().wake();
   EXPECT_EQ(filter.wait_for_data(LONG_MS), 1);
-  EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 12u);
+  EXPECT_EQ(read(), 12u);
 }
 
 TEST_F(Filter_parts_test, another_thread_ends_the_wait_under_way) {
-  run(0x100);
+  run();
   std::thread waker([&] { filter.parts().wake(); });
   EXPECT_EQ(filter.wait_for_data(LONG_MS), 0);
   waker.join();
 }
 
 TEST_F(Filter_parts_test, tags_are_those_of_the_filter_and_none_of_a_free_slot) {
-  run(0x100);
-  int pid = 0;
-  int freq = 0;
-  filter.parts().get_tags(slot(filter, 0), &pid, &freq);
-  EXPECT_EQ(std::pair(pid, freq), std::pair(0x100, FREQ));
+  run();
+  EXPECT_EQ(tags(), std::pair(0x100, FREQ));
   filter.remove_all();
-  filter.parts().get_tags(slot(filter, 0), &pid, &freq);
-  EXPECT_EQ(std::pair(pid, freq), std::pair(-1, 0));
+  EXPECT_EQ(tags(), std::pair(-1, 0));
 }
 
 TEST_F(Filter_parts_test, a_filter_starts_when_it_is_programmed_and_ends_when_it_is_freed) {
-  filter.addfilter(0x100, 2, FREQ);
-  EXPECT_THAT(take_told(), IsEmpty());
+  want(0x100);
+  EXPECT_EQ(take_told(), "");
   filter.recalculate_filters();
   filter.recalculate_filters();
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_STARTED, 0x100}));
+  EXPECT_EQ(take_told(), "started 100 ");
   filter.removefilter(0x100, 2);
   filter.removefilter(0x100, 2);
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_ENDED, 0x100}));
+  EXPECT_EQ(take_told(), "ended 100 ");
 }
 
 TEST_F(Filter_parts_test, a_filter_that_is_stopped_and_started_again_neither_ends_nor_starts) {
-  run(0x100);
+  run();
   filter.stop_filters();
   filter.start_filters();
   filter.recalculate_filters();
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_STARTED, 0x100}));
+  EXPECT_EQ(take_told(), "started 100 ");
   filter.stop_filters();
   filter.remove_all();
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_ENDED, 0x100}));
+  EXPECT_EQ(take_told(), "ended 100 ");
 }
 
 TEST_F(Filter_parts_test, a_filter_that_never_ran_does_not_end) {
-  filter.addfilter(0x100, 2, FREQ);
+  want(0x100);
   filter.remove_all();
-  EXPECT_THAT(take_told(), IsEmpty());
+  EXPECT_EQ(take_told(), "");
 }
 
 TEST_F(Filter_parts_test, a_reading_is_told_with_its_pid_and_its_length) {
-  run(0x100);
+  run();
   take_told();
   EXPECT_EQ(read(support::long_section(2, 1, 0, {})), 12u);
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_READ_BEGIN, 0x100}, std::pair{+ACTIVITY_READ_END, 12}));
-  EXPECT_EQ(filter.get_section_data(slot(filter, 0), buffer), 0u);
-  EXPECT_THAT(take_told(), IsEmpty());
+  EXPECT_EQ(take_told(), "reading 100 read 12 ");
+  EXPECT_EQ(read(), 0u);
+  EXPECT_EQ(take_told(), "");
 }
 
 TEST_F(Filter_parts_test, a_section_thrown_away_is_told_with_length_0) {
-  run(0x100);
+  run();
   take_told();
   EXPECT_EQ(read({2, 0xB0, 0}), 0u);
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_READ_BEGIN, 0x100}, std::pair{+ACTIVITY_READ_END, 0}));
+  EXPECT_EQ(take_told(), "reading 100 read 0 ");
 }
 
 TEST_F(Filter_parts_test, a_new_listener_is_told_no_end_of_what_began_before_it) {
-  run(0x100);
+  run();
   filter.parts().set_activity(&listener);
   run(0x101);
   take_told();
   filter.remove_all();
-  EXPECT_THAT(take_told(), ElementsAre(std::pair{+ACTIVITY_FILTER_ENDED, 0x101}));
+  EXPECT_EQ(take_told(), "ended 101 ");
 }
 
-TEST(Filter_activity_test, the_destructor_ends_what_still_runs) {
-  std::vector<int> ended;
-  const Activity_listener listener{[](void* data, int kind, int value) {
-                                     if (kind == ACTIVITY_FILTER_ENDED)
-                                       static_cast<std::vector<int>*>(data)->push_back(value);
-                                   },
-                                   &ended};
-  const Fake_demux demux;
+TEST_F(Filter_parts_test, the_destructor_ends_what_still_runs) {
   {
-    Section_filter filter{demux.path()};
-    filter.parts().set_activity(&listener);
-    filter.addfilter(0x100, 2, FREQ);
-    filter.addfilter(0x101, 2, FREQ);
-    filter.recalculate_filters();
+    Section_filter another{demux.path()};
+    another.parts().set_activity(&listener);
+    another.addfilter(0x100, 2, FREQ);
+    another.addfilter(0x101, 2, FREQ);
+    another.recalculate_filters();
   }
-  EXPECT_THAT(ended, ElementsAre(0x100, 0x101));
+  EXPECT_EQ(take_told(), "started 100 started 101 ended 100 ended 101 ");
 }
 
 TEST(Filter_dropped_test, counts_the_filters_given_up_until_all_are_removed) {

@@ -8,25 +8,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/ids.h"
-#include "filter/fake_demux.h"
 #include "filter/filter_support.h"
 
 using support::Bytes;
 
 namespace {
 
-constexpr int FREQ = 506000000;
 constexpr int PID = 0x100;
+const Bytes TDT = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+const Bytes PMT = support::long_section(0x02, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
 
-Bytes pmt() {
-  return support::long_section(0x02, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
-}
-
-class FilterRead : public testing::Test {
+class FilterRead : public Demux_test {
  protected:
-  Fake_demux demux;
-  Section_filter filter{demux.path()};
   char buffer[SECTION_BUF_SIZE];
 
   dvb_filter_desc* start(int pid = PID, int tid = 2, int flags = FILTER_FLAG_HW_CRC) {
@@ -36,25 +29,40 @@ class FilterRead : public testing::Test {
     filter.recalculate_filters();
     return *std::find_if(filter.flist()->begin(), filter.flist()->end(), [=](auto* f) { return f->pid == pid; });
   }
+  dvb_filter_desc* start_checked(int pid = PID, int tid = 2) { return start(pid, tid, FILTER_FLAG_SOFT_CRC); }
+  // A filter for which a PMT is ready.
+  dvb_filter_desc* start_ready() {
+    dvb_filter_desc* f = start();
+    demux.put(PMT);
+    EXPECT_EQ(filter.wait_for_data(1000), 1);
+    return f;
+  }
   // A pass up to the wait.
   int wait(int timeout_ms = 1000) {
     filter.recalculate_filters();
     return filter.wait_for_data(timeout_ms);
   }
+  unsigned read(dvb_filter_desc* f) { return filter.get_section_data(f, buffer); }
   unsigned deliver(dvb_filter_desc* f, const Bytes& bytes) {
     demux.put(bytes);
     EXPECT_GT(wait(), 0);
-    return filter.get_section_data(f, buffer);
+    return read(f);
+  }
+  // What a reading prints that yields nothing.
+  std::string refused(int level, dvb_filter_desc* f) {
+    return messages_at(level, [=, this] { EXPECT_EQ(read(f), 0u); });
+  }
+  std::string refused(int level, dvb_filter_desc* f, const Bytes& bytes) {
+    return messages_at(level, [&] { EXPECT_EQ(deliver(f, bytes), 0u); });
   }
 };
 
 TEST_F(FilterRead, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buffer_is_zero) {
   dvb_filter_desc* f = start();
   std::memset(buffer, 0x55, sizeof buffer);
-  const Bytes section = pmt();
-  EXPECT_EQ(deliver(f, section), section.size());
-  EXPECT_EQ(std::memcmp(buffer, section.data(), section.size()), 0);
-  EXPECT_TRUE(std::all_of(buffer + section.size(), buffer + sizeof buffer, [](char c) { return c == 0; }));
+  EXPECT_EQ(deliver(f, PMT), PMT.size());
+  EXPECT_EQ(std::memcmp(buffer, PMT.data(), PMT.size()), 0);
+  EXPECT_TRUE(std::all_of(buffer + PMT.size(), buffer + sizeof buffer, [](char c) { return c == 0; }));
   EXPECT_EQ(f->captured, 1);
 }
 
@@ -65,22 +73,15 @@ TEST_F(FilterRead, the_longest_section_fits) {
 }
 
 TEST_F(FilterRead, reading_traces_at_4) {
-  dvb_filter_desc* f = start();
-  demux.put(pmt());
+  dvb_filter_desc* f = start_ready();
   wait(0);
+  char text[100];
+  std::snprintf(text, sizeof text, "Reading data loop 2 from filter PID 100 TID 2 fileno %x nrbytes %zu\n",
+                static_cast<unsigned>(f->fd), PMT.size());
+  EXPECT_EQ(messages_at(4, [&] { read(f); }), text);
+  demux.put(PMT);
   wait();
-  EXPECT_EQ(
-      messages_at(4, [&] { filter.get_section_data(f, buffer); }),
-      "Reading data loop 2 from filter PID 100 TID 2 fileno " +
-          [&] {
-            char text[16];
-            std::snprintf(text, sizeof text, "%x", static_cast<unsigned>(f->fd));
-            return std::string(text);
-          }() +
-          " nrbytes " + std::to_string(pmt().size()) + "\n");
-  demux.put(pmt());
-  wait();
-  EXPECT_EQ(messages_at(3, [&] { filter.get_section_data(f, buffer); }), "");
+  EXPECT_EQ(messages_at(3, [&] { read(f); }), "");
 }
 
 TEST_F(FilterRead, nothing_to_read_is_a_time_out) {
@@ -97,7 +98,7 @@ TEST_F(FilterRead, without_filters_the_wait_is_a_time_out_too) {
 
 TEST_F(FilterRead, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
   start();
-  demux.put(pmt());
+  demux.put(PMT);
   filter.recalculate_filters();
   EXPECT_EQ(filter.wait_for_data(1500), 1) << "the system takes 1,500,000 microseconds";
 }
@@ -106,45 +107,41 @@ TEST_F(FilterRead, a_handle_that_is_not_ready_yields_0_without_a_read) {
   dvb_filter_desc* f = start();
   filter.wait_for_data(0);
   const int reads = demux.reads();
-  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(read(f), 0u);
   EXPECT_EQ(demux.reads(), reads);
 }
 
 TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait) {
   dvb_filter_desc* f = start();
-  EXPECT_GT(deliver(f, pmt()), 0u);
-  demux.put(pmt());
+  EXPECT_GT(deliver(f, PMT), 0u);
+  demux.put(PMT);
   const int reads = demux.reads();
-  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(read(f), 0u);
   EXPECT_EQ(demux.reads(), reads);
   wait();
-  EXPECT_GT(filter.get_section_data(f, buffer), 0u);
+  EXPECT_GT(read(f), 0u);
 }
 
 TEST_F(FilterRead, a_filter_that_does_not_run_yields_0_without_a_read) {
-  dvb_filter_desc* f = start();
-  demux.put(pmt());
-  filter.wait_for_data(1000);
+  dvb_filter_desc* f = start_ready();
   const int reads = demux.reads();
   for (int state : {FILTER_FREE, FILTER_WANTED, FILTER_STOPPED}) {
     f->state = state;
-    EXPECT_EQ(filter.get_section_data(f, buffer), 0u) << state;
+    EXPECT_EQ(read(f), 0u) << state;
   }
   EXPECT_EQ(demux.reads(), reads);
   f->state = FILTER_RUNNING;
 }
 
 TEST_F(FilterRead, a_filter_freed_after_the_wait_is_not_read) {
-  dvb_filter_desc* f = start();
-  demux.put(pmt());
-  EXPECT_EQ(filter.wait_for_data(1000), 1);
+  dvb_filter_desc* f = start_ready();
   filter.remove_all();
   const int reads = demux.reads();
-  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(read(f), 0u);
   // The slot serves another filter at once; the old wait says nothing about it.
   filter.addfilter(0x200, 2, FREQ);
   f->state = FILTER_RUNNING;
-  EXPECT_EQ(filter.get_section_data(f, buffer), 0u);
+  EXPECT_EQ(read(f), 0u);
   EXPECT_EQ(demux.reads(), reads);
 }
 
@@ -163,66 +160,47 @@ TEST_F(FilterRead, waiting_goes_on_after_a_handle_of_the_set_was_closed) {
   filter.remove_all();
   filter.recalculate_filters();  // closes all eight
   dvb_filter_desc* f = start(0x300);
-  EXPECT_GT(deliver(f, pmt()), 0u);
+  EXPECT_GT(deliver(f, PMT), 0u);
 }
 
 TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
-  dvb_filter_desc* f = start();
-  demux.put(pmt());
-  filter.wait_for_data(1000);
+  dvb_filter_desc* f = start_ready();
   demux.fail_read(EOVERFLOW);
-  demux.take_calls();
-  EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
-            "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
+  calls();
+  EXPECT_EQ(refused(1, f), "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
   wait();
-  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }), "");
-  EXPECT_THAT(demux.take_calls(), testing::ElementsAre()) << "neither stopped nor started";
+  EXPECT_EQ(refused(0, f), "");
+  EXPECT_EQ(calls(), "") << "neither stopped nor started";
   EXPECT_EQ(f->state, FILTER_RUNNING);
   EXPECT_EQ(f->captured, 0);
   demux.fail_read(0);
   wait();
-  EXPECT_GT(filter.get_section_data(f, buffer), 0u);
+  EXPECT_GT(read(f), 0u);
 }
 
 TEST_F(FilterRead, another_read_error_is_printed_with_its_reason) {
-  dvb_filter_desc* f = start();
-  demux.put(pmt());
-  filter.wait_for_data(1000);
+  dvb_filter_desc* f = start_ready();
   demux.fail_read(EIO);
-  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.get_section_data(f, buffer), 0u); }),
-            "ERROR: Reading 4K into char buffer from " + std::to_string(f->fd) +
-                ", errno 5 read @ get_section_data:: Input/output error\n");
+  const std::string reason = "read @ get_section_data:: Input/output error\n";
+  EXPECT_EQ(refused(0, f), "ERROR: Reading 4K into char buffer from " + fd_text(0) + ", errno 5 " + reason);
   wait();
-  EXPECT_EQ(messages_at(-1, [&] { filter.get_section_data(f, buffer); }),
-            "read @ get_section_data:: Input/output error\n");
+  EXPECT_EQ(refused(-1, f), reason);
   EXPECT_EQ(f->state, FILTER_RUNNING);
   demux.fail_read(0);
 }
 
 TEST_F(FilterRead, a_length_other_than_the_headers_is_refused) {
   dvb_filter_desc* f = start();
-  Bytes longer = pmt();
-  longer.push_back(0);
-  Bytes shorter = pmt();
-  shorter.pop_back();
-  const struct {
-    const char* what;
-    Bytes bytes;
-    const char* numbers;
-  } cases[] = {
-      {"one byte more", longer, "type 2 incorrect length 17 vs header 16"},
-      {"one byte less", shorter, "type 2 incorrect length 15 vs header 16"},
-      {"half a header", {0x02, 0xB0}, "type 2 incorrect length 2 vs header 3"},
-      {"seven bytes that agree with their header",
-       {0x02, 0x30, 0x04, 1, 2, 3, 4},
-       "type 2 incorrect length 7 vs header 7"},
-      {"table id above 0x7F", {0x82, 0x00, 0x00}, "type 82 incorrect length 3 vs header 3"},
+  const std::pair<Bytes, const char*> cases[] = {
+      {support::join({PMT, {0}}), "type 2 incorrect length 17 vs header 16"},
+      {Bytes(PMT.begin(), PMT.end() - 1), "type 2 incorrect length 15 vs header 16"},
+      {{0x02, 0xB0}, "type 2 incorrect length 2 vs header 3"},
+      {{0x02, 0x30, 0x04, 1, 2, 3, 4}, "type 2 incorrect length 7 vs header 7"},  // they agree, but are too few
+      {{0x82, 0x00, 0x00}, "type 82 incorrect length 3 vs header 3"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }),
-              std::string("ERROR: Received section pid 100 ") + c.numbers + "\n");
-    EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, c.bytes), 0u); }), "");
+  for (const auto& [bytes, numbers] : cases) {
+    EXPECT_EQ(refused(0, f, bytes), std::string("ERROR: Received section pid 100 ") + numbers + "\n");
+    EXPECT_EQ(refused(-1, f, bytes), "") << numbers;
   }
   EXPECT_EQ(f->captured, 0);
 }
@@ -232,7 +210,7 @@ TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
   Section_filter filter(demux->path());
   filter.addfilter(PID, 2, FREQ);
   filter.recalculate_filters();
-  demux->put(pmt());
+  demux->put(PMT);
   filter.wait_for_data(1000);
   char buffer[SECTION_BUF_SIZE];
   EXPECT_GT(filter.get_section_data(slot(filter, 0), buffer), 0u);
@@ -247,66 +225,58 @@ TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
 // --- The CRC in software ---------------------------------------------------------------------------------------------
 
 TEST_F(FilterRead, a_wrong_crc_is_counted_but_returns_0) {
-  dvb_filter_desc* f = start(PID, 2, FILTER_FLAG_SOFT_CRC);
-  Bytes section = pmt();
+  dvb_filter_desc* f = start_checked();
+  Bytes section = PMT;
   section.back() ^= 1;
   const uint8_t* end = section.data() + section.size();
   char expected[200];
   std::snprintf(expected, sizeof expected,
                 "ERROR: *** Received section pid 100 type 2 len 13 CRC failed, %x != 0, rdback %02x%02x%02x%02x\n",
                 support::mpeg_crc32(section.data(), section.size()), end[-4], end[-3], end[-2], end[-1]);
-  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(deliver(f, section), 0u); }), expected);
+  EXPECT_EQ(refused(0, f, section), expected);
   EXPECT_EQ(f->captured, 1);
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, section), 0u); }), "");
+  EXPECT_EQ(refused(-1, f, section), "");
   EXPECT_EQ(f->captured, 2);
 }
 
 TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
-  dvb_filter_desc* checked = start(PID, 2, FILTER_FLAG_SOFT_CRC);
-  EXPECT_EQ(deliver(checked, pmt()), pmt().size());
+  EXPECT_EQ(deliver(start_checked(), PMT), PMT.size());
   filter.remove_all();
-  dvb_filter_desc* unchecked = start();
-  Bytes section = pmt();
+  Bytes section = PMT;
   section.back() ^= 1;
-  EXPECT_EQ(deliver(unchecked, section), section.size());
+  EXPECT_EQ(deliver(start(), section), section.size());
 }
 
 TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
-  dvb_filter_desc* f = start(pid::TIME, table::TDT, FILTER_FLAG_SOFT_CRC);
-  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
-  EXPECT_EQ(deliver(f, tdt), 8u);
+  dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
+  EXPECT_EQ(deliver(f, TDT), 8u);
   Bytes tot = support::with_crc({0x73, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
   EXPECT_EQ(deliver(f, tot), tot.size());
   tot.back() ^= 0x10;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, tot), 0u); }), "");
+  EXPECT_EQ(refused(-1, f, tot), "");
   EXPECT_EQ(f->captured, 3);
 }
 
 TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
-  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
-  const Bytes longer = {0x70, 0x70, 0x06, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0x00};
-  dvb_filter_desc* elsewhere = start(0x15, table::TDT, FILTER_FLAG_SOFT_CRC);
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(elsewhere, tdt), 0u); }), "");
+  EXPECT_EQ(refused(-1, start_checked(0x15, table::TDT), TDT), "");
   filter.remove_all();
-  dvb_filter_desc* f = start(pid::TIME, table::TDT, FILTER_FLAG_SOFT_CRC);
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, longer), 0u); }), "");
-  Bytes other_table = tdt;
+  dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
+  Bytes longer = support::join({TDT, {0x00}});
+  longer[2] = 0x06;
+  EXPECT_EQ(refused(-1, f, longer), "");
+  Bytes other_table = TDT;
   other_table[0] = 0x73;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(deliver(f, other_table), 0u); }), "");
-  EXPECT_EQ(deliver(f, tdt), 8u);
+  EXPECT_EQ(refused(-1, f, other_table), "");
+  EXPECT_EQ(deliver(f, TDT), 8u);
 }
 
 TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {
-  dvb_filter_desc* f = start(PID, 0x82, FILTER_FLAG_SOFT_CRC);
-  EXPECT_THAT(messages_at(0,
-                          [&] {
-                            deliver(f, {0x82, 0x30, 0x05, 1, 2, 3, 4, 5});
-                          }),
+  EXPECT_THAT(refused(0, start_checked(PID, 0x82), {0x82, 0x30, 0x05, 1, 2, 3, 4, 5}),
               testing::StartsWith("ERROR: *** Received section pid 100 type ffffff82 len 5 CRC failed, "));
 }
 
 TEST(Crc32, be_over_a_correct_section_gives_0) {
-  for (const Bytes& section : {pmt(), support::long_section(0x42, 7, 1, Bytes(500, 0x5A))})
+  for (const Bytes& section : {PMT, support::long_section(0x42, 7, 1, Bytes(500, 0x5A))})
     EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, section.data(), static_cast<unsigned>(section.size())), 0u);
 }
 
@@ -317,7 +287,7 @@ TEST(Crc32, known_values) {
 }
 
 TEST(Crc32, length_0_leaves_the_value_and_pieces_continue) {
-  const Bytes section = pmt();
+  const Bytes& section = PMT;
   EXPECT_EQ(Section_filter::crc32_be(0x12345678, section.data(), 0), 0x12345678u);
   EXPECT_EQ(Section_filter::crc32_le(0x12345678, section.data(), 0), 0x12345678u);
   const unsigned first = Section_filter::crc32_be(0xFFFFFFFF, section.data(), 5);

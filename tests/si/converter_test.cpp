@@ -31,10 +31,8 @@ TEST_F(Converters, are_all_there) {
 TEST_F(Converters, one_that_is_missing_is_an_error_and_its_texts_stay_as_they_are) {
   support::softdvb_control("fault iconv_open(ISO-8859-9)=EINVAL");
   EXPECT_EQ(construction(0), std::string("ERROR: Cannot set conversion ISO-8859-9 to UTF-8, ") + REASON + "\n");
-  EXPECT_EQ(converted("\x05"
-                      "abc"),
-            "\x05"
-            "abc|ERROR: Conversion error: dvb_string_type 8, converted 0,  ret code -1, offending char a\n"
+  EXPECT_EQ(converted("\5abc"),
+            "\5abc|ERROR: Conversion error: dvb_string_type 8, converted 0,  ret code -1, offending char a\n"
             "dvb_text_to_utf8:: Bad file descriptor\n");
   EXPECT_EQ(converted("\x04\xE0"), "\xD7\x90|");
   EXPECT_EQ(converted("abc"), "abc|");
@@ -64,7 +62,7 @@ TEST_F(Converters, are_opened_in_their_order) {
     expected += std::string("ERROR: Cannot set conversion from ") + name + " to UTF-8, " + REASON + "\n";
   EXPECT_EQ(construction(0), expected);
   for (const char* text : {"abc", "\x01xyz", "\x0Bxyz"})
-    EXPECT_THAT(converted(text), testing::StartsWith(std::string(text) + "|ERROR: Conversion error: "));
+    EXPECT_THAT(converted(text), StartsWith(std::string(text) + "|ERROR: Conversion error: "));
   another.reset();
 }
 

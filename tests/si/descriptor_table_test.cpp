@@ -38,10 +38,10 @@ TEST(Descriptor_table, what_only_a_nit_has_is_unknown_elsewhere) {
 class Findings : public Parser_test {};
 
 TEST_F(Findings, of_sections_are_not_those_of_descriptors_given_by_hand) {
-  scan(pat({{1, 0x100}}), 0);
+  scan(pat({{1, 0x100}}));
   parser.find_create_subtxt_lang("est");
   parser.find_create_epglang("est")->ev_name = "By hand";
-  scan(pmt(1, 0x101, {{2, 0x101, descriptor(0x59, join({bytes("rus"), {1, 0, 0, 0, 0}}))}}), 0x100);
+  scan(pmt(1, 0x101, {{2, 0x101, descriptor(0x59, join({bytes("rus"), {1, 0, 0, 0, 0}}))}}));
   EXPECT_EQ(rows("SELECT languages FROM estreams_scan_0"), (std::vector<std::string>{"rus"}));
   EXPECT_EQ(parser.find_create_epglang("est")->ev_name, "By hand");
   EXPECT_EQ(parser.parts().found_by_hand().subtitles.list().size(), 1u);

@@ -5,14 +5,14 @@
 #include "si/si_support.h"
 
 using namespace si_support;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
 constexpr int MIDNIGHT = (60000 - 40587) * 86400;  // of MJD 60000
+
+constexpr int NOW = table::EIT_PRESENT_FOLLOWING, FIRST = table::EIT_SCHEDULE_FIRST, LAST = table::EIT_SCHEDULE_LAST;
+
+using Tables = std::vector<int>;
 
 class Eit : public Parser_test {
  protected:
@@ -20,7 +20,7 @@ class Eit : public Parser_test {
     insert(1, "First");
     insert(2, "Second");
   }
-  ~Eit() override { recorded_clock::set_timers_expired(false); }
+  ~Eit() override { recorded_clock = {}; }
 
   void insert(int program, const char* name, int serv_type = 1) {
     db.sql_cache(true, 0,
@@ -40,10 +40,27 @@ class Eit : public Parser_test {
   }
   std::string arrive(int service, int table, const std::vector<Programme_event>& events, int level = -1,
                      uint8_t number = 0, uint8_t last = 0) {
-    return at_level(level, [&] { scan(eit(service, table, events, number, last), 18, SCAN_EIT); });
+    return scan_at(level, eit(service, table, events, number, last), pid::EIT, SCAN_EIT);
+  }
+  void repeat(int times, int service, int table) {
+    for (int i = 0; i < times; ++i)
+      arrive(service, table, {{1, 0x120000}});
+  }
+  // The guide of service 1, up to the end of its last table.
+  void all_tables() {
+    repeat(4, 1, NOW);
+    for (int table = FIRST; table <= LAST; ++table)
+      repeat(4, 1, table);
+  }
+  // Of the filters, all of which are on the guide's PID.
+  Tables open_tables() {
+    Tables all;
+    for (const auto& [pid, table] : filters())
+      all.push_back(pid == pid::EIT ? table : -pid);
+    return all;
   }
   bool info_available() { return parser.get_eit_info_available(); }
-  std::vector<std::string> starts() { return rows("SELECT start_epoch FROM epglist ORDER BY 1"); }
+  Texts starts() { return rows("SELECT start_epoch FROM epglist ORDER BY 1"); }
 };
 
 const std::vector<Programme_event> NOON = {{1, 0x120000}};
@@ -51,12 +68,12 @@ const std::vector<Programme_event> NOON = {{1, 0x120000}};
 // --- Starting --------------------------------------------------------------------------------------------------------
 
 TEST_F(Eit, starts_with_the_present_following_table) {
-  for (int table : {0x4E, 0x50, 0x5F})
+  for (int table : {NOW, FIRST, LAST})
     filter.addfilter(18, table, FREQ);
   filter.addfilter(18, 0x60, FREQ);
-  filter.addfilter(20, 0x73, FREQ);
+  open(TOT);
   EXPECT_EQ(parser.start_eit_scan(FREQ, SCAN_EIT), 0);
-  EXPECT_THAT(filters(), testing::UnorderedElementsAre(Filter(18, 0x4E), Filter(18, 0x60), Filter(20, 0x73)));
+  EXPECT_THAT(filters(), UnorderedElementsAre(PRESENT, Filter(pid::EIT, table::EIT_SCHEDULE_OTHER_FIRST), TOT));
   EXPECT_FALSE(info_available());
 }
 
@@ -65,31 +82,31 @@ TEST_F(Eit, a_section_of_another_table_is_dropped_with_a_counted_error) {
   const auto line = [](int count) {
     return "ERROR: \n ##### EIT table current nr is 4e, scanned table 50 cnt " + std::to_string(count) + "#####\n";
   };
-  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(0));
-  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(1));
-  EXPECT_EQ(arrive(1, 0x50, NOON, -1), "");
-  EXPECT_EQ(arrive(1, 0x50, NOON, 0), line(3));
+  EXPECT_EQ(arrive(1, FIRST, NOON, 0), line(0));
+  EXPECT_EQ(arrive(1, FIRST, NOON, 0), line(1));
+  EXPECT_EQ(arrive(1, FIRST, NOON, -1), "");
+  EXPECT_EQ(arrive(1, FIRST, NOON, 0), line(3));
   EXPECT_THAT(rows("SELECT * FROM epglist"), IsEmpty());
 }
 
 TEST_F(Eit, before_the_start_every_table_is_another) {
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "ERROR: \n ##### EIT table current nr is 0, scanned table 4e cnt 0#####\n");
+  EXPECT_EQ(arrive(1, NOW, NOON, 0), "ERROR: \n ##### EIT table current nr is 0, scanned table 4e cnt 0#####\n");
 }
 
 TEST_F(Eit, a_section_without_events_is_only_traced) {
   start();
-  const std::string all = arrive(1, 0x4E, {}, 4, 3, 5);
-  EXPECT_THAT(all, HasSubstr("Scanning EIT, section number 3\n"
-                             "TableNr: 4e, TSid 1001, ONetID 20, lastsecNr 5, LastTableId 5f, service ID 1\n"
-                             "parse_section_eit: event list equal, exiting scan\n"
-                             "TSid 1001, ONetID 20, SecNr 3, lastsecNr 5, LastTableId 5f, service ID 1\n"));
-  EXPECT_EQ(arrive(1, 0x4E, {}, 3), "");
+  EXPECT_THAT(arrive(1, NOW, {}, 4, 3, 5),
+              HasSubstr("Scanning EIT, section number 3\n"
+                        "TableNr: 4e, TSid 1001, ONetID 20, lastsecNr 5, LastTableId 5f, service ID 1\n"
+                        "parse_section_eit: event list equal, exiting scan\n"
+                        "TSid 1001, ONetID 20, SecNr 3, lastsecNr 5, LastTableId 5f, service ID 1\n"));
+  EXPECT_EQ(arrive(1, NOW, {}, 3), "");
 }
 
 TEST_F(Eit, sections_that_are_not_current_are_dropped) {
   start();
-  const Bytes section = eit(1, 0x4E, NOON);
-  scan(with_byte(section, 5, section[5] & 0xFE), 18, SCAN_EIT);
+  const Bytes section = eit(1, NOW, NOON);
+  scan(next_of(section), pid::EIT, SCAN_EIT);
   EXPECT_THAT(starts(), IsEmpty());
 }
 
@@ -97,7 +114,7 @@ TEST_F(Eit, sections_that_are_not_current_are_dropped) {
 
 TEST_F(Eit, an_event_is_stored_with_its_defaults) {
   start();
-  arrive(1, 0x4E, {{0x1234, 0x123456, 0x013059, {}, 4, 1}});
+  arrive(1, NOW, {{0x1234, 0x123456, 0x013059, {}, 4, 1}});
   EXPECT_THAT(rows("SELECT channel, ymd_bcd, hms_bcd, start_epoch, dur_bcd, dur_sec, content_id, rating, run_status, "
                    "free_ca, ev_id, pat_prnr FROM epglist"),
               ElementsAre("1|" + std::to_string(0x20230225) + "|" + std::to_string(0x123456) + "|" +
@@ -109,39 +126,35 @@ TEST_F(Eit, an_event_is_stored_with_its_defaults) {
 TEST_F(Eit, texts_in_two_languages_become_two_rows) {
   start();
   const Bytes texts =
-      join({descriptor(0x4D, join({bytes("est"), sized("Uudised"), sized("Sisu")})),
-            descriptor(0x4D, join({bytes("rus"), sized("\x01\xBD\xDE\xD2"), sized("Text")})),
-            descriptor(0x4E, join({{0x00}, bytes("est"), {9}, sized("Year"), sized("1999"), sized("Pikk")}))});
-  // The items' length is one byte short: repaired here, so that the descriptor is whole.
-  Bytes fixed = texts;
-  for (size_t i = 0; i + 1 < fixed.size(); i += 2u + fixed[i + 1])
-    if (fixed[i] == 0x4E)
-      fixed[i + 6] = 10;
-  arrive(1, 0x4E, {{1, 0x120000, 0x003000, fixed}});
+      join({short_event("est", "Uudised", "Sisu"), short_event("rus", "\x01\xBD\xDE\xD2", "Text"),
+            descriptor(tag::EXTENDED_EVENT,
+                       join({{0x00}, bytes("est"), {10}, sized("Year"), sized("1999"), sized("Pikk")}))});
+  arrive(1, NOW, {{1, 0x120000, 0x003000, texts}});
   EXPECT_THAT(rows("SELECT source_oid, lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist_lang ORDER BY lang"),
               ElementsAre("1|est|Uudised|Sisu|Pikk|YearYear:1999,", "1|rus|\xD0\x9D\xD0\xBE\xD0\xB2|Text||"));
 }
 
 TEST_F(Eit, content_and_rating_replace_the_defaults_of_their_event_only) {
   start();
-  const Bytes both = join({descriptor(0x54, {0x12, 0x34, 0xAB, 0xCD}), descriptor(0x55, join({bytes("EST"), {0x0C}}))});
-  arrive(1, 0x4E, {{1, 0x120000, 0x003000, both}, {2, 0x123000}});
+  const Bytes both = join({descriptor(tag::CONTENT, {0x12, 0x34, 0xAB, 0xCD}),
+                           descriptor(tag::PARENTAL_RATING, join({bytes("EST"), {0x0C}}))});
+  arrive(1, NOW, {{1, 0x120000, 0x003000, both}, {2, 0x123000}});
   EXPECT_THAT(rows("SELECT content_id, rating FROM epglist ORDER BY start_epoch"),
               ElementsAre("1.2.3.4 a.b.c.d |0c@EST ", "0.0.0.0|0@est"));
 }
 
 TEST_F(Eit, a_second_content_or_rating_replaces_the_first) {
   start();
-  const Bytes four =
-      join({descriptor(0x54, {0x12, 0x34}), descriptor(0x54, {0x56, 0x78}),
-            descriptor(0x55, join({bytes("EST"), {0x0C}})), descriptor(0x55, join({bytes("FIN"), {3}}))});
-  arrive(1, 0x4E, {{1, 0x120000, 0x003000, four}});
+  const Bytes four = join({descriptor(tag::CONTENT, {0x12, 0x34}), descriptor(tag::CONTENT, {0x56, 0x78}),
+                           descriptor(tag::PARENTAL_RATING, join({bytes("EST"), {0x0C}})),
+                           descriptor(tag::PARENTAL_RATING, join({bytes("FIN"), {3}}))});
+  arrive(1, NOW, {{1, 0x120000, 0x003000, four}});
   EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("5.6.7.8 |03@FIN "));
 }
 
 TEST_F(Eit, descriptors_without_entries_leave_the_defaults) {
   start();
-  arrive(1, 0x4E, {{1, 0x120000, 0x003000, join({descriptor(0x54, {}), descriptor(0x55, {})})}});
+  arrive(1, NOW, {{1, 0x120000, 0x003000, join({descriptor(tag::CONTENT, {}), descriptor(tag::PARENTAL_RATING, {})})}});
   EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("0.0.0.0|0@est"));
 }
 
@@ -149,7 +162,7 @@ TEST_F(Eit, descriptors_without_entries_leave_the_defaults) {
 TEST_F(Eit, sections_whose_events_are_all_stored_cost_no_query) {
   start();
   const std::vector<Programme_event> evening = {{1, 0x190000}, {2, 0x193000}, {3, 0x200000}};
-  arrive(1, 0x4E, evening, -1, 0, 1);
+  arrive(1, NOW, evening, -1, 0, 1);
   ASSERT_EQ(parser.get_eit_stored(), 3);
   int queries = 0;
   const auto count = [](unsigned, void* counter, void*, void*) {
@@ -159,63 +172,62 @@ TEST_F(Eit, sections_whose_events_are_all_stored_cost_no_query) {
   sqlite3* conn = sqlite3_db_handle(db.sql_cache(false, 0, "SELECT 1"));
   sqlite3_trace_v2(conn, SQLITE_TRACE_STMT, count, &queries);
   for (int i = 0; i < 5; ++i)
-    arrive(1, 0x4E, evening, -1, 0, 1);
+    arrive(1, NOW, evening, -1, 0, 1);
   EXPECT_EQ(queries, 0);
-  arrive(1, 0x4E, {{4, 0x203000}}, -1, 0, 1);
+  arrive(1, NOW, {{4, 0x203000}}, -1, 0, 1);
   EXPECT_GE(queries, 1) << "counting works";
   sqlite3_trace_v2(conn, 0, nullptr, nullptr);
 }
 
 TEST_F(Eit, an_event_already_stored_neither_stores_nor_counts) {
   start();
-  arrive(1, 0x4E, NOON, -1, 0, 1);
-  arrive(1, 0x4E, NOON, -1, 0, 1);
+  arrive(1, NOW, NOON, -1, 0, 1);
+  arrive(1, NOW, NOON, -1, 0, 1);
   EXPECT_EQ(parser.get_eit_stored(), 1);
   EXPECT_EQ(starts().size(), 1u);
 }
 
 TEST_F(Eit, an_event_of_the_same_time_under_a_new_id_is_left_as_it_was) {
   start();
-  arrive(1, 0x4E, {{1, 0x120000}}, -1, 0, 1);
-  arrive(1, 0x4E, {{2, 0x120000}}, -1, 0, 1);
+  arrive(1, NOW, {{1, 0x120000}}, -1, 0, 1);
+  arrive(1, NOW, {{2, 0x120000}}, -1, 0, 1);
   EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
   EXPECT_EQ(parser.get_eit_stored(), 1);
 }
 
 TEST_F(Eit, an_event_that_begins_within_another_is_not_stored) {
   start();
-  arrive(1, 0x4E, {{1, 0x120000}}, -1, 0, 1);
-  arrive(1, 0x4E, {{2, 0x121500}}, -1, 0, 1);
+  arrive(1, NOW, {{1, 0x120000}}, -1, 0, 1);
+  arrive(1, NOW, {{2, 0x121500}}, -1, 0, 1);
   EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
 }
 
 TEST_F(Eit, events_of_a_service_that_is_not_listed_are_skipped) {
   start();
-  const std::string all = arrive(9, 0x4E, NOON, 4);
-  EXPECT_THAT(all, HasSubstr("Failed to locate service 9 in eit scan cache, current cache is\n 1  2 SC = NULL\n"));
+  EXPECT_THAT(arrive(9, NOW, NOON, 4),
+              HasSubstr("Failed to locate service 9 in eit scan cache, current cache is\n 1  2 SC = NULL\n"));
   EXPECT_THAT(starts(), IsEmpty());
-  EXPECT_THAT(arrive(9, 0x4E, NOON, 3), Not(HasSubstr("Failed")));
+  EXPECT_THAT(arrive(9, NOW, NOON, 3), Not(HasSubstr("Failed")));
 }
 
 TEST_F(Eit, an_event_that_cannot_be_stored_counts_and_its_texts_are_dropped) {
   start();
-  const Bytes text = descriptor(0x4D, join({bytes("est"), sized("Name"), sized("Text")}));
+  const Bytes text = short_event("est", "Name", "Text");
   Programme_event undefined{1, 0xFFFFFF, 0x003000, text};
   undefined.mjd = 0xFFFF;
-  const std::string all = arrive(1, 0x4E, {undefined}, 0);
-  EXPECT_THAT(all, HasSubstr("ERROR: Cannot convert time "));
+  EXPECT_THAT(arrive(1, NOW, {undefined}, 0), HasSubstr("ERROR: Cannot convert time "));
   EXPECT_EQ(parser.get_eit_stored(), 1);
   EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty());
-  arrive(1, 0x4E, NOON, -1, 0, 1);
+  arrive(1, NOW, NOON, -1, 0, 1);
   EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty()) << "nor do they reach the next event";
 }
 
 TEST_F(Eit, a_fragment_of_an_extended_event_is_reported_at_3) {
   start();
-  const Bytes fragment = descriptor(0x4E, join({{0x01}, bytes("est"), {0}, sized("Half")}));
-  EXPECT_THAT(arrive(1, 0x4E, {{1, 0x120000, 0x003000, fragment}}, 3, 0, 1),
+  const Bytes fragment = descriptor(tag::EXTENDED_EVENT, join({{0x01}, bytes("est"), {0}, sized("Half")}));
+  EXPECT_THAT(arrive(1, NOW, {{1, 0x120000, 0x003000, fragment}}, 3, 0, 1),
               HasSubstr("Fragmented extended event for source_oid 1\n"));
-  EXPECT_THAT(arrive(1, 0x4E, {{2, 0x130000, 0x003000, fragment}}, 2, 0, 1), Not(HasSubstr("Fragmented")));
+  EXPECT_THAT(arrive(1, NOW, {{2, 0x130000, 0x003000, fragment}}, 2, 0, 1), Not(HasSubstr("Fragmented")));
   EXPECT_THAT(rows("SELECT ext_desc FROM epglist_lang"), ElementsAre("Half", "Half")) << "stored all the same";
 }
 
@@ -225,7 +237,7 @@ TEST_F(Eit, quirk_the_count_is_printed_at_1_and_101) {
     const unsigned hour = static_cast<unsigned>(i / 60);
     const unsigned minute = static_cast<unsigned>(i % 60);
     const unsigned hms = Siparse::bin_to_bcd(hour * 10000 + minute * 100);
-    const std::string all = arrive(1, 0x4E, {{i, hms, 0x000100}}, 3, 0, 1);
+    const std::string all = arrive(1, NOW, {{i, hms, 0x000100}}, 3, 0, 1);
     if (i == 0 || i == 100)
       EXPECT_THAT(all, HasSubstr("Stored " + std::to_string(i + 1) + " EPG entries\n")) << i;
     else
@@ -238,81 +250,75 @@ TEST_F(Eit, quirk_the_count_is_printed_at_1_and_101) {
 
 TEST_F(Eit, the_last_section_must_arrive_twice_after_the_first_section_of_a_service) {
   start_one();
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****+ Started table 4e scan 1 First\n");
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "");
+  EXPECT_EQ(arrive(1, NOW, NOON, 1), "****+ Started table 4e scan 1 First\n");
+  EXPECT_EQ(arrive(1, NOW, NOON, 1), "");
   EXPECT_FALSE(info_available());
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****-  Finished table 4e scan 1 First\n");
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E))) << "closed by the next section with events";
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "Pres-Following table 4E completed, next table 0x50\n");
+  EXPECT_EQ(arrive(1, NOW, NOON, 1), "****-  Finished table 4e scan 1 First\n");
+  EXPECT_EQ(open_tables(), Tables{NOW}) << "closed by the next section with events";
+  EXPECT_EQ(arrive(1, NOW, NOON, 1), "Pres-Following table 4E completed, next table 0x50\n");
   EXPECT_TRUE(info_available());
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+  EXPECT_EQ(open_tables(), Tables{0x50});
 }
 
 TEST_F(Eit, starting_and_finishing_are_silent_at_0) {
   start_one();
   for (int i = 0; i < 4; ++i)
-    EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "");
+    EXPECT_EQ(arrive(1, NOW, NOON, 0), "");
 }
 
 TEST_F(Eit, the_table_closes_at_the_next_event_of_the_same_section) {
   start_one();
   const std::vector<Programme_event> two = {{1, 0x120000}, {2, 0x123000}};
-  arrive(1, 0x4E, two);
-  arrive(1, 0x4E, two);
-  EXPECT_EQ(arrive(1, 0x4E, two, 1),
+  arrive(1, NOW, two);
+  arrive(1, NOW, two);
+  EXPECT_EQ(arrive(1, NOW, two, 1),
             "****-  Finished table 4e scan 1 First\nPres-Following table 4E completed, next table 0x50\n");
 }
 
 TEST_F(Eit, a_section_counts_once_however_many_events_it_has) {
   start_one();
   const std::vector<Programme_event> three = {{1, 0x120000}, {2, 0x123000}, {3, 0x130000}};
-  arrive(1, 0x4E, three);
-  arrive(1, 0x4E, three);
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
+  arrive(1, NOW, three);
+  arrive(1, NOW, three);
+  EXPECT_EQ(open_tables(), Tables{NOW});
 }
 
 TEST_F(Eit, only_last_sections_count) {
   start_one();
   for (int i = 0; i < 5; ++i)
-    arrive(1, 0x4E, NOON, -1, 0, 1);
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1, 1, 1), "");
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1, 1, 1), "****-  Finished table 4e scan 1 First\n");
+    arrive(1, NOW, NOON, -1, 0, 1);
+  EXPECT_EQ(arrive(1, NOW, NOON, 1, 1, 1), "");
+  EXPECT_EQ(arrive(1, NOW, NOON, 1, 1, 1), "****-  Finished table 4e scan 1 First\n");
 }
 
 TEST_F(Eit, the_table_waits_for_every_service) {
   start();
-  for (int i = 0; i < 5; ++i)
-    arrive(1, 0x4E, NOON);
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
-  for (int i = 0; i < 3; ++i)
-    arrive(2, 0x4E, NOON);
-  EXPECT_THAT(arrive(1, 0x4E, NOON, 4), HasSubstr("Loop for all services\n"));
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
+  repeat(5, 1, NOW);
+  EXPECT_EQ(open_tables(), Tables{NOW});
+  repeat(3, 2, NOW);
+  EXPECT_THAT(arrive(1, NOW, NOON, 4), HasSubstr("Loop for all services\n"));
+  EXPECT_EQ(open_tables(), Tables{0x50});
 }
 
 TEST_F(Eit, events_of_a_finished_service_are_not_looked_at) {
   start();
-  for (int i = 0; i < 3; ++i)
-    arrive(1, 0x4E, NOON);
-  EXPECT_THAT(arrive(1, 0x4E, {{7, 0x200000}}, 4), HasSubstr("Loop is done\n"));
+  repeat(3, 1, NOW);
+  EXPECT_THAT(arrive(1, NOW, {{7, 0x200000}}, 4), HasSubstr("Loop is done\n"));
   EXPECT_EQ(starts().size(), 1u);
 }
 
 TEST_F(Eit, events_of_the_section_that_finishes_a_service_are_not_stored) {
   start();
-  arrive(1, 0x4E, NOON);
-  arrive(1, 0x4E, NOON);
-  const std::string all = arrive(1, 0x4E, {{7, 0x200000}, {8, 0x210000}}, 4);
+  repeat(2, 1, NOW);
+  const std::string all = arrive(1, NOW, {{7, 0x200000}, {8, 0x210000}}, 4);
   EXPECT_EQ(starts().size(), 1u);
   EXPECT_NE(all.find("Loop is done\n"), all.rfind("Loop is done\n")) << "both are looked at";
 }
 
 TEST_F(Eit, events_that_come_behind_the_last_table_are_stored_and_open_nothing) {
   start_one();
-  for (int table = 0x4E; table <= 0x5F; table += table == 0x4E ? 2 : 1)
-    for (int i = 0; i < 4; ++i)
-      arrive(1, table, NOON);
-  arrive(1, 0x5F, {{7, 0x200000}});
+  all_tables();
+  arrive(1, LAST, {{7, 0x200000}});
   EXPECT_EQ(starts().size(), 2u);
   EXPECT_THAT(filters(), IsEmpty());
 }
@@ -320,16 +326,15 @@ TEST_F(Eit, events_that_come_behind_the_last_table_are_stored_and_open_nothing) 
 TEST_F(Eit, only_television_services_are_listed) {
   insert(3, "Radio", 2);
   start();
-  EXPECT_THAT(arrive(3, 0x4E, NOON, 4), HasSubstr("Failed to locate service 3 "));
+  EXPECT_THAT(arrive(3, NOW, NOON, 4), HasSubstr("Failed to locate service 3 "));
 }
 
 TEST_F(Eit, reset_cache_list_starts_a_new_round) {
   start_one();
-  for (int i = 0; i < 3; ++i)
-    arrive(1, 0x4E, NOON);
+  repeat(3, 1, NOW);
   parser.reset_cache_list();
   parser.start_eit_scan(FREQ, SCAN_EIT);
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 1), "****+ Started table 4e scan 1 First\n");
+  EXPECT_EQ(arrive(1, NOW, NOON, 1), "****+ Started table 4e scan 1 First\n");
   EXPECT_EQ(parser.get_eit_stored(), 1) << "what is stored is remembered";
 }
 
@@ -337,20 +342,14 @@ TEST_F(Eit, reset_cache_list_starts_a_new_round) {
 
 TEST_F(Eit, every_schedule_table_opens_the_next_and_the_last_one_none) {
   start_one();
-  for (int i = 0; i < 4; ++i)
-    arrive(1, 0x4E, NOON);
+  repeat(4, 1, NOW);
   for (int table = 0x50; table < 0x5F; ++table) {
-    for (int i = 0; i < 3; ++i)
-      arrive(1, table, NOON);
-    char expected[64];
-    std::snprintf(expected, sizeof expected, "**** EIT loop completed, next table %x\n",
-                  static_cast<unsigned>(table) + 1);
-    EXPECT_EQ(arrive(1, table, NOON, 1), expected);
-    EXPECT_THAT(filters(), ElementsAre(Filter(18, table + 1)));
+    repeat(3, 1, table);
+    EXPECT_EQ(arrive(1, table, NOON, 1), formatted("**** EIT loop completed, next table %x\n", table + 1u));
+    EXPECT_EQ(open_tables(), Tables{table + 1});
   }
-  for (int i = 0; i < 3; ++i)
-    arrive(1, 0x5F, NOON);
-  EXPECT_EQ(arrive(1, 0x5F, NOON, 1), "");
+  repeat(3, 1, LAST);
+  EXPECT_EQ(arrive(1, LAST, NOON, 1), "");
   EXPECT_THAT(filters(), IsEmpty());
   EXPECT_TRUE(all_filters_have_freq());
 }
@@ -358,12 +357,12 @@ TEST_F(Eit, every_schedule_table_opens_the_next_and_the_last_one_none) {
 TEST_F(Eit, with_an_empty_list_the_first_section_with_events_closes_each_table) {
   parser.init_cache_list(FREQ + 8000000, SCAN_EIT);
   parser.start_eit_scan(FREQ, SCAN_EIT);
-  arrive(1, 0x4E, {});
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E))) << "one without events does not";
-  EXPECT_THAT(arrive(1, 0x4E, NOON, 4), HasSubstr("Failed to locate service 1 in eit scan cache, current cache is\n"));
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
-  arrive(1, 0x50, NOON);
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x51)));
+  arrive(1, NOW, {});
+  EXPECT_EQ(open_tables(), Tables{NOW}) << "one without events does not";
+  EXPECT_THAT(arrive(1, NOW, NOON, 4), HasSubstr("Failed to locate service 1 in eit scan cache, current cache is\n"));
+  EXPECT_EQ(open_tables(), Tables{0x50});
+  arrive(1, FIRST, NOON);
+  EXPECT_EQ(open_tables(), Tables{0x51});
   EXPECT_EQ(parser.get_eit_stored(), 0);
   EXPECT_TRUE(info_available());
 }
@@ -371,9 +370,9 @@ TEST_F(Eit, with_an_empty_list_the_first_section_with_events_closes_each_table) 
 TEST_F(Eit, the_end_of_a_table_is_flushed_behind_the_filter) {
   start_one();
   for (int i = 0; i < 3; ++i)
-    EXPECT_THAT(arrive(1, 0x4E, NOON, 3), Not(HasSubstr("Flushing")));
+    EXPECT_THAT(arrive(1, NOW, NOON, 3), Not(HasSubstr("Flushing")));
   EXPECT_THAT(
-      arrive(1, 0x4E, NOON, 4),
+      arrive(1, NOW, NOON, 4),
       testing::ContainsRegex("Removing filter [^\n]*\n[^\n]*Flushing\nFldone\nPres-Following table 4E completed"));
 }
 
@@ -381,24 +380,23 @@ TEST_F(Eit, the_end_of_a_table_is_flushed_behind_the_filter) {
 
 TEST_F(Eit, quirk_a_service_that_sends_nothing_is_given_up_and_that_is_printed_below_2_only) {
   start();
-  for (int i = 0; i < 3; ++i)
-    arrive(1, 0x4E, NOON);
-  recorded_clock::set_timers_expired(true);
-  EXPECT_EQ(arrive(1, 0x4E, NOON, 0), "Kill scan for service 2 , First table 4e, ttl 10\n")
+  repeat(3, 1, NOW);
+  recorded_clock.timers_expired = true;
+  EXPECT_EQ(arrive(1, NOW, NOON, 0), "Kill scan for service 2 , First table 4e, ttl 10\n")
       << "with the name of the section's service";
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x50)));
-  EXPECT_EQ(arrive(1, 0x50, NOON, -1),
+  EXPECT_EQ(open_tables(), Tables{0x50});
+  EXPECT_EQ(arrive(1, FIRST, NOON, -1),
             "Kill scan for service 1 , First table 50, ttl 180\nKill scan for service 2 , First table 50, ttl 180\n");
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x51)));
+  EXPECT_EQ(open_tables(), Tables{0x51});
   EXPECT_THAT(arrive(1, 0x51, NOON, 2), Not(HasSubstr("Kill")));
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x52)));
+  EXPECT_EQ(open_tables(), Tables{0x52});
 }
 
 TEST_F(Eit, a_service_is_given_up_only_when_its_timer_has_run_out) {
   start();
   for (int i = 0; i < 5; ++i)
-    EXPECT_THAT(arrive(1, 0x4E, NOON, 1), Not(HasSubstr("Kill")));
-  EXPECT_THAT(filters(), ElementsAre(Filter(18, 0x4E)));
+    EXPECT_THAT(arrive(1, NOW, NOON, 1), Not(HasSubstr("Kill")));
+  EXPECT_EQ(open_tables(), Tables{NOW});
 }
 
 TEST_F(Eit, get_eit_info_available_prints_the_flag_at_4) {
@@ -409,16 +407,13 @@ TEST_F(Eit, get_eit_info_available_prints_the_flag_at_4) {
 // --- Progress for hosts ----------------------------------------------------------------------------------------------
 
 // Every service as "id/channel table/last_table active/done events".
-std::vector<std::string> shown(const Siparse& parser) {
+Texts shown(const Siparse& parser) {
   std::vector<EIT_progress> progress{EIT_progress{}};  // what was there before goes
   parser.get_eit_progress(&progress);
-  std::vector<std::string> all;
-  for (const EIT_progress& p : progress) {
-    char line[96];
-    std::snprintf(line, sizeof line, "%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
-                  static_cast<unsigned>(p.last_table), p.active, p.done, p.events);
-    all.emplace_back(line);
-  }
+  Texts all;
+  for (const EIT_progress& p : progress)
+    all.push_back(formatted("%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
+                            static_cast<unsigned>(p.last_table), p.active, p.done, p.events));
   return all;
 }
 
@@ -434,17 +429,15 @@ TEST_F(Eit, progress_follows_every_service_through_its_tables) {
   EXPECT_THAT(shown(parser), ElementsAre("1/1 0/0 1/0 0", "2/2 0/0 1/0 0"));
   parser.start_eit_scan(FREQ, SCAN_EIT);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"));
-  arrive(1, 0x4E, {{1, 0x120000}, {2, 0x123000}});
+  arrive(1, NOW, {{1, 0x120000}, {2, 0x123000}});
   EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/0 2", "2/2 4e/0 1/0 0"));
-  arrive(1, 0x4E, NOON);
-  arrive(1, 0x4E, NOON);
+  repeat(2, 1, NOW);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 1/0 0"));
-  for (int i = 0; i < 3; ++i)
-    arrive(2, 0x4E, NOON);
+  repeat(3, 2, NOW);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 0/1 1"));
-  arrive(1, 0x4E, NOON);
+  arrive(1, NOW, NOON);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/0 1/0 1"));
-  arrive(2, 0x50, {});
+  arrive(2, FIRST, {});
   EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/5f 1/0 1")) << "a section without events tells, too";
 }
 
@@ -453,22 +446,20 @@ TEST_F(Eit, progress_counts_what_the_database_held_and_nothing_twice) {
                           std::to_string(MIDNIGHT + 12 * 3600) + ", 1800)");
   start();
   EXPECT_EQ(shown(parser)[0], "1/1 4e/0 1/0 1");
-  arrive(1, 0x4E, {{1, 0x120000}, {2, 0x121000}, {3, 0x124000}});
+  arrive(1, NOW, {{1, 0x120000}, {2, 0x121000}, {3, 0x124000}});
   EXPECT_EQ(shown(parser)[0], "1/1 4e/0 0/0 2") << "the second one overlaps and is not stored";
 }
 
 TEST_F(Eit, progress_of_a_silent_service_says_done) {
   start();
-  recorded_clock::set_timers_expired(true);
-  arrive(1, 0x4E, NOON);
+  recorded_clock.timers_expired = true;
+  arrive(1, NOW, NOON);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 0", "2/2 50/0 1/0 0"));
 }
 
 TEST_F(Eit, progress_after_the_last_table_stays_done_until_a_new_round) {
   start_one();
-  for (int table = 0x4E; table <= 0x5F; table += table == 0x4E ? 2 : 1)
-    for (int i = 0; i < 4; ++i)
-      arrive(1, table, NOON);
+  all_tables();
   EXPECT_THAT(shown(parser), ElementsAre("1/1 5f/5f 0/1 1"));
   parser.reset_cache_list();
   parser.start_eit_scan(FREQ, SCAN_EIT);
@@ -477,10 +468,9 @@ TEST_F(Eit, progress_after_the_last_table_stays_done_until_a_new_round) {
 
 TEST_F(Eit, progress_ignores_last_tables_that_are_no_schedule) {
   start_one();
-  for (int i = 0; i < 4; ++i)
-    arrive(1, 0x4E, NOON);
-  const Bytes section = eit(1, 0x50, NOON);
-  scan(with_byte(section, 13, 0xFF), 18, SCAN_EIT);
+  repeat(4, 1, NOW);
+  const Bytes section = eit(1, FIRST, NOON);
+  scan(with_byte(section, 13, 0xFF), pid::EIT, SCAN_EIT);
   EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 0/0 1"));
 }
 

@@ -2,16 +2,14 @@
 #include "si/guide_round.h"
 
 #include "si/recorded_clock.h"
-#include "support/database.h"
-#include "support/messages.h"
+#include "si/si_support.h"
 
+using namespace si_support;
 using support::messages_at;
-using support::Texts;
 
 namespace {
 
-constexpr int FREQ = 506000000;
-constexpr int TABLE = 0x50;
+constexpr int TABLE = table::EIT_SCHEDULE_FIRST;
 constexpr char NOTHING[] = "";
 
 class Guide_round_test : public testing::Test {
@@ -25,26 +23,29 @@ class Guide_round_test : public testing::Test {
     round.start();
     round.enter(TABLE);
   }
-  ~Guide_round_test() override {
-    recorded_clock::set_timers_expired(false);
-    recorded_clock::set_ahead(0);
-  }
+  ~Guide_round_test() override { recorded_clock = {}; }
 
   // What an event prints at `level`, and whether it finished the table.
   std::string event(int service, bool last_section, int level = -1, int table = TABLE) {
     return messages_at(level, [&] { entry = round.event_arrived(service, table, FREQ, last_section, &all_done); });
+  }
+  // The last section, as often as it takes.
+  void finish(int service) {
+    for (int i = 0; i < 3; ++i)
+      event(service, true);
+  }
+  // How the service met last stands: "active/done count scan_mark".
+  std::string state() const {
+    return formatted("%d/%d %d %d", entry->active, entry->done, entry->count, entry->scan_mark);
   }
   // Every service as "id/channel table/last_table active/done events".
   Texts shown() {
     std::vector<EIT_progress> all;
     round.progress(&all);
     Texts lines;
-    for (const EIT_progress& p : all) {
-      char line[96];
-      std::snprintf(line, sizeof line, "%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
-                    static_cast<unsigned>(p.last_table), p.active, p.done, p.events);
-      lines.emplace_back(line);
-    }
+    for (const EIT_progress& p : all)
+      lines.push_back(formatted("%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
+                                static_cast<unsigned>(p.last_table), p.active, p.done, p.events));
     return lines;
   }
 
@@ -106,10 +107,8 @@ TEST_F(Guide_round_test, the_last_sections_of_schedules_are_flushed_those_of_pre
 }
 
 TEST_F(Guide_round_test, the_guide_is_seen_when_all_are_done_and_until_the_next_start) {
-  for (int i = 0; i < 3; ++i)
-    event(1, true);
-  for (int i = 0; i < 3; ++i)
-    event(2, true);
+  finish(1);
+  finish(2);
   EXPECT_FALSE(all_done) << "it is looked at before the section is counted";
   EXPECT_FALSE(round.seen_once());
   event(2, false);
@@ -131,9 +130,9 @@ TEST_F(Guide_round_test, closing_present_and_following_is_seeing_the_guide) {
 // --- Giving up -------------------------------------------------------------------------------------------------------
 
 TEST_F(Guide_round_test, one_that_is_given_up_is_done_and_no_longer_active) {
-  recorded_clock::set_timers_expired(true);
+  recorded_clock.timers_expired = true;
   event(1, false);
-  recorded_clock::set_timers_expired(false);
+  recorded_clock.timers_expired = false;
   EXPECT_TRUE(all_done);
   EXPECT_EQ(event(2, false, 3), NOTHING) << "it has not been started by this section";
   EXPECT_TRUE(entry->done);
@@ -141,74 +140,64 @@ TEST_F(Guide_round_test, one_that_is_given_up_is_done_and_no_longer_active) {
 }
 
 TEST_F(Guide_round_test, each_one_given_up_is_flushed) {
-  recorded_clock::set_timers_expired(true);
+  recorded_clock.timers_expired = true;
   EXPECT_EQ(event(1, false, 3), "Flushing\nFlushing\n");
 }
 
 // Timers are read when the first one is due, not for each event.
 TEST_F(Guide_round_test, gives_up_in_the_last_second_of_the_wait) {
   event(1, false);
-  recorded_clock::set_ahead(6);
+  recorded_clock.ahead = 6;
   EXPECT_EQ(event(1, false, 1), NOTHING);
-  recorded_clock::set_ahead(9);
+  recorded_clock.ahead = 9;
   EXPECT_EQ(event(1, false, 1),
             "Kill scan for service 1 , First table 50, ttl 180\nKill scan for service 2 , First table 50, ttl 180\n");
 }
 
 TEST_F(Guide_round_test, who_is_done_is_not_given_up) {
-  for (int i = 0; i < 3; ++i)
-    event(1, true);
-  recorded_clock::set_timers_expired(true);
+  finish(1);
+  recorded_clock.timers_expired = true;
   EXPECT_EQ(event(1, false, 1), "Kill scan for service 2 , First table 50, ttl 180\n");
 }
 
 TEST_F(Guide_round_test, without_a_timer_a_service_is_given_up_at_once) {
-  recorded_clock::set_timers_refused(true);
+  recorded_clock.timers_refused = true;
   EXPECT_EQ(messages_at(0, [&] { round.load(FREQ, SCAN_EIT); }),
             "ERROR: timer_create: Resource temporarily unavailable\n"
             "ERROR: timer_create: Resource temporarily unavailable\n");
-  recorded_clock::set_timers_refused(false);
+  recorded_clock.timers_refused = false;
   event(1, false);
   EXPECT_TRUE(all_done);
 }
 
 // Of a list, a table and a new round: how long each service is waited for, in seconds.
 TEST_F(Guide_round_test, waits_ten_seconds_at_first_and_180_in_later_tables) {
-  const auto wait = [] { return recorded_clock::take_armed(); };
-  (void)wait();
+  recorded_clock.take_armed();
   round.load(FREQ, SCAN_EIT);
-  EXPECT_EQ(wait(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
+  EXPECT_EQ(recorded_clock.take_armed(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
   round.close_table();
-  EXPECT_EQ(wait(), (std::vector<Seconds>{{180, 180}, {180, 180}}));
+  EXPECT_EQ(recorded_clock.take_armed(), (std::vector<Seconds>{{180, 180}, {180, 180}}));
   round.begin_again();
-  EXPECT_EQ(wait(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
+  EXPECT_EQ(recorded_clock.take_armed(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
   round.start();
   event(1, true);
-  EXPECT_EQ(wait(), std::vector<Seconds>{});
+  EXPECT_EQ(recorded_clock.take_armed(), std::vector<Seconds>{});
 }
 
 // --- Beginning again -------------------------------------------------------------------------------------------------
 
 TEST_F(Guide_round_test, closing_a_table_waits_for_everybody_again_and_keeps_the_pmt_versions) {
   round.service(1)->scan_mark = 7;
-  for (int i = 0; i < 3; ++i)
-    event(1, true);
+  finish(1);
   round.close_table();
-  EXPECT_TRUE(entry->active);
-  EXPECT_FALSE(entry->done);
-  EXPECT_EQ(entry->count, 0);
-  EXPECT_EQ(entry->scan_mark, 7);
+  EXPECT_EQ(state(), "1/0 0 7");
 }
 
 TEST_F(Guide_round_test, beginning_again_forgets_the_pmt_versions_too_and_keeps_the_table) {
   round.service(1)->scan_mark = 7;
-  for (int i = 0; i < 3; ++i)
-    event(1, true);
+  finish(1);
   round.begin_again();
-  EXPECT_TRUE(entry->active);
-  EXPECT_FALSE(entry->done);
-  EXPECT_EQ(entry->count, 0);
-  EXPECT_EQ(entry->scan_mark, -1);
+  EXPECT_EQ(state(), "1/0 0 -1");
   EXPECT_EQ(round.table(), TABLE);
 }
 
@@ -231,7 +220,7 @@ TEST_F(Guide_round_test, the_last_table_only_grows_and_stays_a_schedule) {
 }
 
 TEST_F(Guide_round_test, one_that_is_given_up_is_shown_as_done) {
-  recorded_clock::set_timers_expired(true);
+  recorded_clock.timers_expired = true;
   event(1, false);
   round.publish_changes();
   EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/1 0", "2/2 50/0 0/1 0"}));

@@ -9,7 +9,6 @@
 #include "softdvb/model/section_feed.h"
 
 using namespace si_support;
-using testing::ElementsAre;
 
 namespace {
 
@@ -23,19 +22,14 @@ class Hostile : public Parser_test {
     EXPECT_EQ(scan(section, pid, states[++thrown % 3]), 0);
   }
 
-  static int pid_of(const Bytes& section) {
-    const int id = section.empty() ? 0 : section[0];
-    return id < 2 ? id : id == 2 ? 0x100 : id < 0x42 ? 16 : id < 0x4E ? 17 : id < 0x70 ? 18 : 20;
-  }
-
   void expect_a_whole_scan() {
     db.clear_temp_tables(0);
     filter.remove_all();
-    filter.addfilter(0, 0, FREQ);
-    scan(pat({{1, 0x100}}), 0);
-    scan(pmt(1, 0x101, {{2, 0x101, {}}, {3, 0x102, descriptor(0x0A, join({bytes("est"), {0}}))}}), 0x100);
-    scan(nit(0x3001, descriptor(0x40, bytes("Net")), {{TS_ID, 0x20, descriptor(0x83, {0, 1, 0xFC, 5})}}), 16);
-    scan(sdt({{1, service_descriptor(1, "Prov", "One")}}), 17);
+    open(PAT);
+    scan(pat({{1, 0x100}}));
+    scan(pmt(1, 0x101, {{2, 0x101, {}}, {3, 0x102, descriptor(0x0A, join({bytes("est"), {0}}))}}));
+    scan(nit(0x3001, network_name("Net"), {{TS_ID, 0x20, lcn({{1, 0xFC05}})}}));
+    scan(sdt({{1, service_descriptor(1, "Prov", "One")}}));
     EXPECT_THAT(rows("SELECT pat_prnr, pmt_pid, pcr_pid, network_id, orig_network_id, network_name, lcn, serv_name, "
                      "prov_name FROM kanalid_scan_0"),
                 ElementsAre("1|256|257|12289|32|Net|5|One|Prov"));
@@ -146,19 +140,18 @@ TEST_F(Hostile, languages_without_a_stream_do_not_pile_up) {
   const Bytes words = descriptor(0x4D, join({bytes("aaa"), sized("x"), sized("y")}));
   const Bytes subtitles = descriptor(0x59, join({bytes("bbb"), {1, 0, 0, 0, 0}}));
   for (int i = 0; i < 50; ++i) {
-    scan(sdt({{1, join({words, subtitles})}}), 17);
-    scan(nit(1, join({words, subtitles}), {}), 16);
+    scan(sdt({{1, join({words, subtitles})}}));
+    scan(nit(1, join({words, subtitles}), {}));
   }
-  scan(pat({{1, 0x100}}), 0);
-  scan(pmt(1, 0x101, {{2, 0x101, {}}}), 0x100);
+  scan(pat({{1, 0x100}}));
+  scan(pmt(1, 0x101, {{2, 0x101, {}}}));
   EXPECT_THAT(rows("SELECT es_subtype, languages FROM estreams_scan_0"), ElementsAre("0|"));
 }
 
 TEST_F(Hostile, names_of_languages_in_the_wrong_loop_do_not_pile_up) {
   const Bytes section = sdt({{1, descriptor(0x0A, join({bytes("est"), {1}, bytes("rus"), {2}}))}});
   for (int i = 0; i < 3; ++i)
-    EXPECT_THAT(at_level(4, [&] { scan(section, 17); }),
-                testing::HasSubstr("ISO 639 lang descriptor, languages est rus , codes 1 2 , oid 0\n"));
+    EXPECT_THAT(scan_at(4, section, 17), HasSubstr("ISO 639 lang descriptor, languages est rus , codes 1 2 , oid 0\n"));
 }
 
 // --- Streams that are kept beside the tree ---------------------------------------------------------------------------

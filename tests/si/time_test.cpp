@@ -10,11 +10,6 @@
 #include "si/siparse_parts.h"
 
 using namespace si_support;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
@@ -23,10 +18,19 @@ constexpr time_t NOON_2010 = 1262347200;  // 2010-01-01 12:00:00 UTC, MJD 55197
 class Time_tables : public Parser_test {
  protected:
   Time_tables() {
-    recorded_clock::set_time(NOON_2010);
-    recorded_clock::take_settings();
+    recorded_clock.time = NOON_2010;
+    recorded_clock.take_settings();
   }
-  ~Time_tables() override { recorded_clock::set_time(0); }
+  ~Time_tables() override { recorded_clock = {}; }
+  // The multiplex belongs to the preferred network, whose offsets are looked at.
+  void prefer_this() {
+    db.set_preferred_provider("Net");
+    db.sql_cache(true, 0,
+                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
+                 TYPE, CONN, FREQ, "Net");
+  }
+  // Both tables with this time.
+  static std::vector<Bytes> both(unsigned mjd, unsigned hms_bcd) { return {tdt(mjd, hms_bcd), tot(mjd, hms_bcd, {})}; }
 };
 
 Bytes offset_entry(const std::string& country, int region, int polarity, unsigned offset, unsigned next = 0) {
@@ -96,14 +100,14 @@ TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it) {
       {"11 s late", NOON_2010 - 11, true}, {"11 s early", NOON_2010 + 11, true}, {"years late", 1000, true},
   };
   for (const auto& c : cases) {
-    for (const Bytes& section : {tdt(55197, 0x120000), tot(55197, 0x120000, {})}) {
+    for (const Bytes& section : both(55197, 0x120000)) {
       SCOPED_TRACE(std::string(c.what) + (section[0] == 0x70 ? ", TDT" : ", TOT"));
-      recorded_clock::set_time(c.now);
-      const std::string all = at_level(3, [&] { scan(section, 20); });
-      EXPECT_EQ(recorded_clock::take_settings(), c.sets ? std::vector<time_t>{NOON_2010} : std::vector<time_t>{});
+      recorded_clock.time = c.now;
+      const std::string all = scan_at(3, section, 20);
+      EXPECT_EQ(recorded_clock.take_settings(), c.sets ? std::vector<time_t>{NOON_2010} : std::vector<time_t>{});
       EXPECT_EQ(all.find("Changing system clock\n") != std::string::npos, c.sets);
-      EXPECT_THAT(at_level(2, [&] { scan(section, 20); }), Not(HasSubstr("Changing")));
-      recorded_clock::take_settings();
+      EXPECT_THAT(scan_at(2, section, 20), Not(HasSubstr("Changing")));
+      recorded_clock.take_settings();
     }
   }
 }
@@ -127,9 +131,9 @@ TEST_F(Time_tables, every_date_that_can_be_sent_is_set) {
     SCOPED_TRACE(c.what);
     if (c.set > std::numeric_limits<time_t>::max())
       continue;  // on machines where the clock ends there
-    for (const Bytes& section : {tdt(c.mjd, c.hms_bcd), tot(c.mjd, c.hms_bcd, {})}) {
+    for (const Bytes& section : both(c.mjd, c.hms_bcd)) {
       scan(section, 20);
-      EXPECT_EQ(recorded_clock::take_settings(), std::vector<time_t>{static_cast<time_t>(c.set)});
+      EXPECT_EQ(recorded_clock.take_settings(), std::vector<time_t>{static_cast<time_t>(c.set)});
     }
   }
 }
@@ -137,33 +141,31 @@ TEST_F(Time_tables, every_date_that_can_be_sent_is_set) {
 TEST_F(Time_tables, a_clock_beyond_2038_is_set_back) {
   if (std::numeric_limits<time_t>::max() == std::numeric_limits<int32_t>::max())
     GTEST_SKIP() << "the clock ends there";
-  recorded_clock::set_time(static_cast<time_t>(int64_t{4102444800}));
-  for (const Bytes& section : {tdt(55197, 0x120000), tot(55197, 0x120000, {})}) {
+  recorded_clock.time = static_cast<time_t>(int64_t{4102444800});
+  for (const Bytes& section : both(55197, 0x120000)) {
     scan(section, 20);
-    EXPECT_EQ(recorded_clock::take_settings(), std::vector<time_t>{NOON_2010});
+    EXPECT_EQ(recorded_clock.take_settings(), std::vector<time_t>{NOON_2010});
   }
 }
 
 TEST_F(Time_tables, with_a_right_clock_the_time_becomes_valid_and_the_filter_closes) {
-  recorded_clock::set_time(1000);
+  recorded_clock.time = 1000;
   Siparse early(&filter, 1, CONN, TYPE, &db);
   EXPECT_FALSE(early.systime_valid());
-  recorded_clock::set_time(NOON_2010);
-  filter.addfilter(20, 0x70, FREQ);
-  filter.addfilter(20, 0x73, FREQ);
-  Bytes section = tdt(55197, 0x120000);
-  early.scan_assembled_section(reinterpret_cast<char*>(section.data()), 20, FREQ, nullptr, SCAN_PAT);
+  recorded_clock.time = NOON_2010;
+  open(TDT);
+  open(TOT);
+  scan_with(early, tdt(55197, 0x120000), pid::TIME);
   EXPECT_TRUE(early.systime_valid());
-  EXPECT_THAT(filters(), ElementsAre(Filter(20, 0x73)));
-  EXPECT_THAT(recorded_clock::take_settings(), IsEmpty());
-  Bytes offset = tot(55197, 0x120000, {});
-  early.scan_assembled_section(reinterpret_cast<char*>(offset.data()), 20, FREQ, nullptr, SCAN_PAT);
+  EXPECT_THAT(filters(), ElementsAre(TOT));
+  EXPECT_THAT(recorded_clock.take_settings(), IsEmpty());
+  scan_with(early, tot(55197, 0x120000, {}), pid::TIME);
   EXPECT_THAT(filters(), IsEmpty());
 }
 
 TEST_F(Time_tables, the_time_is_invalid_up_to_the_end_of_1999) {
   for (time_t now : {time_t{946684798}, time_t{946684799}}) {
-    recorded_clock::set_time(now);
+    recorded_clock.time = now;
     const std::string all =
         at_level(4, [&] { EXPECT_EQ(Siparse(&filter, 1, CONN, TYPE, &db).systime_valid(), now == 946684799); });
     EXPECT_EQ(all, std::string(now == 946684799 ? "System time valid\n" : "System time invalid\n") + "Epoch time is " +
@@ -172,43 +174,44 @@ TEST_F(Time_tables, the_time_is_invalid_up_to_the_end_of_1999) {
 }
 
 TEST_F(Time_tables, are_announced_at_4) {
-  EXPECT_THAT(at_level(4, [&] { scan(tdt(55197, 0x120000), 20); }), HasSubstr("Time and date section\n"));
-  EXPECT_THAT(at_level(3, [&] { scan(tdt(55197, 0x120000), 20); }), Not(HasSubstr("Time and")));
-  EXPECT_THAT(at_level(4, [&] { scan(tot(55197, 0x120000, {}), 20); }), HasSubstr("Time offset section\n"));
-  EXPECT_THAT(at_level(3, [&] { scan(tot(55197, 0x120000, {}), 20); }), Not(HasSubstr("Time offset")));
+  for (const auto& [section, text] : {std::pair{tdt(55197, 0x120000), "Time and date section\n"},
+                                      std::pair{tot(55197, 0x120000, {}), "Time offset section\n"}}) {
+    EXPECT_THAT(scan_at(4, section), HasSubstr(text));
+    EXPECT_THAT(scan_at(3, section), Not(HasSubstr(text)));
+  }
 }
 
 TEST_F(Time_tables, are_read_whatever_the_bit_of_current_next) {
   for (unsigned bcd : {0x120000u, 0x130000u}) {  // where other tables have the bit, these have the hour
-    for (const Bytes& section : {tdt(55197, bcd), tot(55197, bcd, {})}) {
+    for (const Bytes& section : both(55197, bcd)) {
       EXPECT_EQ(section[5] & 1, bcd == 0x130000u ? 1 : 0);
       filter.addfilter(20, section[0], FREQ);
       scan(section, 20);
       EXPECT_THAT(filters(), IsEmpty());
     }
   }
-  EXPECT_THAT(recorded_clock::take_settings(), ElementsAre(NOON_2010 + 3600, NOON_2010 + 3600));
+  EXPECT_THAT(recorded_clock.take_settings(), ElementsAre(NOON_2010 + 3600, NOON_2010 + 3600));
 }
 
 TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {
-  scan(tdt(0xFFFF, 0xFFFFFF), 20);
-  scan(tdt(0, 0), 20);
-  scan(tot(0xFFFF, 0xFFFFFF, {}), 20);
-  EXPECT_EQ(recorded_clock::take_settings().size(), 3u);
+  scan(tdt(0xFFFF, 0xFFFFFF));
+  scan(tdt(0, 0));
+  scan(tot(0xFFFF, 0xFFFFFF, {}));
+  EXPECT_EQ(recorded_clock.take_settings().size(), 3u);
 }
 
 TEST_F(Time_tables, a_tdt_reads_the_clock_before_anything_else) {
-  recorded_clock::set_announced(true);
-  const std::string all = at_level(4, [&] { scan(tdt(55197, 0x130000), 20); });
-  recorded_clock::set_announced(false);
+  recorded_clock.announced = true;
+  const std::string all = scan_at(4, tdt(55197, 0x130000));
+  recorded_clock.announced = false;
   EXPECT_THAT(all, HasSubstr(".14.70 <time>Time and date section\nChanging system clock\n<settimeofday>"));
 }
 
 TEST_F(Time_tables, a_tot_reads_the_clock_and_sets_it_behind_its_offsets) {
-  recorded_clock::set_announced(true);
+  recorded_clock.announced = true;
   const std::string all =
-      at_level(4, [&] { scan(tot(55197, 0x130000, descriptor(0x58, offset_entry("EST", 0, 0, 0x0200))), 20); });
-  recorded_clock::set_announced(false);
+      scan_at(4, tot(55197, 0x130000, descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("EST", 0, 0, 0x0200))));
+  recorded_clock.announced = false;
   EXPECT_THAT(all,
               HasSubstr(".14.73 Time offset section\nParsing descriptor 58, dec 88, oid 506000000\nCountry id EST "));
   EXPECT_THAT(all, HasSubstr("<time>Changing system clock\n<settimeofday>"));
@@ -224,48 +227,47 @@ class Told : public Time_tables {
     parser.parts().set_time_listener(
         [](void* data, const Broadcast_time& time) { static_cast<Told*>(data)->times.push_back(time); }, this);
   }
-  ~Told() override { recorded_clock::set_settings_refused(false); }
+  // Each as "frequency time off_by clock zone".
+  Texts told() const {
+    Texts all;
+    for (const Broadcast_time& t : times)
+      all.push_back(formatted("%d %lld %lld %d %d", t.freq, static_cast<long long>(t.utc),
+                              static_cast<long long>(t.off_by), t.clock, t.zone));
+    return all;
+  }
   std::vector<Broadcast_time> times;
 };
 
 TEST_F(Told, of_each_table_with_time_and_frequency) {
-  scan(tdt(55197, 0x120005), 20);
-  scan(tot(55197, 0x115956, {}), 20);
-  ASSERT_EQ(times.size(), 2u);
-  EXPECT_EQ(times[0].freq, FREQ);
-  EXPECT_EQ(times[0].utc, NOON_2010 + 5);
-  EXPECT_EQ(times[0].off_by, 5);
-  EXPECT_EQ(times[0].clock, CLOCK_RIGHT);
-  EXPECT_EQ(times[0].zone, ZONE_UNTOUCHED);
-  EXPECT_EQ(times[1].off_by, -4);
+  scan(tdt(55197, 0x120005));
+  scan(tot(55197, 0x115956, {}));
+  EXPECT_EQ(told(), (Texts{formatted("%d %lld 5 %d %d", FREQ, NOON_2010 + 5ll, CLOCK_RIGHT, ZONE_UNTOUCHED),
+                           formatted("%d %lld -4 %d %d", FREQ, NOON_2010 - 4ll, CLOCK_RIGHT, ZONE_UNTOUCHED)}));
 }
 
 TEST_F(Told, whether_the_clock_was_set) {
-  scan(tdt(55197, 0x120011), 20);
-  recorded_clock::set_settings_refused(true);
-  scan(tot(55197, 0x115949, {}), 20);
-  ASSERT_EQ(times.size(), 2u);
-  EXPECT_EQ(times[0].clock, CLOCK_SET);
-  EXPECT_EQ(times[1].clock, CLOCK_REFUSED);
+  scan(tdt(55197, 0x120011));
+  recorded_clock.settings_refused = true;
+  scan(tot(55197, 0x115949, {}));
+  EXPECT_EQ(told(), (Texts{formatted("%d %lld 11 %d %d", FREQ, NOON_2010 + 11ll, CLOCK_SET, ZONE_UNTOUCHED),
+                           formatted("%d %lld -11 %d %d", FREQ, NOON_2010 - 11ll, CLOCK_REFUSED, ZONE_UNTOUCHED)}));
   EXPECT_TRUE(parser.systime_valid()) << "all the same";
 }
 
 TEST_F(Told, nobody_when_the_listener_is_taken_away) {
   parser.parts().set_time_listener(nullptr, nullptr);
-  scan(tdt(55197, 0x120000), 20);
+  scan(tdt(55197, 0x120000));
   EXPECT_TRUE(times.empty());
 }
 
 TEST_F(Told, of_the_last_offset_that_did_anything) {
-  db.set_preferred_provider("Net");
-  db.sql_cache(true, 0,
-               "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
-               TYPE, CONN, FREQ, "Net");
+  prefer_this();
   const char* const before = std::getenv("TZ");
   const std::string zone = before != nullptr ? before : "";
   setenv("TZ", "EET-2", 1);
-  scan(tot(55197, 0x120000, descriptor(0x58, join({offset_entry("PRT", 5, 0, 0x0200), offset_entry("a/b", 0, 0, 0)}))),
-       20);
+  scan(
+      tot(55197, 0x120000,
+          descriptor(tag::LOCAL_TIME_OFFSET, join({offset_entry("PRT", 5, 0, 0x0200), offset_entry("a/b", 0, 0, 0)}))));
   (void)(before != nullptr ? setenv("TZ", zone.c_str(), 1) : unsetenv("TZ"));
   tzset();
   ASSERT_EQ(times.size(), 1u);
@@ -278,36 +280,32 @@ TEST_F(Told, of_the_last_offset_that_did_anything) {
 
 class Offsets : public Time_tables {
  protected:
-  // The multiplex belongs to the preferred network, whose offsets are looked at.
   Offsets() {
-    db.set_preferred_provider("Net");
-    db.sql_cache(true, 0,
-                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
-                 TYPE, CONN, FREQ, "Net");
+    prefer_this();
     db.set_preferred_provider("Another");  // so that no zone is written
   }
 };
 
 TEST_F(Offsets, every_entry_is_traced_at_3_and_handed_on) {
-  const Bytes d =
-      descriptor(0x58, join({offset_entry("EST", 0, 0, 0x0200, 0x0300), offset_entry("PRT", 5, 1, 0x0130)}));
-  const std::string all = at_level(3, [&] { scan(tot(55197, 0x120000, d), 20); });
-  EXPECT_THAT(all, HasSubstr("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20100101, hms "
-                             "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"
-                             "Country id PRT region id 5, offset 130, next_offset 0 , polarity 1, ymd 20100101, hms "
-                             "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"));
-  EXPECT_THAT(at_level(2, [&] { scan(tot(55197, 0x120000, d), 20); }), Not(HasSubstr("Country")));
+  const Bytes d = descriptor(tag::LOCAL_TIME_OFFSET,
+                             join({offset_entry("EST", 0, 0, 0x0200, 0x0300), offset_entry("PRT", 5, 1, 0x0130)}));
+  EXPECT_THAT(scan_at(3, tot(55197, 0x120000, d)),
+              HasSubstr("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20100101, hms "
+                        "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"
+                        "Country id PRT region id 5, offset 130, next_offset 0 , polarity 1, ymd 20100101, hms "
+                        "10203\nWARNING: Checking mux 506000000 provider Net = timezone Another\n"));
+  EXPECT_THAT(scan_at(2, tot(55197, 0x120000, d)), Not(HasSubstr("Country")));
 }
 
 TEST_F(Offsets, outside_a_tot_the_context_is_taken_as_the_frequency) {
-  const Bytes d = descriptor(0x58, offset_entry("EST", 0, 0, 0x0200));
+  const Bytes d = descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("EST", 0, 0, 0x0200));
   EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, FREQ, 3), HasSubstr("WARNING: Checking mux 506000000 "));
   EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, 7, 3), Not(HasSubstr("Checking")));
 }
 
 TEST_F(Offsets, a_tot_with_descriptors_of_services_stores_nothing) {
   db.pat_for_network(0, TYPE, CONN, FREQ, 1, TS_ID, 0x100);
-  scan(tot(55197, 0x120000, service_descriptor(1, "P", "S")), 20);
+  scan(tot(55197, 0x120000, service_descriptor(1, "P", "S")));
   EXPECT_THAT(rows("SELECT channel FROM kanalid_scan_0 WHERE serv_name = 'S'"), IsEmpty());
 }
 

@@ -2,9 +2,14 @@
 
 #include <string>
 
-#include "support/database.h"
+#include <gtest/gtest.h>
 
-// Rows and statements of a database that a test holds itself; support/database.h has the rest.
+#include "base/messages.h"
+#include "support/database.h"
+#include "support/messages.h"
+#include "support/support.h"
+
+// What the tests of this folder have in common; support/database.h has the rest.
 namespace db_support {
 
 using support::conn_of;
@@ -29,5 +34,19 @@ inline int number(Sdbl& sdbl, const std::string& sql) {
 inline support::Texts statements(const std::string& trace) {
   return support::statements_in(trace);
 }
+
+// What stands behind each `start` in a trace, up to the end of its line.
+inline support::Texts after(const std::string& start, const std::string& trace) {
+  support::Texts all;
+  for (size_t at = 0; (at = trace.find(start, at)) != std::string::npos; ++at)
+    all.push_back(trace.substr(at + start.size(), trace.find('\n', at) - at - start.size()));
+  return all;
+}
+
+// A test that is a database: sdbl(), rows(), run() and number() are its own.
+class Database_test : public testing::Test, protected support::Database {
+ protected:
+  ~Database_test() override { verbosity_kelvo = 0; }
+};
 
 }  // namespace db_support

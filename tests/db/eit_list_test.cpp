@@ -3,15 +3,9 @@
 #include <fstream>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/database.h"
-#include "support/messages.h"
-#include "support/support.h"
 
-using db_support::run;
 using support::messages_at;
 using support::stderr_of;
 
@@ -21,26 +15,22 @@ constexpr int FREQ = 506000000;
 constexpr int TYPE = 1;
 constexpr int CONN = 2;
 
-class Eit_list : public testing::Test {
+class Eit_list : public db_support::Database_test {
  protected:
-  Eit_list() : sdbl_(dir_.file("a.db").c_str()) {}
-  ~Eit_list() override {
-    sdbl_.clear_eit_scan_list(&list_);
-    verbosity_kelvo = 0;
-  }
+  ~Eit_list() override { sdbl().clear_eit_scan_list(&list_); }
 
   void service(int channel, int program, int pcr_pid = 300, int serv_type = 1, int freq = FREQ) {
-    sdbl_.sql_cache(true, 0,
-                    "INSERT INTO kanalid (channel, hf_conn, dvb_type, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) "
-                    "VALUES ($a, $b, $c, $d, $e, $f, $g, $h)",
-                    channel, CONN, TYPE, freq, program, 100 + program, pcr_pid, serv_type);
+    sdbl().sql_cache(true, 0,
+                     "INSERT INTO kanalid (channel, hf_conn, dvb_type, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) "
+                     "VALUES ($a, $b, $c, $d, $e, $f, $g, $h)",
+                     channel, CONN, TYPE, freq, program, 100 + program, pcr_pid, serv_type);
   }
   void event(int channel, int ev_id, int start, int duration) {
-    sdbl_.sql_cache(true, 0, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES ($a, $b, $c, $d)",
-                    channel, ev_id, start, duration);
+    sdbl().sql_cache(true, 0, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES ($a, $b, $c, $d)",
+                     channel, ev_id, start, duration);
   }
   void get(SCAN_STATE state = SCAN_EIT) {
-    EXPECT_EQ(sdbl_.get_eit_scan_list(0, TYPE, CONN, FREQ, &list_, state), &list_);
+    EXPECT_EQ(sdbl().get_eit_scan_list(0, TYPE, CONN, FREQ, &list_, state), &list_);
   }
   static itimerspec timer_of(const SQL_cache* entry) {
     itimerspec value{};
@@ -48,8 +38,6 @@ class Eit_list : public testing::Test {
     return value;
   }
 
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
   std::list<SQL_cache*> list_;
 };
 
@@ -77,8 +65,8 @@ TEST_F(Eit_list, services_of_another_input_are_not_listed) {
   service(5, 10);
   service(6, 11);
   service(7, 12);
-  run(sdbl_, "UPDATE kanalid SET hf_conn = 1, dvb_type = 2 WHERE channel = 5");
-  run(sdbl_, "UPDATE kanalid SET dvb_type = 2 WHERE channel = 6");
+  run("UPDATE kanalid SET hf_conn = 1, dvb_type = 2 WHERE channel = 5");
+  run("UPDATE kanalid SET dvb_type = 2 WHERE channel = 6");
   get();
   ASSERT_EQ(list_.size(), 1u);
   EXPECT_EQ(list_.front()->channel, 7);
@@ -110,7 +98,7 @@ TEST_F(Eit_list, a_service_without_a_pcr_pid_has_no_pmt_pid) {
 
 TEST_F(Eit_list, lost_services_are_listed_too) {
   service(5, 10);
-  run(sdbl_, "UPDATE kanalid SET scan_state = 0, row_status = 1");
+  run("UPDATE kanalid SET scan_state = 0, row_status = 1");
   get();
   EXPECT_EQ(list_.size(), 1u);
 }
@@ -148,7 +136,7 @@ TEST_F(Eit_list, stored_events_are_sorted_by_start_not_by_id) {
 TEST_F(Eit_list, another_state_prints_one_error_and_builds_the_list) {
   service(5, 10);
   for (const SCAN_STATE state : {SCAN_NONE, SCAN_PMT, SCAN_PAT}) {
-    sdbl_.clear_eit_scan_list(&list_);
+    sdbl().clear_eit_scan_list(&list_);
     EXPECT_EQ(stderr_of([&] { get(state); }),
               "ERROR: get_eit_scan_list:  master channel table must be syncronized, epglist tabel is indexed using "
               "this table\n");
@@ -179,7 +167,7 @@ TEST_F(Eit_list, resetting_starts_a_new_round_and_keeps_the_events) {
   entry->scan_mark = 9;
   itimerspec off{};
   timer_settime(entry->timer, 0, &off, nullptr);
-  sdbl_.reset_eit_scan_list(&list_);
+  sdbl().reset_eit_scan_list(&list_);
   EXPECT_TRUE(entry->active);
   EXPECT_FALSE(entry->done);
   EXPECT_EQ(entry->count, 0);
@@ -194,11 +182,11 @@ TEST_F(Eit_list, clearing_deletes_timers_and_empties_the_list) {
   service(5, 10);
   get();
   const timer_t timer = list_.front()->timer;
-  sdbl_.clear_eit_scan_list(&list_);
+  sdbl().clear_eit_scan_list(&list_);
   EXPECT_TRUE(list_.empty());
   itimerspec value{};
   EXPECT_EQ(timer_gettime(timer, &value), -1);
-  sdbl_.clear_eit_scan_list(&list_);
+  sdbl().clear_eit_scan_list(&list_);
 }
 
 TEST_F(Eit_list, timers_are_of_the_wall_clock_and_never_signal) {
@@ -216,7 +204,7 @@ TEST_F(Eit_list, timers_are_of_the_wall_clock_and_never_signal) {
 }
 
 TEST_F(Eit_list, a_failing_database_is_printed_and_leaves_the_list_as_it_is) {
-  run(sdbl_, "DROP TABLE kanalid");
+  run("DROP TABLE kanalid");
   EXPECT_EQ(
       stderr_of([this] { get(); }),
       "ERROR: query SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND dvb_type "
@@ -224,15 +212,14 @@ TEST_F(Eit_list, a_failing_database_is_printed_and_leaves_the_list_as_it_is) {
       "ERROR: sql_cache lookup failed for SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn "
       "= $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND serv_type = 1;");
   EXPECT_TRUE(list_.empty());
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([this] { get(); }), "");
+  EXPECT_EQ(messages_at(-1, [this] { get(); }), "");
   EXPECT_TRUE(list_.empty());
 }
 
 TEST_F(Eit_list, a_failing_guide_leaves_the_caches_empty) {
   service(5, 10);
   service(6, 11);
-  run(sdbl_, "DROP TABLE epg_db.epglist");
+  run("DROP TABLE epg_db.epglist");
   EXPECT_THAT(stderr_of([this] { get(); }), testing::HasSubstr("prepare failed: no such table: epglist"));
   ASSERT_EQ(list_.size(), 2u);
   EXPECT_TRUE(list_.front()->epg.empty());
@@ -243,7 +230,6 @@ TEST_F(Eit_list, a_failing_guide_leaves_the_caches_empty) {
 TEST_F(Eit_list, statements_are_these_with_their_numbers) {
   service(5, 10);
   const std::string trace = messages_at(4, [this] { get(); });
-  verbosity_kelvo = 0;
   EXPECT_THAT(db_support::statements(trace),
               testing::ElementsAre(
                   "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND "
@@ -262,11 +248,11 @@ class Service_types : public Eit_list {
       service(type, 100 + type, 300, type);
   }
   std::vector<int> listed(const std::vector<int>& types) {
-    sdbl_.set_eit_service_types(types.data(), static_cast<int>(types.size()));
+    sdbl().set_eit_service_types(types.data(), static_cast<int>(types.size()));
     return listed();
   }
   std::vector<int> listed() {
-    sdbl_.clear_eit_scan_list(&list_);
+    sdbl().clear_eit_scan_list(&list_);
     get();
     std::vector<int> channels;
     for (const SQL_cache* entry : list_)
@@ -279,7 +265,7 @@ class Service_types : public Eit_list {
 
 TEST_F(Service_types, the_statement_names_several_types_in_their_order_once) {
   const int types[] = {25, 1, 22, 25};
-  sdbl_.set_eit_service_types(types, 4);
+  sdbl().set_eit_service_types(types, 4);
   const std::string trace = support::messages_at(4, [this] { get(); });
   EXPECT_EQ(support::statements_in(trace).front(),
             "SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid where  hf_conn = $hf_conn AND "
@@ -302,7 +288,7 @@ TEST_F(Service_types, nothing_that_names_a_service_restores_the_default) {
     EXPECT_THAT(listed(types), testing::ElementsAre(1));
   }
   EXPECT_THAT(listed({2}), testing::ElementsAre(2));
-  sdbl_.set_eit_service_types(nullptr, 3);
+  sdbl().set_eit_service_types(nullptr, 3);
   EXPECT_THAT(listed(), testing::ElementsAre(1));
 }
 
@@ -311,11 +297,7 @@ TEST_F(Service_types, values_outside_a_byte_are_left_out) {
 }
 
 TEST_F(Service_types, the_default_keeps_its_statement) {
-  const std::string trace = stderr_of([this] {
-    verbosity_kelvo = 4;
-    get();
-    verbosity_kelvo = 0;
-  });
+  const std::string trace = messages_at(4, [this] { get(); });
   EXPECT_THAT(trace, testing::HasSubstr("cache run for command SELECT pat_prnr, pmt_pid, channel, pcr_pid from kanalid "
                                         "where  hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq AND "
                                         "serv_type = 1;\n"));
@@ -323,6 +305,6 @@ TEST_F(Service_types, the_default_keeps_its_statement) {
 
 TEST_F(Service_types, an_existing_list_stays) {
   EXPECT_THAT(listed({2, 10}), testing::SizeIs(2));
-  sdbl_.set_eit_service_types(nullptr, 0);
+  sdbl().set_eit_service_types(nullptr, 0);
   EXPECT_THAT(list_, testing::SizeIs(2));
 }

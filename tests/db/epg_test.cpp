@@ -11,21 +11,15 @@
 
 #include <climits>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/support.h"
 
-using db_support::number;
-using db_support::rows;
-using db_support::run;
+using support::messages_at;
 using support::stderr_of;
+using support::Texts;
 using testing::HasSubstr;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 // start+duration:id of every entry
 Texts shown(const std::vector<EPG_cache*>& cache) {
@@ -36,30 +30,44 @@ Texts shown(const std::vector<EPG_cache*>& cache) {
   return all;
 }
 
-class Epg : public testing::Test {
+class Epg : public db_support::Database_test {
  protected:
-  Epg() : sdbl_(dir_.file("a.db").c_str()) { sc_.channel = 7; }
-  ~Epg() override {
-    verbosity_kelvo = 0;
-    clear();
-  }
+  Epg() { sc_.channel = 7; }
+  ~Epg() override { clear(); }
   void clear() {
     for (EPG_cache* event : sc_.epg)
       delete event;
     sc_.epg.clear();
   }
   int lookup(int ev_id, int start, int duration) {
-    return sdbl_.lookup_epg_cache(&sc_.epg, ev_id, start, duration, &changed_, &overlap_);
+    return sdbl().lookup_epg_cache(&sc_.epg, ev_id, start, duration, &changed_, &overlap_);
   }
-  int search(int t) { return sdbl_.epg_cache_binary_search(&sc_.epg, t); }
+  // The result and what else it says.
+  std::string looked_up(int ev_id, int start, int duration) {
+    const int result = lookup(ev_id, start, duration);
+    return std::to_string(result) + (changed_ ? " changed" : "") + (overlap_ ? " overlap" : "");
+  }
+  int search(int t) { return sdbl().epg_cache_binary_search(&sc_.epg, t); }
   int store(long start, int duration, int ev_id = 1, bool replace = false, bool overlapping = false) {
-    return sdbl_.eit_for_service(1, 2, 506000000, 10, &sc_, 0x20100101, 0x000000, 0x003000, start, duration, 4, 1,
-                                 ev_id, &content_, &rating_, replace, overlapping);
+    return sdbl().eit_for_service(1, 2, 506000000, 10, &sc_, 0x20100101, 0x000000, 0x003000, start, duration, 4, 1,
+                                  ev_id, &content_, &rating_, replace, overlapping);
   }
-  Texts events() { return rows(sdbl_, "SELECT start_epoch, dur_sec FROM epglist ORDER BY start_epoch"); }
+  // An event of 1000 seconds that started at this distance from now, looked at before the second is over.
+  void expect_not_running(long start) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      run("DELETE FROM epglist");
+      const long now = time(nullptr);
+      store(now + start, 1000);
+      const int available = sdbl().eit_info_available(7);
+      if (time(nullptr) != now)
+        continue;  // the clock went on meanwhile
+      EXPECT_EQ(available, 0);
+      return;
+    }
+    FAIL() << "the clock never stood still";
+  }
+  Texts events() { return rows("SELECT start_epoch, dur_sec FROM epglist ORDER BY start_epoch"); }
 
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
   SQL_cache sc_{};
   bool changed_ = false;
   bool overlap_ = false;
@@ -135,30 +143,23 @@ TEST_F(Epg_cache, search_among_many_finds_each) {
 TEST_F(Epg_cache, a_null_entry_is_an_error) {
   sc_.epg = {nullptr};
   int index = 0;
-  EXPECT_EQ(stderr_of([&] { index = search(5); }), "ERROR: ec is null");
-  EXPECT_EQ(index, -1);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { index = search(5); }), "");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(search(5), -1); }), "ERROR: ec is null");
+  EXPECT_EQ(messages_at(-1, [&] { index = search(5); }), "");
 }
 
 TEST_F(Epg_cache, an_unassigned_cache_is_an_error) {
   changed_ = overlap_ = true;
-  int result = -1;
-  EXPECT_THAT(stderr_of([&] { result = sdbl_.lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_), 0); }),
               testing::MatchesRegex("ERROR: EPG cache is unassigned .+\n"));
-  EXPECT_EQ(result, 0);
   EXPECT_FALSE(changed_);
   EXPECT_FALSE(overlap_);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }), "");
 }
 
 TEST_F(Epg_cache, quirk_low_addresses_count_as_unassigned) {
   auto* low = reinterpret_cast<std::vector<EPG_cache*>*>(uintptr_t{65534});
-  int result = -1;
-  EXPECT_EQ(stderr_of([&] { result = sdbl_.lookup_epg_cache(low, 1, 2, 3, &changed_, &overlap_); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().lookup_epg_cache(low, 1, 2, 3, &changed_, &overlap_), 0); }),
             "ERROR: EPG cache is unassigned 0xfffe\n");
-  EXPECT_EQ(result, 0);
 }
 
 TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
@@ -168,7 +169,7 @@ TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
   if (place == MAP_FAILED)
     GTEST_SKIP() << "the address cannot be had";
   auto* cache = new (place) Cache;
-  EXPECT_EQ(stderr_of([&] { sdbl_.lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
+  EXPECT_EQ(stderr_of([&] { sdbl().lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
   EXPECT_EQ(shown(*cache), (Texts{"100+50:1"}));
   for (EPG_cache* event : *cache)
     delete event;
@@ -177,56 +178,40 @@ TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
 }
 
 TEST_F(Epg_cache, an_unknown_event_is_remembered_and_then_known) {
-  EXPECT_EQ(lookup(1, 100, 50), 0);
-  EXPECT_FALSE(changed_);
-  EXPECT_FALSE(overlap_);
-  EXPECT_EQ(lookup(1, 100, 50), 1);
-  EXPECT_FALSE(changed_);
-  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(looked_up(1, 100, 50), "0");
+  EXPECT_EQ(looked_up(1, 100, 50), "1");
   EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1"}));
 }
 
 TEST_F(Epg_cache, the_same_slot_with_a_new_id_is_changed_in_place) {
   lookup(1, 100, 50);
   const EPG_cache* entry = sc_.epg[0];
-  EXPECT_EQ(lookup(2, 100, 50), 0);
-  EXPECT_TRUE(changed_);
-  EXPECT_FALSE(overlap_);
+  EXPECT_EQ(looked_up(2, 100, 50), "0 changed");
   EXPECT_EQ(sc_.epg, (std::vector<EPG_cache*>{const_cast<EPG_cache*>(entry)}));
   EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:2"}));
   EXPECT_EQ(lookup(2, 100, 50), 1);
 }
 
-TEST_F(Epg_cache, an_event_inside_another_overlaps_and_is_remembered) {
-  lookup(1, 100, 50);
-  EXPECT_EQ(lookup(2, 120, 50), 0);
-  EXPECT_TRUE(overlap_);
-  EXPECT_FALSE(changed_);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1", "120+50:2"}));
-}
-
-TEST_F(Epg_cache, an_event_that_begins_before_another_and_reaches_into_it_does_not_overlap) {
-  lookup(1, 100, 50);
-  EXPECT_EQ(lookup(2, 50, 200), 0);
-  EXPECT_FALSE(overlap_);
-  EXPECT_FALSE(changed_);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"50+200:2", "100+50:1"}));
-}
-
-TEST_F(Epg_cache, an_event_that_follows_another_at_once_does_not_overlap) {
-  lookup(1, 100, 50);
-  EXPECT_EQ(lookup(2, 150, 50), 0);
-  EXPECT_FALSE(overlap_);
-  EXPECT_EQ(lookup(3, 50, 50), 0);
-  EXPECT_FALSE(overlap_);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"50+50:3", "100+50:1", "150+50:2"}));
-}
-
-TEST_F(Epg_cache, another_duration_takes_the_place_of_the_entry) {
-  lookup(1, 100, 50);
-  EXPECT_EQ(lookup(1, 100, 60), 0);
-  EXPECT_TRUE(overlap_);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"100+60:1"}));
+TEST_F(Epg_cache, an_event_overlaps_where_its_start_lies_within_another) {
+  const struct {
+    const char* legend;
+    int ev_id, start, duration;
+    const char* result;
+    Texts cache;
+  } cases[] = {
+      {"inside, remembered", 2, 120, 50, "0 overlap", {"100+50:1", "120+50:2"}},
+      {"begins before and reaches into it", 2, 50, 200, "0", {"50+200:2", "100+50:1"}},
+      {"follows at once", 2, 150, 50, "0", {"100+50:1", "150+50:2"}},
+      {"goes before at once", 3, 50, 50, "0", {"50+50:3", "100+50:1"}},
+      {"another duration takes the place", 1, 100, 60, "0 overlap", {"100+60:1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.legend);
+    clear();
+    lookup(1, 100, 50);
+    EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), c.result);
+    EXPECT_EQ(shown(sc_.epg), c.cache);
+  }
 }
 
 TEST_F(Epg_cache, entries_are_kept_in_order_of_start) {
@@ -298,37 +283,38 @@ TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
 
 TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
   SQL_cache other{};
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] {
-              lookup(1, 1000, 100);                                                    // new: a miss
-              lookup(1, 1000, 100);                                                    // the same: a hit
-              lookup(2, 1000, 100);                                                    // another id: a hit
-              lookup(3, 1050, 100);                                                    // within the other: a miss
-              lookup(2, 1000, 90);                                                     // another duration: a miss
-              lookup(4, 5000, 0);                                                      // without one: a miss,
-              lookup(4, 5000, 0);                                                      // each time
-              sdbl_.lookup_epg_cache(&other.epg, 1, 1000, 100, &changed_, &overlap_);  // of another service: a miss
-              for (int i = 8; i < 99; ++i)
-                lookup(2, 1000, 90);
-            }),
+  EXPECT_EQ(messages_at(2,
+                        [&] {
+                          lookup(1, 1000, 100);  // new: a miss
+                          lookup(1, 1000, 100);  // the same: a hit
+                          lookup(2, 1000, 100);  // another id: a hit
+                          lookup(3, 1050, 100);  // within the other: a miss
+                          lookup(2, 1000, 90);   // another duration: a miss
+                          lookup(4, 5000, 0);    // without one: a miss,
+                          lookup(4, 5000, 0);    // each time
+                          sdbl().lookup_epg_cache(&other.epg, 1, 1000, 100, &changed_,
+                                                  &overlap_);  // of another service: a miss
+                          for (int i = 8; i < 99; ++i)
+                            lookup(2, 1000, 90);
+                        }),
             "");
-  EXPECT_EQ(stderr_of([&] { lookup(2, 1000, 90); }), "Epg cache hit 94, miss 6\n");
+  EXPECT_EQ(messages_at(2, [&] { lookup(2, 1000, 90); }), "Epg cache hit 94, miss 6\n");
   delete other.epg.front();
 }
 
 TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] {
-              for (int i = 0; i < 99; ++i)
-                lookup(1, 100, 50);
-            }),
+  EXPECT_EQ(messages_at(2,
+                        [&] {
+                          for (int i = 0; i < 99; ++i)
+                            lookup(1, 100, 50);
+                        }),
             "");
-  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Epg cache hit 99, miss 1\n");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] {
-              for (int i = 0; i < 100; ++i)
-                lookup(1, 100, 50);
-            }),
+  EXPECT_EQ(messages_at(2, [&] { lookup(1, 100, 50); }), "Epg cache hit 99, miss 1\n");
+  EXPECT_EQ(messages_at(1,
+                        [&] {
+                          for (int i = 0; i < 100; ++i)
+                            lookup(1, 100, 50);
+                        }),
             "");
   verbosity_kelvo = 2;
   for (int i = 0; i < 99; ++i)
@@ -337,16 +323,14 @@ TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
 }
 
 TEST_F(Epg_cache, look_ups_are_traced) {
-  verbosity_kelvo = 4;
-  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Lookup cachematch is 0\nepg cache entry inserted\n");
-  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "Lookup cachematch is 1\n");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { lookup(1, 100, 50); }), "");
+  EXPECT_EQ(messages_at(4, [&] { lookup(1, 100, 50); }), "Lookup cachematch is 0\nepg cache entry inserted\n");
+  EXPECT_EQ(messages_at(4, [&] { lookup(1, 100, 50); }), "Lookup cachematch is 1\n");
+  EXPECT_EQ(messages_at(3, [&] { lookup(1, 100, 50); }), "");
 }
 
 TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
   EXPECT_EQ(store(1262304000, 1800, 42), 1);
-  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist"),
+  EXPECT_EQ(rows("SELECT * FROM epglist"),
             (Texts{"1|7|2.5|537919745|0|1262304000|12288|1800|4.1.0.0 |0c@EST |4|1|42|10"}));
   EXPECT_EQ(store(1262305800, 1800, 43), 2);
 }
@@ -354,10 +338,8 @@ TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
 TEST_F(Epg_store, a_second_event_of_the_same_start_is_refused) {
   store(1000, 60);
   int entry = 0;
-  EXPECT_EQ(stderr_of([&] { entry = store(1000, 90); }), "ERROR: eit_for_service: rc is 2067\n");
-  EXPECT_EQ(entry, -1);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { entry = store(1000, 90); }), "");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 90), -1); }), "ERROR: eit_for_service: rc is 2067\n");
+  EXPECT_EQ(messages_at(-1, [&] { entry = store(1000, 90); }), "");
   EXPECT_EQ(events(), (Texts{"1000|60"}));
   EXPECT_EQ(store(2000, 90), 2);
 }
@@ -374,15 +356,13 @@ TEST_F(Epg_store, negative_and_huge_values_are_refused_or_limited) {
 TEST_F(Epg_store, replacing_takes_the_place_of_the_event_of_that_start) {
   const int first = store(1000, 60, 1);
   int second = 0;
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { second = store(1000, 90, 2, true); }),
+  EXPECT_EQ(messages_at(1, [&] { second = store(1000, 90, 2, true); }),
             "WARNING: Replacing event id channel 7, ymd_bcd 20100101, hms_bcd 0\n");
   EXPECT_GT(second, first);
-  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist"),
+  EXPECT_EQ(rows("SELECT * FROM epglist"),
             (Texts{std::to_string(second) + "|7|2.5|537919745|0|1000|12288|90|4.1.0.0 |0c@EST |4|1|2|10"}));
-  verbosity_kelvo = 0;
   EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(1000, 60, 3, true), second); }), "");
-  EXPECT_EQ(rows(sdbl_, "SELECT dur_sec, ev_id FROM epglist"), (Texts{"60|3"}));
+  EXPECT_EQ(rows("SELECT dur_sec, ev_id FROM epglist"), (Texts{"60|3"}));
 }
 
 TEST_F(Epg_store, replacing_an_event_that_is_not_there_stores_it) {
@@ -395,39 +375,36 @@ TEST_F(Epg_store, replacing_leaves_the_event_of_that_start_of_another_service) {
   store(1000, 60, 1);
   sc_.channel = 8;
   store(1000, 60, 2, true);
-  EXPECT_EQ(rows(sdbl_, "SELECT channel, ev_id FROM epglist ORDER BY channel"), (Texts{"7|1", "8|2"}));
+  EXPECT_EQ(rows("SELECT channel, ev_id FROM epglist ORDER BY channel"), (Texts{"7|1", "8|2"}));
 }
 
 TEST_F(Epg_store, quirk_texts_of_a_replaced_event_stay) {
   const int first = store(1000, 60, 1);
-  sdbl_.insert_epglist_lang(first, "eng", "Name", "", "", "");
+  sdbl().insert_epglist_lang(first, "eng", "Name", "", "", "");
   store(1000, 90, 2, true);
-  EXPECT_EQ(rows(sdbl_, "SELECT source_oid, ev_name FROM epglist_lang"), (Texts{std::to_string(first) + "|Name"}));
+  EXPECT_EQ(rows("SELECT source_oid, ev_name FROM epglist_lang"), (Texts{std::to_string(first) + "|Name"}));
 }
 
 TEST_F(Epg_store, overlapping_deletes_what_is_in_the_way) {
   store(1000, 60);
   store(1060, 60);
   store(1120, 60);
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { EXPECT_GT(store(1030, 60, 9, false, true), 0); }),
+  EXPECT_THAT(messages_at(1, [&] { EXPECT_GT(store(1030, 60, 9, false, true), 0); }),
               testing::StartsWith("WARNING: Overlapping\n"));
   EXPECT_EQ(events(), (Texts{"1030|60", "1120|60"}));
-  verbosity_kelvo = 0;
   EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(5000, 60, 9, false, true), 0); }), "");
 }
 
 // As the guide would do it: the look-up has remembered the new event before the old one goes.
 TEST_F(Epg_store, an_event_over_a_remembered_one_drops_that_from_the_cache_too) {
   lookup(1, 1000, 60);
-  sdbl_.insert_epglist_lang(store(1000, 60), "eng", "Old", "", "", "");
+  sdbl().insert_epglist_lang(store(1000, 60), "eng", "Old", "", "", "");
   lookup(2, 1030, 60);
   ASSERT_TRUE(overlap_);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1030, 60, 2, changed_, overlap_), 2); }),
+  EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(1030, 60, 2, changed_, overlap_), 2); }),
             "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n");
   EXPECT_EQ(events(), (Texts{"1030|60"}));
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 0);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 0);
   EXPECT_EQ(shown(sc_.epg), (Texts{"1030+60:2"}));
 }
 
@@ -436,8 +413,7 @@ TEST_F(Epg_store, an_event_of_the_same_start_and_another_duration_keeps_its_plac
   store(1000, 60);
   lookup(1, 1000, 90);
   ASSERT_TRUE(overlap_);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 90, 1, changed_, overlap_), 2); }),
+  EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(1000, 90, 1, changed_, overlap_), 2); }),
             "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
             "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
   EXPECT_EQ(events(), (Texts{"1000|90"}));
@@ -445,8 +421,7 @@ TEST_F(Epg_store, an_event_of_the_same_start_and_another_duration_keeps_its_plac
 }
 
 TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 60, 1, true, true), 1); }),
+  EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(store(1000, 60, 1, true, true), 1); }),
             "WARNING: Overlapping\n"
             "WARNING: No rows in db are between 1000 ... 1060 delete criteria, rc = 101\n"
             "WARNING: Replacing event id channel 7, ymd_bcd 20100101, hms_bcd 0\n");
@@ -456,8 +431,7 @@ TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
 TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
   lookup(1, INT_MAX - 100, INT_MAX);
   store(INT_MAX - 100, INT_MAX);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(INT_MAX - 50, INT_MAX, 2, false, true), 2); }),
+  EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(INT_MAX - 50, INT_MAX, 2, false, true), 2); }),
             "WARNING: Overlapping\n"
             "Delete ch 7 from 2147483597 - 2147483647\n"
             "Deleted 2147483547 -2147483647  No event description\n");
@@ -466,30 +440,26 @@ TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
 }
 
 TEST_F(Epg_store, events_are_traced) {
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { store(1000, 60, 42); }),
+  EXPECT_THAT(messages_at(4, [&] { store(1000, 60, 42); }),
               testing::StartsWith("Db event 42 freq 506000000 prnr 10 ymd 20100101 hms 0 dur 3000\n"));
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { store(2000, 60, 43); }), "");
+  EXPECT_EQ(messages_at(3, [&] { store(2000, 60, 43); }), "");
 }
 
 TEST_F(Epg_store, texts_are_stored_in_each_language_once) {
   const char* hostile = "it's 100% \"odd\"; DROP TABLE epglist; -- \xff";
-  EXPECT_EQ(sdbl_.insert_epglist_lang(5, "eng", hostile, "Desc", "Ext", "List"), 0);
-  EXPECT_EQ(sdbl_.insert_epglist_lang(5, "est", "Nimi", "", "", ""), 0);
+  EXPECT_EQ(sdbl().insert_epglist_lang(5, "eng", hostile, "Desc", "Ext", "List"), 0);
+  EXPECT_EQ(sdbl().insert_epglist_lang(5, "est", "Nimi", "", "", ""), 0);
   int rc = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.insert_epglist_lang(5, "eng", "Other", "", "", ""); }), "");
-  EXPECT_EQ(rc, 0);
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.insert_epglist_lang(5, "eng", "Other", "", "", ""); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().insert_epglist_lang(5, "eng", "Other", "", "", ""), 0); }), "");
+  EXPECT_EQ(messages_at(1, [&] { rc = sdbl().insert_epglist_lang(5, "eng", "Other", "", "", ""); }),
             "WARNING: epglist_lang rc = 2067\n");
-  EXPECT_EQ(rows(sdbl_, "SELECT * FROM epglist_lang ORDER BY lang"),
+  EXPECT_EQ(rows("SELECT * FROM epglist_lang ORDER BY lang"),
             (Texts{std::string("5|eng|") + hostile + "|Desc|Ext|List", "5|est|Nimi|||"}));
 }
 
 TEST_F(Epg_store, quirk_event_name_of_two_letters_becomes_empty) {
-  sdbl_.insert_epglist_lang(5, "eng", "TV", "Desc", "", "");
-  EXPECT_EQ(rows(sdbl_, "SELECT ev_name, ev_desc FROM epglist_lang"), (Texts{"|Desc"}));
+  sdbl().insert_epglist_lang(5, "eng", "TV", "Desc", "", "");
+  EXPECT_EQ(rows("SELECT ev_name, ev_desc FROM epglist_lang"), (Texts{"|Desc"}));
 }
 
 TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
@@ -512,12 +482,12 @@ TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
       {"after", 1200, 10, false},
   };
   for (const auto& c : cases) {
-    run(sdbl_, "DELETE FROM epglist");
+    run("DELETE FROM epglist");
     clear();
     store(c.start, c.duration);
     lookup(1, c.start, c.duration);
-    EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_), 0);
-    EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), c.goes ? 0 : 1) << c.legend;
+    EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_), 0);
+    EXPECT_EQ(number("SELECT count(*) FROM epglist"), c.goes ? 0 : 1) << c.legend;
     EXPECT_EQ(sc_.epg.size(), c.goes ? 0u : 1u) << c.legend;
   }
 }
@@ -528,12 +498,12 @@ TEST_F(Epg_delete, events_that_overlap_in_every_way_go_in_one_call) {
   for (const auto& list :
        {std::vector(std::begin(going), std::end(going)), std::vector(std::begin(staying), std::end(staying))})
     for (const auto& [start, duration] : list)
-      sdbl_.insert_epglist_lang(store(start, duration), "eng", "Name", "", "", "");
+      sdbl().insert_epglist_lang(store(start, duration), "eng", "Name", "", "", "");
   verbosity_kelvo = -1;  // nothing is in the cache
-  EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_), 0);
+  EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_), 0);
   EXPECT_EQ(events(), (Texts{"700|200", "901|99", "1100|10", "1101|100"}));
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 4);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist JOIN epglist_lang ON entry = source_oid"), 4);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 4);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist JOIN epglist_lang ON entry = source_oid"), 4);
 }
 
 // Those at either end of the range go, too. The search does not find them, so they stay in the cache.
@@ -542,7 +512,7 @@ TEST_F(Epg_delete, events_without_a_duration_go_with_the_range_and_stay_in_the_c
     store(start, 0);
     lookup(1, start, 0);
   }
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_), 0); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_), 0); }),
             "ERROR: Nothing to delete in cache list for start_epoch 1000\n"
             "ERROR: Nothing to delete in cache list for start_epoch 1050\n"
             "ERROR: Nothing to delete in cache list for start_epoch 1100\n");
@@ -552,25 +522,22 @@ TEST_F(Epg_delete, events_without_a_duration_go_with_the_range_and_stay_in_the_c
 
 TEST_F(Epg_delete, texts_go_with_their_event_and_other_channels_stay) {
   const int entry = store(1000, 60);
-  sdbl_.insert_epglist_lang(entry, "eng", "Name", "", "", "");
-  sdbl_.insert_epglist_lang(entry + 50, "eng", "Other", "", "", "");
-  run(sdbl_, "INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (8, 1000, 60)");
+  sdbl().insert_epglist_lang(entry, "eng", "Name", "", "", "");
+  sdbl().insert_epglist_lang(entry + 50, "eng", "Other", "", "", "");
+  run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (8, 1000, 60)");
   lookup(1, 1000, 60);
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.delete_epglist_range(7, 0, 5000, true, &sc_), 0); }), "");
-  EXPECT_EQ(rows(sdbl_, "SELECT channel FROM epglist"), (Texts{"8"}));
-  EXPECT_EQ(rows(sdbl_, "SELECT ev_name FROM epglist_lang"), (Texts{"Other"}));
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().delete_epglist_range(7, 0, 5000, true, &sc_), 0); }), "");
+  EXPECT_EQ(rows("SELECT channel FROM epglist"), (Texts{"8"}));
+  EXPECT_EQ(rows("SELECT ev_name FROM epglist_lang"), (Texts{"Other"}));
 }
 
 TEST_F(Epg_delete, nothing_to_delete_warns) {
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
+  EXPECT_EQ(messages_at(1, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "Delete ch 7 from 1000 - 1100\n"
             "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
 }
@@ -578,112 +545,81 @@ TEST_F(Epg_delete, nothing_to_delete_warns) {
 TEST_F(Epg_delete, deleted_events_are_traced_with_their_names) {
   const int entry = store(1000, 60);
   store(1060, 60);
-  sdbl_.insert_epglist_lang(entry, "eng", "Name", "", "", "");
+  sdbl().insert_epglist_lang(entry, "eng", "Name", "", "", "");
   lookup(1, 1000, 60);
   lookup(1, 1060, 60);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
             "Delete ch 7 from 1000 - 1100\nDeleted 1000 -1060 Name\nDeleted 1060 -1120  No event description\n");
   store(1000, 60);
   lookup(1, 1000, 60);
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "Delete ch 7 from 1000 - 1100\n")
       << "without the trace";
   store(1000, 60);
   lookup(1, 1000, 60);
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
+  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
 }
 
 TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
   store(1000, 60);
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "ERROR: Nothing to delete in cache list for start_epoch 1000\n");
   EXPECT_EQ(events(), Texts{});
   store(1000, 60);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
 }
 
 TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
   store(1000, 60);
   lookup(1, 1000, 90);
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
   EXPECT_EQ(shown(sc_.epg), (Texts{"1000+90:1"}));
   store(1000, 60);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
   clear();
   lookup(1, 900, 200);
   store(1000, 200);
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
             "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 900 != 1000,  dur_sec 200 != 200\n");
   EXPECT_EQ(shown(sc_.epg), (Texts{"900+200:1"}));
   store(1000, 60);
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { sdbl_.delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
 }
 
 TEST_F(Epg, an_event_is_running_between_its_start_and_its_end) {
   const long now = time(nullptr);
-  EXPECT_EQ(sdbl_.eit_info_available(7), 0);
+  EXPECT_EQ(sdbl().eit_info_available(7), 0);
   store(now + 100, 1000);
   store(now - 2000, 1000);
-  EXPECT_EQ(sdbl_.eit_info_available(7), 0);
+  EXPECT_EQ(sdbl().eit_info_available(7), 0);
   store(now - 100, 150);
-  EXPECT_EQ(sdbl_.eit_info_available(7), 1);
-  EXPECT_EQ(sdbl_.eit_info_available(8), 0);
+  EXPECT_EQ(sdbl().eit_info_available(7), 1);
+  EXPECT_EQ(sdbl().eit_info_available(8), 0);
 }
 
 TEST_F(Epg, quirk_an_event_that_starts_this_second_is_not_running) {
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    run(sdbl_, "DELETE FROM epglist");
-    const long now = time(nullptr);
-    store(now, 1000);
-    const int available = sdbl_.eit_info_available(7);
-    if (time(nullptr) != now)
-      continue;  // the clock went on meanwhile
-    EXPECT_EQ(available, 0);
-    return;
-  }
-  FAIL() << "the clock never stood still";
+  expect_not_running(0);
 }
 
 TEST_F(Epg, an_event_that_ends_this_second_is_not_running) {
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    run(sdbl_, "DELETE FROM epglist");
-    const long now = time(nullptr);
-    store(now - 1000, 1000);
-    const int available = sdbl_.eit_info_available(7);
-    if (time(nullptr) != now)
-      continue;  // the clock went on meanwhile
-    EXPECT_EQ(available, 0);
-    return;
-  }
-  FAIL() << "the clock never stood still";
+  expect_not_running(-1000);
 }
 
 TEST_F(Epg, an_event_whose_end_does_not_fit_32_bits_is_running) {
   store(time(nullptr) - 100, INT_MAX);
-  EXPECT_EQ(sdbl_.eit_info_available(7), 1);
+  EXPECT_EQ(sdbl().eit_info_available(7), 1);
 }
 
 TEST_F(Epg, whether_there_is_an_event_is_said_at_level_3) {
-  verbosity_kelvo = 2;
-  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "");
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "NO EPG ");
-  verbosity_kelvo = 0;
+  EXPECT_EQ(messages_at(2, [&] { sdbl().eit_info_available(7); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl().eit_info_available(7); }), "NO EPG ");
   store(time(nullptr) - 100, 1000);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(stderr_of([&] { sdbl_.eit_info_available(7); }), "EPG OK ");
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { sdbl_.eit_info_available(7); }),
+  EXPECT_EQ(messages_at(3, [&] { sdbl().eit_info_available(7); }), "EPG OK ");
+  EXPECT_THAT(messages_at(4, [&] { sdbl().eit_info_available(7); }),
               testing::MatchesRegex("Current epoch [0-9]+, channel 7 sql_get_int: SELECT OID from .*EPG OK "));
-  verbosity_kelvo = 0;
-  run(sdbl_, "DROP TABLE epg_db.epglist");
-  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl_.eit_info_available(7), 0); }),
+  run("DROP TABLE epg_db.epglist");
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().eit_info_available(7), 0); }),
               HasSubstr("ERROR: SQL_get_int: 1 @ eit_info_available line "));
 }
 
@@ -700,8 +636,8 @@ class Epg_room : public Epg {
  protected:
   // The file may grow by this many pages.
   void limit(int pages) {
-    const int count = number(sdbl_, "PRAGMA epg_db.page_count") + pages;
-    EXPECT_EQ(number(sdbl_, "PRAGMA epg_db.max_page_count=" + std::to_string(count)), count);
+    const int count = number("PRAGMA epg_db.page_count") + pages;
+    EXPECT_EQ(number("PRAGMA epg_db.max_page_count=" + std::to_string(count)), count);
     // What is known of the room is trusted for the rest of the second.
     for (const time_t now = time(nullptr); time(nullptr) == now;)
       usleep(10000);
@@ -713,19 +649,19 @@ class Epg_room : public Epg {
       const int oid = store(static_cast<long>(start + int64_t{stored} * HOUR), HOUR);
       if (oid <= 0)
         return stored;
-      sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
+      sdbl().insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
     }
     return most;
   }
   // As another program sees the file.
   Texts integrity() {
-    const db_support::Other_connection other(dir_.file("a_epg.db"));
-    return rows(other.get(), "PRAGMA integrity_check");
+    const db_support::Other_connection other(guide_file());
+    return other.rows("PRAGMA integrity_check");
   }
   int events_with_text() {
-    return number(sdbl_,
-                  "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
-                  "length(ext_desc) = 3000");
+    return number(
+        "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
+        "length(ext_desc) = 3000");
   }
   const int64_t now_ = time(nullptr);
 };
@@ -733,8 +669,8 @@ class Epg_room : public Epg {
 }  // namespace
 
 TEST_F(Epg_room, the_attached_file_has_the_limit_of_the_main_one) {
-  EXPECT_EQ(number(sdbl_, "PRAGMA epg_db.max_page_count"), 8000);
-  EXPECT_EQ(number(sdbl_, "PRAGMA main.max_page_count"), 8000);
+  EXPECT_EQ(number("PRAGMA epg_db.max_page_count"), 8000);
+  EXPECT_EQ(number("PRAGMA main.max_page_count"), 8000);
 }
 
 TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
@@ -743,7 +679,7 @@ TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
   EXPECT_EQ(stderr_of([&] { stored = fill(now_); }), REFUSED);
   EXPECT_GT(stored, 100);
   EXPECT_LT(stored, 300);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), stored);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist"), stored);
   EXPECT_EQ(events_with_text(), stored) << "no event is without its text";
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ - HOUR), 60), -1); }), REFUSED);
   EXPECT_EQ(integrity(), (Texts{"ok"}));
@@ -751,8 +687,7 @@ TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
 
 TEST_F(Epg_room, a_refusal_is_silent_below_0) {
   limit(0);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_), HOUR), -1); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(store(static_cast<long>(now_), HOUR), -1); }), "");
 }
 
 // With the limit as it is, and texts as long as the longest that are broadcast.
@@ -764,40 +699,37 @@ TEST_F(Epg_room, the_file_ends_below_8000_pages_and_old_events_make_room_again) 
       const int oid = store(static_cast<long>(now_ + int64_t{stored} * HOUR), HOUR);
       if (oid <= 0)
         return;
-      sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
+      sdbl().insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
     }
   };
   const auto expect_sound = [&](int events) {
-    EXPECT_EQ(number(sdbl_,
-                     "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
+    EXPECT_EQ(number("SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
                      "length(ext_desc) = 15000"),
               events);
-    EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), events);
-    EXPECT_LE(number(sdbl_, "PRAGMA epg_db.page_count"), 8000);
-    EXPECT_LE(std::filesystem::file_size(dir_.file("a_epg.db")),
-              8000u * static_cast<unsigned>(number(sdbl_, "PRAGMA epg_db.page_size")));
+    EXPECT_EQ(number("SELECT count(*) FROM epglist"), events);
+    EXPECT_LE(number("PRAGMA epg_db.page_count"), 8000);
+    EXPECT_LE(std::filesystem::file_size(guide_file()),
+              8000u * static_cast<unsigned>(number("PRAGMA epg_db.page_size")));
     EXPECT_EQ(integrity(), (Texts{"ok"}));
   };
   EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
-  EXPECT_GT(number(sdbl_, "PRAGMA epg_db.page_count"), 7800);
+  EXPECT_GT(number("PRAGMA epg_db.page_count"), 7800);
   expect_sound(stored);
   // A hundred grow old.
-  run(sdbl_, "UPDATE epglist SET start_epoch = start_epoch - 1000000000 WHERE entry <= 100");
+  run("UPDATE epglist SET start_epoch = start_epoch - 1000000000 WHERE entry <= 100");
   const int before = stored;
   EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
   EXPECT_GE(stored - before, 90);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - DAY)), 0);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - DAY)), 0);
   expect_sound(stored - 100);
 }
 
 TEST_F(Epg_room, old_events_go_first) {
   fill(now_ - 100 * DAY, 200);
   limit(110);
-  int stored = 0;
-  EXPECT_EQ(stderr_of([&] { stored = fill(now_, 150); }), "");
-  EXPECT_EQ(stored, 150);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - 2 * DAY)), 0);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 150);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fill(now_, 150), 150); }), "");
+  EXPECT_EQ(number("SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - 2 * DAY)), 0);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 150);
   EXPECT_EQ(integrity(), (Texts{"ok"}));
 }
 
@@ -805,13 +737,13 @@ TEST_F(Epg_room, events_of_the_last_day_stay) {
   ASSERT_EQ(fill(now_ - 20 * HOUR, 10), 10);
   limit(50);
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ + 30 * DAY), 60), -1); }), REFUSED);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), 10);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist"), 10);
 }
 
 TEST_F(Epg_room, with_room_nothing_is_removed) {
   ASSERT_EQ(fill(now_ - 100 * DAY, 10), 10);
   ASSERT_EQ(fill(now_, 10), 10);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist"), 20);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist"), 20);
 }
 
 TEST_F(Epg_room, a_text_that_does_not_fit_is_refused_with_a_warning_one_level_up) {
@@ -819,11 +751,10 @@ TEST_F(Epg_room, a_text_that_does_not_fit_is_refused_with_a_warning_one_level_up
   ASSERT_GT(oid, 0);
   limit(10);
   const std::string text(3000, 'x');
-  const auto insert = [&] { EXPECT_EQ(sdbl_.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), ""), 0); };
+  const auto insert = [&] { EXPECT_EQ(sdbl().insert_epglist_lang(oid, "est", "Name", "", text.c_str(), ""), 0); };
   EXPECT_EQ(stderr_of(insert), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of(insert), TEXT_REFUSED);
-  EXPECT_EQ(number(sdbl_, "SELECT count(*) FROM epglist_lang"), 0);
+  EXPECT_EQ(messages_at(1, insert), TEXT_REFUSED);
+  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 0);
   EXPECT_EQ(integrity(), (Texts{"ok"}));
 }
 
@@ -831,8 +762,8 @@ TEST_F(Epg_room, pages_that_were_given_up_are_used_again) {
   limit(200);
   int stored = 0;
   (void)stderr_of([&] { stored = fill(now_); });
-  run(sdbl_, "DELETE FROM epglist");
-  run(sdbl_, "DELETE FROM epglist_lang");
+  run("DELETE FROM epglist");
+  run("DELETE FROM epglist_lang");
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fill(now_, stored - 5), stored - 5); }), "");
 }
 
@@ -866,14 +797,15 @@ TEST(Epg_disk, a_full_disk_refuses_events_and_leaves_the_file_sound) {
     EXPECT_EQ(stderr_of([&] { stored = fill(now, 1000); }), REFUSED);
     EXPECT_GT(stored, 50);
     EXPECT_LT(stored, 500);
-    EXPECT_EQ(rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
-    EXPECT_EQ(number(sdbl, "SELECT count(*) FROM epglist_lang"), stored);
+    EXPECT_EQ(db_support::rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+    EXPECT_EQ(db_support::number(sdbl, "SELECT count(*) FROM epglist_lang"), stored);
     // Half of them grow old.
-    run(sdbl, "UPDATE epglist SET start_epoch = start_epoch - 100000000 WHERE entry <= " + std::to_string(stored / 2));
+    db_support::run(
+        sdbl, "UPDATE epglist SET start_epoch = start_epoch - 100000000 WHERE entry <= " + std::to_string(stored / 2));
     int again = 0;
     EXPECT_EQ(stderr_of([&] { again = fill(now + 2000 * HOUR, stored / 4); }), "");
     EXPECT_EQ(again, stored / 4);
-    EXPECT_EQ(rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+    EXPECT_EQ(db_support::rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
   }
   EXPECT_EQ(umount(dir.file("").c_str()), 0);
 }

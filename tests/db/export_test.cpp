@@ -3,16 +3,10 @@
 #include <filesystem>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
 using db_support::Other_connection;
-using db_support::rows;
-using db_support::run;
 using support::messages_at;
 using support::stderr_of;
 using support::Texts;
@@ -21,30 +15,24 @@ using testing::MatchesRegex;
 
 namespace {
 
-class Channel_export : public testing::Test {
+class Channel_export : public db_support::Database_test {
  protected:
-  Channel_export() : sdbl_(file_.c_str()) {
-    run(sdbl_, "INSERT INTO kanalid (freq, serv_name) VALUES (506000000, 'One')");
-    run(sdbl_, "INSERT INTO epglist (channel) VALUES (1)");
-    sdbl_.create_temp_tables(0);
-    run(sdbl_, "INSERT INTO kanalid_scan_0 (freq) VALUES (7)");
+  Channel_export() {
+    run("INSERT INTO kanalid (freq, serv_name) VALUES (506000000, 'One')");
+    run("INSERT INTO epglist (channel) VALUES (1)");
+    sdbl().create_temp_tables(0);
+    run("INSERT INTO kanalid_scan_0 (freq) VALUES (7)");
   }
-  ~Channel_export() override { verbosity_kelvo = 0; }
 
   void expect_channels_in(const std::string& file) {
     ASSERT_TRUE(std::filesystem::exists(file)) << file;
     Other_connection copy(file);
-    EXPECT_EQ(rows(copy.get(), "SELECT channel, freq, serv_name FROM kanalid"), (Texts{"1|506000000|One"}));
-    EXPECT_EQ(rows(copy.get(),
-                   "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' ORDER "
-                   "BY rowid"),
+    EXPECT_EQ(copy.rows("SELECT channel, freq, serv_name FROM kanalid"), (Texts{"1|506000000|One"}));
+    EXPECT_EQ(copy.rows("SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' ORDER "
+                        "BY rowid"),
               (Texts{"kanalid", "kanalid_lang", "estreams", "tuner_table"}));
-    EXPECT_FALSE(std::filesystem::exists(file_ + "_exp"));
+    EXPECT_FALSE(std::filesystem::exists(this->file() + "_exp"));
   }
-
-  support::Temp_dir dir_;
-  std::string file_ = dir_.file("a.db");
-  Sdbl sdbl_;
 };
 
 using Guide_export = Channel_export;
@@ -52,24 +40,24 @@ using Guide_export = Channel_export;
 }  // namespace
 
 TEST_F(Channel_export, copies_the_channel_tables_alone) {
-  EXPECT_EQ(stderr_of([&] { sdbl_.backup_channel_database(dir_.file("copy.db").c_str()); }), "");
-  expect_channels_in(dir_.file("copy.db"));
+  EXPECT_EQ(stderr_of([&] { sdbl().backup_channel_database(folder().file("copy.db").c_str()); }), "");
+  expect_channels_in(folder().file("copy.db"));
 }
 
 TEST_F(Channel_export, replaces_an_existing_file) {
-  support::write_file(dir_.file("copy.db"), std::string(100000, 'x'));
-  sdbl_.backup_channel_database(dir_.file("copy.db").c_str());
-  expect_channels_in(dir_.file("copy.db"));
+  support::write_file(folder().file("copy.db"), std::string(100000, 'x'));
+  sdbl().backup_channel_database(folder().file("copy.db").c_str());
+  expect_channels_in(folder().file("copy.db"));
 }
 
 TEST_F(Channel_export, goes_across_file_systems) {
   struct stat here, there;
-  ASSERT_EQ(stat(dir_.path().c_str(), &here), 0);
+  ASSERT_EQ(stat(folder().path().c_str(), &here), 0);
   if (stat("/dev/shm", &there) != 0 || here.st_dev == there.st_dev)
     GTEST_SKIP() << "no second file system";
   std::string folder = "/dev/shm/kelvo-test-XXXXXX";
   ASSERT_NE(mkdtemp(folder.data()), nullptr);
-  sdbl_.backup_channel_database((folder + "/copy.db").c_str());
+  sdbl().backup_channel_database((folder + "/copy.db").c_str());
   expect_channels_in(folder + "/copy.db");
   std::filesystem::remove_all(folder);
 }
@@ -77,84 +65,83 @@ TEST_F(Channel_export, goes_across_file_systems) {
 TEST_F(Channel_export, odd_file_names_reach_no_shell) {
   for (const char* name : {"it's.db", "a b.db", "$(touch pwned).db", "`touch pwned`.db", "a;touch pwned;.db", "*.db",
                            "a\"b.db", "-rf.db", "new\nline.db"}) {
-    sdbl_.backup_channel_database(dir_.file(name).c_str());
-    expect_channels_in(dir_.file(name));
+    sdbl().backup_channel_database(folder().file(name).c_str());
+    expect_channels_in(folder().file(name));
   }
   EXPECT_FALSE(std::filesystem::exists("pwned"));
 }
 
 TEST_F(Channel_export, a_relative_name_that_looks_like_an_option_is_a_file) {
   const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(dir_.path());
-  sdbl_.backup_channel_database("--help.db");
-  expect_channels_in(dir_.file("--help.db"));
+  std::filesystem::current_path(folder().path());
+  sdbl().backup_channel_database("--help.db");
+  expect_channels_in(folder().file("--help.db"));
   std::filesystem::current_path(before);
 }
 
 TEST_F(Channel_export, unwritable_target_is_reported_by_mv_and_harms_nothing) {
-  const std::string target = dir_.file("none/copy.db");
-  const std::string text = stderr_of([&] { sdbl_.backup_channel_database(target.c_str()); });
+  const std::string target = folder().file("none/copy.db");
+  const std::string text = stderr_of([&] { sdbl().backup_channel_database(target.c_str()); });
   EXPECT_THAT(text, HasSubstr("mv: "));
   EXPECT_THAT(text, HasSubstr(target));
   EXPECT_FALSE(std::filesystem::exists(target));
-  EXPECT_EQ(sdbl_.get_freq(1), 506000000);
+  EXPECT_EQ(sdbl().get_freq(1), 506000000);
   // What is left behind is replaced by the next export.
-  sdbl_.backup_channel_database(dir_.file("copy.db").c_str());
-  expect_channels_in(dir_.file("copy.db"));
+  sdbl().backup_channel_database(folder().file("copy.db").c_str());
+  expect_channels_in(folder().file("copy.db"));
 }
 
 TEST_F(Channel_export, quirk_temporary_file_is_named_after_the_original_and_must_be_makeable) {
-  std::filesystem::create_directory(file_ + "_exp");
+  std::filesystem::create_directory(file() + "_exp");
   std::string what;
   const std::string text = stderr_of([&] {
     try {
-      sdbl_.backup_channel_database(dir_.file("copy.db").c_str());
+      sdbl().backup_channel_database(folder().file("copy.db").c_str());
     } catch (const no_file_error& error) {
       what = error.what();
     }
   });
   EXPECT_EQ(what, "Unable to open epg file %s");
   EXPECT_THAT(text,
-              HasSubstr("ERROR: FLUSH: Cannot open database " + file_ + "_exp, error unable to open database file\n"));
-  verbosity_kelvo = -1;
+              HasSubstr("ERROR: FLUSH: Cannot open database " + file() + "_exp, error unable to open database file\n"));
   EXPECT_THAT(
-      stderr_of([&] { EXPECT_THROW(sdbl_.backup_channel_database(dir_.file("copy.db").c_str()), no_file_error); }),
+      messages_at(
+          -1, [&] { EXPECT_THROW(sdbl().backup_channel_database(folder().file("copy.db").c_str()), no_file_error); }),
       testing::Not(HasSubstr("ERROR")));
-  EXPECT_FALSE(std::filesystem::exists(dir_.file("copy.db")));
+  EXPECT_FALSE(std::filesystem::exists(folder().file("copy.db")));
 }
 
 TEST_F(Channel_export, of_a_closed_database_copies_nothing) {
-  sdbl_.close_db();
-  EXPECT_THAT(stderr_of([&] { sdbl_.backup_channel_database(dir_.file("copy.db").c_str()); }),
+  sdbl().close_db();
+  EXPECT_THAT(stderr_of([&] { sdbl().backup_channel_database(folder().file("copy.db").c_str()); }),
               testing::Not(HasSubstr("ERROR")));
-  EXPECT_EQ(std::filesystem::file_size(dir_.file("copy.db")), 0u);
-  verbosity_kelvo = -1;
+  EXPECT_EQ(std::filesystem::file_size(folder().file("copy.db")), 0u);
 }
 
 TEST_F(Channel_export, announces_itself_at_level_1) {
-  const std::string target = dir_.file("copy.db");
-  EXPECT_THAT(messages_at(1, [&] { sdbl_.backup_channel_database(target.c_str()); }),
+  const std::string target = folder().file("copy.db");
+  EXPECT_THAT(messages_at(1, [&] { sdbl().backup_channel_database(target.c_str()); }),
               MatchesRegex("WARNING: Exporting channel data to to .*/copy.db WARNING: Completed in [0-9]+ msec\n"));
 }
 
 TEST_F(Guide_export, without_a_file_name_prints_an_error_and_touches_nothing) {
-  const auto before = std::filesystem::last_write_time(dir_.file("a_epg.db"));
-  EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(true); }), "ERROR: Backup file name not set!");
-  EXPECT_EQ(rows(sdbl_, "SELECT count(*) FROM epglist"), (Texts{"1"}));  // an old event, still there
-  EXPECT_EQ(std::filesystem::last_write_time(dir_.file("a_epg.db")), before);
-  EXPECT_EQ(messages_at(-1, [&] { sdbl_.backup_database(false); }), "");
+  const auto before = std::filesystem::last_write_time(guide_file());
+  EXPECT_EQ(stderr_of([&] { sdbl().backup_database(true); }), "ERROR: Backup file name not set!");
+  EXPECT_EQ(rows("SELECT count(*) FROM epglist"), (Texts{"1"}));  // an old event, still there
+  EXPECT_EQ(std::filesystem::last_write_time(guide_file()), before);
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().backup_database(false); }), "");
 }
 
 TEST_F(Guide_export, without_the_folder_of_the_temporary_file_prints_an_error) {
   if (std::filesystem::exists("/dvbfiles"))
     GTEST_SKIP() << "/dvbfiles is there";
-  sdbl_.set_backup_file_name(dir_.file("copy.db").c_str());
-  EXPECT_EQ(stderr_of([&] { sdbl_.backup_database(true); }),
+  sdbl().set_backup_file_name(folder().file("copy.db").c_str());
+  EXPECT_EQ(stderr_of([&] { sdbl().backup_database(true); }),
             "ERROR: Cannot open export file in /dvbfiles/epg_export_tmp.db, unable to open database file\n");
-  EXPECT_FALSE(std::filesystem::exists(dir_.file("copy_epg.db")));
-  EXPECT_EQ(rows(sdbl_, "SELECT count(*) FROM epglist"), (Texts{"0"}));
-  EXPECT_EQ(messages_at(-1, [&] { sdbl_.backup_database(true); }), "");
-  EXPECT_THAT(messages_at(1, [&] { sdbl_.backup_database(true); }),
+  EXPECT_FALSE(std::filesystem::exists(folder().file("copy_epg.db")));
+  EXPECT_EQ(rows("SELECT count(*) FROM epglist"), (Texts{"0"}));
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().backup_database(true); }), "");
+  EXPECT_THAT(messages_at(1, [&] { sdbl().backup_database(true); }),
               MatchesRegex("WARNING: Exporting attached epg database epg_db to .*/copy.db WARNING: Remove_old_entries "
                            "done in [0-9]+ msec, removed 0 entries. ERROR: Cannot open export file in "
                            "/dvbfiles/epg_export_tmp.db, unable to open database file\n"));

@@ -1,16 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
 #include "support/softdvb.h"
-#include "support/support.h"
 #include "system_calls.h"
 
 using db_support::number;
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
 using testing::HasSubstr;
 
@@ -53,8 +52,7 @@ TEST_F(Failures, a_full_disk_is_printed_and_a_later_scan_succeeds) {
   EXPECT_THAT(text, HasSubstr("ERROR: Sqlite_step failed for INSERT INTO kanalid "));
   EXPECT_THAT(text, HasSubstr(", error database or disk is full\n"));
   support::softdvb_control("clear faults");
-  EXPECT_EQ(stderr_of([&] { result = sdbl_->update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }), "");
-  EXPECT_EQ(result, 2);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_->update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT), 2); }), "");
   EXPECT_EQ(rows(*sdbl_, "SELECT pat_prnr FROM kanalid"), (Texts{"10"}));
 }
 
@@ -64,8 +62,7 @@ TEST_F(Failures, nothing_waits_for_the_disk_when_the_files_are_made_or_opened) {
   support::softdvb_control("fault fdatasync=EIO");
   const std::string file = dir_.file("b.db");
   EXPECT_EQ(stderr_of([&] { Sdbl made(file.c_str()); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { Sdbl opened(file.c_str()); }), "");
+  EXPECT_EQ(messages_at(1, [&] { Sdbl opened(file.c_str()); }), "");
 }
 
 TEST_F(Failures, files_that_may_not_be_opened_throw) {
@@ -91,10 +88,8 @@ TEST_F(Failures, a_file_that_another_program_keeps_locked_is_given_up_after_two_
   Other_connection other(dir_.file("a.db"));
   ASSERT_EQ(run(other.get(), "BEGIN EXCLUSIVE"), SQLITE_DONE);
   system_calls::record();
-  int rc = 0;
-  EXPECT_THAT(stderr_of([&] { rc = sdbl_->modify_table_oid(1, "kanalid", "lcn", 7); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl_->modify_table_oid(1, "kanalid", "lcn", 7), SQLITE_BUSY); }),
               testing::MatchesRegex("ERROR: SQL_exec: 5 @ modify_table_oid line [0-9]+\n"));
-  EXPECT_EQ(rc, SQLITE_BUSY);
   EXPECT_EQ(system_calls::waited_us(), 2000000);
   run(other.get(), "COMMIT");
   EXPECT_EQ(sdbl_->modify_table_oid(1, "kanalid", "lcn", 7), 101);
@@ -188,8 +183,7 @@ TEST_F(Failures, a_channel_export_without_room_warns_with_the_step_s_code) {
   const std::string copy = dir_.file("copy.db");
   support::softdvb_control("fault write(a.db_exp)=ENOSPC");
   EXPECT_EQ(stderr_of([&] { sdbl_->backup_channel_database(copy.c_str()); }), "");
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { sdbl_->backup_channel_database(copy.c_str()); }),
+  EXPECT_THAT(messages_at(1, [&] { sdbl_->backup_channel_database(copy.c_str()); }),
               testing::MatchesRegex("WARNING: Exporting channel data to to .*/copy.db WARNING: Backup step rc is 13\n"
                                     "WARNING: Completed in [0-9]+ msec\n"));
 }

@@ -9,14 +9,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
 #include "support/softdvb.h"
-#include "support/support.h"
 
 using db_support::Other_connection;
 using db_support::rows;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -175,8 +174,7 @@ TEST_F(Guide_export_done, unwritable_target_is_reported_by_mv) {
 
 TEST_F(Guide_export_done, announces_itself_at_level_1) {
   sdbl_->set_backup_file_name(dir_.file("copy.db").c_str());
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }),
+  EXPECT_THAT(messages_at(1, [&] { sdbl_->backup_database(true); }),
               MatchesRegex("WARNING: Exporting attached epg database epg_db to .*/copy.db "
                            "WARNING: Remove_old_entries done in [0-9]+ msec, removed 2 entries. "
                            "WARNING: Export completed in [0-9]+ msec\n"));
@@ -189,8 +187,7 @@ TEST_F(Guide_export_done, an_unusable_temporary_file_ends_it) {
       stderr_of([&] { sdbl_->backup_database(true); }),
       HasSubstr("ERROR: Cannot open export file in /dvbfiles/epg_export_tmp.db, unable to open database file\n"));
   EXPECT_FALSE(std::filesystem::exists(dir_.file("copy_epg.db")));
-  verbosity_kelvo = -1;
-  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
+  EXPECT_THAT(messages_at(-1, [&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
 }
 
 TEST_F(Guide_export_done, without_the_guide_prints_that_there_is_nothing_to_copy) {
@@ -199,8 +196,7 @@ TEST_F(Guide_export_done, without_the_guide_prints_that_there_is_nothing_to_copy
   sdbl_->set_backup_file_name(dir_.file("copy.db").c_str());
   EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }),
               HasSubstr("ERROR: Backup structure creating failed unknown database epg_db\n"));
-  verbosity_kelvo = -1;
-  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
+  EXPECT_THAT(messages_at(-1, [&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
 }
 
 TEST_F(Guide_export_done, of_a_closed_database_prints_that_there_is_nothing_to_copy) {
@@ -222,9 +218,8 @@ TEST_F(Guide_export_done, a_disk_without_room_is_printed) {
               MatchesRegex(line + line + "ERROR: SQL_exec: 13 @ backup_database line [0-9]+\n"));
   EXPECT_EQ(rows(*sdbl_, "SELECT entry FROM epglist"), (Texts{"2", "3"}));
   EXPECT_EQ(rows(*sdbl_, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
-  verbosity_kelvo = -1;
-  EXPECT_THAT(stderr_of([&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
+  EXPECT_THAT(messages_at(-1, [&] { sdbl_->backup_database(true); }), Not(HasSubstr("ERROR")));
   support::softdvb_control("clear faults");
-  EXPECT_EQ(stderr_of([&] { sdbl_->backup_database(true); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl_->backup_database(true); }), "");
   expect_guide_in(dir_.file("copy_epg.db"));
 }

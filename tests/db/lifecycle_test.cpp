@@ -8,10 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
 using db_support::conn_of;
 using db_support::number;
@@ -79,24 +76,18 @@ TEST(Epg_file_name, quirk_path_without_a_dot_is_cut_to_nothing) {
 TEST_F(Lifecycle, opening_a_file_in_a_missing_directory_throws) {
   const std::string file = dir_.file("none/a.db");
   const int before = open_files();
-  std::string what;
-  EXPECT_EQ(stderr_of([&] { what = failure_of(file); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(failure_of(file), "Unable to open file"); }),
             "ERROR: FLUSH: Cannot open database " + file + ", error unable to open database file\n");
-  EXPECT_EQ(what, "Unable to open file");
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { failure_of(file); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { failure_of(file); }), "");
   EXPECT_EQ(open_files(), before);
 }
 
 TEST_F(Lifecycle, a_guide_file_that_cannot_be_opened_throws_and_leaves_nothing_open) {
   std::filesystem::create_directory(dir_.file("a_epg.db"));
   const int before = open_files();
-  std::string what;
-  EXPECT_EQ(stderr_of([&] { what = failure_of(file_); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(failure_of(file_), "Unable to open epg file %s"); }),
             "ERROR: FLUSH: Cannot open database " + dir_.file("a_epg.db") + ", error unable to open database file\n");
-  EXPECT_EQ(what, "Unable to open epg file %s");
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { failure_of(file_); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { failure_of(file_); }), "");
   EXPECT_EQ(open_files(), before);
 }
 
@@ -123,8 +114,7 @@ TEST_F(Lifecycle, banner_and_progress_have_their_levels) {
   EXPECT_EQ(messages_at(3, [&] { open(); }),
             "Kelvo DVB-T si parser ver. 2.5\nSetting shared cache mode for database open calls\n"
             "SQLITE library in thread-safe mode\n");
-  verbosity_kelvo = 4;
-  const std::string text = stderr_of([&] { open(); });
+  const std::string text = messages_at(4, [&] { open(); });
   EXPECT_THAT(text, testing::StartsWith("Kelvo DVB-T si parser ver. 2.5\nDEBUG issue, SQL_TIMEOUT is 2000 msec\n"
                                         "Opening dvb info database in " +
                                         file_ + ", len " + std::to_string(file_.size()) + ", out " + file_ +
@@ -134,11 +124,8 @@ TEST_F(Lifecycle, banner_and_progress_have_their_levels) {
 
 TEST_F(Lifecycle, every_step_of_opening_is_in_order) {
   open();
-  verbosity_kelvo = 4;
-  std::string text = stderr_of([&] { open(); });
-  Texts statements;
-  for (size_t at = 0; (at = text.find("sql_exec: ", at)) != std::string::npos; ++at)
-    statements.push_back(text.substr(at + 10, text.find('\n', at) - at - 10));
+  std::string text = messages_at(4, [&] { open(); });
+  const Texts statements = db_support::after("sql_exec: ", text);
   const Texts pragmas = {"PRAGMA max_page_count=8000;", "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
                          "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;"};
   Texts expected = pragmas;
@@ -181,8 +168,7 @@ TEST_F(Lifecycle, closing_twice_prints_an_error_and_does_nothing_else) {
   EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), "");
   EXPECT_FALSE(sdbl->db_opened());
   EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), "ERROR: Closing closed db");
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl->close_db(); }), "");
   EXPECT_FALSE(sdbl->db_opened());
 }
 
@@ -191,7 +177,6 @@ TEST_F(Lifecycle, closing_traces_its_steps_at_level_4) {
   auto second = open();
   EXPECT_EQ(messages_at(3, [&] { second->close_db(); }), "");
   EXPECT_EQ(messages_at(4, [&] { sdbl->close_db(); }), "Closing db sql_exec: DETACH DATABASE epg_db;\ncldone\n");
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, destroying_ends_the_statements_of_the_cache_before_closing) {
@@ -205,13 +190,11 @@ TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
   auto sdbl = open();
   sqlite3_step(sdbl->sql_cache(false, 0, "SELECT 1"));
   (void)sdbl->sql_cache(false, 1, "SELECT 2");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl->close_db(); }),
+  EXPECT_EQ(messages_at(1, [&] { sdbl->close_db(); }),
             "WARNING: Open statement in close db\nWARNING: Open statement in close db\n");
   auto second = open();
   (void)second->sql_cache(false, 0, "SELECT 1");
   EXPECT_EQ(messages_at(0, [&] { second->close_db(); }), "");
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, a_connection_in_use_is_tried_five_times_and_left) {
@@ -228,7 +211,6 @@ TEST_F(Lifecycle, a_connection_in_use_is_tried_five_times_and_left) {
   EXPECT_FALSE(sdbl->db_opened());
   sqlite3_backup_finish(backup);
   EXPECT_EQ(sqlite3_close(conn), SQLITE_OK);
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, reopening_brings_the_channels_back_without_the_guide) {
@@ -246,7 +228,6 @@ TEST_F(Lifecycle, reopening_brings_the_channels_back_without_the_guide) {
   EXPECT_THAT(messages_at(0, [&] { sdbl->close_db(); }),
               MatchesRegex("ERROR: SQL_exec: 1 @ close_db line [0-9]+\n"
                            "ERROR: Failed to detach epg info database, rc = 1\n"));
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, quirk_opening_an_open_database_complains_and_opens_again) {
@@ -256,7 +237,6 @@ TEST_F(Lifecycle, quirk_opening_an_open_database_complains_and_opens_again) {
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl->open_db(), 1); }), "ERROR: sdbl: opening already opened database\n");
   EXPECT_EQ(sdbl->get_freq(1), 5);
   EXPECT_EQ(rows(*sdbl, "SELECT * FROM kanalid_scan_0"), (Texts{"error: no such table: kanalid_scan_0"}));
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, reopening_a_file_that_is_gone_throws_and_stays_closed) {
@@ -285,7 +265,6 @@ TEST_F(Lifecycle, flushing_announces_itself) {
   EXPECT_EQ(messages_at(2, [&] { sdbl->flush(); }), "");
   EXPECT_EQ(messages_at(3, [&] { sdbl->flush(); }), "Flushing\n");
   EXPECT_EQ(messages_at(4, [&] { sdbl->flush(); }), "Flushing\nFldone\n");
-  verbosity_kelvo = 0;
   sdbl->close_db();
   EXPECT_EQ(stderr_of([&] { sdbl->flush(); }), "ERROR: Flushing closed handle\n");
   EXPECT_EQ(messages_at(-1, [&] { sdbl->flush(); }), "");
@@ -321,8 +300,7 @@ TEST_F(Lifecycle, clearing_empties_the_scan_tables_of_one_instance) {
 
 TEST_F(Lifecycle, scan_tables_are_dropped_built_and_cleared_in_order) {
   auto sdbl = open();
-  verbosity_kelvo = 4;
-  const std::string text = stderr_of([&] { sdbl->create_temp_tables(3); });
+  const std::string text = messages_at(4, [&] { sdbl->create_temp_tables(3); });
   Texts statements;
   for (size_t at = 0; (at = text.find("sql_exec: ", at)) != std::string::npos; ++at)
     if (text.compare(at + 10, 5, "ALTER") != 0)
@@ -332,10 +310,9 @@ TEST_F(Lifecycle, scan_tables_are_dropped_built_and_cleared_in_order) {
                                "CREATE TEMP TABLE 'kanalid_scan_3' (channel integer primary key autoincrement);",
                                "CREATE TEMP TABLE 'kanalid_lang_scan_3' (source_oid int);",
                                "CREATE TEMP TABLE 'estreams_scan_3' (channel int);"}));
-  EXPECT_EQ(stderr_of([&] { sdbl->clear_temp_tables(3); }),
+  EXPECT_EQ(messages_at(4, [&] { sdbl->clear_temp_tables(3); }),
             "sql_exec: DELETE FROM estreams_scan_3;\nsql_exec: DELETE FROM kanalid_scan_3;\n"
             "sql_exec: DELETE FROM kanalid_lang_scan_3;\n");
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Lifecycle, clearing_goes_on_after_a_table_that_is_not_there) {
@@ -426,8 +403,7 @@ TEST_F(Lifecycle, damaged_channel_file_prints_errors_and_is_left_alone) {
   const std::string text = stderr_of([&] { sdbl = open(); });
   EXPECT_THAT(text, HasSubstr("ERROR: SQL_exec: 26 @ open_db line "));
   EXPECT_THAT(text, testing::Not(HasSubstr("create_table")));
-  verbosity_kelvo = -1;
-  (void)stderr_of([&] {
+  (void)messages_at(-1, [&] {
     EXPECT_EQ(sdbl->get_freq(1), -1);
     EXPECT_EQ(sdbl->get_pat_prnr(1, 1), -1);
     EXPECT_EQ(sdbl->set_master_scan_timeout(1, 1, 1), 1);
@@ -444,10 +420,8 @@ TEST_F(Lifecycle, damaged_guide_file_leaves_the_channels_usable) {
   std::unique_ptr<Sdbl> sdbl;
   const std::string text = stderr_of([&] { sdbl = open(); });
   EXPECT_THAT(text, HasSubstr("ERROR: Failed to attach epg database " + dir_.file("a_epg.db") + ", rc = 26\n"));
-  verbosity_kelvo = -1;
   sdbl.reset();
-  EXPECT_EQ(stderr_of([&] { sdbl = open(); }), "");
-  verbosity_kelvo = 0;
+  EXPECT_EQ(messages_at(-1, [&] { sdbl = open(); }), "");
   EXPECT_EQ(run(*sdbl, "INSERT INTO kanalid (freq) VALUES (5)"), SQLITE_DONE);
   EXPECT_EQ(sdbl->get_freq(1), 5);
   verbosity_kelvo = -1;

@@ -1,14 +1,9 @@
 #include <linux/dvb/frontend.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
-using db_support::run;
 using support::messages_at;
 using support::stderr_of;
 using testing::HasSubstr;
@@ -21,25 +16,20 @@ namespace {
 constexpr int FREQ = 506000000;
 constexpr char BROKEN[] = "abs(-9223372036854775808)";
 
-class Read_failure : public testing::Test {
+class Read_failure : public db_support::Database_test {
  protected:
-  Read_failure() : sdbl_(dir_.file("a.db").c_str()) { sdbl_.create_temp_tables(0); }
-  ~Read_failure() override { verbosity_kelvo = 0; }
+  Read_failure() { sdbl().create_temp_tables(0); }
 
   // `columns` are names of columns that are readable, behind the one that is not.
   void break_table(const std::string& schema, const std::string& table, const std::string& broken,
                    const std::string& columns) {
-    ASSERT_EQ(run(sdbl_, "DROP TABLE " + schema + "." + table), SQLITE_DONE);
-    ASSERT_EQ(
-        run(sdbl_, "CREATE VIEW " + schema + "." + table + " AS SELECT " + BROKEN + " AS " + broken + ", " + columns),
-        SQLITE_DONE);
+    ASSERT_EQ(run("DROP TABLE " + schema + "." + table), SQLITE_DONE);
+    ASSERT_EQ(run("CREATE VIEW " + schema + "." + table + " AS SELECT " + BROKEN + " AS " + broken + ", " + columns),
+              SQLITE_DONE);
   }
   static std::string reset_error(const std::string& operation) {
     return "ERROR: SQLite reset rc 1 at " + operation + ", [0-9]+\n";
   }
-
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
 };
 
 }  // namespace
@@ -47,31 +37,25 @@ class Read_failure : public testing::Test {
 TEST_F(Read_failure, of_scrambled_streams_is_returned) {
   break_table("main", "estreams", "es_pid", "1 AS channel, 1 AS ca_sysid, 1 AS ca_pid");
   std::vector<CA_pid*> pids;
-  int rc = 0;
-  EXPECT_THAT(stderr_of([&] { rc = sdbl_.fill_pids_for_channel(1, &pids); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().fill_pids_for_channel(1, &pids), 1); }),
               MatchesRegex(reset_error("fill_pids_for_channel")));
-  EXPECT_EQ(rc, 1);
   EXPECT_TRUE(pids.empty());
-  EXPECT_EQ(messages_at(-1, [&] { sdbl_.fill_pids_for_channel(1, &pids); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().fill_pids_for_channel(1, &pids); }), "");
 }
 
 TEST_F(Read_failure, of_old_events_removes_nothing) {
   break_table("epg_db", "epglist", "entry", "0 AS start_epoch");
-  int removed = -1;
-  EXPECT_THAT(stderr_of([&] { removed = sdbl_.remove_old_entries(0, false); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().remove_old_entries(0, false), 0); }),
               MatchesRegex(reset_error("remove_old_entries")));
-  EXPECT_EQ(removed, 0);
-  EXPECT_EQ(messages_at(-1, [&] { sdbl_.remove_old_entries(0, false); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().remove_old_entries(0, false); }), "");
 }
 
 TEST_F(Read_failure, of_events_in_a_range_deletes_nothing) {
   break_table("epg_db", "epglist", "oid",
               "1 AS channel, 1 AS ymd_bcd, 1 AS hms_bcd, 1 AS dur_bcd, 5 AS start_epoch, 6 AS dur_sec");
   SQL_cache sc{};
-  int rc = 0;
-  EXPECT_THAT(stderr_of([&] { rc = sdbl_.delete_epglist_range(1, 0, 100, false, &sc); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().delete_epglist_range(1, 0, 100, false, &sc), 1); }),
               MatchesRegex(reset_error("delete_epglist_range")));
-  EXPECT_EQ(rc, 1);
 }
 
 TEST_F(Read_failure, of_the_services_leaves_the_guide_list_as_it_is) {
@@ -79,53 +63,48 @@ TEST_F(Read_failure, of_the_services_leaves_the_guide_list_as_it_is) {
       "main", "kanalid", "pat_prnr",
       "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq, 1 AS serv_type, 1 AS pmt_pid, 1 AS channel, 1 AS pcr_pid");
   std::list<SQL_cache*> list;
-  EXPECT_THAT(stderr_of([&] { sdbl_.get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
+  EXPECT_THAT(stderr_of([&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
               MatchesRegex(reset_error("get_eit_scan_list")));
   EXPECT_TRUE(list.empty());
 }
 
 TEST_F(Read_failure, of_the_events_of_a_service_leaves_its_cache_empty) {
-  run(sdbl_, "INSERT INTO kanalid (freq, hf_conn, dvb_type, serv_type) VALUES (506000000, 1, 1, 1)");
+  run("INSERT INTO kanalid (freq, hf_conn, dvb_type, serv_type) VALUES (506000000, 1, 1, 1)");
   break_table("epg_db", "epglist", "ev_id", "1 AS channel, 5 AS start_epoch, 6 AS dur_sec");
   std::list<SQL_cache*> list;
-  EXPECT_THAT(stderr_of([&] { sdbl_.get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
+  EXPECT_THAT(stderr_of([&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
               MatchesRegex(reset_error("get_eit_scan_list")));
   ASSERT_EQ(list.size(), 1u);
   EXPECT_TRUE(list.front()->epg.empty());
-  sdbl_.clear_eit_scan_list(&list);
+  sdbl().clear_eit_scan_list(&list);
 }
 
 TEST_F(Read_failure, of_scan_rows_is_returned) {
   break_table("temp", "kanalid_scan_0", "oid", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq, 1 AS network_id");
-  int rc = 0;
-  EXPECT_THAT(stderr_of([&] { rc = sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }),
-              MatchesRegex(reset_error("nit_multilingual_network_name")));
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(messages_at(-1, [&] { sdbl_.nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }), "");
+  EXPECT_THAT(
+      stderr_of([&] { EXPECT_EQ(sdbl().nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"), 1); }),
+      MatchesRegex(reset_error("nit_multilingual_network_name")));
+  EXPECT_EQ(messages_at(-1, [&] { sdbl().nit_multilingual_network_name(0, 1, 1, FREQ, 1, "eng", "Network"); }), "");
 }
 
 TEST_F(Read_failure, of_the_scan_ends_the_merge) {
   break_table("temp", "kanalid_scan_0", "network_id", "506000000 AS freq, 1 AS orig_network_id, 1 AS tstream_id");
   verbosity_kelvo = 1;
-  int result = -1;
-  EXPECT_THAT(stderr_of([&] { result = sdbl_.update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT), 0); }),
               MatchesRegex("WARNING: PAT scan timed out for freq 506000000, no entries in scan table\n"
                            "Error code 1, integer overflow" +
                            reset_error("update_master_scan_data")));
-  EXPECT_EQ(result, 0);
 }
 
 TEST_F(Read_failure, of_the_program_number_is_0) {
   break_table("main", "kanalid", "channel", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq, 10 AS pat_prnr");
-  int channel = -1;
-  EXPECT_THAT(stderr_of([&] { channel = sdbl_.pmt_channel_number(0, 1, 1, FREQ, 10, 300, SCAN_PMT); }),
+  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().pmt_channel_number(0, 1, 1, FREQ, 10, 300, SCAN_PMT), 0); }),
               MatchesRegex(reset_error("pmt_channel_number")));
-  EXPECT_EQ(channel, 0);
 }
 
 TEST_F(Read_failure, of_the_network_leaves_the_zone) {
   break_table("main", "kanalid", "network_name", "1 AS hf_conn, 1 AS dvb_type, 506000000 AS freq");
-  const auto update = [&] { sdbl_.update_system_timezone(180, "EST", 0, 1, 1, FREQ); };
+  const auto update = [&] { sdbl().update_system_timezone(180, "EST", 0, 1, 1, FREQ); };
   EXPECT_THAT(messages_at(1, update), MatchesRegex(reset_error("update_system_timezone")));
   EXPECT_EQ(messages_at(-1, update), "");
 }
@@ -135,14 +114,14 @@ TEST_F(Read_failure, of_tuning_parameters_warns) {
   dvb_frontend_parameters out{};
   verbosity_kelvo = 1;
   int rc = 0;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.fill_frontend_control(1, 1, FREQ, &out); }),
+  EXPECT_EQ(stderr_of([&] { rc = sdbl().fill_frontend_control(1, 1, FREQ, &out); }),
             "WARNING: Failed to get tuner data\n");
   EXPECT_NE(rc, 0);
-  EXPECT_THAT(stderr_of([&] { sdbl_.terrestrial_tuner_info(1, 1, FREQ, 0, 2, 0, 2, 2, 0, 1); }),
+  EXPECT_THAT(stderr_of([&] { sdbl().terrestrial_tuner_info(1, 1, FREQ, 0, 2, 0, 2, 2, 0, 1); }),
               HasSubstr("WARNING: failed to access tuner_table\n"));
   // The next use ends what is left of the failed one.
   EXPECT_EQ(
-      stderr_of([&] { sdbl_.fill_frontend_control(1, 1, FREQ, &out); }),
+      stderr_of([&] { sdbl().fill_frontend_control(1, 1, FREQ, &out); }),
       "WARNING: Sqlite_reset for SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND "
       "hf_conn = $hf_con rc is 1\nWARNING: Failed to get tuner data\n");
 }

@@ -6,14 +6,9 @@
 #include <string_view>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/support.h"
 
-using db_support::rows;
-using db_support::run;
 using support::stderr_of;
 using testing::MatchesRegex;
 
@@ -36,13 +31,10 @@ extern "C" int sqlite3_reset(sqlite3_stmt* stmt) {
 
 namespace {
 
-class Reset_failure : public testing::Test {
+class Reset_failure : public db_support::Database_test {
  protected:
-  Reset_failure() : sdbl_(dir_.file("a.db").c_str()) { sdbl_.create_temp_tables(0); }
-  ~Reset_failure() override {
-    failing_statement.clear();
-    verbosity_kelvo = 0;
-  }
+  Reset_failure() { sdbl().create_temp_tables(0); }
+  ~Reset_failure() override { failing_statement.clear(); }
 
   // What `action` prints while the reset of this statement fails.
   template <typename Action>
@@ -53,15 +45,12 @@ class Reset_failure : public testing::Test {
     return text;
   }
   void scan() {
-    sdbl_.clear_temp_tables(0);
+    sdbl().clear_temp_tables(0);
     std::list<PMT_subtxt_lang*> none;
-    const int row = sdbl_.pat_for_network(0, 1, 1, FREQ, 10, 5, 110);
-    sdbl_.pmt_channel_number(0, 1, 1, FREQ, 10, 300, SCAN_PAT);
-    sdbl_.pmt_for_service(0, row, 301, 27, 0, "H264", "", "", 0, 0, &none);
+    const int row = sdbl().pat_for_network(0, 1, 1, FREQ, 10, 5, 110);
+    sdbl().pmt_channel_number(0, 1, 1, FREQ, 10, 300, SCAN_PAT);
+    sdbl().pmt_for_service(0, row, 301, 27, 0, "H264", "", "", 0, 0, &none);
   }
-
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
 };
 
 }  // namespace
@@ -70,10 +59,10 @@ TEST_F(Reset_failure, of_tuning_parameters_is_printed_with_the_fixed_line_number
   constexpr char SELECT[] = "SELECT tuner_params from tuner_table";
   dvb_frontend_parameters out{};
   const auto fill = [&](int expected) {
-    return [this, &out, expected] { EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ, &out), expected); };
+    return [this, &out, expected] { EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ, &out), expected); };
   };
   const auto store = [&](int bandwidth) {
-    return [this, bandwidth] { sdbl_.terrestrial_tuner_info(1, 1, FREQ, bandwidth, 2, 0, 2, 2, 0, 1); };
+    return [this, bandwidth] { sdbl().terrestrial_tuner_info(1, 1, FREQ, bandwidth, 2, 0, 2, 2, 0, 1); };
   };
   const std::string error = "ERROR: SQLite reset rc 5 at ";
   EXPECT_EQ(printed(SELECT, fill(0)), error + "fill_frontend_control, 1979\n");
@@ -96,35 +85,35 @@ TEST_F(Reset_failure, of_the_merge_is_printed_with_its_name_and_the_merge_goes_o
       "SELECT s.oid, e.oid FROM  estreams e, estreams_scan_0 s",
   };
   scan();
-  EXPECT_EQ(sdbl_.update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT), 2 | 32);
+  EXPECT_EQ(sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT), 2 | 32);
   for (const char* statement : statements) {
-    run(sdbl_, "UPDATE kanalid SET scan_state = 0");
+    run("UPDATE kanalid SET scan_state = 0");
     scan();
-    run(sdbl_, "UPDATE estreams_scan_0 SET p1 = p1 + 1 + (SELECT max(p1) FROM estreams)");
+    run("UPDATE estreams_scan_0 SET p1 = p1 + 1 + (SELECT max(p1) FROM estreams)");
     int result = 0;
-    EXPECT_THAT(printed(statement, [&] { result = sdbl_.update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }),
+    EXPECT_THAT(printed(statement, [&] { result = sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }),
                 MatchesRegex("ERROR: SQLite reset rc 5 at update_master_scan_data, [0-9]+\n"))
         << statement;
     EXPECT_EQ(result, 2 | 32 | 16) << statement;
   }
   scan();
   verbosity_kelvo = -1;
-  EXPECT_EQ(printed("SELECT", [&] { (void)sdbl_.update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }), "");
+  EXPECT_EQ(printed("SELECT", [&] { (void)sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }), "");
 }
 
 TEST_F(Reset_failure, of_the_guide_list_is_printed_and_the_list_is_built) {
-  run(sdbl_, "INSERT INTO kanalid (channel, freq, hf_conn, dvb_type, serv_type) VALUES (7, 506000000, 1, 1, 1)");
-  run(sdbl_, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (7, 3, 1000, 60)");
+  run("INSERT INTO kanalid (channel, freq, hf_conn, dvb_type, serv_type) VALUES (7, 506000000, 1, 1, 1)");
+  run("INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (7, 3, 1000, 60)");
   for (const char* statement : {"SELECT pat_prnr, pmt_pid, channel, pcr_pid", "SELECT ev_id, start_epoch, dur_sec"}) {
     std::list<SQL_cache*> list;
-    EXPECT_THAT(printed(statement, [&] { sdbl_.get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
+    EXPECT_THAT(printed(statement, [&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
                 MatchesRegex("ERROR: SQLite reset rc 5 at get_eit_scan_list, [0-9]+\n"))
         << statement;
     ASSERT_EQ(list.size(), 1u) << statement;
     EXPECT_EQ(list.front()->epg.size(), 1u) << statement;
     verbosity_kelvo = -1;
-    EXPECT_EQ(printed(statement, [&] { sdbl_.get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }), "") << statement;
+    EXPECT_EQ(printed(statement, [&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }), "") << statement;
     verbosity_kelvo = 0;
-    sdbl_.clear_eit_scan_list(&list);
+    sdbl().clear_eit_scan_list(&list);
   }
 }

@@ -1,15 +1,9 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
-using db_support::conn_of;
 using db_support::Other_connection;
 using db_support::rows;
-using db_support::run;
 using support::messages_at;
 using support::stderr_of;
 using support::Texts;
@@ -19,32 +13,23 @@ using testing::Not;
 
 namespace {
 
-class Schema : public testing::Test {
+class Schema : public db_support::Database_test {
  protected:
-  Schema() {
-    verbosity_kelvo = -1;
-    sdbl_ = std::make_unique<Sdbl>(dir_.file("a.db").c_str());
-  }
-  ~Schema() override { verbosity_kelvo = 0; }
-
   // name|type|default|primary key of every column, in order; SQLite has its own spelling of well-known types
   Texts columns(const std::string& table) {
-    return rows(*sdbl_,
-                "SELECT name || '|' || lower(type) || '|' || ifnull(dflt_value, '-') || '|' || pk FROM "
-                "pragma_table_info('" +
-                    table + "')");
+    return rows(
+        "SELECT name || '|' || lower(type) || '|' || ifnull(dflt_value, '-') || '|' || pk FROM "
+        "pragma_table_info('" +
+        table + "')");
   }
   std::string sql_of(const std::string& schema, const std::string& name) {
-    const Texts found = rows(*sdbl_, "SELECT sql FROM " + schema + ".sqlite_master WHERE name = '" + name + "'");
+    const Texts found = rows("SELECT sql FROM " + schema + ".sqlite_master WHERE name = '" + name + "'");
     return found.size() == 1 ? found[0] : "found " + std::to_string(found.size());
   }
   Texts indexes(const std::string& schema, const std::string& table) {
-    return rows(*sdbl_, "SELECT sql FROM " + schema + ".sqlite_master WHERE type = 'index' AND tbl_name = '" + table +
-                            "' ORDER BY rowid");
+    return rows("SELECT sql FROM " + schema + ".sqlite_master WHERE type = 'index' AND tbl_name = '" + table +
+                "' ORDER BY rowid");
   }
-
-  support::Temp_dir dir_;
-  std::unique_ptr<Sdbl> sdbl_;
 };
 
 // What `sql_exec` is traced to run while `file` is opened, a statement an entry; of added columns only the name.
@@ -90,31 +75,16 @@ const Texts ESTREAMS = {
 
 }  // namespace
 
-TEST_F(Schema, kanalid_has_its_columns_in_order) {
+TEST_F(Schema, every_table_has_its_columns_in_order) {
   EXPECT_EQ(columns("kanalid"), KANALID);
-}
-
-TEST_F(Schema, kanalid_lang_has_its_columns_in_order) {
   EXPECT_EQ(columns("kanalid_lang"), KANALID_LANG);
-}
-
-TEST_F(Schema, estreams_has_its_columns_in_order) {
   EXPECT_EQ(columns("estreams"), ESTREAMS);
-}
-
-TEST_F(Schema, tuner_table_has_its_columns_in_order) {
   EXPECT_EQ(columns("tuner_table"),
             (Texts{"freq|int|-|0", "hf_conn|int|0|0", "dvb_type|int|0|0", "tuner_params|text|''|0"}));
-}
-
-TEST_F(Schema, epglist_has_its_columns_in_order) {
   EXPECT_EQ(columns("epglist"), (Texts{"entry|integer|-|1", "channel|int|0|0", "revision|float|2.50|0",
                                        "ymd_bcd|int|0|0", "hms_bcd|int|0|0", "start_epoch|int|0|0", "dur_bcd|int|0|0",
                                        "dur_sec|int|0|0", "content_id|text|'0.0.0.0'|0", "rating|text|'0@est'|0",
                                        "run_status|int|0|0", "free_ca|int|0|0", "ev_id|int|0|0", "pat_prnr|int|0|0"}));
-}
-
-TEST_F(Schema, epglist_lang_has_its_columns_in_order) {
   EXPECT_EQ(columns("epglist_lang"), (Texts{"source_oid|int|-|0", "lang|text|''|0", "ev_name|text|''|0",
                                             "ev_desc|text|''|0", "ext_desc|text|''|0", "ext_list|text|''|0"}));
 }
@@ -123,10 +93,10 @@ TEST_F(Schema, tables_are_spread_over_the_two_files) {
   const std::string tables =
       "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' "
       "ORDER BY rowid";
-  Other_connection main(dir_.file("a.db"));
-  Other_connection epg(dir_.file("a_epg.db"));
-  EXPECT_EQ(rows(main.get(), tables), (Texts{"kanalid", "kanalid_lang", "estreams", "tuner_table"}));
-  EXPECT_EQ(rows(epg.get(), tables), (Texts{"epglist", "epglist_lang"}));
+  Other_connection main(file());
+  Other_connection epg(guide_file());
+  EXPECT_EQ(main.rows(tables), (Texts{"kanalid", "kanalid_lang", "estreams", "tuner_table"}));
+  EXPECT_EQ(epg.rows(tables), (Texts{"epglist", "epglist_lang"}));
 }
 
 // The statement texts end in sqlite_master without their semicolon.
@@ -153,9 +123,9 @@ TEST_F(Schema, every_table_has_its_indexes_in_order) {
 }
 
 TEST_F(Schema, guide_tables_are_reachable_with_and_without_schema_name) {
-  EXPECT_EQ(rows(*sdbl_, "SELECT count(*) FROM epglist"), (Texts{"0"}));
-  EXPECT_EQ(rows(*sdbl_, "SELECT count(*) FROM epg_db.epglist"), (Texts{"0"}));
-  EXPECT_EQ(rows(*sdbl_, "SELECT count(*) FROM epg_db.epglist_lang"), (Texts{"0"}));
+  EXPECT_EQ(rows("SELECT count(*) FROM epglist"), (Texts{"0"}));
+  EXPECT_EQ(rows("SELECT count(*) FROM epg_db.epglist"), (Texts{"0"}));
+  EXPECT_EQ(rows("SELECT count(*) FROM epg_db.epglist_lang"), (Texts{"0"}));
 }
 
 TEST_F(Schema, check_texts_are_exact) {
@@ -186,19 +156,17 @@ TEST_F(Schema, check_texts_are_exact) {
 }
 
 TEST_F(Schema, kanalid_without_a_frequency_is_rejected) {
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (pat_prnr) VALUES (1)"), SQLITE_CONSTRAINT_CHECK);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq) VALUES (0)"), SQLITE_CONSTRAINT_CHECK);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq) VALUES (-1)"), SQLITE_CONSTRAINT_CHECK);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq) VALUES (1)"), SQLITE_DONE);
+  EXPECT_EQ(run("INSERT INTO kanalid (pat_prnr) VALUES (1)"), SQLITE_CONSTRAINT_CHECK);
+  EXPECT_EQ(run("INSERT INTO kanalid (freq) VALUES (0)"), SQLITE_CONSTRAINT_CHECK);
+  EXPECT_EQ(run("INSERT INTO kanalid (freq) VALUES (-1)"), SQLITE_CONSTRAINT_CHECK);
+  EXPECT_EQ(run("INSERT INTO kanalid (freq) VALUES (1)"), SQLITE_DONE);
 }
 
 TEST_F(Schema, one_sided_checks_reject_negative_values) {
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq, modified) VALUES (1, -1)"), SQLITE_CONSTRAINT_CHECK);
+  EXPECT_EQ(run("INSERT INTO kanalid (freq, modified) VALUES (1, -1)"), SQLITE_CONSTRAINT_CHECK);
   for (const char* column : {"ymd_bcd", "hms_bcd", "start_epoch", "dur_bcd", "dur_sec"}) {
-    EXPECT_EQ(run(*sdbl_, std::string("INSERT INTO epglist (") + column + ") VALUES (-1)"), SQLITE_CONSTRAINT_CHECK)
-        << column;
-    EXPECT_EQ(run(*sdbl_, std::string("INSERT INTO epglist (channel, ") + column + ") VALUES (random(), 7)"),
-              SQLITE_DONE)
+    EXPECT_EQ(run(std::string("INSERT INTO epglist (") + column + ") VALUES (-1)"), SQLITE_CONSTRAINT_CHECK) << column;
+    EXPECT_EQ(run(std::string("INSERT INTO epglist (channel, ") + column + ") VALUES (random(), 7)"), SQLITE_DONE)
         << column;
   }
 }
@@ -210,81 +178,79 @@ TEST_F(Schema, quirk_two_sided_checks_accept_everything) {
   int freq = 1;
   for (const std::string& column : columns)
     for (const char* value : {"-1", "65535", "65536", "-2147483648", "2147483647"})
-      EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq, " + column + ") VALUES (" + std::to_string(freq++) + ", " +
-                                value + ")"),
-                SQLITE_DONE)
+      EXPECT_EQ(
+          run("INSERT INTO kanalid (freq, " + column + ") VALUES (" + std::to_string(freq++) + ", " + value + ")"),
+          SQLITE_DONE)
           << column << " " << value;
   for (const char* column : {"es_pid", "row_status"})
     for (const char* value : {"-1", "65536"})
-      EXPECT_EQ(run(*sdbl_, std::string("INSERT INTO estreams (") + column + ") VALUES (" + value + ")"), SQLITE_DONE);
+      EXPECT_EQ(run(std::string("INSERT INTO estreams (") + column + ") VALUES (" + value + ")"), SQLITE_DONE);
   for (const char* column : {"run_status", "free_ca", "ev_id", "pat_prnr"})
     for (const char* value : {"-1", "65536"})
-      EXPECT_EQ(run(*sdbl_, "INSERT INTO epglist (start_epoch, " + std::string(column) + ") VALUES (" +
-                                std::to_string(freq++) + ", " + value + ")"),
+      EXPECT_EQ(run("INSERT INTO epglist (start_epoch, " + std::string(column) + ") VALUES (" + std::to_string(freq++) +
+                    ", " + value + ")"),
                 SQLITE_DONE);
   for (const char* column : {"hf_conn", "dvb_type"})
-    EXPECT_EQ(run(*sdbl_, "INSERT INTO tuner_table (freq, " + std::string(column) + ") VALUES (1, 99)"), SQLITE_DONE);
+    EXPECT_EQ(run("INSERT INTO tuner_table (freq, " + std::string(column) + ") VALUES (1, 99)"), SQLITE_DONE);
 }
 
 TEST_F(Schema, quirk_program_number_65535_is_accepted) {
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid (freq, pat_prnr, tstream_id) VALUES (1, 65535, 65535)"), SQLITE_DONE);
+  EXPECT_EQ(run("INSERT INTO kanalid (freq, pat_prnr, tstream_id) VALUES (1, 65535, 65535)"), SQLITE_DONE);
 }
 
 TEST_F(Schema, fresh_rows_have_their_defaults) {
-  run(*sdbl_, "INSERT INTO epglist (channel) VALUES (1)");
-  EXPECT_EQ(rows(*sdbl_, "SELECT content_id, rating, revision, entry FROM epglist"), (Texts{"0.0.0.0|0@est|2.5|1"}));
-  run(*sdbl_, "INSERT INTO kanalid (freq) VALUES (1)");
-  EXPECT_EQ(rows(*sdbl_, "SELECT lcn, revision, serv_name, scan_state, channel FROM kanalid"),
-            (Texts{"65535|2.5||0|1"}));
+  run("INSERT INTO epglist (channel) VALUES (1)");
+  EXPECT_EQ(rows("SELECT content_id, rating, revision, entry FROM epglist"), (Texts{"0.0.0.0|0@est|2.5|1"}));
+  run("INSERT INTO kanalid (freq) VALUES (1)");
+  EXPECT_EQ(rows("SELECT lcn, revision, serv_name, scan_state, channel FROM kanalid"), (Texts{"65535|2.5||0|1"}));
 }
 
 TEST_F(Schema, a_channel_has_one_event_for_each_start) {
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 60)"), SQLITE_DONE);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 90)"),
-            SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (2, 1000, 60)"), SQLITE_DONE);
+  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 60)"), SQLITE_DONE);
+  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 90)"), SQLITE_CONSTRAINT_UNIQUE);
+  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (2, 1000, 60)"), SQLITE_DONE);
 }
 
 TEST_F(Schema, an_input_has_one_row_for_each_program_of_a_frequency) {
   const std::string insert = "INSERT INTO kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES ";
-  EXPECT_EQ(run(*sdbl_, insert + "(1, 1, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(*sdbl_, insert + "(1, 1, 5, 9, 2)"), SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_EQ(run(*sdbl_, insert + "(2, 1, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(*sdbl_, insert + "(1, 2, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(*sdbl_, insert + "(1, 1, 6, 9, 1)"), SQLITE_DONE);
+  EXPECT_EQ(run(insert + "(1, 1, 5, 9, 1)"), SQLITE_DONE);
+  EXPECT_EQ(run(insert + "(1, 1, 5, 9, 2)"), SQLITE_CONSTRAINT_UNIQUE);
+  EXPECT_EQ(run(insert + "(2, 1, 5, 9, 1)"), SQLITE_DONE);
+  EXPECT_EQ(run(insert + "(1, 2, 5, 9, 1)"), SQLITE_DONE);
+  EXPECT_EQ(run(insert + "(1, 1, 6, 9, 1)"), SQLITE_DONE);
 }
 
 TEST_F(Schema, channel_numbers_are_never_used_again) {
-  run(*sdbl_, "INSERT INTO kanalid (freq) VALUES (1)");
-  run(*sdbl_, "INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 2)");
-  run(*sdbl_, "DELETE FROM kanalid WHERE channel = 2");
-  run(*sdbl_, "INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 3)");
-  EXPECT_EQ(rows(*sdbl_, "SELECT channel FROM kanalid"), (Texts{"1", "3"}));
+  run("INSERT INTO kanalid (freq) VALUES (1)");
+  run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 2)");
+  run("DELETE FROM kanalid WHERE channel = 2");
+  run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 3)");
+  EXPECT_EQ(rows("SELECT channel FROM kanalid"), (Texts{"1", "3"}));
 }
 
 TEST_F(Schema, scan_tables_of_instances_coexist) {
-  sdbl_->create_temp_tables(0);
-  sdbl_->create_temp_tables(1);
+  sdbl().create_temp_tables(0);
+  sdbl().create_temp_tables(1);
   for (const char* n : {"0", "1"}) {
     EXPECT_EQ(columns(std::string("kanalid_scan_") + n), KANALID);
     EXPECT_EQ(columns(std::string("kanalid_lang_scan_") + n), KANALID_LANG);
     EXPECT_EQ(columns(std::string("estreams_scan_") + n), ESTREAMS);
   }
-  EXPECT_EQ(rows(*sdbl_, "SELECT count(*) FROM sqlite_temp_master WHERE type = 'index'"), (Texts{"0"}));
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid_scan_1 (pat_prnr) VALUES (1)"), SQLITE_CONSTRAINT_CHECK);
-  EXPECT_EQ(run(*sdbl_, "INSERT INTO kanalid_scan_1 (freq) VALUES (1)"), SQLITE_DONE);
-  EXPECT_EQ(rows(*sdbl_, "SELECT count(*) FROM kanalid_scan_0"), (Texts{"0"}));
+  EXPECT_EQ(rows("SELECT count(*) FROM sqlite_temp_master WHERE type = 'index'"), (Texts{"0"}));
+  EXPECT_EQ(run("INSERT INTO kanalid_scan_1 (pat_prnr) VALUES (1)"), SQLITE_CONSTRAINT_CHECK);
+  EXPECT_EQ(run("INSERT INTO kanalid_scan_1 (freq) VALUES (1)"), SQLITE_DONE);
+  EXPECT_EQ(rows("SELECT count(*) FROM kanalid_scan_0"), (Texts{"0"}));
 }
 
 TEST_F(Schema, scan_tables_are_private_to_the_connection) {
-  sdbl_->create_temp_tables(0);
-  Other_connection other(dir_.file("a.db"));
-  EXPECT_EQ(rows(other.get(), "SELECT count(*) FROM kanalid_scan_0"), (Texts{"error: no such table: kanalid_scan_0"}));
+  sdbl().create_temp_tables(0);
+  Other_connection other(file());
+  EXPECT_EQ(other.rows("SELECT count(*) FROM kanalid_scan_0"), (Texts{"error: no such table: kanalid_scan_0"}));
 }
 
 TEST_F(Schema, table_names_are_quoted) {
-  sdbl_->create_table_estreams("it's; odd", false);
-  EXPECT_EQ(rows(*sdbl_, "SELECT name FROM sqlite_master WHERE name LIKE 'it%'"), (Texts{"it's; odd"}));
+  sdbl().create_table_estreams("it's; odd", false);
+  EXPECT_EQ(rows("SELECT name FROM sqlite_master WHERE name LIKE 'it%'"), (Texts{"it's; odd"}));
 }
 
 TEST(Schema_of_existing_files, only_the_missing_table_is_created) {
@@ -295,9 +261,9 @@ TEST(Schema_of_existing_files, only_the_missing_table_is_created) {
   Texts before;
   {
     Other_connection other(dir.file("a.db"));
-    before = rows(other.get(), everything);
-    run(other.get(), "INSERT INTO kanalid (freq) VALUES (506000000)");
-    run(other.get(), "DROP TABLE estreams");
+    before = other.rows(everything);
+    other.run("INSERT INTO kanalid (freq) VALUES (506000000)");
+    other.run("DROP TABLE estreams");
   }
   Texts expected = PRAGMAS;
   expected.insert(expected.end(), {"SELECT * FROM kanalid;", "SELECT * FROM kanalid_lang;", "SELECT * FROM estreams;",
@@ -323,8 +289,8 @@ TEST(Schema_of_existing_files, a_statement_that_fails_is_skipped_and_the_rest_is
   support::Temp_dir dir;
   {
     Other_connection other(dir.file("a.db"));
-    run(other.get(), "CREATE TABLE other (a int)");
-    run(other.get(), "CREATE INDEX estreams_estype_idx ON other (a)");
+    other.run("CREATE TABLE other (a int)");
+    other.run("CREATE INDEX estreams_estype_idx ON other (a)");
   }
   std::unique_ptr<Sdbl> sdbl;
   EXPECT_THAT(stderr_of([&] { sdbl = std::make_unique<Sdbl>(dir.file("a.db").c_str()); }),
@@ -373,7 +339,6 @@ TEST(Schema_of_new_files, every_statement_runs_in_its_order) {
   ASSERT_GT(statements.size(), expected.size());
   statements.resize(expected.size());
   EXPECT_EQ(statements, expected);
-  verbosity_kelvo = 0;
 }
 
 TEST(Schema_of_new_files, columns_are_added_with_these_statements) {
@@ -397,8 +362,8 @@ TEST(Schema_of_existing_files, an_older_table_is_used_as_it_is) {
   support::Temp_dir dir;
   {
     Other_connection other(dir.file("a.db"));
-    run(other.get(), "CREATE TABLE kanalid (channel integer primary key, freq int)");
-    run(other.get(), "INSERT INTO kanalid (freq) VALUES (7)");
+    other.run("CREATE TABLE kanalid (channel integer primary key, freq int)");
+    other.run("INSERT INTO kanalid (freq) VALUES (7)");
   }
   verbosity_kelvo = -1;
   Sdbl sdbl(dir.file("a.db").c_str());
@@ -440,5 +405,4 @@ TEST(Schema_messages, failing_statements_name_their_operation_and_the_rest_runs)
   EXPECT_THAT(stderr_of([&] { sdbl.create_table_estreams("estreams", false); }),
               testing::MatchesRegex("(ERROR: SQL_exec: 1 @ create_table_estreams line [0-9]+\n){13}"));
   EXPECT_EQ(messages_at(-1, [&] { sdbl.create_table_kanalid_lang("kanalid_lang", false); }), "");
-  verbosity_kelvo = 0;
 }

@@ -1,16 +1,10 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
-using db_support::conn_of;
 using db_support::Other_connection;
-using db_support::rows;
-using db_support::run;
 using support::messages_at;
+using support::prints_only_from;
 using support::stderr_of;
 using support::Texts;
 using testing::HasSubstr;
@@ -21,28 +15,9 @@ namespace {
 
 constexpr char SET_PCR[] = "UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = $channel;";
 
-class Sql : public testing::Test {
+class Sql : public db_support::Database_test {
  protected:
-  Sql() : sdbl_(dir_.file("a.db").c_str()) {
-    db_ = conn_of(sdbl_);
-    run(db_, "CREATE TABLE t (a int, b text)");
-  }
-  ~Sql() override { verbosity_kelvo = 0; }
-
-  // What `action` prints at `level`, and nothing may be printed one below.
-  template <typename Action>
-  std::string at_level_only(int level, Action&& action) {
-    verbosity_kelvo = level - 1;
-    EXPECT_EQ(stderr_of(action), "");
-    verbosity_kelvo = level;
-    const std::string text = stderr_of(action);
-    verbosity_kelvo = 0;
-    return text;
-  }
-
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
-  sqlite3* db_;
+  Sql() { run("CREATE TABLE t (a int, b text)"); }
 };
 
 using Sql_exec = Sql;
@@ -54,217 +29,195 @@ using Sql_cache = Sql;
 }  // namespace
 
 TEST_F(Sql_exec, missing_table_empty_table_and_rows_have_codes_1_101_and_100) {
-  run(db_, "DROP TABLE kanalid");
+  run("DROP TABLE kanalid");
   verbosity_kelvo = -1;
-  EXPECT_EQ(sdbl_.sql_exec(db_, "SELECT * FROM kanalid;"), 1);
-  EXPECT_EQ(sdbl_.sql_exec(db_, "SELECT * FROM estreams;"), 101);
-  run(db_, "INSERT INTO estreams (channel) VALUES (1)");
-  EXPECT_EQ(sdbl_.sql_exec(db_, "SELECT * FROM estreams;"), 100);
+  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM kanalid;"), 1);
+  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM estreams;"), 101);
+  run("INSERT INTO estreams (channel) VALUES (1)");
+  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM estreams;"), 100);
 }
 
 TEST_F(Sql_exec, compile_error_is_a_warning) {
-  EXPECT_EQ(at_level_only(1, [&] { sdbl_.sql_exec(db_, "SELECT %d FROM nowhere", 5); }),
-            "WARNING: SQL_execute/compile error RC=1, SELECT 5 FROM nowhere, no such table: nowhere\n");
+  EXPECT_THAT(
+      [&] { sdbl().sql_exec(conn(), "SELECT %d FROM nowhere", 5); },
+      prints_only_from(1, "WARNING: SQL_execute/compile error RC=1, SELECT 5 FROM nowhere, no such table: nowhere\n"));
 }
 
 TEST_F(Sql_exec, failed_step_is_a_warning_with_the_extended_code) {
-  run(db_, "CREATE UNIQUE INDEX u ON t (a)");
-  run(db_, "INSERT INTO t VALUES (1, '')");
-  int rc = 0;
-  EXPECT_EQ(at_level_only(1, [&] { rc = sdbl_.sql_exec(db_, "INSERT INTO t VALUES (1, %Q)", "x"); }),
-            "WARNING: SQL_execute failed RC=2067 INSERT INTO t VALUES (1, 'x'), UNIQUE constraint failed: t.a\n");
-  EXPECT_EQ(rc, SQLITE_CONSTRAINT_UNIQUE);
+  run("CREATE UNIQUE INDEX u ON t (a)");
+  run("INSERT INTO t VALUES (1, '')");
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, %Q)", "x"), SQLITE_CONSTRAINT_UNIQUE); },
+      prints_only_from(
+          1, "WARNING: SQL_execute failed RC=2067 INSERT INTO t VALUES (1, 'x'), UNIQUE constraint failed: t.a\n"));
 }
 
 TEST_F(Sql_exec, traces_the_text_and_unused_rows) {
-  run(db_, "INSERT INTO t VALUES (1, '')");
-  EXPECT_EQ(at_level_only(4, [&] { sdbl_.sql_exec(db_, "SELECT a FROM t"); }),
-            "sql_exec: SELECT a FROM t\nSQL_execute returns data, none used\n");
+  run("INSERT INTO t VALUES (1, '')");
+  EXPECT_THAT([&] { sdbl().sql_exec(conn(), "SELECT a FROM t"); },
+              prints_only_from(4, "sql_exec: SELECT a FROM t\nSQL_execute returns data, none used\n"));
 }
 
 TEST_F(Sql_exec, quotes_hostile_text) {
   const char* hostile = "a'b''c%d%s\"; DROP TABLE t; --\xff\xfe";
-  EXPECT_EQ(sdbl_.sql_exec(db_, "INSERT INTO t VALUES (1, %Q)", hostile), 101);
-  EXPECT_EQ(rows(db_, "SELECT b FROM t"), (Texts{hostile}));
+  EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, %Q)", hostile), 101);
+  EXPECT_EQ(rows("SELECT b FROM t"), (Texts{hostile}));
 }
 
 TEST_F(Sql_exec, only_the_first_statement_of_a_text_runs) {
-  EXPECT_EQ(sdbl_.sql_exec(db_, "INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
-  EXPECT_EQ(rows(db_, "SELECT a FROM t"), (Texts{"1"}));
+  EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
+  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1"}));
 }
 
 TEST_F(Sql_exec, an_empty_statement_is_an_error_not_a_crash) {
   verbosity_kelvo = -1;
-  EXPECT_EQ(sdbl_.sql_exec(db_, ""), SQLITE_MISUSE);
+  EXPECT_EQ(sdbl().sql_exec(conn(), ""), SQLITE_MISUSE);
 }
 
 TEST_F(Sql_exec, quirk_error_text_is_the_main_connections) {
-  Other_connection other(dir_.file("b.db"));
-  EXPECT_EQ(at_level_only(1, [&] { sdbl_.sql_exec(other.get(), "SELECT * FROM t"); }),
-            "WARNING: SQL_execute/compile error RC=1, SELECT * FROM t, not an error\n");
+  Other_connection other(folder().file("b.db"));
+  EXPECT_THAT([&] { sdbl().sql_exec(other.get(), "SELECT * FROM t"); },
+              prints_only_from(1, "WARNING: SQL_execute/compile error RC=1, SELECT * FROM t, not an error\n"));
 }
 
 TEST_F(Sql_get_int, stores_the_column_of_the_first_row) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
-  run(db_, "INSERT INTO t VALUES (8, 'y')");
+  run("INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (8, 'y')");
   int value = -5;
-  EXPECT_EQ(sdbl_.sql_get_int(&value, 1, "SELECT b, a FROM t WHERE a >= %d ORDER BY a", 8), 0);
+  EXPECT_EQ(sdbl().sql_get_int(&value, 1, "SELECT b, a FROM t WHERE a >= %d ORDER BY a", 8), 0);
   EXPECT_EQ(value, 8);
-  EXPECT_EQ(sdbl_.sql_get_int(&value, 0, "SELECT a FROM t ORDER BY a"), 0);
+  EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM t ORDER BY a"), 0);
   EXPECT_EQ(value, 7);
 }
 
 TEST_F(Sql_get_int, without_rows_returns_101_and_leaves_the_value) {
   int value = -5;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.sql_get_int(&value, 0, "SELECT a FROM t"), 101); }), "");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM t"), 101); }), "");
   EXPECT_EQ(value, -5);
 }
 
 TEST_F(Sql_get_int, text_column_is_refused_at_every_level) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (7, 'x')");
   int value = -5;
-  int rc = 0;
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT b FROM t"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT b FROM t"), 1); }),
             "SQL_get_int/execute col nr 0 named b is not integer ");
-  EXPECT_EQ(rc, 1);
   EXPECT_EQ(value, -5);
 }
 
 TEST_F(Sql_get_int, column_beyond_the_count_is_refused) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (7, 'x')");
   int value = -5;
-  int rc = 0;
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 3, "SELECT a, b FROM t"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 3, "SELECT a, b FROM t"), 1); }),
             "SQL_get_int/execute col count 2 less than required 3 ");
-  EXPECT_EQ(rc, 1);
 }
 
 TEST_F(Sql_get_int, quirk_column_equal_to_the_count_fails_as_a_wrong_type) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (7, 'x')");
   int value = -5;
-  int rc = 0;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 2, "SELECT a, b FROM t"); }),
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_get_int(&value, 2, "SELECT a, b FROM t"), 1); }),
             "SQL_get_int/execute col nr 2 named (null) is not integer ");
-  EXPECT_EQ(rc, 1);
 }
 
 TEST_F(Sql_get_int, compile_error_returns_its_code_and_shows_the_text_at_level_3) {
   int value = -5;
   int rc = 0;
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"), 1); }),
             "SQL_get_int/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(messages_at(2, [&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+  EXPECT_EQ(messages_at(2, [&] { rc = sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(3, [&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
+  EXPECT_EQ(messages_at(3, [&] { rc = sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
             "SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
 }
 
 TEST_F(Sql_get_int, failed_step_returns_1) {
   int value = -5;
-  int rc = 0;
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_int(&value, 0, "SELECT abs(-9223372036854775808)"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT abs(-9223372036854775808)"), 1); }),
             "SQL_get_int/execute failed to capture row 1: integer overflow ");
-  EXPECT_EQ(rc, 1);
   EXPECT_EQ(value, -5);
 }
 
 TEST_F(Sql_get_int, traces_the_text) {
   int value = 0;
-  EXPECT_EQ(at_level_only(4, [&] { sdbl_.sql_get_int(&value, 0, "SELECT %d", 3); }), "sql_get_int: SELECT 3\n");
+  EXPECT_THAT([&] { sdbl().sql_get_int(&value, 0, "SELECT %d", 3); }, prints_only_from(4, "sql_get_int: SELECT 3\n"));
 }
 
 TEST_F(Sql_get_txt, assigns_the_text_of_the_first_row) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (7, 'x')");
   std::string text = "before";
-  EXPECT_EQ(sdbl_.sql_get_txt(&text, 1, "SELECT a, b FROM t"), 0);
+  EXPECT_EQ(sdbl().sql_get_txt(&text, 1, "SELECT a, b FROM t"), 0);
   EXPECT_EQ(text, "x");
 }
 
 TEST_F(Sql_get_txt, without_rows_returns_101_and_leaves_the_text) {
   std::string text = "before";
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl_.sql_get_txt(&text, 0, "SELECT b FROM t"), 101); }), "");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT b FROM t"), 101); }), "");
   EXPECT_EQ(text, "before");
 }
 
 TEST_F(Sql_get_txt, failures_return_1_and_print_at_every_level) {
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
+  run("INSERT INTO t VALUES (7, 'x')");
   std::string text = "before";
   int rc = 0;
-  verbosity_kelvo = -1;
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT a FROM t"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT a FROM t"), 1); }),
             "SQL_get_txt/execute col nr 0 named a is not text ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT NULL AS n"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT NULL AS n"), 1); }),
             "SQL_get_txt/execute col nr 0 named n is not text ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 1, "SELECT b FROM t"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 1, "SELECT b FROM t"), 1); }),
             "SQL_get_txt/execute col nr 1 named (null) is not text ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 5, "SELECT b FROM t"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 5, "SELECT b FROM t"), 1); }),
             "SQL_get_txt/execute col count 1 less than required 5 ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"), 1); }),
             "SQL_get_txt/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(rc, 1);
-  EXPECT_EQ(stderr_of([&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT abs(-9223372036854775808)"); }),
+  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT abs(-9223372036854775808)"), 1); }),
             "SQL_get_txt/execute error 1: integer overflow ");
-  EXPECT_EQ(rc, 1);
   EXPECT_EQ(text, "before");
-  EXPECT_EQ(messages_at(2, [&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+  EXPECT_EQ(messages_at(2, [&] { rc = sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
             "SQL_get_txt/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(3, [&] { rc = sdbl_.sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
+  EXPECT_EQ(messages_at(3, [&] { rc = sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
             "SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
 }
 
 TEST_F(Sql_get_txt, traces_the_text) {
   std::string text;
-  EXPECT_EQ(at_level_only(4, [&] { sdbl_.sql_get_txt(&text, 0, "SELECT %Q", "a"); }), "sql_get_txt: SELECT 'a'\n");
+  EXPECT_THAT([&] { sdbl().sql_get_txt(&text, 0, "SELECT %Q", "a"); },
+              prints_only_from(4, "sql_get_txt: SELECT 'a'\n"));
 }
 
 TEST_F(Sql_row_exists, is_true_only_for_a_row) {
-  EXPECT_FALSE(sdbl_.sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
-  run(db_, "INSERT INTO t VALUES (7, 'x')");
-  EXPECT_TRUE(sdbl_.sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
+  EXPECT_FALSE(sdbl().sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
+  run("INSERT INTO t VALUES (7, 'x')");
+  EXPECT_TRUE(sdbl().sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
 }
 
 TEST_F(Sql_row_exists, errors_are_false_and_printed_at_level_0) {
-  bool exists = true;
-  EXPECT_EQ(at_level_only(0, [&] { exists = sdbl_.sql_row_exists("SELECT a FROM nowhere"); }),
-            "ERROR: SQL_row_exists/compile error 1: no such table: nowhere ");
-  EXPECT_FALSE(exists);
-  exists = true;
-  EXPECT_EQ(at_level_only(0, [&] { exists = sdbl_.sql_row_exists("SELECT abs(-9223372036854775808)"); }),
-            "ERROR: SQL_row_exists/execute failed 1: integer overflow");
-  EXPECT_FALSE(exists);
+  EXPECT_THAT([&] { EXPECT_FALSE(sdbl().sql_row_exists("SELECT a FROM nowhere")); },
+              prints_only_from(0, "ERROR: SQL_row_exists/compile error 1: no such table: nowhere "));
+  EXPECT_THAT([&] { EXPECT_FALSE(sdbl().sql_row_exists("SELECT abs(-9223372036854775808)")); },
+              prints_only_from(0, "ERROR: SQL_row_exists/execute failed 1: integer overflow"));
 }
 
 TEST_F(Sql_row_exists, traces_the_text) {
-  EXPECT_EQ(at_level_only(4, [&] { sdbl_.sql_row_exists("SELECT 1"); }), "sql_row_exists: SELECT 1\n");
+  EXPECT_THAT([&] { sdbl().sql_row_exists("SELECT 1"); }, prints_only_from(4, "sql_row_exists: SELECT 1\n"));
 }
 
 TEST_F(Sql_cache, word_DVBNR_becomes_the_instance_and_one_entry_serves_all) {
   for (int n = 0; n < 4; ++n) {
-    sdbl_.create_temp_tables(n);
-    run(db_, "INSERT INTO kanalid_scan_" + std::to_string(n) + " (channel, freq) VALUES (5, 1)");
+    sdbl().create_temp_tables(n);
+    run("INSERT INTO kanalid_scan_" + std::to_string(n) + " (channel, freq) VALUES (5, 1)");
   }
-  EXPECT_NE(sdbl_.sql_cache(true, 2, SET_PCR, 256, 5), nullptr);
-  EXPECT_EQ(rows(db_, "SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
-  EXPECT_EQ(rows(db_, "SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"0"}));
-  EXPECT_NE(sdbl_.sql_cache(true, 0, SET_PCR, 255, 5), nullptr);
-  EXPECT_EQ(rows(db_, "SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"255"}));
-  EXPECT_EQ(rows(db_, "SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
-  EXPECT_NE(sdbl_.sql_cache(true, 1, SET_PCR, 254, 5), nullptr);
-  EXPECT_NE(sdbl_.sql_cache(true, 3, SET_PCR, 253, 5), nullptr);
-  EXPECT_EQ(rows(db_, "SELECT pcr_pid FROM kanalid_scan_3"), (Texts{"253"}));
+  EXPECT_NE(sdbl().sql_cache(true, 2, SET_PCR, 256, 5), nullptr);
+  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
+  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"0"}));
+  EXPECT_NE(sdbl().sql_cache(true, 0, SET_PCR, 255, 5), nullptr);
+  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"255"}));
+  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
+  EXPECT_NE(sdbl().sql_cache(true, 1, SET_PCR, 254, 5), nullptr);
+  EXPECT_NE(sdbl().sql_cache(true, 3, SET_PCR, 253, 5), nullptr);
+  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_3"), (Texts{"253"}));
 
-  const SQL_query* entry = sdbl_.lookup_insert_sql_query(SET_PCR, 0);
+  const SQL_query* entry = sdbl().lookup_insert_sql_query(SET_PCR, 0);
   ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(entry, sdbl_.lookup_insert_sql_query(SET_PCR, 2));
+  EXPECT_EQ(entry, sdbl().lookup_insert_sql_query(SET_PCR, 2));
   EXPECT_EQ(entry->sql, SET_PCR);
   EXPECT_EQ(entry->param_kinds, (std::vector<int32_t>{1, 1}));
   EXPECT_STREQ(sqlite3_sql(entry->stmt[2]), "UPDATE kanalid_scan_2 SET pcr_pid = $pcr_pid WHERE channel = $channel;");
@@ -272,43 +225,43 @@ TEST_F(Sql_cache, word_DVBNR_becomes_the_instance_and_one_entry_serves_all) {
 }
 
 TEST_F(Sql_cache, every_occurrence_of_DVBNR_is_replaced) {
-  sqlite3_stmt* stmt = sdbl_.sql_cache(false, 3, "SELECT 'DVBNR' || 'xDVBNRDVBNR'");
+  sqlite3_stmt* stmt = sdbl().sql_cache(false, 3, "SELECT 'DVBNR' || 'xDVBNRDVBNR'");
   EXPECT_STREQ(sqlite3_sql(stmt), "SELECT '3' || 'x33'");
 }
 
 TEST_F(Sql_cache, a_statement_is_compiled_once) {
-  sqlite3_stmt* first = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  sqlite3_stmt* second = sdbl_.sql_cache(true, 0, std::string("INSERT INTO t VALUES ($a, @b)").c_str(), 2, "def");
+  sqlite3_stmt* first = sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
+  sqlite3_stmt* second = sdbl().sql_cache(true, 0, std::string("INSERT INTO t VALUES ($a, @b)").c_str(), 2, "def");
   EXPECT_EQ(first, second);
-  EXPECT_EQ(rows(db_, "SELECT * FROM t"), (Texts{"1|abc", "2|def"}));
+  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"1|abc", "2|def"}));
 }
 
 TEST_F(Sql_cache, arguments_follow_the_parameters_and_may_be_extreme) {
-  sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", -2147483647 - 1, "'\"%s;\xff\xfe");
-  sdbl_.sql_cache(true, 0, "INSERT INTO t (b, a) VALUES (@b, $a)", "Käna", 2147483647);
-  EXPECT_EQ(rows(db_, "SELECT * FROM t"), (Texts{"-2147483648|'\"%s;\xff\xfe", "2147483647|Käna"}));
+  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", -2147483647 - 1, "'\"%s;\xff\xfe");
+  sdbl().sql_cache(true, 0, "INSERT INTO t (b, a) VALUES (@b, $a)", "Käna", 2147483647);
+  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"-2147483648|'\"%s;\xff\xfe", "2147483647|Käna"}));
 }
 
 TEST_F(Sql_cache, quirk_short_text_is_bound_empty) {
   for (const char* text : {"", "a", "ab", "abc", "\xc3\xa4", "\xc3\xa4x"})
-    sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, text);
-  EXPECT_EQ(rows(db_, "SELECT b, typeof(b) FROM t"),
+    sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, text);
+  EXPECT_EQ(rows("SELECT b, typeof(b) FROM t"),
             (Texts{"|text", "|text", "|text", "abc|text", "|text", "\xc3\xa4x|text"}));
 }
 
 TEST_F(Sql_cache, null_text_counts_as_empty) {
-  sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, static_cast<const char*>(nullptr));
-  EXPECT_EQ(rows(db_, "SELECT b, typeof(b) FROM t"), (Texts{"|text"}));
+  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, static_cast<const char*>(nullptr));
+  EXPECT_EQ(rows("SELECT b, typeof(b) FROM t"), (Texts{"|text"}));
 }
 
 TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
   for (const char* value : {"1", "2", "3"})
-    run(db_, std::string("INSERT INTO t VALUES (") + value + ", '')");
-  sqlite3_stmt* stmt = sdbl_.sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 1);
+    run(std::string("INSERT INTO t VALUES (") + value + ", '')");
+  sqlite3_stmt* stmt = sdbl().sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 1);
   ASSERT_NE(stmt, nullptr);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_ROW);
   EXPECT_EQ(sqlite3_column_int(stmt, 0), 2);
-  EXPECT_EQ(sdbl_.sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 2), stmt);
+  EXPECT_EQ(sdbl().sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 2), stmt);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_ROW);
   EXPECT_EQ(sqlite3_column_int(stmt, 0), 3);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
@@ -317,184 +270,188 @@ TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
 TEST_F(Sql_cache, instances_outside_0_to_3_are_refused) {
   for (const int instance : {-1, 4, 100}) {
     sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
-    EXPECT_EQ(at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, instance, SET_PCR, 1, 1); }),
-              "ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = "
-              "$channel;");
+    EXPECT_THAT(
+        [&] { stmt = sdbl().sql_cache(true, instance, SET_PCR, 1, 1); },
+        prints_only_from(
+            0,
+            "ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = "
+            "$channel;"));
     EXPECT_EQ(stmt, nullptr);
-    EXPECT_EQ(sdbl_.lookup_insert_sql_query(SET_PCR, instance), nullptr);
+    EXPECT_EQ(sdbl().lookup_insert_sql_query(SET_PCR, instance), nullptr);
   }
 }
 
 TEST_F(Sql_cache, failed_prepare_is_printed_and_tried_again) {
   sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
-  EXPECT_EQ(at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 1, SET_PCR, 1, 1); }),
-            "ERROR: query UPDATE kanalid_scan_1 SET pcr_pid = $pcr_pid WHERE channel = $channel; prepare failed: no "
-            "such table: kanalid_scan_1ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = "
-            "$pcr_pid WHERE channel = $channel;");
-  EXPECT_EQ(stmt, nullptr);
-  sdbl_.create_temp_tables(1);
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(sdbl().sql_cache(true, 1, SET_PCR, 1, 1), nullptr); },
+      prints_only_from(
+          0,
+          "ERROR: query UPDATE kanalid_scan_1 SET pcr_pid = $pcr_pid WHERE channel = $channel; prepare failed: no "
+          "such table: kanalid_scan_1ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = "
+          "$pcr_pid WHERE channel = $channel;"));
+  sdbl().create_temp_tables(1);
   // The entry has stayed, without its statement.
-  EXPECT_THAT(messages_at(4, [&] { stmt = sdbl_.sql_cache(true, 1, SET_PCR, 1, 1); }),
+  EXPECT_THAT(messages_at(4, [&] { stmt = sdbl().sql_cache(true, 1, SET_PCR, 1, 1); }),
               MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
                            "sql: UPDATE kanalid_scan_1 SET pcr_pid = \\$pcr_pid WHERE channel = \\$channel;\n"
                            "cache run for command UPDATE kanalid_scan_DVBNR SET pcr_pid = \\$pcr_pid WHERE channel = "
                            "\\$channel;\nint0: 1 int1: 1 \nSQL run status is 101\n"));
-  verbosity_kelvo = 0;
   EXPECT_NE(stmt, nullptr);
 }
 
 TEST_F(Sql_cache, entries_are_numbered_in_order_of_first_use) {
-  sdbl_.free_prepared_queries();
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 10"); }), StartsWith("SQL cache entry 0\n"));
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 11"); }), StartsWith("SQL cache entry 1\n"));
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 1, "SELECT 10"); }), StartsWith("sql prepared cache hit 0x"));
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(false, 0, "SELECT 12"); }), StartsWith("SQL cache entry 2\n"));
+  sdbl().free_prepared_queries();
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 10"); }), StartsWith("SQL cache entry 0\n"));
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 11"); }), StartsWith("SQL cache entry 1\n"));
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 1, "SELECT 10"); }),
+              StartsWith("sql prepared cache hit 0x"));
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 12"); }), StartsWith("SQL cache entry 2\n"));
 }
 
 TEST_F(Sql_cache, a_run_that_yields_a_row_is_done_with_status_100) {
-  run(db_, "INSERT INTO t VALUES (7, '')");
+  run("INSERT INTO t VALUES (7, '')");
   verbosity_kelvo = 4;
   sqlite3_stmt* stmt = nullptr;
-  EXPECT_THAT(stderr_of([&] { stmt = sdbl_.sql_cache(true, 0, "SELECT a FROM t"); }),
+  EXPECT_THAT(stderr_of([&] { stmt = sdbl().sql_cache(true, 0, "SELECT a FROM t"); }),
               HasSubstr("cache run for command SELECT a FROM t\n\nSQL run status is 100\n"));
   EXPECT_EQ(sqlite3_stmt_busy(stmt), 0) << "and reset";
 }
 
 TEST_F(Sql_cache, a_reset_that_repeats_a_failed_step_of_the_caller_is_a_warning) {
   const char* failing = "SELECT abs($a - 9223372036854775807 - 1)";
-  const auto fail = [&] { EXPECT_EQ(sqlite3_step(sdbl_.sql_cache(false, 0, failing, 0)), SQLITE_ERROR); };
+  const auto fail = [&] { EXPECT_EQ(sqlite3_step(sdbl().sql_cache(false, 0, failing, 0)), SQLITE_ERROR); };
   fail();
-  EXPECT_EQ(at_level_only(1,
-                          [&] {
-                            const int level = verbosity_kelvo.exchange(-1);
-                            fail();
-                            verbosity_kelvo = level;
-                            sdbl_.sql_cache(false, 0, failing, 0);
-                          }),
-            "WARNING: Sqlite_reset for SELECT abs($a - 9223372036854775807 - 1) rc is 1\n");
+  EXPECT_THAT(
+      [&] {
+        const int level = verbosity_kelvo.exchange(-1);
+        fail();
+        verbosity_kelvo = level;
+        sdbl().sql_cache(false, 0, failing, 0);
+      },
+      prints_only_from(1, "WARNING: Sqlite_reset for SELECT abs($a - 9223372036854775807 - 1) rc is 1\n"));
 }
 
 TEST_F(Sql_cache, failed_step_prints_an_error_and_a_warning_and_keeps_the_statement) {
-  run(db_, "CREATE UNIQUE INDEX u ON t (a)");
-  sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
+  run("CREATE UNIQUE INDEX u ON t (a)");
+  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
   sqlite3_stmt* stmt = nullptr;
-  EXPECT_EQ(at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
-            "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n");
+  EXPECT_THAT(
+      [&] { stmt = sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); },
+      prints_only_from(
+          0, "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"));
   EXPECT_NE(stmt, nullptr);
-  EXPECT_EQ(messages_at(1, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
+  EXPECT_EQ(messages_at(1, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
             "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"
             "WARNING: Sqlite_reset for INSERT INTO t VALUES ($a, @b) rc is 2067\n");
 }
 
 TEST_F(Sql_cache, a_sign_inside_a_literal_counts_as_a_parameter) {
-  sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
-  EXPECT_EQ(
-      at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES (1, '$')", 1); }),
-      "ERROR: Cannot bind arg nr 1 type 1 to INSERT INTO t VALUES (1, '$'), sql errmsg column index out of range\n");
-  EXPECT_EQ(stmt, nullptr);
-  stmt = reinterpret_cast<sqlite3_stmt*>(1);
-  EXPECT_EQ(
-      at_level_only(0, [&] { stmt = sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, '@')", 1, "abc"); }),
-      "ERROR: Cannot bind arg nr 2 type 2 to INSERT INTO t VALUES ($a, '@'), sql errmsg column index out of range\n");
-  EXPECT_EQ(stmt, nullptr);
-  EXPECT_EQ(rows(db_, "SELECT * FROM t"), Texts{});
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(sdbl().sql_cache(true, 0, "INSERT INTO t VALUES (1, '$')", 1), nullptr); },
+      prints_only_from(
+          0,
+          "ERROR: Cannot bind arg nr 1 type 1 to INSERT INTO t VALUES (1, '$'), sql errmsg column index out of range\n"));
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, '@')", 1, "abc"), nullptr); },
+      prints_only_from(
+          0,
+          "ERROR: Cannot bind arg nr 2 type 2 to INSERT INTO t VALUES ($a, '@'), sql errmsg column index out of range\n"));
+  EXPECT_EQ(rows("SELECT * FROM t"), Texts{});
 }
 
 TEST_F(Sql_cache, an_empty_statement_is_refused) {
-  sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
-  EXPECT_EQ(stderr_of([&] { stmt = sdbl_.sql_cache(true, 0, ""); }), "ERROR: sql_cache lookup failed for ");
-  EXPECT_EQ(stmt, nullptr);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_cache(true, 0, ""), nullptr); }),
+            "ERROR: sql_cache lookup failed for ");
 }
 
 TEST_F(Sql_cache, traces_every_step) {
-  verbosity_kelvo = 4;
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "abc"); }),
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "abc"); }),
               MatchesRegex("SQL cache entry [0-9]+\n"
                            "sql: INSERT INTO t VALUES \\(\\$a, @b\\)\n"
                            "cache run for command INSERT INTO t VALUES \\(\\$a, @b\\)\n"
                            "int0: 7 \n"
                            "SQL run status is 101\n"));
-  EXPECT_THAT(stderr_of([&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }),
+  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }),
               MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
                            "cache run for command INSERT INTO t VALUES \\(\\$a, @b\\)\n"
                            "int0: 7 "
                            "Input string length <3 \\(2\\) for arg index 2  name @b\\. Replacing with epty string ab \n"
                            "INSERT INTO t VALUES \\(\\$a, @b\\)\n\n"
                            "SQL run status is 101\n"));
-  EXPECT_EQ(messages_at(3, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }), "");
+  EXPECT_EQ(messages_at(3, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }), "");
 }
 
 TEST_F(Sql_cache, after_freeing_the_next_use_makes_a_new_entry) {
-  sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  sdbl_.free_prepared_queries();
-  const std::string text = messages_at(4, [&] { sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"); });
-  verbosity_kelvo = 0;
+  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
+  sdbl().free_prepared_queries();
+  const std::string text =
+      messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"); });
   EXPECT_THAT(text, StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
-  EXPECT_EQ(rows(db_, "SELECT a FROM t"), (Texts{"1", "2"}));
+  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
 }
 
 TEST_F(Sql_cache, checking_resets_statements_that_are_under_way) {
-  run(db_, "INSERT INTO t VALUES (1, '')");
-  run(db_, "INSERT INTO t VALUES (2, '')");
+  run("INSERT INTO t VALUES (1, '')");
+  run("INSERT INTO t VALUES (2, '')");
   sqlite3_stmt* stmts[3];
   for (int n = 0; n < 3; ++n) {
-    stmts[n] = sdbl_.sql_cache(false, n, "SELECT a FROM t");
+    stmts[n] = sdbl().sql_cache(false, n, "SELECT a FROM t");
     sqlite3_step(stmts[n]);
     EXPECT_EQ(sqlite3_stmt_busy(stmts[n]), 1);
   }
-  sdbl_.check_cached_queries();
+  sdbl().check_cached_queries();
   for (sqlite3_stmt* stmt : stmts)
     EXPECT_EQ(sqlite3_stmt_busy(stmt), 0);
 }
 
 TEST_F(Sql_cache, quirk_instance_3_is_not_reset) {
-  run(db_, "INSERT INTO t VALUES (1, '')");
-  sqlite3_stmt* stmt = sdbl_.sql_cache(false, 3, "SELECT a FROM t");
+  run("INSERT INTO t VALUES (1, '')");
+  sqlite3_stmt* stmt = sdbl().sql_cache(false, 3, "SELECT a FROM t");
   sqlite3_step(stmt);
-  sdbl_.check_cached_queries();
+  sdbl().check_cached_queries();
   EXPECT_EQ(sqlite3_stmt_busy(stmt), 1);
   sqlite3_reset(stmt);
 }
 
 TEST_F(Sql_cache, quirk_instance_3_is_not_finalized_and_close_warns_about_it) {
-  sdbl_.sql_cache(false, 0, "SELECT a FROM t");
-  sdbl_.sql_cache(false, 3, "SELECT a FROM t");
-  sdbl_.free_prepared_queries();
-  EXPECT_NE(sqlite3_next_stmt(db_, nullptr), nullptr);
-  EXPECT_EQ(messages_at(1, [&] { sdbl_.close_db(); }), "WARNING: Open statement in close db\n");
-  verbosity_kelvo = 0;
-  sdbl_.open_db();
+  sqlite3* db = conn();  // asking for it uses the cache
+  sdbl().sql_cache(false, 0, "SELECT a FROM t");
+  sdbl().sql_cache(false, 3, "SELECT a FROM t");
+  sdbl().free_prepared_queries();
+  EXPECT_NE(sqlite3_next_stmt(db, nullptr), nullptr);
+  EXPECT_EQ(messages_at(1, [&] { sdbl().close_db(); }), "WARNING: Open statement in close db\n");
+  sdbl().open_db();
 }
 
 TEST_F(Sql_cache, statements_of_a_closed_database_are_compiled_anew) {
-  sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  const SQL_query* entry = sdbl_.lookup_insert_sql_query("INSERT INTO t VALUES ($a, @b)", 0);
-  sdbl_.close_db();
+  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
+  const SQL_query* entry = sdbl().lookup_insert_sql_query("INSERT INTO t VALUES ($a, @b)", 0);
+  sdbl().close_db();
   for (sqlite3_stmt* stmt : entry->stmt)
     EXPECT_EQ(stmt, nullptr);
-  sdbl_.open_db();
-  EXPECT_NE(sdbl_.sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"), nullptr);
-  EXPECT_EQ(rows(conn_of(sdbl_), "SELECT a FROM t"), (Texts{"1", "2"}));
+  sdbl().open_db();
+  EXPECT_NE(sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"), nullptr);
+  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
 }
 
 TEST_F(Sql, closed_database_fails_without_crashing) {
-  sdbl_.close_db();
+  sdbl().close_db();
   verbosity_kelvo = -1;
   int value = -5;
   std::string text = "before";
-  EXPECT_EQ(sdbl_.sql_exec(nullptr, "SELECT 1"), SQLITE_MISUSE);
+  EXPECT_EQ(sdbl().sql_exec(nullptr, "SELECT 1"), SQLITE_MISUSE);
   const std::string printed = stderr_of([&] {
-    EXPECT_EQ(sdbl_.sql_get_int(&value, 0, "SELECT 1"), SQLITE_MISUSE);
-    EXPECT_EQ(sdbl_.sql_get_txt(&text, 0, "SELECT 'a'"), 1);
+    EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT 1"), SQLITE_MISUSE);
+    EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT 'a'"), 1);
   });
   EXPECT_THAT(printed, HasSubstr("SQL_get_int/compile error 21: "));
-  EXPECT_FALSE(sdbl_.sql_row_exists("SELECT 1"));
-  EXPECT_EQ(sdbl_.sql_cache(true, 0, "SELECT 1"), nullptr);
-  EXPECT_EQ(sdbl_.pat_for_network(0, 1, 1, 1, 1, 1, 1), 0);
-  EXPECT_EQ(sdbl_.update_master_scan_data(0, 1, 1, 1, SCAN_PAT), 0);
-  EXPECT_EQ(sdbl_.remove_old_entries(0, false), 0);
+  EXPECT_FALSE(sdbl().sql_row_exists("SELECT 1"));
+  EXPECT_EQ(sdbl().sql_cache(true, 0, "SELECT 1"), nullptr);
+  EXPECT_EQ(sdbl().pat_for_network(0, 1, 1, 1, 1, 1, 1), 0);
+  EXPECT_EQ(sdbl().update_master_scan_data(0, 1, 1, 1, SCAN_PAT), 0);
+  EXPECT_EQ(sdbl().remove_old_entries(0, false), 0);
   EXPECT_EQ(value, -5);
   EXPECT_EQ(text, "before");
-  sdbl_.open_db();
+  sdbl().open_db();
 }

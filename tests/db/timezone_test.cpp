@@ -7,13 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
 #include "support/softdvb.h"
-#include "support/support.h"
 
 using db_support::number;
 using db_support::run;
+using support::messages_at;
 using support::stderr_of;
 
 namespace {
@@ -42,10 +41,7 @@ class Timezone : public testing::Test {
   }
   static void zone(const char* tz) { setenv("TZ", tz, 1); }
   std::string update(int offset_min, const char* name = "EST", int nr = 0, int freq = FREQ) {
-    verbosity_kelvo = 1;
-    const std::string text = stderr_of([&] { sdbl_->update_system_timezone(offset_min, name, nr, 1, 2, freq); });
-    verbosity_kelvo = 0;
-    return text;
+    return messages_at(1, [&] { sdbl_->update_system_timezone(offset_min, name, nr, 1, 2, freq); });
   }
   static std::string source() { return support::read_file(SOURCE); }
 
@@ -161,9 +157,9 @@ TEST_F(Timezone, another_network_changes_nothing) {
 
 TEST_F(Timezone, an_unknown_multiplex_or_one_without_a_name_changes_nothing) {
   EXPECT_EQ(update(180, "EST", 0, FREQ + 1), "");
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 2, 2, FREQ); }), "") << "another type";
-  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 1, FREQ); }), "") << "another connector";
+  EXPECT_EQ(messages_at(1, [&] { sdbl_->update_system_timezone(180, "EST", 0, 2, 2, FREQ); }), "") << "another type";
+  EXPECT_EQ(messages_at(1, [&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 1, FREQ); }), "")
+      << "another connector";
   run(*sdbl_, "UPDATE kanalid SET network_name = NULL");
   EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider  = timezone levira\n");
   EXPECT_FALSE(std::filesystem::exists(SOURCE));

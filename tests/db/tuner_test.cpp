@@ -1,18 +1,13 @@
 #include <linux/dvb/frontend.h>
 
 #include <cstring>
+#include <sstream>
 
 #include <climits>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "base/messages.h"
 #include "db_support.h"
-#include "support/messages.h"
-#include "support/support.h"
 
-using db_support::rows;
-using db_support::run;
 using db_support::statements;
 using support::messages_at;
 using support::stderr_of;
@@ -34,20 +29,23 @@ struct Fields {
   int transmission_mode = 1;
 };
 
-class Tuner_table : public testing::Test {
+class Tuner_table : public db_support::Database_test {
  protected:
-  Tuner_table() : sdbl_(dir_.file("a.db").c_str()) {}
-  ~Tuner_table() override { verbosity_kelvo = 0; }
-
   void store(const Fields& f, int type = 1, int connector = 1, int freq = FREQ) {
-    sdbl_.terrestrial_tuner_info(type, connector, freq, f.bandwidth, f.constellation, f.hierarchy, f.code_rate_hp,
-                                 f.code_rate_lp, f.guard_interval, f.transmission_mode);
+    sdbl().terrestrial_tuner_info(type, connector, freq, f.bandwidth, f.constellation, f.hierarchy, f.code_rate_hp,
+                                  f.code_rate_lp, f.guard_interval, f.transmission_mode);
   }
-  Texts lines() { return rows(sdbl_, "SELECT tuner_params FROM tuner_table"); }
-
-  support::Temp_dir dir_;
-  Sdbl sdbl_;
+  Texts lines() { return rows("SELECT tuner_params FROM tuner_table"); }
 };
+
+// The numbers in the order of a line, behind the frequency and the inversion.
+std::string shown(const dvb_frontend_parameters& p) {
+  std::ostringstream out;
+  out << p.frequency << " " << p.inversion << ": " << p.u.ofdm.bandwidth << " " << p.u.ofdm.code_rate_HP << " "
+      << p.u.ofdm.code_rate_LP << " " << p.u.ofdm.constellation << " " << p.u.ofdm.transmission_mode << " "
+      << p.u.ofdm.guard_interval << " " << p.u.ofdm.hierarchy_information;
+  return out.str();
+}
 
 // One field, the values it may have and what is stored for each; then values that it may not have.
 struct Mapping {
@@ -71,7 +69,7 @@ const Mapping MAPPINGS[] = {
 
 TEST_F(Tuner_table, a_line_has_its_exact_form) {
   store(Fields{});
-  EXPECT_EQ(rows(sdbl_, "SELECT freq, dvb_type, hf_conn, tuner_params FROM tuner_table"),
+  EXPECT_EQ(rows("SELECT freq, dvb_type, hf_conn, tuner_params FROM tuner_table"),
             (Texts{std::string("506000000|1|1|") + LINE}));
 }
 
@@ -83,7 +81,7 @@ TEST_F(Tuner_table, every_valid_value_is_converted) {
       fields.*mapping.field = value;
       store(fields, 1, 1, ++freq);
       const std::string expected = mapping.label + std::string(" ") + std::to_string(stored);
-      EXPECT_THAT(rows(sdbl_, "SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
+      EXPECT_THAT(rows("SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
                   testing::ElementsAre(HasSubstr(expected)))
           << mapping.legend << " " << value;
     }
@@ -95,7 +93,7 @@ TEST_F(Tuner_table, quirk_transmission_modes_1_and_2_are_exchanged) {
     Fields fields;
     fields.transmission_mode = value;
     store(fields, 1, 1, ++freq);
-    EXPECT_THAT(rows(sdbl_, "SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
+    EXPECT_THAT(rows("SELECT tuner_params FROM tuner_table WHERE freq = " + std::to_string(freq)),
                 testing::ElementsAre(HasSubstr("TrM:  " + stored)));
   }
 }
@@ -108,8 +106,7 @@ TEST_F(Tuner_table, every_invalid_value_stores_nothing_and_warns) {
       Fields fields;
       fields.*mapping.field = value;
       EXPECT_EQ(messages_at(0, [&] { store(fields); }), "");
-      verbosity_kelvo = 1;
-      EXPECT_EQ(stderr_of([&] { store(fields); }), "WARNING: Incorrect parameters for linux-dvb\n")
+      EXPECT_EQ(messages_at(1, [&] { store(fields); }), "WARNING: Incorrect parameters for linux-dvb\n")
           << mapping.legend << " " << value;
     }
   EXPECT_EQ(lines(), Texts{});
@@ -123,8 +120,7 @@ TEST_F(Tuner_table, storing_warns_with_the_line) {
 
 TEST_F(Tuner_table, the_same_parameters_again_change_nothing) {
   store(Fields{});
-  verbosity_kelvo = 1;
-  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
+  EXPECT_THAT(messages_at(1, [&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
   EXPECT_EQ(lines(), (Texts{LINE}));
 }
 
@@ -144,23 +140,21 @@ TEST_F(Tuner_table, quirk_a_stored_line_is_never_updated) {
   store(Fields{});
   Fields changed;
   changed.bandwidth = 1;
-  verbosity_kelvo = 1;
-  EXPECT_EQ(stderr_of([&] { store(changed); }),
+  EXPECT_EQ(messages_at(1, [&] { store(changed); }),
             "WARNING: Dvb parameters Fr:  506000000 Bw:  1 CrH:  3 CrL:  3 Mod:  3 TrM:  2 Grd:  0 Hir:  0\n"
             "WARNING: Updating parameters for dvb-t tuner\n");
   EXPECT_EQ(lines(), (Texts{LINE}));
-  verbosity_kelvo = 0;
   EXPECT_EQ(stderr_of([&] { store(changed); }), "");
   EXPECT_EQ(lines(), (Texts{LINE}));
 }
 
 // The update is a place off: it looks for the type as frequency, the connector as type, and connector 0.
 TEST_F(Tuner_table, quirk_a_changed_line_is_written_where_the_type_is_the_frequency) {
-  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (506000000, 2, 1, 'old')");
-  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 0, 'hit')");
-  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 2, 'other connector')");
-  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 1, 0, 'other type')");
-  run(sdbl_, "INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (2, 2, 0, 'other frequency')");
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (506000000, 2, 1, 'old')");
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 0, 'hit')");
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 2, 2, 'other connector')");
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (1, 1, 0, 'other type')");
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (2, 2, 0, 'other frequency')");
   store(Fields{}, 1, 2);
   EXPECT_EQ(lines(), (Texts{"old", LINE, "other connector", "other type", "other frequency"}));
 }
@@ -169,17 +163,13 @@ TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
   const std::string select =
       "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con <- 506000000 "
       "2 1";
-  const auto traced = [this](const auto& action) {
-    const std::string text = messages_at(4, action);
-    verbosity_kelvo = 0;
-    return statements(text);
-  };
+  const auto traced = [this](const auto& action) { return statements(messages_at(4, action)); };
   EXPECT_EQ(
       traced([this] { store(Fields{}, 1, 2); }),
       (Texts{select,
              "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, $hf_conn, "
              "@tuner_params)  <- 506000000 1 2"}));
-  run(sdbl_, "UPDATE tuner_table SET dvb_type = 2, hf_conn = 1");
+  run("UPDATE tuner_table SET dvb_type = 2, hf_conn = 1");
   EXPECT_EQ(traced([this] { store(Fields{}, 1, 2); }), Texts{select}) << "the same parameters";
   Fields changed;
   changed.bandwidth = 1;
@@ -188,42 +178,24 @@ TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
                    "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type AND "
                    "hf_conn = $hf_con  <- 1 2 0"}));
   dvb_frontend_parameters out{};
-  EXPECT_EQ(traced([&] { (void)sdbl_.fill_frontend_control(1, 2, FREQ, &out); }), Texts{select});
+  EXPECT_EQ(traced([&] { (void)sdbl().fill_frontend_control(1, 2, FREQ, &out); }), Texts{select});
 }
 
 TEST_F(Tuner_table, connector_and_type_equal_find_the_line_again) {
   store(Fields{});
   dvb_frontend_parameters out{};
   out.inversion = INVERSION_AUTO;
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ, &out), 1);
-  EXPECT_EQ(out.frequency, 506000000u);
-  EXPECT_EQ(out.inversion, INVERSION_OFF);
-  EXPECT_EQ(out.u.ofdm.bandwidth, 0u);
-  EXPECT_EQ(out.u.ofdm.code_rate_HP, FEC_3_4);
-  EXPECT_EQ(out.u.ofdm.code_rate_LP, FEC_3_4);
-  EXPECT_EQ(out.u.ofdm.constellation, QAM_64);
-  EXPECT_EQ(static_cast<int>(out.u.ofdm.transmission_mode), 2);
-  EXPECT_EQ(out.u.ofdm.guard_interval, GUARD_INTERVAL_1_32);
-  EXPECT_EQ(out.u.ofdm.hierarchy_information, HIERARCHY_NONE);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ, &out), 1);
+  EXPECT_EQ(shown(out), "506000000 0: 0 3 3 3 2 0 0");
 }
 
 TEST_F(Tuner_table, each_number_of_a_line_fills_the_field_of_its_label) {
-  run(sdbl_,
-      "INSERT INTO tuner_table VALUES (5, 1, 1, "
+  run("INSERT INTO tuner_table VALUES (5, 1, 1, "
       "'Fr:  177500000 Bw:  1 CrH:  2 CrL:  3 Mod:  6 TrM:  4 Grd:  5 Hir:  7')");
   dvb_frontend_parameters out;
   std::memset(&out, 0x5A, sizeof out);
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, 5, &out), 1);
-  EXPECT_EQ(out.frequency, 177500000u);
-  EXPECT_EQ(out.inversion, INVERSION_OFF);
-  const auto number = [](auto field) { return static_cast<int>(field); };
-  EXPECT_EQ(number(out.u.ofdm.bandwidth), 1);
-  EXPECT_EQ(number(out.u.ofdm.code_rate_HP), 2);
-  EXPECT_EQ(number(out.u.ofdm.code_rate_LP), 3);
-  EXPECT_EQ(number(out.u.ofdm.constellation), 6);
-  EXPECT_EQ(number(out.u.ofdm.transmission_mode), 4);
-  EXPECT_EQ(number(out.u.ofdm.guard_interval), 5);
-  EXPECT_EQ(number(out.u.ofdm.hierarchy_information), 7);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, 5, &out), 1);
+  EXPECT_EQ(shown(out), "177500000 0: 1 2 3 6 4 5 7");
 }
 
 TEST_F(Tuner_table, an_unknown_frequency_fills_nothing) {
@@ -231,17 +203,17 @@ TEST_F(Tuner_table, an_unknown_frequency_fills_nothing) {
   dvb_frontend_parameters out;
   std::memset(&out, 0x5A, sizeof out);
   const dvb_frontend_parameters before = out;
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ + 1, &out), 0);
-  EXPECT_EQ(sdbl_.fill_frontend_control(2, 1, FREQ, &out), 0);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ + 1, &out), 0);
+  EXPECT_EQ(sdbl().fill_frontend_control(2, 1, FREQ, &out), 0);
   EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
 }
 
 TEST_F(Tuner_table, quirk_connector_and_type_are_exchanged_in_lookups) {
   store(Fields{}, 1, 2);  // type 1, connector 2
-  EXPECT_EQ(rows(sdbl_, "SELECT dvb_type, hf_conn FROM tuner_table"), (Texts{"1|2"}));
+  EXPECT_EQ(rows("SELECT dvb_type, hf_conn FROM tuner_table"), (Texts{"1|2"}));
   dvb_frontend_parameters out{};
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 2, FREQ, &out), 0);
-  EXPECT_EQ(sdbl_.fill_frontend_control(2, 1, FREQ, &out), 1);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 2, FREQ, &out), 0);
+  EXPECT_EQ(sdbl().fill_frontend_control(2, 1, FREQ, &out), 1);
 }
 
 TEST_F(Tuner_table, quirk_connector_and_type_different_store_once_and_then_fail_each_time) {
@@ -254,54 +226,45 @@ TEST_F(Tuner_table, quirk_connector_and_type_different_store_once_and_then_fail_
 }
 
 TEST_F(Tuner_table, a_line_with_fewer_numbers_fills_what_it_has) {
-  run(sdbl_, "INSERT INTO tuner_table VALUES (5, 1, 1, 'Fr:  506000000 Bw:  1 CrH:  2 nonsense')");
+  run("INSERT INTO tuner_table VALUES (5, 1, 1, 'Fr:  506000000 Bw:  1 CrH:  2 nonsense')");
   dvb_frontend_parameters out{};
   out.u.ofdm.code_rate_LP = FEC_AUTO;
   out.u.ofdm.guard_interval = GUARD_INTERVAL_1_4;
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, 5, &out), 1);
-  EXPECT_EQ(out.frequency, 506000000u);
-  EXPECT_EQ(out.u.ofdm.bandwidth, BANDWIDTH_7_MHZ);
-  EXPECT_EQ(out.u.ofdm.code_rate_HP, FEC_2_3);
-  EXPECT_EQ(out.u.ofdm.code_rate_LP, FEC_AUTO);
-  EXPECT_EQ(out.u.ofdm.guard_interval, GUARD_INTERVAL_1_4);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, 5, &out), 1);
+  EXPECT_EQ(shown(out), "506000000 0: 1 2 9 0 0 3 0");
 }
 
 TEST_F(Tuner_table, a_line_of_nonsense_fills_only_the_inversion) {
-  run(sdbl_, "INSERT INTO tuner_table VALUES (5, 1, 1, 'hello')");
-  run(sdbl_, "INSERT INTO tuner_table VALUES (6, 1, 1, NULL)");
+  run("INSERT INTO tuner_table VALUES (5, 1, 1, 'hello')");
+  run("INSERT INTO tuner_table VALUES (6, 1, 1, NULL)");
   for (const int freq : {5, 6}) {
     dvb_frontend_parameters out{};
     out.frequency = 77;
     out.inversion = INVERSION_AUTO;
-    EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, freq, &out), 1);
+    EXPECT_EQ(sdbl().fill_frontend_control(1, 1, freq, &out), 1);
     EXPECT_EQ(out.frequency, 77u);
     EXPECT_EQ(out.inversion, INVERSION_OFF);
   }
 }
 
 TEST_F(Tuner_table, quirk_a_failing_database_returns_non_zero_and_fills_nothing) {
-  run(sdbl_, "DROP TABLE tuner_table");
+  run("DROP TABLE tuner_table");
   dvb_frontend_parameters out;
   std::memset(&out, 0x5A, sizeof out);
   const dvb_frontend_parameters before = out;
-  verbosity_kelvo = 1;
-  int rc = 0;
-  EXPECT_THAT(stderr_of([&] { rc = sdbl_.fill_frontend_control(1, 1, FREQ, &out); }),
+  EXPECT_THAT(messages_at(1, [&] { EXPECT_NE(sdbl().fill_frontend_control(1, 1, FREQ, &out), 0); }),
               testing::EndsWith("WARNING: Failed to get tuner data\n"));
-  EXPECT_NE(rc, 0);
   EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
-  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::EndsWith("WARNING: failed to access tuner_table\n"));
-  verbosity_kelvo = 0;
-  EXPECT_THAT(stderr_of([&] { sdbl_.fill_frontend_control(1, 1, FREQ, &out); }), testing::Not(HasSubstr("WARNING")));
+  EXPECT_THAT(messages_at(1, [&] { store(Fields{}); }), testing::EndsWith("WARNING: failed to access tuner_table\n"));
+  EXPECT_THAT(stderr_of([&] { sdbl().fill_frontend_control(1, 1, FREQ, &out); }), testing::Not(HasSubstr("WARNING")));
   EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("WARNING")));
 }
 
 TEST_F(Tuner_table, parameters_outlive_the_connection) {
   store(Fields{});
-  sdbl_.close_db();
-  sdbl_.open_db();
+  sdbl().close_db();
+  sdbl().open_db();
   dvb_frontend_parameters out{};
-  EXPECT_EQ(sdbl_.fill_frontend_control(1, 1, FREQ, &out), 1);
+  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ, &out), 1);
   EXPECT_EQ(out.frequency, 506000000u);
-  verbosity_kelvo = -1;
 }

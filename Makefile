@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
 .PHONY: help demo test install clean format lint asan tsan fuzz bench soak cross packages-%
 .DEFAULT_GOAL := help

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What it costs to take a PMT, an SDT or an EIT section apart, and the same for libdvbpsi. Both sides get the section
 // as it comes from the air, check its CRC, decode the table and walk all descriptors; in the runs called "names" they
 // also decode the names and texts. libdvbpsi takes transport packets and puts the section together itself; our side

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What the guide costs, measured in one run, each figure with its mark:
 //   - storing events through Sdbl, beside a bare loop of the same prepared statements on the same schema;
 //   - the same at 30,000 stored events against 1,000;

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A host for measuring, run by scan_bench under the software adapter. Prints "name=value" lines.
 //
 //   scan_probe open DB         only opens the database

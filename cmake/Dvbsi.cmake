@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 # The section and descriptor classes of <dvbsi++/...>: our own; the system's libdvbsi++ (system), or that where there is
 # one (auto). Sets KELVO_DVBSI_SYSTEM and defines kelvo_dvbsi, to be linked by whoever includes those headers, and
 # kelvo_dvbsi_classes, to be linked by whoever makes objects of the classes without being part of the library.

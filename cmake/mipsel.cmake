@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 # Toolchain of the set-top box: 32-bit MIPS, little-endian. Debian's cross compiler, and libraries that
 # scripts/mipsel-root has unpacked.
 set(CMAKE_SYSTEM_NAME Linux)

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 # bash completion for kelvo
 _kelvo() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}

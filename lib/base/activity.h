@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // What an adapter's worker is doing, for hosts that draw or measure it. Beginnings and ends come in pairs.

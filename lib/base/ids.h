@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // The numbers of ISO/IEC 13818-1 and EN 300 468 by name: PIDs, table ids, descriptor tags. They stand here alone.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 list(APPEND KELVO_SOURCES
   base/log.cpp
   base/polled_timer.cpp

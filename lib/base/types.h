@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // RF connector of an input, 0 to 31. The host's own numbering: passed through and stored as `hf_conn`, never

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // A failure of the database that means that something was not stored or not read: the disk is full, the file is

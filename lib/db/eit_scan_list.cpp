@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The list of services that hosts of the guide's rows get, each entry with a timer. Nothing else here makes timers.
 #include <cerrno>
 #include <cstring>

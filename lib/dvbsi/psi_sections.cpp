@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #include <dvbsi++/ca_section.h>
 #include <dvbsi++/program_association_section.h>
 #include <dvbsi++/program_map_section.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #include <dvbsi++/event_information_section.h>
 #include <dvbsi++/network_information_section.h>
 #include <dvbsi++/service_description_section.h>

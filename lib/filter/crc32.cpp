@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // CRC-32 (ISO/IEC 13818-1, Annex A), bit by bit: a section takes microseconds, a table would take more cache than it
 // saves.
 #include "filter/section_filter.h"

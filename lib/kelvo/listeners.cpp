@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #include "kelvo/listeners.h"
 
 void Listeners::set_scan(Kelvo::scan_listener_t listener, void* data) {

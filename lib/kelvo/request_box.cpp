@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #include "kelvo/request_box.h"
 
 void Request_box::post(const Request& request) {

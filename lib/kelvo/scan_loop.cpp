@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The passes of the scan loop, up to the sections' parsing.
 #include "kelvo/scan_loop.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The passes of the scan loop, from the end of a scan on: merge, answers, rescans.
 #include "base/ids.h"
 #include "base/log.h"

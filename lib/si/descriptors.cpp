@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The table of descriptors (ISO/IEC 13818-1, 2.6; EN 300 468, 6.2; private ones), and the dispatch over it.
 #include "si/descriptors.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Descriptors of events (EN 300 468, 6.2).
 #include <cstdio>
 #include <list>

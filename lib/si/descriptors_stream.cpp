@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Descriptors of elementary streams and programmes (ISO/IEC 13818-1, 2.6; EN 300 468, 6.2).
 #include <cstdint>
 #include <string>

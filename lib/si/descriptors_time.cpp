@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Descriptors of the TOT (EN 300 468, 6.2).
 #include <dvbsi++/local_time_offset_descriptor.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The parser's parts put together, and the dispatch of sections to the parsers of their tables.
 #include <cstdio>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // DVB text to UTF-8 (EN 300 468, Annex A).
 #include "si/dvb_text.h"
 

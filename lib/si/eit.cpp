@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // EIT of the actual multiplex (EN 300 468, 5.2.4): events, and the way from table to table.
 #include <dvbsi++/event_information_section.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // NIT of the actual network (EN 300 468, 5.2.1).
 #include <dvbsi++/network_information_section.h>
 

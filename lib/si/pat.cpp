@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // PAT (ISO/IEC 13818-1, 2.4.4.3).
 #include <dvbsi++/program_association_section.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // PMT and CAT (ISO/IEC 13818-1, 2.4.4).
 #include <dvbsi++/ca_section.h>
 #include <dvbsi++/program_map_section.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // SDT of the actual multiplex (EN 300 468, 5.2.3).
 #include <dvbsi++/service_description_section.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The shell of the parser: everything it does is done by its Parts.
 #include "si/siparse.h"
 

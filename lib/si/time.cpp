@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6), and the arithmetic of dates.
 #include <time.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Records of the trace buffer to the text that the TimeDoctor viewer reads.
 #include <array>
 #include <string>

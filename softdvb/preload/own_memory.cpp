@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The preloaded library's memory is its own: from libc's heap and moved without libc's (or a sanitizer's) memcpy. A
 // sanitizer in the program would otherwise see half of what happens here, because it is blind while the program is in
 // a call such as poll, and report races that are none. libsoftdvb.map

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Descriptors: open, read, write, ioctl, close, dup, fcntl and their kin.
 #include <errno.h>
 #include <fcntl.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Functions that take a path: the sandbox, and what a program may ask about device files.
 #include <dirent.h>
 #include <errno.h>

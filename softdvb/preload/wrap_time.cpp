@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Clocks, timers and sleeping in virtual time; setting the clock is recorded and never done.
 #include <errno.h>
 #include <pthread.h>

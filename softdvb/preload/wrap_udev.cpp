@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Programs that look for adapters through libudev see the folder `sysfs` of the run folder, through
 // libumockdev-preload. That library has to be loaded from the start and hides all of /sys, so only programs that load
 // libudev get it: they begin anew with it before anything of them has run.

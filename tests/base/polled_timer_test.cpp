@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Timers that are only looked at. Runs faster than the clock on the wall.
 #include "base/polled_timer.h"
 

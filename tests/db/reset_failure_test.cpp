@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Statements whose reset fails: SQLite's own function is replaced for the whole program.
 #include <dlfcn.h>
 #include <linux/dvb/frontend.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What the database asks of SQLite and of the system, call by call, and at which second. Under the launcher, where
 // /dvbfiles and /tmp/zoneinfo are folders of the sandbox.
 #include "system_calls.h"

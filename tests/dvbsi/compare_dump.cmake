@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 # cmake -DPROGRAM= -DOPTIONS= -DDATA= -DEXPECTED= -P: runs PROGRAM OPTIONS DATA and compares its output with EXPECTED.
 execute_process(COMMAND "${PROGRAM}" ${OPTIONS} "${DATA}" OUTPUT_VARIABLE printed RESULT_VARIABLE result)
 file(READ "${EXPECTED}" expected)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Filters on a device: opening, programming, starting, stopping.
 #include <fcntl.h>
 #include <sys/resource.h>

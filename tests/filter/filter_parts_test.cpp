@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What the library's own code reaches behind the shell: waking, tags, activity, filters given up.
 #include <sys/select.h>
 

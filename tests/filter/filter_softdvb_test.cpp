@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Section_filter on the software adapter, which behaves as Linux's demultiplexer does.
 #include <algorithm>
 #include <cerrno>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Fuzz entry over the section classes: any bytes, as a section of any table, in a block of exactly the size that their
 // own section_length claims. With KELVO_FUZZ a libFuzzer program; otherwise section_fuzz_test.cpp runs it over a
 // corpus.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Fuzz entry over the whole parser with a database behind it: the input is one section after the other, each behind a
 // byte that says which PID it comes from and in which state of the scan. With KELVO_FUZZ a libFuzzer program; otherwise
 // siparse_fuzz_test.cpp runs it over a corpus.

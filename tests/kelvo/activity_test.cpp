@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What an activity listener is told while an adapter is scanned.
 #include "base/ids.h"
 #include "kelvo/kelvo_run.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The facade with a tuner of the software adapter.
 #include <errno.h>
 #include <sys/prctl.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The facade without devices; what needs a stream is in tests/scan.
 #include "kelvo/kelvo.h"
 

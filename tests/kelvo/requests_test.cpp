@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Requests, answers and callbacks that meet: who sees what, and who comes first.
 #include <unistd.h>
 

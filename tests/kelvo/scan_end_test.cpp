@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What listeners are told: the end of each scan, and what the worker does.
 #include "kelvo/kelvo_run.h"
 

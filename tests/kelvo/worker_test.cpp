@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The order in which a worker begins and ends. The calls of the C library that show it are watched here.
 #include <dlfcn.h>
 #include <pthread.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """foreign_classes.py NM ARCHIVE OUTPUT: writes, in C, another library with the classes of ARCHIVE: every symbol of theirs,
 each of which ends the program when it is used."""
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A host that has loaded another library with section and descriptor classes of the same names crashed at its first
 // PAT, because the library used the other's. Here every symbol of the other's ends the program.
 #include <dlfcn.h>

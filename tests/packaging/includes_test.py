@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """includes_test.py SOURCE: all includes point the way they should, and scripts/check-includes sees those that do not."""
 
 import pathlib

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """licence_test.py SOURCE: the licence's text is there, and every source, script and build file says that it is under it."""
 
 import pathlib

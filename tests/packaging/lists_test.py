@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """lists_test.py SOURCE: every source file is in its folder's list, every public header is installed, and no file that
 is listed is missing."""
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """quirks_test.py SOURCE: docs/quirks.md names every test that pins an oddity, and none that is gone."""
 
 import pathlib

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """symbols_test.py LIBRARY HEADER,... FOLDER,... [--sanitized]: what the shared library shows.
 
 Its name, everything that its installed headers declare and nothing else, the order of the thread wrapper's virtual

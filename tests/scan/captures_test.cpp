@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Recorded streams, which are not part of the tree: without them these tests are skipped.
 #include <sstream>
 #include <string>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What the broadcast time does to the clock and the zone, from the stream to what the adapter recorded and what the C
 // library reads afterwards. Nothing here sets the machine's clock or zone.
 #include <stdlib.h>

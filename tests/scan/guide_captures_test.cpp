@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The guides of recorded streams, which are not part of the tree: without them these tests are skipped. What is stored
 // is compared with what another library finds in the recording, value by value. References hold a line a service, for
 // people to read: events, texts, and a checksum over starts, durations, genres, ratings, languages and texts.

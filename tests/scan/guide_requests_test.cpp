@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // When the guide is collected and what a host is told: the first scan of an empty database, requests, change code 4,
 // exports, and the progress of every service.
 #include <string>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // One table of the guide after the other: what opens and closes them, who is given up, and what is never left.
 #include <algorithm>
 #include <sstream>

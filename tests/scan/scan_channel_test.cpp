@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Channel requests: a service is watched, its multiplex's PMTs are read again every 3 s and everything every 300 s.
 #include <algorithm>
 #include <filesystem>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A host of the library that does what a script tells it, a command a line, and prints what comes back, with the
 // seconds since its start:
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Exports, the test signal, failing devices and the end, in the middle of a scan.
 #include <filesystem>
 #include <sstream>

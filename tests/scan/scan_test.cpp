@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Frequency requests on made streams: what a host is told and what the database holds afterwards.
 #include <cctype>
 #include <string>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Character tables that the C library does not have. Under the launcher, which lets their opening fail.
 #include "si/si_support.h"
 #include "support/softdvb.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The descriptor tables: every tag with its trace, what it stores, and where it stores nothing.
 #include <set>
 

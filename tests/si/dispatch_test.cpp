@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Which sections reach which parser.
 #include <dvbsi++/ca_section.h>
 #include <dvbsi++/network_information_section.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Descriptors of events.
 #include <dvbsi++/content_descriptor.h>
 #include <dvbsi++/extended_event_descriptor.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The round of the guide by itself: who is waited for, in which table, and what hosts see of it.
 #include "si/guide_round.h"
 

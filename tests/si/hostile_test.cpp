@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Broken sections of every kind through the whole parser: nothing may fault or hang (a memory checker watches), and
 // whole sections afterwards are read as if nothing had been.
 #include <filesystem>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What is refused before a section's class sees it, and which bodies of descriptors are believed.
 #include "si/section_guard.h"
 

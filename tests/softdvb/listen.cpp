@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A program with a section filter on PID 0x100. Arguments act in their order: adapter=N, tune=HZ, sleep=MS, late=MS
 // (before the filter is started), buffer=BYTES, slow=MS (before each read), play=PACKETS, then wait=MS (reads until
 // nothing comes for so long) or count=N (reads so many). It prints the extension of each section, "/N" behind one that

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Writes the small stream that the tests of tuning and playing use: two seconds of 1000 packets a second by its clock
 // (PID 0x200), on PID 0x100 every 100 ms a section whose extension counts from 0.
 #include <fstream>

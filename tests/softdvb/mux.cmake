@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 if(TARGET softdvb_mux_core)
   add_library(softdvb_mux_test_support STATIC mux_support.cpp)
   target_include_directories(softdvb_mux_test_support PUBLIC "${PROJECT_SOURCE_DIR}/tests")

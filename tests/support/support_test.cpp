@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What the tests stand on: matchers that can fail, a verbosity that comes back, databases that go away.
 #include <cstdio>
 #include <filesystem>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // `kelvo epg update` where a stream makes it hard.
 #include <string>
 #include <vector>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // Preloaded in front of the software adapter: a program that sets the clock sees it move, and nobody else does.
 #include <dlfcn.h>
 #include <sys/time.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: the libkelvo++ authors
+# SPDX-License-Identifier: LGPL-2.1-or-later
+
 """png_colours.py FILE: a line for each colour of a PNG (8 bits, RGB or RGBA, not interlaced): RRGGBB and its pixels."""
 
 import collections

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A recorded multiplex from the adapter to the guide on the command line. Without the recording, which is not part of
 // the tree, the test is skipped.
 #include "scan/recorded_guide.h"

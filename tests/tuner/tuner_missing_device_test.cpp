@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A tuner whose device is not there or is something else: an object all the same.
 #include <memory>
 #include <string>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The signal monitor of a tuner, pass by pass, and the waits of both threads to the millisecond.
 #include <linux/dvb/frontend.h>
 #include <poll.h>

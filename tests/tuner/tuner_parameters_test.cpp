@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // What a tuner hands to its device: defaults, and what an earlier scan has stored for its input.
 #include <string>
 #include <utility>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The input of a Kelvo's tuner, also after it was disconnected and connected again.
 #include <fcntl.h>
 #include <linux/dvb/frontend.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // A tuner on a frontend that is not for DVB-T, and one whose monitor cannot start.
 #include <memory>
 #include <string>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 // The picture of a trace. Lengths are pixels of a picture that is WIDTH wide; viewers scale it.
 #include <algorithm>
 #include <cmath>

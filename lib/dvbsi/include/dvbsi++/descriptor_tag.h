@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // The descriptor tags in use (ISO/IEC 13818-1, 2.6.1; EN 300 468, 6.1). Descriptor::getTag() returns a number.

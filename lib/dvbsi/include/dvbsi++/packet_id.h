@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // PIDs of the tables (ISO/IEC 13818-1, 2.4.3.3; EN 300 468, 5.1.3).

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
 #pragma once
 
 // Table ids (ISO/IEC 13818-1, 2.4.4.4; EN 300 468, 5.1.3). SCHED_0 to SCHED_F are the sub-tables of the schedule.

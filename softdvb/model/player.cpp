@@ -27,11 +27,11 @@
 
 namespace softdvb {
 
-static constexpr int64_t MS = 1000000;
-static constexpr int64_t TICK_NS = 3 * MS;              // real time between looks of a playing thread
-static constexpr int64_t IDLE_TICK_NS = 100 * MS;       // and of one that waits for the frontend only
-static constexpr int64_t FAST_PATIENCE_NS = 1000 * MS;  // real time; then pace "fast" gives up on a reader
-static constexpr uint64_t PACKETS_A_TURN = 2048;        // then the lock is given up for a moment
+static constexpr int64_t MS_NS = 1000000;
+static constexpr int64_t TICK_NS = 3 * MS_NS;              // real time between looks of a playing thread
+static constexpr int64_t IDLE_TICK_NS = 100 * MS_NS;       // and of one that waits for the frontend only
+static constexpr int64_t FAST_PATIENCE_NS = 1000 * MS_NS;  // real time; then pace "fast" gives up on a reader
+static constexpr uint64_t PACKETS_A_TURN = 2048;           // then the lock is given up for a moment
 static constexpr size_t BLOCK_PACKETS = 256;
 
 // One stream file, open in this process.
@@ -256,7 +256,7 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
         return std::max(TICK_NS, to_real_duration(s, static_cast<int64_t>(at - now_ns)));
     }
     if (must_wait(adapter_index, p, patience))
-      return MS;
+      return MS_NS;
     give(adapter_index, p, now_ns);
   }
   return 0;
@@ -271,11 +271,11 @@ static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
 static int64_t advance(uint64_t limit) {
   Shared& s = *shared();
   const uint64_t now = adapter_now_ns(s);
-  int64_t wait = 1000 * MS;
+  int64_t wait = 1000 * MS_NS;
   // A tenth of a millisecond at least, or a deadline just passed would make the thread spin.
   const auto sooner = [&](uint64_t at_ns) {
     const int64_t left = at_ns > now ? to_real_duration(s, static_cast<int64_t>(at_ns - now)) : 0;
-    wait = std::min(wait, std::max<int64_t>(left, MS / 10));
+    wait = std::min(wait, std::max<int64_t>(left, MS_NS / 10));
   };
   for (int i = 0; i < s.adapter_count; ++i) {
     wait = std::min(wait, play(i, now, limit));

@@ -40,7 +40,7 @@ std::string zone_in(const std::string& file) {
   if (content.size() > LARGEST_FILE) {
     return "";
   }
-  const std::string rule = last_rule(content);
+  std::string rule = last_rule(content);
   // POSIX counts west of Greenwich.
   static const std::regex FIXED("([A-Za-z]+|<[A-Za-z0-9+-]+>)([+-]?)([0-9]{1,3})(?::([0-9]{2}))?");
   std::smatch part;

@@ -3,15 +3,9 @@
 
 #include "base/log.h"
 
-#include <cerrno>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "kelvo/kelvo.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 
 namespace {

@@ -4,14 +4,6 @@
 // Timers that are only looked at. Runs faster than the clock on the wall.
 #include "base/polled_timer.h"
 
-#include <time.h>
-
-#include <cerrno>
-#include <chrono>
-#include <thread>
-
-#include <gtest/gtest.h>
-
 #include "support/messages.h"
 #include "support/softdvb.h"
 

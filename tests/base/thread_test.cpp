@@ -3,22 +3,15 @@
 
 #include "base/thread.h"
 
-#include <errno.h>
 #include <pthread.h>
 #include <sched.h>
 
-#include <atomic>
 #include <cinttypes>
-#include <cstdint>
-#include <cstdio>
-#include <string>
 #include <typeinfo>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "kelvo/main_thread.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 #include "tuner/monitor_thread.h"
 

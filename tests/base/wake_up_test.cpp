@@ -6,7 +6,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

@@ -1,12 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <atomic>
-#include <memory>
-#include <thread>
-
-#include <gtest/gtest.h>
-
 #include "base/messages.h"
 #include "db_support.h"
 #include "support/support.h"

@@ -3,10 +3,6 @@
 
 #pragma once
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "base/messages.h"
 #include "support/database.h"
 #include "support/messages.h"

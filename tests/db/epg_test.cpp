@@ -4,16 +4,8 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <new>
-#include <random>
-
-#include <climits>
-#include <gmock/gmock.h>
 
 #include "db_support.h"
 

@@ -5,9 +5,6 @@
 
 #include <sqlite3.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "support/messages.h"
 
 using support::prints_at;

@@ -1,9 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "db_support.h"
 #include "support/softdvb.h"
 #include "system_calls.h"

@@ -2,14 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 #include <dirent.h>
-#include <sys/stat.h>
-#include <time.h>
-
-#include <chrono>
-#include <filesystem>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "db_support.h"
 

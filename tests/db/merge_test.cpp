@@ -1,10 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <time.h>
-
-#include <gmock/gmock.h>
-
 #include "db_support.h"
 
 using support::messages_at;

@@ -3,8 +3,6 @@
 
 #include <linux/dvb/frontend.h>
 
-#include <gmock/gmock.h>
-
 #include "db_support.h"
 
 using support::messages_at;

@@ -5,11 +5,6 @@
 #include <dlfcn.h>
 #include <linux/dvb/frontend.h>
 
-#include <string>
-#include <string_view>
-
-#include <gmock/gmock.h>
-
 #include "db_support.h"
 
 using support::stderr_of;

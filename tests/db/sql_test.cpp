@@ -1,8 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <gmock/gmock.h>
-
 #include "db_support.h"
 
 using db_support::Other_connection;

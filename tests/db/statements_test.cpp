@@ -3,9 +3,6 @@
 
 #include "db/statements.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "db/sdbl_parts.h"
 #include "support/database.h"
 #include "support/messages.h"

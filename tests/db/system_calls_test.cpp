@@ -5,14 +5,6 @@
 // /dvbfiles and /tmp/zoneinfo are folders of the sandbox.
 #include "system_calls.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "base/messages.h"
 #include "support/database.h"
 #include "support/messages.h"

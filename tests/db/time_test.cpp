@@ -1,13 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <stdlib.h>
 #include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <climits>
-#include <gtest/gtest.h>
 
 #include "base/messages.h"
 #include "db/sdbl.h"

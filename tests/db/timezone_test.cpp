@@ -1,15 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <time.h>
-
-#include <filesystem>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "db_support.h"
 #include "support/softdvb.h"
 

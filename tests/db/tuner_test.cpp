@@ -3,12 +3,6 @@
 
 #include <linux/dvb/frontend.h>
 
-#include <cstring>
-#include <sstream>
-
-#include <climits>
-#include <gmock/gmock.h>
-
 #include "db_support.h"
 
 using db_support::statements;

@@ -1,9 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <string>
 #include <typeinfo>
-#include <vector>
 
 #include <dvbsi++/ca_descriptor.h>
 #include <dvbsi++/iso639_language_descriptor.h>
@@ -12,11 +10,10 @@
 #include <dvbsi++/stream_identifier_descriptor.h>
 #include <dvbsi++/terrestrial_delivery_system_descriptor.h>
 #include <dvbsi++/video_stream_descriptor.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "dvbsi/parsed.h"
 #include "dvbsi/read_all.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <dvbsi++/event_information_section.h>
 #include <dvbsi++/network_information_section.h>
 #include <dvbsi++/program_association_section.h>
@@ -12,13 +8,13 @@
 #include <dvbsi++/service_description_section.h>
 #include <dvbsi++/time_date_section.h>
 #include <dvbsi++/time_offset_section.h>
-#include <gtest/gtest.h>
 
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/parsed.h"
 #include "dvbsi/read_all.h"
 #include "dvbsi/samples.h"
 #include "si/section_guard.h"
+#include "support/test.h"
 
 namespace {
 

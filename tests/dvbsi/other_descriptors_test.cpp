@@ -1,12 +1,8 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <set>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "dvbsi/parsed.h"
+#include "support/test.h"
 
 namespace {
 

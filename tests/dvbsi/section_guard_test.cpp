@@ -3,16 +3,10 @@
 
 #include "si/section_guard.h"
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/parsed.h"
 #include "dvbsi/samples.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,15 +1,12 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <thread>
-#include <vector>
-
 #include <dvbsi++/event_information_section.h>
 #include <dvbsi++/extended_event_descriptor.h>
 #include <dvbsi++/short_event_descriptor.h>
-#include <gtest/gtest.h>
 
 #include "dvbsi/parsed.h"
+#include "support/test.h"
 
 namespace {
 

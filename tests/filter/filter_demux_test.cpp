@@ -2,15 +2,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Filters on a device: opening, programming, starting, stopping.
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <memory>
-#include <utility>
-
-#include <gtest/gtest.h>
 
 #include "filter/filter_support.h"
 

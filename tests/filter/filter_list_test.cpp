@@ -2,11 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The list of filters, without a device that could be opened.
-#include <fstream>
-#include <utility>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "filter/filter_support.h"
 #include "support/text.h"

@@ -4,12 +4,6 @@
 // What the library's own code reaches behind the shell: waking, tags, activity, filters given up.
 #include <sys/select.h>
 
-#include <atomic>
-#include <thread>
-#include <utility>
-
-#include <gtest/gtest.h>
-
 #include "filter/filter_support.h"
 #include "filter/section_filter_parts.h"
 

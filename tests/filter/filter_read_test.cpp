@@ -2,14 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Waiting for sections, reading them, and the CRC.
-#include <algorithm>
-#include <chrono>
-#include <cstring>
-#include <memory>
-#include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "filter/filter_support.h"
 

@@ -2,13 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Section_filter on the software adapter, which behaves as Linux's demultiplexer does.
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <map>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "filter/filter_support.h"
 #include "support/softdvb.h"

@@ -3,17 +3,6 @@
 
 #pragma once
 
-#include <time.h>
-
-#include <cstdint>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
-#include <climits>
-#include <gtest/gtest.h>
-
 #include "base/ids.h"
 #include "filter/fake_demux.h"
 #include "filter/section_filter.h"

@@ -1,13 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <algorithm>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/samples.h"
+#include "support/test.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The facade with a tuner of the software adapter.
-#include <errno.h>
 #include <sys/prctl.h>
 
 #include "kelvo/kelvo_run.h"

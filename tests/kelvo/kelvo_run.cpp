@@ -3,9 +3,6 @@
 
 #include "kelvo/kelvo_run.h"
 
-#include <algorithm>
-#include <cstdio>
-
 namespace {
 
 // Change callbacks have no data; one test runs at a time.

@@ -3,20 +3,10 @@
 
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "kelvo/kelvo.h"
 #include "support/softdvb.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 
 // What the callbacks and listeners of a Kelvo said, a line each, in the order in which they came; and places where a

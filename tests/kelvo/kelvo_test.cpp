@@ -4,17 +4,6 @@
 // The facade without devices; what needs a stream is in tests/scan.
 #include "kelvo/kelvo.h"
 
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <string>
-#include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "support/messages.h"
 #include "support/support.h"
 

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Requests, answers and callbacks that meet: who sees what, and who comes first.
-#include <unistd.h>
 
 #include "kelvo/kelvo_run.h"
 

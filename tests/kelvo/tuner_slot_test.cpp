@@ -3,13 +3,8 @@
 
 #include "kelvo/tuner_slot.h"
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-
-#include <gtest/gtest.h>
-
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 
 namespace {

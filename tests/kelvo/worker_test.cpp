@@ -4,21 +4,10 @@
 // The order in which a worker begins and ends. The calls of the C library that show it are watched here.
 #include <dlfcn.h>
 #include <pthread.h>
-#include <time.h>
-
-#include <atomic>
-#include <chrono>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "kelvo/kelvo.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 
 namespace {

@@ -5,9 +5,6 @@
 // PAT, because the library used the other's. Here every symbol of the other's ends the program.
 #include <dlfcn.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "si/si_support.h"
 #include "support/database.h"
 

@@ -2,10 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Recorded streams, which are not part of the tree: without them these tests are skipped.
-#include <sstream>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "scan/scan_run.h"
 

@@ -3,17 +3,6 @@
 
 // What the broadcast time does to the clock and the zone, from the stream to what the adapter recorded and what the C
 // library reads afterwards. Nothing here sets the machine's clock or zone.
-#include <stdlib.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/scan_run.h"
 

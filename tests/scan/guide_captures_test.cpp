@@ -4,12 +4,6 @@
 // The guides of recorded streams, which are not part of the tree: without them these tests are skipped. What is stored
 // is compared with what another library finds in the recording, value by value. References hold a line a service, for
 // people to read: events, texts, and a checksum over starts, durations, genres, ratings, languages and texts.
-#include <ostream>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/recorded_guide.h"
 #include "scan/scan_run.h"

@@ -2,9 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // What the events of a broadcast become: rows and texts, compared whole.
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "scan/guide_run.h"
 

@@ -3,10 +3,6 @@
 
 // When the guide is collected and what a host is told: the first scan of an empty database, requests, change code 4,
 // exports, and the progress of every service.
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/guide_run.h"
 

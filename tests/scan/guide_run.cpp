@@ -3,8 +3,6 @@
 
 #include "scan/guide_run.h"
 
-#include <sstream>
-
 std::string Guide_test::lines_with(const std::string& text, const std::vector<std::string>& beginnings) {
   std::string found;
   std::istringstream in(text);

@@ -3,8 +3,6 @@
 
 #pragma once
 
-#include <string>
-
 #include "scan/scan_run.h"
 
 // Guides of streams made from tests/data/scan/base.json, whose services 101 and 102 are television and 103 is radio.

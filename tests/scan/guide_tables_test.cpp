@@ -2,12 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // One table of the guide after the other: what opens and closes them, who is given up, and what is never left.
-#include <algorithm>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/guide_run.h"
 

@@ -4,16 +4,8 @@
 #include "scan/recorded_guide.h"
 
 #include <iconv.h>
-#include <sys/types.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <iterator>
-#include <map>
-#include <sstream>
-#include <utility>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 // These headers need their order.
 // clang-format off

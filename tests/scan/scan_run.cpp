@@ -3,12 +3,6 @@
 
 #include "scan/scan_run.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <map>
-#include <sstream>
-
 #include "softdvb/mux/stream.h"
 #include "support/softdvb.h"
 

@@ -3,15 +3,11 @@
 
 #pragma once
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/db_dump.h"
 #include "support/support.h"
+#include "support/test.h"
 
 // One event that scan_host printed.
 struct Host_event {

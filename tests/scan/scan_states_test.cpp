@@ -2,13 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Exports, the test signal, failing devices and the end, in the middle of a scan.
-#include <filesystem>
-#include <sstream>
-#include <string>
-#include <utility>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "scan/scan_run.h"
 

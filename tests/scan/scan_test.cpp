@@ -3,10 +3,6 @@
 
 // Frequency requests on made streams: what a host is told and what the database holds afterwards.
 #include <cctype>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/scan_run.h"
 

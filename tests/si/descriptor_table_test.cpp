@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The table of descriptors itself.
-#include <map>
-#include <set>
 
 #include "si/si_support.h"
 #include "si/siparse_parts.h"

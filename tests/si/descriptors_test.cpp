@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The descriptor tables: every tag with its trace, what it stores, and where it stores nothing.
-#include <set>
 
 #include <dvbsi++/ac3_descriptor.h>
 #include <dvbsi++/audio_stream_descriptor.h>

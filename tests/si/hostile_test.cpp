@@ -3,8 +3,6 @@
 
 // Broken sections of every kind through the whole parser: nothing may fault or hang (a memory checker watches), and
 // whole sections afterwards are read as if nothing had been.
-#include <filesystem>
-#include <fstream>
 
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/samples.h"

@@ -3,15 +3,6 @@
 
 #pragma once
 
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "base/ids.h"
 #include "db/db_support.h"
 #include "db/sdbl.h"

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // TDT, TOT and the arithmetic of dates.
-#include <cstdint>
-#include <cstdlib>
 #include <limits>
 
 #include <dvbsi++/local_time_offset_descriptor.h>

@@ -2,12 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 #include <pthread.h>
-#include <signal.h>
-
-#include <atomic>
-#include <thread>
-
-#include <gtest/gtest.h>
 
 #include "softdvb/device_support.h"
 

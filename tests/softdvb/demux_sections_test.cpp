@@ -1,8 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <gtest/gtest.h>
-
 #include "softdvb/device_support.h"
 
 using namespace device;

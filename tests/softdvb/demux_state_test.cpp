@@ -3,8 +3,6 @@
 
 #include <sys/select.h>
 
-#include <gtest/gtest.h>
-
 #include "softdvb/device_support.h"
 
 using namespace device;

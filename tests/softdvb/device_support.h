@@ -3,24 +3,15 @@
 
 #pragma once
 
-#include <errno.h>
-#include <fcntl.h>
 #include <linux/dvb/dmx.h>
 #include <linux/dvb/frontend.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <functional>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "base/ids.h"
 #include "support/softdvb.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "support/ts_writer.h"
 
 // Short forms of the calls that the tests of the devices are made of.

@@ -7,10 +7,6 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 
-#include <fstream>
-
-#include <gtest/gtest.h>
-
 #include "softdvb/device_support.h"
 
 // Run under softdvb; each test asks for its faults itself.

@@ -1,17 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <signal.h>
-
-#include <array>
-#include <atomic>
-#include <cstring>
 #include <numeric>
-#include <string>
-#include <thread>
-#include <utility>
-
-#include <gtest/gtest.h>
 
 #include "softdvb/device_support.h"
 

@@ -1,18 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <map>
-#include <regex>
-
-#include <gtest/gtest.h>
-
 #include "support/softdvb.h"
 #include "support/support.h"
+#include "support/test.h"
 
 using support::run_program;
 using support::Softdvb_run;

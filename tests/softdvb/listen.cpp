@@ -5,9 +5,6 @@
 // (before the filter is started), buffer=BYTES, slow=MS (before each read), play=PACKETS, then wait=MS (reads until
 // nothing comes for so long) or count=N (reads so many). It prints the extension of each section, "/N" behind one that
 // is only N bytes long; clock: at last the seconds it all took on standard error.
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "softdvb/device_support.h"
 

@@ -1,12 +1,8 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <regex>
-#include <sstream>
-
-#include <gtest/gtest.h>
-
 #include "support/softdvb.h"
+#include "support/test.h"
 
 using support::run_softdvb;
 using support::Softdvb_run;

@@ -1,14 +1,11 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <ostream>
-
-#include <gtest/gtest.h>
-
 #include "softdvb/mux/description.h"
 #include "softdvb/mux/stream.h"
 #include "softdvb/mux/time_text.h"
 #include "softdvb/mux_support.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,13 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <algorithm>
-#include <set>
-
-#include <gtest/gtest.h>
-
 #include "base/ids.h"
 #include "softdvb/mux_support.h"
+#include "support/test.h"
 
 namespace {
 

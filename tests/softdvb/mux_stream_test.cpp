@@ -2,14 +2,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 #include <cmath>
-#include <map>
-#include <set>
-
-#include <gtest/gtest.h>
 
 #include "base/ids.h"
 #include "softdvb/mux/stream.h"
 #include "softdvb/mux_support.h"
+#include "support/test.h"
 
 namespace {
 

@@ -3,13 +3,7 @@
 
 #include "softdvb/mux_support.h"
 
-#include <sys/types.h>
-
-#include <algorithm>
-#include <cstring>
-#include <memory>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 // These headers need their order.
 // clang-format off

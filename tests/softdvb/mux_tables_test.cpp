@@ -1,9 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/types.h>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 // These headers need their order.
 // clang-format off

@@ -1,12 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <ostream>
-
-#include <gtest/gtest.h>
-
 #include "softdvb/mux/text.h"
 #include "softdvb/mux_support.h"
+#include "support/test.h"
 
 namespace {
 

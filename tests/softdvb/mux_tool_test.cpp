@@ -1,20 +1,10 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <set>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "base/ids.h"
 #include "softdvb/mux/stream.h"
 #include "softdvb/mux_support.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/wait.h>
-
-#include <gtest/gtest.h>
-
 #include "softdvb/device_support.h"
 
 // The launcher's options are part of these tests, so an inner program (listen) does the work under it.

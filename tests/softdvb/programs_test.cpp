@@ -1,13 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <algorithm>
-#include <sstream>
-
-#include <gtest/gtest.h>
-
 #include "support/softdvb.h"
 #include "support/support.h"
+#include "support/test.h"
 
 // Programs of Debian that know nothing of these adapters, unchanged.
 using support::run_softdvb;

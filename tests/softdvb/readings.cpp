@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Prints the signal strength of adapter 0, without tuning.
-#include <cstdio>
 
 #include "softdvb/device_support.h"
 

@@ -3,25 +3,13 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <linux/dvb/dmx.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/softdvb.h"
 #include "support/support.h"
+#include "support/test.h"
 
 // Run under softdvb.
 namespace fs = std::filesystem;

@@ -4,20 +4,10 @@
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 #include <sys/timex.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-
-#include <gtest/gtest.h>
 
 #include "softdvb/device_support.h"
 

@@ -5,15 +5,8 @@
 
 #include <sqlite3.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <sstream>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/support.h"
+#include "support/test.h"
 
 namespace support {
 

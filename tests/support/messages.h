@@ -3,12 +3,8 @@
 
 #pragma once
 
-#include <string>
-#include <utility>
-
-#include <gmock/gmock.h>
-
 #include "support/support.h"
+#include "support/test.h"
 #include "support/verbosity.h"
 
 // What the library prints, by verbosity. Each of these sets the verbosity while an action runs and puts it back.

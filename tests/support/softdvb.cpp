@@ -4,19 +4,12 @@
 #include "support/softdvb.h"
 
 #include <dlfcn.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <spawn.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <stdexcept>
 
-#include <gtest/gtest.h>
-
 #include "support/support.h"
+#include "support/test.h"
 
 namespace support {
 

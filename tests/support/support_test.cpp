@@ -2,10 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // What the tests stand on: matchers that can fail, a verbosity that comes back, databases that go away.
-#include <cstdio>
-#include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "support/database.h"
 #include "support/messages.h"

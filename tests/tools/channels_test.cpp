@@ -1,14 +1,11 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 #include <kelvo/kelvo.h>
 
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/prepared_db.h"
 
 namespace {

@@ -1,21 +1,11 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <time.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <ostream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/prepared_db.h"
 
 // `kelvo epg` on prepared databases. What is on now is asked of events that begin hours around the test's own time; the

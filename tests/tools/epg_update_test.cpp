@@ -2,10 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // `kelvo epg update` where a stream makes it hard.
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "scan/guide_run.h"
 #include "support/command.h"

@@ -4,12 +4,6 @@
 #include "tools/guide_fixture.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <fstream>
-#include <regex>
-#include <thread>
 
 #include "tools/prepared_db.h"
 

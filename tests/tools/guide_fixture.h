@@ -3,14 +3,9 @@
 
 #pragma once
 
-#include <ostream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/guide_streams.h"
 
 struct Failing_case;

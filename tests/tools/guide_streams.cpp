@@ -3,9 +3,8 @@
 
 #include "tools/guide_streams.h"
 
-#include <gtest/gtest.h>
-
 #include "support/command.h"
+#include "support/test.h"
 
 const char* const Guide_streams::DAY_OF_EVENTS =
     R"(, "schedule": { "from": "today", "days": 1, "programmes": [{ "duration": "30m", "name": "Uudised", "text": "Ilm" }] })";

@@ -5,10 +5,10 @@
 
 #include <sqlite3.h>
 
-#include <gtest/gtest.h>
 #include <kelvo/kelvo.h>
 
 #include "support/support.h"
+#include "support/test.h"
 
 void run_sql(const std::string& file, const std::string& sql) {
   sqlite3* connection = nullptr;

@@ -5,17 +5,12 @@
 // the tree, the test is skipped.
 #include "scan/recorded_guide.h"
 
-#include <algorithm>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/command.h"
 #include "support/db_dump.h"
 #include "support/support.h"
+#include "support/test.h"
 
 namespace {
 

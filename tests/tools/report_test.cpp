@@ -1,11 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <cstdlib>
-#include <string>
-
-#include <gtest/gtest.h>
-
+#include "support/test.h"
 #include "tools/scan/scan_report.h"
 
 namespace {

@@ -1,20 +1,11 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <signal.h>
 #include <sqlite3.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <ostream>
-#include <regex>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/prepared_db.h"
 
 // `kelvo scan` under the software adapter. Times are compressed and masked ("#.# s"); everything else is exact.

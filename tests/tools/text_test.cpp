@@ -3,11 +3,7 @@
 
 #include "tools/cli/text.h"
 
-#include <ostream>
-#include <string>
-
-#include <gtest/gtest.h>
-
+#include "support/test.h"
 #include "tools/cli/bands.h"
 
 namespace {

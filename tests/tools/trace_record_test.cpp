@@ -1,20 +1,13 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <unistd.h>
-
 #include <csignal>
-#include <filesystem>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 
 // `kelvo trace record` under the software adapter, and `kelvo trace demo`, which brings it along.
 

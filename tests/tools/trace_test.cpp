@@ -1,26 +1,11 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <filesystem>
-#include <map>
-#include <ostream>
-#include <random>
-#include <set>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 
 // `kelvo trace convert`, run as people run it.
 

@@ -1,18 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <ostream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/prepared_db.h"
 
 namespace {

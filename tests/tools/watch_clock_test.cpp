@@ -1,22 +1,9 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <signal.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/command.h"
 #include "support/support.h"
+#include "support/test.h"
 #include "tools/watch/zone_file.h"
 
 // What `kelvo watch` says of clock and zone, under the software adapter, in virtual time.

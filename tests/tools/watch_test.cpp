@@ -1,17 +1,6 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <signal.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/command.h"
 #include "support/support.h"
 #include "tools/guide_fixture.h"

@@ -2,19 +2,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/messages.h"
 #include "trace/timedoc.h"

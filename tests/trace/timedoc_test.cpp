@@ -3,19 +3,6 @@
 
 #include "trace/timedoc.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <random>
-#include <string>
-#include <vector>
-
-#include <climits>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "support/messages.h"
 #include "trace/tdi_reading.h"
 

@@ -3,12 +3,6 @@
 
 #pragma once
 
-#include <memory>
-#include <string>
-#include <thread>
-
-#include <gtest/gtest.h>
-
 #include "support/database.h"
 #include "support/messages.h"
 #include "support/text.h"

@@ -2,12 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // A tuner whose device is not there or is something else: an object all the same.
-#include <memory>
-#include <string>
-#include <utility>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/database.h"
 #include "support/messages.h"

@@ -5,17 +5,6 @@
 #include <linux/dvb/frontend.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <string>
-#include <thread>
-#include <utility>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/messages.h"
 #include "tuner/fake_tuner.h"

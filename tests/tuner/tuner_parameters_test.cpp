@@ -2,10 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // What a tuner hands to its device: defaults, and what an earlier scan has stored for its input.
-#include <string>
-#include <utility>
-
-#include <gtest/gtest.h>
 
 #include "tuner/fake_tuner.h"
 

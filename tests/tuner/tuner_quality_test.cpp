@@ -4,12 +4,9 @@
 #include "tuner/tuner_quality.h"
 
 #include <cmath>
-#include <cstdint>
 #include <limits>
-#include <tuple>
-#include <utility>
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 using tuner_quality::ber_quality;
 using tuner_quality::noise;

@@ -2,16 +2,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The input of a Kelvo's tuner, also after it was disconnected and connected again.
-#include <fcntl.h>
 #include <linux/dvb/frontend.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "kelvo/kelvo.h"
 #include "support/database.h"
 #include "support/softdvb.h"
+#include "support/test.h"
 
 namespace {
 

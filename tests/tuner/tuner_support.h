@@ -3,11 +3,6 @@
 
 #pragma once
 
-#include <memory>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "support/database.h"
 #include "support/messages.h"
 #include "support/softdvb.h"

@@ -5,11 +5,6 @@
 #include "tuner/tuner.h"
 
 #include <limits>
-#include <string>
-#include <utility>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tuner/tuner_support.h"
 

@@ -2,11 +2,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // A tuner on a frontend that is not for DVB-T, and one whose monitor cannot start.
-#include <memory>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/database.h"
 #include "support/messages.h"

@@ -9,7 +9,8 @@ using CaDataByteVector = std::vector<uint8_t>;
 using CaDataByteIterator = CaDataByteVector::iterator;
 using CaDataByteConstIterator = CaDataByteVector::const_iterator;
 
-// 0x09 (ISO/IEC 13818-1, 2.6.16): PID of the EMMs in the CAT, of the ECMs in a PMT.
+// Conditional access descriptor, 0x09 (ISO/IEC 13818-1, 2.6.16): the PID is that of the EMMs in a CAT, that of the ECMs
+// in a PMT. Valid from 4 bytes on.
 class CaDescriptor : public Descriptor {
  public:
   CaDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
@@ -17,7 +18,8 @@ class CaDescriptor : public Descriptor {
 
   uint16_t getCaSystemId() const { return static_cast<uint16_t>(two_bytes(0)); }
   uint16_t getCaPid() const { return static_cast<uint16_t>(two_bytes(2) & 0x1FFF); }
-  const CaDataByteVector* getCaDataBytes() const;  // private data, may be empty
+  // The private data behind the PID; empty, never null, and the descriptor's own.
+  const CaDataByteVector* getCaDataBytes() const;
 
  private:
   dvbsi_own::Lazy_bytes data_bytes_;

@@ -6,7 +6,8 @@
 #include <dvbsi++/descriptor_container.h>
 #include <dvbsi++/long_crc_section.h>
 
-// CAT (ISO/IEC 13818-1, 2.4.4.6). Its loop ends at the first descriptor that does not fit; those before it stay.
+// CAT (ISO/IEC 13818-1, 2.4.4.6). getDescriptors() is all that it has, empty when the section is too short for it. What
+// holds for all sections stands in short_section.h.
 class ConditionalAccessSection : public LongCrcSection, public DescriptorContainer {
  public:
   ConditionalAccessSection(const uint8_t* const buffer);

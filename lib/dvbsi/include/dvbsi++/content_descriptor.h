@@ -5,6 +5,7 @@
 
 #include <dvbsi++/descriptor.h>
 
+// One genre: the two levels of the clause's table, and a byte for the broadcaster's own use, in halves of 0 to 15.
 class ContentClassification {
  public:
   ContentClassification(const uint8_t* const buffer);
@@ -23,13 +24,13 @@ using ContentClassificationList = std::list<ContentClassification*>;
 using ContentClassificationIterator = ContentClassificationList::iterator;
 using ContentClassificationConstIterator = ContentClassificationList::const_iterator;
 
-// 0x54 (EN 300 468, 6.2.9).
+// Content descriptor, 0x54 (EN 300 468, 6.2.9). Valid when its length is even.
 class ContentDescriptor : public Descriptor {
  public:
   ContentDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ContentDescriptor() override;
 
-  const ContentClassificationList* getClassifications() const;
+  const ContentClassificationList* getClassifications() const;  // may be empty
 
  private:
   dvbsi_own::Lazy_list<ContentClassification> classifications_;

@@ -3,7 +3,8 @@
 
 #pragma once
 
-// The descriptor tags in use (ISO/IEC 13818-1, 2.6.1; EN 300 468, 6.1). Descriptor::getTag() returns a number.
+// The descriptor tags in use (ISO/IEC 13818-1, 2.6.1; EN 300 468, 6.1), for comparisons with Descriptor::getTag(),
+// which returns a number since others are broadcast, too.
 enum SiDescriptorTag {
   VIDEO_STREAM_DESCRIPTOR = 0x02,
   AUDIO_STREAM_DESCRIPTOR = 0x03,

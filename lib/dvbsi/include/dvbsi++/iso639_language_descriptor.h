@@ -5,12 +5,15 @@
 
 #include <dvbsi++/descriptor.h>
 
+// One language of a stream.
 class Iso639Language {
  public:
   Iso639Language(const uint8_t* const buffer);
 
   const std::string& getIso639LanguageCode() const { return language_; }
-  uint8_t getAudioType() const { return audio_type_; }
+  uint8_t getAudioType() const {
+    return audio_type_;
+  }  // 0 undefined, 1 clean effects, 2 and 3 for impaired hearing and sight
 
  private:
   std::string language_;
@@ -21,13 +24,13 @@ using Iso639LanguageList = std::list<Iso639Language*>;
 using Iso639LanguageIterator = Iso639LanguageList::iterator;
 using Iso639LanguageConstIterator = Iso639LanguageList::const_iterator;
 
-// 0x0A (ISO/IEC 13818-1, 2.6.18).
+// ISO 639 language descriptor, 0x0A (ISO/IEC 13818-1, 2.6.18). Valid when its length is a multiple of 4.
 class Iso639LanguageDescriptor : public Descriptor {
  public:
   Iso639LanguageDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~Iso639LanguageDescriptor() override;
 
-  const Iso639LanguageList* getIso639Languages() const;
+  const Iso639LanguageList* getIso639Languages() const;  // may be empty
 
  private:
   dvbsi_own::Lazy_list<Iso639Language> languages_;

@@ -5,12 +5,13 @@
 
 #include <dvbsi++/descriptor.h>
 
+// The local time of a country or a part of it. Times are as broadcast: invalid BCD digits are passed on.
 class LocalTimeOffset {
  public:
   LocalTimeOffset(const uint8_t* const buffer);
 
   const std::string& getCountryCode() const { return country_; }
-  uint8_t getCountryRegionId() const { return region_id_; }
+  uint8_t getCountryRegionId() const { return region_id_; }         // 0: no parts; up to 63
   uint8_t getLocalTimeOffsetPolarity() const { return polarity_; }  // 0: ahead of UTC, 1: behind; also for the next
   uint16_t getLocalTimeOffset() const { return offset_; }           // 0xHHMM
   uint16_t getTimeOfChangeMjd() const { return change_mjd_; }       // modified Julian date, days
@@ -31,13 +32,13 @@ using LocalTimeOffsetList = std::list<LocalTimeOffset*>;
 using LocalTimeOffsetIterator = LocalTimeOffsetList::iterator;
 using LocalTimeOffsetConstIterator = LocalTimeOffsetList::const_iterator;
 
-// 0x58 (EN 300 468, 6.2.20).
+// Local time offset descriptor, 0x58 (EN 300 468, 6.2.20). Valid when its length is a multiple of 13.
 class LocalTimeOffsetDescriptor : public Descriptor {
  public:
   LocalTimeOffsetDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~LocalTimeOffsetDescriptor() override;
 
-  const LocalTimeOffsetList* getLocalTimeOffsets() const;
+  const LocalTimeOffsetList* getLocalTimeOffsets() const;  // may be empty
 
  private:
   dvbsi_own::Lazy_list<LocalTimeOffset> offsets_;

@@ -6,7 +6,8 @@
 #include <dvbsi++/descriptor_container.h>
 #include <dvbsi++/long_crc_section.h>
 
-// One transport stream of a NIT.
+// One transport stream of a NIT, whose getDescriptors() is the stream's loop. Made by the section; whoever makes one by
+// hand gives it a whole entry.
 class TransportStreamInfo : public DescriptorContainer {
  public:
   TransportStreamInfo(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
@@ -24,8 +25,10 @@ using TransportStreamInfoIterator = TransportStreamInfoList::iterator;
 using TransportStreamInfoConstIterator = TransportStreamInfoList::const_iterator;
 
 // NIT (EN 300 468, 5.2.1). The network id is getTableIdExtension(), getDescriptors() is the network's loop. When that
-// loop does not end where network_descriptors_length says, there are no transport streams; nor are there any when
-// transport_stream_loop_length passes the section.
+// loop does not end where network_descriptors_length says, there are no transport streams, and when that length passes
+// the section, no descriptors either. There are no transport streams when transport_stream_loop_length passes the
+// section; the first one that does not fit in that loop and all after it are left out. What holds for all sections
+// stands in short_section.h.
 class NetworkInformationSection : public LongCrcSection, public DescriptorContainer {
  public:
   NetworkInformationSection(const uint8_t* const buffer);

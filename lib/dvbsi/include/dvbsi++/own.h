@@ -96,7 +96,7 @@ class Owned_list {
   Owned_list(const Owned_list&) = delete;
   Owned_list& operator=(const Owned_list&) = delete;
 
-  // REQUIRES: nothing is reserved yet.
+  // Room for so many; throws std::bad_alloc and stays empty without memory. REQUIRES: nothing is reserved yet.
   void reserve(size_t count) {
     if (count == 0)
       return;

@@ -3,7 +3,7 @@
 
 #pragma once
 
-// PIDs of the tables (ISO/IEC 13818-1, 2.4.3.3; EN 300 468, 5.1.3).
+// PIDs of the tables, for the constants of the section classes (ISO/IEC 13818-1, 2.4.3.3; EN 300 468, 5.1.3).
 enum PacketId {
   PID_PAT = 0x0000,
   PID_CAT = 0x0001,

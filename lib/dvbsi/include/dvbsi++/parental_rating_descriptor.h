@@ -5,12 +5,14 @@
 
 #include <dvbsi++/descriptor.h>
 
+// The age for which a country's broadcaster thinks an event is fit.
 class ParentalRating {
  public:
   ParentalRating(const uint8_t* const buffer);
 
   const std::string& getCountryCode() const { return country_; }
-  uint8_t getRating() const { return rating_; }  // as broadcast: the age is three more
+  // 0 is undefined, 1 to 15 are the age less three, the others are the broadcaster's own.
+  uint8_t getRating() const { return rating_; }
 
  private:
   std::string country_;
@@ -21,13 +23,13 @@ using ParentalRatingList = std::list<ParentalRating*>;
 using ParentalRatingIterator = ParentalRatingList::iterator;
 using ParentalRatingConstIterator = ParentalRatingList::const_iterator;
 
-// 0x55 (EN 300 468, 6.2.28).
+// Parental rating descriptor, 0x55 (EN 300 468, 6.2.28). Valid when its length is a multiple of 4.
 class ParentalRatingDescriptor : public Descriptor {
  public:
   ParentalRatingDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);
   ~ParentalRatingDescriptor() override;
 
-  const ParentalRatingList* getParentalRatings() const;
+  const ParentalRatingList* getParentalRatings() const;  // may be empty
 
  private:
   dvbsi_own::Lazy_list<ParentalRating> ratings_;

@@ -5,7 +5,7 @@
 
 #include <dvbsi++/long_crc_section.h>
 
-// Entry of the PAT with program_number 0: where the NIT is.
+// Entry of the PAT with program_number 0: the PID of the NIT. The entries are made by the section, from 4 bytes each.
 class NetworkAssociation {
  public:
   NetworkAssociation(const uint8_t* const buffer);
@@ -25,7 +25,7 @@ class ProgramAssociation {
  public:
   ProgramAssociation(const uint8_t* const buffer);
 
-  uint16_t getProgramNumber() const { return number_; }
+  uint16_t getProgramNumber() const { return number_; }  // the service_id; never 0 in a section
   uint16_t getProgramMapPid() const { return pid_; }
 
  private:
@@ -37,8 +37,9 @@ using ProgramAssociationList = std::list<ProgramAssociation*>;
 using ProgramAssociationIterator = ProgramAssociationList::iterator;
 using ProgramAssociationConstIterator = ProgramAssociationList::const_iterator;
 
-// PAT (ISO/IEC 13818-1, 2.4.4.3). The transport stream id is getTableIdExtension(). One to three bytes left over
-// behind the last entry are ignored.
+// PAT (ISO/IEC 13818-1, 2.4.4.3). The transport stream id is getTableIdExtension(). One to three bytes left over behind
+// the last entry are ignored, and the lists are empty when the section is too short for one. What holds for all
+// sections stands in short_section.h.
 class ProgramAssociationSection : public LongCrcSection {
  public:
   ProgramAssociationSection(const uint8_t* const buffer);

@@ -5,7 +5,7 @@
 
 #include <dvbsi++/descriptor.h>
 
-// 0x48 (EN 300 468, 6.2.33).
+// Service descriptor, 0x48 (EN 300 468, 6.2.33). Valid from 3 bytes on, when both names lie within the body.
 class ServiceDescriptor : public Descriptor {
  public:
   ServiceDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);

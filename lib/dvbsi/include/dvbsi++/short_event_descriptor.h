@@ -5,7 +5,8 @@
 
 #include <dvbsi++/descriptor.h>
 
-// 0x4D (EN 300 468, 6.2.37).
+// Short event descriptor, 0x4D (EN 300 468, 6.2.37): title and a text in one language. Valid from 5 bytes on, when both
+// lie within the body.
 class ShortEventDescriptor : public Descriptor {
  public:
   ShortEventDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);

@@ -10,16 +10,20 @@
 #include <dvbsi++/packet_id.h>
 #include <dvbsi++/table_id.h>
 
-// The first three bytes of every section (EN 300 468, 5.1.1).
+// The first three bytes of every section (ISO/IEC 13818-1, 2.4.4.11; EN 300 468, 5.1.1).
 //
-// All section classes: the constructor parses at once and copies what it needs, so the buffer may be reused as soon as
-// it returns. It takes no length: section_length is believed, and the buffer holds section_length + 3 bytes, of which
-// at most 4096 are read. Nothing else is checked, neither table_id nor CRC: any class can be laid over any section, and
-// bytes that a short section does not have count as 0. It throws nothing but std::bad_alloc.
-//
-// Getters are *any-thread*, also at the same time. Lists are never null, in the order of the broadcast, and they own
-// their elements: a list, its elements and their texts live as long as the section. Numbers are right-aligned; texts
-// are the bytes as broadcast, with character table selector and control codes.
+// What holds for all section classes is said here, and not again at each of them:
+// - Ownership. Whoever makes a section deletes it. The constructor parses at once and copies what it needs, so the
+//   buffer may be reused as soon as it returns. The lists belong to the section and own their elements: a list, its
+//   elements and their texts live as long as the section, and callers delete none of them.
+// - Input. The constructor takes no length: section_length is believed, and the buffer holds section_length + 3 bytes,
+//   of which at most 4096 are read. Nothing else is checked, neither table_id nor CRC: any class can be laid over any
+//   section. Inner lengths from the air are compared with what is there before they are used.
+// - Failure. There is no error: bytes that a short section does not have count as 0 (a field that lies where the CRC of
+//   a short section is has bytes of that), entries that do not fit are left out with all behind them, as the class
+//   says, and lists are then shorter or empty. The constructor throws nothing but std::bad_alloc.
+// - Values. Numbers are as broadcast and right-aligned, flags 0 or 1. Lists are never null and in the order of the
+//   broadcast. Getters are *any-thread*, also at the same time.
 class ShortSection {
  public:
   ShortSection(const uint8_t* const buffer);

@@ -5,7 +5,8 @@
 
 #include <dvbsi++/descriptor.h>
 
-// 0x52 (EN 300 468, 6.2.39).
+// Stream identifier descriptor, 0x52 (EN 300 468, 6.2.39): by the tag, component descriptors name a stream of the PMT.
+// Valid from 1 byte on.
 class StreamIdentifierDescriptor : public Descriptor {
  public:
   StreamIdentifierDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);

@@ -3,7 +3,8 @@
 
 #pragma once
 
-// Table ids (ISO/IEC 13818-1, 2.4.4.4; EN 300 468, 5.1.3). SCHED_0 to SCHED_F are the sub-tables of the schedule.
+// Table ids, for comparisons with ShortSection::getTableId() (ISO/IEC 13818-1, 2.4.4.4; EN 300 468, 5.1.3). SCHED_0 to
+// SCHED_F are the sub-tables of the schedule.
 enum TableId {
   TID_PAT = 0x00,
   TID_CAT = 0x01,

@@ -5,7 +5,8 @@
 
 #include <dvbsi++/descriptor.h>
 
-// 0x5A (EN 300 468, 6.2.13.4). All values but the frequency are the codes as broadcast.
+// Terrestrial delivery system descriptor, 0x5A (EN 300 468, 6.2.13.4). Valid from 7 bytes on. All values but the
+// frequency are the codes of that clause's tables as broadcast, reserved ones included.
 class TerrestrialDeliverySystemDescriptor : public Descriptor {
  public:
   TerrestrialDeliverySystemDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);

@@ -5,7 +5,8 @@
 
 #include <dvbsi++/short_section.h>
 
-// TDT (EN 300 468, 5.2.5): UTC as broadcast, both values 0 when the section is too short for them.
+// TDT (EN 300 468, 5.2.5): UTC as broadcast; invalid BCD digits are passed on. Both values are 0 when the section is
+// too short for them. What holds for all sections stands in short_section.h.
 class TimeAndDateSection : public ShortSection {
  public:
   TimeAndDateSection(const uint8_t* const buffer);

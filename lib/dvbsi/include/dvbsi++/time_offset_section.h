@@ -6,8 +6,8 @@
 #include <dvbsi++/descriptor_container.h>
 #include <dvbsi++/short_crc_section.h>
 
-// TOT (EN 300 468, 5.2.6): the time as in the TDT, and descriptors with the local time offsets. A loop that passes the
-// section counts as empty; otherwise it ends at the first descriptor that does not fit.
+// TOT (EN 300 468, 5.2.6): the time as in the TDT, 0 where there is not enough of it, and descriptors with the local
+// time offsets. A loop that passes the section counts as empty. What holds for all sections stands in short_section.h.
 class TimeOffsetSection : public ShortCrcSection, public DescriptorContainer {
  public:
   TimeOffsetSection(const uint8_t* const buffer);

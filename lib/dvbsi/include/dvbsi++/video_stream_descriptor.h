@@ -5,8 +5,9 @@
 
 #include <dvbsi++/descriptor.h>
 
-// 0x02 (ISO/IEC 13818-1, 2.6.2). The last three values are 0 for an MPEG-1 only stream, which does not broadcast them.
-// Other implementations leave them, and getStillPictureFlag() always, undefined.
+// Video stream descriptor, 0x02 (ISO/IEC 13818-1, 2.6.2). Valid from 3 bytes on, of an MPEG-1 only stream from 1. The
+// last three values are 0 for an MPEG-1 only stream, which does not broadcast them. Other implementations leave them,
+// and getStillPictureFlag() always, undefined.
 class VideoStreamDescriptor : public Descriptor {
  public:
   VideoStreamDescriptor(const uint8_t* const buffer, dvbsi_own::Keep keep = dvbsi_own::Keep::COPY);

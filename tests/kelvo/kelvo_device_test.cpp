@@ -23,14 +23,18 @@ void on_event(unsigned event, void* data) {
 
 class Kelvo_device_test : public Kelvo_run {
  protected:
+  void SetUp() override {
+    Kelvo_run::SetUp();
+    event_protocol = &protocol_;
+  }
   template <typename Condition>
   static bool wait_for(Condition condition) {
-    for (int i = 0; i < 20000; ++i) {
-      if (condition())
-        return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return support::wait_for(condition, std::chrono::minutes(7));
+  }
+  // Tuned, and the monitor has read this tuning.
+  void tune() {
+    EXPECT_EQ(kelvo_->tune_to_freq(FREQ, nullptr, nullptr), -1);
+    EXPECT_TRUE(wait_for([&] { return kelvo_->fe_ber() == 100.0F; }));
   }
   static void set_status(unsigned bits) { support::softdvb_control("adapter 0 status = " + std::to_string(bits)); }
 };
@@ -38,19 +42,10 @@ class Kelvo_device_test : public Kelvo_run {
 }  // namespace
 
 TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
-  event_protocol = &protocol_;
+  const support::Verbosity verbosity(1);
   make();
-  verbosity_kelvo = 1;
-  EXPECT_EQ(kelvo_->tune_to_freq(FREQ, nullptr, nullptr), -1);
-  EXPECT_TRUE(wait_for([&] { return kelvo_->fe_ber() == 100.0F; }));
-  const auto lost = [&] {
-    const std::string text = capture_.text();
-    size_t count = 0;
-    for (size_t at = text.find("FE quality lost\n"); at != std::string::npos;
-         at = text.find("FE quality lost\n", at + 1))
-      ++count;
-    return count;
-  };
+  tune();
+  const auto lost = [&] { return support::count_of(capture_.text(), "FE quality lost\n"); };
 
   kelvo_->set_stb_event_callback(on_event);
   EXPECT_EQ(kelvo_->reset_signal_monitor(), 1);
@@ -64,7 +59,6 @@ TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
   set_status(0x0F);
   EXPECT_TRUE(wait_for([&] { return lost() == before + 2; })) << capture_.text();
   EXPECT_EQ(protocol_.text({"event"}), "event 0\nevent 1\n");
-  verbosity_kelvo = -1;
 }
 
 TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
@@ -85,7 +79,6 @@ TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
 }
 
 TEST_F(Kelvo_device_test, new_tuner_has_forgotten_frequency_and_events) {
-  event_protocol = &protocol_;
   make();
   EXPECT_EQ(kelvo_->tune_to_freq(FREQ, nullptr, nullptr), -1);
   kelvo_->set_stb_event_callback(on_event);
@@ -94,8 +87,7 @@ TEST_F(Kelvo_device_test, new_tuner_has_forgotten_frequency_and_events) {
   kelvo_->set_tuner(false);
   kelvo_->set_tuner(true);
   EXPECT_EQ(kelvo_->fe_freq(), 474000000);
-  EXPECT_EQ(kelvo_->tune_to_freq(FREQ, nullptr, nullptr), -1);
-  EXPECT_TRUE(wait_for([&] { return kelvo_->fe_ber() == 100.0F; }));
+  tune();
   set_status(0x0F);
   std::this_thread::sleep_for(std::chrono::seconds(10));
   EXPECT_EQ(protocol_.text({"event"}), "");
@@ -107,8 +99,7 @@ TEST_F(Kelvo_device_test, callbacks_come_from_the_worker_with_what_the_host_gave
   for (const char* line : {"done a 0", "change 8", "end 506000000 -1 PAT complete merged 34"})
     protocol_.on(line, [&] { threads.push_back(thread_name()); });
   EXPECT_TRUE(kelvo_->get_msg_state());
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  ask("a");
   EXPECT_TRUE(wait_for([&] { return kelvo_->get_msg_state(); }));
   EXPECT_TRUE(kelvo_->export_db("", false));
   EXPECT_TRUE(protocol_.wait_for("change 8"));

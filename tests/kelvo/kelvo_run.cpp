@@ -129,6 +129,21 @@ void Kelvo_run::done(void* data, int result) {
   named->protocol->add("done " + named->name + " " + std::to_string(result));
 }
 
+void Kelvo_run::ask(const std::string& name, int result) {
+  EXPECT_EQ(request(name), -1);
+  EXPECT_TRUE(protocol_.wait_for("done " + name + " " + std::to_string(result)));
+}
+
+void Kelvo_run::make_and_ask(const std::string& name, int result) {
+  make();
+  ask(name, result);
+}
+
+void Kelvo_run::silence(std::initializer_list<const char*> tables) {
+  for (const std::string table : tables)
+    support::softdvb_control("adapter 0 section " + table + " = silence");
+}
+
 int Kelvo_run::number_of(const std::string& sql) {
   int value = -1;
   (void)database_->sql_get_int(&value, 0, "%s", sql.c_str());

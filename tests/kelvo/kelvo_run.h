@@ -7,6 +7,7 @@
 #include "support/softdvb.h"
 #include "support/support.h"
 #include "support/test.h"
+#include "support/text.h"
 #include "support/verbosity.h"
 
 // What the callbacks and listeners of a Kelvo said, a line each, in the order in which they came; and places where a
@@ -66,6 +67,17 @@ class Kelvo_run : public testing::Test {
   void* data(const std::string& name);
   static void done(void* data, int result);
   int request(const std::string& name, int freq = FREQ) { return kelvo_->tune_to_freq(freq, data(name), done); }
+  // Requests that are accepted: waits for the answer; and the first of a Kelvo, which fills the channel list: 101 is
+  // channel 1, 102 is 2, 103 is 3.
+  void ask(const std::string& name, int result = 0);
+  void make_and_ask(const std::string& name, int result = 0);
+
+  // The adapter sends no section of these any more: "17/0x42" (PID and table).
+  static void silence(std::initializer_list<const char*> tables);
+  static constexpr char SDT[] = "17/0x42";
+  static constexpr char PMT_OF_102[] = "272/0x02";
+  static constexpr char PAT[] = "0/0x00";
+  static constexpr char TOT[] = "20/0x73";
 
   int number_of(const std::string& sql);
   // Until the query answers other than 0.

@@ -6,6 +6,13 @@
 
 #include "support/messages.h"
 #include "support/support.h"
+#include "support/text.h"
+
+using support::count_of;
+using support::messages_at;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -34,21 +41,9 @@ void hold(int code) {
   held = false;
 }
 
-size_t count(const std::string& text, const std::string& part) {
-  size_t found = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
-    ++found;
-  return found;
-}
-
 template <typename Condition>
 bool soon(Condition condition) {
-  for (int i = 0; i < 60000; ++i) {
-    if (condition())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+  return support::wait_for(condition, std::chrono::minutes(1));
 }
 
 constexpr int ADAPTER = 3;
@@ -67,10 +62,12 @@ class Kelvo_test : public testing::Test {
   }
   ~Kelvo_test() override { verbosity_kelvo = 0; }
 
-  std::unique_ptr<Kelvo> make(bool tuner) {
+  std::unique_ptr<Kelvo> make(bool tuner, Kelvo::change_callback_t callback = changed) {
+    return std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, tuner, callback);
+  }
+  std::unique_ptr<Kelvo> make_quietly(bool tuner = false) {
     std::unique_ptr<Kelvo> kelvo;
-    (void)support::messages_at(
-        -1, [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, tuner, changed); });
+    (void)messages_at(-1, [&] { kelvo = make(tuner); });
     return kelvo;
   }
 
@@ -81,7 +78,7 @@ class Kelvo_test : public testing::Test {
 }  // namespace
 
 TEST_F(Kelvo_test, without_tuner_readings_are_those_of_no_signal) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   EXPECT_EQ(kelvo->fe_status(), 32);
   EXPECT_EQ(kelvo->fe_freq(), 0);
   EXPECT_EQ(kelvo->fe_strength(), -24.0F);
@@ -90,7 +87,7 @@ TEST_F(Kelvo_test, without_tuner_readings_are_those_of_no_signal) {
 }
 
 TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   const std::string text = support::messages_at(4, [&] {
     kelvo->set_stb_event_callback([](unsigned, void*) { ADD_FAILURE(); });
     kelvo->set_stb_event_callback(nullptr);
@@ -101,28 +98,19 @@ TEST_F(Kelvo_test, without_tuner_the_monitor_s_operations_do_nothing) {
 }
 
 TEST_F(Kelvo_test, without_tuner_the_constructor_says_so_at_every_verbosity) {
-  for (const int level : {-1, 0, 1}) {
-    verbosity_kelvo = level;
+  for (const int level : {-1, 0, 1, 3}) {
     std::unique_ptr<Kelvo> kelvo;
-    EXPECT_EQ(support::stderr_of(
-                  [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); }),
-              "Tuner disconnected, passive stream scan\n");
+    EXPECT_THAT([&] { kelvo = make(false, nullptr); },
+                support::prints_at(level, "Tuner disconnected, passive stream scan\n"));
   }
 }
 
 TEST_F(Kelvo_test, constructor_starts_the_worker_and_reports_priority_10_at_verbosity_4) {
-  std::unique_ptr<Kelvo> kelvo;
-  const std::string text = support::messages_at(
-      4, [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); });
-  EXPECT_THAT(text, testing::StartsWith("Tuner disconnected, passive stream scan\n"));
-  EXPECT_THAT(text, testing::HasSubstr("sql_exec: CREATE TEMP TABLE 'kanalid_scan_3' "));
-  EXPECT_THAT(text, testing::ContainsRegex("rc 0, Changing thread [0-9a-f]+ priority from -?[0-9]+ to 10\n"));
-  EXPECT_THAT(text, testing::HasSubstr(" rc = 0 After change 0\n"));
-  verbosity_kelvo = 3;
-  kelvo.reset();
-  EXPECT_EQ(support::stderr_of(
-                [&] { kelvo = std::make_unique<Kelvo>(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr); }),
-            "Tuner disconnected, passive stream scan\n");
+  EXPECT_THAT(messages_at(4, [&] { make(false, nullptr); }),
+              AllOf(StartsWith("Tuner disconnected, passive stream scan\n"),
+                    HasSubstr("sql_exec: CREATE TEMP TABLE 'kanalid_scan_3' "),
+                    testing::ContainsRegex("rc 0, Changing thread [0-9a-f]+ priority from -?[0-9]+ to 10\n"),
+                    HasSubstr(" rc = 0 After change 0\n")));
 }
 
 TEST_F(Kelvo_test, worker_has_three_silent_timers_of_the_real_time_clock_and_deletes_them) {
@@ -130,42 +118,36 @@ TEST_F(Kelvo_test, worker_has_three_silent_timers_of_the_real_time_clock_and_del
   if (access("/proc/self/timers", R_OK) != 0)
     GTEST_SKIP() << "the kernel does not list timers";
   const std::string before = timers();
-  const size_t others = count(before, "ID: ") - count(before, "ClockID: ");
-  auto kelvo = make(false);
-  EXPECT_TRUE(soon([&] { return count(timers(), "ClockID: ") == others + 3; })) << timers();
-  const std::string during = timers();
-  EXPECT_EQ(count(during, "ClockID: 0\n") - count(before, "ClockID: 0\n"), 3U);
-  EXPECT_EQ(count(during, "notify: none/") - count(before, "notify: none/"), 3U);
+  const auto more = [&](const char* part) { return count_of(timers(), part) - count_of(before, part); };
+  auto kelvo = make_quietly();
+  EXPECT_TRUE(soon([&] { return more("ClockID: ") == 3; })) << timers();
+  EXPECT_EQ(more("ClockID: 0\n"), 3U);
+  EXPECT_EQ(more("notify: none/"), 3U);
   kelvo.reset();
   EXPECT_EQ(timers(), before);
 }
 
 TEST_F(Kelvo_test, missing_frontend_is_printed_and_tuning_fails) {
-  const auto kelvo = make(true);
+  const auto kelvo = make_quietly(true);
   EXPECT_EQ(kelvo->fe_freq(), 0);
   EXPECT_EQ(kelvo->fe_status(), 0);
-  verbosity_kelvo = -1;
   int data = 0;
-  EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), 0);
+  (void)messages_at(-1, [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), 0); });
   EXPECT_TRUE(kelvo->get_msg_state());
-  const std::string text =
-      support::messages_at(4, [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
-  EXPECT_NE(std::string::npos, text.find("dvb_tuner returned 0\n"));
-  const std::string below =
-      support::messages_at(3, [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); });
-  EXPECT_EQ(below.find("dvb_tuner"), std::string::npos);
+  const auto tune = [&] { EXPECT_EQ(kelvo->tune_to_freq(506000000, -1, &data, done), 0); };
+  EXPECT_THAT(tune, support::prints_at(4, HasSubstr("dvb_tuner returned 0\n")));
+  EXPECT_THAT(tune, support::prints_at(3, Not(HasSubstr("dvb_tuner"))));
   EXPECT_EQ(answers, 0);
 }
 
 TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_nothing) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   // After a change the worker has its say as well.
   const auto set = [&](bool on, int level, const std::string& worker = "") {
-    verbosity_kelvo = level;
+    const support::Verbosity verbosity(level);
     const support::Stderr_capture capture;
     kelvo->set_scan(on);
     EXPECT_TRUE(soon([&] { return capture.text().find(worker) != std::string::npos; }));
-    verbosity_kelvo = 0;
     return capture.text();
   };
   const std::string starting = "WARNING: Starting kelvo PAT/PMT";
@@ -180,8 +162,8 @@ TEST_F(Kelvo_test, set_scan_tells_old_and_new_state_and_a_repetition_changes_not
 }
 
 TEST_F(Kelvo_test, worker_tells_at_verbosity_1_that_it_starts_and_stops) {
-  const auto kelvo = make(false);
-  verbosity_kelvo = 1;
+  const auto kelvo = make_quietly();
+  const support::Verbosity verbosity(1);
   const support::Stderr_capture capture;
   kelvo->set_scan(true);
   EXPECT_TRUE(soon([&] { return capture.text().find("WARNING: Starting kelvo PAT/PMT") != std::string::npos; }));
@@ -190,7 +172,7 @@ TEST_F(Kelvo_test, worker_tells_at_verbosity_1_that_it_starts_and_stops) {
 }
 
 TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   EXPECT_FALSE(kelvo->export_db_in_progress());
   const support::Stderr_capture capture;
   // Without a name nothing is written, but the request runs its course.
@@ -204,36 +186,36 @@ TEST_F(Kelvo_test, export_is_in_progress_until_the_worker_has_run_it) {
 TEST_F(Kelvo_test, export_and_request_wait_for_the_worker_and_say_so) {
   const support::Verbosity quiet(-1);
   const support::Stderr_capture capture;
-  Kelvo kelvo(ADAPTER, CONNECTOR, TYPE, &database_, false, hold);
-  EXPECT_TRUE(kelvo.export_db("", true));
+  const auto kelvo = make(false, hold);
+  EXPECT_TRUE(kelvo->export_db("", true));
   ASSERT_TRUE(soon([] { return held.load(); }));
   EXPECT_EQ(last_change, DB_EXPORTED);
-  EXPECT_FALSE(kelvo.export_db_in_progress()) << "the export is over when the callback says so";
+  EXPECT_FALSE(kelvo->export_db_in_progress()) << "the export is over when the callback says so";
 
   // The worker is in the callback: what is asked for now has to wait.
-  EXPECT_TRUE(kelvo.export_db("", false));
+  EXPECT_TRUE(kelvo->export_db("", false));
   int data = 0;
-  EXPECT_EQ(kelvo.tune_to_freq(506000000, &data, done), -1);
+  EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_TRUE(kelvo.export_db_in_progress());
-  EXPECT_TRUE(kelvo.get_msg_state()) << "the request has not been picked up";
+  EXPECT_TRUE(kelvo->export_db_in_progress());
+  EXPECT_TRUE(kelvo->get_msg_state()) << "the request has not been picked up";
   EXPECT_EQ(last_change.exchange(0), DB_EXPORTED);
 
   let_go = true;
-  EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress() && last_change == DB_EXPORTED; }));
-  EXPECT_FALSE(kelvo.get_msg_state());
+  EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress() && last_change == DB_EXPORTED; }));
+  EXPECT_FALSE(kelvo->get_msg_state());
   EXPECT_EQ(answers, 0);
 }
 
 TEST_F(Kelvo_test, export_without_a_change_callback_runs_all_the_same) {
   const support::Verbosity quiet(-1);
-  Kelvo kelvo(ADAPTER, CONNECTOR, TYPE, &database_, false, nullptr);
-  EXPECT_TRUE(kelvo.export_db("", true));
-  EXPECT_TRUE(soon([&] { return !kelvo.export_db_in_progress(); }));
+  const auto kelvo = make(false, nullptr);
+  EXPECT_TRUE(kelvo->export_db("", true));
+  EXPECT_TRUE(soon([&] { return !kelvo->export_db_in_progress(); }));
 }
 
 TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_it_cannot) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   const std::string file = folder_.file("copy.db");
   kelvo->export_channel_db(file.c_str());
   EXPECT_EQ(access(file.c_str(), F_OK), 0);
@@ -242,81 +224,67 @@ TEST_F(Kelvo_test, export_of_the_channel_list_is_done_on_return_and_throws_when_
 
 TEST_F(Kelvo_test, verbosity_is_0_at_the_start_and_one_for_all) {
   EXPECT_EQ(verbosity_at_start, 0);
-  const auto kelvo = make(false);
-  kelvo->set_verbosity(2);
+  make_quietly()->set_verbosity(2);
   EXPECT_EQ(verbosity_kelvo, 2);
 }
 
-TEST_F(Kelvo_test, clock_past_1999_is_valid_at_the_start) {
-  const auto kelvo = make(false);
+TEST_F(Kelvo_test, at_the_start_a_clock_past_1999_is_valid_and_no_request_is_unanswered) {
+  const auto kelvo = make_quietly();
   EXPECT_TRUE(kelvo->time_valid());
-}
-
-TEST_F(Kelvo_test, request_state_is_answered_before_any_request) {
-  const auto kelvo = make(false);
   EXPECT_TRUE(kelvo->get_msg_state());
 }
 
 TEST_F(Kelvo_test, without_tuner_every_request_is_accepted_and_never_tuned_already) {
-  const auto kelvo = make(false);
-  verbosity_kelvo = 1;
+  const auto kelvo = make_quietly();
+  const support::Verbosity verbosity(1);
   const support::Stderr_capture capture;
   EXPECT_EQ(kelvo->tune_to_freq(474000000, 5, nullptr, done), -1);
   EXPECT_TRUE(soon([&] { return capture.text().find("Loop init, local channel is 5\n") != std::string::npos; }));
   EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
-  verbosity_kelvo = -1;
   EXPECT_EQ(answers, 0);
 }
 
-// The worker's wait of a second is ended. Eight times, because a busy machine may be late for one of them.
-TEST_F(Kelvo_test, request_is_picked_up_at_once) {
+// Neither a request nor the end waits for the end of a pass of a second. Eight times, because a busy machine may be
+// late for one of them.
+TEST_F(Kelvo_test, request_and_destruction_are_picked_up_at_once) {
   const support::Verbosity quiet(-1);
-  std::chrono::steady_clock::duration waited{};
+  std::chrono::steady_clock::duration picked_up{};
+  std::chrono::steady_clock::duration destroyed{};
   for (int i = 0; i < 8; ++i) {
-    const auto kelvo = make(false);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the wait
-    const auto from = std::chrono::steady_clock::now();
-    int data = 0;
-    EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
-    EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
-    waited += std::chrono::steady_clock::now() - from;
+    for (const bool request : {true, false}) {
+      auto kelvo = make_quietly();
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into the wait
+      const auto from = std::chrono::steady_clock::now();
+      int data = 0;
+      if (request) {
+        EXPECT_EQ(kelvo->tune_to_freq(506000000, &data, done), -1);
+        EXPECT_TRUE(soon([&] { return !kelvo->get_msg_state(); }));
+      } else {
+        kelvo.reset();
+      }
+      (request ? picked_up : destroyed) += std::chrono::steady_clock::now() - from;
+    }
   }
-  EXPECT_LT(waited, std::chrono::seconds(4));
-}
-
-TEST_F(Kelvo_test, destruction_does_not_wait_for_the_end_of_a_pass) {
-  std::chrono::steady_clock::duration waited{};
-  for (int i = 0; i < 8; ++i) {
-    auto kelvo = make(false);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const auto from = std::chrono::steady_clock::now();
-    kelvo.reset();
-    waited += std::chrono::steady_clock::now() - from;
-  }
-  EXPECT_LT(waited, std::chrono::seconds(4));
+  EXPECT_LT(picked_up, std::chrono::seconds(4));
+  EXPECT_LT(destroyed, std::chrono::seconds(4));
 }
 
 TEST_F(Kelvo_test, set_tuner_makes_and_deletes_and_repeats_nothing) {
-  const auto kelvo = make(false);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }), "");
-  const std::string connected = support::stderr_of([&] { kelvo->set_tuner(true); });
-  EXPECT_EQ(connected.find("reconnecting tuner\nERROR: Failed to  open /dev/dvb/adapter3/frontend0\n"), 0U)
-      << connected;
-  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(true); }).find("connecting"), std::string::npos);
-  verbosity_kelvo = -1;
-  EXPECT_EQ(kelvo->fe_status(), 0);
-  verbosity_kelvo = 3;
-  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }), "Disconnecting tuner\n");
-  verbosity_kelvo = 2;
-  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(true); }).find("reconnecting"), std::string::npos);
-  EXPECT_EQ(support::stderr_of([&] { kelvo->set_tuner(false); }).find("Disconnecting"), std::string::npos);
+  const auto kelvo = make_quietly();
+  const auto set = [&](bool on, int level) { return messages_at(level, [&] { kelvo->set_tuner(on); }); };
+  EXPECT_EQ(set(false, 3), "");
+  EXPECT_THAT(set(true, 3), StartsWith("reconnecting tuner\nERROR: Failed to  open /dev/dvb/adapter3/frontend0\n"));
+  EXPECT_THAT(set(true, 3), Not(HasSubstr("connecting")));
+  (void)messages_at(-1, [&] { EXPECT_EQ(kelvo->fe_status(), 0); });
+  EXPECT_EQ(set(false, 3), "Disconnecting tuner\n");
+  EXPECT_THAT(set(true, 2), Not(HasSubstr("reconnecting")));
+  EXPECT_THAT(set(false, 2), Not(HasSubstr("Disconnecting")));
   EXPECT_EQ(kelvo->fe_status(), 32);
 }
 
 TEST_F(Kelvo_test, tuner_may_be_taken_away_under_threads_that_read_it) {
-  const auto kelvo = make(true);
-  verbosity_kelvo = -1;
+  const auto kelvo = make_quietly(true);
+  const support::Verbosity quiet(-1);
   const support::Stderr_capture capture;  // each connection prints why there is no device
   std::atomic<bool> stop{false};
   std::thread reader([&] {
@@ -338,7 +306,7 @@ TEST_F(Kelvo_test, tuner_may_be_taken_away_under_threads_that_read_it) {
 }
 
 TEST_F(Kelvo_test, worker_carries_its_name) {
-  const auto kelvo = make(false);
+  const auto kelvo = make_quietly();
   EXPECT_TRUE(soon([] {
     for (int tid = getpid(); tid < getpid() + 5000; ++tid) {
       if (support::read_file("/proc/self/task/" + std::to_string(tid) + "/comm") == "kelvo_th\n")

@@ -9,12 +9,6 @@ namespace {
 
 class Requests : public Kelvo_run {
  protected:
-  // Fills the channel list: 101 is channel 1, 102 is 2, 103 is 3.
-  void scan_first() {
-    make();
-    EXPECT_EQ(request("first"), -1);
-    EXPECT_TRUE(protocol_.wait_for("done first 0"));
-  }
   // The streams of a channel are gone from the list, so that the next reading of its PMT finds them new.
   void forget_streams_of(int channel) {
     (void)database_->sql_cache(true, 0, "DELETE FROM estreams WHERE channel = $channel", channel);
@@ -43,6 +37,18 @@ class Requests : public Kelvo_run {
                                    },
                                    this});
   }
+  void wait_until_answered(bool answered = true) {
+    while (kelvo_->get_msg_state() != answered)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // A scan of "old" without the PMT of 102 that has timed out and is to be merged when the gate opens.
+  void hold_before_the_merge() {
+    silence({PMT_OF_102});
+    hold_at_message("WARNING: mode 2 scan timed out");
+    make();
+    EXPECT_EQ(request("old"), -1);
+    EXPECT_TRUE(gate_.wait_until_reached());
+  }
   // A frontend that says that this multiplex is DVB-H.
   static void set_dvbh(bool on) {
     support::softdvb_control(on ? "adapter 0 status = 0x9f" : "adapter 0 status = 0x1f");
@@ -61,22 +67,18 @@ TEST_F(Requests, answer_of_0_comes_before_the_request_counts_as_answered) {
   make();
   bool answered = true;
   protocol_.on("done a 0", [&] { answered = kelvo_->get_msg_state(); });
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
-  while (!kelvo_->get_msg_state())
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ask("a");
+  wait_until_answered();
   kelvo_.reset();
   EXPECT_FALSE(answered);
 }
 
 TEST_F(Requests, answer_of_minus_1_comes_when_the_request_counts_as_answered) {
-  support::softdvb_control("adapter 0 section 0/0x00 = silence");
-  support::softdvb_control("adapter 0 section 20/0x73 = silence");
+  silence({PAT, TOT});
   make();
   bool answered = false;
   protocol_.on("done a -1", [&] { answered = kelvo_->get_msg_state(); });
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a -1"));
+  ask("a", -1);
   kelvo_.reset();
   EXPECT_TRUE(answered);
 }
@@ -108,7 +110,7 @@ TEST_F(Requests, that_come_during_a_merge_leave_the_old_one_unanswered) {
 }
 
 TEST_F(Requests, that_come_during_a_channel_s_merge_put_off_what_changed_to_the_next_scan) {
-  scan_first();
+  make_and_ask("first");
   forget_streams_of(1);
   hold_at(ACTIVITY_MERGE_END);
   kelvo_->watch_again(FREQ, 1);
@@ -136,8 +138,7 @@ TEST_F(Requests, that_come_with_an_answer_are_not_answered_for_the_old_one_s_str
 }
 
 TEST_F(Requests, that_come_with_the_end_of_a_silent_scan_leave_the_old_one_unanswered) {
-  support::softdvb_control("adapter 0 section 0/0x00 = silence");
-  support::softdvb_control("adapter 0 section 20/0x73 = silence");
+  silence({PAT, TOT});
   make();
   protocol_.on("end 506000000 -1 PAT no stream", [&] { request("new"); });
   EXPECT_EQ(request("old"), -1);
@@ -146,9 +147,9 @@ TEST_F(Requests, that_come_with_the_end_of_a_silent_scan_leave_the_old_one_unans
 }
 
 TEST_F(Requests, that_come_with_a_change_begin_no_rescan_for_the_old_one) {
-  scan_first();
+  make_and_ask("first");
   forget_streams_of(1);
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
+  silence({PMT_OF_102});
   protocol_.on("change 1", [&] {
     support::softdvb_control("clear sections");
     kelvo_->watch_again(FREQ, 2);
@@ -163,11 +164,7 @@ TEST_F(Requests, that_come_with_a_change_begin_no_rescan_for_the_old_one) {
 }
 
 TEST_F(Requests, that_come_right_before_a_merge_keep_it_from_half_a_scan) {
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
-  hold_at_message("WARNING: mode 2 scan timed out");
-  make();
-  EXPECT_EQ(request("old"), -1);
-  EXPECT_TRUE(gate_.wait_until_reached());
+  hold_before_the_merge();
   support::softdvb_control("clear sections");
   EXPECT_EQ(request("new"), -1);
   gate_.open();
@@ -179,11 +176,7 @@ TEST_F(Requests, that_come_right_before_a_merge_keep_it_from_half_a_scan) {
 }
 
 TEST_F(Requests, that_fail_right_before_a_merge_keep_it_from_half_a_scan_too) {
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
-  hold_at_message("WARNING: mode 2 scan timed out");
-  make();
-  EXPECT_EQ(request("old"), -1);
-  EXPECT_TRUE(gate_.wait_until_reached());
+  hold_before_the_merge();
   EXPECT_EQ(request("failed", 530000000), 0);
   gate_.open();
   EXPECT_TRUE(protocol_.wait_for("done old 0"));
@@ -192,17 +185,16 @@ TEST_F(Requests, that_fail_right_before_a_merge_keep_it_from_half_a_scan_too) {
 }
 
 TEST_F(Requests, begin_with_empty_scan_tables) {
-  support::softdvb_control("adapter 0 section 17/0x42 = silence");
+  silence({SDT});
   hold_at_message("Starting scan from PAT");
   make();
   gate_.open();
   EXPECT_EQ(request("old"), -1);
   EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
   EXPECT_TRUE(wait_for_sql("SELECT count(*) > 2 FROM estreams_scan_0"));
-  support::softdvb_control("adapter 0 section 0/0x00 = silence");
+  silence({PAT});
   EXPECT_EQ(request("new"), -1);
-  while (kelvo_->get_msg_state())
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  wait_until_answered(false);
   EXPECT_TRUE(wait_for_sql("SELECT count(*) = 0 FROM kanalid_scan_0"));
   EXPECT_EQ(number_of("SELECT count(*) FROM estreams_scan_0"), 0);
   EXPECT_EQ(protocol_.text({"end", "done"}), "end 506000000 -1 PAT replaced\n") << "the new scan has not ended";
@@ -211,18 +203,18 @@ TEST_F(Requests, begin_with_empty_scan_tables) {
 // --- Channels --------------------------------------------------------------------------------------------------------
 
 TEST_F(Requests, pmts_of_known_versions_are_merged_all_the_same_when_one_never_came) {
-  scan_first();
+  make_and_ask("first");
   kelvo_->watch_again(FREQ, 1);
   // Of the version known.
   EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete"));
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
+  silence({PMT_OF_102});
   EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT timed out merged 0 missing 272/2"));
 }
 
 TEST_F(Requests, channel_on_dvb_h_is_not_read_again) {
-  scan_first();
+  make_and_ask("first");
   set_dvbh(true);
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");  // the first pass cannot complete
+  silence({PMT_OF_102});  // the first pass cannot complete
   kelvo_->watch_again(FREQ, 1);
   EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT no stream"));
   std::this_thread::sleep_for(std::chrono::seconds(10));
@@ -237,7 +229,7 @@ TEST_F(Requests, channel_on_dvb_h_is_not_read_again) {
 // --- Input -----------------------------------------------------------------------------------------------------------
 
 TEST_F(Requests, connector_and_type_reach_every_row) {
-  scan_first();
+  make_and_ask("first");
   EXPECT_EQ(number_of("SELECT count(*) FROM kanalid WHERE hf_conn = 3 AND dvb_type = 1"), 3);
   EXPECT_EQ(number_of("SELECT count(*) FROM kanalid WHERE orig_network_id = 8193 AND network_id = 12289"), 3);
   EXPECT_EQ(number_of("SELECT count(*) FROM tuner_table WHERE hf_conn = 3 AND dvb_type = 1"), 1);

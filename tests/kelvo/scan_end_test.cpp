@@ -6,28 +6,32 @@
 
 namespace {
 
-class Scan_ends : public Kelvo_run {};
+class Scan_ends : public Kelvo_run {
+ protected:
+  // Request a, whose SDT never comes.
+  void begin_a_scan_without_end() {
+    silence({SDT});
+    make();
+    EXPECT_EQ(request("a"), -1);
+    EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  }
+};
 
 }  // namespace
 
 TEST_F(Scan_ends, complete_scan_is_told_before_its_answer) {
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  make_and_ask("a");
   EXPECT_EQ(protocol_.text(),
             "end 506000000 -1 PAT complete merged 34\n"
             "done a 0\n");
-  EXPECT_EQ(request("b"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  ask("b");
   EXPECT_EQ(protocol_.text({"end"}),
             "end 506000000 -1 PAT complete merged 34\n"
             "end 506000000 -1 PAT complete merged 0\n");
 }
 
 TEST_F(Scan_ends, each_rescan_of_a_channel_has_its_own) {
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  make_and_ask("a");
   kelvo_->watch_again(FREQ, 1);
   EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete", 2));  // of the version known
   kelvo_.reset();
@@ -40,12 +44,8 @@ TEST_F(Scan_ends, each_rescan_of_a_channel_has_its_own) {
 }
 
 TEST_F(Scan_ends, scan_that_times_out_names_the_tables_that_never_came) {
-  support::softdvb_control("adapter 0 section 17/0x42 = silence");
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
-  support::softdvb_control("adapter 0 section 20/0x73 = silence");  // the time belongs to no scan
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  silence({SDT, PMT_OF_102, TOT});  // the time belongs to no scan
+  make_and_ask("a");
   const std::string text = protocol_.text();
   EXPECT_TRUE(text == "end 506000000 -1 PAT timed out missing 272/2 17/42\ndone a 0\n" ||
               text == "end 506000000 -1 PAT timed out missing 17/42 272/2\ndone a 0\n")
@@ -53,39 +53,28 @@ TEST_F(Scan_ends, scan_that_times_out_names_the_tables_that_never_came) {
 }
 
 TEST_F(Scan_ends, scan_that_times_out_for_a_pmt_is_merged) {
-  support::softdvb_control("adapter 0 section 272/0x02 = silence");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  silence({PMT_OF_102});
+  make_and_ask("a");
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT timed out merged 34 missing 272/2\ndone a 0\n");
 }
 
 TEST_F(Scan_ends, no_section_within_6_seconds_is_no_stream) {
-  support::softdvb_control("adapter 0 section 0/0x00 = silence");
-  support::softdvb_control("adapter 0 section 20/0x73 = silence");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a -1"));
+  silence({PAT, TOT});
+  make_and_ask("a", -1);
   std::this_thread::sleep_for(std::chrono::seconds(3));
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT no stream\ndone a -1\n") << "once, though passes go on";
 }
 
 TEST_F(Scan_ends, demultiplexer_that_cannot_be_opened_is_told_apart_from_a_complete_scan) {
   support::softdvb_control("fault open(demux0)=EBUSY");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  make_and_ask("a");
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT no demux merged 0\ndone a 0\n");
 }
 
 TEST_F(Scan_ends, request_replaces_the_scan_under_way) {
-  support::softdvb_control("adapter 0 section 17/0x42 = silence");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  begin_a_scan_without_end();
   support::softdvb_control("clear sections");
-  EXPECT_EQ(request("b"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  ask("b");
   EXPECT_EQ(protocol_.text(),
             "end 506000000 -1 PAT replaced\n"
             "end 506000000 -1 PAT complete merged 34\n"
@@ -93,62 +82,48 @@ TEST_F(Scan_ends, request_replaces_the_scan_under_way) {
 }
 
 TEST_F(Scan_ends, request_that_fails_to_tune_replaces_it_too) {
-  support::softdvb_control("adapter 0 section 17/0x42 = silence");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  begin_a_scan_without_end();
   EXPECT_EQ(request("b", 530000000), 0);
   EXPECT_TRUE(protocol_.wait_for("done a 0"));
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT replaced\ndone a 0\n");
 }
 
 TEST_F(Scan_ends, scan_under_way_at_the_destruction_is_not_told) {
-  support::softdvb_control("adapter 0 section 17/0x42 = silence");
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+  begin_a_scan_without_end();
   kelvo_.reset();
   EXPECT_EQ(protocol_.text(), "");
 }
 
 TEST_F(Scan_ends, first_database_error_since_the_scan_began_is_told_with_it) {
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  make_and_ask("a");
   support::softdvb_control("fault write(dvb.db)=ENOSPC");
   (void)database_->set_master_scan_timeout(TYPE, CONNECTOR, FREQ);
   support::softdvb_control("clear faults");
   Database_error error;
   EXPECT_TRUE(database_->first_error(&error));
   EXPECT_EQ(error.code, 13);
-  EXPECT_EQ(request("b"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done b 0"));
+  ask("b");
   EXPECT_EQ(protocol_.text({"end"}),
             "end 506000000 -1 PAT complete merged 34\n"
             "end 506000000 -1 PAT complete merged 0\n")
       << "an error before the scan is none of it";
   support::softdvb_control("fault write(dvb.db)=ENOSPC");
-  EXPECT_EQ(request("c"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done c 0"));
+  ask("c");
   support::softdvb_control("clear faults");
   EXPECT_NE(protocol_.text({"end"}).find(" error 13 "), std::string::npos) << protocol_.text();
-  EXPECT_EQ(request("d"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done d 0"));
+  ask("d");
   EXPECT_EQ(protocol_.count("end 506000000 -1 PAT complete merged 0"), 2U) << "forgotten when the next scan begins";
 }
 
 TEST_F(Scan_ends, nobody_is_told_once_the_listener_is_taken_away) {
   make();
   kelvo_->set_scan_listener(nullptr, nullptr);
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  ask("a");
   EXPECT_EQ(protocol_.text(), "done a 0\n");
 }
 
 TEST_F(Scan_ends, watch_again_reads_everything_of_the_frequency_that_is_tuned) {
-  make();
-  EXPECT_EQ(request("a"), -1);
-  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  make_and_ask("a");
   EXPECT_EQ(kelvo_->tune_to_freq(FREQ, 1, nullptr, nullptr), -1);
   std::this_thread::sleep_for(std::chrono::seconds(5));
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT complete merged 34\ndone a 0\n") << "a channel request does not";
@@ -158,23 +133,20 @@ TEST_F(Scan_ends, watch_again_reads_everything_of_the_frequency_that_is_tuned) {
 
 TEST_F(Scan_ends, time_listener_is_told_of_the_broadcast_time) {
   make();
-  struct Told {
-    Protocol* protocol;
-    Broadcast_time first;
-  } told{&protocol_, {}};
+  std::pair<Protocol*, Broadcast_time> told{&protocol_, {}};
   kelvo_->set_time_listener(
       [](void* data, const Broadcast_time& time) {
-        auto* self = static_cast<Told*>(data);
-        if (self->first.freq == 0)
-          self->first = time;
-        self->protocol->add("time");
+        auto& [protocol, first] = *static_cast<std::pair<Protocol*, Broadcast_time>*>(data);
+        if (first.freq == 0)
+          first = time;
+        protocol->add("time");
       },
       &told);
   EXPECT_EQ(request("a"), -1);
   EXPECT_TRUE(protocol_.wait_for("time"));
   kelvo_.reset();
-  EXPECT_EQ(told.first.freq, FREQ);
-  EXPECT_GE(told.first.utc, 1772388000) << "2026-03-01 18:00 UTC";
-  EXPECT_LE(told.first.utc, 1772388000 + 20);
-  EXPECT_EQ(told.first.clock, CLOCK_SET);
+  EXPECT_EQ(told.second.freq, FREQ);
+  EXPECT_GE(told.second.utc, 1772388000) << "2026-03-01 18:00 UTC";
+  EXPECT_LE(told.second.utc, 1772388000 + 20);
+  EXPECT_EQ(told.second.clock, CLOCK_SET);
 }

@@ -7,13 +7,10 @@
 
 namespace {
 
-constexpr char SCAN_ONCE[] = "verbosity 1; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0; ";
+const std::string TOLD_SCAN = "verbosity 1; " + SCAN_ONCE + "verbosity 0";
 
 std::string test_name(std::string file) {
-  for (char& c : file) {
-    if (c == '.')
-      c = '_';
-  }
+  std::replace(file.begin(), file.end(), '.', '_');
   return file;
 }
 
@@ -45,7 +42,7 @@ TEST_P(Captures_test, one_scan_gives_the_reference) {
   const std::string file = support::capture_file(GetParam().file);
   if (file.empty())
     GTEST_SKIP() << GetParam().file << " is not here";
-  const Scan_run scan = run(on_freq(file), SCAN_ONCE, GetParam().timed_out ? 20 : 5);
+  const Scan_run scan = run(on_freq(file), TOLD_SCAN, GetParam().timed_out ? 20 : 5);
   EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
   EXPECT_EQ(scan.count_err("scan timed out for frequency 506000000\n"), GetParam().timed_out ? 1U : 0U) << scan.err;
   EXPECT_EQ(scan.count_err("ERROR: SQL"), 0U) << scan.err;
@@ -66,9 +63,7 @@ TEST_P(Variants_test, give_the_same_result) {
   const std::string file = support::capture_file(GetParam());
   if (file.empty())
     GTEST_SKIP() << GetParam() << " is not here";
-  std::vector<std::string> options = on_freq(file);
-  options.insert(options.end(), {"--pace", "500k"});
-  const Scan_run scan = run(options, SCAN_ONCE, 4);
+  const Scan_run scan = run(on_freq(file, {"--pace", "500k"}), TOLD_SCAN, 4);
   EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
   EXPECT_EQ(scan.count_err("timed out"), 0U) << scan.err;
   EXPECT_EQ(scan.count_err("ERROR: Fragmented"), 0U) << scan.err;
@@ -85,15 +80,12 @@ TEST_F(Two_networks_test, quirk_of_a_pat_in_two_sections_the_first_one_read_is_a
   const std::string file = support::capture_file("variant_pat_two_sections.ts");
   if (file.empty())
     GTEST_SKIP() << "variant_pat_two_sections.ts is not here";
-  std::vector<std::string> options = on_freq(file);
-  options.insert(options.end(), {"--pace", "500k"});
-  const Scan_run scan = run(options, SCAN_ONCE, 4);
+  const Scan_run scan = run(on_freq(file, {"--pace", "500k"}), TOLD_SCAN, 4);
   EXPECT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
   EXPECT_EQ(scan.count_err("ERROR: Fragmented PAT secnr: "), 1U) << scan.err;
   EXPECT_EQ(sql("SELECT count(*) FROM kanalid"), "4\n");
   // What is there is as in the others.
   const std::string all = support::read_file(std::string(KELVO_SOURCE_DIR) + "/tests/data/" + reference());
-  std::istringstream rows(dump({.numbers = false, .events = false}));
-  for (std::string row; std::getline(rows, row);)
+  for (const std::string& row : support::lines_of(dump({.numbers = false, .events = false})))
     EXPECT_NE(std::string::npos, ("\n" + all).find("\n" + row + "\n")) << row;
 }

@@ -5,28 +5,24 @@
 // library reads afterwards. Nothing here sets the machine's clock or zone.
 
 #include "scan/scan_run.h"
+#include "si/broadcast_time.h"
 
 using nlohmann::literals::operator""_json;
-using Lines = std::vector<std::string>;
+using Lines = support::Texts;
 
 namespace {
 
 constexpr int64_t NOW = 1772388000;  // 2026-03-01 18:00 UTC, the time of the streams
 
-constexpr char PASSIVE_SCAN[] =
-    "kelvo 0 passive; verbosity 4; freq 0 506000000; wait_done 0 100; verbosity 0; state 0; ";
-
 // What the log holds of calls whose name is one of `names`: "settimeofday 1700000000.000000000 = 0".
 Lines calls_of(const Scan_run& run, const Lines& names) {
   Lines calls;
-  std::istringstream in(run.log);
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : support::lines_of(run.log)) {
     std::istringstream words(line);
     std::string seconds, pid, tid, call;
     words >> seconds >> pid >> tid >> call;
-    for (const std::string& name : names)
-      if (call == name)
-        calls.push_back(line.substr(line.find(call)));
+    if (std::count(names.begin(), names.end(), call) != 0)
+      calls.push_back(line.substr(line.find(call)));
   }
   return calls;
 }
@@ -53,10 +49,11 @@ class Clock_test : public Scan_test {
     patch.insert(patch.end(), more.begin(), more.end());
     return stream(patch);
   }
-  Scan_run run_at(int64_t host_time, const std::string& file, const std::string& script = PASSIVE_SCAN) {
-    return run({"--now", std::to_string(host_time), "--time", "x0.1", "--tuned", std::to_string(FREQ), "--mux",
-                std::to_string(FREQ) + "=" + file, "--pace", "fast", "--start", "filter"},
-               script);
+  Scan_run run_at(int64_t host_time, const std::string& file, const Lines& more = {}) {
+    Lines options = on_freq(file, {"--now", std::to_string(host_time), "--time", "x0.1", "--tuned",
+                                   std::to_string(FREQ), "--pace", "fast", "--start", "filter"});
+    options.insert(options.end(), more.begin(), more.end());
+    return run(options, "kelvo 0 passive; verbosity 4; freq 0 506000000; wait_done 0 100; verbosity 0; state 0");
   }
 };
 
@@ -105,9 +102,8 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
     SCOPED_TRACE(c.sent);
     const std::string file =
         stream_at("2026-03-01T18:00:00Z",
-                  {{{"op", "add"},
-                    {"path", "/faults"},
-                    {"value", {{{"fault", "wrong_bytes"}, {"table", "tot"}, {"offset", 3}, {"hex", c.sent}}}}}});
+                  faults(std::string(R"([{ "fault": "wrong_bytes", "table": "tot", "offset": 3, "hex": ")") + c.sent +
+                         R"(" }])"));
     std::filesystem::remove(database());
     const Scan_run scanned = run_at(c.host_time, file);
     EXPECT_EQ(clock_settings(scanned), Lines{c.set});
@@ -135,10 +131,7 @@ TEST_F(Clock_test, quirk_a_tot_with_a_wrong_crc_is_believed) {
 
 TEST_F(Clock_test, a_host_that_may_not_set_it_goes_on) {
   const std::string file = stream_at("2026-03-01T18:00:00Z");
-  const Scan_run scanned =
-      run({"--now", "1000", "--time", "x0.1", "--tuned", std::to_string(FREQ), "--mux",
-           std::to_string(FREQ) + "=" + file, "--pace", "fast", "--start", "filter", "--fault", "settimeofday=EPERM"},
-          PASSIVE_SCAN);
+  const Scan_run scanned = run_at(1000, file, {"--fault", "settimeofday=EPERM"});
   EXPECT_EQ(scanned.lines({"done", "state"}), "done 0 0\nstate 1 0 1\n");
   EXPECT_EQ(scanned.count_err("Changing system clock\n"), 1U);
 }
@@ -146,11 +139,9 @@ TEST_F(Clock_test, a_host_that_may_not_set_it_goes_on) {
 // A watched channel's multiplex is scanned from its PAT every 300 s, and its TOT read with it. The clock that is only
 // recorded stays wrong, so it is set again.
 TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
-  const std::vector<std::string> options = {"--now", "1000"};
-  std::vector<std::string> all = on_freq(stream());
-  all.insert(all.end(), options.begin(), options.end());
-  run(all, "kelvo 0 tuner; freq 0 506000000; wait_done 0 100");
-  const Scan_run watched = run(all, "kelvo 0 tuner; channel 0 506000000 1; sleep 320; state 0", 100);
+  const Lines options = on_freq(stream(), {"--now", "1000"});
+  run(options, SCAN_ONCE);
+  const Scan_run watched = run(options, "kelvo 0 tuner; channel 0 506000000 1; sleep 320; state 0", 100);
   const std::vector<double> filters = watched.logged({"DMX_SET_FILTER pid=0x14 filter=73 "});
   const std::vector<double> settings = watched.logged({"settimeofday 17723880"});
   ASSERT_EQ(filters.size(), 2U);
@@ -164,9 +155,7 @@ TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
 // The database's times have 32 bits, the host's clock more.
 TEST_F(Scan_test, a_host_whose_clock_is_beyond_2038_scans_and_purges) {
   std::filesystem::create_directories(sandbox() + "/dvbfiles");
-  std::vector<std::string> options = on_freq(stream());
-  options.insert(options.end(), {"--now", "3786912000"});
-  const Scan_run scanned = run(options,
+  const Scan_run scanned = run(on_freq(stream(), {"--now", "3786912000"}),
                                "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; "
                                "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2147483646, 60); "
                                "export 0 /dvbfiles/backup.db; wait_change 0 8 20");
@@ -186,10 +175,9 @@ class Zone_test : public Scan_test {
   void TearDown() override { unsetenv("TZ"); }
 
   // Each tuning finds the stream at its beginning, with the TOT, however late its first filter is set.
-  static std::vector<std::string> on_freq(const std::string& file) {
-    std::vector<std::string> options = Scan_test::on_freq(file);
-    options.insert(options.end(), {"--start", "filter"});
-    return options;
+  static Lines on_freq(const std::string& file, Lines more = {}) {
+    more.insert(more.end(), {"--start", "filter"});
+    return Scan_test::on_freq(file, more);
   }
 
   static void host_zone(const std::string& tz) { setenv("TZ", tz.c_str(), 1); }
@@ -207,13 +195,16 @@ class Zone_test : public Scan_test {
     return stream_with({{"offsets", {{{"country", country}, {"region", region}, {"offset", offset}}}}});
   }
   // One scan by a host whose database knows the multiplex.
-  Scan_run scan(const std::string& file, const std::vector<std::string>& more = {}, int verbosity = 1) {
-    std::vector<std::string> options = on_freq(file);
-    options.insert(options.end(), more.begin(), more.end());
-    return run(options,
+  Scan_run scan(const std::string& file, const Lines& more = {}, int verbosity = 1) {
+    return run(on_freq(file, more),
                "insert INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 0, 0, 'levira'); "
                "verbosity " +
-                   std::to_string(verbosity) + "; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0");
+                   std::to_string(verbosity) +
+                   "; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0; told_time 0");
+  }
+  // What the host is told of clock and zone.
+  static std::string told(int clock, int zone, const std::string& offset = "0 ") {
+    return "told " + std::to_string(clock) + " " + std::to_string(zone) + " " + offset + "\n";
   }
   std::string source_file() const { return sandbox() + "/tmp/zoneinfo/timezone.txt"; }
   std::string source() const { return support::read_file(source_file()); }
@@ -304,6 +295,7 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
         scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) + "\n"),
         1U)
         << scanned.err;
+    EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_SET, std::to_string(c.minutes) + " " + c.country));
     EXPECT_EQ(source(), std::string(FIRST_LINE) + c.line);
     EXPECT_EQ(installed(), c.read);
     EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/" + c.country + "_" + std::to_string(c.region)));
@@ -313,6 +305,7 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
 TEST_F(Zone_test, the_right_zone_is_left_alone) {
   const Scan_run scanned = scan(stream_of("+02:00"));
   EXPECT_EQ(scanned.count_err(std::string(CHECKED) + "WARNING: Timezone OK\n"), 1U) << scanned.err;
+  EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_RIGHT, "120 EST"));
   EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
   EXPECT_EQ(installed(), "none");
@@ -354,6 +347,7 @@ TEST_F(Zone_test, every_entry_is_taken_and_only_the_present_offset_of_it) {
 TEST_F(Zone_test, a_tot_without_offsets_sets_the_clock_alone) {
   const Scan_run scanned = scan(stream_with(Json::object()), {"--now", "1000"}, 3);
   EXPECT_EQ(clock_settings(scanned).size(), 1U);
+  EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_SET, ZONE_UNTOUCHED));
   EXPECT_EQ(scanned.count_err("Country id"), 0U);
   EXPECT_EQ(scanned.count_err("Checking mux"), 0U);
   EXPECT_EQ(shell_commands(scanned), Lines{});
@@ -402,44 +396,43 @@ TEST_F(Zone_test, an_odd_country_code_does_not_keep_the_next_entry_away) {
   EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }
 
-TEST_F(Zone_test, without_a_zone_compiler_the_zone_stays) {
-  support::write_file(installed_file(), "as it was");
-  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "system(*zic*)=ENOENT"});
-  EXPECT_EQ(scanned.lines({"done"}), "done 0 0\n");
-  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
-  EXPECT_EQ(shell_commands(scanned),
-            Lines{"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt (fault) = -1 ENOENT"});
-  EXPECT_EQ(support::read_file(installed_file()), "as it was");
-}
-
-TEST_F(Zone_test, a_source_that_cannot_be_opened_runs_nothing) {
-  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(*timezone.txt)=EACCES"});
-  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
-  EXPECT_EQ(shell_commands(scanned), Lines{});
-  EXPECT_EQ(installed(), "none");
-}
-
-TEST_F(Zone_test, a_folder_for_zones_that_is_a_link_is_not_followed) {
-  std::filesystem::remove_all(sandbox() + "/tmp/zoneinfo");
-  std::filesystem::create_directories(sandbox() + "/tmp");
-  std::filesystem::create_directories(folder_.file("elsewhere"));
-  std::filesystem::create_directory_symlink(folder_.file("elsewhere"), sandbox() + "/tmp/zoneinfo");
-  const Scan_run scanned = scan(stream_of("+03:00"));
-  EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
-  EXPECT_EQ(shell_commands(scanned), Lines{});
-  EXPECT_TRUE(std::filesystem::is_empty(folder_.file("elsewhere")));
-  EXPECT_EQ(installed(), "none");
-}
-
-TEST_F(Zone_test, a_target_that_cannot_be_written_leaves_no_compiled_zone_behind) {
-  if (!have_zic())
-    GTEST_SKIP() << "no zone compiler";
-  const Scan_run scanned = scan(stream_of("+03:00"), {"--fault", "open(/dvbfiles/localtime)=EROFS"});
-  EXPECT_EQ(scanned.lines({"done"}), "done 0 0\n");
-  EXPECT_EQ(scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'"), 1U) << scanned.err;
-  EXPECT_EQ(installed(), "none");
-  EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
-  std::filesystem::remove_all(sandbox() + "/dvbfiles");
-  EXPECT_EQ(scan(stream_of("+03:00")).lines({"done"}), "done 0 0\n") << "nor without its folder";
-  EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/EST_0"));
+TEST_F(Zone_test, a_zone_that_cannot_be_set_stays_and_is_told_as_failed) {
+  const std::string folder = sandbox() + "/tmp/zoneinfo";
+  const std::string compile = "system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt";
+  const Lines not_copied = {compile + " = 0", "system cp -f '/tmp/zoneinfo/EST_0' /dvbfiles/localtime = 256"};
+  const struct {
+    const char* what;
+    const char* fault;
+    bool linked;     // the folder for zones is a link, which is not followed
+    bool compiled;   // with the zone compiler, so without one the row is left out
+    Lines commands;  // as far as they are asked for
+  } cases[] = {
+      {"no zone compiler", "system(*zic*)=ENOENT", false, false, {compile + " (fault) = -1 ENOENT"}},
+      {"source cannot be opened", "open(*timezone.txt)=EACCES", false, false, {}},
+      {"folder is a link", "", true, false, {}},
+      {"target cannot be written", "open(/dvbfiles/localtime)=EROFS", false, true, not_copied},
+      {"no folder for the target", "open(/dvbfiles/localtime)=ENOENT", false, true, not_copied},
+  };
+  for (const auto& c : cases) {
+    if (c.compiled && !have_zic())
+      continue;
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove(database());
+    std::filesystem::remove_all(folder);
+    std::filesystem::remove(installed_file());
+    std::filesystem::create_directories(folder_.file("elsewhere"));
+    if (c.linked)
+      std::filesystem::create_directory_symlink(folder_.file("elsewhere"), folder);
+    if (!c.compiled)  // cp -f would remove it
+      support::write_file(installed_file(), "as it was");
+    const Scan_run scanned = scan(stream_of("+03:00"), *c.fault != '\0' ? Lines{"--fault", c.fault} : Lines{});
+    EXPECT_EQ(scanned.lines({"done", "told"}), "done 0 0\n" + told(CLOCK_RIGHT, ZONE_FAILED, "180 EST"));
+    EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
+    EXPECT_EQ(scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'"), c.compiled ? 1U : 0U);
+    EXPECT_EQ(shell_commands(scanned), c.commands);
+    EXPECT_EQ(std::filesystem::exists(installed_file()), !c.compiled);
+    EXPECT_EQ(support::read_file(installed_file()), c.compiled ? "" : "as it was");
+    EXPECT_TRUE(std::filesystem::is_empty(folder_.file("elsewhere")));
+    EXPECT_FALSE(std::filesystem::exists(folder + "/EST_0")) << "no compiled zone is left behind";
+  }
 }

@@ -36,16 +36,11 @@ class Guide_captures_test : public Scan_test, public testing::WithParamInterface
     for (const int service : turn == 0 ? guide.services : std::vector<int>{})
       script += "insert INSERT INTO kanalid (freq, pat_prnr, serv_type) VALUES (506000000, " + std::to_string(service) +
                 ", 25)\n";
-    script += "kelvo 0 tuner\n";
-    if (guide.services.empty())
-      script += "freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; ";
-    else
-      script += "channel 0 506000000 1\n";
-    script += "wait_guide 0 1500\n";
-    std::vector<std::string> options = on_freq(file);
-    options.insert(options.end(),
-                   {"--pace", guide.pace, "--grace", "5000", "--offset", std::to_string(turn * guide.turn_s)});
-    return run(options, script, guide.speed);
+    script += guide.services.empty() ? SCAN_ONCE + "freq 0 506000000; wait_done 0 100; "
+                                     : "kelvo 0 tuner; channel 0 506000000 1; ";
+    return run(
+        on_freq(file, {"--pace", guide.pace, "--grace", "5000", "--offset", std::to_string(turn * guide.turn_s)}),
+        script + "wait_guide 0 1500", guide.speed);
   }
 };
 

@@ -10,8 +10,8 @@ namespace {
 // Collects the guide of a stream until everything that it announces is there.
 class Guide_events_test : public Guide_test {
  protected:
-  Scan_run collect(const Json& patch, const std::string& before = "", int speed = 10) {
-    const Scan_run scan = run(on_freq(stream(patch)), before + COLLECT + "wait_guide 0 100; verbosity 0", speed);
+  Scan_run collect(const Json& patch, const std::string& before = "") {
+    const Scan_run scan = scan_of(patch, before + COLLECT + "wait_guide 0 100; verbosity 0", 10);
     EXPECT_EQ(scan.lines({"done", "no", "guide"}), "done 0 0\ndone 0 0\nguide complete\n");
     return scan;
   }
@@ -21,9 +21,8 @@ class Guide_events_test : public Guide_test {
     return collect({events_of(INDEX_OF_101, events), events_of(INDEX_OF_102, SECOND_SERVICE), faults(fault_list)},
                    before);
   }
-  std::string events_of_101() const { return without_102(events()); }
-  std::string texts_of_101() const { return without_102(texts()); }
-  static std::string without_102(const std::string& lines) { return lines_with(lines, {"101|"}); }
+  std::string events_of_101() const { return lines_with(events(), {"101|"}); }
+  std::string texts_of_101() const { return lines_with(texts(), {"101|"}); }
 
   static constexpr char SECOND_SERVICE[] =
       R"([{ "start": "now-30m", "duration": "1h", "name": "Seade" }, { "start": "now+30m", "duration": "1h", "name": "Seejärel" }])";
@@ -46,12 +45,12 @@ TEST_F(Guide_events_test, wrong_bcd_is_computed_digit_by_digit_and_kept_as_sent)
                     "offset": 18, "hex": "ffffff ffffff" },
                   { "fault": "wrong_bytes", "table": "eit_schedule_actual", "service_id": 101, "section": 112,
                     "offset": 18, "hex": "246000 000060" }])");
-  EXPECT_EQ(
-      "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
-      "101|2|20260302|1a2b3c|95502|000a0f|615|0.0.0.0|0@est|1|0\n"       // 20:31:42, ten minutes and fifteen
-      "101|4|20260302|246000|111600|000060|60|0.0.0.0|0@est|0|0\n"       // 25:00:00
-      "101|3|20260302|ffffff|625665|ffffff|604065|0.0.0.0|0@est|0|0\n",  // 165 of each
-      events_of_101());
+  EXPECT_EQ(events_of_101(),
+            "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
+            "101|2|20260302|1a2b3c|95502|000a0f|615|0.0.0.0|0@est|1|0\n"      // 20:31:42, ten minutes and fifteen
+            "101|4|20260302|246000|111600|000060|60|0.0.0.0|0@est|0|0\n"      // 25:00:00
+            "101|3|20260302|ffffff|625665|ffffff|604065|0.0.0.0|0@est|0|0\n"  // 165 of each
+  );
 }
 
 TEST_F(Guide_events_test, undefined_start_is_refused_once_and_the_others_are_stored) {
@@ -157,16 +156,15 @@ TEST_F(Guide_events_test, fragment_of_an_extended_event_is_stored_and_told_at_3)
 }
 
 TEST_F(Guide_events_test, more_than_256_events_in_one_table) {
-  std::string list = R"([{ "event_id": 1, "start": "now", "duration": "5m" })";
+  Json list = Json::array();
   std::string expected;
   for (int i = 0; i < 300; ++i) {
-    const std::string minutes = std::to_string(5 * i);
+    list.push_back({{"event_id", i + 1}, {"start", "now+" + std::to_string(5 * i) + "m"}, {"duration", "5m"}});
     if (i > 0)
-      list += R"(, { "event_id": )" + std::to_string(i + 1) + R"(, "start": "now+)" + minutes +
-              R"(m", "duration": "5m", "name": "Saade )" + std::to_string(i + 1) + "\" }";
+      list.back()["name"] = "Saade " + std::to_string(i + 1);
     expected += std::to_string(i + 1) + "|" + std::to_string(300 * i) + "|300\n";
   }
-  collect_101(list + "]");
+  collect_101(list.dump());
   EXPECT_EQ(sql(std::string("SELECT ev_id, start_epoch - ") + NOW +
                 ", dur_sec FROM epglist WHERE pat_prnr = 101 ORDER BY start_epoch"),
             expected);

@@ -10,16 +10,9 @@ namespace {
 
 class Guide_requests_test : public Guide_test {
  protected:
-  static constexpr char TWO_EVENTS[] =
-      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" }])";
-
-  // Both television services with two events.
-  std::string two_services() {
-    return stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)});
-  }
   // 102 as radio, and so many events of ten minutes on 101.
   std::string one_service(int count) {
-    return stream({{{"op", "replace"}, {"path", "/services/1/type"}, {"value", "radio"}},
+    return stream({only_101(),
                    {{"op", "add"},
                     {"path", "/services/0/schedule"},
                     {"value",
@@ -28,8 +21,7 @@ class Guide_requests_test : public Guide_test {
                       {"programmes", Json::array({{{"duration", std::to_string(86400 / count + 1) + "s"}}})}}}}});
   }
   void find_services(const std::string& file) {
-    const Scan_run scan = run(on_freq(file), "kelvo 0 tuner; freq 0 506000000; wait_done 0 60");
-    ASSERT_EQ(scan.lines({"done", "no"}), "done 0 0\n");
+    ASSERT_EQ(run(on_freq(file), SCAN_ONCE).lines({"done", "no"}), "done 0 0\n");
     ASSERT_EQ(sql("SELECT count(*) FROM epglist"), "0\n");
   }
 };
@@ -39,13 +31,13 @@ class Guide_requests_test : public Guide_test {
 // The list of services is made when the request is taken, so before the services are known.
 TEST_F(Guide_requests_test, first_scan_of_an_empty_database_collects_nothing_and_nothing_restarts_it) {
   const Scan_run scan =
-      run(on_freq(two_services()),
-          "kelvo 0 tuner; progress 0; verbosity 1; freq 0 506000000; wait_done 0 60; wait_filter 0 18 3 30; "
-          "verbosity 0; progress 0; channel 0 506000000 1; sleep 10; scan 0 off; sleep 2; "
-          "scan 0 on; sleep 10; export 0 " +
-              folder_.file("copy.db") +
-              "; wait_change 0 8 20; sleep 320; progress 0; sql SELECT count(*) FROM epglist; state 0",
-          30);
+      scan_of(both(TWO_EVENTS),
+              "kelvo 0 tuner; progress 0; verbosity 1; freq 0 506000000; wait_done 0 60; wait_filter 0 18 3 30; "
+              "verbosity 0; progress 0; channel 0 506000000 1; sleep 10; scan 0 off; sleep 2; "
+              "scan 0 on; sleep 10; export 0 " +
+                  folder_.file("copy.db") +
+                  "; wait_change 0 8 20; sleep 320; progress 0; sql SELECT count(*) FROM epglist; state 0",
+              30);
   EXPECT_EQ(
       scan.lines(),
       "no guide\nfreq -1\ndone 0 0\nno guide\nchannel -1\nexport 1\nchange 0 8\nno guide\nsql 0\nstate 1 0 1\nend\n");
@@ -57,10 +49,10 @@ TEST_F(Guide_requests_test, first_scan_of_an_empty_database_collects_nothing_and
 }
 
 TEST_F(Guide_requests_test, second_frequency_request_collects_the_guide) {
-  const Scan_run scan = run(on_freq(two_services()),
-                            "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; sleep 10; "
-                            "sql SELECT count(*) FROM epglist; freq 0 506000000; wait_done 0 60; wait_guide 0 60; "
-                            "sleep 20");
+  const Scan_run scan = scan_of(both(TWO_EVENTS),
+                                "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; sleep 10; "
+                                "sql SELECT count(*) FROM epglist; freq 0 506000000; wait_done 0 60; wait_guide 0 60; "
+                                "sleep 20");
   EXPECT_EQ(scan.lines({"done", "sql", "guide", "change", "no"}), "done 0 0\nsql 0\ndone 0 0\nguide complete\n");
   EXPECT_EQ(events(),
             "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|4|0\n"
@@ -70,10 +62,7 @@ TEST_F(Guide_requests_test, second_frequency_request_collects_the_guide) {
 }
 
 TEST_F(Guide_requests_test, channel_request_from_another_frequency_collects_the_guide) {
-  const std::string file = two_services();
-  std::vector<std::string> options = on_freq(file);
-  options.insert(options.end(), {"--mux", "514000000=" + empty_stream()});
-  const Scan_run scan = run(options,
+  const Scan_run scan = run(on_freq(stream(both(TWO_EVENTS)), {"--mux", "514000000=" + empty_stream()}),
                             "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; freq 0 514000000; wait_done 0 60; "
                             "channel 0 506000000 1; wait_guide 0 60");
   EXPECT_EQ(scan.lines({"done", "channel", "guide", "no"}), "done 0 0\ndone 0 -1\nchannel -1\nguide complete\n");
@@ -94,11 +83,9 @@ TEST_F(Guide_requests_test, quirk_after_a_scan_that_timed_out_present_and_follow
                                    {{"op", "add"}, {"path", "/services/0/eit_schedule"}, {"value", false}},
                                    {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}},
                                    {{"op", "add"}, {"path", "/services/1/pmt"}, {"value", false}}});
-  std::vector<std::string> options = on_freq(file);
-  options.insert(options.end(), {"--mux", "514000000=" + empty_stream()});
   // Slowly enough that a busy machine does not miss the timers' last second.
-  const Scan_run scan = run(options,
-                            std::string(COLLECT) +
+  const Scan_run scan = run(on_freq(file, {"--mux", "514000000=" + empty_stream()}),
+                            COLLECT +
                                 "wait_table 0 50 30; sql SELECT count(*) FROM epglist; verbosity 2; freq 0 514000000; "
                                 "wait_done 0 60; channel 0 506000000 1; wait_table 0 50 30",
                             8);
@@ -112,29 +99,28 @@ TEST_F(Guide_requests_test, quirk_after_a_scan_that_timed_out_present_and_follow
 
 // --- Change code 4 ---------------------------------------------------------------------------------------------------
 
-TEST_F(Guide_requests_test, twenty_new_events_are_not_told) {
-  const std::string file = one_service(20);
-  find_services(file);
-  const Scan_run scan = run(on_freq(file), "kelvo 0 tuner; channel 0 506000000 1; wait_guide 0 60; sleep 20", 10);
-  EXPECT_EQ(scan.lines(), "channel -1\nguide complete\nend\n");
-  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "20\n");
-}
-
-TEST_F(Guide_requests_test, twenty_one_new_events_are_told_once_at_a_rescan_of_the_pmts) {
-  const std::string file = one_service(21);
-  find_services(file);
-  const Scan_run scan = run(on_freq(file),
-                            "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; wait_guide 0 60; sleep 20; "
-                            "verbosity 0",
-                            10);
-  EXPECT_EQ(scan.lines({"channel", "change", "done", "end"}), "channel -1\nchange 0 4\nend\n");
-  EXPECT_EQ(scan.count_err("WARNING: db_change_callback 4, retval 0\n"), 1U);
-  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "21\n");
+TEST_F(Guide_requests_test, more_than_twenty_new_events_are_told_once_at_a_rescan_of_the_pmts) {
+  for (const int count : {20, 21}) {
+    SCOPED_TRACE(count);
+    std::filesystem::remove_all(database());
+    std::filesystem::remove_all(folder_.file("dvb_epg.db"));
+    const std::string file = one_service(count);
+    find_services(file);
+    const Scan_run scan = run(on_freq(file),
+                              "verbosity 1; kelvo 0 tuner; channel 0 506000000 1; wait_guide 0 60; sleep 20; "
+                              "verbosity 0",
+                              10);
+    EXPECT_EQ(scan.lines({"channel", "change", "done", "end"}),
+              count == 20 ? "channel -1\nend\n" : "channel -1\nchange 0 4\nend\n");
+    EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
+    EXPECT_EQ(scan.count_err("WARNING: db_change_callback 4, retval 0\n"), count == 20 ? 0U : 1U);
+    EXPECT_EQ(sql("SELECT count(*) FROM epglist"), std::to_string(count) + "\n");
+  }
 }
 
 TEST_F(Guide_requests_test, frequency_request_tells_of_new_events_when_the_next_scan_ends) {
   const Scan_run scan =
-      run(on_freq(one_service(21)), std::string(COLLECT) +
+      run(on_freq(one_service(21)), COLLECT +
                                         "wait_guide 0 60; sleep 20; freq 0 506000000; wait_done 0 60; sleep 20; "
                                         "freq 0 506000000; wait_done 0 60; sleep 5");
   EXPECT_EQ(scan.lines({"done", "guide", "change", "no"}),
@@ -150,8 +136,7 @@ TEST_F(Guide_requests_test, export_in_the_middle_purges_copies_and_the_guide_goe
                         R"([{ "start": "now-30m", "duration": "1h", "name": "Uudised" },
                             { "start": "now+30m", "duration": "1h", "name": "Film" },
                             { "start": "now+12h", "duration": "1h", "name": "Hommik" }])"),
-              {{"op", "replace"}, {"path", "/services/1/type"}, {"value", "radio"}},
-              faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 80, "to": 16 }])")});
+              only_101(), faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 80, "to": 16 }])")});
   find_services(file);
   const std::string copy = folder_.file("copy.db");
   const Scan_run scan =
@@ -181,20 +166,20 @@ TEST_F(Guide_requests_test, export_in_the_middle_purges_copies_and_the_guide_goe
 
 TEST_F(Guide_requests_test, progress_shows_every_service_through_its_stages) {
   // The SDT comes after 2 s, the events of 102 after 7 s and its schedule after 13 s.
-  const std::string file = stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS),
-                                   faults(R"([{ "fault": "drop", "table": "sdt_actual", "to": 2 },
+  const Json patch = {events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS),
+                      faults(R"([{ "fault": "drop", "table": "sdt_actual", "to": 2 },
                                               { "fault": "drop", "table": "eit_pf_actual", "service_id": 102, "to": 7 },
                                               { "fault": "drop", "table": "eit_schedule_actual", "service_id": 102,
-                                                "to": 13 }])")});
-  const Scan_run scan = run(on_freq(file),
-                            "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; progress 0; freq 0 506000000; "
-                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 0; progress 0; "
-                            "wait_done 0 60; wait_progress 0 10 guide 101 table 4e/0 active 0 done 1 events 2; "
-                            "progress 0; wait_progress 0 10 guide 101 table 50/50 active 0 done 1 events 2; "
-                            "progress 0; wait_progress 0 10 guide 101 table 51/50 active 1 done 0 events 2; "
-                            "progress 0; freq 0 506000000; "
-                            "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 2; progress 0",
-                            2);
+                                                "to": 13 }])")};
+  const Scan_run scan = scan_of(patch,
+                                "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; progress 0; freq 0 506000000; "
+                                "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 0; progress 0; "
+                                "wait_done 0 60; wait_progress 0 10 guide 101 table 4e/0 active 0 done 1 events 2; "
+                                "progress 0; wait_progress 0 10 guide 101 table 50/50 active 0 done 1 events 2; "
+                                "progress 0; wait_progress 0 10 guide 101 table 51/50 active 1 done 0 events 2; "
+                                "progress 0; freq 0 506000000; "
+                                "wait_progress 0 10 guide 101 table 0/0 active 1 done 0 events 2; progress 0",
+                                2);
   EXPECT_EQ(scan.lines({"guide", "no", "never:"}),
             "no guide\n"
             "guide 101 table 0/0 active 1 done 0 events 0\n"

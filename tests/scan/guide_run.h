@@ -14,15 +14,21 @@ class Guide_test : public Scan_test {
   static constexpr int INDEX_OF_102 = 1;
 
   // Two scans: the first one finds the services, the second one collects their guide.
-  static constexpr char COLLECT[] =
-      "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; ";
+  static inline const std::string COLLECT = SCAN_ONCE + "freq 0 506000000; wait_done 0 100; ";
 
-  // Patches of base.json.
+  static constexpr char TWO_EVENTS[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" }])";
+
+  // Patches of base.json; with only_101(), 102 is radio, which is not listed.
   static Json events_of(int service_index, const std::string& events) {
     return {{"op", "add"},
             {"path", "/services/" + std::to_string(service_index) + "/events"},
             {"value", Json::parse(events)}};
   }
+  static Json both(const std::string& events) {
+    return {events_of(INDEX_OF_101, events), events_of(INDEX_OF_102, events)};
+  }
+  static Json only_101() { return {{"op", "replace"}, {"path", "/services/1/type"}, {"value", "radio"}}; }
   static Json faults(const std::string& list) {
     return {{"op", "add"}, {"path", "/faults"}, {"value", Json::parse(list)}};
   }
@@ -43,8 +49,6 @@ class Guide_test : public Scan_test {
   // SERVICE|EVENT ID, in the order of their storing
   std::string stored_order() const { return sql("SELECT pat_prnr, ev_id FROM epglist ORDER BY entry"); }
 
-  // The lines of a text that begin with one of `beginnings`.
-  static std::string lines_with(const std::string& text, const std::vector<std::string>& beginnings);
   // When the filter of a table, "4e" and so on, was set last, in seconds since the adapter's start; -1 for never.
   static double opened(const Scan_run& run, const std::string& table) {
     const std::vector<double> times = run.logged({"DMX_SET_FILTER pid=0x12 filter=" + table});

@@ -15,10 +15,9 @@ class Guide_tables_test : public Guide_test {
   }
   // The lines about tables and services, in the order of their printing, but those of a table's services sorted.
   static std::vector<std::string> steps(const Scan_run& run) {
-    std::istringstream in(lines_with(run.err, {"****", "Pres-"}));
     std::vector<std::string> all;
     size_t first_of_table = 0;
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string& line : support::lines_of(lines_with(run.err, {"****", "Pres-"}))) {
       const bool closing = line.find("next table") != std::string::npos;
       if (closing)
         std::sort(all.begin() + static_cast<std::ptrdiff_t>(first_of_table), all.end());
@@ -29,26 +28,22 @@ class Guide_tables_test : public Guide_test {
     std::sort(all.begin() + static_cast<std::ptrdiff_t>(first_of_table), all.end());
     return all;
   }
-  static constexpr char TWO_EVENTS[] =
-      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" }])";
   // Eight days without a gap: 26 events in the first table, 32 in the second one, 6 in the third one.
   static Json eight_days(int service_index) {
     return {{"op", "add"},
             {"path", "/services/" + std::to_string(service_index) + "/schedule"},
             {"value", Json::parse(R"({ "from": "now", "days": 8, "programmes": [{ "duration": "3h" }] })")}};
   }
-  // Patch that makes 102 radio, which is not listed.
-  static Json only_101() { return {{"op", "replace"}, {"path", "/services/1/type"}, {"value", "radio"}}; }
 };
 
 }  // namespace
 
 TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_order) {
-  const Scan_run scan = run(on_freq(stream({eight_days(INDEX_OF_101), eight_days(INDEX_OF_102)})),
-                            std::string("verbosity 0\n") + COLLECT +
-                                "verbosity 1; wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64; "
-                                "progress 0; sleep 10; verbosity 0",
-                            10);
+  const Scan_run scan = scan_of({eight_days(INDEX_OF_101), eight_days(INDEX_OF_102)},
+                                "verbosity 0\n" + COLLECT +
+                                    "verbosity 1; wait_progress 0 100 guide 101 table 53/52 active 1 done 0 events 64; "
+                                    "progress 0; sleep 10; verbosity 0",
+                                10);
   EXPECT_EQ(scan.lines({"guide", "never:"}),
             "guide 101 table 53/52 active 1 done 0 events 64\n"
             "guide 102 table 53/52 active 1 done 0 events 64\n");
@@ -82,11 +77,11 @@ TEST_F(Guide_tables_test, present_and_following_first_then_the_schedules_in_orde
 }
 
 TEST_F(Guide_tables_test, table_that_nobody_sends_is_never_left) {
-  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)})),
-                            std::string(COLLECT) +
-                                "wait_progress 0 100 guide 101 table 51/50 active 1 done 0 events 2; sleep 600; "
-                                "progress 0",
-                            60);
+  const Scan_run scan = scan_of(both(TWO_EVENTS),
+                                COLLECT +
+                                    "wait_progress 0 100 guide 101 table 51/50 active 1 done 0 events 2; sleep 600; "
+                                    "progress 0",
+                                60);
   EXPECT_EQ(scan.lines({"guide", "never:"}),
             "guide 101 table 51/50 active 1 done 0 events 2\n"
             "guide 102 table 51/50 active 1 done 0 events 2\n");
@@ -95,8 +90,8 @@ TEST_F(Guide_tables_test, table_that_nobody_sends_is_never_left) {
 }
 
 TEST_F(Guide_tables_test, service_without_present_event_is_killed_when_its_timer_has_less_than_a_second_left) {
-  const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
-                            std::string(COLLECT) + "wait_table 0 50 30; progress 0; sleep 4", 4);
+  const Scan_run scan = scan_of(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}),
+                                COLLECT + "wait_table 0 50 30; progress 0; sleep 4", 4);
   EXPECT_EQ(scan.lines({"reached", "not", "guide"}),
             "reached\nguide 101 table 50/0 active 1 done 0 events 2\nguide 102 table 50/0 active 1 done 0 events 0\n");
   EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 102 , Laine TV table 4e, ttl 10\n")
@@ -107,11 +102,10 @@ TEST_F(Guide_tables_test, service_without_present_event_is_killed_when_its_timer
 }
 
 TEST_F(Guide_tables_test, service_without_schedule_is_killed_after_three_minutes) {
-  Json without_schedule = events_of(INDEX_OF_102, TWO_EVENTS);
-  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, TWO_EVENTS),
-                                            without_schedule,
-                                            {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}}})),
-                            std::string(COLLECT) + "wait_table 0 51 300; progress 0; sleep 40", 40);
+  const Scan_run scan = scan_of({events_of(INDEX_OF_101, TWO_EVENTS),
+                                 events_of(INDEX_OF_102, TWO_EVENTS),
+                                 {{"op", "add"}, {"path", "/services/1/eit_schedule"}, {"value", false}}},
+                                COLLECT + "wait_table 0 51 300; progress 0; sleep 40", 40);
   EXPECT_EQ(scan.lines({"reached", "not", "guide"}),
             "reached\nguide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/0 active 1 done 0 events 2\n");
   EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 102 , Laine TV table 50, ttl 180\n");
@@ -125,8 +119,7 @@ TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_
   // The last three hours of the fourth day have no event.
   constexpr char GAP[] =
       R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-05T12:00:00Z", "duration": "2h" }])";
-  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, GAP), only_101()})),
-                            std::string(COLLECT) + "wait_guide 0 300; sleep 40", 40);
+  const Scan_run scan = scan_of({events_of(INDEX_OF_101, GAP), only_101()}, COLLECT + "wait_guide 0 300; sleep 40", 40);
   EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
   EXPECT_EQ(lines_with(scan.err, {"Kill"}), "Kill scan for service 101 , Laine TV table 50, ttl 180\n");
   EXPECT_EQ(events(),
@@ -138,8 +131,8 @@ TEST_F(Guide_tables_test, quirk_table_whose_last_section_is_empty_is_left_after_
 }
 
 TEST_F(Guide_tables_test, killing_is_not_told_at_2) {
-  const Scan_run scan = run(on_freq(stream(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}))),
-                            std::string("verbosity 2\n") + COLLECT + "wait_table 0 50 30\n", 10);
+  const Scan_run scan = scan_of(Json::array({events_of(INDEX_OF_101, TWO_EVENTS)}),
+                                "verbosity 2\n" + COLLECT + "wait_table 0 50 30\n", 10);
   EXPECT_EQ(scan.lines({"reached", "not"}), "reached\n");
   EXPECT_EQ(lines_with(scan.err, {"Kill"}), "");
 }
@@ -150,13 +143,13 @@ TEST_F(Guide_tables_test, sections_out_of_order_are_all_stored) {
       R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-02T00:00:00Z", "duration": "1h" },
           { "start": "2026-03-02T03:00:00Z", "duration": "1h" }, { "start": "2026-03-02T06:00:00Z", "duration": "1h" }])";
   const Scan_run scan =
-      run(on_freq(stream({events_of(INDEX_OF_101, NIGHT),
-                          faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 48, "to": 14 },
+      scan_of({events_of(INDEX_OF_101, NIGHT),
+               faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 48, "to": 14 },
                                      { "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 14 },
                                      { "fault": "drop", "table": "eit_schedule_actual", "section": 80, "to": 17 },
                                      { "fault": "drop", "table": "eit_pf_actual", "section": 0, "to": 3 }])"),
-                          only_101()})),
-          std::string(COLLECT) + "wait_guide 0 60\n", 5);
+               only_101()},
+              COLLECT + "wait_guide 0 60\n", 5);
   EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
   EXPECT_EQ(lines_with(events(), {"101"}),
             "101|1|20260301|173000|-1800|010000|3600|0.0.0.0|0@est|0|0\n"
@@ -177,8 +170,8 @@ TEST_F(Guide_tables_test, quirk_section_lost_while_the_last_one_comes_twice_is_m
       stream({events_of(INDEX_OF_101, NIGHT), only_101(),
               faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 19 }])")});
   const auto ids = [&] { return sql("SELECT ev_id FROM epglist ORDER BY start_epoch"); };
-  const Scan_run lost = run(
-      on_freq(lossy), std::string(COLLECT) + "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 3\n", 5);
+  const Scan_run lost =
+      run(on_freq(lossy), COLLECT + "wait_progress 0 30 guide 101 table 51/50 active 1 done 0 events 3\n", 5);
   EXPECT_EQ(lost.lines({"never:"}), "");
   EXPECT_EQ(ids(), "1\n2\n4\n");
   run(on_freq(good),
@@ -193,7 +186,7 @@ TEST_F(Guide_tables_test, repeated_sections_are_neither_stored_nor_asked_for_aga
   const std::string file =
       stream({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS),
               faults(R"([{ "fault": "drop", "table": "eit_pf_actual", "section": 1, "to": 6 }])")});
-  const Scan_run scan = run(on_freq(file), std::string(COLLECT) + "verbosity 4; wait_table 0 50 30; verbosity 0", 4);
+  const Scan_run scan = run(on_freq(file), COLLECT + "verbosity 4; wait_table 0 50 30; verbosity 0", 4);
   EXPECT_EQ(scan.lines({"reached", "not"}), "reached\n");
   EXPECT_EQ(scan.count_err("Db event "), 4U) << "statements that store an event";
   EXPECT_GE(scan.count_err("match is 1\n"), 20U) << "events that were known";
@@ -219,17 +212,17 @@ TEST_F(Guide_tables_test, new_version_adds_what_is_new_and_leaves_what_is_stored
       R"([{ "start": "2026-03-01T18:30:00Z", "duration": "10m" }, { "start": "2026-03-01T19:00:00Z", "duration": "10m" },
           { "start": "2026-03-01T20:00:00Z", "duration": "10m" }, { "start": "2026-03-02T03:00:00Z", "duration": "1h" }])";
   const std::string here = R"("table": "eit_schedule_actual", "service_id": 101, "section": 48, "from": 12)";
-  const Scan_run scan = run(on_freq(stream({events_of(INDEX_OF_101, EVENING),
-                                            faults(R"([{ "fault": "wrong_version", "version": 1, )" + here + R"(},
+  const Scan_run scan = scan_of({events_of(INDEX_OF_101, EVENING),
+                                 faults(R"([{ "fault": "wrong_version", "version": 1, )" + here + R"(},
                                      { "fault": "wrong_bytes", "offset": 14, "hex": "0063", )" +
-                                                   here + R"(},
+                                        here + R"(},
                                      { "fault": "wrong_bytes", "offset": 33, "hex": "002000", )" +
-                                                   here + R"(},
+                                        here + R"(},
                                      { "fault": "wrong_bytes", "offset": 42, "hex": "204500", )" +
-                                                   here + R"(},
+                                        here + R"(},
                                      { "fault": "drop", "table": "eit_schedule_actual", "section": 72, "to": 16 }])"),
-                                            only_101()})),
-                            std::string(COLLECT) + "wait_guide 0 60\n", 5);
+                                 only_101()},
+                                COLLECT + "wait_guide 0 60\n", 5);
   EXPECT_EQ(scan.lines({"guide"}), "guide complete\n");
   EXPECT_EQ(events(),
             "101|1|20260301|183000|1800|001000|600|0.0.0.0|0@est|1|0\n"
@@ -240,7 +233,7 @@ TEST_F(Guide_tables_test, new_version_adds_what_is_new_and_leaves_what_is_stored
 }
 
 TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) {
-  Json patch = Json::array({events_of(INDEX_OF_101, TWO_EVENTS), events_of(INDEX_OF_102, TWO_EVENTS)});
+  Json patch = both(TWO_EVENTS);
   int service = 103;
   patch.push_back(events_of(2, TWO_EVENTS));  // radio
   for (const char* type : {"teletext", "radio-avc", "tv-hd-mpeg2", "tv-sd-h264", "tv-hd-h264", "tv-hevc"}) {
@@ -258,8 +251,7 @@ TEST_F(Guide_tables_test, services_of_other_types_are_collected_when_asked_for) 
   const std::string file = stream(patch);
   const auto counts = [&] { return sql("SELECT pat_prnr, count(*) FROM epglist GROUP BY pat_prnr"); };
   const Scan_run narrow =
-      run(on_freq(file),
-          std::string(COLLECT) + "wait_progress 0 60 guide 101 table 51/50 active 1 done 0 events 2; progress 0", 10);
+      run(on_freq(file), COLLECT + "wait_progress 0 60 guide 101 table 51/50 active 1 done 0 events 2; progress 0", 10);
   EXPECT_EQ(narrow.lines({"guide", "never:"}),
             "guide 101 table 51/50 active 1 done 0 events 2\nguide 102 table 51/50 active 1 done 0 events 2\n");
   EXPECT_EQ(counts(), "101|2\n102|2\n");

@@ -22,9 +22,10 @@
 //   types T...                    service types whose guide is collected, from the next tuning on
 //   wait_guide N SECONDS          until every service has all that its network announces
 //   wait_table N TABLE SECONDS    until that table (hexadecimal) is being collected
-//   progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each service,
-//   tables
-//                                 hexadecimal, or "no guide"
+//   told_time N                   "told CLOCK ZONE MINUTES COUNTRY" of the last time table that was told of, or "told
+//   nothing" progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each
+//   service,
+//                                 tables hexadecimal, or "no guide"
 //   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
@@ -81,11 +82,12 @@ struct Adapter {
   std::mutex lock;                  // guards what follows
   std::map<std::string, int> ends;  // by stage
   std::map<int, int> filters;       // started, by PID
+  Broadcast_time time;              // the last one, of frequency 0 before that
 
-  template <typename Key>
-  int count(std::map<Key, int> Adapter::*counts, const Key& key) {
+  template <typename Get>
+  auto locked(Get get) {
     const std::lock_guard<std::mutex> guard(lock);
-    return (this->*counts)[key];
+    return get();
   }
 };
 
@@ -108,15 +110,18 @@ void done(void* data, int result) {
 
 void scan_ended(void* data, const Scan_end& end) {
   auto* adapter = static_cast<Adapter*>(data);
-  const std::lock_guard<std::mutex> guard(adapter->lock);
-  ++adapter->ends[end.stage == SCAN_PAT ? "PAT" : "PMT"];
+  adapter->locked([&] { return ++adapter->ends[end.stage == SCAN_PAT ? "PAT" : "PMT"]; });
+}
+
+void time_told(void* data, const Broadcast_time& time) {
+  auto* adapter = static_cast<Adapter*>(data);
+  adapter->locked([&] { return adapter->time = time; });
 }
 
 void active(void* data, int kind, int value) {
   auto* adapter = static_cast<Adapter*>(data);
-  const std::lock_guard<std::mutex> guard(adapter->lock);
   if (kind == ACTIVITY_FILTER_STARTED)
-    ++adapter->filters[value];
+    adapter->locked([&] { return ++adapter->filters[value]; });
 }
 
 // Ten times as long as the script says, because this clock runs faster than the machine, which may be busy.
@@ -138,6 +143,13 @@ int ask(const std::string& sql) {
   return value;
 }
 
+template <typename T>
+T next(std::istringstream& in) {
+  T value{};
+  in >> value;
+  return value;
+}
+
 std::string rest(std::istringstream& in) {
   std::string text;
   std::getline(in >> std::ws, text);
@@ -154,16 +166,11 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
     database_file = rest(in);
     database = std::make_unique<Sdbl>(database_file.c_str());
   } else if (command == "verbosity") {
-    int level = 0;
-    in >> level;
-    verbosity_kelvo = level;
+    verbosity_kelvo = next<int>(in);
   } else if (command == "sleep") {
-    double seconds = 0;
-    in >> seconds;
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    std::this_thread::sleep_for(std::chrono::duration<double>(next<double>(in)));
   } else if (command == "write") {
-    std::string file;
-    in >> file;
+    const auto file = next<std::string>(in);
     // Whole at once, because the worker may be looking.
     const std::string whole = database_file + ".new";
     std::ofstream(whole) << rest(in) << "\n";
@@ -187,8 +194,7 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   } else if (command == "insert") {
     (void)database->sql_cache(true, 0, rest(in).c_str());
   } else if (command == "wait_sql") {
-    double seconds = 0;
-    in >> seconds;
+    const auto seconds = next<double>(in);
     const std::string sql = rest(in);
     say(wait_until(seconds, [&] { return ask(sql) != 0; }) ? "true" : "never true: " + sql);
   } else {
@@ -220,17 +226,12 @@ bool guide_complete(const Adapter& a) {
 }
 
 void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istringstream& in, const std::string& line) {
-  std::string word;
-  int hz = 0;
-  int channel = 0;
-  double seconds = 0;
   if (command == "kelvo") {
-    int connector = 0;
-    int type = 0;
-    in >> word >> connector >> type;
-    a.kelvo =
-        std::make_unique<Kelvo>(static_cast<int>(n), connector, type, database.get(), word == "tuner", CHANGED[n]);
+    const bool tuner = next<std::string>(in) == "tuner";
+    const int connector = next<int>(in);
+    a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), connector, next<int>(in), database.get(), tuner, CHANGED[n]);
     a.kelvo->set_scan_listener(scan_ended, &a);
+    a.kelvo->set_time_listener(time_told, &a);
     a.kelvo->set_activity_listener({active, &a});
     return;
   }
@@ -240,44 +241,37 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     a.kelvo.reset();
     say("deleted");
   } else if (command == "freq") {
-    in >> hz;
     const int answers = a.answers;
-    const int result = a.kelvo->tune_to_freq(hz, &a, done);
+    const int result = a.kelvo->tune_to_freq(next<int>(in), &a, done);
     a.requests = answers + 1;
     say("freq " + std::to_string(result));
   } else if (command == "freq_without_data") {
-    in >> hz;
-    say("freq " + std::to_string(a.kelvo->tune_to_freq(hz, nullptr, done)));
+    say("freq " + std::to_string(a.kelvo->tune_to_freq(next<int>(in), nullptr, done)));
   } else if (command == "channel") {
-    in >> hz >> channel;
-    say("channel " + std::to_string(a.kelvo->tune_to_freq(hz, channel, &a, done)));
+    const int hz = next<int>(in);
+    say("channel " + std::to_string(a.kelvo->tune_to_freq(hz, next<int>(in), &a, done)));
   } else if (command == "wait_done") {
-    in >> seconds;
-    if (!wait_until(seconds, [&] { return a.answers >= a.requests; }))
+    if (!wait_until(next<double>(in), [&] { return a.answers >= a.requests; }))
       say("no answer");
   } else if (command == "wait_change") {
-    unsigned code = 0;
-    in >> code >> seconds;
-    if (!wait_until(seconds, [&] { return (a.changes & code) == code; }))
+    const auto code = next<unsigned>(in);
+    if (!wait_until(next<double>(in), [&] { return (a.changes & code) == code; }))
       say("no change " + std::to_string(code));
     a.changes = 0;
   } else if (command == "wait_ends") {
-    int times = 0;
-    in >> word >> times >> seconds;
-    if (!wait_until(seconds, [&] { return a.count(&Adapter::ends, word) >= times; }))
-      say("no end of " + word);
+    const auto stage = next<std::string>(in);
+    const int times = next<int>(in);
+    if (!wait_until(next<double>(in), [&] { return a.locked([&] { return a.ends[stage]; }) >= times; }))
+      say("no end of " + stage);
   } else if (command == "wait_filter") {
-    int pid = 0;
-    int times = 0;
-    in >> pid >> times >> seconds;
-    if (!wait_until(seconds, [&] { return a.count(&Adapter::filters, pid) >= times; }))
+    const int pid = next<int>(in);
+    const int times = next<int>(in);
+    if (!wait_until(next<double>(in), [&] { return a.locked([&] { return a.filters[pid]; }) >= times; }))
       say("no filter of " + std::to_string(pid));
   } else if (command == "scan") {
-    in >> word;
-    a.kelvo->set_scan(word == "on");
+    a.kelvo->set_scan(next<std::string>(in) == "on");
   } else if (command == "tuner") {
-    in >> word;
-    a.kelvo->set_tuner(word == "on");
+    a.kelvo->set_tuner(next<std::string>(in) == "on");
   } else if (command == "export") {
     say("export " + std::to_string(a.kelvo->export_db(rest(in).c_str(), true)));
   } else if (command == "export_channels") {
@@ -286,16 +280,19 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     say("state " + std::to_string(a.kelvo->get_msg_state()) + " " + std::to_string(a.kelvo->export_db_in_progress()) +
         " " + std::to_string(a.kelvo->time_valid()));
   } else if (command == "wait_guide") {
-    in >> seconds;
-    say(wait_until(seconds, [&] { return guide_complete(a); }) ? "guide complete" : "guide not complete");
+    say(wait_until(next<double>(in), [&] { return guide_complete(a); }) ? "guide complete" : "guide not complete");
   } else if (command == "wait_table") {
-    int table = 0;
-    in >> std::hex >> table >> std::dec >> seconds;
+    const int table = std::stoi(next<std::string>(in), nullptr, 16);
     const auto reached = [&] {
       const std::vector<EIT_progress> progress = progress_of(a);
       return !progress.empty() && progress.front().table >= table;
     };
-    say(wait_until(seconds, reached) ? "reached" : "not reached");
+    say(wait_until(next<double>(in), reached) ? "reached" : "not reached");
+  } else if (command == "told_time") {
+    const Broadcast_time time = a.locked([&] { return a.time; });
+    say(time.freq == 0 ? "told nothing"
+                       : "told " + std::to_string(time.clock) + " " + std::to_string(time.zone) + " " +
+                             std::to_string(time.offset_min) + " " + time.country);
   } else if (command == "progress") {
     const std::vector<EIT_progress> progress = progress_of(a);
     for (const EIT_progress& p : progress)
@@ -303,7 +300,7 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     if (progress.empty())
       say("no guide");
   } else if (command == "wait_progress") {
-    in >> seconds;
+    const auto seconds = next<double>(in);
     const std::string wanted = rest(in);
     const bool seen = wait_until(seconds, [&] {
       const std::vector<EIT_progress> progress = progress_of(a);

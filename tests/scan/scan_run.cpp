@@ -3,6 +3,8 @@
 
 #include "scan/scan_run.h"
 
+#include <cmath>
+
 #include "softdvb/mux/stream.h"
 #include "support/softdvb.h"
 
@@ -12,8 +14,7 @@ constexpr char NOW[] = "1772388000";  // 2026-03-01 18:00 UTC
 
 std::vector<Host_event> read_events(const std::string& text) {
   std::vector<Host_event> events;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : support::lines_of(text)) {
     const size_t tab = line.find('\t');
     if (tab != std::string::npos)
       events.push_back({std::strtod(line.c_str(), nullptr), line.substr(tab + 1)});
@@ -35,41 +36,58 @@ std::string Scan_run::lines(const std::vector<std::string>& words) const {
   return text;
 }
 
-double Scan_run::at(const std::string& what) const {
+double Scan_run::at(const std::string& what, size_t number) const {
   for (const Host_event& event : events) {
-    if (event.what == what)
+    if (event.what == what && number-- == 0)
       return event.at;
   }
   return -1;
 }
 
-std::vector<double> Scan_run::times(const std::string& what) const {
-  std::vector<double> all;
-  for (const Host_event& event : events) {
-    if (event.what == what)
-      all.push_back(event.at);
+std::string lines_with(const std::string& text, const std::vector<std::string>& beginnings) {
+  std::string found;
+  for (const std::string& line : support::lines_of(text)) {
+    if (std::any_of(beginnings.begin(), beginnings.end(), [&](const auto& b) { return line.starts_with(b); }))
+      found += line + "\n";
   }
-  return all;
+  return found;
 }
 
-size_t Scan_run::count_err(const std::string& text) const {
-  size_t count = 0;
-  for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + text.size()))
-    ++count;
-  return count;
+void Scan_run::expect_levels(int level, const std::vector<std::pair<const char*, int>>& texts, size_t times) const {
+  for (const auto& [text, its_level] : texts) {
+    const std::regex wanted(text);
+    const auto found = std::distance(std::sregex_iterator(err.begin(), err.end(), wanted), std::sregex_iterator());
+    if (level < its_level || times != 0)
+      EXPECT_EQ(found, level < its_level ? 0 : static_cast<std::ptrdiff_t>(times)) << text << " at " << level;
+    else
+      EXPECT_GT(found, 0) << text << " at " << level;
+  }
 }
 
 std::vector<double> Scan_run::logged(const std::vector<std::string>& parts) const {
   std::vector<double> times;
-  std::istringstream in(log);
-  for (std::string line; std::getline(in, line);) {
-    bool wanted = true;
-    for (const std::string& part : parts)
-      wanted = wanted && line.find(part) != std::string::npos;
-    if (wanted)
+  for (const std::string& line : support::lines_of(log)) {
+    if (std::all_of(parts.begin(), parts.end(), [&](const auto& p) { return line.find(p) != std::string::npos; }))
       times.push_back(std::strtod(line.c_str(), nullptr));
   }
   return times;
+}
+
+double Scan_run::logged_once(const std::vector<std::string>& parts) const {
+  const std::vector<double> times = logged(parts);
+  EXPECT_EQ(times.size(), 1U) << testing::PrintToString(parts);
+  return times.size() == 1 ? times[0] : std::nan("");
+}
+
+std::string Scan_run::timer_of(int seconds) {
+  return " value=" + std::to_string(seconds) + ".000000000 interval=1.000000000 ";
+}
+
+std::vector<size_t> Scan_run::timers() const {
+  std::vector<size_t> counts;
+  for (const int seconds : {300, 3, 40})
+    counts.push_back(logged({"timer_settime", timer_of(seconds)}).size());
+  return counts;
 }
 
 std::vector<Scan_run::Span> Scan_run::filtered(const std::string& pid) const {
@@ -83,8 +101,7 @@ std::vector<Scan_run::Span> Scan_run::filtered(const std::string& pid) const {
     spans.push_back({found->second, at});
     running.erase(found);
   };
-  std::istringstream in(log);
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : support::lines_of(log)) {
     std::istringstream words(line);
     std::string process, thread, call, device, handle, what, which;
     double at = 0;
@@ -100,7 +117,19 @@ std::vector<Scan_run::Span> Scan_run::filtered(const std::string& pid) const {
   return spans;
 }
 
+Scan_run::Span Scan_run::filtered_once(const std::string& pid) const {
+  const std::vector<Span> spans = filtered(pid);
+  EXPECT_EQ(spans.size(), 1U) << pid;
+  return spans.size() == 1 ? spans[0] : Span{std::nan(""), std::nan("")};
+}
+
+void PrintTo(const Scan_case& c, std::ostream* out) {
+  *out << c.legend;
+}
+
 std::string Scan_test::stream(const Json& patch) {
+  if (patch.is_null())
+    return empty_stream();
   const std::string base = support::read_file(std::string(KELVO_SOURCE_DIR) + "/tests/data/scan/base.json");
   const support::Bytes packets = softdvb_mux::make_stream(Json::parse(base).patch(patch).dump(), 0);
   std::string file = folder_.file("stream" + std::to_string(streams_++) + ".ts");
@@ -118,6 +147,10 @@ Scan_test::Json Scan_test::with_events(int count) {
   return {{{"op", "add"}, {"path", "/services/0/events"}, {"value", events}}};
 }
 
+Scan_test::Json Scan_test::faults(const std::string& list) {
+  return Json::array({{{"op", "add"}, {"path", "/faults"}, {"value", Json::parse(list)}}});
+}
+
 std::string Scan_test::empty_stream() {
   std::string packet("\x47\x1F\xFF\x10", 4);
   packet.resize(188, '\xFF');
@@ -129,8 +162,41 @@ std::string Scan_test::empty_stream() {
   return file;
 }
 
-std::vector<std::string> Scan_test::on_freq(const std::string& file) {
-  return {"--mux", std::to_string(FREQ) + "=" + file};
+std::vector<std::string> Scan_test::on_freq(const std::string& file, const std::vector<std::string>& more) {
+  std::vector<std::string> options{"--mux", std::to_string(FREQ) + "=" + file};
+  options.insert(options.end(), more.begin(), more.end());
+  return options;
+}
+
+void Scan_test::scan_first(const Json& patch) {
+  EXPECT_EQ(scan_of(patch, SCAN_ONCE).lines({"done", "no"}), "done 0 0\n");
+}
+
+void Scan_test::expect(const Scan_case& row) {
+  if (row.known)
+    scan_first();
+  const Scan_run run = this->run(on_freq(stream(row.patch), row.options), row.script, row.speed);
+  std::string said = run.lines();
+  for (size_t at = said.find('\n'); at != std::string::npos; at = said.find('\n', at))
+    said.replace(at, 1, "; ");
+  if (row.said != nullptr) {
+    EXPECT_EQ(said, std::string(row.said) + "; end; ");
+  }
+  ASSERT_GE(run.events.size(), 2U);
+  if (row.seconds >= 0)
+    expect_seconds(row.seconds, run.events[run.events.size() - 2].at - run.events.front().at, row.speed);
+  for (const auto& [text, count] : row.printed)
+    EXPECT_EQ(run.count_err(text), count) << text << run.err;
+  for (const auto& [text, count] : row.logged)
+    EXPECT_EQ(run.logged({text}).size(), count) << text << run.log;
+  if (row.reference != nullptr)
+    support::expect_reference(std::string("scan/") + row.reference, dump());
+}
+
+std::string Scan_table::name(const testing::TestParamInfo<Scan_case>& row) {
+  std::string name = row.param.legend;
+  std::replace(name.begin(), name.end(), ' ', '_');
+  return name;
 }
 
 Scan_run Scan_test::run(std::vector<std::string> options, const std::string& script, int speed) {

@@ -33,9 +33,8 @@ constexpr auto LOOK_INTERVAL = std::chrono::milliseconds(10);
     }
   }
   std::vector<char*> arguments;
-  for (const std::string& argument : argv) {
+  for (const std::string& argument : argv)
     arguments.push_back(const_cast<char*>(argument.c_str()));
-  }
   arguments.push_back(nullptr);
   execvp(arguments[0], arguments.data());
   fprintf(stderr, "%s: %s\n", arguments[0], strerror(errno));
@@ -59,14 +58,14 @@ Running_command::Running_command(const std::vector<std::string>& argv, const Env
     : out_file_(memfd_create("out", MFD_CLOEXEC)), err_file_(memfd_create("err", MFD_CLOEXEC)) {
   (void)fflush(nullptr);
   pid_ = fork();
-  if (pid_ < 0 || out_file_ < 0 || err_file_ < 0) {
+  if (pid_ < 0 || out_file_ < 0 || err_file_ < 0)
     throw std::runtime_error("cannot start a program");
-  }
   if (pid_ == 0) {
     const int nothing = open("/dev/null", O_RDONLY);
     (void)dup2(nothing, STDIN_FILENO);
     (void)dup2(out_file_, STDOUT_FILENO);
     (void)dup2(err_file_, STDERR_FILENO);
+    closefrom(STDERR_FILENO + 1);  // what a test driver left open
     become(argv, env);
   }
 }
@@ -81,9 +80,8 @@ Running_command::~Running_command() {
 }
 
 bool Running_command::ended() {
-  if (!ended_) {
+  if (!ended_)
     ended_ = waitpid(pid_, &status_, WNOHANG) == pid_;
-  }
   return ended_;
 }
 
@@ -106,9 +104,8 @@ bool Running_command::wait_for_out(const std::string& text) {
 bool Running_command::wait_for(int file, const std::string& text) {
   const auto end = std::chrono::steady_clock::now() + PATIENCE;
   while (contents(file).find(text) == std::string::npos) {
-    if (ended() || std::chrono::steady_clock::now() > end) {
+    if (ended() || std::chrono::steady_clock::now() > end)
       return contents(file).find(text) != std::string::npos;
-    }
     std::this_thread::sleep_for(LOOK_INTERVAL);
   }
   return true;
@@ -133,12 +130,10 @@ Command_result run_on_terminal(const std::vector<std::string>& argv, const Envir
   int terminal = -1;
   (void)fflush(nullptr);
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
-  if (pid < 0) {
+  if (pid < 0)
     throw std::runtime_error("cannot make a terminal");
-  }
-  if (pid == 0) {
+  if (pid == 0)
     become(argv, env);
-  }
   Command_result result;
   char buffer[4096];
   ssize_t n = 0;

@@ -7,6 +7,7 @@
 
 #include "support/support.h"
 #include "support/test.h"
+#include "support/text.h"
 
 namespace support {
 
@@ -184,23 +185,16 @@ void expect_reference(const std::string& name, const std::string& text) {
   const std::string expected = read_file(file);
   if (expected == text)
     return;
-  std::istringstream left(expected);
-  std::istringstream right(text);
-  std::string expected_line;
-  std::string actual_line;
-  for (int number = 1;; ++number) {
-    const bool more_expected = static_cast<bool>(std::getline(left, expected_line));
-    const bool more = static_cast<bool>(std::getline(right, actual_line));
-    if (!more_expected && !more)
-      break;
-    if (more_expected != more || expected_line != actual_line) {
-      ADD_FAILURE() << file << ":" << number << ":\n  expected " << (more_expected ? expected_line : "the end")
-                    << "\n  found    " << (more ? actual_line : "the end")
-                    << "\nIf the change is meant, collect the reference with KELVO_COLLECT=1.";
-      return;
-    }
-  }
-  ADD_FAILURE() << file << ": differs in its line ends";
+  const Texts left = lines_of(expected);
+  const Texts right = lines_of(text);
+  const auto [wanted, found] = std::mismatch(left.begin(), left.end(), right.begin(), right.end());
+  if (wanted == left.end() && found == right.end())
+    ADD_FAILURE() << file << ": differs in its line ends";
+  else
+    ADD_FAILURE() << file << ":" << wanted - left.begin() + 1 << ":\n  expected "
+                  << (wanted != left.end() ? *wanted : "the end") << "\n  found    "
+                  << (found != right.end() ? *found : "the end")
+                  << "\nIf the change is meant, collect the reference with KELVO_COLLECT=1.";
 }
 
 }  // namespace support

@@ -4,10 +4,10 @@
 #include "support/softdvb.h"
 
 #include <dlfcn.h>
-#include <spawn.h>
 
 #include <stdexcept>
 
+#include "support/command.h"
 #include "support/support.h"
 #include "support/test.h"
 
@@ -18,32 +18,8 @@ std::string softdvb_launcher() {
 }
 
 Softdvb_run run_program(const std::vector<std::string>& command) {
-  const Temp_dir folder;
-  const std::string out = folder.file("out");
-  const std::string err = folder.file("err");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);  // what a test driver left open
-  std::vector<char*> arguments;
-  for (const std::string& word : command)
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
-  pid_t child = 0;
-  const int error = posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0)
-    throw std::runtime_error(command[0] + ": " + strerror(error));
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  Softdvb_run run;
-  run.exit_code = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-  run.out = read_file(out);
-  run.err = read_file(err);
-  return run;
+  const Command_result ended = run_command(command);
+  return {ended.exit_code, ended.out, ended.err, {}};
 }
 
 Softdvb_run run_softdvb(const std::vector<std::string>& options, const std::vector<std::string>& command) {

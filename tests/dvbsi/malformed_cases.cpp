@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "dvbsi/read_all.h"
+#include "dvbsi/samples.h"
 
 namespace dvbsi_test {
 
@@ -18,20 +19,6 @@ using support::loop12;
 using support::u16;
 
 namespace {
-
-// The section of a table whose first entry has the given loop; `behind` are the bytes of the next entry.
-Bytes with_entry_loop(uint8_t table_id, const Bytes& loop, const Bytes& behind = {}) {
-  switch (table_id) {
-    case 0x02:
-      return long_section(0x02, 1, 0, join({u16(0xE100), loop12({}), {2, 0xE1, 0x01}, loop12(loop), behind}));
-    case 0x40:
-      return long_section(0x40, 1, 0, join({loop12({}), loop12(join({{0, 1, 0, 2}, loop12(loop), behind}))}));
-    case 0x42:
-      return long_section(0x42, 1, 0, join({{0, 1, 0xFF, 0, 5, 0xFC}, loop12(loop), behind}));
-    default:
-      return long_section(0x4E, 1, 0, join({{0, 1, 0, 2, 0, 0x4E}, Bytes(10, 0), loop12(loop), behind}));
-  }
-}
 
 Bytes in_cat(const Bytes& loop) {
   return long_section(0x01, 0xFFFF, 0, loop);
@@ -47,12 +34,11 @@ void add_loops_of_entries(std::vector<Malformed>& cases) {
   const Bytes good = descriptor(0x06, {1});
   for (const uint8_t table_id : Bytes{0x02, 0x40, 0x42, 0x4E}) {
     const std::string table = "table " + std::to_string(table_id) + ", last descriptor of an entry: ";
-    cases.push_back({table + "longer than its loop", with_entry_loop(table_id, join({good, {0x52, 5, 1}})),
-                     Verdict::REFUSED, "[06]"});
-    cases.push_back(
-        {table + "length of 255", with_entry_loop(table_id, join({good, {0x52, 255, 1}})), Verdict::REFUSED, "[06]"});
-    cases.push_back(
-        {table + "only its tag is there", with_entry_loop(table_id, join({good, {0x52}})), Verdict::REFUSED, "[06]"});
+    for (const auto& [legend, last] :
+         std::initializer_list<std::pair<const char*, Bytes>>{{"longer than its loop", {0x52, 5, 1}},
+                                                              {"length of 255", {0x52, 255, 1}},
+                                                              {"only its tag is there", {0x52}}})
+      cases.push_back({table + legend, with_entry_loop(table_id, join({good, last})), Verdict::REFUSED, "[06]"});
   }
   cases.push_back({"a stream's descriptor ends inside the next stream",
                    with_entry_loop(0x02, {0x52, 4, 1}, {3, 0xE1, 0x02, 0xF0, 0x00}), Verdict::REFUSED, "[] []"});

@@ -57,6 +57,16 @@ inline std::string section_values(const Bytes& section) {
   return values(Block(section).get());
 }
 
+// The head of a long section but for its CRC: "42 1 9 abcd 1e 0 4 7".
+inline std::string head_values(const LongSection& s) {
+  char text[64];
+  std::snprintf(
+      text, sizeof text, "%02x %x %x %x %x %x %x %x", unsigned{s.getTableId()}, unsigned{s.getSectionSyntaxIndicator()},
+      unsigned{s.getSectionLength()}, unsigned{s.getTableIdExtension()}, unsigned{s.getVersionNumber()},
+      unsigned{s.getCurrentNextIndicator()}, unsigned{s.getSectionNumber()}, unsigned{s.getLastSectionNumber()});
+  return text;
+}
+
 // The descriptors of a loop, by way of a CAT.
 inline std::unique_ptr<ConditionalAccessSection> loop_of(const Bytes& descriptors) {
   return parsed<ConditionalAccessSection>(support::long_section(0x01, 0xFFFF, 0, descriptors));

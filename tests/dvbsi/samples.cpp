@@ -86,11 +86,8 @@ Bytes sample_sdt(size_t entries) {
   Bytes body{0x20, 0x85, 0xFF};
   for (unsigned i = 0; i < entries; ++i) {
     const std::string name = "Channel " + std::to_string(i);
-    body = join({body,
-                 u16(0x65 + i),
-                 {0xFF, static_cast<uint8_t>(0x80 | service_loop(name).size() >> 8)},
-                 {static_cast<uint8_t>(service_loop(name).size())},
-                 service_loop(name)});
+    const Bytes loop = service_loop(name);
+    body = join({body, u16(0x65 + i), {0xFF}, u16(0x8000 | static_cast<unsigned>(loop.size())), loop});
   }
   return long_section(0x42, 1, 7, body);
 }
@@ -124,6 +121,19 @@ std::vector<Bytes> sample_sections() {
                                 loop12(descriptor(0x58, language("EST", {0, 2, 0, 0xE9, 0x80, 1, 0, 0, 3, 0})))})),
       long_section(0x72, 1, 0, {1, 2, 3}),
   };
+}
+
+Bytes with_entry_loop(uint8_t table_id, const Bytes& loop, const Bytes& behind) {
+  switch (table_id) {
+    case 0x02:
+      return long_section(0x02, 1, 0, join({u16(0xE100), loop12({}), {2, 0xE1, 0x01}, loop12(loop), behind}));
+    case 0x40:
+      return long_section(0x40, 1, 0, join({loop12({}), loop12(join({{0, 1, 0, 2}, loop12(loop), behind}))}));
+    case 0x42:
+      return long_section(0x42, 1, 0, join({{0, 1, 0xFF, 0, 5, 0xFC}, loop12(loop), behind}));
+    default:
+      return long_section(0x4E, 1, 0, join({{0, 1, 0, 2, 0, 0x4E}, Bytes(10, 0), loop12(loop), behind}));
+  }
 }
 
 Bytes damaged(Bytes section, Random& random) {
@@ -167,13 +177,13 @@ Bytes random_section(Random& random) {
     case 0:
       return long_section(0x01, 0xFFFF, 0, loop);
     case 1:
-      return long_section(0x02, 1, 0, join({u16(0xE100), loop12({}), {2, 0xE1, 0x01}, loop12(loop)}));
+      return with_entry_loop(0x02, loop);
     case 2:
       return long_section(0x40, 1, 0, join({loop12(loop), loop12(join({{0, 1, 0, 2}, loop12(loop)}))}));
     case 3:
-      return long_section(0x42, 1, 0, join({{0, 1, 0xFF, 0, 5, 0xFC}, loop12(loop)}));
+      return with_entry_loop(0x42, loop);
     case 4:
-      return long_section(0x4E, 1, 0, join({{0, 1, 0, 2, 0, 0x4E}, Bytes(10, 0), loop12(loop)}));
+      return with_entry_loop(0x4E, loop);
     default:
       return short_section(0x73, join({Bytes(5, 0), loop12(loop)}));
   }

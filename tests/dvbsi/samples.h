@@ -23,6 +23,9 @@ Bytes sample_pmt(size_t entries);
 Bytes sample_sdt(size_t entries);
 Bytes sample_eit(size_t entries);
 
+// The section of a PMT, NIT, SDT or else EIT whose first entry has this loop; `behind` are the bytes of the next entry.
+Bytes with_entry_loop(uint8_t table_id, const Bytes& loop, const Bytes& behind = {});
+
 // The same numbers on every machine for the same seed.
 class Random {
  public:

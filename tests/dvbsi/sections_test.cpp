@@ -60,14 +60,7 @@ TEST(ShortCrcSection, crc_is_the_last_four_bytes) {
 
 TEST(LongSection, header_fields) {
   const auto s = parsed<LongSection>(long_section(0x42, 0xABCD, 30, {}, 4, 7, false));
-  EXPECT_EQ(s->getTableId(), 0x42);
-  EXPECT_EQ(s->getSectionSyntaxIndicator(), 1);
-  EXPECT_EQ(s->getSectionLength(), 9);
-  EXPECT_EQ(s->getTableIdExtension(), 0xABCD);
-  EXPECT_EQ(s->getVersionNumber(), 30);
-  EXPECT_EQ(s->getCurrentNextIndicator(), 0);
-  EXPECT_EQ(s->getSectionNumber(), 4);
-  EXPECT_EQ(s->getLastSectionNumber(), 7);
+  EXPECT_EQ(dvbsi_test::head_values(*s), "42 1 9 abcd 1e 0 4 7");
 }
 
 TEST(LongSection, operators_compare_the_section_number_only) {

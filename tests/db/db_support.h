@@ -45,6 +45,11 @@ inline support::Texts after(const std::string& start, const std::string& trace) 
 // A test that is a database: sdbl(), rows(), run() and number() are its own.
 class Database_test : public testing::Test, protected support::Database {
  protected:
+  // The multiplex of most tests: type and connector differ, so that none passes for the other.
+  static constexpr int FREQ = 506000000;
+  static constexpr int TYPE = 1;
+  static constexpr int CONN = 2;
+
   ~Database_test() override { verbosity_kelvo = 0; }
 };
 

@@ -6,13 +6,17 @@
 #include <sys/mount.h>
 
 #include <new>
+#include <numeric>
 
 #include "db_support.h"
 
 using support::messages_at;
+using support::prints_only_from;
 using support::stderr_of;
 using support::Texts;
 using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
 
 namespace {
 
@@ -42,10 +46,33 @@ class Epg : public db_support::Database_test {
     const int result = lookup(ev_id, start, duration);
     return std::to_string(result) + (changed_ ? " changed" : "") + (overlap_ ? " overlap" : "");
   }
+  // What a number of look-ups print, of events of 50 seconds that begin `step` seconds after each other.
+  std::string printed_by_lookups(int level, int number, int start = 100, int step = 0) {
+    return messages_at(level, [&] {
+      for (int i = 0; i < number; ++i)
+        lookup(1, start + step * i, 50);
+    });
+  }
   int search(int t) { return sdbl().epg_cache_binary_search(&sc_.epg, t); }
   int store(long start, int duration, int ev_id = 1, bool replace = false, bool overlapping = false) {
     return sdbl().eit_for_service(1, 2, 506000000, 10, &sc_, 0x20100101, 0x000000, 0x003000, start, duration, 4, 1,
                                   ev_id, &content_, &rating_, replace, overlapping);
+  }
+  int text(int event, const char* lang, const char* name) {
+    return sdbl().insert_epglist_lang(event, lang, name, "", "", "");
+  }
+  void forget() {
+    clear();
+    run("DELETE FROM epglist");
+  }
+  // As the guide does it.
+  void look_up_and_store(int start, int duration) {
+    lookup(1, start, duration);
+    store(start, duration);
+  }
+  // What deleting the events of a range prints.
+  std::string deleted(int level, bool trace, int from = 1000, int to = 1100) {
+    return messages_at(level, [&] { EXPECT_EQ(sdbl().delete_epglist_range(7, from, to, trace, &sc_), 0); });
   }
   // An event of 1000 seconds that started at this distance from now, looked at before the second is over.
   void expect_not_running(long start) {
@@ -77,55 +104,42 @@ using Epg_delete = Epg;
 }  // namespace
 
 TEST_F(Epg_cache, order_is_that_of_the_signed_starts_alone) {
-  const EPG_cache early{-5, 9, 100}, late{0, 1, 5}, as_late{0, 2, 7}, first{INT_MIN, 0, 0}, last{INT_MAX, 0, 0};
-  EXPECT_TRUE(cmp_epg_cache(&early, &late));
-  EXPECT_FALSE(cmp_epg_cache(&late, &early));
-  EXPECT_FALSE(cmp_epg_cache(&late, &as_late));
-  EXPECT_FALSE(cmp_epg_cache(&as_late, &late));
-  EXPECT_TRUE(cmp_epg_cache(&first, &last));
-  EXPECT_FALSE(cmp_epg_cache(&last, &first));
+  const EPG_cache events[] = {{INT_MIN, 0, 0}, {-5, 9, 100}, {0, 1, 5}, {0, 2, 7}, {5, 1, 1}, {INT_MAX, 0, 0}};
+  for (const EPG_cache& a : events)
+    for (const EPG_cache& b : events)
+      EXPECT_EQ(cmp_epg_cache(&a, &b), a.start_epoch < b.start_epoch) << a.start_epoch << " and " << b.start_epoch;
 }
 
-TEST_F(Epg_cache, search_finds_the_event_that_is_running) {
-  EXPECT_EQ(search(5), -1);
-  sc_.epg = {new EPG_cache{100, 1, 50}, new EPG_cache{150, 2, 50}, new EPG_cache{300, 3, 10}};
-  EXPECT_EQ(search(99), -1);
-  EXPECT_EQ(search(100), 0);
-  EXPECT_EQ(search(149), 0);
-  EXPECT_EQ(search(150), 1);
-  EXPECT_EQ(search(199), 1);
-  EXPECT_EQ(search(200), -1);
-  EXPECT_EQ(search(300), 2);
-  EXPECT_EQ(search(310), -1);
-  EXPECT_EQ(search(INT_MIN), -1);
-  EXPECT_EQ(search(INT_MAX), -1);
-}
-
-TEST_F(Epg_cache, search_halves_and_takes_the_first_that_fits) {
-  sc_.epg = {new EPG_cache{0, 1, 1000}, new EPG_cache{100, 2, 1000}, new EPG_cache{200, 3, 1000}};
-  EXPECT_EQ(search(250), 1);
-  EXPECT_EQ(search(150), 1);
-  EXPECT_EQ(search(50), 0);
-  EXPECT_EQ(search(1150), 2);
-  sc_.epg.push_back(new EPG_cache{300, 4, 1000});
-  EXPECT_EQ(search(350), 1) << "the lower one of two in the middle";
-  clear();
-  // Behind the ends of later events the earlier ones are not looked at.
-  sc_.epg = {new EPG_cache{0, 1, 1000}, new EPG_cache{100, 2, 10}, new EPG_cache{200, 3, 10}};
-  EXPECT_EQ(search(50), 0);
-  EXPECT_EQ(search(105), 1);
-  EXPECT_EQ(search(500), -1);
-}
-
-TEST_F(Epg_cache, search_never_finds_an_event_without_a_duration) {
-  sc_.epg = {new EPG_cache{100, 1, 0}, new EPG_cache{200, 2, -50}};
-  for (const int t : {99, 100, 101, 149, 150, 199, 200})
-    EXPECT_EQ(search(t), -1) << t;
-}
-
-TEST_F(Epg_cache, search_reckons_ends_beyond_32_bits) {
-  sc_.epg = {new EPG_cache{INT_MAX - 10, 1, INT_MAX}};
-  EXPECT_EQ(search(INT_MAX), 0);
+TEST_F(Epg_cache, search_halves_and_takes_the_first_that_is_running) {
+  const struct {
+    const char* legend;
+    std::vector<EPG_cache> cache;
+    std::vector<int> times;
+    std::vector<int> places;  // of the event that is running then
+  } cases[] = {
+      {"nothing is remembered", {}, {5}, {-1}},
+      {"from its start to the second before its end",
+       {{100, 1, 50}, {150, 2, 50}, {300, 3, 10}},
+       {99, 100, 149, 150, 199, 200, 300, 310, INT_MIN, INT_MAX},
+       {-1, 0, 0, 1, 1, -1, 2, -1, -1, -1}},
+      {"middle one of three", {{0, 1, 1000}, {100, 2, 1000}, {200, 3, 1000}}, {250, 150, 50, 1150}, {1, 1, 0, 2}},
+      {"lower one of two", {{0, 1, 1000}, {100, 2, 1000}, {200, 3, 1000}, {300, 4, 1000}}, {350}, {1}},
+      {"none before later ends", {{0, 1, 1000}, {100, 2, 10}, {200, 3, 10}}, {50, 105, 500}, {0, 1, -1}},
+      {"none without a duration",
+       {{100, 1, 0}, {200, 2, -50}},
+       {99, 100, 101, 149, 150, 199, 200},
+       {-1, -1, -1, -1, -1, -1, -1}},
+      {"ends beyond 32 bits", {{INT_MAX - 10, 1, INT_MAX}}, {INT_MAX}, {0}},
+  };
+  for (const auto& c : cases) {
+    clear();
+    for (const EPG_cache& event : c.cache)
+      sc_.epg.push_back(new EPG_cache(event));
+    std::vector<int> places;
+    for (const int t : c.times)
+      places.push_back(search(t));
+    EXPECT_EQ(places, c.places) << c.legend;
+  }
 }
 
 TEST_F(Epg_cache, search_among_many_finds_each) {
@@ -137,18 +151,15 @@ TEST_F(Epg_cache, search_among_many_finds_each) {
 
 TEST_F(Epg_cache, a_null_entry_is_an_error) {
   sc_.epg = {nullptr};
-  int index = 0;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(search(5), -1); }), "ERROR: ec is null");
-  EXPECT_EQ(messages_at(-1, [&] { index = search(5); }), "");
+  EXPECT_THAT([&] { EXPECT_EQ(search(5), -1); }, prints_only_from(0, "ERROR: ec is null"));
 }
 
 TEST_F(Epg_cache, an_unassigned_cache_is_an_error) {
   changed_ = overlap_ = true;
-  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_), 0); }),
-              testing::MatchesRegex("ERROR: EPG cache is unassigned .+\n"));
+  EXPECT_THAT([&] { EXPECT_EQ(sdbl().lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_), 0); },
+              prints_only_from(0, MatchesRegex("ERROR: EPG cache is unassigned .+\n")));
   EXPECT_FALSE(changed_);
   EXPECT_FALSE(overlap_);
-  EXPECT_EQ(messages_at(-1, [&] { sdbl().lookup_epg_cache(nullptr, 1, 2, 3, &changed_, &overlap_); }), "");
 }
 
 TEST_F(Epg_cache, quirk_low_addresses_count_as_unassigned) {
@@ -164,7 +175,7 @@ TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
   if (place == MAP_FAILED)
     GTEST_SKIP() << "the address cannot be had";
   auto* cache = new (place) Cache;
-  EXPECT_EQ(stderr_of([&] { sdbl().lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
+  EXPECT_EQ(messages_at(0, [&] { sdbl().lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
   EXPECT_EQ(shown(*cache), (Texts{"100+50:1"}));
   for (EPG_cache* event : *cache)
     delete event;
@@ -172,17 +183,11 @@ TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
   munmap(place, sizeof(Cache));
 }
 
-TEST_F(Epg_cache, an_unknown_event_is_remembered_and_then_known) {
-  EXPECT_EQ(looked_up(1, 100, 50), "0");
-  EXPECT_EQ(looked_up(1, 100, 50), "1");
-  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:1"}));
-}
-
 TEST_F(Epg_cache, the_same_slot_with_a_new_id_is_changed_in_place) {
   lookup(1, 100, 50);
-  const EPG_cache* entry = sc_.epg[0];
+  EPG_cache* const entry = sc_.epg[0];
   EXPECT_EQ(looked_up(2, 100, 50), "0 changed");
-  EXPECT_EQ(sc_.epg, (std::vector<EPG_cache*>{const_cast<EPG_cache*>(entry)}));
+  EXPECT_EQ(sc_.epg, (std::vector<EPG_cache*>{entry}));
   EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:2"}));
   EXPECT_EQ(lookup(2, 100, 50), 1);
 }
@@ -194,6 +199,7 @@ TEST_F(Epg_cache, an_event_overlaps_where_its_start_lies_within_another) {
     const char* result;
     Texts cache;
   } cases[] = {
+      {"the same is known", 1, 100, 50, "1", {"100+50:1"}},
       {"inside, remembered", 2, 120, 50, "0 overlap", {"100+50:1", "120+50:2"}},
       {"begins before and reaches into it", 2, 50, 200, "0", {"50+200:2", "100+50:1"}},
       {"follows at once", 2, 150, 50, "0", {"100+50:1", "150+50:2"}},
@@ -203,7 +209,7 @@ TEST_F(Epg_cache, an_event_overlaps_where_its_start_lies_within_another) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.legend);
     clear();
-    lookup(1, 100, 50);
+    EXPECT_EQ(looked_up(1, 100, 50), "0");
     EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), c.result);
     EXPECT_EQ(shown(sc_.epg), c.cache);
   }
@@ -219,10 +225,8 @@ TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
   std::vector<int> starts = {-60, 0, 60, 120, 300};
   do {
     clear();
-    for (const int start : starts) {
-      EXPECT_EQ(lookup(start, start, 60), 0);
-      EXPECT_FALSE(overlap_);
-    }
+    for (const int start : starts)
+      EXPECT_EQ(looked_up(start, start, 60), "0");
     EXPECT_EQ(shown(sc_.epg), (Texts{"-60+60:-60", "0+60:0", "60+60:60", "120+60:120", "300+60:300"}));
     for (const int start : starts)
       EXPECT_EQ(lookup(start, start, 60), 1);
@@ -231,23 +235,19 @@ TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
 
 TEST_F(Epg_cache, thousands_of_events_are_all_found_again) {
   constexpr int EVENTS = 5000;
-  std::vector<int> numbers;
-  for (int i = 0; i < EVENTS; ++i)
-    numbers.push_back(i);
+  std::vector<int> numbers(EVENTS);
+  std::iota(numbers.begin(), numbers.end(), 0);
   std::mt19937 random(60000);
-  std::shuffle(numbers.begin(), numbers.end(), random);
-  const auto pass = [&](int expected) {
-    int wrong = 0;
-    for (const int i : numbers)
-      wrong += lookup(i & 0xFFFF, 1262304000 + 60 * i, 60) == expected && !changed_ && !overlap_ ? 0 : 1;
-    return wrong;
+  const auto wrong = [&](const std::string& expected) {
+    std::shuffle(numbers.begin(), numbers.end(), random);
+    return std::count_if(numbers.begin(), numbers.end(),
+                         [&](int i) { return looked_up(i & 0xFFFF, 1262304000 + 60 * i, 60) != expected; });
   };
-  EXPECT_EQ(pass(0), 0);
+  EXPECT_EQ(wrong("0"), 0);
   ASSERT_EQ(sc_.epg.size(), size_t{EVENTS});
   for (int i = 0; i < EVENTS; ++i)
     ASSERT_EQ(sc_.epg[static_cast<size_t>(i)]->start_epoch, 1262304000 + 60 * i);
-  std::shuffle(numbers.begin(), numbers.end(), random);
-  EXPECT_EQ(pass(1), 0);
+  EXPECT_EQ(wrong("1"), 0);
   EXPECT_EQ(sc_.epg.size(), size_t{EVENTS});
 }
 
@@ -261,23 +261,20 @@ TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
 }
 
 TEST_F(Epg_cache, events_of_one_start_and_id_with_other_durations_are_several) {
-  for (int round = 0; round < 2; ++round)
-    for (const int duration : {0, -60, -90})
-      lookup(1, 1000, duration);
+  for (const int duration : {0, -60, -90, 0, -60, -90})
+    lookup(1, 1000, duration);
   EXPECT_EQ(shown(sc_.epg), (Texts{"1000+0:1", "1000+-60:1", "1000+-90:1"}));
 }
 
 TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
   lookup(1, 0, 1000);
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(lookup(2, 100, 10), 0);
-    EXPECT_TRUE(overlap_);
-  }
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(looked_up(2, 100, 10), "0 overlap");
   EXPECT_EQ(shown(sc_.epg), (Texts{"0+1000:1", "100+10:2"}));
 }
 
 TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
-  SQL_cache other{};
+  std::vector<EPG_cache*> other;
   EXPECT_EQ(messages_at(2,
                         [&] {
                           lookup(1, 1000, 100);  // new: a miss
@@ -287,40 +284,28 @@ TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
                           lookup(2, 1000, 90);   // another duration: a miss
                           lookup(4, 5000, 0);    // without one: a miss,
                           lookup(4, 5000, 0);    // each time
-                          sdbl().lookup_epg_cache(&other.epg, 1, 1000, 100, &changed_,
-                                                  &overlap_);  // of another service: a miss
+                          // of another service: a miss
+                          sdbl().lookup_epg_cache(&other, 1, 1000, 100, &changed_, &overlap_);
                           for (int i = 8; i < 99; ++i)
                             lookup(2, 1000, 90);
                         }),
             "");
   EXPECT_EQ(messages_at(2, [&] { lookup(2, 1000, 90); }), "Epg cache hit 94, miss 6\n");
-  delete other.epg.front();
+  delete other.front();
 }
 
 TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
-  EXPECT_EQ(messages_at(2,
-                        [&] {
-                          for (int i = 0; i < 99; ++i)
-                            lookup(1, 100, 50);
-                        }),
-            "");
-  EXPECT_EQ(messages_at(2, [&] { lookup(1, 100, 50); }), "Epg cache hit 99, miss 1\n");
-  EXPECT_EQ(messages_at(1,
-                        [&] {
-                          for (int i = 0; i < 100; ++i)
-                            lookup(1, 100, 50);
-                        }),
-            "");
-  verbosity_kelvo = 2;
-  for (int i = 0; i < 99; ++i)
-    lookup(1, 1000 + 50 * i, 50);
-  EXPECT_EQ(stderr_of([&] { lookup(2, 100, 50); }), "Epg cache hit 200, miss 100\n");
+  EXPECT_EQ(printed_by_lookups(2, 99), "");
+  EXPECT_EQ(printed_by_lookups(2, 1), "Epg cache hit 99, miss 1\n");
+  EXPECT_EQ(printed_by_lookups(1, 100), "");
+  EXPECT_EQ(printed_by_lookups(2, 99, 1000, 50), "");
+  EXPECT_EQ(messages_at(2, [&] { lookup(2, 100, 50); }), "Epg cache hit 200, miss 100\n");
 }
 
 TEST_F(Epg_cache, look_ups_are_traced) {
-  EXPECT_EQ(messages_at(4, [&] { lookup(1, 100, 50); }), "Lookup cachematch is 0\nepg cache entry inserted\n");
-  EXPECT_EQ(messages_at(4, [&] { lookup(1, 100, 50); }), "Lookup cachematch is 1\n");
-  EXPECT_EQ(messages_at(3, [&] { lookup(1, 100, 50); }), "");
+  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 0\nepg cache entry inserted\n");
+  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 1\n");
+  EXPECT_EQ(printed_by_lookups(3, 1), "");
 }
 
 TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
@@ -332,17 +317,14 @@ TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
 
 TEST_F(Epg_store, a_second_event_of_the_same_start_is_refused) {
   store(1000, 60);
-  int entry = 0;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(1000, 90), -1); }), "ERROR: eit_for_service: rc is 2067\n");
-  EXPECT_EQ(messages_at(-1, [&] { entry = store(1000, 90); }), "");
+  EXPECT_THAT([&] { EXPECT_EQ(store(1000, 90), -1); }, prints_only_from(0, "ERROR: eit_for_service: rc is 2067\n"));
   EXPECT_EQ(events(), (Texts{"1000|60"}));
   EXPECT_EQ(store(2000, 90), 2);
 }
 
 TEST_F(Epg_store, negative_and_huge_values_are_refused_or_limited) {
-  verbosity_kelvo = -1;
-  EXPECT_EQ(store(-1, 60), -1);
-  EXPECT_EQ(store(1000, -60), -1);
+  for (const auto& [start, duration] : {std::pair(-1, 60), {1000, -60}})
+    EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(store(start, duration), -1); }), "");
   EXPECT_EQ(events(), Texts{});
   EXPECT_EQ(store(LONG_MAX, INT_MAX), 1);
   EXPECT_EQ(events(), (Texts{"2147483647|2147483647"}));
@@ -356,21 +338,17 @@ TEST_F(Epg_store, replacing_takes_the_place_of_the_event_of_that_start) {
   EXPECT_GT(second, first);
   EXPECT_EQ(rows("SELECT * FROM epglist"),
             (Texts{std::to_string(second) + "|7|2.5|537919745|0|1000|12288|90|4.1.0.0 |0c@EST |4|1|2|10"}));
-  EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(1000, 60, 3, true), second); }), "");
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_GT(store(1000, 60, 3, true), second); }), "");
   EXPECT_EQ(rows("SELECT dur_sec, ev_id FROM epglist"), (Texts{"60|3"}));
 }
 
-TEST_F(Epg_store, replacing_an_event_that_is_not_there_stores_it) {
+TEST_F(Epg_store, replacing_leaves_events_of_other_starts_and_services) {
   store(1000, 60, 1);
   EXPECT_EQ(store(2000, 60, 2, true), 2);
-  EXPECT_EQ(events(), (Texts{"1000|60", "2000|60"}));
-}
-
-TEST_F(Epg_store, replacing_leaves_the_event_of_that_start_of_another_service) {
-  store(1000, 60, 1);
   sc_.channel = 8;
-  store(1000, 60, 2, true);
-  EXPECT_EQ(rows("SELECT channel, ev_id FROM epglist ORDER BY channel"), (Texts{"7|1", "8|2"}));
+  store(1000, 60, 3, true);
+  EXPECT_EQ(rows("SELECT channel, start_epoch, dur_sec, ev_id FROM epglist ORDER BY entry"),
+            (Texts{"7|1000|60|1", "7|2000|60|2", "8|1000|60|3"}));
 }
 
 TEST_F(Epg_store, quirk_texts_of_a_replaced_event_stay) {
@@ -381,38 +359,45 @@ TEST_F(Epg_store, quirk_texts_of_a_replaced_event_stay) {
 }
 
 TEST_F(Epg_store, overlapping_deletes_what_is_in_the_way) {
-  store(1000, 60);
-  store(1060, 60);
-  store(1120, 60);
+  for (const int start : {1000, 1060, 1120})
+    store(start, 60);
   EXPECT_THAT(messages_at(1, [&] { EXPECT_GT(store(1030, 60, 9, false, true), 0); }),
-              testing::StartsWith("WARNING: Overlapping\n"));
+              StartsWith("WARNING: Overlapping\n"));
   EXPECT_EQ(events(), (Texts{"1030|60", "1120|60"}));
-  EXPECT_EQ(stderr_of([&] { EXPECT_GT(store(5000, 60, 9, false, true), 0); }), "");
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_GT(store(5000, 60, 9, false, true), 0); }), "");
 }
 
 // As the guide would do it: the look-up has remembered the new event before the old one goes.
-TEST_F(Epg_store, an_event_over_a_remembered_one_drops_that_from_the_cache_too) {
-  lookup(1, 1000, 60);
-  sdbl().insert_epglist_lang(store(1000, 60), "eng", "Old", "", "", "");
-  lookup(2, 1030, 60);
-  ASSERT_TRUE(overlap_);
-  EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(1030, 60, 2, changed_, overlap_), 2); }),
-            "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n");
-  EXPECT_EQ(events(), (Texts{"1030|60"}));
-  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 0);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"1030+60:2"}));
-}
-
-TEST_F(Epg_store, an_event_of_the_same_start_and_another_duration_keeps_its_place_in_the_cache) {
-  lookup(1, 1000, 60);
-  store(1000, 60);
-  lookup(1, 1000, 90);
-  ASSERT_TRUE(overlap_);
-  EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(1000, 90, 1, changed_, overlap_), 2); }),
-            "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
-            "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
-  EXPECT_EQ(events(), (Texts{"1000|90"}));
-  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+90:1"}));
+TEST_F(Epg_store, an_event_over_a_remembered_one_takes_its_place) {
+  const struct {
+    const char* legend;
+    int ev_id, start, duration;
+    const char* name;
+    const char* printed;
+    const char* stored;
+    const char* remembered;
+  } cases[] = {
+      {"another start: the old one leaves the cache, too", 2, 1030, 60, "Old",
+       "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n", "1030|60", "1030+60:2"},
+      {"the same start and another duration: it keeps its place there", 1, 1000, 90, nullptr,
+       "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
+       "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n",
+       "1000|90", "1000+90:1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.legend);
+    forget();
+    look_up_and_store(1000, 60);
+    const int old = number("SELECT entry FROM epglist");
+    if (c.name != nullptr)
+      text(old, "eng", c.name);
+    EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), "0 overlap");
+    EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(c.start, c.duration, c.ev_id, changed_, overlap_), old + 1); }),
+              c.printed);
+    EXPECT_EQ(events(), Texts{c.stored});
+    EXPECT_EQ(rows("SELECT * FROM epglist_lang"), Texts{});
+    EXPECT_EQ(shown(sc_.epg), Texts{c.remembered});
+  }
 }
 
 TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
@@ -424,8 +409,7 @@ TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
 }
 
 TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
-  lookup(1, INT_MAX - 100, INT_MAX);
-  store(INT_MAX - 100, INT_MAX);
+  look_up_and_store(INT_MAX - 100, INT_MAX);
   EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(INT_MAX - 50, INT_MAX, 2, false, true), 2); }),
             "WARNING: Overlapping\n"
             "Delete ch 7 from 2147483597 - 2147483647\n"
@@ -436,18 +420,15 @@ TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
 
 TEST_F(Epg_store, events_are_traced) {
   EXPECT_THAT(messages_at(4, [&] { store(1000, 60, 42); }),
-              testing::StartsWith("Db event 42 freq 506000000 prnr 10 ymd 20100101 hms 0 dur 3000\n"));
+              StartsWith("Db event 42 freq 506000000 prnr 10 ymd 20100101 hms 0 dur 3000\n"));
   EXPECT_EQ(messages_at(3, [&] { store(2000, 60, 43); }), "");
 }
 
 TEST_F(Epg_store, texts_are_stored_in_each_language_once) {
   const char* hostile = "it's 100% \"odd\"; DROP TABLE epglist; -- \xff";
   EXPECT_EQ(sdbl().insert_epglist_lang(5, "eng", hostile, "Desc", "Ext", "List"), 0);
-  EXPECT_EQ(sdbl().insert_epglist_lang(5, "est", "Nimi", "", "", ""), 0);
-  int rc = -1;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().insert_epglist_lang(5, "eng", "Other", "", "", ""), 0); }), "");
-  EXPECT_EQ(messages_at(1, [&] { rc = sdbl().insert_epglist_lang(5, "eng", "Other", "", "", ""); }),
-            "WARNING: epglist_lang rc = 2067\n");
+  EXPECT_EQ(text(5, "est", "Nimi"), 0);
+  EXPECT_THAT([&] { EXPECT_EQ(text(5, "eng", "Other"), 0); }, prints_only_from(1, "WARNING: epglist_lang rc = 2067\n"));
   EXPECT_EQ(rows("SELECT * FROM epglist_lang ORDER BY lang"),
             (Texts{std::string("5|eng|") + hostile + "|Desc|Ext|List", "5|est|Nimi|||"}));
 }
@@ -460,8 +441,7 @@ TEST_F(Epg_store, quirk_event_name_of_two_letters_becomes_empty) {
 TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
   const struct {
     const char* legend;
-    int start;
-    int duration;
+    int start, duration;
     bool goes;
   } cases[] = {
       {"before", 800, 100, false},
@@ -477,11 +457,9 @@ TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
       {"after", 1200, 10, false},
   };
   for (const auto& c : cases) {
-    run("DELETE FROM epglist");
-    clear();
-    store(c.start, c.duration);
-    lookup(1, c.start, c.duration);
-    EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_), 0);
+    forget();
+    look_up_and_store(c.start, c.duration);
+    deleted(0, false);
     EXPECT_EQ(number("SELECT count(*) FROM epglist"), c.goes ? 0 : 1) << c.legend;
     EXPECT_EQ(sc_.epg.size(), c.goes ? 0u : 1u) << c.legend;
   }
@@ -493,9 +471,8 @@ TEST_F(Epg_delete, events_that_overlap_in_every_way_go_in_one_call) {
   for (const auto& list :
        {std::vector(std::begin(going), std::end(going)), std::vector(std::begin(staying), std::end(staying))})
     for (const auto& [start, duration] : list)
-      sdbl().insert_epglist_lang(store(start, duration), "eng", "Name", "", "", "");
-  verbosity_kelvo = -1;  // nothing is in the cache
-  EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_), 0);
+      text(store(start, duration), "eng", "Name");
+  deleted(-1, true);  // nothing is in the cache
   EXPECT_EQ(events(), (Texts{"700|200", "901|99", "1100|10", "1101|100"}));
   EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 4);
   EXPECT_EQ(number("SELECT count(*) FROM epglist JOIN epglist_lang ON entry = source_oid"), 4);
@@ -503,11 +480,9 @@ TEST_F(Epg_delete, events_that_overlap_in_every_way_go_in_one_call) {
 
 // Those at either end of the range go, too. The search does not find them, so they stay in the cache.
 TEST_F(Epg_delete, events_without_a_duration_go_with_the_range_and_stay_in_the_cache) {
-  for (const int start : {999, 1000, 1050, 1100, 1101}) {
-    store(start, 0);
-    lookup(1, start, 0);
-  }
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_), 0); }),
+  for (const int start : {999, 1000, 1050, 1100, 1101})
+    look_up_and_store(start, 0);
+  EXPECT_EQ(deleted(0, false),
             "ERROR: Nothing to delete in cache list for start_epoch 1000\n"
             "ERROR: Nothing to delete in cache list for start_epoch 1050\n"
             "ERROR: Nothing to delete in cache list for start_epoch 1100\n");
@@ -516,70 +491,64 @@ TEST_F(Epg_delete, events_without_a_duration_go_with_the_range_and_stay_in_the_c
 }
 
 TEST_F(Epg_delete, texts_go_with_their_event_and_other_channels_stay) {
-  const int entry = store(1000, 60);
-  sdbl().insert_epglist_lang(entry, "eng", "Name", "", "", "");
-  sdbl().insert_epglist_lang(entry + 50, "eng", "Other", "", "", "");
+  look_up_and_store(1000, 60);
+  text(1, "eng", "Name");
+  text(51, "eng", "Other");
   run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (8, 1000, 60)");
-  lookup(1, 1000, 60);
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().delete_epglist_range(7, 0, 5000, true, &sc_), 0); }), "");
+  EXPECT_EQ(deleted(0, true, 0, 5000), "");
   EXPECT_EQ(rows("SELECT channel FROM epglist"), (Texts{"8"}));
   EXPECT_EQ(rows("SELECT ev_name FROM epglist_lang"), (Texts{"Other"}));
 }
 
 TEST_F(Epg_delete, nothing_to_delete_warns) {
-  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
-  EXPECT_EQ(messages_at(1, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
-            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
-  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
-            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
-  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
-            "Delete ch 7 from 1000 - 1100\n"
-            "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n");
+  const std::string warning = "WARNING: No rows in db are between 1000 ... 1100 delete criteria, rc = 101\n";
+  EXPECT_EQ(deleted(0, true), "");
+  EXPECT_EQ(deleted(1, true), warning);
+  EXPECT_EQ(deleted(2, true), warning);
+  EXPECT_EQ(deleted(3, true), "Delete ch 7 from 1000 - 1100\n" + warning);
 }
 
 TEST_F(Epg_delete, deleted_events_are_traced_with_their_names) {
-  const int entry = store(1000, 60);
-  store(1060, 60);
-  sdbl().insert_epglist_lang(entry, "eng", "Name", "", "", "");
-  lookup(1, 1000, 60);
-  lookup(1, 1060, 60);
-  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }),
+  look_up_and_store(1000, 60);
+  look_up_and_store(1060, 60);
+  text(1, "eng", "Name");
+  EXPECT_EQ(deleted(3, true),
             "Delete ch 7 from 1000 - 1100\nDeleted 1000 -1060 Name\nDeleted 1060 -1120  No event description\n");
-  store(1000, 60);
-  lookup(1, 1000, 60);
-  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
-            "Delete ch 7 from 1000 - 1100\n")
-      << "without the trace";
-  store(1000, 60);
-  lookup(1, 1000, 60);
-  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, true, &sc_); }), "");
+  look_up_and_store(1000, 60);
+  EXPECT_EQ(deleted(3, false), "Delete ch 7 from 1000 - 1100\n") << "without the trace";
+  look_up_and_store(1000, 60);
+  EXPECT_EQ(deleted(2, true), "");
 }
 
 TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
   store(1000, 60);
-  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
-            "ERROR: Nothing to delete in cache list for start_epoch 1000\n");
+  EXPECT_EQ(deleted(0, false), "ERROR: Nothing to delete in cache list for start_epoch 1000\n");
   EXPECT_EQ(events(), Texts{});
   store(1000, 60);
-  EXPECT_EQ(messages_at(-1, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  EXPECT_EQ(deleted(-1, false), "");
 }
 
 TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
-  store(1000, 60);
+  const struct {
+    int start, duration;
+    const char* printed;
+    Texts remembered;
+  } cases[] = {
+      {1000, 60, "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n", {"1000+90:1"}},
+      {1000, 200, "No exact cache start_epoch: 900 != 1000,  dur_sec 200 != 200\n", {"900+200:1"}},
+  };
   lookup(1, 1000, 90);
-  EXPECT_EQ(stderr_of([&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
-  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+90:1"}));
-  store(1000, 60);
-  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
-            "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n");
-  clear();
-  lookup(1, 900, 200);
-  store(1000, 200);
-  EXPECT_EQ(messages_at(3, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }),
-            "Delete ch 7 from 1000 - 1100\nNo exact cache start_epoch: 900 != 1000,  dur_sec 200 != 200\n");
-  EXPECT_EQ(shown(sc_.epg), (Texts{"900+200:1"}));
-  store(1000, 60);
-  EXPECT_EQ(messages_at(2, [&] { sdbl().delete_epglist_range(7, 1000, 1100, false, &sc_); }), "");
+  for (const auto& c : cases) {
+    for (const int level : {0, 2}) {
+      store(c.start, c.duration);
+      EXPECT_EQ(deleted(level, false), "") << level;
+    }
+    store(c.start, c.duration);
+    EXPECT_EQ(deleted(3, false), std::string("Delete ch 7 from 1000 - 1100\n") + c.printed);
+    EXPECT_EQ(shown(sc_.epg), c.remembered);
+    clear();
+    lookup(1, 900, 200);
+  }
 }
 
 TEST_F(Epg, an_event_is_running_between_its_start_and_its_end) {
@@ -607,14 +576,14 @@ TEST_F(Epg, an_event_whose_end_does_not_fit_32_bits_is_running) {
 }
 
 TEST_F(Epg, whether_there_is_an_event_is_said_at_level_3) {
-  EXPECT_EQ(messages_at(2, [&] { sdbl().eit_info_available(7); }), "");
-  EXPECT_EQ(messages_at(3, [&] { sdbl().eit_info_available(7); }), "NO EPG ");
+  const auto ask = [&] { (void)sdbl().eit_info_available(7); };
+  EXPECT_THAT(ask, prints_only_from(3, "NO EPG "));
   store(time(nullptr) - 100, 1000);
-  EXPECT_EQ(messages_at(3, [&] { sdbl().eit_info_available(7); }), "EPG OK ");
-  EXPECT_THAT(messages_at(4, [&] { sdbl().eit_info_available(7); }),
-              testing::MatchesRegex("Current epoch [0-9]+, channel 7 sql_get_int: SELECT OID from .*EPG OK "));
+  EXPECT_EQ(messages_at(3, ask), "EPG OK ");
+  EXPECT_THAT(messages_at(4, ask),
+              MatchesRegex("Current epoch [0-9]+, channel 7 sql_get_int: SELECT OID from .*EPG OK "));
   run("DROP TABLE epg_db.epglist");
-  EXPECT_THAT(stderr_of([&] { EXPECT_EQ(sdbl().eit_info_available(7), 0); }),
+  EXPECT_THAT(messages_at(0, [&] { EXPECT_EQ(sdbl().eit_info_available(7), 0); }),
               HasSubstr("ERROR: SQL_get_int: 1 @ eit_info_available line "));
 }
 
@@ -625,7 +594,6 @@ namespace {
 constexpr int HOUR = 3600;
 constexpr int DAY = 24 * HOUR;
 const char REFUSED[] = "ERROR: eit_for_service: rc is 13\n";
-const char TEXT_REFUSED[] = "WARNING: epglist_lang rc = 13\n";
 
 class Epg_room : public Epg {
  protected:
@@ -637,9 +605,9 @@ class Epg_room : public Epg {
     for (const time_t now = time(nullptr); time(nullptr) == now;)
       usleep(10000);
   }
-  // One event an hour with 3000 bytes of text, until one is refused; how many went in.
-  int fill(int64_t start, int most = 3000) {
-    const std::string text(3000, 'x');
+  // One event an hour with so many bytes of text, until one is refused; how many went in.
+  int fill(int64_t start, int most = 3000, size_t bytes = 3000) {
+    const std::string text(bytes, 'x');
     for (int stored = 0; stored < most; ++stored) {
       const int oid = store(static_cast<long>(start + int64_t{stored} * HOUR), HOUR);
       if (oid <= 0)
@@ -648,17 +616,32 @@ class Epg_room : public Epg {
     }
     return most;
   }
-  // As another program sees the file.
-  Texts integrity() {
-    const db_support::Other_connection other(guide_file());
-    return other.rows("PRAGMA integrity_check");
+  // Every event has its text, and the file is whole, as this program and as another sees it.
+  void expect_sound(int events, size_t bytes = 3000) {
+    EXPECT_EQ(number("SELECT count(*) FROM epglist"), events);
+    EXPECT_EQ(number("SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND length(ext_desc) = " +
+                     std::to_string(bytes)),
+              events);
+    EXPECT_EQ(rows("PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+    EXPECT_EQ(db_support::Other_connection(guide_file()).rows("PRAGMA integrity_check"), (Texts{"ok"}));
   }
-  int events_with_text() {
-    return number(
-        "SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
-        "length(ext_desc) = 3000");
+  int older_than(int days) {
+    return number("SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - days * DAY));
   }
+
   const int64_t now_ = time(nullptr);
+};
+
+// On a file system of its own, which is small; making one needs privileges.
+class Epg_disk : public Epg_room {
+ protected:
+  void SetUp() override {
+    close();
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", folder().path().c_str(), "tmpfs", 0, "size=2m") != 0)
+      GTEST_SKIP() << "no file system can be mounted here";
+    open();
+  }
 };
 
 }  // namespace
@@ -671,67 +654,48 @@ TEST_F(Epg_room, the_attached_file_has_the_limit_of_the_main_one) {
 TEST_F(Epg_room, near_the_limit_events_are_refused_and_the_file_is_sound) {
   limit(300);
   int stored = 0;
-  EXPECT_EQ(stderr_of([&] { stored = fill(now_); }), REFUSED);
+  EXPECT_EQ(messages_at(0, [&] { stored = fill(now_); }), REFUSED);
   EXPECT_GT(stored, 100);
   EXPECT_LT(stored, 300);
-  EXPECT_EQ(number("SELECT count(*) FROM epglist"), stored);
-  EXPECT_EQ(events_with_text(), stored) << "no event is without its text";
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ - HOUR), 60), -1); }), REFUSED);
-  EXPECT_EQ(integrity(), (Texts{"ok"}));
-}
-
-TEST_F(Epg_room, a_refusal_is_silent_below_0) {
-  limit(0);
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(store(static_cast<long>(now_), HOUR), -1); }), "");
+  EXPECT_THAT([&] { EXPECT_EQ(store(static_cast<long>(now_ - HOUR), 60), -1); }, prints_only_from(0, REFUSED));
+  expect_sound(stored);
 }
 
 // With the limit as it is, and texts as long as the longest that are broadcast.
 TEST_F(Epg_room, the_file_ends_below_8000_pages_and_old_events_make_room_again) {
-  const std::string text(15000, 'x');
+  constexpr size_t LONGEST = 15000;
   int stored = 0;
-  const auto store_until_refused = [&] {
-    for (;; ++stored) {
-      const int oid = store(static_cast<long>(now_ + int64_t{stored} * HOUR), HOUR);
-      if (oid <= 0)
-        return;
-      sdbl().insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
-    }
-  };
-  const auto expect_sound = [&](int events) {
-    EXPECT_EQ(number("SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid AND "
-                     "length(ext_desc) = 15000"),
-              events);
-    EXPECT_EQ(number("SELECT count(*) FROM epglist"), events);
+  const auto expect_full = [&](int events) {
+    expect_sound(events, LONGEST);
     EXPECT_LE(number("PRAGMA epg_db.page_count"), 8000);
     EXPECT_LE(std::filesystem::file_size(guide_file()),
               8000u * static_cast<unsigned>(number("PRAGMA epg_db.page_size")));
-    EXPECT_EQ(integrity(), (Texts{"ok"}));
   };
-  EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
+  EXPECT_EQ(messages_at(0, [&] { stored = fill(now_, 3000, LONGEST); }), REFUSED);
   EXPECT_GT(number("PRAGMA epg_db.page_count"), 7800);
-  expect_sound(stored);
+  expect_full(stored);
   // A hundred grow old.
   run("UPDATE epglist SET start_epoch = start_epoch - 1000000000 WHERE entry <= 100");
-  const int before = stored;
-  EXPECT_EQ(stderr_of(store_until_refused), REFUSED);
-  EXPECT_GE(stored - before, 90);
-  EXPECT_EQ(number("SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - DAY)), 0);
-  expect_sound(stored - 100);
+  int more = 0;
+  EXPECT_EQ(messages_at(0, [&] { more = fill(now_ + int64_t{stored} * HOUR, 3000, LONGEST); }), REFUSED);
+  EXPECT_GE(more, 90);
+  EXPECT_EQ(older_than(1), 0);
+  expect_full(stored + more - 100);
 }
 
 TEST_F(Epg_room, old_events_go_first) {
   fill(now_ - 100 * DAY, 200);
   limit(110);
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fill(now_, 150), 150); }), "");
-  EXPECT_EQ(number("SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(now_ - 2 * DAY)), 0);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(fill(now_, 150), 150); }), "");
+  EXPECT_EQ(older_than(2), 0);
   EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 150);
-  EXPECT_EQ(integrity(), (Texts{"ok"}));
+  EXPECT_EQ(rows("PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
 }
 
 TEST_F(Epg_room, events_of_the_last_day_stay) {
   ASSERT_EQ(fill(now_ - 20 * HOUR, 10), 10);
   limit(50);
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(store(static_cast<long>(now_ + 30 * DAY), 60), -1); }), REFUSED);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(store(static_cast<long>(now_ + 30 * DAY), 60), -1); }), REFUSED);
   EXPECT_EQ(number("SELECT count(*) FROM epglist"), 10);
 }
 
@@ -741,66 +705,36 @@ TEST_F(Epg_room, with_room_nothing_is_removed) {
   EXPECT_EQ(number("SELECT count(*) FROM epglist"), 20);
 }
 
-TEST_F(Epg_room, a_text_that_does_not_fit_is_refused_with_a_warning_one_level_up) {
+TEST_F(Epg_room, a_text_that_does_not_fit_is_refused_with_a_warning) {
   const int oid = store(static_cast<long>(now_), HOUR);
   ASSERT_GT(oid, 0);
   limit(10);
-  const std::string text(3000, 'x');
-  const auto insert = [&] { EXPECT_EQ(sdbl().insert_epglist_lang(oid, "est", "Name", "", text.c_str(), ""), 0); };
-  EXPECT_EQ(stderr_of(insert), "");
-  EXPECT_EQ(messages_at(1, insert), TEXT_REFUSED);
+  const std::string long_text(3000, 'x');
+  EXPECT_THAT([&] { EXPECT_EQ(sdbl().insert_epglist_lang(oid, "est", "Name", "", long_text.c_str(), ""), 0); },
+              prints_only_from(1, "WARNING: epglist_lang rc = 13\n"));
   EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 0);
-  EXPECT_EQ(integrity(), (Texts{"ok"}));
+  EXPECT_EQ(rows("PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
 }
 
 TEST_F(Epg_room, pages_that_were_given_up_are_used_again) {
   limit(200);
   int stored = 0;
-  (void)stderr_of([&] { stored = fill(now_); });
+  (void)messages_at(0, [&] { stored = fill(now_); });
   run("DELETE FROM epglist");
   run("DELETE FROM epglist_lang");
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fill(now_, stored - 5), stored - 5); }), "");
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(fill(now_, stored - 5), stored - 5); }), "");
 }
 
-// On a file system of its own, which is small; making one needs privileges.
-TEST(Epg_disk, a_full_disk_refuses_events_and_leaves_the_file_sound) {
-  support::Temp_dir dir;
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("none", dir.file("").c_str(), "tmpfs", 0, "size=2m") != 0)
-    GTEST_SKIP() << "no file system can be mounted here";
-  {
-    Sdbl sdbl(dir.file("a.db").c_str());
-    SQL_cache service{};
-    service.channel = 7;
-    std::string content = "0.0.0.0";
-    std::string rating = "0@est";
-    const std::string text(3000, 'x');
-    const auto now = time(nullptr);
-    const auto fill = [&](int64_t start, int most) {
-      int stored = 0;
-      for (; stored < most; ++stored) {
-        const int oid = sdbl.eit_for_service(1, 2, 506000000, 10, &service, 0x20100101, 0, 0x010000,
-                                             static_cast<long>(start + int64_t{stored} * HOUR), HOUR, 4, 0, 1, &content,
-                                             &rating, false, false);
-        if (oid <= 0)
-          break;
-        sdbl.insert_epglist_lang(oid, "est", "Name", "", text.c_str(), "");
-      }
-      return stored;
-    };
-    int stored = 0;
-    EXPECT_EQ(stderr_of([&] { stored = fill(now, 1000); }), REFUSED);
-    EXPECT_GT(stored, 50);
-    EXPECT_LT(stored, 500);
-    EXPECT_EQ(db_support::rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
-    EXPECT_EQ(db_support::number(sdbl, "SELECT count(*) FROM epglist_lang"), stored);
-    // Half of them grow old.
-    db_support::run(
-        sdbl, "UPDATE epglist SET start_epoch = start_epoch - 100000000 WHERE entry <= " + std::to_string(stored / 2));
-    int again = 0;
-    EXPECT_EQ(stderr_of([&] { again = fill(now + 2000 * HOUR, stored / 4); }), "");
-    EXPECT_EQ(again, stored / 4);
-    EXPECT_EQ(db_support::rows(sdbl, "PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
-  }
-  EXPECT_EQ(umount(dir.file("").c_str()), 0);
+TEST_F(Epg_disk, a_full_disk_refuses_events_and_leaves_the_file_sound) {
+  int stored = 0;
+  EXPECT_EQ(messages_at(0, [&] { stored = fill(now_, 1000); }), REFUSED);
+  EXPECT_GT(stored, 50);
+  EXPECT_LT(stored, 500);
+  expect_sound(stored);
+  // Half of them grow old.
+  run("UPDATE epglist SET start_epoch = start_epoch - 100000000 WHERE entry <= " + std::to_string(stored / 2));
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(fill(now_ + 2000 * HOUR, stored / 4), stored / 4); }), "");
+  EXPECT_EQ(rows("PRAGMA epg_db.integrity_check"), (Texts{"ok"}));
+  close();
+  EXPECT_EQ(umount(folder().path().c_str()), 0);
 }

@@ -15,10 +15,36 @@ using testing::StartsWith;
 namespace {
 
 constexpr char SET_PCR[] = "UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = $channel;";
+constexpr char INSERT[] = "INSERT INTO t VALUES ($a, @b)";
 
 class Sql : public db_support::Database_test {
  protected:
   Sql() { run("CREATE TABLE t (a int, b text)"); }
+
+  // What a look-up returns, the value that it leaves and what it prints.
+  template <typename Value>
+  std::string got(int level, Value value, const char* sql, int column = 0) {
+    int rc = -1;
+    const std::string printed = messages_at(level, [&] {
+      if constexpr (std::is_same_v<Value, int>)
+        rc = sdbl().sql_get_int(&value, column, "%s", sql);
+      else
+        rc = sdbl().sql_get_txt(&value, column, "%s", sql);
+    });
+    std::ostringstream all;
+    all << rc << " " << value << " " << printed;
+    return all.str();
+  }
+  int exec(const char* sql) { return sdbl().sql_exec(conn(), "%s", sql); }
+  sqlite3_stmt* insert(int a, const char* b) { return sdbl().sql_cache(true, 0, INSERT, a, b); }
+};
+
+// What comes of a statement that gives no value, of the column with this number.
+struct Failing_look_up {
+  const char* legend;
+  const char* sql;
+  int column;
+  const char* result;
 };
 
 using Sql_exec = Sql;
@@ -31,11 +57,11 @@ using Sql_cache = Sql;
 
 TEST_F(Sql_exec, missing_table_empty_table_and_rows_have_codes_1_101_and_100) {
   run("DROP TABLE kanalid");
-  verbosity_kelvo = -1;
-  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM kanalid;"), 1);
-  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM estreams;"), 101);
+  EXPECT_EQ(exec("SELECT * FROM kanalid;"), 1);
+  EXPECT_EQ(exec("SELECT * FROM estreams;"), 101);
   run("INSERT INTO estreams (channel) VALUES (1)");
-  EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT * FROM estreams;"), 100);
+  EXPECT_EQ(exec("SELECT * FROM estreams;"), 100);
+  EXPECT_EQ(exec(""), SQLITE_MISUSE) << "no statement";
 }
 
 TEST_F(Sql_exec, compile_error_is_a_warning) {
@@ -53,12 +79,6 @@ TEST_F(Sql_exec, failed_step_is_a_warning_with_the_extended_code) {
           1, "WARNING: SQL_execute failed RC=2067 INSERT INTO t VALUES (1, 'x'), UNIQUE constraint failed: t.a\n"));
 }
 
-TEST_F(Sql_exec, traces_the_text_and_unused_rows) {
-  run("INSERT INTO t VALUES (1, '')");
-  EXPECT_THAT([&] { sdbl().sql_exec(conn(), "SELECT a FROM t"); },
-              prints_only_from(4, "sql_exec: SELECT a FROM t\nSQL_execute returns data, none used\n"));
-}
-
 TEST_F(Sql_exec, quotes_hostile_text) {
   const char* hostile = "a'b''c%d%s\"; DROP TABLE t; --\xff\xfe";
   EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, %Q)", hostile), 101);
@@ -66,13 +86,8 @@ TEST_F(Sql_exec, quotes_hostile_text) {
 }
 
 TEST_F(Sql_exec, only_the_first_statement_of_a_text_runs) {
-  EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
+  EXPECT_EQ(exec("INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
   EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1"}));
-}
-
-TEST_F(Sql_exec, an_empty_statement_is_an_error_not_a_crash) {
-  verbosity_kelvo = -1;
-  EXPECT_EQ(sdbl().sql_exec(conn(), ""), SQLITE_MISUSE);
 }
 
 TEST_F(Sql_exec, quirk_error_text_is_the_main_connections) {
@@ -81,35 +96,41 @@ TEST_F(Sql_exec, quirk_error_text_is_the_main_connections) {
               prints_only_from(1, "WARNING: SQL_execute/compile error RC=1, SELECT * FROM t, not an error\n"));
 }
 
+TEST_F(Sql, every_form_traces_its_text) {
+  run("INSERT INTO t VALUES (1, '')");
+  int value = 0;
+  std::string text;
+  EXPECT_THAT([&] { exec("SELECT a FROM t"); },
+              prints_only_from(4, "sql_exec: SELECT a FROM t\nSQL_execute returns data, none used\n"));
+  EXPECT_THAT([&] { sdbl().sql_get_int(&value, 0, "SELECT %d", 3); }, prints_only_from(4, "sql_get_int: SELECT 3\n"));
+  EXPECT_THAT([&] { sdbl().sql_get_txt(&text, 0, "SELECT %Q", "a"); },
+              prints_only_from(4, "sql_get_txt: SELECT 'a'\n"));
+  EXPECT_THAT([&] { sdbl().sql_row_exists("SELECT 1"); }, prints_only_from(4, "sql_row_exists: SELECT 1\n"));
+}
+
 TEST_F(Sql_get_int, stores_the_column_of_the_first_row) {
-  run("INSERT INTO t VALUES (7, 'x')");
-  run("INSERT INTO t VALUES (8, 'y')");
+  run("INSERT INTO t VALUES (7, 'x'), (8, 'y')");
   int value = -5;
   EXPECT_EQ(sdbl().sql_get_int(&value, 1, "SELECT b, a FROM t WHERE a >= %d ORDER BY a", 8), 0);
   EXPECT_EQ(value, 8);
-  EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM t ORDER BY a"), 0);
-  EXPECT_EQ(value, 7);
+  EXPECT_EQ(got(0, -5, "SELECT a FROM t ORDER BY a"), "0 7 ");
 }
 
-TEST_F(Sql_get_int, without_rows_returns_101_and_leaves_the_value) {
-  int value = -5;
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM t"), 101); }), "");
-  EXPECT_EQ(value, -5);
-}
-
-TEST_F(Sql_get_int, text_column_is_refused_at_every_level) {
+TEST_F(Sql_get_int, failures_return_their_code_leave_the_value_and_print_at_every_level) {
   run("INSERT INTO t VALUES (7, 'x')");
-  int value = -5;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT b FROM t"), 1); }),
-            "SQL_get_int/execute col nr 0 named b is not integer ");
-  EXPECT_EQ(value, -5);
-}
-
-TEST_F(Sql_get_int, column_beyond_the_count_is_refused) {
-  run("INSERT INTO t VALUES (7, 'x')");
-  int value = -5;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 3, "SELECT a, b FROM t"), 1); }),
-            "SQL_get_int/execute col count 2 less than required 3 ");
+  const Failing_look_up cases[] = {
+      {"no row", "SELECT a FROM t WHERE a = 1", 0, "101 -5 "},
+      {"a text", "SELECT b FROM t", 0, "1 -5 SQL_get_int/execute col nr 0 named b is not integer "},
+      {"beyond the count", "SELECT a, b FROM t", 3, "1 -5 SQL_get_int/execute col count 2 less than required 3 "},
+      {"compile error", "SELECT a FROM nowhere", 0, "1 -5 SQL_get_int/compile error 1: no such table: nowhere "},
+      {"failed step", "SELECT abs(-9223372036854775808)", 0,
+       "1 -5 SQL_get_int/execute failed to capture row 1: integer overflow "},
+  };
+  for (const Failing_look_up& c : cases)
+    for (const int level : {-1, 0, 2})
+      EXPECT_EQ(got(level, -5, c.sql, c.column), c.result) << c.legend << " at " << level;
+  EXPECT_EQ(got(3, -5, "SELECT a FROM nowhere"),
+            "1 -5 SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
 }
 
 TEST_F(Sql_get_int, quirk_column_equal_to_the_count_fails_as_a_wrong_type) {
@@ -119,69 +140,28 @@ TEST_F(Sql_get_int, quirk_column_equal_to_the_count_fails_as_a_wrong_type) {
             "SQL_get_int/execute col nr 2 named (null) is not integer ");
 }
 
-TEST_F(Sql_get_int, compile_error_returns_its_code_and_shows_the_text_at_level_3) {
-  int value = -5;
-  int rc = 0;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"), 1); }),
-            "SQL_get_int/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(2, [&] { rc = sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
-            "SQL_get_int/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(3, [&] { rc = sdbl().sql_get_int(&value, 0, "SELECT a FROM nowhere"); }),
-            "SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
-}
-
-TEST_F(Sql_get_int, failed_step_returns_1) {
-  int value = -5;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT abs(-9223372036854775808)"), 1); }),
-            "SQL_get_int/execute failed to capture row 1: integer overflow ");
-  EXPECT_EQ(value, -5);
-}
-
-TEST_F(Sql_get_int, traces_the_text) {
-  int value = 0;
-  EXPECT_THAT([&] { sdbl().sql_get_int(&value, 0, "SELECT %d", 3); }, prints_only_from(4, "sql_get_int: SELECT 3\n"));
-}
-
 TEST_F(Sql_get_txt, assigns_the_text_of_the_first_row) {
   run("INSERT INTO t VALUES (7, 'x')");
-  std::string text = "before";
-  EXPECT_EQ(sdbl().sql_get_txt(&text, 1, "SELECT a, b FROM t"), 0);
-  EXPECT_EQ(text, "x");
+  EXPECT_EQ(got(0, std::string("before"), "SELECT a, b FROM t", 1), "0 x ");
 }
 
-TEST_F(Sql_get_txt, without_rows_returns_101_and_leaves_the_text) {
-  std::string text = "before";
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT b FROM t"), 101); }), "");
-  EXPECT_EQ(text, "before");
-}
-
-TEST_F(Sql_get_txt, failures_return_1_and_print_at_every_level) {
+TEST_F(Sql_get_txt, failures_return_their_code_leave_the_text_and_print_at_every_level) {
   run("INSERT INTO t VALUES (7, 'x')");
-  std::string text = "before";
-  int rc = 0;
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT a FROM t"), 1); }),
-            "SQL_get_txt/execute col nr 0 named a is not text ");
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT NULL AS n"), 1); }),
-            "SQL_get_txt/execute col nr 0 named n is not text ");
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 1, "SELECT b FROM t"), 1); }),
-            "SQL_get_txt/execute col nr 1 named (null) is not text ");
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 5, "SELECT b FROM t"), 1); }),
-            "SQL_get_txt/execute col count 1 less than required 5 ");
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"), 1); }),
-            "SQL_get_txt/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(-1, [&] { EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT abs(-9223372036854775808)"), 1); }),
-            "SQL_get_txt/execute error 1: integer overflow ");
-  EXPECT_EQ(text, "before");
-  EXPECT_EQ(messages_at(2, [&] { rc = sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
-            "SQL_get_txt/compile error 1: no such table: nowhere ");
-  EXPECT_EQ(messages_at(3, [&] { rc = sdbl().sql_get_txt(&text, 0, "SELECT b FROM nowhere"); }),
-            "SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
-}
-
-TEST_F(Sql_get_txt, traces_the_text) {
-  std::string text;
-  EXPECT_THAT([&] { sdbl().sql_get_txt(&text, 0, "SELECT %Q", "a"); },
-              prints_only_from(4, "sql_get_txt: SELECT 'a'\n"));
+  const std::string text = "before";
+  const Failing_look_up cases[] = {
+      {"no row", "SELECT b FROM t WHERE a = 1", 0, "101 before "},
+      {"a number", "SELECT a FROM t", 0, "1 before SQL_get_txt/execute col nr 0 named a is not text "},
+      {"null", "SELECT NULL AS n", 0, "1 before SQL_get_txt/execute col nr 0 named n is not text "},
+      {"equal to the count", "SELECT b FROM t", 1, "1 before SQL_get_txt/execute col nr 1 named (null) is not text "},
+      {"beyond the count", "SELECT b FROM t", 5, "1 before SQL_get_txt/execute col count 1 less than required 5 "},
+      {"compile error", "SELECT b FROM nowhere", 0, "1 before SQL_get_txt/compile error 1: no such table: nowhere "},
+      {"failed step", "SELECT abs(-9223372036854775808)", 0, "1 before SQL_get_txt/execute error 1: integer overflow "},
+  };
+  for (const Failing_look_up& c : cases)
+    for (const int level : {-1, 0, 2})
+      EXPECT_EQ(got(level, text, c.sql, c.column), c.result) << c.legend << " at " << level;
+  EXPECT_EQ(got(3, text, "SELECT b FROM nowhere"),
+            "1 before SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
 }
 
 TEST_F(Sql_row_exists, is_true_only_for_a_row) {
@@ -197,24 +177,23 @@ TEST_F(Sql_row_exists, errors_are_false_and_printed_at_level_0) {
               prints_only_from(0, "ERROR: SQL_row_exists/execute failed 1: integer overflow"));
 }
 
-TEST_F(Sql_row_exists, traces_the_text) {
-  EXPECT_THAT([&] { sdbl().sql_row_exists("SELECT 1"); }, prints_only_from(4, "sql_row_exists: SELECT 1\n"));
-}
-
 TEST_F(Sql_cache, word_DVBNR_becomes_the_instance_and_one_entry_serves_all) {
   for (int n = 0; n < 4; ++n) {
     sdbl().create_temp_tables(n);
     run("INSERT INTO kanalid_scan_" + std::to_string(n) + " (channel, freq) VALUES (5, 1)");
   }
+  const auto pcr_pids = [&] {
+    return rows(
+        "SELECT a.pcr_pid, b.pcr_pid, c.pcr_pid, d.pcr_pid FROM kanalid_scan_0 a, kanalid_scan_1 b, "
+        "kanalid_scan_2 c, kanalid_scan_3 d");
+  };
   EXPECT_NE(sdbl().sql_cache(true, 2, SET_PCR, 256, 5), nullptr);
-  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
-  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"0"}));
+  EXPECT_EQ(pcr_pids(), (Texts{"0|0|256|0"}));
   EXPECT_NE(sdbl().sql_cache(true, 0, SET_PCR, 255, 5), nullptr);
-  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_0"), (Texts{"255"}));
-  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_2"), (Texts{"256"}));
+  EXPECT_EQ(pcr_pids(), (Texts{"255|0|256|0"}));
   EXPECT_NE(sdbl().sql_cache(true, 1, SET_PCR, 254, 5), nullptr);
   EXPECT_NE(sdbl().sql_cache(true, 3, SET_PCR, 253, 5), nullptr);
-  EXPECT_EQ(rows("SELECT pcr_pid FROM kanalid_scan_3"), (Texts{"253"}));
+  EXPECT_EQ(pcr_pids(), (Texts{"255|254|256|253"}));
 
   const SQL_query* entry = sdbl().lookup_insert_sql_query(SET_PCR, 0);
   ASSERT_NE(entry, nullptr);
@@ -231,14 +210,14 @@ TEST_F(Sql_cache, every_occurrence_of_DVBNR_is_replaced) {
 }
 
 TEST_F(Sql_cache, a_statement_is_compiled_once) {
-  sqlite3_stmt* first = sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  sqlite3_stmt* second = sdbl().sql_cache(true, 0, std::string("INSERT INTO t VALUES ($a, @b)").c_str(), 2, "def");
+  sqlite3_stmt* first = insert(1, "abc");
+  sqlite3_stmt* second = sdbl().sql_cache(true, 0, std::string(INSERT).c_str(), 2, "def");
   EXPECT_EQ(first, second);
   EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"1|abc", "2|def"}));
 }
 
 TEST_F(Sql_cache, arguments_follow_the_parameters_and_may_be_extreme) {
-  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", -2147483647 - 1, "'\"%s;\xff\xfe");
+  insert(-2147483647 - 1, "'\"%s;\xff\xfe");
   sdbl().sql_cache(true, 0, "INSERT INTO t (b, a) VALUES (@b, $a)", "Käna", 2147483647);
   EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"-2147483648|'\"%s;\xff\xfe", "2147483647|Käna"}));
 }
@@ -251,18 +230,18 @@ TEST_F(Sql_cache, quirk_short_text_is_bound_empty) {
 }
 
 TEST_F(Sql_cache, null_text_counts_as_empty) {
-  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, static_cast<const char*>(nullptr));
+  insert(1, nullptr);
   EXPECT_EQ(rows("SELECT b, typeof(b) FROM t"), (Texts{"|text"}));
 }
 
 TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
-  for (const char* value : {"1", "2", "3"})
-    run(std::string("INSERT INTO t VALUES (") + value + ", '')");
-  sqlite3_stmt* stmt = sdbl().sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 1);
+  run("INSERT INTO t VALUES (1, ''), (2, ''), (3, '')");
+  const char* behind = "SELECT a FROM t WHERE a > $a ORDER BY a";
+  sqlite3_stmt* stmt = sdbl().sql_cache(false, 0, behind, 1);
   ASSERT_NE(stmt, nullptr);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_ROW);
   EXPECT_EQ(sqlite3_column_int(stmt, 0), 2);
-  EXPECT_EQ(sdbl().sql_cache(false, 0, "SELECT a FROM t WHERE a > $a ORDER BY a", 2), stmt);
+  EXPECT_EQ(sdbl().sql_cache(false, 0, behind, 2), stmt);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_ROW);
   EXPECT_EQ(sqlite3_column_int(stmt, 0), 3);
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
@@ -270,81 +249,64 @@ TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
 
 TEST_F(Sql_cache, instances_outside_0_to_3_are_refused) {
   for (const int instance : {-1, 4, 100}) {
-    sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
-    EXPECT_THAT(
-        [&] { stmt = sdbl().sql_cache(true, instance, SET_PCR, 1, 1); },
-        prints_only_from(
-            0,
-            "ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = $pcr_pid WHERE channel = "
-            "$channel;"));
-    EXPECT_EQ(stmt, nullptr);
+    EXPECT_THAT([&] { EXPECT_EQ(sdbl().sql_cache(true, instance, SET_PCR, 1, 1), nullptr); },
+                prints_only_from(0, std::string("ERROR: sql_cache lookup failed for ") + SET_PCR));
     EXPECT_EQ(sdbl().lookup_insert_sql_query(SET_PCR, instance), nullptr);
   }
 }
 
 TEST_F(Sql_cache, failed_prepare_is_printed_and_tried_again) {
-  sqlite3_stmt* stmt = reinterpret_cast<sqlite3_stmt*>(1);
   EXPECT_THAT(
       [&] { EXPECT_EQ(sdbl().sql_cache(true, 1, SET_PCR, 1, 1), nullptr); },
       prints_only_from(
-          0,
-          "ERROR: query UPDATE kanalid_scan_1 SET pcr_pid = $pcr_pid WHERE channel = $channel; prepare failed: no "
-          "such table: kanalid_scan_1ERROR: sql_cache lookup failed for UPDATE kanalid_scan_DVBNR SET pcr_pid = "
-          "$pcr_pid WHERE channel = $channel;"));
+          0, std::string("ERROR: query UPDATE kanalid_scan_1 SET pcr_pid = $pcr_pid WHERE channel = $channel; prepare "
+                         "failed: no such table: kanalid_scan_1ERROR: sql_cache lookup failed for ") +
+                 SET_PCR));
   sdbl().create_temp_tables(1);
   // The entry has stayed, without its statement.
-  EXPECT_THAT(messages_at(4, [&] { stmt = sdbl().sql_cache(true, 1, SET_PCR, 1, 1); }),
+  EXPECT_THAT(messages_at(4, [&] { EXPECT_NE(sdbl().sql_cache(true, 1, SET_PCR, 1, 1), nullptr); }),
               MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
                            "sql: UPDATE kanalid_scan_1 SET pcr_pid = \\$pcr_pid WHERE channel = \\$channel;\n"
                            "cache run for command UPDATE kanalid_scan_DVBNR SET pcr_pid = \\$pcr_pid WHERE channel = "
                            "\\$channel;\nint0: 1 int1: 1 \nSQL run status is 101\n"));
-  EXPECT_NE(stmt, nullptr);
 }
 
 TEST_F(Sql_cache, entries_are_numbered_in_order_of_first_use) {
   sdbl().free_prepared_queries();
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 10"); }), StartsWith("SQL cache entry 0\n"));
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 11"); }), StartsWith("SQL cache entry 1\n"));
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 1, "SELECT 10"); }),
-              StartsWith("sql prepared cache hit 0x"));
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(false, 0, "SELECT 12"); }), StartsWith("SQL cache entry 2\n"));
+  const auto used = [&](int instance, const char* sql) {
+    return messages_at(4, [&] { sdbl().sql_cache(false, instance, sql); });
+  };
+  EXPECT_THAT(used(0, "SELECT 10"), StartsWith("SQL cache entry 0\n"));
+  EXPECT_THAT(used(0, "SELECT 11"), StartsWith("SQL cache entry 1\n"));
+  EXPECT_THAT(used(1, "SELECT 10"), StartsWith("sql prepared cache hit 0x"));
+  EXPECT_THAT(used(0, "SELECT 12"), StartsWith("SQL cache entry 2\n"));
 }
 
 TEST_F(Sql_cache, a_run_that_yields_a_row_is_done_with_status_100) {
   run("INSERT INTO t VALUES (7, '')");
-  verbosity_kelvo = 4;
   sqlite3_stmt* stmt = nullptr;
-  EXPECT_THAT(stderr_of([&] { stmt = sdbl().sql_cache(true, 0, "SELECT a FROM t"); }),
+  EXPECT_THAT(messages_at(4, [&] { stmt = sdbl().sql_cache(true, 0, "SELECT a FROM t"); }),
               HasSubstr("cache run for command SELECT a FROM t\n\nSQL run status is 100\n"));
   EXPECT_EQ(sqlite3_stmt_busy(stmt), 0) << "and reset";
 }
 
 TEST_F(Sql_cache, a_reset_that_repeats_a_failed_step_of_the_caller_is_a_warning) {
   const char* failing = "SELECT abs($a - 9223372036854775807 - 1)";
-  const auto fail = [&] { EXPECT_EQ(sqlite3_step(sdbl().sql_cache(false, 0, failing, 0)), SQLITE_ERROR); };
-  fail();
-  EXPECT_THAT(
-      [&] {
-        const int level = verbosity_kelvo.exchange(-1);
-        fail();
-        verbosity_kelvo = level;
-        sdbl().sql_cache(false, 0, failing, 0);
-      },
-      prints_only_from(1, "WARNING: Sqlite_reset for SELECT abs($a - 9223372036854775807 - 1) rc is 1\n"));
+  for (const auto& [level, printed] : std::map<int, const char*>{
+           {0, ""}, {1, "WARNING: Sqlite_reset for SELECT abs($a - 9223372036854775807 - 1) rc is 1\n"}}) {
+    EXPECT_EQ(sqlite3_step(sdbl().sql_cache(false, 0, failing, 0)), SQLITE_ERROR);
+    EXPECT_EQ(messages_at(level, [&] { sdbl().sql_cache(false, 0, failing, 0); }), printed);
+  }
 }
 
 TEST_F(Sql_cache, failed_step_prints_an_error_and_a_warning_and_keeps_the_statement) {
   run("CREATE UNIQUE INDEX u ON t (a)");
-  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  sqlite3_stmt* stmt = nullptr;
-  EXPECT_THAT(
-      [&] { stmt = sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); },
-      prints_only_from(
-          0, "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"));
-  EXPECT_NE(stmt, nullptr);
-  EXPECT_EQ(messages_at(1, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "xyz"); }),
-            "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"
-            "WARNING: Sqlite_reset for INSERT INTO t VALUES ($a, @b) rc is 2067\n");
+  insert(1, "abc");
+  const std::string error =
+      "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n";
+  const auto fail = [&] { EXPECT_NE(insert(1, "xyz"), nullptr); };
+  EXPECT_THAT(fail, prints_only_from(0, error));
+  EXPECT_EQ(messages_at(1, fail), error + "WARNING: Sqlite_reset for INSERT INTO t VALUES ($a, @b) rc is 2067\n");
 }
 
 TEST_F(Sql_cache, a_sign_inside_a_literal_counts_as_a_parameter) {
@@ -362,39 +324,38 @@ TEST_F(Sql_cache, a_sign_inside_a_literal_counts_as_a_parameter) {
 }
 
 TEST_F(Sql_cache, an_empty_statement_is_refused) {
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(sdbl().sql_cache(true, 0, ""), nullptr); }),
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(sdbl().sql_cache(true, 0, ""), nullptr); }),
             "ERROR: sql_cache lookup failed for ");
 }
 
 TEST_F(Sql_cache, traces_every_step) {
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "abc"); }),
+  EXPECT_THAT(messages_at(4, [&] { insert(7, "abc"); }),
               MatchesRegex("SQL cache entry [0-9]+\n"
                            "sql: INSERT INTO t VALUES \\(\\$a, @b\\)\n"
                            "cache run for command INSERT INTO t VALUES \\(\\$a, @b\\)\n"
                            "int0: 7 \n"
                            "SQL run status is 101\n"));
-  EXPECT_THAT(messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }),
-              MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
-                           "cache run for command INSERT INTO t VALUES \\(\\$a, @b\\)\n"
-                           "int0: 7 "
-                           "Input string length <3 \\(2\\) for arg index 2  name @b\\. Replacing with epty string ab \n"
-                           "INSERT INTO t VALUES \\(\\$a, @b\\)\n\n"
-                           "SQL run status is 101\n"));
-  EXPECT_EQ(messages_at(3, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 7, "ab"); }), "");
+  EXPECT_THAT(
+      [&] { insert(7, "ab"); },
+      prints_only_from(
+          4, MatchesRegex("sql prepared cache hit 0x[0-9a-f]+"
+                          "cache run for command INSERT INTO t VALUES \\(\\$a, @b\\)\n"
+                          "int0: 7 "
+                          "Input string length <3 \\(2\\) for arg index 2  name @b\\. Replacing with epty string ab \n"
+                          "INSERT INTO t VALUES \\(\\$a, @b\\)\n\n"
+                          "SQL run status is 101\n")));
 }
 
 TEST_F(Sql_cache, after_freeing_the_next_use_makes_a_new_entry) {
-  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
+  insert(1, "abc");
   sdbl().free_prepared_queries();
-  const std::string text =
-      messages_at(4, [&] { sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"); });
-  EXPECT_THAT(text, StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
+  EXPECT_THAT(messages_at(4, [&] { insert(2, "abc"); }),
+              StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
   EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
 }
 
 TEST_F(Sql_cache, checking_resets_statements_that_are_under_way) {
-  run("INSERT INTO t VALUES (1, '')");
-  run("INSERT INTO t VALUES (2, '')");
+  run("INSERT INTO t VALUES (1, ''), (2, '')");
   sqlite3_stmt* stmts[3];
   for (int n = 0; n < 3; ++n) {
     stmts[n] = sdbl().sql_cache(false, n, "SELECT a FROM t");
@@ -426,33 +387,27 @@ TEST_F(Sql_cache, quirk_instance_3_is_not_finalized_and_close_warns_about_it) {
 }
 
 TEST_F(Sql_cache, statements_of_a_closed_database_are_compiled_anew) {
-  sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, "abc");
-  const SQL_query* entry = sdbl().lookup_insert_sql_query("INSERT INTO t VALUES ($a, @b)", 0);
+  insert(1, "abc");
+  const SQL_query* entry = sdbl().lookup_insert_sql_query(INSERT, 0);
   sdbl().close_db();
   for (sqlite3_stmt* stmt : entry->stmt)
     EXPECT_EQ(stmt, nullptr);
   sdbl().open_db();
-  EXPECT_NE(sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 2, "abc"), nullptr);
+  EXPECT_NE(insert(2, "abc"), nullptr);
   EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
 }
 
 TEST_F(Sql, closed_database_fails_without_crashing) {
   sdbl().close_db();
-  verbosity_kelvo = -1;
-  int value = -5;
-  std::string text = "before";
+  const support::Verbosity quiet(-1);
   EXPECT_EQ(sdbl().sql_exec(nullptr, "SELECT 1"), SQLITE_MISUSE);
-  const std::string printed = stderr_of([&] {
-    EXPECT_EQ(sdbl().sql_get_int(&value, 0, "SELECT 1"), SQLITE_MISUSE);
-    EXPECT_EQ(sdbl().sql_get_txt(&text, 0, "SELECT 'a'"), 1);
-  });
-  EXPECT_THAT(printed, HasSubstr("SQL_get_int/compile error 21: "));
+  EXPECT_THAT(got(-1, -5, "SELECT 1"),
+              StartsWith(std::to_string(SQLITE_MISUSE) + " -5 SQL_get_int/compile error 21: "));
+  EXPECT_THAT(got(-1, std::string("before"), "SELECT 'a'"), StartsWith("1 before "));
   EXPECT_FALSE(sdbl().sql_row_exists("SELECT 1"));
   EXPECT_EQ(sdbl().sql_cache(true, 0, "SELECT 1"), nullptr);
   EXPECT_EQ(sdbl().pat_for_network(0, 1, 1, 1, 1, 1, 1), 0);
   EXPECT_EQ(sdbl().update_master_scan_data(0, 1, 1, 1, SCAN_PAT), 0);
   EXPECT_EQ(sdbl().remove_old_entries(0, false), 0);
-  EXPECT_EQ(value, -5);
-  EXPECT_EQ(text, "before");
   sdbl().open_db();
 }

@@ -42,6 +42,15 @@ inline support::Texts after(const std::string& start, const std::string& trace) 
   return all;
 }
 
+// start+duration:id of every event that is remembered
+inline support::Texts events_in(const std::vector<EPG_cache*>& cache) {
+  support::Texts all;
+  for (const EPG_cache* event : cache)
+    all.push_back(std::to_string(event->start_epoch) + "+" + std::to_string(event->dur_sec) + ":" +
+                  std::to_string(event->ev_id));
+  return all;
+}
+
 // A test that is a database: sdbl(), rows(), run() and number() are its own.
 class Database_test : public testing::Test, protected support::Database {
  protected:

@@ -10,6 +10,7 @@
 
 #include "db_support.h"
 
+using db_support::events_in;
 using support::messages_at;
 using support::prints_only_from;
 using support::stderr_of;
@@ -19,15 +20,6 @@ using testing::MatchesRegex;
 using testing::StartsWith;
 
 namespace {
-
-// start+duration:id of every entry
-Texts shown(const std::vector<EPG_cache*>& cache) {
-  Texts all;
-  for (const EPG_cache* event : cache)
-    all.push_back(std::to_string(event->start_epoch) + "+" + std::to_string(event->dur_sec) + ":" +
-                  std::to_string(event->ev_id));
-  return all;
-}
 
 class Epg : public db_support::Database_test {
  protected:
@@ -176,7 +168,7 @@ TEST_F(Epg_cache, the_lowest_address_that_a_program_can_have_is_a_cache) {
     GTEST_SKIP() << "the address cannot be had";
   auto* cache = new (place) Cache;
   EXPECT_EQ(messages_at(0, [&] { sdbl().lookup_epg_cache(cache, 1, 100, 50, &changed_, &overlap_); }), "");
-  EXPECT_EQ(shown(*cache), (Texts{"100+50:1"}));
+  EXPECT_EQ(events_in(*cache), (Texts{"100+50:1"}));
   for (EPG_cache* event : *cache)
     delete event;
   cache->~Cache();
@@ -188,7 +180,7 @@ TEST_F(Epg_cache, the_same_slot_with_a_new_id_is_changed_in_place) {
   EPG_cache* const entry = sc_.epg[0];
   EXPECT_EQ(looked_up(2, 100, 50), "0 changed");
   EXPECT_EQ(sc_.epg, (std::vector<EPG_cache*>{entry}));
-  EXPECT_EQ(shown(sc_.epg), (Texts{"100+50:2"}));
+  EXPECT_EQ(events_in(sc_.epg), (Texts{"100+50:2"}));
   EXPECT_EQ(lookup(2, 100, 50), 1);
 }
 
@@ -211,14 +203,14 @@ TEST_F(Epg_cache, an_event_overlaps_where_its_start_lies_within_another) {
     clear();
     EXPECT_EQ(looked_up(1, 100, 50), "0");
     EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), c.result);
-    EXPECT_EQ(shown(sc_.epg), c.cache);
+    EXPECT_EQ(events_in(sc_.epg), c.cache);
   }
 }
 
 TEST_F(Epg_cache, entries_are_kept_in_order_of_start) {
   for (const int start : {500, 100, 300, -200, 400})
     lookup(start, start, 10);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"-200+10:-200", "100+10:100", "300+10:300", "400+10:400", "500+10:500"}));
+  EXPECT_EQ(events_in(sc_.epg), (Texts{"-200+10:-200", "100+10:100", "300+10:300", "400+10:400", "500+10:500"}));
 }
 
 TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
@@ -227,7 +219,7 @@ TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
     clear();
     for (const int start : starts)
       EXPECT_EQ(looked_up(start, start, 60), "0");
-    EXPECT_EQ(shown(sc_.epg), (Texts{"-60+60:-60", "0+60:0", "60+60:60", "120+60:120", "300+60:300"}));
+    EXPECT_EQ(events_in(sc_.epg), (Texts{"-60+60:-60", "0+60:0", "60+60:60", "120+60:120", "300+60:300"}));
     for (const int start : starts)
       EXPECT_EQ(lookup(start, start, 60), 1);
   } while (std::next_permutation(starts.begin(), starts.end()));
@@ -255,7 +247,7 @@ TEST_F(Epg_cache, thousands_of_events_are_all_found_again) {
 TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
   for (int i = 0; i < 5; ++i)
     EXPECT_EQ(lookup(1, 100, 0), 0);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"100+0:1"}));
+  EXPECT_EQ(events_in(sc_.epg), (Texts{"100+0:1"}));
   lookup(2, 100, 0);
   EXPECT_EQ(sc_.epg.size(), 2u);
 }
@@ -263,14 +255,14 @@ TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
 TEST_F(Epg_cache, events_of_one_start_and_id_with_other_durations_are_several) {
   for (const int duration : {0, -60, -90, 0, -60, -90})
     lookup(1, 1000, duration);
-  EXPECT_EQ(shown(sc_.epg), (Texts{"1000+0:1", "1000+-60:1", "1000+-90:1"}));
+  EXPECT_EQ(events_in(sc_.epg), (Texts{"1000+0:1", "1000+-60:1", "1000+-90:1"}));
 }
 
 TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
   lookup(1, 0, 1000);
   for (int i = 0; i < 5; ++i)
     EXPECT_EQ(looked_up(2, 100, 10), "0 overlap");
-  EXPECT_EQ(shown(sc_.epg), (Texts{"0+1000:1", "100+10:2"}));
+  EXPECT_EQ(events_in(sc_.epg), (Texts{"0+1000:1", "100+10:2"}));
 }
 
 TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
@@ -396,7 +388,7 @@ TEST_F(Epg_store, an_event_over_a_remembered_one_takes_its_place) {
               c.printed);
     EXPECT_EQ(events(), Texts{c.stored});
     EXPECT_EQ(rows("SELECT * FROM epglist_lang"), Texts{});
-    EXPECT_EQ(shown(sc_.epg), Texts{c.remembered});
+    EXPECT_EQ(events_in(sc_.epg), Texts{c.remembered});
   }
 }
 
@@ -415,7 +407,7 @@ TEST_F(Epg_store, ends_beyond_32_bits_are_limited) {
             "Delete ch 7 from 2147483597 - 2147483647\n"
             "Deleted 2147483547 -2147483647  No event description\n");
   EXPECT_EQ(events(), (Texts{"2147483597|2147483647"}));
-  EXPECT_EQ(shown(sc_.epg), Texts{});
+  EXPECT_EQ(events_in(sc_.epg), Texts{});
 }
 
 TEST_F(Epg_store, events_are_traced) {
@@ -545,7 +537,7 @@ TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
     }
     store(c.start, c.duration);
     EXPECT_EQ(deleted(3, false), std::string("Delete ch 7 from 1000 - 1100\n") + c.printed);
-    EXPECT_EQ(shown(sc_.epg), c.remembered);
+    EXPECT_EQ(events_in(sc_.epg), c.remembered);
     clear();
     lookup(1, 900, 200);
   }

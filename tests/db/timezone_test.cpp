@@ -4,53 +4,53 @@
 #include "db_support.h"
 #include "support/softdvb.h"
 
-using db_support::number;
-using db_support::run;
 using support::messages_at;
-using support::stderr_of;
+using testing::EndsWith;
 
 namespace {
 
 constexpr char SOURCE[] = "/tmp/zoneinfo/timezone.txt";
 constexpr char INSTALLED[] = "/dvbfiles/localtime";
-constexpr int FREQ = 506000000;
 
 // Under the launcher, where /tmp/zoneinfo and /dvbfiles are folders of the sandbox. Only this process's idea of the
 // zone is changed.
-class Timezone : public testing::Test {
+class Timezone : public db_support::Database_test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(support::under_softdvb());
     std::filesystem::remove_all("/tmp/zoneinfo");
     std::filesystem::create_directories("/dvbfiles");
     std::filesystem::remove(INSTALLED);
-    sdbl_ = std::make_unique<Sdbl>(dir_.file("a.db").c_str());
-    run(*sdbl_, "INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 2, 1, 'levira')");
+    run("INSERT INTO kanalid (freq, hf_conn, dvb_type, network_name) VALUES (506000000, 2, 1, 'levira')");
     zone("EET-2");
   }
   void TearDown() override {
-    verbosity_kelvo = 0;
     unsetenv("TZ");
     tzset();
   }
   static void zone(const char* tz) { setenv("TZ", tz, 1); }
-  std::string update(int offset_min, const char* name = "EST", int nr = 0, int freq = FREQ) {
-    return messages_at(1, [&] { sdbl_->update_system_timezone(offset_min, name, nr, 1, 2, freq); });
+  std::string update(int offset_min, const char* name = "EST", int nr = 0, int type = TYPE, int conn = CONN,
+                     int freq = FREQ) {
+    return messages_at(1, [&] { sdbl().update_system_timezone(offset_min, name, nr, type, conn, freq); });
   }
+  // The file that the compiler of zones gets, of which the first line names the network.
   static std::string source() { return support::read_file(SOURCE); }
+  static void expect_untouched() { EXPECT_FALSE(std::filesystem::exists(SOURCE)); }
+  void expect_not_installed() {
+    EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+    EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+  }
 
-  support::Temp_dir dir_;
-  std::unique_ptr<Sdbl> sdbl_;
+  static constexpr char CHECKED[] = "WARNING: Checking mux 506000000 provider levira = timezone levira\n";
+  static constexpr char FIRST_LINE[] = "# Automatically generated timezone file for network levira\n";
+  const std::string precious_ = folder().file("precious");
 };
-
-constexpr char CHECKED[] = "WARNING: Checking mux 506000000 provider levira = timezone levira\n";
-constexpr char FIRST_LINE[] = "# Automatically generated timezone file for network levira\n";
 
 }  // namespace
 
 TEST_F(Timezone, the_right_offset_writes_nothing) {
   EXPECT_EQ(update(120), std::string(CHECKED) + "WARNING: Timezone OK\n");
-  EXPECT_FALSE(std::filesystem::exists(SOURCE));
+  expect_untouched();
   EXPECT_FALSE(std::filesystem::exists(INSTALLED));
 }
 
@@ -64,20 +64,13 @@ TEST_F(Timezone, another_offset_writes_compiles_and_installs_the_zone) {
   EXPECT_FALSE(std::filesystem::exists("/tmp/zoneinfo/EST_0"));
 }
 
-TEST_F(Timezone, negative_offsets_carry_a_minus) {
-  update(-90, "PRT", 2);
-  EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone PRT_2 -01:30 - PRT\n");
-}
-
 TEST_F(Timezone, hours_and_minutes_stand_behind_a_minus_or_a_blank) {
-  const struct {
-    int offset_min;
-    const char* field;
-  } cases[] = {{90, " 01:30"}, {345, " 05:45"}, {840, " 14:00"},  {30, " 00:30"},   {1, " 00:01"},
-               {-1, "-00:01"}, {-30, "-00:30"}, {-210, "-03:30"}, {-600, "-10:00"}, {6039, " 100:39"}};
-  for (const auto& c : cases) {
-    update(c.offset_min);
-    EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0 " + c.field + " - EST\n");
+  const std::pair<int, const char*> cases[] = {{90, " 01:30"},   {345, " 05:45"},  {840, " 14:00"},  {30, " 00:30"},
+                                               {1, " 00:01"},    {-1, "-00:01"},   {-30, "-00:30"},  {-90, "-01:30"},
+                                               {-210, "-03:30"}, {-600, "-10:00"}, {6039, " 100:39"}};
+  for (const auto& [offset_min, field] : cases) {
+    update(offset_min, "PRT", 2);
+    EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone PRT_2 " + field + " - PRT\n");
   }
 }
 
@@ -89,8 +82,8 @@ TEST_F(Timezone, the_installed_zone_is_the_one_that_was_broadcast) {
     zone("EET-2");
     update(offset_min, "ABC", 3);
     // The C library reads zones past the sandbox.
-    support::write_file(dir_.file("zone"), support::read_file(INSTALLED));
-    zone((":" + dir_.file("zone")).c_str());
+    support::write_file(folder().file("zone"), support::read_file(INSTALLED));
+    zone((":" + folder().file("zone")).c_str());
     tzset();
     const time_t winter = 1262304000, summer = 1277942400;
     for (const time_t t : {winter, summer}) {
@@ -112,62 +105,62 @@ TEST_F(Timezone, quirk_offset_0_is_written_as_minus_0) {
 
 TEST_F(Timezone, quirk_negative_half_hours_never_match) {
   zone("NST3:30");
-  EXPECT_THAT(update(-210), testing::EndsWith("WARNING: Setting timezone to -210\n"));
+  EXPECT_THAT(update(-210), EndsWith("WARNING: Setting timezone to -210\n"));
   zone("IST-5:30");
-  EXPECT_THAT(update(330), testing::EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(330), EndsWith("WARNING: Timezone OK\n"));
 }
 
 TEST_F(Timezone, quirk_offsets_of_twelve_hours_never_match) {
   zone("NZST-12");
-  EXPECT_THAT(update(720), testing::EndsWith("WARNING: Setting timezone to 720\n"));
+  EXPECT_THAT(update(720), EndsWith("WARNING: Setting timezone to 720\n"));
   zone("TOT-13");
-  EXPECT_THAT(update(780), testing::EndsWith("WARNING: Setting timezone to 780\n"));
+  EXPECT_THAT(update(780), EndsWith("WARNING: Setting timezone to 780\n"));
   zone("BIT12");
-  EXPECT_THAT(update(-720), testing::EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(-720), EndsWith("WARNING: Timezone OK\n"));
   zone("ABC-11:59");
-  EXPECT_THAT(update(719), testing::EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(719), EndsWith("WARNING: Timezone OK\n"));
 }
 
 TEST_F(Timezone, quirk_minutes_of_the_offset_are_not_compared) {
-  EXPECT_THAT(update(179), testing::EndsWith("WARNING: Timezone OK\n"));
-  EXPECT_THAT(update(119), testing::EndsWith("WARNING: Setting timezone to 119\n"));
+  EXPECT_THAT(update(179), EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(119), EndsWith("WARNING: Setting timezone to 119\n"));
 }
 
 TEST_F(Timezone, a_zone_installed_meanwhile_is_seen) {
-  EXPECT_THAT(update(180), testing::EndsWith("WARNING: Setting timezone to 180\n"));
+  EXPECT_THAT(update(180), EndsWith("WARNING: Setting timezone to 180\n"));
   zone("MSK-3");
-  EXPECT_THAT(update(180), testing::EndsWith("WARNING: Timezone OK\n"));
+  EXPECT_THAT(update(180), EndsWith("WARNING: Timezone OK\n"));
 }
 
 TEST_F(Timezone, another_network_changes_nothing) {
-  run(*sdbl_, "UPDATE kanalid SET network_name = 'Levira'");
+  run("UPDATE kanalid SET network_name = 'Levira'");
   EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider Levira = timezone levira\n");
-  EXPECT_FALSE(std::filesystem::exists(SOURCE));
-  sdbl_->set_preferred_provider("Levira");
+  expect_untouched();
+  sdbl().set_preferred_provider("Levira");
   EXPECT_EQ(update(180),
             "WARNING: Checking mux 506000000 provider Levira = timezone Levira\nWARNING: Setting timezone to 180\n");
   EXPECT_EQ(source(), "# Automatically generated timezone file for network Levira\nZone EST_0  03:00 - EST\n");
 }
 
 TEST_F(Timezone, an_unknown_multiplex_or_one_without_a_name_changes_nothing) {
-  EXPECT_EQ(update(180, "EST", 0, FREQ + 1), "");
-  EXPECT_EQ(messages_at(1, [&] { sdbl_->update_system_timezone(180, "EST", 0, 2, 2, FREQ); }), "") << "another type";
-  EXPECT_EQ(messages_at(1, [&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 1, FREQ); }), "")
-      << "another connector";
-  run(*sdbl_, "UPDATE kanalid SET network_name = NULL");
+  EXPECT_EQ(update(180, "EST", 0, TYPE, CONN, FREQ + 1), "");
+  EXPECT_EQ(update(180, "EST", 0, TYPE + 1), "") << "another type";
+  EXPECT_EQ(update(180, "EST", 0, TYPE, CONN - 1), "") << "another connector";
+  run("UPDATE kanalid SET network_name = NULL");
   EXPECT_EQ(update(180), "WARNING: Checking mux 506000000 provider  = timezone levira\n");
-  EXPECT_FALSE(std::filesystem::exists(SOURCE));
+  expect_untouched();
 }
 
 TEST_F(Timezone, texts_are_silent_at_level_0) {
-  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(120, "EST", 0, 1, 2, FREQ); }), "");
-  EXPECT_EQ(stderr_of([&] { sdbl_->update_system_timezone(180, "EST", 0, 1, 2, FREQ); }), "");
+  for (const int offset_min : {120, 180})
+    EXPECT_EQ(messages_at(0, [&] { sdbl().update_system_timezone(offset_min, "EST", 0, TYPE, CONN, FREQ); }), "");
 }
 
 TEST_F(Timezone, odd_country_codes_end_after_the_check_of_the_network) {
   for (const char* name : {"", "../x", "a b", "$(x)", "x;y", "'", "\xc4\xb5", "123456789", "a\nb", "-x", "E.T"}) {
-    EXPECT_EQ(update(180, name), CHECKED) << name;
-    EXPECT_FALSE(std::filesystem::exists(SOURCE)) << name;
+    SCOPED_TRACE(name);
+    EXPECT_EQ(update(180, name), CHECKED);
+    expect_untouched();
   }
   update(180, "Abc45678");
   EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone Abc45678_0  03:00 - Abc45678\n");
@@ -175,38 +168,33 @@ TEST_F(Timezone, odd_country_codes_end_after_the_check_of_the_network) {
 
 TEST_F(Timezone, a_link_in_the_place_of_the_source_is_not_followed) {
   std::filesystem::create_directories("/tmp/zoneinfo");
-  support::write_file(dir_.file("precious"), "keep me");
-  std::filesystem::create_symlink(dir_.file("precious"), SOURCE);
-  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
-  EXPECT_EQ(support::read_file(dir_.file("precious")), "keep me");
-  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+  support::write_file(precious_, "keep me");
+  std::filesystem::create_symlink(precious_, SOURCE);
+  expect_not_installed();
+  EXPECT_EQ(support::read_file(precious_), "keep me");
 }
 
 TEST_F(Timezone, a_link_in_the_place_of_the_folder_is_not_followed) {
-  std::filesystem::create_directories(dir_.file("elsewhere"));
-  std::filesystem::create_directory_symlink(dir_.file("elsewhere"), "/tmp/zoneinfo");
-  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
-  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
-  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+  std::filesystem::create_directories(precious_);
+  std::filesystem::create_directory_symlink(precious_, "/tmp/zoneinfo");
+  expect_not_installed();
+  EXPECT_TRUE(std::filesystem::is_empty(precious_));
 }
 
 TEST_F(Timezone, a_file_in_the_place_of_the_folder_stays) {
   support::write_file("/tmp/zoneinfo", "keep me");
-  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
+  expect_not_installed();
   EXPECT_EQ(support::read_file("/tmp/zoneinfo"), "keep me");
-  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
 }
 
 TEST_F(Timezone, a_pipe_in_the_place_of_the_source_is_not_waited_for) {
   std::filesystem::create_directories("/tmp/zoneinfo");
   ASSERT_EQ(mkfifo((std::string(getenv("SOFTDVB_ROOT")) + SOURCE).c_str(), 0600), 0);
-  EXPECT_EQ(update(180), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
-  EXPECT_FALSE(std::filesystem::exists(INSTALLED));
+  expect_not_installed();
 }
 
 TEST_F(Timezone, the_database_is_not_left_locked) {
   update(120);
-  db_support::Other_connection host(dir_.file("a.db"));
-  EXPECT_EQ(run(host.get(), "UPDATE kanalid SET lcn = 5"), SQLITE_DONE);
-  EXPECT_EQ(number(*sdbl_, "SELECT lcn FROM kanalid"), 5);
+  EXPECT_EQ(db_support::Other_connection(file()).run("UPDATE kanalid SET lcn = 5"), SQLITE_DONE);
+  EXPECT_EQ(number("SELECT lcn FROM kanalid"), 5);
 }

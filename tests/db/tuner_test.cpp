@@ -7,13 +7,13 @@
 
 using db_support::statements;
 using support::messages_at;
+using support::prints_only_from;
 using support::stderr_of;
 using support::Texts;
 using testing::HasSubstr;
 
 namespace {
 
-constexpr int FREQ = 506000000;
 constexpr char LINE[] = "Fr:  506000000 Bw:  0 CrH:  3 CrL:  3 Mod:  3 TrM:  2 Grd:  0 Hir:  0";
 
 struct Fields {
@@ -26,15 +26,6 @@ struct Fields {
   int transmission_mode = 1;
 };
 
-class Tuner_table : public db_support::Database_test {
- protected:
-  void store(const Fields& f, int type = 1, int connector = 1, int freq = FREQ) {
-    sdbl().terrestrial_tuner_info(type, connector, freq, f.bandwidth, f.constellation, f.hierarchy, f.code_rate_hp,
-                                  f.code_rate_lp, f.guard_interval, f.transmission_mode);
-  }
-  Texts lines() { return rows("SELECT tuner_params FROM tuner_table"); }
-};
-
 // The numbers in the order of a line, behind the frequency and the inversion.
 std::string shown(const dvb_frontend_parameters& p) {
   std::ostringstream out;
@@ -43,6 +34,31 @@ std::string shown(const dvb_frontend_parameters& p) {
       << p.u.ofdm.guard_interval << " " << p.u.ofdm.hierarchy_information;
   return out.str();
 }
+
+const dvb_frontend_parameters BEFORE = [] {
+  dvb_frontend_parameters all{};
+  all.frequency = 7;
+  all.inversion = INVERSION_AUTO;
+  all.u.ofdm = {BANDWIDTH_AUTO,      FEC_AUTO,      FEC_AUTO, QAM_AUTO, TRANSMISSION_MODE_4K,
+                GUARD_INTERVAL_AUTO, HIERARCHY_AUTO};
+  return all;
+}();
+const std::string UNTOUCHED = "0 " + shown(BEFORE);
+
+class Tuner_table : public db_support::Database_test {
+ protected:
+  void store(const Fields& f, int type = 1, int connector = 1, int freq = FREQ) {
+    sdbl().terrestrial_tuner_info(type, connector, freq, f.bandwidth, f.constellation, f.hierarchy, f.code_rate_hp,
+                                  f.code_rate_lp, f.guard_interval, f.transmission_mode);
+  }
+  Texts lines() { return rows("SELECT tuner_params FROM tuner_table"); }
+  // The result, and what has become of parameters that were BEFORE.
+  std::string filled(int freq, int connector = 1) {
+    dvb_frontend_parameters out = BEFORE;
+    const int result = sdbl().fill_frontend_control(connector, 1, freq, &out);
+    return std::to_string(result) + " " + shown(out);
+  }
+};
 
 // One field, the values it may have and what is stored for each; then values that it may not have.
 struct Mapping {
@@ -60,6 +76,7 @@ const Mapping MAPPINGS[] = {
     {"code rate HP", &Fields::code_rate_hp, "CrH: ", {{0, 1}, {1, 2}, {2, 3}, {3, 5}, {4, 7}}, {5, 6, 7, -1, INT_MAX}},
     {"code rate LP", &Fields::code_rate_lp, "CrL: ", {{0, 1}, {1, 2}, {2, 3}, {3, 5}, {4, 7}}, {5, 6, 7, -1, INT_MAX}},
     {"guard interval", &Fields::guard_interval, "Grd: ", {{0, 0}, {1, 1}, {2, 2}, {3, 3}}, {4, -1, INT_MAX, INT_MIN}},
+    {"transmission mode", &Fields::transmission_mode, "TrM: ", {}, {3, 4, -1, INT_MAX}},
 };
 
 }  // namespace
@@ -96,41 +113,26 @@ TEST_F(Tuner_table, quirk_transmission_modes_1_and_2_are_exchanged) {
 }
 
 TEST_F(Tuner_table, every_invalid_value_stores_nothing_and_warns) {
-  std::vector<Mapping> mappings(std::begin(MAPPINGS), std::end(MAPPINGS));
-  mappings.push_back({"transmission mode", &Fields::transmission_mode, "", {}, {3, 4, -1, INT_MAX}});
-  for (const Mapping& mapping : mappings)
+  for (const Mapping& mapping : MAPPINGS)
     for (const int value : mapping.invalid) {
       Fields fields;
       fields.*mapping.field = value;
-      EXPECT_EQ(messages_at(0, [&] { store(fields); }), "");
-      EXPECT_EQ(messages_at(1, [&] { store(fields); }), "WARNING: Incorrect parameters for linux-dvb\n")
+      EXPECT_THAT([&] { store(fields); }, prints_only_from(1, "WARNING: Incorrect parameters for linux-dvb\n"))
           << mapping.legend << " " << value;
     }
   EXPECT_EQ(lines(), Texts{});
 }
 
-TEST_F(Tuner_table, storing_warns_with_the_line) {
-  EXPECT_EQ(stderr_of([&] { store(Fields{}); }), "");
-  EXPECT_EQ(messages_at(1, [&] { store(Fields{}, 1, 1, FREQ); }),
-            std::string("WARNING: Dvb parameters ") + LINE + "\n");
-}
-
-TEST_F(Tuner_table, the_same_parameters_again_change_nothing) {
-  store(Fields{});
-  EXPECT_THAT(messages_at(1, [&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
+TEST_F(Tuner_table, the_same_parameters_again_change_nothing_and_other_ones_in_any_field_are_another_line) {
+  EXPECT_THAT([&] { store(Fields{}); }, prints_only_from(1, std::string("WARNING: Dvb parameters ") + LINE + "\n"));
   EXPECT_EQ(lines(), (Texts{LINE}));
-}
-
-TEST_F(Tuner_table, another_value_in_any_field_is_another_line) {
-  store(Fields{});
-  verbosity_kelvo = 1;
-  for (int Fields::*field : {&Fields::bandwidth, &Fields::constellation, &Fields::hierarchy, &Fields::code_rate_hp,
-                             &Fields::code_rate_lp, &Fields::guard_interval, &Fields::transmission_mode}) {
+  for (const Mapping& mapping : MAPPINGS) {
     Fields changed;
-    changed.*field = changed.*field == 1 ? 0 : 1;
-    EXPECT_THAT(stderr_of([&] { store(changed); }), HasSubstr("WARNING: Updating parameters for dvb-t tuner\n"));
+    changed.*mapping.field = changed.*mapping.field == 1 ? 0 : 1;
+    EXPECT_THAT(messages_at(1, [&] { store(changed); }), HasSubstr("WARNING: Updating parameters for dvb-t tuner\n"))
+        << mapping.legend;
   }
-  EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
+  EXPECT_THAT(messages_at(1, [&] { store(Fields{}); }), testing::Not(HasSubstr("Updating")));
 }
 
 TEST_F(Tuner_table, quirk_a_stored_line_is_never_updated) {
@@ -178,31 +180,25 @@ TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
   EXPECT_EQ(traced([&] { (void)sdbl().fill_frontend_control(1, 2, FREQ, &out); }), Texts{select});
 }
 
-TEST_F(Tuner_table, connector_and_type_equal_find_the_line_again) {
-  store(Fields{});
-  dvb_frontend_parameters out{};
-  out.inversion = INVERSION_AUTO;
-  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ, &out), 1);
-  EXPECT_EQ(shown(out), "506000000 0: 0 3 3 3 2 0 0");
-}
-
-TEST_F(Tuner_table, each_number_of_a_line_fills_the_field_of_its_label) {
-  run("INSERT INTO tuner_table VALUES (5, 1, 1, "
-      "'Fr:  177500000 Bw:  1 CrH:  2 CrL:  3 Mod:  6 TrM:  4 Grd:  5 Hir:  7')");
-  dvb_frontend_parameters out;
-  std::memset(&out, 0x5A, sizeof out);
-  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, 5, &out), 1);
-  EXPECT_EQ(shown(out), "177500000 0: 1 2 3 6 4 5 7");
-}
-
-TEST_F(Tuner_table, an_unknown_frequency_fills_nothing) {
-  store(Fields{});
-  dvb_frontend_parameters out;
-  std::memset(&out, 0x5A, sizeof out);
-  const dvb_frontend_parameters before = out;
-  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ + 1, &out), 0);
-  EXPECT_EQ(sdbl().fill_frontend_control(2, 1, FREQ, &out), 0);
-  EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
+TEST_F(Tuner_table, each_number_of_a_line_fills_the_field_of_its_label_and_the_inversion_is_off) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"a stored line", "", "1 506000000 0: 0 3 3 3 2 0 0"},
+      {"another value in each", "Fr:  177500000 Bw:  1 CrH:  2 CrL:  3 Mod:  6 TrM:  4 Grd:  5 Hir:  7",
+       "1 177500000 0: 1 2 3 6 4 5 7"},
+      {"fewer numbers", "Fr:  506000000 Bw:  1 CrH:  2 nonsense", "1 506000000 0: 1 2 9 6 3 4 4"},
+      {"nonsense", "hello", "1 7 0: 3 9 9 6 3 4 4"},
+  };
+  for (const auto& [legend, line, expected] : cases) {
+    run("DELETE FROM tuner_table");
+    store(Fields{});
+    if (*line != 0)
+      run(std::string("UPDATE tuner_table SET tuner_params = '") + line + "'");
+    EXPECT_EQ(filled(FREQ), expected) << legend;
+    EXPECT_EQ(filled(FREQ + 1), UNTOUCHED) << legend << ", another frequency";
+    EXPECT_EQ(filled(FREQ, 2), UNTOUCHED) << legend << ", another connector";
+  }
+  run("UPDATE tuner_table SET tuner_params = NULL");
+  EXPECT_EQ(filled(FREQ), "1 7 0: 3 9 9 6 3 4 4");
 }
 
 TEST_F(Tuner_table, quirk_connector_and_type_are_exchanged_in_lookups) {
@@ -222,28 +218,6 @@ TEST_F(Tuner_table, quirk_connector_and_type_different_store_once_and_then_fail_
   EXPECT_EQ(lines(), (Texts{LINE}));
 }
 
-TEST_F(Tuner_table, a_line_with_fewer_numbers_fills_what_it_has) {
-  run("INSERT INTO tuner_table VALUES (5, 1, 1, 'Fr:  506000000 Bw:  1 CrH:  2 nonsense')");
-  dvb_frontend_parameters out{};
-  out.u.ofdm.code_rate_LP = FEC_AUTO;
-  out.u.ofdm.guard_interval = GUARD_INTERVAL_1_4;
-  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, 5, &out), 1);
-  EXPECT_EQ(shown(out), "506000000 0: 1 2 9 0 0 3 0");
-}
-
-TEST_F(Tuner_table, a_line_of_nonsense_fills_only_the_inversion) {
-  run("INSERT INTO tuner_table VALUES (5, 1, 1, 'hello')");
-  run("INSERT INTO tuner_table VALUES (6, 1, 1, NULL)");
-  for (const int freq : {5, 6}) {
-    dvb_frontend_parameters out{};
-    out.frequency = 77;
-    out.inversion = INVERSION_AUTO;
-    EXPECT_EQ(sdbl().fill_frontend_control(1, 1, freq, &out), 1);
-    EXPECT_EQ(out.frequency, 77u);
-    EXPECT_EQ(out.inversion, INVERSION_OFF);
-  }
-}
-
 TEST_F(Tuner_table, quirk_a_failing_database_returns_non_zero_and_fills_nothing) {
   run("DROP TABLE tuner_table");
   dvb_frontend_parameters out;
@@ -261,7 +235,5 @@ TEST_F(Tuner_table, parameters_outlive_the_connection) {
   store(Fields{});
   sdbl().close_db();
   sdbl().open_db();
-  dvb_frontend_parameters out{};
-  EXPECT_EQ(sdbl().fill_frontend_control(1, 1, FREQ, &out), 1);
-  EXPECT_EQ(out.frequency, 506000000u);
+  EXPECT_EQ(filled(FREQ), "1 506000000 0: 0 3 3 3 2 0 0");
 }

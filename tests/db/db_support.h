@@ -51,6 +51,15 @@ inline support::Texts events_in(const std::vector<EPG_cache*>& cache) {
   return all;
 }
 
+// An event of a minute, as a broadcast of this channel; what storing it returns.
+inline int store_event(Sdbl& sdbl, int channel, int64_t start, int ev_id = 1, std::string content = "0.0.0.0") {
+  SQL_cache service{};
+  service.channel = channel;
+  std::string rating = "0@est";
+  return sdbl.eit_for_service(1, 2, 506000000, 10, &service, 0x20100101, 0x000000, 0x000100, static_cast<long>(start),
+                              60, 4, 0, ev_id, &content, &rating, false, false);
+}
+
 // A test that is a database: sdbl(), rows(), run() and number() are its own.
 class Database_test : public testing::Test, protected support::Database {
  protected:

@@ -19,51 +19,27 @@ TEST(Errors, failures_of_a_file_are_those_that_lose_or_hide_what_is_stored) {
     EXPECT_FALSE(sdbl::is_file_failure(rc)) << rc;
 }
 
-TEST(Errors, each_report_has_its_text_and_returns_the_code) {
-  sdbl::Errors errors;
-  int rc = 0;
-  EXPECT_THAT(
-      [&] {
-        rc = errors.report_exec(1, {"name", 7});
-      },
-      prints_only_from(0, "ERROR: SQL_exec: 1 @ name line 7\n"));
-  EXPECT_EQ(rc, 1);
-  EXPECT_THAT(
-      [&] {
-        rc = errors.report_run(2, {"name", 7});
-      },
-      prints_only_from(0, "ERROR: SQLite RUN rc 2 at name, 7\n"));
-  EXPECT_EQ(rc, 2);
-  EXPECT_THAT(
-      [&] {
-        rc = errors.report_reset(3, {"name", 7});
-      },
-      prints_only_from(0, "ERROR: SQLite reset rc 3 at name, 7\n"));
-  EXPECT_EQ(rc, 3);
-  EXPECT_THAT(
-      [&] {
-        rc = errors.report_get_int(4, {"name", 7});
-      },
-      prints_only_from(0, "ERROR: SQL_get_int: 4 @ name line 7\n"));
-  EXPECT_EQ(rc, 4);
-  EXPECT_THAT(
-      [&] {
-        rc = errors.report_get_txt(5, {"name", 7});
-      },
-      prints_only_from(0, "ERROR: SQL_get_txt: 5 @ name, 7\n"));
-  EXPECT_EQ(rc, 5);
-}
-
-TEST(Errors, success_is_silent_and_a_row_is_none_for_a_reset) {
-  sdbl::Errors errors;
-  for (const int rc : {0, 100, 101}) {
-    EXPECT_THAT([&] { errors.report_exec(rc, "name"); }, prints_at(4, ""));
-    EXPECT_THAT([&] { errors.report_run(rc, "name"); }, prints_at(4, ""));
-    EXPECT_THAT([&] { errors.report_get_int(rc, "name"); }, prints_at(4, ""));
-    EXPECT_THAT([&] { errors.report_get_txt(rc, "name"); }, prints_at(4, ""));
+TEST(Errors, each_report_returns_its_code_and_prints_its_text_unless_that_is_a_success) {
+  using sdbl::Errors;
+  const struct {
+    int (Errors::*report)(int, sdbl::Operation);
+    const char* text;
+    std::vector<int> silent;
+  } cases[] = {
+      {&Errors::report_exec, "ERROR: SQL_exec: 7 @ name line 3\n", {0, 100, 101}},
+      {&Errors::report_run, "ERROR: SQLite RUN rc 7 at name, 3\n", {0, 100, 101}},
+      {&Errors::report_reset, "ERROR: SQLite reset rc 7 at name, 3\n", {0}},
+      {&Errors::report_get_int, "ERROR: SQL_get_int: 7 @ name line 3\n", {0, 100, 101}},
+      {&Errors::report_get_txt, "ERROR: SQL_get_txt: 7 @ name, 3\n", {0, 100, 101}},
+  };
+  Errors errors;
+  const sdbl::Operation operation("name", 3);
+  for (const auto& c : cases) {
+    EXPECT_THAT([&] { EXPECT_EQ((errors.*c.report)(7, operation), 7); }, prints_only_from(0, c.text));
+    for (const int rc : c.silent)
+      EXPECT_THAT([&] { EXPECT_EQ((errors.*c.report)(rc, operation), rc); }, prints_at(4, "")) << c.text;
   }
-  EXPECT_THAT([&] { errors.report_reset(0, "name"); }, prints_at(4, ""));
-  EXPECT_THAT([&] { errors.report_reset(101, {"name", 7}); }, prints_at(0, "ERROR: SQLite reset rc 101 at name, 7\n"));
+  EXPECT_THAT([&] { errors.report_reset(101, operation); }, prints_at(0, "ERROR: SQLite reset rc 101 at name, 3\n"));
 }
 
 TEST(Errors, a_bare_name_takes_the_line_that_it_stands_on) {
@@ -73,7 +49,11 @@ TEST(Errors, a_bare_name_takes_the_line_that_it_stands_on) {
 TEST(Errors, the_first_failure_stays_and_each_adapter_forgets_for_itself) {
   sdbl::Errors errors;
   Database_error error;
-  EXPECT_FALSE(errors.first_since_watch(3, &error));
+  const auto since_watch = [&](int adapter) {
+    const bool any = errors.first_since_watch(adapter, &error);
+    return any ? std::to_string(error.code) + " " + error.operation : "none";
+  };
+  EXPECT_EQ(since_watch(3), "none");
   errors.remember(SQLITE_FULL, "first");
   errors.remember(SQLITE_BUSY, "second");
   errors.watch(1);
@@ -82,26 +62,20 @@ TEST(Errors, the_first_failure_stays_and_each_adapter_forgets_for_itself) {
   errors.remember(SQLITE_CORRUPT, "fourth");
   ASSERT_TRUE(errors.first(&error));
   EXPECT_STREQ(error.operation, "fourth");
-  ASSERT_TRUE(errors.first_since_watch(0, &error));
-  EXPECT_STREQ(error.operation, "first");
-  ASSERT_TRUE(errors.first_since_watch(1, &error));
-  EXPECT_STREQ(error.operation, "third");
-  EXPECT_EQ(error.code, SQLITE_IOERR_WRITE);
-  EXPECT_FALSE(errors.first_since_watch(4, &error));
-  EXPECT_FALSE(errors.first_since_watch(-1, &error));
+  EXPECT_EQ(since_watch(0), std::to_string(SQLITE_FULL) + " first");
+  EXPECT_EQ(since_watch(1), std::to_string(SQLITE_IOERR_WRITE) + " third");
+  EXPECT_EQ(since_watch(4), "none");
+  EXPECT_EQ(since_watch(-1), "none");
 }
 
 TEST(Errors, a_full_guide_is_told_of_the_operation_that_failed_first) {
-  sdbl::Errors errors;
-  Database_error error;
-  errors.remember(SQLITE_FULL, "export");
-  errors.remember_full_guide("event");
-  ASSERT_TRUE(errors.first(&error));
-  EXPECT_FALSE(error.guide_full);
-  errors.forget();
-  errors.remember(SQLITE_FULL, "event");
-  errors.remember_full_guide("event");
-  ASSERT_TRUE(errors.first(&error));
-  EXPECT_TRUE(error.guide_full);
-  EXPECT_EQ(error.code, SQLITE_FULL);
+  for (const std::string failed : {"export", "event"}) {
+    sdbl::Errors errors;
+    Database_error error;
+    errors.remember(SQLITE_FULL, failed.c_str());
+    errors.remember_full_guide("event");
+    ASSERT_TRUE(errors.first(&error));
+    EXPECT_EQ(error.guide_full, failed == "event");
+    EXPECT_EQ(error.code, SQLITE_FULL);
+  }
 }

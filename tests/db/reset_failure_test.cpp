@@ -7,12 +7,11 @@
 
 #include "db_support.h"
 
-using support::stderr_of;
+using support::messages_at;
 using testing::MatchesRegex;
 
 namespace {
 
-constexpr int FREQ = 506000000;
 std::string failing_statement;  // how it begins; empty for none
 
 }  // namespace
@@ -36,9 +35,9 @@ class Reset_failure : public db_support::Database_test {
 
   // What `action` prints while the reset of this statement fails.
   template <typename Action>
-  static std::string printed(const std::string& statement, const Action& action) {
+  static std::string printed(const std::string& statement, const Action& action, int level = 0) {
     failing_statement = statement;
-    std::string text = stderr_of(action);
+    std::string text = messages_at(level, action);
     failing_statement.clear();
     return text;
   }
@@ -69,49 +68,42 @@ TEST_F(Reset_failure, of_tuning_parameters_is_printed_with_the_fixed_line_number
   EXPECT_EQ(out.frequency, 506000000u);
   EXPECT_EQ(printed(SELECT, store(1)), error + "terrestrial_tuner_info, 1962\n") << "after the update";
   EXPECT_EQ(printed(SELECT, store(0)), error + "terrestrial_tuner_info, 1962\n") << "the same parameters";
-  verbosity_kelvo = -1;
-  EXPECT_EQ(printed(SELECT, fill(1)) + printed(SELECT, store(1)) + printed(SELECT, store(0)), "");
+  EXPECT_EQ(printed(SELECT, fill(1), -1) + printed(SELECT, store(1), -1) + printed(SELECT, store(0), -1), "");
 }
 
 TEST_F(Reset_failure, of_the_merge_is_printed_with_its_name_and_the_merge_goes_on) {
-  const char* const statements[] = {
-      "SELECT network_id, orig_network_id, tstream_id FROM kanalid_scan_0",
-      "SELECT channel, network_id, orig_network_id, tstream_id, pat_prnr FROM kanalid_scan_0",
-      "SELECT channel FROM kanalid WHERE network_id",
-      "SELECT network_id FROM kanalid WHERE channel",
-      "SELECT channel FROM kanalid WHERE hf_conn",
-      "SELECT s.oid, e.oid FROM  estreams e, estreams_scan_0 s",
-  };
+  const auto merge = [&] { return sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); };
   scan();
-  EXPECT_EQ(sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT), 2 | 32);
-  for (const char* statement : statements) {
+  EXPECT_EQ(merge(), 2 | 32);
+  for (const char* statement :
+       {"SELECT network_id, orig_network_id, tstream_id FROM kanalid_scan_0",
+        "SELECT channel, network_id, orig_network_id, tstream_id, pat_prnr FROM kanalid_scan_0",
+        "SELECT channel FROM kanalid WHERE network_id", "SELECT network_id FROM kanalid WHERE channel",
+        "SELECT channel FROM kanalid WHERE hf_conn", "SELECT s.oid, e.oid FROM  estreams e, estreams_scan_0 s"}) {
+    SCOPED_TRACE(statement);
     run("UPDATE kanalid SET scan_state = 0");
     scan();
     run("UPDATE estreams_scan_0 SET p1 = p1 + 1 + (SELECT max(p1) FROM estreams)");
-    int result = 0;
-    EXPECT_THAT(printed(statement, [&] { result = sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }),
-                MatchesRegex("ERROR: SQLite reset rc 5 at update_master_scan_data, [0-9]+\n"))
-        << statement;
-    EXPECT_EQ(result, 2 | 32 | 16) << statement;
+    EXPECT_THAT(printed(statement, [&] { EXPECT_EQ(merge(), 2 | 32 | 16); }),
+                MatchesRegex("ERROR: SQLite reset rc 5 at update_master_scan_data, [0-9]+\n"));
   }
   scan();
-  verbosity_kelvo = -1;
-  EXPECT_EQ(printed("SELECT", [&] { (void)sdbl().update_master_scan_data(0, 1, 1, FREQ, SCAN_PAT); }), "");
+  EXPECT_EQ(printed(
+                "SELECT", [&] { (void)merge(); }, -1),
+            "");
 }
 
 TEST_F(Reset_failure, of_the_guide_list_is_printed_and_the_list_is_built) {
   run("INSERT INTO kanalid (channel, freq, hf_conn, dvb_type, serv_type) VALUES (7, 506000000, 1, 1, 1)");
   run("INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (7, 3, 1000, 60)");
   for (const char* statement : {"SELECT pat_prnr, pmt_pid, channel, pcr_pid", "SELECT ev_id, start_epoch, dur_sec"}) {
+    SCOPED_TRACE(statement);
     std::list<SQL_cache*> list;
-    EXPECT_THAT(printed(statement, [&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }),
-                MatchesRegex("ERROR: SQLite reset rc 5 at get_eit_scan_list, [0-9]+\n"))
-        << statement;
-    ASSERT_EQ(list.size(), 1u) << statement;
-    EXPECT_EQ(list.front()->epg.size(), 1u) << statement;
-    verbosity_kelvo = -1;
-    EXPECT_EQ(printed(statement, [&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); }), "") << statement;
-    verbosity_kelvo = 0;
+    const auto get = [&] { sdbl().get_eit_scan_list(0, 1, 1, FREQ, &list, SCAN_EIT); };
+    EXPECT_THAT(printed(statement, get), MatchesRegex("ERROR: SQLite reset rc 5 at get_eit_scan_list, [0-9]+\n"));
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list.front()->epg.size(), 1u);
+    EXPECT_EQ(printed(statement, get, -1), "");
     sdbl().clear_eit_scan_list(&list);
   }
 }

@@ -4,32 +4,37 @@
 #include "db/statements.h"
 
 #include "db/sdbl_parts.h"
-#include "support/database.h"
-#include "support/messages.h"
+#include "db_support.h"
 
 using sdbl::Rows;
-using support::messages_at;
 using support::prints_at;
 using support::Texts;
 using testing::MatchesRegex;
 
 namespace {
 
-class Statements : public testing::Test {
+constexpr char INSERT[] = "INSERT INTO t VALUES ($a, @b)";
+
+// The fields of what a run says, in their order.
+std::string shown(const sdbl::Run& run) {
+  return std::to_string(run.result) + " " + std::to_string(run.changes) + " " + std::to_string(run.code) +
+         (run.done ? " done" : "");
+}
+
+class Statements : public db_support::Database_test {
  protected:
-  Statements() { db_.run("CREATE TABLE t (a int UNIQUE, b text)"); }
+  Statements() { run("CREATE TABLE t (a int UNIQUE, b text)"); }
 
-  void insert(int a, const std::string& b) { statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", a, b); }
+  sdbl::Run insert(int a, const std::string& b) { return statements_.run("test", 0, INSERT, a, b); }
 
-  support::Database db_;
-  const sdbl::Statements& statements_ = db_->parts().statements;
+  const sdbl::Statements& statements_ = sdbl().parts().statements;
 };
 
 }  // namespace
 
 TEST_F(Statements, rows_are_read_by_column_and_null_is_an_empty_text) {
   insert(1, "one");
-  db_.run("INSERT INTO t VALUES (2, NULL)");
+  run("INSERT INTO t VALUES (2, NULL)");
   Rows rows(statements_, "test", 0, "SELECT a, b FROM t WHERE a >= $a ORDER BY a", 1);
   ASSERT_TRUE(rows.next());
   EXPECT_EQ(rows.number(0), 1);
@@ -44,45 +49,28 @@ TEST_F(Statements, rows_are_read_by_column_and_null_is_an_empty_text) {
 TEST_F(Statements, a_run_says_what_it_did) {
   insert(1, "one");
   insert(2, "two");
-  const sdbl::Run changed = statements_.run("test", 0, "UPDATE t SET b = @b", "all");
-  EXPECT_EQ(changed.result, 0);
-  EXPECT_EQ(changed.changes, 2);
-  EXPECT_TRUE(changed.done);
-  const sdbl::Run inserted = statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 3, "new");
-  EXPECT_EQ(inserted.rowid, 3);
+  EXPECT_EQ(shown(statements_.run("test", 0, "UPDATE t SET b = @b", "all")), "0 2 101 done");
+  EXPECT_EQ(insert(3, "new").rowid, 3);
 }
 
-TEST_F(Statements, a_failed_step_has_no_changes_and_prints_the_statement) {
+TEST_F(Statements, a_failed_step_has_no_changes_and_prints_the_statement_unless_it_is_silent) {
   insert(1, "one");
-  sdbl::Run run{};
-  EXPECT_THAT([&] { run = statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "again"); },
-              prints_at(0,
-                        "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint "
-                        "failed: t.a\n"));
-  EXPECT_EQ(run.result, 0);
-  EXPECT_EQ(run.changes, 0);
-  EXPECT_EQ(run.code, SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_FALSE(run.done);
-}
-
-TEST_F(Statements, a_silent_run_prints_nothing_about_its_step) {
-  insert(1, "one");
-  sdbl::Run run{};
-  EXPECT_THAT([&] { run = statements_.run_silently("test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "again"); },
+  const std::string failed = "0 0 " + std::to_string(SQLITE_CONSTRAINT_UNIQUE);
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(shown(insert(1, "again")), failed); },
+      prints_at(0,
+                "ERROR: Sqlite_step failed for INSERT INTO t VALUES ($a, @b) , error UNIQUE constraint failed: t.a\n"));
+  EXPECT_THAT([&] { EXPECT_EQ(shown(statements_.run_silently("test", 0, INSERT, 1, "again")), failed); },
               prints_at(0, ""));
-  EXPECT_EQ(run.code, SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_EQ(statements_.run_silently("test", 0, "INSERT INTO t VALUES ($a, @b)", 2, "two").code, SQLITE_DONE);
+  EXPECT_EQ(statements_.run_silently("test", 0, INSERT, 2, "two").code, SQLITE_DONE);
 }
 
 TEST_F(Statements, a_missing_statement_is_reported_but_for_the_forms_that_try) {
-  const char lookup[] =
+  const std::string lookup =
       "ERROR: query DELETE FROM none prepare failed: no such table: none"
       "ERROR: sql_cache lookup failed for DELETE FROM none";
-  sdbl::Run run{};
-  EXPECT_THAT([&] { run = statements_.run("test", 0, "DELETE FROM none"); },
-              prints_at(0, MatchesRegex(std::string(lookup) + "ERROR: SQLite RUN rc 1 at test, [0-9]+\n")));
-  EXPECT_EQ(run.result, 1);
-  EXPECT_EQ(run.code, SQLITE_ERROR);
+  EXPECT_THAT([&] { EXPECT_EQ(shown(statements_.run("test", 0, "DELETE FROM none")), "1 0 1"); },
+              prints_at(0, MatchesRegex(lookup + "ERROR: SQLite RUN rc 1 at test, [0-9]+\n")));
   EXPECT_THAT([&] { statements_.try_run("test", 0, "DELETE FROM none"); }, prints_at(0, lookup));
   EXPECT_THAT([&] { statements_.run_silently("test", 0, "DELETE FROM none"); }, prints_at(0, lookup));
 }
@@ -97,8 +85,8 @@ TEST_F(Statements, a_bound_text_shorter_than_three_bytes_is_empty_and_a_null_one
   insert(1, "ab");
   insert(2, "abc");
   const char* none = nullptr;
-  statements_.run("test", 0, "INSERT INTO t VALUES ($a, @b)", 3, none);
-  EXPECT_EQ(db_.rows("SELECT b FROM t ORDER BY a"), (Texts{"", "abc", ""}));
+  statements_.run("test", 0, INSERT, 3, none);
+  EXPECT_EQ(rows("SELECT b FROM t ORDER BY a"), (Texts{"", "abc", ""}));
 }
 
 TEST_F(Statements, a_statement_left_open_is_reset_by_its_next_use) {
@@ -113,29 +101,29 @@ TEST_F(Statements, a_statement_left_open_is_reset_by_its_next_use) {
 }
 
 TEST_F(Statements, an_insert_keeps_the_values_that_are_not_set_again) {
-  db_.run("CREATE TABLE u (a int, b text, c int)");
+  run("CREATE TABLE u (a int, b text, c int)");
   sdbl::Insert insert(statements_, "test", 0, "INSERT INTO u VALUES ($a, @b, $c)", 1, "one", 7);
   insert.run();
   insert.set("$a", 2);
   insert.set("@b", "tv");
   insert.run();
-  EXPECT_EQ(db_.rows("SELECT * FROM u"), (Texts{"1|one|7", "2|tv|7"}));
+  EXPECT_EQ(rows("SELECT * FROM u"), (Texts{"1|one|7", "2|tv|7"}));
 }
 
 TEST_F(Statements, a_parameter_that_is_not_there_is_an_error_that_names_the_source_without_its_folder) {
-  sdbl::Insert insert(statements_, "test", 0, "INSERT INTO t VALUES ($a, @b)", 1, "one");
+  sdbl::Insert insert(statements_, "test", 0, INSERT, 1, "one");
   EXPECT_THAT([&] { insert.set("$none", 1); },
               prints_at(0, MatchesRegex("ERROR: Cannot bind integer none in statements\\.cpp [0-9]+\n")));
   EXPECT_THAT([&] { insert.set("@none", "x"); },
               prints_at(0, MatchesRegex("ERROR: Cannot bind text none in statements\\.cpp [0-9]+\n")));
   insert.run();
-  EXPECT_EQ(db_.rows("SELECT * FROM t"), (Texts{"1|one"}));
+  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"1|one"}));
 }
 
 TEST_F(Statements, a_statement_of_another_instance_is_compiled_for_its_own_table) {
-  db_.run("CREATE TABLE t_0 (a int)");
-  db_.run("CREATE TABLE t_2 (a int)");
+  run("CREATE TABLE t_0 (a int)");
+  run("CREATE TABLE t_2 (a int)");
   statements_.run("test", 2, "INSERT INTO t_DVBNR VALUES ($a)", 5);
-  EXPECT_EQ(db_.rows("SELECT a FROM t_0"), Texts{});
-  EXPECT_EQ(db_.rows("SELECT a FROM t_2"), (Texts{"5"}));
+  EXPECT_EQ(rows("SELECT a FROM t_0"), Texts{});
+  EXPECT_EQ(rows("SELECT a FROM t_2"), (Texts{"5"}));
 }

@@ -6,27 +6,23 @@
 #include <dlfcn.h>
 #include <sqlite3.h>
 
-#include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
-
 namespace {
 
 std::mutex lock;  // guards the calls
 bool recording = false;
-std::vector<std::string> calls;
+std::string calls;
 std::atomic<long> waited{0};
 std::atomic<time_t> fixed_time{0};
 
 void add(const std::string& call) {
   const std::lock_guard<std::mutex> guard(lock);
   if (recording)
-    calls.push_back(call);
+    calls += call + "\n";
 }
 
+// The function of this name behind the one here.
 template <typename Function>
-Function* next(const char* name) {
+Function* next(const char* name, Function* /* the one here */) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -41,24 +37,23 @@ extern "C" {
 
 int sqlite3_busy_timeout(sqlite3* conn, int ms) {
   add("busy_timeout " + file_of(conn) + " " + std::to_string(ms));
-  return next<int(sqlite3*, int)>("sqlite3_busy_timeout")(conn, ms);
+  return next("sqlite3_busy_timeout", sqlite3_busy_timeout)(conn, ms);
 }
 
 int sqlite3_extended_result_codes(sqlite3* conn, int on) {
   add("extended_result_codes " + file_of(conn) + " " + std::to_string(on));
-  return next<int(sqlite3*, int)>("sqlite3_extended_result_codes")(conn, on);
+  return next("sqlite3_extended_result_codes", sqlite3_extended_result_codes)(conn, on);
 }
 
 int sqlite3_exec(sqlite3* conn, const char* sql, sqlite3_callback callback, void* data, char** message) {
   if (std::strcmp(sql, "PRAGMA synchronous = OFF") == 0)
     add("synchronous_off " + file_of(conn));
-  return next<int(sqlite3*, const char*, sqlite3_callback, void*, char**)>("sqlite3_exec")(conn, sql, callback, data,
-                                                                                           message);
+  return next("sqlite3_exec", sqlite3_exec)(conn, sql, callback, data, message);
 }
 
 int sqlite3_backup_step(sqlite3_backup* backup, int pages) {
   add("backup_step " + std::to_string(pages));
-  return next<int(sqlite3_backup*, int)>("sqlite3_backup_step")(backup, pages);
+  return next("sqlite3_backup_step", sqlite3_backup_step)(backup, pages);
 }
 
 int sqlite3_sleep(int ms) {
@@ -74,13 +69,13 @@ int usleep(useconds_t us) {
 
 int system(const char* command) {
   add(std::string("system ") + command);
-  return next<int(const char*)>("system")(command);
+  return next("system", system)(command);
 }
 
 time_t time(time_t* out) noexcept {
   const time_t fixed = fixed_time;
   if (fixed == 0)
-    return next<time_t(time_t*)>("time")(out);
+    return next("time", time)(out);
   if (out != nullptr)
     *out = fixed;
   return fixed;
@@ -97,16 +92,10 @@ void record() {
   waited = 0;
 }
 
-std::vector<std::string> recorded() {
+std::string recorded() {
   const std::lock_guard<std::mutex> guard(lock);
   recording = false;
   return std::move(calls);
-}
-
-std::vector<std::string> recorded(const std::string& beginning) {
-  std::vector<std::string> all = recorded();
-  std::erase_if(all, [&](const std::string& call) { return !call.starts_with(beginning); });
-  return all;
 }
 
 long waited_us() {

@@ -6,17 +6,15 @@
 #include <time.h>
 
 #include <string>
-#include <vector>
 
 // Calls that the library makes, as it made them: functions of SQLite and of libc are replaced for the whole program.
 // They do what they always do, but for waiting, which takes no time.
 namespace system_calls {
 
-// From here on, what is called: "busy_timeout a_epg.db 2000", "extended_result_codes a.db 1", "synchronous_off a.db",
-// "backup_step -1", "sleep 10", "system rm ...".
+// From here on, what is called, a line each: "busy_timeout a_epg.db 2000", "extended_result_codes a.db 1",
+// "synchronous_off a.db", "backup_step -1", "sleep 10", "system rm ...".
 void record();
-std::vector<std::string> recorded();                              // and forgets it
-std::vector<std::string> recorded(const std::string& beginning);  // only the calls that begin so
+std::string recorded();  // and forgets it
 
 // Microseconds that SQLite has waited for locks since record().
 long waited_us();

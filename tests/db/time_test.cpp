@@ -3,13 +3,10 @@
 
 #include <sys/syscall.h>
 
-#include "base/messages.h"
 #include "db/sdbl.h"
 #include "support/messages.h"
-#include "support/support.h"
 
-using support::messages_at;
-using support::stderr_of;
+using support::prints_only_from;
 
 namespace {
 
@@ -36,72 +33,56 @@ int usec(const timespec& start, const timespec& now) {
 
 }  // namespace
 
-TEST(Bcd, packs_eight_decimal_digits) {
-  EXPECT_EQ(Sdbl::bin_to_bcd(0), 0u);
-  EXPECT_EQ(Sdbl::bin_to_bcd(1234), 0x1234u);
-  EXPECT_EQ(Sdbl::bin_to_bcd(99999999), 0x99999999u);
+TEST(Bcd, packs_eight_decimal_digits_and_loses_those_above) {
+  const std::pair<uint32_t, uint32_t> cases[] = {
+      {0, 0}, {1234, 0x1234}, {99999999, 0x99999999}, {100000000, 0}, {4294967295u, 0x94967295}};
+  for (const auto& [number, bcd] : cases)
+    EXPECT_EQ(Sdbl::bin_to_bcd(number), bcd) << number;
 }
 
-TEST(Bcd, digits_above_the_eighth_are_lost) {
-  EXPECT_EQ(Sdbl::bin_to_bcd(100000000), 0u);
-  EXPECT_EQ(Sdbl::bin_to_bcd(4294967295u), 0x94967295u);
+TEST(Bcd, unpacks_eight_digits_and_adds_the_value_of_nibbles_above_9) {
+  const std::pair<uint32_t, int> cases[] = {{0, 0},     {0x20101115, 20101115},     {0x99999999, 99999999}, {0xA, 10},
+                                            {0x1F, 25}, {0xFFFFFFFF, 15 * 11111111}};
+  for (const auto& [bcd, number] : cases)
+    EXPECT_EQ(Sdbl::bcd_to_int(bcd), number) << bcd;
 }
 
-TEST(Bcd, unpacks_eight_digits) {
-  EXPECT_EQ(Sdbl::bcd_to_int(0), 0);
-  EXPECT_EQ(Sdbl::bcd_to_int(0x20101115), 20101115);
-  EXPECT_EQ(Sdbl::bcd_to_int(0x99999999), 99999999);
-}
-
-TEST(Bcd, nibbles_above_9_add_their_value) {
-  EXPECT_EQ(Sdbl::bcd_to_int(0xA), 10);
-  EXPECT_EQ(Sdbl::bcd_to_int(0x1F), 25);
-  EXPECT_EQ(Sdbl::bcd_to_int(0xFFFFFFFF), 15 * 11111111);
-}
-
-TEST(Epoch, is_utc_whatever_the_zone) {
+TEST(Epoch, is_utc_whatever_the_zone_and_carries_days_and_hours_that_do_not_exist_over) {
+  const struct {
+    const char* legend;
+    int ymd, hms, epoch;
+  } cases[] = {
+      {"a new year", 0x20100101, 0x000000, 1262304000},       {"and later", 0x20100101, 0x010203, 1262304000 + 3723},
+      {"in summer", 0x20100701, 0x120000, 1277985600},        {"the first second", 0x19700101, 0x000000, 0},
+      {"the last of 32 bits", 0x20380119, 0x031407, INT_MAX}, {"the first of 32 bits", 0x19011213, 0x204552, INT_MIN},
+      {"day 32", 0x20091232, 0x000000, 1262304000},           {"hour 24", 0x20091231, 0x240000, 1262304000},
+      {"month 13", 0x20091301, 0x000000, 1262304000},         {"second 165", 0x20100101, 0x0000FF, 1262304000 + 165},
+  };
   for (const char* zone : {"UTC0", "EET-2EEST", "PST8PDT"}) {
     setenv("TZ", zone, 1);
     tzset();
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20100101, 0x000000), 1262304000) << zone;
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20100101, 0x010203), 1262304000 + 3723) << zone;
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20100701, 0x120000), 1277985600) << zone << ", in summer";
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x19700101, 0x000000), 0) << zone;
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20380119, 0x031407), INT_MAX) << zone;
-    EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x19011213, 0x204552), INT_MIN) << zone;
+    for (const auto& c : cases)
+      EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(c.ymd, c.hms), c.epoch) << zone << ": " << c.legend;
   }
   unsetenv("TZ");
   tzset();
 }
 
-TEST(Epoch, days_and_hours_that_do_not_exist_are_carried_over) {
-  EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20091232, 0x000000), 1262304000);
-  EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20091231, 0x240000), 1262304000);
-  EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20091301, 0x000000), 1262304000);
-  EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(0x20100101, 0x0000FF), 1262304000 + 165);
-}
-
 TEST(Epoch, what_does_not_fit_32_bits_is_minus_1_and_printed) {
-  int epoch = 0;
-  EXPECT_EQ(stderr_of([&] { epoch = Sdbl::ymd_hms_to_tzepoch(0x20380119, 0x031408); }),
-            "ERROR: Cannot convert time Y:138, mon 0, mday 19, hour 3, min 14, sec 8 to epoch\n");
-  EXPECT_EQ(epoch, -1);
-  EXPECT_EQ(stderr_of([&] { epoch = Sdbl::ymd_hms_to_tzepoch(0x19011213, 0x204551); }),
-            "ERROR: Cannot convert time Y:1, mon 11, mday 13, hour 20, min 45, sec 51 to epoch\n");
-  EXPECT_EQ(epoch, -1);
-  // An undefined start time is broadcast as all ones.
-  EXPECT_EQ(stderr_of([&] { epoch = Sdbl::ymd_hms_to_tzepoch(-1, -1); }),
-            "ERROR: Cannot convert time Y:14765, mon 164, mday 165, hour 165, min 165, sec 165 to epoch\n");
-  EXPECT_EQ(epoch, -1);
-  EXPECT_EQ(messages_at(-1, [&] { epoch = Sdbl::ymd_hms_to_tzepoch(-1, -1); }), "");
-  verbosity_kelvo = 0;
-}
-
-TEST(Epoch, the_second_before_1970_is_taken_for_a_failure) {
-  int epoch = 0;
-  EXPECT_EQ(stderr_of([&] { epoch = Sdbl::ymd_hms_to_tzepoch(0x19691231, 0x235959); }),
-            "ERROR: Cannot convert time Y:69, mon 11, mday 31, hour 23, min 59, sec 59 to epoch\n");
-  EXPECT_EQ(epoch, -1);
+  const struct {
+    int ymd, hms;
+    const char* time;
+  } cases[] = {
+      {0x20380119, 0x031408, "Y:138, mon 0, mday 19, hour 3, min 14, sec 8"},
+      {0x19011213, 0x204551, "Y:1, mon 11, mday 13, hour 20, min 45, sec 51"},
+      // An undefined start time is broadcast as all ones.
+      {-1, -1, "Y:14765, mon 164, mday 165, hour 165, min 165, sec 165"},
+      // The second before 1970 is taken for a failure.
+      {0x19691231, 0x235959, "Y:69, mon 11, mday 31, hour 23, min 59, sec 59"},
+  };
+  for (const auto& c : cases)
+    EXPECT_THAT([&] { EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(c.ymd, c.hms), -1); },
+                prints_only_from(0, "ERROR: Cannot convert time " + std::string(c.time) + " to epoch\n"));
 }
 
 TEST(Usec_to_now, is_exact_within_a_second) {

@@ -134,6 +134,12 @@ inline Bytes short_section(uint8_t table, size_t size, uint8_t fill = 0) {
   return s;
 }
 
+// With a wrong CRC.
+inline Bytes damaged(Bytes section) {
+  section.back() = static_cast<uint8_t>(section.back() ^ 0x55);
+  return section;
+}
+
 inline void send(const Ts_writer& ts) {
   support::softdvb_inject(0, ts.bytes);
 }

@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Writes the small stream that the tests of tuning and playing use: two seconds of 1000 packets a second by its clock
-// (PID 0x200), on PID 0x100 every 100 ms a section whose extension counts from 0.
+// (PID 0x200), on PID 0x100 every 100 ms a section whose extension, and every byte of
+// the body, counts from 0.
 #include <fstream>
 
 #include "base/ids.h"
@@ -19,9 +20,10 @@ int main(int argc, char** argv) {
   const size_t packet_size = std::stoul(argv[2]);
   support::Ts_writer ts;
   for (int i = 0; i < PACKETS; ++i) {
+    const int number = i / PACKETS_A_SECTION;
     if (i % PACKETS_A_SECTION == 0)
-      ts.section(0x100, support::long_section(table::SDT_ACTUAL, static_cast<uint16_t>(i / PACKETS_A_SECTION), 0,
-                                              support::Bytes(28, 0)));
+      ts.section(0x100, support::long_section(table::SDT_ACTUAL, static_cast<uint16_t>(number), 0,
+                                              support::Bytes(28, static_cast<uint8_t>(number))));
     else if (i % PCR_EVERY == 1)
       ts.adaptation_only(0x200, (i - 1) * TICKS_A_PACKET);
     else

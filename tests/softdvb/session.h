@@ -1,0 +1,268 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include "softdvb/device_support.h"
+
+namespace device {
+
+// A section of section_of() by its name, SIZE#EXTENSION, with "!" behind it one with a wrong CRC.
+inline Bytes section_named(const std::string& name) {
+  Bytes section = section_of(std::stoul(name), static_cast<uint16_t>(std::stoi(name.substr(name.find('#') + 1))));
+  return name.back() == '!' ? damaged(section) : section;
+}
+
+// The name of a whole section of that kind, of anything else the size.
+inline std::string name_of(const Bytes& got) {
+  const std::string size = std::to_string(got.size());
+  if (got.size() < 12)
+    return size;
+  const std::string name = size + "#" + std::to_string(got[3] << 8 | got[4]);
+  return got == section_named(name) ? name : got == section_named(name + "!") ? name + "!" : size;
+}
+
+// The names of all that is there to be read.
+inline std::string received(int fd) {
+  std::string names;
+  for (Bytes s; !(s = read_bytes(fd)).empty();)
+    names += (names.empty() ? "" : " ") + name_of(s);
+  return names;
+}
+
+// What a program does with the devices, written as steps with what comes out of them:
+//
+//   EXPECT_THAT("filter 256, send 100#1, read = 100#1, read = EAGAIN", plays());
+//
+// A step that gives 0 or nothing stands alone, a failure is told by the name of its errno. "WHO: STEP" is a step on a
+// handle of its own; "reader:" is a frontend opened for reading only. A handle is opened when a step first needs it and
+// closed at the end. Steps of a demultiplexer:
+//   filter PID [idle] [crc] [oneshot] [timeout:MS] [table:ID], start, stop, buffer BYTES
+//   send NAME [PID]  the section of that name (see above), on PID 256 where none is given
+//   read [BYTES]     its name
+//   ready            what poll and select agree on: data, error, nothing
+//   await            until there is something, "nothing" after 5 s
+// Of a frontend, readings in hexadecimal digits:
+//   tune HZ, status, strength, snr, ber, ucblocks, tuning (all parameters), event [tuning], signal HZ STATUS
+// Of all: open, close, wait MS, fault CALL ERRNO.
+class Session {
+ public:
+  Session() = default;
+  ~Session() {
+    for (const auto& [who, fd] : fds_)
+      close(fd);
+  }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // The steps once more, with what really came out.
+  std::string play(const std::string& steps) {
+    std::string played;
+    for (size_t at = 0, end = 0; end != std::string::npos; at = end + 2) {
+      end = steps.find(", ", at);
+      std::string step = steps.substr(at, end == std::string::npos ? end : end - at);
+      step.resize(std::min(step.find(" = "), step.size()));
+      const std::string outcome = outcome_of(step);
+      played += (at == 0 ? "" : ", ") + step + (outcome.empty() ? "" : " = " + outcome);
+    }
+    return played;
+  }
+
+ private:
+  // The errno's name of a call that failed, else the text.
+  static std::string told(long outcome, const std::string& text = "") {
+    if (outcome != -1)
+      return text;
+    const char* name = strerrorname_np(errno);
+    return name == nullptr ? std::to_string(errno) : name;
+  }
+
+  static std::string hex(unsigned value) {
+    std::ostringstream text;
+    text << std::hex << value;
+    return text.str();
+  }
+
+  static std::string text_of(const dvb_frontend_parameters& p) {
+    const dvb_ofdm_parameters& o = p.u.ofdm;
+    std::ostringstream text;
+    text << p.frequency << " bw=" << o.bandwidth << " hp=" << o.code_rate_HP << " lp=" << o.code_rate_LP
+         << " const=" << o.constellation << " mode=" << o.transmission_mode << " guard=" << o.guard_interval
+         << " hier=" << o.hierarchy_information;
+    return text.str();
+  }
+
+  // Poll's bits and select's three sets, which must agree.
+  static std::string readiness(int fd) {
+    fd_set sets[3];
+    for (fd_set& set : sets) {
+      FD_ZERO(&set);
+      FD_SET(fd, &set);
+    }
+    timeval none{};
+    select(fd + 1, &sets[0], &sets[1], &sets[2], &none);
+    std::string both = hex(static_cast<unsigned>(ready(fd)));
+    for (const fd_set& set : sets)
+      both += FD_ISSET(fd, &set) ? '1' : '0';
+    return both == "0000"                            ? ""
+           : both == hex(READABLE) + "101"           ? "data"
+           : both == hex(READABLE | POLLERR) + "111" ? "error"
+                                                     : both;
+  }
+
+  static int filter(int fd, std::istream& words) {
+    int pid = 0;
+    words >> pid;
+    dmx_sct_filter_params p = all_of(pid);
+    for (std::string word; words >> word;) {
+      const int value = std::atoi(word.substr(word.find(':') + 1).c_str());
+      if (word == "idle")
+        p.flags &= ~uint32_t{DMX_IMMEDIATE_START};
+      else if (word == "crc")
+        p.flags |= DMX_CHECK_CRC;
+      else if (word == "oneshot")
+        p.flags |= DMX_ONESHOT;
+      else if (word.rfind("timeout:", 0) == 0)
+        p.timeout = static_cast<uint32_t>(value);
+      else
+        p.filter = table_of(pid, value).filter;
+    }
+    return set_filter(fd, p);
+  }
+
+  static unsigned number(std::istream& words, unsigned otherwise = 0) {
+    unsigned value = 0;
+    return words >> value ? value : otherwise;
+  }
+
+  static std::string read_one(int fd, size_t size) {
+    Bytes buffer(size);
+    const ssize_t got = read(fd, buffer.data(), size);
+    buffer.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return told(got, got == 0 ? "" : name_of(buffer));
+  }
+
+  static std::string tuning(int fd) {
+    dvb_frontend_parameters p{};
+    const int outcome = ioctl(fd, FE_GET_FRONTEND, &p);
+    return told(outcome, text_of(p));
+  }
+
+  static std::string event(int fd, std::istream& words) {
+    dvb_frontend_event event{};
+    const int outcome = ioctl(fd, FE_GET_EVENT, &event);
+    std::string with;
+    words >> with;
+    return told(outcome, hex(event.status) + (with == "tuning" ? " " + text_of(event.parameters) : ""));
+  }
+
+  template <typename T>
+  static std::string reading(int fd, unsigned long request) {
+    T value = 0x55;
+    const int outcome = ioctl(fd, request, &value);
+    return told(outcome, hex(value));
+  }
+
+  int fd_of(const std::string& who) {
+    const auto [place, is_new] = fds_.try_emplace(who, -1);
+    if (is_new)
+      place->second = who == "frontend" ? open_frontend()
+                      : who == "reader" ? open_frontend(O_RDONLY | O_NONBLOCK)
+                                        : open_demux();
+    return place->second;
+  }
+
+  // A call's name and what it does, the rest of the step given.
+  using Calls = std::map<std::string, std::function<std::string(int, std::istream&)>>;
+
+  static const Calls& of_demux() {
+    static const Calls CALLS{
+        {"filter", [](int fd, std::istream& words) { return told(filter(fd, words)); }},
+        {"start", [](int fd, std::istream&) { return told(ioctl(fd, DMX_START)); }},
+        {"stop", [](int fd, std::istream&) { return told(ioctl(fd, DMX_STOP)); }},
+        {"buffer", [](int fd, std::istream& words) { return told(ioctl(fd, DMX_SET_BUFFER_SIZE, number(words))); }},
+        {"read", [](int fd, std::istream& words) { return read_one(fd, number(words, 8192)); }},
+        {"ready", [](int fd, std::istream&) { return readiness(fd); }},
+        {"await", [](int fd, std::istream&) { return readable_within(fd, 5000) ? "" : "nothing"; }}};
+    return CALLS;
+  }
+
+  static const Calls& of_frontend() {
+    static const Calls CALLS{
+        {"tune", [](int fd, std::istream& words) { return told(tune(fd, number(words)) == 0 ? 0 : -1); }},
+        {"status", [](int fd, std::istream&) { return reading<uint32_t>(fd, FE_READ_STATUS); }},
+        {"strength", [](int fd, std::istream&) { return reading<uint16_t>(fd, FE_READ_SIGNAL_STRENGTH); }},
+        {"snr", [](int fd, std::istream&) { return reading<uint16_t>(fd, FE_READ_SNR); }},
+        {"ber", [](int fd, std::istream&) { return reading<uint32_t>(fd, FE_READ_BER); }},
+        {"ucblocks", [](int fd, std::istream&) { return reading<uint32_t>(fd, FE_READ_UNCORRECTED_BLOCKS); }},
+        {"tuning", [](int fd, std::istream&) { return tuning(fd); }},
+        {"event", event}};
+    return CALLS;
+  }
+
+  std::string outcome_of(const std::string& step) {
+    std::istringstream words(step);
+    std::string verb;
+    words >> verb;
+    std::string who = of_frontend().count(verb) != 0 ? "frontend" : "demux";
+    if (verb.back() == ':') {
+      who = verb.substr(0, verb.size() - 1);
+      words >> verb;
+    }
+    std::string name;
+    if (verb == "wait")
+      return told(usleep(number(words) * 1000));
+    if (verb == "signal" || verb == "fault") {
+      std::string value;
+      words >> name >> value;
+      support::softdvb_control((verb == "signal" ? "adapter 0 status " : "fault ") + name + " = " + value);
+      return "";
+    }
+    if (verb == "send") {
+      words >> name;
+      send_section(section_named(name), static_cast<int>(number(words, PID)));
+      return "";
+    }
+    const int fd = fd_of(who);
+    if (verb == "open")
+      return told(fd);
+    if (verb == "close") {
+      fds_.erase(who);
+      return told(close(fd));
+    }
+    for (const Calls* calls : {&of_demux(), &of_frontend()})
+      if (const auto call = calls->find(verb); call != calls->end())
+        return call->second(fd, words);
+    return "no such step";
+  }
+
+  std::map<std::string, int> fds_;
+};
+
+MATCHER(plays, negation ? "does not play like this" : "plays like this") {
+  const std::string steps = arg;
+  const std::string played = Session().play(steps);
+  *result_listener << "plays like\n" << played;
+  return played == steps;
+}
+
+// Cases of one kind: what each is about, and its steps.
+struct Play {
+  const char* legend;
+  std::string steps;
+};
+
+inline void expect_plays(std::initializer_list<Play> cases) {
+  for (const Play& c : cases)
+    EXPECT_THAT(c.steps, plays()) << c.legend;
+}
+
+// "read = 100#0, read = 100#1, ": `step` and a number, so often.
+inline std::string counting(const std::string& step, int times) {
+  std::string steps;
+  for (int i = 0; i < times; ++i)
+    steps += step + std::to_string(i) + ", ";
+  return steps;
+}
+
+}  // namespace device

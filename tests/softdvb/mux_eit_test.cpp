@@ -7,16 +7,10 @@
 
 namespace {
 
-using mux_support::hex;
-using mux_support::lines_with;
-using mux_support::NOW;
-using mux_support::one_service;
-using mux_support::Section_seen;
-using mux_support::sections_of;
-using mux_support::stream_of;
-using mux_support::tables_by_libdvbpsi;
-using support::Bytes;
-
+using namespace mux_support;
+using testing::ElementsAre;
+using testing::Pair;
+using testing::SizeIs;
 using Lines = std::vector<std::string>;
 
 std::string with_event(const std::string& keys) {
@@ -29,26 +23,28 @@ std::string event_loop(const std::string& keys) {
   return lines.empty() ? "none" : lines[0].substr(lines[0].find('{'));
 }
 
-TEST(MuxEit, short_events_in_several_languages) {
-  EXPECT_EQ(event_loop(R"(, "language": "est", "name": "Öö", "text": "T", "texts": [{"language": "rus",
-                           "charset": "iso8859-5", "name": "Ж"}, {"text": "t"}])"),
-            "{4d[65737404c84fc86f0154] 4d[7275730201b600] 4d[657374000174]}");
-}
-
-TEST(MuxEit, content_rating_components_and_raw_descriptors) {
-  EXPECT_EQ(event_loop(R"(, "components": [{"stream_content": 5, "component_type": 11, "component_tag": 2,
-                                            "language": "est", "text": "HD"}],
-                           "content": ["0x20", {"type": "0x31", "user": 9}],
-                           "rating": [{"country": "EST", "age": 12}, {"country": "CZE", "value": "0x85"}],
-                           "descriptors": ["8001ff"])"),
-            "{50[f50b026573744844] 54[20003109] 55[45535409435a4585] 80[ff]}");
-}
-
-TEST(MuxEit, extended_event_with_items_fits_one_part) {
-  EXPECT_EQ(
-      event_loop(R"(, "extended": {"language": "est", "items": [{"name": "A", "text": "Õ"}, {"name": "", "text": "B"}],
-                                         "text": "T"})"),
-      "{4e[0065737408014102c44f0001420154]}");
+TEST(Mux_eit, descriptors_of_events) {
+  const struct {
+    const char* legend;
+    const char* keys;
+    const char* loop;
+  } CASES[] = {{"short events in several languages",
+                R"(, "language": "est", "name": "Öö", "text": "T",
+            "texts": [{"language": "rus", "charset": "iso8859-5", "name": "Ж"}, {"text": "t"}])",
+                "{4d[65737404c84fc86f0154] 4d[7275730201b600] 4d[657374000174]}"},
+               {"content, rating, components and raw descriptors",
+                R"(, "components": [{"stream_content": 5, "component_type": 11, "component_tag": 2, "language": "est",
+                            "text": "HD"}],
+            "content": ["0x20", {"type": "0x31", "user": 9}],
+            "rating": [{"country": "EST", "age": 12}, {"country": "CZE", "value": "0x85"}],
+            "descriptors": ["8001ff"])",
+                "{50[f50b026573744844] 54[20003109] 55[45535409435a4585] 80[ff]}"},
+               {"an extended event with items that fits one part",
+                R"(, "extended": {"language": "est", "items": [{"name": "A", "text": "Õ"}, {"name": "", "text": "B"}],
+                         "text": "T"})",
+                "{4e[0065737408014102c44f0001420154]}"}};
+  for (const auto& c : CASES)
+    EXPECT_EQ(event_loop(c.keys), c.loop) << c.legend;
 }
 
 // The parts of an extended event: number, last number, text.
@@ -62,7 +58,7 @@ std::vector<Part> extended_parts(const std::string& keys) {
   std::vector<Part> parts;
   const std::string loop = event_loop(keys);
   for (size_t at = loop.find("4e["); at != std::string::npos; at = loop.find("4e[", at + 1)) {
-    const Bytes body = mux_support::unhex(loop.substr(at + 3, loop.find(']', at) - at - 3));
+    const Bytes body = unhex(loop.substr(at + 3, loop.find(']', at) - at - 3));
     const size_t items = body.at(4);
     EXPECT_EQ(body.at(5 + items) + 6 + items, body.size());
     parts.push_back({static_cast<unsigned>(body[0] >> 4), body[0] & 15u,
@@ -72,14 +68,17 @@ std::vector<Part> extended_parts(const std::string& keys) {
 }
 
 std::string repeated(const std::string& text, int times) {
-  std::string result;
-  for (int i = 0; i < times; ++i)
-    result += text;
-  return result;
+  return times == 0 ? "" : text + repeated(text, times - 1);
 }
 
-TEST(MuxEit, a_long_text_is_split_into_numbered_parts) {
-  const auto parts = extended_parts(R"(, "extended": {"text": ")" + repeated("abcdefghij", 60) + "\"}");
+// Parts of a text in a character table.
+std::vector<Part> text_parts(const std::string& text, int times, const char* charset = "iso6937") {
+  return extended_parts(R"(, "charset": ")" + std::string(charset) + R"(", "extended": {"text": ")" +
+                        repeated(text, times) + "\"}");
+}
+
+TEST(Mux_eit, a_long_text_is_split_into_numbered_parts) {
+  const auto parts = text_parts("abcdefghij", 60);
   ASSERT_EQ(parts.size(), 3u);
   std::string joined;
   for (size_t i = 0; i < parts.size(); ++i) {
@@ -91,21 +90,19 @@ TEST(MuxEit, a_long_text_is_split_into_numbered_parts) {
   EXPECT_EQ(joined, repeated("abcdefghij", 60));
 }
 
-TEST(MuxEit, every_part_repeats_the_selector) {
-  for (const auto& part :
-       extended_parts(R"(, "charset": "0x10/2", "extended": {"text": ")" + repeated("žluť ", 100) + "\"}"))
+TEST(Mux_eit, every_part_repeats_the_selector) {
+  for (const Part& part : text_parts("žluť ", 100, "0x10/2"))
     EXPECT_EQ(hex(Bytes(part.text.begin(), part.text.begin() + 3)), "100002");
 }
 
-TEST(MuxEit, no_part_ends_inside_a_character) {
-  for (const auto& part : extended_parts(R"(, "extended": {"text": ")" + repeated("Õõ", 200) + "\"}"))
+TEST(Mux_eit, no_part_ends_inside_a_character) {
+  for (const Part& part : text_parts("Õõ", 200))
     EXPECT_NE(part.text.back(), 0xC4) << "an accent without its letter";
-  for (const auto& part :
-       extended_parts(R"(, "charset": "ucs2", "extended": {"text": ")" + repeated("Жж", 200) + "\"}"))
+  for (const Part& part : text_parts("Жж", 200, "ucs2"))
     EXPECT_EQ(part.text.size() % 2, 1u) << "selector and whole characters";
   std::string joined;
-  const auto parts = extended_parts(R"(, "charset": "utf-8", "extended": {"text": ")" + repeated("aЖ", 200) + "\"}");
-  for (const auto& part : parts) {
+  const auto parts = text_parts("aЖ", 200, "utf-8");
+  for (const Part& part : parts) {
     EXPECT_EQ(part.text.at(0), 0x15);
     joined.append(part.text.begin() + 1, part.text.end());
     EXPECT_NE(part.text.at(1) & 0xC0, 0x80) << "begins in the middle of a character";
@@ -114,7 +111,7 @@ TEST(MuxEit, no_part_ends_inside_a_character) {
   EXPECT_EQ(parts.size(), 3u);
 }
 
-TEST(MuxEit, items_that_do_not_fit_go_to_the_next_part) {
+TEST(Mux_eit, items_that_do_not_fit_go_to_the_next_part) {
   const std::string item = R"({"name": "N", "text": ")" + repeated("t", 100) + "\"}";
   const auto parts =
       extended_parts(R"(, "extended": {"items": [)" + item + "," + item + "," + item + R"(], "text": "end"})");
@@ -123,7 +120,7 @@ TEST(MuxEit, items_that_do_not_fit_go_to_the_next_part) {
   EXPECT_EQ(hex(parts[1].text), "656e64");
 }
 
-TEST(MuxEit, present_and_following_change_with_the_time) {
+TEST(Mux_eit, present_and_following_change_with_the_time) {
   const Bytes stream = stream_of(one_service(
       R"(, "events": [{"start": "now-1h", "duration": "01:00:02", "event_id": 7, "free_ca": true},
                       {"start": "now+2s", "duration": "1h", "event_id": 3, "running_status": 2},
@@ -133,51 +130,52 @@ TEST(MuxEit, present_and_following_change_with_the_time) {
   Lines order;
   for (const auto& section : sections_of(stream, pid::EIT, table::EIT_PRESENT_FOLLOWING)) {
     EXPECT_TRUE(section.crc_right());
-    const std::string text = "v" + std::to_string(section.version()) + " " + std::to_string(section.number()) + "/" +
-                             std::to_string(section.bytes[7]) + "/" + std::to_string(section.bytes[12]) + " " +
-                             hex(Bytes(section.bytes.begin() + 13, section.bytes.end() - 4));
-    if (seen.insert(text).second)
-      order.push_back(text);
+    std::ostringstream text;
+    text << "v" << section.version() << " " << section.number() << "/" << int{section.bytes[7]} << "/"
+         << int{section.bytes[12]} << " " << section.hex(13, section.bytes.size() - 17);
+    if (seen.insert(text.str()).second)
+      order.push_back(text.str());
   }
   EXPECT_EQ(order, (Lines{"v0 0/1/1 4e0007eeac1700000100029000", "v0 1/1/1 4e0003eeac1800020100004000",
                           "v1 0/1/1 4e0003eeac1800020100004000", "v1 1/1/1 4e0001eeac2000000100002000"}));
 }
 
-TEST(MuxEit, present_is_empty_where_nothing_runs) {
-  const auto sections = sections_of(
-      stream_of(one_service(R"(, "events": [{"start": "now+1h", "duration": "1h", "name": "E"}])")), 0x12, 0x4E);
+TEST(Mux_eit, present_is_empty_where_nothing_runs) {
+  const auto sections =
+      sections_of(stream_of(one_service(R"(, "events": [{"start": "now+1h", "duration": "1h", "name": "E"}])")),
+                  pid::EIT, table::EIT_PRESENT_FOLLOWING);
   ASSERT_GE(sections.size(), 2u);
   const Section_seen& present = sections[0].number() == 0 ? sections[0] : sections[1];
-  EXPECT_EQ(hex(Bytes(present.bytes.begin(), present.bytes.begin() + 14)), "4ef00f0065c1000100010005014e");
+  EXPECT_EQ(present.hex(0, 14), "4ef00f0065c1000100010005014e");
   EXPECT_EQ(present.bytes.size(), 18u);
 }
 
-TEST(MuxEit, schedule_uses_segments_of_three_hours_from_midnight) {
+TEST(Mux_eit, schedule_uses_segments_of_three_hours_from_midnight) {
   // Midnight is 18 hours ago: 20:59 is segment 6, 21:00 segment 7, the day after next at 03:00 segment 17.
   const Bytes stream = stream_of(one_service(
       R"(, "eit_pf": false, "events": [{"start": "today+20h", "duration": "59m", "name": "A"},
              {"start": "today+21h", "duration": "1h", "name": "B"}, {"start": "now+57h", "duration": "1h", "name": "C"}])",
       R"(, "intervals": {"eit_schedule_actual": 1})"));
-  std::map<unsigned, Bytes> by_number;
+  std::map<unsigned, std::string> events;  // what stands in the sections that are not empty
+  std::set<unsigned> numbers;
   for (const auto& section : sections_of(stream, pid::EIT, table::EIT_SCHEDULE_FIRST)) {
     EXPECT_TRUE(section.crc_right());
     EXPECT_EQ(section.bytes[7], 8 * 25) << "last_section_number";
     EXPECT_EQ(section.bytes[12], section.number()) << "segment_last_section_number";
     EXPECT_EQ(section.bytes[13], table::EIT_SCHEDULE_FIRST) << "last_table_id";
-    by_number[section.number()] = section.bytes;
+    EXPECT_EQ(section.number() % 8, 0u);
+    numbers.insert(section.number());
+    if (section.bytes.size() != 18)
+      events[section.number()] = section.hex(14, 12);
   }
-  ASSERT_EQ(by_number.size(), 26u);
-  for (const auto& [number, bytes] : by_number) {
-    EXPECT_EQ(number % 8, 0u);
-    EXPECT_EQ(bytes.size() == 18, number != 48 && number != 56 && number != 200) << number;
-  }
-  EXPECT_EQ(hex(by_number[48]).substr(28, 24), "0001eeac2000000059000008");
-  EXPECT_EQ(hex(by_number[56]).substr(28, 24), "0002eeac2100000100000008");
-  EXPECT_EQ(hex(by_number[200]).substr(28, 24), "0003eeaf0300000100000008");
+  EXPECT_EQ(numbers.size(), 26u);
+  EXPECT_EQ(events, (std::map<unsigned, std::string>{{48, "0001eeac2000000059000008"},
+                                                     {56, "0002eeac2100000100000008"},
+                                                     {200, "0003eeaf0300000100000008"}}));
   EXPECT_EQ(sections_of(stream, pid::EIT, table::EIT_PRESENT_FOLLOWING).size(), 0u);
 }
 
-TEST(MuxEit, more_than_four_days_take_further_table_ids) {
+TEST(Mux_eit, more_than_four_days_take_further_table_ids) {
   const Bytes stream =
       stream_of(one_service(R"(, "schedule": {"days": 9, "programmes": [{"duration": "3h", "name": "A"}]})"));
   std::map<unsigned, std::set<unsigned>> numbers;
@@ -187,16 +185,14 @@ TEST(MuxEit, more_than_four_days_take_further_table_ids) {
       continue;
     EXPECT_EQ(section.bytes[13], 0x52);
     numbers[section.table_id()].insert(section.number());
-    events.insert(hex(Bytes(section.bytes.begin() + 14, section.bytes.begin() + 21)));
+    events.insert(section.hex(14, 7));
   }
-  EXPECT_EQ(numbers.size(), 3u);
-  EXPECT_EQ(numbers[table::EIT_SCHEDULE_FIRST].size(), 32u);
-  EXPECT_EQ(numbers[0x51].size(), 32u);
-  EXPECT_EQ(numbers[0x52].size(), 8u);
+  EXPECT_THAT(numbers,
+              ElementsAre(Pair(table::EIT_SCHEDULE_FIRST, SizeIs(32)), Pair(0x51, SizeIs(32)), Pair(0x52, SizeIs(8))));
   EXPECT_EQ(events.size(), 72u);
 }
 
-TEST(MuxEit, a_full_segment_takes_several_sections) {
+TEST(Mux_eit, a_full_segment_takes_several_sections) {
   const std::string text = repeated("t", 3000);
   const Bytes stream = stream_of(
       one_service(R"(, "schedule": {"days": 1, "programmes": [{"duration": "1h", "name": "A", "extended": {"text": ")" +
@@ -214,7 +210,7 @@ TEST(MuxEit, a_full_segment_takes_several_sections) {
   EXPECT_GT(size[0], 3000u);
 }
 
-TEST(MuxEit, schedule_repeats_its_programmes_and_counts_ids_around_fixed_ones) {
+TEST(Mux_eit, schedule_repeats_its_programmes_and_counts_ids_around_fixed_ones) {
   const auto lines = lines_with(tables_by_libdvbpsi(stream_of(one_service(
                                     R"(, "events": [{"start": "now+5d", "duration": "1h", "event_id": 1}],
              "schedule": {"from": "now", "days": 1, "programmes": [{"duration": "9h", "name": "A"}, {"duration": "8h", "name": "B"}]})"))),
@@ -225,29 +221,26 @@ TEST(MuxEit, schedule_repeats_its_programmes_and_counts_ids_around_fixed_ones) {
             "running 1 ca 0 {4d[656e67014200]}");
 }
 
-TEST(MuxEit, other_streams_use_their_own_table_ids) {
+TEST(Mux_eit, other_streams_use_their_own_table_ids) {
   const Bytes stream = stream_of(one_service("", R"(, "other_transport_streams": [{"transport_stream_id": 2,
       "original_network_id": 6, "services": [{"service_id": 201, "events": [{"start": "now", "duration": "1h"}]}]}])"));
   std::set<std::string> heads;
   for (const auto& section : sections_of(stream))
     if (section.pid == pid::EIT)
-      heads.insert(hex(Bytes(section.bytes.begin(), section.bytes.begin() + 1)) + " " +
-                   hex(Bytes(section.bytes.begin() + 3, section.bytes.begin() + 5)) + " " +
-                   hex(Bytes(section.bytes.begin() + 8, section.bytes.begin() + 14)));
+      heads.insert(section.hex(0, 1) + " " + section.hex(3, 2) + " " + section.hex(8, 6));
   EXPECT_TRUE(heads.count("4f 00c9 00020006014f"));
   EXPECT_TRUE(heads.count("60 00c9 000200063060"));
-  EXPECT_FALSE(
-      std::any_of(heads.begin(), heads.end(), [](const auto& head) { return head[0] == '4' && head[1] == 'e'; }));
+  EXPECT_THAT(heads, testing::Each(testing::Not(testing::StartsWith("4e"))));
 }
 
-TEST(MuxEit, an_undefined_start_is_all_ones) {
-  const auto sections =
-      sections_of(stream_of(one_service(R"(, "events": [{"start": "undefined", "duration": "1h"}])")), 0x12, 0x50);
+TEST(Mux_eit, an_undefined_start_is_all_ones) {
+  const auto sections = sections_of(stream_of(one_service(R"(, "events": [{"start": "undefined", "duration": "1h"}])")),
+                                    pid::EIT, table::EIT_SCHEDULE_FIRST);
   ASSERT_FALSE(sections.empty());
-  EXPECT_EQ(hex(sections[0].bytes).substr(28, 24), "0001ffffffffff0100000000");
+  EXPECT_EQ(sections[0].hex(14, 12), "0001ffffffffff0100000000");
 }
 
-TEST(MuxEit, free_ca_and_running_status_are_carried) {
+TEST(Mux_eit, free_ca_and_running_status_are_carried) {
   const auto lines =
       lines_with(tables_by_libdvbpsi(stream_of(with_event(R"(, "free_ca": true, "running_status": 5)"))), "EIT");
   EXPECT_EQ(lines, (Lines{"EIT 0x4e 101 ts 1 net 5 v0: 1 eeac180000 013000 running 5 ca 1 {}"}));

@@ -3,6 +3,8 @@
 
 #include "softdvb/mux_support.h"
 
+#include <fmt/format.h>
+
 #include "support/test.h"
 
 // These headers need their order.
@@ -29,65 +31,55 @@ namespace mux_support {
 
 namespace {
 
-template <typename... Args>
-std::string print(const char* format, Args... args) {
-  char buffer[200];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-  std::snprintf(buffer, sizeof buffer, format, args...);
-#pragma GCC diagnostic pop
-  return buffer;
-}
+using fmt::format;
+using Lines = std::vector<std::string>;
 
 std::string loop(const dvbpsi_descriptor_t* descriptor) {
   std::string text = "{";
   for (; descriptor != nullptr; descriptor = descriptor->p_next) {
-    text += print("%s%02x[", text.size() > 1 ? " " : "", descriptor->i_tag);
-    text += hex(Bytes(descriptor->p_data, descriptor->p_data + descriptor->i_length)) + "]";
+    text += format("{}{:02x}[{}]", text.size() > 1 ? " " : "", descriptor->i_tag,
+                   hex(Bytes(descriptor->p_data, descriptor->p_data + descriptor->i_length)));
   }
   return text + "}";
 }
 
-using Lines = std::vector<std::string>;
-
 void on_pat(void* lines, dvbpsi_pat_t* pat) {
-  std::string text = print("PAT ts %d v%d:", pat->i_ts_id, pat->i_version);
+  std::string text = format("PAT ts {} v{}:", pat->i_ts_id, pat->i_version);
   for (auto* program = pat->p_first_program; program != nullptr; program = program->p_next)
-    text += print(" %d>%d", program->i_number, program->i_pid);
+    text += format(" {}>{}", program->i_number, program->i_pid);
   static_cast<Lines*>(lines)->push_back(text);
   dvbpsi_pat_delete(pat);
 }
 
 void on_pmt(void* lines, dvbpsi_pmt_t* pmt) {
-  std::string text = print("PMT %d v%d pcr %d ", pmt->i_program_number, pmt->i_version, pmt->i_pcr_pid);
+  std::string text = format("PMT {} v{} pcr {} ", pmt->i_program_number, pmt->i_version, pmt->i_pcr_pid);
   text += loop(pmt->p_first_descriptor) + ":";
   for (auto* es = pmt->p_first_es; es != nullptr; es = es->p_next)
-    text += print(" 0x%02x@%d ", es->i_type, es->i_pid) + loop(es->p_first_descriptor);
+    text += format(" 0x{:02x}@{} ", es->i_type, es->i_pid) + loop(es->p_first_descriptor);
   static_cast<Lines*>(lines)->push_back(text);
   dvbpsi_pmt_delete(pmt);
 }
 
 void on_cat(void* lines, dvbpsi_cat_t* cat) {
-  static_cast<Lines*>(lines)->push_back(print("CAT v%d ", cat->i_version) + loop(cat->p_first_descriptor));
+  static_cast<Lines*>(lines)->push_back(format("CAT v{} ", cat->i_version) + loop(cat->p_first_descriptor));
   dvbpsi_cat_delete(cat);
 }
 
 void on_nit(void* lines, dvbpsi_nit_t* nit) {
-  std::string text = print("NIT 0x%02x net %d v%d ", nit->i_table_id, nit->i_network_id, nit->i_version);
+  std::string text = format("NIT 0x{:02x} net {} v{} ", nit->i_table_id, nit->i_network_id, nit->i_version);
   text += loop(nit->p_first_descriptor) + ":";
   for (auto* ts = nit->p_first_ts; ts != nullptr; ts = ts->p_next)
-    text += print(" %d/%d ", ts->i_ts_id, ts->i_orig_network_id) + loop(ts->p_first_descriptor);
+    text += format(" {}/{} ", ts->i_ts_id, ts->i_orig_network_id) + loop(ts->p_first_descriptor);
   static_cast<Lines*>(lines)->push_back(text);
   dvbpsi_nit_delete(nit);
 }
 
 void on_sdt(void* lines, dvbpsi_sdt_t* sdt) {
   std::string text =
-      print("SDT 0x%02x ts %d net %d v%d:", sdt->i_table_id, sdt->i_extension, sdt->i_network_id, sdt->i_version);
+      format("SDT 0x{:02x} ts {} net {} v{}:", sdt->i_table_id, sdt->i_extension, sdt->i_network_id, sdt->i_version);
   for (auto* service = sdt->p_first_service; service != nullptr; service = service->p_next) {
-    text += print(" %d schedule %d pf %d running %d ca %d ", service->i_service_id, service->b_eit_schedule,
-                  service->b_eit_present, service->i_running_status, service->b_free_ca);
+    text += format(" {} schedule {:d} pf {:d} running {} ca {:d} ", service->i_service_id, service->b_eit_schedule,
+                   service->b_eit_present, service->i_running_status, service->b_free_ca);
     text += loop(service->p_first_descriptor);
   }
   static_cast<Lines*>(lines)->push_back(text);
@@ -95,12 +87,11 @@ void on_sdt(void* lines, dvbpsi_sdt_t* sdt) {
 }
 
 void on_eit(void* lines, dvbpsi_eit_t* eit) {
-  std::string text = print("EIT 0x%02x %d ts %d net %d v%d:", eit->i_table_id, eit->i_extension, eit->i_ts_id,
-                           eit->i_network_id, eit->i_version);
+  std::string text = format("EIT 0x{:02x} {} ts {} net {} v{}:", eit->i_table_id, eit->i_extension, eit->i_ts_id,
+                            eit->i_network_id, eit->i_version);
   for (auto* event = eit->p_first_event; event != nullptr; event = event->p_next) {
-    text += print(" %d %010llx %06x running %d ca %d ", event->i_event_id,
-                  static_cast<unsigned long long>(event->i_start_time), event->i_duration, event->i_running_status,
-                  event->b_free_ca);
+    text += format(" {} {:010x} {:06x} running {} ca {:d} ", event->i_event_id, event->i_start_time, event->i_duration,
+                   event->i_running_status, event->b_free_ca);
     text += loop(event->p_first_descriptor);
   }
   static_cast<Lines*>(lines)->push_back(text);
@@ -108,9 +99,8 @@ void on_eit(void* lines, dvbpsi_eit_t* eit) {
 }
 
 void on_tot(void* lines, dvbpsi_tot_t* tot) {
-  static_cast<Lines*>(lines)->push_back(
-      print("TOT 0x%02x %010llx ", tot->i_table_id, static_cast<unsigned long long>(tot->i_utc_time)) +
-      loop(tot->p_first_descriptor));
+  static_cast<Lines*>(lines)->push_back(format("TOT 0x{:02x} {:010x} ", tot->i_table_id, uint64_t{tot->i_utc_time}) +
+                                        loop(tot->p_first_descriptor));
   dvbpsi_tot_delete(tot);
 }
 
@@ -130,7 +120,7 @@ void on_subtable(dvbpsi_t* handle, uint8_t table_id, uint16_t extension, void* l
 std::string hex(const Bytes& bytes) {
   std::string text;
   for (uint8_t byte : bytes)
-    text += print("%02x", byte);
+    text += format("{:02x}", byte);
   return text;
 }
 
@@ -173,6 +163,10 @@ std::vector<Packet> packets_of(const Bytes& stream) {
     packets.push_back(std::move(packet));
   }
   return packets;
+}
+
+std::string Section_seen::hex(size_t from, size_t size) const {
+  return mux_support::hex(bytes).substr(2 * from, 2 * size);
 }
 
 bool Section_seen::crc_right() const {
@@ -235,7 +229,7 @@ std::vector<Section_seen> sections_of(const Bytes& stream, uint16_t pid, unsigne
   return result;
 }
 
-std::vector<std::string> tables_by_libdvbpsi(const Bytes& stream, const std::vector<uint16_t>& pmt_pids) {
+Lines tables_by_libdvbpsi(const Bytes& stream, const std::vector<uint16_t>& pmt_pids) {
   Lines lines;
   std::map<uint16_t, dvbpsi_t*> handles;
   const auto open = [&](uint16_t pid) { return handles[pid] = dvbpsi_new(nullptr, DVBPSI_MSG_NONE); };
@@ -267,11 +261,10 @@ std::vector<std::string> tables_by_libdvbpsi(const Bytes& stream, const std::vec
   return lines;
 }
 
-std::vector<std::string> lines_with(const std::vector<std::string>& lines, const std::string& prefix) {
-  std::vector<std::string> result;
-  for (const std::string& line : lines)
-    if (line.compare(0, prefix.size(), prefix) == 0)
-      result.push_back(line);
+Lines lines_with(const Lines& lines, const std::string& prefix) {
+  Lines result;
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(result),
+               [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
   return result;
 }
 

@@ -41,6 +41,8 @@ struct Section_seen {
   unsigned extension() const { return static_cast<unsigned>(bytes.at(3) << 8 | bytes.at(4)); }
   unsigned version() const { return bytes.at(5) >> 1 & 31; }
   unsigned number() const { return bytes.at(6); }
+  // The digits of `size` bytes.
+  std::string hex(size_t from, size_t size) const;
 };
 // Whole sections in the order in which they end. A counter that jumps or an error packet loses the section under way.
 std::vector<Section_seen> sections_of(const Bytes& stream);

@@ -5,6 +5,8 @@
 #include "support/support.h"
 #include "support/test.h"
 
+#define COUNTING SOFTDVB_STREAMS "/counting.188.ts"
+
 using support::run_program;
 using support::Softdvb_run;
 
@@ -13,25 +15,18 @@ static Softdvb_run softdvb(std::vector<std::string> arguments) {
   return run_program(arguments);
 }
 
+// Exit code and message of a launcher that does not run its command.
+static std::string failure(std::vector<std::string> options) {
+  options.insert(options.end(), {"--", "echo", "ran"});
+  const Softdvb_run run = softdvb(options);
+  EXPECT_EQ(run.out, "");
+  return std::to_string(run.exit_code) + ": " + run.err;
+}
+
 struct Wrong {
   std::vector<std::string> arguments;
-  const char* message;
+  std::string message;
 };
-
-void PrintTo(const Wrong& wrong, std::ostream* out) {
-  *out << wrong.message;
-}
-
-class Usage : public testing::TestWithParam<Wrong> {};
-
-TEST_P(Usage, is_told_in_one_line_and_nothing_runs) {
-  std::vector<std::string> arguments = GetParam().arguments;
-  arguments.insert(arguments.end(), {"--", "echo", "ran"});
-  const Softdvb_run run = softdvb(arguments);
-  EXPECT_EQ(run.exit_code, 2);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, std::string("softdvb: ") + GetParam().message + "\n");
-}
 
 static const Wrong WRONG[] = {
     {{"--nonsense"}, "The following argument was not expected: --nonsense"},
@@ -41,13 +36,12 @@ static const Wrong WRONG[] = {
     {{"--mux", "0=a.ts"}, "mux: the frequency cannot be 0"},
     {{"--adapter", "-1"}, "adapter: '-1' is not a number from 0 to 99"},
     {{"--adapter", "100"}, "adapter: '100' is not a number from 0 to 99"},
-    {{"--pace", "quick", "--mux", "1=" SOFTDVB_STREAMS "/counting.188.ts"},
+    {{"--pace", "quick", "--mux", "1=" COUNTING},
      "pace: 'quick' is none of pcr, xFACTOR, fast, manual and no bit rate"},
-    {{"--pace", "x0", "--mux", "1=" SOFTDVB_STREAMS "/counting.188.ts"}, "pace: '0' is not a positive number"},
+    {{"--pace", "x0", "--mux", "1=" COUNTING}, "pace: '0' is not a positive number"},
     {{"--start", "soon"}, "start: 'soon' is none of tune, air, filter"},
     {{"--offset", "-1"}, "offset: '-1' is not a positive number"},
-    {{"--offset", "5", "--mux", "1=" SOFTDVB_STREAMS "/counting.188.ts"},
-     "offset: " SOFTDVB_STREAMS "/counting.188.ts lasts only 2000 ms"},
+    {{"--offset", "5", "--mux", "1=" COUNTING}, "offset: " SOFTDVB_STREAMS "/counting.188.ts lasts only 2000 ms"},
     {{"--type", "dvb"}, "type: 'dvb' is none of ofdm, qpsk, qam, atsc"},
     {{"--frequency-range", "5"}, "frequency-range: '5' is not of the form MIN-MAX"},
     {{"--frequency-range", "6-5"}, "frequency-range: the lower limit is above the upper one"},
@@ -71,7 +65,10 @@ static const Wrong WRONG[] = {
     {{"--look-interval", "0"}, "look-interval: 0 ms is no interval"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Wrong, Usage, testing::ValuesIn(WRONG));
+TEST(Usage, is_told_in_one_line_and_nothing_runs) {
+  for (const Wrong& c : WRONG)
+    EXPECT_EQ(failure(c.arguments), "2: softdvb: " + c.message + "\n");
+}
 
 TEST(Launcher, wants_a_command) {
   const Softdvb_run run = softdvb({});
@@ -79,38 +76,29 @@ TEST(Launcher, wants_a_command) {
   EXPECT_EQ(run.err, "softdvb: no command given; write it after '--', see softdvb --help\n");
 }
 
-TEST(Launcher, files_that_cannot_be_used) {
+TEST(Launcher, files_and_commands_that_cannot_be_used) {
   support::Temp_dir folder;
-  support::write_file(folder.file("empty.ts"), "");
-  support::write_file(folder.file("text.ts"), std::string(5000, 'x'));
+  const std::string empty = folder.file("empty.ts");
+  const std::string text = folder.file("text.ts");
   const std::string missing = folder.file("missing.ts");
-  Softdvb_run run = softdvb({"--mux", "1=" + missing, "--", "echo", "ran"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "softdvb: " + missing + ": cannot be opened: No such file or directory\n");
-  run = softdvb({"--mux", "1=" + folder.file("empty.ts"), "--", "true"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err, "softdvb: " + folder.file("empty.ts") + ": the file is empty\n");
-  run = softdvb({"--mux", "1=" + folder.file("text.ts"), "--", "true"});
-  EXPECT_EQ(run.err, "softdvb: " + folder.file("text.ts") + ": no transport stream packets in it\n");
-  run = softdvb({"--config", missing, "--", "true"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err, "softdvb: " + missing + ": cannot be opened: No such file or directory\n");
-  run = softdvb({"--log", folder.file("no/log"), "--", "true"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err, "softdvb: " + folder.file("no/log") + ": cannot be written\n");
-}
-
-TEST(Launcher, a_command_that_cannot_be_run) {
-  const Softdvb_run run = softdvb({"--", "/nonexistent/command"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err, "softdvb: /nonexistent/command: cannot be run: No such file or directory\n");
+  const std::string log = folder.file("no/log");
+  support::write_file(empty, "");
+  support::write_file(text, std::string(5000, 'x'));
+  const Wrong CASES[] = {
+      {{"--mux", "1=" + missing}, missing + ": cannot be opened: No such file or directory"},
+      {{"--mux", "1=" + empty}, empty + ": the file is empty"},
+      {{"--mux", "1=" + text}, text + ": no transport stream packets in it"},
+      {{"--config", missing}, missing + ": cannot be opened: No such file or directory"},
+      {{"--log", log}, log + ": cannot be written"},
+      {{"--", "/nonexistent/command"}, "/nonexistent/command: cannot be run: No such file or directory"}};
+  for (const Wrong& c : CASES)
+    EXPECT_EQ(failure(c.arguments), "1: softdvb: " + c.message + "\n");
 }
 
 TEST(Launcher, passes_on_exit_codes_and_signals) {
-  EXPECT_EQ(softdvb({"--", "true"}).exit_code, 0);
-  EXPECT_EQ(softdvb({"--", "sh", "-c", "exit 7"}).exit_code, 7);
-  EXPECT_EQ(softdvb({"--", "sh", "-c", "kill -SEGV $$"}).exit_code, 128 + SIGSEGV);
+  const std::pair<const char*, int> CODES[] = {{"true", 0}, {"exit 7", 7}, {"kill -SEGV $$", 128 + SIGSEGV}};
+  for (const auto& [script, code] : CODES)
+    EXPECT_EQ(softdvb({"--", "sh", "-c", script}).exit_code, code) << script;
 }
 
 TEST(Launcher, passes_on_a_signal_sent_to_it) {
@@ -142,7 +130,7 @@ TEST(Launcher, keeps_the_root_it_was_given) {
 }
 
 TEST(Launcher, works_inside_itself) {
-  const std::string stream = "506000000=" SOFTDVB_STREAMS "/counting.188.ts";
+  const std::string stream = "506000000=" COUNTING;
   const Softdvb_run run = softdvb({"--adapter", "1", "--", support::softdvb_launcher(), "--mux", stream, "--once",
                                    "--pace", "fast", "--", SOFTDVB_LISTEN, "tune=506000000", "count=2"});
   EXPECT_EQ(run.out, "0 1 ") << run.err;
@@ -203,36 +191,33 @@ TEST(Launcher, the_page_describes_every_option) {
 class Config_file : public testing::Test {
  protected:
   support::Temp_dir folder;
-
-  Softdvb_run with(const std::string& text, std::vector<std::string> command) {
-    support::write_file(folder.file("softdvb.conf"), text);
-    command.insert(command.begin(), {"--config", folder.file("softdvb.conf"), "--"});
-    return softdvb(command);
-  }
+  const std::string file = folder.file("softdvb.conf");
 };
 
 TEST_F(Config_file, says_the_same_as_options) {
-  std::filesystem::create_symlink(SOFTDVB_STREAMS "/counting.188.ts", folder.file("relative.ts"));
-  const Softdvb_run run = with(
-      "# A comment\n\n time = x20\n[adapter 0]\nmux = 506000000=relative.ts\nonce\npace=fast\n"
-      "section = 0x100=drop@2\n[adapter 3]\ntype = qam\n",
-      {SOFTDVB_LISTEN, "tune=506000000", "wait=3000"});
+  std::filesystem::create_symlink(COUNTING, folder.file("relative.ts"));
+  support::write_file(file,
+                      "# A comment\n\n time = x20\n[adapter 0]\nmux = 506000000=relative.ts\nonce\npace=fast\n"
+                      "section = 0x100=drop@2\n[adapter 3]\ntype = qam\n");
+  const Softdvb_run run = softdvb({"--config", file, "--", SOFTDVB_LISTEN, "tune=506000000", "wait=3000"});
   EXPECT_EQ(run.out, "0 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 ") << run.err;
 }
 
 TEST_F(Config_file, errors_name_the_line) {
-  const std::string name = folder.file("softdvb.conf");
-  const auto error_of = [&](const std::string& text) {
-    const Softdvb_run run = with(text, {"echo", "ran"});
-    EXPECT_EQ(run.exit_code, 2);
-    EXPECT_EQ(run.out, "");
-    return run.err;
-  };
-  EXPECT_EQ(error_of("once\ncolour = red\n"), "softdvb: " + name + ", line 2: there is no key 'colour'\n");
-  EXPECT_EQ(error_of("mux\n"), "softdvb: " + name + ", line 1: mux: a value is missing\n");
-  EXPECT_EQ(error_of("once = 5\n"), "softdvb: " + name + ", line 1: once: takes no value\n");
-  EXPECT_EQ(error_of("[tuner 1]\n"), "softdvb: " + name + ", line 1: '[tuner 1]' is not of the form [adapter N]\n");
-  EXPECT_EQ(error_of("\n\ntime = fast\n"), "softdvb: " + name + ", line 3: time: 'fast' is not a positive number\n");
+  const Wrong CASES[] = {{{"once\ncolour = red\n"}, "2: there is no key 'colour'"},
+                         {{"mux\n"}, "1: mux: a value is missing"},
+                         {{"once = 5\n"}, "1: once: takes no value"},
+                         {{"[tuner 1]\n"}, "1: '[tuner 1]' is not of the form [adapter N]"},
+                         {{"\n\ntime = fast\n"}, "3: time: 'fast' is not a positive number"}};
+  for (const Wrong& c : CASES) {
+    support::write_file(file, c.arguments[0]);
+    EXPECT_EQ(failure({"--config", file}), "2: softdvb: " + file + ", line " + c.message + "\n");
+  }
+}
+
+// A shell's script beside a tuned adapter.
+static Softdvb_run tuned(const std::string& script) {
+  return softdvb({"--tuned", "506000000", "--mux", "506000000=" COUNTING, "--", "sh", "-c", script});
 }
 
 TEST(Control, outside_of_a_command_is_an_error) {
@@ -242,21 +227,17 @@ TEST(Control, outside_of_a_command_is_an_error) {
 }
 
 TEST(Control, changes_a_running_adapter_from_the_shell) {
-  const std::string launcher = support::softdvb_launcher();
-  const Softdvb_run run =
-      softdvb({"--tuned", "506000000", "--mux", "506000000=" SOFTDVB_STREAMS "/counting.188.ts", "--", "sh", "-c",
-               launcher + " --control 'adapter 0 strength 506000000 = 0x77' && " + SOFTDVB_READINGS "; " + launcher +
-                   " --control 'adapter 0 colour = 5'; " + launcher + " --control 'adapter 9 ber = 5'"});
+  const std::string control = support::softdvb_launcher() + " --control ";
+  const Softdvb_run run = tuned(control + "'adapter 0 strength 506000000 = 0x77' && " SOFTDVB_READINGS "; " + control +
+                                "'adapter 0 colour = 5'; " + control + "'adapter 9 ber = 5'");
   EXPECT_EQ(run.out, "strength 77\n");
   EXPECT_EQ(run.err,
             "softdvb: control: 'adapter 0 colour = 5' is not understood\nsoftdvb: control: there is no adapter 9\n");
 }
 
 TEST(Control, lines_written_to_the_control_file_count_soon) {
-  const Softdvb_run run =
-      softdvb({"--tuned", "506000000", "--mux", "506000000=" SOFTDVB_STREAMS "/counting.188.ts", "--", "sh", "-c",
-               "echo 'adapter 0 strength = 0x66' >$SOFTDVB_CONTROL; for i in 1 2 3 4 5 6 7 8 "
-               "9 10; do r=$(" SOFTDVB_READINGS "); [ \"$r\" = 'strength 66' ] && break; sleep 0.1; "
-               "done; echo $r"});
+  const Softdvb_run run = tuned(
+      "echo 'adapter 0 strength = 0x66' >$SOFTDVB_CONTROL; for i in 1 2 3 4 5 6 7 8 9 10; do r=$(" SOFTDVB_READINGS
+      "); [ \"$r\" = 'strength 66' ] && break; sleep 0.1; done; echo $r");
   EXPECT_EQ(run.out, "strength 66\n") << run.err;
 }

@@ -3,19 +3,18 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <linux/dvb/dmx.h>
-#include <sys/ioctl.h>
 #include <sys/sysmacros.h>
 
-#include "support/softdvb.h"
-#include "support/support.h"
-#include "support/test.h"
+#include "softdvb/device_support.h"
 
 // Run under softdvb.
 namespace fs = std::filesystem;
+using device::Fd;
+using device::result;
+using Names = std::vector<std::string>;
 
-static std::vector<std::string> names_in(const char* folder) {
-  std::vector<std::string> names;
+static Names names_in(const char* folder) {
+  Names names;
   DIR* list = opendir(folder);
   if (list == nullptr)
     return names;
@@ -31,23 +30,17 @@ static std::string in_root(const std::string& path) {
   return std::string(getenv("SOFTDVB_ROOT")) + path;
 }
 
-using Names = std::vector<std::string>;
-
 TEST(Devices, are_listed) {
   EXPECT_EQ(names_in("/dev/dvb"), (Names{"adapter0", "adapter2"}));
   EXPECT_EQ(names_in("/dev/dvb/adapter2"), (Names{"demux0", "dvr0", "frontend0"}));
   EXPECT_EQ(access("/dev/dvb/adapter0/frontend0", R_OK | W_OK), 0);
-  EXPECT_EQ(access("/dev/dvb/adapter1/frontend0", F_OK), -1);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(result(access("/dev/dvb/adapter1/frontend0", F_OK)), -ENOENT);
 }
 
 TEST(Devices, others_do_not_exist) {
   for (const char* path : {"/dev/dvb/adapter1/demux0", "/dev/dvb/adapter0/ca0", "/dev/dvb/adapter0/sec0",
-                           "/dev/dvb/adapter0/frontend1", "/dev/dvb0.frontend0", "/dev/dvb/adapter00x/demux0"}) {
-    errno = 0;
-    EXPECT_EQ(open(path, O_RDONLY), -1) << path;
-    EXPECT_EQ(errno, ENOENT) << path;
-  }
+                           "/dev/dvb/adapter0/frontend1", "/dev/dvb0.frontend0", "/dev/dvb/adapter00x/demux0"})
+    EXPECT_EQ(result(open(path, O_RDONLY)), -ENOENT) << path;
 }
 
 TEST(Devices, are_character_devices) {
@@ -55,12 +48,11 @@ TEST(Devices, are_character_devices) {
   ASSERT_EQ(stat("/dev/dvb/adapter2/demux0", &st), 0);
   EXPECT_TRUE(S_ISCHR(st.st_mode));
   EXPECT_EQ(major(st.st_rdev), 212u);
-  const int fd = open("/dev/dvb/adapter2/demux0", O_RDONLY);
+  const Fd fd(open("/dev/dvb/adapter2/demux0", O_RDONLY));
   struct stat open_one {};
   ASSERT_EQ(fstat(fd, &open_one), 0);
   EXPECT_TRUE(S_ISCHR(open_one.st_mode));
   EXPECT_EQ(st.st_rdev, open_one.st_rdev);
-  close(fd);
   EXPECT_TRUE(fs::is_character_file("/dev/dvb/adapter0/frontend0"));
 }
 
@@ -86,16 +78,14 @@ TEST(Devices, are_opened_by_every_variant_of_the_call) {
 }
 
 TEST(Devices, tell_how_they_were_opened) {
-  const int reader = open("/dev/dvb/adapter0/demux0", O_RDONLY | O_NONBLOCK);
+  const Fd reader(device::open_demux());
   EXPECT_EQ(fcntl(reader, F_GETFL), O_RDONLY | O_NONBLOCK);
   EXPECT_EQ(fcntl(reader, F_SETFL, 0), 0);
   EXPECT_EQ(fcntl(reader, F_GETFL), O_RDONLY);
   EXPECT_EQ(fcntl(reader, F_GETFD), 0);
-  const int writer = open("/dev/dvb/adapter0/demux0", O_RDWR | O_CLOEXEC);
+  const Fd writer(device::open_demux(O_RDWR | O_CLOEXEC));
   EXPECT_EQ(fcntl(writer, F_GETFL), O_RDWR);
   EXPECT_EQ(fcntl(writer, F_GETFD), FD_CLOEXEC);
-  close(reader);
-  close(writer);
 }
 
 TEST(Sandbox, files_live_below_its_root) {

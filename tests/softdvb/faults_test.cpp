@@ -7,28 +7,23 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 
-#include "softdvb/device_support.h"
+#include "softdvb/session.h"
 
 // Run under softdvb; each test asks for its faults itself.
 using namespace device;
 using support::softdvb_control;
 
-TEST(Faults, open_fails_the_first_times) {
-  softdvb_control("fault open(/dev/dvb/adapter0/demux0) = EBUSY*2");
-  EXPECT_EQ(result(open_demux()), -EBUSY);
-  const Fd frontend(open_frontend());
-  EXPECT_GE(frontend, 0);
-  EXPECT_EQ(result(open_demux()), -EBUSY);
-  const Fd fd(open_demux());
-  EXPECT_GE(fd, 0);
-}
-
-TEST(Faults, a_call_fails_once_at_its_turn) {
-  softdvb_control("fault DMX_START = EIO@2");
-  const Fd fd(listening(PID, 0));
-  EXPECT_EQ(ioctl(fd, DMX_START), 0);
-  EXPECT_EQ(result(ioctl(fd, DMX_START)), -EIO);
-  EXPECT_EQ(ioctl(fd, DMX_START), 0);
+TEST(Faults, of_the_devices) {
+  expect_plays({
+      {"an open fails the first times",
+       "fault open(/dev/dvb/adapter0/demux0) EBUSY*2, a: open = EBUSY, "
+       "frontend: open, b: open = EBUSY, c: open"},
+      {"a call fails once at its turn", "fault DMX_START EIO@2, filter 256 idle, start, start = EIO, start"},
+      {"an overflow takes the queue with it",
+       "filter 256, send 100#1, fault read(demux0) EOVERFLOW*1, "
+       "read = EOVERFLOW, read = EAGAIN, send 100#1, read = 100#1"},
+      {"another failure does not", "filter 256, send 100#1, fault read(demux0) EIO*1, read = EIO, read = 100#1"},
+  });
 }
 
 TEST(Faults, always_until_they_are_cleared) {
@@ -48,22 +43,8 @@ TEST(Faults, several_calls_from_one_on) {
     EXPECT_EQ(result(ioctl(fd, FE_GET_INFO, &info)), wanted);
 }
 
-TEST(Faults, an_overflow_takes_the_queue_with_it) {
+TEST(Faults, waiting) {
   const Fd fd(listening());
-  send_section(section_of(100));
-  softdvb_control("fault read(demux0) = EOVERFLOW*1");
-  EXPECT_EQ(read_size(fd), -EOVERFLOW);
-  EXPECT_EQ(read_size(fd), -EAGAIN);
-  send_section(section_of(100));
-  EXPECT_EQ(read_size(fd), 100);
-}
-
-TEST(Faults, reading_and_waiting) {
-  const Fd fd(listening());
-  send_section(section_of(100));
-  softdvb_control("fault read(demux0) = EIO*1");
-  EXPECT_EQ(read_size(fd), -EIO);
-  EXPECT_EQ(read_size(fd), 100);
   softdvb_control("fault poll = EINTR*1");
   pollfd p{fd, POLLIN, 0};
   EXPECT_EQ(result(poll(&p, 1, 0)), -EINTR);
@@ -130,20 +111,8 @@ TEST(Faults, lines_that_are_wrong_are_told_and_do_nothing) {
 
 TEST(Faults, a_reopened_frontend_without_core_thread) {
   // The launcher was told --dead-reopen 2.
-  Fd first(open_frontend());
-  first.reset();
-  Fd dead(open_frontend());
-  uint16_t strength = 0;
-  EXPECT_EQ(result(ioctl(dead, FE_READ_SIGNAL_STRENGTH, &strength)), -EAGAIN);
-  EXPECT_EQ(tune(dead, 506000000), 0);
-  dvb_frontend_event event{};
-  EXPECT_EQ(ioctl(dead, FE_GET_EVENT, &event), 0);
-  EXPECT_EQ(event.status, FE_NONE);
-  usleep(500000);
-  EXPECT_EQ(status_of(dead), FE_NONE);
-  dead.reset();
-  const Fd third(open_frontend());
-  EXPECT_EQ(tune(third, 506000000), 0);
-  usleep(500000);
-  EXPECT_EQ(status_of(third), 0x1F);
+  EXPECT_THAT(
+      "frontend: open, frontend: close, strength = EAGAIN, tune 506000000, event = 0, wait 500, status = 0, "
+      "frontend: close, tune 506000000, wait 500, status = 1f",
+      plays());
 }

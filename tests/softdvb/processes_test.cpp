@@ -25,9 +25,14 @@ static bool read_within(int fd, int ms) {
   return readable_within(fd, ms) && read_size(fd) > 0;
 }
 
-TEST(Processes, share_the_frontend) {
-  const Fd fd(open_frontend());
-  ASSERT_EQ(tune(fd, FREQ), 0);
+class Processes_tuned : public testing::Test {
+ protected:
+  const Fd fd{open_frontend()};
+
+  void SetUp() override { ASSERT_EQ(tune(fd, FREQ), 0); }
+};
+
+TEST_F(Processes_tuned, share_the_frontend) {
   EXPECT_TRUE(in_child([] {
     if (result(open_frontend()) != -EBUSY)
       return false;
@@ -36,9 +41,7 @@ TEST(Processes, share_the_frontend) {
   }));
 }
 
-TEST(Processes, each_plays_the_stream_for_itself) {
-  const Fd fd(open_frontend());
-  ASSERT_EQ(tune(fd, FREQ), 0);
+TEST_F(Processes_tuned, each_plays_the_stream_for_itself) {
   const Fd demux(listening());
   EXPECT_TRUE(in_child([] {
     const Fd own(open_demux());
@@ -47,9 +50,7 @@ TEST(Processes, each_plays_the_stream_for_itself) {
   EXPECT_TRUE(read_within(demux, 5000));
 }
 
-TEST(Processes, a_child_can_go_on_with_an_inherited_filter) {
-  const Fd fd(open_frontend());
-  ASSERT_EQ(tune(fd, FREQ), 0);
+TEST_F(Processes_tuned, a_child_can_go_on_with_an_inherited_filter) {
   const Fd demux(listening());
   EXPECT_TRUE(read_within(demux, 5000));
   EXPECT_TRUE(in_child([&] { return read_within(demux, 5000) && read_within(demux, 5000); }));
@@ -73,14 +74,11 @@ TEST(Processes, what_a_vfork_child_closes_stays_open_here) {
 
 TEST(Processes, a_writer_that_dies_frees_the_place) {
   EXPECT_TRUE(in_child([] { return open_frontend() >= 0; }));
-  const Fd fd(open_frontend());
-  EXPECT_GE(fd, 0);
+  EXPECT_GE(Fd(open_frontend()), 0);
 }
 
-TEST(Processes, a_child_that_keeps_the_writer_keeps_the_place) {
-  Fd fd(open_frontend());
-  int pipe_ends[2];
-  ASSERT_EQ(pipe(pipe_ends), 0);
+// A child that lives until the writing end of this pipe is closed.
+static pid_t fork_waiting(const int (&pipe_ends)[2]) {
   const pid_t child = fork();
   if (child == 0) {
     char byte = 0;
@@ -88,31 +86,25 @@ TEST(Processes, a_child_that_keeps_the_writer_keeps_the_place) {
     (void)!read(pipe_ends[0], &byte, 1);
     _exit(0);
   }
-  close(pipe_ends[0]);
+  return child;
+}
+
+TEST(Processes, a_child_that_keeps_the_writer_keeps_the_place) {
+  Fd fd(open_frontend());
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);
+  const pid_t child = fork_waiting(pipe_ends);
   fd.reset();
   EXPECT_EQ(result(open_frontend()), -EBUSY);
   close(pipe_ends[1]);
   waitpid(child, nullptr, 0);
-  const Fd again(open_frontend());
-  EXPECT_GE(again, 0);
+  EXPECT_GE(Fd(open_frontend()), 0);
 }
 
 TEST(Processes, a_daemon_that_inherited_the_writer_keeps_the_tuning) {
   int pipe_ends[2];
   ASSERT_EQ(pipe(pipe_ends), 0);
-  EXPECT_TRUE(in_child([&] {
-    const int fd = open_frontend();
-    if (tune(fd, FREQ) != 0)
-      return false;
-    if (fork() == 0) {
-      char byte = 0;
-      close(pipe_ends[1]);
-      (void)!read(pipe_ends[0], &byte, 1);  // until the test is over
-      _exit(0);
-    }
-    return true;
-  }));
-  close(pipe_ends[0]);
+  EXPECT_TRUE(in_child([&] { return tune(open_frontend(), FREQ) == 0 && fork_waiting(pipe_ends) > 0; }));
   usleep(2000000);
   EXPECT_EQ(status_of(Fd(open_frontend(O_RDONLY))), 0x1F);
   EXPECT_EQ(result(open_frontend()), -EBUSY);
@@ -139,13 +131,10 @@ TEST(Processes, programs_started_see_the_devices) {
 }
 
 TEST(Adapters, are_independent) {
-  const Fd a(open("/dev/dvb/adapter0/frontend0", O_RDWR | O_NONBLOCK));
+  const Fd a(open_frontend());
   const Fd b(open("/dev/dvb/adapter1/frontend0", O_RDWR | O_NONBLOCK));
-  ASSERT_GE(a, 0);
-  ASSERT_GE(b, 0);
-  const Fd demux_a(open("/dev/dvb/adapter0/demux0", O_RDONLY | O_NONBLOCK));
+  const Fd demux_a(listening());
   const Fd demux_b(open("/dev/dvb/adapter1/demux0", O_RDONLY | O_NONBLOCK));
-  ASSERT_EQ(set_filter(demux_a, all_of(PID)), 0);
   ASSERT_EQ(set_filter(demux_b, all_of(PID)), 0);
   ASSERT_EQ(tune(b, FREQ), 0);
   EXPECT_TRUE(read_within(demux_b, 5000));
@@ -200,9 +189,7 @@ TEST(Waiting, with_epoll) {
   EXPECT_EQ(epoll_wait(set, &event, 1, 20), 0);
 }
 
-TEST(Threads, read_start_and_close_side_by_side) {
-  const Fd fd(open_frontend());
-  ASSERT_EQ(tune(fd, FREQ), 0);
+TEST_F(Processes_tuned, threads_read_start_and_close_side_by_side) {
   std::atomic<int> sections{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)

@@ -15,6 +15,7 @@ struct Listener {
   int frontend = -1;
   int demux = -1;
   int slow_ms = 0;
+  bool started = false;
 
   std::string path(const char* name) const { return "/dev/dvb/adapter" + std::to_string(adapter) + "/" + name; }
 
@@ -26,16 +27,14 @@ struct Listener {
       std::perror("FE_SET_FRONTEND");
   }
 
+  // Opens the demultiplexer, and starts its filter once.
   void open_filter() {
     if (demux < 0)
       demux = open(path("demux0").c_str(), O_RDONLY | O_NONBLOCK);
   }
-
   void start() {
-    if (started)
-      return;
     open_filter();
-    if (set_filter(demux, all_of(PID, DMX_IMMEDIATE_START | DMX_CHECK_CRC)) != 0)
+    if (!started && set_filter(demux, all_of(PID, DMX_IMMEDIATE_START | DMX_CHECK_CRC)) != 0)
       std::perror("DMX_SET_FILTER");
     started = true;
   }
@@ -49,14 +48,9 @@ struct Listener {
     const Bytes s = read_bytes(demux);
     if (s.size() < 5)
       return false;
-    std::printf("%d", s[3] << 8 | s[4]);
-    if (s.size() != 40)
-      std::printf("/%zu", s.size());
-    std::printf(" ");
+    std::cout << (s[3] << 8 | s[4]) << (s.size() == 40 ? " " : "/" + std::to_string(s.size()) + " ");
     return true;
   }
-
-  bool started = false;
 };
 
 int main(int argc, char** argv) {
@@ -71,12 +65,10 @@ int main(int argc, char** argv) {
       listener.adapter = value;
     } else if (key == "tune") {
       listener.tune(static_cast<uint32_t>(value));
-      // The filter is there from the beginning unless it is to be late.
-      if (i + 1 >= argc || std::string(argv[i + 1]).rfind("late", 0) != 0) {
-        if (i + 1 < argc && std::string(argv[i + 1]).rfind("buffer", 0) == 0)
-          continue;
+      // The filter is there from the beginning unless it is to be late, or to have another buffer.
+      const std::string next = i + 1 < argc ? argv[i + 1] : "";
+      if (next.rfind("late", 0) != 0 && next.rfind("buffer", 0) != 0)
         listener.start();
-      }
     } else if (key == "sleep" || key == "late") {
       usleep(static_cast<useconds_t>(value) * 1000);
       if (key == "late")

@@ -8,9 +8,7 @@
 namespace {
 
 using namespace mux_support;
-using testing::ElementsAre;
-using testing::Pair;
-using testing::SizeIs;
+using namespace testing;
 using Lines = std::vector<std::string>;
 
 std::string with_event(const std::string& keys) {
@@ -230,7 +228,7 @@ TEST(Mux_eit, other_streams_use_their_own_table_ids) {
       heads.insert(section.hex(0, 1) + " " + section.hex(3, 2) + " " + section.hex(8, 6));
   EXPECT_TRUE(heads.count("4f 00c9 00020006014f"));
   EXPECT_TRUE(heads.count("60 00c9 000200063060"));
-  EXPECT_THAT(heads, testing::Each(testing::Not(testing::StartsWith("4e"))));
+  EXPECT_THAT(heads, Each(Not(StartsWith("4e"))));
 }
 
 TEST(Mux_eit, an_undefined_start_is_all_ones) {

@@ -4,48 +4,46 @@
 #include "support/softdvb.h"
 #include "support/support.h"
 #include "support/test.h"
+#include "support/text.h"
 
 // Programs of Debian that know nothing of these adapters, unchanged.
 using support::run_softdvb;
 using support::Softdvb_run;
-using Lines = std::vector<std::string>;
+using support::Texts;
+using testing::HasSubstr;
 
 static bool installed(const std::string& program) {
   return support::run_program({"which", program}).exit_code == 0;
 }
 
-static Lines sorted_lines(const std::string& text) {
-  Lines lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
-// Names, as `scan` lists them in its channel list.
-static Lines names_of_scan(const std::string& out) {
-  Lines names;
-  for (const std::string& line : sorted_lines(out))
-    names.push_back(line.substr(0, line.find(':')));
+// Names, sorted: what stands before the colon in the channel list of `scan`, and in brackets in the file of
+// `dvbv5-scan`.
+static Texts names_in(const std::string& text, const char* pattern) {
+  Texts names;
+  const std::regex expression(pattern, std::regex::multiline);
+  for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+    names.push_back(at->str(1));
+  std::sort(names.begin(), names.end());
   return names;
 }
+static constexpr const char* OF_SCAN = "^([^:\n]*):.*$";
+static constexpr const char* OF_V5 = "^\\[(.*)\\]$";
 
-// Names, as `dvbv5-scan` writes them to its file.
-static Lines names_of_v5(const std::string& file) {
-  Lines names;
-  for (const std::string& line : sorted_lines(support::read_file(file)))
-    if (!line.empty() && line.front() == '[')
-      names.push_back(line.substr(1, line.size() - 2));
-  return names;
+// What the two programs want to know of the first frequency.
+static void write_regions(const support::Temp_dir& folder, const std::string& freq) {
+  support::write_file(folder.file("scan"), "T " + freq + " 8MHz 2/3 NONE QAM64 8k 1/4 NONE\n");
+  support::write_file(folder.file("v5"),
+                      "[R]\n DELIVERY_SYSTEM = DVBT\n FREQUENCY = " + freq + "\n BANDWIDTH_HZ = 8000000\n");
 }
 
 class Recorded : public testing::Test {
  protected:
   std::string stream = support::capture_file("it_rai_2022.ts");
-  Lines names{"Rai 1",      "Rai 2",      "Rai 3 TGR Emilia Romagna", "Rai News 24", "Rai Radio1",
+  Texts names{"Rai 1",      "Rai 2",      "Rai 3 TGR Emilia Romagna", "Rai News 24", "Rai Radio1",
               "Rai Radio2", "Rai Radio3", "Test HEVC main10"};
   support::Temp_dir folder;
+
+  void SetUp() override { write_regions(folder, "506000000"); }
 };
 
 #define NEEDS(program)     \
@@ -56,27 +54,22 @@ TEST_F(Recorded, scan_lists_the_services) {
   NEEDS("scan");
   if (stream.empty())
     GTEST_SKIP() << "no recorded stream";
-  support::write_file(folder.file("region"), "T 506000000 8MHz 2/3 NONE QAM64 8k 1/4 NONE\n");
   const Softdvb_run run =
-      run_softdvb({"--time", "x4", "--mux", "506000000=" + stream}, {"scan", "-q", folder.file("region")});
+      run_softdvb({"--time", "x4", "--mux", "506000000=" + stream}, {"scan", "-q", folder.file("scan")});
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(names_of_scan(run.out), names);
-  EXPECT_NE(run.out.find("Rai 1:506000000:INVERSION_AUTO:BANDWIDTH_8_MHZ:FEC_2_3:FEC_AUTO:QAM_64:"
-                         "TRANSMISSION_MODE_8K:GUARD_INTERVAL_1_4:HIERARCHY_NONE:512:650:3401\n"),
-            std::string::npos);
+  EXPECT_EQ(names_in(run.out, OF_SCAN), names);
+  EXPECT_THAT(run.out, HasSubstr("Rai 1:506000000:INVERSION_AUTO:BANDWIDTH_8_MHZ:FEC_2_3:FEC_AUTO:QAM_64:"
+                                 "TRANSMISSION_MODE_8K:GUARD_INTERVAL_1_4:HIERARCHY_NONE:512:650:3401\n"));
 }
 
 TEST_F(Recorded, dvbv5_scan_finds_the_adapter_and_lists_the_services) {
   NEEDS("dvbv5-scan");
   if (stream.empty())
     GTEST_SKIP() << "no recorded stream";
-  support::write_file(folder.file("region"),
-                      "[R]\n DELIVERY_SYSTEM = DVBT\n FREQUENCY = 506000000\n"
-                      " BANDWIDTH_HZ = 8000000\n");
   const Softdvb_run run = run_softdvb({"--mux", "506000000=" + stream},
-                                      {"dvbv5-scan", "-N", "-o", folder.file("found"), folder.file("region")});
+                                      {"dvbv5-scan", "-N", "-o", folder.file("found"), folder.file("v5")});
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(names_of_v5(folder.file("found")), names);
+  EXPECT_EQ(names_in(support::read_file(folder.file("found")), OF_V5), names);
 }
 
 TEST_F(Recorded, dvbdate_tells_the_time_of_the_stream) {
@@ -87,7 +80,7 @@ TEST_F(Recorded, dvbdate_tells_the_time_of_the_stream) {
   const Softdvb_run run =
       run_softdvb({"--tuned", "506000000", "--mux", "506000000=" + mediaset}, {"env", "TZ=UTC", "LC_ALL=C", "dvbdate"});
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_NE((run.out + run.err).find("Tue Feb 13 12:35:0"), std::string::npos) << run.out << run.err;
+  EXPECT_THAT(run.out + run.err, HasSubstr("Tue Feb 13 12:35:0"));
 }
 
 // The sample network, as this build makes it.
@@ -105,10 +98,7 @@ class Sample_network : public testing::Test {
       ASSERT_EQ(made.exit_code, 0) << made.err;
       options.insert(options.end(), {"--mux", std::string(mhz) + "000000=" + file});
     }
-    support::write_file(folder.file("scan"), "T 474000000 8MHz 2/3 NONE QAM64 8k 1/4 NONE\n");
-    support::write_file(folder.file("v5"),
-                        "[R]\n DELIVERY_SYSTEM = DVBT\n FREQUENCY = 474000000\n"
-                        " BANDWIDTH_HZ = 8000000\n");
+    write_regions(folder, "474000000");
   }
 };
 
@@ -116,20 +106,19 @@ TEST_F(Sample_network, scan_finds_all_three_multiplexes) {
   NEEDS("scan");
   const Softdvb_run run = run_softdvb(options, {"scan", "-q", folder.file("scan")});
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  const Lines names = names_of_scan(run.out);
-  EXPECT_GE(names.size(), 20u) << run.out;
+  EXPECT_GE(names_in(run.out, OF_SCAN).size(), 20u) << run.out;
   for (const char* freq : {":474000000:", ":498000000:", ":522000000:"})
-    EXPECT_NE(run.out.find(freq), std::string::npos) << freq;
+    EXPECT_THAT(run.out, HasSubstr(freq));
 }
 
 TEST_F(Sample_network, dvbv5_scan_finds_all_three_multiplexes) {
   NEEDS("dvbv5-scan");
   const Softdvb_run run = run_softdvb(options, {"dvbv5-scan", "-o", folder.file("found"), folder.file("v5")});
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_GE(names_of_v5(folder.file("found")).size(), 20u);
   const std::string found = support::read_file(folder.file("found"));
+  EXPECT_GE(names_in(found, OF_V5).size(), 20u);
   for (const char* freq : {"474000000", "498000000", "522000000"})
-    EXPECT_NE(found.find(freq), std::string::npos) << freq;
+    EXPECT_THAT(found, HasSubstr(freq));
 }
 
 TEST_F(Sample_network, dvbdate_reads_the_time) {
@@ -154,8 +143,8 @@ TEST_F(Sample_network, femon_shows_a_lost_lock) {
   NEEDS("femon");
   options.insert(options.end(), {"--tuned", "474000000", "--signal", "474000000:status=0"});
   const Softdvb_run run = run_softdvb(options, {"femon", "-c", "1"});
-  EXPECT_EQ(run.out.find("FE: softdvb DVB-T 0 (DVBT)\nstatus       | "), 0u) << run.out;
-  EXPECT_EQ(run.out.find("FE_HAS_LOCK"), std::string::npos);
+  EXPECT_THAT(run.out, testing::StartsWith("FE: softdvb DVB-T 0 (DVBT)\nstatus       | "));
+  EXPECT_THAT(run.out, testing::Not(HasSubstr("FE_HAS_LOCK")));
 }
 
 // Programs that look for adapters through libudev.

@@ -30,11 +30,7 @@ class Fd {
   Fd(const Fd&) = delete;
   Fd& operator=(const Fd&) = delete;
   operator int() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0)
-      close(fd_);
-    fd_ = -1;
-  }
+  int reset() { return fd_ < 0 ? 0 : close(std::exchange(fd_, -1)); }
 
  private:
   int fd_;

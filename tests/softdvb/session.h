@@ -47,14 +47,6 @@ inline std::string received(int fd) {
 // Of all: open, close, wait MS, fault CALL ERRNO.
 class Session {
  public:
-  Session() = default;
-  ~Session() {
-    for (const auto& [who, fd] : fds_)
-      close(fd);
-  }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
   // The steps once more, with what really came out.
   std::string play(const std::string& steps) {
     std::string played;
@@ -116,15 +108,11 @@ class Session {
     dmx_sct_filter_params p = all_of(pid);
     for (std::string word; words >> word;) {
       const int value = std::atoi(word.substr(word.find(':') + 1).c_str());
-      if (word == "idle")
-        p.flags &= ~uint32_t{DMX_IMMEDIATE_START};
-      else if (word == "crc")
-        p.flags |= DMX_CHECK_CRC;
-      else if (word == "oneshot")
-        p.flags |= DMX_ONESHOT;
-      else if (word.rfind("timeout:", 0) == 0)
+      p.flags &= word == "idle" ? ~uint32_t{DMX_IMMEDIATE_START} : ~0u;
+      p.flags |= word == "crc" ? DMX_CHECK_CRC : word == "oneshot" ? DMX_ONESHOT : 0;
+      if (word.rfind("timeout:", 0) == 0)
         p.timeout = static_cast<uint32_t>(value);
-      else
+      if (word.rfind("table:", 0) == 0)
         p.filter = table_of(pid, value).filter;
     }
     return set_filter(fd, p);
@@ -163,13 +151,11 @@ class Session {
     return told(outcome, hex(value));
   }
 
-  int fd_of(const std::string& who) {
-    const auto [place, is_new] = fds_.try_emplace(who, -1);
-    if (is_new)
-      place->second = who == "frontend" ? open_frontend()
-                      : who == "reader" ? open_frontend(O_RDONLY | O_NONBLOCK)
-                                        : open_demux();
-    return place->second;
+  Fd& fd_of(const std::string& who) {
+    if (const auto opened = fds_.find(who); opened != fds_.end())
+      return opened->second;
+    const int fd = who == "frontend" ? open_frontend() : who == "reader" ? open_frontend(O_RDONLY) : open_demux();
+    return fds_.try_emplace(who, fd).first->second;
   }
 
   // A call's name and what it does, the rest of the step given.
@@ -223,12 +209,13 @@ class Session {
       send_section(section_named(name), static_cast<int>(number(words, PID)));
       return "";
     }
-    const int fd = fd_of(who);
+    Fd& fd = fd_of(who);
     if (verb == "open")
       return told(fd);
     if (verb == "close") {
+      const int outcome = fd.reset();
       fds_.erase(who);
-      return told(close(fd));
+      return told(outcome);
     }
     for (const Calls* calls : {&of_demux(), &of_frontend()})
       if (const auto call = calls->find(verb); call != calls->end())
@@ -236,7 +223,7 @@ class Session {
     return "no such step";
   }
 
-  std::map<std::string, int> fds_;
+  std::map<std::string, Fd> fds_;
 };
 
 MATCHER(plays, negation ? "does not play like this" : "plays like this") {

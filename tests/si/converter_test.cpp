@@ -15,11 +15,11 @@ class Converters : public Parser_test {
   void TearDown() override { support::softdvb_control("clear faults"); }
 
   std::string construction(int level) {
-    return at_level(level, [&] { another = std::make_unique<Siparse>(&filter, 1, CONN, TYPE, &db); });
+    return messages_at(level, [&] { another = std::make_unique<Siparse>(&filter, 1, CONN, TYPE, &db); });
   }
   // The text after conversion by the parser constructed last, and behind it what that printed.
   std::string converted(std::string text) {
-    const std::string all = at_level(0, [&] { another->dvb_text_to_utf8(&text); });
+    const std::string all = messages_at(0, [&] { another->dvb_text_to_utf8(&text); });
     return text + "|" + all;
   }
   std::unique_ptr<Siparse> another;

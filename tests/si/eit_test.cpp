@@ -20,17 +20,11 @@ using Tables = std::vector<int>;
 class Eit : public Parser_test {
  protected:
   Eit() {
-    insert(1, "First");
-    insert(2, "Second");
+    insert(1, 256, 257, "First");
+    insert(2, 256, 257, "Second");
   }
   ~Eit() override { recorded_clock = {}; }
 
-  void insert(int program, const char* name, int serv_type = 1) {
-    db.sql_cache(true, 0,
-                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type, serv_name) "
-                 "VALUES ($type, $conn, $freq, $pat_prnr, 256, 257, $serv_type, @name)",
-                 TYPE, CONN, FREQ, program, serv_type, name);
-  }
   // The guide of the services in the database, from its first table on.
   void start() {
     parser.init_cache_list(FREQ, SCAN_EIT);
@@ -38,7 +32,7 @@ class Eit : public Parser_test {
   }
   // With the first service only.
   void start_one() {
-    db_support::run(db, "DELETE FROM kanalid WHERE pat_prnr = 2");
+    run("DELETE FROM kanalid WHERE pat_prnr = 2");
     start();
   }
   std::string arrive(int service, int table, const std::vector<Programme_event>& events, int level = -1,
@@ -71,9 +65,8 @@ const std::vector<Programme_event> NOON = {{1, 0x120000}};
 // --- Starting --------------------------------------------------------------------------------------------------------
 
 TEST_F(Eit, starts_with_the_present_following_table) {
-  for (int table : {NOW, FIRST, LAST})
-    filter.addfilter(18, table, FREQ);
-  filter.addfilter(18, 0x60, FREQ);
+  for (int table : {NOW, FIRST, LAST, table::EIT_SCHEDULE_OTHER_FIRST})
+    filter.addfilter(pid::EIT, table, FREQ);
   open(TOT);
   EXPECT_EQ(parser.start_eit_scan(FREQ, SCAN_EIT), 0);
   EXPECT_THAT(filters(), UnorderedElementsAre(PRESENT, Filter(pid::EIT, table::EIT_SCHEDULE_OTHER_FIRST), TOT));
@@ -89,7 +82,7 @@ TEST_F(Eit, a_section_of_another_table_is_dropped_with_a_counted_error) {
   EXPECT_EQ(arrive(1, FIRST, NOON, 0), line(1));
   EXPECT_EQ(arrive(1, FIRST, NOON, -1), "");
   EXPECT_EQ(arrive(1, FIRST, NOON, 0), line(3));
-  EXPECT_THAT(rows("SELECT * FROM epglist"), IsEmpty());
+  EXPECT_EQ(table("epglist"), Texts{});
 }
 
 TEST_F(Eit, before_the_start_every_table_is_another) {
@@ -108,9 +101,8 @@ TEST_F(Eit, a_section_without_events_is_only_traced) {
 
 TEST_F(Eit, sections_that_are_not_current_are_dropped) {
   start();
-  const Bytes section = eit(1, NOW, NOON);
-  scan(next_of(section), pid::EIT, SCAN_EIT);
-  EXPECT_THAT(starts(), IsEmpty());
+  scan(next_of(eit(1, NOW, NOON)), pid::EIT, SCAN_EIT);
+  EXPECT_EQ(starts(), Texts{});
 }
 
 // --- Storing ---------------------------------------------------------------------------------------------------------
@@ -137,28 +129,39 @@ TEST_F(Eit, texts_in_two_languages_become_two_rows) {
               ElementsAre("1|est|Uudised|Sisu|Pikk|YearYear:1999,", "1|rus|\xD0\x9D\xD0\xBE\xD0\xB2|Text||"));
 }
 
-TEST_F(Eit, content_and_rating_replace_the_defaults_of_their_event_only) {
-  start();
-  const Bytes both = join({descriptor(tag::CONTENT, {0x12, 0x34, 0xAB, 0xCD}),
-                           descriptor(tag::PARENTAL_RATING, join({bytes("EST"), {0x0C}}))});
-  arrive(1, NOW, {{1, 0x120000, 0x003000, both}, {2, 0x123000}});
-  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist ORDER BY start_epoch"),
-              ElementsAre("1.2.3.4 a.b.c.d |0c@EST ", "0.0.0.0|0@est"));
-}
-
-TEST_F(Eit, a_second_content_or_rating_replaces_the_first) {
-  start();
-  const Bytes four = join({descriptor(tag::CONTENT, {0x12, 0x34}), descriptor(tag::CONTENT, {0x56, 0x78}),
-                           descriptor(tag::PARENTAL_RATING, join({bytes("EST"), {0x0C}})),
-                           descriptor(tag::PARENTAL_RATING, join({bytes("FIN"), {3}}))});
-  arrive(1, NOW, {{1, 0x120000, 0x003000, four}});
-  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("5.6.7.8 |03@FIN "));
-}
-
-TEST_F(Eit, descriptors_without_entries_leave_the_defaults) {
-  start();
-  arrive(1, NOW, {{1, 0x120000, 0x003000, join({descriptor(tag::CONTENT, {}), descriptor(tag::PARENTAL_RATING, {})})}});
-  EXPECT_THAT(rows("SELECT content_id, rating FROM epglist"), ElementsAre("0.0.0.0|0@est"));
+TEST_F(Eit, what_arrives_is_stored_once_and_counted) {
+  const auto content = [](const Bytes& body) { return descriptor(tag::CONTENT, body); };
+  const auto rating = [](const Bytes& body) { return descriptor(tag::PARENTAL_RATING, body); };
+  const Bytes estonian = rating(join({bytes("EST"), {0x0C}}));
+  const struct {
+    const char* legend;
+    std::vector<std::vector<Programme_event>> sections;
+    Texts rows;
+  } cases[] = {
+      {"content and rating of one event only",
+       {{{1, 0x120000, 0x003000, join({content({0x12, 0x34, 0xAB, 0xCD}), estonian})}, {2, 0x123000}}},
+       {"1|1.2.3.4 a.b.c.d |0c@EST ", "2|0.0.0.0|0@est"}},
+      {"a second content or rating replaces the first",
+       {{{1, 0x120000, 0x003000,
+          join({content({0x12, 0x34}), content({0x56, 0x78}), estonian, rating(join({bytes("FIN"), {3}}))})}}},
+       {"1|5.6.7.8 |03@FIN "}},
+      {"content and rating without entries leave the defaults",
+       {{{1, 0x120000, 0x003000, join({content({}), rating({})})}}},
+       {"1|0.0.0.0|0@est"}},
+      {"an event already stored", {NOON, NOON}, {"1|0.0.0.0|0@est"}},
+      {"an event of the same time under a new id", {NOON, {{2, 0x120000}}}, {"1|0.0.0.0|0@est"}},
+      {"an event that begins within another", {NOON, {{2, 0x121500}}}, {"1|0.0.0.0|0@est"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.legend);
+    run("DELETE FROM epglist");
+    start();
+    const int before = parser.get_eit_stored();
+    for (const auto& events : c.sections)
+      arrive(1, NOW, events, -1, 0, 1);
+    EXPECT_EQ(rows("SELECT ev_id, content_id, rating FROM epglist ORDER BY start_epoch"), c.rows);
+    EXPECT_EQ(parser.get_eit_stored() - before, static_cast<int>(c.rows.size()));
+  }
 }
 
 // Most of what the guide's filters bring has been seen before, so this is what the box does all day.
@@ -172,45 +175,25 @@ TEST_F(Eit, sections_whose_events_are_all_stored_cost_no_query) {
     ++*static_cast<int*>(counter);
     return 0;
   };
-  sqlite3* conn = sqlite3_db_handle(db.sql_cache(false, 0, "SELECT 1"));
-  sqlite3_trace_v2(conn, SQLITE_TRACE_STMT, count, &queries);
+  sqlite3_trace_v2(conn(), SQLITE_TRACE_STMT, count, &queries);
   for (int i = 0; i < 5; ++i)
     arrive(1, NOW, evening, -1, 0, 1);
   EXPECT_EQ(queries, 0);
   arrive(1, NOW, {{4, 0x203000}}, -1, 0, 1);
   EXPECT_GE(queries, 1) << "counting works";
-  sqlite3_trace_v2(conn, 0, nullptr, nullptr);
+  sqlite3_trace_v2(conn(), 0, nullptr, nullptr);
 }
 
-TEST_F(Eit, an_event_already_stored_neither_stores_nor_counts) {
+TEST_F(Eit, events_of_a_service_that_is_not_listed_or_no_television_are_skipped) {
+  insert(3, 256, 257, "Radio", 2);
   start();
-  arrive(1, NOW, NOON, -1, 0, 1);
-  arrive(1, NOW, NOON, -1, 0, 1);
-  EXPECT_EQ(parser.get_eit_stored(), 1);
-  EXPECT_EQ(starts().size(), 1u);
-}
-
-TEST_F(Eit, an_event_of_the_same_time_under_a_new_id_is_left_as_it_was) {
-  start();
-  arrive(1, NOW, {{1, 0x120000}}, -1, 0, 1);
-  arrive(1, NOW, {{2, 0x120000}}, -1, 0, 1);
-  EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
-  EXPECT_EQ(parser.get_eit_stored(), 1);
-}
-
-TEST_F(Eit, an_event_that_begins_within_another_is_not_stored) {
-  start();
-  arrive(1, NOW, {{1, 0x120000}}, -1, 0, 1);
-  arrive(1, NOW, {{2, 0x121500}}, -1, 0, 1);
-  EXPECT_THAT(rows("SELECT ev_id FROM epglist"), ElementsAre("1"));
-}
-
-TEST_F(Eit, events_of_a_service_that_is_not_listed_are_skipped) {
-  start();
-  EXPECT_THAT(arrive(9, NOW, NOON, 4),
-              HasSubstr("Failed to locate service 9 in eit scan cache, current cache is\n 1  2 SC = NULL\n"));
-  EXPECT_THAT(starts(), IsEmpty());
-  EXPECT_THAT(arrive(9, NOW, NOON, 3), Not(HasSubstr("Failed")));
+  for (const int service : {3, 9}) {
+    EXPECT_THAT(arrive(service, NOW, NOON, 4),
+                HasSubstr(formatted("Failed to locate service %d in eit scan cache, current cache is\n", service) +
+                          " 1  2 SC = NULL\n"));
+    EXPECT_THAT(arrive(service, NOW, NOON, 3), Not(HasSubstr("Failed")));
+  }
+  EXPECT_EQ(starts(), Texts{});
 }
 
 TEST_F(Eit, an_event_that_cannot_be_stored_counts_and_its_texts_are_dropped) {
@@ -220,9 +203,9 @@ TEST_F(Eit, an_event_that_cannot_be_stored_counts_and_its_texts_are_dropped) {
   undefined.mjd = 0xFFFF;
   EXPECT_THAT(arrive(1, NOW, {undefined}, 0), HasSubstr("ERROR: Cannot convert time "));
   EXPECT_EQ(parser.get_eit_stored(), 1);
-  EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty());
+  EXPECT_EQ(table("epglist_lang"), Texts{});
   arrive(1, NOW, NOON, -1, 0, 1);
-  EXPECT_THAT(rows("SELECT * FROM epglist_lang"), IsEmpty()) << "nor do they reach the next event";
+  EXPECT_EQ(table("epglist_lang"), Texts{}) << "nor do they reach the next event";
 }
 
 TEST_F(Eit, a_fragment_of_an_extended_event_is_reported_at_3) {
@@ -260,7 +243,7 @@ TEST_F(Eit, the_last_section_must_arrive_twice_after_the_first_section_of_a_serv
   EXPECT_EQ(open_tables(), Tables{NOW}) << "closed by the next section with events";
   EXPECT_EQ(arrive(1, NOW, NOON, 1), "Pres-Following table 4E completed, next table 0x50\n");
   EXPECT_TRUE(info_available());
-  EXPECT_EQ(open_tables(), Tables{0x50});
+  EXPECT_EQ(open_tables(), Tables{FIRST});
 }
 
 TEST_F(Eit, starting_and_finishing_are_silent_at_0) {
@@ -269,21 +252,14 @@ TEST_F(Eit, starting_and_finishing_are_silent_at_0) {
     EXPECT_EQ(arrive(1, NOW, NOON, 0), "");
 }
 
-TEST_F(Eit, the_table_closes_at_the_next_event_of_the_same_section) {
-  start_one();
-  const std::vector<Programme_event> two = {{1, 0x120000}, {2, 0x123000}};
-  arrive(1, NOW, two);
-  arrive(1, NOW, two);
-  EXPECT_EQ(arrive(1, NOW, two, 1),
-            "****-  Finished table 4e scan 1 First\nPres-Following table 4E completed, next table 0x50\n");
-}
-
-TEST_F(Eit, a_section_counts_once_however_many_events_it_has) {
+TEST_F(Eit, a_section_counts_once_however_many_events_it_has_and_the_table_closes_at_the_next_of_them) {
   start_one();
   const std::vector<Programme_event> three = {{1, 0x120000}, {2, 0x123000}, {3, 0x130000}};
   arrive(1, NOW, three);
   arrive(1, NOW, three);
   EXPECT_EQ(open_tables(), Tables{NOW});
+  EXPECT_EQ(arrive(1, NOW, three, 1),
+            "****-  Finished table 4e scan 1 First\nPres-Following table 4E completed, next table 0x50\n");
 }
 
 TEST_F(Eit, only_last_sections_count) {
@@ -300,7 +276,7 @@ TEST_F(Eit, the_table_waits_for_every_service) {
   EXPECT_EQ(open_tables(), Tables{NOW});
   repeat(3, 2, NOW);
   EXPECT_THAT(arrive(1, NOW, NOON, 4), HasSubstr("Loop for all services\n"));
-  EXPECT_EQ(open_tables(), Tables{0x50});
+  EXPECT_EQ(open_tables(), Tables{FIRST});
 }
 
 TEST_F(Eit, events_of_a_finished_service_are_not_looked_at) {
@@ -326,12 +302,6 @@ TEST_F(Eit, events_that_come_behind_the_last_table_are_stored_and_open_nothing) 
   EXPECT_THAT(filters(), IsEmpty());
 }
 
-TEST_F(Eit, only_television_services_are_listed) {
-  insert(3, "Radio", 2);
-  start();
-  EXPECT_THAT(arrive(3, NOW, NOON, 4), HasSubstr("Failed to locate service 3 "));
-}
-
 TEST_F(Eit, reset_cache_list_starts_a_new_round) {
   start_one();
   repeat(3, 1, NOW);
@@ -346,7 +316,7 @@ TEST_F(Eit, reset_cache_list_starts_a_new_round) {
 TEST_F(Eit, every_schedule_table_opens_the_next_and_the_last_one_none) {
   start_one();
   repeat(4, 1, NOW);
-  for (int table = 0x50; table < 0x5F; ++table) {
+  for (int table = FIRST; table < LAST; ++table) {
     repeat(3, 1, table);
     EXPECT_EQ(arrive(1, table, NOON, 1), formatted("**** EIT loop completed, next table %x\n", table + 1u));
     EXPECT_EQ(open_tables(), Tables{table + 1});
@@ -363,9 +333,9 @@ TEST_F(Eit, with_an_empty_list_the_first_section_with_events_closes_each_table) 
   arrive(1, NOW, {});
   EXPECT_EQ(open_tables(), Tables{NOW}) << "one without events does not";
   EXPECT_THAT(arrive(1, NOW, NOON, 4), HasSubstr("Failed to locate service 1 in eit scan cache, current cache is\n"));
-  EXPECT_EQ(open_tables(), Tables{0x50});
+  EXPECT_EQ(open_tables(), Tables{FIRST});
   arrive(1, FIRST, NOON);
-  EXPECT_EQ(open_tables(), Tables{0x51});
+  EXPECT_EQ(open_tables(), Tables{FIRST + 1});
   EXPECT_EQ(parser.get_eit_stored(), 0);
   EXPECT_TRUE(info_available());
 }
@@ -403,78 +373,75 @@ TEST_F(Eit, a_service_is_given_up_only_when_its_timer_has_run_out) {
 }
 
 TEST_F(Eit, get_eit_info_available_prints_the_flag_at_4) {
-  EXPECT_EQ(at_level(4, [&] { info_available(); }), "0 ");
-  EXPECT_EQ(at_level(3, [&] { info_available(); }), "");
+  EXPECT_EQ(messages_at(4, [&] { info_available(); }), "0 ");
+  EXPECT_EQ(messages_at(3, [&] { info_available(); }), "");
 }
 
 // --- Progress for hosts ----------------------------------------------------------------------------------------------
 
-// Every service as "id/channel table/last_table active/done events".
-Texts shown(const Siparse& parser) {
-  std::vector<EIT_progress> progress{EIT_progress{}};  // what was there before goes
-  parser.get_eit_progress(&progress);
-  Texts all;
-  for (const EIT_progress& p : progress)
-    all.push_back(formatted("%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
-                            static_cast<unsigned>(p.last_table), p.active, p.done, p.events));
-  return all;
-}
+class Eit_progress : public Eit {
+ protected:
+  Texts shown() const {
+    std::vector<EIT_progress> progress{EIT_progress{}};  // what was there before goes
+    parser.get_eit_progress(&progress);
+    return si_support::shown(progress);
+  }
+};
 
-TEST_F(Eit, progress_is_empty_without_a_list) {
-  EXPECT_THAT(shown(parser), IsEmpty());
-  db_support::run(db, "DELETE FROM kanalid");
+TEST_F(Eit_progress, is_empty_without_a_list) {
+  EXPECT_THAT(shown(), IsEmpty());
+  run("DELETE FROM kanalid");
   start();
-  EXPECT_THAT(shown(parser), IsEmpty());
+  EXPECT_THAT(shown(), IsEmpty());
 }
 
-TEST_F(Eit, progress_follows_every_service_through_its_tables) {
+TEST_F(Eit_progress, follows_every_service_through_its_tables) {
   parser.init_cache_list(FREQ, SCAN_EIT);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 0/0 1/0 0", "2/2 0/0 1/0 0"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 0/0 1/0 0", "2/2 0/0 1/0 0"));
   parser.start_eit_scan(FREQ, SCAN_EIT);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"));
   arrive(1, NOW, {{1, 0x120000}, {2, 0x123000}});
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/0 2", "2/2 4e/0 1/0 0"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 4e/0 0/0 2", "2/2 4e/0 1/0 0"));
   repeat(2, 1, NOW);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 1/0 0"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 1/0 0"));
   repeat(3, 2, NOW);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 0/1 1"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 4e/0 0/1 2", "2/2 4e/0 0/1 1"));
   arrive(1, NOW, NOON);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/0 1/0 1"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 50/0 1/0 2", "2/2 50/0 1/0 1"));
   arrive(2, FIRST, {});
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 2", "2/2 50/5f 1/0 1")) << "a section without events tells, too";
+  EXPECT_THAT(shown(), ElementsAre("1/1 50/0 1/0 2", "2/2 50/5f 1/0 1")) << "a section without events tells, too";
 }
 
-TEST_F(Eit, progress_counts_what_the_database_held_and_nothing_twice) {
-  db_support::run(db, "INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 1, " +
-                          std::to_string(MIDNIGHT + 12 * 3600) + ", 1800)");
+TEST_F(Eit_progress, counts_what_the_database_held_and_nothing_twice) {
+  run("INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (1, 1, " +
+      std::to_string(MIDNIGHT + 12 * 3600) + ", 1800)");
   start();
-  EXPECT_EQ(shown(parser)[0], "1/1 4e/0 1/0 1");
+  EXPECT_EQ(shown()[0], "1/1 4e/0 1/0 1");
   arrive(1, NOW, {{1, 0x120000}, {2, 0x121000}, {3, 0x124000}});
-  EXPECT_EQ(shown(parser)[0], "1/1 4e/0 0/0 2") << "the second one overlaps and is not stored";
+  EXPECT_EQ(shown()[0], "1/1 4e/0 0/0 2") << "the second one overlaps and is not stored";
 }
 
-TEST_F(Eit, progress_of_a_silent_service_says_done) {
+TEST_F(Eit_progress, of_a_silent_service_says_done) {
   start();
   recorded_clock.timers_expired = true;
   arrive(1, NOW, NOON);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 1/0 0", "2/2 50/0 1/0 0"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 50/0 1/0 0", "2/2 50/0 1/0 0"));
 }
 
-TEST_F(Eit, progress_after_the_last_table_stays_done_until_a_new_round) {
+TEST_F(Eit_progress, after_the_last_table_stays_done_until_a_new_round) {
   start_one();
   all_tables();
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 5f/5f 0/1 1"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 5f/5f 0/1 1"));
   parser.reset_cache_list();
   parser.start_eit_scan(FREQ, SCAN_EIT);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 4e/5f 1/0 1"));
+  EXPECT_THAT(shown(), ElementsAre("1/1 4e/5f 1/0 1"));
 }
 
-TEST_F(Eit, progress_ignores_last_tables_that_are_no_schedule) {
+TEST_F(Eit_progress, ignores_last_tables_that_are_no_schedule) {
   start_one();
   repeat(4, 1, NOW);
-  const Bytes section = eit(1, FIRST, NOON);
-  scan(with_byte(section, 13, 0xFF), pid::EIT, SCAN_EIT);
-  EXPECT_THAT(shown(parser), ElementsAre("1/1 50/0 0/0 1"));
+  scan(with_byte(eit(1, FIRST, NOON), 13, 0xFF), pid::EIT, SCAN_EIT);
+  EXPECT_THAT(shown(), ElementsAre("1/1 50/0 0/0 1"));
 }
 
 }  // namespace

@@ -8,11 +8,10 @@
 #include "si/si_support.h"
 
 using namespace si_support;
-using support::messages_at;
 
 namespace {
 
-constexpr int TABLE = table::EIT_SCHEDULE_FIRST;
+constexpr int PRESENT_FOLLOWING = table::EIT_PRESENT_FOLLOWING, TABLE = table::EIT_SCHEDULE_FIRST;
 constexpr char NOTHING[] = "";
 
 class Guide_round_test : public testing::Test {
@@ -41,15 +40,10 @@ class Guide_round_test : public testing::Test {
   std::string state() const {
     return formatted("%d/%d %d %d", entry->active, entry->done, entry->count, entry->scan_mark);
   }
-  // Every service as "id/channel table/last_table active/done events".
-  Texts shown() {
-    std::vector<EIT_progress> all;
-    round.progress(&all);
-    Texts lines;
-    for (const EIT_progress& p : all)
-      lines.push_back(formatted("%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
-                                static_cast<unsigned>(p.last_table), p.active, p.done, p.events));
-    return lines;
+  Texts shown() const {
+    std::vector<EIT_progress> progress;
+    round.progress(&progress);
+    return si_support::shown(progress);
   }
 
   const support::Verbosity quiet{-1};
@@ -61,10 +55,9 @@ class Guide_round_test : public testing::Test {
 
 TEST_F(Guide_round_test, lists_the_services_of_this_input_and_frequency) {
   ASSERT_EQ(round.services().size(), 2u);
-  EXPECT_EQ(round.services()[1].pat_prnr, 2);
-  EXPECT_EQ(round.services()[1].pmt_pid, 512);
-  EXPECT_EQ(round.services()[1].scan_mark, -1);
-  EXPECT_EQ(round.service(2), &round.services()[1]);
+  const SQL_cache& second = round.services()[1];
+  EXPECT_EQ(formatted("%d %d %d", second.pat_prnr, second.pmt_pid, second.scan_mark), "2 512 -1");
+  EXPECT_EQ(round.service(2), &second);
   EXPECT_EQ(round.service(7), nullptr);
 }
 
@@ -88,25 +81,19 @@ TEST_F(Guide_round_test, an_empty_list_is_done_at_the_first_event) {
   EXPECT_FALSE(round.seen_once()) << "that is the table's end only";
 }
 
-TEST_F(Guide_round_test, the_section_that_starts_a_service_is_not_counted) {
-  event(1, true);
-  EXPECT_EQ(entry->count, 0);
-  EXPECT_FALSE(entry->active);
-  event(1, true);
-  EXPECT_EQ(entry->count, 1);
-  EXPECT_FALSE(entry->done);
-  event(1, true);
-  EXPECT_TRUE(entry->done);
-  event(1, true);
-  EXPECT_EQ(entry->count, 2) << "nor is one of a service that is done";
+TEST_F(Guide_round_test, counts_neither_the_section_that_starts_a_service_nor_one_of_a_service_that_is_done) {
+  for (const char* stands : {"0/0 0 -1", "0/0 1 -1", "0/1 2 -1", "0/1 2 -1"}) {
+    event(1, true);
+    EXPECT_EQ(state(), stands);
+  }
 }
 
 TEST_F(Guide_round_test, the_last_sections_of_schedules_are_flushed_those_of_present_and_following_are_not) {
   event(1, true);
   EXPECT_EQ(event(1, false, 3), NOTHING);
   EXPECT_EQ(event(1, true, 3), "Flushing\n");
-  round.enter(0x4E);
-  EXPECT_EQ(event(1, true, 3, 0x4E), "****-  Finished table 4e scan 1 First\n");
+  round.enter(PRESENT_FOLLOWING);
+  EXPECT_EQ(event(1, true, 3, PRESENT_FOLLOWING), "****-  Finished table 4e scan 1 First\n");
 }
 
 TEST_F(Guide_round_test, the_guide_is_seen_when_all_are_done_and_until_the_next_start) {
@@ -119,32 +106,28 @@ TEST_F(Guide_round_test, the_guide_is_seen_when_all_are_done_and_until_the_next_
   EXPECT_TRUE(round.seen_once());
   round.start();
   EXPECT_FALSE(round.seen_once());
-  EXPECT_EQ(round.table(), 0x4E);
+  EXPECT_EQ(round.table(), PRESENT_FOLLOWING);
 }
 
 TEST_F(Guide_round_test, closing_present_and_following_is_seeing_the_guide) {
   round.close_table();
   EXPECT_FALSE(round.seen_once());
-  round.enter(0x4E);
+  round.enter(PRESENT_FOLLOWING);
   round.close_table();
   EXPECT_TRUE(round.seen_once());
 }
 
 // --- Giving up -------------------------------------------------------------------------------------------------------
 
-TEST_F(Guide_round_test, one_that_is_given_up_is_done_and_no_longer_active) {
-  recorded_clock.timers_expired = true;
-  event(1, false);
-  recorded_clock.timers_expired = false;
-  EXPECT_TRUE(all_done);
-  EXPECT_EQ(event(2, false, 3), NOTHING) << "it has not been started by this section";
-  EXPECT_TRUE(entry->done);
-  EXPECT_FALSE(entry->active);
-}
-
-TEST_F(Guide_round_test, each_one_given_up_is_flushed) {
+TEST_F(Guide_round_test, those_given_up_are_flushed_done_and_no_longer_active) {
   recorded_clock.timers_expired = true;
   EXPECT_EQ(event(1, false, 3), "Flushing\nFlushing\n");
+  EXPECT_TRUE(all_done);
+  round.publish_changes();
+  EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/1 0", "2/2 50/0 0/1 0"}));
+  recorded_clock.timers_expired = false;
+  EXPECT_EQ(event(2, false, 3), NOTHING) << "it has not been started by this section";
+  EXPECT_EQ(state(), "0/1 0 -1");
 }
 
 // Timers are read when the first one is due, not for each event.
@@ -189,15 +172,11 @@ TEST_F(Guide_round_test, waits_ten_seconds_at_first_and_180_in_later_tables) {
 
 // --- Beginning again -------------------------------------------------------------------------------------------------
 
-TEST_F(Guide_round_test, closing_a_table_waits_for_everybody_again_and_keeps_the_pmt_versions) {
+TEST_F(Guide_round_test, closing_a_table_waits_for_everybody_again_and_beginning_again_forgets_the_pmt_versions_too) {
   round.service(1)->scan_mark = 7;
   finish(1);
   round.close_table();
   EXPECT_EQ(state(), "1/0 0 7");
-}
-
-TEST_F(Guide_round_test, beginning_again_forgets_the_pmt_versions_too_and_keeps_the_table) {
-  round.service(1)->scan_mark = 7;
   finish(1);
   round.begin_again();
   EXPECT_EQ(state(), "1/0 0 -1");
@@ -208,7 +187,7 @@ TEST_F(Guide_round_test, beginning_again_forgets_the_pmt_versions_too_and_keeps_
 
 TEST_F(Guide_round_test, progress_is_shown_when_it_is_published) {
   event(1, true);
-  round.note_last_table(2, 0x51);
+  round.note_last_table(2, TABLE + 1);
   round.count_stored(1);
   EXPECT_EQ(shown(), (Texts{"1/1 50/0 1/0 0", "2/2 50/0 1/0 0"}));
   round.publish_changes();
@@ -216,24 +195,17 @@ TEST_F(Guide_round_test, progress_is_shown_when_it_is_published) {
 }
 
 TEST_F(Guide_round_test, the_last_table_only_grows_and_stays_a_schedule) {
-  for (const int last : {0x52, 0x51, 0x60, 0xFF})
+  for (const int last : {TABLE + 2, TABLE + 1, table::EIT_SCHEDULE_OTHER_FIRST, 0xFF})
     round.note_last_table(1, last);
   round.publish_changes();
   EXPECT_EQ(shown()[0], "1/1 50/52 1/0 0");
 }
 
-TEST_F(Guide_round_test, one_that_is_given_up_is_shown_as_done) {
-  recorded_clock.timers_expired = true;
-  event(1, false);
-  round.publish_changes();
-  EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/1 0", "2/2 50/0 0/1 0"}));
-}
-
 TEST_F(Guide_round_test, behind_the_last_table_everybody_is_done_until_a_new_start) {
-  round.enter(0x5F);
+  round.enter(table::EIT_SCHEDULE_LAST);
   round.close_table();
   round.enter(0);
-  EXPECT_EQ(round.table(), 0x5F);
+  EXPECT_EQ(round.table(), table::EIT_SCHEDULE_LAST);
   EXPECT_EQ(shown(), (Texts{"1/1 5f/0 0/1 0", "2/2 5f/0 0/1 0"}));
   round.start();
   EXPECT_EQ(shown(), (Texts{"1/1 4e/0 1/0 0", "2/2 4e/0 1/0 0"}));

@@ -60,12 +60,12 @@ TEST_F(Hostile, sections_that_could_harm_a_parser_reach_none) {
     const bool refused = row.verdict == dvbsi_test::Verdict::REFUSED;
     if (row.section[0] == 0x41)
       continue;  // no parser takes it
-    const std::string all = at_level(4, [&] { throw_at_parser(row.section, pid_of(row.section)); });
+    const std::string all = messages_at(4, [&] { throw_at_parser(row.section, pid_of(row.section)); });
     EXPECT_EQ(all.find("Section dropped: ") != std::string::npos, refused);
     if (refused) {
       EXPECT_EQ(all.find("Parsing descriptor"), std::string::npos);
     }
-    EXPECT_EQ(at_level(3, [&] { throw_at_parser(row.section, pid_of(row.section)); }).find("dropped"),
+    EXPECT_EQ(messages_at(3, [&] { throw_at_parser(row.section, pid_of(row.section)); }).find("dropped"),
               std::string::npos);
   }
 }
@@ -113,7 +113,7 @@ TEST_F(Hostile, random_damage) {
 TEST_F(Hostile, random_damage_while_everything_is_traced) {
   dvbsi_test::Random random(44);
   const std::vector<Bytes> samples = dvbsi_test::sample_sections();
-  const std::string all = at_level(4, [&] {
+  const std::string all = messages_at(4, [&] {
     for (int i = 0; i < 300; ++i) {
       const Bytes section = dvbsi_test::damaged(samples[random() % samples.size()], random);
       throw_at_parser(section, pid_of(section));

@@ -3,11 +3,12 @@
 
 #pragma once
 
+#include <dvbsi++/ca_section.h>
+
 #include "base/ids.h"
-#include "db/db_support.h"
-#include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/siparse.h"
+#include "support/database.h"
 #include "support/messages.h"
 #include "support/support.h"
 #include "support/text.h"
@@ -18,8 +19,9 @@ using support::bytes;
 using support::Bytes;
 using support::join;
 using support::loop12;
+using support::messages_at;
+using support::prints_only_from;
 using support::Texts;
-using support::u16;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -34,12 +36,6 @@ inline constexpr int CONN = 3;
 inline constexpr int TYPE = 1;
 inline constexpr int TS_ID = 0x1001;
 
-// What `action` prints at `level`.
-template <typename Action>
-std::string at_level(int level, Action&& action) {
-  return support::messages_at(level, std::forward<Action>(action));
-}
-
 template <typename... Values>
 std::string formatted(const char* format, Values... values) {
   char text[160];
@@ -47,71 +43,124 @@ std::string formatted(const char* format, Values... values) {
   return text;
 }
 
-// Whether each of the parts stands first behind where the one before does.
-inline bool in_order(const std::string& text, const std::vector<std::string>& parts) {
-  std::vector<size_t> places;
-  for (const std::string& part : parts)
-    places.push_back(text.find(part));
-  return places.back() != std::string::npos && std::is_sorted(places.begin(), places.end(), std::less_equal<>());
+// --- Sections --------------------------------------------------------------------------------------------------------
+
+// Numbers of one, two and three bytes.
+template <typename Number>
+Bytes u8(Number value) {
+  return {static_cast<uint8_t>(value)};
+}
+template <typename Number>
+Bytes u16(Number value) {
+  return support::u16(static_cast<unsigned>(value));
+}
+inline Bytes u24(unsigned value) {
+  return join({u8(value >> 16), u16(value)});
 }
 
-// --- Sections --------------------------------------------------------------------------------------------------------
+// What `bytes_of` makes of each entry, joined.
+template <typename Entries, typename Bytes_of>
+Bytes each(const Entries& entries, Bytes_of bytes_of) {
+  Bytes all;
+  for (const auto& entry : entries)
+    all = join({all, bytes_of(entry)});
+  return all;
+}
+
+inline Bytes section(int table_id, int extension, const Bytes& body, uint8_t number = 0, uint8_t last = 0,
+                     uint8_t version = 0) {
+  return support::long_section(static_cast<uint8_t>(table_id), static_cast<uint16_t>(extension), version, body, number,
+                               last);
+}
 
 struct Program {
   int number;
   int pid;
 };
 
-inline Bytes pat(const std::vector<Program>& programs, uint8_t number = 0, uint8_t last = 0, bool current = true) {
-  Bytes body;
-  for (const Program& p : programs)
-    body = join({body, u16(static_cast<unsigned>(p.number)), u16(0xE000u | static_cast<unsigned>(p.pid))});
-  return support::long_section(table::PAT, TS_ID, 0, body, number, last, current);
+inline Bytes pat(const std::vector<Program>& programs, uint8_t number = 0, uint8_t last = 0) {
+  const auto entry = [](const Program& p) { return join({u16(p.number), u16(0xE000 | p.pid)}); };
+  return section(table::PAT, TS_ID, each(programs, entry), number, last);
 }
 
 struct Stream {
   uint8_t type;
   int pid;
-  Bytes descriptors;
+  Bytes descriptors = {};
 };
 
 inline Bytes pmt(int program, int pcr_pid, const std::vector<Stream>& streams, const Bytes& program_loop = {},
                  uint8_t version = 0, uint8_t last = 0) {
-  Bytes body = join({u16(0xE000u | static_cast<unsigned>(pcr_pid)), loop12(program_loop)});
-  for (const Stream& s : streams)
-    body = join({body, {s.type}, u16(0xE000u | static_cast<unsigned>(s.pid)), loop12(s.descriptors)});
-  return support::long_section(table::PMT, static_cast<uint16_t>(program), version, body, 0, last);
+  const auto entry = [](const Stream& s) { return join({{s.type}, u16(0xE000 | s.pid), loop12(s.descriptors)}); };
+  return section(table::PMT, program, join({u16(0xE000 | pcr_pid), loop12(program_loop), each(streams, entry)}), 0,
+                 last, version);
+}
+
+inline Bytes cat(const Bytes& loop) {
+  return section(table::CAT, 0xFFFF, loop);
 }
 
 struct Multiplex {
   int ts_id;
   int orig_network_id;
-  Bytes descriptors;
+  Bytes descriptors = {};
 };
 
-inline Bytes nit(int network_id, const Bytes& network_loop, const std::vector<Multiplex>& multiplexes) {
-  Bytes streams;
-  for (const Multiplex& m : multiplexes)
-    streams = join({streams, u16(static_cast<unsigned>(m.ts_id)), u16(static_cast<unsigned>(m.orig_network_id)),
-                    loop12(m.descriptors)});
-  return support::long_section(table::NIT_ACTUAL, static_cast<uint16_t>(network_id), 0,
-                               join({loop12(network_loop), loop12(streams)}));
+inline Bytes nit(int network_id, const Bytes& network_loop, const std::vector<Multiplex>& multiplexes,
+                 uint8_t number = 0, uint8_t last = 0) {
+  const auto entry = [](const Multiplex& m) {
+    return join({u16(m.ts_id), u16(m.orig_network_id), loop12(m.descriptors)});
+  };
+  return section(table::NIT_ACTUAL, network_id, join({loop12(network_loop), loop12(each(multiplexes, entry))}), number,
+                 last);
+}
+
+// The loop of a service or an event, with the running status and "free CA" before it.
+inline Bytes status_loop(unsigned running, unsigned free_ca, const Bytes& loop) {
+  return join({u16(running << 13 | free_ca << 12 | loop.size()), loop});
 }
 
 struct Service {
   int id;
-  Bytes descriptors;
+  Bytes descriptors = {};
   unsigned running = 4;
   unsigned free_ca = 0;
 };
 
-inline Bytes sdt(const std::vector<Service>& services, int orig_network_id = 0x20) {
-  Bytes body = join({u16(static_cast<unsigned>(orig_network_id)), {0xFF}});
-  for (const Service& s : services) {
-    const unsigned status = s.running << 13 | s.free_ca << 12 | static_cast<unsigned>(s.descriptors.size());
-    body = join({body, u16(static_cast<unsigned>(s.id)), {0xFF}, u16(status), s.descriptors});
-  }
-  return support::long_section(table::SDT_ACTUAL, TS_ID, 0, body);
+inline Bytes sdt(const std::vector<Service>& services) {
+  const auto entry = [](const Service& s) {
+    return join({u16(s.id), {0xFF}, status_loop(s.running, s.free_ca, s.descriptors)});
+  };
+  return section(table::SDT_ACTUAL, TS_ID, join({u16(0x20), {0xFF}, each(services, entry)}));
+}
+
+inline Bytes tdt(unsigned mjd, unsigned hms_bcd) {
+  return join({{table::TDT, 0x70, 5}, u16(mjd), u24(hms_bcd)});
+}
+
+inline Bytes tot(unsigned mjd, unsigned hms_bcd, const Bytes& loop) {
+  return support::with_crc(
+      join({{table::TOT, 0x70}, u8(5 + 2 + loop.size() + 4), u16(mjd), u24(hms_bcd), loop12(loop)}));
+}
+
+struct Programme_event {
+  int id;
+  unsigned hms_bcd;
+  unsigned duration_bcd = 0x003000;
+  Bytes descriptors = {};
+  unsigned running = 0;
+  unsigned free_ca = 0;
+  unsigned mjd = 60000;  // 2023-02-25
+};
+
+inline Bytes eit(int service_id, int table_id, const std::vector<Programme_event>& events, uint8_t number = 0,
+                 uint8_t last = 0) {
+  const auto entry = [](const Programme_event& e) {
+    return join(
+        {u16(e.id), u16(e.mjd), u24(e.hms_bcd), u24(e.duration_bcd), status_loop(e.running, e.free_ca, e.descriptors)});
+  };
+  return section(table_id, service_id,
+                 join({u16(TS_ID), u16(0x20), {last, table::EIT_SCHEDULE_LAST}, each(events, entry)}), number, last);
 }
 
 // Sets a byte and makes the CRC right again.
@@ -133,7 +182,7 @@ inline Bytes descriptor(int tag, const Bytes& body) {
 }
 
 inline Bytes sized(const std::string& text) {
-  return join({{static_cast<uint8_t>(text.size())}, bytes(text)});
+  return join({u8(text.size()), bytes(text)});
 }
 
 inline Bytes service_descriptor(uint8_t type, const std::string& provider, const std::string& name) {
@@ -153,10 +202,8 @@ inline Bytes ca(unsigned system, unsigned pid) {
 }
 
 inline Bytes languages(const std::vector<std::pair<std::string, uint8_t>>& all) {
-  Bytes body;
-  for (const auto& [language, type] : all)
-    body = join({body, bytes(language), {type}});
-  return descriptor(tag::ISO_639_LANGUAGE, body);
+  const auto entry = [](const auto& language) { return join({bytes(language.first), {language.second}}); };
+  return descriptor(tag::ISO_639_LANGUAGE, each(all, entry));
 }
 
 struct Subtitles {
@@ -166,10 +213,10 @@ struct Subtitles {
   unsigned ancillary = 0;
 };
 inline Bytes subtitling(const std::vector<Subtitles>& all) {
-  Bytes body;
-  for (const Subtitles& s : all)
-    body = join({body, bytes(s.language), {s.type}, u16(s.composition), u16(s.ancillary)});
-  return descriptor(tag::SUBTITLING, body);
+  const auto entry = [](const Subtitles& s) {
+    return join({bytes(s.language), {s.type}, u16(s.composition), u16(s.ancillary)});
+  };
+  return descriptor(tag::SUBTITLING, each(all, entry));
 }
 
 inline Bytes network_name(const std::string& name) {
@@ -178,55 +225,12 @@ inline Bytes network_name(const std::string& name) {
 
 // Services with what follows their ids: visibility and number.
 inline Bytes lcn(const std::vector<std::pair<int, unsigned>>& entries) {
-  Bytes body;
-  for (const auto& [service, number] : entries)
-    body = join({body, u16(static_cast<unsigned>(service)), u16(number)});
-  return descriptor(tag::LOGICAL_CHANNEL, body);
+  const auto entry = [](const auto& e) { return join({u16(e.first), u16(e.second)}); };
+  return descriptor(tag::LOGICAL_CHANNEL, each(entries, entry));
 }
 
 inline Bytes short_event(const std::string& language, const std::string& name, const std::string& text) {
   return descriptor(tag::SHORT_EVENT, join({bytes(language), sized(name), sized(text)}));
-}
-
-// --- Tables of the time and the guide --------------------------------------------------------------------------------
-
-inline Bytes tdt(unsigned mjd, unsigned hms_bcd) {
-  return join({{table::TDT, 0x70, 0x05}, u16(mjd), {static_cast<uint8_t>(hms_bcd >> 16)}, u16(hms_bcd & 0xFFFF)});
-}
-
-inline Bytes tot(unsigned mjd, unsigned hms_bcd, const Bytes& descriptors) {
-  const auto length = static_cast<uint8_t>(5 + 2 + descriptors.size() + 4);
-  return support::with_crc(join({{table::TOT, 0x70, length},
-                                 u16(mjd),
-                                 {static_cast<uint8_t>(hms_bcd >> 16)},
-                                 u16(hms_bcd & 0xFFFF),
-                                 loop12(descriptors)}));
-}
-
-struct Programme_event {
-  int id;
-  unsigned hms_bcd;
-  unsigned duration_bcd = 0x003000;
-  Bytes descriptors = {};
-  unsigned running = 0;
-  unsigned free_ca = 0;
-  unsigned mjd = 60000;  // 2023-02-25
-};
-
-inline Bytes u24(unsigned value) {
-  return join({{static_cast<uint8_t>(value >> 16)}, u16(value & 0xFFFF)});
-}
-
-inline Bytes eit(int service_id, int table_id, const std::vector<Programme_event>& events, uint8_t number = 0,
-                 uint8_t last = 0) {
-  Bytes body = join({u16(TS_ID), u16(0x20), {last, 0x5F}});
-  for (const Programme_event& e : events) {
-    const unsigned status = e.running << 13 | e.free_ca << 12 | static_cast<unsigned>(e.descriptors.size());
-    body = join({body, u16(static_cast<unsigned>(e.id)), u16(e.mjd), u24(e.hms_bcd), u24(e.duration_bcd), u16(status),
-                 e.descriptors});
-  }
-  return support::long_section(static_cast<uint8_t>(table_id), static_cast<uint16_t>(service_id), 0, body, number,
-                               last);
 }
 
 // --- The parser on an empty database ---------------------------------------------------------------------------------
@@ -258,24 +262,34 @@ inline int scan_with(Siparse& parser, const Bytes& section, int pid, SCAN_STATE 
   return parser.scan_assembled_section(block.data(), pid, FREQ, nullptr, state);
 }
 
-class Parser_test : public testing::Test {
- protected:
+struct Parser_bench : support::Database {
   const support::Verbosity quiet{-1};
-  support::Temp_dir dir;
-  Sdbl db{dir.file("dvb.db").c_str()};
+  Sdbl& db = sdbl();
   Section_filter filter{"/nonexistent/demux0"};
   Siparse parser{&filter, 0, CONN, TYPE, &db};
 
-  Parser_test() { db.create_temp_tables(0); }
+  Parser_bench() { db.create_temp_tables(0); }
 
   int scan(const Bytes& section, int pid, SCAN_STATE state = SCAN_PAT) {
     return scan_with(parser, section, pid, state);
   }
   int scan(const Bytes& section) { return scan(section, pid_of(section)); }
+  void scan_each(const std::vector<Bytes>& sections) {
+    for (const Bytes& section : sections)
+      scan(section);
+  }
   // What scanning it prints at `level`.
   template <typename... Where>
   std::string scan_at(int level, const Bytes& section, Where... where) {
-    return at_level(level, [&] { scan(section, where...); });
+    return messages_at(level, [&] { scan(section, where...); });
+  }
+
+  // A service in the database, of television unless told otherwise.
+  void insert(int program, int pmt_pid, int pcr_pid, const char* name = "", int serv_type = 1) {
+    db.sql_cache(true, 0,
+                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type, serv_name) "
+                 "VALUES ($type, $conn, $freq, $pat_prnr, $pmt_pid, $pcr_pid, $serv_type, @name)",
+                 TYPE, CONN, FREQ, program, pmt_pid, pcr_pid, serv_type, name);
   }
 
   void open(const Filter& f) { filter.addfilter(f.first, f.second, FREQ); }
@@ -292,28 +306,31 @@ class Parser_test : public testing::Test {
                        [](auto* f) { return f->state == FILTER_FREE || f->freq == FREQ; });
   }
 
-  Texts rows(const std::string& sql) { return db_support::rows(db, sql); }
-  std::string text(const std::string& sql) {
-    const Texts all = rows(sql);
-    return all.empty() ? "no row" : all[0];
-  }
-
-  // One descriptor by hand, as an object of the class D.
-  template <typename D>
+  // One descriptor by hand, as an object of its tag's class: a CAT holds any.
   void parse(const Bytes& raw, int context) {
-    D d(raw.data());
-    ASSERT_TRUE(d.isValid());
-    parser.parse_descriptor_info(&d, context);
+    const ConditionalAccessSection holder(cat(raw).data());
+    ASSERT_EQ(holder.getDescriptors()->size(), 1U);
+    parser.parse_descriptor_info(holder.getDescriptors()->front(), context);
   }
-  template <typename D>
   std::string trace_of(const Bytes& raw, int context, int level = 4) {
-    return at_level(level, [&] { parse<D>(raw, context); });
+    return messages_at(level, [&] { parse(raw, context); });
   }
 };
+
+class Parser_test : public testing::Test, protected Parser_bench {};
 
 // The line that begins every descriptor's trace.
 inline std::string parsing(int tag, int context) {
   return formatted("Parsing descriptor %x, dec %d, oid %d\n", static_cast<unsigned>(tag), tag, context);
+}
+
+// Every service as "id/channel table/last_table active/done events".
+inline Texts shown(const std::vector<EIT_progress>& progress) {
+  Texts all;
+  for (const EIT_progress& p : progress)
+    all.push_back(formatted("%d/%d %x/%x %d/%d %d", p.service_id, p.channel, static_cast<unsigned>(p.table),
+                            static_cast<unsigned>(p.last_table), p.active, p.done, p.events));
+  return all;
 }
 
 }  // namespace si_support

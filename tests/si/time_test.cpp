@@ -4,8 +4,6 @@
 // TDT, TOT and the arithmetic of dates.
 #include <limits>
 
-#include <dvbsi++/local_time_offset_descriptor.h>
-
 #include "si/recorded_clock.h"
 #include "si/si_support.h"
 #include "si/siparse_parts.h"
@@ -26,21 +24,14 @@ class Time_tables : public Parser_test {
   // The multiplex belongs to the preferred network, whose offsets are looked at.
   void prefer_this() {
     db.set_preferred_provider("Net");
-    db.sql_cache(true, 0,
-                 "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES ($t, $c, $f, 1, @name)",
-                 TYPE, CONN, FREQ, "Net");
+    run("INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, network_name) VALUES (1, 3, 506000000, 1, 'Net')");
   }
   // Both tables with this time.
   static std::vector<Bytes> both(unsigned mjd, unsigned hms_bcd) { return {tdt(mjd, hms_bcd), tot(mjd, hms_bcd, {})}; }
 };
 
 Bytes offset_entry(const std::string& country, int region, int polarity, unsigned offset, unsigned next = 0) {
-  return join({bytes(country),
-               {static_cast<uint8_t>(region << 2 | 2 | polarity)},
-               u16(offset),
-               u16(55197),
-               u24(0x010203),
-               u16(next)});
+  return join({bytes(country), u8(region << 2 | 2 | polarity), u16(offset), u16(55197), u24(0x010203), u16(next)});
 }
 
 // --- Arithmetic ------------------------------------------------------------------------------------------------------
@@ -85,67 +76,48 @@ TEST(Dates, bcd) {
 }
 
 TEST(Dates, print_gmtime_at_3) {
-  EXPECT_EQ(at_level(3, [] { Siparse::print_gmtime(NOON_2010); }), "Fri Jan  1 12:00:00 2010\n");
-  EXPECT_EQ(at_level(2, [] { Siparse::print_gmtime(NOON_2010); }), "");
+  EXPECT_EQ(messages_at(3, [] { Siparse::print_gmtime(NOON_2010); }), "Fri Jan  1 12:00:00 2010\n");
+  EXPECT_EQ(messages_at(2, [] { Siparse::print_gmtime(NOON_2010); }), "");
 }
 
 // --- The clock -------------------------------------------------------------------------------------------------------
 
-TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it) {
+TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it_to_every_date_that_can_be_sent) {
+  constexpr int64_t LEAVES = -1;
   const struct {
     const char* what;
-    time_t now;
-    bool sets;
-  } cases[] = {
-      {"right", NOON_2010, false},         {"10 s late", NOON_2010 - 10, false}, {"10 s early", NOON_2010 + 10, false},
-      {"11 s late", NOON_2010 - 11, true}, {"11 s early", NOON_2010 + 11, true}, {"years late", 1000, true},
-  };
-  for (const auto& c : cases) {
-    for (const Bytes& section : both(55197, 0x120000)) {
-      SCOPED_TRACE(std::string(c.what) + (section[0] == 0x70 ? ", TDT" : ", TOT"));
-      recorded_clock.time = c.now;
-      const std::string all = scan_at(3, section, 20);
-      EXPECT_EQ(recorded_clock.take_settings(), c.sets ? std::vector<time_t>{NOON_2010} : std::vector<time_t>{});
-      EXPECT_EQ(all.find("Changing system clock\n") != std::string::npos, c.sets);
-      EXPECT_THAT(scan_at(2, section, 20), Not(HasSubstr("Changing")));
-      recorded_clock.take_settings();
-    }
-  }
-}
-
-TEST_F(Time_tables, every_date_that_can_be_sent_is_set) {
-  const struct {
-    const char* what;
+    int64_t now;
     unsigned mjd;
     unsigned hms_bcd;
     int64_t set;
   } cases[] = {
-      {"1970", 40587, 0x000000, 0},
-      {"the end of 1999", 51543, 0x235959, 946684799},
-      {"a leap day", 51603, 0x123456, 951827696},
-      {"the last second of 32 bits", 65442, 0x031407, 2147483647},
-      {"the second after it", 65442, 0x031408, 2147483648},
-      {"the last one of 16 bits of MJD", 65535, 0x235959, 2155593599},
-      {"no BCD", 55197, 0x1A7F99, NOON_2010 + 8 * 3600 + 85 * 60 + 99},
+      {"right", NOON_2010, 55197, 0x120000, LEAVES},
+      {"10 s late", NOON_2010 - 10, 55197, 0x120000, LEAVES},
+      {"10 s early", NOON_2010 + 10, 55197, 0x120000, LEAVES},
+      {"11 s late", NOON_2010 - 11, 55197, 0x120000, NOON_2010},
+      {"11 s early", NOON_2010 + 11, 55197, 0x120000, NOON_2010},
+      {"years late", 1000, 55197, 0x120000, NOON_2010},
+      {"beyond 2038", 4102444800, 55197, 0x120000, NOON_2010},
+      {"to 1970", NOON_2010, 40587, 0x000000, 0},
+      {"to the end of 1999", NOON_2010, 51543, 0x235959, 946684799},
+      {"to a leap day", NOON_2010, 51603, 0x123456, 951827696},
+      {"to the last second of 32 bits", NOON_2010, 65442, 0x031407, 2147483647},
+      {"to the second after it", NOON_2010, 65442, 0x031408, 2147483648},
+      {"to the last one of 16 bits of MJD", NOON_2010, 65535, 0x235959, 2155593599},
+      {"to no BCD", NOON_2010, 55197, 0x1A7F99, NOON_2010 + 8 * 3600 + 85 * 60 + 99},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    if (c.set > std::numeric_limits<time_t>::max())
+    if (std::max(c.now, c.set) > std::numeric_limits<time_t>::max())
       continue;  // on machines where the clock ends there
     for (const Bytes& section : both(c.mjd, c.hms_bcd)) {
-      scan(section, 20);
-      EXPECT_EQ(recorded_clock.take_settings(), std::vector<time_t>{static_cast<time_t>(c.set)});
+      SCOPED_TRACE(std::string(c.what) + (section[0] == table::TDT ? ", TDT" : ", TOT"));
+      recorded_clock.time = static_cast<time_t>(c.now);
+      const bool sets = c.set != LEAVES;
+      EXPECT_EQ(scan_at(3, section).find("Changing system clock\n") != std::string::npos, sets);
+      EXPECT_EQ(recorded_clock.take_settings(), std::vector<time_t>(sets ? 1 : 0, static_cast<time_t>(c.set)));
+      EXPECT_THAT(scan_at(2, section), Not(HasSubstr("Changing")));
+      recorded_clock.take_settings();
     }
-  }
-}
-
-TEST_F(Time_tables, a_clock_beyond_2038_is_set_back) {
-  if (std::numeric_limits<time_t>::max() == std::numeric_limits<int32_t>::max())
-    GTEST_SKIP() << "the clock ends there";
-  recorded_clock.time = static_cast<time_t>(int64_t{4102444800});
-  for (const Bytes& section : both(55197, 0x120000)) {
-    scan(section, 20);
-    EXPECT_EQ(recorded_clock.take_settings(), std::vector<time_t>{NOON_2010});
   }
 }
 
@@ -168,7 +140,7 @@ TEST_F(Time_tables, the_time_is_invalid_up_to_the_end_of_1999) {
   for (time_t now : {time_t{946684798}, time_t{946684799}}) {
     recorded_clock.time = now;
     const std::string all =
-        at_level(4, [&] { EXPECT_EQ(Siparse(&filter, 1, CONN, TYPE, &db).systime_valid(), now == 946684799); });
+        messages_at(4, [&] { EXPECT_EQ(Siparse(&filter, 1, CONN, TYPE, &db).systime_valid(), now == 946684799); });
     EXPECT_EQ(all, std::string(now == 946684799 ? "System time valid\n" : "System time invalid\n") + "Epoch time is " +
                        std::to_string(now) + "\n");
   }
@@ -186,8 +158,8 @@ TEST_F(Time_tables, are_read_whatever_the_bit_of_current_next) {
   for (unsigned bcd : {0x120000u, 0x130000u}) {  // where other tables have the bit, these have the hour
     for (const Bytes& section : both(55197, bcd)) {
       EXPECT_EQ(section[5] & 1, bcd == 0x130000u ? 1 : 0);
-      filter.addfilter(20, section[0], FREQ);
-      scan(section, 20);
+      open({pid::TIME, section[0]});
+      scan(section);
       EXPECT_THAT(filters(), IsEmpty());
     }
   }
@@ -201,23 +173,18 @@ TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {
   EXPECT_EQ(recorded_clock.take_settings().size(), 3u);
 }
 
-TEST_F(Time_tables, a_tdt_reads_the_clock_before_anything_else) {
+TEST_F(Time_tables, a_tdt_reads_the_clock_before_anything_else_and_a_tot_behind_its_offsets) {
   recorded_clock.announced = true;
-  const std::string all = scan_at(4, tdt(55197, 0x130000));
-  recorded_clock.announced = false;
-  EXPECT_THAT(all, HasSubstr(".14.70 <time>Time and date section\nChanging system clock\n<settimeofday>"));
-}
-
-TEST_F(Time_tables, a_tot_reads_the_clock_and_sets_it_behind_its_offsets) {
-  recorded_clock.announced = true;
-  const std::string all =
+  const std::string of_tdt = scan_at(4, tdt(55197, 0x130000));
+  const std::string of_tot =
       scan_at(4, tot(55197, 0x130000, descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("EST", 0, 0, 0x0200))));
   recorded_clock.announced = false;
-  EXPECT_THAT(all,
-              HasSubstr(".14.73 Time offset section\nParsing descriptor 58, dec 88, oid 506000000\nCountry id EST "));
-  EXPECT_THAT(all, HasSubstr("<time>Changing system clock\n<settimeofday>"));
-  EXPECT_LT(all.find("Country id EST"), all.find("<time>"));
-  EXPECT_EQ(all.find("<time>"), all.rfind("<time>"));
+  EXPECT_THAT(of_tdt, HasSubstr(".14.70 <time>Time and date section\nChanging system clock\n<settimeofday>"));
+  EXPECT_THAT(of_tot, AllOf(HasSubstr(".14.73 Time offset section\nParsing descriptor 58, dec 88, oid 506000000\n"
+                                      "Country id EST "),
+                            HasSubstr("<time>Changing system clock\n<settimeofday>")));
+  EXPECT_LT(of_tot.find("Country id EST"), of_tot.find("<time>"));
+  EXPECT_EQ(support::count_of(of_tot, "<time>"), 1U);
 }
 
 // --- Who is told -----------------------------------------------------------------------------------------------------
@@ -239,19 +206,16 @@ class Told : public Time_tables {
   std::vector<Broadcast_time> times;
 };
 
-TEST_F(Told, of_each_table_with_time_and_frequency) {
-  scan(tdt(55197, 0x120005));
-  scan(tot(55197, 0x115956, {}));
-  EXPECT_EQ(told(), (Texts{formatted("%d %lld 5 %d %d", FREQ, NOON_2010 + 5ll, CLOCK_RIGHT, ZONE_UNTOUCHED),
-                           formatted("%d %lld -4 %d %d", FREQ, NOON_2010 - 4ll, CLOCK_RIGHT, ZONE_UNTOUCHED)}));
-}
-
-TEST_F(Told, whether_the_clock_was_set) {
-  scan(tdt(55197, 0x120011));
+TEST_F(Told, of_each_table_with_time_frequency_and_what_became_of_the_clock) {
+  scan_each({tdt(55197, 0x120005), tot(55197, 0x115956, {}), tdt(55197, 0x120011)});
   recorded_clock.settings_refused = true;
   scan(tot(55197, 0x115949, {}));
-  EXPECT_EQ(told(), (Texts{formatted("%d %lld 11 %d %d", FREQ, NOON_2010 + 11ll, CLOCK_SET, ZONE_UNTOUCHED),
-                           formatted("%d %lld -11 %d %d", FREQ, NOON_2010 - 11ll, CLOCK_REFUSED, ZONE_UNTOUCHED)}));
+  const auto line = [](int off_by, int clock) {
+    return formatted("%d %lld %d %d %d", FREQ, NOON_2010 + static_cast<long long>(off_by), off_by, clock,
+                     ZONE_UNTOUCHED);
+  };
+  EXPECT_EQ(told(),
+            (Texts{line(5, CLOCK_RIGHT), line(-4, CLOCK_RIGHT), line(11, CLOCK_SET), line(-11, CLOCK_REFUSED)}));
   EXPECT_TRUE(parser.systime_valid()) << "all the same";
 }
 
@@ -300,8 +264,8 @@ TEST_F(Offsets, every_entry_is_traced_at_3_and_handed_on) {
 
 TEST_F(Offsets, outside_a_tot_the_context_is_taken_as_the_frequency) {
   const Bytes d = descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("EST", 0, 0, 0x0200));
-  EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, FREQ, 3), HasSubstr("WARNING: Checking mux 506000000 "));
-  EXPECT_THAT(trace_of<LocalTimeOffsetDescriptor>(d, 7, 3), Not(HasSubstr("Checking")));
+  EXPECT_THAT(trace_of(d, FREQ, 3), HasSubstr("WARNING: Checking mux 506000000 "));
+  EXPECT_THAT(trace_of(d, 7, 3), Not(HasSubstr("Checking")));
 }
 
 TEST_F(Offsets, a_tot_with_descriptors_of_services_stores_nothing) {

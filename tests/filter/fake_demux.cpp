@@ -3,18 +3,11 @@
 
 #include "filter/fake_demux.h"
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdarg>
 #include <stdexcept>
-#include <utility>
 
 namespace {
 

@@ -6,10 +6,8 @@
 #include <linux/dvb/dmx.h>
 #include <sys/ioctl.h>
 
-#include <string>
-#include <vector>
-
 #include "support/support.h"
+#include "support/test.h"
 
 // A demultiplexer device for one test at a time: a named pipe, so that open, select and read are the system's, with the
 // DMX_ ioctls on it answered and recorded here. What is written into it comes out of whichever handle is read first.

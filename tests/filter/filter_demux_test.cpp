@@ -4,6 +4,8 @@
 // Filters on a device: opening, programming, starting, stopping.
 #include <sys/resource.h>
 
+#include <numeric>
+
 #include "filter/filter_support.h"
 
 namespace {
@@ -48,9 +50,7 @@ TEST_F(FilterDemux, a_wanted_filter_is_opened_programmed_and_started) {
   EXPECT_EQ(list(), "running 123:42");
   EXPECT_EQ(calls(), "set 0, start 0");
   const dmx_sct_filter_params& params = demux.last_filter();
-  EXPECT_EQ(params.pid, 0x123);
-  EXPECT_EQ(params.filter.filter[0], 0x42);
-  EXPECT_EQ(params.filter.mask[0], 0xFF);
+  EXPECT_EQ((Ints{params.pid, params.filter.filter[0], params.filter.mask[0]}), (Ints{0x123, 0x42, 0xFF}));
   EXPECT_EQ(Ints(params.filter.mode, params.filter.mode + 16), Ints(16, 0));
   EXPECT_EQ(params.timeout, 0u);
   EXPECT_EQ(params.flags, static_cast<unsigned>(DMX_CHECK_CRC));
@@ -58,12 +58,9 @@ TEST_F(FilterDemux, a_wanted_filter_is_opened_programmed_and_started) {
 }
 
 TEST_F(FilterDemux, flags_and_all_sixteen_bytes_reach_the_device) {
-  unsigned char bytes[16];
-  unsigned char mask[16];
-  for (unsigned char i = 0; i < 16; ++i) {
-    bytes[i] = static_cast<unsigned char>(0x10 + i);
-    mask[i] = static_cast<unsigned char>(0xE0 + i);
-  }
+  std::array<unsigned char, 16> bytes, mask;
+  std::iota(bytes.begin(), bytes.end(), 0x10);
+  std::iota(mask.begin(), mask.end(), 0xE0);
   const struct {
     const char* what;
     int flags;
@@ -77,19 +74,19 @@ TEST_F(FilterDemux, flags_and_all_sixteen_bytes_reach_the_device) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     filter.remove_all();
-    filter.addfilter(20, FREQ, bytes, mask, 16, c.flags, 2);
+    filter.addfilter(pid::TIME, FREQ, bytes.data(), mask.data(), 16, c.flags, 2);
     filter.recalculate_filters();
     EXPECT_EQ(demux.last_filter().flags, c.expected);
     const dmx_filter_t& seen = demux.last_filter().filter;
-    EXPECT_EQ(Ints(seen.filter, seen.filter + 16), Ints(bytes, bytes + 16));
-    EXPECT_EQ(Ints(seen.mask, seen.mask + 16), Ints(mask, mask + 16));
+    EXPECT_TRUE(std::ranges::equal(seen.filter, bytes));
+    EXPECT_TRUE(std::ranges::equal(seen.mask, mask));
   }
 }
 
 TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   want(0x123, 0x42);
   EXPECT_EQ(recalculate(3), "");
-  want(0x100, 0x02);
+  want(0x100, table::PMT);
   std::string text = recalculate(4);
   EXPECT_EQ(text, "setting HW for filter pid 256, fdes " + fd_text(1) + "\nFilter TID is 2");
   want(pid::EIT, table::EIT_SCHEDULE_FIRST);
@@ -100,23 +97,15 @@ TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
 }
 
 TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same) {
-  const struct {
-    unsigned long failing;
-    int level;
-    const char* text;
-  } cases[] = {
-      {DMX_SET_FILTER, 0, "ERROR: ioctl DMX_SET_FILTER failed"},
-      {DMX_START, 0, "ERROR: ioctl DMX_START FILTER failed"},
-      {DMX_START, -1, ""},
-      {DMX_SET_FILTER, -1, ""},
-  };
-  size_t index = 0;
-  for (const auto& c : cases) {
-    want(0x100 + static_cast<int>(index));
-    demux.fail_ioctl(c.failing, EINVAL);
-    EXPECT_EQ(recalculate(c.level), c.text) << index;
-    EXPECT_EQ(state(index), FILTER_RUNNING) << index;
-    ++index;
+  for (const auto& [request, text] : {std::pair{DMX_SET_FILTER, "ERROR: ioctl DMX_SET_FILTER failed"},
+                                      {DMX_START, "ERROR: ioctl DMX_START FILTER failed"}}) {
+    demux.fail_ioctl(request, EINVAL);
+    want(0x100);
+    EXPECT_EQ(recalculate(0), text);
+    want(0x101);
+    EXPECT_EQ(recalculate(-1), "") << text;
+    EXPECT_EQ(list(), "running 100:2, running 101:2") << text;
+    filter.remove_all();
   }
 }
 
@@ -125,8 +114,7 @@ TEST_F(FilterDemux, a_timer_runs_once_for_the_filters_time) {
   filter.recalculate_filters();
   EXPECT_GE(remaining(0), 20);
   EXPECT_LE(remaining(0), 30);
-  EXPECT_EQ(left(0).it_interval.tv_sec, 0);
-  EXPECT_EQ(left(0).it_interval.tv_nsec, 0);
+  EXPECT_EQ(std::pair(left(0).it_interval.tv_sec, left(0).it_interval.tv_nsec), std::pair(0L, 0L));
 }
 
 TEST_F(FilterDemux, a_timer_that_cannot_be_set_is_told_at_every_level_and_the_filter_runs_all_the_same) {
@@ -142,8 +130,7 @@ TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
   EXPECT_EQ(list(),
             "running 100:2, running 101:2, running 102:2, running 103:2, running 104:2, running 105:2, "
             "running 106:2, running 107:2, wanted 108:2");
-  EXPECT_EQ(fd(8), -1);
-  EXPECT_EQ(at(8)->open_retries, 0);
+  EXPECT_EQ((Ints{fd(8), at(8)->open_retries}), (Ints{-1, 0}));
   EXPECT_EQ(recalculate(2), "") << "waits without a message";
 
   const int freed = fd(3);
@@ -166,13 +153,12 @@ TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_a
     filter.removefilter(0x100 + i, 2);
   }
   run(0x200);  // takes slot 1 and its handle
-  EXPECT_EQ((Ints{fd(1), fd(4), fd(6)}), (Ints{freed[0], -1, -1}));
-  EXPECT_EQ(state(1), FILTER_RUNNING);
+  EXPECT_EQ((Ints{fd(1), fd(4), fd(6), state(1)}), (Ints{freed[0], -1, -1, FILTER_RUNNING}));
   EXPECT_FALSE(demux.is_mine(freed[1]) || demux.is_mine(freed[2]));
   want_each(3, 0x300);
   filter.recalculate_filters();
-  EXPECT_EQ((Ints{state(4), state(6)}), (Ints{FILTER_RUNNING, FILTER_RUNNING}));
-  EXPECT_EQ(state(8), FILTER_WANTED) << "eight again";
+  EXPECT_EQ((Ints{state(4), state(6), state(8)}), (Ints{FILTER_RUNNING, FILTER_RUNNING, FILTER_WANTED}))
+      << "eight again";
 }
 
 TEST_F(FilterDemux, the_highest_handle_need_not_be_the_last_slots) {
@@ -223,8 +209,7 @@ TEST_F(FilterDemux, eight_stopped_filters_start_again_on_their_own_handles) {
   filter.stop_filters();
   filter.start_filters();
   filter.recalculate_filters();
-  for (size_t i = 0; i < 8; ++i)
-    EXPECT_EQ(state(i), FILTER_RUNNING) << i;
+  EXPECT_EQ(support::count_of(list(), "running "), 8U) << list();
 }
 
 TEST_F(FilterDemux, a_handle_that_select_cannot_hold_is_a_failed_open) {
@@ -246,18 +231,24 @@ TEST_F(FilterDemux, a_handle_that_select_cannot_hold_is_a_failed_open) {
   setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(text, "WARNING: Failed to  open " + std::string(demux.path()) +
                       ", balance 0 for pid 100 tid 2, retcode -1\nfopen: Too many open files\n");
-  EXPECT_EQ(at(0)->open_retries, 1);
-  EXPECT_EQ(fd(0), -1);
+  EXPECT_EQ((Ints{at(0)->open_retries, fd(0)}), (Ints{1, -1}));
 }
 
 // --- Freeing ---------------------------------------------------------------------------------------------------------
 
-TEST_F(FilterDemux, a_removal_stops_the_filter_and_keeps_the_handle) {
+TEST_F(FilterDemux, a_removal_stops_a_running_or_stopped_filter_and_keeps_the_handle) {
   run();
   calls();
   EXPECT_EQ(remove(3, 0x100), "Removing filter pid 100 tid 2\n-Fi100.002." + fd_text(0));
   EXPECT_EQ(calls(), "stop 0");
   EXPECT_GE(fcntl(fd(0), F_GETFD), 0);
+  run();
+  filter.stop_filters();
+  calls();
+  filter.removefilter(0x100, 2);
+  EXPECT_EQ(calls(), "stop 0");
+  filter.start_filters();
+  EXPECT_EQ(list(), "free -1:2");
 }
 
 TEST_F(FilterDemux, set_dvbfilter_reuse_clears_the_slot_but_for_handle_bytes_flags_timeout_and_restarts) {
@@ -274,41 +265,15 @@ TEST_F(FilterDemux, set_dvbfilter_reuse_clears_the_slot_but_for_handle_bytes_fla
             (Ints{handle, 0xFF, FILTER_FLAG_HW_CRC, 2, 7}));
 }
 
-TEST_F(FilterDemux, set_dvbfilter_reuse_on_a_free_slot_issues_no_ioctl) {
+TEST_F(FilterDemux, a_free_slot_and_a_wanted_filter_that_never_ran_are_freed_without_an_ioctl) {
   run();
   filter.set_dvbfilter_reuse(at(0));
   calls();
   filter.set_dvbfilter_reuse(at(0));
   filter.remove_all();
   EXPECT_EQ(calls(), "");
-}
-
-TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_slot_freed_all_the_same) {
-  run();
-  demux.fail_ioctl(DMX_STOP, EIO);
-  EXPECT_EQ(remove(0, 0x100),
-            "ERROR: Filter stop failed for demux file nr " + fd_text(0) + ", error Input/output error \n");
-  EXPECT_EQ(state(0), FILTER_FREE);
-  run();
-  EXPECT_EQ(remove(-1, 0x100), "");
-  EXPECT_EQ(state(0), FILTER_FREE);
-  demux.fail_ioctl(0, 0);
-}
-
-TEST_F(FilterDemux, a_stopped_filter_is_freed_like_a_running_one) {
-  run();
-  filter.stop_filters();
-  calls();
-  filter.removefilter(0x100, 2);
-  EXPECT_EQ(calls(), "stop 0");
-  EXPECT_EQ(list(), "free -1:2");
-  filter.start_filters();
-  EXPECT_EQ(state(0), FILTER_FREE);
-}
-
-TEST_F(FilterDemux, a_wanted_filter_that_never_ran_is_freed_without_an_ioctl) {
-  want(0x100);
-  filter.removefilter(0x100, 2);
+  want_each(2);
+  filter.removefilter(0x101, 2);
   EXPECT_EQ(calls(), "");
 }
 
@@ -375,13 +340,18 @@ TEST_F(FilterDemux, stop_and_start_keep_the_filters) {
   EXPECT_EQ(list(), "running 100:2, running 101:2, running 102:2");
 }
 
-TEST_F(FilterDemux, a_filter_that_cannot_be_stopped_goes_on_running) {
+TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_filter_goes_on_or_is_freed_all_the_same) {
   run();
   demux.fail_ioctl(DMX_STOP, EIO);
-  EXPECT_EQ(messages_at(0, [&] { filter.stop_filters(); }),
-            "ERROR: Filter stop failed for demux file nr " + fd_text(0) + ", error Input/output error \n");
-  EXPECT_EQ(state(0), FILTER_RUNNING);
-  EXPECT_EQ(messages_at(-1, [&] { filter.stop_filters(); }), "");
+  const std::string failed =
+      "ERROR: Filter stop failed for demux file nr " + fd_text(0) + ", error Input/output error \n";
+  EXPECT_THAT([&] { filter.stop_filters(); }, support::prints_only_from(0, failed));
+  EXPECT_EQ(list(), "running 100:2");
+  EXPECT_EQ(remove(0, 0x100), failed);
+  EXPECT_EQ(list(), "free -1:2");
+  run();
+  EXPECT_EQ(remove(-1, 0x100), "");
+  EXPECT_EQ(list(), "free -1:2");
   demux.fail_ioctl(0, 0);
 }
 
@@ -400,33 +370,35 @@ TEST_F(FilterDemux, quirk_restart_all_leaves_the_filters_stopped) {
 TEST_F(FilterDemux, a_filter_whose_restart_fails_stays_running) {
   run();
   demux.fail_ioctl(DMX_START, EINVAL);
-  EXPECT_EQ(messages_at(0, [&] { filter.restart_all_filters(); }),
-            "ERROR: Filter start failed for demux file nr " + fd_text(0) + ", error Invalid argument \n");
+  EXPECT_THAT([&] { filter.restart_all_filters(); },
+              support::prints_only_from(
+                  0, "ERROR: Filter start failed for demux file nr " + fd_text(0) + ", error Invalid argument \n"));
   EXPECT_EQ(state(0), FILTER_RUNNING);
-  EXPECT_EQ(messages_at(-1, [&] { filter.restart_all_filters(); }), "");
 }
 
 // --- Silent feeds ----------------------------------------------------------------------------------------------------
 
-TEST_F(FilterDemux, a_silent_feed_is_started_again_when_its_timer_has_less_than_a_second_left) {
+TEST_F(FilterDemux, a_silent_feed_is_started_and_armed_again_within_the_last_second_of_its_timer_and_not_before) {
   run();
   EXPECT_EQ(remaining(0), 1) << "armed with 2 s";
   calls();
-  filter.check_feed_activation();
-  EXPECT_EQ(calls(), "") << "too early";
-  expire(0);
-  EXPECT_EQ(check_feeds(2), "");
-  EXPECT_EQ(calls(), "start 0");
-  EXPECT_EQ(at(0)->restarts, 1);
-  EXPECT_EQ(state(0), FILTER_RUNNING);
+  // What a look does when the timer has this time left.
+  const auto look = [&](time_t seconds, long nanoseconds) {
+    set_timer(0, seconds, nanoseconds);
+    EXPECT_EQ(check_feeds(2), "");
+    return calls();
+  };
+  EXPECT_EQ(look(30, 0), "");
+  EXPECT_EQ(look(1, 999000000), "");
+  EXPECT_EQ(look(0, 999000000), "start 0");
   EXPECT_EQ(remaining(0), 1) << "armed again";
-  expire(0);
-  filter.check_feed_activation();
-  EXPECT_EQ(at(0)->restarts, 2);
+  EXPECT_EQ(look(20, 0), "");
+  EXPECT_EQ(look(0, 1), "start 0");
+  EXPECT_EQ((Ints{at(0)->restarts, state(0)}), (Ints{2, FILTER_RUNNING}));
 }
 
 TEST_F(FilterDemux, only_silent_running_filters_on_pid_21_and_above_are_started_again) {
-  for (int pid : {0x10, 0x20, 0x21, 0x100, 0x101})
+  for (int pid : {pid::NIT, pid::LAST_RESERVED + 1, 0x21, 0x100, 0x101})
     run(pid);
   for (size_t i = 0; i < 5; ++i)
     expire(i);
@@ -478,19 +450,6 @@ TEST_F(FilterDemux, a_timer_that_cannot_be_read_is_told_and_counts_as_run_out) {
   calls();
   EXPECT_EQ(printed_without_timer([&] { filter.check_feed_activation(); }), "feed activation: : Invalid argument\n");
   EXPECT_EQ(calls(), "start 0");
-}
-
-TEST_F(FilterDemux, a_feed_is_started_again_within_the_last_second_and_not_before) {
-  run();
-  calls();
-  const auto starts = [&](time_t seconds, long nanoseconds) {
-    set_timer(0, seconds, nanoseconds);
-    filter.check_feed_activation();
-    return demux.count(DMX_START);
-  };
-  EXPECT_EQ(starts(30, 0), 0);
-  EXPECT_EQ(starts(0, 999000000), 1);
-  EXPECT_EQ(starts(20, 0), 1);
 }
 
 TEST_F(FilterDemux, a_reused_slot_gets_a_fresh_timer) {

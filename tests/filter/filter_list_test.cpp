@@ -3,8 +3,9 @@
 
 // The list of filters, without a device that could be opened.
 
+#include <numeric>
+
 #include "filter/filter_support.h"
-#include "support/text.h"
 
 namespace {
 
@@ -33,8 +34,7 @@ class FilterRemoval : public FilterList {};
 // `first` and those that follow it, as far as `count`; then zeroes.
 Ints rising(int first, int count) {
   Ints all(FILTER_LENGTH, 0);
-  for (int i = 0; i < count; ++i)
-    all[static_cast<size_t>(i)] = first + i;
+  std::iota(all.begin(), all.begin() + count, first);
   return all;
 }
 
@@ -55,10 +55,8 @@ TEST_F(FilterList, addfilter_for_a_table_fills_in_the_parsers_defaults) {
 TEST_F(FilterList, length_20_keeps_the_first_16_bytes_and_warns) {
   unsigned char wide[20];
   unsigned char wide_mask[20];
-  for (unsigned char i = 0; i < 20; ++i) {
-    wide[i] = static_cast<unsigned char>(0x40 + i);
-    wide_mask[i] = static_cast<unsigned char>(0x80 + i);
-  }
+  std::iota(wide, wide + 20, 0x40);
+  std::iota(wide_mask, wide_mask + 20, 0x80);
   EXPECT_EQ(messages_at(1, [&] { filter.addfilter(16, FREQ, wide, wide_mask, 20, FILTER_FLAG_ONESHOT, 5); }),
             "WARNING: Filter length too long 20 > 16, remaining discarded\n");
   EXPECT_EQ(bytes(0), rising(0x40, 16));
@@ -76,48 +74,38 @@ TEST_F(FilterList, length_16_and_0_are_taken_without_a_warning) {
   }
 }
 
-TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4) {
+TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4_and_a_reused_one_is_not) {
   EXPECT_EQ(add(2, 1, 0x01), "");
   EXPECT_EQ(add(3, pid::EIT, table::EIT_PRESENT_FOLLOWING),
             "Adding new filter for pid 18 to list, filter list size 2, nr_opened 0\n");
   EXPECT_EQ(add(4, 0x123, table::PMT),
             "Adding new filter for pid 291 to list, filter list size 3, nr_opened 0\n+Fl123.002");
-}
-
-TEST_F(FilterList, a_reused_slot_is_not_announced_and_its_counters_are_new) {
-  want(1, 0x01);
-  want(2, table::PMT);
-  at(0)->restarts = 3;
   filter.removefilter(1, 0x01);
-  EXPECT_EQ(messages_at(4, [&] { want(3, 0x40, 7); }), "");
-  EXPECT_EQ(list(), "wanted 3:40, wanted 2:2");
-  EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_HW_CRC, 2, 7, -1, 0, 0, 0}));
+  EXPECT_EQ(add(4, 3, table::NIT_ACTUAL), "");
+  EXPECT_EQ(list(), "wanted 3:40, wanted 12:4e, wanted 123:2");
 }
 
-TEST_F(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter) {
+TEST_F(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter_and_its_counters_are_new) {
   const unsigned char sixteen[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   filter.addfilter(16, FREQ, sixteen, sixteen, 16, FILTER_FLAG_ONESHOT, 5);
   at(0)->captured = 7;
+  at(0)->restarts = 3;
   filter.remove_all();
   at(0)->captured = 7;
-  want(17, 0x42);
+  want(17, table::SDT_ACTUAL, 7);
   EXPECT_EQ(bytes(0), rising(0x42, 1));
   EXPECT_EQ(mask(0), rising(0xFF, 1));
-  EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_HW_CRC, 2, FREQ, -1, 0, 0, 0}));
+  EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_HW_CRC, 2, 7, -1, 0, 0, 0}));
 }
 
-TEST_F(FilterList, the_first_free_slot_is_reused) {
+TEST_F(FilterList, the_first_free_slot_is_reused_and_the_same_filter_twice_takes_two) {
   want_each(4, 1);
   filter.removefilter(3, 2);
   filter.removefilter(2, 2);
   want(9, 9);
   EXPECT_EQ(list(), "wanted 1:2, wanted 9:9, free -1:2, wanted 4:2");
-}
-
-TEST_F(FilterList, the_same_filter_twice_takes_two_slots) {
-  want(0x100);
-  want(0x100);
-  EXPECT_EQ(list(), "wanted 100:2, wanted 100:2");
+  want(9, 9);
+  EXPECT_EQ(list(), "wanted 1:2, wanted 9:9, wanted 9:9, wanted 4:2");
 }
 
 // --- Removal ---------------------------------------------------------------------------------------------------------
@@ -145,11 +133,11 @@ TEST_F(FilterRemoval, quirk_two_filters_of_one_pid_and_table_go_together_with_an
 }
 
 TEST_F(FilterRemoval, by_range_of_pids) {
-  for (int pid : {0x0F, 0x10, 0x12, 0x14, 0x15})
-    want(pid, 0x42);
-  EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_pid_range(0x15, 0x1FFF); }), "");
-  EXPECT_EQ(messages_at(3, [&] { filter.remove_filter_pid_range(0x14, 0x14); }), "-Fpr014.042.-1");
-  EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_pid_range(0x10, 0x12), 0); }),
+  for (int pid : {pid::NIT - 1, pid::NIT, pid::EIT, pid::TIME, pid::TIME + 1})
+    want(pid, table::SDT_ACTUAL);
+  EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_pid_range(pid::TIME + 1, pid::LAST); }), "");
+  EXPECT_EQ(messages_at(3, [&] { filter.remove_filter_pid_range(pid::TIME, pid::TIME); }), "-Fpr014.042.-1");
+  EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_pid_range(pid::NIT, pid::EIT), 0); }),
             "Removing filters from pid 10-12 :-Fpr010.042.-1-Fpr012.042.-1\n");
   EXPECT_EQ(list(), "wanted f:42, free -1:42, free -1:42, free -1:42, free -1:42");
 }
@@ -162,22 +150,23 @@ TEST_F(FilterRemoval, by_range_of_pids_takes_every_pid_of_the_range_and_no_other
   EXPECT_EQ(filter.remove_filter_pid_range(pid::PAT, pid::EIT - 1), 0);
   EXPECT_EQ(filter.remove_filter_pid_range(pid::EIT + 1, pid::TIME - 1), 0);
   EXPECT_EQ(filter.remove_filter_pid_range(pid::TIME + 1, pid::LAST), 0);
-  std::vector<int> left;
+  Ints left;
   for (int pid = pid::PAT; pid <= pid::LAST; ++pid) {
     if (filter.pid_in_list(pid) != 0)
       left.push_back(pid);
   }
-  EXPECT_EQ(left, (std::vector<int>{pid::EIT, pid::TIME}));
+  EXPECT_EQ(left, (Ints{pid::EIT, pid::TIME}));
 }
 
 TEST_F(FilterRemoval, by_range_of_table_ids) {
-  for (int tid : {0x4D, 0x4E, 0x5F, 0x60})
-    want(0x12, tid);
-  want(0x13, table::EIT_SCHEDULE_FIRST);
-  EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_range(0x12, 0x4E, 0x5F), 0); }),
+  constexpr int FIRST = table::EIT_PRESENT_FOLLOWING, LAST = table::EIT_SCHEDULE_LAST;
+  for (int tid : {FIRST - 1, FIRST, LAST, LAST + 1})
+    want(pid::EIT, tid);
+  want(pid::EIT + 1, table::EIT_SCHEDULE_FIRST);
+  EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.remove_filter_range(pid::EIT, FIRST, LAST), 0); }),
             "Removing filters from pid 12, tid 4e-5f :-Fr012.04E.-1-Fr012.05F.-1\n");
-  EXPECT_EQ(messages_at(3, [&] { filter.remove_filter_range(0x12, 0x60, 0x60); }), "-Fr012.060.-1");
-  EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_range(0x12, 0x4D, 0x4D); }), "");
+  EXPECT_EQ(messages_at(3, [&] { filter.remove_filter_range(pid::EIT, LAST + 1, LAST + 1); }), "-Fr012.060.-1");
+  EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_range(pid::EIT, FIRST - 1, FIRST - 1); }), "");
   EXPECT_EQ(list(), "free -1:4d, free -1:4e, free -1:5f, free -1:60, wanted 13:50");
 }
 
@@ -191,34 +180,31 @@ TEST_F(FilterRemoval, quirk_by_frequency_prints_the_token_of_removefilter) {
   EXPECT_EQ(list(), "free -1:1, free -1:2, free -1:3");
 }
 
-TEST_F(FilterRemoval, remove_all_frees_every_slot) {
+TEST_F(FilterRemoval, remove_all_frees_every_slot_and_free_slots_that_match_again_are_left_alone) {
   want_each(3, 1);
   EXPECT_EQ(messages_at(3, [&] { filter.remove_all(); }), "Removed all filters\n");
   EXPECT_EQ(list(), "free -1:2, free -1:2, free -1:2");
   EXPECT_EQ(messages_at(2, [&] { filter.remove_all(); }), "");
-}
-
-TEST_F(FilterRemoval, free_slots_that_match_again_are_left_alone) {
-  want(1, 1);
-  filter.remove_all();
   filter.remove_filter_freq(0);  // the frequency of a free slot
-  filter.remove_filter_pid_range(-1, 8191);
-  EXPECT_EQ(list(), "free -1:1");
+  filter.remove_filter_pid_range(-1, pid::LAST);
+  EXPECT_EQ(list(), "free -1:2, free -1:2, free -1:2");
 }
 
 // --- Asking ----------------------------------------------------------------------------------------------------------
 
 TEST_F(FilterQuery, pid_and_table_are_found_unless_free) {
+  // Of the PID, of PID and table, and of others.
+  const auto found = [&] {
+    return Ints{filter.pid_in_list(pid::EIT), filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING),
+                filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING_OTHER),
+                filter.pid_tid_in_list(pid::EIT + 1, table::EIT_PRESENT_FOLLOWING), filter.pid_in_list(-1)};
+  };
   want(pid::EIT, table::EIT_PRESENT_FOLLOWING);
-  EXPECT_EQ(filter.pid_in_list(pid::EIT), 1);
-  EXPECT_EQ(filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING), 1);
-  EXPECT_EQ(filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING_OTHER), 0);
-  EXPECT_EQ(filter.pid_tid_in_list(0x13, 0x4E), 0);
+  EXPECT_EQ(found(), (Ints{1, 1, 0, 0, 0}));
   at(0)->state = FILTER_STOPPED;
-  EXPECT_EQ(filter.pid_in_list(pid::EIT), 1);
+  EXPECT_EQ(found(), (Ints{1, 1, 0, 0, 0}));
   filter.remove_all();
-  EXPECT_EQ(filter.pid_in_list(pid::EIT), 0);
-  EXPECT_EQ(filter.pid_in_list(-1), 0);
+  EXPECT_EQ(found(), Ints(5, 0));
 }
 
 TEST_F(FilterQuery, eit_or_time_only) {
@@ -240,9 +226,8 @@ TEST_F(FilterQuery, eit_or_time_only_traces_at_4) {
   want(pid::EIT, table::EIT_PRESENT_FOLLOWING);
   want(pid::SDT, table::SDT_ACTUAL);
   want(pid::TIME, table::TOT);
-  EXPECT_EQ(messages_at(4, [&] { filter.eit_or_time_only_in_filter_list(); }),
-            "Filter list contains: 12.4e 11.42 14.73  Eit_or_time_only_in_list is 0\n");
-  EXPECT_EQ(messages_at(3, [&] { filter.eit_or_time_only_in_filter_list(); }), "");
+  EXPECT_THAT([&] { filter.eit_or_time_only_in_filter_list(); },
+              support::prints_only_from(4, "Filter list contains: 12.4e 11.42 14.73  Eit_or_time_only_in_list is 0\n"));
 }
 
 TEST_F(FilterQuery, print_filter_list_counts_what_it_prints_and_totals_every_slot) {
@@ -264,12 +249,10 @@ TEST_F(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fif
       "fopen: No such file or directory\n";
   for (int attempt = 1; attempt <= 4; ++attempt) {
     EXPECT_EQ(messages_at(1, [&] { EXPECT_EQ(filter.recalculate_filters(), 0); }), failed);
-    EXPECT_EQ(at(0)->open_retries, attempt);
-    EXPECT_EQ(state(0), FILTER_WANTED);
+    EXPECT_EQ((Ints{at(0)->open_retries, state(0)}), (Ints{attempt, FILTER_WANTED}));
   }
   EXPECT_EQ(recalculate(1), failed + "WARNING: Filter pid 110, tid 2 open retries > 4, removing filter\n");
-  EXPECT_EQ(state(0), FILTER_FREE);
-  EXPECT_EQ(at(0)->fd, -1);
+  EXPECT_EQ((Ints{state(0), at(0)->fd}), (Ints{FILTER_FREE, -1}));
   EXPECT_EQ(recalculate(1), "");
 }
 

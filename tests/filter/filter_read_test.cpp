@@ -10,21 +10,21 @@ using support::Bytes;
 namespace {
 
 constexpr int PID = 0x100;
-const Bytes TDT = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
-const Bytes PMT = support::long_section(0x02, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
+const Bytes TDT = {table::TDT, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+const Bytes PMT = support::long_section(table::PMT, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
 
 class FilterRead : public Demux_test {
  protected:
   char buffer[SECTION_BUF_SIZE];
 
-  dvb_filter_desc* start(int pid = PID, int tid = 2, int flags = FILTER_FLAG_HW_CRC) {
+  dvb_filter_desc* start(int pid = PID, int tid = table::PMT, int flags = FILTER_FLAG_HW_CRC) {
     const unsigned char byte = static_cast<unsigned char>(tid);
     const unsigned char mask = 0xFF;
     filter.addfilter(pid, FREQ, &byte, &mask, 1, flags, 2);
     filter.recalculate_filters();
     return *std::find_if(filter.flist()->begin(), filter.flist()->end(), [=](auto* f) { return f->pid == pid; });
   }
-  dvb_filter_desc* start_checked(int pid = PID, int tid = 2) { return start(pid, tid, FILTER_FLAG_SOFT_CRC); }
+  dvb_filter_desc* start_checked(int pid = PID, int tid = table::PMT) { return start(pid, tid, FILTER_FLAG_SOFT_CRC); }
   // A filter for which a PMT is ready.
   dvb_filter_desc* start_ready() {
     dvb_filter_desc* f = start();
@@ -42,6 +42,12 @@ class FilterRead : public Demux_test {
     demux.put(bytes);
     EXPECT_GT(wait(), 0);
     return read(f);
+  }
+  // Yields nothing and asks the device for nothing.
+  void expect_no_read(dvb_filter_desc* f) {
+    const int reads = demux.reads();
+    EXPECT_EQ(read(f), 0u);
+    EXPECT_EQ(demux.reads(), reads);
   }
   // What a reading prints that yields nothing.
   std::string refused(int level, dvb_filter_desc* f) {
@@ -62,9 +68,7 @@ TEST_F(FilterRead, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buff
 }
 
 TEST_F(FilterRead, the_longest_section_fits) {
-  dvb_filter_desc* f = start();
-  const Bytes section = support::long_section(0x02, 1, 0, Bytes(4096 - 12, 0xAB));
-  EXPECT_EQ(deliver(f, section), 4096u);
+  EXPECT_EQ(deliver(start(), support::long_section(table::PMT, 1, 0, Bytes(4096 - 12, 0xAB))), 4096u);
 }
 
 TEST_F(FilterRead, reading_traces_at_4) {
@@ -79,16 +83,13 @@ TEST_F(FilterRead, reading_traces_at_4) {
   EXPECT_EQ(messages_at(3, [&] { read(f); }), "");
 }
 
-TEST_F(FilterRead, nothing_to_read_is_a_time_out) {
+TEST_F(FilterRead, nothing_to_read_is_a_time_out_also_without_filters) {
+  EXPECT_EQ(filter.recalculate_filters(), 0);
+  EXPECT_EQ(filter.wait_for_data(20), 0);
   start();
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(filter.wait_for_data(50), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45));
-}
-
-TEST_F(FilterRead, without_filters_the_wait_is_a_time_out_too) {
-  EXPECT_EQ(filter.recalculate_filters(), 0);
-  EXPECT_EQ(filter.wait_for_data(20), 0);
 }
 
 TEST_F(FilterRead, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
@@ -98,46 +99,35 @@ TEST_F(FilterRead, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
   EXPECT_EQ(filter.wait_for_data(1500), 1) << "the system takes 1,500,000 microseconds";
 }
 
-TEST_F(FilterRead, a_handle_that_is_not_ready_yields_0_without_a_read) {
+TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait_and_one_that_is_not_ready_never) {
   dvb_filter_desc* f = start();
   filter.wait_for_data(0);
-  const int reads = demux.reads();
-  EXPECT_EQ(read(f), 0u);
-  EXPECT_EQ(demux.reads(), reads);
-}
-
-TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait) {
-  dvb_filter_desc* f = start();
+  expect_no_read(f);
   EXPECT_GT(deliver(f, PMT), 0u);
   demux.put(PMT);
-  const int reads = demux.reads();
-  EXPECT_EQ(read(f), 0u);
-  EXPECT_EQ(demux.reads(), reads);
+  expect_no_read(f);
   wait();
   EXPECT_GT(read(f), 0u);
 }
 
 TEST_F(FilterRead, a_filter_that_does_not_run_yields_0_without_a_read) {
   dvb_filter_desc* f = start_ready();
-  const int reads = demux.reads();
   for (int state : {FILTER_FREE, FILTER_WANTED, FILTER_STOPPED}) {
+    SCOPED_TRACE(state);
     f->state = state;
-    EXPECT_EQ(read(f), 0u) << state;
+    expect_no_read(f);
   }
-  EXPECT_EQ(demux.reads(), reads);
   f->state = FILTER_RUNNING;
 }
 
 TEST_F(FilterRead, a_filter_freed_after_the_wait_is_not_read) {
   dvb_filter_desc* f = start_ready();
   filter.remove_all();
-  const int reads = demux.reads();
-  EXPECT_EQ(read(f), 0u);
+  expect_no_read(f);
   // The slot serves another filter at once; the old wait says nothing about it.
-  filter.addfilter(0x200, 2, FREQ);
+  want(0x200);
   f->state = FILTER_RUNNING;
-  EXPECT_EQ(read(f), 0u);
-  EXPECT_EQ(demux.reads(), reads);
+  expect_no_read(f);
 }
 
 TEST_F(FilterRead, a_filter_freed_by_another_thread_during_the_wait_is_not_waited_for_again) {
@@ -166,8 +156,7 @@ TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
   wait();
   EXPECT_EQ(refused(0, f), "");
   EXPECT_EQ(calls(), "") << "neither stopped nor started";
-  EXPECT_EQ(f->state, FILTER_RUNNING);
-  EXPECT_EQ(f->captured, 0);
+  EXPECT_EQ(std::pair(f->state, f->captured), std::pair(int{FILTER_RUNNING}, 0));
   demux.fail_read(0);
   wait();
   EXPECT_GT(read(f), 0u);
@@ -245,7 +234,7 @@ TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
 TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
   dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
   EXPECT_EQ(deliver(f, TDT), 8u);
-  Bytes tot = support::with_crc({0x73, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
+  Bytes tot = support::with_crc({table::TOT, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
   EXPECT_EQ(deliver(f, tot), tot.size());
   tot.back() ^= 0x10;
   EXPECT_EQ(refused(-1, f, tot), "");
@@ -253,14 +242,14 @@ TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
 }
 
 TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
-  EXPECT_EQ(refused(-1, start_checked(0x15, table::TDT), TDT), "");
+  EXPECT_EQ(refused(-1, start_checked(pid::TIME + 1, table::TDT), TDT), "");
   filter.remove_all();
   dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
   Bytes longer = support::join({TDT, {0x00}});
   longer[2] = 0x06;
   EXPECT_EQ(refused(-1, f, longer), "");
   Bytes other_table = TDT;
-  other_table[0] = 0x73;
+  other_table[0] = table::TOT;
   EXPECT_EQ(refused(-1, f, other_table), "");
   EXPECT_EQ(deliver(f, TDT), 8u);
 }
@@ -270,23 +259,21 @@ TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {
               testing::StartsWith("ERROR: *** Received section pid 100 type ffffff82 len 5 CRC failed, "));
 }
 
-TEST(Crc32, be_over_a_correct_section_gives_0) {
-  for (const Bytes& section : {PMT, support::long_section(0x42, 7, 1, Bytes(500, 0x5A))})
-    EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, section.data(), static_cast<unsigned>(section.size())), 0u);
-}
-
 TEST(Crc32, known_values) {
   const auto* digits = reinterpret_cast<const unsigned char*>("123456789");
   EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, digits, 9), 0x0376E6E7u) << "CRC-32/MPEG-2";
   EXPECT_EQ(Section_filter::crc32_le(0xFFFFFFFF, digits, 9), 0x340BC6D9u) << "CRC-32/JAMCRC";
 }
 
-TEST(Crc32, length_0_leaves_the_value_and_pieces_continue) {
-  const Bytes& section = PMT;
-  EXPECT_EQ(Section_filter::crc32_be(0x12345678, section.data(), 0), 0x12345678u);
-  EXPECT_EQ(Section_filter::crc32_le(0x12345678, section.data(), 0), 0x12345678u);
-  const unsigned first = Section_filter::crc32_be(0xFFFFFFFF, section.data(), 5);
-  EXPECT_EQ(Section_filter::crc32_be(first, section.data() + 5, static_cast<unsigned>(section.size()) - 5), 0u);
+TEST(Crc32, be_over_a_correct_section_gives_0_also_in_pieces_and_length_0_leaves_the_value) {
+  for (const Bytes& section : {PMT, support::long_section(table::SDT_ACTUAL, 7, 1, Bytes(500, 0x5A))}) {
+    const auto size = static_cast<unsigned>(section.size());
+    EXPECT_EQ(Section_filter::crc32_be(0xFFFFFFFF, section.data(), size), 0u);
+    const unsigned first = Section_filter::crc32_be(0xFFFFFFFF, section.data(), 5);
+    EXPECT_EQ(Section_filter::crc32_be(first, section.data() + 5, size - 5), 0u);
+  }
+  EXPECT_EQ(Section_filter::crc32_be(0x12345678, PMT.data(), 0), 0x12345678u);
+  EXPECT_EQ(Section_filter::crc32_le(0x12345678, PMT.data(), 0), 0x12345678u);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "filter/filter_support.h"
 #include "support/softdvb.h"
+#include "support/ts_writer.h"
 
 using support::Bytes;
 using testing::HasSubstr;
@@ -16,7 +17,7 @@ constexpr char DEVICE[] = "/dev/dvb/adapter0/demux0";
 using Sections = std::vector<Bytes>;
 
 Bytes pmt(int program, size_t filler = 0) {
-  return support::long_section(0x02, static_cast<uint16_t>(program), 0,
+  return support::long_section(table::PMT, static_cast<uint16_t>(program), 0,
                                support::join({support::u16(0xE101), support::loop12(Bytes(filler, 0))}));
 }
 
@@ -27,18 +28,9 @@ class FilterSoftdvb : public Filter_test {
 
   // One section as transport packets of its PID.
   void on_air(int pid, const Bytes& section) {
-    Bytes data{0};
-    data.insert(data.end(), section.begin(), section.end());
-    Bytes packets;
-    for (size_t at = 0; at < data.size(); at += 184) {
-      const size_t size = std::min<size_t>(184, data.size() - at);
-      const uint8_t counter = counters_[pid]++ & 0x0F;
-      packets.insert(packets.end(), {0x47, static_cast<uint8_t>((at == 0 ? 0x40 : 0) | pid >> 8),
-                                     static_cast<uint8_t>(pid), static_cast<uint8_t>(0x10 | counter)});
-      packets.insert(packets.end(), data.begin() + static_cast<long>(at), data.begin() + static_cast<long>(at + size));
-      packets.resize(packets.size() + 184 - size, 0xFF);
-    }
-    support::softdvb_inject(0, packets);
+    packets_.bytes.clear();
+    packets_.section(pid, section);
+    support::softdvb_inject(0, packets_.bytes);
   }
 
   void start(int pid = 0x100, int tid = table::PMT) {
@@ -59,7 +51,7 @@ class FilterSoftdvb : public Filter_test {
   }
 
  private:
-  std::map<int, uint8_t> counters_;
+  support::Ts_writer packets_;
 };
 
 TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
@@ -82,7 +74,7 @@ TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_r
     on_air(0x100 + i, pmt(i));
   EXPECT_EQ(pass(1000).size(), 8u);
   EXPECT_EQ(state(8), FILTER_WANTED);
-  filter.removefilter(0x104, 0x02);
+  filter.removefilter(0x104, table::PMT);
   pass();
   EXPECT_EQ(state(8), FILTER_RUNNING);
   on_air(0x108, pmt(8));
@@ -93,7 +85,7 @@ TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
   start();
   const int handle = at(0)->fd;
   on_air(0x100, pmt(1));
-  filter.removefilter(0x100, 0x02);
+  filter.removefilter(0x100, table::PMT);
   want(0x200, table::PMT);
   EXPECT_EQ(pass(), Sections());
   EXPECT_EQ(at(0)->fd, handle);
@@ -211,9 +203,9 @@ TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
 }
 
 TEST_F(FilterSoftdvb, a_tdt_without_crc_passes_every_check) {
-  const Bytes tdt = {0x70, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
+  const Bytes tdt = {table::TDT, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
   start(pid::TIME, table::TDT);
-  on_air(0x14, tdt);
+  on_air(pid::TIME, tdt);
   EXPECT_EQ(pass(1000), Sections{tdt});
 }
 
@@ -227,7 +219,7 @@ TEST_F(FilterSoftdvb, no_section_is_lost_while_other_pids_are_filtered) {
     seen += static_cast<int>(pass(1000).size());
     want(0x300, table::PMT);
     filter.recalculate_filters();
-    filter.removefilter(0x300, 0x02);
+    filter.removefilter(0x300, table::PMT);
   }
   EXPECT_EQ(seen, 200);
 }

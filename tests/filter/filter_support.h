@@ -7,6 +7,7 @@
 #include "filter/fake_demux.h"
 #include "filter/section_filter.h"
 #include "support/messages.h"
+#include "support/text.h"
 
 using support::messages_at;
 

@@ -4,12 +4,7 @@
 #include "si/recorded_clock.h"
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/time.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <string_view>
 
 Recorded_clock recorded_clock;
 

@@ -3,10 +3,7 @@
 
 #pragma once
 
-#include <time.h>
-
-#include <utility>
-#include <vector>
+#include "support/test.h"
 
 using Seconds = std::pair<time_t, time_t>;  // to the first expiry of a timer, and between them
 

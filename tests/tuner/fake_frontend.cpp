@@ -5,18 +5,10 @@
 
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdarg>
-#include <cstring>
-#include <iterator>
 #include <stdexcept>
-#include <utility>
 
 namespace {
 

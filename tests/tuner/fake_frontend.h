@@ -6,13 +6,8 @@
 #include <linux/dvb/frontend.h>
 #include <poll.h>
 
-#include <atomic>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-
 #include "support/support.h"
+#include "support/test.h"
 #include "support/text.h"
 
 // A frontend device for one test at a time, and its time: a file whose FE_ ioctls are answered here. Sleeps and waits

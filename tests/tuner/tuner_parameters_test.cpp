@@ -8,23 +8,15 @@
 namespace {
 
 constexpr int VHF_FREQ = 177500000;
+constexpr char DEFAULTS[] = " hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0";
 
 // All of them, in the order of a stored line: "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0".
 std::string text(const dvb_frontend_parameters& parameters) {
   const dvb_ofdm_parameters& ofdm = parameters.u.ofdm;
-  const std::pair<const char*, int> rest[] = {
-      {" bw=", ofdm.bandwidth},
-      {" hp=", ofdm.code_rate_HP},
-      {" lp=", ofdm.code_rate_LP},
-      {" const=", ofdm.constellation},
-      {" mode=", ofdm.transmission_mode},
-      {" guard=", ofdm.guard_interval},
-      {" hier=", ofdm.hierarchy_information},
-      {" inv=", parameters.inversion},
-  };
-  std::string all = std::to_string(parameters.frequency);
-  for (const auto& [name, value] : rest)
-    all += name + std::to_string(value);
+  char all[120];
+  std::snprintf(all, sizeof all, "%u bw=%d hp=%d lp=%d const=%d mode=%d guard=%d hier=%d inv=%d", parameters.frequency,
+                ofdm.bandwidth, ofdm.code_rate_HP, ofdm.code_rate_LP, ofdm.constellation, ofdm.transmission_mode,
+                ofdm.guard_interval, ofdm.hierarchy_information, parameters.inversion);
   return all;
 }
 
@@ -45,12 +37,12 @@ class Tuner_parameters_test : public Fake_tuner_test {
 TEST_F(Tuner_parameters_test, a_new_tuner_stands_on_474_mhz_with_the_defaults) {
   const support::Stderr_capture capture;
   const Tuner another(frontend.path(), &db.sdbl(), CONNECTOR, TYPE);
-  EXPECT_EQ(text(frontend.tuned()), "474000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+  EXPECT_EQ(text(frontend.tuned()), std::string("474000000 bw=0") + DEFAULTS);
 }
 
-TEST_F(Tuner_parameters_test, without_stored_ones_the_defaults_are_used) {
-  EXPECT_EQ(tuned(FREQ), "506000000 bw=0 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
-  EXPECT_EQ(tuned(VHF_FREQ), "177500000 bw=1 hp=9 lp=9 const=6 mode=3 guard=4 hier=0 inv=0");
+TEST_F(Tuner_parameters_test, without_stored_ones_the_defaults_are_used_with_7_mhz_up_to_the_last_frequency_of_vhf) {
+  for (const char* expected : {"506000000 bw=0", "177500000 bw=1", "399999999 bw=1", "400000000 bw=0"})
+    EXPECT_EQ(tuned(std::stoi(expected)), std::string(expected) + DEFAULTS);
 }
 
 TEST_F(Tuner_parameters_test, stored_ones_take_the_place_of_all_defaults) {

@@ -13,13 +13,9 @@ using tuner_quality::noise;
 using tuner_quality::snr_db;
 using tuner_quality::strength;
 
-namespace {
-
-uint16_t reading(unsigned low, unsigned high = 0) {
+static uint16_t reading(unsigned low, unsigned high = 0) {
   return static_cast<uint16_t>(high << 8 | low);
 }
-
-}  // namespace
 
 TEST(Strength, each_row_of_the_scale_at_its_edges) {
   const std::pair<unsigned, int> rows[] = {
@@ -74,13 +70,10 @@ TEST(Ber, quality_never_rises_with_the_errors) {
   EXPECT_EQ(last, 0);
 }
 
-TEST(Snr, noise_is_the_inverse_of_the_low_byte_and_never_0) {
+TEST(Snr, noise_is_the_inverse_of_the_low_byte_and_never_0_and_255_without_full_lock) {
   const std::pair<uint16_t, int> rows[] = {{0xFF00, 255}, {0x00FE, 1}, {0x00FF, 1}, {0xFFFF, 1}, {0x127F, 128}};
   for (const auto& [raw, expected] : rows)
     EXPECT_EQ(noise(raw, true), expected) << raw;
-}
-
-TEST(Snr, noise_is_255_without_full_lock) {
   EXPECT_EQ(noise(0x00FE, false), 255);
   EXPECT_EQ(noise(0x0000, false), 255);
 }

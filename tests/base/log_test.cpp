@@ -4,9 +4,9 @@
 #include "base/log.h"
 
 #include "kelvo/kelvo.h"
-#include "support/support.h"
-#include "support/test.h"
-#include "support/verbosity.h"
+#include "support/messages.h"
+
+using support::messages_at;
 
 namespace {
 
@@ -24,58 +24,53 @@ class Message_listener_test : public testing::Test {
 };
 
 TEST_F(Message_listener_test, gets_level_and_text_as_they_would_be_printed) {
-  const support::Verbosity verbosity(VERB_WARNING);
   listen(VERB_WARNING, true);
-  EXPECT_EQ(support::stderr_of([] {
-              KLOG(VERB_WARNING, "WARNING: part of %d ", 2);
-              KLOG(VERB_ERROR, "ERROR: %s\n", "whole");
-            }),
+  EXPECT_EQ(messages_at(VERB_WARNING,
+                        [] {
+                          KLOG(VERB_WARNING, "WARNING: part of %d ", 2);
+                          KLOG(VERB_ERROR, "ERROR: %s\n", "whole");
+                        }),
             "WARNING: part of 2 ERROR: whole\n");
   EXPECT_EQ(heard_, (Heard{{VERB_WARNING, "WARNING: part of 2 "}, {VERB_ERROR, "ERROR: whole\n"}}));
 }
 
+void log_progress_and_trace() {
+  KLOG(VERB_PROGRESS, "progress\n");
+  KLOG(VERB_TRACE, "trace\n");
+}
+
 TEST_F(Message_listener_test, has_a_level_of_its_own) {
-  const support::Verbosity verbosity(VERB_WARNING);
   listen(VERB_PROGRESS, true);
-  EXPECT_EQ(support::stderr_of([] {
-              KLOG(VERB_PROGRESS, "progress\n");
-              KLOG(VERB_TRACE, "trace\n");
-            }),
-            "");
+  EXPECT_EQ(messages_at(VERB_WARNING, log_progress_and_trace), "");
   EXPECT_EQ(heard_, (Heard{{VERB_PROGRESS, "progress\n"}}));
 }
 
 TEST_F(Message_listener_test, below_the_verbosity_leaves_what_is_printed) {
-  const support::Verbosity verbosity(VERB_PROGRESS);
   listen(VERB_ERROR, true);
-  EXPECT_EQ(support::stderr_of([] { KLOG(VERB_PROGRESS, "progress\n"); }), "progress\n");
+  EXPECT_EQ(messages_at(VERB_PROGRESS, log_progress_and_trace), "progress\n");
   EXPECT_EQ(heard_, Heard{});
 }
 
+// Of every kind.
+void log_everything() {
+  KLOG(VERB_TRACE, "trace\n");
+  KLOG(VERB_ERROR, "ERROR: x\n");
+  KLOG_ALWAYS("always\n");
+  errno = EBADF;
+  kelvo_log::print_errno("Select: ");
+}
+
 TEST_F(Message_listener_test, can_keep_everything_from_standard_error) {
-  const support::Verbosity verbosity(VERB_TRACE);
   listen(VERB_ERROR, false);
-  EXPECT_EQ(support::stderr_of([] {
-              KLOG(VERB_TRACE, "trace\n");
-              KLOG(VERB_ERROR, "ERROR: x\n");
-              KLOG_ALWAYS("always\n");
-              errno = EBADF;
-              kelvo_log::print_errno("Select: ");
-            }),
-            "");
+  EXPECT_EQ(messages_at(VERB_TRACE, log_everything), "");
   EXPECT_EQ(
       heard_,
       (Heard{{VERB_ERROR, "ERROR: x\n"}, {VERB_ALWAYS, "always\n"}, {VERB_ALWAYS, "Select: : Bad file descriptor\n"}}));
 }
 
 TEST_F(Message_listener_test, that_is_null_changes_nothing) {
-  const support::Verbosity verbosity(-5);
   Kelvo::set_message_listener({nullptr, nullptr, VERB_TRACE, true});
-  EXPECT_EQ(support::stderr_of([] {
-              KLOG(VERB_ERROR, "ERROR: x\n");
-              KLOG_ALWAYS("always\n");
-            }),
-            "always\n");
+  EXPECT_EQ(messages_at(-5, log_everything), "always\nSelect: : Bad file descriptor\n");
 }
 
 TEST_F(Message_listener_test, gets_long_texts_whole) {
@@ -95,10 +90,7 @@ TEST_F(Message_listener_test, sees_errno_and_leaves_it) {
 }
 
 TEST(Errno_message, is_what_perror_prints_at_every_verbosity) {
-  const support::Verbosity verbosity(-1);
-  errno = EBADF;
-  const std::string own = support::stderr_of([] { kelvo_log::print_errno("Select: "); });
-  EXPECT_EQ(own, "Select: : Bad file descriptor\n");
+  EXPECT_EQ(messages_at(-1, log_everything), "always\nSelect: : Bad file descriptor\n");
 }
 
 }  // namespace

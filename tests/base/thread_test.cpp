@@ -10,9 +10,7 @@
 #include <typeinfo>
 
 #include "kelvo/main_thread.h"
-#include "support/support.h"
-#include "support/test.h"
-#include "support/verbosity.h"
+#include "support/messages.h"
 #include "tuner/monitor_thread.h"
 
 namespace {
@@ -66,30 +64,28 @@ TEST(Thread, runs_setup_then_execute_with_the_start_argument_on_its_own_thread) 
   EXPECT_FALSE(pthread_equal(pthread_self(), thread.getThreadId()));
 }
 
-TEST(Thread, entry_point_runs_setup_and_execute_with_the_start_argument_and_returns_null) {
+TEST(Thread, entry_point_and_run_call_setup_and_execute_on_the_calling_thread) {
   std::atomic<bool> running{false};
   Polling_thread thread(&running);
-  int argument = 0;
-  ASSERT_EQ(thread.Start(&argument), 0);
+  int of_start = 0;
+  ASSERT_EQ(thread.Start(&of_start), 0);
   EXPECT_EQ(thread.Stop(), 0);
+  const auto expect_both = [&](const void* argument) {
+    EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
+    EXPECT_EQ(thread.argument, argument);
+    EXPECT_TRUE(pthread_equal(thread.seen_thread, pthread_self()));
+    thread.calls.clear();
+    thread.argument = nullptr;
+  };
   thread.calls.clear();
-  thread.argument = nullptr;
   EXPECT_EQ(COrbelThreadKelvo::EntryPoint(static_cast<COrbelThreadKelvo*>(&thread)), nullptr);
-  EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
-  EXPECT_EQ(thread.argument, &argument);
-  EXPECT_TRUE(pthread_equal(thread.seen_thread, pthread_self())) << "on the calling thread";
-}
-
-TEST(Thread, run_calls_setup_and_execute_with_its_own_argument_and_returns_0) {
-  std::atomic<bool> running{false};
-  Polling_thread thread(&running);
-  int argument = 0;
-  EXPECT_EQ(thread.Run(&argument), 0);
-  EXPECT_EQ(thread.calls, (std::vector<std::string>{"Setup", "Execute"}));
-  EXPECT_EQ(thread.argument, &argument);
+  expect_both(&of_start);
+  int of_run = 0;
+  EXPECT_EQ(thread.Run(&of_run), 0);
+  expect_both(&of_run);
   thread.Setup();
   thread.Execute(nullptr);
-  EXPECT_EQ(thread.calls.size(), 4U);
+  expect_both(nullptr);
 }
 
 TEST(Thread, base_class_does_nothing_and_ends) {
@@ -103,28 +99,17 @@ TEST(Thread, stop_joins_without_telling_the_thread_to_end) {
   Polling_thread thread(&running);
   ASSERT_EQ(thread.Start(nullptr), 0);
   std::atomic<bool> joined{false};
-  pthread_t stopper;
-  struct Both {
-    Polling_thread* thread;
-    std::atomic<bool>* joined;
-  } both{&thread, &joined};
-  ASSERT_EQ(pthread_create(
-                &stopper, nullptr,
-                [](void* argument) -> void* {
-                  auto* b = static_cast<Both*>(argument);
-                  b->thread->Stop();
-                  *b->joined = true;
-                  return nullptr;
-                },
-                &both),
-            0);
+  std::thread stopper([&] {
+    thread.Stop();
+    joined = true;
+  });
   while (!thread.executing)
     sched_yield();
   for (int i = 0; i < 1000; ++i)
     sched_yield();
   EXPECT_FALSE(joined);  // the flag is still set
   running = false;       // which the owner clears first
-  pthread_join(stopper, nullptr);
+  stopper.join();
   EXPECT_TRUE(joined);
 }
 
@@ -178,25 +163,15 @@ TEST(Thread, quirk_set_prio_prints_the_wrapper_s_address_as_the_old_priority) {
   EXPECT_EQ(text, first_line(0, static_cast<unsigned>(thread.getThreadId()), address, 10) + " rc = 0 After change 0\n");
 }
 
-TEST(Thread, set_prio_is_silent_at_verbosity_3) {
+TEST(Thread, set_prio_passes_any_number_on_to_the_message_of_verbosity_4_only) {
   std::atomic<bool> running{true};
   Polling_thread thread(&running);
   ASSERT_EQ(thread.Start(nullptr), 0);
-  const support::Verbosity verbosity(3);
-  EXPECT_EQ(support::stderr_of([&] { thread.SetPrio(10); }), "");
+  EXPECT_THAT(support::messages_at(4, [&] { thread.SetPrio(-5); }),
+              testing::HasSubstr(" to -5\n rc = 0 After change 0\n"));
+  EXPECT_EQ(support::messages_at(3, [&] { thread.SetPrio(10); }), "");
   running = false;
   thread.Stop();
-}
-
-TEST(Thread, set_prio_passes_any_number_on_to_the_message_only) {
-  std::atomic<bool> running{true};
-  Polling_thread thread(&running);
-  ASSERT_EQ(thread.Start(nullptr), 0);
-  const support::Verbosity verbosity(4);
-  const std::string text = support::stderr_of([&] { thread.SetPrio(-5); });
-  running = false;
-  thread.Stop();
-  EXPECT_NE(std::string::npos, text.find(" to -5\n rc = 0 After change 0\n")) << text;
 }
 
 TEST(Thread, type_information_is_kept_for_all_three_classes) {

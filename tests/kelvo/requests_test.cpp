@@ -175,6 +175,16 @@ TEST_F(Requests, that_come_right_before_a_merge_keep_it_from_half_a_scan) {
             "done new 0\n");
 }
 
+// A channel's takes no filters away: that it waits is all there is to see.
+TEST_F(Requests, that_come_for_a_channel_right_before_a_merge_keep_it_from_half_a_scan_too) {
+  hold_before_the_merge();
+  kelvo_->watch_again(FREQ, 1);
+  gate_.open();
+  EXPECT_TRUE(protocol_.wait_for("end 506000000 1 PMT complete"));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT replaced\nend 506000000 1 PMT complete\n");
+  EXPECT_EQ(number_of("SELECT count(*) FROM kanalid"), 0);
+}
+
 TEST_F(Requests, that_fail_right_before_a_merge_keep_it_from_half_a_scan_too) {
   hold_before_the_merge();
   EXPECT_EQ(request("failed", 530000000), 0);

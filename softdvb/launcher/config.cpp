@@ -21,6 +21,7 @@ namespace softdvb {
 static constexpr double DEFAULT_RATE = 2.0e6;  // bits a second of a stream without clock references
 static constexpr uint64_t NS_PER_MS = 1000000;
 
+// Options that name no adapter describe the first one.
 Adapter_config& Config::current() {
   if (adapters.empty())
     adapters.emplace_back();
@@ -35,6 +36,7 @@ static std::string per_frequency(const std::string& text, const std::string& wha
 }
 
 static std::vector<Index_point> make_index(const Mux_config& m, const Stream_layout& layout, const std::string& pace) {
+  // Also without a pace the times of the clock are needed, for offsets and stops.
   if (pace == "pcr" || pace == "fast" || pace == "manual")
     return index_by_pcr(m.file, layout, DEFAULT_RATE);
   if (pace.rfind('x', 0) == 0) {
@@ -52,6 +54,7 @@ static std::vector<Index_point> make_index(const Mux_config& m, const Stream_lay
     number.pop_back();
   }
   double rate = 0;
+  // What is neither a word nor a number is told with all forms, since it may have been meant as any.
   try {
     rate = parse_positive(number, "pace");
   } catch (const Usage_error&) {
@@ -60,6 +63,7 @@ static std::vector<Index_point> make_index(const Mux_config& m, const Stream_lay
   return index_by_rate(layout, rate * unit);
 }
 
+// A file and not shared memory: indexes are long, and each process maps only that of the stream it plays.
 static void write_index(const std::string& file, const std::vector<Index_point>& points) {
   std::ofstream out(file, std::ios::binary);
   out.write(reinterpret_cast<const char*>(points.data()),
@@ -93,6 +97,7 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   if (type == std::end(TYPES))
     throw Usage_error("type: '" + c.type + "' is none of ofdm, qpsk, qam, atsc");
   a.fe_type = static_cast<int32_t>(type - std::begin(TYPES));
+  // The bands that terrestrial drivers tell.
   a.freq_min = 47000000;
   a.freq_max = 862000000;
   if (!c.frequency_range.empty()) {
@@ -107,6 +112,7 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   a.lock_delay_ns = c.lock_delay_ms * NS_PER_MS;
   a.look_interval_ns = c.look_interval_ms * NS_PER_MS;
   a.dead_reopen = c.dead_reopen;
+  // After the type, on which the delivery system depends.
   a.requested = a.fe.asked = untuned(a.fe_type);
 }
 
@@ -152,6 +158,7 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
     mux.offset_ns = static_cast<uint64_t>(c.offset_s * 1e9);
     if (mux.offset_ns >= mux.duration_ns)
       throw Usage_error("offset: " + m.file + " lasts only " + std::to_string(mux.duration_ns / NS_PER_MS) + " ms");
+    // The command may change its folder before it tunes.
     copy_path(mux.path, std::filesystem::absolute(m.file).string());
     write_index(run_dir + "/index." + std::to_string(a.number) + "." + std::to_string(a.mux_count), index);
     ++a.mux_count;
@@ -168,6 +175,7 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
     return;
   Tuning tuning = a.requested;
   tuning.frequency = static_cast<uint32_t>(parse_number(c.tuned, "tuned", 0xFFFFFFFF));
+  // Tuned by hand a frontend would have been told the right system.
   for (int i = 0; i < a.mux_count; ++i)
     if (a.mux[i].freq == tuning.frequency)
       tuning.delivery = a.mux[i].delivery;
@@ -182,10 +190,12 @@ void fill(Shared& s, const Config& config, const std::string& run_dir) {
   s.speed = config.speed;
   const bool time_changed = config.speed != 1.0 || config.now >= 0;
   s.clock_is_virtual = time_changed ? 1 : 0;
+  // With faster time a busy machine would make readers late that are not, so the stream waits for them.
   const double grace_ms = config.grace_ms >= 0 ? config.grace_ms : config.speed > 1.0 ? 200 : 0;
   s.grace_ns = static_cast<uint64_t>(grace_ms * 1e6);
   timespec real{};
   clock_gettime(CLOCK_REALTIME, &real);
+  // The two clocks are read together, because their distance holds for the whole run.
   s.start_mono_ns = machine_now_ns();
   s.real_offset_ns = nanos(real) - s.start_mono_ns;
   s.start_real_ns = config.now >= 0 ? static_cast<int64_t>(config.now * 1e9) : nanos(real);
@@ -194,6 +204,7 @@ void fill(Shared& s, const Config& config, const std::string& run_dir) {
   std::vector<Adapter_config> adapters = config.adapters;
   if (adapters.empty())
     adapters.emplace_back();
+  // Last, because what is tuned from the beginning counts from the times above.
   for (const Adapter_config& c : adapters)
     fill_adapter(s, s.adapter[s.adapter_count++], c, run_dir);
 }

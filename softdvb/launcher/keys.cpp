@@ -28,6 +28,7 @@ static T& field_of(Config& config, T Adapter_config::*field) {
   return config.current().*field;
 }
 
+// Keys share these few setters; the field is part of the type, so that the table holds plain functions.
 template <auto FIELD>
 static void set_text(Config& config, const Key&, const std::string& value) {
   field_of(config, FIELD) = value;
@@ -71,6 +72,7 @@ static void set_speed(Config& config, const Key& key, const std::string& value) 
 static void set_adapter(Config& config, const Key& key, const std::string& value) {
   const int wanted = static_cast<int>(parse_number(value, key.name, 99));
   auto& all = config.adapters;
+  // An adapter that was described before is gone on with, in whatever order options come.
   const auto at = std::find_if(all.begin(), all.end(), [&](const Adapter_config& c) { return c.number == wanted; });
   if (at == all.end() && all.size() >= MAX_ADAPTERS)
     throw Usage_error("adapter: more than " + std::to_string(MAX_ADAPTERS));
@@ -87,6 +89,7 @@ static void add_mux(Config& config, const Key&, const std::string& value) {
   if (freq == 0)
     throw Usage_error("mux: the frequency cannot be 0");
   std::filesystem::path file = value.substr(at + 1);
+  // A configuration file and its streams can be moved together.
   if (!config.folder.empty() && file.is_relative())
     file = std::filesystem::path(config.folder) / file;
   if (config.current().muxes.size() >= MAX_MUXES)
@@ -151,6 +154,7 @@ void read_file(Config& config, const std::string& file) {
       if (line.front() == '[') {
         if (line.back() != ']' || line.rfind("[adapter ", 0) != 0)
           throw Usage_error("'" + line + "' is not of the form [adapter N]");
+        // A section line is the same as the option and gets its checks.
         const Key& adapter = keys().front();
         adapter.set(config, adapter, trimmed(line.substr(9, line.size() - 10)));
         continue;
@@ -161,6 +165,7 @@ void read_file(Config& config, const std::string& file) {
       const auto known = std::find_if(keys().begin(), keys().end(), [&](const Key& k) { return key == k.name; });
       if (known == keys().end())
         throw Usage_error("there is no key '" + key + "'");
+      // The form in the help tells whether there is a value.
       if (value.empty() != (known->form[0] == '\0'))
         throw Usage_error(key + (value.empty() ? ": a value is missing" : ": takes no value"));
       known->set(config, *known, value);
@@ -168,6 +173,7 @@ void read_file(Config& config, const std::string& file) {
       throw Usage_error(file + ", line " + std::to_string(line_number) + ": " + e.what());
     }
   }
+  // Options behind --config are meant from the folder of the user again.
   config.folder.clear();
 }
 

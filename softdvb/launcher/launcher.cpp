@@ -38,6 +38,7 @@ class Run_folder {
       throw std::runtime_error(name + ": " + strerror(errno));
     path_ = name;
   }
+  // Whatever is left open in it does no harm, and an error at the end has nobody to be told to.
   ~Run_folder() {
     std::error_code ignored;
     if (!keep_)
@@ -63,6 +64,7 @@ static std::string preload_library() {
   throw std::runtime_error("libsoftdvb.so: not found beside " + here.string() + "/softdvb nor in ../lib/softdvb");
 }
 
+// As execvp would find it, but known before the start, because its file has to be looked into.
 static std::string find_program(const std::string& name) {
   if (name.find('/') != std::string::npos)
     return name;
@@ -78,6 +80,7 @@ static std::string find_program(const std::string& name) {
   return name;
 }
 
+// By hand, because this runs before each start and one question is not worth a library for ELF.
 template <typename Header, typename Section, typename Dynamic>
 static std::string needed_sanitizer(const std::string& image) {
   Header header;
@@ -86,6 +89,7 @@ static std::string needed_sanitizer(const std::string& image) {
   memcpy(&header, image.data(), sizeof header);
   for (unsigned i = 0; i < header.e_shnum; ++i) {
     Section section;
+    // A file that is damaged or only looks like a program ends the search; starting it will tell.
     const size_t at = header.e_shoff + i * sizeof section;
     if (at + sizeof section > image.size())
       return "";
@@ -131,6 +135,7 @@ static std::string sanitizer_of(const std::string& program) {
 
 static constexpr Device DEVICES[] = {Device::FRONTEND, Device::DEMUX, Device::DVR};
 
+// Plain files under the names of the devices: listing, access and permissions then work by themselves.
 static void make_device_nodes(const std::string& run_dir, const Shared& s) {
   for (int i = 0; i < s.adapter_count; ++i) {
     const fs::path folder = fs::path(run_dir) / "dev/dvb" / ("adapter" + std::to_string(s.adapter[i].number));
@@ -166,6 +171,7 @@ static void make_sysfs(const std::string& run_dir, const Shared& s) {
 }
 
 static void make_root(Shared& s, const std::string& root) {
+  // Programs expect these folders to be there, as the system sets them up.
   for (const char* folder : {"dvbfiles", "tmp/zoneinfo"})
     fs::create_directories(fs::path(root) / folder);
   const std::string absolute = fs::canonical(root).string();
@@ -199,6 +205,7 @@ static void set_environment(const std::string& run_dir, const std::string& root,
 
 // Lines written to the control file; what is wrong is said, and nothing else happens.
 static void take_control_lines(Shared& s, int fifo, std::string& pending) {
+  // A line may come in pieces, so what has no end yet is kept.
   char block[4096];
   ssize_t got = 0;
   while ((got = read(fifo, block, sizeof block)) > 0)
@@ -216,6 +223,7 @@ static void take_control_lines(Shared& s, int fifo, std::string& pending) {
 static void pass_on(int signals, pid_t child) {
   signalfd_siginfo info{};
   while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+    // The terminal sends its signals to the whole group; passed on, they would arrive twice.
     if (info.ssi_signo == SIGCHLD || info.ssi_code == SI_KERNEL)
       continue;
     kill(child, static_cast<int>(info.ssi_signo));
@@ -227,10 +235,12 @@ static int wait_for(pid_t child, Shared& s, int fifo, int signals) {
   while (true) {
     int status = 0;
     if (waitpid(child, &status, WNOHANG) == child) {
+      // What was written just before the end is still taken, so that a mistake in it is told.
       take_control_lines(s, fifo, pending);
       return status;
     }
     pollfd p[2] = {{fifo, POLLIN, 0}, {signals, POLLIN, 0}};
+    // Woken once a second as well, in case the end of the command was told to nobody.
     poll(p, fifo >= 0 ? 2 : 0, 1000);
     take_control_lines(s, fifo, pending);
     pass_on(signals, child);
@@ -244,13 +254,16 @@ int run_command(const Config& config, const std::vector<std::string>& command) {
   Shared* s = create_shared(run_dir + "/state");
   make_root(*s, config.root.empty() ? run_dir + "/root" : config.root);
   fill(*s, config, run_dir);
+  // After the record is filled: only then the adapters and their numbers are known.
   make_device_nodes(run_dir, *s);
   make_sysfs(run_dir, *s);
   const std::string control = run_dir + "/control";
   if (mkfifo(control.c_str(), 0600) != 0)
     throw std::runtime_error(control + ": " + strerror(errno));
+  // Opened for writing too, or the file would be at its end after each of its writers.
   const int fifo = open(control.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (s->log_path[0] != '\0') {
+    // Emptied here, once, since all processes append to it.
     std::ofstream log(s->log_path, std::ios::trunc);
     if (!log)
       throw std::runtime_error(std::string(s->log_path) + ": cannot be written");
@@ -261,10 +274,12 @@ int run_command(const Config& config, const std::vector<std::string>& command) {
   sigemptyset(&mask);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGCHLD})
     sigaddset(&mask, signal);
+  // Blocked before the fork, so that none is lost between the start of the command and the first wait for it.
   sigprocmask(SIG_BLOCK, &mask, &before);
   const int signals = signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC);
 
   int report[2];
+  // The pipe closes by itself when the exec succeeds, and carries the error when it does not.
   if (pipe2(report, O_CLOEXEC) != 0)
     throw std::runtime_error(std::string("pipe: ") + strerror(errno));
   std::vector<char*> arguments;
@@ -294,6 +309,7 @@ int run_command(const Config& config, const std::vector<std::string>& command) {
   const int status = wait_for(child, *s, fifo, signals);
   if (!WIFSIGNALED(status))
     return WEXITSTATUS(status);
+  // As shells tell of a signal.
   return 128 + WTERMSIG(status);
 }
 

@@ -15,6 +15,7 @@
 
 namespace softdvb {
 
+// Cut off before the options are parsed: the command's own options are none of ours.
 static std::vector<std::string> command_after_dashes(int& argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (std::string(argv[i]) != "--")
@@ -65,6 +66,7 @@ static int run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
+    // Help and version come this way, too.
     if (e.get_exit_code() == 0)
       return app.exit(e);
     throw Usage_error(e.what());
@@ -83,6 +85,7 @@ static int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return softdvb::run(argc, argv);
+    // Two exit codes, so that scripts can tell a wrong command line from a machine that refuses.
   } catch (const softdvb::Usage_error& e) {
     std::fprintf(stderr, "softdvb: %s\n", e.what());
     return 2;

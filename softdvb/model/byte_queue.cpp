@@ -15,6 +15,7 @@
 
 namespace softdvb {
 
+// What was queued does not survive another size, as with the kernel, which frees the old memory.
 void Byte_queue::resize(size_t size) {
   size_ = size;
   flush();
@@ -31,6 +32,7 @@ void Byte_queue::write(const uint8_t* data, size_t n) {
 }
 
 void Byte_queue::add(const uint8_t* data, size_t n) {
+  // The error stays until it is read, and nothing comes behind it: the reader could not know where the gap is.
   if (error != 0)
     return;
   if (fits(n))
@@ -41,6 +43,7 @@ void Byte_queue::add(const uint8_t* data, size_t n) {
 
 size_t Byte_queue::read(uint8_t* to, size_t n) {
   n = std::min(n, bytes_.size());
+  // A read must not run over the end of a section that was cut on purpose, or the next one would be taken for its rest.
   if (!cuts_.empty())
     n = std::min(n, static_cast<size_t>(cuts_.front() - taken_));
   const auto end = bytes_.begin() + static_cast<std::ptrdiff_t>(n);
@@ -59,6 +62,7 @@ void Byte_queue::flush() {
 
 short Byte_queue::ready() const {
   constexpr short READABLE = POLLIN | POLLRDNORM | POLLPRI;
+  // An error is shown as readable too, because a program learns of it by reading.
   if (error != 0)
     return READABLE | POLLERR;
   return bytes_.empty() ? short{0} : READABLE;
@@ -90,9 +94,11 @@ ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
       }
       got += queue.read(to + got, n - got);
       handle.sync();
+      // A player that is patient waits for room and not for time.
       player_made_room();
       if (got == n || queue.at_cut())
         return static_cast<ssize_t>(got);
+      // Asked each time, because programs switch this with fcntl between two reads.
       if (handle.non_blocking())
         return got > 0 ? static_cast<ssize_t>(got) : -EAGAIN;
       fd = handle.fds.empty() ? -1 : handle.fds.front();
@@ -101,6 +107,7 @@ ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
     uint64_t count = 0;
     if (SOFTDVB_REAL(read)(fd, &count, sizeof count) < 0)
       return got > 0 ? static_cast<ssize_t>(got) : -errno;
+    // The eventfd was emptied by the read above. It has to be set again if more is queued.
     const Device_lock lock;
     handle.consumed();
   }

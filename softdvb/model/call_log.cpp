@@ -39,12 +39,14 @@ void log_call(long result, const char* format, ...) {
   const int saved = errno;
   char line[1024];
   const uint64_t now = adapter_now_ns(*shared());
+  // Built whole and written with one call, so that lines of several processes do not mix.
   int n = snprintf(line, sizeof line, "%llu.%06llu %d %ld ", static_cast<unsigned long long>(now / NANOS),
                    static_cast<unsigned long long>(now % NANOS / 1000), getpid(), syscall(SYS_gettid));
   va_list arguments;
   va_start(arguments, format);
   n += vsnprintf(line + n, sizeof line - static_cast<size_t>(n), format, arguments);
   va_end(arguments);
+  // A text that is too long loses its end but not its result.
   constexpr int ROOM_FOR_RESULT = 64;
   if (n > static_cast<int>(sizeof line) - ROOM_FOR_RESULT)
     n = static_cast<int>(sizeof line) - ROOM_FOR_RESULT;
@@ -56,6 +58,7 @@ void log_call(long result, const char* format, ...) {
     n += snprintf(line + n, left, " = -1 %d\n", saved);
   else
     n += snprintf(line + n, left, " = %ld\n", result);
+  // The caller's errno is the result that was just logged.
   write_line(line, static_cast<size_t>(n));
   errno = saved;
 }

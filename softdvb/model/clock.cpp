@@ -19,6 +19,7 @@ int64_t nanos(const timespec& t) {
   return static_cast<int64_t>(t.tv_sec) * static_cast<int64_t>(NANOS) + t.tv_nsec;
 }
 
+// Times before the epoch count too: a timespec has nanoseconds of 0 and more, so seconds are rounded down.
 timespec from_nanos(int64_t ns) {
   const int64_t unit = static_cast<int64_t>(NANOS);
   int64_t seconds = ns / unit;
@@ -53,10 +54,12 @@ static int64_t scaled(double ns, double by) {
 uint64_t adapter_now_ns(const Shared& s) {
   const int64_t passed = machine_now_ns() - s.start_mono_ns;
   const int64_t at = to_virtual_duration(s, passed);
+  // The model counts from the start on and never back, so its times have no sign.
   return at > 0 ? static_cast<uint64_t>(at) : 0;
 }
 
 int64_t to_real_duration(const Shared& s, int64_t virtual_ns) {
+  // The usual case must not suffer from a double, which has too few digits for the nanoseconds of today.
   if (s.speed == 1.0)
     return virtual_ns;
   const int64_t real = scaled(static_cast<double>(virtual_ns), 1.0 / s.speed);
@@ -68,6 +71,7 @@ int64_t to_virtual_duration(const Shared& s, int64_t real_ns) {
   if (s.speed == 1.0)
     return real_ns;
   const int64_t longer = scaled(static_cast<double>(real_ns), s.speed);
+  // Something that is left must not look like nothing: to a timer 0 means that it has run out.
   return longer == 0 && real_ns > 0 ? 1 : longer;
 }
 
@@ -76,6 +80,7 @@ Clock_kind clock_kind(clockid_t clock) {
     case CLOCK_REALTIME:
     case CLOCK_REALTIME_COARSE:
     case CLOCK_REALTIME_ALARM:
+    // Nobody sees the difference of some leap seconds in a time that is made up.
     case CLOCK_TAI:
       return Clock_kind::REALTIME;
     case CLOCK_MONOTONIC:

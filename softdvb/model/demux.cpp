@@ -16,6 +16,7 @@
 
 namespace softdvb {
 
+// One above the last PID asks for the whole stream, as in the kernel; only packet filters may have it.
 static constexpr int ALL_PIDS = pid::LAST + 1;
 // The kernel counts a filter's time-out in ticks and rounds up.
 static constexpr uint64_t TIMEOUT_SLACK_NS = 15000000;
@@ -31,6 +32,8 @@ void Demux_handle::closed() {
     adapter().demux_owner[slot_] = 0;
 }
 
+// A filter that is not running shows nothing, not even what an earlier run left, because poll in the kernel looks at
+// its state first.
 short Demux_handle::ready() {
   return state_ < Filter_state::GO ? short{0} : queue_.ready();
 }
@@ -39,12 +42,16 @@ short Demux_handle::ready() {
 // fewer bytes than either; what is left is remembered, even over an overflow.
 ssize_t Demux_handle::read(void* to, size_t n) {
   uint8_t* at = static_cast<uint8_t*>(to);
+  // Packets have no bounds that a reader must keep to, so they are read as any stream of bytes.
   if (type_ != Type::SECTION)
     return read_queue(*this, queue_, at, n);
   ssize_t done = 0;
   if (body_left_ == 0) {
     const ssize_t got = read_queue(*this, queue_, at, std::min(n, static_cast<size_t>(header_missing_)));
     if (got < 0) {
+      // An error inside a header gives that header up. An error inside a body, below, leaves the position: the kernel
+      // forgets what it had there, and the next section's first bytes are taken for the rest. Programs have to live
+      // with that, so they meet it here as well.
       header_missing_ = 3;
       return got;
     }
@@ -72,6 +79,7 @@ ssize_t Demux_handle::read(void* to, size_t n) {
 }
 
 bool Demux_handle::cut_reached() {
+  // The player writes into the queue from its own thread.
   const Device_lock lock;
   if (!queue_.take_cut())
     return false;
@@ -82,6 +90,7 @@ bool Demux_handle::cut_reached() {
 
 int Demux_handle::request(unsigned long request, void* argument) {
   const Device_lock lock;
+  // What was on the air until now belongs to the filter as it was, so it is delivered before the call changes anything.
   player_advance();
   int result = -ENOTTY;
   switch (request) {
@@ -114,12 +123,14 @@ int Demux_handle::request(unsigned long request, void* argument) {
         result = 0;
       }
       break;
+    // There is no clock of a decoder to be read.
     case DMX_GET_STC:
       result = -EINVAL;
       break;
     default:
       break;
   }
+  // The call may have emptied the queue or set a deadline, which poll and the player must learn of.
   sync();
   player_wake();
   return result;
@@ -128,6 +139,7 @@ int Demux_handle::request(unsigned long request, void* argument) {
 int Demux_handle::start() {
   if (state_ < Filter_state::SET)
     return -EINVAL;
+  // A start on a running filter begins anew: its feed is given back and taken again.
   stop();
   // The kernel makes the queue before it looks at the PID. So a start that fails changes what reading says: 0 before,
   // "try again" after it.
@@ -141,6 +153,7 @@ int Demux_handle::start() {
   state_ = Filter_state::GO;
   if (type_ == Type::SECTION && section_.timeout != 0)
     deadline_ns_ = adapter_now_ns(*shared()) + section_.timeout * uint64_t{1000000} + TIMEOUT_SLACK_NS;
+  // Streams that begin with the first filter count their time from here.
   player_filter_started(adapter_index());
   return 0;
 }
@@ -170,6 +183,7 @@ int Demux_handle::set_filter(const dmx_sct_filter_params& p) {
 
 int Demux_handle::set_packet_filter(const dmx_pes_filter_params& p) {
   stop();
+  // Unlike a section filter, one of a kind that does not exist leaves the old one in place, though stopped.
   if (static_cast<unsigned>(p.pes_type) > DMX_PES_OTHER)
     return -EINVAL;
   type_ = Type::PACKETS;
@@ -181,6 +195,7 @@ int Demux_handle::set_packet_filter(const dmx_pes_filter_params& p) {
 }
 
 int Demux_handle::set_buffer_size(size_t n) {
+  // The size that it has already is taken even from a running filter; the order of these questions is the kernel's.
   if (n == queue_.size())
     return 0;
   if (n == 0)
@@ -199,6 +214,7 @@ int Demux_handle::change_pids(bool add, int pid) {
     more_pids_.push_back(pid);
   else if (!add && at != more_pids_.end())
     more_pids_.erase(at);
+  // The table of wanted PIDs is out of date now, also while the filter runs.
   demux_of(adapter_index()).pids_changed();
   return 0;
 }
@@ -231,6 +247,7 @@ void Demux_handle::deliver_section(const uint8_t* section, size_t n, size_t cut_
   if (queue_.error != 0)
     return;
   deadline_ns_ = 0;
+  // A section that does not fit is not cut off: it is lost whole, and with it what was queued before.
   if (queue_.fits(n)) {
     queue_.write(section, cut_to < n ? cut_to : n);
     if (cut_to < n)
@@ -238,6 +255,8 @@ void Demux_handle::deliver_section(const uint8_t* section, size_t n, size_t cut_
   } else {
     queue_.error = EOVERFLOW;
   }
+  // A filter for one section stays on its feed until somebody stops it, so it still counts among those that share the
+  // PID.
   if ((section_.flags & DMX_ONESHOT) != 0)
     state_ = Filter_state::DONE;
 }
@@ -265,6 +284,7 @@ void Demux_handle::check_timeout(uint64_t now_ns) {
   if (deadline_ns_ == 0 || now_ns < deadline_ns_ || state_ != Filter_state::GO)
     return;
   deadline_ns_ = 0;
+  // The filter is over, but its feed is kept like that of a oneshot filter.
   queue_.error = ETIMEDOUT;
   state_ = Filter_state::TIMED_OUT;
 }
@@ -274,6 +294,7 @@ void Demux_handle::overflow() {
     queue_.error = EOVERFLOW;
 }
 
+// A filter that takes nothing of the PID, or goes to the queue of another device, must not hold the stream up.
 bool Demux_handle::has_room(int pid, size_t n) const {
   if (!takes_pid(pid))
     return true;
@@ -284,6 +305,7 @@ bool Demux_handle::has_room(int pid, size_t n) const {
 }
 
 Dvr_handle::Dvr_handle(int adapter_index, int open_flags) : Handle(Device::DVR, adapter_index, open_flags) {
+  // The device has its queue from the opening on; there is no start that could make it.
   queue_.allocated = true;
 }
 
@@ -327,6 +349,8 @@ void Demux::filter_stopped(const Demux_handle& filter) {
   if (filter.type() == Demux_handle::Type::PACKETS) {
     --packet_filters_;
   } else if (const auto at = feeds_.find(filter.pid()); at != feeds_.end()) {
+    // Giving a feed back costs the others the section that is arriving, because the kernel sets the shared feed up
+    // anew.
     if (--at->second.users == 0)
       feeds_.erase(at);
     else
@@ -344,6 +368,7 @@ void Demux::find_wanted() {
   wanted_.fill(false);
   for (const auto& [pid, feed] : feeds_)
     wanted_[static_cast<size_t>(pid)] = true;
+  // Packet filters may have several PIDs or all of them. They are rare, so they are not worth a table of their own.
   if (packet_filters_ > 0)
     wanted_.fill(true);
   wanted_valid_ = true;
@@ -397,11 +422,14 @@ static Damage damage_for(const Adapter& adapter, int pid, int table, uint64_t no
 }
 
 int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_t now_ns) {
+  // Errors and scrambling that the packet tells of do not keep it away, as in the kernel: a broken section is
+  // found by its CRC, if the program asked for that.
   const int pid = (p[1] & 0x1F) << 8 | p[2];
   if (!wants(pid))
     return 0;
   int delivered = 0;
   if (const auto at = feeds_.find(pid); at != feeds_.end()) {
+    // Taken before the feed runs, and so the same for every section that this packet completes.
     const bool check_crc = at->second.sections.check_crc();
     at->second.sections.packet(p, [&](const uint8_t* section, size_t n) {
       const Damage damage = damage_for(adapter, pid, section[0], now_ns);
@@ -432,6 +460,7 @@ int Demux::deliver(int adapter_index, int pid, const uint8_t* section, size_t n,
     if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
       continue;
     auto& filter = static_cast<Demux_handle&>(*handle);
+    // All filters are asked each time: the kernel copies a section to every filter that matches it.
     if (!filter.takes_sections() || filter.pid() != pid || !filter.matches(section))
       continue;
     filter.deliver_section(section, n, cut_to);
@@ -444,6 +473,7 @@ int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
   bool to_dvr = false;
   int delivered = 0;
   for (const auto& handle : all_handles()) {
+    // An inherited handle belongs to the parent until this process uses it.
     if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
       continue;
     auto& filter = static_cast<Demux_handle&>(*handle);

@@ -38,6 +38,7 @@ class Demux_handle : public Handle {
   int pid() const { return pid_; }
   bool running() const { return state_ >= Filter_state::GO; }
   bool checks_crc() const { return (section_.flags & DMX_CHECK_CRC) != 0; }
+  // A filter that is done or timed out is running but takes nothing, as in the kernel: it keeps its feed until a stop.
   bool takes_sections() const { return type_ == Type::SECTION && state_ == Filter_state::GO; }
   bool takes_packets() const { return type_ == Type::PACKETS && state_ == Filter_state::GO; }
   bool takes_pid(int pid) const;
@@ -68,7 +69,9 @@ class Demux_handle : public Handle {
   std::vector<int> more_pids_;
   dmx_sct_filter_params section_{};
   dmx_pes_filter_params pes_{};
+  // Whether any bit asks for a difference; found once, because every section of the PID is matched.
   bool has_negative_ = false;
+  // The kernel's size for a filter that did not ask for another: two of the longest sections do not fit.
   Byte_queue queue_{8192};
   uint64_t deadline_ns_ = 0;
   uint8_t header_[3] = {};
@@ -87,6 +90,7 @@ class Dvr_handle : public Handle {
   bool has_room(size_t n) const { return queue_.patient_room(n); }
 
  private:
+  // The size that the kernel gives this device.
   Byte_queue queue_{size_t{10} * 1024 * TS_PACKET};
 };
 
@@ -115,6 +119,7 @@ class Demux {
 
   std::map<int, Feed> feeds_;
   int packet_filters_ = 0;
+  // The table is made at the next packet, so starting many filters in a row makes it once.
   bool wanted_valid_ = false;
   std::array<bool, 8192> wanted_{};
 };

@@ -20,6 +20,7 @@ namespace softdvb {
 // A place among the adapter's handles, or -1 when all are taken. Those of processes that died are free.
 static int take_demux_slot(Adapter& a) {
   const Shared_lock lock(*shared());
+  // The owners are asked whether they live only when all places are taken, because that costs a system call for each.
   for (const bool look_closer : {false, true}) {
     for (int i = 0; i < MAX_DEMUX_OPENS; ++i) {
       if (a.demux_owner[i] != 0 && (!look_closer || is_process_alive(a.demux_owner[i])))
@@ -36,6 +37,7 @@ static std::shared_ptr<Handle> make_handle(const Device_path& device, int flags)
   if (device.device == Device::FRONTEND)
     return open_frontend(device.adapter_index, flags);
   if (device.device == Device::DVR) {
+    // One reader at a time, and only within this process: each process plays its own copy of the stream.
     for (const auto& handle : all_handles())
       if (handle->device() == Device::DVR && handle->adapter_index() == device.adapter_index && !handle->inherited) {
         errno = EBUSY;
@@ -44,6 +46,7 @@ static std::shared_ptr<Handle> make_handle(const Device_path& device, int flags)
     return std::make_shared<Dvr_handle>(device.adapter_index, flags);
   }
   const int slot = take_demux_slot(a);
+  // The kernel has as many filters for an adapter, and says so with this error.
   if (slot < 0) {
     errno = EMFILE;
     return nullptr;
@@ -54,10 +57,12 @@ static std::shared_ptr<Handle> make_handle(const Device_path& device, int flags)
 int open_device(const Device_path& device, const char* path, int flags) {
   int fd = -1;
   if (!call_fails("open", path)) {
+    // Held over all of it, so that the player never meets a handle without a descriptor.
     const Device_lock lock;
     if (const auto handle = make_handle(device, flags)) {
       fd = register_handle(handle);
       if (fd < 0) {
+        // A place or a lock that the handle has taken must be free again when no descriptor could be had.
         const int error = errno;
         handle->closed();
         errno = error;
@@ -71,6 +76,7 @@ int open_device(const Device_path& device, const char* path, int flags) {
   return fd;
 }
 
+// The model answers like the kernel, with the error as a negative number; programs expect errno.
 static ssize_t result_of(ssize_t result) {
   if (result >= 0)
     return result;
@@ -78,6 +84,8 @@ static ssize_t result_of(ssize_t result) {
   return -1;
 }
 
+// The kernel lets one call at a time onto a demultiplexer's handle, and a read that blocks keeps the others out.
+// Programs that stop a filter from another thread must meet that here.
 class Call_lock {
  public:
   explicit Call_lock(Handle& handle) : handle_(handle) { SOFTDVB_REAL(pthread_mutex_lock)(&handle_.call_lock); }
@@ -112,6 +120,7 @@ static bool read_fails(Handle& handle) {
 ssize_t read_device(Handle& handle, int fd, void* to, size_t n) {
   ssize_t result = -1;
   if (!read_fails(handle)) {
+    // A frontend has no read; its events come by ioctl.
     if (handle.device() == Device::FRONTEND) {
       result = -EINVAL;
     } else {
@@ -127,11 +136,13 @@ ssize_t read_device(Handle& handle, int fd, void* to, size_t n) {
 }
 
 int ioctl_device(Handle& handle, int fd, unsigned long request, void* argument) {
+  // Programs that pass the number as an int extend its sign, which the kernel cuts off.
   request &= 0xFFFFFFFFul;
   int result = -1;
   const bool faulty =
       have_faults() && call_fails(ioctl_name(handle.device(), request).c_str(), full_name(handle).c_str());
   if (!faulty) {
+    // No call lock here: waiting for an event must not hold up tuning, as it does not in the kernel.
     if (handle.device() == Device::FRONTEND) {
       result = static_cast<Frontend_handle&>(handle).request(request, argument);
     } else {
@@ -142,6 +153,7 @@ int ioctl_device(Handle& handle, int fd, unsigned long request, void* argument) 
     result = static_cast<int>(result_of(result));
   }
   if (log_enabled()) {
+    // Describing a call takes memory and may change errno, which the program is about to read.
     const int saved = errno;
     const std::string text = describe_ioctl(handle.device(), request, argument, result == 0);
     errno = saved;

@@ -23,6 +23,7 @@ bool have_faults() {
 }
 
 bool is_fault_call(const std::string& name) {
+  // Calls that this library wraps with a look at the faults; ioctls go by their own names.
   static const char* const CALLS[] = {
       "access",        "adjtime", "adjtimex",  "clock_adjtime",  "clock_settime", "close",        "fdatasync",
       "fopen",         "fsync",   "ftruncate", "iconv_open",     "ioctl",         "mkdir",        "mmap",
@@ -49,6 +50,7 @@ int fault_for(const char* call, const char* target) {
   Shared* s = shared();
   if (s == nullptr)
     return 0;
+  // The number is published last, so a fault that another process is adding is seen whole or not at all.
   const int count = s->fault_count.load(std::memory_order_acquire);
   int error = 0;
   for (int i = 0; i < count; ++i) {
@@ -65,6 +67,7 @@ int fault_for(const char* call, const char* target) {
 }
 
 std::string target_of(int fd) {
+  // Behind a device stands an eventfd, whose link says nothing of the path that was opened.
   if (maybe_ours(fd)) {
     if (const auto handle = handle_of(fd))
       return "/dev/dvb/adapter" + std::to_string(handle->adapter().number) + "/" + device_name(handle->device());
@@ -81,6 +84,7 @@ bool call_fails(const char* call, const char* target) {
   const int error = fault_for(call, target != nullptr ? target : "");
   if (error == 0)
     return false;
+  // Told in the log as a fault, so that nobody looks for a broken machine.
   errno = error;
   log_call(-1, "%s %s (fault)", call, target != nullptr ? target : "");
   return true;

@@ -22,13 +22,16 @@
 namespace softdvb {
 
 static constexpr uint64_t MS = 1000000;
+// The kernel lets a frontend run on for a while, so that a program which reopens it finds its lock again.
 static constexpr uint64_t SLEEP_AFTER_CLOSE_NS = 500 * MS;
 static constexpr uint64_t RETUNE_NS = 1 * MS;          // until the driver has left the old frequency
 static constexpr uint64_t LOCKED_LOOK_NS = 3000 * MS;  // the core's nap while there is a lock
 static constexpr uint64_t LOST_LOOK_NS = 50 * MS;      // and while it waits for a lock that it had
 static constexpr uint32_t LOCK_TOLERANCE_HZ = 250000;
+// What a driver shows when everything is well: 0x1F.
 static constexpr uint32_t FULL_LOCK = FE_HAS_SIGNAL | FE_HAS_CARRIER | FE_HAS_VITERBI | FE_HAS_SYNC | FE_HAS_LOCK;
 
+// The frequency that was asked for stays: a sleeping frontend still tells it.
 static void power_down(Frontend& fe) {
   fe.powered = 0;
   fe.tuned = 0;
@@ -55,6 +58,7 @@ static int take_writer_lock(const Adapter& a, bool close_on_exec) {
     const int high = SOFTDVB_REAL(fcntl)(fd, close_on_exec ? F_DUPFD_CLOEXEC : F_DUPFD, lowest);
     if (high < 0)
       continue;
+    // The lock belongs to the open file, and the copy keeps it.
     SOFTDVB_REAL(close)(fd);
     return high;
   }
@@ -65,6 +69,7 @@ static bool has_writer(Adapter& a, uint64_t now_ns) {
   Frontend& fe = a.fe;
   if (fe.writer_pid == 0)
     return false;
+  // The usual answer costs one system call; files are looked at only after a death.
   if (is_process_alive(fe.writer_pid))
     return true;
   // It died without a close, but a child may have inherited the handle.
@@ -90,16 +95,19 @@ static int tuned_mux(const Adapter& a) {
 }
 
 uint32_t signal_value(const Adapter& a, uint32_t freq, Reading reading, uint64_t now_ns) {
+  // A good signal without errors, where the command line says nothing.
   static constexpr uint32_t DEFAULTS[] = {FULL_LOCK, 0xC8C8, 0xFAFA, 0, 0};
   uint32_t value = DEFAULTS[static_cast<int>(reading)];
   for (int i = 0; i < a.step_count; ++i) {
     const Signal_step& step = a.step[i];
     if (step.reading == reading && (step.freq == 0 || step.freq == freq) && step.at_ns <= now_ns)
+      // Later steps win, so a value can change over time and be changed while the program runs.
       value = step.value;
   }
   return value;
 }
 
+// Tuned by the launcher, for programs that only look: then the lock is there from the beginning.
 static bool tuned_before_start(const Frontend& fe) {
   return fe.externally_tuned != 0 && fe.tuned_at_ns == 0;
 }
@@ -111,6 +119,8 @@ static uint64_t lock_time(const Adapter& a) {
 // What the driver would say about its lock.
 static uint32_t driver_status(const Adapter& a, uint64_t now_ns) {
   const Frontend& fe = a.fe;
+  // Just after a tuning the driver still settles. Without this pause a program that looks at once would see the lock of
+  // the old frequency.
   if (fe.tuned == 0 || fe.dead != 0 || (!tuned_before_start(fe) && now_ns < fe.tuned_at_ns + RETUNE_NS))
     return 0;
   const int mux = tuned_mux(a);
@@ -119,6 +129,7 @@ static uint32_t driver_status(const Adapter& a, uint64_t now_ns) {
   const uint32_t status = signal_value(a, a.mux[mux].freq, Reading::STATUS, now_ns);
   if (now_ns >= lock_time(a))
     return status;
+  // On the way to the lock a carrier is found first, and programs show that as progress.
   return status & (FE_HAS_SIGNAL | FE_HAS_CARRIER);
 }
 
@@ -148,6 +159,7 @@ static Tuning resolved(const Adapter& a, uint32_t status) {
 
 static void add_event(Adapter& a, uint32_t status) {
   Frontend& fe = a.fe;
+  // One place stays empty to tell a full queue from an empty one, so the kernel's eight places hold seven events.
   const int next = (fe.event_write + 1) % EVENT_QUEUE;
   if (next == fe.event_read) {
     // The oldest event gives way, and the program hears of it once, as EOVERFLOW.
@@ -173,6 +185,7 @@ static void settle(Adapter& a, uint64_t now_ns) {
   // All looks that are due are made up for one by one, so events do not depend on who asks when.
   while (fe.tuned != 0 && fe.dead == 0 && fe.next_look_ns <= now_ns) {
     const uint32_t status = driver_status(a, fe.next_look_ns);
+    // Only a change makes an event. A lock that comes and goes between two looks is never told.
     if (status != fe.last_event_status)
       add_event(a, status);
     if ((status & FE_HAS_LOCK) != 0) {
@@ -192,6 +205,7 @@ void frontend_settle(Adapter& adapter, uint64_t now_ns) {
 uint64_t frontend_next_look(Adapter& adapter) {
   const Shared_lock lock(*shared());
   const Frontend& fe = adapter.fe;
+  // Without a writer nobody can read events, so nobody has to be woken for them.
   return fe.writer_pid != 0 && fe.tuned != 0 && fe.dead == 0 ? fe.next_look_ns : 0;
 }
 
@@ -199,6 +213,7 @@ On_air frontend_on_air(Adapter& adapter, uint64_t now_ns) {
   const Shared_lock lock(*shared());
   settle(adapter, now_ns);
   On_air air;
+  // Tells the players of all processes that the adapter was tuned again, also to the same frequency.
   air.generation = adapter.stream_generation.load(std::memory_order_relaxed);
   if ((driver_status(adapter, now_ns) & FE_HAS_LOCK) == 0)
     return air;
@@ -219,7 +234,9 @@ void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
   fe.powered = 1;
   fe.tuned = 1;
   fe.tuned_at_ns = now_ns;
+  // The core looks at its own pace. That is why the lock is a status before it is an event.
   fe.next_look_ns = now_ns + a.look_interval_ns;
+  // A stream that begins with the first filter waits for one again.
   a.stream_epoch_ns.store(0, std::memory_order_relaxed);
   a.stream_generation.fetch_add(1, std::memory_order_release);
 }
@@ -233,6 +250,7 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
   const uint64_t now = adapter_now_ns(s);
   int lock_fd = -1;
   const bool writer = (open_flags & O_ACCMODE) != O_RDONLY;
+  // There is one writer in all processes. The lock on a file tells, because the kernel lets it go when its holder dies.
   if (writer) {
     lock_fd = take_writer_lock(a, (open_flags & O_CLOEXEC) != 0);
     if (lock_fd < 0) {
@@ -247,6 +265,7 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
     ++fe.opens;
     fe.writer_pid = getpid();
     fe.closed_at_ns = 0;
+    // A new opening does not see the events of the one before.
     fe.event_read = fe.event_write = fe.event_overflow = 0;
     fe.dead = a.dead_reopen != 0 && fe.opens == a.dead_reopen ? 1 : 0;
     fe.powered = 1;
@@ -263,6 +282,7 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
 void Frontend_handle::closed() {
   if (lock_fd_ < 0)
     return;
+  // First our own copy goes. If the lock can be had again after that, it was the last one.
   SOFTDVB_REAL(close)(lock_fd_);
   lock_fd_ = -1;
   if (inherited)
@@ -283,6 +303,7 @@ void Frontend_handle::closed() {
 }
 
 short Frontend_handle::ready() {
+  // Only events make a frontend readable; a status that has changed does not, before the core has looked.
   const Shared_lock lock(*shared());
   const Frontend& fe = adapter().fe;
   constexpr short READABLE = POLLIN | POLLRDNORM | POLLPRI;
@@ -296,12 +317,14 @@ static int read_signal(Adapter& a, Reading reading, uint64_t now_ns, uint32_t* v
   Frontend& fe = a.fe;
   if (!has_writer(a, now_ns) && fe.externally_tuned == 0)
     return -EAGAIN;
+  // A core without its thread never gets a reading from the driver.
   if (fe.dead != 0)
     return -EAGAIN;
   const int mux = fe.tuned != 0 ? tuned_mux(a) : -1;
   if (mux >= 0) {
     *value = signal_value(a, a.mux[mux].freq, reading, now_ns);
   } else {
+    // Without a signal every bit counts as wrong, and all else as nothing.
     *value = reading == Reading::BER ? 0xFFFFFFFFu : 0;
   }
   return 0;
@@ -309,11 +332,13 @@ static int read_signal(Adapter& a, Reading reading, uint64_t now_ns, uint32_t* v
 
 static int get_event(Adapter& a, uint64_t now_ns, dvb_frontend_event* out) {
   Frontend& fe = a.fe;
+  // Events that are due by now are made first, so the answer does not depend on whether the player ran.
   settle(a, now_ns);
   if (fe.event_overflow != 0) {
     fe.event_overflow = 0;
     return -EOVERFLOW;
   }
+  // Whether the call then waits is decided outside, without the locks.
   if (fe.event_read == fe.event_write)
     return -EWOULDBLOCK;
   const Event& event = fe.events[fe.event_read];
@@ -324,6 +349,7 @@ static int get_event(Adapter& a, uint64_t now_ns, dvb_frontend_event* out) {
 }
 
 static int check_frequency(const Adapter& a, uint32_t freq) {
+  // Nothing but the frequency is checked: the core leaves everything else to the driver, which takes what it gets.
   return freq < a.freq_min || freq > a.freq_max ? -EINVAL : 0;
 }
 
@@ -336,6 +362,7 @@ static int answer(Adapter& a, unsigned long request, void* argument, uint64_t no
     case FE_GET_INFO:
       *static_cast<dvb_frontend_info*>(argument) = frontend_info(a);
       return 0;
+    // Read from the driver at each call and not from the core's last look, so it is ahead of the events.
     case FE_READ_STATUS: {
       const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
       *static_cast<fe_status_t*>(argument) = static_cast<fe_status_t>(held ? driver_status(a, now_ns) : 0);
@@ -367,6 +394,7 @@ static int answer(Adapter& a, unsigned long request, void* argument, uint64_t no
       return get_event(a, now_ns, static_cast<dvb_frontend_event*>(argument));
     case FE_SET_PROPERTY: {
       bool tune = false;
+      // A list without DTV_TUNE only collects, and one that is refused tunes nothing.
       result = set_properties(a, *static_cast<dtv_properties*>(argument), &tune);
       if (result != 0 || !tune)
         return result;
@@ -387,6 +415,7 @@ Tuning reported_tuning(Adapter& a, uint64_t now_ns) {
   Tuning t = resolved(a, status);
   const int mux = tuned_mux(a);
   if ((status & FE_HAS_LOCK) != 0 && mux >= 0)
+    // A locked driver tells what it found, which may be an offset away from what was asked for. Events keep the latter.
     t.frequency = a.mux[mux].freq;
   return t;
 }
@@ -395,6 +424,7 @@ int Frontend_handle::request(unsigned long request, void* argument) {
   // The core's own order: rights first, then whether there is such a call at all.
   if (!writable() && (_IOC_DIR(request) != _IOC_READ || request == FE_GET_EVENT))
     return -EPERM;
+  // Without effect: it only switches off the search beside the frequency, which nobody does here.
   if (request == FE_SET_FRONTEND_TUNE_MODE)
     return 0;
   const bool known = is_frontend_call(request);
@@ -405,6 +435,7 @@ int Frontend_handle::request(unsigned long request, void* argument) {
   while (true) {
     int fd = -1;
     {
+      // Device lock before shared lock, everywhere. The player takes them in this order as well.
       const Device_lock device_lock;
       const uint64_t now = adapter_now_ns(*shared());
       int result = 0;
@@ -421,6 +452,7 @@ int Frontend_handle::request(unsigned long request, void* argument) {
         return result;
       fd = fds.empty() ? -1 : fds.front();
     }
+    // Waiting in a read of the eventfd leaves signals to the kernel, and holds none of our locks.
     uint64_t count = 0;
     if (SOFTDVB_REAL(read)(fd, &count, sizeof count) < 0)
       return -errno;

@@ -14,6 +14,7 @@ namespace softdvb {
 
 static constexpr uint32_t API_VERSION_5_12 = 0x050C;
 
+// All others, such as the voltage of a dish, are answered as by a driver that lacks them.
 bool is_frontend_call(unsigned long request) {
   switch (request) {
     case FE_GET_INFO:
@@ -55,7 +56,9 @@ dvb_frontend_info frontend_info(const Adapter& a) {
   info.type = static_cast<fe_type>(a.fe_type);
   info.frequency_min = a.freq_min;
   info.frequency_max = a.freq_max;
+  // A sixth of a megahertz, as terrestrial drivers say.
   info.frequency_stepsize = 166667;
+  // With the automatic modes, without which scans refuse to leave parameters open.
   info.caps = static_cast<fe_caps>(FE_CAN_INVERSION_AUTO | FE_CAN_FEC_1_2 | FE_CAN_FEC_2_3 | FE_CAN_FEC_3_4 |
                                    FE_CAN_FEC_5_6 | FE_CAN_FEC_7_8 | FE_CAN_FEC_AUTO | FE_CAN_QPSK | FE_CAN_QAM_16 |
                                    FE_CAN_QAM_64 | FE_CAN_QAM_AUTO | FE_CAN_TRANSMISSION_MODE_AUTO |
@@ -85,6 +88,7 @@ struct Bandwidth {
 };
 
 static constexpr Bandwidth BANDWIDTHS[] = {
+    // Automatic is 0 Hz in the newer interface.
     {BANDWIDTH_8_MHZ, 8000000}, {BANDWIDTH_7_MHZ, 7000000},   {BANDWIDTH_6_MHZ, 6000000},     {BANDWIDTH_AUTO, 0},
     {BANDWIDTH_5_MHZ, 5000000}, {BANDWIDTH_10_MHZ, 10000000}, {BANDWIDTH_1_712_MHZ, 1712000},
 };
@@ -232,6 +236,7 @@ static void set_stat(dtv_property& p, bool known, uint8_t scale, uint64_t value)
   p.u.st.stat[0].uvalue = known ? value : 0;
 }
 
+// Programs of the newer interface show these in place of the old readings, so both come from the same values.
 static void get_stat(const Adapter& a, dtv_property& p, uint32_t status, uint64_t now_ns) {
   const bool locked = (status & FE_HAS_LOCK) != 0;
   const auto reading = [&](Reading r) { return signal_value(a, a.fe.asked.frequency, r, now_ns); };
@@ -250,6 +255,7 @@ static void get_stat(const Adapter& a, dtv_property& p, uint32_t status, uint64_
       break;
     case DTV_STAT_POST_TOTAL_BIT_COUNT:
     case DTV_STAT_PRE_TOTAL_BIT_COUNT:
+      // Any total will do, as long as the error count beside it makes a small rate.
       set_stat(p, locked && has(Reading::BER), FE_SCALE_COUNTER, 100000000);
       break;
     case DTV_STAT_ERROR_BLOCK_COUNT:
@@ -305,6 +311,7 @@ static int get_property(const Adapter& a, const Tuning& t, dtv_property& p, uint
     case DTV_API_VERSION:
       p.u.data = API_VERSION_5_12;
       break;
+    // One system, that of the type which the old interface tells.
     case DTV_ENUM_DELSYS:
       p.u.buffer.data[0] = static_cast<uint8_t>(default_delivery(a.fe_type));
       p.u.buffer.len = 1;
@@ -315,6 +322,7 @@ static int get_property(const Adapter& a, const Tuning& t, dtv_property& p, uint
       else if (p.cmd > DTV_MAX_COMMAND)
         return -EINVAL;
       else
+        // A known property of another delivery system is no error in the kernel.
         p.u.data = 0;
       break;
   }

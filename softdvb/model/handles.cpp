@@ -21,8 +21,10 @@ namespace softdvb {
 static constexpr int TABLE_SIZE = 65536;
 
 // Zero-initialised, so pages that no descriptor reaches cost nothing.
+// Asked before every wrapped call on a descriptor, so most calls of a program cost one look and no lock.
 static std::atomic<bool> ours[TABLE_SIZE];
 
+// Everything behind Device_lock: the lock itself, and the handles of this process.
 struct Registry {
   pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   std::vector<std::shared_ptr<Handle>> handles;
@@ -42,6 +44,8 @@ static Registry& registry() {
   return *r;
 }
 
+// The lock is taken over a fork, so that the child never gets the registry in the middle of a change that another
+// thread was making.
 static void before_fork() {
   SOFTDVB_REAL(pthread_mutex_lock)(&registry().lock);
 }
@@ -53,6 +57,7 @@ static void after_fork_parent() {
 static void after_fork_child() {
   for (const auto& handle : registry().handles) {
     handle->inherited = true;
+    // A thread that held it in the parent does not exist here and would never give it back.
     handle->call_lock = PTHREAD_MUTEX_INITIALIZER;
   }
   registry().process = getpid();
@@ -89,16 +94,21 @@ bool Handle::writable() const {
   return (open_flags_ & O_ACCMODE) != O_RDONLY;
 }
 
+// Asked of the kernel each time: the flag belongs to the open file, which copies and other processes share and may
+// change.
 bool Handle::non_blocking() const {
   return !fds.empty() && (SOFTDVB_REAL(fcntl)(fds.front(), F_GETFL) & O_NONBLOCK) != 0;
 }
 
+// The eventfd behind the descriptor is what poll, select and epoll of the kernel see. It is kept readable as long as
+// the device is, and written only when that changes.
 void Handle::sync() {
   if (fds.empty() || inherited)
     return;
   const bool want = ready() != 0;
   if (want == kernel_ready_)
     return;
+  // This also runs inside calls that succeed and must leave errno alone.
   const int saved = errno;
   uint64_t count = 1;
   if (want) {
@@ -143,11 +153,13 @@ static void adopt(Handle& handle) {
     }
     SOFTDVB_REAL(close)(fresh);
   }
+  // The fresh eventfd is empty, whatever the old one was.
   handle.consumed();
   handle.sync();
   errno = saved;
 }
 
+// Shared, so that a handle outlives a close by another thread for as long as a call on it runs.
 std::shared_ptr<Handle> handle_of(int fd) {
   if (!maybe_ours(fd))
     return nullptr;
@@ -161,11 +173,13 @@ std::shared_ptr<Handle> handle_of(int fd) {
 }
 
 int register_handle(const std::shared_ptr<Handle>& handle) {
+  // An eventfd takes part in poll, dup and fcntl like any descriptor, which is why one stands for a device.
   const int flags = handle->open_flags();
   const int fd = SOFTDVB_REAL(eventfd)(
       0, ((flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
   if (fd < 0)
     return -1;
+  // Beyond the table a descriptor could not be told from one of the program's own.
   if (fd >= TABLE_SIZE) {
     SOFTDVB_REAL(close)(fd);
     errno = EMFILE;
@@ -173,6 +187,7 @@ int register_handle(const std::shared_ptr<Handle>& handle) {
   }
   handle->fds.push_back(fd);
   registry().handles.push_back(handle);
+  // Last, when the handle can be found: from now on other threads ask for it.
   ours[fd].store(true, std::memory_order_release);
   return fd;
 }
@@ -192,6 +207,7 @@ void forget(int fd) {
   if (!maybe_ours(fd) || is_vfork_child())
     return;
   const Device_lock lock;
+  // First, so that a new file with this number is not taken for a device.
   ours[fd].store(false, std::memory_order_release);
   auto& handles = registry().handles;
   for (size_t i = 0; i < handles.size(); ++i) {
@@ -201,6 +217,7 @@ void forget(int fd) {
       continue;
     fds.erase(at);
     if (fds.empty()) {
+      // The device is closed with its last copy, as with any open file.
       const std::shared_ptr<Handle> last = handles[i];
       handles.erase(handles.begin() + static_cast<std::ptrdiff_t>(i));
       last->closed();

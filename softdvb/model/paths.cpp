@@ -8,6 +8,7 @@
 
 namespace softdvb {
 
+// The folder itself counts, a neighbour whose name only begins like it does not.
 static bool is_below(const char* path, const char* folder) {
   const size_t n = strlen(folder);
   return strncmp(path, folder, n) == 0 && (path[n] == '\0' || path[n] == '/');
@@ -21,6 +22,7 @@ Path::Path(const char* path) : result_(path) {
   if (s == nullptr)
     return;
   const char* into = nullptr;
+  // Devices belong to the run and go with it; the other folders may be kept and looked at.
   if (is_below(path, "/dev/dvb")) {
     into = s->run_dir;
   } else {
@@ -50,6 +52,7 @@ Device_path parse_device_path(const char* path) {
   for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR}) {
     if (strcmp(name, device_name(device)) != 0)
       continue;
+    // Also for an adapter that does not exist: then the caller lets the kernel say so.
     result.device = device;
     for (int i = 0; i < s->adapter_count; ++i)
       if (s->adapter[i].number == number)

@@ -132,6 +132,7 @@ bool Stream_file::open(const Adapter& a, int mux) {
 }
 
 const uint8_t* Stream_file::packet(uint64_t number) {
+  // Packets are counted on over the end, which makes a loop of the stream.
   number %= mux_->packets;
   const size_t size = mux_->packet_size;
   // Read in blocks: a call for each packet would cost more than all the rest.
@@ -149,6 +150,7 @@ const uint8_t* Stream_file::packet(uint64_t number) {
 
 // Finds the place in the stream, for a process that begins to listen or whose adapter was tuned.
 static bool place(Adapter& a, Playing& p, const On_air& air) {
+  // Asked for every turn; nothing is opened or searched as long as nothing was tuned.
   if (p.placed && p.mux == air.mux && p.generation == air.generation)
     return true;
   if (air.mux < 0) {
@@ -172,6 +174,7 @@ static bool place(Adapter& a, Playing& p, const On_air& air) {
       p.epoch_ns = a.stream_epoch_ns.load(std::memory_order_acquire);
       if (p.epoch_ns == 0)
         return false;
+      // A filter may have been started before the lock, when nothing was on the air yet.
       p.epoch_ns = std::max(p.epoch_ns, air.since_ns);
       break;
   }
@@ -193,6 +196,7 @@ static uint64_t air_time(const Playing& p, uint64_t packet) {
 
 static bool ended(const Adapter& a, const Playing& p) {
   const Mux& mux = *p.file.mux();
+  // Checked before each packet, so that the last one is still played.
   if (a.loop == 0 && p.next >= mux.packets)
     return true;
   return mux.stop_after_ns != 0 && p.next > p.first && air_time(p, p.next) > p.epoch_ns + mux.stop_after_ns;
@@ -215,6 +219,7 @@ static bool must_wait(int adapter_index, Playing& p, int64_t patience_ns) {
   if (packet == nullptr || patience_ns == 0)
     return false;
   const int pid = (packet[1] & 0x1F) << 8 | packet[2];
+  // Only filters that want this very packet can hold the stream up.
   if (demux_of(adapter_index).has_room(adapter_index, pid)) {
     p.waiting_since_ns = 0;
     return false;
@@ -242,6 +247,7 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
     return IDLE_TICK_NS;
   const bool fast = a.pace == Pace::FAST;
   const int64_t patience = fast ? FAST_PATIENCE_NS : static_cast<int64_t>(s.grace_ns);
+  // At most so many in a turn, because the device lock is held over all of them and the program waits for it.
   for (uint64_t n = 0; n < limit; ++n) {
     if (ended(a, p))
       return IDLE_TICK_NS;
@@ -271,6 +277,7 @@ static int64_t play(int adapter_index, uint64_t now_ns, uint64_t limit) {
 static int64_t advance(uint64_t limit) {
   Shared& s = *shared();
   const uint64_t now = adapter_now_ns(s);
+  // Looked at once a second at least, for changes that other processes made.
   int64_t wait = 1000 * MS_NS;
   // A tenth of a millisecond at least, or a deadline just passed would make the thread spin.
   const auto sooner = [&](uint64_t at_ns) {
@@ -297,10 +304,13 @@ static int64_t advance(uint64_t limit) {
   return wait;
 }
 
+// Called by the program's own threads inside their calls, too. So what they see is up to date even when the player's
+// thread did not get the processor.
 void player_advance() {
   advance(PACKETS_A_TURN);
 }
 
+// Without work there is no thread, and a program that only started others stays as it was.
 static bool has_work() {
   const Shared& s = *shared();
   for (int i = 0; i < s.adapter_count; ++i)
@@ -313,6 +323,7 @@ static bool has_work() {
 }
 
 static void* player_thread(void*) {
+  // The name shows in debuggers that the thread is not the program's.
   SOFTDVB_REAL(prctl)(PR_SET_NAME, "softdvb", 0, 0, 0);
   while (true) {
     int64_t wait = 0;
@@ -327,6 +338,7 @@ static void* player_thread(void*) {
       wait = advance(PACKETS_A_TURN);
       wake = {player().wake_fd, POLLIN, 0};
     }
+    // The wait is in real time and without the lock, so anybody may change what it was computed from and wake it.
     const timespec time = from_nanos(wait);
     if (SOFTDVB_REAL(ppoll)(&wake, 1, &time, nullptr) == 1) {
       uint64_t count = 0;
@@ -344,6 +356,7 @@ void player_wake() {
   }
   if (!has_work())
     return;
+  // Out of the way like all our own descriptors: programs expect the lowest numbers for theirs.
   if (p.wake_fd < 0)
     p.wake_fd = moved_up(SOFTDVB_REAL(eventfd)(0, EFD_CLOEXEC | EFD_NONBLOCK));
   sigset_t all;
@@ -352,6 +365,7 @@ void player_wake() {
   pthread_sigmask(SIG_SETMASK, &all, &before);  // signals belong to the program's threads
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
+  // Nobody could join it: the program does not know of it.
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread{};
   p.running = pthread_create(&thread, &attributes, player_thread, nullptr) == 0;
@@ -378,6 +392,7 @@ uint64_t player_step(int adapter_index, uint64_t packets) {
   return played;
 }
 
+// Packets of a test go the way of those on the air, with all faults, but need no tuned frontend and no time.
 void player_inject(int adapter_index, const uint8_t* packets, size_t size) {
   const uint64_t now = adapter_now_ns(*shared());
   Adapter& a = shared()->adapter[adapter_index];
@@ -390,9 +405,11 @@ void player_filter_started(int adapter_index) {
   Shared& s = *shared();
   uint64_t none = 0;
   const uint64_t now = std::max<uint64_t>(1, adapter_now_ns(s));
+  // The first filter after a tuning counts, whichever process it is in.
   s.adapter[adapter_index].stream_epoch_ns.compare_exchange_strong(none, now, std::memory_order_acq_rel);
 }
 
+// Threads do not survive a fork. The child starts its own when it uses an adapter.
 void player_after_fork() {
   Player& p = player();
   p.running = false;

@@ -26,7 +26,9 @@ namespace softdvb {
 uint64_t parse_number(const std::string& text, const std::string& what, uint64_t max) {
   char* end = nullptr;
   errno = 0;
+  // Base 0 takes hexadecimal as well, in which PIDs and status bits are usually written.
   const unsigned long long value = std::strtoull(text.c_str(), &end, 0);
+  // strtoull makes a large number of a negative one without complaint.
   if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > max)
     throw Usage_error(what + ": '" + text + "' is not a number from 0 to " + std::to_string(max));
   return value;
@@ -34,6 +36,7 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
 
 static double parse_decimal(const std::string& text, const std::string& what) {
   std::istringstream in(text);
+  // A decimal point is one wherever the user lives.
   in.imbue(std::locale::classic());
   double value = 0;
   if (!(in >> value) || in.peek() != EOF || !std::isfinite(value) || value < 0 || value > 4e9)
@@ -58,6 +61,7 @@ std::string trimmed(const std::string& text) {
 }
 
 // Takes "MARKvalue" off the end of `text`; empty when there is none.
+// Found from the end, because globs and words before it may hold the same mark.
 static std::string take_suffix(std::string& text, char mark) {
   const size_t at = text.rfind(mark);
   if (at == std::string::npos)
@@ -74,6 +78,7 @@ struct Which_calls {
 
 // "@FIRST" and "*COUNT", in any order. "@K" alone is the Kth call only.
 static Which_calls take_which(std::string& text, const std::string& what) {
+  // FIRST and COUNT are added to each other, which must fit.
   constexpr uint64_t MAX = std::numeric_limits<uint32_t>::max() / 2;
   Which_calls which;
   bool first_given = false;
@@ -105,6 +110,7 @@ static void split(const std::string& text, std::string& key, std::string& value,
 static int errno_by_name(const std::string& name) {
   if (!name.empty() && name[0] >= '0' && name[0] <= '9')
     return static_cast<int>(parse_number(name, "errno", 4095));
+  // The C library knows the names; a table here would differ from machine to machine.
   for (int error = 1; error < 200; ++error) {
     const char* known = strerrorname_np(error);
     if (known != nullptr && name == known)
@@ -113,6 +119,7 @@ static int errno_by_name(const std::string& name) {
   throw Usage_error("fault: '" + name + "' is no name of an error, such as EIO");
 }
 
+// The record is shared between processes, so texts are arrays in it and not strings.
 static void copy_text(char* to, size_t size, const std::string& from, const std::string& what) {
   if (from.size() >= size)
     throw Usage_error(what + ": '" + from + "' is too long");
@@ -135,12 +142,14 @@ void add_fault(Shared& s, const std::string& text) {
   const int number = s.fault_count.load();
   if (number >= MAX_FAULTS)
     throw Usage_error("fault: more than " + std::to_string(MAX_FAULTS));
+  // Filled in first and counted last: other processes read the list without a lock.
   Fault& fault = s.fault[number];
   copy_text(fault.call, sizeof fault.call, call, "fault");
   copy_text(fault.target, sizeof fault.target, target, "fault");
   fault.error = errno_by_name(value);
   fault.from = which.from;
   fault.count = which.count;
+  // A place that "clear" gave free still has the count of its former fault.
   fault.seen.store(0);
   s.fault_count.store(number + 1, std::memory_order_release);
 }
@@ -157,6 +166,7 @@ void add_section_fault(Shared& s, int adapter, const std::string& text) {
   const std::string table = take_suffix(where, '/');
   fault.table = table.empty() ? -1 : static_cast<int>(parse_number(table, "section: table", 255));
   fault.pid = static_cast<int>(parse_number(where, "section: PID", pid::LAST));
+  // From the end to the front, as the suffixes stand; "cut:BYTES" has to be left.
   const std::string at = take_suffix(kind, '+');
   fault.at_ns = at.empty() ? 0 : parse_seconds(at, "section: time");
   const Which_calls which = take_which(kind, "section");
@@ -196,6 +206,7 @@ static bool reading_by_name(const std::string& name, Reading& reading) {
 }
 
 static void add_step(Adapter& a, const std::string& freq, Reading reading, const std::string& value, uint64_t at_ns) {
+  // The kernel hands these two out with 16 bits.
   const bool is_short = reading == Reading::STRENGTH || reading == Reading::SNR;
   const uint32_t number = static_cast<uint32_t>(
       parse_number(value, READING_NAMES[static_cast<int>(reading)], is_short ? 0xFFFFu : 0xFFFFFFFFu));

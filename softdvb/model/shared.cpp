@@ -32,6 +32,7 @@ Shared* map_shared(const char* file) {
   if (at == MAP_FAILED)
     return nullptr;
   Shared* s = static_cast<Shared*>(at);
+  // A launcher of another version may have left its folder in the environment.
   if (s->magic == SHARED_MAGIC && s->size == sizeof(Shared))
     return s;
   syscall(SYS_munmap, at, sizeof(Shared));
@@ -40,6 +41,7 @@ Shared* map_shared(const char* file) {
 
 Shared* shared() {
   static std::atomic<Shared*> mapped{nullptr};
+  // A program without adapters asks once and not at every call.
   static std::atomic<bool> none{false};
   Shared* s = mapped.load(std::memory_order_acquire);
   if (s != nullptr || none.load(std::memory_order_relaxed))
@@ -55,6 +57,7 @@ Shared* shared() {
     return nullptr;
   }
   Shared* expected = nullptr;
+  // Two threads may have come here together; one mapping is kept, since locks are found by address.
   if (!mapped.compare_exchange_strong(expected, s, std::memory_order_acq_rel)) {
     syscall(SYS_munmap, s, sizeof(Shared));
     return expected;
@@ -75,12 +78,14 @@ Shared* create_shared(const std::string& file) {
   close(fd);
   if (at == MAP_FAILED)
     throw std::runtime_error(file + ": " + strerror(errno));
+  // The file is zeros so far; the constructors of the atomics are owed all the same.
   Shared* s = new (at) Shared{};
   s->magic = SHARED_MAGIC;
   s->size = sizeof(Shared);
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  // A process may be killed with the lock in its hands, and tests do that. The next one must not wait for ever.
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
   pthread_mutex_init(&s->lock, &attributes);
   pthread_mutexattr_destroy(&attributes);
@@ -89,6 +94,7 @@ Shared* create_shared(const std::string& file) {
 
 Shared_lock::Shared_lock(Shared& s) : shared_(s) {
   if (SOFTDVB_REAL(pthread_mutex_lock)(&shared_.lock) == EOWNERDEAD)
+    // Single fields change under this lock, so what the dead process left can be used as it is.
     SOFTDVB_REAL(pthread_mutex_consistent)(&shared_.lock);
 }
 
@@ -104,6 +110,7 @@ Adapter* find_adapter(Shared& s, int number) {
 }
 
 bool is_process_alive(int pid) {
+  // A process of another user answers with EPERM, which also means that it is there.
   return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 

@@ -32,6 +32,7 @@ static File open_file(const std::string& name) {
 
 Stream_layout detect_layout(const std::string& name) {
   const File file = open_file(name);
+  // Some packets of each size, enough to tell a sync byte from a byte that happens to have its value.
   std::vector<uint8_t> head(size_t{204} * 64);
   head.resize(std::fread(head.data(), 1, head.size(), file.get()));
   std::fseek(file.get(), 0, SEEK_END);
@@ -42,6 +43,7 @@ Stream_layout detect_layout(const std::string& name) {
   Stream_layout best;
   size_t most = 0;
   for (const uint32_t packet_size : {188u, 192u, 204u}) {
+    // A file may begin in the middle of a packet, and those of 192 bytes begin with a time stamp.
     for (size_t first = 0; first < packet_size && first < head.size(); ++first) {
       if (head[first] != SYNC)
         continue;
@@ -59,6 +61,7 @@ Stream_layout detect_layout(const std::string& name) {
   }
   if (best.packet_size == 0 || size < best.first_offset + TS_PACKET_SIZE)
     throw std::runtime_error(name + ": no transport stream packets in it");
+  // The last packet may lack what stands behind its 188 bytes.
   best.packets = (size - best.first_offset - TS_PACKET_SIZE) / best.packet_size + 1;
   return best;
 }
@@ -94,6 +97,7 @@ static std::vector<Clock_reference> clock_references(const std::string& name, co
       uint64_t pcr = 0;
       if (!pcr_of(&block[at], &pid, &pcr))
         continue;
+      // Clocks of other programmes run apart from this one; mixing two would jump with every reference.
       if (pcr_pid < 0)
         pcr_pid = pid;
       if (pid == pcr_pid)
@@ -105,6 +109,7 @@ static std::vector<Clock_reference> clock_references(const std::string& name, co
 
 std::vector<Index_point> index_by_rate(const Stream_layout& layout, double bits_per_second) {
   const double seconds = static_cast<double>(layout.packets) * TS_PACKET_SIZE * 8 / bits_per_second;
+  // A stream of no length would be played for ever at one moment.
   return {{0, 0}, {layout.packets, std::max<uint64_t>(1, static_cast<uint64_t>(seconds * 1e9))}};
 }
 
@@ -114,12 +119,14 @@ std::vector<Index_point> index_by_pcr(const std::string& name, const Stream_layo
   uint64_t packets = 0;
   for (size_t i = 1; i < references.size(); ++i) {
     const uint64_t gap = (references[i].pcr + PCR_WRAP - references[i - 1].pcr) % PCR_WRAP;
+    // Recordings that were cut have jumps in their clock, which say nothing about the rate.
     if (gap == 0 || gap > LONGEST_PCR_GAP)
       continue;
     ticks += gap;
     packets += references[i].packet - references[i - 1].packet;
   }
   if (packets == 0)
+    // Without a clock any pace is as good as another, and a usual one keeps programs busy.
     return index_by_rate(layout, default_rate);
 
   // Where the clock says nothing (before the first, after the last, over a splice), the mean rate holds.
@@ -158,6 +165,7 @@ uint64_t time_of_packet(const Index_point* points, size_t count, uint64_t packet
   return interpolate(after[-1].packet, after[-1].time_ns, after->packet, after->time_ns, packet);
 }
 
+// Searched by halves over packets and not over points, so that it agrees with time_of_packet() to the packet.
 uint64_t packet_at_time(const Index_point* points, size_t count, uint64_t time_ns) {
   uint64_t low = 0;
   uint64_t high = points[count - 1].packet;

@@ -22,6 +22,7 @@ constexpr std::array<const char*, TABLE_KINDS> TABLE_NAMES = {
     "sdt_other", "eit_pf_actual", "eit_pf_other", "eit_schedule_actual", "eit_schedule_other", "tdt",
     "tot"};
 
+// The order in which descriptors are added is the order in the table, and tests compare bytes.
 Network read_network(const Json_node& node, const Text_defaults& outer, const Description& all, bool actual) {
   node.allow_only({"network_id", "charset", "language", "name", "names", "private_data_specifier", "descriptors",
                    "transport_streams"});
@@ -42,11 +43,13 @@ Network read_network(const Json_node& node, const Text_defaults& outer, const De
     if (item.has("delivery"))
       add_terrestrial_delivery(item.get("delivery"), &stream.descriptors);
     std::vector<Listed_service> listed;
+    // A list that is given wins, so that a NIT can say something else than the SDT.
     if (item.has("services")) {
       for (const Json_node& service : item.list("services")) {
         service.allow_only({"service_id", "type", "lcn"});
         listed.push_back(read_listed_service(service));
       }
+      // Otherwise the services are those of the description, which need not be written twice.
     } else if (stream.original_network_id == all.original_network_id &&
                stream.transport_stream_id == all.transport_stream_id) {
       for (const Service& service : all.services)
@@ -61,6 +64,7 @@ Network read_network(const Json_node& node, const Text_defaults& outer, const De
     }
     add_service_list(listed, &stream.descriptors);
     add_frequency_list(item, &stream.descriptors);
+    // Before the numbers, whose tag means something else under each specifier.
     add_private_data_specifier(item, &stream.descriptors);
     add_lcn(listed, &stream.descriptors);
     add_raw(item, "descriptors", &stream.descriptors);
@@ -116,6 +120,7 @@ void read_versions(const Json_node& top, Description* all) {
     all->version[kind] = static_cast<uint8_t>(node.number_or(TABLE_NAMES[kind], 0, 31, all->version[kind]));
 }
 
+// The same id at different times is a service that comes back, which is allowed.
 void check_twice(const Json_node& top, const Description& all) {
   const auto nodes = top.list("services");
   for (size_t i = 0; i < all.services.size(); ++i)
@@ -127,8 +132,10 @@ void check_twice(const Json_node& top, const Description& all) {
 
 nlohmann::json parse_json(const std::string& text) {
   try {
+    // With comments, which a description of a test case needs.
     return nlohmann::json::parse(text, nullptr, true, true);
   } catch (const nlohmann::json::parse_error& error) {
+    // The parser tells a byte; people count lines and columns.
     const size_t end = std::min(error.byte > 0 ? error.byte - 1 : 0, text.size());
     const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), '\n');
     const size_t start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
@@ -143,6 +150,7 @@ const char* name_of(Table_kind kind) {
   return TABLE_NAMES[kind];
 }
 
+// Below the limits of ETSI TR 101 211, 4.4, by what a section may have to wait for others.
 Intervals default_intervals() {
   Intervals result;
   result.table = {0.08, 0.08, 0.4, 2, 8, 1, 8, 1.5, 8, 8, 48, 20, 20};
@@ -152,6 +160,7 @@ Intervals default_intervals() {
   return result;
 }
 
+// For tests, which would else wait for the tables of a real network.
 Intervals fast_intervals() {
   Intervals result;
   result.table = {0.02, 0.02, 0.1, 0.1, 0.2, 0.1, 0.2, 0.1, 0.2, 1, 2, 0.5, 0.5};
@@ -191,6 +200,7 @@ Description parse_description(const std::string& json, int64_t machine_now, std:
   all.now = machine_now;
   if (top.has("now") && top.get("now").string() != "machine" && !parse_utc(top.get("now").string(), &all.now))
     top.get("now").fail("\"machine\" or a time such as \"2026-03-01T18:00:00Z\" is allowed");
+  // The command line wins, so that one description serves for any day.
   if (fixed_now)
     all.now = *fixed_now;
   all.duration = top.seconds_or("duration", 0.1, 86400, 30);
@@ -204,9 +214,11 @@ Description parse_description(const std::string& json, int64_t machine_now, std:
   all.nit_pid = static_cast<uint16_t>(top.number_or("nit_pid", pid::NIT, pid::LAST - 1, pid::NIT));
   all.nit_in_pat = top.flag_or("nit_in_pat", true);
   all.programs_per_section = static_cast<unsigned>(top.number_or("pat_programs_per_section", 1, 253, 253));
+  // The whole set first, then what the description says of single ones.
   all.intervals = top.flag_or("fast", false) ? fast_intervals() : default_intervals();
   read_versions(top, &all);
   read_intervals(top, &all.intervals);
+  // After the ids and times that services refer to, and before the networks that list them.
   all.services = read_services(top, defaults, all, true);
   check_twice(top, all);
   for (const Json_node& node : top.list("other_transport_streams")) {

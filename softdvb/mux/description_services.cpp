@@ -25,6 +25,7 @@ const std::vector<std::pair<const char*, unsigned>> STREAM_TYPES = {
     {"teletext", 0x06},         {"subtitles", 0x06},   {"dsm-cc", 0x0B},      {"aac", 0x0F},
     {"mpeg4-video", 0x10},      {"latm-aac", 0x11},    {"h264", 0x1B},        {"hevc", 0x24}};
 
+// Each kind of stream has its own range of stream ids, and analysers complain of one that does not suit the type.
 uint8_t pes_id_of(uint8_t type) {
   switch (type) {
     case 0x01:
@@ -53,6 +54,7 @@ Elementary_stream read_stream(const Json_node& node, uint16_t default_pid, doubl
   const Json_node type = node.get("type");
   stream.type = static_cast<uint8_t>(type.choice_or_number(STREAM_TYPES, 255));
   const std::string word = type.value().is_string() ? type.string() : "";
+  // Without their pages these would be a plain private stream, so get() complains that the key is missing.
   for (const char* key : {"teletext", "subtitles"})
     if (word == key && !node.has(key))
       node.get(key);
@@ -75,6 +77,7 @@ void read_streams(const Json_node& owner, const Service& service, double default
   uint16_t pid = service.pmt_pid;
   for (const Json_node& node : owner.list("streams"))
     pmt->streams.push_back(read_stream(node, ++pid, default_rate));
+  // As usual the first stream carries the clock; without any the value says that there is none.
   const uint16_t own = pmt->streams.empty() ? uint16_t{pid::LAST} : pmt->streams.front().pid;
   pmt->pcr_pid = static_cast<uint16_t>(owner.number_or("pcr_pid", 0, pid::LAST, own));
   add_ca(owner, &pmt->program_info);
@@ -85,11 +88,13 @@ void read_pmts(const Json_node& node, double default_rate, Service* service) {
   Pmt_content first;
   first.version = static_cast<uint8_t>(node.number_or("pmt_version", 0, 31, 0));
   read_streams(node, *service, default_rate, &first);
+  // Read all the same, so that mistakes in the streams are told.
   if (!node.flag_or("pmt", true))
     return;
   service->pmts.push_back(first);
   for (const Json_node& change : node.list("pmt_changes")) {
     change.allow_only({"at", "pmt_version", "streams", "pcr_pid", "ca", "pmt_descriptors"});
+    // A change says only what is different.
     Pmt_content next = service->pmts.back();
     next.from = change.get("at").seconds(0, 86400);
     if (next.from <= service->pmts.back().from)
@@ -146,6 +151,7 @@ Service read_service(const Json_node& node, const Text_defaults& outer, const De
   return service;
 }
 
+// Whether the id was given: the others get theirs when all given ones are known.
 struct Numbered_event {
   Event event;
   bool numbered = false;
@@ -182,11 +188,13 @@ void read_schedule(const Json_node& node, const Text_defaults& outer, int64_t no
     programme.allow_only({"duration", "running_status", "free_ca", "charset", "language", "name", "text", "texts",
                           "extended", "components", "content", "rating", "descriptors"});
     programmes.push_back(read_event(programme, defaults));
+    // Shorter ones would fill the guide with thousands of events.
     if (programmes.back().duration < 60)
       programme.get("duration").fail("at least one minute is needed in a schedule");
   }
   if (programmes.empty())
     node.get("programmes").fail("at least one programme is needed");
+  // The last one may run over the end, as nothing is cut off.
   for (size_t i = 0; at < end; i = (i + 1) % programmes.size()) {
     events->push_back({programmes[i], false});
     events->back().event.start = at;
@@ -209,6 +217,7 @@ std::vector<Event> read_events(const Json_node& service, const Text_defaults& de
   }
   if (service.has("schedule"))
     read_schedule(service.get("schedule"), defaults, now, &events);
+  // By start, as they are broadcast; equal ones stay in the order of the description.
   std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
     return a.event.start.value_or(INT64_MIN) < b.event.start.value_or(INT64_MIN);
   });
@@ -216,6 +225,7 @@ std::vector<Event> read_events(const Json_node& service, const Text_defaults& de
   uint16_t next_id = 1;
   for (Numbered_event& numbered : events) {
     if (!numbered.numbered) {
+      // Ids that were given elsewhere are left out, wherever they stand.
       while (std::any_of(events.begin(), events.end(),
                          [&](const auto& other) { return other.numbered && other.event.event_id == next_id; }))
         ++next_id;
@@ -298,6 +308,7 @@ std::vector<Fault> read_faults(const Json_node& owner) {
       fault.section = static_cast<uint8_t>(node.get("section").number(0, 255));
     fault.from = node.seconds_or("from", 0, 86400, 0);
     fault.to = node.seconds_or("to", 0, 86400, 1e9);
+    // Without a limit all transmissions are meant.
     fault.first = node.number_or("first", 1, ~uint64_t{0}, ~uint64_t{0});
     fault.every = node.number_or("every", 1, 1000000, 1);
     if (node.has("change")) {
@@ -307,6 +318,7 @@ std::vector<Fault> read_faults(const Json_node& owner) {
       fault.change = node.get("change").value().get<int>();
     }
     fault.loop = node.choice_or("loop", {{"first", 0}, {"inner", 1}, {"descriptor", 2}}, 0);
+    // Wrong lengths and bytes are to reach the parser, which a wrong CRC would keep them from.
     fault.right_crc = node.choice_or("crc", {{"stale", 0}, {"right", 1}},
                                      fault.kind == WRONG_LOOP_LENGTH || fault.kind == WRONG_BYTES ? 1 : 0) != 0;
     switch (fault.kind) {

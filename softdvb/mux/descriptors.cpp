@@ -39,6 +39,7 @@ void append_language(Bytes* to, const std::string& language) {
   to->insert(to->end(), language.begin(), language.end());
 }
 
+// The length is one byte; more would silently become another descriptor.
 void add_checked(const Json_node& where, uint8_t tag, Bytes data, Descriptors* loop) {
   if (data.size() > 255)
     where.fail(fmt::format("the descriptor 0x{:02X} would take {} bytes, at most 255 are allowed", tag, data.size()));
@@ -74,6 +75,7 @@ void add_raw(const Json_node& owner, const char* key, Descriptors* loop) {
       add_checked(node, tag, node.get("hex").hex(), loop);
       continue;
     }
+    // Copied from an analyser, with tag and length in front, which is the handiest form.
     Bytes whole = node.hex();
     if (whole.size() < 2 || whole.size() != size_t{2} + whole[1])
       node.fail(
@@ -101,6 +103,7 @@ void add_ca(const Json_node& owner, Descriptors* loop) {
     ca.i_ca_pid = static_cast<uint16_t>(node.get("pid").number(0, pid::LAST));
     if (node.has("private")) {
       const Bytes data = node.get("private").hex();
+      // libdvbpsi's records have arrays of fixed size.
       limit(node.get("private"), data.size(), sizeof ca.i_private_data);
       ca.i_private_length = static_cast<uint8_t>(data.size());
       std::copy(data.begin(), data.end(), ca.i_private_data);
@@ -138,6 +141,7 @@ void add_terrestrial_delivery(const Json_node& delivery, Descriptors* loop) {
   // Values of EN 300 468, 6.2.13.4; "priority": high is the bit 1, time slicing and MPE-FEC in use are the bit 0.
   dvbpsi_terr_deliv_sys_dr_t record = {};
   const uint64_t hz = delivery.get("frequency").number(0, 42949672950);
+  // Rounded silently the value would not be found again in what a receiver stored.
   if (hz % 10 != 0)
     delivery.get("frequency").fail("the frequency is broadcast in steps of 10 Hz, use a multiple of 10");
   record.i_centre_frequency = static_cast<uint32_t>(hz / 10);
@@ -177,6 +181,7 @@ void add_terrestrial_delivery(const Json_node& delivery, Descriptors* loop) {
 void add_frequency_list(const Json_node& owner, Descriptors* loop) {
   if (!owner.has("frequencies"))
     return;
+  // Six reserved bits, then the coding.
   Bytes data = {0xFF};
   for (const Json_node& node : owner.list("frequencies")) {
     const uint64_t hz = node.number(0, 42949672950);
@@ -203,7 +208,9 @@ void add_service_list(const std::vector<Listed_service>& services, Descriptors* 
 void add_lcn(const std::vector<Listed_service>& services, Descriptors* loop) {
   std::vector<Listed_service> numbered;
   std::copy_if(services.begin(), services.end(), std::back_inserter(numbered),
+               // Services without a number are left to the receiver, which gives them one.
                [](const Listed_service& service) { return service.has_lcn; });
+  // What does not fit goes into another descriptor, as broadcasters do it.
   for (size_t first = 0; first < numbered.size(); first += SERVICES_A_DESCRIPTOR) {
     dvbpsi_lcn_dr_t record = {};
     for (size_t i = first; i < numbered.size() && i < first + SERVICES_A_DESCRIPTOR; ++i) {
@@ -245,6 +252,7 @@ void add_service(const Json_node& service, uint8_t type, const Text_defaults& de
     const Bytes none;
     const Bytes provider = service.has("provider") ? read_text(service.get("provider"), defaults, 252) : none;
     const Bytes name = service.has("name") ? read_text(service.get("name"), defaults, 252) : none;
+    // Type and two lengths take the other three bytes of the descriptor.
     if (provider.size() + name.size() > 252)
       service.fail("name and provider together take more than 252 bytes");
     dvbpsi_service_dr_t record = {};
@@ -277,6 +285,7 @@ void add_languages(const Json_node& stream, Descriptors* loop) {
   if (!stream.has("languages"))
     return;
   const auto nodes = stream.list("languages");
+  // Four bytes each.
   limit(stream.get("languages"), nodes.size(), 63);
   dvbpsi_iso639_dr_t record = {};
   for (const Json_node& node : nodes) {
@@ -322,6 +331,7 @@ void add_teletext(const Json_node& stream, Descriptors* loop) {
   if (!stream.has("teletext"))
     return;
   const auto nodes = stream.list("teletext");
+  // Five bytes each.
   limit(stream.get("teletext"), nodes.size(), 51);
   dvbpsi_teletext_dr_t record = {};
   for (const Json_node& node : nodes) {

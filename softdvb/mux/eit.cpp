@@ -33,6 +33,7 @@ struct Eit_ids {
   uint8_t version = 0;
 };
 
+// The status depends on when the table is sent, which the event itself does not know.
 struct Timed_event {
   const Event* event;
   uint8_t running_status;
@@ -49,6 +50,7 @@ Bytes section_of(const Eit_ids& ids, const std::vector<Timed_event>& events, Enc
                          dvbpsi_eit_delete);
   for (const Timed_event& timed : events) {
     const Event& event = *timed.event;
+    // EN 300 468, 5.2.4: an undefined start has all bits set.
     const uint64_t start = event.start ? mjd_bcd(*event.start) : 0xFFFFFFFFFF;
     dvbpsi_eit_event_t* added =
         dvbpsi_eit_event_add(eit.get(), event.event_id, start, bcd_duration(event.duration), timed.running_status,
@@ -59,6 +61,7 @@ Bytes section_of(const Eit_ids& ids, const std::vector<Timed_event>& events, Enc
   }
   const std::vector<Bytes> sections =
       encoder->take(dvbpsi_eit_sections_generate(encoder->handle(), eit.get(), ids.table_id), "an EIT");
+  // The callers count bytes before, as a segment has to know how many sections it has.
   if (sections.size() != 1)
     throw Description_error("libdvbpsi did not make one section of the events that fit into one");
   return sections.front();
@@ -82,6 +85,7 @@ std::vector<Bytes> present_following(Eit_ids ids, const Service& service, int64_
   for (const Event& event : service.events) {
     if (running(event, at))
       present = &event;
+    // The first one that starts later, as events are sorted by their start.
     else if (event.start && *event.start > at && following == nullptr)
       following = &event;
   }
@@ -92,6 +96,7 @@ std::vector<Bytes> present_following(Eit_ids ids, const Service& service, int64_
       events.push_back({event, event->running_status.value_or(status)});
     sections.push_back(section_of(ids, events, encoder));
   };
+  // Both sections are always there; one without an event tells that nothing is on. 4 is running, 1 not running.
   section(present, 4);
   section(following, 1);
   number_section(&sections[0], 0, 1, 1);
@@ -107,6 +112,7 @@ Table pf_table(const Description& all, Eit_ids ids, const Service& service, bool
   for (const Event& event : service.events) {
     if (!event.start)
       continue;
+    // The table changes whenever an event begins or ends while the stream is played.
     for (int64_t edge : {*event.start - all.now, *event.start + event.duration - all.now})
       if (edge > 0 && static_cast<double>(edge) < all.duration)
         moments.insert(edge);
@@ -125,6 +131,7 @@ int segment_of(const Event& event, int64_t now) {
   if (!event.start)
     return 0;
   const int64_t since = *event.start - midnight(now);
+  // What began before midnight and still runs stands in the first segment of the day.
   if (since < 0)
     return *event.start + event.duration > now ? 0 : -1;
   return since / SEGMENT < SEGMENTS * TABLES ? static_cast<int>(since / SEGMENT) : -1;

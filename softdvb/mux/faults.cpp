@@ -16,6 +16,7 @@ unsigned number_of(const Bytes& section) {
   return section.size() >= 8 && (section[1] & 0x80) != 0 ? section[6] : 0;
 }
 
+// Every condition that is named must hold, so a fault can be as narrow as one section of one service.
 bool is_meant(const Fault& fault, const Table& table, unsigned section_number, uint64_t count, double at) {
   if (!fault.tables[table.kind] || at < fault.from || at >= fault.to || count >= fault.first ||
       count % fault.every != 0)
@@ -33,6 +34,7 @@ void add_to_length(Bytes* section, size_t at, int change) {
   if (at + 1 >= section->size())
     return;
   const int length = ((*section)[at] & 0x0F) << 8 | (*section)[at + 1];
+  // Twelve bits; the four above are reserved and stay.
   const int changed = std::clamp(length + change, 0, 0xFFF);
   (*section)[at] = static_cast<uint8_t>(((*section)[at] & 0xF0) | changed >> 8);
   (*section)[at + 1] = static_cast<uint8_t>(changed);
@@ -79,6 +81,7 @@ void change_loop(const Fault& fault, Table_kind kind, Bytes* section) {
   }
 }
 
+// Faults before this one may have cut the section too short for a CRC.
 bool has_crc(const Bytes& section) {
   return section.size() >= 8 && section[0] != table::TDT;
 }
@@ -92,6 +95,7 @@ void apply_faults(const std::vector<Fault>& faults, const Table& table, uint64_t
   for (const Fault& fault : faults) {
     if (!is_meant(fault, table, section_number, count, at))
       continue;
+    // Asked for each fault anew, because the one before may have changed it.
     const bool long_header = section.size() >= 12 && (section[1] & 0x80) != 0;
     switch (fault.kind) {
       case WRONG_CRC:
@@ -109,6 +113,7 @@ void apply_faults(const std::vector<Fault>& faults, const Table& table, uint64_t
         break;
       case WRONG_SECTION_LENGTH:
         add_to_length(&section, 1, fault.change);
+        // The CRC stands where the wrong length says, so that a receiver accepts the section.
         if (fault.right_crc && has_crc(section)) {
           section.resize(std::max<size_t>(8, 3 + (size_t{section[1] & 0x0Fu} << 8 | section[2])), 0xFF);
           write_crc(&section);
@@ -119,6 +124,7 @@ void apply_faults(const std::vector<Fault>& faults, const Table& table, uint64_t
         if (fault.right_crc && has_crc(section))
           write_crc(&section);
         break;
+      // With a right CRC: the fault is a receiver's problem only if it believes the section.
       case WRONG_VERSION:
         if (long_header) {
           section[5] = static_cast<uint8_t>((section[5] & 0xC1) | fault.value << 1);

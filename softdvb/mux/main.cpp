@@ -58,6 +58,7 @@ std::string write_to(int fd, const Bytes& stream) {
     const ssize_t written = write(fd, stream.data() + done, stream.size() - done);
     if (written > 0)
       done += static_cast<size_t>(written);
+    // A pipe may take a part only and a signal may come between.
     else if (errno != EINTR)
       return std::strerror(errno);
   }
@@ -68,6 +69,7 @@ std::string write_to(int fd, const Bytes& stream) {
 // pipes are written as they are; a link stays one. Returns "" or what failed.
 std::string write_all(const std::string& output_name, const Bytes& stream) {
   std::string name = output_name;
+  // The rename would replace a link and leave its target as it was.
   if (char* real = realpath(output_name.c_str(), nullptr)) {
     name = real;
     std::free(real);
@@ -77,6 +79,7 @@ std::string write_all(const std::string& output_name, const Bytes& stream) {
   if (there && S_ISDIR(before.st_mode))
     return std::strerror(EISDIR);
   const bool plain = !there || S_ISREG(before.st_mode);
+  // mkstemp makes files for their owner alone; the user's own mask is to decide.
   const mode_t mask = umask(0);
   umask(mask);
   std::string temporary = name + ".XXXXXX";
@@ -86,6 +89,7 @@ std::string write_all(const std::string& output_name, const Bytes& stream) {
   std::string problem = write_to(fd, stream);
   if (problem.empty() && plain && fchmod(fd, there ? before.st_mode & 0777 : 0666 & ~mask) != 0)
     problem = std::strerror(errno);
+  // A full disk may be told at the close only.
   if (close(fd) != 0 && problem.empty())
     problem = std::strerror(errno);
   if (problem.empty() && plain && std::rename(temporary.c_str(), name.c_str()) != 0)
@@ -144,6 +148,7 @@ int main(int argc, char** argv) {
       if (terminal)
         std::cerr << fmt::format("\r{}: {:3.0f} %", output_name, part * 100) << std::flush;
     });
+    // The progress line makes room for the summary.
     if (terminal)
       std::cerr << "\r\x1b[K";
     if (!quiet && output_name != "-")

@@ -26,6 +26,7 @@ constexpr size_t SECTION_ROOM = PACKET - 4;
 enum class Content : uint8_t { NOTHING, SECTION_START, SECTION, PES, PCR };
 
 // A packet without its continuity counter, which only the finished order tells.
+// Slots are placed first and written last, because the counters depend on everything that stands before a packet.
 struct Slot {
   uint16_t pid = PID_NULL;
   Content content = Content::NOTHING;
@@ -55,6 +56,7 @@ struct Source {
 struct Due {
   double at;
   size_t source;
+  // Equal moments go by the order of the sources, so the same description gives the same bytes on every machine.
   bool operator>(const Due& other) const { return at != other.at ? at > other.at : source > other.source; }
 };
 
@@ -75,6 +77,8 @@ std::vector<Slot> slots_of(const Transmission& transmission) {
     slot.content = at == 0 ? Content::SECTION_START : Content::SECTION;
     slot.transport_error = transmission.transport_error;
     slot.lost = transmission.lost_packet == static_cast<int>(slots.size());
+    // Each section begins a packet of its own, behind a pointer of 0. That costs some stuffing and keeps faults from
+    // hitting two sections.
     const size_t room = SECTION_ROOM - (at == 0 ? 1 : 0);
     const size_t take = std::min(room, transmission.section.size() - at);
     const auto begin = transmission.section.begin() + static_cast<std::ptrdiff_t>(at);
@@ -82,6 +86,7 @@ std::vector<Slot> slots_of(const Transmission& transmission) {
     at += take;
     slots.push_back(std::move(slot));
   }
+  // A jump of the counter stands before the section, where it is seen even if the section is of one packet.
   if (!slots.empty())
     slots.front().skip = static_cast<uint8_t>(transmission.skip);
   if (!transmission.packets_twice)
@@ -91,6 +96,7 @@ std::vector<Slot> slots_of(const Transmission& transmission) {
     doubled.push_back(slot);
     doubled.push_back(slot);
     doubled.back().repeated = true;
+    // The copy has the same counter, which is how a receiver knows it.
     doubled.back().skip = 0;
   }
   return doubled;
@@ -103,6 +109,7 @@ size_t packets_of(size_t section_size) {
 const std::vector<Bytes>* variant_at(const Table& table, double at) {
   const std::vector<Bytes>* found = nullptr;
   for (const Variant& variant : table.variants)
+    // The tolerance is for moments that were added up to just below the time of the change.
     if (variant.from <= at + 1e-9)
       found = &variant.sections;
   return found;
@@ -115,8 +122,11 @@ class Maker {
   Bytes run() {
     tables_ = make_tables(all_);
     slot_seconds_ = static_cast<double>(PACKET * 8) / static_cast<double>(all_.bit_rate);
+    // Whole packets only, and at least one.
     slot_count_ = static_cast<size_t>(std::llround(std::max(1.0, all_.duration / slot_seconds_)));
     loop_seconds_ = static_cast<double>(slot_count_) * slot_seconds_;
+    // The order matters: the rate can be checked when all sources are known, and counters be aligned when all places
+    // are taken.
     add_sections();
     add_streams();
     check_bit_rate();
@@ -131,6 +141,7 @@ class Maker {
     const double wanted = std::min(interval, loop_seconds_);
     // The stream is up to half a packet longer than asked for, which shall not cost a transmission more.
     source.period = loop_seconds_ / std::ceil(loop_seconds_ / wanted * 0.999);
+    // The first transmission is within the first period, or the loop would have a gap at its start.
     source.phase = std::fmod(source.phase, source.period);
     sources_.push_back(source);
   }
@@ -148,6 +159,7 @@ class Maker {
         source.section_number = i;
         source.pid = table.pid;
         const double turn = static_cast<double>(order[table.kind]++) * 0.6180339887498949;
+        // Sections that all came at the same moment would fill the stream then and delay each other.
         source.phase = (turn - std::floor(turn)) * std::min(table.interval, loop_seconds_);
         add(source, table.interval);
       }
@@ -167,6 +179,7 @@ class Maker {
         if (pmt.pcr_pid != PID_NULL && pcr_pids.insert(key(pmt.pcr_pid, i)).second) {
           source.kind = Source::PCR;
           source.pid = pmt.pcr_pid;
+          // A little apart, so that no two begin at the same packet.
           source.phase = 0.0007 * static_cast<double>(pcr_pids.size());
           add(source, all_.intervals.pcr);
         }
@@ -198,6 +211,7 @@ class Maker {
             size = std::max(size, static_cast<double>(packets_of(variant.sections[source.section_number].size())));
       packets += size / source.period;
     }
+    // Some room above the mean, because packets that are due together have to wait for each other.
     const double needed = std::ceil(packets * static_cast<double>(PACKET * 8) * 1.05 / 1000) * 1000;
     if (needed > static_cast<double>(all_.bit_rate))
       throw Description_error(fmt::format(
@@ -206,6 +220,7 @@ class Maker {
   }
 
   void enqueue(double at, Source* source) {
+    // The moment passes all the same, so that a source keeps its pace over a pause.
     if (at < source->from || at >= source->to)
       return;
     // A short period leaves little room to wait.
@@ -232,9 +247,11 @@ class Maker {
         return;
       transmission.section = (*sections)[source->section_number];
     }
+    // Counted before faults, because "first" and "every" count what would have been sent.
     apply_faults(all_.faults, *source->table, source->sent++, at, &transmission);
     if (transmission.dropped)
       return;
+    // Back to back, so that a receiver gets the repetition before anything else of the table.
     for (int copy = 0; copy < (transmission.twice ? 2 : 1); ++copy) {
       const std::vector<Slot> slots = slots_of(transmission);
       queues_[transmission.pid].waiting.emplace(deadline, std::deque<Slot>(slots.begin(), slots.end()));
@@ -248,6 +265,8 @@ class Maker {
       pcrs_.pop_front();
       return slot;
     }
+    // The most urgent one first. A section that has begun goes on under its deadline, since sections of one PID cannot
+    // be mixed.
     Pid_queue* best = nullptr;
     double best_deadline = 0;
     for (auto& [pid, queue] : queues_) {
@@ -288,11 +307,13 @@ class Maker {
         enqueue(now.at, &source);
         // From the phase and not step by step, so that no rounding adds up.
         const double next = source.phase + static_cast<double>(++source.count) * source.period;
+        // A transmission at the very end would be the first one of the next round.
         if (next < loop_seconds_ - slot_seconds_ / 2)
           due.push({next, now.source});
       }
       Slot slot = next_slot();
       empty = slot.pid == PID_NULL && due.empty();
+      // What was due is sent to its end, so no section is cut off at the seam of the loop.
       if (slots_.size() >= slot_count_ && empty)
         break;
       slots_.push_back(std::move(slot));
@@ -305,6 +326,8 @@ class Maker {
     return slot.pid != PID_NULL && slot.content != Content::PCR && !slot.repeated;
   }
 
+  // A player that begins again would otherwise show a jump of the counters, and receivers would drop a section at each
+  // round.
   // Brings the packets of each PID to a multiple of 16 with stuffing in place of null packets.
   void align_counters() {
     std::map<uint16_t, unsigned> used;
@@ -342,6 +365,7 @@ class Maker {
     }
   }
 
+  // Stuffing begins with a start indicator, which would end a section that is under way.
   bool idle(uint16_t pid, size_t slot) const {
     const auto queue = queues_.find(pid);
     if (queue == queues_.end())

@@ -31,6 +31,7 @@ void complain(dvbpsi_t* handle, const dvbpsi_msg_level_t level, const char* mess
     *static_cast<std::string*>(handle->p_sys) = message;
 }
 
+// A service is gone at the moment at which it vanishes, and there at the one at which it appears.
 bool on_air(const Service& service, double at) {
   return service.appears <= at && at < service.vanishes;
 }
@@ -47,6 +48,7 @@ std::vector<double> changes_of(const std::vector<Service>& services, double dura
   return {moments.begin(), moments.end()};
 }
 
+// Versions have five bits and come round, which receivers have to cope with.
 uint8_t stepped(uint8_t version, size_t steps) {
   return static_cast<uint8_t>((version + steps) & 31);
 }
@@ -56,6 +58,7 @@ Table pat_of(const Description& all, Encoder* encoder) {
   table.kind = PAT;
   table.pid = pid::PAT;
   for (double at : changes_of(all.services, all.duration)) {
+    // Each change is a table of its own with the next version, as a broadcaster would send it.
     const auto pat =
         owned(dvbpsi_pat_new(all.transport_stream_id, stepped(all.version[PAT], table.variants.size()), true),
               dvbpsi_pat_delete);
@@ -73,6 +76,7 @@ Table pat_of(const Description& all, Encoder* encoder) {
 }
 
 std::vector<Bytes> pmt_sections(const Service& service, const Pmt_content& content, Encoder* encoder) {
+  // Checked here, because a PMT has one section, whatever libdvbpsi would make of a longer one.
   size_t size = 16 + size_of(content.program_info);
   for (const Elementary_stream& stream : content.streams)
     size += 5 + size_of(stream.descriptors);
@@ -101,6 +105,7 @@ void add_pmts(const Description& all, Encoder* encoder, std::vector<Table>* tabl
     table.service_id = service.service_id;
     for (const Pmt_content& content : service.pmts)
       table.variants.push_back({std::max(content.from, service.appears), pmt_sections(service, content, encoder)});
+    // A service without a PMT stands in the PAT all the same; that is a case that receivers must survive.
     if (table.variants.empty())
       continue;
     if (service.vanishes < all.duration)
@@ -127,6 +132,7 @@ Table nit_of(const Description& all, const Network& network, bool actual, Encode
   table.network_id = network.network_id;
   const uint8_t table_id = actual ? table::NIT_ACTUAL : table::NIT_OTHER;
   for (const Nit_stream& stream : network.streams)
+    // The descriptors of one stream cannot be divided among sections.
     if (size_of(stream.descriptors) + 6 + 16 > MAX_PSI_SECTION)
       throw Description_error(
           fmt::format("network {}: the descriptors of transport stream {} take {} bytes, more than a "
@@ -175,6 +181,7 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
                              stepped(all.version[table.kind], table.variants.size()), true, original_network_id),
               dvbpsi_sdt_delete);
     for (const Service& service : services) {
+      // Left out by wish: receivers must manage with a service that only the PAT has.
       if (!service.in_sdt || !on_air(service, at))
         continue;
       dvbpsi_sdt_service_t* added = dvbpsi_sdt_service_add(sdt.get(), service.service_id, service.eit_schedule,
@@ -198,6 +205,7 @@ Table sdt_of(const Description& all, const std::vector<Service>& services, uint1
 Encoder::Encoder() : handle_(dvbpsi_new(complain, DVBPSI_MSG_ERROR)) {
   if (handle_ == nullptr)
     throw Description_error("libdvbpsi could not be started");
+  // The callback of libdvbpsi gets nothing but the handle, so the text hangs on it.
   handle_->p_sys = new std::string;
 }
 
@@ -214,6 +222,7 @@ std::vector<Bytes> Encoder::take(dvbpsi_psi_section_t* sections, const char* wha
   if (sections != nullptr)
     dvbpsi_DeletePSISections(sections);
   auto* problem = static_cast<std::string*>(handle_->p_sys);
+  // libdvbpsi may tell of a problem and give sections all the same; what is missing must not go unseen.
   if (result.empty() || !problem->empty())
     throw Description_error(
         fmt::format("libdvbpsi could not make {}{}", what, problem->empty() ? "" : ": " + *problem));
@@ -223,6 +232,7 @@ std::vector<Bytes> Encoder::take(dvbpsi_psi_section_t* sections, const char* wha
 void write_crc(Bytes* section) {
   uint32_t crc = 0xFFFFFFFF;
   const size_t end = section->size() - 4;
+  // Bit by bit: sections are few, and nothing can be wrong with a table here.
   for (size_t i = 0; i < end; ++i) {
     crc ^= uint32_t{(*section)[i]} << 24;
     for (int bit = 0; bit < 8; ++bit)
@@ -233,6 +243,7 @@ void write_crc(Bytes* section) {
 }
 
 Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
+  // Made when it is sent, since every one tells another time.
   Encoder encoder;
   const auto tot =
       owned(dvbpsi_tot_new(kind == TDT ? table::TDT : table::TOT, 0, 0, true, mjd_bcd(epoch)), dvbpsi_tot_delete);
@@ -243,6 +254,7 @@ Bytes time_section(const Description& all, Table_kind kind, int64_t epoch) {
   const std::vector<Bytes> sections =
       encoder.take(dvbpsi_tot_sections_generate(encoder.handle(), tot.get()), kind == TDT ? "the TDT" : "the TOT");
   Bytes section = sections.front();
+  // A reserved bit that libdvbpsi leaves 0.
   section[1] |= 0x40;
   // EN 300 468, 5.2.6: a TOT ends with a CRC though its syntax indicator is 0. libdvbpsi makes no room for it, and
   // takes a TOT without descriptors for a TDT.
@@ -281,6 +293,7 @@ std::vector<Table> make_tables(const Description& all) {
     table.pid = pid::TIME;
     tables.push_back(table);
   }
+  // Before the guide, whose tables have intervals of their own for later days.
   for (Table& table : tables)
     table.interval = all.intervals.table[table.kind];
   make_eits(all, all.services, all.transport_stream_id, all.original_network_id, true, &tables);

@@ -61,6 +61,7 @@ const std::vector<Charset>& charsets() {
   return table;
 }
 
+// A list of thirty is searched as fast as a map and keeps its order for the message.
 const Charset* find_charset(const std::string& name) {
   for (const Charset& charset : charsets())
     if (name == charset.name)
@@ -93,6 +94,7 @@ class Converter {
     char buffer[16];
     char* to = buffer;
     size_t out_left = sizeof buffer;
+    // Back to the first state, in case the character before left the converter in the middle of a sequence.
     iconv(handle_, nullptr, nullptr, nullptr, nullptr);
     // A positive result means that something was replaced by a look-alike.
     const bool good =
@@ -107,12 +109,14 @@ class Converter {
 };
 
 // Length of the UTF-8 character at `at`, 0 when it is none.
+// Checked by hand, because iconv cannot tell a character that the table lacks from bytes that are none.
 size_t utf8_length(const std::string& text, size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
   const size_t length = lead < 0x80 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC2 ? 2 : 0;
   return at + length <= text.size() ? length : 0;
 }
 
+// Line feed and emphasis are codes above 0x80 in one byte, and private characters in the larger tables.
 void append_control(const Charset& charset, uint8_t code, Bytes* out) {
   if (charset.unit == 3)
     out->insert(out->end(), {0xEE, 0x82, code});  // U+E080 to U+E09F in UTF-8
@@ -140,6 +144,7 @@ Bytes encode_text(const std::string& utf8, const std::string& charset_name, std:
     *problem = "the character table \"" + charset_name + "\" is unknown";
     return {};
   }
+  // A selector alone would be a text of one byte.
   if (utf8.empty())
     return {};
   Bytes result = charset->selector;

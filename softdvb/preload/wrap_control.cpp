@@ -24,6 +24,7 @@ static int index_of(int number) {
 SOFTDVB_EXPORT int softdvb_control(const char* line) {
   if (shared() == nullptr)
     return -1;
+  // The caller may be a program in C, which an exception must not reach.
   try {
     run_control(*shared(), line);
   } catch (const std::exception& e) {
@@ -31,6 +32,7 @@ SOFTDVB_EXPORT int softdvb_control(const char* line) {
     return -1;
   }
   const Device_lock lock;
+  // Done when the call returns: a test looks at the effect in its next line.
   player_advance();
   player_wake();
   return 0;
@@ -50,6 +52,7 @@ SOFTDVB_EXPORT long softdvb_play(int adapter, unsigned long packets) {
   if (index < 0)
     return -1;
   const Device_lock lock;
+  // How many there were tells a test that the stream is at its end.
   return static_cast<long>(player_step(index, packets));
 }
 

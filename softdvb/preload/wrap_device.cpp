@@ -20,6 +20,7 @@
 
 using namespace softdvb;
 
+// The mode is on the stack only with these flags; reading it without them would take what is not there.
 static bool takes_mode(int flags) {
   return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
@@ -36,6 +37,7 @@ static int fresh(int fd) {
 }
 
 static int open_any(int folder, const char* path, int flags, mode_t mode) {
+  // Devices first: their faults are looked at with their own names, in open_device().
   const Device_path device = parse_device_path(path);
   if (device.adapter_index >= 0)
     return open_device(device, path, flags);
@@ -97,6 +99,7 @@ SOFTDVB_EXPORT ssize_t read(int fd, void* to, size_t n) {
   return SOFTDVB_REAL(read)(fd, to, n);
 }
 
+// The form that _FORTIFY_SOURCE makes of a read into a buffer whose size is known.
 extern "C" ssize_t __read_chk(int fd, void* to, size_t n, size_t room);
 SOFTDVB_EXPORT ssize_t __read_chk(int fd, void* to, size_t n, size_t room) {
   if (maybe_ours(fd))
@@ -107,8 +110,11 @@ SOFTDVB_EXPORT ssize_t __read_chk(int fd, void* to, size_t n, size_t room) {
 }
 
 SOFTDVB_EXPORT ssize_t readv(int fd, const iovec* parts, int count) {
+  // The kernel has no readv of these devices, either; it reads part after part and stops at the first that is not
+  // filled.
   if (!maybe_ours(fd))
     return call_fails_on("read", fd) ? -1 : SOFTDVB_REAL(readv)(fd, parts, count);
+  // What was read before an error is told; the error itself comes with the next read.
   ssize_t all = 0;
   for (int i = 0; i < count; ++i) {
     if (parts[i].iov_len == 0)
@@ -124,6 +130,7 @@ SOFTDVB_EXPORT ssize_t readv(int fd, const iovec* parts, int count) {
 }
 
 SOFTDVB_EXPORT ssize_t write(int fd, const void* from, size_t n) {
+  // None of the devices takes data that a program writes.
   if (maybe_ours(fd)) {
     errno = EINVAL;
     return -1;
@@ -149,6 +156,7 @@ SOFTDVB_EXPORT ssize_t pwrite64(int fd, const void* from, size_t n, off64_t at) 
 SOFTDVB_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;
   va_start(arguments, request);
+  // Calls without an argument leave whatever is there, which nobody looks at.
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
   if (maybe_ours(fd))
@@ -164,9 +172,11 @@ SOFTDVB_EXPORT int close(int fd) {
   // Like the kernel's: a close that fails has closed all the same.
   const bool fails = call_fails_on("close", fd);
   const int error = errno;
+  // The name has to be asked for before the number is forgotten.
   std::string name;
   if (device && log_enabled())
     name = target_of(fd);
+  // Forgotten before it is closed: the number may be given out again to another thread at once.
   if (device)
     forget(fd);
   int result = SOFTDVB_REAL(close)(fd);
@@ -180,6 +190,7 @@ SOFTDVB_EXPORT int close(int fd) {
 }
 
 SOFTDVB_EXPORT int close_range(unsigned first, unsigned last, int flags) noexcept {
+  // With this flag the range is not closed now but at an exec.
   constexpr int ONLY_CLOEXEC = 4;
   if ((flags & ONLY_CLOEXEC) == 0)
     forget_range(first, last);
@@ -198,6 +209,7 @@ SOFTDVB_EXPORT int dup(int fd) noexcept {
 }
 
 SOFTDVB_EXPORT int dup2(int fd, int to) noexcept {
+  // The kernel closes what had the number before; a copy onto itself does nothing.
   if (fd != to)
     forget(to);
   const int copy = SOFTDVB_REAL(dup2)(fd, to);
@@ -220,9 +232,11 @@ static int control_any(int fd, int command, void* argument) {
   if (result < 0 || !maybe_ours(fd))
     return result;
   if (command == F_DUPFD || command == F_DUPFD_CLOEXEC) {
+    // Copies share the handle: its queue, its filter and its place.
     register_copy(fd, fresh(result));
   } else if (command == F_GETFL) {
     if (const auto handle = handle_of(fd))
+      // An eventfd is always for reading and writing, so the rights are those of the opening.
       return (result & ~O_ACCMODE) | (handle->open_flags() & O_ACCMODE);
   }
   return result;
@@ -244,6 +258,7 @@ SOFTDVB_EXPORT int fcntl64(int fd, int command, ...) {
   return control_any(fd, command, argument);
 }
 
+// Here for its faults alone; the devices cannot be mapped.
 SOFTDVB_EXPORT void* mmap(void* at, size_t n, int protection, int flags, int fd, off_t offset) noexcept {
   if (fd >= 0 && call_fails_on("mmap", fd))
     return MAP_FAILED;

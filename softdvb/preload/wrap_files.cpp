@@ -29,6 +29,8 @@ using namespace softdvb;
 
 // stat and its kin.
 
+// Behind a device path lies a plain file, so the call has succeeded; only what it tells of the file is changed.
+// Programs ask for a character device before they open one.
 template <typename Stat>
 static int device_stat_of_path(int result, const char* path, Stat* st) {
   if (result != 0)
@@ -69,6 +71,7 @@ SOFTDVB_EXPORT int fstat64(int fd, struct stat64* st) noexcept {
 
 template <typename Stat>
 static int device_stat_at(int result, int folder, const char* path, Stat* st) {
+  // With an empty path the folder is the file that is meant.
   return path[0] == '\0' ? device_stat_of_handle(result, folder, st) : device_stat_of_path(result, path, st);
 }
 
@@ -86,6 +89,7 @@ SOFTDVB_EXPORT int statx(int folder, const char* __restrict path, int flags, uns
   if (result != 0)
     return result;
   const Device_path device = parse_device_path(path);
+  // The newest form has a record of its own and is filled by hand.
   const bool is_device = device.adapter_index >= 0 || (path[0] == '\0' && maybe_ours(folder));
   if (is_device) {
     st->stx_mode = static_cast<__u16>((st->stx_mode & 06666) | S_IFCHR | 0660);
@@ -154,6 +158,7 @@ SOFTDVB_EXPORT FILE* freopen64(const char* __restrict path, const char* __restri
 
 // Files and folders.
 
+// The plain files behind the devices may be read and written, so the kernel's answer holds for the devices.
 SOFTDVB_EXPORT int access(const char* path, int mode) noexcept {
   return call_fails("access", path) ? -1 : SOFTDVB_REAL(access)(Path(path), mode);
 }
@@ -172,6 +177,7 @@ SOFTDVB_EXPORT int unlink(const char* path) noexcept {
 SOFTDVB_EXPORT int unlinkat(int folder, const char* path, int flags) noexcept {
   return call_fails("unlink", path) ? -1 : SOFTDVB_REAL(unlinkat)(folder, Path(path), flags);
 }
+// Fails with unlink's faults, because that is what it does to a file.
 SOFTDVB_EXPORT int remove(const char* path) noexcept {
   return call_fails("unlink", path) ? -1 : SOFTDVB_REAL(remove)(Path(path));
 }
@@ -278,6 +284,7 @@ SOFTDVB_EXPORT char* realpath(const char* __restrict path, char* __restrict to) 
   char* found = SOFTDVB_REAL(realpath)(moved, nullptr);
   if (found == nullptr)
     return nullptr;
+  // What the sandbox put in front is as long as the path has grown.
   const size_t cut = strlen(moved) - strlen(path);
   const std::string shown = strncmp(found, moved, cut) == 0 ? found + cut : found;
   free(found);
@@ -290,6 +297,7 @@ SOFTDVB_EXPORT int mkstemp(char* pattern) {
   const Path moved(pattern);
   if (moved.get() == pattern)
     return SOFTDVB_REAL(mkstemp)(pattern);
+  // The call fills in the letters, which have to be shown in the program's own pattern.
   std::string name = moved.get();
   const int fd = SOFTDVB_REAL(mkstemp)(name.data());
   memcpy(pattern, name.c_str() + (name.size() - strlen(pattern)), strlen(pattern));
@@ -311,6 +319,7 @@ static bool lists_devices(DIR* folder) {
   if (s == nullptr)
     return false;
   char path[MAX_PATH];
+  // The folder was opened under its real name, so the list does not tell whether it is one of ours.
   const std::string link = "/proc/self/fd/" + std::to_string(dirfd(folder));
   const ssize_t n = SOFTDVB_REAL(readlink)(link.c_str(), path, sizeof path - 1);
   return n > 0 && strncmp(path, s->run_dir, strlen(s->run_dir)) == 0;

@@ -24,6 +24,7 @@ using namespace softdvb;
 
 static constexpr int64_t US = 1000;
 
+// Clocks of processor time stay real: they measure work and not waiting.
 SOFTDVB_EXPORT int clock_gettime(clockid_t clock, timespec* t) noexcept {
   const int result = SOFTDVB_REAL(clock_gettime)(clock, t);
   if (result == 0 && time_is_virtual())
@@ -38,6 +39,7 @@ static timespec real_time_now() {
 }
 
 SOFTDVB_EXPORT int gettimeofday(timeval* __restrict tv, void* __restrict zone) noexcept {
+  // Without virtual time the C library answers by itself, without a system call.
   if (!time_is_virtual())
     return SOFTDVB_REAL(gettimeofday)(tv, zone);
   const timespec t = real_time_now();
@@ -71,6 +73,7 @@ static int refuse_clock(const char* call, long long seconds, long nanoseconds) {
   return -1;
 }
 
+// A test counts what a program would have set, and the machine of the developer keeps its time.
 static int record_clock(const char* call, long long seconds, long nanoseconds) {
   if (call_fails(call))
     return -1;
@@ -81,8 +84,10 @@ static int record_clock(const char* call, long long seconds, long nanoseconds) {
 }
 
 SOFTDVB_EXPORT int settimeofday(const timeval* tv, const struct timezone* zone) noexcept {
+  // Preloaded without a launcher, this library changes nothing.
   if (shared() == nullptr)
     return SOFTDVB_REAL(settimeofday)(tv, zone);
+  // The zone of the kernel alone is set like this.
   if (tv == nullptr)
     return record_clock("settimeofday", 0, 0);
   if (tv->tv_sec < 0 || tv->tv_usec < 0 || tv->tv_usec >= 1000000)
@@ -112,6 +117,7 @@ SOFTDVB_EXPORT int adjtime(const timeval* by, timeval* left) noexcept {
 }
 
 static int adjust(const char* call, timex* t) {
+  // Programs go by the state that a successful call returns, so the kernel is asked for it without being changed.
   timex query = *t;
   query.modes = 0;
   const int state = SOFTDVB_REAL(adjtimex)(&query);
@@ -140,18 +146,21 @@ SOFTDVB_EXPORT int clock_adjtime(clockid_t clock, timex* t) noexcept {
 
 // Sleeping.
 
+// What the kernel would refuse goes to it unchanged and is refused by it.
 SOFTDVB_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left) {
   if (!time_is_virtual() || clock_kind(clock) == Clock_kind::OTHER || wanted->tv_nsec < 0 ||
       wanted->tv_nsec >= static_cast<long>(NANOS) || wanted->tv_sec < 0)
     return SOFTDVB_REAL(clock_nanosleep)(clock, flags, wanted, left);
   const Shared& s = *shared();
   if ((flags & TIMER_ABSTIME) != 0) {
+    // A time long past may be before the machine's clock began.
     const timespec real = from_nanos(std::max<int64_t>(to_real_clock(s, clock_kind(clock), nanos(*wanted)), 0));
     return SOFTDVB_REAL(clock_nanosleep)(clock, flags, &real, nullptr);
   }
   const timespec real = from_nanos(to_real_duration(s, nanos(*wanted)));
   timespec real_left{};
   const int result = SOFTDVB_REAL(clock_nanosleep)(clock, flags, &real, &real_left);
+  // A program that goes on sleeping for what is left must get virtual seconds again.
   if (result == EINTR && left != nullptr)
     *left = from_nanos(to_virtual_duration(s, nanos(real_left)));
   return result;
@@ -160,6 +169,7 @@ SOFTDVB_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* w
 SOFTDVB_EXPORT int nanosleep(const timespec* wanted, timespec* left) {
   if (!time_is_virtual())
     return SOFTDVB_REAL(nanosleep)(wanted, left);
+  // This one returns its error, where nanosleep leaves it in errno.
   const int error = clock_nanosleep(CLOCK_MONOTONIC, 0, wanted, left);
   if (error == 0)
     return 0;
@@ -185,11 +195,13 @@ SOFTDVB_EXPORT unsigned sleep(unsigned seconds) {
 
 // Timers.
 
+// The kernel does not tell on which clock a timer runs, so it is noted when the timer is made.
 struct Timer_clocks {
   pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   std::map<timer_t, Clock_kind> kinds;
 };
 
+// Never destroyed, for timers that are used while the process ends.
 static Timer_clocks& timer_clocks() {
   static Timer_clocks* const t = new Timer_clocks;
   return *t;
@@ -205,6 +217,7 @@ static Clock_kind timer_kind(timer_t timer) {
 }
 
 static int64_t to_real_deadline(Clock_kind kind, bool absolute, int64_t ns) {
+  // 0 disarms a timer and must stay 0.
   if (ns == 0 || kind == Clock_kind::OTHER)
     return ns;
   const Shared& s = *shared();
@@ -212,6 +225,7 @@ static int64_t to_real_deadline(Clock_kind kind, bool absolute, int64_t ns) {
 }
 
 static itimerspec to_real_timer(const itimerspec& t, Clock_kind kind, bool absolute) {
+  // An interval is a duration, also of a timer that was set to a time of day.
   return {from_nanos(to_real_deadline(kind, false, nanos(t.it_interval))),
           from_nanos(to_real_deadline(kind, absolute, nanos(t.it_value)))};
 }
@@ -320,6 +334,7 @@ SOFTDVB_EXPORT int setitimer(__itimer_which_t which, const itimerval* wanted, it
   if (!time_is_virtual() || which != ITIMER_REAL || wanted == nullptr)
     return SOFTDVB_REAL(setitimer)(which, wanted, before);
   const Shared& s = *shared();
+  // Never less than a microsecond, which would disarm the timer.
   const auto shorter = [&](const timeval& t) {
     const int64_t ns = nanos_of(t);
     return to_timeval(ns > 0 ? std::max(to_real_duration(s, ns), US) : ns);
@@ -355,6 +370,7 @@ SOFTDVB_EXPORT unsigned alarm(unsigned seconds) noexcept {
 
 // Waiting for other threads until a time on a clock.
 
+// A time that is no valid one is left for the C library to refuse.
 static timespec real_deadline(Clock_kind kind, const timespec& t) {
   if (!is_valid(t))
     return t;

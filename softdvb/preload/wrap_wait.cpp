@@ -26,6 +26,7 @@ static constexpr int64_t MS = 1000000;
 static constexpr short READABLE = POLLIN | POLLRDNORM | POLLPRI;
 static constexpr int64_t SLICE_NS = 10 * MS;  // for who waits for an error alone, which the kernel cannot show
 
+// Waits without a device of ours are the common case and go to the kernel as they are.
 static bool has_ours(const pollfd* p, nfds_t n) {
   for (nfds_t i = 0; i < n; ++i)
     if (maybe_ours(p[i].fd))
@@ -43,6 +44,8 @@ static int real_poll(pollfd* p, nfds_t n, int64_t real_ns, const sigset_t* mask)
   return SOFTDVB_REAL(ppoll)(p, n, real_ns < 0 ? nullptr : &time, mask);
 }
 
+// The kernel waits on the eventfds, but what is ready is told by the model: an eventfd knows no errors and no urgent
+// data.
 class Poll {
  public:
   Poll(pollfd* p, nfds_t n) : given_(p), kernel_(p, p + n), handles_(n) {
@@ -53,6 +56,7 @@ class Poll {
         continue;
       }
       kernel_[i].events = POLLIN;
+      // Who does not ask for data would be woken for nothing by a queue that is not empty.
       if ((p[i].events & READABLE) != 0)
         continue;
       kernel_[i].fd = -1;
@@ -65,11 +69,13 @@ class Poll {
     int ready = 0;
     if (others_ && (ready = look_at_others()) < 0)
       return -1;
+    // Others are looked at before, without the lock: the kernel may take its time there.
     const Device_lock lock;
     player_advance();
     for (size_t i = 0; i < handles_.size(); ++i) {
       if (handles_[i] == nullptr)
         continue;
+      // An error is shown whether it was asked for or not.
       given_[i].revents = static_cast<short>(handles_[i]->ready() & (given_[i].events | POLLERR));
       handles_[i]->sync();
       if (given_[i].revents != 0)
@@ -105,7 +111,9 @@ class Poll {
 
 static int poll_ours(pollfd* p, nfds_t n, int64_t real_ns, const sigset_t* mask) {
   Poll poll(p, n);
+  // Waking up for nothing is common, so the end is fixed once and not counted down.
   const int64_t end = real_ns < 0 ? 0 : machine_now_ns() + real_ns;
+  // After the time is over there is one more look, so that what came at the last moment is told.
   for (bool last = false;;) {
     const int ready = poll.look();
     if (ready != 0 || last)
@@ -128,6 +136,7 @@ static std::string poll_text(const pollfd* p, nfds_t n, bool done) {
 }
 
 static int poll_any(pollfd* p, nfds_t n, int64_t virtual_ns, const sigset_t* mask) {
+  // Before anything else: a call that is interrupted at once has not looked.
   if (call_fails("poll"))
     return -1;
   const int64_t real_ns = real_timeout(virtual_ns);
@@ -167,6 +176,7 @@ static constexpr short WRITE_BITS = POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR;
 static constexpr short EXCEPT_BITS = POLLPRI;
 
 static std::vector<pollfd> as_poll(int n, const fd_set* reads, const fd_set* writes, const fd_set* excepts) {
+  // The kernel itself makes select of the same answers as poll.
   std::vector<pollfd> list;
   for (int fd = 0; fd < n; ++fd) {
     int events = 0;
@@ -196,6 +206,7 @@ static int select_ours(std::vector<pollfd>& list, fd_set* reads, fd_set* writes,
   if (poll_ours(list.data(), list.size(), real_ns, mask) < 0)
     return -1;
   for (const pollfd& p : list) {
+    // Where poll tells of a closed descriptor in its bits, select fails.
     if ((p.revents & POLLNVAL) != 0) {
       errno = EBADF;
       return -1;
@@ -211,6 +222,7 @@ static int select_ours(std::vector<pollfd>& list, fd_set* reads, fd_set* writes,
 }
 
 static bool any_ours(int n, const fd_set* reads, const fd_set* writes, const fd_set* excepts) {
+  // Sets are no larger than this, however large a number the program gives.
   for (int fd = 0; fd < n && fd < FD_SETSIZE; ++fd)
     if (maybe_ours(fd) && (is_in(fd, reads) || is_in(fd, writes) || is_in(fd, excepts)))
       return true;
@@ -236,6 +248,7 @@ SOFTDVB_EXPORT int select(int n, fd_set* reads, fd_set* writes, fd_set* excepts,
     return -1;
   if (timeout == nullptr)
     return select_any(n, reads, writes, excepts, FOREVER, nullptr);
+  // The kernel takes more than a million microseconds but no negative ones.
   if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
     errno = EINVAL;
     return -1;

@@ -45,7 +45,7 @@ TEST_F(FilterList, starts_empty) {
 }
 
 TEST_F(FilterList, addfilter_for_a_table_fills_in_the_parsers_defaults) {
-  EXPECT_EQ(add(0, 0x100, 0x42), "");
+  EXPECT_EQ(add(0, 0x100, table::SDT_ACTUAL), "");
   EXPECT_EQ(list(), "wanted 100:42");
   EXPECT_EQ(bytes(0), rising(0x42, 1));
   EXPECT_EQ(mask(0), rising(0xFF, 1));
@@ -57,19 +57,20 @@ TEST_F(FilterList, length_20_keeps_the_first_16_bytes_and_warns) {
   unsigned char wide_mask[20];
   std::iota(wide, wide + 20, 0x40);
   std::iota(wide_mask, wide_mask + 20, 0x80);
-  EXPECT_EQ(messages_at(1, [&] { filter.addfilter(16, FREQ, wide, wide_mask, 20, FILTER_FLAG_ONESHOT, 5); }),
+  EXPECT_EQ(messages_at(1, [&] { filter.addfilter(pid::NIT, FREQ, wide, wide_mask, 20, FILTER_FLAG_ONESHOT, 5); }),
             "WARNING: Filter length too long 20 > 16, remaining discarded\n");
   EXPECT_EQ(bytes(0), rising(0x40, 16));
   EXPECT_EQ(mask(0), rising(0x80, 16));
   EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_ONESHOT, 5, FREQ, -1, 0, 0, 0}));
-  EXPECT_EQ(messages_at(0, [&] { filter.addfilter(16, FREQ, wide, wide_mask, 17, 0, 5); }), "");
+  EXPECT_EQ(messages_at(0, [&] { filter.addfilter(pid::NIT, FREQ, wide, wide_mask, 17, 0, 5); }), "");
 }
 
 TEST_F(FilterList, length_16_and_0_are_taken_without_a_warning) {
   const unsigned char three[16] = {1, 2, 3};
   for (const auto& [length, taken] : {std::pair{16, 3}, std::pair{0, 0}, std::pair{-3, 0}}) {
     filter.remove_all();
-    EXPECT_EQ(messages_at(2, [&, length = length] { filter.addfilter(16, FREQ, three, three, length, 0, 5); }), "");
+    EXPECT_EQ(messages_at(2, [&, length = length] { filter.addfilter(pid::NIT, FREQ, three, three, length, 0, 5); }),
+              "");
     EXPECT_EQ(bytes(0), rising(1, taken)) << length;
   }
 }
@@ -87,7 +88,7 @@ TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4_and_a_reused_
 
 TEST_F(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter_and_its_counters_are_new) {
   const unsigned char sixteen[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-  filter.addfilter(16, FREQ, sixteen, sixteen, 16, FILTER_FLAG_ONESHOT, 5);
+  filter.addfilter(pid::NIT, FREQ, sixteen, sixteen, 16, FILTER_FLAG_ONESHOT, 5);
   at(0)->captured = 7;
   at(0)->restarts = 3;
   filter.remove_all();
@@ -110,13 +111,10 @@ TEST_F(FilterList, the_first_free_slot_is_reused_and_the_same_filter_twice_takes
 
 // --- Removal ---------------------------------------------------------------------------------------------------------
 
-TEST_F(FilterRemoval, of_a_filter_that_is_not_there_prints_a_count_of_0) {
+TEST_F(FilterRemoval, of_one_filter_is_silent_below_3_and_of_none_an_error) {
   EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.removefilter(pid::NIT, table::NIT_ACTUAL), 0); }),
             "ERROR: Removed 0 instances of pid 10, Tid 40\n");
   EXPECT_EQ(remove(-1, pid::NIT, table::NIT_ACTUAL), "");
-}
-
-TEST_F(FilterRemoval, removefilter_of_one_filter_is_silent_below_3) {
   want(pid::NIT, table::NIT_ACTUAL);
   want(pid::NIT, table::NIT_OTHER);
   EXPECT_EQ(remove(2, pid::NIT, table::NIT_OTHER), "");

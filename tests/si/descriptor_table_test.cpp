@@ -10,7 +10,7 @@ using namespace si_support;
 
 namespace {
 
-TEST(Descriptor_table, is_sorted_and_no_two_rows_of_a_tag_share_a_loop) {
+TEST(Descriptor_table, is_sorted_shares_no_loop_between_rows_of_a_tag_and_has_three_tags_of_a_nit_alone) {
   std::map<int, unsigned> loops;
   int before = 0;
   for (const Descriptor_row& row : descriptor_rows()) {
@@ -22,17 +22,11 @@ TEST(Descriptor_table, is_sorted_and_no_two_rows_of_a_tag_share_a_loop) {
     loops[row.tag] |= row.loops;
     before = row.tag;
   }
-}
-
-TEST(Descriptor_table, what_only_a_nit_has_is_unknown_elsewhere) {
-  std::map<int, unsigned> loops;
-  for (const Descriptor_row& row : descriptor_rows())
-    loops[row.tag] |= row.loops;
   std::set<int> network_only;
   for (const auto& [tag, all] : loops)
     if (all != loop::ANY)
       network_only.insert(tag);
-  EXPECT_EQ(network_only, (std::set<int>{0x41, 0x5B, 0x62}));
+  EXPECT_EQ(network_only, (std::set<int>{tag::SERVICE_LIST, tag::MULTILINGUAL_NETWORK_NAME, tag::FREQUENCY_LIST}));
 }
 
 // A section's own findings end with it, whatever loops its descriptors stood in.
@@ -42,8 +36,8 @@ TEST_F(Findings, of_sections_are_not_those_of_descriptors_given_by_hand) {
   scan(pat({{1, 0x100}}));
   parser.find_create_subtxt_lang("est");
   parser.find_create_epglang("est")->ev_name = "By hand";
-  scan(pmt(1, 0x101, {{2, 0x101, descriptor(0x59, join({bytes("rus"), {1, 0, 0, 0, 0}}))}}));
-  EXPECT_EQ(rows("SELECT languages FROM estreams_scan_0"), (std::vector<std::string>{"rus"}));
+  scan(pmt(1, 0x101, {{2, 0x101, subtitling({{"rus", 1}})}}));
+  EXPECT_EQ(rows("SELECT languages FROM estreams_scan_0"), Texts{"rus"});
   EXPECT_EQ(parser.find_create_epglang("est")->ev_name, "By hand");
   EXPECT_EQ(parser.parts().found_by_hand().subtitles.list().size(), 1u);
 }

@@ -75,7 +75,7 @@ TEST_F(Dispatch, a_table_on_a_pid_that_is_not_its_own_is_dropped_without_a_messa
 }
 
 TEST_F(Dispatch, a_pmt_is_taken_from_any_pid) {
-  for (int pid : {0, 16, 0x20, 0x1FFE})
+  for (int pid : {pid::PAT, pid::NIT, pid::LAST_RESERVED + 1, pid::LAST - 1})
     EXPECT_THAT(scan_at(4, pmt(1, 0x101, {}), pid), HasSubstr("PMT: Program 1, PID "));
 }
 

@@ -276,15 +276,7 @@ TEST_F(Monitor_test, wait_for_quality_wants_each_reading_beyond_its_limit) {
 }
 
 // A reading that fails answers the last value, here 0 dB.
-TEST_F(Monitor_test, wait_for_quality_counts_the_failing_tests_before_the_good_one) {
-  const support::Stderr_capture capture;
-  frontend.failing = FE_READ_SNR;
-  int tests = 0;
-  frontend.after_sleep = [&] { frontend.failing = ++tests < 4 ? FE_READ_SNR : 0; };
-  EXPECT_EQ(wait(2, 101, 20, 50), 4);
-}
-
-TEST_F(Monitor_test, wait_for_quality_reads_the_snr_only_when_the_others_are_good) {
+TEST_F(Monitor_test, wait_for_quality_counts_failing_tests_and_reads_the_snr_only_when_the_others_are_good) {
   const support::Stderr_capture capture;
   frontend.failing = FE_READ_SNR;
   EXPECT_EQ(wait(1, 100, -1, 50), 0);
@@ -293,6 +285,9 @@ TEST_F(Monitor_test, wait_for_quality_reads_the_snr_only_when_the_others_are_goo
   EXPECT_EQ(wait(1, 101, 0, 50), 0);
   EXPECT_EQ(support::lines_of(capture.text()),
             Texts{std::string("ERROR: FE_READ_STATUS failed for ") + frontend.path() + " failed"} * 10);
+  int tests = 0;
+  frontend.after_sleep = [&] { frontend.failing = ++tests < 4 ? FE_READ_SNR : 0; };
+  EXPECT_EQ(wait(2, 101, 20, 50), 4);
 }
 
 TEST_F(Monitor_test, wait_for_quality_on_a_bad_signal_takes_20_tests_of_100_ms_and_writes_four_dots) {

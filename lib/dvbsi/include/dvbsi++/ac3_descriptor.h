@@ -25,7 +25,7 @@ class Ac3Descriptor : public Descriptor {
   uint8_t getBsid() const { return field(6); }
   uint8_t getMainid() const { return field(5); }
   uint8_t getAvsc() const { return field(4); }  // the asvc field, whose flag is getAsvcFlag()
-  // The bytes behind the fields; empty, never null, and the descriptor's own.
+  // The bytes behind the fields, the descriptor's own: may be empty, never null.
   const AdditionalInfoVector* getAdditionalInfo() const;
 
  private:

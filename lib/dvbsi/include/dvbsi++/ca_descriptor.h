@@ -18,7 +18,7 @@ class CaDescriptor : public Descriptor {
 
   uint16_t getCaSystemId() const { return static_cast<uint16_t>(two_bytes(0)); }
   uint16_t getCaPid() const { return static_cast<uint16_t>(two_bytes(2) & 0x1FFF); }
-  // The private data behind the PID; empty, never null, and the descriptor's own.
+  // The private data behind the PID, the descriptor's own: may be empty, never null.
   const CaDataByteVector* getCaDataBytes() const;
 
  private:

@@ -20,8 +20,8 @@ class DescriptorContainer {
   DescriptorContainer(const DescriptorContainer&) = delete;
   DescriptorContainer& operator=(const DescriptorContainer&) = delete;
 
-  // The descriptors of the loop, each of the class of its tag, see descriptor.h; empty, never null. The list and they
-  // belong to this object. Made at the first call; when that throws std::bad_alloc, the next call tries again.
+  // The descriptors of the loop, each of the class of its tag, see descriptor.h; may be empty, never null. The list
+  // and they belong to this object. Made at the first call; when that throws std::bad_alloc, the next call tries again.
   const DescriptorList* getDescriptors() const;
 
  protected:

@@ -11,9 +11,8 @@ class Iso639Language {
   Iso639Language(const uint8_t* const buffer);
 
   const std::string& getIso639LanguageCode() const { return language_; }
-  uint8_t getAudioType() const {
-    return audio_type_;
-  }  // 0 undefined, 1 clean effects, 2 and 3 for impaired hearing and sight
+  // 0 is undefined, 1 clean effects, 2 for impaired hearing, 3 for impaired sight.
+  uint8_t getAudioType() const { return audio_type_; }
 
  private:
   std::string language_;

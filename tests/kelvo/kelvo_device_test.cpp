@@ -71,11 +71,9 @@ TEST_F(Kelvo_device_test, readings_are_the_tuner_s) {
   EXPECT_TRUE(wait_for([&] { return kelvo_->fe_strength() == 60.0F && kelvo_->fe_ber() == 88.0F; }));
   EXPECT_NEAR(kelvo_->fe_snr(), 17.0757F, 0.0001F);
   kelvo_->set_tuner(false);
-  EXPECT_EQ(kelvo_->fe_freq(), 0);
-  EXPECT_EQ(kelvo_->fe_status(), 32);
-  EXPECT_EQ(kelvo_->fe_strength(), -24.0F);
-  EXPECT_EQ(kelvo_->fe_snr(), 1.0F);
-  EXPECT_EQ(kelvo_->fe_ber(), 0.1F);
+  EXPECT_EQ(
+      std::tuple(kelvo_->fe_freq(), kelvo_->fe_status(), kelvo_->fe_strength(), kelvo_->fe_snr(), kelvo_->fe_ber()),
+      std::tuple(0, 32, -24.0F, 1.0F, 0.1F));
 }
 
 TEST_F(Kelvo_device_test, new_tuner_has_forgotten_frequency_and_events) {

@@ -43,7 +43,6 @@ void Protocol::add(const std::string& line) {
   std::function<void()> action;
   {
     const std::lock_guard<std::mutex> lock(lock_);
-    lines_.push_back(line);
     const auto found =
         std::find_if(actions_.begin(), actions_.end(), [&](const auto& waiting) { return waiting.first == line; });
     if (found != actions_.end()) {
@@ -51,9 +50,13 @@ void Protocol::add(const std::string& line) {
       actions_.erase(found);
     }
   }
-  said_.notify_all();
-  if (action)
+  if (action)  // before the line: who has waited for it may end the test
     action();
+  {
+    const std::lock_guard<std::mutex> lock(lock_);
+    lines_.push_back(line);
+  }
+  said_.notify_all();
 }
 
 std::string Protocol::text(const std::vector<std::string>& words) const {

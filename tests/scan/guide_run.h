@@ -35,10 +35,10 @@ class Guide_test : public Scan_test {
 
   // A line an event, in the order of services and starts:
   //   SERVICE|EVENT ID|DATE|TIME|SECONDS SINCE NOW|DURATION|DURATION IN SECONDS|CONTENT|RATING|RUNNING|FREE_CA
-  std::string events(const std::string& order = "pat_prnr, start_epoch") const {
+  std::string events() const {
     return sql(
         std::string("SELECT pat_prnr, ev_id, printf('%x', ymd_bcd), printf('%06x', hms_bcd), start_epoch - ") + NOW +
-        ", printf('%06x', dur_bcd), dur_sec, content_id, rating, run_status, free_ca FROM epglist ORDER BY " + order);
+        ", printf('%06x', dur_bcd), dur_sec, content_id, rating, run_status, free_ca FROM epglist ORDER BY pat_prnr, start_epoch");
   }
   // SERVICE|EVENT ID|LANGUAGE|NAME|TEXT|EXTENDED TEXT|ITEMS
   std::string texts() const {
@@ -46,8 +46,6 @@ class Guide_test : public Scan_test {
         "SELECT pat_prnr, ev_id, lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist e, epglist_lang l "
         "WHERE l.source_oid = e.entry ORDER BY pat_prnr, start_epoch, lang");
   }
-  // SERVICE|EVENT ID, in the order of their storing
-  std::string stored_order() const { return sql("SELECT pat_prnr, ev_id FROM epglist ORDER BY entry"); }
 
   // When the filter of a table, "4e" and so on, was set last, in seconds since the adapter's start; -1 for never.
   static double opened(const Scan_run& run, const std::string& table) {

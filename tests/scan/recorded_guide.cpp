@@ -22,7 +22,9 @@ extern "C" {
 }
 // clang-format on
 
+#include "base/ids.h"
 #include "support/support.h"
+#include "support/text.h"
 #include "support/ts_writer.h"
 
 namespace scan_support {
@@ -31,7 +33,6 @@ namespace {
 
 using support::Bytes;
 
-constexpr unsigned PID_EIT = 18;
 constexpr size_t PACKET = 188;
 constexpr int MJD_OF_1970 = 40587;
 
@@ -83,20 +84,9 @@ std::string utf8(const uint8_t* bytes, size_t size) {
   return out;
 }
 
-// As a value of the database's listing: control codes made visible; texts of less than three bytes are not stored.
+// As a value of the database's listing: texts of less than three bytes are not stored.
 std::string shown(const std::string& text) {
-  if (text.size() < 3)
-    return "";
-  std::string all;
-  for (const char c : text) {
-    if (c == '\n')
-      all += "\\n";
-    else if (static_cast<unsigned char>(c) < 0x20)
-      all += "\\" + std::to_string(static_cast<unsigned char>(c));
-    else
-      all += c;
-  }
-  return all;
+  return text.size() < 3 ? "" : support::visible(text);
 }
 
 struct Guide {
@@ -112,13 +102,13 @@ void add_event(Guide* guide, int service, const dvbpsi_eit_event_t& event) {
   std::map<std::string, Texts> languages;
   const auto language = [](const uint8_t* code) { return std::string(reinterpret_cast<const char*>(code), 3); };
   for (auto* d = event.p_first_descriptor; d != nullptr; d = d->p_next) {
-    if (d->i_tag == 0x4D) {
+    if (d->i_tag == tag::SHORT_EVENT) {
       if (const auto* s = dvbpsi_DecodeShortEventDr(d)) {
         Texts& texts = languages[language(s->i_iso_639_code)];
         texts.title = utf8(s->i_event_name, static_cast<size_t>(s->i_event_name_length));
         texts.text = utf8(s->i_text, static_cast<size_t>(s->i_text_length));
       }
-    } else if (d->i_tag == 0x4E) {
+    } else if (d->i_tag == tag::EXTENDED_EVENT) {
       if (const auto* e = dvbpsi_DecodeExtendedEventDr(d)) {
         Texts& texts = languages[language(e->i_iso_639_code)];
         texts.extended += utf8(e->i_text, static_cast<size_t>(e->i_text_length));
@@ -127,7 +117,7 @@ void add_event(Guide* guide, int service, const dvbpsi_eit_event_t& event) {
           texts.items += name + name + ":" + utf8(e->i_item[i], e->i_item_length[i]) + ",";
         }
       }
-    } else if (d->i_tag == 0x54) {
+    } else if (d->i_tag == tag::CONTENT) {
       if (const auto* c = dvbpsi_DecodeContentDr(d); c != nullptr && c->i_contents_number != 0) {
         content.clear();
         for (int i = 0; i < c->i_contents_number; ++i) {
@@ -138,7 +128,7 @@ void add_event(Guide* guide, int service, const dvbpsi_eit_event_t& event) {
           content += text;
         }
       }
-    } else if (d->i_tag == 0x55) {
+    } else if (d->i_tag == tag::PARENTAL_RATING) {
       if (const auto* r = dvbpsi_DecodeParentalRatingDr(d); r != nullptr && r->i_ratings_number != 0) {
         rating.clear();
         for (int i = 0; i < r->i_ratings_number; ++i) {
@@ -181,7 +171,7 @@ void decode(Bytes section, Guide* guide) {
   section[6] = section[7] = section[12] = 0;
   support::Ts_writer writer;
   const Bytes table = support::with_crc(std::move(section));
-  writer.section(PID_EIT, table).section(PID_EIT, table);
+  writer.section(pid::EIT, table).section(pid::EIT, table);
   dvbpsi_t* const handle = dvbpsi_new(nullptr, DVBPSI_MSG_NONE);
   dvbpsi_AttachDemux(handle, on_subtable, guide);
   for (size_t at = 0; at < writer.bytes.size(); at += PACKET)
@@ -193,7 +183,9 @@ void decode(Bytes section, Guide* guide) {
 std::set<Bytes>* gathered = nullptr;
 
 void on_section(dvbpsi_t*, dvbpsi_psi_section_t* section) {
-  const bool actual = section->i_table_id == 0x4E || (section->i_table_id >= 0x50 && section->i_table_id <= 0x5F);
+  const bool actual =
+      section->i_table_id == table::EIT_PRESENT_FOLLOWING ||
+      (section->i_table_id >= table::EIT_SCHEDULE_FIRST && section->i_table_id <= table::EIT_SCHEDULE_LAST);
   if (actual && section->b_current_next)
     gathered->insert(Bytes(section->p_data, section->p_payload_end + 4));
   dvbpsi_DeletePSISections(section);
@@ -209,7 +201,7 @@ std::set<Bytes> sections_of(const std::string& file) {
   std::string stream = support::read_file(file);
   for (size_t at = 0; at + PACKET <= stream.size(); at += PACKET) {
     auto* packet = reinterpret_cast<uint8_t*>(stream.data()) + at;
-    if ((static_cast<unsigned>(packet[1] & 31) << 8 | packet[2]) == PID_EIT && (packet[1] & 0x80) == 0)
+    if ((static_cast<unsigned>(packet[1] & 31) << 8 | packet[2]) == pid::EIT && (packet[1] & 0x80) == 0)
       dvbpsi_packet_push(handle, packet);
   }
   dvbpsi_decoder_delete(handle->p_decoder);
@@ -240,10 +232,7 @@ std::vector<std::string> recorded_guide(const std::string& file, const std::set<
 }
 
 void expect_same_guide(const std::vector<std::string>& recorded, const std::string& stored) {
-  std::vector<std::string> lines;
-  std::istringstream in(stored);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
+  support::Texts lines = support::lines_of(stored);
   std::sort(lines.begin(), lines.end());
   std::vector<std::string> missing;
   std::vector<std::string> unknown;

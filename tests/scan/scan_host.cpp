@@ -13,7 +13,6 @@
 //   wait_done N SECONDS           until the last frequency request is answered
 //   wait_change N CODE SECONDS    until the change callback got CODE since the last wait_change
 //   wait_sql SECONDS SQL          until the query (of one number) answers other than 0
-//   wait_ends N STAGE COUNT SECONDS   until so many scans of a stage (PAT, PMT) have ended since the creation
 //   wait_filter N PID COUNT SECONDS   until filters of a PID have been started so many times since the creation
 //   scan N on|off, tuner N on|off
 //   export N FILE, export_channels N FILE
@@ -29,11 +28,9 @@
 //   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
-//   control LINE                  to the software adapter
 //   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
 //
 // Lines of callbacks appear as they come: "done N RESULT", "change N CODE".
-#include <dlfcn.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -79,10 +76,9 @@ struct Adapter {
   std::atomic<int> answers{0};
   int requests = 0;
   std::atomic<unsigned> changes{0};
-  std::mutex lock;                  // guards what follows
-  std::map<std::string, int> ends;  // by stage
-  std::map<int, int> filters;       // started, by PID
-  Broadcast_time time;              // the last one, of frequency 0 before that
+  std::mutex lock;             // guards what follows
+  std::map<int, int> filters;  // started, by PID
+  Broadcast_time time;         // the last one, of frequency 0 before that
 
   template <typename Get>
   auto locked(Get get) {
@@ -106,11 +102,6 @@ void done(void* data, int result) {
   const auto* adapter = static_cast<Adapter*>(data);
   say("done " + std::to_string(adapter - adapters.data()) + " " + std::to_string(result));
   ++adapters[static_cast<size_t>(adapter - adapters.data())].answers;
-}
-
-void scan_ended(void* data, const Scan_end& end) {
-  auto* adapter = static_cast<Adapter*>(data);
-  adapter->locked([&] { return ++adapter->ends[end.stage == SCAN_PAT ? "PAT" : "PMT"]; });
 }
 
 void time_told(void* data, const Broadcast_time& time) {
@@ -179,11 +170,6 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   } else if (command == "exists") {
     const std::string file = rest(in);
     say(std::string("exists ") + (access(file.c_str(), F_OK) == 0 ? "yes" : "no"));
-  } else if (command == "control") {
-    using Control = int (*)(const char* line);
-    const auto control = reinterpret_cast<Control>(dlsym(RTLD_DEFAULT, "softdvb_control"));
-    if (control == nullptr || control(rest(in).c_str()) != 0)
-      wrong(line);
   } else if (command == "types") {
     std::vector<int> types;
     for (int type = 0; in >> type;)
@@ -230,7 +216,6 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     const bool tuner = next<std::string>(in) == "tuner";
     const int connector = next<int>(in);
     a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), connector, next<int>(in), database.get(), tuner, CHANGED[n]);
-    a.kelvo->set_scan_listener(scan_ended, &a);
     a.kelvo->set_time_listener(time_told, &a);
     a.kelvo->set_activity_listener({active, &a});
     return;
@@ -258,11 +243,6 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     if (!wait_until(next<double>(in), [&] { return (a.changes & code) == code; }))
       say("no change " + std::to_string(code));
     a.changes = 0;
-  } else if (command == "wait_ends") {
-    const auto stage = next<std::string>(in);
-    const int times = next<int>(in);
-    if (!wait_until(next<double>(in), [&] { return a.locked([&] { return a.ends[stage]; }) >= times; }))
-      say("no end of " + stage);
   } else if (command == "wait_filter") {
     const int pid = next<int>(in);
     const int times = next<int>(in);
@@ -324,8 +304,7 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global :
-       {"open", "types", "insert", "verbosity", "sleep", "write", "exists", "control", "sql", "wait_sql"}) {
+  for (const char* global : {"open", "types", "insert", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

@@ -50,18 +50,8 @@ Rows query(sqlite3* db, const std::string& sql, std::vector<std::string>* column
 // One line, with what would break it made visible.
 std::string line(const std::vector<std::string>& row) {
   std::string text;
-  for (const std::string& value : row) {
-    if (!text.empty() || &value != &row.front())
-      text += '|';
-    for (const char c : value) {
-      if (c == '\n')
-        text += "\\n";
-      else if (static_cast<unsigned char>(c) < 0x20)
-        text += "\\" + std::to_string(static_cast<unsigned char>(c));
-      else
-        text += c;
-    }
-  }
+  for (const std::string& value : row)
+    text += (&value != &row.front() ? "|" : "") + visible(value);
   return text + "\n";
 }
 

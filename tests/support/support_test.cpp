@@ -71,6 +71,7 @@ TEST(Database, stays_when_it_is_opened_again_and_goes_with_its_folder) {
 TEST(Text, counts_and_lines) {
   EXPECT_EQ(support::count_of("a-b-a", "a"), 2u);
   EXPECT_EQ(support::lines_of("one\n\ntwo"), (Texts{"one", "", "two"}));
+  EXPECT_EQ(support::visible("a\n\x05z"), "a\\n\\5z");
   int asked = 0;
   EXPECT_TRUE(support::wait_for([&] { return ++asked == 3; }));
   EXPECT_FALSE(support::wait_for([] { return false; }, std::chrono::milliseconds(5)));

@@ -22,4 +22,17 @@ Texts lines_of(const std::string& text) {
   return all;
 }
 
+std::string visible(const std::string& text) {
+  std::string all;
+  for (const char c : text) {
+    if (c == '\n')
+      all += "\\n";
+    else if (static_cast<unsigned char>(c) < 0x20)
+      all += "\\" + std::to_string(static_cast<unsigned char>(c));
+    else
+      all += c;
+  }
+  return all;
+}
+
 }  // namespace support

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 #include <thread>
 
@@ -53,6 +54,10 @@ std::string contents(int file) {
 }
 
 }  // namespace
+
+void PrintTo(const Command_result& result, std::ostream* out) {
+  *out << "exit code " << result.exit_code << "\noutput:\n" << result.out << "\nerrors:\n" << result.err;
+}
 
 Running_command::Running_command(const std::vector<std::string>& argv, const Environment& env)
     : out_file_(memfd_create("out", MFD_CLOEXEC)), err_file_(memfd_create("err", MFD_CLOEXEC)) {

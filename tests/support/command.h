@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,7 +17,10 @@ struct Command_result {
   int exit_code = -1;  // 128 + N when signal N ended it
   std::string out;
   std::string err;
+  bool operator==(const Command_result&) const = default;
 };
+
+void PrintTo(const Command_result& result, std::ostream* out);
 
 using Environment = std::map<std::string, std::string>;  // added to this process's; an empty value takes one away
 

@@ -3,8 +3,7 @@
 
 #pragma once
 
-#include <string>
-#include <vector>
+#include "trace/trace_records.h"
 
 // The rules of the conversion once more, as a table of the kinds of records: what must come out, found another way.
 struct Tdi_reading {
@@ -12,7 +11,4 @@ struct Tdi_reading {
   std::string messages;  // at verbosity 1
 };
 
-Tdi_reading read_by_table(const std::vector<unsigned>& words);
-
-// Names of interrupts by number.
-const std::vector<std::string>& interrupt_names();
+Tdi_reading read_by_table(const std::vector<trace_records::Record>& records);

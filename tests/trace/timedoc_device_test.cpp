@@ -8,6 +8,7 @@
 
 #include "support/messages.h"
 #include "trace/timedoc.h"
+#include "trace/trace_records.h"
 
 // A trace device at the libc boundary: this program's ioctl() and mmap() come before the C library's, and answer for
 // the descriptor -1 that the recorder uses.
@@ -34,12 +35,7 @@ Function* following(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-constexpr unsigned long RESET = 0x20005400;
-constexpr unsigned long RECORD = 0x20005401;
-constexpr unsigned long PAUSE = 0x20005402;
-constexpr unsigned long CURRENT = 0x20005403;
-constexpr unsigned long SIZE = 0x20005404;
-constexpr unsigned long ADD = 0x20005405;
+enum : unsigned long { RESET = 0x20005400, RECORD, PAUSE, CURRENT, SIZE, ADD };
 
 }  // namespace
 
@@ -56,11 +52,9 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
       return device->current;
     case SIZE:
       return device->size;
-    case ADD: {
-      const auto* words = static_cast<const unsigned*>(argument);
-      device->added.emplace_back(words, words + 3);
+    case ADD:
+      device->added.emplace_back(static_cast<const unsigned*>(argument), static_cast<const unsigned*>(argument) + 3);
       return 0;
-    }
     default:
       return 0;
   }
@@ -102,11 +96,14 @@ class Timedoc_device : public testing::Test {
     device_.memory = memory_.data();
   }
   std::string mapped_message() const {
-    char text[80];
-    (void)snprintf(text, sizeof text, "Mapped %d entries from Timedoc to %p\n", device_.current,
-                   static_cast<void*>(device_.memory));
-    return text;
+    std::ostringstream text;
+    text << "Mapped " << device_.current << " entries from Timedoc to " << static_cast<void*>(device_.memory) << "\n";
+    return text.str();
   }
+  std::string said_at(int level, const std::string& path, const char* format) {
+    return messages_at(level, [&] { timedoc_.write_file(path.c_str(), format); });
+  }
+  std::string file() const { return support::read_file(path_); }
 
   Device device_;
   std::vector<unsigned> memory_;
@@ -117,9 +114,8 @@ class Timedoc_device : public testing::Test {
 
 TEST_F(Timedoc_device, log_lines_are_the_whole_records) {
   holds({1, 0x02000000, 0x6E6F7465, 0xFFFFFFFF, 0xABCDEF01, 0, 0, 0, 5, 6}, 1025);
-  const std::string said = messages_at(2, [&] { timedoc_.write_file(path_.c_str(), "log"); });
-  EXPECT_EQ(support::read_file(path_), "00000001 02000000 6e6f7465 ffffffff\nabcdef01 00000000 00000000 00000000\n");
-  EXPECT_EQ(said, mapped_message() + "Writing data to " + path_ + " format log\n");
+  EXPECT_EQ(said_at(2, path_, "log"), mapped_message() + "Writing data to " + path_ + " format log\n");
+  EXPECT_EQ(file(), "00000001 02000000 6e6f7465 ffffffff\nabcdef01 00000000 00000000 00000000\n");
   EXPECT_EQ(device_.requests, (std::vector<unsigned long>{CURRENT, SIZE}));
   EXPECT_EQ(device_.mapped, 8192u);
   EXPECT_EQ(device_.unmapped, 8192u);
@@ -136,7 +132,7 @@ TEST_F(Timedoc_device, whole_pages_are_mapped_as_they_are) {
   holds({}, 1024);
   timedoc_.write_file(path_.c_str(), "log");
   EXPECT_EQ(device_.mapped, 4096u);
-  EXPECT_EQ(support::read_file(path_), "");
+  EXPECT_EQ(file(), "");
 }
 
 TEST_F(Timedoc_device, tdi_replaces_what_the_file_held_and_the_output_is_as_before) {
@@ -144,46 +140,41 @@ TEST_F(Timedoc_device, tdi_replaces_what_the_file_held_and_the_output_is_as_befo
   support::write_file(path_, std::string(1000, 'x'));
   const int other = open(dir_.file("other").c_str(), O_RDWR | O_CREAT, 0600);
   timedoc_.set_output(other);
-  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path_.c_str(), "tdi"); }), "");
+  EXPECT_EQ(said_at(0, path_, "tdi"), "");
   timedoc_.printf_tdi("still here\n");
   close(other);
-  EXPECT_EQ(support::read_file(path_),
-            "PNX893x trace\nSPEED 320000000\nMEMSPEED 200000000\nTIME 68570000\n"
-            "NAM 7 0 note\nOCC 7 0 0\nDSC 1 0 7\nEND\n");
+  EXPECT_EQ(file(), trace_records::HEADER + "NAM 7 0 note\nOCC 7 0 0\nDSC 1 0 7\nEND\n");
   EXPECT_EQ(support::read_file(dir_.file("other")), "still here\n");
 }
 
 TEST_F(Timedoc_device, another_format_leaves_the_file_empty) {
   holds({1, 2, 3, 4}, 1024);
-  EXPECT_EQ(messages_at(2, [&] { timedoc_.write_file(path_.c_str(), "svg"); }),
-            mapped_message() + "Writing data to " + path_ + " format svg\n");
-  EXPECT_EQ(support::read_file(path_), "");
+  EXPECT_EQ(said_at(2, path_, "svg"), mapped_message() + "Writing data to " + path_ + " format svg\n");
+  EXPECT_EQ(file(), "");
 }
 
 TEST_F(Timedoc_device, a_file_that_cannot_be_opened_is_silent_and_nothing_is_written) {
   holds({1, 2, 3, 4}, 1024);
   const std::string missing = dir_.file("no-folder/trace");
-  EXPECT_EQ(messages_at(2, [&] { timedoc_.write_file(missing.c_str(), "log"); }), mapped_message());
+  EXPECT_EQ(said_at(2, missing, "log"), mapped_message());
   EXPECT_EQ(device_.unmapped, 4096u);
   EXPECT_NE(access(missing.c_str(), F_OK), 0);
-  EXPECT_EQ(messages_at(1, [&] { timedoc_.write_file(missing.c_str(), "log"); }), "");
+  EXPECT_EQ(said_at(1, missing, "log"), "");
 }
 
 TEST_F(Timedoc_device, a_buffer_that_cannot_be_mapped_is_an_error) {
   device_.current = 4;
   device_.size = 1024;
-  const std::string all_ones(2 * sizeof(void*), 'f');
-  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path_.c_str(), "log"); }),
-            "ERROR: mmap() failed, 0x" + all_ones + "\n");
+  EXPECT_EQ(said_at(0, path_, "log"), "ERROR: mmap() failed, 0x" + std::string(2 * sizeof(void*), 'f') + "\n");
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
-  EXPECT_EQ(messages_at(-1, [&] { timedoc_.write_file(path_.c_str(), "log"); }), "");
+  EXPECT_EQ(said_at(-1, path_, "log"), "");
 }
 
 TEST_F(Timedoc_device, more_words_than_the_buffer_has_are_not_read) {
   holds({9, 9, 9, 9}, 4);
   device_.current = 1 << 30;
   timedoc_.write_file(path_.c_str(), "log");
-  EXPECT_EQ(support::read_file(path_).size(), 1024u / 4 * 36);
+  EXPECT_EQ(file().size(), 1024u / 4 * 36);
 }
 
 TEST_F(Timedoc_device, requests_are_made_once_and_events_are_packed) {
@@ -208,23 +199,18 @@ TEST_F(Timedoc_device, requests_are_made_once_and_events_are_packed) {
                                                                {0x00040000, 0xC3B50000, 0}}));
 }
 
-TEST_F(Timedoc_device, an_empty_buffer_is_filled_by_nothing) {
-  device_.current = 0;
-  device_.size = 0;
-  EXPECT_EQ(messages_at(2,
-                        [&] {
-                          timedoc_.tdoc_record();
-                          timedoc_.tdoc_pause();
-                        }),
-            "Start timedoc recordingPause Timedoc Recording. Current buffer 0 of 0, 0 %\n");
-  device_.current = 3'000'000;
-  device_.size = 1'000'000'000;
-  EXPECT_EQ(messages_at(2,
-                        [&] {
-                          timedoc_.tdoc_record();
-                          timedoc_.tdoc_pause();
-                        }),
-            "Start timedoc recordingPause Timedoc Recording. Current buffer 3000000 of 1000000000, 0 %\n");
+TEST_F(Timedoc_device, a_pause_says_how_full_the_buffer_is) {
+  const auto said = [&](int current, int size) {
+    device_.current = current;
+    device_.size = size;
+    return messages_at(2, [&] {
+      timedoc_.tdoc_record();
+      timedoc_.tdoc_pause();
+    });
+  };
+  const std::string begin = "Start timedoc recordingPause Timedoc Recording. Current buffer ";
+  EXPECT_EQ(said(0, 0), begin + "0 of 0, 0 %\n");
+  EXPECT_EQ(said(3'000'000, 1'000'000'000), begin + "3000000 of 1000000000, 0 %\n");
 }
 
 }  // namespace

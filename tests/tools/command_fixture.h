@@ -1,0 +1,57 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include "support/command.h"
+#include "support/support.h"
+#include "support/test.h"
+#include "support/text.h"
+
+// Runs of the command as a whole: EXPECT_EQ(run_command(...), fails("--lang ,: not a list of languages")).
+
+using support::Command_result;
+using support::run_command;
+using Words = support::Texts;
+
+Words joined(std::initializer_list<Words> parts);
+
+// What a run gives that ends well, and one that comes to nothing: it prints one line, "kelvo: " before it.
+Command_result prints(const std::string& out, const std::string& err = "");
+Command_result fails(const std::string& line, int exit_code = 1);
+// Any end: EXPECT_THAT(run_command(...), ends(130, HasSubstr("..."), "kelvo: interrupted\n")).
+testing::Matcher<const Command_result&> ends(int exit_code, const testing::Matcher<std::string>& out,
+                                             const testing::Matcher<std::string>& err = testing::_);
+
+// The lines of what `kelvo watch` prints, at least one, without the time of day that each begins with.
+inline const std::string TIME_OF_DAY = "[0-2][0-9]:[0-5][0-9]:[0-5][0-9] ";
+Words timed_lines_of(const std::string& text);
+
+// Runs SQL on a database file; fails the test when it cannot.
+void run_sql(const std::string& file, const std::string& sql);
+// The first column of the first row.
+std::string value(const std::string& file, const std::string& sql);
+// A channel database made by the library, then filled by hand with what lists must cope with: channels with and without
+// number, of every state, scrambled ones, streams of every kind, and names that mean harm.
+void make_prepared_db(const std::string& file);
+// A database that has no room left but for a few of the pages that the library allows a file.
+void fill_up(const std::string& file);
+
+// A folder of its own for channels and guide, and runs under the software adapter.
+class Command_fixture : public testing::Test {
+ protected:
+  // `kelvo COMMAND... --db DB` under softdvb with these options; with a script, from a shell whose "$@" it is.
+  Words kelvo(const Words& options, const Words& command, const std::string& script = "") const;
+  Command_result run(const Words& options, const Words& command, const std::string& script = "") const;
+  static Command_result ended_by(int signal, support::Running_command& running);
+  // Stores a channel, number 77, beside number 1 that is not sent any more.
+  void add_lost_service(int pmt_pid = 0) const;
+  // "ok" when both files are sound.
+  std::string integrity() const;
+  // Nothing was made, or nothing was left.
+  bool folder_is_empty() const { return std::filesystem::is_empty(dir_.path()); }
+
+  support::Temp_dir dir_;
+  std::string db_ = dir_.file("dvb.db");
+  std::string guide_ = dir_.file("dvb_epg.db");
+};

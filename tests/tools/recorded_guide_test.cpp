@@ -7,23 +7,18 @@
 
 #include <nlohmann/json.hpp>
 
-#include "support/command.h"
 #include "support/db_dump.h"
-#include "support/support.h"
-#include "support/test.h"
+#include "tools/command_fixture.h"
 
 namespace {
 
-using support::Command_result;
-using support::run_command;
-
 constexpr char BEFORE_ALL_EVENTS[] = "1690400000";  // 2023-07-26
 
-Command_result kelvo(const std::string& recording, const std::vector<std::string>& arguments) {
-  std::vector<std::string> argv{SOFTDVB_COMMAND, "--now", BEFORE_ALL_EVENTS,        "--time", "x8",         "--pace",
-                                "fast",          "--mux", "498000000=" + recording, "--",     KELVO_COMMAND};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return run_command(argv, {{"TZ", "UTC"}});
+Command_result kelvo(const std::string& recording, const Words& arguments) {
+  return run_command(joined({{SOFTDVB_COMMAND, "--now", BEFORE_ALL_EVENTS, "--time", "x8", "--pace", "fast", "--mux",
+                              "498000000=" + recording, "--", KELVO_COMMAND},
+                             arguments}),
+                     {{"TZ", "UTC"}});
 }
 
 }  // namespace
@@ -36,24 +31,23 @@ TEST(Recorded_guide, every_event_is_collected_once_and_shown_with_its_greek_titl
   const std::string db = dir.file("dvb.db");
   const Command_result scan = kelvo(recording, {"scan", "--freq", "498000000", "--db", db});
   ASSERT_EQ(scan.exit_code, 0) << scan.err;
-  const Command_result update = kelvo(recording, {"epg", "update", "--db", db});
-  EXPECT_EQ(update.exit_code, 0) << update.err;
-  EXPECT_EQ(update.out,
-            "  MULTIPLEX  LCN  NAME        EVENTS  GUIDE\n"
-            "498.000 MHz    1  Service 9      131  complete\n"
-            "498.000 MHz    2  Service 10     138  complete\n"
-            "498.000 MHz    3  Service 11     117  complete\n"
-            "498.000 MHz    4  Service 12      87  complete\n"
-            "498.000 MHz    5  Service 20     193  complete\n"
-            "498.000 MHz    6  Service 21     115  complete\n"
-            "498.000 MHz    7  Service 22      95  complete\n"
-            "498.000 MHz    8  Service 31      41  complete\n"
-            "498.000 MHz    9  Service 32     208  complete\n"
-            "498.000 MHz   10  Service 35     153  complete\n"
-            "498.000 MHz   11  Service 40     138  complete\n"
-            "498.000 MHz   12  Service 41     143  complete\n"
-            "\n"
-            "12 of 12 services done, 1559 events, 1559 of them new.\n");
+  EXPECT_THAT(kelvo(recording, {"epg", "update", "--db", db}),
+              ends(0,
+                   "  MULTIPLEX  LCN  NAME        EVENTS  GUIDE\n"
+                   "498.000 MHz    1  Service 9      131  complete\n"
+                   "498.000 MHz    2  Service 10     138  complete\n"
+                   "498.000 MHz    3  Service 11     117  complete\n"
+                   "498.000 MHz    4  Service 12      87  complete\n"
+                   "498.000 MHz    5  Service 20     193  complete\n"
+                   "498.000 MHz    6  Service 21     115  complete\n"
+                   "498.000 MHz    7  Service 22      95  complete\n"
+                   "498.000 MHz    8  Service 31      41  complete\n"
+                   "498.000 MHz    9  Service 32     208  complete\n"
+                   "498.000 MHz   10  Service 35     153  complete\n"
+                   "498.000 MHz   11  Service 40     138  complete\n"
+                   "498.000 MHz   12  Service 41     143  complete\n"
+                   "\n"
+                   "12 of 12 services done, 1559 events, 1559 of them new.\n"));
   const std::vector<std::string> recorded = scan_support::recorded_guide(recording);
   scan_support::expect_same_guide(recorded, support::query_database(db, scan_support::STORED_GUIDE));
 
@@ -66,16 +60,12 @@ TEST(Recorded_guide, every_event_is_collected_once_and_shown_with_its_greek_titl
               "|" + event["duration"].dump() + "|" + event["texts"][0]["language"].get<std::string>() + "|" +
               event["texts"][0]["title"].get<std::string>() + "\n";
   }
-  std::vector<std::string> expected;
-  std::istringstream stored(support::query_database(
+  Words expected = support::lines_of(support::query_database(
       db,
       "SELECT 'Service ' || pat_prnr, ev_id, start_epoch, dur_sec, lang, ev_name FROM epglist e, epglist_lang l "
       "WHERE l.source_oid = e.entry"));
-  for (std::string line; std::getline(stored, line);)
-    expected.push_back(line);
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(expected.size(), 1559U);
   scan_support::expect_same_guide(expected, titles);
-  EXPECT_NE(titles.find("Service 10|279|1690503600|6000|gre|Τα Καλύτερά μας Χρόνια - Γ Κύκλος (E)\n"),
-            std::string::npos);
+  EXPECT_THAT(titles, testing::HasSubstr("Service 10|279|1690503600|6000|gre|Τα Καλύτερά μας Χρόνια - Γ Κύκλος (E)\n"));
 }

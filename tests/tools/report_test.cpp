@@ -6,6 +6,8 @@
 
 namespace {
 
+using testing::HasSubstr;
+
 std::string report(const std::vector<Multiplex_line>& lines, const std::vector<Service>& before,
                    const std::vector<Service>& after) {
   char* text = nullptr;
@@ -20,14 +22,11 @@ std::string report(const std::vector<Multiplex_line>& lines, const std::vector<S
 
 Service service(int channel, int lcn, const char* name, int scan_state, int row_status = 0) {
   Service out;
-  out.channel = channel;
-  out.lcn = lcn;
+  std::tie(out.channel, out.lcn, out.scan_state, out.row_status) = std::tie(channel, lcn, scan_state, row_status);
   out.name = name;
   out.type = 1;
   out.provider = "Meedia";
   out.freq = 506000000;
-  out.scan_state = scan_state;
-  out.row_status = row_status;
   return out;
 }
 
@@ -81,17 +80,15 @@ TEST(Report, without_changes_has_no_table_of_them) {
 
 // Stored without streams and as not found, such a service is neither lost nor back when it is completed later.
 TEST(Report, services_without_streams_are_new_once) {
-  EXPECT_NE(report({}, {}, {service(1, 1, "Bare", 0, 2)}).find("1 new, 0 back, 0 lost"), std::string::npos);
-  EXPECT_NE(report({}, {service(1, 1, "Bare", 0, 2)}, {service(1, 1, "Bare", 1, 0)}).find("0 new, 0 back, 0 lost"),
-            std::string::npos);
-  EXPECT_NE(report({}, {service(1, 1, "Bare", 0, 2)}, {service(1, 1, "Bare", 0, 0)}).find("0 new, 0 back, 1 lost"),
-            std::string::npos);
+  const Service bare = service(1, 1, "Bare", 0, 2);
+  EXPECT_THAT(report({}, {}, {bare}), HasSubstr("1 new, 0 back, 0 lost"));
+  EXPECT_THAT(report({}, {bare}, {service(1, 1, "Bare", 1, 0)}), HasSubstr("0 new, 0 back, 0 lost"));
+  EXPECT_THAT(report({}, {bare}, {service(1, 1, "Bare", 0, 0)}), HasSubstr("0 new, 0 back, 1 lost"));
 }
 
 // A multiplex that timed out keeps its services; that they are known to be there is no change.
 TEST(Report, timed_out_services_are_not_lost) {
-  EXPECT_NE(report({}, {service(1, 1, "Waits", 1)}, {service(1, 1, "Waits", 2)}).find("0 new, 0 back, 0 lost"),
-            std::string::npos);
+  EXPECT_THAT(report({}, {service(1, 1, "Waits", 1)}, {service(1, 1, "Waits", 2)}), HasSubstr("0 new, 0 back, 0 lost"));
 }
 
 }  // namespace

@@ -1,21 +1,18 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <csignal>
-
 #include <nlohmann/json.hpp>
 
-#include "support/command.h"
-#include "support/support.h"
-#include "support/test.h"
+#include "tools/command_fixture.h"
 
 // `kelvo trace record` under the software adapter, and `kelvo trace demo`, which brings it along.
 
 namespace {
 
 using nlohmann::json;
-using support::Command_result;
-using support::run_command;
+using support::read_file;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 // Lanes by kind, and the spans and notes of each.
 struct Lanes {
@@ -27,7 +24,7 @@ struct Lanes {
 Lanes lanes_of(const std::string& file) {
   Lanes out;
   std::map<int, std::string> processes;
-  const json document = json::parse(support::read_file(file));
+  const json document = json::parse(read_file(file));
   for (const json& event : document["traceEvents"]) {
     const std::string name = event["name"];
     if (name == "process_name") {
@@ -48,39 +45,21 @@ bool within(const json& inner, const json& outer) {
   return inner["ts"] >= outer["ts"] && end(inner) <= end(outer);
 }
 
-class Trace_record : public testing::Test {
- protected:
-  std::vector<std::string> under_softdvb(const std::vector<std::string>& arguments) {
-    const std::string stream = dir_.file("522.ts");
-    if (access(stream.c_str(), F_OK) != 0) {
-      EXPECT_EQ(run_command({SOFTDVB_MUX_COMMAND, KELVO_SAMPLES "/kuldnokk-522.json", "-o", stream}).exit_code, 0);
-    }
-    std::vector<std::string> argv = {SOFTDVB_COMMAND, "--time", "x5",    "--mux", "522000000=" + stream, "--",
-                                     KELVO_COMMAND,   "trace",  "record"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return argv;
-  }
-
-  support::Temp_dir dir_;
-};
+using Trace_record = Command_fixture;
 
 TEST_F(Trace_record, has_the_phases_of_a_scan) {
   const std::string out = dir_.file("scan.json");
-  const Command_result result = run_command(under_softdvb({out, "--freq", "522000000", "--freq", "530000000"}));
-  EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err.substr(0, out.size() + 9), "kelvo: " + out + ": ");
-  EXPECT_NE(result.err.find(" records\n"), std::string::npos) << result.err;
+  const std::string stream = dir_.file("522.ts");
+  ASSERT_EQ(run_command({SOFTDVB_MUX_COMMAND, KELVO_SAMPLES "/kuldnokk-522.json", "-o", stream}).exit_code, 0);
+  EXPECT_THAT(run_command({SOFTDVB_COMMAND, "--time", "x5", "--mux", "522000000=" + stream, "--", KELVO_COMMAND,
+                           "trace", "record", out, "--freq", "522000000", "--freq", "530000000"}),
+              ends(0, "", AllOf(StartsWith("kelvo: " + out + ": "), HasSubstr(" records\n"))));
 
   Lanes lanes = lanes_of(out);
   EXPECT_EQ(lanes.names["Tasks"], (std::set<std::string>{"tune", "scan", "parse", "merge"}));
   EXPECT_EQ(lanes.names["Interrupts"], std::set<std::string>{"TS_IN0_DMA"});
-  for (const char* filter : {"PAT", "NIT", "SDT", "TOT", "PMT 256"}) {
-    EXPECT_EQ(lanes.names["Objects"].count(filter), 1U) << filter;
-  }
-  for (const char* table : {"PAT", "NIT", "SDT", "PMT"}) {
-    EXPECT_EQ(lanes.names["Events"].count(table), 1U) << table;
-  }
+  EXPECT_THAT(lanes.names["Objects"], testing::IsSupersetOf({"PAT", "NIT", "SDT", "TOT", "PMT 256"}));
+  EXPECT_THAT(lanes.names["Events"], testing::IsSupersetOf({"PAT", "NIT", "SDT", "PMT"}));
   // The second frequency has no signal.
   EXPECT_EQ(lanes.notes["MHz"], (std::vector<int>{522, 530}));
   EXPECT_EQ(lanes.notes["lock"], (std::vector<int>{1, 0}));
@@ -98,10 +77,8 @@ TEST_F(Trace_record, has_the_phases_of_a_scan) {
   EXPECT_TRUE(within(lanes.spans["Objects NIT"][0], scan));
   EXPECT_LT(lanes.spans["Events NIT"][0]["ts"], lanes.spans["Tasks merge"][0]["ts"]);
   for (const auto& [lane, spans] : lanes.spans) {
-    for (const json& span : spans) {
-      const bool cut = span.contains("args") && span["args"].contains("begin");
-      EXPECT_FALSE(cut) << lane << " ends without a beginning";
-    }
+    for (const json& span : spans)
+      EXPECT_FALSE(span.value("args", json::object()).contains("begin")) << lane << " ends without a beginning";
   }
 }
 
@@ -109,41 +86,33 @@ TEST_F(Trace_record, is_kept_when_it_is_interrupted) {
   const std::string out = dir_.file("scan.log");
   const std::string log = dir_.file("adapter.log");
   std::string nothing;  // packets without a section: the scan would wait for six seconds
-  for (int i = 0; i < 20000; ++i) {
-    nothing += "\x47\x1F\xFF" + std::string(1, static_cast<char>(0x10)) + std::string(184, '\xFF');
-  }
+  for (int i = 0; i < 20000; ++i)
+    nothing += "\x47\x1F\xFF\x10" + std::string(184, '\xFF');
   support::write_file(dir_.file("empty.ts"), nothing);
   support::Running_command running({SOFTDVB_COMMAND, "--log", log, "--mux", "522000000=" + dir_.file("empty.ts"), "--",
                                     KELVO_COMMAND, "trace", "record", out, "--freq", "522000000"});
-  for (int i = 0; i < 3000 && support::read_file(log).find("DMX_START") == std::string::npos; ++i) {
-    usleep(10'000);
-  }
-  (void)kill(running.pid(), SIGINT);
-  const Command_result result = running.wait();
-  EXPECT_EQ(result.exit_code, 130) << result.err;
-  EXPECT_NE(result.err.find("kelvo: interrupted; what was recorded is kept\n"), std::string::npos) << result.err;
+  support::wait_for([&] { return read_file(log).find("DMX_START") != std::string::npos; }, std::chrono::seconds(30));
+  EXPECT_THAT(ended_by(SIGINT, running),
+              ends(130, testing::_, HasSubstr("kelvo: interrupted; what was recorded is kept\n")));
   // A note of the frequency: the trace begins with it.
-  EXPECT_EQ(support::read_file(out).substr(9, 18), "02000000 4d487a00 ");
+  EXPECT_EQ(read_file(out).substr(9, 18), "02000000 4d487a00 ");
 }
 
 TEST_F(Trace_record, without_an_adapter_is_an_error) {
-  if (std::filesystem::exists("/dev/dvb/adapter3")) {
+  if (std::filesystem::exists("/dev/dvb/adapter3"))
     GTEST_SKIP() << "this machine has four DVB adapters";
-  }
-  const Command_result result =
-      run_command({KELVO_COMMAND, "trace", "record", dir_.file("a.svg"), "--adapter", "3", "--freq", "474000000"});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.err, "kelvo: /dev/dvb/adapter3/frontend0: no such device; is the adapter plugged in?\n");
-  EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
+  EXPECT_EQ(
+      run_command({KELVO_COMMAND, "trace", "record", dir_.file("a.svg"), "--adapter", "3", "--freq", "474000000"}),
+      fails("/dev/dvb/adapter3/frontend0: no such device; is the adapter plugged in?"));
+  EXPECT_TRUE(folder_is_empty());
 }
 
 TEST_F(Trace_record, of_the_sample_network_is_one_command) {
   const std::string out = dir_.file("demo.log");
   const support::Temp_dir temporary;
-  const Command_result result = run_command({KELVO_COMMAND, "trace", "demo", out}, {{"TMPDIR", temporary.path()}});
-  EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(result.err.find("kelvo: scanning the sample network; this takes a few seconds\nkelvo: " + out + ": "), 0U)
-      << result.err;
+  EXPECT_THAT(run_command({KELVO_COMMAND, "trace", "demo", out}, {{"TMPDIR", temporary.path()}}),
+              ends(0, testing::_,
+                   StartsWith("kelvo: scanning the sample network; this takes a few seconds\nkelvo: " + out + ": ")));
   EXPECT_TRUE(std::filesystem::is_empty(temporary.path())) << "something was left behind";
   ASSERT_EQ(run_command({KELVO_COMMAND, "trace", "convert", out, dir_.file("demo.json")}).exit_code, 0);
   Lanes lanes = lanes_of(dir_.file("demo.json"));
@@ -155,25 +124,19 @@ TEST_F(Trace_record, of_the_sample_network_is_one_command) {
 
 TEST_F(Trace_record, the_demonstration_says_what_is_missing) {
   const std::string out = dir_.file("demo.svg");
-  Command_result result = run_command({KELVO_COMMAND, "trace", "demo", out, "--samples", "/nowhere"});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.err, "kelvo: /nowhere: no sample network (no network.conf in it)\n");
+  EXPECT_EQ(run_command({KELVO_COMMAND, "trace", "demo", out, "--samples", "/nowhere"}),
+            fails("/nowhere: no sample network (no network.conf in it)"));
 
   // A copy of the command alone.
   std::filesystem::create_directories(dir_.file("a/b/c"));
   const std::string alone = dir_.file("a/b/c/kelvo");
   std::filesystem::copy_file(KELVO_COMMAND, alone);
-  result = run_command({alone, "trace", "demo", out}, {{"PATH", dir_.path()}});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.err, "kelvo: softdvb: not found beside kelvo nor in the PATH; the demonstration needs it\n");
+  const auto demo = [&] { return run_command({alone, "trace", "demo", out}, {{"PATH", dir_.path()}}); };
+  EXPECT_EQ(demo(), fails("softdvb: not found beside kelvo nor in the PATH; the demonstration needs it"));
   std::filesystem::create_symlink(SOFTDVB_COMMAND, dir_.file("softdvb"));
-  result = run_command({alone, "trace", "demo", out}, {{"PATH", dir_.path()}});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.err, "kelvo: softdvb-mux: not found beside kelvo nor in the PATH; the demonstration needs it\n");
+  EXPECT_EQ(demo(), fails("softdvb-mux: not found beside kelvo nor in the PATH; the demonstration needs it"));
   std::filesystem::create_symlink(SOFTDVB_MUX_COMMAND, dir_.file("softdvb-mux"));
-  result = run_command({alone, "trace", "demo", out}, {{"PATH", dir_.path()}});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.err, "kelvo: the sample network is not here; name its folder (with network.conf) with --samples\n");
+  EXPECT_EQ(demo(), fails("the sample network is not here; name its folder (with network.conf) with --samples"));
   EXPECT_FALSE(std::filesystem::exists(out));
 }
 

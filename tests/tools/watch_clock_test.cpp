@@ -1,37 +1,30 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include "support/command.h"
-#include "support/support.h"
-#include "support/test.h"
+#include "tools/command_fixture.h"
 #include "tools/watch/zone_file.h"
 
 // What `kelvo watch` says of clock and zone, under the software adapter, in virtual time.
 
 namespace {
 
-using support::Command_result;
-using support::run_command;
-using Lines = std::vector<std::string>;
-
 constexpr int64_t NOW = 1772388000;  // 2026-03-01 18:00 UTC, the time of the streams
 const char* const STAYED = "clock set, but it stayed as it was, more than 10 s from the broadcast";
 const char* const ZONE_SET = "time zone set: EST, UTC+03:00";
 
 // One channel, whose network is called "levira", and whose time table has an offset.
-class Watch_clock : public testing::Test {
+class Watch_clock : public Command_fixture {
  protected:
   void SetUp() override {
     std::filesystem::create_directories(root() + "/dvbfiles");
     send("+03:00");
-    const Command_result scanned =
-        run_command({SOFTDVB_COMMAND, "--time", "x10", "--now", std::to_string(NOW), "--mux", "506000000=" + stream_,
-                     "--", KELVO_COMMAND, "scan", "--freq", "506000000", "--db", db_});
+    const Command_result scanned = run({"--time", "x10", "--now", std::to_string(NOW), "--mux", "506000000=" + stream_},
+                                       {"scan", "--freq", "506000000"});
     ASSERT_EQ(scanned.exit_code, 0) << scanned.err;
   }
 
   void send(const std::string& offset, const std::string& network = "levira") {
-    support::write_file(folder_.file("mux.json"),
+    support::write_file(dir_.file("mux.json"),
                         R"({ "fast": true, "duration": 2, "payload_rate": 0, "transport_stream_id": 1,
                              "original_network_id": 8193, "network": { "name": ")" +
                             network + R"(" },
@@ -39,14 +32,14 @@ class Watch_clock : public testing::Test {
                                             "streams": [{ "type": "mpeg2-audio", "languages": ["est"] }] }],
                              "time": { "offsets": [{ "country": "EST", "offset": ")" +
                             offset + R"(" }] } })");
-    const Command_result made = run_command(
-        {SOFTDVB_MUX_COMMAND, folder_.file("mux.json"), "-q", "-o", stream_, "--now", "2026-03-01T18:00:00Z"});
+    const Command_result made =
+        run_command({SOFTDVB_MUX_COMMAND, dir_.file("mux.json"), "-q", "-o", stream_, "--now", "2026-03-01T18:00:00Z"});
     ASSERT_EQ(made.exit_code, 0) << made.err;
   }
 
   struct How {
-    Lines options{};    // of the adapter
-    Lines arguments{};  // of the command
+    Words options{};    // of the adapter
+    Words arguments{};  // of the command
     std::string preload{};
     // Slow enough that the time until the lock, by which the clock of the host is ahead, is no 10 s on a busy machine.
     std::string speed = "x1";
@@ -55,32 +48,21 @@ class Watch_clock : public testing::Test {
   };
 
   // The lines without the first and the last one and without the time of day that each begins with.
-  Lines watch(int64_t host_time, const std::string& zone, const How& how) const {
-    Lines argv{
-        SOFTDVB_COMMAND,       "--root", root(), "--time", how.speed, "--now", std::to_string(host_time), "--mux",
-        "506000000=" + stream_};
-    argv.insert(argv.end(), how.options.begin(), how.options.end());
-    argv.push_back("--");
-    if (!how.preload.empty())
-      argv.insert(argv.end(), {"sh", "-c", "LD_PRELOAD=$0:$LD_PRELOAD exec \"$@\"", how.preload});
-    argv.insert(argv.end(),
-                {KELVO_COMMAND, "watch", "Laine", "--for", how.until.empty() ? how.seconds : "200s", "--db", db_});
-    argv.insert(argv.end(), how.arguments.begin(), how.arguments.end());
-    support::Running_command running(argv, {{"TZ", zone}});
+  Words watch(int64_t host_time, const std::string& zone, const How& how) const {
+    support::Running_command running(
+        kelvo(joined({{"--root", root(), "--time", how.speed, "--now", std::to_string(host_time), "--mux",
+                       "506000000=" + stream_},
+                      how.options}),
+              joined({{"watch", "Laine", "--for", how.until.empty() ? how.seconds : "200s"}, how.arguments}),
+              how.preload.empty() ? "" : "LD_PRELOAD=" + how.preload + ":$LD_PRELOAD exec \"$@\""),
+        {{"TZ", zone}});
     if (!how.until.empty()) {
-      for (int i = 0; i < 3000 && running.out().find(how.until) == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      (void)running.wait_for_out(how.until);
       kill(running.pid(), SIGINT);
     }
     const Command_result result = running.wait();
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    EXPECT_EQ(result.err, "");
-    std::istringstream in(result.out);
-    Lines lines;
-    for (std::string line; std::getline(in, line);) {
-      EXPECT_TRUE(std::regex_search(line, std::regex("^[0-2][0-9]:[0-5][0-9]:[0-5][0-9] "))) << line;
-      lines.push_back(line.size() > 9 ? line.substr(9) : line);
-    }
+    EXPECT_THAT(result, ends(0, testing::_, ""));
+    const Words lines = timed_lines_of(result.out);
     EXPECT_GE(lines.size(), 2U);
     if (lines.size() < 2)
       return {};
@@ -88,23 +70,21 @@ class Watch_clock : public testing::Test {
     EXPECT_EQ(lines.back(), "stopped, 0 events in the guide");
     return {lines.begin() + 1, lines.end() - 1};
   }
-  std::string root() const { return folder_.file("root"); }
+  std::string root() const { return dir_.file("root"); }
   static bool have_zic() { return access("/usr/sbin/zic", X_OK) == 0; }
 
-  support::Temp_dir folder_;
-  std::string db_ = folder_.file("dvb.db");
-  std::string stream_ = folder_.file("mux.ts");
+  const std::string stream_ = dir_.file("mux.ts");
 };
 
 }  // namespace
 
 TEST_F(Watch_clock, a_right_clock_and_zone_are_not_worth_a_line) {
-  EXPECT_EQ(watch(NOW, "MSK-3", {}), Lines{});
+  EXPECT_EQ(watch(NOW, "MSK-3", {}), Words{});
 }
 
 TEST_F(Watch_clock, says_by_how_much_the_clock_was_set) {
   for (const int64_t off : {-3600, 3600}) {
-    const Lines lines = watch(NOW + off, "MSK-3", {.preload = MOVING_CLOCK, .until = " clock set by"});
+    const Words lines = watch(NOW + off, "MSK-3", {.preload = MOVING_CLOCK, .until = " clock set by"});
     ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
     std::smatch by;
     ASSERT_TRUE(std::regex_match(lines[0], by, std::regex("clock set by ([+-][0-9]+) s"))) << lines[0];
@@ -115,38 +95,38 @@ TEST_F(Watch_clock, says_by_how_much_the_clock_was_set) {
 }
 
 TEST_F(Watch_clock, says_that_a_clock_that_may_not_be_set_stays) {
-  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.until = STAYED}), Lines{STAYED}) << "the adapter only records";
-  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.options = {"--fault", "settimeofday=EPERM"}, .until = STAYED}), Lines{STAYED});
+  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.until = STAYED}), Words{STAYED}) << "the adapter only records";
+  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.options = {"--fault", "settimeofday=EPERM"}, .until = STAYED}), Words{STAYED});
 }
 
 TEST_F(Watch_clock, says_once_what_is_done_at_every_time_table) {
-  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.speed = "x100", .seconds = "350s"}), Lines{STAYED});
+  EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.speed = "x100", .seconds = "350s"}), Words{STAYED});
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
-  const Lines lines = watch(NOW - 3600, "UTC0", {.speed = "x100", .seconds = "350s"});
+  const Words lines = watch(NOW - 3600, "UTC0", {.speed = "x100", .seconds = "350s"});
   EXPECT_EQ(lines.size(), 2U) << testing::PrintToString(lines);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), STAYED), 1);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), ZONE_SET), 1);
 }
 
 TEST_F(Watch_clock, says_that_a_clock_before_2000_is_set) {
-  const Lines lines = watch(1000, "MSK-3", {.preload = MOVING_CLOCK, .until = "clock set"});
+  const Words lines = watch(1000, "MSK-3", {.preload = MOVING_CLOCK, .until = "clock set"});
   ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
   EXPECT_EQ(lines[0].substr(0, 19), "clock set by +17723") << lines[0];
-  EXPECT_EQ(watch(1000, "MSK-3", {.until = STAYED}), Lines{STAYED});
+  EXPECT_EQ(watch(1000, "MSK-3", {.until = STAYED}), Words{STAYED});
 }
 
 TEST_F(Watch_clock, says_which_zone_was_set) {
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
-  EXPECT_EQ(watch(NOW, "UTC0", {.until = ZONE_SET}), Lines{ZONE_SET});
+  EXPECT_EQ(watch(NOW, "UTC0", {.until = ZONE_SET}), Words{ZONE_SET});
   EXPECT_EQ(zone_in(root() + "/dvbfiles/localtime"), "EST, UTC+03:00");
   send("-01:30");
-  EXPECT_EQ(watch(NOW, "UTC0", {.until = "time zone set"}), Lines{"time zone set: EST, UTC-01:30"});
+  EXPECT_EQ(watch(NOW, "UTC0", {.until = "time zone set"}), Words{"time zone set: EST, UTC-01:30"});
 }
 
 TEST_F(Watch_clock, says_that_a_zone_could_not_be_set) {
-  const Lines not_set{"time zone not set: UTC+03:00 could not be compiled, or not written to /dvbfiles/localtime"};
+  const Words not_set{"time zone not set: UTC+03:00 could not be compiled, or not written to /dvbfiles/localtime"};
   EXPECT_EQ(watch(NOW, "UTC0", {.options = {"--fault", "system(*zic*)=ENOENT"}, .until = not_set[0]}), not_set);
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
@@ -157,9 +137,9 @@ TEST_F(Watch_clock, says_that_a_zone_could_not_be_set) {
 TEST_F(Watch_clock, takes_the_zone_of_the_network_that_is_named) {
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
-  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "Levira"}}), Lines{});
+  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "Levira"}}), Words{});
   EXPECT_FALSE(std::filesystem::exists(root() + "/dvbfiles/localtime"));
-  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "levira"}, .until = ZONE_SET}), Lines{ZONE_SET});
+  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "levira"}, .until = ZONE_SET}), Words{ZONE_SET});
 }
 
 TEST(Zone_file, tells_name_and_offset_or_the_rule) {

@@ -16,6 +16,8 @@
 
 namespace {
 
+// What was already listed goes out before the failure, so that a reader of both sees them in the order in which they
+// happened. Names of files and channels are part of the text, so it is made harmless for a terminal.
 int say_failure(const std::string& text, int code) {
   (void)fflush(stdout);
   console::say("kelvo: " + clean_text(text));
@@ -34,6 +36,7 @@ int run(int argc, char** argv) {
   app.set_version_flag("--version", "kelvo " KELVO_VERSION);
   app.require_subcommand(1);
   app.footer("'kelvo COMMAND --help' says more about a command, with examples.");
+  // Each command runs while the arguments are parsed, as a callback, and leaves its code here.
   int exit_code = EXIT_OK;
   add_scan(app, &exit_code);
   add_channels(app, &exit_code);
@@ -47,12 +50,14 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& request) {  // --help and --version
     return app.exit(request);
   } catch (const CLI::ParseError& error) {
+    // The hint names the innermost command that was recognised, whose help explains the mistake.
     std::string command = "kelvo";
     for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
       at = at->get_subcommands().front();
       command += " " + at->get_name();
     }
     std::string text = error.what();
+    // The parser says only that something was left over; people want to read which word it was.
     if (app.get_subcommands().empty() && !app.remaining().empty()) {
       const std::string first = app.remaining().front();
       text = (first[0] == '-' ? "no option '" : "no command '") + first + "'";

@@ -27,6 +27,7 @@ constexpr unsigned long TRACE_CURRENT = 0x20005403;
 constexpr unsigned long TRACE_SIZE = 0x20005404;
 constexpr unsigned long TRACE_ADD = 0x20005405;
 
+// The second word of a record: command, type and id. Notes and events have id 0, so their names tell them apart.
 constexpr unsigned CONTROL_NOTE = 0x02000000;
 constexpr unsigned CONTROL_EVENT_START = 0x01040000;
 constexpr unsigned CONTROL_EVENT_END = 0x00040000;
@@ -50,6 +51,8 @@ void unpack(unsigned word, char* out) {
 
 }  // namespace
 
+// The descriptor stays -1: requests to the device fail and change nothing, so that hosts may make them on every
+// machine.
 Timedoc::Timedoc() : device_(-1), output_(-1), name_{}, recording_(false) {
   KLOG(VERB_PROGRESS, "TimeDoctor TRACE disabled\n");
 }
@@ -62,6 +65,7 @@ void Timedoc::tdoc_record() {
   recording_ = true;
 }
 
+// The state of the buffer is asked for after the pause, so that it no longer grows while it is printed.
 void Timedoc::tdoc_pause() {
   if (!recording_)
     return;
@@ -70,6 +74,8 @@ void Timedoc::tdoc_pause() {
   recording_ = false;
   const int size = ioctl(device_, TRACE_SIZE, 0);
   const int current = ioctl(device_, TRACE_CURRENT, 0);
+  // In 64 bits, because a hundred times the words of a large buffer do not fit into an int. An empty buffer is filled
+  // by nothing.
   const int percent = size == 0 ? 0 : static_cast<int>(int64_t{current} * 100 / size);
   KLOG(VERB_INFO, "Current buffer %d of %d, %d %%\n", current, size, percent);
 }
@@ -101,6 +107,7 @@ void Timedoc::tdoc_name(unsigned* word2, unsigned* word1, const char* name) {
   *word2 = packed(name, 4);
 }
 
+// The result lies in this object and is good until the next call, which is enough for one line of output.
 char* Timedoc::get_tr_name(unsigned word) {
   unpack(word, name_);
   name_[4] = '\0';
@@ -122,11 +129,13 @@ void Timedoc::printf_tdi(const char* fmt, ...) {
   char line[256];
   va_list arguments;
   va_start(arguments, fmt);
+  // Longer lines are cut. Names have eight characters at most, so no line of the conversion is.
   const int length = vsnprintf(line, sizeof line, fmt, arguments);
   va_end(arguments);
   if (length < 0)
     return;
   size_t left = std::min(static_cast<size_t>(length), sizeof line - 1);
+  // A pipe may take a part of a line only.
   for (const char* at = line; left > 0;) {
     const ssize_t n = write(output_, at, left);
     if (n <= 0)
@@ -151,6 +160,7 @@ int Timedoc::lookup_insert_id(std::vector<TDI_lookup>* list, const char* name, i
 void Timedoc::write_file(const char* file, const char* format) {
   const int words = ioctl(device_, TRACE_CURRENT, 0);
   const int64_t bytes = int64_t{ioctl(device_, TRACE_SIZE, 0)} * 4;
+  // Rounded up: mappings are made of whole pages, and the buffer need not end with one.
   const auto mapped_size = static_cast<size_t>((bytes + PAGE - 1) / PAGE * PAGE);
   void* buffer = mmap(nullptr, mapped_size, PROT_READ, MAP_SHARED, device_, 0);
   if (buffer == MAP_FAILED) {
@@ -158,11 +168,15 @@ void Timedoc::write_file(const char* file, const char* format) {
     return;
   }
   KLOG(VERB_INFO, "Mapped %d entries from Timedoc to %p\n", words, buffer);
+  // The device may name more words than its buffer holds, or -1 for a failure: reading beyond the mapping would end the
+  // host.
   const size_t count = std::min(words < 0 ? 0 : static_cast<size_t>(words), mapped_size / sizeof(unsigned));
+  // Copied first: the buffer is shared with the device, which may go on recording while the file is written.
   std::vector<unsigned> copy(count);
   if (count > 0)
     memcpy(copy.data(), buffer, count * sizeof(unsigned));
 
+  // A host may have set an output of its own, which is in force again afterwards.
   const int outer = output_;
   output_ = open(file, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (output_ >= 0) {

@@ -11,6 +11,7 @@
 
 namespace {
 
+// By interrupt number. Those without a name are told apart by it all the same.
 constexpr std::array INTERRUPT_NAMES = {
     "NO_NAME",
     "NO_NAME",
@@ -98,10 +99,13 @@ constexpr std::array INTERRUPT_NAMES = {
 constexpr unsigned INTERRUPTS = 82;
 static_assert(INTERRUPT_NAMES.size() == INTERRUPTS);
 
+// The header of every file, by which the viewer turns ticks into seconds.
 constexpr unsigned SPEED = 320000000;
 constexpr unsigned MEMORY_SPEED = 200000000;
 constexpr unsigned START_TIME = 68570000;
 
+// Ids of occurrences that are made here. They share their numbers with the notes of the trace, which are counted from
+// 0.
 constexpr unsigned OCCURRENCE_WRAP = 1;
 constexpr unsigned OCCURRENCE_ENABLED = 2;
 
@@ -152,6 +156,7 @@ class Timedoc::Converter {
     out_.printf_tdi("TIME %u\n", START_TIME);
   }
 
+  // The time goes on with every record, also with one that is left out: the next one counts from it.
   void record(int number, const Record& r) {
     advance(number, r.time);
     if (r.cmd == CMD_NOTE) {
@@ -171,6 +176,7 @@ class Timedoc::Converter {
 
  private:
   void advance(int number, unsigned time) {
+    // The device counts from its start; in the file time begins with the first record.
     if (first_) {
       previous_ = time;
       first_ = false;
@@ -191,6 +197,7 @@ class Timedoc::Converter {
   void note(const Record& r) {
     const char* name = out_.get_tr_name(r.data1);
     bool inserted = false;
+    // Notes are told apart by the whole word, also where a zero byte ends the name that is shown.
     id_ = notes_.find_or_add(name, r.data1, &inserted);
     if (inserted)
       out_.printf_tdi("NAM 7 %u %s\n", id_, name);
@@ -200,6 +207,7 @@ class Timedoc::Converter {
 
   // Names the record's task, interrupt or object and sets id_. False for a type that has no meaning.
   bool named(const Record& r) {
+    // What the record before has left here must not decide over this one; id_ is kept on purpose.
     silent_ = false;
     out_of_range_ = false;
     switch (r.type) {
@@ -245,6 +253,8 @@ class Timedoc::Converter {
     if (inserted)
       out_.printf_tdi("NAM %u %u %s\n", TYPE_INTERRUPT, id_, name);
     if (r.cmd == CMD_START) {
+      // Marks an interrupt that begins during another one. It is one flag and no depth: the end of any of them clears
+      // it.
       if (interrupt_active_)
         out_.printf_tdi("DSC 3 0 0\n");
       interrupt_active_ = true;
@@ -277,6 +287,7 @@ class Timedoc::Converter {
     id_ = agents_.find_or_add(name, r.id, &inserted);
     if (inserted)
       out_.printf_tdi("NAM %u %u %s\n", TYPE_AGENT, id_, name);
+    // Agents report with these data that their interrupt was enabled, besides whatever the command says.
     if (r.data1 == 0 && r.data2 == 1) {
       if (!enabled_named_)
         out_.printf_tdi("NAM 7 %u IntEnabled\n", OCCURRENCE_ENABLED);

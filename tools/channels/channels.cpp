@@ -53,6 +53,8 @@ std::vector<std::string> ca_systems(const Service& service) {
   return out;
 }
 
+// A service can be marked as scrambled in the service table while no system is named for its streams; "yes" says so
+// much.
 std::string ca_text(const Service& service) {
   const std::vector<std::string> systems = ca_systems(service);
   if (!systems.empty()) {
@@ -61,10 +63,12 @@ std::string ca_text(const Service& service) {
   return service.scrambled ? "yes" : "-";
 }
 
+// An empty cell would look like a shifted column, and programs that split at blanks would miscount.
 std::string or_dash(const std::string& text) {
   return text.empty() ? "-" : text;
 }
 
+// Only the last column may be broken: a name that is cut or wrapped can no longer be copied into another command.
 void print_table(const std::vector<Service>& services) {
   using enum Table::Align;
   Table table({{"LCN", RIGHT},
@@ -84,6 +88,8 @@ void print_table(const std::vector<Service>& services) {
   table.print(stdout);
 }
 
+// Keys stay in the order of writing, so that two lists can be compared line by line. What is unknown is null and not
+// left out, so that programs can rely on the key; only what hardly any stream has, its scrambling, is left out.
 nlohmann::ordered_json to_json(const Stream& stream) {
   nlohmann::ordered_json out{{"pid", stream.pid}, {"kind", stream.kind}};
   out["codec"] = stream.codec.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(stream.codec);
@@ -96,6 +102,7 @@ nlohmann::ordered_json to_json(const Stream& stream) {
   return out;
 }
 
+// The numbers of the standard stand beside the words made of them: the words are for people and may change.
 nlohmann::ordered_json to_json(const Service& service) {
   nlohmann::ordered_json out;
   out["channel"] = service.channel;
@@ -134,6 +141,7 @@ std::string database_to_read(const std::string& named) {
   if (!std::filesystem::exists(file)) {
     make_folders_for(file);
     (void)check_database(file);
+    // Making the tables of a new file is no news for somebody who only wanted to look.
     const console::Quiet_library quiet(-1);
     try {
       const Sdbl made(file.c_str());
@@ -147,6 +155,8 @@ std::string database_to_read(const std::string& named) {
 void list_channels(const Channels_options& options) {
   const std::string file = database_to_read(options.db);
   std::vector<Service> services = Channel_db(file).services(true);
+  // Channels without a number have the largest one, so they follow the others. Those of equal number stand in the order
+  // of their rows, which is the order in which they were found.
   std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
     return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
   });

@@ -13,6 +13,7 @@ void append(std::vector<int>* out, int first, int last, int step) {
 
 }  // namespace
 
+// Each band is asked for by excluding the other one, so that "all" needs no case of its own and VHF comes first.
 std::vector<int> band_frequencies(const std::string& band) {
   std::vector<int> out;
   if (band != "uhf") {

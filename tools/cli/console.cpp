@@ -19,6 +19,8 @@ namespace console {
 
 namespace {
 
+// Without a buffer: lines of the library, which writes to the same descriptor, keep their place among those of the
+// command.
 void write_all(std::string_view text) {
   while (!text.empty()) {
     const ssize_t n = write(STDERR_FILENO, text.data(), text.size());
@@ -45,6 +47,8 @@ void print(std::string_view text, const std::string& what) {
   }
 }
 
+// A full disk is often noticed only here, when the buffer is written. An error of an earlier write stays set in the
+// stream even where this last one succeeds.
 void finish_printing(const std::string& what) {
   if (fflush(stdout) != 0) {
     throw Failure(fmt::format("cannot write {}: {}", what, strerror(errno)));
@@ -68,6 +72,7 @@ int height() {
   return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
 }
 
+// Turned off at the listener and not by the verbosity: some messages are printed at every level.
 Quiet_library::Quiet_library(int verbosity) {
   if (verbosity >= 0) {
     verbosity_kelvo = verbosity;

@@ -22,6 +22,7 @@ tm broken_down(int64_t seconds) {
 int64_t midnight(tm day, int days_later) {
   day.tm_mday += days_later;
   day.tm_hour = day.tm_min = day.tm_sec = 0;
+  // Whether it is summer time is found out for each midnight anew: between the two ends of a day clocks may change.
   day.tm_isdst = -1;
   return mktime(&day);
 }
@@ -45,6 +46,8 @@ std::pair<int64_t, int64_t> parse_day(const std::string& text) {
     tm given{};
     const char* end = text.size() == 10 ? strptime(text.c_str(), "%Y-%m-%d", &given) : nullptr;
     tm checked = given;
+    // Noon exists on every day of every zone, so only the date itself can make this fail: 30 February comes back as
+    // another day.
     checked.tm_hour = 12;
     checked.tm_isdst = -1;
     if (end == nullptr || *end != '\0' || mktime(&checked) == -1 || checked.tm_mday != given.tm_mday) {
@@ -64,6 +67,7 @@ int parse_duration(const std::string& text, const std::string& option) {
   while (good && at < text.size()) {
     int64_t value = 0;
     const size_t begin = at;
+    // Digits are taken only until the number is too large anyway, so that it cannot overflow.
     while (at < text.size() && isdigit(static_cast<unsigned char>(text[at])) != 0 && value <= MOST) {
       value = value * 10 + (text[at++] - '0');
     }

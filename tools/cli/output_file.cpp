@@ -21,6 +21,7 @@ namespace {
 
 constexpr size_t BUFFER = 1 << 16;
 
+// The mask of the process can only be read by setting it, so it is put back at once.
 mode_t mode_of_new_files() {
   const mode_t mask = umask(0);
   (void)umask(mask);
@@ -40,6 +41,7 @@ Output_file::Output_file(const std::string& name) : name_(name), target_(name) {
   if (exists && S_ISDIR(status.st_mode)) {
     fail(EISDIR);
   }
+  // A device or a pipe cannot be replaced by a file, so it is written directly.
   if (exists && !S_ISREG(status.st_mode)) {
     fd_ = open(name.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd_ < 0) {
@@ -52,10 +54,12 @@ Output_file::Output_file(const std::string& name) : name_(name), target_(name) {
       fail(errno);
     }
     std::error_code ignored;
+    // A link stays a link: the file that it leads to is replaced, in the folder where that one is.
     const std::filesystem::path real = std::filesystem::canonical(name, ignored);
     target_ = real.empty() ? name : real.string();
   }
   const std::filesystem::path folder = std::filesystem::path(target_).parent_path();
+  // In the same folder, because only within a file system does the new file take the place of the old one in one step.
   temporary_ = (folder.empty() ? std::string(".") : folder.string()) + "/.kelvo-XXXXXX";
   fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
   if (fd_ < 0) {
@@ -84,6 +88,7 @@ void Output_file::write(std::string_view text) {
 void Output_file::finish() {
   flush();
   if (fd_ != STDOUT_FILENO) {
+    // Network file systems may notice a full disk as late as here, so the old file is replaced only behind this.
     const int result = close(fd_);
     fd_ = -1;
     if (result != 0) {

@@ -28,11 +28,14 @@ void Progress::draw(const std::string& text) {
   const int filled = total_ > 0 ? BAR_WIDTH * done_ / total_ : 0;
   std::string left;
   if (done_ > 0) {
+    // A guess from what is done so far; before the first step there is nothing to guess from.
     const auto gone = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
     left = "  left " + time_text(gone * (total_ - done_) / done_);
   }
   std::string line = fmt::format("[{}{}] {}/{}  {}{}", std::string(static_cast<size_t>(filled), '#'),
                                  std::string(static_cast<size_t>(BAR_WIDTH - filled), '.'), done_, total_, text, left);
+  // One column stays free: a line that fills the last one makes some terminals begin another, which is then not written
+  // over.
   line.resize(std::min(line.size(), static_cast<size_t>(std::max(1, console::width() - 1))));
   // Back to the first column, and clear what the last line left behind this one.
   console::put("\r" + line + "\x1B[K");

@@ -19,6 +19,7 @@ std::string cut(const std::string& text, int columns) {
   while (at < text.size()) {
     wchar_t c = 0;
     const size_t size = std::mbrtowc(&c, text.data() + at, text.size() - at, &state);
+    // A half character, or none: what stands before it is shown.
     if (size == 0 || size > text.size()) {
       break;
     }

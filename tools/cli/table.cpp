@@ -21,6 +21,7 @@ void check(int result) {
 }  // namespace
 
 void Table::print(FILE* out) const {
+  // No heading without a row: programs can take "no output" for "nothing found".
   if (rows_.empty()) {
     return;
   }

@@ -43,6 +43,9 @@ char32_t take_character(std::string_view* text) {
       good = (byte(i) & 0xC0) == 0x80;
       value = value << 6 | (byte(i) & 0x3F);
     }
+    // Too long a form of a character, half a surrogate pair and what lies beyond Unicode are no characters either:
+    // terminals and parsers disagree about them. One byte is dropped and not the whole form, so that a good character
+    // right behind a broken one survives.
     if (!good || value < smallest || (size == 4 && value > 0x10FFFF) || is_surrogate(value)) {
       text->remove_prefix(1);
       return INVALID;
@@ -58,6 +61,8 @@ bool is_line_break(char32_t c) {
   return c == '\t' || c == '\n' || c == '\r' || c == 0x8A || c == 0xE08A || c == 0x2028 || c == 0x2029;
 }
 
+// Besides control characters those that are invisible or turn the direction of writing: a name with them could pass for
+// another one, or turn the rest of a line around.
 bool is_dropped(char32_t c) {
   return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F) || c == 0xFEFF ||
          (c >= 0x200B && c <= 0x200F) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2060 && c <= 0x2069) ||
@@ -105,6 +110,8 @@ constexpr char TWO_BYTE_SELECTOR = 0x11;  // EN 300 468, A.2
 std::string clean_text(std::string_view text) {
   std::string out;
   out.reserve(text.size());
+  // Such texts can stand in the database as they were sent. The other selectors are control characters and go with
+  // those.
   if (!text.empty() && text.front() == TWO_BYTE_SELECTOR) {
     for (text.remove_prefix(1); text.size() >= 2; text.remove_prefix(2)) {
       append_clean(&out, static_cast<char32_t>(static_cast<uint8_t>(text[0])) << 8 | static_cast<uint8_t>(text[1]));

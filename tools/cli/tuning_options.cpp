@@ -9,6 +9,7 @@ void add_adapters_option(CLI::App* command, std::vector<int>* adapters, const ch
   command->add_option("--adapter", *adapters, help)
       ->type_name("N")
       ->check(CLI::Range(0, 3))
+      // One value an option: a second word behind it is a mistake that is named, and not taken for one more adapter.
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }

@@ -28,8 +28,10 @@
 
 namespace {
 
+// A disk that is nearly full is refused before the scan: afterwards, minutes of work would not fit on it.
 constexpr uint64_t LEAST_FREE_BYTES = 1'048'576;
 
+// Exactly what is read is named: a file of another layout is told when these are prepared, before anything is shown.
 constexpr const char* SERVICE_COLUMNS =
     "SELECT channel, lcn, serv_name, serv_type, prov_name, network_name, freq, pat_prnr, network_id, orig_network_id, "
     "tstream_id, pmt_pid, pcr_pid, free_ca, scan_state, row_status FROM kanalid ORDER BY channel;";
@@ -65,6 +67,8 @@ constexpr unsigned SUBTYPE_TELETEXT = 0x80003000;
 constexpr unsigned SUBTYPE_SUBTITLES = 0x80004000;
 constexpr unsigned SUBTYPE_CLASS = 0xFFFFF000;
 
+// The stream type says it for most; private streams (0x06) are told apart by what the library found in their
+// descriptors, which therefore comes second.
 void set_kind(Stream* stream, unsigned subtype, const std::string& codec) {
   stream->kind = "data";
   for (const Stream_kind& known : STREAM_KINDS) {
@@ -83,6 +87,7 @@ void set_kind(Stream* stream, unsigned subtype, const std::string& codec) {
   }
 }
 
+// Several rows of a PID often repeat a language; each is shown once, in the order of its first row.
 void add_languages(Stream* stream, const std::string& languages) {
   std::istringstream words(languages);
   for (std::string word; words >> word;) {
@@ -119,6 +124,7 @@ bool check_file(const std::string& file) {
       throw Failure(fmt::format("{}: cannot be opened: {}", file, strerror(errno)));
     }
     const std::string folder = folder_of(file);
+    // SQLite would only say that the file cannot be opened; the folder is what has to be mended.
     if (access(folder.c_str(), W_OK | X_OK) != 0) {
       throw Failure(fmt::format("{}: cannot be made: {}: {}", file, folder, strerror(errno)));
     }
@@ -176,6 +182,7 @@ void check_database_name(const std::string& file) {
   if (file.find('.', name) == std::string::npos || file.back() == '/') {
     throw Failure(fmt::format("--db {}: the file name needs an extension, such as dvb.db", file), EXIT_USAGE);
   }
+  // The name of the guide, which is a little longer, is made in a buffer of 4096 bytes.
   if (file.size() >= 4080) {
     throw Failure("--db: the path is too long", EXIT_USAGE);
   }
@@ -188,6 +195,7 @@ std::string default_database() {
     folder = data;
   } else {
     const char* home = getenv("HOME");
+    // Services that are started by the system often have no HOME; the account has one all the same.
     if (home == nullptr || home[0] == '\0') {
       const passwd* user = getpwuid(getuid());
       home = user == nullptr ? nullptr : user->pw_dir;
@@ -208,6 +216,8 @@ void make_folders_for(const std::string& file) {
   }
 }
 
+// Everything is looked at before the library gets the files, because it would add its tables to any database that it
+// can open, and report a damaged one statement by statement only.
 bool check_database(const std::string& file) {
   const bool exists = check_file(file);
   if (exists) {
@@ -220,6 +230,7 @@ bool check_database(const std::string& file) {
   Sdbl::mapto_epg_filename(guide, file.c_str());
   if (check_file(guide)) {
     sqlite3* connection = nullptr;
+    // A failure to open shows in the first statement, which names the reason.
     (void)sqlite3_open_v2(guide, &connection, SQLITE_OPEN_READONLY, nullptr);
     const std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(connection, sqlite3_close);
     (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);
@@ -257,6 +268,7 @@ Channel_db::Channel_db(const std::string& file) : file_(file) {
     (void)sqlite3_close(connection_);
     throw Failure(fmt::format("{}: cannot be opened: {}", file, reason));
   }
+  // Another kelvo may be scanning into this file: its writes are short, so waiting for them is better than failing.
   (void)sqlite3_busy_timeout(connection_, BUSY_WAIT_MS);
   try {
     check_layout();
@@ -277,6 +289,7 @@ void Channel_db::check_layout() const {
   if (!has_table(connection_, file_, "kanalid")) {
     throw Failure(fmt::format("{}: not a channel database; name another file with --db", file_));
   }
+  // Preparing is the check: it fails where a column is missing. The two other tables are newer and may be absent.
   const Statement services(connection_, file_, SERVICE_COLUMNS);
   if (has_table(connection_, file_, "estreams")) {
     const Statement streams(connection_, file_, STREAM_COLUMNS);
@@ -291,6 +304,8 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
   if (!has_table(connection_, file_, "kanalid")) {
     return out;
   }
+  // Streams and names are read in one go each and sorted in by row: hundreds of services would otherwise cost hundreds
+  // of queries each.
   std::map<int, size_t> places;
   Statement rows(connection_, file_, SERVICE_COLUMNS);
   while (rows.step()) {
@@ -330,6 +345,7 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
     Statement streams(connection_, file_, STREAM_COLUMNS);
     while (streams.step()) {
       const auto place = places.find(streams.number(0));
+      // Rows of a service that has been deleted since may remain; they belong to nobody.
       if (place == places.end()) {
         continue;
       }
@@ -355,6 +371,7 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
   return out;
 }
 
+// Services that are named but not described are counted as well: the multiplex announced them.
 int Channel_db::services_found(int freq) const {
   Statement count(connection_, file_,
                   "SELECT count(*) FROM kanalid WHERE freq = ?1 AND (scan_state = 1 OR row_status = 2);");

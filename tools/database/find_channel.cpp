@@ -15,6 +15,7 @@
 
 namespace {
 
+// Longer ones would not fit into an int, and no channel has such a number.
 bool is_number(const std::string& text) {
   return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -39,6 +40,8 @@ bool any_name(const Service& service, Test test) {
 
 }  // namespace
 
+// By the characters of the locale, so that ÕHTU is found as õhtu. Bytes that are no character stay as they are: they
+// must not hide what stands behind them.
 std::string lower_case(const std::string& text) {
   std::string out;
   std::mbstate_t in_state{};
@@ -59,6 +62,8 @@ std::string lower_case(const std::string& text) {
   return out;
 }
 
+// From the most exact to the least: row, number, whole name, part of a name. The first that matches anything decides,
+// so that a channel whose name is part of another one can still be asked for.
 const Service& find_channel(const std::vector<Service>& services, const std::string& wanted, const std::string& what) {
   std::vector<const Service*> found;
   if (wanted.starts_with('#') && is_number(wanted.substr(1))) {
@@ -83,6 +88,7 @@ const Service& find_channel(const std::vector<Service>& services, const std::str
     throw Failure(fmt::format("{} {}: no such channel; 'kelvo channels' lists them", what, wanted));
   }
   if (found.size() > 1) {
+    // Enough to choose from, and still one line on a screen.
     constexpr size_t MOST_SHOWN = 5;
     std::string names;
     for (size_t i = 0; i < found.size() && i < MOST_SHOWN; ++i) {

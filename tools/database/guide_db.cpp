@@ -22,6 +22,8 @@
 
 namespace {
 
+// An event counts when any of its time lies in the range. One without a duration has no time at all, so its start
+// decides.
 constexpr const char* EVENT_COLUMNS =
     "SELECT entry, channel, ev_id, start_epoch, dur_sec, content_id, rating FROM epglist "
     "WHERE start_epoch < ?2 AND (start_epoch + dur_sec > ?1 OR start_epoch >= ?1) ORDER BY start_epoch, channel, entry;";
@@ -54,6 +56,7 @@ std::string from_table(const std::string& table, std::string_view text) {
   char* to = out.data();
   size_t left = in.size();
   size_t room = out.size();
+  // Half a conversion would be shown as if it were the title; without any, the caller shows what it has.
   const bool good = iconv(converter, &from, &left, &to, &room) != static_cast<size_t>(-1);
   (void)iconv_close(converter);
   out.resize(good ? out.size() - room : 0);
@@ -67,6 +70,7 @@ std::string take_table(std::string_view* text) {
   const unsigned selector = byte(0);
   std::string table;
   size_t size = 1;
+  // UTF-8 (0x15) and two-byte characters (0x11) are missing here: clean_text() knows them.
   if (selector >= 0x01 && selector <= 0x0B) {
     table = "ISO-8859-" + std::to_string(selector + 4);
   } else if (selector == 0x10 && byte(1) == 0 && byte(2) >= 1 && byte(2) <= 15) {
@@ -84,6 +88,7 @@ std::string take_table(std::string_view* text) {
 // Where the description ends that stands twice at the start of `text`, with a colon behind it: the size of one of them,
 // npos when there is none. Descriptions may hold colons themselves.
 size_t doubled_size(std::string_view text) {
+  // A long text that is full of colons must not make the search quadratic.
   constexpr int MOST_COLONS = 8;
   size_t colon = text.find(':');
   for (int i = 0; i < MOST_COLONS && colon != std::string_view::npos; ++i) {
@@ -100,6 +105,8 @@ std::vector<std::string> genres(const std::string& content) {
   std::istringstream words(content);
   for (std::string word; words >> word;) {
     const unsigned long nibble = std::strtoul(word.c_str(), nullptr, 16);
+    // Several contents of one genre are common ("film: thriller", "film: drama"); the detail is left to programs that
+    // read the database.
     if (nibble > 0 && nibble < GENRES.size() && std::find(out.begin(), out.end(), GENRES[nibble]) == out.end()) {
       out.emplace_back(GENRES[nibble]);
     }
@@ -167,6 +174,7 @@ Guide_db::Guide_db(const std::string& channel_file) {
   file_ = name;
   struct stat status {};
   if (stat(name, &status) != 0) {
+    // A guide is made when the first event is stored, so a missing one is no mistake of anybody.
     if (errno == ENOENT) {
       return;
     }
@@ -220,6 +228,7 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
     return std::pair(text.title.empty(), place);  // A language without a title is no help.
   };
   Statement rows(connection_, file_, EVENT_COLUMNS);
+  // Prepared once and bound for each event: a guide of a week has tens of thousands.
   Statement text_rows(connection_, file_, TEXT_COLUMNS);
   rows.bind_big(1, from);
   rows.bind_big(2, to);
@@ -238,6 +247,7 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
                              guide_text(text_rows.raw_text(2)), guide_text(text_rows.raw_text(3)),
                              split_items(text_rows.raw_text(4))});
     }
+    // Stable, because those that were not asked for stay in the order of their sending.
     std::stable_sort(event.texts.begin(), event.texts.end(),
                      [&rank](const Event_text& a, const Event_text& b) { return rank(a) < rank(b); });
     out.push_back(std::move(event));

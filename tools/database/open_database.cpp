@@ -22,6 +22,8 @@ Database_error first_failure(Sdbl* database) {
     return {};
   }
   error.code &= 0xFF;  // without what extends it
+  // A lock or an interrupted statement passes and the scan goes on; what is listed here stays, and everything found
+  // from then on would be lost in silence.
   switch (error.code) {
     case SQLITE_FULL:
     case SQLITE_IOERR:
@@ -45,9 +47,11 @@ std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists) {
     throw Failure(fmt::format("{}: cannot be opened: {}", file, error.what()));
   }
   try {
+    // The library opens nearly any file and fails when it makes its tables; whether it could is known only behind that.
     check_written(database.get(), file);
   } catch (const Failure&) {
     database.reset();
+    // An empty file that stays behind would be taken for a database without channels the next time.
     if (!exists) {
       remove_database(file);
     }
@@ -72,6 +76,7 @@ void check_written(Sdbl* database, const std::string& file) {
 }
 
 void collect_all_guides(Sdbl* database) {
+  // Service types of EN 300 468, table 89, that have programmes.
   constexpr int TYPES[] = {1, 2, 10, 17, 22, 25, 31};
   database->set_eit_service_types(TYPES, std::size(TYPES));
 }

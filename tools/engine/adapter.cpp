@@ -12,6 +12,7 @@ Adapter::Adapter(int number, Frontend_info frontend, Sdbl* database)
   kelvo_->set_scan_listener(on_scan_end, this);
 }
 
+// On the library's worker, right before the answer to the same scan: kept until the answer takes it along.
 void Adapter::on_scan_end(void* self, const Scan_end& end) {
   auto* adapter = static_cast<Adapter*>(self);
   const std::lock_guard lock(adapter->mutex_);
@@ -22,6 +23,7 @@ void Adapter::on_answer(void* data, int result) {
   auto* request = static_cast<Request*>(data);
   Adapter* owner = request->owner;
   const std::lock_guard lock(owner->mutex_);
+  // A second answer to the same request is dropped: the caller may already be waiting for that to the next one.
   if (!request->answered) {
     request->answered = true;
     request->answer = {result == 0 ? Answer::Kind::SCANNED : Answer::Kind::NO_STREAM, owner->last_end_};
@@ -33,6 +35,7 @@ bool Adapter::tune(int freq) {
   Request* request = nullptr;
   {
     const std::lock_guard lock(mutex_);
+    // A deque moves none of its elements, so the pointer that the library holds stays good while others are added.
     requests_.push_back({this});
     request = &requests_.back();
   }
@@ -41,6 +44,7 @@ bool Adapter::tune(int freq) {
 
 std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
   std::unique_lock lock(mutex_);
+  // An answer that came before the stop still counts: what was scanned is in the database.
   const auto over = [this] { return requests_.back().answered || stopped_; };
   if (until) {
     (void)changed_.wait_until(lock, *until, over);
@@ -76,6 +80,7 @@ bool Adapter::stopped() const {
 
 float Adapter::strength() const {
   const std::lock_guard lock(mutex_);
+  // The drawing thread may ask while the adapter's own thread is giving its Kelvo up.
   return kelvo_ ? kelvo_->fe_strength() : 0;
 }
 

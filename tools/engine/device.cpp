@@ -24,6 +24,7 @@ class Device {
     if (fd_ >= 0) {
       return;
     }
+    // What people can do about it is said where it is known: plug in, stop a program, join a group.
     switch (errno) {
       case ENOENT:
       case ENODEV:
@@ -60,6 +61,7 @@ Frontend_info check_adapter(int adapter) {
   }
   Frontend_info out;
   out.name = clean_text({info.name, strnlen(info.name, sizeof info.name)});
+  // Refused with the name of the receiver: a scan would only find nothing on any frequency.
   if (info.type != FE_OFDM) {
     throw Failure(fmt::format("{}: {} does not receive DVB-T", path, out.name));
   }

@@ -21,6 +21,8 @@ Engine::Engine(const std::map<int, Frontend_info>& frontends, const std::vector<
   }
 }
 
+// Threads use the adapters and the list, so they end before either goes. The stop makes that a matter of one merge at
+// most.
 Engine::~Engine() {
   stop();
   join();
@@ -51,6 +53,8 @@ void Engine::run(Adapter& adapter) {
 bool Engine::take(const Adapter& adapter, int* freq) {
   const std::lock_guard lock(mutex_);
   taken_.erase(&adapter);
+  // The first one that this adapter receives, not the first of all: with frontends of different range none waits for a
+  // frequency that only another one can take.
   const auto next = std::find_if(left_.begin(), left_.end(), [&](int one) { return adapter.receives(one); });
   if (closed_ || next == left_.end()) {
     return false;
@@ -64,6 +68,8 @@ void Engine::wake() const {
   (void)eventfd_write(wake_, 1);  // Fails only when it is readable anyway.
 }
 
+// Called before the state is looked at, so that a change that comes in between wakes the caller once more and is not
+// missed.
 void Engine::calm() {
   eventfd_t count = 0;
   (void)eventfd_read(wake_, &count);
@@ -96,6 +102,7 @@ void Engine::stop() {
 std::vector<Engine::Under_way> Engine::under_way() const {
   std::vector<Under_way> out;
   for (const auto& adapter : adapters_) {
+    // Asked before the lock is taken, because the adapter takes one of its own for it.
     const float strength = adapter->strength();
     const std::lock_guard lock(mutex_);
     if (const auto taken = taken_.find(adapter.get()); taken != taken_.end()) {

@@ -43,6 +43,7 @@ struct Epg_options {
 std::vector<std::string> split_languages(const std::string& list) {
   std::vector<std::string> out;
   std::istringstream parts(list);
+  // An empty list gets one turn as well, so that it is refused and does not mean "any language".
   for (std::string part; std::getline(parts, part, ',') || out.empty();) {
     if (part.size() != 3 ||
         part.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
@@ -55,6 +56,8 @@ std::vector<std::string> split_languages(const std::string& list) {
   return out;
 }
 
+// Texts of all languages are searched, also of those that are not shown: who looks for a film may know its title in
+// another one.
 bool mentions(const Guide_event& event, const std::string& text) {
   const auto holds = [&text](const std::string& where) { return lower_case(where).find(text) != std::string::npos; };
   return std::any_of(event.texts.begin(), event.texts.end(), [&holds](const Event_text& in) {
@@ -67,6 +70,8 @@ bool mentions(const Guide_event& event, const std::string& text) {
 void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* events) {
   const std::string search = lower_case(clean_text(options.search.value_or("")));
   std::set<int> seen;  // channels whose next event has been found
+  // Events come sorted by start, so the first one of a channel behind the present is its next. It need not follow at
+  // once: programmes may pause.
   const auto unwanted = [&](const Guide_event& event) {
     if (options.now) {
       return event.start > now || event.end() <= now;
@@ -86,6 +91,7 @@ void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* e
 }
 
 void show_guide(const Epg_options& options) {
+  // Wrong options are refused before any file is opened, so that a slip is never hidden behind a missing database.
   std::vector<std::string> languages;
   if (options.languages) {
     languages = split_languages(*options.languages);
@@ -96,6 +102,7 @@ void show_guide(const Epg_options& options) {
   if (options.channel && options.channel->empty()) {
     throw Failure("--channel: give a number or a name", EXIT_USAGE);
   }
+  // Asked once: an event that ends while this runs is in all of the output or in none of it.
   const int64_t now = time(nullptr);
   std::pair<int64_t, int64_t> range{now, std::numeric_limits<int64_t>::max()};
   if (options.day) {
@@ -107,6 +114,7 @@ void show_guide(const Epg_options& options) {
     return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
   });
   if (options.channel) {
+    // With one service left, everything below is restricted to it without a further condition.
     services = {Service(find_channel(services, *options.channel, "--channel"))};
   }
   std::map<int, Service> by_row;
@@ -117,6 +125,7 @@ void show_guide(const Epg_options& options) {
   }
   const Guide_db guide(file);
   std::vector<Guide_event> events = guide.events(range.first, range.second, languages);
+  // Events of channels that are not listed: those that were not asked for, and those whose channel has been deleted.
   std::erase_if(events, [&by_row](const Guide_event& event) { return !by_row.contains(event.channel); });
   choose(options, now, &events);
   std::stable_sort(events.begin(), events.end(), [&places](const Guide_event& a, const Guide_event& b) {
@@ -129,6 +138,7 @@ void show_guide(const Epg_options& options) {
   } else {
     print_guide_table(events, by_row, options.channel.has_value());
     if (events.empty()) {
+      // Somebody without a guide needs another advice than somebody whose search was too narrow.
       console::say(guide.counts().empty()
                        ? fmt::format("No guide in {} yet; 'kelvo epg update' collects it.", guide.file())
                        : "No such events in the guide; 'kelvo epg update' collects newer ones.");
@@ -174,6 +184,8 @@ void add_epg(CLI::App& app, int* exit_code) {
       "  kelvo epg --channel 1 --day tomorrow\n"
       "  kelvo epg --format xmltv > guide.xml");
   add_epg_update(*command, exit_code);
+  // The final one, because `kelvo epg update` parses through here: only then is it known whether the guide is to be
+  // shown or collected.
   command->final_callback([command, options, exit_code] {
     if (command->get_subcommands().empty()) {
       show_guide(*options);

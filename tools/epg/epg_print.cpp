@@ -36,6 +36,7 @@ std::string full_text(const Event_text& text) {
   return out;
 }
 
+// The texts come in the order of the languages that were asked for.
 const Event_text& best(const Guide_event& event) {
   static const Event_text none;
   return event.texts.empty() ? none : event.texts.front();
@@ -45,6 +46,8 @@ std::string or_dash(const std::string& text) {
   return text.empty() ? "-" : text;
 }
 
+// The DTD recommends ids in the form of domain names. The row number stays the same when a name or a channel number
+// changes, so that readers keep their settings.
 std::string channel_id(int channel) {
   return fmt::format("{}.kelvo", channel);
 }
@@ -70,6 +73,7 @@ void add_text(pugi::xml_node parent, const char* name, const std::string& text, 
 void add_programme(pugi::xml_node tv, const Guide_event& event) {
   pugi::xml_node programme = tv.append_child("programme");
   programme.append_attribute("start") = local_time(event.start, XMLTV_TIME).c_str();
+  // The stop may be left out; an event that stops as it starts would never be on.
   if (event.duration > 0) {
     programme.append_attribute("stop") = local_time(event.end(), XMLTV_TIME).c_str();
   }
@@ -81,6 +85,7 @@ void add_programme(pugi::xml_node tv, const Guide_event& event) {
       titled = true;
     }
   }
+  // The DTD demands a title.
   if (!titled) {
     add_text(programme, "title", "-", "");
   }
@@ -91,6 +96,7 @@ void add_programme(pugi::xml_node tv, const Guide_event& event) {
     }
   }
   for (const std::string& genre : event.genres) {
+    // The names of genres are the standard's English ones, whatever language the texts have.
     add_text(programme, "category", genre, "en");
   }
   for (const auto& [country, age] : event.ratings) {
@@ -155,6 +161,7 @@ void print_guide_xmltv(const std::vector<Guide_event>& events, const std::vector
   pugi::xml_node declaration = document.append_child(pugi::node_declaration);
   declaration.append_attribute("version") = "1.0";
   declaration.append_attribute("encoding") = "UTF-8";
+  // Names the DTD, so that people can check the guide as it is.
   document.append_child(pugi::node_doctype).set_value("tv SYSTEM \"xmltv.dtd\"");
   pugi::xml_node tv = document.append_child("tv");
   tv.append_attribute("generator-info-name") = "kelvo";

@@ -33,6 +33,7 @@
 
 namespace {
 
+// No callback says how far the tables of a guide have come, so the library is asked; more often would not be seen.
 constexpr int LOOK_INTERVAL_MS = 200;
 constexpr int DEFAULT_TIME_S = 600;  // for each multiplex
 constexpr int BAR_WIDTH = 16;
@@ -81,6 +82,7 @@ std::string bar(const Guide_progress& progress) {
   } else if (service.last_table >= table::EIT_SCHEDULE_FIRST && service.table >= table::EIT_SCHEDULE_FIRST) {
     const int tables = service.last_table - table::EIT_SCHEDULE_FIRST + 1;
     const int reached = service.table - table::EIT_SCHEDULE_FIRST + 1;
+    // Two tables more than there are, so that the bar is full only when the service is complete.
     filled = std::min(BAR_WIDTH, BAR_WIDTH * reached / (tables + 2));
   }
   return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(BAR_WIDTH - filled), '.');
@@ -120,6 +122,7 @@ class Update {
 };
 
 int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  // Counted before the library has the files, whose adapters begin to store events at once.
   before_ = Guide_db(db_).counts();
   database_ = open_database(db_, exists);
   collect_all_guides(database_.get());
@@ -130,6 +133,7 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   work();
   engine_->join();  // Each adapter ends what it is writing.
   lines_.clear();
+  // What came after the last look of the loop belongs into the report.
   seen_ = job_->multiplexes();
   say_news();
   report();
@@ -158,6 +162,7 @@ void Update::work() {
       waits[1].fd = -1;
       engine_->stop();
     }
+    // Unlike a scan, which lets what is under way end, nothing of a guide counts that can no longer be stored.
     if (write_failed(database_.get())) {
       engine_->stop();  // Nothing more can be kept.
     }
@@ -215,6 +220,7 @@ void Update::say_news() {
       if (progress.state == Guide_state::COLLECTING) {
         continue;
       }
+      // Once a service, also where its guide is sent anew and completed once more.
       std::string& said = said_[progress.service.channel];
       if (said.empty()) {
         said = fmt::format("{}: {}, {} events", name_of(progress.service.channel),
@@ -237,6 +243,7 @@ void Update::report() {
   int events = 0;
   int news = 0;
   for (const Guide_multiplex& multiplex : seen_) {
+    // A multiplex of which nothing came still has its line, so that the reasons are complete.
     if (multiplex.services.empty()) {
       table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex.outcome)});
     }
@@ -249,6 +256,7 @@ void Update::report() {
       ++services;
       complete += progress.state != Guide_state::COLLECTING ? 1 : 0;
       events += progress.service.events;
+      // Old events may have been deleted meanwhile, so there can be fewer than before.
       news += std::max(0, progress.service.events - (old == before_.end() ? 0 : old->second));
     }
   }
@@ -260,6 +268,7 @@ int update(const Update_options& options) {
   const int given_time = options.time ? parse_duration(*options.time, "--for") : 0;
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
+  // A set: what is named twice is collected once, and the order is that of the report.
   std::set<int> freqs(options.freqs.begin(), options.freqs.end());
   if (freqs.empty()) {
     for (const Service& service : Channel_db(db).services(false)) {
@@ -275,6 +284,7 @@ int update(const Update_options& options) {
       frontends[number] = check_adapter(number);
     }
   }
+  // Only the folders of the default: a path that somebody named is either right or a slip.
   if (options.db.empty()) {
     make_folders_for(db);
   }
@@ -303,6 +313,7 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
       "  kelvo epg update\n"
       "  kelvo epg update --freq 506000000 --for 90s");
   command->callback([&epg, options, exit_code] {
+    // `kelvo epg --db X update` would otherwise collect into the default database without a word.
     for (const CLI::Option* option : epg.get_options()) {
       if (option->count() > 0) {
         throw Failure(fmt::format("{}: stands before 'update'; its options stand behind it (see 'kelvo epg update "

@@ -19,6 +19,8 @@ constexpr milliseconds LOOK_INTERVAL{200};
 void begin_again(Adapter& adapter, int freq, int channel, Guide_job::Time end) {
   adapter.kelvo().watch_again(freq, channel);
   std::vector<EIT_progress> progress;
+  // Until the progress is back at its beginning, a look at it would take the state of the ended round for that of the
+  // new one.
   do {
     adapter.wait(LOOK_INTERVAL / 4);
     adapter.kelvo().eit_progress(&progress);
@@ -68,6 +70,7 @@ Guide_job::Guide_job(const std::vector<int>& freqs, int seconds_given, const Eng
   for (const int freq : freqs) {
     multiplexes_.push_back({freq, Guide_outcome::WAITING, {}});
   }
+  // No adapter will ever come to these, so nobody else would say it.
   for (const int freq : engine->unreceivable()) {
     change(freq, Guide_outcome::OUT_OF_RANGE);
   }
@@ -76,6 +79,8 @@ Guide_job::Guide_job(const std::vector<int>& freqs, int seconds_given, const Eng
 // When this multiplex must end so that the others get their share.
 Guide_job::Time Guide_job::share_ends() const {
   const size_t adapters = engine_->adapters().size();
+  // Adapters work side by side, so what counts is how many more turns each of them has. Time that a multiplex does not
+  // need is shared anew among those behind it.
   const size_t rounds = 1 + (engine_->waiting() + adapters - 1) / adapters;
   const Time now = Adapter::Clock::now();
   return now + (end_ - now) / static_cast<int>(rounds);
@@ -114,6 +119,7 @@ Guide_outcome Guide_job::collect(Adapter& adapter, int freq, Time end) {
     adapter.kelvo().eit_progress(&progress);
     const std::vector<Guide_progress> services = watcher.look(progress, now);
     show(freq, services);
+    // Asked before the end of the time: a guide that was completed with the last section is done.
     const bool all = std::none_of(services.begin(), services.end(), [](const Guide_progress& service) {
       return service.state == Guide_state::COLLECTING;
     });

@@ -19,6 +19,8 @@ constexpr seconds ANNOUNCED_AFTER{35};
 // sends the table that it waits for.
 constexpr seconds STUCK_AFTER{200};
 
+// Complete is told from outside: the table of the last announced number has all its sections, or the round has gone
+// beyond it.
 Guide_state state_of(const EIT_progress& service, bool announced) {
   if (service.last_table != 0 &&
       (service.table > service.last_table || (service.table == service.last_table && service.done))) {
@@ -44,6 +46,8 @@ bool begun(const std::vector<EIT_progress>& progress) {
 }
 
 std::vector<Guide_progress> Guide_watcher::look(const std::vector<EIT_progress>& progress, Time now) {
+  // The waiting for schedules is counted from the first table: tuning and scanning take a different time on every
+  // multiplex.
   if (!begun(progress)) {
     first_table_begun_ = now;
   }

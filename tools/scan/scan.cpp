@@ -69,8 +69,10 @@ class Scan {
 };
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+  // Read before the library has the file, so that the report compares with what the reader knew.
   const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
   database_ = open_database(db_, exists);
+  // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
   engine_ = std::make_unique<Engine>(frontends, freqs_, database_.get());
   engine_->start([this](Adapter& adapter, int freq) { job_.work(adapter, freq); });
@@ -83,7 +85,11 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
     lines_.push_back({{freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
   }
   print_report(stdout, lines_, before, reader_->services(false));
+  // Only remembered here: that a database could not be written is worse news than that the report could not, and comes
+  // first.
   const bool printed = fflush(stdout) == 0;
+  // Adapters may still be writing when all results are in; only behind this is it known whether everything could be
+  // kept.
   engine_.reset();
   check_written(database_.get(), db_);
   if (!printed) {
@@ -108,6 +114,8 @@ void Scan::work() {
     }
     if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
+      // One interrupt is enough: the signal stays readable and would otherwise make this loop spin until the merges
+      // have ended.
       waits[1].fd = -1;
       engine_->stop();
     }
@@ -120,6 +128,8 @@ void Scan::work() {
 void Scan::handle(const Multiplex_result& result) {
   Multiplex_line line{result, 0};
   if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
+    // Counted right behind the merge of this multiplex; what a later scan does to the rows does not belong to this
+    // line.
     line.services = reader_->services_found(result.freq);
     services_ += line.services;
   }
@@ -142,6 +152,7 @@ void Scan::draw() {
   float strength = 0;
   for (const Engine::Under_way& one : all) {
     freqs += (freqs.empty() ? "" : ", ") + mhz(one.freq);
+    // With several adapters there is one number; the best tells whether aerial and cable are right.
     strength = std::max(strength, one.strength);
   }
   progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
@@ -159,6 +170,7 @@ int scan(const Scan_options& options) {
   if (!db.empty()) {
     check_database_name(db);
   }
+  // Every adapter is opened before anything is made or changed, so that a wrong number costs nothing.
   std::map<int, Frontend_info> frontends;
   for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
     if (!frontends.contains(number)) {

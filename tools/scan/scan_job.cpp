@@ -36,6 +36,7 @@ void Scan_job::work(Adapter& adapter, int freq) {
   const auto begin = Adapter::Clock::now();
   const Answer answer = adapter.scan(freq);
   const double seconds = std::chrono::duration<double>(Adapter::Clock::now() - begin).count();
+  // Not held during the scan: others report meanwhile.
   const std::lock_guard lock(mutex_);
   results_.push_back({freq, adapter.number(), outcome_of(answer), seconds});
 }

@@ -38,6 +38,7 @@ bool has_services(Outcome outcome) {
   return outcome == Outcome::LOCKED || outcome == Outcome::TIMED_OUT;
 }
 
+// Without tuning there is no time to show, and 0.0 s would look like a measurement.
 bool was_tuned(Outcome outcome) {
   return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED;
 }
@@ -60,6 +61,7 @@ bool is_lost(const Service& service) {
 }
 
 std::vector<Changed_service> changes(const std::vector<Service>& before, const std::vector<Service>& after) {
+  // By row, which a service keeps when its name or number changes: that is not a loss and a find.
   std::map<int, const Service*> known;
   for (const Service& service : before) {
     known[service.channel] = &service;
@@ -75,6 +77,7 @@ std::vector<Changed_service> changes(const std::vector<Service>& before, const s
       out.push_back({Change::LOST, &service});
     }
   }
+  // By kind first, because people look for what is new.
   std::stable_sort(out.begin(), out.end(), [](const Changed_service& a, const Changed_service& b) {
     return std::tie(a.change, a.service->lcn, a.service->channel) <
            std::tie(b.change, b.service->lcn, b.service->channel);

@@ -28,6 +28,8 @@ struct Convert_options {
   int verbosity = 0;  // how often -v was given
 };
 
+// Compared by inode, so that links and other spellings of the path are noticed as well: the input would be replaced by
+// its own conversion.
 bool same_file(const std::string& a, const std::string& b) {
   struct stat first {};
   struct stat second {};
@@ -49,6 +51,7 @@ void convert(const Convert_options& options) {
   if (same_file(options.in, options.out)) {
     throw Failure("IN and OUT are the same file (see 'kelvo trace convert --help')", EXIT_USAGE);
   }
+  // All of it is read before the output is touched.
   Trace_words trace = read_trace(options.in, sources.at(options.from));
   const Interrupt interrupt;
   const size_t left_out = write_trace({options.out, format, title_of(options.in), options.verbosity - 1}, &trace.words,

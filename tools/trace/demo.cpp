@@ -38,6 +38,7 @@ struct Demo_options {
   std::string samples;
 };
 
+// The demonstration must run the same build that was called, and argv[0] does not say where that is.
 fs::path own_program() {
   std::error_code error;
   fs::path out = fs::read_symlink("/proc/self/exe", error);
@@ -90,6 +91,8 @@ class Child {
     arguments.push_back(nullptr);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
+    // This program blocks the signals that end it and ignores SIGPIPE; the child would inherit both and could not be
+    // ended.
     sigset_t none;
     sigset_t standard;
     sigemptyset(&none);
@@ -113,6 +116,7 @@ class Child {
     if (error != 0) {
       throw Failure(fmt::format("{}: cannot be started: {}", argv[0], strerror(error)));
     }
+    // To be waited for together with the signals. Kernels before 5.3 have none; then it is simply waited for.
     descriptor_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
   }
   ~Child() {
@@ -129,6 +133,7 @@ class Child {
     while (descriptor_ >= 0 && (waits[0].revents & POLLIN) == 0) {
       (void)poll(waits, 2, -1);
       if ((waits[1].revents & POLLIN) != 0) {
+        // It may have something to put away (the scan keeps what it has recorded), so it is waited for all the same.
         (void)kill(pid_, SIGTERM);
         waits[1].fd = -1;
         waits[1].revents = 0;
@@ -175,6 +180,7 @@ int demonstrate(const Demo_options& options) {
     adapter.insert(adapter.end(), {"--mux", freq + "=" + stream});
     scan.insert(scan.end(), {"--freq", freq});
   }
+  // The scan is another run of this program, because the software adapter must be loaded before a program starts.
   adapter.emplace_back("--");
   adapter.insert(adapter.end(), scan.begin(), scan.end());
   console::say("kelvo: scanning the sample network; this takes a few seconds");

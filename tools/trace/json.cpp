@@ -13,6 +13,7 @@ using nlohmann::ordered_json;
 
 constexpr int LANE_KINDS = 6;
 
+// The unit of the format; fractions keep the 3.125 ns of a tick.
 double microseconds(int64_t ticks) {
   return static_cast<double>(ticks) / (static_cast<double>(TICKS_PER_SECOND) / 1e6);
 }
@@ -80,6 +81,8 @@ void print_trace_json(const Timeline& timeline, const Text_sink& out) {
   Events events(&out);
   std::array<int, LANE_KINDS> threads{};
   for (const Lane& lane : timeline.lanes) {
+    // Viewers group lanes by process and sort by the index, so each kind becomes a process, in the order of the
+    // picture.
     const int process = static_cast<int>(lane.kind) + 1;
     int& thread = threads[static_cast<size_t>(lane.kind)];
     if (++thread == 1) {

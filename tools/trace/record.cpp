@@ -56,6 +56,7 @@ bool record_frequency(Adapter& adapter, int freq, Trace_recorder* recorder) {
   do {
     recorder->note("sgnl", static_cast<int>(adapter.strength()));
     answer = adapter.answer(Adapter::Clock::now() + SAMPLE_INTERVAL);
+    // The signal is noted between two waits, so that a reader sees how it was when something did not come.
   } while (!answer && !adapter.stopped());
   if (answer) {
     recorder->note("done", answer->kind == Answer::Kind::SCANNED ? 0 : -1);
@@ -71,6 +72,8 @@ bool record_scan(const Record_options& options, const Interrupt& interrupt, Trac
   const Temporary_folder folder;
   Library_listener listener(recorder);
   Sdbl database(folder.file("dvb.db").c_str());
+  // Before the engine, whose thread uses it until the engine is deleted; the listener and the database outlive it for
+  // the same reason.
   std::atomic<bool> whole{true};
   Engine engine(frontends, options.freqs, &database);
   for (const auto& adapter : engine.adapters()) {
@@ -114,6 +117,7 @@ int record(const Record_options& options) {
     throw Failure(fmt::format("cannot make a database for the scan: {}", error.what()));
   }
   std::vector<unsigned> words = recorder.words();
+  // An interrupt ends the scan and not the writing: what was recorded is what the user waits for.
   (void)write_trace({options.out, format, title_of(options.freqs)}, &words, [] { return false; });
   console::say(clean_text(
       fmt::format("kelvo: {}: {} records", options.out == "-" ? "standard output" : options.out, words.size() / 4)));

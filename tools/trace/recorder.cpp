@@ -20,6 +20,9 @@ constexpr unsigned TASK_PARSE = 2;
 constexpr unsigned TASK_MERGE = 3;
 constexpr unsigned TS_IN0_DMA = 14;
 
+// Ticks of the trace device, 320 MHz, from a clock that nobody turns back: a recorded trace then looks like one of the
+// device, and wraps every 13.4 s as its counter does. Split into seconds and the rest so that the product stays below
+// 2^64.
 unsigned ticks_now() {
   timespec now{};
   (void)clock_gettime(CLOCK_MONOTONIC, &now);
@@ -79,6 +82,8 @@ void Trace_recorder::add(unsigned cmd, unsigned type, unsigned id, const char* n
   if (value != nullptr) {
     data2 = static_cast<unsigned>(*value);
   }
+  // The time is taken under the lock: records lie in the order of their times, or readers would see a wrap of the
+  // counter.
   words_.insert(words_.end(), {ticks_now(), cmd << 24 | type << 16 | id, data1, data2});
 }
 
@@ -155,6 +160,7 @@ void Library_listener::on_activity(void* self, int kind, int value) {
 
 void Library_listener::filter_started(int pid) {
   const std::lock_guard lock(mutex_);
+  // The library may have several filters on one PID; their lane is busy from the first to the last of them.
   if (filters_[pid]++ == 0) {
     recorder_.start(TRACE_OBJECT_2, 0, filter_name(pid));
   }

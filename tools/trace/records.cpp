@@ -82,6 +82,8 @@ Trace_words from_log(std::string_view text, const std::string& file) {
       continue;
     }
     const bool good = begins_log_line(line);
+    // A log that was cut off in the middle of its last line is common (a box that was switched off); anything else that
+    // is wrong in a line means that this is no log.
     if (good && line.size() < LINE && end == std::string_view::npos) {
       out.cut = true;
       break;
@@ -156,6 +158,7 @@ Judgement judge(const std::vector<unsigned>& words) {
 }
 
 bool better(const Judgement& a, const Judgement& b, size_t records) {
+  // The time weighs as much as one property of all records together: traces without names are told by it alone.
   const size_t points_a = a.sensible + a.named + (a.ticks < b.ticks ? records : 0);
   const size_t points_b = b.sensible + b.named + (b.ticks < a.ticks ? records : 0);
   return points_a > points_b;
@@ -181,6 +184,7 @@ Trace_words from_raw(std::string_view bytes, Trace_source order, const std::stri
     out.words.swap(big);
     best = other;
   }
+  // Half of the records may be damaged. Of any other file, in either order, fewer make sense by chance.
   if (best.sensible < records - best.sensible) {
     throw Failure(
         fmt::format("{}: not a trace ({} of {} records make sense; --from little or --from big reads it all "
@@ -216,6 +220,7 @@ Trace_words read_trace(const std::string& file, Trace_source source) {
   const std::string name = file == "-" ? "standard input" : file;
   const bool log = source == Trace_source::LOG || (source == Trace_source::DETECT && looks_like_log(contents));
   Trace_words out = log ? from_log(contents, name) : from_raw(contents, source, name);
+  // The library takes the number of words as an int.
   if (out.words.size() > INT_MAX) {
     throw Failure(fmt::format("{}: too large (more than {} records)", name, INT_MAX / 4));
   }

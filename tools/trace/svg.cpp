@@ -159,6 +159,7 @@ std::vector<Bar> Picture::bars(const Lane& lane, int depth, double grain) const 
     if (span.depth != depth) {
       continue;
     }
+    // Every span is at least one grain wide, also at the right edge: what happened must be seen, however short it was.
     const double x = std::min(at(span.begin), LABELS + PLOT - grain);
     const double end = std::max(at(span.end), x + grain);
     const bool is_short = at(span.end) - x < 2 * grain;
@@ -178,6 +179,7 @@ std::vector<Bar> Picture::bars(const Lane& lane, int depth, double grain) const 
 
 // As fine as the number of bars allows.
 double Picture::find_grain() const {
+  // Viewers become slow with very many shapes, so a long trace is drawn coarser and not cut off.
   for (double grain = 1;; grain *= 2) {
     size_t count = 0;
     for (const Lane* lane : drawn_lanes()) {
@@ -312,6 +314,7 @@ void Picture::draw_lane(Element* svg, const Lane& lane, const char* colour, doub
   int64_t sum = 0;
   size_t count = lane.kind == Lane_kind::NOTE ? lane.marks.size() : 0;
   for (const Span& span : lane.spans) {
+    // Inner spans lie in outer ones, and their time would count twice.
     if (span.depth == 0) {
       sum += span.end - span.begin;
     }
@@ -399,6 +402,7 @@ void Picture::draw_marks(Element* group, const Lane& lane, const char* colour, d
     }
     path.set("fill", note ? colour : TEXT).tip(tip);
     const std::string value = diamond.marks == 1 ? fmt::format("{}", first.value) : fmt::format("{}×", diamond.marks);
+    // A value is written only where it does not run into the next diamond; the tip has it in any case.
     const double room = (i + 1 < diamonds.size() ? diamonds[i + 1].x - MARK : WIDTH - TOTALS) - diamond.x - MARK - 3;
     if (note && room > CHARACTER * static_cast<double>(value.size()) + 3) {
       group->child("text").set("class", "quiet").set("x", diamond.x + MARK + 3).set("y", y + 15).say(value);
@@ -410,6 +414,7 @@ void Picture::draw_wraps(Element* svg, double top, double bottom) {
   double last = -WIDTH;
   for (const int64_t wrap : timeline_.wraps) {
     const double x = at(wrap);
+    // Long traces wrap every few pixels; lines side by side would be a grey area.
     if (x < last + 2) {
       continue;
     }

@@ -115,9 +115,11 @@ void Builder::advance(unsigned time) {
 Builder::Work& Builder::lane(Lane_kind kind, unsigned type, unsigned key, const std::string& name, unsigned number) {
   const auto [place, added] = places_.try_emplace(fmt::format("{} {} {}", type, key, name), lanes_.size());
   if (added) {
+    // In the order of first appearance, which is how the reader meets them from left to right.
     Work& work = lanes_.emplace_back();
     work.lane.kind = kind;
     work.lane.number = number;
+    // Two lanes are told apart by the bytes of their names, but shown by what is left of those on a screen.
     work.lane.name = shown(name);
     if (work.lane.name.empty()) {
       work.lane.name = fmt::format("{} {}", kind_text(kind), number);
@@ -202,6 +204,7 @@ Timeline Builder::finish() {
     }
     out_.lanes.push_back(std::move(work.lane));
   }
+  // Kinds stand together and keep within themselves the order in which they appeared.
   std::stable_sort(out_.lanes.begin(), out_.lanes.end(), [](const Lane& a, const Lane& b) { return a.kind < b.kind; });
   // Lanes that look alike are told apart by their number.
   std::map<std::pair<Lane_kind, std::string>, int> alike;

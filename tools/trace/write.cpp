@@ -51,6 +51,7 @@ void print_tdi(std::vector<unsigned>* words, const Text_sink& out) {
     Timedoc timedoc;
     timedoc.set_output(pipe.ends[1]);
     timedoc.convert_to_tdi(words->data(), static_cast<int>(words->size()));
+    // The reader below ends when this end is closed.
     pipe.close_end(1);
   });
   try {
@@ -102,6 +103,8 @@ std::string trace_format(const std::string& option, const std::string& file, con
 }
 
 size_t write_trace(const Trace_file& file, std::vector<unsigned>* words, const std::function<bool()>& interrupted) {
+  // Made for every format, as it counts the records that make no sense, and before the output, which a failure here
+  // must not touch.
   const Timeline timeline = make_timeline(*words);
   Output_file out(file.name);
   const Text_sink sink = [&](std::string_view text) {

@@ -43,6 +43,7 @@ std::string Time_texts::clock_text(const Time_news& news) {
     clock_stays_ = false;
     return fmt::format("clock set by {:+} s", news.broadcast.off_by);
   }
+  // A clock that is turned back by something else is set at every time table, twice a minute.
   if (clock_stays_) {
     return "";
   }
@@ -64,6 +65,8 @@ std::string Time_texts::zone_text(const Broadcast_time& broadcast) {
     zone = offset_text(broadcast.offset_min);
     text = fmt::format("time zone not set: {} could not be compiled, or not written to {}", zone, ZONE_FILE);
   }
+  // A zone that is set, or refused, again and again is news once. A table that says nothing of the zone is no change,
+  // or the next one would be said again.
   if (zone == zone_said_) {
     return "";
   }

@@ -58,6 +58,8 @@ void wake() {
 }
 
 void on_change(int code) {
+  // Joined and not queued: callbacks come faster than they are looked at, and one line for each kind of change is
+  // enough.
   changes |= code;
   wake();
 }
@@ -71,6 +73,7 @@ void on_quality(unsigned event, void*) {
 }
 
 void on_time(void*, const Broadcast_time& broadcast) {
+  // Made before the lock is taken, at the moment of the table: it compares with the clock.
   const Time_news news(broadcast);
   {
     const std::lock_guard lock(mutex);
@@ -79,6 +82,8 @@ void on_time(void*, const Broadcast_time& broadcast) {
   wake();
 }
 
+// Each line goes out at once: a reader behind a pipe waits for it, perhaps for hours. A reader that has gone away ends
+// the command here.
 void say(const std::string& text) {
   console::print(fmt::format("{} {}\n", local_time(time(nullptr), "%H:%M:%S"), text), "the changes");
   console::finish_printing("the changes");
@@ -110,6 +115,8 @@ class Watch {
 };
 
 void Watch::run(int adapter, int seconds, const std::string& zone_of) {
+  // The order of these matters: signals are blocked before the library starts threads, and it is silent before its
+  // first object and until its last is gone.
   const Interrupt interrupt;
   const console::Quiet_library quiet(-1);
   wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -123,6 +130,8 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   }
   guide_ = std::make_unique<Guide_db>(db_);
   events_ = stored();
+  // Later than the database and the guide's counts, as it starts to tune and to store at once; deleted first for the
+  // same reason.
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
   kelvo.set_time_listener(on_time, nullptr);
   kelvo.set_stb_event_callback(on_quality);
@@ -141,6 +150,7 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
       listening = listen_to_quality(&kelvo, std::chrono::steady_clock::now() - begun > LOCK_PATIENCE);
     }
     look();
+    // At every look, since there is no end at which it could be asked: a full disk must not pass for a quiet channel.
     check_written(database.get(), db_);
   }
   say(fmt::format("stopped, {} events in the guide", stored()));
@@ -194,6 +204,7 @@ void watch(const Watch_options& options) {
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
   const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
+  // Behind the look for the channel, which needs no adapter: a slip in the name is told where none is plugged in, too.
   (void)check_adapter(options.adapter);
   (void)check_database(db);
   Watch(service, db).run(options.adapter, seconds, options.zone_of);

@@ -37,6 +37,7 @@ std::string last_rule(const std::string& content) {
 std::string zone_in(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   std::string content{std::istreambuf_iterator<char>(in), {}};
+  // No zone is nearly so large; something else may lie under that name.
   if (content.size() > LARGEST_FILE) {
     return "";
   }
@@ -53,6 +54,7 @@ std::string zone_in(const std::string& file) {
   }
   const int hours = std::atoi(part[3].str().c_str());
   const int minutes = std::atoi(part[4].str().c_str());
+  // Zero has no side: it is shown as +00:00 however it was written.
   const bool west = part[2] != "-" && (hours != 0 || minutes != 0);
   return fmt::format("{}, UTC{}{:02}:{:02}", name, west ? '-' : '+', hours, minutes);
 }

@@ -73,7 +73,7 @@ TEST_F(Channels, an_empty_database_is_no_error) {
 
 TEST_F(Channels, a_named_database_must_exist) {
   db_ = dir_.file("missing.db");
-  EXPECT_EQ(channels(), fails(db_ + ": No such file or directory; make it with 'kelvo scan'"));
+  EXPECT_EQ(channels(), fails(db_ + MISSING));
   EXPECT_FALSE(exists(db_));
 }
 

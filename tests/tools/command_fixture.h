@@ -37,6 +37,15 @@ void make_prepared_db(const std::string& file);
 // A database that has no room left but for a few of the pages that the library allows a file.
 void fill_up(const std::string& file);
 
+// What is said of a device, behind its name.
+inline const std::string NO_DEVICE = ": no such device; is the adapter plugged in?";
+inline const std::string BUSY_DEVICE = ": in use by another program; stop it first";
+inline const std::string DENIED_DEVICE = ": permission denied; is the user in group video?";
+// And of a database.
+inline const std::string NO_DATABASE = ": not a database; name another file with --db";
+inline const std::string DAMAGED = ": the database is damaged; restore a copy, or move it away and scan again";
+inline const std::string MISSING = ": No such file or directory; make it with 'kelvo scan'";
+
 // A folder of its own for channels and guide, and runs under the software adapter.
 class Command_fixture : public testing::Test {
  protected:

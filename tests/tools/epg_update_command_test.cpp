@@ -196,22 +196,13 @@ TEST_F(Epg_update, the_bars_fit_the_window) {
 TEST_F(Epg_update, a_failure_is_one_line) {
   expect_failures(
       {"epg", "update"},
-      {{"missing device",
-        {},
-        {"--adapter", "1"},
-        "/dev/dvb/adapter1/frontend0: no such device; is the adapter plugged in?"},
+      {{"missing device", {}, {"--adapter", "1"}, "/dev/dvb/adapter1/frontend0" + NO_DEVICE},
        {"one of two devices missing",
         {},
         {"--adapter", "0", "--adapter", "3"},
-        "/dev/dvb/adapter3/frontend0: no such device; is the adapter plugged in?"},
-       {"busy device",
-        {"--fault", "open(frontend0)=EBUSY"},
-        {},
-        "/dev/dvb/adapter0/frontend0: in use by another program; stop it first"},
-       {"no permission",
-        {"--fault", "open(frontend0)=EACCES"},
-        {},
-        "/dev/dvb/adapter0/frontend0: permission denied; is the user in group video?"},
+        "/dev/dvb/adapter3/frontend0" + NO_DEVICE},
+       {"busy device", {"--fault", "open(frontend0)=EBUSY"}, {}, "/dev/dvb/adapter0/frontend0" + BUSY_DEVICE},
+       {"no permission", {"--fault", "open(frontend0)=EACCES"}, {}, "/dev/dvb/adapter0/frontend0" + DENIED_DEVICE},
        {"cable receiver", {"--type", "qam"}, {}, "/dev/dvb/adapter0/frontend0: softdvb DVB-C 0 does not receive DVB-T"},
        {"database not writable", {"--fault", "access(dvb.db)=EACCES"}, {}, "DB: cannot be written: Permission denied"},
        {"guide not writable",
@@ -225,16 +216,14 @@ TEST_F(Epg_update, damaged_files_are_refused_and_left_alone) {
   const std::string channels = support::read_file(db_);
   const std::string guide = support::read_file(guide_);
   const std::string no_database = std::string(3000, 'x');
-  const std::string no_database_err = ": not a database; name another file with --db";
-  const std::string damaged_err = ": the database is damaged; restore a copy, or move it away and scan again";
   const struct {
     std::string db;
     std::string guide;
     std::string err;
-  } cases[] = {{no_database, guide, db_ + no_database_err},
-               {channels.substr(0, channels.size() / 2), guide, db_ + damaged_err},
-               {channels, no_database, guide_ + no_database_err},
-               {channels, guide.substr(0, guide.size() / 2), guide_ + damaged_err}};
+  } cases[] = {{no_database, guide, db_ + NO_DATABASE},
+               {channels.substr(0, channels.size() / 2), guide, db_ + DAMAGED},
+               {channels, no_database, guide_ + NO_DATABASE},
+               {channels, guide.substr(0, guide.size() / 2), guide_ + DAMAGED}};
   for (const auto& c : cases) {
     support::write_file(db_, c.db);
     support::write_file(guide_, c.guide);
@@ -245,7 +234,7 @@ TEST_F(Epg_update, damaged_files_are_refused_and_left_alone) {
 }
 
 TEST_F(Epg_update, without_channels_there_is_nothing_to_do) {
-  EXPECT_EQ(update(network()), fails(db_ + ": No such file or directory; make it with 'kelvo scan'"));
+  EXPECT_EQ(update(network()), fails(db_ + MISSING));
   EXPECT_TRUE(folder_is_empty());
   make_prepared_db(db_);
   run_sql(db_, "DELETE FROM kanalid;");
@@ -301,9 +290,7 @@ TEST_F(Epg_update, a_report_that_cannot_be_written_is_an_error) {
 // The times that are right get as far as the missing database.
 TEST_F(Epg_update, times_may_be_joined) {
   for (const char* time : {"1s", "90s", "10m", "1h", "1h30m", "168h", "604800s", "007s"}) {
-    EXPECT_EQ(run_command({KELVO_COMMAND, "epg", "update", "--for", time, "--db", db_}),
-              fails(db_ + ": No such file or directory; make it with 'kelvo scan'"))
-        << time;
+    EXPECT_EQ(run_command({KELVO_COMMAND, "epg", "update", "--for", time, "--db", db_}), fails(db_ + MISSING)) << time;
   }
 }
 

@@ -210,13 +210,9 @@ TEST_F(Scan, a_device_that_cannot_be_used_is_one_line_and_nothing_is_made) {
     Words adapter;
     std::string err;
   } cases[] = {
-      {"held by another program",
-       {"--fault", "open(frontend0)=EBUSY"},
-       "frontend0: in use by another program; stop it first"},
-      {"no permission",
-       {"--fault", "open(frontend0)=EACCES"},
-       "frontend0: permission denied; is the user in group video?"},
-      {"no demultiplexer", {"--fault", "open(demux0)=ENOENT"}, "demux0: no such device; is the adapter plugged in?"},
+      {"held by another program", {"--fault", "open(frontend0)=EBUSY"}, "frontend0" + BUSY_DEVICE},
+      {"no permission", {"--fault", "open(frontend0)=EACCES"}, "frontend0" + DENIED_DEVICE},
+      {"no demultiplexer", {"--fault", "open(demux0)=ENOENT"}, "demux0" + NO_DEVICE},
       {"another failure", {"--fault", "open(demux0)=EIO"}, "demux0: cannot be opened: Input/output error"},
       {"does not answer", {"--fault", "FE_GET_INFO=EIO"}, "frontend0: does not answer: Input/output error"},
       {"for satellites", {"--type", "qpsk"}, "frontend0: softdvb DVB-S 0 does not receive DVB-T"},
@@ -230,19 +226,19 @@ TEST_F(Scan, a_device_that_cannot_be_used_is_one_line_and_nothing_is_made) {
 
 TEST_F(Scan, a_missing_adapter_is_no_reason_to_start_with_the_other) {
   EXPECT_EQ(scan(network(), {"--adapter", "0", "--adapter", "1", "--freq", "522000000"}),
-            fails("/dev/dvb/adapter1/frontend0: no such device; is the adapter plugged in?"));
+            fails("/dev/dvb/adapter1/frontend0" + NO_DEVICE));
   EXPECT_TRUE(folder_is_empty());
 }
 
 TEST_F(Scan, a_database_of_another_kind_is_left_alone) {
   const std::string other(3000, 'x');
   support::write_file(db_, other);
-  EXPECT_EQ(scan(network(), {"--freq", "522000000"}), fails(db_ + ": not a database; name another file with --db"));
+  EXPECT_EQ(scan(network(), {"--freq", "522000000"}), fails(db_ + NO_DATABASE));
   EXPECT_EQ(support::read_file(db_), other);
 
   std::filesystem::remove(db_);
   support::write_file(guide_, other);
-  EXPECT_EQ(scan(network(), {"--freq", "522000000"}), fails(guide_ + ": not a database; name another file with --db"));
+  EXPECT_EQ(scan(network(), {"--freq", "522000000"}), fails(guide_ + NO_DATABASE));
   EXPECT_FALSE(std::filesystem::exists(db_));
 }
 

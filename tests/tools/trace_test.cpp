@@ -3,8 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/trace_records.h"
 #include "tools/command_fixture.h"
-#include "trace/trace_records.h"
 
 // `kelvo trace convert`, run as people run it.
 
@@ -18,15 +18,10 @@ using testing::HasSubstr;
 
 constexpr double TICKS_IN_A_MICROSECOND = 320;
 
-// The same numbers on every machine.
-class Random {
- public:
-  explicit Random(unsigned seed) : engine_(seed) {}
-  unsigned operator()(size_t below) { return static_cast<unsigned>(engine_() % below); }
-
- private:
-  std::mt19937 engine_;
-};
+// Numbers from 0 on, below what they are asked for: the same on every machine.
+auto random_below(unsigned seed) {
+  return [engine = std::mt19937(seed)](size_t below) mutable { return static_cast<unsigned>(engine() % below); };
+}
 
 std::string raw(const std::vector<Record>& records, bool big = false) {
   std::string out;
@@ -76,22 +71,20 @@ class Trace_convert : public Command_fixture {
 };
 
 // One of everything, with a wrap of the counter before the last record.
-const std::vector<Record> EVERYTHING = {
-    {1000, START, TASK, 7, "worker"},
-    {1320, START, INTERRUPT, 14},
-    {1480, START, INTERRUPT, 7},
-    {1640, STOP, INTERRUPT, 7},
-    {1800, STOP, INTERRUPT, 14},
-    {2000, START, AGENT, 35, 0, 1},
-    {2640, STOP, AGENT, 35},
-    {3000, NOTE, 0, 0, "zap", 0xFFFFFFFB},
-    {3200, START, OBJECT, 3, "pool"},
-    {3360, STOP, OBJECT, 3, "pool"},
-    {4000, START, EVENT, 0, "redraw"},
-    {4000, STOP, EVENT, 0, "redraw"},
-    {0xFFFFFFF0, NOTE, 0, 0, "zap", 1},
-    {321, STOP, TASK, 7, "worker"},
-};
+const std::vector<Record> EVERYTHING = {{1000, STA, TASK, 7, "worker"},
+                                        {1320, STA, ISR, 14},
+                                        {1480, STA, ISR, 7},
+                                        {1640, STO, ISR, 7},
+                                        {1800, STO, ISR, 14},
+                                        {2000, STA, AGENT, 35, 0, 1},
+                                        {2640, STO, AGENT, 35},
+                                        {3000, NOTE, 0, 0, "zap", 0xFFFFFFFB},
+                                        {3200, STA, OBJ, 3, "pool"},
+                                        {3360, STO, OBJ, 3, "pool"},
+                                        {4000, STA, EVENT, 0, "redraw"},
+                                        {4000, STO, EVENT, 0, "redraw"},
+                                        {0xFFFFFFF0, NOTE, 0, 0, "zap", 1},
+                                        {321, STO, TASK, 7, "worker"}};
 const std::string EVERYTHING_TDI = HEADER +
                                    "NAM 0 0 worker\nSTA 0 0 0\n"
                                    "NAM 1 0 TS_IN0_DMA\nSTA 1 0 320\n"
@@ -160,10 +153,10 @@ TEST_F(Trace_convert, a_record_that_is_cut_off_is_left_out) {
 }
 
 TEST_F(Trace_convert, records_that_make_no_sense_are_left_out_and_counted) {
-  std::vector<Record> records = {{5, NOTE, 0, 0, "note", 7}, {6, START, 6, 0, 1, 2}};
+  std::vector<Record> records = {{5, NOTE, 0, 0, "note", 7}, {6, STA, 6, 0, 1, 2}};
   EXPECT_EQ(converted(raw(records), "out.tdi", "kelvo: " + in_ + ": 1 of 2 records make no sense and is left out\n"),
             HEADER + "NAM 7 0 note\nOCC 7 0 0\nDSC 1 0 7\nEND\n");
-  records.insert(records.end(), {{7, STOP, TASK, 1}, {8, START, INTERRUPT, 82}});
+  records.insert(records.end(), {{7, STO, TASK, 1}, {8, STA, ISR, 82}});
   const std::string two = "kelvo: " + in_ + ": 2 of 4 records make no sense and are left out\n";
   EXPECT_THAT(converted(raw(records), "out.svg", two),
               HasSubstr(">4 records, 9.38 ns, 2 that make no sense left out</text>"));
@@ -228,8 +221,8 @@ TEST_F(Trace_convert, names_are_clean_and_lanes_that_look_alike_have_their_numbe
       {0, 4, TASK, 4, "\0\0\0\0lost"},          // no name before the zero byte
       {0, 4, TASK, 5, "same"},
       {0, 4, TASK, 6, "same"},
-      {0, START, INTERRUPT, 0},
-      {0, START, INTERRUPT, 1},
+      {0, STA, ISR, 0},
+      {0, STA, ISR, 1},
       {0, NOTE, 0, 0, "a<&\""},
       {0, NOTE, 0, 0, "b"},
   };
@@ -244,11 +237,10 @@ TEST_F(Trace_convert, names_are_clean_and_lanes_that_look_alike_have_their_numbe
 
 TEST_F(Trace_convert, starts_and_stops_pair_and_what_was_not_recorded_is_said) {
   const std::vector<Record> records = {
-      {320, STOP, TASK, 1, "a"},                                // under way at the beginning
-      {640, START, TASK, 1, "a"},  {960, START, TASK, 1, "a"},  // again, inside
-      {1280, STOP, TASK, 1, "a"},  {1600, STOP, TASK, 1, "a"},
-      {1920, STOP, TASK, 1, "a"},   // a stop whose start is missing
-      {2240, START, TASK, 2, "b"},  // under way at the end
+      {320, STO, TASK, 1, "a"},                                                         // under way at the beginning
+      {640, STA, TASK, 1, "a"},  {960, STA, TASK, 1, "a"},                              // again, inside
+      {1280, STO, TASK, 1, "a"}, {1600, STO, TASK, 1, "a"}, {1920, STO, TASK, 1, "a"},  // a stop whose start is missing
+      {2240, STA, TASK, 2, "b"},                                                        // under way at the end
       {2560, 4, TASK, 1, "a"},
   };
   Words spans;
@@ -283,7 +275,7 @@ TEST_F(Trace_convert, json_says_what_tdi_says) {
   const std::map<int, std::string> categories = {{0, "task"},   {1, "interrupt"}, {2, "object"},
                                                  {3, "object"}, {4, "event"},     {8, "agent"}};
   for (unsigned seed = 1; seed <= 5; ++seed) {
-    Random below(seed);
+    auto below = random_below(seed);
     const auto any = [&below](const std::vector<unsigned>& from) { return from[below(from.size())]; };
     std::vector<Record> records;
     unsigned time = below(1U << 31);
@@ -376,7 +368,7 @@ TEST_F(Trace_convert, the_axis_has_units_that_fit) {
       {1'600'000'000, {"0.0 s", "4.5 s", "5.0 s"}},
   };
   for (const auto& [ticks, labels] : cases) {
-    const std::string svg = converted(raw({{0, START, TASK, 1, "a"}, {ticks, STOP, TASK, 1, "a"}}), "out.svg");
+    const std::string svg = converted(raw({{0, STA, TASK, 1, "a"}, {ticks, STO, TASK, 1, "a"}}), "out.svg");
     for (const std::string& label : labels)
       EXPECT_THAT(svg, HasSubstr(">" + label + "</text>")) << ticks;
   }
@@ -386,15 +378,15 @@ TEST_F(Trace_convert, the_axis_has_units_that_fit) {
 struct Million {
   Million() {
     records.reserve(1'000'000);
-    Random below(3);
+    auto below = random_below(3);
     unsigned time = 0;
     for (unsigned i = 0; i < 1'000'000; ++i) {
       time += 100 + below(1000);
       const unsigned lane = below(300);
-      const unsigned cmd = std::array{STOP, STOP, START, START, NOTE}[below(5)];
-      const unsigned type = std::array{TASK, INTERRUPT, OBJECT, EVENT, AGENT}[below(5)];
+      const unsigned cmd = std::array{STO, STO, STA, STA, NOTE}[below(5)];
+      const unsigned type = std::array{TASK, ISR, OBJ, EVENT, AGENT}[below(5)];
       records.emplace_back(time, cmd, type, lane % 82, word("n" + std::to_string(lane)));
-      stops += cmd == STOP ? 1 : 0;
+      stops += cmd == STO ? 1 : 0;
       notes += cmd == NOTE ? 1 : 0;
     }
   }

@@ -75,7 +75,7 @@ TEST(Device, a_missing_one_is_an_error_and_nothing_is_made) {
     GTEST_SKIP() << "this machine has four DVB adapters";
   const support::Temp_dir dir;
   EXPECT_EQ(run_command({KELVO_COMMAND, "scan", "--adapter", "3"}, {{"XDG_DATA_HOME", dir.path()}}),
-            fails("/dev/dvb/adapter3/frontend0: no such device; is the adapter plugged in?"));
+            fails("/dev/dvb/adapter3/frontend0" + NO_DEVICE));
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
@@ -91,9 +91,8 @@ TEST(Database, a_bad_one_is_refused_and_left_alone) {
     std::string contents;
     std::string err;
   } cases[] = {
-      {"a text file", std::string(2000, 'x'), ": not a database; name another file with --db"},
-      {"a file cut off in the middle", whole.substr(0, whole.size() / 2),
-       ": the database is damaged; restore a copy, or move it away and scan again"},
+      {"a text file", std::string(2000, 'x'), NO_DATABASE},
+      {"a file cut off in the middle", whole.substr(0, whole.size() / 2), DAMAGED},
       {"another program's database", read_file(dir.file("other.db")),
        ": not a channel database; name another file with --db"},
       {"another layout", read_file(dir.file("layout.db")),

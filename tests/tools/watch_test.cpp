@@ -9,6 +9,8 @@ namespace {
 
 using support::Running_command;
 using testing::_;
+using testing::AllOf;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
@@ -21,14 +23,17 @@ class Watch : public Guide_fixture {
   Command_result watch(const Words& options, const Words& arguments) const {
     return run_command(command(options, arguments));
   }
+  // What a run that ends well says.
+  static Words said(const Command_result& result) {
+    EXPECT_THAT(result, ends(0, _, ""));
+    return timed_lines_of(result.out);
+  }
 };
 
 TEST_F(Watch, says_how_the_guide_grows) {
   scan(network());
-  const Command_result result = watch(network(), {"1", "--for", "60s"});
-  EXPECT_THAT(result, ends(0, _, ""));
-  const Words lines = timed_lines_of(result.out);
-  ASSERT_GE(lines.size(), 3U) << result.out;
+  const Words lines = said(watch(network(), {"1", "--for", "60s"}));
+  ASSERT_GE(lines.size(), 3U);
   EXPECT_EQ(lines.front(), "watching Kuldnokk on 506.000 MHz, 0 events in the guide");
   EXPECT_EQ(lines.back(), "stopped, 96 events in the guide");
   // The steps add up to what is there; a step has more than 20 events.
@@ -52,9 +57,7 @@ TEST_F(Watch, finds_a_channel_by_number_name_and_row) {
                {"ШПАК", "Шпак on 514.000"}, {"#3", "Шпак on 514.000"},    {"11", "Шпак on 514.000"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.wanted);
-    const Command_result result = watch(network(), {c.wanted, "--for", "1s"});
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    EXPECT_EQ(timed_lines_of(result.out).front(),
+    EXPECT_EQ(said(watch(network(), {c.wanted, "--for", "1s"})).front(),
               std::string("watching ") + c.name_and_freq + " MHz, 0 events in the guide");
   }
 }
@@ -72,11 +75,8 @@ TEST_F(Watch, says_when_quality_is_lost_and_back) {
     EXPECT_THAT(running.out(), Not(HasSubstr("quality back")));
     control(std::string("adapter 0 ") + good);
     ASSERT_TRUE(running.wait_for_out("quality back\n")) << running.out();
-    const Command_result result = ended_by(SIGINT, running);
-    EXPECT_EQ(result.exit_code, 0);
-    const Words lines = timed_lines_of(result.out);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "quality lost"), 1) << result.out;
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "quality back"), 1) << result.out;
+    EXPECT_THAT(said(ended_by(SIGINT, running)),
+                AllOf(Contains("quality lost").Times(1), Contains("quality back").Times(1)));
     std::filesystem::remove(guide_);
   }
 }
@@ -88,10 +88,8 @@ TEST_F(Watch, says_when_there_is_no_lock_and_when_it_comes) {
   ASSERT_TRUE(running.wait_for_out("quality lost\n")) << running.out();
   control("adapter 0 status 506000000 = 0x1f");
   ASSERT_TRUE(running.wait_for_out("quality back\n")) << running.out();
-  const Command_result result = ended_by(SIGTERM, running);
-  EXPECT_EQ(result.exit_code, 0);
-  const Words lines = timed_lines_of(result.out);
-  ASSERT_GE(lines.size(), 2U) << result.out;
+  const Words lines = said(ended_by(SIGTERM, running));
+  ASSERT_GE(lines.size(), 2U);
   EXPECT_EQ(lines[1], "quality lost");
 }
 
@@ -108,11 +106,8 @@ TEST_F(Watch, says_when_the_streams_of_a_service_change) {
                                                  { "type": "mpeg2-video", "pid": 901 }] }])"))),
                                 {"--once"}});
   scan(options, {"506000000"});
-  const Command_result result = watch(options, {"1", "--for", "25s"});
-  EXPECT_EQ(result.exit_code, 0);
-  const Words lines = timed_lines_of(result.out);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "streams changed"), 1) << result.out;
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "channels changed"), 0) << result.out;
+  EXPECT_THAT(said(watch(options, {"1", "--for", "25s"})),
+              AllOf(Contains("streams changed").Times(1), Not(Contains("channels changed"))));
   EXPECT_EQ(value(db_, "SELECT group_concat(es_pid) FROM (SELECT es_pid FROM estreams ORDER BY es_pid);"), "900,901");
 }
 
@@ -120,9 +115,7 @@ TEST_F(Watch, says_when_the_streams_of_a_service_change) {
 TEST_F(Watch, says_when_a_service_is_lost) {
   scan(network());
   add_lost_service(999);
-  const Command_result result = watch(network("x20"), {"1", "--for", "60s"});
-  EXPECT_EQ(result.exit_code, 0);
-  EXPECT_THAT(timed_lines_of(result.out), testing::Contains("channels changed"));
+  EXPECT_THAT(said(watch(network("x20"), {"1", "--for", "60s"})), Contains("channels changed"));
   EXPECT_EQ(value(db_, "SELECT scan_state FROM kanalid WHERE lcn = 77;"), "0");
 }
 
@@ -134,10 +127,7 @@ TEST_F(Watch, says_when_a_service_is_new) {
   // Played from behind that second, again and again.
   Running_command running(command(joined({at_speed("x60", made), {"--offset", "21"}}), {"1"}));
   ASSERT_TRUE(running.wait_for_out("channels changed")) << running.out();
-  const Command_result result = ended_by(SIGINT, running);
-  EXPECT_EQ(result.exit_code, 0);
-  const Words lines = timed_lines_of(result.out);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "channels changed"), 1) << result.out;
+  EXPECT_THAT(said(ended_by(SIGINT, running)), Contains("channels changed").Times(1));
   EXPECT_EQ(value(db_, "SELECT count(*) FROM kanalid;"), "2");
 }
 
@@ -160,15 +150,13 @@ TEST_F(Watch, ends_when_it_is_interrupted) {
 TEST_F(Watch, a_channel_on_the_first_frequency_is_watched_too) {
   const Words options = at_speed("x10", mux("474", service(101, 1, "Esimene", DAY_OF_EVENTS)));
   scan(options, {"474000000"});
-  EXPECT_EQ(timed_lines_of(watch(options, {"Esimene", "--for", "40s"}).out).back(), "stopped, 48 events in the guide");
+  EXPECT_EQ(said(watch(options, {"Esimene", "--for", "40s"})).back(), "stopped, 48 events in the guide");
 }
 
 TEST_F(Watch, a_guide_that_is_missing_is_made) {
   scan(network());
   ASSERT_TRUE(std::filesystem::remove(guide_));
-  const Command_result result = watch(network(), {"11", "--for", "40s"});
-  EXPECT_EQ(result.exit_code, 0) << result.err;
-  EXPECT_EQ(timed_lines_of(result.out).back(), "stopped, 48 events in the guide");
+  EXPECT_EQ(said(watch(network(), {"11", "--for", "40s"})).back(), "stopped, 48 events in the guide");
 }
 
 TEST_F(Watch, a_reader_that_goes_away_ends_it) {
@@ -192,40 +180,32 @@ TEST_F(Watch, a_failure_is_one_line) {
   const std::string unknown = ": no such channel; 'kelvo channels' lists them";
   const std::string help = " (see 'kelvo watch --help')";
   expect_failures(
-      {"watch"}, {{"unknown name", {}, {"Olematu"}, "channel Olematu" + unknown},
-                  {"unknown number", {}, {"999"}, "channel 999" + unknown},
-                  {"unknown row", {}, {"#999"}, "channel #999" + unknown},
-                  {"no number means no number", {}, {"65535"}, "channel 65535" + unknown},
-                  {"empty name", {}, {""}, "channel " + unknown},
-                  {"hostile name", {}, {"\x1B[2J\nx"}, "channel [2J x" + unknown},
-                  {"ambiguous part",
-                   {},
-                   {"A"},
-                   "channel A: 3 channels are meant: #1 Kuldnokk, #2 Raadio, #4 a[2J b; give one as #NUMBER"},
-                  {"ambiguous number",
-                   {},
-                   {"12"},
-                   "channel 12: 2 channels are meant: #1 Kuldnokk, #4 a[2J b; give one as #NUMBER"},
-                  {"no channel", {}, {}, "CHANNEL is required" + help, 2},
-                  {"two channels", {}, {"1", "2"}, "The following argument was not expected: 2" + help, 2},
-                  {"wrong time", {}, {"#1", "--for", "10"}, "--for 10: not a time; give for example 90s, 10m or 1h", 2},
-                  {"wrong adapter", {}, {"#1", "--adapter", "4"}, "--adapter: Value 4 not in range 0 to 3" + help, 2},
-                  {"missing device",
-                   {},
-                   {"#1", "--adapter", "1"},
-                   "/dev/dvb/adapter1/frontend0: no such device; is the adapter plugged in?"},
-                  {"busy device",
-                   {"--fault", "open(frontend0)=EBUSY"},
-                   {"#1"},
-                   "/dev/dvb/adapter0/frontend0: in use by another program; stop it first"},
-                  {"no permission",
-                   {"--fault", "open(demux0)=EACCES"},
-                   {"#1"},
-                   "/dev/dvb/adapter0/demux0: permission denied; is the user in group video?"},
-                  {"database not writable",
-                   {"--fault", "access(dvb.db)=EACCES"},
-                   {"#1"},
-                   "DB: cannot be written: Permission denied"}});
+      {"watch"},
+      {{"unknown name", {}, {"Olematu"}, "channel Olematu" + unknown},
+       {"unknown number", {}, {"999"}, "channel 999" + unknown},
+       {"unknown row", {}, {"#999"}, "channel #999" + unknown},
+       {"no number means no number", {}, {"65535"}, "channel 65535" + unknown},
+       {"empty name", {}, {""}, "channel " + unknown},
+       {"hostile name", {}, {"\x1B[2J\nx"}, "channel [2J x" + unknown},
+       {"ambiguous part",
+        {},
+        {"A"},
+        "channel A: 3 channels are meant: #1 Kuldnokk, #2 Raadio, #4 a[2J b; give one as #NUMBER"},
+       {"ambiguous number",
+        {},
+        {"12"},
+        "channel 12: 2 channels are meant: #1 Kuldnokk, #4 a[2J b; give one as #NUMBER"},
+       {"no channel", {}, {}, "CHANNEL is required" + help, 2},
+       {"two channels", {}, {"1", "2"}, "The following argument was not expected: 2" + help, 2},
+       {"wrong time", {}, {"#1", "--for", "10"}, "--for 10: not a time; give for example 90s, 10m or 1h", 2},
+       {"wrong adapter", {}, {"#1", "--adapter", "4"}, "--adapter: Value 4 not in range 0 to 3" + help, 2},
+       {"missing device", {}, {"#1", "--adapter", "1"}, "/dev/dvb/adapter1/frontend0" + NO_DEVICE},
+       {"busy device", {"--fault", "open(frontend0)=EBUSY"}, {"#1"}, "/dev/dvb/adapter0/frontend0" + BUSY_DEVICE},
+       {"no permission", {"--fault", "open(demux0)=EACCES"}, {"#1"}, "/dev/dvb/adapter0/demux0" + DENIED_DEVICE},
+       {"database not writable",
+        {"--fault", "access(dvb.db)=EACCES"},
+        {"#1"},
+        "DB: cannot be written: Permission denied"}});
 }
 
 }  // namespace

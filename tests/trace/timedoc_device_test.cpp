@@ -7,8 +7,8 @@
 #include <cstdarg>
 
 #include "support/messages.h"
+#include "support/trace_records.h"
 #include "trace/timedoc.h"
-#include "trace/trace_records.h"
 
 // A trace device at the libc boundary: this program's ioctl() and mmap() come before the C library's, and answer for
 // the descriptor -1 that the recorder uses.
@@ -117,10 +117,8 @@ TEST_F(Timedoc_device, log_lines_are_the_whole_records) {
   EXPECT_EQ(said_at(2, path_, "log"), mapped_message() + "Writing data to " + path_ + " format log\n");
   EXPECT_EQ(file(), "00000001 02000000 6e6f7465 ffffffff\nabcdef01 00000000 00000000 00000000\n");
   EXPECT_EQ(device_.requests, (std::vector<unsigned long>{CURRENT, SIZE}));
-  EXPECT_EQ(device_.mapped, 8192u);
-  EXPECT_EQ(device_.unmapped, 8192u);
-  EXPECT_EQ(device_.protection, PROT_READ);
-  EXPECT_EQ(device_.flags, MAP_SHARED);
+  EXPECT_EQ(std::tie(device_.mapped, device_.unmapped), std::tuple(8192u, 8192u));
+  EXPECT_EQ(std::tie(device_.protection, device_.flags), std::tuple(PROT_READ, MAP_SHARED));
   struct stat status {};
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   const mode_t mask = umask(0);

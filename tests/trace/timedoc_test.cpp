@@ -5,7 +5,6 @@
 
 #include "support/messages.h"
 #include "trace/tdi_reading.h"
-#include "trace/trace_records.h"
 
 namespace {
 
@@ -60,39 +59,33 @@ TEST_F(TimedocTest, records_become_lines_and_messages) {
        {{10, NOTE, 0, 0, "tune", 1}, {15, NOTE, 0, 0, "tune", 0xFFFFFFFF}, {15, NOTE, 9, 3, "scan", 2}},
        "NAM 7 0 tune\nOCC 7 0 0\nDSC 1 0 1\nOCC 7 0 5\nDSC 1 0 -1\nNAM 7 1 scan\nOCC 7 1 5\nDSC 1 1 2\n"},
       {"tasks are named once, and again when renamed",
-       {{0, START, TASK, 7, "worker"},
-        {4, STOP, TASK, 7, "worker"},
-        {5, 3, TASK, 7, "worker"},
-        {6, 4, TASK, 7, "worker"}},
+       {{0, STA, TASK, 7, "worker"}, {4, STO, TASK, 7, "worker"}, {5, 3, TASK, 7, "worker"}, {6, 4, TASK, 7, "worker"}},
        "NAM 0 0 worker\nSTA 0 0 0\nSTO 0 0 4\nNAM 0 0 worker\n"},
       {"interrupts have names of the chip and nest",
-       {{0, START, INTERRUPT, 81}, {1, START, INTERRUPT, 7}, {2, STOP, INTERRUPT, 7}, {3, START, INTERRUPT, 81}},
+       {{0, STA, ISR, 81}, {1, STA, ISR, 7}, {2, STO, ISR, 7}, {3, STA, ISR, 81}},
        "NAM 1 0 GPIO_15\nSTA 1 0 0\nNAM 1 1 TIMER\nDSC 3 0 0\nSTA 1 1 1\nSTO 1 1 2\nSTA 1 0 3\n"},
       {"the last interrupt with a name is 81",
-       {{0, STOP, INTERRUPT, 81}, {0, STOP, AGENT, 81}},
+       {{0, STO, ISR, 81}, {0, STO, AGENT, 81}},
        "NAM 1 0 GPIO_15\nSTO 1 0 0\nNAM 8 0 GPIO_15\nSTO 8 0 0\n"},
-      {"an interrupt without a name", {{0, 5, INTERRUPT, 82}}, "", "ERROR: ISR index out of range 0..82"},
+      {"an interrupt without a name", {{0, 5, ISR, 82}}, "", "ERROR: ISR index out of range 0..82"},
       {"objects of three types share a list",
-       {{0, START, OBJECT, 3, "obj1"},
-        {1, START, 3, 0, "obj2"},
-        {2, STOP, OBJECT, 3, "obj1"},
-        {3, START, EVENT, 3, "eventful"}},
+       {{0, STA, OBJ, 3, "obj1"}, {1, STA, 3, 0, "obj2"}, {2, STO, OBJ, 3, "obj1"}, {3, STA, EVENT, 3, "eventful"}},
        "NAM 2 0 SBM_obj1\nSTA 2 0 0\nNAM 3 1 obj2\nSTA 3 1 1\nSTO 2 0 2\nNAM 4 2 eventful\nSTA 4 2 3\n"},
       {"agent interrupts tell when they are enabled",
-       {{0, START, AGENT, 13, 0, 1}, {9, STOP, AGENT, 13, 0, 1}, {10, START, AGENT, 13, 1, 1}},
+       {{0, STA, AGENT, 13, 0, 1}, {9, STO, AGENT, 13, 0, 1}, {10, STA, AGENT, 13, 1, 1}},
        "NAM 8 0 TS_IN0_DV\nNAM 7 2 IntEnabled\nOCC 8 0 0\nSTA 8 0 0\nOCC 8 0 9\nSTO 8 0 9\nSTA 8 0 10\n"},
       {"an agent interrupt without a name",
-       {{0, STOP, AGENT, 82}},
+       {{0, STO, AGENT, 82}},
        "STO 8 0 0\n",
        "ERROR: AGENT ISR index out of range 0..82"},
       {"types and commands without meaning are reported and skipped",
-       {{0x10, START, 6, 2, 0xA, 0xB}, {0x11, 5, OBJECT, 0, "odd "}, {0x12, 3, INTERRUPT, 7}},
+       {{0x10, STA, 6, 2, 0xA, 0xB}, {0x11, 5, OBJ, 0, "odd "}, {0x12, 3, ISR, 7}},
        "NAM 2 0 odd \nNAM 1 0 TIMER\n",
        "ERROR: Parse error at entry 0. Time 10, cmd 1 type 6 id 2, data1 a data2 b\n"
        "ERROR: Parse error at entry 1. Time 11, cmd 5 type 2 id 0, data1 6f646420 data2 0\n"
        "ERROR: Parse error at entry 2. Time 12, cmd 3 type 1 id 7, data1 0 data2 0\n"},
       {"of type 6 even a stop is an error and nothing else",
-       {{0, 4, TASK, 1, "A"}, {1, STOP, 6, 1, 2, 3}},
+       {{0, 4, TASK, 1, "A"}, {1, STO, 6, 1, 2, 3}},
        "NAM 0 0 A\n",
        "ERROR: Parse error at entry 1. Time 1, cmd 0 type 6 id 1, data1 2 data2 3\n"},
       {"a third record earlier than the second is one wrap",
@@ -100,11 +93,11 @@ TEST_F(TimedocTest, records_become_lines_and_messages) {
        "NAM 0 0 task\nNAM 7 1 TimeWrap\nOCC 7 1 250\n"},
       // 2^32 - 1 ticks each: the running time goes back by one, and round by way of the tick that each wrap loses.
       {"each wrap occurs and the first is named",
-       {{7, STOP, OBJECT, 0, "o"},
-        {6, STOP, OBJECT, 0, "o"},
-        {5, STOP, OBJECT, 0, "o"},
-        {5, STOP, OBJECT, 0, "o"},
-        {0, STOP, OBJECT, 0, "o"}},
+       {{7, STO, OBJ, 0, "o"},
+        {6, STO, OBJ, 0, "o"},
+        {5, STO, OBJ, 0, "o"},
+        {5, STO, OBJ, 0, "o"},
+        {0, STO, OBJ, 0, "o"}},
        "NAM 2 0 o\nSTO 2 0 0\n"
        "NAM 7 1 TimeWrap\nOCC 7 1 0\nSTO 2 0 4294967294\n"
        "OCC 7 1 4294967294\nSTO 2 0 4294967292\n"
@@ -117,14 +110,14 @@ TEST_F(TimedocTest, records_become_lines_and_messages) {
        "NAM 7 0 a\nOCC 7 0 0\nDSC 1 0 0\nNAM 7 1 a\nOCC 7 1 0\nDSC 1 1 0\nNAM 7 2 \nOCC 7 2 0\nDSC 1 2 0\n"},
       {"nor of the name of a task", {{0, 4, TASK, 1, "ab\0\0lost"}, {0, 4, TASK, 1, "ab"}}, "NAM 0 0 ab\n"},
       {"names may hold any other byte",
-       {{0, START, EVENT, 0, 0xC3B57574u, 0xFF25730Au}},
+       {{0, STA, EVENT, 0, 0xC3B57574u, 0xFF25730Au}},
        "NAM 4 0 \xC3\xB5ut\xFF%s\n\nSTA 4 0 0\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.legend);
     expect(c.records, c.text, c.messages, c.level);
   }
-  EXPECT_EQ(messages_at(-1, [&] { converted({{0, START, 6, 2}}); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { converted({{0, STA, 6, 2}}); }), "");
 }
 
 TEST_F(TimedocTest, an_incomplete_last_record_is_ignored) {
@@ -138,14 +131,10 @@ TEST_F(TimedocTest, an_incomplete_last_record_is_ignored) {
 }
 
 TEST_F(TimedocTest, quirk_an_interrupt_out_of_range_goes_on_with_the_last_id) {
-  expect({{0, START, INTERRUPT, 82},
-          {1, START, INTERRUPT, 7},
-          {2, START, INTERRUPT, 9},
-          {3, STOP, INTERRUPT, 0xFFFF},
-          {4, 5, INTERRUPT, 82}},
+  expect({{0, STA, ISR, 82}, {1, STA, ISR, 7}, {2, STA, ISR, 9}, {3, STO, ISR, 0xFFFF}, {4, 5, ISR, 82}},
          "STA 1 0 0\nNAM 1 0 TIMER\nSTA 1 0 1\nNAM 1 1 I2C0\nDSC 3 0 0\nSTA 1 1 2\nSTO 1 1 3\n",
          "ERROR: ISR index out of range 0..82ERROR: ISR index out of range 0..82ERROR: ISR index out of range 0..82");
-  EXPECT_EQ(messages_at(-1, [&] { converted({{0, START, INTERRUPT, 82}}); }), "");
+  EXPECT_EQ(messages_at(-1, [&] { converted({{0, STA, ISR, 82}}); }), "");
 }
 
 TEST_F(TimedocTest, quirk_a_wrapped_counter_loses_one_tick) {
@@ -205,9 +194,8 @@ TEST_F(TimedocTest, the_recorder_is_built_without_a_device) {
 
 TEST_F(TimedocTest, a_buffer_that_cannot_be_mapped_writes_no_file) {
   const std::string path = dir_.file("trace.tdi");
-  char expected[64];
-  (void)snprintf(expected, sizeof expected, "ERROR: mmap() failed, %p\n", reinterpret_cast<void*>(-1));
-  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path.c_str(), "tdi"); }), expected);
+  EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path.c_str(), "tdi"); }),
+            "ERROR: mmap() failed, 0x" + std::string(2 * sizeof(void*), 'f') + "\n");
   EXPECT_NE(access(path.c_str(), F_OK), 0);
   EXPECT_EQ(messages_at(-1, [&] { timedoc_.write_file(path.c_str(), "log"); }), "");
 }
@@ -215,11 +203,11 @@ TEST_F(TimedocTest, a_buffer_that_cannot_be_mapped_writes_no_file) {
 TEST_F(TimedocTest, quirk_the_last_id_of_any_kind_is_gone_on_with) {
   expect({{0, 4, TASK, 1, "one "},
           {0, 4, TASK, 2, "two "},
-          {1, START, AGENT, 82, 0, 1},
-          {2, START, INTERRUPT, 7},
+          {1, STA, AGENT, 82, 0, 1},
+          {2, STA, ISR, 7},
           {3, NOTE, 0, 0, "note"},
           {4, NOTE, 0, 0, "mark"},
-          {5, START, INTERRUPT, 100},
+          {5, STA, ISR, 100},
           {6, 3, AGENT, 100}},
          "NAM 0 0 one \nNAM 0 1 two \nSTA 8 1 1\nNAM 1 0 TIMER\nSTA 1 0 2\nNAM 7 0 note\nOCC 7 0 3\n"
          "DSC 1 0 0\nNAM 7 1 mark\nOCC 7 1 4\nDSC 1 1 0\nSTA 1 1 5\n",
@@ -265,7 +253,7 @@ std::vector<Record> random_records(unsigned seed, int count) {
 TEST_F(TimedocTest, random_records_are_read_like_by_the_table) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     const std::vector<Record> records = random_records(seed, 3000);
-    const Tdi_reading expected = read_by_table(records);
+    const auto expected = tdi_reading::read_by_table(records);
     std::string text;
     ASSERT_EQ(messages_at(1, [&] { text = converted(records); }), expected.messages) << "seed " << seed;
     ASSERT_EQ(text, expected.text) << "seed " << seed;
@@ -288,7 +276,7 @@ TEST_F(TimedocTest, a_million_records_each_with_a_new_name) {
   std::vector<Record> records;
   records.reserve(COUNT);
   for (unsigned i = 0; i < COUNT; ++i)
-    records.emplace_back(i, i % 2 == 0 ? START : NOTE, TASK, i % 2 == 0 ? 1 : 0, name_word(i));
+    records.emplace_back(i, i % 2 == 0 ? STA : NOTE, TASK, i % 2 == 0 ? 1 : 0, name_word(i));
   const std::string text = converted(records);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5 * static_cast<long>(COUNT / 2));
   const std::string task = timedoc_.get_tr_name(name_word(COUNT - 2));

@@ -5,11 +5,12 @@
 
 #include "support/test.h"
 
-// Records as a trace device holds them: {100, START, TASK, 7, "worker"}, {120, NOTE, 0, 0, "tune", 506}.
+// Records as a trace device holds them: {100, STA, TASK, 7, "worker"}, {120, NOTE, 0, 0, "tune", 506}. Starts, stops,
+// interrupts and objects have the short names that they have in TDI files and messages.
 namespace trace_records {
 
-constexpr unsigned STOP = 0, START = 1, NOTE = 2;
-constexpr unsigned TASK = 0, INTERRUPT = 1, OBJECT = 2, OBJECT_3 = 3, EVENT = 4, AGENT = 8;
+constexpr unsigned STO = 0, STA = 1, NOTE = 2;
+constexpr unsigned TASK = 0, ISR = 1, OBJ = 2, EVENT = 4, AGENT = 8;
 
 inline const std::string HEADER = "PNX893x trace\nSPEED 320000000\nMEMSPEED 200000000\nTIME 68570000\n";
 

@@ -210,13 +210,6 @@ std::set<Bytes> sections_of(const std::string& file) {
   return sections;
 }
 
-std::string some_of(const std::vector<std::string>& lines) {
-  std::string text = std::to_string(lines.size()) + " lines\n";
-  for (size_t i = 0; i < lines.size() && i < 5; ++i)
-    text += "  " + lines[i] + "\n";
-  return text;
-}
-
 }  // namespace
 
 const char STORED_GUIDE[] =
@@ -238,8 +231,8 @@ void expect_same_guide(const std::vector<std::string>& recorded, const std::stri
   std::vector<std::string> unknown;
   std::set_difference(recorded.begin(), recorded.end(), lines.begin(), lines.end(), std::back_inserter(missing));
   std::set_difference(lines.begin(), lines.end(), recorded.begin(), recorded.end(), std::back_inserter(unknown));
-  EXPECT_TRUE(missing.empty()) << "recorded and not stored: " << some_of(missing);
-  EXPECT_TRUE(unknown.empty()) << "stored and not recorded, or twice: " << some_of(unknown);
+  EXPECT_THAT(missing, testing::IsEmpty()) << "recorded and not stored";
+  EXPECT_THAT(unknown, testing::IsEmpty()) << "stored and not recorded, or twice";
 }
 
 }  // namespace scan_support

@@ -35,22 +35,16 @@ Bytes with_crc(Bytes section) {
 Bytes long_section(uint8_t table_id, uint16_t extension, uint8_t version, const Bytes& body, uint8_t section_number,
                    uint8_t last_section_number, bool current) {
   const size_t length = 5 + body.size() + 4;
-  Bytes section{table_id,
-                static_cast<uint8_t>(0xB0 | (length >> 8)),
-                static_cast<uint8_t>(length),
-                static_cast<uint8_t>(extension >> 8),
-                static_cast<uint8_t>(extension),
-                static_cast<uint8_t>(0xC0 | (version << 1) | (current ? 1 : 0)),
-                section_number,
-                last_section_number};
-  section.insert(section.end(), body.begin(), body.end());
-  return with_crc(std::move(section));
+  const auto version_and_current = static_cast<uint8_t>(0xC0 | (version << 1) | (current ? 1 : 0));
+  return with_crc(join({{table_id},
+                        u16(0xB000u | static_cast<unsigned>(length)),
+                        u16(extension),
+                        {version_and_current, section_number, last_section_number},
+                        body}));
 }
 
 Bytes descriptor(uint8_t tag, const Bytes& body) {
-  Bytes d{tag, static_cast<uint8_t>(body.size())};
-  d.insert(d.end(), body.begin(), body.end());
-  return d;
+  return join({{tag, static_cast<uint8_t>(body.size())}, body});
 }
 
 Bytes join(std::initializer_list<Bytes> parts) {

@@ -67,8 +67,6 @@ class Database_test : public testing::Test, protected support::Database {
   static constexpr int FREQ = 506000000;
   static constexpr int TYPE = 1;
   static constexpr int CONN = 2;
-
-  ~Database_test() override { verbosity_kelvo = 0; }
 };
 
 }  // namespace db_support

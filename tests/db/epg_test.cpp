@@ -184,33 +184,36 @@ TEST_F(Epg_cache, the_same_slot_with_a_new_id_is_changed_in_place) {
   EXPECT_EQ(lookup(2, 100, 50), 1);
 }
 
-TEST_F(Epg_cache, an_event_overlaps_where_its_start_lies_within_another) {
-  const struct {
-    const char* legend;
+TEST_F(Epg_cache, look_ups_say_what_is_known_or_overlaps_and_are_remembered_in_order_of_start) {
+  struct Look_up {
     int ev_id, start, duration;
     const char* result;
-    Texts cache;
-  } cases[] = {
-      {"the same is known", 1, 100, 50, "1", {"100+50:1"}},
-      {"inside, remembered", 2, 120, 50, "0 overlap", {"100+50:1", "120+50:2"}},
-      {"begins before and reaches into it", 2, 50, 200, "0", {"50+200:2", "100+50:1"}},
-      {"follows at once", 2, 150, 50, "0", {"100+50:1", "150+50:2"}},
-      {"goes before at once", 3, 50, 50, "0", {"50+50:3", "100+50:1"}},
-      {"another duration takes the place", 1, 100, 60, "0 overlap", {"100+60:1"}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.legend);
+  const auto expect = [&](const char* legend, const std::vector<Look_up>& look_ups, const Texts& cache) {
+    SCOPED_TRACE(legend);
     clear();
-    EXPECT_EQ(looked_up(1, 100, 50), "0");
-    EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), c.result);
-    EXPECT_EQ(events_in(sc_.epg), c.cache);
-  }
-}
-
-TEST_F(Epg_cache, entries_are_kept_in_order_of_start) {
-  for (const int start : {500, 100, 300, -200, 400})
-    lookup(start, start, 10);
-  EXPECT_EQ(events_in(sc_.epg), (Texts{"-200+10:-200", "100+10:100", "300+10:300", "400+10:400", "500+10:500"}));
+    for (const Look_up& l : look_ups)
+      EXPECT_EQ(looked_up(l.ev_id, l.start, l.duration), l.result) << l.start << "+" << l.duration;
+    EXPECT_EQ(events_in(sc_.epg), cache);
+  };
+  const Look_up first = {1, 100, 50, "0"};
+  expect("the same is known", {first, {1, 100, 50, "1"}}, {"100+50:1"});
+  expect("inside, remembered", {first, {2, 120, 50, "0 overlap"}}, {"100+50:1", "120+50:2"});
+  expect("begins before and reaches into it", {first, {2, 50, 200, "0"}}, {"50+200:2", "100+50:1"});
+  expect("follows at once", {first, {2, 150, 50, "0"}}, {"100+50:1", "150+50:2"});
+  expect("goes before at once", {first, {3, 50, 50, "0"}}, {"50+50:3", "100+50:1"});
+  expect("another duration takes the place", {first, {1, 100, 60, "0 overlap"}}, {"100+60:1"});
+  expect("several", {{1, 500, 10, "0"}, first, {2, 300, 10, "0"}, {3, -200, 10, "0"}, {4, 400, 10, "0"}},
+         {"-200+10:3", "100+50:1", "300+10:2", "400+10:4", "500+10:1"});
+  const Look_up inside = {2, 110, 10, "0 overlap"};
+  expect("inside, repeatedly", {first, inside, inside, inside, inside, inside}, {"100+50:1", "110+10:2"});
+  // The search never finds an event without a duration, and every look-up of it is a miss.
+  const Look_up empty = {1, 100, 0, "0"};
+  expect("without a duration, repeatedly", {empty, empty, empty, empty, empty}, {"100+0:1"});
+  expect("another id without a duration", {empty, {2, 100, 0, "0"}}, {"100+0:1", "100+0:2"});
+  const Look_up negative = {1, 100, -60, "0"}, other = {1, 100, -90, "0"};
+  expect("one start and id, several durations", {empty, negative, other, empty, negative, other},
+         {"100+0:1", "100+-60:1", "100+-90:1"});
 }
 
 TEST_F(Epg_cache, the_order_of_arrival_does_not_matter) {
@@ -243,28 +246,6 @@ TEST_F(Epg_cache, thousands_of_events_are_all_found_again) {
   EXPECT_EQ(sc_.epg.size(), size_t{EVENTS});
 }
 
-// The search never finds an event without a duration, and every look-up of it is a miss.
-TEST_F(Epg_cache, repeated_events_that_cannot_be_found_do_not_grow_the_cache) {
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(lookup(1, 100, 0), 0);
-  EXPECT_EQ(events_in(sc_.epg), (Texts{"100+0:1"}));
-  lookup(2, 100, 0);
-  EXPECT_EQ(sc_.epg.size(), 2u);
-}
-
-TEST_F(Epg_cache, events_of_one_start_and_id_with_other_durations_are_several) {
-  for (const int duration : {0, -60, -90, 0, -60, -90})
-    lookup(1, 1000, duration);
-  EXPECT_EQ(events_in(sc_.epg), (Texts{"1000+0:1", "1000+-60:1", "1000+-90:1"}));
-}
-
-TEST_F(Epg_cache, an_event_within_another_is_remembered_once) {
-  lookup(1, 0, 1000);
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(looked_up(2, 100, 10), "0 overlap");
-  EXPECT_EQ(events_in(sc_.epg), (Texts{"0+1000:1", "100+10:2"}));
-}
-
 TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
   std::vector<EPG_cache*> other;
   EXPECT_EQ(messages_at(2,
@@ -286,18 +267,15 @@ TEST_F(Epg_cache, what_counts_as_a_hit_and_what_as_a_miss) {
   delete other.front();
 }
 
-TEST_F(Epg_cache, every_hundredth_look_up_is_reported) {
-  EXPECT_EQ(printed_by_lookups(2, 99), "");
+TEST_F(Epg_cache, every_look_up_is_traced_and_every_hundredth_reported) {
+  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 0\nepg cache entry inserted\n");
+  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 1\n");
+  EXPECT_EQ(printed_by_lookups(3, 1), "");
+  EXPECT_EQ(printed_by_lookups(2, 96), "");
   EXPECT_EQ(printed_by_lookups(2, 1), "Epg cache hit 99, miss 1\n");
   EXPECT_EQ(printed_by_lookups(1, 100), "");
   EXPECT_EQ(printed_by_lookups(2, 99, 1000, 50), "");
   EXPECT_EQ(messages_at(2, [&] { lookup(2, 100, 50); }), "Epg cache hit 200, miss 100\n");
-}
-
-TEST_F(Epg_cache, look_ups_are_traced) {
-  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 0\nepg cache entry inserted\n");
-  EXPECT_EQ(printed_by_lookups(4, 1), "Lookup cachematch is 1\n");
-  EXPECT_EQ(printed_by_lookups(3, 1), "");
 }
 
 TEST_F(Epg_store, an_event_is_stored_with_all_columns) {
@@ -361,35 +339,27 @@ TEST_F(Epg_store, overlapping_deletes_what_is_in_the_way) {
 
 // As the guide would do it: the look-up has remembered the new event before the old one goes.
 TEST_F(Epg_store, an_event_over_a_remembered_one_takes_its_place) {
-  const struct {
-    const char* legend;
-    int ev_id, start, duration;
-    const char* name;
-    const char* printed;
-    const char* stored;
-    const char* remembered;
-  } cases[] = {
-      {"another start: the old one leaves the cache, too", 2, 1030, 60, "Old",
-       "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n", "1030|60", "1030+60:2"},
-      {"the same start and another duration: it keeps its place there", 1, 1000, 90, nullptr,
-       "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
-       "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n",
-       "1000|90", "1000+90:1"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.legend);
+  const auto expect = [&](int ev_id, int start, int duration, const char* name, const std::string& printed,
+                          const std::string& stored, const std::string& remembered) {
+    SCOPED_TRACE(stored);
     forget();
     look_up_and_store(1000, 60);
     const int old = number("SELECT entry FROM epglist");
-    if (c.name != nullptr)
-      text(old, "eng", c.name);
-    EXPECT_EQ(looked_up(c.ev_id, c.start, c.duration), "0 overlap");
-    EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(c.start, c.duration, c.ev_id, changed_, overlap_), old + 1); }),
-              c.printed);
-    EXPECT_EQ(events(), Texts{c.stored});
+    if (name != nullptr)
+      text(old, "eng", name);
+    EXPECT_EQ(looked_up(ev_id, start, duration), "0 overlap");
+    EXPECT_EQ(messages_at(3, [&] { EXPECT_EQ(store(start, duration, ev_id, changed_, overlap_), old + 1); }), printed);
+    EXPECT_EQ(events(), Texts{stored});
     EXPECT_EQ(rows("SELECT * FROM epglist_lang"), Texts{});
-    EXPECT_EQ(events_in(sc_.epg), Texts{c.remembered});
-  }
+    EXPECT_EQ(events_in(sc_.epg), Texts{remembered});
+  };
+  // With another start the old one leaves the cache, too; with the same one it keeps its place there.
+  expect(2, 1030, 60, "Old", "WARNING: Overlapping\nDelete ch 7 from 1030 - 1090\nDeleted 1000 -1060 Old\n", "1030|60",
+         "1030+60:2");
+  expect(1, 1000, 90, nullptr,
+         "WARNING: Overlapping\nDelete ch 7 from 1000 - 1090\nDeleted 1000 -1060  No event description\n"
+         "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n",
+         "1000|90", "1000+90:1");
 }
 
 TEST_F(Epg_store, overlapping_and_replacing_are_announced_one_after_the_other) {
@@ -431,11 +401,7 @@ TEST_F(Epg_store, quirk_event_name_of_two_letters_becomes_empty) {
 }
 
 TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
-  const struct {
-    const char* legend;
-    int start, duration;
-    bool goes;
-  } cases[] = {
+  const std::tuple<const char*, int, int, bool> cases[] = {
       {"before", 800, 100, false},
       {"up to the start", 900, 100, false},
       {"into the start", 950, 100, true},
@@ -444,26 +410,24 @@ TEST_F(Epg_delete, everything_that_the_range_overlaps_goes) {
       {"over the end", 1050, 100, true},
       {"from the end on", 1100, 100, false},
       {"around", 900, 300, true},
-      {"up to the end", 1050, 50, true},
       {"last second", 1099, 5, true},
+      {"up to the end", 1050, 50, true},
       {"after", 1200, 10, false},
   };
-  for (const auto& c : cases) {
+  for (const auto& [legend, start, duration, goes] : cases) {
     forget();
-    look_up_and_store(c.start, c.duration);
+    look_up_and_store(start, duration);
     deleted(0, false);
-    EXPECT_EQ(number("SELECT count(*) FROM epglist"), c.goes ? 0 : 1) << c.legend;
-    EXPECT_EQ(sc_.epg.size(), c.goes ? 0u : 1u) << c.legend;
+    EXPECT_EQ(number("SELECT count(*) FROM epglist"), goes ? 0 : 1) << legend;
+    EXPECT_EQ(sc_.epg.size(), goes ? 0u : 1u) << legend;
   }
 }
 
 TEST_F(Epg_delete, events_that_overlap_in_every_way_go_in_one_call) {
-  const std::pair<int, int> going[] = {{900, 150}, {950, 500}, {1010, 10}, {1020, 80}, {1090, 200}};
-  const std::pair<int, int> staying[] = {{700, 200}, {901, 99}, {1100, 10}, {1101, 100}};
-  for (const auto& list :
-       {std::vector(std::begin(going), std::end(going)), std::vector(std::begin(staying), std::end(staying))})
-    for (const auto& [start, duration] : list)
-      text(store(start, duration), "eng", "Name");
+  const std::pair<int, int> going_then_staying[] = {{900, 150}, {950, 500}, {1010, 10}, {1020, 80}, {1090, 200},
+                                                    {700, 200}, {901, 99},  {1100, 10}, {1101, 100}};
+  for (const auto& [start, duration] : going_then_staying)
+    text(store(start, duration), "eng", "Name");
   deleted(-1, true);  // nothing is in the cache
   EXPECT_EQ(events(), (Texts{"700|200", "901|99", "1100|10", "1101|100"}));
   EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 4);
@@ -521,26 +485,20 @@ TEST_F(Epg_delete, an_event_that_is_not_in_the_cache_is_an_error) {
 }
 
 TEST_F(Epg_delete, another_event_in_the_cache_is_kept) {
-  const struct {
-    int start, duration;
-    const char* printed;
-    Texts remembered;
-  } cases[] = {
-      {1000, 60, "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n", {"1000+90:1"}},
-      {1000, 200, "No exact cache start_epoch: 900 != 1000,  dur_sec 200 != 200\n", {"900+200:1"}},
-  };
-  lookup(1, 1000, 90);
-  for (const auto& c : cases) {
+  const auto expect = [&](int start, int duration, const std::string& printed, const std::string& remembered) {
     for (const int level : {0, 2}) {
-      store(c.start, c.duration);
+      store(start, duration);
       EXPECT_EQ(deleted(level, false), "") << level;
     }
-    store(c.start, c.duration);
-    EXPECT_EQ(deleted(3, false), std::string("Delete ch 7 from 1000 - 1100\n") + c.printed);
-    EXPECT_EQ(events_in(sc_.epg), c.remembered);
-    clear();
-    lookup(1, 900, 200);
-  }
+    store(start, duration);
+    EXPECT_EQ(deleted(3, false), "Delete ch 7 from 1000 - 1100\n" + printed);
+    EXPECT_EQ(events_in(sc_.epg), Texts{remembered});
+  };
+  lookup(1, 1000, 90);
+  expect(1000, 60, "No exact cache start_epoch: 1000 != 1000,  dur_sec 90 != 60\n", "1000+90:1");
+  clear();
+  lookup(1, 900, 200);
+  expect(1000, 200, "No exact cache start_epoch: 900 != 1000,  dur_sec 200 != 200\n", "900+200:1");
 }
 
 TEST_F(Epg, an_event_is_running_between_its_start_and_its_end) {

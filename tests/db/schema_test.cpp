@@ -16,70 +16,56 @@ struct Table {
   const char* schema;
   const char* name;
   const char* create;
-  Texts columns;  // name|type|default|primary key; SQLite has its own spelling of well-known types
+  std::string columns;  // name|type|default|primary key of each; SQLite has its own spelling of well-known types
   Texts indexes;
 };
 
 // In the order in which a new database gets them.
-const Table KANALID = {"main",
-                       "kanalid",
-                       "CREATE TABLE 'kanalid' (channel integer primary key autoincrement)",
-                       {"channel|integer|-|1",    "revision|float|2.50|0", "hf_conn|int|0|0",
-                        "dvb_type|int|0|0",       "freq|int|0|0",          "pat_prnr|int|0|0",
-                        "pmt_pid|int|0|0",        "network_id|int|0|0",    "orig_network_id|int|0|0",
-                        "tstream_id|int|0|0",     "lcn|int|65535|0",       "pcr_pid|int|0|0",
-                        "serv_name|text|''|0",    "serv_type|int|0|0",     "prov_name|text|''|0",
-                        "network_name|text|''|0", "run_status|int|0|0",    "free_ca|int|0|0",
-                        "scan_state|int|0|0",     "row_status|int|0|0",    "modified|int|0|0"},
-                       {"CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr)"}};
+const Table KANALID = {
+    "main", "kanalid", "CREATE TABLE 'kanalid' (channel integer primary key autoincrement)",
+    "channel|integer|-|1 revision|float|2.50|0 hf_conn|int|0|0 dvb_type|int|0|0 freq|int|0|0 pat_prnr|int|0|0 "
+    "pmt_pid|int|0|0 network_id|int|0|0 orig_network_id|int|0|0 tstream_id|int|0|0 lcn|int|65535|0 pcr_pid|int|0|0 "
+    "serv_name|text|''|0 serv_type|int|0|0 prov_name|text|''|0 network_name|text|''|0 run_status|int|0|0 "
+    "free_ca|int|0|0 scan_state|int|0|0 row_status|int|0|0 modified|int|0|0",
+    Texts{"CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr)"}};
 const Table KANALID_LANG = {
-    "main",
-    "kanalid_lang",
-    "CREATE TABLE 'kanalid_lang' (source_oid int)",
-    {"source_oid|int|-|0", "lang|text|''|0", "serv_name|text|''|0", "prov_name|text|''|0", "network_name|text|''|0"},
-    {"CREATE UNIQUE INDEX kanalid_lang_soid_lang_idx ON kanalid_lang (source_oid, lang)",
-     "CREATE INDEX kanalid_lang_soid_idx ON kanalid_lang (source_oid)"}};
-const Table ESTREAMS = {"main",
-                        "estreams",
-                        "CREATE TABLE 'estreams' (channel int)",
-                        {"channel|int|-|0", "revision|float|2.50|0", "es_pid|int|0|0", "es_type|int|0|0",
-                         "es_subtype|int|0|0", "codec|text|''|0", "languages|text|''|0", "lang_codes|text|''|0",
-                         "p1|int|0|0", "p2|int|0|0", "ca_sysid|int|0|0", "ca_pid|int|0|0", "row_status|int|0|0"},
-                        {"CREATE INDEX estreams_channel_idx   ON estreams (channel)",
-                         "CREATE INDEX estreams_estype_idx    ON estreams (es_type)",
-                         "CREATE INDEX estreams_essubtype_idx ON estreams (es_subtype)",
-                         "CREATE INDEX estreams_languages_idx ON estreams (languages)"}};
-const Table TUNER_TABLE = {"main",
-                           "tuner_table",
-                           "CREATE TABLE tuner_table (freq int)",
-                           {"freq|int|-|0", "hf_conn|int|0|0", "dvb_type|int|0|0", "tuner_params|text|''|0"},
-                           {"CREATE UNIQUE INDEX tuner_table_freq_idx ON tuner_table (freq ,hf_conn, dvb_type)"}};
+    "main", "kanalid_lang", "CREATE TABLE 'kanalid_lang' (source_oid int)",
+    "source_oid|int|-|0 lang|text|''|0 serv_name|text|''|0 prov_name|text|''|0 network_name|text|''|0",
+    Texts{"CREATE UNIQUE INDEX kanalid_lang_soid_lang_idx ON kanalid_lang (source_oid, lang)",
+          "CREATE INDEX kanalid_lang_soid_idx ON kanalid_lang (source_oid)"}};
+const Table ESTREAMS = {
+    "main", "estreams", "CREATE TABLE 'estreams' (channel int)",
+    "channel|int|-|0 revision|float|2.50|0 es_pid|int|0|0 es_type|int|0|0 es_subtype|int|0|0 codec|text|''|0 "
+    "languages|text|''|0 lang_codes|text|''|0 p1|int|0|0 p2|int|0|0 ca_sysid|int|0|0 ca_pid|int|0|0 row_status|int|0|0",
+    Texts{"CREATE INDEX estreams_channel_idx   ON estreams (channel)",
+          "CREATE INDEX estreams_estype_idx    ON estreams (es_type)",
+          "CREATE INDEX estreams_essubtype_idx ON estreams (es_subtype)",
+          "CREATE INDEX estreams_languages_idx ON estreams (languages)"}};
+const Table TUNER_TABLE = {"main", "tuner_table", "CREATE TABLE tuner_table (freq int)",
+                           "freq|int|-|0 hf_conn|int|0|0 dvb_type|int|0|0 tuner_params|text|''|0",
+                           Texts{"CREATE UNIQUE INDEX tuner_table_freq_idx ON tuner_table (freq ,hf_conn, dvb_type)"}};
 const Table EPGLIST = {
-    "epg_db",
-    "epglist",
-    "CREATE TABLE epglist ( entry integer primary key autoincrement )",
-    {"entry|integer|-|1", "channel|int|0|0", "revision|float|2.50|0", "ymd_bcd|int|0|0", "hms_bcd|int|0|0",
-     "start_epoch|int|0|0", "dur_bcd|int|0|0", "dur_sec|int|0|0", "content_id|text|'0.0.0.0'|0",
-     "rating|text|'0@est'|0", "run_status|int|0|0", "free_ca|int|0|0", "ev_id|int|0|0", "pat_prnr|int|0|0"},
-    {"CREATE INDEX epg_start_idx ON epglist (start_epoch)", "CREATE INDEX epg_ch_idx ON epglist (channel)",
-     "CREATE UNIQUE INDEX epg_ch_start_idx ON epglist (channel, start_epoch)",
-     "CREATE UNIQUE INDEX epg_scanner_verify_idx ON epglist (channel, start_epoch, dur_sec)"}};
-const Table EPGLIST_LANG = {"epg_db",
-                            "epglist_lang",
-                            "CREATE TABLE epglist_lang (source_oid int)",
-                            {"source_oid|int|-|0", "lang|text|''|0", "ev_name|text|''|0", "ev_desc|text|''|0",
-                             "ext_desc|text|''|0", "ext_list|text|''|0"},
-                            {"CREATE UNIQUE INDEX epg_lang_soid_lang_idx ON epglist_lang (source_oid, lang)",
-                             "CREATE INDEX epg_lang_soid_idx ON epglist_lang (source_oid)"}};
+    "epg_db", "epglist", "CREATE TABLE epglist ( entry integer primary key autoincrement )",
+    "entry|integer|-|1 channel|int|0|0 revision|float|2.50|0 ymd_bcd|int|0|0 hms_bcd|int|0|0 start_epoch|int|0|0 "
+    "dur_bcd|int|0|0 dur_sec|int|0|0 content_id|text|'0.0.0.0'|0 rating|text|'0@est'|0 run_status|int|0|0 "
+    "free_ca|int|0|0 ev_id|int|0|0 pat_prnr|int|0|0",
+    Texts{"CREATE INDEX epg_start_idx ON epglist (start_epoch)", "CREATE INDEX epg_ch_idx ON epglist (channel)",
+          "CREATE UNIQUE INDEX epg_ch_start_idx ON epglist (channel, start_epoch)",
+          "CREATE UNIQUE INDEX epg_scanner_verify_idx ON epglist (channel, start_epoch, dur_sec)"}};
+const Table EPGLIST_LANG = {
+    "epg_db", "epglist_lang", "CREATE TABLE epglist_lang (source_oid int)",
+    "source_oid|int|-|0 lang|text|''|0 ev_name|text|''|0 ev_desc|text|''|0 ext_desc|text|''|0 ext_list|text|''|0",
+    Texts{"CREATE UNIQUE INDEX epg_lang_soid_lang_idx ON epglist_lang (source_oid, lang)",
+          "CREATE INDEX epg_lang_soid_idx ON epglist_lang (source_oid)"}};
 
 const Texts PRAGMAS = {"PRAGMA max_page_count=8000;", "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
                        "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;"};
 
 class Schema : public db_support::Database_test {
  protected:
-  Texts columns(const std::string& table) {
-    return rows(
-        "SELECT name || '|' || lower(type) || '|' || ifnull(dflt_value, '-') || '|' || pk FROM "
+  std::string columns(const std::string& table) {
+    return text(
+        "SELECT group_concat(name || '|' || lower(type) || '|' || ifnull(dflt_value, '-') || '|' || pk, ' ') FROM "
         "pragma_table_info('" +
         table + "')");
   }
@@ -121,8 +107,9 @@ using Schema_messages = Schema_of_files;
 void add_creation(Texts* statements, const Table& table) {
   statements->insert(statements->end(),
                      {std::string("SELECT * FROM ") + table.name + ";", "BEGIN;", std::string(table.create) + ";"});
-  for (size_t i = 1; i < table.columns.size(); ++i)
-    statements->push_back("+ " + table.columns[i].substr(0, table.columns[i].find('|')));
+  std::istringstream columns(table.columns.substr(table.columns.find(' ')));
+  for (std::string column; columns >> column;)
+    statements->push_back("+ " + column.substr(0, column.find('|')));
   for (const std::string& index : table.indexes)
     statements->push_back(index + ";");
   statements->push_back("COMMIT;");

@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include "base/messages.h"
 #include "support/database.h"
 #include "support/messages.h"
 #include "support/support.h"
@@ -11,28 +10,7 @@
 // What the tests of this folder have in common; support/database.h has the rest.
 namespace db_support {
 
-using support::conn_of;
 using support::Other_connection;
-using support::rows;
-using support::run;
-
-inline support::Texts rows(Sdbl& sdbl, const std::string& sql) {
-  return support::rows(conn_of(sdbl), sql);
-}
-
-inline int run(Sdbl& sdbl, const std::string& sql) {
-  return support::run(conn_of(sdbl), sql);
-}
-
-// The first column of the first row as a number; -9999 without one.
-inline int number(Sdbl& sdbl, const std::string& sql) {
-  const support::Texts all = rows(sdbl, sql);
-  return all.empty() ? -9999 : std::stoi(all[0]);
-}
-
-inline support::Texts statements(const std::string& trace) {
-  return support::statements_in(trace);
-}
 
 // What stands behind each `start` in a trace, up to the end of its line.
 inline support::Texts after(const std::string& start, const std::string& trace) {
@@ -60,7 +38,7 @@ inline int store_event(Sdbl& sdbl, int channel, int64_t start, int ev_id = 1, st
                               60, 4, 0, ev_id, &content, &rating, false, false);
 }
 
-// A test that is a database: sdbl(), rows(), run() and number() are its own.
+// A test that is a database: sdbl(), rows(), run(), number(), text() and table() are its own.
 class Database_test : public testing::Test, protected support::Database {
  protected:
   // The multiplex of most tests: type and connector differ, so that none passes for the other.

@@ -159,7 +159,7 @@ TEST_F(Lifecycle, path_names_are_quoted) {
   Sdbl sdbl((odd + ".db").c_str());
   EXPECT_TRUE(std::filesystem::exists(odd + ".db"));
   EXPECT_TRUE(std::filesystem::exists(odd + "_epg.db"));
-  EXPECT_EQ(db_support::rows(sdbl, "SELECT count(*) FROM epg_db.epglist"), (Texts{"0"}));
+  EXPECT_EQ(support::rows(support::conn_of(sdbl), "SELECT count(*) FROM epg_db.epglist"), (Texts{"0"}));
 }
 
 TEST_F(Lifecycle, closing_twice_prints_an_error_and_does_nothing_else) {

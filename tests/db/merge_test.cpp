@@ -478,7 +478,7 @@ TEST_F(Merge, statements_of_a_full_scan_are_these_in_this_order) {
       "INSERT INTO estreams SELECT * from estreams_scan_DVBNR where row_status = $row_status and channel = $channel <- ";
   const std::string delete_streams = "DELETE FROM estreams WHERE  row_status = $row_status AND channel = $channel <- ";
   EXPECT_EQ(
-      db_support::statements(trace),
+      support::statements_in(trace),
       (Texts{
           "SELECT network_id, orig_network_id, tstream_id FROM kanalid_scan_DVBNR WHERE freq = $freq; <- 506000000",
           "UPDATE kanalid SET row_status = $row_stat  WHERE network_id = $net_id AND orig_network_id = $onet_id AND "

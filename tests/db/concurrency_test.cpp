@@ -85,7 +85,7 @@ void Concurrency::scan_and_merge(int dvbnr) {
     wrong_ += store_events(eit, round);
     sdbl().clear_eit_scan_list(&eit);
     sdbl().set_master_scan_timeout(TYPE, CONN, freq);
-    sdbl().terrestrial_tuner_info(TYPE, CONN, freq, 0, 2, 0, 2, 2, 0, 1);
+    sdbl().terrestrial_tuner_info(1, 1, freq, 0, 2, 0, 2, 2, 0, 1);  // stored again, only equal ones succeed
   }
 }
 

@@ -164,20 +164,19 @@ TEST_F(Lifecycle, path_names_are_quoted) {
 
 TEST_F(Lifecycle, closing_twice_prints_an_error_and_does_nothing_else) {
   EXPECT_TRUE(sdbl().db_opened());
-  EXPECT_EQ(messages_at(3, [&] { sdbl().close_db(); }), "");
+  EXPECT_EQ(messages_at(4, [&] { sdbl().close_db(); }), CLOSING);
   EXPECT_FALSE(sdbl().db_opened());
   EXPECT_THAT([&] { sdbl().close_db(); }, prints_only_from(0, "ERROR: Closing closed db"));
   EXPECT_FALSE(sdbl().db_opened());
 }
 
-TEST_F(Lifecycle, closing_traces_its_steps_at_level_4) {
-  EXPECT_EQ(messages_at(4, [&] { sdbl().close_db(); }), CLOSING);
-}
-
 TEST_F(Lifecycle, destroying_ends_the_statements_of_the_cache_before_closing) {
-  for (int n = 0; n < 3; ++n)
-    sqlite3_step(sdbl().sql_cache(false, n, "SELECT 'DVBNR'"));
-  EXPECT_EQ(messages_at(4, [&] { close(); }), CLOSING);
+  for (const auto& [level, printed] : std::map<int, const char*>{{3, ""}, {4, CLOSING}}) {
+    open();
+    for (int n = 0; n < 3; ++n)
+      sqlite3_step(sdbl().sql_cache(false, n, "SELECT 'DVBNR'"));
+    EXPECT_EQ(messages_at(level, [&] { close(); }), printed) << level;
+  }
 }
 
 TEST_F(Lifecycle, closing_ends_open_statements_with_a_warning_for_each) {
@@ -256,19 +255,13 @@ TEST_F(Lifecycle, flushing_announces_itself) {
   EXPECT_THAT(flush, prints_only_from(0, "ERROR: Flushing closed handle\n"));
 }
 
-TEST_F(Lifecycle, scan_tables_are_made_again_empty) {
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(messages_at(0, [&] { sdbl().create_temp_tables(2); }), "");
-    EXPECT_EQ(in_scan_tables("2"), "0|0|0");
-    fill_scan_tables("2");
-  }
-}
-
-TEST_F(Lifecycle, clearing_empties_the_scan_tables_of_one_instance) {
-  for (const int n : {0, 1}) {
-    sdbl().create_temp_tables(n);
-    fill_scan_tables(std::to_string(n));
-  }
+TEST_F(Lifecycle, scan_tables_are_made_again_empty_and_cleared_for_one_instance) {
+  for (int round = 0; round < 2; ++round)
+    for (const std::string n : {"0", "1"}) {
+      EXPECT_EQ(messages_at(0, [&] { sdbl().create_temp_tables(std::stoi(n)); }), "");
+      EXPECT_EQ(in_scan_tables(n), "0|0|0");
+      fill_scan_tables(n);
+    }
   sdbl().clear_temp_tables(1);
   EXPECT_EQ(in_scan_tables("0"), "1|1|1");
   EXPECT_EQ(in_scan_tables("1"), "0|0|0");

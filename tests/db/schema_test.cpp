@@ -74,7 +74,8 @@ class Schema : public db_support::Database_test {
 // Files as they are before the library opens them: not there, unless a test makes them.
 class Schema_of_files : public Schema {
  protected:
-  Schema_of_files() {
+  Schema_of_files() { remove_files(); }
+  void remove_files() {
     close();
     std::filesystem::remove(file());
     std::filesystem::remove(guide_file());
@@ -133,11 +134,8 @@ TEST_F(Schema, tables_are_spread_over_the_two_files) {
       "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%' ORDER BY rowid";
   EXPECT_EQ(Other_connection(file()).rows(tables), (Texts{"kanalid", "kanalid_lang", "estreams", "tuner_table"}));
   EXPECT_EQ(Other_connection(guide_file()).rows(tables), (Texts{"epglist", "epglist_lang"}));
-}
-
-TEST_F(Schema, guide_tables_are_reachable_with_and_without_schema_name) {
   for (const std::string table : {"epglist", "epg_db.epglist", "epg_db.epglist_lang"})
-    EXPECT_EQ(rows("SELECT count(*) FROM " + table), (Texts{"0"})) << table;
+    EXPECT_EQ(rows("SELECT count(*) FROM " + table), (Texts{"0"})) << table << " on the library's own connection";
 }
 
 TEST_F(Schema, check_texts_are_exact) {
@@ -169,17 +167,28 @@ TEST_F(Schema, check_texts_are_exact) {
               testing::AllOf(testing::SizeIs(2), testing::Each(testing::Not(HasSubstr("CHECK")))));
 }
 
-TEST_F(Schema, kanalid_without_a_frequency_is_rejected) {
-  for (const std::string columns : {"(pat_prnr) VALUES (1)", "(freq) VALUES (0)", "(freq) VALUES (-1)"})
-    EXPECT_EQ(run("INSERT INTO kanalid " + columns), SQLITE_CONSTRAINT_CHECK) << columns;
-  EXPECT_EQ(run("INSERT INTO kanalid (freq) VALUES (1)"), SQLITE_DONE);
-}
-
-TEST_F(Schema, one_sided_checks_reject_negative_values) {
-  EXPECT_EQ(run("INSERT INTO kanalid (freq, modified) VALUES (1, -1)"), SQLITE_CONSTRAINT_CHECK);
+TEST_F(Schema, rows_without_a_frequency_negative_values_and_second_rows_of_one_key_are_rejected) {
+  constexpr int CHECK = SQLITE_CONSTRAINT_CHECK, UNIQUE = SQLITE_CONSTRAINT_UNIQUE, DONE = SQLITE_DONE;
+  const std::pair<std::string, int> inserts[] = {
+      {"kanalid (pat_prnr) VALUES (1)", CHECK},
+      {"kanalid (freq) VALUES (0)", CHECK},
+      {"kanalid (freq) VALUES (-1)", CHECK},
+      {"kanalid (freq) VALUES (1)", DONE},
+      {"kanalid (freq, modified) VALUES (1, -1)", CHECK},
+      {"kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES (1, 1, 5, 9, 1)", DONE},
+      {"kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES (1, 1, 5, 9, 2)", UNIQUE},
+      {"kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES (2, 1, 5, 9, 1)", DONE},
+      {"kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES (1, 2, 5, 9, 1)", DONE},
+      {"kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES (1, 1, 6, 9, 1)", DONE},
+      {"epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 60)", DONE},
+      {"epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 90)", UNIQUE},
+      {"epglist (channel, start_epoch, dur_sec) VALUES (2, 1000, 60)", DONE},
+  };
+  for (const auto& [insert, code] : inserts)
+    EXPECT_EQ(run("INSERT INTO " + insert), code) << insert;
   for (const std::string column : {"ymd_bcd", "hms_bcd", "start_epoch", "dur_bcd", "dur_sec"}) {
-    EXPECT_EQ(run("INSERT INTO epglist (" + column + ") VALUES (-1)"), SQLITE_CONSTRAINT_CHECK) << column;
-    EXPECT_EQ(run("INSERT INTO epglist (channel, " + column + ") VALUES (random(), 7)"), SQLITE_DONE) << column;
+    EXPECT_EQ(run("INSERT INTO epglist (" + column + ") VALUES (-1)"), CHECK) << column;
+    EXPECT_EQ(run("INSERT INTO epglist (channel, " + column + ") VALUES (random(), 7)"), DONE) << column;
   }
 }
 
@@ -217,21 +226,6 @@ TEST_F(Schema, fresh_rows_have_their_defaults) {
   EXPECT_EQ(rows("SELECT lcn, revision, serv_name, scan_state, channel FROM kanalid"), (Texts{"65535|2.5||0|1"}));
 }
 
-TEST_F(Schema, a_channel_has_one_event_for_each_start) {
-  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 60)"), SQLITE_DONE);
-  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 1000, 90)"), SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_EQ(run("INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (2, 1000, 60)"), SQLITE_DONE);
-}
-
-TEST_F(Schema, an_input_has_one_row_for_each_program_of_a_frequency) {
-  const std::string insert = "INSERT INTO kanalid (hf_conn, dvb_type, freq, pat_prnr, network_id) VALUES ";
-  EXPECT_EQ(run(insert + "(1, 1, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(insert + "(1, 1, 5, 9, 2)"), SQLITE_CONSTRAINT_UNIQUE);
-  EXPECT_EQ(run(insert + "(2, 1, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(insert + "(1, 2, 5, 9, 1)"), SQLITE_DONE);
-  EXPECT_EQ(run(insert + "(1, 1, 6, 9, 1)"), SQLITE_DONE);
-}
-
 TEST_F(Schema, channel_numbers_are_never_used_again) {
   run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 1), (1, 2)");
   run("DELETE FROM kanalid WHERE channel = 2");
@@ -239,7 +233,7 @@ TEST_F(Schema, channel_numbers_are_never_used_again) {
   EXPECT_EQ(rows("SELECT channel FROM kanalid"), (Texts{"1", "3"}));
 }
 
-TEST_F(Schema, scan_tables_of_instances_coexist) {
+TEST_F(Schema, scan_tables_of_instances_coexist_and_are_private_to_the_connection) {
   for (const char* n : {"0", "1"})
     sdbl().create_temp_tables(n[0] - '0');
   for (const std::string n : {"0", "1"})
@@ -249,10 +243,6 @@ TEST_F(Schema, scan_tables_of_instances_coexist) {
   EXPECT_EQ(run("INSERT INTO kanalid_scan_1 (pat_prnr) VALUES (1)"), SQLITE_CONSTRAINT_CHECK);
   EXPECT_EQ(run("INSERT INTO kanalid_scan_1 (freq) VALUES (1)"), SQLITE_DONE);
   EXPECT_EQ(rows("SELECT count(*) FROM kanalid_scan_0"), (Texts{"0"}));
-}
-
-TEST_F(Schema, scan_tables_are_private_to_the_connection) {
-  sdbl().create_temp_tables(0);
   EXPECT_EQ(Other_connection(file()).rows("SELECT count(*) FROM kanalid_scan_0"),
             (Texts{"error: no such table: kanalid_scan_0"}));
 }
@@ -316,11 +306,9 @@ TEST_F(Schema_of_new_files, columns_are_added_with_these_statements) {
       EXPECT_THAT(text, HasSubstr("sql_exec: ALTER TABLE  '" + table + "' ADD COLUMN " + column + ";\n"));
 }
 
-TEST_F(Schema_messages, a_new_file_is_silent_at_level_0) {
+TEST_F(Schema_messages, a_new_file_prints_its_failed_probes_as_warnings_and_is_silent_at_level_0) {
   EXPECT_EQ(messages_at(0, [&] { open(); }), "");
-}
-
-TEST_F(Schema_messages, a_new_file_prints_its_failed_probes_as_warnings) {
+  remove_files();
   EXPECT_EQ(messages_at(1, [&] { open(); }),
             "WARNING: SQL_execute/compile error RC=1, SELECT * FROM kanalid;, no such table: kanalid\n"
             "WARNING: SQL_execute/compile error RC=1, SELECT * FROM kanalid_lang;, no such table: kanalid_lang\n"

@@ -35,16 +35,15 @@ class Sql : public db_support::Database_test {
     all << rc << " " << value << " " << printed;
     return all.str();
   }
+  // The result of each statement for the column of this number, at every level at which failures look alike.
+  template <typename Value>
+  void expect_failures(const Value& before, const std::vector<std::tuple<const char*, int, const char*>>& cases) {
+    for (const auto& [sql, column, result] : cases)
+      for (const int level : {-1, 0, 2})
+        EXPECT_EQ(got(level, before, sql, column), result) << sql << " at " << level;
+  }
   int exec(const char* sql) { return sdbl().sql_exec(conn(), "%s", sql); }
   sqlite3_stmt* insert(int a, const char* b) { return sdbl().sql_cache(true, 0, INSERT, a, b); }
-};
-
-// What comes of a statement that gives no value, of the column with this number.
-struct Failing_look_up {
-  const char* legend;
-  const char* sql;
-  int column;
-  const char* result;
 };
 
 using Sql_exec = Sql;
@@ -79,15 +78,11 @@ TEST_F(Sql_exec, failed_step_is_a_warning_with_the_extended_code) {
           1, "WARNING: SQL_execute failed RC=2067 INSERT INTO t VALUES (1, 'x'), UNIQUE constraint failed: t.a\n"));
 }
 
-TEST_F(Sql_exec, quotes_hostile_text) {
+TEST_F(Sql_exec, quotes_hostile_text_and_runs_only_the_first_statement_of_a_text) {
   const char* hostile = "a'b''c%d%s\"; DROP TABLE t; --\xff\xfe";
   EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, %Q)", hostile), 101);
-  EXPECT_EQ(rows("SELECT b FROM t"), (Texts{hostile}));
-}
-
-TEST_F(Sql_exec, only_the_first_statement_of_a_text_runs) {
-  EXPECT_EQ(exec("INSERT INTO t VALUES (1, ''); INSERT INTO t VALUES (2, '')"), 101);
-  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1"}));
+  EXPECT_EQ(exec("INSERT INTO t VALUES (2, ''); INSERT INTO t VALUES (3, '')"), 101);
+  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{std::string("1|") + hostile, "2|"}));
 }
 
 TEST_F(Sql_exec, quirk_error_text_is_the_main_connections) {
@@ -118,17 +113,13 @@ TEST_F(Sql_get_int, stores_the_column_of_the_first_row) {
 
 TEST_F(Sql_get_int, failures_return_their_code_leave_the_value_and_print_at_every_level) {
   run("INSERT INTO t VALUES (7, 'x')");
-  const Failing_look_up cases[] = {
-      {"no row", "SELECT a FROM t WHERE a = 1", 0, "101 -5 "},
-      {"a text", "SELECT b FROM t", 0, "1 -5 SQL_get_int/execute col nr 0 named b is not integer "},
-      {"beyond the count", "SELECT a, b FROM t", 3, "1 -5 SQL_get_int/execute col count 2 less than required 3 "},
-      {"compile error", "SELECT a FROM nowhere", 0, "1 -5 SQL_get_int/compile error 1: no such table: nowhere "},
-      {"failed step", "SELECT abs(-9223372036854775808)", 0,
-       "1 -5 SQL_get_int/execute failed to capture row 1: integer overflow "},
-  };
-  for (const Failing_look_up& c : cases)
-    for (const int level : {-1, 0, 2})
-      EXPECT_EQ(got(level, -5, c.sql, c.column), c.result) << c.legend << " at " << level;
+  const std::vector<std::tuple<const char*, int, const char*>> cases = {
+      {"SELECT a FROM t WHERE a = 1", 0, "101 -5 "},
+      {"SELECT b FROM t", 0, "1 -5 SQL_get_int/execute col nr 0 named b is not integer "},
+      {"SELECT a, b FROM t", 3, "1 -5 SQL_get_int/execute col count 2 less than required 3 "},
+      {"SELECT a FROM nowhere", 0, "1 -5 SQL_get_int/compile error 1: no such table: nowhere "},
+      {"SELECT abs(-9223372036854775808)", 0, "1 -5 SQL_get_int/execute failed to capture row 1: integer overflow "}};
+  expect_failures(-5, cases);
   EXPECT_EQ(got(3, -5, "SELECT a FROM nowhere"),
             "1 -5 SQL_get_int/compile error 1: no such table: nowhere SELECT a FROM nowhere\n");
 }
@@ -140,26 +131,19 @@ TEST_F(Sql_get_int, quirk_column_equal_to_the_count_fails_as_a_wrong_type) {
             "SQL_get_int/execute col nr 2 named (null) is not integer ");
 }
 
-TEST_F(Sql_get_txt, assigns_the_text_of_the_first_row) {
-  run("INSERT INTO t VALUES (7, 'x')");
-  EXPECT_EQ(got(0, std::string("before"), "SELECT a, b FROM t", 1), "0 x ");
-}
-
-TEST_F(Sql_get_txt, failures_return_their_code_leave_the_text_and_print_at_every_level) {
+TEST_F(Sql_get_txt, assigns_the_text_of_the_first_row_and_failures_leave_it_and_print_at_every_level) {
   run("INSERT INTO t VALUES (7, 'x')");
   const std::string text = "before";
-  const Failing_look_up cases[] = {
-      {"no row", "SELECT b FROM t WHERE a = 1", 0, "101 before "},
-      {"a number", "SELECT a FROM t", 0, "1 before SQL_get_txt/execute col nr 0 named a is not text "},
-      {"null", "SELECT NULL AS n", 0, "1 before SQL_get_txt/execute col nr 0 named n is not text "},
-      {"equal to the count", "SELECT b FROM t", 1, "1 before SQL_get_txt/execute col nr 1 named (null) is not text "},
-      {"beyond the count", "SELECT b FROM t", 5, "1 before SQL_get_txt/execute col count 1 less than required 5 "},
-      {"compile error", "SELECT b FROM nowhere", 0, "1 before SQL_get_txt/compile error 1: no such table: nowhere "},
-      {"failed step", "SELECT abs(-9223372036854775808)", 0, "1 before SQL_get_txt/execute error 1: integer overflow "},
-  };
-  for (const Failing_look_up& c : cases)
-    for (const int level : {-1, 0, 2})
-      EXPECT_EQ(got(level, text, c.sql, c.column), c.result) << c.legend << " at " << level;
+  EXPECT_EQ(got(0, text, "SELECT a, b FROM t", 1), "0 x ");
+  const std::vector<std::tuple<const char*, int, const char*>> cases = {
+      {"SELECT b FROM t WHERE a = 1", 0, "101 before "},
+      {"SELECT a FROM t", 0, "1 before SQL_get_txt/execute col nr 0 named a is not text "},
+      {"SELECT NULL AS n", 0, "1 before SQL_get_txt/execute col nr 0 named n is not text "},
+      {"SELECT b FROM t", 1, "1 before SQL_get_txt/execute col nr 1 named (null) is not text "},
+      {"SELECT b FROM t", 5, "1 before SQL_get_txt/execute col count 1 less than required 5 "},
+      {"SELECT b FROM nowhere", 0, "1 before SQL_get_txt/compile error 1: no such table: nowhere "},
+      {"SELECT abs(-9223372036854775808)", 0, "1 before SQL_get_txt/execute error 1: integer overflow "}};
+  expect_failures(text, cases);
   EXPECT_EQ(got(3, text, "SELECT b FROM nowhere"),
             "1 before SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
 }
@@ -216,10 +200,12 @@ TEST_F(Sql_cache, a_statement_is_compiled_once) {
   EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"1|abc", "2|def"}));
 }
 
-TEST_F(Sql_cache, arguments_follow_the_parameters_and_may_be_extreme) {
+TEST_F(Sql_cache, arguments_follow_the_parameters_and_may_be_extreme_or_null) {
   insert(-2147483647 - 1, "'\"%s;\xff\xfe");
   sdbl().sql_cache(true, 0, "INSERT INTO t (b, a) VALUES (@b, $a)", "Käna", 2147483647);
-  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"-2147483648|'\"%s;\xff\xfe", "2147483647|Käna"}));
+  insert(1, nullptr);
+  EXPECT_EQ(rows("SELECT *, typeof(b) FROM t"),
+            (Texts{"-2147483648|'\"%s;\xff\xfe|text", "2147483647|Käna|text", "1||text"}));
 }
 
 TEST_F(Sql_cache, quirk_short_text_is_bound_empty) {
@@ -227,11 +213,6 @@ TEST_F(Sql_cache, quirk_short_text_is_bound_empty) {
     sdbl().sql_cache(true, 0, "INSERT INTO t VALUES ($a, @b)", 1, text);
   EXPECT_EQ(rows("SELECT b, typeof(b) FROM t"),
             (Texts{"|text", "|text", "|text", "abc|text", "|text", "\xc3\xa4x|text"}));
-}
-
-TEST_F(Sql_cache, null_text_counts_as_empty) {
-  insert(1, nullptr);
-  EXPECT_EQ(rows("SELECT b, typeof(b) FROM t"), (Texts{"|text"}));
 }
 
 TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
@@ -247,7 +228,9 @@ TEST_F(Sql_cache, without_run_the_caller_steps_and_the_next_use_resets) {
   EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
 }
 
-TEST_F(Sql_cache, instances_outside_0_to_3_are_refused) {
+TEST_F(Sql_cache, an_empty_statement_and_instances_outside_0_to_3_are_refused) {
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(sdbl().sql_cache(true, 0, ""), nullptr); }),
+            "ERROR: sql_cache lookup failed for ");
   for (const int instance : {-1, 4, 100}) {
     EXPECT_THAT([&] { EXPECT_EQ(sdbl().sql_cache(true, instance, SET_PCR, 1, 1), nullptr); },
                 prints_only_from(0, std::string("ERROR: sql_cache lookup failed for ") + SET_PCR));
@@ -323,11 +306,6 @@ TEST_F(Sql_cache, a_sign_inside_a_literal_counts_as_a_parameter) {
   EXPECT_EQ(rows("SELECT * FROM t"), Texts{});
 }
 
-TEST_F(Sql_cache, an_empty_statement_is_refused) {
-  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(sdbl().sql_cache(true, 0, ""), nullptr); }),
-            "ERROR: sql_cache lookup failed for ");
-}
-
 TEST_F(Sql_cache, traces_every_step) {
   EXPECT_THAT(messages_at(4, [&] { insert(7, "abc"); }),
               MatchesRegex("SQL cache entry [0-9]+\n"
@@ -344,14 +322,6 @@ TEST_F(Sql_cache, traces_every_step) {
                           "Input string length <3 \\(2\\) for arg index 2  name @b\\. Replacing with epty string ab \n"
                           "INSERT INTO t VALUES \\(\\$a, @b\\)\n\n"
                           "SQL run status is 101\n")));
-}
-
-TEST_F(Sql_cache, after_freeing_the_next_use_makes_a_new_entry) {
-  insert(1, "abc");
-  sdbl().free_prepared_queries();
-  EXPECT_THAT(messages_at(4, [&] { insert(2, "abc"); }),
-              StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
-  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
 }
 
 TEST_F(Sql_cache, checking_resets_statements_that_are_under_way) {
@@ -386,15 +356,17 @@ TEST_F(Sql_cache, quirk_instance_3_is_not_finalized_and_close_warns_about_it) {
   sdbl().open_db();
 }
 
-TEST_F(Sql_cache, statements_of_a_closed_database_are_compiled_anew) {
+TEST_F(Sql_cache, statements_that_were_freed_or_of_a_closed_database_are_compiled_anew) {
   insert(1, "abc");
+  sdbl().free_prepared_queries();
+  EXPECT_THAT(messages_at(4, [&] { insert(2, "abc"); }),
+              StartsWith("SQL cache entry 0\nsql: INSERT INTO t VALUES ($a, @b)\n"));
   const SQL_query* entry = sdbl().lookup_insert_sql_query(INSERT, 0);
   sdbl().close_db();
-  for (sqlite3_stmt* stmt : entry->stmt)
-    EXPECT_EQ(stmt, nullptr);
+  EXPECT_THAT(entry->stmt, testing::Each(nullptr));
   sdbl().open_db();
-  EXPECT_NE(insert(2, "abc"), nullptr);
-  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2"}));
+  EXPECT_NE(insert(3, "abc"), nullptr);
+  EXPECT_EQ(rows("SELECT a FROM t"), (Texts{"1", "2", "3"}));
 }
 
 TEST_F(Sql, closed_database_fails_without_crashing) {

@@ -38,6 +38,15 @@ inline int store_event(Sdbl& sdbl, int channel, int64_t start, int ev_id = 1, st
                               60, 4, 0, ev_id, &content, &rating, false, false);
 }
 
+// A new folder on another file system than this one; empty where there is none. The caller removes it.
+inline std::string folder_elsewhere(const std::string& here) {
+  struct stat this_one, other;
+  std::string folder = "/dev/shm/kelvo-test-XXXXXX";
+  const bool found = stat(here.c_str(), &this_one) == 0 && stat("/dev/shm", &other) == 0 &&
+                     this_one.st_dev != other.st_dev && mkdtemp(folder.data()) != nullptr;
+  return found ? folder : "";
+}
+
 // A test that is a database: sdbl(), rows(), run(), number(), text() and table() are its own.
 class Database_test : public testing::Test, protected support::Database {
  protected:

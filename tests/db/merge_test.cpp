@@ -294,8 +294,8 @@ TEST_F(Merge, a_refused_service_does_not_get_the_streams_of_the_next) {
             (Texts{"1|1001", "1|2001", "2|1002", "2|2002"}));
 }
 
-// Scan rows and channels are both numbered from 1: rows 1 and 2 are channels 2 and 1, or each row is the channel
-// before.
+// Scan rows and channels are both numbered from 1. Here rows 1 and 2 are channels 2 and 1, or row 1 is channel 5 and
+// each other row the channel before.
 TEST_F(Merge, streams_stay_with_their_service_when_numbers_cross_or_chain) {
   for (const auto& [first, second] : std::vector<std::pair<Services, Services>>{
            {{{20}, {10}}, {{10}, {20}}}, {{{1}, {2}, {3}, {4}, {5}}, {{5}, {1}, {2}, {3}, {4}}}}) {
@@ -305,8 +305,9 @@ TEST_F(Merge, streams_stay_with_their_service_when_numbers_cross_or_chain) {
     const Texts before = streams();
     sdbl().create_temp_tables(0);
     scan(second);
-    EXPECT_EQ(rows("SELECT channel, pat_prnr FROM kanalid_scan_0 LIMIT 1"),
-              Texts{"1|" + std::to_string(second[0].program)});
+    for (size_t row = 1; row <= second.size(); ++row)
+      EXPECT_EQ(number("SELECT pat_prnr FROM kanalid_scan_0 WHERE channel = " + std::to_string(row)),
+                second[row - 1].program);
     EXPECT_EQ(merge(), 0);
     EXPECT_EQ(streams(), before);
   }

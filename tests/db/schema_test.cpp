@@ -219,15 +219,12 @@ TEST_F(Schema, quirk_program_number_65535_is_accepted) {
   EXPECT_EQ(run("INSERT INTO kanalid (freq, pat_prnr, tstream_id) VALUES (1, 65535, 65535)"), SQLITE_DONE);
 }
 
-TEST_F(Schema, fresh_rows_have_their_defaults) {
+TEST_F(Schema, fresh_rows_have_their_defaults_and_channel_numbers_are_never_used_again) {
   run("INSERT INTO epglist (channel) VALUES (1)");
   EXPECT_EQ(rows("SELECT content_id, rating, revision, entry FROM epglist"), (Texts{"0.0.0.0|0@est|2.5|1"}));
   run("INSERT INTO kanalid (freq) VALUES (1)");
   EXPECT_EQ(rows("SELECT lcn, revision, serv_name, scan_state, channel FROM kanalid"), (Texts{"65535|2.5||0|1"}));
-}
-
-TEST_F(Schema, channel_numbers_are_never_used_again) {
-  run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 1), (1, 2)");
+  run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 2)");
   run("DELETE FROM kanalid WHERE channel = 2");
   run("INSERT INTO kanalid (freq, pat_prnr) VALUES (1, 3)");
   EXPECT_EQ(rows("SELECT channel FROM kanalid"), (Texts{"1", "3"}));

@@ -63,15 +63,12 @@ TEST_F(Sql_exec, missing_table_empty_table_and_rows_have_codes_1_101_and_100) {
   EXPECT_EQ(exec(""), SQLITE_MISUSE) << "no statement";
 }
 
-TEST_F(Sql_exec, compile_error_is_a_warning) {
-  EXPECT_THAT(
-      [&] { sdbl().sql_exec(conn(), "SELECT %d FROM nowhere", 5); },
-      prints_only_from(1, "WARNING: SQL_execute/compile error RC=1, SELECT 5 FROM nowhere, no such table: nowhere\n"));
-}
-
-TEST_F(Sql_exec, failed_step_is_a_warning_with_the_extended_code) {
+TEST_F(Sql_exec, a_compile_error_and_a_failed_step_are_warnings_the_second_with_the_extended_code) {
   run("CREATE UNIQUE INDEX u ON t (a)");
   run("INSERT INTO t VALUES (1, '')");
+  EXPECT_THAT(
+      [&] { EXPECT_EQ(sdbl().sql_exec(conn(), "SELECT %d FROM nowhere", 5), SQLITE_ERROR); },
+      prints_only_from(1, "WARNING: SQL_execute/compile error RC=1, SELECT 5 FROM nowhere, no such table: nowhere\n"));
   EXPECT_THAT(
       [&] { EXPECT_EQ(sdbl().sql_exec(conn(), "INSERT INTO t VALUES (1, %Q)", "x"), SQLITE_CONSTRAINT_UNIQUE); },
       prints_only_from(
@@ -148,13 +145,10 @@ TEST_F(Sql_get_txt, assigns_the_text_of_the_first_row_and_failures_leave_it_and_
             "1 before SQL_get_txt/compile error 1: no such table: nowhere SELECT b FROM nowhere\n");
 }
 
-TEST_F(Sql_row_exists, is_true_only_for_a_row) {
+TEST_F(Sql_row_exists, is_true_only_for_a_row_and_errors_are_printed_at_level_0) {
   EXPECT_FALSE(sdbl().sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
   run("INSERT INTO t VALUES (7, 'x')");
   EXPECT_TRUE(sdbl().sql_row_exists("SELECT a FROM t WHERE a = %d", 7));
-}
-
-TEST_F(Sql_row_exists, errors_are_false_and_printed_at_level_0) {
   EXPECT_THAT([&] { EXPECT_FALSE(sdbl().sql_row_exists("SELECT a FROM nowhere")); },
               prints_only_from(0, "ERROR: SQL_row_exists/compile error 1: no such table: nowhere "));
   EXPECT_THAT([&] { EXPECT_FALSE(sdbl().sql_row_exists("SELECT abs(-9223372036854775808)")); },
@@ -186,26 +180,16 @@ TEST_F(Sql_cache, word_DVBNR_becomes_the_instance_and_one_entry_serves_all) {
   EXPECT_EQ(entry->param_kinds, (std::vector<int32_t>{1, 1}));
   EXPECT_STREQ(sqlite3_sql(entry->stmt[2]), "UPDATE kanalid_scan_2 SET pcr_pid = $pcr_pid WHERE channel = $channel;");
   EXPECT_STREQ(sqlite3_sql(entry->stmt[0]), "UPDATE kanalid_scan_0 SET pcr_pid = $pcr_pid WHERE channel = $channel;");
+  EXPECT_STREQ(sqlite3_sql(sdbl().sql_cache(false, 3, "SELECT 'DVBNR' || 'xDVBNRDVBNR'")), "SELECT '3' || 'x33'");
 }
 
-TEST_F(Sql_cache, every_occurrence_of_DVBNR_is_replaced) {
-  sqlite3_stmt* stmt = sdbl().sql_cache(false, 3, "SELECT 'DVBNR' || 'xDVBNRDVBNR'");
-  EXPECT_STREQ(sqlite3_sql(stmt), "SELECT '3' || 'x33'");
-}
-
-TEST_F(Sql_cache, a_statement_is_compiled_once) {
-  sqlite3_stmt* first = insert(1, "abc");
-  sqlite3_stmt* second = sdbl().sql_cache(true, 0, std::string(INSERT).c_str(), 2, "def");
-  EXPECT_EQ(first, second);
-  EXPECT_EQ(rows("SELECT * FROM t"), (Texts{"1|abc", "2|def"}));
-}
-
-TEST_F(Sql_cache, arguments_follow_the_parameters_and_may_be_extreme_or_null) {
-  insert(-2147483647 - 1, "'\"%s;\xff\xfe");
+TEST_F(Sql_cache, a_statement_is_compiled_once_and_its_arguments_may_be_extreme_or_null) {
+  sqlite3_stmt* first = insert(-2147483647 - 1, "'\"%s;\xff\xfe");
+  EXPECT_EQ(sdbl().sql_cache(true, 0, std::string(INSERT).c_str(), 2, "def"), first);
   sdbl().sql_cache(true, 0, "INSERT INTO t (b, a) VALUES (@b, $a)", "Käna", 2147483647);
   insert(1, nullptr);
   EXPECT_EQ(rows("SELECT *, typeof(b) FROM t"),
-            (Texts{"-2147483648|'\"%s;\xff\xfe|text", "2147483647|Käna|text", "1||text"}));
+            (Texts{"-2147483648|'\"%s;\xff\xfe|text", "2|def|text", "2147483647|Käna|text", "1||text"}));
 }
 
 TEST_F(Sql_cache, quirk_short_text_is_bound_empty) {

@@ -80,10 +80,13 @@ const Mapping MAPPINGS[] = {
 
 }  // namespace
 
-TEST_F(Tuner_table, a_line_has_its_exact_form) {
+TEST_F(Tuner_table, a_line_has_its_exact_form_and_outlives_the_connection) {
   store(Fields{});
   EXPECT_EQ(rows("SELECT freq, dvb_type, hf_conn, tuner_params FROM tuner_table"),
             (Texts{std::string("506000000|1|1|") + LINE}));
+  sdbl().close_db();
+  sdbl().open_db();
+  EXPECT_EQ(filled(FREQ), "1 506000000 0: 0 3 3 3 2 0 0");
 }
 
 TEST_F(Tuner_table, every_valid_value_is_converted) {
@@ -228,11 +231,4 @@ TEST_F(Tuner_table, quirk_a_failing_database_returns_non_zero_and_fills_nothing)
   EXPECT_THAT(messages_at(1, [&] { store(Fields{}); }), testing::EndsWith("WARNING: failed to access tuner_table\n"));
   EXPECT_THAT(stderr_of([&] { sdbl().fill_frontend_control(1, 1, FREQ, &out); }), testing::Not(HasSubstr("WARNING")));
   EXPECT_THAT(stderr_of([&] { store(Fields{}); }), testing::Not(HasSubstr("WARNING")));
-}
-
-TEST_F(Tuner_table, parameters_outlive_the_connection) {
-  store(Fields{});
-  sdbl().close_db();
-  sdbl().open_db();
-  EXPECT_EQ(filled(FREQ), "1 506000000 0: 0 3 3 3 2 0 0");
 }

@@ -174,7 +174,7 @@ TEST(Descriptors, entries_end_at_the_first_that_is_not_whole) {
               "services ['eng' 'P' 'N']");
 }
 
-TEST(VideoStream, mpeg1_has_no_mpeg2_values) {
+TEST(Video_stream, mpeg1_has_no_mpeg2_values) {
   if (!OWN)
     GTEST_SKIP() << "undefined in the system's library";
   const One<VideoStreamDescriptor> d(descriptor(0x02, {0x05}));

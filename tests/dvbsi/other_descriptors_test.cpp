@@ -28,7 +28,7 @@ const std::vector<Rule> RULES = {
     {0x64, 8, 1}, {0x6E, 2, 1}, {0x79, 1, 1}, {0x7C, 2, 1}, {0x7A, 0, 1},
 };
 
-TEST(OtherDescriptors, lengths_at_which_they_are_kept) {
+TEST(Other_descriptors, lengths_at_which_they_are_kept) {
   for (const Rule& rule : RULES) {
     for (size_t n = 0; n <= 30; ++n) {
       const bool expected = n >= rule.least && (n - rule.least) % rule.step == 0;
@@ -38,7 +38,7 @@ TEST(OtherDescriptors, lengths_at_which_they_are_kept) {
 }
 
 // The length of a cell's subcells is taken two bytes too late, so that the last one is in the descriptor behind.
-TEST(OtherDescriptors, quirk_cell_frequency_link_looks_behind_its_body) {
+TEST(Other_descriptors, quirk_cell_frequency_link_looks_behind_its_body) {
   const auto kept_before = [](size_t n, uint8_t behind) {
     return kept(support::join({descriptor(0x6D, Bytes(n, 0)), descriptor(0x06, {behind})})) == 2;
   };
@@ -51,7 +51,7 @@ TEST(OtherDescriptors, quirk_cell_frequency_link_looks_behind_its_body) {
   EXPECT_TRUE(kept_before(7, 0));  // the length of the descriptor behind, 1, is taken for one byte of subcells
 }
 
-TEST(OtherDescriptors, all_other_tags_are_kept_at_any_length) {
+TEST(Other_descriptors, all_other_tags_are_kept_at_any_length) {
   std::set<int> ruled = {0x51, 0x5E, 0x6D, 0x7F};
   for (const Rule& rule : RULES)
     ruled.insert(rule.tag);
@@ -114,12 +114,12 @@ const std::vector<Body> BODIES = {
     {"extension 6: any length", 0x7F, Bytes{6}, true},
 };
 
-TEST(OtherDescriptors, bodies_at_which_they_are_kept) {
+TEST(Other_descriptors, bodies_at_which_they_are_kept) {
   for (const Body& row : BODIES)
     EXPECT_EQ(kept(descriptor(row.tag, row.body)) == 1, row.kept) << row.legend;
 }
 
-TEST(OtherDescriptors, empty_kinds_that_hang_other_parsers_end) {
+TEST(Other_descriptors, empty_kinds_that_hang_other_parsers_end) {
   if (!dvbsi_test::OWN)
     GTEST_SKIP() << "never given to the system's library";
   for (const Bytes& raw : {descriptor(0x51, {}), descriptor(0x5E, {}), descriptor(0x76, {2})})

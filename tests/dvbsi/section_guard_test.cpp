@@ -30,7 +30,7 @@ bool all_bodies_ok(const uint8_t* section) {
   return all;
 }
 
-TEST(SectionProblem, size_must_be_that_of_the_section) {
+TEST(Section_problem, size_must_be_that_of_the_section) {
   EXPECT_STREQ(section_problem(nullptr, 0), "shorter than 8 bytes");
   EXPECT_STREQ(problem({0x70, 0x70, 0x04, 0, 0, 0, 0}), "shorter than 8 bytes");
   EXPECT_EQ(problem({0x70, 0x70, 0x05, 0, 0, 0, 0, 0}), nullptr);
@@ -45,7 +45,7 @@ TEST(SectionProblem, size_must_be_that_of_the_section) {
   EXPECT_STREQ(problem(longest), "length does not agree with section_length");
 }
 
-TEST(SectionProblem, names_what_is_wrong) {
+TEST(Section_problem, names_what_is_wrong) {
   EXPECT_STREQ(problem(support::long_section(0x42, 1, 0, {0, 1, 0xFF, 0, 5, 0xFC, 0xF0, 1, 0x52})),
                "descriptor runs past the loop of its entry");
   EXPECT_STREQ(problem(support::long_section(0x01, 1, 0, {0x7F, 0})), "empty descriptor of a kind that needs a body");
@@ -53,17 +53,17 @@ TEST(SectionProblem, names_what_is_wrong) {
                "content identifier with a reserved location");
 }
 
-TEST(SectionProblem, tables_that_nobody_parses_are_not_looked_into) {
+TEST(Section_problem, tables_that_nobody_parses_are_not_looked_into) {
   EXPECT_EQ(problem(support::long_section(0x72, 1, 0, {0x7F, 0, 0x51, 0, 0x5E, 0})), nullptr);
   EXPECT_EQ(problem(support::long_section(0x00, 1, 0, {0x7F, 0, 0x51, 0, 0x5E, 0})), nullptr);
 }
 
-TEST(SectionProblem, every_malformed_case_has_its_verdict) {
+TEST(Section_problem, every_malformed_case_has_its_verdict) {
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases())
     EXPECT_EQ(problem(row.section) != nullptr, row.verdict == Verdict::REFUSED) << row.legend;
 }
 
-TEST(SectionProblem, shared_collection_has_the_verdicts_noted_in_it) {
+TEST(Section_problem, shared_collection_has_the_verdicts_noted_in_it) {
   const auto collection = dvbsi_test::shared_collection();
   if (collection.empty())
     GTEST_SKIP() << "no shared files here";
@@ -89,7 +89,7 @@ TEST(SectionProblem, shared_collection_has_the_verdicts_noted_in_it) {
 }
 
 // The reference texts say "rejected: ..." below the number of each section that a careful caller refuses.
-TEST(SectionProblem, agrees_with_the_reference_texts) {
+TEST(Section_problem, agrees_with_the_reference_texts) {
   for (const char* name : {"made_mutated", "malformed"}) {
     const std::string sections = dvbsi_test::shared_file("ref/public/" + std::string(name) + ".sec");
     if (sections.empty())
@@ -112,7 +112,7 @@ TEST(SectionProblem, agrees_with_the_reference_texts) {
   }
 }
 
-TEST(SafeCopy, has_room_in_front_and_zeroes_behind_every_time) {
+TEST(Safe_copy, has_room_in_front_and_zeroes_behind_every_time) {
   Safe_copy copy;
   const uint8_t* last = nullptr;
   for (const size_t size : {4096u, 8u, 100u, 4096u, 4095u, 12u}) {
@@ -126,7 +126,7 @@ TEST(SafeCopy, has_room_in_front_and_zeroes_behind_every_time) {
   }
 }
 
-TEST(SafeCopy, cuts_what_is_longer_than_a_section) {
+TEST(Safe_copy, cuts_what_is_longer_than_a_section) {
   Safe_copy copy;
   const Bytes section(5000, 0xAB);
   const uint8_t* const place = copy.copy(section.data(), section.size());
@@ -134,7 +134,7 @@ TEST(SafeCopy, cuts_what_is_longer_than_a_section) {
   EXPECT_EQ(std::count(place + 4096, place + 4096 + 1024, 0), 1024);
 }
 
-TEST(BodyOk, entries_end_on_their_length) {
+TEST(Body_ok, entries_end_on_their_length) {
   const auto extended = [](const Bytes& items, const Bytes& text) {
     return descriptor(0x4E, join({{0}, bytes("est"), {static_cast<uint8_t>(items.size())}, items, text}));
   };
@@ -167,7 +167,7 @@ TEST(BodyOk, entries_end_on_their_length) {
     EXPECT_EQ(body_ok(*dvbsi_test::parsed<Descriptor>(c.raw)), c.ok) << testing::PrintToString(c.raw);
 }
 
-TEST(BodyOk, every_malformed_case_has_its_verdict) {
+TEST(Body_ok, every_malformed_case_has_its_verdict) {
   Safe_copy copy;
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases()) {
     if (row.verdict == Verdict::REFUSED)

@@ -46,7 +46,7 @@ std::vector<int> tags(const DescriptorContainer& container) {
 
 using Tags = std::vector<int>;
 
-TEST(ShortSection, reads_three_bytes) {
+TEST(Short_section, reads_three_bytes) {
   const auto s = parsed<ShortSection>({0x72, 0x8F, 0xFE});
   EXPECT_EQ(s->getTableId(), 0x72);
   EXPECT_EQ(s->getSectionSyntaxIndicator(), 1);
@@ -54,16 +54,16 @@ TEST(ShortSection, reads_three_bytes) {
   EXPECT_EQ(parsed<ShortSection>({0x72, 0x7F, 0xFE})->getSectionSyntaxIndicator(), 0);
 }
 
-TEST(ShortCrcSection, crc_is_the_last_four_bytes) {
+TEST(Short_crc_section, crc_is_the_last_four_bytes) {
   EXPECT_EQ(counted<ShortCrcSection>(0x73, 10)->getCrc32(), 0x898A8B8Cu);
 }
 
-TEST(LongSection, header_fields) {
+TEST(Long_section, header_fields) {
   const auto s = parsed<LongSection>(long_section(0x42, 0xABCD, 30, {}, 4, 7, false));
   EXPECT_EQ(dvbsi_test::head_values(*s), "42 1 9 abcd 1e 0 4 7");
 }
 
-TEST(LongSection, operators_compare_the_section_number_only) {
+TEST(Long_section, operators_compare_the_section_number_only) {
   const auto a = parsed<LongSection>(long_section(0x42, 9, 9, {}, 1, 200));
   const auto b = parsed<LongSection>(long_section(0x00, 1, 1, {}, 2, 3));
   const auto c = parsed<LongSection>(long_section(0x50, 2, 2, {}, 2, 4));
@@ -73,14 +73,14 @@ TEST(LongSection, operators_compare_the_section_number_only) {
   EXPECT_FALSE(*b != *c || *b < *c || *b > *c);
 }
 
-TEST(LongCrcSection, crc_is_not_verified) {
+TEST(Long_crc_section, crc_is_not_verified) {
   Bytes s = long_section(0x42, 0, 0, {});
   s[11] ^= 0xFF;
   const uint32_t last_four = uint32_t{s[8]} << 24 | uint32_t{s[9]} << 16 | uint32_t{s[10]} << 8 | s[11];
   EXPECT_EQ(parsed<LongCrcSection>(s)->getCrc32(), last_four);
 }
 
-TEST(LongCrcSection, laid_over_a_tdt_gives_table_id_and_length) {
+TEST(Long_crc_section, laid_over_a_tdt_gives_table_id_and_length) {
   const auto s = parsed<LongCrcSection>({0x70, 0x70, 0x05, 0xC0, 0x79, 0x12, 0x45, 0x00});
   EXPECT_EQ(s->getTableId(), 0x70);
   EXPECT_EQ(s->getSectionLength(), 5);

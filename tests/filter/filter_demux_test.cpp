@@ -12,7 +12,7 @@ namespace {
 
 using Ints = std::vector<int>;
 
-class FilterDemux : public Demux_test {
+class Filter_demux : public Demux_test {
  protected:
   void set_timer(size_t index, time_t seconds, long nanoseconds) {
     const itimerspec value{{0, 0}, {seconds, nanoseconds}};
@@ -43,7 +43,7 @@ class FilterDemux : public Demux_test {
   }
 };
 
-TEST_F(FilterDemux, a_wanted_filter_is_opened_programmed_and_started) {
+TEST_F(Filter_demux, a_wanted_filter_is_opened_programmed_and_started) {
   want(0x123, table::SDT_ACTUAL);
   const int highest = filter.recalculate_filters();
   EXPECT_EQ(highest, fd(0));
@@ -57,7 +57,7 @@ TEST_F(FilterDemux, a_wanted_filter_is_opened_programmed_and_started) {
   EXPECT_EQ(fcntl(fd(0), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDONLY | O_NONBLOCK);
 }
 
-TEST_F(FilterDemux, flags_and_all_sixteen_bytes_reach_the_device) {
+TEST_F(Filter_demux, flags_and_all_sixteen_bytes_reach_the_device) {
   std::array<unsigned char, 16> bytes, mask;
   std::iota(bytes.begin(), bytes.end(), 0x10);
   std::iota(mask.begin(), mask.end(), 0xE0);
@@ -83,7 +83,7 @@ TEST_F(FilterDemux, flags_and_all_sixteen_bytes_reach_the_device) {
   }
 }
 
-TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
+TEST_F(Filter_demux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   want(0x123, table::SDT_ACTUAL);
   EXPECT_EQ(recalculate(3), "");
   want(0x100, table::PMT);
@@ -96,7 +96,7 @@ TEST_F(FilterDemux, starting_traces_at_4_and_eit_has_a_token_of_its_own) {
   EXPECT_EQ(text, "setting HW for filter pid 18, fdes " + fd_text(3) + "\nFilter TID is 4e +Fo012.4E." + fd_text(3));
 }
 
-TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same) {
+TEST_F(Filter_demux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same) {
   for (const auto& [request, text] : {std::pair{DMX_SET_FILTER, "ERROR: ioctl DMX_SET_FILTER failed"},
                                       {DMX_START, "ERROR: ioctl DMX_START FILTER failed"}}) {
     demux.fail_ioctl(request, EINVAL);
@@ -109,7 +109,7 @@ TEST_F(FilterDemux, failing_ioctls_are_printed_and_the_filter_runs_all_the_same)
   }
 }
 
-TEST_F(FilterDemux, a_timer_runs_once_for_the_filters_time_and_afresh_in_a_slot_used_again) {
+TEST_F(Filter_demux, a_timer_runs_once_for_the_filters_time_and_afresh_in_a_slot_used_again) {
   want_for(0x100, 30);
   filter.recalculate_filters();
   EXPECT_GE(remaining(0), 20);
@@ -122,7 +122,7 @@ TEST_F(FilterDemux, a_timer_runs_once_for_the_filters_time_and_afresh_in_a_slot_
   EXPECT_GE(remaining(0), 28);
 }
 
-TEST_F(FilterDemux, a_timer_that_fails_is_told_at_every_level_and_the_filter_runs_and_its_feed_counts_as_silent) {
+TEST_F(Filter_demux, a_timer_that_fails_is_told_at_every_level_and_the_filter_runs_and_its_feed_counts_as_silent) {
   want(0x100);
   const std::string once = "fail to set timer: Invalid argument\n";
   EXPECT_EQ(printed_without_timer([&] { filter.recalculate_filters(); }), once + once) << "disarming and arming";
@@ -134,7 +134,7 @@ TEST_F(FilterDemux, a_timer_that_fails_is_told_at_every_level_and_the_filter_run
   EXPECT_EQ(calls(), "start 0");
 }
 
-TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
+TEST_F(Filter_demux, a_ninth_filter_waits_until_a_handle_is_free) {
   want_each(9);
   recalculate(0);
   EXPECT_EQ(list(),
@@ -155,7 +155,7 @@ TEST_F(FilterDemux, a_ninth_filter_waits_until_a_handle_is_free) {
   EXPECT_EQ(calls(), "set 8, start 8");
 }
 
-TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_and_counted_off) {
+TEST_F(Filter_demux, with_eight_handles_open_those_of_all_free_slots_are_closed_and_counted_off) {
   run_each(8);
   Ints freed;
   for (int i : {1, 4, 6}) {
@@ -171,7 +171,7 @@ TEST_F(FilterDemux, with_eight_handles_open_those_of_all_free_slots_are_closed_a
       << "eight again";
 }
 
-TEST_F(FilterDemux, the_highest_handle_need_not_be_the_last_slots) {
+TEST_F(Filter_demux, the_highest_handle_need_not_be_the_last_slots) {
   run_each(8);
   filter.removefilter(0x100, 2);
   filter.recalculate_filters();
@@ -185,7 +185,7 @@ TEST_F(FilterDemux, the_highest_handle_need_not_be_the_last_slots) {
   EXPECT_EQ(filter.recalculate_filters(), fd(7)) << "of running filters only";
 }
 
-TEST_F(FilterDemux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_same) {
+TEST_F(Filter_demux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_same) {
   run_each(8);
   for (const auto& [level, text] : {std::pair{0, "ERROR: Filter demux close failed\n"}, std::pair{-1, ""}}) {
     filter.removefilter(at(0)->pid, 2);
@@ -201,7 +201,7 @@ TEST_F(FilterDemux, a_handle_that_does_not_close_is_an_error_and_gone_all_the_sa
   }
 }
 
-TEST_F(FilterDemux, below_eight_handles_a_free_slot_keeps_its_handle_for_the_next_filter) {
+TEST_F(Filter_demux, below_eight_handles_a_free_slot_keeps_its_handle_for_the_next_filter) {
   run_each(2);
   const int kept = fd(0);
   filter.removefilter(0x100, 2);
@@ -214,7 +214,7 @@ TEST_F(FilterDemux, below_eight_handles_a_free_slot_keeps_its_handle_for_the_nex
   EXPECT_EQ(demux.last_filter().pid, 0x200);
 }
 
-TEST_F(FilterDemux, eight_stopped_filters_start_again_on_their_own_handles) {
+TEST_F(Filter_demux, eight_stopped_filters_start_again_on_their_own_handles) {
   run_each(8);
   filter.stop_filters();
   filter.start_filters();
@@ -222,7 +222,7 @@ TEST_F(FilterDemux, eight_stopped_filters_start_again_on_their_own_handles) {
   EXPECT_EQ(support::count_of(list(), "running "), 8U) << list();
 }
 
-TEST_F(FilterDemux, a_handle_that_select_cannot_hold_is_a_failed_open) {
+TEST_F(Filter_demux, a_handle_that_select_cannot_hold_is_a_failed_open) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlim_t before = limit.rlim_cur;
@@ -246,7 +246,7 @@ TEST_F(FilterDemux, a_handle_that_select_cannot_hold_is_a_failed_open) {
 
 // --- Freeing ---------------------------------------------------------------------------------------------------------
 
-TEST_F(FilterDemux, a_removal_stops_a_running_or_stopped_filter_and_keeps_the_handle) {
+TEST_F(Filter_demux, a_removal_stops_a_running_or_stopped_filter_and_keeps_the_handle) {
   run();
   calls();
   EXPECT_EQ(remove(3, 0x100), "Removing filter pid 100 tid 2\n-Fi100.002." + fd_text(0));
@@ -261,7 +261,7 @@ TEST_F(FilterDemux, a_removal_stops_a_running_or_stopped_filter_and_keeps_the_ha
   EXPECT_EQ(list(), "free -1:2");
 }
 
-TEST_F(FilterDemux, set_dvbfilter_reuse_clears_the_slot_but_for_handle_bytes_flags_timeout_and_restarts) {
+TEST_F(Filter_demux, set_dvbfilter_reuse_clears_the_slot_but_for_handle_bytes_flags_timeout_and_restarts) {
   run(0x100, table::SDT_ACTUAL);
   dvb_filter_desc* f = at(0);
   const int handle = f->fd;
@@ -275,7 +275,7 @@ TEST_F(FilterDemux, set_dvbfilter_reuse_clears_the_slot_but_for_handle_bytes_fla
             (Ints{handle, 0xFF, FILTER_FLAG_HW_CRC, 2, 7}));
 }
 
-TEST_F(FilterDemux, a_free_slot_and_a_wanted_filter_that_never_ran_are_freed_without_an_ioctl) {
+TEST_F(Filter_demux, a_free_slot_and_a_wanted_filter_that_never_ran_are_freed_without_an_ioctl) {
   run();
   filter.set_dvbfilter_reuse(at(0));
   calls();
@@ -288,7 +288,7 @@ TEST_F(FilterDemux, a_free_slot_and_a_wanted_filter_that_never_ran_are_freed_wit
 }
 
 // A filter of its own on a device, with `count` filters running.
-class FilterEnd : public testing::Test {
+class Filter_end : public testing::Test {
  protected:
   std::unique_ptr<Section_filter> running(int count) const {
     auto filter = std::make_unique<Section_filter>(demux.path());
@@ -300,7 +300,7 @@ class FilterEnd : public testing::Test {
   Fake_demux demux;
 };
 
-TEST_F(FilterEnd, stops_the_filters_and_closes_all_handles) {
+TEST_F(Filter_end, stops_the_filters_and_closes_all_handles) {
   auto filter = running(3);
   const Ints handles{slot(*filter, 0)->fd, slot(*filter, 1)->fd, slot(*filter, 2)->fd};
   filter->removefilter(0x101, 2);
@@ -311,7 +311,7 @@ TEST_F(FilterEnd, stops_the_filters_and_closes_all_handles) {
     EXPECT_FALSE(demux.is_mine(handle));
 }
 
-TEST_F(FilterEnd, tells_at_3_that_all_filters_are_gone_and_deletes_the_timers) {
+TEST_F(Filter_end, tells_at_3_that_all_filters_are_gone_and_deletes_the_timers) {
   const std::string before = listed_timers();
   for (const auto& [level, text] : {std::pair{3, "Removed all filters\n"}, std::pair{2, ""}}) {
     auto filter = running(2);
@@ -321,7 +321,7 @@ TEST_F(FilterEnd, tells_at_3_that_all_filters_are_gone_and_deletes_the_timers) {
   EXPECT_EQ(listed_timers(), before);
 }
 
-TEST_F(FilterEnd, a_handle_that_does_not_close_is_an_error) {
+TEST_F(Filter_end, a_handle_that_does_not_close_is_an_error) {
   for (const auto& [level, text] :
        {std::pair{0, "ERROR: Filter close failed, Bad file descriptor \n"}, std::pair{-1, ""}}) {
     auto filter = running(1);
@@ -336,7 +336,7 @@ TEST_F(FilterEnd, a_handle_that_does_not_close_is_an_error) {
 
 // --- Stop, start, restart --------------------------------------------------------------------------------------------
 
-TEST_F(FilterDemux, stop_and_start_keep_the_filters) {
+TEST_F(Filter_demux, stop_and_start_keep_the_filters) {
   run_each(2);
   want(0x102);
   calls();
@@ -350,7 +350,7 @@ TEST_F(FilterDemux, stop_and_start_keep_the_filters) {
   EXPECT_EQ(list(), "running 100:2, running 101:2, running 102:2");
 }
 
-TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_filter_goes_on_or_is_freed_all_the_same) {
+TEST_F(Filter_demux, a_failing_stop_is_printed_and_the_filter_goes_on_or_is_freed_all_the_same) {
   run();
   demux.fail_ioctl(DMX_STOP, EIO);
   const std::string failed =
@@ -365,7 +365,7 @@ TEST_F(FilterDemux, a_failing_stop_is_printed_and_the_filter_goes_on_or_is_freed
   demux.fail_ioctl(0, 0);
 }
 
-TEST_F(FilterDemux, quirk_restart_all_leaves_the_filters_stopped) {
+TEST_F(Filter_demux, quirk_restart_all_leaves_the_filters_stopped) {
   run();
   want(0x101);
   calls();
@@ -377,7 +377,7 @@ TEST_F(FilterDemux, quirk_restart_all_leaves_the_filters_stopped) {
   EXPECT_EQ(state(0), FILTER_RUNNING);
 }
 
-TEST_F(FilterDemux, a_filter_whose_restart_fails_stays_running) {
+TEST_F(Filter_demux, a_filter_whose_restart_fails_stays_running) {
   run();
   demux.fail_ioctl(DMX_START, EINVAL);
   EXPECT_THAT([&] { filter.restart_all_filters(); },
@@ -388,7 +388,7 @@ TEST_F(FilterDemux, a_filter_whose_restart_fails_stays_running) {
 
 // --- Silent feeds ----------------------------------------------------------------------------------------------------
 
-TEST_F(FilterDemux, a_silent_feed_is_started_and_armed_again_within_the_last_second_of_its_timer_and_not_before) {
+TEST_F(Filter_demux, a_silent_feed_is_started_and_armed_again_within_the_last_second_of_its_timer_and_not_before) {
   run();
   EXPECT_EQ(remaining(0), 1) << "armed with 2 s";
   calls();
@@ -407,7 +407,7 @@ TEST_F(FilterDemux, a_silent_feed_is_started_and_armed_again_within_the_last_sec
   EXPECT_EQ((Ints{at(0)->restarts, state(0)}), (Ints{2, FILTER_RUNNING}));
 }
 
-TEST_F(FilterDemux, only_silent_running_filters_on_pid_21_and_above_are_started_again) {
+TEST_F(Filter_demux, only_silent_running_filters_on_pid_21_and_above_are_started_again) {
   for (int pid : {pid::NIT, pid::LAST_RESERVED + 1, 0x21, 0x100, 0x101})
     run(pid);
   for (size_t i = 0; i < 5; ++i)
@@ -419,7 +419,7 @@ TEST_F(FilterDemux, only_silent_running_filters_on_pid_21_and_above_are_started_
   EXPECT_EQ(calls(), "start 2");
 }
 
-TEST_F(FilterDemux, quirk_a_silent_feed_below_pid_21_is_never_started_again) {
+TEST_F(Filter_demux, quirk_a_silent_feed_below_pid_21_is_never_started_again) {
   run(pid::NIT, table::NIT_ACTUAL);
   calls();
   for (int i = 0; i < 3; ++i) {
@@ -430,7 +430,7 @@ TEST_F(FilterDemux, quirk_a_silent_feed_below_pid_21_is_never_started_again) {
   EXPECT_EQ(at(0)->restarts, 0);
 }
 
-TEST_F(FilterDemux, quirk_restarts_are_totalled_only_while_they_are_printed) {
+TEST_F(Filter_demux, quirk_restarts_are_totalled_only_while_they_are_printed) {
   run();
   const auto restart_at = [&](int level) {
     expire(0);
@@ -444,7 +444,7 @@ TEST_F(FilterDemux, quirk_restarts_are_totalled_only_while_they_are_printed) {
   EXPECT_EQ(restart_at(3), begin + " 5 times: pid 100  tid 2. Started 1, restarted 2, captured 0\n");
 }
 
-TEST_F(FilterDemux, a_failing_restart_is_printed) {
+TEST_F(Filter_demux, a_failing_restart_is_printed) {
   run();
   expire(0);
   demux.fail_ioctl(DMX_START, EINVAL);

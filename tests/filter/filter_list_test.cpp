@@ -12,9 +12,9 @@ namespace {
 constexpr char NO_DEVICE[] = "/nonexistent/dvb/adapter0/demux0";
 using Ints = std::vector<int>;
 
-class FilterList : public Filter_test {
+class Filter_list : public Filter_test {
  protected:
-  FilterList() : Filter_test(NO_DEVICE) {}
+  Filter_list() : Filter_test(NO_DEVICE) {}
   std::string add(int level, int pid, int tid) {
     return messages_at(level, [=, this] { EXPECT_EQ(filter.addfilter(pid, tid, FREQ), 0); });
   }
@@ -27,9 +27,9 @@ class FilterList : public Filter_test {
     return {f.flags, f.timeout_s, f.freq, f.fd, f.captured, f.open_retries, f.restarts};
   }
 };
-class FilterOpen : public FilterList {};
-class FilterQuery : public FilterList {};
-class FilterRemoval : public FilterList {};
+class Filter_open : public Filter_list {};
+class Filter_query : public Filter_list {};
+class Filter_removal : public Filter_list {};
 
 // `first` and those that follow it, as far as `count`; then zeroes.
 Ints rising(int first, int count) {
@@ -38,13 +38,13 @@ Ints rising(int first, int count) {
   return all;
 }
 
-TEST_F(FilterList, starts_empty) {
+TEST_F(Filter_list, starts_empty) {
   EXPECT_TRUE(filter.flist()->empty());
   EXPECT_EQ(filter.pid_in_list(0), 0);
   EXPECT_EQ(filter.recalculate_filters(), 0);
 }
 
-TEST_F(FilterList, addfilter_for_a_table_fills_in_the_parsers_defaults) {
+TEST_F(Filter_list, addfilter_for_a_table_fills_in_the_parsers_defaults) {
   EXPECT_EQ(add(0, 0x100, table::SDT_ACTUAL), "");
   EXPECT_EQ(list(), "wanted 100:42");
   EXPECT_EQ(bytes(0), rising(0x42, 1));
@@ -52,7 +52,7 @@ TEST_F(FilterList, addfilter_for_a_table_fills_in_the_parsers_defaults) {
   EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_HW_CRC, 2, FREQ, -1, 0, 0, 0}));
 }
 
-TEST_F(FilterList, length_20_keeps_the_first_16_bytes_and_warns) {
+TEST_F(Filter_list, length_20_keeps_the_first_16_bytes_and_warns) {
   unsigned char wide[20];
   unsigned char wide_mask[20];
   std::iota(wide, wide + 20, 0x40);
@@ -65,7 +65,7 @@ TEST_F(FilterList, length_20_keeps_the_first_16_bytes_and_warns) {
   EXPECT_EQ(messages_at(0, [&] { filter.addfilter(pid::NIT, FREQ, wide, wide_mask, 17, 0, 5); }), "");
 }
 
-TEST_F(FilterList, length_16_and_0_are_taken_without_a_warning) {
+TEST_F(Filter_list, length_16_and_0_are_taken_without_a_warning) {
   const unsigned char three[16] = {1, 2, 3};
   for (const auto& [length, taken] : {std::pair{16, 3}, std::pair{0, 0}, std::pair{-3, 0}}) {
     filter.remove_all();
@@ -75,7 +75,7 @@ TEST_F(FilterList, length_16_and_0_are_taken_without_a_warning) {
   }
 }
 
-TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4_and_a_reused_one_is_not) {
+TEST_F(Filter_list, a_new_slot_is_announced_at_3_and_its_token_at_4_and_a_reused_one_is_not) {
   EXPECT_EQ(add(2, 1, 0x01), "");
   EXPECT_EQ(add(3, pid::EIT, table::EIT_PRESENT_FOLLOWING),
             "Adding new filter for pid 18 to list, filter list size 2, nr_opened 0\n");
@@ -86,7 +86,7 @@ TEST_F(FilterList, a_new_slot_is_announced_at_3_and_its_token_at_4_and_a_reused_
   EXPECT_EQ(list(), "wanted 3:40, wanted 12:4e, wanted 123:2");
 }
 
-TEST_F(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter_and_its_counters_are_new) {
+TEST_F(Filter_list, a_reused_slot_keeps_nothing_of_a_longer_filter_and_its_counters_are_new) {
   const unsigned char sixteen[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   filter.addfilter(pid::NIT, FREQ, sixteen, sixteen, 16, FILTER_FLAG_ONESHOT, 5);
   at(0)->captured = 7;
@@ -99,7 +99,7 @@ TEST_F(FilterList, a_reused_slot_keeps_nothing_of_a_longer_filter_and_its_counte
   EXPECT_EQ(rest(0), (Ints{FILTER_FLAG_HW_CRC, 2, 7, -1, 0, 0, 0}));
 }
 
-TEST_F(FilterList, the_first_free_slot_is_reused_and_the_same_filter_twice_takes_two) {
+TEST_F(Filter_list, the_first_free_slot_is_reused_and_the_same_filter_twice_takes_two) {
   want_each(4, 1);
   filter.removefilter(3, 2);
   filter.removefilter(2, 2);
@@ -111,7 +111,7 @@ TEST_F(FilterList, the_first_free_slot_is_reused_and_the_same_filter_twice_takes
 
 // --- Removal ---------------------------------------------------------------------------------------------------------
 
-TEST_F(FilterRemoval, of_one_filter_is_silent_below_3_and_of_none_an_error) {
+TEST_F(Filter_removal, of_one_filter_is_silent_below_3_and_of_none_an_error) {
   EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(filter.removefilter(pid::NIT, table::NIT_ACTUAL), 0); }),
             "ERROR: Removed 0 instances of pid 10, Tid 40\n");
   EXPECT_EQ(remove(-1, pid::NIT, table::NIT_ACTUAL), "");
@@ -123,14 +123,14 @@ TEST_F(FilterRemoval, of_one_filter_is_silent_below_3_and_of_none_an_error) {
   EXPECT_EQ(at(0)->freq, 0);
 }
 
-TEST_F(FilterRemoval, quirk_two_filters_of_one_pid_and_table_go_together_with_an_error) {
+TEST_F(Filter_removal, quirk_two_filters_of_one_pid_and_table_go_together_with_an_error) {
   want(0x100);
   want(0x100);
   EXPECT_EQ(remove(0, 0x100), "ERROR: Removed 2 instances of pid 100, Tid 2\n");
   EXPECT_EQ(filter.pid_in_list(0x100), 0);
 }
 
-TEST_F(FilterRemoval, by_range_of_pids) {
+TEST_F(Filter_removal, by_range_of_pids) {
   for (int pid : {pid::NIT - 1, pid::NIT, pid::EIT, pid::TIME, pid::TIME + 1})
     want(pid, table::SDT_ACTUAL);
   EXPECT_EQ(messages_at(2, [&] { filter.remove_filter_pid_range(pid::TIME + 1, pid::LAST); }), "");
@@ -141,7 +141,7 @@ TEST_F(FilterRemoval, by_range_of_pids) {
 }
 
 // What ends at the end of a scan: all but the guide and the clock. A NIT may be on any PID, also a reserved one.
-TEST_F(FilterRemoval, by_range_of_pids_takes_every_pid_of_the_range_and_no_other) {
+TEST_F(Filter_removal, by_range_of_pids_takes_every_pid_of_the_range_and_no_other) {
   for (int pid = pid::PAT; pid <= pid::LAST_RESERVED + 1; ++pid)
     filter.addfilter(pid, table::NIT_ACTUAL, 0);
   filter.addfilter(pid::LAST, table::PMT, 0);
@@ -156,7 +156,7 @@ TEST_F(FilterRemoval, by_range_of_pids_takes_every_pid_of_the_range_and_no_other
   EXPECT_EQ(left, (Ints{pid::EIT, pid::TIME}));
 }
 
-TEST_F(FilterRemoval, by_range_of_table_ids) {
+TEST_F(Filter_removal, by_range_of_table_ids) {
   constexpr int FIRST = table::EIT_PRESENT_FOLLOWING, LAST = table::EIT_SCHEDULE_LAST;
   for (int tid : {FIRST - 1, FIRST, LAST, LAST + 1})
     want(pid::EIT, tid);
@@ -168,7 +168,7 @@ TEST_F(FilterRemoval, by_range_of_table_ids) {
   EXPECT_EQ(list(), "free -1:4d, free -1:4e, free -1:5f, free -1:60, wanted 13:50");
 }
 
-TEST_F(FilterRemoval, quirk_by_frequency_prints_the_token_of_removefilter) {
+TEST_F(Filter_removal, quirk_by_frequency_prints_the_token_of_removefilter) {
   want(1, 1, 100);
   want(2, 2, 200);
   want(3, 3, 100);
@@ -178,7 +178,7 @@ TEST_F(FilterRemoval, quirk_by_frequency_prints_the_token_of_removefilter) {
   EXPECT_EQ(list(), "free -1:1, free -1:2, free -1:3");
 }
 
-TEST_F(FilterRemoval, remove_all_frees_every_slot_and_free_slots_that_match_again_are_left_alone) {
+TEST_F(Filter_removal, remove_all_frees_every_slot_and_free_slots_that_match_again_are_left_alone) {
   want_each(3, 1);
   EXPECT_EQ(messages_at(3, [&] { filter.remove_all(); }), "Removed all filters\n");
   EXPECT_EQ(list(), "free -1:2, free -1:2, free -1:2");
@@ -190,7 +190,7 @@ TEST_F(FilterRemoval, remove_all_frees_every_slot_and_free_slots_that_match_agai
 
 // --- Asking ----------------------------------------------------------------------------------------------------------
 
-TEST_F(FilterQuery, pid_and_table_are_found_unless_free) {
+TEST_F(Filter_query, pid_and_table_are_found_unless_free) {
   // Of the PID, of PID and table, and of others.
   const auto found = [&] {
     return Ints{filter.pid_in_list(pid::EIT), filter.pid_tid_in_list(pid::EIT, table::EIT_PRESENT_FOLLOWING),
@@ -205,7 +205,7 @@ TEST_F(FilterQuery, pid_and_table_are_found_unless_free) {
   EXPECT_EQ(found(), Ints(5, 0));
 }
 
-TEST_F(FilterQuery, eit_or_time_only) {
+TEST_F(Filter_query, eit_or_time_only) {
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 0) << "empty list";
   want(pid::EIT, table::EIT_PRESENT_FOLLOWING);
   want(pid::TIME, table::TOT);
@@ -220,7 +220,7 @@ TEST_F(FilterQuery, eit_or_time_only) {
   EXPECT_EQ(filter.eit_or_time_only_in_filter_list(), 1) << "free slots only";
 }
 
-TEST_F(FilterQuery, eit_or_time_only_traces_at_4) {
+TEST_F(Filter_query, eit_or_time_only_traces_at_4) {
   want(pid::EIT, table::EIT_PRESENT_FOLLOWING);
   want(pid::SDT, table::SDT_ACTUAL);
   want(pid::TIME, table::TOT);
@@ -228,7 +228,7 @@ TEST_F(FilterQuery, eit_or_time_only_traces_at_4) {
               support::prints_only_from(4, "Filter list contains: 12.4e 11.42 14.73  Eit_or_time_only_in_list is 0\n"));
 }
 
-TEST_F(FilterQuery, print_filter_list_counts_what_it_prints_and_totals_every_slot) {
+TEST_F(Filter_query, print_filter_list_counts_what_it_prints_and_totals_every_slot) {
   want(pid::NIT, table::NIT_ACTUAL);
   want(pid::SDT, table::SDT_ACTUAL);
   want(0x1FF, table::PMT);
@@ -240,7 +240,7 @@ TEST_F(FilterQuery, print_filter_list_counts_what_it_prints_and_totals_every_slo
 
 // --- A device that cannot be opened ----------------------------------------------------------------------------------
 
-TEST_F(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fifth_failure) {
+TEST_F(Filter_open, a_missing_device_is_retried_and_the_filter_dropped_at_the_fifth_failure) {
   want(0x110);
   const std::string failed =
       "WARNING: Failed to  open /nonexistent/dvb/adapter0/demux0, balance 0 for pid 110 tid 2, retcode -1\n"
@@ -254,7 +254,7 @@ TEST_F(FilterOpen, a_missing_device_is_retried_and_the_filter_dropped_at_the_fif
   EXPECT_EQ(recalculate(1), "");
 }
 
-TEST_F(FilterOpen, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) {
+TEST_F(Filter_open, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) {
   for (int round = 0; round < 2; ++round) {
     want(0x110);
     for (int attempt = 1; attempt <= 5; ++attempt) {
@@ -265,13 +265,13 @@ TEST_F(FilterOpen, the_next_filter_in_a_dropped_ones_slot_has_all_its_attempts) 
   }
 }
 
-TEST_F(FilterOpen, a_filter_that_cannot_be_opened_does_not_hold_up_the_next) {
+TEST_F(Filter_open, a_filter_that_cannot_be_opened_does_not_hold_up_the_next) {
   want_each(2);
   recalculate(0);
   EXPECT_EQ((Ints{at(0)->open_retries, at(1)->open_retries}), (Ints{1, 1}));
 }
 
-TEST_F(FilterOpen, quirk_a_dropped_filter_keeps_its_pid_in_the_slot) {
+TEST_F(Filter_open, quirk_a_dropped_filter_keeps_its_pid_in_the_slot) {
   want(0x110);
   for (int i = 0; i < 5; ++i)
     recalculate(0);
@@ -280,7 +280,7 @@ TEST_F(FilterOpen, quirk_a_dropped_filter_keeps_its_pid_in_the_slot) {
   EXPECT_EQ(remove(0, 0x110), "") << "still counts as the one that is removed";
 }
 
-TEST_F(FilterOpen, a_path_that_is_too_long_is_cut) {
+TEST_F(Filter_open, a_path_that_is_too_long_is_cut) {
   Section_filter too_long(std::string(300, 'x').c_str());
   too_long.addfilter(1, 1, FREQ);
   EXPECT_THAT(messages_at(1, [&] { too_long.recalculate_filters(); }),
@@ -293,7 +293,7 @@ size_t kernel_timers() {
   return support::count_of(listed_timers(), "ID: ") - support::count_of(listed_timers(), "ClockID: ");
 }
 
-TEST(FilterDestruction, quirk_the_timer_of_a_slot_without_handle_is_left) {
+TEST(Filter_destruction, quirk_the_timer_of_a_slot_without_handle_is_left) {
   if (!std::ifstream("/proc/self/timers"))
     GTEST_SKIP() << "this kernel does not list timers";
   const size_t before = kernel_timers();
@@ -305,7 +305,7 @@ TEST(FilterDestruction, quirk_the_timer_of_a_slot_without_handle_is_left) {
   EXPECT_EQ(kernel_timers(), before + 1);
 }
 
-TEST_F(FilterList, a_timer_is_of_the_wall_clock_and_never_signals) {
+TEST_F(Filter_list, a_timer_is_of_the_wall_clock_and_never_signals) {
   if (!std::ifstream("/proc/self/timers"))
     GTEST_SKIP() << "this kernel does not list timers";
   want(1, 1);

@@ -13,7 +13,7 @@ constexpr int PID = 0x100;
 const Bytes TDT = {table::TDT, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
 const Bytes PMT = support::long_section(table::PMT, 1, 3, support::join({support::u16(0xE101), support::loop12({})}));
 
-class FilterRead : public Demux_test {
+class Filter_read : public Demux_test {
  protected:
   char buffer[SECTION_BUF_SIZE];
 
@@ -58,7 +58,7 @@ class FilterRead : public Demux_test {
   }
 };
 
-TEST_F(FilterRead, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buffer_is_zero) {
+TEST_F(Filter_read, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buffer_is_zero) {
   dvb_filter_desc* f = start();
   std::memset(buffer, 0x55, sizeof buffer);
   EXPECT_EQ(deliver(f, PMT), PMT.size());
@@ -67,11 +67,11 @@ TEST_F(FilterRead, a_good_section_arrives_byte_for_byte_and_the_rest_of_the_buff
   EXPECT_EQ(f->captured, 1);
 }
 
-TEST_F(FilterRead, the_longest_section_fits) {
+TEST_F(Filter_read, the_longest_section_fits) {
   EXPECT_EQ(deliver(start(), support::long_section(table::PMT, 1, 0, Bytes(4096 - 12, 0xAB))), 4096u);
 }
 
-TEST_F(FilterRead, reading_traces_at_4) {
+TEST_F(Filter_read, reading_traces_at_4) {
   dvb_filter_desc* f = start_ready();
   wait(0);
   char text[100];
@@ -83,7 +83,7 @@ TEST_F(FilterRead, reading_traces_at_4) {
   EXPECT_EQ(messages_at(3, [&] { read(f); }), "");
 }
 
-TEST_F(FilterRead, nothing_to_read_is_a_time_out_also_without_filters) {
+TEST_F(Filter_read, nothing_to_read_is_a_time_out_also_without_filters) {
   EXPECT_EQ(filter.recalculate_filters(), 0);
   EXPECT_EQ(filter.wait_for_data(20), 0);
   start();
@@ -92,14 +92,14 @@ TEST_F(FilterRead, nothing_to_read_is_a_time_out_also_without_filters) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45));
 }
 
-TEST_F(FilterRead, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
+TEST_F(Filter_read, a_wait_of_more_than_a_second_is_passed_on_in_microseconds) {
   start();
   demux.put(PMT);
   filter.recalculate_filters();
   EXPECT_EQ(filter.wait_for_data(1500), 1) << "the system takes 1,500,000 microseconds";
 }
 
-TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait_and_one_that_is_not_ready_never) {
+TEST_F(Filter_read, each_ready_handle_is_read_once_per_wait_and_one_that_is_not_ready_never) {
   dvb_filter_desc* f = start();
   filter.wait_for_data(0);
   expect_no_read(f);
@@ -110,7 +110,7 @@ TEST_F(FilterRead, each_ready_handle_is_read_once_per_wait_and_one_that_is_not_r
   EXPECT_GT(read(f), 0u);
 }
 
-TEST_F(FilterRead, a_filter_that_does_not_run_yields_0_without_a_read) {
+TEST_F(Filter_read, a_filter_that_does_not_run_yields_0_without_a_read) {
   dvb_filter_desc* f = start_ready();
   for (int state : {FILTER_FREE, FILTER_WANTED, FILTER_STOPPED}) {
     SCOPED_TRACE(state);
@@ -120,7 +120,7 @@ TEST_F(FilterRead, a_filter_that_does_not_run_yields_0_without_a_read) {
   f->state = FILTER_RUNNING;
 }
 
-TEST_F(FilterRead, a_filter_freed_after_the_wait_is_not_read) {
+TEST_F(Filter_read, a_filter_freed_after_the_wait_is_not_read) {
   dvb_filter_desc* f = start_ready();
   filter.remove_all();
   expect_no_read(f);
@@ -130,7 +130,7 @@ TEST_F(FilterRead, a_filter_freed_after_the_wait_is_not_read) {
   expect_no_read(f);
 }
 
-TEST_F(FilterRead, a_filter_freed_by_another_thread_during_the_wait_is_not_waited_for_again) {
+TEST_F(Filter_read, a_filter_freed_by_another_thread_during_the_wait_is_not_waited_for_again) {
   start();
   std::thread remover([&] { filter.remove_all(); });
   EXPECT_EQ(filter.wait_for_data(50), 0);
@@ -139,7 +139,7 @@ TEST_F(FilterRead, a_filter_freed_by_another_thread_during_the_wait_is_not_waite
   EXPECT_EQ(filter.wait_for_data(0), 0);
 }
 
-TEST_F(FilterRead, waiting_goes_on_after_a_handle_of_the_set_was_closed) {
+TEST_F(Filter_read, waiting_goes_on_after_a_handle_of_the_set_was_closed) {
   for (int i = 0; i < 8; ++i)
     start(0x100 + i);
   filter.remove_all();
@@ -148,7 +148,7 @@ TEST_F(FilterRead, waiting_goes_on_after_a_handle_of_the_set_was_closed) {
   EXPECT_GT(deliver(f, PMT), 0u);
 }
 
-TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
+TEST_F(Filter_read, an_overflow_is_a_warning_and_the_filter_goes_on) {
   dvb_filter_desc* f = start_ready();
   demux.fail_read(EOVERFLOW);
   calls();
@@ -162,7 +162,7 @@ TEST_F(FilterRead, an_overflow_is_a_warning_and_the_filter_goes_on) {
   EXPECT_GT(read(f), 0u);
 }
 
-TEST_F(FilterRead, another_read_error_is_printed_with_its_reason) {
+TEST_F(Filter_read, another_read_error_is_printed_with_its_reason) {
   dvb_filter_desc* f = start_ready();
   demux.fail_read(EIO);
   const std::string reason = "read @ get_section_data:: Input/output error\n";
@@ -173,7 +173,7 @@ TEST_F(FilterRead, another_read_error_is_printed_with_its_reason) {
   demux.fail_read(0);
 }
 
-TEST_F(FilterRead, a_length_other_than_the_headers_is_refused) {
+TEST_F(Filter_read, a_length_other_than_the_headers_is_refused) {
   dvb_filter_desc* f = start();
   const std::pair<Bytes, const char*> cases[] = {
       {support::join({PMT, {0}}), "type 2 incorrect length 17 vs header 16"},
@@ -189,7 +189,7 @@ TEST_F(FilterRead, a_length_other_than_the_headers_is_refused) {
   EXPECT_EQ(f->captured, 0);
 }
 
-TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
+TEST(Filter_read_end, an_empty_read_is_a_length_error) {
   auto demux = std::make_unique<Fake_demux>();
   Section_filter filter(demux->path());
   filter.addfilter(PID, 2, FREQ);
@@ -208,7 +208,7 @@ TEST(FilterReadEnd, an_empty_read_is_a_length_error) {
 
 // --- The CRC in software ---------------------------------------------------------------------------------------------
 
-TEST_F(FilterRead, a_wrong_crc_is_counted_but_returns_0) {
+TEST_F(Filter_read, a_wrong_crc_is_counted_but_returns_0) {
   dvb_filter_desc* f = start_checked();
   Bytes section = PMT;
   section.back() ^= 1;
@@ -223,7 +223,7 @@ TEST_F(FilterRead, a_wrong_crc_is_counted_but_returns_0) {
   EXPECT_EQ(f->captured, 2);
 }
 
-TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
+TEST_F(Filter_read, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
   EXPECT_EQ(deliver(start_checked(), PMT), PMT.size());
   filter.remove_all();
   Bytes section = PMT;
@@ -231,7 +231,7 @@ TEST_F(FilterRead, a_right_crc_passes_and_without_the_flag_a_wrong_one_does) {
   EXPECT_EQ(deliver(start(), section), section.size());
 }
 
-TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
+TEST_F(Filter_read, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
   dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
   EXPECT_EQ(deliver(f, TDT), 8u);
   Bytes tot = support::with_crc({table::TOT, 0x70, 0x0B, 0xD0, 0x7D, 0x12, 0x34, 0x56, 0xF0, 0x00});
@@ -241,7 +241,7 @@ TEST_F(FilterRead, a_tdt_passes_the_crc_check_and_a_tot_does_not) {
   EXPECT_EQ(f->captured, 3);
 }
 
-TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
+TEST_F(Filter_read, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
   EXPECT_EQ(refused(-1, start_checked(pid::TIME + 1, table::TDT), TDT), "");
   filter.remove_all();
   dvb_filter_desc* f = start_checked(pid::TIME, table::TDT);
@@ -254,7 +254,7 @@ TEST_F(FilterRead, only_a_tdt_of_5_bytes_on_its_own_pid_is_exempt) {
   EXPECT_EQ(deliver(f, TDT), 8u);
 }
 
-TEST_F(FilterRead, quirk_a_table_id_above_7f_is_printed_sign_extended) {
+TEST_F(Filter_read, quirk_a_table_id_above_7f_is_printed_sign_extended) {
   EXPECT_THAT(refused(0, start_checked(PID, 0x82), {0x82, 0x30, 0x05, 1, 2, 3, 4, 5}),
               testing::StartsWith("ERROR: *** Received section pid 100 type ffffff82 len 5 CRC failed, "));
 }

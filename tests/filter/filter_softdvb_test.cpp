@@ -21,9 +21,9 @@ Bytes pmt(int program, size_t filler = 0) {
                                support::join({support::u16(0xE101), support::loop12(Bytes(filler, 0))}));
 }
 
-class FilterSoftdvb : public Filter_test {
+class Filter_softdvb : public Filter_test {
  protected:
-  FilterSoftdvb() : Filter_test(DEVICE) {}
+  Filter_softdvb() : Filter_test(DEVICE) {}
   char buffer[SECTION_BUF_SIZE];
 
   // One section as transport packets of its PID.
@@ -54,7 +54,7 @@ class FilterSoftdvb : public Filter_test {
   support::Ts_writer packets_;
 };
 
-TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
+TEST_F(Filter_softdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
   want(0x100, table::PMT);
   EXPECT_EQ(pass(), Sections());
   on_air(0x100, pmt(1));
@@ -67,7 +67,7 @@ TEST_F(FilterSoftdvb, sections_of_the_pid_and_table_arrive_one_a_read) {
   EXPECT_EQ(at(0)->captured, 2);
 }
 
-TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_removal) {
+TEST_F(Filter_softdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_removal) {
   want_each(9);
   pass();
   for (int i = 0; i < 9; ++i)
@@ -81,7 +81,7 @@ TEST_F(FilterSoftdvb, eight_filters_run_and_the_ninth_gets_its_section_after_a_r
   EXPECT_EQ(pass(1000), Sections{pmt(8)});
 }
 
-TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
+TEST_F(Filter_softdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
   start();
   const int handle = at(0)->fd;
   on_air(0x100, pmt(1));
@@ -94,7 +94,7 @@ TEST_F(FilterSoftdvb, a_reused_handle_delivers_nothing_of_the_filter_before) {
   EXPECT_EQ(pass(1000), Sections{pmt(2)});
 }
 
-TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked_here) {
+TEST_F(Filter_softdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked_here) {
   Bytes wrong = pmt(1);
   wrong.back() ^= 1;
   want(0x100, table::PMT);
@@ -112,7 +112,7 @@ TEST_F(FilterSoftdvb, the_demultiplexer_drops_wrong_crcs_unless_they_are_checked
   EXPECT_EQ(pass(1000), Sections{pmt(2)});
 }
 
-TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) {
+TEST_F(Filter_softdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) {
   start();
   for (int i = 0; i < 20; ++i)
     on_air(0x100, pmt(i, 1000));
@@ -124,7 +124,7 @@ TEST_F(FilterSoftdvb, after_an_overflow_new_sections_arrive_on_the_same_filter) 
   EXPECT_EQ(pass(1000), Sections{pmt(99)});
 }
 
-TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
+TEST_F(Filter_softdvb, stopped_filters_receive_nothing_and_start_again) {
   start();
   filter.stop_filters();
   on_air(0x100, pmt(1));
@@ -135,7 +135,7 @@ TEST_F(FilterSoftdvb, stopped_filters_receive_nothing_and_start_again) {
   EXPECT_EQ(pass(1000), Sections{pmt(2)});
 }
 
-TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started) {
+TEST_F(Filter_softdvb, quirk_restart_all_silences_filters_until_they_are_started) {
   start();
   EXPECT_EQ(messages_at(1, [&] { filter.restart_all_filters(); }), "WARNING: Restarting filter for PID 100\n");
   on_air(0x100, pmt(1));
@@ -146,7 +146,7 @@ TEST_F(FilterSoftdvb, quirk_restart_all_silences_filters_until_they_are_started)
   EXPECT_EQ(pass(1000), Sections{pmt(2)});
 }
 
-TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below_pid_21_never) {
+TEST_F(Filter_softdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below_pid_21_never) {
   want(pid::NIT, table::NIT_ACTUAL);
   start();
   const auto begin = std::chrono::steady_clock::now();
@@ -172,14 +172,14 @@ TEST_F(FilterSoftdvb, a_silent_feed_is_restarted_every_two_seconds_and_one_below
   EXPECT_EQ(at(1)->restarts, restarts) << "no longer silent";
 }
 
-TEST_F(FilterSoftdvb, a_wait_may_last_longer_than_a_second) {
+TEST_F(Filter_softdvb, a_wait_may_last_longer_than_a_second) {
   start();
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(filter.wait_for_data(1500), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1450));
 }
 
-TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
+TEST_F(Filter_softdvb, a_failing_wait_answers_minus_1_with_its_reason) {
   start();
   support::softdvb_control("fault select = EINTR*1");
   EXPECT_EQ(messages_at(4,
@@ -192,7 +192,7 @@ TEST_F(FilterSoftdvb, a_failing_wait_answers_minus_1_with_its_reason) {
   EXPECT_EQ(pass(1000), Sections{pmt(1)});
 }
 
-TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
+TEST_F(Filter_softdvb, a_busy_device_is_tried_again) {
   support::softdvb_control("fault open(demux0) = EBUSY*4");
   want(0x100, table::PMT);
   for (int i = 0; i < 4; ++i)
@@ -202,14 +202,14 @@ TEST_F(FilterSoftdvb, a_busy_device_is_tried_again) {
   EXPECT_EQ(state(0), FILTER_RUNNING);
 }
 
-TEST_F(FilterSoftdvb, a_tdt_without_crc_passes_every_check) {
+TEST_F(Filter_softdvb, a_tdt_without_crc_passes_every_check) {
   const Bytes tdt = {table::TDT, 0x70, 0x05, 0xD0, 0x7D, 0x12, 0x34, 0x56};
   start(pid::TIME, table::TDT);
   on_air(pid::TIME, tdt);
   EXPECT_EQ(pass(1000), Sections{tdt});
 }
 
-TEST_F(FilterSoftdvb, no_section_is_lost_while_other_pids_are_filtered) {
+TEST_F(Filter_softdvb, no_section_is_lost_while_other_pids_are_filtered) {
   want_each(4);
   pass();
   int seen = 0;

@@ -23,7 +23,7 @@ std::vector<Bytes> corpus() {
 }
 
 // The entry aborts, and so does a memory checker, when something is read outside the section.
-TEST(SectionFuzz, entry_bears_the_corpus_its_beginnings_and_damage) {
+TEST(Section_fuzz, entry_bears_the_corpus_its_beginnings_and_damage) {
   dvbsi_test::Random random(20240613);
   size_t runs = 0;
   for (const Bytes& seed : corpus()) {

@@ -19,7 +19,7 @@ uint8_t heading(const Bytes& section, unsigned state) {
 }
 
 // A memory checker sees what is read outside a section; the entry itself returns.
-TEST(SiparseFuzz, entry_bears_the_corpus_and_its_damage) {
+TEST(Siparse_fuzz, entry_bears_the_corpus_and_its_damage) {
   std::vector<Bytes> corpus = dvbsi_test::sample_sections();
   for (const dvbsi_test::Malformed& row : dvbsi_test::malformed_cases())
     corpus.push_back(row.section);

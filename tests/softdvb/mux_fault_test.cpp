@@ -66,6 +66,7 @@ TEST(Mux_fault, hits_the_sections_that_are_chosen_and_no_others) {
       {"nor on another", crc(""), "o+", pid::PAT, table::PAT},
       {"the first two", crc(R"(, "first": 2)"), "XXooo"},
       {"every second", crc(R"(, "every": 2)"), "XoXoX"},
+      {"every third", crc(R"(, "every": 3)"), "XooXo"},
       {"from a time on", crc(R"(, "from": 1)"), "oooXX"},
       {"for a time", crc(R"(, "from": 0.3, "to": 1)"), "oXXoo"},
       {"section 1", crc(R"(, "section": 1)"), "ooooo"},

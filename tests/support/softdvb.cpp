@@ -46,11 +46,11 @@ static Function* preloaded(const char* name) {
 }
 
 void softdvb_control(const std::string& line) {
-  EXPECT_EQ(0, preloaded<int(const char*)>("softdvb_control")(line.c_str())) << line;
+  EXPECT_EQ(preloaded<int(const char*)>("softdvb_control")(line.c_str()), 0) << line;
 }
 
 void softdvb_inject(int adapter, const std::vector<unsigned char>& packets) {
-  EXPECT_EQ(0, preloaded<int(int, const void*, size_t)>("softdvb_inject")(adapter, packets.data(), packets.size()));
+  EXPECT_EQ(preloaded<int(int, const void*, size_t)>("softdvb_inject")(adapter, packets.data(), packets.size()), 0);
 }
 
 long softdvb_play(int adapter, unsigned long packets) {

@@ -3,8 +3,8 @@
 
 #pragma once
 
-// What nearly every test needs: GoogleTest with its matchers, and the common standard and POSIX headers. Precompiled, as
-// these take longer to read than most tests.
+// What nearly every test needs: GoogleTest with its matchers, and the common standard and POSIX headers. Precompiled,
+// as these take longer to read than most tests.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -18,7 +18,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -44,5 +43,6 @@
 #include <utility>
 #include <vector>
 
+#include <climits>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -14,7 +14,7 @@ using support::prints_only_from;
 
 using namespace trace_records;
 
-class TimedocTest : public testing::Test {
+class Timedoc_test : public testing::Test {
  protected:
   // What `action` writes to the output.
   template <typename Action>
@@ -46,7 +46,7 @@ class TimedocTest : public testing::Test {
 };
 
 // One recorder for all of them: a conversion leaves nothing to the next.
-TEST_F(TimedocTest, records_become_lines_and_messages) {
+TEST_F(Timedoc_test, records_become_lines_and_messages) {
   const struct {
     const char* legend;
     std::vector<Record> records;
@@ -120,7 +120,7 @@ TEST_F(TimedocTest, records_become_lines_and_messages) {
   EXPECT_EQ(messages_at(-1, [&] { converted({{0, STA, 6, 2}}); }), "");
 }
 
-TEST_F(TimedocTest, an_incomplete_last_record_is_ignored) {
+TEST_F(Timedoc_test, an_incomplete_last_record_is_ignored) {
   std::vector<unsigned> words = words_of({{5, NOTE, 0, 0, "note", 7}, {6, NOTE, 0, 0, "lost"}});
   EXPECT_THAT(
       [&] {
@@ -130,14 +130,14 @@ TEST_F(TimedocTest, an_incomplete_last_record_is_ignored) {
       prints_at(0, ""));
 }
 
-TEST_F(TimedocTest, quirk_an_interrupt_out_of_range_goes_on_with_the_last_id) {
+TEST_F(Timedoc_test, quirk_an_interrupt_out_of_range_goes_on_with_the_last_id) {
   expect({{0, STA, ISR, 82}, {1, STA, ISR, 7}, {2, STA, ISR, 9}, {3, STO, ISR, 0xFFFF}, {4, 5, ISR, 82}},
          "STA 1 0 0\nNAM 1 0 TIMER\nSTA 1 0 1\nNAM 1 1 I2C0\nDSC 3 0 0\nSTA 1 1 2\nSTO 1 1 3\n",
          "ERROR: ISR index out of range 0..82ERROR: ISR index out of range 0..82ERROR: ISR index out of range 0..82");
   EXPECT_EQ(messages_at(-1, [&] { converted({{0, STA, ISR, 82}}); }), "");
 }
 
-TEST_F(TimedocTest, quirk_a_wrapped_counter_loses_one_tick) {
+TEST_F(Timedoc_test, quirk_a_wrapped_counter_loses_one_tick) {
   // From 0xFFFFFFF0 to 4 are 20 ticks; 19 are counted.
   expect(
       {{100, NOTE, 0, 0, "aaaa"}, {0xFFFFFFF0, NOTE, 0, 0, "aaaa"}, {4, NOTE, 0, 0, "aaaa"}, {2, NOTE, 0, 0, "aaaa"}},
@@ -147,7 +147,7 @@ TEST_F(TimedocTest, quirk_a_wrapped_counter_loses_one_tick) {
   EXPECT_EQ(messages_at(0, [&] { converted({{9, 4, TASK, 0}, {8, 4, TASK, 0}}); }), "");
 }
 
-TEST_F(TimedocTest, names_are_packed_four_characters_a_word) {
+TEST_F(Timedoc_test, names_are_packed_four_characters_a_word) {
   const auto packed = [&](const char* name) {
     unsigned first = 1;
     unsigned second = 1;
@@ -162,7 +162,7 @@ TEST_F(TimedocTest, names_are_packed_four_characters_a_word) {
   EXPECT_STREQ(timedoc_.get_tr_name(word("scan")), "scan");
 }
 
-TEST_F(TimedocTest, entries_are_found_by_name_and_key) {
+TEST_F(Timedoc_test, entries_are_found_by_name_and_key) {
   std::vector<TDI_lookup> list;
   const auto entered = [&](const char* name, unsigned key) {
     bool inserted = false;
@@ -175,7 +175,7 @@ TEST_F(TimedocTest, entries_are_found_by_name_and_key) {
   EXPECT_EQ(entered("b", 1), "2 new");
 }
 
-TEST_F(TimedocTest, the_recorder_is_built_without_a_device) {
+TEST_F(Timedoc_test, the_recorder_is_built_without_a_device) {
   EXPECT_THAT([] { Timedoc another; }, prints_only_from(3, "TimeDoctor TRACE disabled\n"));
   const auto recording = [&] {
     timedoc_.tdoc_pause();  // not recording: nothing
@@ -192,7 +192,7 @@ TEST_F(TimedocTest, the_recorder_is_built_without_a_device) {
                                           "100 %\nClear TimeDoc Buffer\n"));
 }
 
-TEST_F(TimedocTest, a_buffer_that_cannot_be_mapped_writes_no_file) {
+TEST_F(Timedoc_test, a_buffer_that_cannot_be_mapped_writes_no_file) {
   const std::string path = dir_.file("trace.tdi");
   EXPECT_EQ(messages_at(0, [&] { timedoc_.write_file(path.c_str(), "tdi"); }),
             "ERROR: mmap() failed, 0x" + std::string(2 * sizeof(void*), 'f') + "\n");
@@ -200,7 +200,7 @@ TEST_F(TimedocTest, a_buffer_that_cannot_be_mapped_writes_no_file) {
   EXPECT_EQ(messages_at(-1, [&] { timedoc_.write_file(path.c_str(), "log"); }), "");
 }
 
-TEST_F(TimedocTest, quirk_the_last_id_of_any_kind_is_gone_on_with) {
+TEST_F(Timedoc_test, quirk_the_last_id_of_any_kind_is_gone_on_with) {
   expect({{0, 4, TASK, 1, "one "},
           {0, 4, TASK, 2, "two "},
           {1, STA, AGENT, 82, 0, 1},
@@ -215,7 +215,7 @@ TEST_F(TimedocTest, quirk_the_last_id_of_any_kind_is_gone_on_with) {
          "ERROR: AGENT ISR index out of range 0..82");
 }
 
-TEST_F(TimedocTest, a_negative_number_of_words_is_nothing) {
+TEST_F(Timedoc_test, a_negative_number_of_words_is_nothing) {
   EXPECT_EQ(written([&] {
               for (const int words : {-1, INT_MIN})
                 timedoc_.convert_to_tdi(nullptr, words);
@@ -223,7 +223,7 @@ TEST_F(TimedocTest, a_negative_number_of_words_is_nothing) {
             HEADER + "END\n" + HEADER + "END\n");
 }
 
-TEST_F(TimedocTest, lines_are_cut_at_255_bytes_and_go_nowhere_at_first) {
+TEST_F(Timedoc_test, lines_are_cut_at_255_bytes_and_go_nowhere_at_first) {
   timedoc_.printf_tdi("%s", "nowhere");
   EXPECT_EQ(written([&] { timedoc_.printf_tdi("%s", std::string(300, 'x').c_str()); }), std::string(255, 'x'));
 }
@@ -250,7 +250,7 @@ std::vector<Record> random_records(unsigned seed, int count) {
   return records;
 }
 
-TEST_F(TimedocTest, random_records_are_read_like_by_the_table) {
+TEST_F(Timedoc_test, random_records_are_read_like_by_the_table) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     const std::vector<Record> records = random_records(seed, 3000);
     const auto expected = tdi_reading::read_by_table(records);
@@ -271,7 +271,7 @@ unsigned name_word(unsigned number) {
 }
 
 // With a search through all names this would take an hour.
-TEST_F(TimedocTest, a_million_records_each_with_a_new_name) {
+TEST_F(Timedoc_test, a_million_records_each_with_a_new_name) {
   constexpr unsigned COUNT = 1'000'000;
   std::vector<Record> records;
   records.reserve(COUNT);

@@ -222,7 +222,7 @@ class Reader : public Text {
   void add_as(const Descriptor& d) {
     const auto as = [this]<typename Class>(const Class* c) {
       if (c != nullptr)
-        add(*c);
+        this->add(*c);
       return c != nullptr;
     };
     (void)(as(dynamic_cast<const Classes*>(&d)) || ...);

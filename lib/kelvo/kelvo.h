@@ -143,9 +143,9 @@ class KELVO_EXPORT Kelvo {
   // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
   bool time_valid() const;
 
-  // Copies the channel list to `file` in the caller's thread. Throws no_file_error when the temporary file for it, beside
-  // the channel file, cannot be created, and leaves `file` alone. A copy that fails later is printed only; the
-  // scan goes on in any case. See Sdbl::backup_channel_database.
+  // Copies the channel list to `file` in the caller's thread. Throws no_file_error when the temporary file beside the
+  // channel file cannot be created, and leaves `file` alone then. What fails later is printed only. The scan goes on in
+  // any case. See Sdbl::backup_channel_database.
   void export_channel_db(const char* file);
 
   // Asks the worker to purge old events and copy the guide beside `file` (see Sdbl::backup_database); the change

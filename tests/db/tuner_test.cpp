@@ -164,7 +164,7 @@ TEST_F(Tuner_table, statements_are_these_with_their_numbers) {
   const std::string select =
       "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con <- 506000000 "
       "2 1";
-  const auto traced = [this](const auto& action) { return support::statements_in(messages_at(4, action)); };
+  const auto traced = [](const auto& action) { return support::statements_in(messages_at(4, action)); };
   EXPECT_EQ(
       traced([this] { store(Fields{}, 1, 2); }),
       (Texts{select,

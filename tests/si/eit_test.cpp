@@ -318,7 +318,8 @@ TEST_F(Eit, every_schedule_table_opens_the_next_and_the_last_one_none) {
   repeat(4, 1, NOW);
   for (int table = FIRST; table < LAST; ++table) {
     repeat(3, 1, table);
-    EXPECT_EQ(arrive(1, table, NOON, 1), formatted("**** EIT loop completed, next table %x\n", table + 1u));
+    EXPECT_EQ(arrive(1, table, NOON, 1),
+              formatted("**** EIT loop completed, next table %x\n", static_cast<unsigned>(table + 1)));
     EXPECT_EQ(open_tables(), Tables{table + 1});
   }
   repeat(3, 1, LAST);

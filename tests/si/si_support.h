@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <cstdarg>
+
 #include <dvbsi++/ca_section.h>
 
 #include "base/ids.h"
@@ -36,10 +38,12 @@ inline constexpr int CONN = 3;
 inline constexpr int TYPE = 1;
 inline constexpr int TS_ID = 0x1001;
 
-template <typename... Values>
-std::string formatted(const char* format, Values... values) {
+[[gnu::format(printf, 1, 2)]] inline std::string formatted(const char* format, ...) {
+  va_list values;
+  va_start(values, format);
   char text[160];
-  std::snprintf(text, sizeof text, format, values...);
+  std::vsnprintf(text, sizeof text, format, values);
+  va_end(values);
   return text;
 }
 

@@ -24,12 +24,10 @@ ProgramAssociation::ProgramAssociation(const uint8_t* const buffer)
 // PAT: ISO/IEC 13818-1, 2.4.4.3
 ProgramAssociationSection::ProgramAssociationSection(const uint8_t* const buffer) : LongCrcSection(buffer) {
   constexpr size_t BEGIN = 8, ENTRY = 4;
-  // Entries that lie behind the longest section are not there.
-  const size_t size = getSectionLength() + dvbsi_own::HEADER_SIZE;
-  const size_t end = size < dvbsi_own::LONGEST_SECTION ? size : dvbsi_own::LONGEST_SECTION;
-  size_t entries = available(getSectionLength(), BEGIN) / ENTRY;
-  while (entries != 0 && BEGIN + entries * ENTRY > end)
-    --entries;
+  // With a CRC behind them, no entries of even the largest section_length reach beyond the longest section.
+  const size_t entries = available(getSectionLength(), BEGIN) / ENTRY;
+  static_assert(BEGIN + (0xFFF + dvbsi_own::HEADER_SIZE - BEGIN - dvbsi_own::CRC_SIZE) / ENTRY * ENTRY <=
+                dvbsi_own::LONGEST_SECTION);
 
   const uint8_t* const loop = buffer + BEGIN;
   size_t networks = 0;

@@ -199,9 +199,11 @@ TEST(Pat, entries_begin_at_the_length_that_holds_one) {
   EXPECT_EQ(counted<ProgramAssociationSection>(0x00, 13)->getPrograms()->size(), 1u);
 }
 
-TEST(Pat, the_longest_section_is_full_of_entries) {
-  const auto pat = counted<ProgramAssociationSection>(0x00, 4093);
-  EXPECT_EQ(pat->getPrograms()->size() + pat->getNetworks()->size(), (4093u - 9) / 4);
+TEST(Pat, the_longest_section_is_full_of_entries_and_so_is_one_that_says_to_be_longer) {
+  for (const size_t length : {4093, 4094, 4095}) {
+    const auto pat = counted<ProgramAssociationSection>(0x00, length);
+    EXPECT_EQ(pat->getPrograms()->size() + pat->getNetworks()->size(), 1021u) << length;
+  }
 }
 
 TEST(Short_sections, fields_that_they_do_not_hold_have_their_defaults) {

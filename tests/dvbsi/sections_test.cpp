@@ -200,7 +200,7 @@ TEST(Pat, entries_begin_at_the_length_that_holds_one) {
 }
 
 TEST(Pat, the_longest_section_is_full_of_entries_and_so_is_one_that_says_to_be_longer) {
-  for (const size_t length : {4093, 4094, 4095}) {
+  for (const size_t length : {4093U, 4094U, 4095U}) {
     const auto pat = counted<ProgramAssociationSection>(0x00, length);
     EXPECT_EQ(pat->getPrograms()->size() + pat->getNetworks()->size(), 1021u) << length;
   }

@@ -164,7 +164,7 @@ TEST_F(Timedoc_test, names_are_packed_four_characters_a_word) {
 
 TEST_F(Timedoc_test, entries_are_found_by_name_and_key) {
   std::vector<TDI_lookup> list;
-  const auto entered = [&](const char* name, unsigned key) {
+  const auto entered = [&](const char* name, int key) {
     bool inserted = false;
     const auto id = timedoc_.lookup_insert_id(&list, name, key, &inserted);
     return std::to_string(id) + (inserted ? " new" : " known");

@@ -4,6 +4,7 @@
 list(APPEND KELVO_SOURCES
   base/log.cpp
   base/polled_timer.cpp
+  base/receiver_profile.cpp
   base/thread.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
@@ -11,6 +12,7 @@ list(APPEND KELVO_PUBLIC_HEADERS
   base/export.h
   base/ids.h
   base/messages.h
+  base/receiver_profile.h
   base/thread.h
   base/types.h
 )

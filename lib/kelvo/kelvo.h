@@ -9,14 +9,18 @@
 #include "base/activity.h"
 #include "base/export.h"
 #include "base/messages.h"
+#include "base/receiver_profile.h"
 #include "base/types.h"
 #include "db/sdbl.h"
+#include "filter/lost_sections.h"
 #include "filter/section_filter.h"
+#include "kelvo/device_event.h"
 #include "kelvo/main_thread.h"
 #include "kelvo/scan_end.h"
 #include "si/broadcast_time.h"
 #include "si/siparse.h"
 #include "trace/timedoc.h"
+#include "tuner/reception.h"
 #include "tuner/tuner.h"
 
 // Codes of the change callback; several may be joined.
@@ -61,6 +65,7 @@ class KELVO_EXPORT Kelvo {
   using request_callback_t = void (*)(void* data, int result);
   using scan_listener_t = void (*)(void* data, const Scan_end& end);
   using time_listener_t = void (*)(void* data, const Broadcast_time& time);
+  using device_listener_t = void (*)(void* data, const Device_event& event);
 
   // `adapter` is the N of /dev/dvb/adapterN, 0 to 3, and the number of the scan tables. `database` is not owned and
   // outlives this object. Without a tuner (`tuner_connected` false) whatever stream arrives is scanned.
@@ -68,6 +73,12 @@ class KELVO_EXPORT Kelvo {
   // started are printed, not reported: requests are accepted then, too, and find nothing.
   Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
         change_callback_t db_change_callback);
+
+  // The same with a profile, of which a copy is kept: above is Receiver_profile::box(). With another one "tunes to 474
+  // MHz", "150 ms" and the like of this page are what profile and Tuner::tune() say instead. A device that is missing
+  // is not printed when the profile watches it; frontend_state() tells.
+  Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
+        change_callback_t db_change_callback, const Receiver_profile& profile);
 
   // Ends the worker, at the start of its next pass, and deletes everything owned: parser, filters, tuner, worker; not
   // the database. Waits for a callback or an export that is running. A request that waits is dropped unanswered.
@@ -95,6 +106,13 @@ class KELVO_EXPORT Kelvo {
   int tune_to_freq(int freq, int channel, void* data, request_callback_t done);
   int tune_to_freq(int freq, void* data, request_callback_t done);
 
+  // tune_to_freq with more than a frequency; see Tuner::tune. The multiplex's rows and answers carry Tuning_result::key
+  // as their frequency. A channel's request keeps system and pipe for the worker. Any-thread.
+  int tune_to(const Tuning_request& request, int channel, void* data, request_callback_t done);
+
+  // Ends a tuning that waits, on whatever thread it was asked for, as one without lock. Any-thread.
+  void cancel_tuning();
+
   // Reads everything of `channel`'s multiplex again, as a channel request does, also on the frequency that is tuned
   // already: the worker tunes, and the timers, the list of services and the guide begin anew. When the tuning fails the
   // scan goes on trying, as there. Replaces a request that has not been answered. Any-thread.
@@ -108,6 +126,10 @@ class KELVO_EXPORT Kelvo {
 
   // Who is told of each time table that was read, and of what it did to clock and zone. Otherwise as above.
   void set_time_listener(time_listener_t listener, void* data);
+
+  // Who is told that the device has gone, and that it is back and tuned again. Only where the profile watches it.
+  // Otherwise as above.
+  void set_device_listener(device_listener_t listener, void* data);
 
   // Who is told what the worker does; see Activity_listener. Before-start: right after the construction, before the
   // first request.
@@ -163,6 +185,16 @@ class KELVO_EXPORT Kelvo {
   int fe_status();
   float fe_snr();
   float fe_ber();
+
+  // How the last tuning ended, the device, and the readings of its monitor; see Tuner. Empty values without a tuner. No
+  // device access. Any-thread.
+  Tuning_result last_tuning();
+  Frontend_state frontend_state();
+  Signal_readings signal();
+
+  // Replaces the contents of `lost` by one entry for each PID that lost sections since the last request was picked up.
+  // Any-thread.
+  void lost_sections(std::vector<Lost_sections>* lost) const;
 
   // Who is told that reception is lost (0) or good again (1), see Tuner; that events begin, and their first state; that
   // they end. An event under way may still arrive after disable_tunerevents. Without a tuner they do nothing, and

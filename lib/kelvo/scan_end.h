@@ -7,14 +7,17 @@
 
 #include "base/types.h"
 #include "db/database_error.h"
+#include "filter/lost_sections.h"
+#include "si/announced_multiplex.h"
 
 // How a scan ended.
 enum : int {
-  SCAN_COMPLETE = 0,   // every table that it waited for has been read
-  SCAN_TIMED_OUT = 1,  // 40 s were over first: `missing` has what never came
-  SCAN_NO_STREAM = 2,  // DVB-H, or no section within 6 s of a request without a channel
-  SCAN_NO_DEMUX = 3,   // a filter could not be set: the demultiplexer could not be opened
-  SCAN_REPLACED = 4,   // another request, or one that failed to tune, took its filters away
+  SCAN_COMPLETE = 0,     // every table that it waited for has been read
+  SCAN_TIMED_OUT = 1,    // 40 s were over first: `missing` has what never came
+  SCAN_NO_STREAM = 2,    // DVB-H, or no section within 6 s of a request without a channel
+  SCAN_NO_DEMUX = 3,     // a filter could not be set: the demultiplexer could not be opened
+  SCAN_REPLACED = 4,     // another request, or one that failed to tune, took its filters away
+  SCAN_DEVICE_GONE = 5,  // the device went away; only where the profile watches it
 };
 
 // A table that was waited for.
@@ -35,4 +38,10 @@ struct Scan_end {
   int changes = 0;                     // what the merge changed: bits of Sdbl::update_master_scan_data's result
   std::vector<Missing_table> missing;  // of a scan that timed out
   Database_error error;                // the first one since the scan began; code 0 for none
+
+  // What the scan has read of the multiplex; -1 until its SDT (EN 300 468, 5.2.3) or PAT has come.
+  int original_network_id = -1;
+  int transport_stream_id = -1;
+  std::vector<Announced_multiplex> announced;  // by its NIT, each once
+  std::vector<Lost_sections> lost;             // on the multiplex until now; only PIDs that lost any
 };

@@ -11,7 +11,9 @@ list(APPEND KELVO_SOURCES
   kelvo/tuner_slot.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  kelvo/device_event.h
   kelvo/kelvo.h
   kelvo/main_thread.h
+  kelvo/receiver_profile.h
   kelvo/scan_end.h
 )

@@ -24,6 +24,7 @@ list(APPEND KELVO_SOURCES
   si/time.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
+  si/announced_multiplex.h
   si/broadcast_time.h
   si/eit_lang.h
   si/eit_progress.h

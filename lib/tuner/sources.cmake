@@ -10,5 +10,6 @@ list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   tuner/monitor_thread.h
+  tuner/reception.h
   tuner/tuner.h
 )

@@ -6,9 +6,12 @@
 #include <linux/dvb/frontend.h>  // the bits of fe_status()
 
 #include <memory>
+#include <string>
 
 #include "base/export.h"
+#include "base/receiver_profile.h"
 #include "base/types.h"
+#include "tuner/reception.h"
 
 class Sdbl;
 
@@ -24,6 +27,9 @@ enum : unsigned {
 // The constructor opens the device and tunes it to 474 MHz, so that frequency counts as tuned from the start. A device
 // that is missing, or is no DVB-T frontend, still yields an object: each operation then prints its error and answers
 // with the last good value (status 0 and frequency 0 at first).
+//
+// That is Receiver_profile::box(). With another profile the constructor may tune nothing, tuning may take seconds and
+// try several systems, and readings are those of the monitor; what changes is said at each operation.
 //
 // Threads: the monitor thread refreshes strength and BER quality about five times a second. All operations are
 // any-thread; of two threads that tune at the same time, the later one wins. The event callback is called on the
@@ -44,6 +50,10 @@ class KELVO_EXPORT Tuner {
   // quality change only when they are read.
   Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type);
 
+  // The same with a profile. With profile.search the first PAT is looked for at demux0 beside `path`. With
+  // profile.watch_device nothing is printed for a device that cannot be opened: frontend_state() tells.
+  Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type, const Receiver_profile& profile);
+
   // Closes the device first and joins the monitor then, so a pass of the monitor that is under way may print that its
   // readings failed. Takes at most about 200 ms, and as long as an event callback that is running takes to return:
   // after the destructor the callback is not called any more. REQUIRES: no other thread uses the object any more.
@@ -59,6 +69,38 @@ class KELVO_EXPORT Tuner {
   // is made all the same. The monitor counts `freq` as tuned in either case. Blocks its caller for up to 150 ms,
   // besides the database and the device.
   int tunetofreq(int freq);
+
+  // The same for a request with more than a frequency, as far as the profile can ask for it: VERSION_3 tunes DVB-T and
+  // refuses DVB-T2, and only profile.search waits for a PAT. Blocks its caller for as long as the profile waits for a
+  // lock, times the systems, pipes and offsets to be tried: 2 to 20 s. Returns the frequency that the multiplex is
+  // known by (Tuning_result::key), or 0; last_tuning() says why. Of two threads that tune, the first one's ends with
+  // TUNING_CANCELLED. Any-thread.
+  int tune(const Tuning_request& request);
+
+  // Ends a tuning that waits, within 100 ms and as long as the driver blocks; without one it does nothing. Any-thread.
+  void cancel_tuning();
+
+  // How the last tuning ended; TUNING_NONE before the first. No device access. Any-thread.
+  Tuning_result last_tuning() const;
+
+  // The device as it was found, and whether it has gone since. No device access. Any-thread.
+  Frontend_state frontend_state() const;
+
+  // The frequency in Hz that the multiplex is known by: with Key::REPORTED what fe_freq() reads, with Key::ASKED what
+  // was asked for last, plus the number of its pipe. Any-thread.
+  int tuned_freq();
+
+  // The readings as the monitor took them last, with scale and age; absent is what the device does not have. No device
+  // access. Any-thread.
+  Signal_readings signal() const;
+
+  // Asks a frontend what it is, by a read-only open that neither disturbs its user nor loads firmware; by one for
+  // writing, closed again, where the driver answers nothing else. Prints nothing. Any-thread.
+  static Frontend_state probe(const char* path);
+
+  // The frontend of /dev/dvb/adapterN that Receiver_profile::Frontend::BEST stands for, as probed; frontend0 with its
+  // error when there is none. Any-thread.
+  static Frontend_state best_frontend(int adapter);
 
   // True when the frontend reports `freq` (Hz), all five lock bits, and a fresh strength of at least 40. At verbosity 3
   // says why not. A reading that fails counts with its last good value.

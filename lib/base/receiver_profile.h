@@ -1,0 +1,99 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include "base/export.h"
+
+// How an adapter is treated: which calls tune it, what counts as locked, what its readings mean, and what the library
+// does to the system besides. A plain record of switches, each of which can be set alone; chosen once, when a Kelvo or
+// a Tuner is made, which keeps a copy. docs/profiles.md has the reasons.
+//
+//   Receiver_profile profile = Receiver_profile::any_linux();
+//   profile.set_clock = true;
+//   Kelvo kelvo(0, 0, 0, &database, true, on_change, profile);
+struct KELVO_EXPORT Receiver_profile {
+  // The receiver that the library was made for; the same as Receiver_profile{}. Every switch has its first value.
+  static Receiver_profile box();
+  // Any DVB-T or DVB-T2 device that Linux has a driver for. What each switch is then is said behind its text.
+  static Receiver_profile any_linux();
+
+  // --- Opening -----------------------------------------------------------------------------------------------------
+
+  // Which frontend of the adapter a Kelvo uses.
+  enum class Frontend {
+    FIRST,  // frontend0
+    BEST,   // any_linux: the first one with DVB-T2, else with DVB-T; demux0 in any case
+  };
+  Frontend frontend = Frontend::FIRST;
+
+  // True: the constructor tunes to 474 MHz. any_linux: false.
+  bool tune_at_start = true;
+
+  // --- Tuning ------------------------------------------------------------------------------------------------------
+
+  // The calls that tune.
+  enum class Tuning {
+    VERSION_3,   // FE_SET_FRONTEND with the parameters stored from the NIT, else defaults: DVB-T only
+    PROPERTIES,  // any_linux: FE_SET_PROPERTY with delivery system, frequency, bandwidth and pipe, all else automatic
+  };
+  Tuning tuning = Tuning::VERSION_3;
+
+  // What counts as locked.
+  enum class Lock {
+    EXACT,   // within 150 ms: the frequency asked for is reported, all five bits, strength 40 or more
+    STATUS,  // any_linux: FE_HAS_LOCK, within lock_times
+  };
+  Lock lock = Lock::EXACT;
+
+  // How long Lock::STATUS waits, in milliseconds, from the call that tunes.
+  struct Lock_times {
+    int silent_t = 2000;          // DVB-T, no bit of the status seen, on a frontend without DVB-T2
+    int silent_t_of_both = 1200;  // the same, on a frontend with DVB-T2
+    int silent_t2 = 2000;         // DVB-T2, no bit seen
+    int signal_t = 3000;          // DVB-T, some bit seen
+    int signal_t2 = 4000;         // DVB-T2, some bit seen
+    int first_pat = 3000;         // from the lock to the first PAT; a request may ask for up to 10 s
+  };
+  Lock_times lock_times;
+
+  // True: a frequency without lock is tried as the other delivery system, where bits were seen also offset_hz beside
+  // it, and a lock counts only with a PAT; DVB-T2 without one is tried as pipes 0 to 3. any_linux: true.
+  bool search = false;
+  int offset_hz = 166667;  // of broadcasts beside their channel's centre; 125000 in Australia
+
+  // The frequency that filters, rows and messages carry.
+  enum class Key {
+    REPORTED,  // what the frontend reports
+    ASKED,     // any_linux: what was asked for, plus the number of the pipe
+  };
+  Key key = Key::REPORTED;
+
+  // True: what was found is stored for each frequency and tried first the next time. any_linux: true.
+  bool remember_tunings = false;
+
+  // --- Receiving ---------------------------------------------------------------------------------------------------
+
+  // Where readings come from.
+  enum class Readings {
+    DRIVER,      // FE_READ_*, on the scales of the box's driver
+    STATISTICS,  // any_linux: DTV_STAT_* with their scale, else FE_READ_* as they are
+  };
+  Readings readings = Readings::DRIVER;
+
+  // Bytes of the kernel's buffer of each section filter; 0 for the kernel's own 8192. any_linux: 262144.
+  int demux_buffer = 0;
+
+  // True: once sections of the guide were lost, each service's last one has to come twice again. any_linux: true.
+  bool repeat_lost = false;
+
+  // True: a device that has gone ends the scan, and is opened again when it is back. any_linux: true.
+  bool watch_device = false;
+
+  // --- The system --------------------------------------------------------------------------------------------------
+
+  // True: the system's clock is set when a time table shows that it is more than 10 s off. any_linux: false.
+  bool set_clock = true;
+  // True: the preferred provider's local time offset becomes the system's zone. any_linux: false.
+  bool set_zone = true;
+};

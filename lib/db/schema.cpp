@@ -122,6 +122,10 @@ const Column EPGLIST_LANG_COLUMNS[] = {
     {Default::TEXT, "ALTER TABLE  %Q ADD COLUMN ext_list        text  DEFAULT %Q;"},
 };
 
+const char TUNED_MULTIPLEX[] =
+    "CREATE TABLE IF NOT EXISTS tuned_multiplex (freq int, hf_conn int, dvb_type int, asked_freq int, system int, "
+    "pipe int, bandwidth_hz int, modulation int, offset_hz int, lock_ms int, UNIQUE (freq, hf_conn, dvb_type));";
+
 const char* const KANALID_INDEXES[] = {
     "CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr);",
 };
@@ -232,6 +236,10 @@ void Schema::create_channel_tables() {
     run_all(sql_, conn, TUNER_TABLE_INDEXES);
     commit_table(conn);
   }
+}
+
+int Schema::create_tuned_multiplex() {
+  return sql_.try_exec_on(__func__, connection_.get(), TUNED_MULTIPLEX);
 }
 
 void Schema::create_epg_tables(sqlite3* conn) {

@@ -17,6 +17,10 @@ class Schema {
   void create_channel_tables();
   void create_epg_tables(sqlite3* conn);
 
+  // Makes the channel file's table of found tunings when it is missing, in one statement. It is not made at the
+  // opening: files whose tunings are not stored stay as they are. SQLite's code; a failure is a warning.
+  int create_tuned_multiplex();
+
   // Create one table under `name`, permanent or (`temp`) of the main connection only; without indexes.
   void create_table_kanalid(const char* name, bool temp);
   void create_table_kanalid_lang(const char* name, bool temp);

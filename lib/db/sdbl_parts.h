@@ -22,6 +22,7 @@
 #include "db/statement_cache.h"
 #include "db/statements.h"
 #include "db/tuner_table.h"
+#include "db/tuning_table.h"
 #include "db/zone.h"
 
 // What stands behind an Sdbl, each part after those that it uses. Inside the library, connector and delivery type
@@ -40,6 +41,7 @@ class Sdbl::Parts {
   sdbl::Scan_tables scan_tables{connection, sql, statements, schema};
   sdbl::Channel_list channel_list{sql, statements};
   sdbl::Tuner_table tuner_table{connection, statements};
+  sdbl::Tuning_table tunings{connection, statements, schema};
   sdbl::Zone zone{statements};
   sdbl::Guide_room guide_room{connection, sql, statements};
   sdbl::Event_cache event_cache;

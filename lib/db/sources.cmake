@@ -22,6 +22,7 @@ list(APPEND KELVO_SOURCES
   db/statements.cpp
   db/times.cpp
   db/tuner_table.cpp
+  db/tuning_table.cpp
   db/zone.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS

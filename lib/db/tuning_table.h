@@ -1,0 +1,43 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "base/multiplex.h"
+#include "db/schema.h"
+#include "db/statements.h"
+#include "db/stored_tuning.h"
+
+namespace sdbl {
+
+// The table tuned_multiplex of the channel file. It exists once something has been stored; until then nothing is found,
+// and nothing is printed. The file may have been written by anybody: a row with a value that no multiplex can have is
+// not found either. Any-thread.
+class Tuning_table {
+ public:
+  Tuning_table(const Connection& connection, const Statements& statements, Schema& schema)
+      : connection_(connection), statements_(statements), schema_(schema) {}
+
+  // The tuning of one multiplex, by the frequency that it is known by. Nothing, printed, when the file cannot be read.
+  std::optional<Stored_tuning> find(const Multiplex& key) const;
+
+  // All that locked on a frequency asked for, pipes in ascending order. Less or nothing, printed, when the file cannot
+  // be read.
+  std::vector<Stored_tuning> at(const Input& input, int asked_freq) const;
+
+  // Stores a tuning, in the place of the one with its key. False, with a warning, when it could not be written or is
+  // one that find() would not believe; what was stored stays then.
+  bool store(const Input& input, const Stored_tuning& tuning);
+
+ private:
+  bool exists() const;
+
+  const Connection& connection_;
+  const Statements& statements_;
+  Schema& schema_;
+};
+
+}  // namespace sdbl

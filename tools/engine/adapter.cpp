@@ -31,7 +31,7 @@ void Adapter::on_answer(void* data, int result) {
   }
 }
 
-bool Adapter::tune(int freq) {
+bool Adapter::tune(const Tuning_request& wanted) {
   Request* request = nullptr;
   {
     const std::lock_guard lock(mutex_);
@@ -39,7 +39,7 @@ bool Adapter::tune(int freq) {
     requests_.push_back({this});
     request = &requests_.back();
   }
-  return kelvo_->tune_to_freq(freq, request, on_answer) != 0;
+  return kelvo_->tune_to_freq(wanted.freq, request, on_answer) != 0;
 }
 
 std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
@@ -55,8 +55,8 @@ std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
   return request.answered ? std::optional(request.answer) : std::nullopt;
 }
 
-Answer Adapter::scan(int freq, std::optional<Clock::time_point> until) {
-  if (!tune(freq)) {
+Answer Adapter::scan(const Tuning_request& request, std::optional<Clock::time_point> until) {
+  if (!tune(request)) {
     return {Answer::Kind::NO_LOCK, {}};
   }
   return answer(until).value_or(Answer{});

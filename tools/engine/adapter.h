@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <tuner/reception.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -42,12 +44,12 @@ class Adapter {
   Kelvo& kelvo() { return *kelvo_; }
 
   // Requests the frequency, which takes 150 ms at most; false when there is no lock.
-  bool tune(int freq);
+  bool tune(const Tuning_request& request);
   // Waits for the answer to the last request that had a lock. Empty when it is stopped or `until` comes first; no
   // `until` waits for ever.
   std::optional<Answer> answer(std::optional<Clock::time_point> until = std::nullopt);
   // Both, one after the other.
-  Answer scan(int freq, std::optional<Clock::time_point> until = std::nullopt);
+  Answer scan(const Tuning_request& request, std::optional<Clock::time_point> until = std::nullopt);
 
   // Waits so long, or until it is stopped.
   void wait(std::chrono::milliseconds time);

@@ -11,8 +11,19 @@
 
 #include "tools/cli/failure.h"
 
-Engine::Engine(const std::map<int, Frontend_info>& frontends, const std::vector<int>& freqs, Sdbl* database)
-    : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), left_(freqs.begin(), freqs.end()), working_(frontends.size()) {
+std::vector<Tuning_request> requests_for(const std::vector<int>& freqs) {
+  std::vector<Tuning_request> out(freqs.size());
+  for (size_t i = 0; i < freqs.size(); ++i) {
+    out[i].freq = freqs[i];
+  }
+  return out;
+}
+
+Engine::Engine(const std::map<int, Frontend_info>& frontends, const std::vector<Tuning_request>& requests,
+               Sdbl* database)
+    : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      left_(requests.begin(), requests.end()),
+      working_(frontends.size()) {
   if (wake_ < 0) {
     throw Failure("cannot make an event descriptor: too many open files?");
   }
@@ -29,17 +40,18 @@ Engine::~Engine() {
   (void)::close(wake_);
 }
 
-void Engine::start(Job job) {
+void Engine::start(Job job, bool grows) {
   job_ = std::move(job);
+  grows_ = grows;
   for (const auto& adapter : adapters_) {
     threads_.emplace_back(&Engine::run, this, std::ref(*adapter));
   }
 }
 
 void Engine::run(Adapter& adapter) {
-  for (int freq = 0; take(adapter, &freq);) {
+  for (Tuning_request request; take(adapter, &request);) {
     wake();
-    job_(adapter, freq);
+    job_(adapter, request);
   }
   {
     const std::lock_guard lock(mutex_);
@@ -50,18 +62,30 @@ void Engine::run(Adapter& adapter) {
   adapter.release();
 }
 
-bool Engine::take(const Adapter& adapter, int* freq) {
-  const std::lock_guard lock(mutex_);
+bool Engine::take(const Adapter& adapter, Tuning_request* request) {
+  std::unique_lock lock(mutex_);
   taken_.erase(&adapter);
+  changed_.notify_all();
   // The first one that this adapter receives, not the first of all: with frontends of different range none waits for a
   // frequency that only another one can take.
-  const auto next = std::find_if(left_.begin(), left_.end(), [&](int one) { return adapter.receives(one); });
+  auto next = left_.end();
+  changed_.wait(lock, [&] {
+    next = std::find_if(left_.begin(), left_.end(), [&](const auto& one) { return adapter.receives(one.freq); });
+    return closed_ || next != left_.end() || !grows_ || taken_.empty();
+  });
   if (closed_ || next == left_.end()) {
     return false;
   }
-  *freq = taken_[&adapter] = *next;
+  *request = *next;
+  taken_[&adapter] = {next->freq, Adapter::Clock::now()};
   left_.erase(next);
   return true;
+}
+
+void Engine::add(const std::vector<Tuning_request>& requests) {
+  const std::lock_guard lock(mutex_);
+  left_.insert(left_.end(), requests.begin(), requests.end());
+  changed_.notify_all();
 }
 
 void Engine::wake() const {
@@ -90,6 +114,7 @@ void Engine::join() {
 void Engine::close() {
   const std::lock_guard lock(mutex_);
   closed_ = true;
+  changed_.notify_all();
 }
 
 void Engine::stop() {
@@ -106,7 +131,8 @@ std::vector<Engine::Under_way> Engine::under_way() const {
     const float strength = adapter->strength();
     const std::lock_guard lock(mutex_);
     if (const auto taken = taken_.find(adapter.get()); taken != taken_.end()) {
-      out.push_back({taken->second, strength});
+      const std::chrono::duration<double> seconds = Adapter::Clock::now() - taken->second.since;
+      out.push_back({taken->second.freq, strength, seconds.count()});
     }
   }
   return out;
@@ -119,16 +145,21 @@ bool Engine::receivable(int freq) const {
 
 size_t Engine::waiting() const {
   const std::lock_guard lock(mutex_);
-  return static_cast<size_t>(std::count_if(left_.begin(), left_.end(), [this](int freq) { return receivable(freq); }));
+  return static_cast<size_t>(
+      std::count_if(left_.begin(), left_.end(), [this](const auto& one) { return receivable(one.freq); }));
 }
 
-std::vector<int> Engine::left() const {
+std::vector<Tuning_request> Engine::left() const {
   const std::lock_guard lock(mutex_);
   return {left_.begin(), left_.end()};
 }
 
 std::vector<int> Engine::unreceivable() const {
-  std::vector<int> out = left();
-  std::erase_if(out, [this](int freq) { return receivable(freq); });
+  std::vector<int> out;
+  for (const Tuning_request& request : left()) {
+    if (!receivable(request.freq)) {
+      out.push_back(request.freq);
+    }
+  }
   return out;
 }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
@@ -13,21 +14,26 @@
 
 #include "tools/engine/adapter.h"
 
+// Requests for frequencies of which nothing more is known.
+std::vector<Tuning_request> requests_for(const std::vector<int>& freqs);
+
 // Adapters at work on a list of frequencies: each has a thread, on which it takes the next frequency that it receives
-// until none is left. The thread that made the engine waits for fd() and shows what the job has come to.
+// until none is left and no adapter can add one. The thread that made the engine waits for fd() and shows what the job
+// has come to.
 class Engine {
  public:
   // What an adapter does with one frequency, on the adapter's thread. Returns soon once the adapter is stopped.
-  using Job = std::function<void(Adapter& adapter, int freq)>;
+  using Job = std::function<void(Adapter& adapter, const Tuning_request& request)>;
 
   // A frequency that an adapter is working on.
   struct Under_way {
     int freq;
     float strength;
+    double seconds;  // since it was taken
   };
 
   // One adapter for each frontend, by number. Throws Failure when there are too many open files.
-  Engine(const std::map<int, Frontend_info>& frontends, const std::vector<int>& freqs, Sdbl* database);
+  Engine(const std::map<int, Frontend_info>& frontends, const std::vector<Tuning_request>& requests, Sdbl* database);
   // Stops, and waits for the adapters.
   ~Engine();
   Engine(const Engine&) = delete;
@@ -36,7 +42,11 @@ class Engine {
   // Before start(), for what a job sets up on its adapters.
   const std::vector<std::unique_ptr<Adapter>>& adapters() const { return adapters_; }
 
-  void start(Job job);
+  // With `grows` adapters that have nothing left wait for those that are at work, which may add() something.
+  void start(Job job, bool grows = false);
+
+  // More frequencies, from a job of an engine that grows.
+  void add(const std::vector<Tuning_request>& requests);
 
   // Readable after something changed: a frequency is done, or an adapter has ended. calm() makes it wait again.
   int fd() const { return wake_; }
@@ -55,21 +65,27 @@ class Engine {
   // How many frequencies wait for an adapter that receives them.
   size_t waiting() const;
   // The frequencies that nobody began, and among them those that no adapter receives.
-  std::vector<int> left() const;
+  std::vector<Tuning_request> left() const;
   std::vector<int> unreceivable() const;
 
  private:
   void run(Adapter& adapter);
-  bool take(const Adapter& adapter, int* freq);
+  bool take(const Adapter& adapter, Tuning_request* request);
   bool receivable(int freq) const;
   void wake() const;
 
   int wake_;
   std::vector<std::unique_ptr<Adapter>> adapters_;
   Job job_;
+  bool grows_ = false;
+  struct Taken {
+    int freq;
+    Adapter::Clock::time_point since;
+  };
   mutable std::mutex mutex_;  // guards what follows
-  std::deque<int> left_;
-  std::map<const Adapter*, int> taken_;  // the frequency that each is working on
+  std::condition_variable changed_;
+  std::deque<Tuning_request> left_;
+  std::map<const Adapter*, Taken> taken_;  // what each is working on
   size_t working_;
   bool closed_ = false;
   std::vector<std::thread> threads_;  // used by the owner only

@@ -127,9 +127,9 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   database_ = open_database(db_, exists);
   collect_all_guides(database_.get());
   reader_ = std::make_unique<Channel_db>(db_);
-  engine_ = std::make_unique<Engine>(frontends, freqs_, database_.get());
+  engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
   job_ = std::make_unique<Guide_job>(freqs_, seconds_, engine_.get());
-  engine_->start([this](Adapter& adapter, int freq) { job_->work(adapter, freq); });
+  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_->work(adapter, request); });
   work();
   engine_->join();  // Each adapter ends what it is writing.
   lines_.clear();

@@ -86,21 +86,21 @@ Guide_job::Time Guide_job::share_ends() const {
   return now + (end_ - now) / static_cast<int>(rounds);
 }
 
-void Guide_job::work(Adapter& adapter, int freq) {
+void Guide_job::work(Adapter& adapter, const Tuning_request& request) {
   if (Adapter::Clock::now() >= end_) {
     return;  // It stays "not begun".
   }
-  change(freq, Guide_outcome::RUNNING);
-  change(freq, collect(adapter, freq, share_ends()));
+  change(request.freq, Guide_outcome::RUNNING);
+  change(request.freq, collect(adapter, request, share_ends()));
 }
 
-Guide_outcome Guide_job::collect(Adapter& adapter, int freq, Time end) {
+Guide_outcome Guide_job::collect(Adapter& adapter, const Tuning_request& request, Time end) {
   std::vector<EIT_progress> progress;
   bool given_up = false;
   // The list of services is made when tuning: a multiplex that is scanned for the first time has none until the second
   // request.
-  for (int request = 0; request < 2 && progress.empty(); ++request) {
-    const Answer answer = adapter.scan(freq, end);
+  for (int tries = 0; tries < 2 && progress.empty(); ++tries) {
+    const Answer answer = adapter.scan(request, end);
     if (answer.kind != Answer::Kind::SCANNED) {
       return outcome_without_scan(adapter, answer.kind);
     }
@@ -111,14 +111,14 @@ Guide_outcome Guide_job::collect(Adapter& adapter, int freq, Time end) {
     return Guide_outcome::NO_SERVICES;
   }
   if (given_up) {
-    begin_again(adapter, freq, progress.front().channel, end);
+    begin_again(adapter, request.freq, progress.front().channel, end);
   }
   Guide_watcher watcher(Adapter::Clock::now());
   while (true) {
     const Time now = Adapter::Clock::now();
     adapter.kelvo().eit_progress(&progress);
     const std::vector<Guide_progress> services = watcher.look(progress, now);
-    show(freq, services);
+    show(request.freq, services);
     // Asked before the end of the time: a guide that was completed with the last section is done.
     const bool all = std::none_of(services.begin(), services.end(), [](const Guide_progress& service) {
       return service.state == Guide_state::COLLECTING;

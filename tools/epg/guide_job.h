@@ -50,13 +50,13 @@ class Guide_job {
   // `seconds` for everything, shared by the multiplexes. The engine is not owned.
   Guide_job(const std::vector<int>& freqs, int seconds, const Engine* engine);
 
-  void work(Adapter& adapter, int freq);
+  void work(Adapter& adapter, const Tuning_request& request);
   // All of them, in the order of the frequencies given, as they are now.
   std::vector<Guide_multiplex> multiplexes() const;
 
  private:
   Time share_ends() const;
-  Guide_outcome collect(Adapter& adapter, int freq, Time end);
+  Guide_outcome collect(Adapter& adapter, const Tuning_request& request, Time end);
   void change(int freq, Guide_outcome outcome);
   void show(int freq, const std::vector<Guide_progress>& services);
 

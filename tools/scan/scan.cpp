@@ -74,15 +74,15 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
-  engine_ = std::make_unique<Engine>(frontends, freqs_, database_.get());
-  engine_->start([this](Adapter& adapter, int freq) { job_.work(adapter, freq); });
+  engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
+  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_.work(adapter, request); });
   work();
   progress_.clear();
   if (interrupted_) {
     engine_->join();  // A merge that was under way counts.
   }
-  for (const int freq : engine_->left()) {
-    lines_.push_back({{freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
+  for (const Tuning_request& request : engine_->left()) {
+    lines_.push_back({{request.freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
   }
   print_report(stdout, lines_, before, reader_->services(false));
   // Only remembered here: that a database could not be written is worse news than that the report could not, and comes

@@ -32,13 +32,13 @@ Outcome outcome_of(const Answer& answer) {
 
 }  // namespace
 
-void Scan_job::work(Adapter& adapter, int freq) {
+void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   const auto begin = Adapter::Clock::now();
-  const Answer answer = adapter.scan(freq);
+  const Answer answer = adapter.scan(request);
   const double seconds = std::chrono::duration<double>(Adapter::Clock::now() - begin).count();
   // Not held during the scan: others report meanwhile.
   const std::lock_guard lock(mutex_);
-  results_.push_back({freq, adapter.number(), outcome_of(answer), seconds});
+  results_.push_back({request.freq, adapter.number(), outcome_of(answer), seconds});
 }
 
 std::vector<Multiplex_result> Scan_job::take_results() {

@@ -28,7 +28,7 @@ struct Multiplex_result {
 // What adapters do for `kelvo scan`: one scan of each frequency. Any thread.
 class Scan_job {
  public:
-  void work(Adapter& adapter, int freq);
+  void work(Adapter& adapter, const Tuning_request& request);
   // The results since the last call.
   std::vector<Multiplex_result> take_results();
 

@@ -42,10 +42,10 @@ struct Record_options {
 };
 
 // Scans one frequency and records what happens. False when it was stopped before the answer.
-bool record_frequency(Adapter& adapter, int freq, Trace_recorder* recorder) {
-  recorder->note("MHz", freq / 1'000'000);
+bool record_frequency(Adapter& adapter, const Tuning_request& request, Trace_recorder* recorder) {
+  recorder->note("MHz", request.freq / 1'000'000);
   recorder->start(TRACE_TASK, TASK_TUNE, "tune");
-  const bool locked = adapter.tune(freq);
+  const bool locked = adapter.tune(request);
   recorder->stop(TRACE_TASK, TASK_TUNE, "tune");
   recorder->note("lock", locked ? 1 : 0);
   if (!locked) {
@@ -75,12 +75,12 @@ bool record_scan(const Record_options& options, const Interrupt& interrupt, Trac
   // Before the engine, whose thread uses it until the engine is deleted; the listener and the database outlive it for
   // the same reason.
   std::atomic<bool> whole{true};
-  Engine engine(frontends, options.freqs, &database);
+  Engine engine(frontends, requests_for(options.freqs), &database);
   for (const auto& adapter : engine.adapters()) {
     listener.listen_to(&adapter->kelvo());
   }
-  engine.start([recorder, &whole](Adapter& adapter, int freq) {
-    if (!record_frequency(adapter, freq, recorder)) {
+  engine.start([recorder, &whole](Adapter& adapter, const Tuning_request& request) {
+    if (!record_frequency(adapter, request, recorder)) {
       whole = false;
     }
   });

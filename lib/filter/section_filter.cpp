@@ -96,7 +96,8 @@ int Section_filter::addfilter(int pid, int tid, int freq) {
   const unsigned char filter = static_cast<unsigned char>(tid);
   const unsigned char mask = 0xFF;
   // Deliberate: the kernel alone checks, and it believes every TOT, which has no syntax indicator.
-  return addfilter(pid, freq, &filter, &mask, 1, FILTER_FLAG_HW_CRC, PARSER_TIMEOUT_S);
+  const int flags = parts_->demux_.options().check_crc ? FILTER_FLAG_SOFT_CRC : FILTER_FLAG_HW_CRC;
+  return addfilter(pid, freq, &filter, &mask, 1, flags, PARSER_TIMEOUT_S);
 }
 
 namespace {
@@ -186,7 +187,7 @@ void Section_filter::Parts::free_slot(dvb_filter_desc* f) {
   if (is_free(f))
     return;
   if (f->fd > 0) {
-    (void)Demux::stop(*f);
+    (void)demux_.stop(*f);
     (void)demux_.unwatch(f->fd);  // a wait that is over may have found data on it
   }
   activity_.ended(f);
@@ -251,4 +252,49 @@ void Section_filter::Parts::set_activity(const Activity_listener* listener) {
 int Section_filter::Parts::dropped() const {
   const std::lock_guard lock(mutex_);
   return dropped_;
+}
+
+void Section_filter::Parts::configure(const Filter_options& options) {
+  const std::lock_guard lock(mutex_);
+  demux_.configure(options);
+}
+
+// --- Losses ----------------------------------------------------------------------------------------------------------
+
+Section_filter::Parts::Loss& Section_filter::Parts::loss_of(int pid) {
+  const auto at = std::find_if(losses_.begin(), losses_.end(), [=](const Loss& loss) { return loss.since.pid >= pid; });
+  return at != losses_.end() && at->since.pid == pid ? *at : *losses_.insert(at, Loss{{pid, 0, 0}, 0});
+}
+
+void Section_filter::Parts::count_overflow(int pid) {
+  Loss& loss = loss_of(pid);
+  ++loss.since.overflows;
+  ++loss.all;
+}
+
+void Section_filter::Parts::count_broken(int pid) {
+  Loss& loss = loss_of(pid);
+  ++loss.since.crc_errors;
+  ++loss.all;
+}
+
+void Section_filter::Parts::lost(std::vector<Lost_sections>* lost) const {
+  lost->clear();
+  const std::lock_guard lock(mutex_);
+  for (const Loss& loss : losses_)
+    if (loss.since.overflows + loss.since.crc_errors != 0)
+      lost->push_back(loss.since);
+}
+
+void Section_filter::Parts::forget_lost() {
+  const std::lock_guard lock(mutex_);
+  for (Loss& loss : losses_)
+    loss.since = {loss.since.pid, 0, 0};
+}
+
+int Section_filter::Parts::losses(int pid) const {
+  const std::lock_guard lock(mutex_);
+  const auto same = [=](const Loss& loss) { return loss.since.pid == pid; };
+  const auto known = std::find_if(losses_.begin(), losses_.end(), same);
+  return known == losses_.end() ? 0 : known->all;
 }

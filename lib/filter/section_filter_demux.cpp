@@ -21,6 +21,8 @@ constexpr int FIRST_RESTARTED_PID = pid::LAST_RESERVED + 2;
 bool Section_filter::Parts::open(dvb_filter_desc* f) {
   if (demux_.open(*f))
     return true;
+  if (demux_.gone())
+    return false;
   if (++f->open_retries > MAX_OPEN_RETRIES) {
     KLOG(VERB_WARNING, "WARNING: Filter pid %x, tid %x open retries > %d, removing filter\n",
          static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), MAX_OPEN_RETRIES);
@@ -43,9 +45,36 @@ void Section_filter::Parts::run(dvb_filter_desc* f) {
     KLOG(VERB_TRACE, " +Fo%03X.%02X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
 }
 
+void Section_filter::Parts::close_handles() {
+  for (dvb_filter_desc* f : slots_) {
+    if (f->fd > 0)
+      (void)demux_.close(*f);  // nothing was written to it
+    if (f->state == FILTER_RUNNING)
+      f->state = FILTER_WANTED;
+    f->open_retries = 0;
+  }
+  demux_.unwatch_all();
+  counts_.max_fd = 0;
+}
+
+void Section_filter::Parts::set_gone() {
+  demux_.set_gone();
+  wake();
+}
+
+void Section_filter::Parts::close_all() {
+  const std::lock_guard lock(mutex_);
+  close_handles();
+  demux_.come_back();
+}
+
 int Section_filter::recalculate_filters() {
   const std::lock_guard lock(parts_->mutex_);
   Demux& demux = parts_->demux_;
+  if (demux.gone()) {
+    parts_->close_handles();
+    return 0;
+  }
   // Only the limit makes handles go: below it a free slot keeps its own, which spares the next filter the opening.
   if (demux.nr_opened() == MAX_OPEN_DEMUX) {
     for (dvb_filter_desc* f : parts_->slots_) {
@@ -61,6 +90,10 @@ int Section_filter::recalculate_filters() {
       continue;
     parts_->run(f);
   }
+  if (demux.gone()) {
+    parts_->close_handles();
+    return 0;
+  }
   parts_->counts_.max_fd = 0;
   for (const dvb_filter_desc* f : parts_->slots_) {
     if (f->state != FILTER_RUNNING)
@@ -73,6 +106,8 @@ int Section_filter::recalculate_filters() {
 
 void Section_filter::check_feed_activation() {
   const std::lock_guard lock(parts_->mutex_);
+  if (parts_->demux_.gone())
+    return;
   for (dvb_filter_desc* f : parts_->slots_) {
     // Deliberate: silent filters on the fixed PIDs of SI are left as they are.
     if (f->state != FILTER_RUNNING || f->captured != 0 || f->pid < FIRST_RESTARTED_PID)
@@ -90,7 +125,7 @@ void Section_filter::check_feed_activation() {
                        f->captured);
       ++parts_->counts_.restarted;  // Deliberate: counted only while the line above is printed.
     }
-    if (!Demux::start(*f))
+    if (!parts_->demux_.start(*f))
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
     (void)polled_timer::arm(f->timer, f->timeout_s, 0);  // a timer that fails has been told above
   }
@@ -107,7 +142,7 @@ void Section_filter::start_filters() {
 void Section_filter::stop_filters() {
   const std::lock_guard lock(parts_->mutex_);
   for (dvb_filter_desc* f : parts_->slots_) {
-    if (f->state == FILTER_RUNNING && Demux::stop(*f))
+    if (f->state == FILTER_RUNNING && parts_->demux_.stop(*f))
       f->state = FILTER_STOPPED;
   }
 }
@@ -118,7 +153,7 @@ void Section_filter::restart_all_filters() {
     if (f->state != FILTER_RUNNING)
       continue;
     KLOG(VERB_WARNING, "WARNING: Restarting filter for PID %x\n", static_cast<unsigned>(f->pid));
-    if (!Demux::start(*f))
+    if (!parts_->demux_.start(*f))
       KLOG(VERB_ERROR, "ERROR: Filter start failed for demux file nr %d, error %s \n", f->fd, std::strerror(errno));
     else
       f->state = FILTER_STOPPED;  // Deliberate: so that start_filters() programs it afresh.

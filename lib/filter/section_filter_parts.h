@@ -6,10 +6,13 @@
 #include <cstdint>
 #include <list>
 #include <mutex>
+#include <vector>
 
 #include "base/wake_up.h"
 #include "filter/demux.h"
 #include "filter/filter_activity.h"
+#include "filter/filter_options.h"
+#include "filter/lost_sections.h"
 #include "filter/section_filter.h"
 
 // What stands behind a Section_filter; not installed. The public part is for the library's other folders, the rest for
@@ -38,6 +41,29 @@ class Section_filter::Parts {
   // How many filters were given up since the last remove_all() because the device could not be opened. Any-thread.
   int dropped() const;
 
+  // Replaces the options, which are those of Filter_options{} at first. Before-start: before the first filter.
+  void configure(const Filter_options& options);
+
+  // Replaces the contents of `lost` by one entry for each PID that lost sections since the last forget_lost(), by PID.
+  // Counted are overflows, wrong CRCs that are seen (those of filters with FILTER_FLAG_SOFT_CRC, which check_crc makes
+  // of all that the library adds by table id) and sections of wrong length, as crc_errors, too. Any-thread.
+  void lost(std::vector<Lost_sections>* lost) const;
+  void forget_lost();
+  // How often `pid` lost sections since the construction, in all. Any-thread.
+  int losses(int pid) const;
+
+  // With watch_device: true since the device was found to have gone (a call says so, its node is
+  // not there, or poll says that there are data and there are none), which is one warning. From then on wait_for_data()
+  // waits for its time-out or wake(), nothing is opened, asked or read, and recalculate_filters() closes all handles,
+  // without which the kernel does not let go of the device; filters that ran are wanted again. set_gone() says so
+  // without a warning, for who knows it from elsewhere. Any-thread, both.
+  bool device_gone() const { return demux_.gone(); }
+  void set_gone();
+
+  // Closes every handle and believes the device to be there: what was wanted or ran is opened by the next
+  // recalculate_filters(). A stopped filter stays stopped. Worker-only.
+  void close_all();
+
  private:
   friend class Section_filter;
 
@@ -50,8 +76,18 @@ class Section_filter::Parts {
   bool open(dvb_filter_desc* f);
   void run(dvb_filter_desc* f);
   unsigned read_section(dvb_filter_desc* f, char* buf);
+  void close_handles();
 
-  mutable std::mutex mutex_;           // guards everything below but wake_up_
+  // Those since forget_lost(), and all.
+  struct Loss {
+    Lost_sections since;
+    int all = 0;
+  };
+  Loss& loss_of(int pid);
+  void count_overflow(int pid);
+  void count_broken(int pid);
+
+  mutable std::mutex mutex_;           // guards everything below but wake_up_ and whether the device has gone
   std::list<dvb_filter_desc*> slots_;  // owned
   Demux demux_;
   Filter_activity activity_;
@@ -63,4 +99,5 @@ class Section_filter::Parts {
   };
   Counts counts_;
   int dropped_ = 0;
+  std::vector<Loss> losses_;  // by PID
 };

@@ -25,6 +25,14 @@ bool is_tdt(int pid, unsigned tid, int section_length) {
   return pid == pid::TIME && tid == table::TDT && section_length == TDT_SECTION_LENGTH;
 }
 
+bool readable_within(int handle, int ms) {
+  fd_set ready;
+  FD_ZERO(&ready);
+  FD_SET(handle, &ready);
+  timeval timeout{0, static_cast<suseconds_t>(ms) * 1000};
+  return select(handle + 1, &ready, nullptr, nullptr, &timeout) == 1;
+}
+
 unsigned crc_field(const unsigned char* section, int size) {
   const unsigned char* field = section + size - 4;
   return static_cast<unsigned>(field[0]) << 24 | static_cast<unsigned>(field[1]) << 16 |
@@ -38,11 +46,21 @@ int Section_filter::wait_for_data(int timeout_ms) {
   const bool wakes = wake_handle >= 0 && wake_handle < FD_SETSIZE;  // else requests wait for the time-out
   fd_set ready;
   int highest = 0;
+  int pause_ms = 0;
   {
     const std::lock_guard lock(parts_->mutex_);
     ++parts_->counts_.loop_count;
+    if (parts_->demux_.gone()) {
+      parts_->demux_.unwatch_all();
+      parts_->counts_.max_fd = 0;
+    }
     ready = parts_->demux_.read_set();
     highest = parts_->counts_.max_fd;
+    pause_ms = std::min(parts_->demux_.pause_ms(), timeout_ms);
+  }
+  if (wakes && pause_ms > 0 && readable_within(wake_handle, pause_ms)) {
+    parts_->wake_up_.take();
+    return 0;
   }
   if (wakes) {
     FD_SET(wake_handle, &ready);
@@ -70,7 +88,7 @@ int Section_filter::wait_for_data(int timeout_ms) {
 
 unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
   const std::lock_guard lock(parts_->mutex_);
-  if (f->state != FILTER_RUNNING || !parts_->demux_.unwatch(f->fd))
+  if (f->state != FILTER_RUNNING || !parts_->demux_.unwatch(f->fd) || parts_->demux_.gone())
     return 0;
   parts_->activity_.tell(ACTIVITY_READ_BEGIN, f->pid);
   const unsigned length = parts_->read_section(f, buf);
@@ -79,9 +97,12 @@ unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
 }
 
 unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
-  const ssize_t got = read(f->fd, buf, SECTION_BUF_SIZE);
-  if (got < 0) {
+  const int size = demux_.read(*f, buf, SECTION_BUF_SIZE);
+  if (size == 0 && demux_.options().watch_device)
+    return 0;
+  if (size < 0) {
     if (errno == EOVERFLOW) {
+      count_overflow(f->pid);
       KLOG(VERB_WARNING, "WARNING: Resetting dmxdev kernel ringbuffer, overflow\n");
     } else {
       KLOG(VERB_ERROR, "ERROR: Reading 4K into char buffer from %d, errno %d ", f->fd, errno);
@@ -89,7 +110,6 @@ unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
     }
     return 0;
   }
-  const int size = static_cast<int>(got);
   std::memset(buf + size, 0, static_cast<size_t>(SECTION_BUF_SIZE - size));
   KLOG(VERB_TRACE, "Reading data loop %d from filter PID %x TID %x fileno %x nrbytes %d\n",
        static_cast<int>(counts_.loop_count), static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]),
@@ -99,6 +119,7 @@ unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
   const unsigned tid = bytes[0];
   const int section_length = (bytes[1] & 0x0F) << 8 | bytes[2];
   if (size < SHORTEST_SECTION || size != section_length + HEADER_LENGTH) {
+    count_broken(f->pid);
     KLOG(VERB_ERROR, "ERROR: Received section pid %x type %x incorrect length %d vs header %d\n",
          static_cast<unsigned>(f->pid), tid, size, section_length + HEADER_LENGTH);
     return 0;
@@ -109,6 +130,12 @@ unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
   const unsigned crc = crc32_be(CRC_START, bytes, static_cast<unsigned>(size));
   if (crc == 0)
     return static_cast<unsigned>(size);
+  count_broken(f->pid);
+  if (demux_.options().check_crc) {
+    KLOG(VERB_WARNING, "WARNING: Section of PID %x, table %x dropped, its CRC is wrong\n",
+         static_cast<unsigned>(f->pid), tid);
+    return 0;
+  }
   // Deliberate: the table id is printed as a signed byte, so 0x80 and above come out as ffffff80 and above.
   KLOG(VERB_ERROR, "ERROR: *** Received section pid %x type %x len %d CRC failed, %x != 0, rdback %x\n",
        static_cast<unsigned>(f->pid), static_cast<unsigned>(static_cast<signed char>(buf[0])), section_length, crc,

@@ -3,6 +3,8 @@
 
 #include "filter/fake_demux.h"
 
+#include <dlfcn.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
@@ -15,7 +17,7 @@ std::atomic<Fake_demux*> the_demux{nullptr};
 
 }  // namespace
 
-// This program's own ioctl and read: the library's calls end here, too.
+// This program's own ioctl, read and poll: the library's calls end here, too.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;
   va_start(arguments, request);
@@ -35,6 +37,16 @@ extern "C" ssize_t read(int fd, void* buffer, size_t size) {
     return -1;
   }
   return syscall(SYS_read, fd, buffer, size);
+}
+
+extern "C" int poll(pollfd* handles, nfds_t count, int timeout_ms) {
+  Fake_demux* demux = Fake_demux::current();
+  if (demux != nullptr && count == 1 && demux->poll_bits() != 0 && demux->is_mine(handles->fd)) {
+    handles->revents = demux->poll_bits();
+    return 1;
+  }
+  static const auto next = reinterpret_cast<int (*)(pollfd*, nfds_t, int)>(dlsym(RTLD_NEXT, "poll"));
+  return next(handles, count, timeout_ms);
 }
 
 Fake_demux::Fake_demux() : path_(dir_.file("demux0")) {
@@ -76,20 +88,25 @@ int Fake_demux::count(unsigned long request) const {
       std::count_if(calls_.begin(), calls_.end(), [=](const Call& call) { return call.request == request; }));
 }
 
-void Fake_demux::fail_ioctl(unsigned long request, int error) {
+void Fake_demux::fail_ioctl(unsigned long request, int error, int times) {
   failing_request_ = request;
   ioctl_error_ = error;
+  ioctl_failures_ = times;
 }
 
-void Fake_demux::fail_read(int error) {
+void Fake_demux::fail_read(int error, int times) {
   read_error_ = error;
+  read_failures_ = times;
 }
 
 int Fake_demux::on_ioctl(int fd, unsigned long request, const void* argument) {
   calls_.push_back({fd, request});
   if (request == DMX_SET_FILTER)
     last_filter_ = *static_cast<const dmx_sct_filter_params*>(argument);
-  if (request == failing_request_) {
+  if (request == DMX_SET_BUFFER_SIZE)
+    last_buffer_ = reinterpret_cast<unsigned long>(argument);
+  if (request == failing_request_ && ioctl_failures_ != 0) {
+    ioctl_failures_ -= ioctl_failures_ > 0 ? 1 : 0;
     errno = ioctl_error_;
     return -1;
   }
@@ -99,5 +116,8 @@ int Fake_demux::on_ioctl(int fd, unsigned long request, const void* argument) {
 bool Fake_demux::on_read(int* error) {
   ++reads_;
   *error = read_error_;
-  return read_error_ != 0;
+  if (read_error_ == 0 || read_failures_ == 0)
+    return false;
+  read_failures_ -= read_failures_ > 0 ? 1 : 0;
+  return true;
 }

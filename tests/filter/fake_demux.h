@@ -33,10 +33,15 @@ class Fake_demux {
   std::vector<Call> take_calls();
   int count(unsigned long request) const;
   const dmx_sct_filter_params& last_filter() const { return last_filter_; }
+  unsigned long last_buffer() const { return last_buffer_; }
 
-  // From now on this request (0: none) fails with `error`; and so does every read when it is not 0.
-  void fail_ioctl(unsigned long request, int error);
-  void fail_read(int error);
+  static constexpr int ALWAYS = -1;
+
+  // From now on this request (0: none) fails with `error`, so many times; and so do reads when it is not 0.
+  void fail_ioctl(unsigned long request, int error, int times = ALWAYS);
+  void fail_read(int error, int times = ALWAYS);
+  // From now on poll answers with these bits, and at once; 0 for the system's own answer.
+  void answer_poll(short bits) { poll_bits_ = bits; }
   int reads() const { return reads_; }
 
   // How the test program's ioctl and read come here. False: not a call on this device.
@@ -44,6 +49,7 @@ class Fake_demux {
   bool is_mine(int fd) const;
   int on_ioctl(int fd, unsigned long request, const void* argument);
   bool on_read(int* error);
+  short poll_bits() const { return poll_bits_; }
 
  private:
   support::Temp_dir dir_;
@@ -51,8 +57,12 @@ class Fake_demux {
   int writer_ = -1;
   std::vector<Call> calls_;
   dmx_sct_filter_params last_filter_{};
+  unsigned long last_buffer_ = 0;  // size
   unsigned long failing_request_ = 0;
   int ioctl_error_ = 0;
+  int ioctl_failures_ = 0;
   int read_error_ = 0;
+  int read_failures_ = 0;
+  short poll_bits_ = 0;
   int reads_ = 0;
 };

@@ -87,7 +87,8 @@ class Demux_test : protected Demux_holder, public Filter_test {
   int fd(size_t index) { return at(index)->fd; }
   std::string fd_text(size_t index) { return std::to_string(fd(index)); }
 
-  // The ioctls since the last call, with the slot of each: "set 0, start 0, stop 1"; the size of the list for none.
+  // The ioctls since the last call, with the slot of each: "buffer 0, set 0, start 0, stop 1"; the size of the list for
+  // none.
   std::string calls() {
     std::string all;
     for (const Fake_demux::Call& call : demux.take_calls()) {
@@ -95,7 +96,10 @@ class Demux_test : protected Demux_holder, public Filter_test {
       while (index < filter.flist()->size() && fd(index) != call.fd)
         ++index;
       all += all.empty() ? "" : ", ";
-      all += call.request == DMX_SET_FILTER ? "set " : call.request == DMX_START ? "start " : "stop ";
+      all += call.request == DMX_SET_FILTER        ? "set "
+             : call.request == DMX_START           ? "start "
+             : call.request == DMX_SET_BUFFER_SIZE ? "buffer "
+                                                   : "stop ";
       all += std::to_string(index);
     }
     return all;

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/cli/svg_element.h"
 #include "tools/cli/text.h"
 #include "tools/trace/print.h"
 
@@ -51,43 +52,10 @@ constexpr const char* STYLE =
 // Names of units and how many make a second.
 constexpr std::pair<const char*, double> UNITS[] = {{"s", 1.0}, {"ms", 1e3}, {"µs", 1e6}, {"ns", 1e9}};
 
-std::string number(double value) {
-  std::string out = fmt::format("{:.2f}", value);
-  out.erase(out.find_last_not_of('0') + 1);
-  if (out.back() == '.') {
-    out.pop_back();
-  }
-  return out == "-0" ? "0" : out;
-}
-
 // A place on the axis, finer than it is drawn.
 std::string position(int64_t ticks) {
   return fmt::format("{:.9f} s", static_cast<double>(ticks) / static_cast<double>(TICKS_PER_SECOND));
 }
-
-class Element {
- public:
-  explicit Element(pugi::xml_node node) : node_(node) {}
-  Element child(const char* name) { return Element(node_.append_child(name)); }
-  Element& set(const char* name, const char* value) {
-    node_.append_attribute(name).set_value(value);
-    return *this;
-  }
-  Element& set(const char* name, const std::string& value) { return set(name, value.c_str()); }
-  Element& set(const char* name, double value) { return set(name, number(value)); }
-  Element& say(const std::string& text) {
-    node_.append_child(pugi::node_pcdata).set_value(text.c_str());
-    return *this;
-  }
-  // What a pointer on it shows.
-  Element& tip(const std::string& text) {
-    child("title").say(text);
-    return *this;
-  }
-
- private:
-  pugi::xml_node node_;
-};
 
 // A bar: one span, or several that lie too close to be told apart.
 struct Bar {
@@ -270,8 +238,8 @@ void Picture::draw(pugi::xml_document* document) {
   draw_legend(&svg, y);
   y += LEGEND;
 
-  height.set_value(number(y).c_str());
-  box.set_value(fmt::format("0 0 {} {}", number(WIDTH), number(y)).c_str());
+  height.set_value(svg_number(y).c_str());
+  box.set_value(fmt::format("0 0 {} {}", svg_number(WIDTH), svg_number(y)).c_str());
   Element(background).set("width", WIDTH).set("height", y).set("fill", "#ffffff");
 }
 
@@ -384,10 +352,10 @@ void Picture::draw_marks(Element* group, const Lane& lane, const char* colour, d
     const Diamond& diamond = diamonds[i];
     const Mark& first = lane.marks[diamond.first];
     Element path = group->child("path");
-    const std::string x = number(diamond.x);
+    const std::string x = svg_number(diamond.x);
     std::string tip;
     if (note) {
-      path.set("d", fmt::format("M{} {}l{} {}l-{} {}l-{} -{}z", x, number(middle - MARK - 1), MARK, MARK + 1, MARK,
+      path.set("d", fmt::format("M{} {}l{} {}l-{} {}l-{} -{}z", x, svg_number(middle - MARK - 1), MARK, MARK + 1, MARK,
                                 MARK + 1, MARK, MARK + 1));
       notes_ = true;
       tip = diamond.marks == 1
@@ -396,7 +364,7 @@ void Picture::draw_marks(Element* group, const Lane& lane, const char* colour, d
                               position(first.time), lane.marks[diamond.first + diamond.marks - 1].value,
                               position(lane.marks[diamond.first + diamond.marks - 1].time));
     } else {
-      path.set("d", fmt::format("M{} {}l3 -5h-6z", x, number(y + 6)));
+      path.set("d", fmt::format("M{} {}l3 -5h-6z", x, svg_number(y + 6)));
       enabled_ = true;
       tip = fmt::format("{}: interrupt enabled at {}", lane.name, position(first.time));
     }
@@ -461,12 +429,14 @@ void Picture::draw_legend(Element* svg, double y) {
   }
   if (notes_) {
     svg->child("path")
-        .set("d", fmt::format("M{} {}l4 5l-4 5l-4 -5z", number(x + 9), number(middle - 5)))
+        .set("d", fmt::format("M{} {}l4 5l-4 5l-4 -5z", svg_number(x + 9), svg_number(middle - 5)))
         .set("fill", colour);
     explain("note and its value");
   }
   if (enabled_) {
-    svg->child("path").set("d", fmt::format("M{} {}l3 -5h-6z", number(x + 9), number(middle + 3))).set("fill", TEXT);
+    svg->child("path")
+        .set("d", fmt::format("M{} {}l3 -5h-6z", svg_number(x + 9), svg_number(middle + 3)))
+        .set("fill", TEXT);
     explain("interrupt enabled");
   }
   if (!timeline_.wraps.empty()) {

@@ -7,12 +7,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "base/log.h"
 #include "filter/section_filter_parts.h"
 #include "kelvo/kelvo_parts.h"
 #include "kelvo/scan_loop.h"
 #include "si/siparse_parts.h"
+#include "tuner/tuner_parts.h"
 
 namespace {
 
@@ -21,10 +23,13 @@ struct Device_path {
   char text[64];
 };
 
-Device_path frontend_path(int adapter) {
+// Of the frontend that the profile chooses.
+std::string frontend_path(int adapter, const Receiver_profile& profile) {
+  if (profile.frontend == Receiver_profile::Frontend::BEST)
+    return Tuner::best_frontend(adapter).path;
   Device_path path{};
   (void)std::snprintf(path.text, sizeof path.text, "/dev/dvb/adapter%i/frontend0", adapter);
-  return path;
+  return path.text;
 }
 
 Device_path demux_path(int adapter) {
@@ -46,15 +51,16 @@ constexpr float NO_TUNER_BER = 0.1F;
 constexpr char WORKER_NAME[] = "kelvo_th";
 constexpr int WORKER_PRIORITY = 10;
 
-std::unique_ptr<Tuner> make_tuner(int adapter, Input input, Sdbl* database) {
-  return std::make_unique<Tuner>(frontend_path(adapter).text, database, number(input.connector),
-                                 number(input.delivery));
+std::unique_ptr<Tuner> make_tuner(int adapter, Input input, Sdbl* database, const Receiver_profile& profile) {
+  return std::make_unique<Tuner>(frontend_path(adapter, profile).c_str(), database, number(input.connector),
+                                 number(input.delivery), profile);
 }
 
 // What the slot begins with.
-std::unique_ptr<Tuner> first_tuner(bool connected, int adapter, Input input, Sdbl* database) {
+std::unique_ptr<Tuner> first_tuner(bool connected, int adapter, Input input, Sdbl* database,
+                                   const Receiver_profile& profile) {
   if (connected)
-    return make_tuner(adapter, input, database);
+    return make_tuner(adapter, input, database, profile);
   KLOG_ALWAYS("Tuner disconnected, passive stream scan\n");
   return nullptr;
 }
@@ -64,13 +70,14 @@ std::unique_ptr<Tuner> first_tuner(bool connected, int adapter, Input input, Sdb
 // --- Parts -----------------------------------------------------------------------------------------------------------
 
 Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its_database, bool tuner_connected,
-                    change_callback_t on_change)
+                    change_callback_t on_change, const Receiver_profile& its_profile)
     : adapter(adapter_number),
       input(its_input),
       database(*its_database),
       change_callback(on_change),
+      profile(its_profile),
       worker(kelvo),
-      tuner(first_tuner(tuner_connected, adapter_number, its_input, its_database)),
+      tuner(first_tuner(tuner_connected, adapter_number, its_input, its_database, its_profile)),
       filter(demux_path(adapter_number).text),
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
   database.create_temp_tables(adapter);
@@ -93,7 +100,7 @@ void Kelvo::Parts::end_worker() {
 }
 
 void Kelvo::Parts::connect_tuner() {
-  std::unique_ptr<Tuner> made = make_tuner(adapter, input, &database);
+  std::unique_ptr<Tuner> made = make_tuner(adapter, input, &database, profile);
   (void)tuner.put(made);  // a tuner that another thread has put in meanwhile stays
 }
 
@@ -102,9 +109,21 @@ bool Kelvo::Parts::tuned_to(int freq) {
   return use && use->tuned_to(freq);
 }
 
-bool Kelvo::Parts::tune(int freq) {
+int Kelvo::Parts::tune(const Tuning_request& request) {
   const Tuner_slot::Use use(tuner);
-  return !use || use->tunetofreq(freq) != 0;
+  return use ? use->tune(request) : request.freq;
+}
+
+bool Kelvo::Parts::device_gone() {
+  if (!profile.watch_device)
+    return false;
+  const Tuner_slot::Use use(tuner);
+  return use && use->parts().gone();
+}
+
+bool Kelvo::Parts::open_device_again() {
+  const Tuner_slot::Use use(tuner);
+  return !use || use->parts().open_again();
 }
 
 void Kelvo::Parts::post(const Request& request) {
@@ -127,8 +146,12 @@ void Kelvo::Parts::wake() {
 
 Kelvo::Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
              change_callback_t db_change_callback)
+    : Kelvo(adapter, connector, type, database, tuner_connected, db_change_callback, Receiver_profile::box()) {}
+
+Kelvo::Kelvo(int adapter, HF_CONN_ID connector, DVB_TYPE_ID type, Sdbl* database, bool tuner_connected,
+             change_callback_t db_change_callback, const Receiver_profile& profile)
     : parts_(std::make_unique<Parts>(this, adapter, Input{Connector{connector}, Delivery{type}}, database,
-                                     tuner_connected, db_change_callback)) {
+                                     tuner_connected, db_change_callback, profile)) {
   parts_->start_worker();
 }
 
@@ -152,22 +175,27 @@ void Kelvo::set_verbosity(int level) {
 }
 
 int Kelvo::tune_to_freq(int freq, int channel, void* data, request_callback_t done) {
-  const bool tuned = parts_->tuned_to(freq);
+  return tune_to({.freq = freq}, channel, data, done);
+}
+
+int Kelvo::tune_to(const Tuning_request& request, int channel, void* data, request_callback_t done) {
+  const bool tuned = parts_->tuned_to(request.freq);
   if (channel != -1) {
     // Deliberate: a channel request does not hand its data on.
     if (!tuned)
-      parts_->post({freq, channel, nullptr, done});
+      parts_->post({request.freq, channel, nullptr, done, request});
     return -1;
   }
 
   Request_box::Taking taking(parts_->requests);
   parts_->filter.remove_all();
   taking.filters_are_gone();
-  if (!parts_->tune(freq)) {
+  const int freq = parts_->tune(request);
+  if (freq == 0) {
     KLOG(VERB_TRACE, "dvb_tuner returned 0\n");
     return 0;
   }
-  parts_->post({freq, -1, data, done});
+  parts_->post({freq, -1, data, done, request});
   return -1;
 }
 
@@ -176,7 +204,7 @@ int Kelvo::tune_to_freq(int freq, void* data, request_callback_t done) {
 }
 
 void Kelvo::watch_again(int freq, int channel) {
-  parts_->post({freq, channel, nullptr, nullptr});
+  parts_->post({freq, channel, nullptr, nullptr, {.freq = freq}});
 }
 
 bool Kelvo::get_msg_state() const {
@@ -253,6 +281,35 @@ float Kelvo::fe_snr() {
 float Kelvo::fe_ber() {
   const Tuner_slot::Use tuner(parts_->tuner);
   return tuner ? tuner->fe_ber() : NO_TUNER_BER;
+}
+
+void Kelvo::cancel_tuning() {
+  const Tuner_slot::Use tuner(parts_->tuner);
+  if (tuner)
+    tuner->cancel_tuning();
+}
+
+Tuning_result Kelvo::last_tuning() {
+  const Tuner_slot::Use tuner(parts_->tuner);
+  return tuner ? tuner->last_tuning() : Tuning_result{};
+}
+
+Frontend_state Kelvo::frontend_state() {
+  const Tuner_slot::Use tuner(parts_->tuner);
+  return tuner ? tuner->frontend_state() : Frontend_state{};
+}
+
+Signal_readings Kelvo::signal() {
+  const Tuner_slot::Use tuner(parts_->tuner);
+  return tuner ? tuner->signal() : Signal_readings{};
+}
+
+void Kelvo::lost_sections(std::vector<Lost_sections>* lost) const {
+  lost->clear();
+}
+
+void Kelvo::set_device_listener(device_listener_t listener, void* data) {
+  parts_->listeners.set_device(listener, data);
 }
 
 void Kelvo::set_stb_event_callback(Tuner::event_callback_t callback) {

@@ -13,7 +13,8 @@
 // other folders. Everything but the worker is built before the worker is started and lives until it has been joined.
 class Kelvo::Parts {
  public:
-  Parts(Kelvo* kelvo, int adapter, Input input, Sdbl* database, bool tuner_connected, change_callback_t on_change);
+  Parts(Kelvo* kelvo, int adapter, Input input, Sdbl* database, bool tuner_connected, change_callback_t on_change,
+        const Receiver_profile& its_profile);
   Parts(const Parts&) = delete;
   Parts& operator=(const Parts&) = delete;
 
@@ -25,17 +26,24 @@ class Kelvo::Parts {
   void connect_tuner();
   // True when the tuner is locked on `freq` (Hz) already; false without one.
   bool tuned_to(int freq);
-  // False when there is no lock. Without a tuner every frequency is as good as tuned.
-  bool tune(int freq);
+  // The frequency (Hz) that the multiplex is known by; 0 when there is no lock. Without a tuner every frequency is as
+  // good as tuned.
+  int tune(const Tuning_request& request);
   // Leaves a request for the worker and ends its wait.
   void post(const Request& request);
   // Ends the worker's wait, or its next one.
   void wake();
 
+  // True once the tuner's device or the demultiplexer has gone, where the profile watches that. Worker-only.
+  bool device_gone();
+  // True when the device can be used again. Worker-only.
+  bool open_device_again();
+
   const int adapter;
   const Input input;
   Sdbl& database;
   const change_callback_t change_callback;
+  const Receiver_profile profile;
 
   Request_box requests;
   Listeners listeners;

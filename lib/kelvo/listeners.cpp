@@ -9,6 +9,12 @@ void Listeners::set_scan(Kelvo::scan_listener_t listener, void* data) {
   scan_data_ = data;
 }
 
+void Listeners::set_device(Kelvo::device_listener_t listener, void* data) {
+  const std::lock_guard<std::mutex> lock(lock_);
+  device_ = listener;
+  device_data_ = data;
+}
+
 void Listeners::set_activity(const Activity_listener& listener) {
   const std::lock_guard<std::mutex> lock(lock_);
   activity_ = listener;
@@ -25,6 +31,18 @@ void Listeners::tell(const Scan_end& end) const {
   // Without the lock: a listener may make requests, and may be exchanged meanwhile.
   if (listener != nullptr)
     listener(data, end);
+}
+
+void Listeners::tell(const Device_event& event) const {
+  Kelvo::device_listener_t listener = nullptr;
+  void* data = nullptr;
+  {
+    const std::lock_guard<std::mutex> lock(lock_);
+    listener = device_;
+    data = device_data_;
+  }
+  if (listener != nullptr)
+    listener(data, event);
 }
 
 Activity_listener Listeners::activity() const {

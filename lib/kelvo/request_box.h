@@ -12,10 +12,11 @@
 
 // A host's request for a scan.
 struct Request {
-  int freq = 0;      // Hz
+  int freq = 0;      // Hz, that the multiplex is known by
   int channel = -1;  // row of kanalid, -1 for none
   void* data = nullptr;
   Kelvo::request_callback_t done = nullptr;
+  Tuning_request tuning{};  // what a channel's request asks the tuner for
 };
 
 // A host's request for an export of the guide; see Sdbl::backup_database.

@@ -29,6 +29,8 @@ void Scan_loop::run() {
 
 void Scan_loop::pass() {
   take_request();
+  if (!device_is_there())
+    return;
   apply_scan_switch();
   run_export();
   wait_and_parse();
@@ -52,7 +54,7 @@ void Scan_loop::pass() {
 
 int Scan_loop::freq() {
   const Tuner_slot::Use tuner(kelvo_.tuner);
-  return tuner ? tuner->fe_freq() : request_.freq;
+  return tuner ? tuner->tuned_freq() : request_.freq;
 }
 
 bool Scan_loop::is_dvbh() {
@@ -91,7 +93,7 @@ void Scan_loop::begin_request() {
   kelvo_.database.clear_temp_tables(kelvo_.adapter);
   kelvo_.database.flush();
   if (request_.channel != -1)
-    (void)kelvo_.tune(request_.freq);  // without a lock the scan finds nothing and goes on trying
+    tune();
   KLOG(VERB_WARNING, "WARNING: Loop init, local channel is %d\n", request_.channel);
   requests_.scan_requested = true;
   requests_.message_state = false;
@@ -114,6 +116,51 @@ void Scan_loop::begin_request() {
   data_seen_ = false;
   loop_counter_ = 0;
   wait_counter_ = 0;
+}
+
+// Without a lock the scan finds nothing and goes on trying.
+void Scan_loop::tune() {
+  const int known_by = kelvo_.tune(request_.tuning);
+  if (known_by != 0)
+    request_.freq = known_by;
+}
+
+bool Scan_loop::device_is_there() {
+  if (!kelvo_.device_gone())
+    return true;
+  if (!device_lost_)
+    lose_device();
+  if (!requests_.under_way() && kelvo_.open_device_again()) {
+    regain_device();
+    return true;
+  }
+  (void)filter_.wait_for_data(WAIT_MS);  // of no filter: a request ends it
+  return false;
+}
+
+void Scan_loop::lose_device() {
+  device_lost_ = true;
+  KLOG(VERB_WARNING, "WARNING: The device of adapter %d is gone\n", kelvo_.adapter);
+  filter_.remove_all();
+  end_scan(SCAN_DEVICE_GONE);
+  kelvo_.listeners.tell(Device_event{kelvo_.adapter, DEVICE_GONE, request_.freq});
+  if (requests_.message_state || requests_.under_way())
+    return;
+  requests_.message_state = true;
+  tell_host(-1);
+  request_.data = nullptr;  // answered: what begins anew with the device is told to nobody
+}
+
+void Scan_loop::regain_device() {
+  device_lost_ = false;
+  KLOG(VERB_WARNING, "WARNING: The device of adapter %d is back\n", kelvo_.adapter);
+  if (request_.freq != 0) {
+    if (request_.channel == -1)
+      tune();
+    begin_request();
+    requests_.message_state = true;
+  }
+  kelvo_.listeners.tell(Device_event{kelvo_.adapter, DEVICE_BACK, request_.freq});
 }
 
 void Scan_loop::apply_scan_switch() {

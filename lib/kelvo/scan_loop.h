@@ -33,6 +33,8 @@ class Scan_loop {
   void run_export();
   void wait_and_parse();
   void send_test_signal();
+  // False while the device is gone, which has ended everything that was asked for.
+  bool device_is_there();
   // And these (scan_loop_end.cpp). False when the pass ends with it.
   bool complete_scan();
   void answer_request();
@@ -41,6 +43,9 @@ class Scan_loop {
 
   // Parts of them.
   void begin_request();
+  void tune();
+  void lose_device();
+  void regain_device();
   void parse_ready_sections();
   void finish_scan(bool timed_out);
   int how_it_ended(bool timed_out);
@@ -81,6 +86,7 @@ class Scan_loop {
   int dropped_before_ = 0;  // filters given up since the request when the scan began
   bool scan_applied_ = false;
   bool eit_restarted_ = false;
+  bool device_lost_ = false;
   bool data_seen_ = false;
   bool timed_out_ = false;
   int untold_code_ = 0;     // of the change callback: what a channel's scan changed before a new request overtook it

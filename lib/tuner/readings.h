@@ -3,37 +3,41 @@
 
 #pragma once
 
-#include <atomic>
+#include "tuner/reception.h"
 
-#include "tuner/frontend.h"
-
-// What a frontend receives, on the library's scales (tuner_quality.h), with the last good value of each reading. Not
-// installed. A reading that fails is printed by the Frontend and leaves the value before, 0 at first. All operations
-// are any-thread; of two threads that read at the same time, the later one's value stays.
+// What a frontend receives: the numbers of Tuner's operations, and the values of Signal_readings. Not installed. All
+// operations are any-thread; of two threads that read at the same time, the later one's value stays.
 class Readings {
  public:
-  // `frontend` is not owned.
-  explicit Readings(Frontend& frontend) : frontend_(frontend) {}
+  virtual ~Readings() = default;
 
-  // Read now.
-  int freq();    // Hz
-  int status();  // bits of fe_status_t
-  void read_strength();
-  int read_ber_quality();
-  float read_snr();  // dB
+  // What the monitor reads once a pass. The operations below that do not read answer with it.
+  struct Pass {
+    bool signal;  // some bit of the status
+    bool locked;
+    int quality;  // 0 to 100
+  };
+  virtual Pass refresh() = 0;
 
-  // As last read, or cleared. No device access.
-  int strength() const { return strength_; }
-  int ber_quality() const { return ber_quality_; }
+  // What a host asks for. Hz; bits of fe_status_t; dB.
+  virtual int freq() = 0;
+  virtual int status() = 0;
+  virtual float snr() = 0;
 
-  // Strength and BER quality count as 0.
-  void clear();
+  // Nothing of what was read belongs to what is tuned from now on.
+  virtual void begin_tuning() = 0;
 
- private:
-  Frontend& frontend_;
-  std::atomic<int> freq_{0};
-  std::atomic<int> status_{0};
-  std::atomic<int> strength_{0};
-  std::atomic<int> ber_quality_{0};
-  std::atomic<float> snr_{0.0F};
+  // Of a host that wants them read now.
+  virtual void read_strength() = 0;
+  virtual int read_ber_quality() = 0;
+
+  // As last read, or cleared: usually 0 to 100, higher is better. No device access.
+  virtual int strength() const = 0;
+  virtual int ber_quality() const = 0;
+
+  // Strength and BER quality count as 0; nothing is known of the rest.
+  virtual void clear() = 0;
+
+  // No device access.
+  virtual Signal_readings signal() const = 0;
 };

@@ -24,7 +24,7 @@ constexpr std::chrono::milliseconds OUT_OF_RANGE_SLEEP{10};
 void Signal_monitor::run() {
   State state;
   while (running_) {
-    if (frontend_.covers(freq_)) {
+    if (device_.covers(freq_)) {
       pass(state);
     } else {
       readings_.clear();
@@ -36,18 +36,16 @@ void Signal_monitor::run() {
 void Signal_monitor::pass(State& state) {
   timespec start{};
   (void)clock_gettime(CLOCK_REALTIME, &start);  // cannot fail for this clock
-  wait_for_frontend();
+  wait_for_device();
 
-  const int status = readings_.status();
-  readings_.read_strength();
-  const int quality = readings_.read_ber_quality();
+  const Readings::Pass read = readings_.refresh();
   if (reset_.exchange(false))
     state = State{.working = state.working};
 
   const int elapsed_ms = Sdbl::usec_to_now(&start) / 1000;
-  ((status & Frontend::FULL_LOCK) == 0 ? state.unlocked_ms : state.locked_ms) += elapsed_ms;
-  state.quality_sum += quality;
-  watch_quality(state, status, quality);
+  (read.signal ? state.locked_ms : state.unlocked_ms) += elapsed_ms;
+  state.quality_sum += read.quality;
+  watch_quality(state, read);
   // Deliberate: a ratio of the two times, not a share of their sum.
   if (state.unlocked_ms > 0)
     state.working = static_cast<float>(state.locked_ms) * 100 / static_cast<float>(state.unlocked_ms);
@@ -55,18 +53,17 @@ void Signal_monitor::pass(State& state) {
        static_cast<int>(state.unlocked_ms), static_cast<double>(state.working), static_cast<int>(state.quality_sum));
 }
 
-void Signal_monitor::wait_for_frontend() {
-  if (frontend_.wait_for_event(end_, POLL_TIMEOUT_MS) == Frontend::Waited::GONE && running_)
+void Signal_monitor::wait_for_device() {
+  if (device_.wait_for_event(end_, POLL_TIMEOUT_MS) == Device::Waited::GONE && running_)
     std::this_thread::sleep_for(std::chrono::milliseconds(POLL_TIMEOUT_MS));  // so that a lost device costs no time
 }
 
-void Signal_monitor::watch_quality(State& state, int status, int quality) {
-  const bool full_lock = (status & Frontend::FULL_LOCK) == Frontend::FULL_LOCK;
-  if (!state.quality_ok && full_lock && quality >= QUALITY_REGAINED_AT) {
+void Signal_monitor::watch_quality(State& state, const Readings::Pass& read) {
+  if (!state.quality_ok && read.locked && read.quality >= QUALITY_REGAINED_AT) {
     KLOG(VERB_WARNING, "WARNING: FE quality OK\n");
     send_event(STB_EVENT_QUALITY_OK);
     state.quality_ok = true;
-  } else if (state.quality_ok && !(full_lock && quality >= QUALITY_LOST_BELOW)) {
+  } else if (state.quality_ok && !(read.locked && read.quality >= QUALITY_LOST_BELOW)) {
     KLOG(VERB_WARNING, "WARNING: FE quality lost\n");
     send_event(STB_EVENT_QUALITY_LOST);
     state.quality_ok = false;

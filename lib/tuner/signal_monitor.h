@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "base/wake_up.h"
-#include "tuner/frontend.h"
+#include "tuner/device.h"
 #include "tuner/readings.h"
 
 // What a tuner's monitor thread does: refreshes strength and BER quality, counts the time with and without lock, and
@@ -17,7 +17,7 @@ class Signal_monitor {
   using Event_callback = void (*)(unsigned event, void* data);
 
   // Neither is owned.
-  Signal_monitor(Frontend& frontend, Readings& readings) : frontend_(frontend), readings_(readings) {}
+  Signal_monitor(Device& device, Readings& readings) : device_(device), readings_(readings) {}
 
   // Works until stop(). REQUIRES: called once.
   void run();
@@ -46,11 +46,11 @@ class Signal_monitor {
     float working = 0.0F;
   };
   void pass(State& state);
-  void wait_for_frontend();
-  void watch_quality(State& state, int status, int quality);
+  void wait_for_device();
+  void watch_quality(State& state, const Readings::Pass& read);
   void send_event(unsigned event);
 
-  Frontend& frontend_;
+  Device& device_;
   Readings& readings_;
   Wake_up end_;  // wakes when the thread is to end
   std::atomic<bool> running_{true};

@@ -4,34 +4,62 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 #include "base/multiplex.h"
+#include "base/receiver_profile.h"
+#include "tuner/device.h"
 #include "tuner/frontend.h"
+#include "tuner/lock_rule.h"
 #include "tuner/monitor_thread.h"
 #include "tuner/readings.h"
 #include "tuner/signal_monitor.h"
 #include "tuner/tuner.h"
+#include "tuner/tuning_search.h"
+#include "tuner/turn.h"
 
-// What stands behind a Tuner; not installed. The parts are built and used in this order: device, readings, monitor.
-// No other folder needs more of a tuner than its public operations.
+// What stands behind a Tuner; not installed. The parts are built and used in this order: device, readings, monitor;
+// what the profile switches is chosen here and nowhere else.
 class Tuner::Parts {
  public:
   // Opens the device; starts nothing. `tuner` and `database` are not owned.
-  Parts(Tuner* tuner, const char* path, Sdbl* database, Input where_to_tune)
-      : frontend(path),
-        readings(frontend),
-        monitor(frontend, readings),
-        db(database),
-        input(where_to_tune),
-        thread(tuner) {}
+  Parts(Tuner* tuner, const char* path, Sdbl* database, Input where_to_tune, const Receiver_profile& its_profile);
 
-  Frontend frontend;
-  Readings readings;
+  // For Kelvo, when a device has gone: true once it is open again. Worker-only.
+  bool open_again();
+  // True once a call was answered with ENODEV. Any-thread.
+  bool gone() const;
+
+  Tuning_result tune(Tuning_request request);
+
+  const Receiver_profile profile;
+  Device device;
+  std::vector<int> systems;  // that it receives; constant after the constructor
+  const std::unique_ptr<Frontend> frontend;
+  const std::unique_ptr<Readings> readings;
+  const std::unique_ptr<Lock_rule> lock;
+  Tuning_search search;
   Signal_monitor monitor;
   Sdbl* const db;
   const Input input;  // whose stored parameters count
+  Turns turns;
+  std::atomic<bool> firmware_missing{false};
+  std::atomic<bool> firmware_asked{false};
   std::atomic<int> channel{-1};
-  std::atomic<int> next_freq{0};  // Hz
+  std::atomic<int> next_freq{0};    // Hz
+  std::atomic<int> last_system{0};  // that locked; 0: none yet
+  std::atomic<int> locked_key{0};   // Tuning_result::key of what is locked; 0: nothing
+
+  mutable std::mutex result_lock;  // guards the following; a leaf
+  Tuning_result result;
+
   TunerMonitorThread thread;
   bool thread_started = false;
+
+ private:
+  Known_tuning known(const Tuning_request& request);
+  void recall(Tuning_request* request, Known_tuning* known);
+  void keep(const Tuning_result& result, const Turn& turn);
 };

@@ -1,0 +1,68 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include <linux/dvb/frontend.h>
+#include <sys/ioctl.h>
+
+#include <atomic>
+#include <shared_mutex>
+#include <string>
+
+#include "base/wake_up.h"
+
+// One frontend device of Linux: its descriptor and what it said about itself. Not installed. What its calls mean is
+// known to those who are built on it: Frontend, Readings, Lock_rule.
+//
+// A device that could not be opened makes every call fail. All operations are any-thread, also several at once: the
+// descriptor is not closed under a thread that uses it.
+class Device {
+ public:
+  // The bits of a status that a locked frontend of the box has all.
+  static constexpr int FULL_LOCK = FE_HAS_SIGNAL | FE_HAS_CARRIER | FE_HAS_VITERBI | FE_HAS_SYNC | FE_HAS_LOCK;
+
+  // Opens `path` (up to 255 characters are kept) and asks the device what it is. `said`: prints what fails, and also
+  // when the device is no DVB-T frontend. There is an object all the same.
+  Device(const char* path, bool said);
+  ~Device() { close(); }
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+
+  // Gives the device free for others, as soon as no call is under way. Later calls fail.
+  void close();
+  // Opens it again, where it is a new one; says nothing. False, with error(), when that fails.
+  bool open_again();
+
+  const char* path() const { return path_; }
+  std::string name() const;
+  // errno of the opening, ENODEV while it has gone; 0 for none.
+  int error() const { return error_; }
+  // True from the first call that was answered with ENODEV until it could be opened again.
+  bool gone() const { return gone_; }
+
+  // Whether the device says that it receives this frequency (Hz).
+  bool covers(unsigned freq) const;
+  // The same, where a limit of 0 stands for one that the driver does not know.
+  bool may_cover(unsigned freq) const;
+  unsigned lowest_hz() const;
+  unsigned highest_hz() const;
+
+  // As ioctl(). Tried again when a signal came in between.
+  int control(unsigned long request, void* argument);
+
+  // Waits until the device reports an event, `wake_up` wakes, or the time is over. An event is taken and thrown away.
+  // GONE means that the device lets no poll wait any more.
+  enum class Waited { ENOUGH, GONE };
+  Waited wait_for_event(const Wake_up& wake_up, int timeout_ms);
+
+ private:
+  void ask(bool said);
+
+  char path_[256]{};
+  mutable std::shared_mutex in_use_;  // shared around each call; alone around opening, closing, and what they change
+  dvb_frontend_info info_{};
+  int device_ = -1;
+  std::atomic<int> error_{0};
+  std::atomic<bool> gone_{false};
+};

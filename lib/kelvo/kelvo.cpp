@@ -48,6 +48,14 @@ constexpr int NO_TUNER_STATUS = FE_TIMEDOUT;
 constexpr float NO_TUNER_SNR = 1.0F;
 constexpr float NO_TUNER_BER = 0.1F;
 
+Filter_options filter_options(const Receiver_profile& profile) {
+  Filter_options options;
+  options.buffer_bytes = profile.demux_buffer;
+  options.watch_device = profile.watch_device;
+  options.check_crc = profile.repeat_lost;
+  return options;
+}
+
 constexpr char WORKER_NAME[] = "kelvo_th";
 constexpr int WORKER_PRIORITY = 10;
 
@@ -81,6 +89,7 @@ Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its
       filter(demux_path(adapter_number).text),
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
   database.create_temp_tables(adapter);
+  filter.parts().configure(filter_options(its_profile));
 }
 
 void Kelvo::Parts::start_worker() {
@@ -118,12 +127,15 @@ bool Kelvo::Parts::device_gone() {
   if (!profile.watch_device)
     return false;
   const Tuner_slot::Use use(tuner);
-  return use && use->parts().gone();
+  return (use && use->parts().gone()) || filter.parts().device_gone();
 }
 
 bool Kelvo::Parts::open_device_again() {
   const Tuner_slot::Use use(tuner);
-  return !use || use->parts().open_again();
+  if (use && !use->parts().open_again())
+    return false;
+  filter.parts().close_all();
+  return true;
 }
 
 void Kelvo::Parts::post(const Request& request) {
@@ -305,7 +317,7 @@ Signal_readings Kelvo::signal() {
 }
 
 void Kelvo::lost_sections(std::vector<Lost_sections>* lost) const {
-  lost->clear();
+  parts_->filter.parts().lost(lost);
 }
 
 void Kelvo::set_device_listener(device_listener_t listener, void* data) {

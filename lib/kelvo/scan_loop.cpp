@@ -90,6 +90,7 @@ void Scan_loop::take_request() {
 
 void Scan_loop::begin_request() {
   filter_.remove_all();
+  filter_.parts().forget_lost();
   kelvo_.database.clear_temp_tables(kelvo_.adapter);
   kelvo_.database.flush();
   if (request_.channel != -1)
@@ -141,6 +142,7 @@ bool Scan_loop::device_is_there() {
 void Scan_loop::lose_device() {
   device_lost_ = true;
   KLOG(VERB_WARNING, "WARNING: The device of adapter %d is gone\n", kelvo_.adapter);
+  filter_.parts().set_gone();  // lets go of the demultiplexer, when it was the frontend that showed it
   filter_.remove_all();
   end_scan(SCAN_DEVICE_GONE);
   kelvo_.listeners.tell(Device_event{kelvo_.adapter, DEVICE_GONE, request_.freq});

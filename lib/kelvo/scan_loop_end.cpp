@@ -152,6 +152,7 @@ void Scan_loop::end_scan(int outcome) {
     return;
   scan_open_ = false;
   scan_.outcome = outcome;
+  filter_.parts().lost(&scan_.lost);
   (void)kelvo_.database.parts().errors.first_since_watch(kelvo_.adapter, &scan_.error);
   kelvo_.listeners.tell(scan_);
 }

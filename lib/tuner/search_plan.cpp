@@ -58,7 +58,7 @@ Search_plan make_search_plan(const Receiver_profile& profile, const Tuning_reque
 
   Attempt attempt;
   attempt.freq = request.freq;
-  attempt.pipe = request.pipe >= 0 ? request.pipe : known.stored_pipe;
+  const int pipe = request.pipe >= 0 ? request.pipe : known.stored_pipe;
   attempt.bandwidth_hz = request.bandwidth_hz != 0 ? request.bandwidth_hz : known.stored_bandwidth_hz;
   if (attempt.bandwidth_hz == 0)
     attempt.bandwidth_hz = version_3 ? default_bandwidth_of_version_3(request.freq) : default_bandwidth(request.freq);
@@ -69,10 +69,11 @@ Search_plan make_search_plan(const Receiver_profile& profile, const Tuning_reque
   if (!profile.search)
     systems.resize(1);
   // A broadcast that was found beside its channel's centre is there again.
-  const bool beside =
-      profile.search && std::abs(std::abs(known.stored_offset_hz) - profile.offset_hz) < OFFSET_TOLERANCE_HZ;
+  const bool beside = profile.search && profile.offset_hz > 0 &&
+                      std::abs(std::abs(known.stored_offset_hz) - profile.offset_hz) < OFFSET_TOLERANCE_HZ;
   for (const int system : systems) {
     attempt.system = system;
+    attempt.pipe = system == SYS_DVBT2 ? pipe : -1;
     if (beside && system == known.stored_system)
       plan.attempts.push_back(shifted(attempt, known.stored_offset_hz < 0 ? -profile.offset_hz : profile.offset_hz));
     plan.attempts.push_back(attempt);
@@ -88,12 +89,13 @@ Search_plan make_search_plan(const Receiver_profile& profile, const Tuning_reque
 
   for (const int system : systems) {
     attempt.system = system;
+    attempt.pipe = system == SYS_DVBT2 ? pipe : -1;
     if (system == SYS_DVBT && known.nit && !attempt.stored) {
       Attempt as_announced = attempt;
       as_announced.stored = known.nit;
       plan.second.push_back(as_announced);
     }
-    if (profile.offset_hz != 0) {
+    if (profile.offset_hz > 0) {
       plan.second.push_back(shifted(attempt, profile.offset_hz));
       plan.second.push_back(shifted(attempt, -profile.offset_hz));
     }

@@ -103,6 +103,11 @@ void Kelvo::Parts::start_worker() {
 
 void Kelvo::Parts::end_worker() {
   requests.running = false;
+  {
+    const Tuner_slot::Use use(tuner);
+    if (use)
+      use->parts().turns.close();
+  }
   wake();
   if (worker_started_)
     (void)worker.Stop();  // nothing left to do for a thread that cannot be joined
@@ -144,6 +149,8 @@ void Kelvo::Parts::post(const Request& request) {
     if (use) {
       use->set_next_freq(request.freq);
       use->set_channel(request.channel);
+      if (request.channel != -1)
+        use->cancel_tuning();  // the worker's, for the channel before
     }
     requests.post(request);
   }

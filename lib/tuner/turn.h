@@ -11,12 +11,15 @@ class Turns {
  public:
   int take() { return ++last_; }
   void cancel() { ended_ = last_.load(); }
+  // From now on every turn is over as it begins.
+  void close() { closed_ = true; }
   bool is_newest(int turn) const { return last_ == turn; }
-  bool is_over(int turn) const { return last_ != turn || ended_ == turn; }
+  bool is_over(int turn) const { return last_ != turn || ended_ == turn || closed_; }
 
  private:
   std::atomic<int> last_{0};
   std::atomic<int> ended_{0};
+  std::atomic<bool> closed_{false};
 };
 
 // One of them.

@@ -21,7 +21,8 @@ class Driver_readings final : public Readings {
   int freq() override;
   int status() override;
   float snr() override;
-  void begin_tuning() override {}  // the last good values stay
+  void begin_tuning() override {}       // the last good values stay
+  void tuning_has_locked() override {}  // strength has been read for it
   void read_strength() override;
   int read_ber_quality() override;
   int strength() const override { return strength_; }

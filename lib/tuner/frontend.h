@@ -32,6 +32,9 @@ class Frontend {
  public:
   virtual ~Frontend() = default;
 
+  // Whether the device says that it receives this frequency (Hz).
+  virtual bool receives(unsigned freq) const = 0;
+
   // Begins to tune; false, with errno, when the device refuses. It then goes on as before.
   virtual bool tune(const Attempt& attempt) = 0;
 

@@ -12,6 +12,7 @@ class Property_frontend final : public Frontend {
   // `device` is not owned.
   explicit Property_frontend(Device& device) : device_(device) {}
 
+  bool receives(unsigned freq) const override { return freq != 0 && device_.may_cover(freq); }
   // All that the attempt does not say is automatic, but for stored parameters of DVB-T.
   bool tune(const Attempt& attempt) override;
   Reported reported() override;

@@ -26,6 +26,8 @@ class Readings {
 
   // Nothing of what was read belongs to what is tuned from now on.
   virtual void begin_tuning() = 0;
+  // So that hosts have readings from the lock on.
+  virtual void tuning_has_locked() = 0;
 
   // Of a host that wants them read now.
   virtual void read_strength() = 0;

@@ -24,7 +24,7 @@ constexpr std::chrono::milliseconds OUT_OF_RANGE_SLEEP{10};
 void Signal_monitor::run() {
   State state;
   while (running_) {
-    if (device_.covers(freq_)) {
+    if (frontend_.receives(freq_)) {
       pass(state);
     } else {
       readings_.clear();

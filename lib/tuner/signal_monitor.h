@@ -8,6 +8,7 @@
 
 #include "base/wake_up.h"
 #include "tuner/device.h"
+#include "tuner/frontend.h"
 #include "tuner/readings.h"
 
 // What a tuner's monitor thread does: refreshes strength and BER quality, counts the time with and without lock, and
@@ -16,8 +17,9 @@ class Signal_monitor {
  public:
   using Event_callback = void (*)(unsigned event, void* data);
 
-  // Neither is owned.
-  Signal_monitor(Device& device, Readings& readings) : device_(device), readings_(readings) {}
+  // None is owned.
+  Signal_monitor(Device& device, const Frontend& frontend, Readings& readings)
+      : device_(device), frontend_(frontend), readings_(readings) {}
 
   // Works until stop(). REQUIRES: called once.
   void run();
@@ -51,6 +53,7 @@ class Signal_monitor {
   void send_event(unsigned event);
 
   Device& device_;
+  const Frontend& frontend_;
   Readings& readings_;
   Wake_up end_;  // wakes when the thread is to end
   std::atomic<bool> running_{true};

@@ -35,6 +35,7 @@ class Statistics_readings final : public Readings {
   int status() override;
   float snr() override;
   void begin_tuning() override { clear(); }
+  void tuning_has_locked() override { (void)refresh(); }
   void read_strength() override {}
   int read_ber_quality() override { return ber_quality(); }
   int strength() const override;

@@ -20,7 +20,7 @@ int Status_lock::limit_ms(int system, bool silent) const {
     return silent ? times_.silent_t2 : times_.signal_t2;
   if (!silent)
     return times_.signal_t;
-  return both_ ? times_.silent_t_of_both : times_.silent_t;
+  return receives_t2_ ? times_.silent_t_of_both : times_.silent_t;
 }
 
 Lock_wait Status_lock::wait(const Attempt& attempt, bool taken, int64_t begun_ms, const Turn& turn) {

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <atomic>
+
 #include "base/receiver_profile.h"
 #include "tuner/device.h"
 #include "tuner/lock_rule.h"
@@ -12,9 +14,10 @@
 // means the same with every driver: frequency and strength are not looked at.
 class Status_lock final : public Lock_rule {
  public:
-  // `both`: the frontend receives DVB-T2 as well as DVB-T. Neither `device` nor `readings` is owned.
-  Status_lock(Device& device, Readings& readings, const Receiver_profile::Lock_times& times, bool both)
-      : device_(device), readings_(readings), times_(times), both_(both) {}
+  // `receives_t2`: whether the frontend receives DVB-T2 as well as DVB-T. None is owned.
+  Status_lock(Device& device, Readings& readings, const Receiver_profile::Lock_times& times,
+              const std::atomic<bool>& receives_t2)
+      : device_(device), readings_(readings), times_(times), receives_t2_(receives_t2) {}
 
   Lock_wait wait(const Attempt& attempt, bool taken, int64_t begun_ms, const Turn& turn) override;
   bool tuned_to(int freq, int last_key) override;
@@ -25,5 +28,5 @@ class Status_lock final : public Lock_rule {
   Device& device_;
   Readings& readings_;
   const Receiver_profile::Lock_times times_;
-  const bool both_;
+  const std::atomic<bool>& receives_t2_;
 };

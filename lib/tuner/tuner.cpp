@@ -82,7 +82,10 @@ Frontend_state Tuner::frontend_state() const {
   state.name = parts.device.name();
   state.error = parts.device.error();
   state.firmware_missing = parts.firmware_missing;
-  state.systems = parts.systems;
+  {
+    const std::lock_guard lock(parts.result_lock);
+    state.systems = parts.systems;
+  }
   state.lowest_hz = parts.device.lowest_hz();
   state.highest_hz = parts.device.highest_hz();
   return state;

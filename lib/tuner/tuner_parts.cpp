@@ -34,14 +34,10 @@ std::unique_ptr<Readings> make_readings(const Receiver_profile& profile, Device&
   return std::make_unique<Driver_readings>(device);
 }
 
-bool has(const std::vector<int>& systems, int system) {
-  return std::find(systems.begin(), systems.end(), system) != systems.end();
-}
-
 std::unique_ptr<Lock_rule> make_lock(const Receiver_profile& profile, Device& device, Readings& readings,
-                                     const std::vector<int>& systems) {
+                                     const std::atomic<bool>& receives_t2) {
   if (profile.lock == Receiver_profile::Lock::STATUS)
-    return std::make_unique<Status_lock>(device, readings, profile.lock_times, has(systems, SYS_DVBT2));
+    return std::make_unique<Status_lock>(device, readings, profile.lock_times, receives_t2);
   return std::make_unique<Exact_lock>(readings);
 }
 
@@ -58,19 +54,30 @@ Tuner::Parts::Parts(Tuner* tuner, const char* path, Sdbl* database, Input where_
                     const Receiver_profile& its_profile)
     : profile(its_profile),
       device(path, !its_profile.watch_device),
-      systems(systems_for(its_profile, device)),
       frontend(make_frontend(profile, device)),
       readings(make_readings(profile, device)),
-      lock(make_lock(profile, device, *readings, systems)),
+      lock(make_lock(profile, device, *readings, receives_t2)),
       search(device, *frontend, *lock, Pat_probe(demux_beside(path))),
-      monitor(device, *readings),
+      monitor(device, *frontend, *readings),
       db(database),
       input(where_to_tune),
-      thread(tuner) {}
+      thread(tuner) {
+  ask_device();
+}
+
+void Tuner::Parts::ask_device() {
+  std::vector<int> received = systems_for(profile, device);
+  receives_t2 = std::find(received.begin(), received.end(), SYS_DVBT2) != received.end();
+  const std::lock_guard guard(result_lock);
+  systems = std::move(received);
+}
 
 bool Tuner::Parts::open_again() {
   firmware_asked = false;
-  return device.open_again();
+  if (!device.open_again())
+    return false;
+  ask_device();
+  return true;
 }
 
 bool Tuner::Parts::gone() const {
@@ -79,7 +86,10 @@ bool Tuner::Parts::gone() const {
 
 Known_tuning Tuner::Parts::known(const Tuning_request& request) {
   Known_tuning known;
-  known.systems = systems;
+  {
+    const std::lock_guard guard(result_lock);
+    known.systems = systems;
+  }
   known.last_system = last_system;
   dvb_frontend_parameters parameters =
       Version3_frontend::defaults(static_cast<unsigned>(request.freq), default_bandwidth_of_version_3(request.freq));
@@ -113,6 +123,8 @@ Tuning_result Tuner::Parts::tune(Tuning_request request) {
   monitor.watch(static_cast<unsigned>(request.freq));
   locked_key = 0;
   readings->begin_tuning();
+  if (profile.watch_device && device.error() != 0)
+    (void)open_again();  // it may be free, or back, by now; the search says when it is not
   if (profile.watch_device && !firmware_asked.exchange(true))
     firmware_missing = frontend_probe::misses_firmware(device);
   Tuning_result tuned;
@@ -133,9 +145,9 @@ Tuning_result Tuner::Parts::tune(Tuning_request request) {
 void Tuner::Parts::keep(const Tuning_result& tuned, const Turn& turn) {
   if (!turn.newest())  // the later one's result counts
     return;
-  if (profile.readings == Receiver_profile::Readings::STATISTICS)
-    (void)readings->refresh();  // so that hosts have readings from the lock on
   const bool locked = tuned.outcome == TUNING_LOCKED;
+  if (locked)
+    readings->tuning_has_locked();
   {
     const std::lock_guard guard(result_lock);
     result = tuned;

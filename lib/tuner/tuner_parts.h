@@ -27,7 +27,7 @@ class Tuner::Parts {
   // Opens the device; starts nothing. `tuner` and `database` are not owned.
   Parts(Tuner* tuner, const char* path, Sdbl* database, Input where_to_tune, const Receiver_profile& its_profile);
 
-  // For Kelvo, when a device has gone: true once it is open again. Worker-only.
+  // For Kelvo, when a device has gone: true once it is open again.
   bool open_again();
   // True once a call was answered with ENODEV. Any-thread.
   bool gone() const;
@@ -36,9 +36,9 @@ class Tuner::Parts {
 
   const Receiver_profile profile;
   Device device;
-  std::vector<int> systems;  // that it receives; constant after the constructor
   const std::unique_ptr<Frontend> frontend;
   const std::unique_ptr<Readings> readings;
+  std::atomic<bool> receives_t2{false};
   const std::unique_ptr<Lock_rule> lock;
   Tuning_search search;
   Signal_monitor monitor;
@@ -54,11 +54,13 @@ class Tuner::Parts {
 
   mutable std::mutex result_lock;  // guards the following; a leaf
   Tuning_result result;
+  std::vector<int> systems;  // that the device receives
 
   TunerMonitorThread thread;
   bool thread_started = false;
 
  private:
+  void ask_device();
   Known_tuning known(const Tuning_request& request);
   void recall(Tuning_request* request, Known_tuning* known);
   void keep(const Tuning_result& result, const Turn& turn);

@@ -16,6 +16,7 @@ class Version3_frontend final : public Frontend {
   // What is asked for without stored parameters: no inversion, no hierarchy, transmission mode 3, all else automatic.
   static dvb_frontend_parameters defaults(unsigned freq, int bandwidth_hz);
 
+  bool receives(unsigned freq) const override { return device_.covers(freq); }
   bool tune(const Attempt& attempt) override;
   Reported reported() override;
 

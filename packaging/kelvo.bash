@@ -17,15 +17,22 @@ _kelvo() {
     --from) mapfile -t COMPREPLY < <(compgen -W "auto little big log" -- "$word"); return ;;
     --samples) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
     --day) mapfile -t COMPREPLY < <(compgen -W "today tomorrow yesterday" -- "$word"); return ;;
+    --table)
+      mapfile -t COMPREPLY < <(
+        compgen -f -- "$word"
+        cd /usr/share/dvb/dvb-t 2>/dev/null && compgen -f -- "$word"
+      )
+      return
+      ;;
     --adapter) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3" -- "$word"); return ;;
-    --freq | --for | --channel | --search | --lang) return ;;
+    --freq | --for | --country | --channel | --search | --lang) return ;;
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
     options+=" scan channels epg watch trace"
   else
     case $command in
-      scan) options="--adapter --freq --band --db --verbose --help" ;;
+      scan) options="--adapter --freq --country --table --band --follow --for --db --verbose --help" ;;
       channels) options="--db --format --help" ;;
       watch) options="--adapter --for --zone-of --db --help" ;;
       trace)

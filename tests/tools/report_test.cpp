@@ -31,7 +31,11 @@ Service service(int channel, int lcn, const char* name, int scan_state, int row_
 }
 
 Multiplex_line line(int freq, int adapter, Outcome outcome, double seconds, int services) {
-  return {{freq, adapter, outcome, seconds}, services};
+  Multiplex_line out;
+  Multiplex_result& result = out.result;
+  std::tie(result.freq, result.adapter, result.outcome, result.seconds) = std::tie(freq, adapter, outcome, seconds);
+  out.services = services;
+  return out;
 }
 
 TEST(Multiplex_text, says_what_happened) {
@@ -44,6 +48,7 @@ TEST(Multiplex_text, says_what_happened) {
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_LOCK, 0.16, 0)), "no lock, 0.2 s");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::OUT_OF_RANGE, 0, 0)), "out of the frontend's range");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::NOT_SCANNED, 0, 0)), "not scanned: interrupted");
+  EXPECT_EQ(multiplex_text(line(1, -1, Outcome::TIME_UP, 0, 0)), "not scanned: the time was up");
 }
 
 TEST(Report, lists_multiplexes_by_frequency_and_changes_by_kind) {
@@ -67,6 +72,28 @@ TEST(Report, lists_multiplexes_by_frequency_and_changes_by_kind) {
             "lost      3  Goes     TV    Meedia    506.000 MHz\n"
             "\n"
             "1 of 3 frequencies with a multiplex, 4 services: 2 new, 1 back, 1 lost.\n");
+}
+
+TEST(Report, says_where_a_multiplex_came_from_and_which_one_it_doubles) {
+  std::vector<Multiplex_line> lines{line(506000000, 0, Outcome::LOCKED, 2.04, 1),
+                                    line(514000000, 0, Outcome::LOCKED, 2.04, 1),
+                                    line(522000000, 0, Outcome::NO_LOCK, 0.16, 0)};
+  lines[1].result.announced_by = 506000000;
+  lines[1].note = "same multiplex as 506.000 MHz, weaker";
+  lines[1].doubles = 1;
+  lines[2].note = "had 3 services";
+  // The double is in the list as not found, but nobody has lost it.
+  EXPECT_EQ(report(lines, {}, {service(1, 1, "Here", 1), service(2, 1, "Here", 0)}),
+            "  MULTIPLEX  ADAPTER  SERVICES   TIME  RESULT\n"
+            "506.000 MHz        0         1  2.0 s  locked\n"
+            "514.000 MHz        0         1  2.0 s  locked; announced by 506.000 MHz; same multiplex as 506.000 MHz, "
+            "weaker\n"
+            "522.000 MHz        0         -  0.2 s  no lock; had 3 services\n"
+            "\n"
+            "CHANGE  LCN  NAME  TYPE  PROVIDER    FREQUENCY\n"
+            "new       1  Here  TV    Meedia    506.000 MHz\n"
+            "\n"
+            "2 of 3 frequencies with a multiplex, 1 service: 1 new, 0 back, 0 lost.\n");
 }
 
 TEST(Report, without_changes_has_no_table_of_them) {

@@ -13,27 +13,23 @@ namespace {
 
 constexpr int BAR_WIDTH = 20;
 
-std::string time_text(std::chrono::seconds time) {
-  return fmt::format("{}:{:02}", time.count() / 60, time.count() % 60);
+std::string time_text(double seconds) {
+  const int whole = static_cast<int>(std::clamp(seconds, 0.0, 1e6));
+  return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
 
 }  // namespace
 
-Progress::Progress(int total, bool on) : total_(total), on_(on), start_(std::chrono::steady_clock::now()) {}
+Progress::Progress(int total, bool on) : total_(total), on_(on) {}
 
-void Progress::draw(const std::string& text) {
+void Progress::draw(const std::string& text, std::optional<double> left) {
   if (!on_) {
     return;
   }
   const int filled = total_ > 0 ? BAR_WIDTH * done_ / total_ : 0;
-  std::string left;
-  if (done_ > 0) {
-    // A guess from what is done so far; before the first step there is nothing to guess from.
-    const auto gone = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
-    left = "  left " + time_text(gone * (total_ - done_) / done_);
-  }
   std::string line = fmt::format("[{}{}] {}/{}  {}{}", std::string(static_cast<size_t>(filled), '#'),
-                                 std::string(static_cast<size_t>(BAR_WIDTH - filled), '.'), done_, total_, text, left);
+                                 std::string(static_cast<size_t>(BAR_WIDTH - filled), '.'), done_, total_, text,
+                                 left ? "  left " + time_text(*left) : "");
   // One column stays free: a line that fills the last one makes some terminals begin another, which is then not written
   // over.
   line.resize(std::min(line.size(), static_cast<size_t>(std::max(1, console::width() - 1))));

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include <chrono>
+#include <optional>
 #include <string>
 
 // Progress of a long work on the command's standard error: on a terminal one line that is written over, elsewhere
@@ -18,9 +18,11 @@ class Progress {
 
   bool on() const { return on_; }
   void step() { ++done_; }
+  // There is more to do than it seemed.
+  void set_total(int total) { total_ = total; }
 
-  // Draws the bar, `text` after it and the time left, cut to the terminal's width.
-  void draw(const std::string& text);
+  // Draws the bar, `text` after it and the time left in seconds, where that is known, cut to the terminal's width.
+  void draw(const std::string& text, std::optional<double> left);
 
   // Takes the line away, so that other lines can be written.
   void clear();
@@ -30,5 +32,4 @@ class Progress {
   int done_ = 0;
   bool on_;
   bool drawn_ = false;
-  std::chrono::steady_clock::time_point start_;
 };

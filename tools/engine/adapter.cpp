@@ -26,7 +26,8 @@ void Adapter::on_answer(void* data, int result) {
   // A second answer to the same request is dropped: the caller may already be waiting for that to the next one.
   if (!request->answered) {
     request->answered = true;
-    request->answer = {result == 0 ? Answer::Kind::SCANNED : Answer::Kind::NO_STREAM, owner->last_end_};
+    request->answer.kind = result == 0 ? Answer::Kind::SCANNED : Answer::Kind::NO_STREAM;
+    request->answer.end = owner->last_end_;
     owner->changed_.notify_all();
   }
 }
@@ -35,11 +36,14 @@ bool Adapter::tune(const Tuning_request& wanted) {
   Request* request = nullptr;
   {
     const std::lock_guard lock(mutex_);
+    if (stopped_) {
+      return false;
+    }
     // A deque moves none of its elements, so the pointer that the library holds stays good while others are added.
     requests_.push_back({this});
     request = &requests_.back();
   }
-  return kelvo_->tune_to_freq(wanted.freq, request, on_answer) != 0;
+  return kelvo_->tune_to(wanted, -1, request, on_answer) != 0;
 }
 
 std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
@@ -56,10 +60,15 @@ std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
 }
 
 Answer Adapter::scan(const Tuning_request& request, std::optional<Clock::time_point> until) {
-  if (!tune(request)) {
-    return {Answer::Kind::NO_LOCK, {}};
+  Answer out;
+  if (tune(request)) {
+    out = answer(until).value_or(Answer{});
+  } else if (!stopped()) {
+    out.kind = Answer::Kind::NO_LOCK;
   }
-  return answer(until).value_or(Answer{});
+  out.tuning = kelvo_->last_tuning();
+  out.signal = kelvo_->signal();
+  return out;
 }
 
 void Adapter::wait(std::chrono::milliseconds time) {
@@ -71,6 +80,9 @@ void Adapter::stop() {
   const std::lock_guard lock(mutex_);
   stopped_ = true;
   changed_.notify_all();
+  if (kelvo_) {
+    kelvo_->cancel_tuning();
+  }
 }
 
 bool Adapter::stopped() const {

@@ -24,7 +24,9 @@ struct Answer {
     NO_LOCK,    // no signal
     GIVEN_UP,   // not answered: stopped, or the time was up
   } kind = Kind::GIVEN_UP;
-  Scan_end end;  // of SCANNED and NO_STREAM
+  Scan_end end;            // of SCANNED and NO_STREAM
+  Tuning_result tuning;    // how the frequency was tuned to
+  Signal_readings signal;  // read last
 };
 
 // An adapter that is asked for one frequency after the other: a Kelvo, and its answers as values. One thread asks;
@@ -43,7 +45,7 @@ class Adapter {
   // For everything that is no request without a channel. REQUIRES: release() has not been called.
   Kelvo& kelvo() { return *kelvo_; }
 
-  // Requests the frequency, which takes 150 ms at most; false when there is no lock.
+  // Requests the frequency; false when there is no lock.
   bool tune(const Tuning_request& request);
   // Waits for the answer to the last request that had a lock. Empty when it is stopped or `until` comes first; no
   // `until` waits for ever.
@@ -53,7 +55,8 @@ class Adapter {
 
   // Waits so long, or until it is stopped.
   void wait(std::chrono::milliseconds time);
-  // Ends all waiting, now and later. A merge under way in the library ends first.
+  // Ends all waiting, now and later, for a lock as well. A merge under way in the library ends first. A tuning that
+  // begins at the same moment may miss it; another call ends that.
   void stop();
   bool stopped() const;
 

@@ -58,7 +58,7 @@ class Engine {
 
   // Lets nobody take another frequency.
   void close();
-  // That, and every adapter is stopped.
+  // That, and every adapter is stopped. Called again and again until all have ended, it ends what began meanwhile.
   void stop();
 
   std::vector<Under_way> under_way() const;

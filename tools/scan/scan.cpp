@@ -1,22 +1,24 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include <linux/dvb/frontend.h>
 #include <poll.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <set>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <kelvo/kelvo.h>
 
-#include "tools/cli/bands.h"
 #include "tools/cli/console.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/interrupt.h"
+#include "tools/cli/local_time.h"
 #include "tools/cli/progress.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
@@ -24,8 +26,11 @@
 #include "tools/database/channel_db.h"
 #include "tools/database/open_database.h"
 #include "tools/engine/engine.h"
+#include "tools/scan/same_multiplex.h"
 #include "tools/scan/scan_job.h"
 #include "tools/scan/scan_report.h"
+#include "tools/scan/time_left.h"
+#include "tools/scan/what_to_scan.h"
 
 namespace {
 
@@ -33,58 +38,81 @@ constexpr int DRAW_INTERVAL_MS = 250;
 
 struct Scan_options {
   std::vector<int> adapters;
-  std::vector<int> freqs;
-  std::string band;
+  Scan_choice choice;
+  bool follow = false;
+  std::optional<std::string> time;
   std::string db;
   int verbosity = 0;  // how often -v was given
 };
 
 class Scan {
  public:
-  Scan(const std::vector<int>& freqs, const std::string& db, int verbosity)
+  // `seconds` for everything, where that is limited.
+  Scan(const std::vector<Tuning_request>& requests, std::optional<int> seconds, const std::string& db, int verbosity)
       : db_(db),
-        freqs_(freqs),
+        requests_(requests),
+        seconds_(seconds),
         quiet_(verbosity),
-        progress_(static_cast<int>(freqs.size()), verbosity < 0 && console::is_terminal()) {}
+        progress_(static_cast<int>(requests.size()), verbosity < 0 && console::is_terminal()) {}
 
-  int run(const std::map<int, Frontend_info>& frontends, bool exists);
+  int run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow);
 
  private:
+  using Clock = Adapter::Clock;
+
   void work();
-  void handle(const Multiplex_result& result);
+  int wait_ms() const;
+  void handle(Multiplex_result result);
   void draw();
+  size_t total() const { return requests_.size() + static_cast<size_t>(job_.announced()); }
+  std::vector<Service> compare(const std::vector<Service>& before);
+  int end_code() const;
 
   std::string db_;
-  std::vector<int> freqs_;
+  std::vector<Tuning_request> requests_;
+  std::optional<int> seconds_;
   Interrupt interrupt_;
   console::Quiet_library quiet_;
   Progress progress_;
+  Time_left time_left_;
   std::unique_ptr<Channel_db> reader_;
   std::unique_ptr<Sdbl> database_;
   Scan_job job_;
   std::unique_ptr<Engine> engine_;
+  std::optional<Clock::time_point> end_;
   std::vector<Multiplex_line> lines_;
   int services_ = 0;
   bool interrupted_ = false;
+  bool time_up_ = false;
 };
 
-int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
+int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow) {
   // Read before the library has the file, so that the report compares with what the reader knew.
   const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
-  engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
-  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_.work(adapter, request); });
+  engine_ = std::make_unique<Engine>(frontends, requests_, database_.get());
+  if (follow) {
+    job_.follow(requests_, engine_.get());
+  }
+  if (seconds_) {
+    end_ = Clock::now() + std::chrono::seconds(*seconds_);
+  }
+  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_.work(adapter, request); }, follow);
   work();
   progress_.clear();
-  if (interrupted_) {
+  if (interrupted_ || time_up_) {
     engine_->join();  // A merge that was under way counts.
   }
   for (const Tuning_request& request : engine_->left()) {
-    lines_.push_back({{request.freq, -1, interrupted_ ? Outcome::NOT_SCANNED : Outcome::OUT_OF_RANGE}, 0});
+    Multiplex_line line;
+    line.result.freq = key_of(request);
+    line.result.outcome = interrupted_ ? Outcome::NOT_SCANNED : time_up_ ? Outcome::TIME_UP : Outcome::OUT_OF_RANGE;
+    lines_.push_back(line);
   }
-  print_report(stdout, lines_, before, reader_->services(false));
+  const std::vector<Service> after = compare(before);
+  print_report(stdout, lines_, before, after);
   // Only remembered here: that a database could not be written is worse news than that the report could not, and comes
   // first.
   const bool printed = fflush(stdout) == 0;
@@ -95,29 +123,94 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   if (!printed) {
     throw Failure("cannot write the report: " + std::string(strerror(errno)));
   }
+  return end_code();
+}
+
+// What several frequencies bring is left with one of them. Returns the services after that.
+std::vector<Service> Scan::compare(const std::vector<Service>& before) {
+  const std::vector<Service> after = reader_->services(false);
+  std::vector<Reception> receptions;
+  for (const Multiplex_line& line : lines_) {
+    const Multiplex_result& result = line.result;
+    if (result.outcome == Outcome::NOT_SCANNED || result.outcome == Outcome::TIME_UP ||
+        result.outcome == Outcome::OUT_OF_RANGE) {
+      continue;
+    }
+    const bool complete = result.outcome == Outcome::LOCKED;
+    receptions.push_back({result.freq, complete || result.outcome == Outcome::TIMED_OUT, complete, result.signal.snr,
+                          result.signal.strength});
+  }
+  const Same_multiplex same = same_multiplexes(before, after, receptions);
+  for (Multiplex_line& line : lines_) {
+    const auto note = same.notes.find(line.result.freq);
+    line.note = note == same.notes.end() ? "" : note->second;
+  }
+  if (same.doubles.empty()) {
+    return after;
+  }
+  for (const Service& service : after) {
+    if (std::find(same.doubles.begin(), same.doubles.end(), service.channel) != same.doubles.end()) {
+      for (Multiplex_line& line : lines_) {
+        line.doubles += line.services > 0 && line.result.freq == service.freq ? 1 : 0;
+      }
+    }
+  }
+  // An adapter that still receives one of them would find it again.
+  engine_->join();
+  mark_doubles(database_.get(), same.doubles);
+  return reader_->services(false);
+}
+
+int Scan::end_code() const {
   if (interrupted_) {
     console::say("kelvo: interrupted; what was found is kept");
     return EXIT_INTERRUPTED;
   }
-  return EXIT_OK;
+  const auto left = std::count_if(lines_.begin(), lines_.end(),
+                                  [](const Multiplex_line& line) { return line.result.outcome == Outcome::TIME_UP; });
+  if (left == 0) {
+    return EXIT_OK;
+  }
+  const bool found = std::any_of(lines_.begin(), lines_.end(), [](const Multiplex_line& line) {
+    return line.result.outcome == Outcome::LOCKED || line.result.outcome == Outcome::TIMED_OUT;
+  });
+  console::say(fmt::format("kelvo: the time was up before {} of {} frequencies were scanned; {}", left, lines_.size(),
+                           found ? "what was found is kept" : "nothing was found"));
+  return found ? EXIT_OK : EXIT_FAILED;
+}
+
+// Until when there is nothing to do but to wait for something to happen; -1: for ever.
+int Scan::wait_ms() const {
+  if (interrupted_ || time_up_ || progress_.on()) {
+    return DRAW_INTERVAL_MS;
+  }
+  if (!end_) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now());
+  // A long time is waited for in parts, because poll() takes an int.
+  return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));
 }
 
 void Scan::work() {
   pollfd waits[] = {{engine_->fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
   for (bool ended = false; !ended;) {
     draw();
-    (void)poll(waits, 2, progress_.on() ? DRAW_INTERVAL_MS : -1);
+    (void)poll(waits, 2, wait_ms());
     engine_->calm();
     ended = engine_->ended();  // looked at first, so that no result comes behind it
-    for (const Multiplex_result& result : job_.take_results()) {
-      handle(result);
-    }
     if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
       // One interrupt is enough: the signal stays readable and would otherwise make this loop spin until the merges
       // have ended.
       waits[1].fd = -1;
+    }
+    time_up_ = time_up_ || (!ended && end_ && Clock::now() >= *end_);
+    if (interrupted_ || time_up_) {
       engine_->stop();
+    }
+    for (const Multiplex_result& result : job_.take_results()) {
+      handle(result);
     }
     if (!interrupted_ && write_failed(database_.get())) {
       engine_->close();  // Nothing more can be kept.
@@ -125,8 +218,12 @@ void Scan::work() {
   }
 }
 
-void Scan::handle(const Multiplex_result& result) {
-  Multiplex_line line{result, 0};
+void Scan::handle(Multiplex_result result) {
+  if (result.outcome == Outcome::NOT_SCANNED && time_up_ && !interrupted_) {
+    result.outcome = Outcome::TIME_UP;
+  }
+  Multiplex_line line;
+  line.result = result;
   if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
     // Counted right behind the merge of this multiplex; what a later scan does to the rows does not belong to this
     // line.
@@ -134,9 +231,11 @@ void Scan::handle(const Multiplex_result& result) {
     services_ += line.services;
   }
   lines_.push_back(line);
+  time_left_.done(line.services > 0, result.seconds);
+  progress_.set_total(static_cast<int>(total()));
   progress_.step();
   if (!progress_.on()) {
-    console::say(fmt::format("[{}/{}] {}: {}", lines_.size(), freqs_.size(), mhz(result.freq), multiplex_text(line)));
+    console::say(fmt::format("[{}/{}] {}: {}", lines_.size(), total(), mhz(result.freq), multiplex_text(line)));
   }
 }
 
@@ -150,29 +249,39 @@ void Scan::draw() {
   }
   std::string freqs;
   float strength = 0;
+  std::vector<double> seconds;
   for (const Engine::Under_way& one : all) {
     freqs += (freqs.empty() ? "" : ", ") + mhz(one.freq);
     // With several adapters there is one number; the best tells whether aerial and cable are right.
     strength = std::max(strength, one.strength);
+    seconds.push_back(one.seconds);
   }
-  progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_));
+  std::optional<double> left = time_left_.left(engine_->waiting(), seconds, engine_->adapters().size());
+  if (left && end_) {
+    left = std::min(*left, std::chrono::duration<double>(*end_ - Clock::now()).count());
+  }
+  progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_), left);
+}
+
+bool any_receives_t2(const std::vector<int>& adapters) {
+  return std::any_of(adapters.begin(), adapters.end(), [](int adapter) {
+    const std::vector<int> systems = Tuner::best_frontend(adapter).systems;
+    return std::find(systems.begin(), systems.end(), SYS_DVBT2) != systems.end();
+  });
 }
 
 int scan(const Scan_options& options) {
-  std::vector<int> freqs = options.freqs;
-  if (freqs.empty()) {
-    freqs = band_frequencies(options.band.empty() ? "all" : options.band);
-  }
-  std::set<int> seen;
-  freqs.erase(std::remove_if(freqs.begin(), freqs.end(), [&seen](int freq) { return !seen.insert(freq).second; }),
-              freqs.end());
+  const std::optional<int> seconds =
+      options.time ? std::optional(parse_duration(*options.time, "--for")) : std::nullopt;
+  const std::vector<int> adapters = options.adapters.empty() ? std::vector<int>{0} : options.adapters;
+  const What_to_scan what = what_to_scan(options.choice, [&] { return any_receives_t2(adapters); });
   std::string db = options.db;
   if (!db.empty()) {
     check_database_name(db);
   }
   // Every adapter is opened before anything is made or changed, so that a wrong number costs nothing.
   std::map<int, Frontend_info> frontends;
-  for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
+  for (const int number : adapters) {
     if (!frontends.contains(number)) {
       frontends[number] = check_adapter(number);
     }
@@ -183,7 +292,10 @@ int scan(const Scan_options& options) {
     make_folders_for(db);
   }
   const bool exists = check_database(db);
-  return Scan(freqs, db, options.verbosity - 1).run(frontends, exists);
+  for (const std::string& line : what.lines) {
+    console::say("kelvo: " + line);
+  }
+  return Scan(what.requests, seconds, db, options.verbosity - 1).run(frontends, exists, options.follow);
 }
 
 }  // namespace
@@ -193,23 +305,44 @@ void add_scan(CLI::App& app, int* exit_code) {
   const auto options = std::make_shared<Scan_options>();
   add_adapters_option(command, &options->adapters,
                       "DVB adapter, 0 to 3; several share the frequencies and work side by side; default: 0");
-  CLI::Option* freq = add_freqs_option(command, &options->freqs);
+  CLI::Option* freq = add_freqs_option(command, &options->choice.freqs);
+  CLI::Option* band =
+      command
+          ->add_option("--band", options->choice.band,
+                       "vhf (177.5 to 226.5 MHz in 7 MHz steps), uhf (474 to 858 MHz in 8 MHz steps) or all")
+          ->check(CLI::IsMember({"uhf", "vhf", "all"}))
+          ->excludes(freq);
+  CLI::Option* country =
+      command
+          ->add_option("--country", options->choice.country,
+                       "The channels of a country, by its two letters: DE, GB, ...; default: that of the locale")
+          ->type_name("CC")
+          ->excludes(freq)
+          ->excludes(band);
   command
-      ->add_option("--band", options->band,
-                   "vhf (177.5 to 226.5 MHz in 7 MHz steps), uhf (474 to 858 MHz in 8 MHz steps) or all; default: all")
-      ->check(CLI::IsMember({"uhf", "vhf", "all"}))
-      ->excludes(freq);
+      ->add_option("--table", options->choice.table,
+                   "The multiplexes of an initial scan file, or of one of the package dtv-scan-tables: de-Berlin")
+      ->type_name("FILE|NAME")
+      ->excludes(freq)
+      ->excludes(band)
+      ->excludes(country);
+  command->add_flag("--follow", options->follow, "Scan as well what the multiplexes found announce");
+  command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; what was found is kept")
+      ->type_name("TIME");
   command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
       ->type_name("FILE");
   command->add_flag("-v,--verbose", options->verbosity,
                     "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
   command->footer(
       "Ends with a line a multiplex and a table of the services that are new, back or lost. Ctrl-C keeps what\n"
-      "was found. A frequency without a signal takes 0.15 s, a multiplex a few seconds, 40 at most.\n"
+      "was found. A frequency without a signal takes 0.15 s, a multiplex a few seconds, 40 at most. What several\n"
+      "frequencies bring is kept where it is received best.\n"
       "Exit code: 0 done, 1 failed, 2 wrong arguments, 130 interrupted.\n"
       "\n"
       "Examples:\n"
       "  kelvo scan\n"
+      "  kelvo scan --country AT --follow\n"
+      "  kelvo scan --table de-Berlin --for 2m\n"
       "  kelvo scan --freq 506000000 --freq 514000000\n"
       "  kelvo scan --adapter 0 --adapter 1 --band uhf --db living-room.db");
   command->callback([options, exit_code] { *exit_code = scan(*options); });

@@ -32,13 +32,40 @@ Outcome outcome_of(const Answer& answer) {
 
 }  // namespace
 
+void Scan_job::follow(const std::vector<Tuning_request>& asked, Engine* engine) {
+  engine_ = engine;
+  follow_.emplace(asked);
+}
+
 void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   const auto begin = Adapter::Clock::now();
   const Answer answer = adapter.scan(request);
-  const double seconds = std::chrono::duration<double>(Adapter::Clock::now() - begin).count();
-  // Not held during the scan: others report meanwhile.
+  Multiplex_result result;
+  result.seconds = std::chrono::duration<double>(Adapter::Clock::now() - begin).count();
+  result.freq = answer.tuning.key != 0 ? answer.tuning.key : key_of(request);
+  result.adapter = adapter.number();
+  result.outcome = outcome_of(answer);
+  result.signal = answer.signal;
+  std::vector<Tuning_request> more;
+  {
+    // Not held during the scan: others report meanwhile.
+    const std::lock_guard lock(mutex_);
+    if (follow_) {
+      result.announced_by = follow_->announced_by(key_of(request));
+      more = follow_->announced(result.freq, answer.end.original_network_id, answer.end.transport_stream_id,
+                                answer.end.announced);
+      announced_ += static_cast<int>(more.size());
+    }
+    results_.push_back(result);
+  }
+  if (!more.empty()) {
+    engine_->add(more);
+  }
+}
+
+int Scan_job::announced() const {
   const std::lock_guard lock(mutex_);
-  results_.push_back({request.freq, adapter.number(), outcome_of(answer), seconds});
+  return announced_;
 }
 
 std::vector<Multiplex_result> Scan_job::take_results() {

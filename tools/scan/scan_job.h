@@ -4,9 +4,11 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <vector>
 
-#include "tools/engine/adapter.h"
+#include "tools/engine/engine.h"
+#include "tools/frequencies/follow_queue.h"
 
 enum class Outcome {
   LOCKED,        // scanned to the end
@@ -16,23 +18,35 @@ enum class Outcome {
   NO_LOCK,       // no signal
   OUT_OF_RANGE,  // no adapter receives this frequency
   NOT_SCANNED,   // interrupted before or during the scan
+  TIME_UP,       // the same, because the time for the whole scan was over
 };
 
 struct Multiplex_result {
-  int freq = 0;
+  int freq = 0;      // as rows have it
   int adapter = -1;  // -1: none got to it
   Outcome outcome = Outcome::NOT_SCANNED;
   double seconds = 0;
+  int announced_by = 0;  // the frequency of the multiplex that named this one; 0: it was asked for
+  Signal_readings signal;
 };
 
 // What adapters do for `kelvo scan`: one scan of each frequency. Any thread.
 class Scan_job {
  public:
+  // What multiplexes announce is scanned, too; `asked` is what is known without them. The engine is not owned, and
+  // grows. Before the work begins.
+  void follow(const std::vector<Tuning_request>& asked, Engine* engine);
+
   void work(Adapter& adapter, const Tuning_request& request);
   // The results since the last call.
   std::vector<Multiplex_result> take_results();
+  // How many frequencies were announced.
+  int announced() const;
 
  private:
-  std::mutex mutex_;  // guards results_
+  Engine* engine_ = nullptr;
+  mutable std::mutex mutex_;  // guards what follows
   std::vector<Multiplex_result> results_;
+  std::optional<Follow_queue> follow_;
+  int announced_ = 0;
 };

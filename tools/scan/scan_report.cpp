@@ -28,10 +28,20 @@ std::string outcome_text(Outcome outcome) {
       return "no lock";
     case Outcome::OUT_OF_RANGE:
       return "out of the frontend's range";
+    case Outcome::TIME_UP:
+      return "not scanned: the time was up";
     case Outcome::NOT_SCANNED:
       break;
   }
   return "not scanned: interrupted";
+}
+
+std::string with_notes(const Multiplex_line& line) {
+  std::string out = outcome_text(line.result.outcome);
+  if (line.result.announced_by != 0) {
+    out += "; announced by " + mhz(line.result.announced_by);
+  }
+  return line.note.empty() ? out : out + "; " + line.note;
 }
 
 bool has_services(Outcome outcome) {
@@ -40,7 +50,7 @@ bool has_services(Outcome outcome) {
 
 // Without tuning there is no time to show, and 0.0 s would look like a measurement.
 bool was_tuned(Outcome outcome) {
-  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED;
+  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED && outcome != Outcome::TIME_UP;
 }
 
 std::string count_text(int count, const char* what) {
@@ -70,7 +80,10 @@ std::vector<Changed_service> changes(const std::vector<Service>& before, const s
   for (const Service& service : after) {
     const auto old = known.find(service.channel);
     if (old == known.end()) {
-      out.push_back({Change::NEW, &service});
+      // What another frequency brings as well was never there for anybody.
+      if (!is_lost(service)) {
+        out.push_back({Change::NEW, &service});
+      }
     } else if (is_lost(*old->second) && service.scan_state == 1) {
       out.push_back({Change::BACK, &service});
     } else if (!is_lost(*old->second) && is_lost(service)) {
@@ -122,11 +135,10 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
     const Multiplex_result& result = line.result;
     const bool counted = has_services(result.outcome);
     found += counted ? 1 : 0;
-    services += counted ? line.services : 0;
+    services += counted ? line.services - line.doubles : 0;
     lines.add({mhz(result.freq), result.adapter < 0 ? "-" : std::to_string(result.adapter),
                counted ? std::to_string(line.services) : "-",
-               was_tuned(result.outcome) ? fmt::format("{:.1f} s", result.seconds) : "-",
-               outcome_text(result.outcome)});
+               was_tuned(result.outcome) ? fmt::format("{:.1f} s", result.seconds) : "-", with_notes(line)});
   }
   lines.print(out);
 

@@ -13,6 +13,8 @@
 struct Multiplex_line {
   Multiplex_result result;
   int services = 0;
+  int doubles = 0;   // of these, what another frequency brings as well, and better
+  std::string note;  // "same multiplex as 506.000 MHz, weaker"; empty for none
 };
 
 // What happened on one frequency: "locked, 8 services, 3.2 s".

@@ -1,0 +1,204 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#include "tools/command_fixture.h"
+
+// Which frequencies `kelvo scan` asks for, for how long, and what it makes of a multiplex that several of them bring.
+
+namespace {
+
+using testing::_;
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+std::string masked(const std::string& text) {
+  return std::regex_replace(text, std::regex(" *[0-9]+\\.[0-9] s"), " #.# s");
+}
+
+// A stream of the sample network, made once: 474, 498 or 522.
+std::string stream(const std::string& mhz) {
+  static const support::Temp_dir dir;
+  const std::string file = dir.file(mhz + ".ts");
+  if (!std::filesystem::exists(file)) {
+    const Command_result run = run_command(
+        {SOFTDVB_MUX_COMMAND, KELVO_SAMPLES "/kuldnokk-" + mhz + ".json", "-o", file, "--now", "2026-03-01T18:00:00Z"});
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+  }
+  return file;
+}
+
+class Scan_choice : public Command_fixture {
+ protected:
+  // Its times are masked.
+  Command_result scan(const Words& options, const Words& arguments, const support::Environment& env = {}) const {
+    const Command_result result = run_command(kelvo(options, joined({{"scan"}, arguments})), env);
+    return {result.exit_code, masked(result.out), masked(result.err)};
+  }
+  std::string stored(const std::string& sql) const { return value(db_, sql); }
+  std::string file(const std::string& text) const {
+    support::write_file(dir_.file("table"), text);
+    return dir_.file("table");
+  }
+  const Words quick_{"--time", "x20"};
+};
+
+const support::Environment GERMANY{{"LC_ALL", "de_DE.UTF-8"}};
+const support::Environment NOWHERE{{"LC_ALL", "C"}};
+
+TEST_F(Scan_choice, the_country_of_the_locale) {
+  const Command_result result = scan(quick_, {}, GERMANY);
+  EXPECT_THAT(result, ends(0, HasSubstr("\n0 of 28 frequencies with a multiplex, 0 services: 0 new, 0 back, 0 lost.\n"),
+                           StartsWith("kelvo: 28 frequencies of DE (from the locale); --country names another country\n"
+                                      "kelvo: DE sends DVB-T2, which the adapter does not receive; DVB-T is looked "
+                                      "for\n[1/28] 474.000 MHz: ")));
+  EXPECT_THAT(result.err, HasSubstr("[28/28] 690.000 MHz: "));
+}
+
+TEST_F(Scan_choice, a_country_that_is_named) {
+  const struct {
+    const char* country;
+    support::Environment env;
+    std::string says;
+    const char* last;
+  } cases[] = {
+      {"NZ", GERMANY, "kelvo: 28 frequencies of NZ\n[1/28] 474.000 MHz: ", "[28/28] 690.000 MHz: "},
+      {"au", GERMANY, "kelvo: 32 frequencies of AU\n[1/32] 177.500 MHz: ", "[32/32] 690.500 MHz: "},
+      {"UK", NOWHERE, "kelvo: 28 frequencies of GB\n[1/28] 474.000 MHz: ", "[28/28] 690.000 MHz: "},
+      {"US", GERMANY, "kelvo: 57 frequencies, as in most of Europe: nothing is known of US\n[1/57] 177.500 MHz: ",
+       "[57/57] 858.000 MHz: "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.country);
+    EXPECT_THAT(scan(quick_, {"--country", c.country}, c.env),
+                ends(0, _, AllOf(StartsWith(c.says), HasSubstr(c.last))));
+  }
+}
+
+TEST_F(Scan_choice, no_country_at_all) {
+  EXPECT_THAT(scan(quick_, {}, NOWHERE),
+              ends(0, _,
+                   AllOf(StartsWith("kelvo: 57 frequencies, as in most of Europe; --country names a country\n[1/57] "),
+                         HasSubstr("[57/57] 858.000 MHz: "))));
+  EXPECT_THAT(scan(quick_, {}, {{"LC_ALL", "en_US.UTF-8"}}),
+              ends(0, _,
+                   StartsWith("kelvo: 57 frequencies, as in most of Europe: nothing is known of US (from the locale); "
+                              "--country names another country\n[1/57] ")));
+}
+
+TEST_F(Scan_choice, a_table_of_multiplexes) {
+  const std::string table = file(
+      "[A]\nDELIVERY_SYSTEM = DVBT\nFREQUENCY = 522000000\nBANDWIDTH_HZ = 8000000\n"
+      "[B]\nDELIVERY_SYSTEM = DVBC/ANNEX_A\nFREQUENCY = 113000000\n"
+      "[C]\nDELIVERY_SYSTEM = DVBT\nFREQUENCY = 5060000\n");
+  EXPECT_THAT(scan({"--time", "x10", "--mux", "522000000=" + stream("522")}, {"--table", table}),
+              ends(0, HasSubstr("\n1 of 1 frequency with a multiplex, 8 services: 8 new, 0 back, 0 lost.\n"),
+                   "kelvo: " + table + ":10: 5060000 Hz is passed over; DVB-T is between 30000000 and 1000000000\n" +
+                       "kelvo: 1 multiplex of " + table + "; 1 entry passed over, of other systems\n" +
+                       "[1/1] 522.000 MHz: locked, 8 services, #.# s\n"));
+}
+
+TEST_F(Scan_choice, a_table_of_a_place) {
+  if (!std::filesystem::exists("/usr/share/dvb/dvb-t/de-Berlin"))
+    GTEST_SKIP() << "dtv-scan-tables is not installed";
+  EXPECT_THAT(scan(quick_, {"--table", "de-Berlin"}),
+              ends(0, _,
+                   AllOf(StartsWith("kelvo: 9 multiplexes of /usr/share/dvb/dvb-t/de-Berlin\n[1/9] 506.000 MHz: "),
+                         HasSubstr("[9/9] 778.000 MHz: "))));
+}
+
+TEST_F(Scan_choice, what_cannot_be_scanned_is_one_line_and_nothing_is_made) {
+  const support::Temp_dir folder;
+  support::write_file(folder.file("broken"), std::string("T 506000000 8MHz\nT 514000000 9MHz\n"));
+  const struct {
+    Words arguments;
+    std::string line;
+    int code;
+  } cases[] = {
+      {{"--country", "Germany"}, "--country Germany: not a country; give its two letters, such as DE", 2},
+      {{"--country", ""}, "--country : not a country; give its two letters, such as DE", 2},
+      {{"--country", "D\x1B"}, "--country D: not a country; give its two letters, such as DE", 2},
+      {{"--table", folder.file("broken")},
+       folder.file("broken") + ":2: '9MHz' is not a bandwidth; give 1.712MHz, 5MHz, 6MHz, 7MHz, 8MHz, 10MHz or AUTO",
+       1},
+      {{"--table", folder.file("none")}, folder.file("none") + ": cannot be read: No such file or directory", 1},
+      {{"--table", folder.path()}, folder.path() + ": a folder; an initial scan file is wanted", 1},
+      {{"--for", "10"}, "--for 10: not a time; give for example 90s, 10m or 1h", 2},
+      {{"--for", "0s"}, "--for 0s: not a time; give for example 90s, 10m or 1h", 2},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(scan(quick_, c.arguments), fails(c.line, c.code));
+    EXPECT_TRUE(folder_is_empty()) << c.line;
+  }
+}
+
+// Ten carriers without a stream take six seconds each.
+TEST_F(Scan_choice, the_time_for_all_ends_it_and_keeps_what_was_found) {
+  std::string nothing;
+  for (int i = 0; i < 20000; ++i)
+    nothing += "\x47\x1F\xFF\x10" + std::string(184, '\xFF');
+  const support::Temp_dir folder;
+  support::write_file(folder.file("empty.ts"), nothing);
+  Words network{"--time", "x8", "--mux", "474000000=" + stream("474")};
+  Words arguments{"--for", "40s", "--freq", "474000000"};
+  for (int freq = 482; freq < 562; freq += 8) {
+    network = joined({network, {"--mux", std::to_string(freq) + "000000=" + folder.file("empty.ts")}});
+    arguments = joined({arguments, {"--freq", std::to_string(freq) + "000000"}});
+  }
+  const Command_result result = scan(network, arguments);
+  EXPECT_THAT(result.out,
+              AllOf(HasSubstr("474.000 MHz        0         8 #.# s  locked\n"),
+                    HasSubstr("554.000 MHz        -         -      -  not scanned: the time was up\n"),
+                    HasSubstr("\n1 of 11 frequencies with a multiplex, 8 services: 8 new, 0 back, 0 lost.")));
+  EXPECT_THAT(result.err, ContainsRegex("\nkelvo: the time was up before [0-9]+ of 11 frequencies were scanned; what "
+                                        "was found is kept\n$"));
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE scan_state = 1;"), "8");
+}
+
+TEST_F(Scan_choice, when_the_time_is_up_before_anything_was_found_it_failed) {
+  EXPECT_THAT(scan({}, {"--for", "1s", "--band", "all"}),
+              ends(1, HasSubstr("858.000 MHz        -         -      -  not scanned: the time was up\n"),
+                   ContainsRegex("\nkelvo: the time was up before [0-9]+ of 57 frequencies were scanned; nothing was "
+                                 "found\n$")));
+}
+
+TEST_F(Scan_choice, the_better_of_two_receptions_is_kept) {
+  const Words network{"--time",   "x10",
+                      "--mux",    "474000000=" + stream("474"),
+                      "--mux",    "522000000=" + stream("474"),
+                      "--signal", "474000000:strength=0x6464"};
+  const Words both{"--freq", "474000000", "--freq", "522000000"};
+  EXPECT_THAT(
+      scan(network, both),
+      ends(0, AllOf(HasSubstr("474.000 MHz        0         8 #.# s  locked; same multiplex as 522.000 MHz, weaker\n"
+                              "522.000 MHz        0         8 #.# s  locked\n"),
+                    HasSubstr("\n2 of 2 frequencies with a multiplex, 8 services: 8 new, 0 back, 0 lost.\n"),
+                    Not(HasSubstr("474.000 MHz\n")))));
+  EXPECT_EQ(stored("SELECT group_concat(DISTINCT freq) FROM kanalid WHERE scan_state = 1;"), "522000000");
+  EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE scan_state = 1;"), "8");
+  const std::string numbers = stored("SELECT group_concat(channel) FROM kanalid WHERE scan_state = 1;");
+
+  // Once more: nothing changes, and nothing is new.
+  EXPECT_THAT(scan(network, both),
+              ends(0, HasSubstr("\n2 of 2 frequencies with a multiplex, 8 services: 0 new, 0 back, 0 lost.\n")));
+  EXPECT_EQ(stored("SELECT group_concat(channel) FROM kanalid WHERE scan_state = 1;"), numbers);
+
+  // The better one is gone: the other one is there again.
+  const Words rest{"--time", "x10", "--mux", "474000000=" + stream("474")};
+  EXPECT_THAT(scan(rest, both),
+              ends(0, AllOf(HasSubstr("522.000 MHz        0         - #.# s  no lock; moved to 474.000 MHz\n"),
+                            HasSubstr(": 0 new, 8 back, 8 lost.\n"))));
+  EXPECT_EQ(stored("SELECT group_concat(DISTINCT freq) FROM kanalid WHERE scan_state = 1;"), "474000000");
+}
+
+TEST_F(Scan_choice, a_multiplex_that_has_gone_is_told_and_kept) {
+  ASSERT_EQ(scan({"--time", "x10", "--mux", "522000000=" + stream("522")}, {"--freq", "522000000"}).exit_code, 0);
+  EXPECT_THAT(scan({"--time", "x10"}, {"--freq", "522000000"}),
+              ends(0, HasSubstr("522.000 MHz        0         - #.# s  no lock; had 8 services\n")));
+  EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE scan_state = 1;"), "8");
+}
+
+}  // namespace

@@ -181,7 +181,7 @@ int Sdbl::usec_to_now(const timespec* start) {
 
 void Sdbl::update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
                                   HF_CONN_ID hf_conn, int freq) {
-  (void)parts_->zone.update(offset_min, zone_name, zone_nr, multiplex(dvb_type, hf_conn, freq));
+  (void)parts_->zone.update(offset_min, zone_name, zone_nr, multiplex(dvb_type, hf_conn, freq), true);
 }
 
 // --- Writing what a scan finds

@@ -84,7 +84,7 @@ void Zone::set_preferred_provider(const char* name) {
   preferred_provider_ = name != nullptr ? name : "";
 }
 
-Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex) {
+Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex, bool sets) {
   // The statement is reset at once, here as everywhere: a row left open would keep the file locked for other
   // connections, and the tables from being dropped.
   Rows rows(statements_, "update_system_timezone", 0,
@@ -112,6 +112,8 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
     KLOG(VERB_WARNING, "WARNING: Timezone OK\n");
     return Zone_outcome::RIGHT;
   }
+  if (!sets)
+    return Zone_outcome::KEPT;
   KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
   const bool set =
       write_zone_source(preferred_provider, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);

@@ -17,6 +17,7 @@ enum class Zone_outcome {
   RIGHT,      // it is that one already
   SET,        // compiled and installed
   FAILED,     // its source could not be written, compiled or copied
+  KEPT,       // another one, and left so
 };
 
 // The box's time zone, from the local time offset that the preferred network broadcasts.
@@ -27,8 +28,8 @@ class Zone {
   // Sdbl::set_preferred_provider. Any-thread.
   void set_preferred_provider(const char* name);
 
-  // Sdbl::update_system_timezone. Worker-only.
-  Zone_outcome update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex);
+  // Sdbl::update_system_timezone; if not `sets`, the zone is compared only. Worker-only.
+  Zone_outcome update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex, bool sets);
 
  private:
   const Statements& statements_;

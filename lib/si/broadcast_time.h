@@ -9,7 +9,8 @@
 enum : int {
   CLOCK_RIGHT = 0,    // at most 10 s from the broadcast: left alone
   CLOCK_SET = 1,      // set to the broadcast time
-  CLOCK_REFUSED = 2,  // to be set, but the system did not allow it: it stays wrong
+  CLOCK_REFUSED = 2,  // to be set, but the system did not allow it, or cannot hold the time: it stays wrong
+  CLOCK_KEPT = 3,     // wrong, left alone because the profile does not set it
 };
 
 // What became of the system's zone.
@@ -18,6 +19,7 @@ enum : int {
   ZONE_RIGHT = 1,      // it is the broadcast one already
   ZONE_SET = 2,        // compiled and installed
   ZONE_FAILED = 3,     // to be set, but it could not be written, compiled or installed
+  ZONE_KEPT = 4,       // another one, left alone because the profile does not set it
 };
 
 // One TDT or TOT (EN 300 468, 5.2.5 and 5.2.6), and what it did.

@@ -43,6 +43,7 @@ struct Site {
   int network_id = -1;
   int ts_id = -1;
   int orig_network_id = -1;
+  bool sets_zone = true;  // by a local time offset
 };
 
 // What is done with a descriptor of this tag in one of these loops.

@@ -25,7 +25,7 @@ void local_time_offset(const Descriptor& descriptor, Site& site) {
          Siparse::mjd_to_bcd(entry->getTimeOfChangeMjd()), static_cast<unsigned>(entry->getTimeOfChangeBcd()));
     const int east = static_cast<int>(Siparse::bcd_to_int(offset >> 8) * 60 + Siparse::bcd_to_int(offset & 0xFF));
     const int minutes = polarity == 1 ? -east : east;
-    const int result = site.rows.local_offset(site.context, minutes, country, region);
+    const int result = site.rows.local_offset(site.context, minutes, country, region, site.sets_zone);
     if (result != ZONE_UNTOUCHED)
       site.found.zone = {result, minutes, country};
   }

@@ -98,14 +98,16 @@ int Scan_rows::event(int service_id, SQL_cache* cache, const Event_times& times,
   return row;
 }
 
-int Scan_rows::local_offset(int freq, int minutes, const std::string& country, int region) {
-  switch (db_.zone.update(minutes, country.c_str(), region, {place_.multiplex.input, freq})) {
+int Scan_rows::local_offset(int freq, int minutes, const std::string& country, int region, bool sets_zone) {
+  switch (db_.zone.update(minutes, country.c_str(), region, {place_.multiplex.input, freq}, sets_zone)) {
     case sdbl::Zone_outcome::RIGHT:
       return ZONE_RIGHT;
     case sdbl::Zone_outcome::SET:
       return ZONE_SET;
     case sdbl::Zone_outcome::FAILED:
       return ZONE_FAILED;
+    case sdbl::Zone_outcome::KEPT:
+      return ZONE_KEPT;
     case sdbl::Zone_outcome::UNTOUCHED:
       break;
   }

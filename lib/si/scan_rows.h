@@ -58,8 +58,9 @@ class Scan_rows {
   // EIT: stores an event of the service of `cache` with its texts. Returns its row, or 0 or less when it was refused.
   int event(int service_id, SQL_cache* cache, const Event_times& times, const Event_found& event);
 
-  // TOT: an offset from UTC in minutes, for this frequency. Returns what became of the system's zone, ZONE_...
-  int local_offset(int freq, int minutes, const std::string& country, int region);
+  // TOT: an offset from UTC in minutes, for this frequency. Returns what became of the system's zone, ZONE_..., which
+  // is set if `sets_zone`, else compared.
+  int local_offset(int freq, int minutes, const std::string& country, int region, bool sets_zone);
 
  private:
   std::string table(const char* base) const;

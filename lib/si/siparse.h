@@ -85,8 +85,8 @@ class KELVO_EXPORT Siparse {
   // valid until the next call.
   char* add_dvbnr(const char* base);
 
-  // True once the clock is known to be right: it was past 1999 at the start, or the broadcast has been seen.
-  // Any-thread.
+  // True once the clock is known to be right: it was past 1999 at the start, or the broadcast has been seen. Where the
+  // profile does not set the clock, false while the last time table said that it is more than 10 s off. Any-thread.
   bool systime_valid() const;
 
   // Events stored since the construction. Any-thread.
@@ -142,7 +142,8 @@ class KELVO_EXPORT Siparse {
   bool get_eit_info_available();
 
   // TDT and TOT (EN 300 468, 5.2.5 and 5.2.6): set the system clock when it is more than 10 s off, a TOT after it has
-  // dealt with the zone. Without the right to set it the clock stays, in silence. Return 0.
+  // dealt with the zone. Without the right to set it the clock stays, in silence; where the profile does not set it,
+  // with a warning at the first difference of more than a minute. Return 0.
   int parse_section_tdt(TimeAndDateSection* section, int freq);
   int parse_section_tot(TimeOffsetSection* section, int freq);
 

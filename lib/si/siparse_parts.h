@@ -27,7 +27,7 @@ namespace section_guard {
 class Safe_copy;
 }
 
-// What stands behind a Siparse; not installed. Other folders use the two operations of the first part and no more.
+// What stands behind a Siparse; not installed. Other folders use the operations of the first part and no more.
 //
 // A section goes the same way for every table: dispatch.cpp checks it and lays its class over it, the parser of the
 // table (pat.cpp and so on) walks its loops, each descriptor goes through the table in descriptors.cpp to a handler
@@ -44,6 +44,11 @@ class Siparse::Parts {
   // Who is told of each TDT and TOT, on the worker, when clock and zone have been dealt with and before the table's
   // filter is closed. Null for nobody, as at first. Any-thread; a call that is under way is not waited for.
   void set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data);
+
+  // Whether time tables set the system's clock, and local time offsets its zone, as both do at first. What is not set
+  // is told to the listener as CLOCK_KEPT and ZONE_KEPT; systime_valid() is then System_clock::valid() of a clock that
+  // is compared only. Before-start: before the first section.
+  void set_system_policy(bool set_clock, bool set_zone);
 
   // --- For Siparse, which has the contracts ------------------------------------------------------------------------
 
@@ -107,6 +112,7 @@ class Siparse::Parts {
   const Input input_;
 
   System_clock clock_;
+  bool sets_zone_ = true;
   Dvb_text text_;
   Guide_round guide_;
 

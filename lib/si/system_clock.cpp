@@ -5,7 +5,9 @@
 
 #include <sys/time.h>
 
-#include <cmath>
+#include <chrono>
+#include <cstdlib>
+#include <utility>
 
 #include "base/log.h"
 #include "si/siparse.h"
@@ -13,19 +15,19 @@
 namespace {
 
 constexpr time_t LAST_SECOND_OF_1999 = 946684799;
-constexpr double TOLERANCE_S = 10;
+constexpr int64_t TOLERANCE_S = 10;
+constexpr int64_t WORTH_A_WARNING_S = 60;
 
-time_t utc_seconds(unsigned mjd, unsigned hms_bcd) {
+// 64 bits wherever it runs: MJD goes beyond what 32 hold. Digits that are none count all the same, so a month may be
+// one of a later year.
+int64_t utc_seconds(unsigned mjd, unsigned hms_bcd) {
+  using std::chrono::month, std::chrono::sys_days, std::chrono::year;
+  const auto number = [](unsigned bcd) { return static_cast<int>(Siparse::bcd_to_int(bcd)); };
   const unsigned ymd = Siparse::mjd_to_bcd(mjd);
-  tm utc{};
-  utc.tm_year = static_cast<int>(Siparse::bcd_to_int(ymd >> 16)) - 1900;
-  utc.tm_mon = static_cast<int>(Siparse::bcd_to_int(ymd >> 8 & 0xFF)) - 1;
-  utc.tm_mday = static_cast<int>(Siparse::bcd_to_int(ymd & 0xFF));
-  utc.tm_hour = static_cast<int>(Siparse::bcd_to_int(hms_bcd >> 16 & 0xFF));
-  utc.tm_min = static_cast<int>(Siparse::bcd_to_int(hms_bcd >> 8 & 0xFF));
-  utc.tm_sec = static_cast<int>(Siparse::bcd_to_int(hms_bcd & 0xFF));
-  utc.tm_yday = -1;
-  return timegm(&utc);
+  const int months = number(ymd >> 16) * 12 + number(ymd >> 8 & 0xFF) - 1;
+  const sys_days first = year{months / 12} / month{static_cast<unsigned>(months % 12 + 1)} / 1;
+  const int64_t days = int64_t{first.time_since_epoch().count()} + number(ymd & 0xFF) - 1;
+  return ((days * 24 + number(hms_bcd >> 16 & 0xFF)) * 60 + number(hms_bcd >> 8 & 0xFF)) * 60 + number(hms_bcd & 0xFF);
 }
 
 }  // namespace
@@ -40,17 +42,32 @@ System_clock::System_clock() {
   KLOG(VERB_TRACE, "Epoch time is %d\n", static_cast<int>(now));
 }
 
+int System_clock::set_to(int64_t utc) {
+  KLOG(VERB_PROGRESS, "Changing system clock\n");
+  if (!std::in_range<time_t>(utc))
+    return CLOCK_REFUSED;
+  const timeval tv{static_cast<time_t>(utc), 0};
+  // Without the right to set it the clock stays as it is.
+  return settimeofday(&tv, nullptr) == 0 ? CLOCK_SET : CLOCK_REFUSED;
+}
+
+void System_clock::warn(int64_t off_by) {
+  if (std::llabs(off_by) > WORTH_A_WARNING_S && !std::exchange(warned_, true))
+    KLOG(VERB_WARNING, "WARNING: The system's clock is %lld s %s the broadcast time and is left alone\n",
+         std::llabs(off_by), off_by > 0 ? "behind" : "ahead of");
+}
+
 Broadcast_time System_clock::follow(unsigned mjd, unsigned hms_bcd, time_t now) {
-  const time_t broadcast = utc_seconds(mjd, hms_bcd);
   Broadcast_time result;
-  result.utc = broadcast;
-  result.off_by = int64_t{broadcast} - now;
-  if (std::fabs(difftime(broadcast, now)) > TOLERANCE_S) {
-    KLOG(VERB_PROGRESS, "Changing system clock\n");
-    const timeval tv{broadcast, 0};
-    // Without the right to set it the clock stays as it is.
-    result.clock = settimeofday(&tv, nullptr) == 0 ? CLOCK_SET : CLOCK_REFUSED;
+  result.utc = utc_seconds(mjd, hms_bcd);
+  result.off_by = result.utc - now;
+  const bool right = std::llabs(result.off_by) <= TOLERANCE_S;
+  if (!right && sets_) {
+    result.clock = set_to(result.utc);
+  } else if (!right) {
+    result.clock = CLOCK_KEPT;
+    warn(result.off_by);
   }
-  valid_ = true;
+  valid_ = right || sets_;
   return result;
 }

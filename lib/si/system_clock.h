@@ -9,19 +9,29 @@
 
 #include "si/broadcast_time.h"
 
-// The system's clock, as far as broadcast time tables set it. Worker-only, but for valid().
+// The system's clock, as far as broadcast time tables set it, or are compared with it. Worker-only, but for valid().
 class System_clock {
  public:
   // Looks at the clock, which counts as right when it is past 1999, and traces what it found.
   System_clock();
 
-  // True once the clock is known to be right; never false again. Any-thread.
+  // False: the clock is compared only. A difference of more than a minute is warned of, once. Before-start.
+  void set_sets(bool sets) { sets_ = sets; }
+
+  // True once the clock is known to be right; never false again. Where it is compared only, false since a table that it
+  // was more than 10 s from, until one that it was not. Any-thread.
   bool valid() const { return valid_; }
 
   // Sets the clock to a broadcast date and time, UTC, when it is more than 10 s off; it is valid then in any case.
-  // `now` is what it showed when the section came. Everything but frequency and zone of the result is filled.
+  // `now` is what it showed when the section came. Everything but frequency and zone of the result is filled. A time
+  // that time_t cannot hold is told, but not set.
   Broadcast_time follow(unsigned mjd, unsigned hms_bcd, time_t now);
 
  private:
+  int set_to(int64_t utc);
+  void warn(int64_t off_by);
+
+  bool sets_ = true;
+  bool warned_ = false;
   std::atomic<bool> valid_;
 };

@@ -56,6 +56,7 @@ int Siparse::Parts::parse_section_tot(TimeOffsetSection* section, int freq) {
   Found found;
   Scan_rows rows(db_, place(freq));
   Site site{loop::TIME, freq, rows, text_, found};
+  site.sets_zone = sets_zone_;
   for (const Descriptor* descriptor : *section->getDescriptors())
     parse_descriptor(*descriptor, site);
   // Installing a zone takes its time, so the clock is looked at only now.
@@ -66,6 +67,11 @@ int Siparse::Parts::parse_section_tot(TimeOffsetSection* section, int freq) {
   (void)std::snprintf(broadcast.country, sizeof broadcast.country, "%s", found.zone.country.c_str());
   tell(broadcast);
   return filter_.removefilter(pid::TIME, table::TOT);
+}
+
+void Siparse::Parts::set_system_policy(bool set_clock, bool set_zone) {
+  clock_.set_sets(set_clock);
+  sets_zone_ = set_zone;
 }
 
 void Siparse::Parts::set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data) {

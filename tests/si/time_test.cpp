@@ -121,6 +121,15 @@ TEST_F(Time_tables, ten_seconds_off_leave_the_clock_and_eleven_set_it_to_every_d
   }
 }
 
+TEST_F(Time_tables, a_time_that_the_clock_cannot_hold_is_not_set) {
+  if (sizeof(time_t) > 4)
+    GTEST_SKIP() << "this one holds every date that can be sent";
+  for (const Bytes& section : both(65442, 0x031408)) {
+    scan(section);
+    EXPECT_THAT(recorded_clock.take_settings(), IsEmpty());
+  }
+}
+
 TEST_F(Time_tables, with_a_right_clock_the_time_becomes_valid_and_the_filter_closes) {
   recorded_clock.time = 1000;
   Siparse early(&filter, 1, CONN, TYPE, &db);
@@ -222,6 +231,14 @@ TEST_F(Told, of_each_table_with_time_frequency_and_what_became_of_the_clock) {
   EXPECT_EQ(times.size(), 4u) << "nobody is told any more";
 }
 
+TEST_F(Told, of_times_of_more_than_32_bits) {
+  scan(tdt(65535, 0x235959));
+  ASSERT_EQ(times.size(), 1u);
+  EXPECT_EQ(times[0].utc, 2155593599);
+  EXPECT_EQ(times[0].off_by, 2155593599 - NOON_2010);
+  EXPECT_EQ(times[0].clock, sizeof(time_t) > 4 ? CLOCK_SET : CLOCK_REFUSED);
+}
+
 TEST_F(Told, of_the_last_offset_that_did_anything) {
   prefer_this();
   const char* const before = std::getenv("TZ");
@@ -236,6 +253,100 @@ TEST_F(Told, of_the_last_offset_that_did_anything) {
   EXPECT_EQ(times[0].zone, ZONE_RIGHT);
   EXPECT_EQ(times[0].offset_min, 120);
   EXPECT_STREQ(times[0].country, "PRT");
+}
+
+// --- A clock and a zone that are left alone --------------------------------------------------------------------------
+
+class Kept : public Told {
+ protected:
+  Kept() { parser.parts().set_system_policy(false, false); }
+  // What a table prints at this level; its filter is open.
+  std::string warnings(const Bytes& section, int level = 1) {
+    open({pid::TIME, section[0]});
+    return scan_at(level, section);
+  }
+};
+
+TEST_F(Kept, the_clock_is_not_set_and_who_is_told_hears_by_how_much_it_is_off) {
+  scan_each({tdt(55197, 0x120010), tdt(55197, 0x120011), tot(55197, 0x115949, {}), tot(55197, 0x130000, {}),
+             tdt(65535, 0x235959), tdt(40587, 0)});
+  Texts clocks;
+  for (const Broadcast_time& t : times)
+    clocks.push_back(formatted("%lld %d", static_cast<long long>(t.off_by), t.clock));
+  EXPECT_EQ(clocks, (Texts{formatted("10 %d", CLOCK_RIGHT), formatted("11 %d", CLOCK_KEPT),
+                           formatted("-11 %d", CLOCK_KEPT), formatted("3600 %d", CLOCK_KEPT),
+                           formatted("893246399 %d", CLOCK_KEPT), formatted("-1262347200 %d", CLOCK_KEPT)}));
+  EXPECT_THAT(recorded_clock.take_settings(), IsEmpty());
+  EXPECT_THAT(scan_at(3, tdt(55197, 0x130000)), Not(HasSubstr("Changing")));
+}
+
+TEST_F(Kept, a_difference_of_more_than_a_minute_is_warned_of_once) {
+  for (const Bytes& section : both(55197, 0x120100))
+    EXPECT_EQ(warnings(section), "") << "a minute";
+  EXPECT_EQ(warnings(tdt(55197, 0x120101)),
+            "WARNING: The system's clock is 61 s behind the broadcast time and is left alone\n");
+  for (const Bytes& section : both(55197, 0x230000))
+    EXPECT_EQ(warnings(section), "");
+}
+
+TEST_F(Kept, a_clock_that_is_ahead_is_said_to_be) {
+  EXPECT_EQ(warnings(tot(55196, 0x120000, {})),
+            "WARNING: The system's clock is 86400 s ahead of the broadcast time and is left alone\n");
+}
+
+TEST_F(Kept, the_warning_is_one_of_verbosity_1) {
+  EXPECT_EQ(warnings(tot(55196, 0x120000, {}), 0), "");
+}
+
+TEST_F(Kept, the_time_is_valid_while_the_last_table_agrees_with_the_clock) {
+  EXPECT_TRUE(parser.systime_valid()) << "nothing speaks against it";
+  scan(tdt(55197, 0x120011));
+  EXPECT_FALSE(parser.systime_valid());
+  scan(tot(55197, 0x115950, {}));
+  EXPECT_TRUE(parser.systime_valid());
+  recorded_clock.time = 1000;
+  Siparse early(&filter, 0, CONN, TYPE, &db);
+  early.parts().set_system_policy(false, true);
+  EXPECT_FALSE(early.systime_valid());
+  scan_with(early, tdt(55197, 0x120000), pid::TIME);
+  EXPECT_FALSE(early.systime_valid());
+  recorded_clock.time = NOON_2010;
+  scan_with(early, tdt(55197, 0x120000), pid::TIME);
+  EXPECT_TRUE(early.systime_valid());
+}
+
+TEST_F(Kept, its_filter_is_closed_all_the_same) {
+  open(TDT);
+  open(TOT);
+  scan_each({tdt(55197, 0x130000), tot(55197, 0x130000, {})});
+  EXPECT_THAT(filters(), IsEmpty());
+}
+
+TEST_F(Kept, another_zone_is_told_and_nothing_is_written) {
+  prefer_this();
+  const char* const before = std::getenv("TZ");
+  const std::string zone = before != nullptr ? before : "";
+  setenv("TZ", "EET-2", 1);
+  const Bytes right = tot(55197, 0x120000, descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("PRT", 5, 0, 0x0200)));
+  const Bytes other = tot(55197, 0x120000, descriptor(tag::LOCAL_TIME_OFFSET, offset_entry("EST", 0, 1, 0x0330)));
+  scan(right);
+  EXPECT_EQ(warnings(other), "WARNING: Checking mux 506000000 provider Net = timezone Net\n");
+  db.set_preferred_provider("Another");
+  scan(other);
+  (void)(before != nullptr ? setenv("TZ", zone.c_str(), 1) : unsetenv("TZ"));
+  tzset();
+  Texts zones;
+  for (const Broadcast_time& t : times)
+    zones.push_back(formatted("%d %d %s", t.zone, t.offset_min, t.country));
+  EXPECT_EQ(zones, (Texts{formatted("%d 120 PRT", ZONE_RIGHT), formatted("%d -210 EST", ZONE_KEPT),
+                          formatted("%d 0 ", ZONE_UNTOUCHED)}));
+}
+
+TEST_F(Kept, each_of_the_two_can_be_left_alone_by_itself) {
+  parser.parts().set_system_policy(true, false);
+  scan(tdt(55197, 0x130000));
+  EXPECT_THAT(recorded_clock.take_settings(), ElementsAre(NOON_2010 + 3600));
+  EXPECT_EQ(times.back().clock, CLOCK_SET);
 }
 
 // --- Local time offsets ----------------------------------------------------------------------------------------------

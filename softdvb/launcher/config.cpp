@@ -6,12 +6,13 @@
 #include <linux/dvb/frontend.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "softdvb/model/clock.h"
-#include "softdvb/model/frontend.h"
 #include "softdvb/model/frontend_calls.h"
+#include "softdvb/model/frontend_core.h"
 #include "softdvb/model/rules.h"
 #include "softdvb/model/stream_index.h"
 #include "softdvb/model/usage_error.h"
@@ -20,12 +21,20 @@ namespace softdvb {
 
 static constexpr double DEFAULT_RATE = 2.0e6;  // bits a second of a stream without clock references
 static constexpr uint64_t NS_PER_MS = 1000000;
+static constexpr uint64_t HOUR_MS = 3600000;
 
 // Options that name no adapter describe the first one.
 Adapter_config& Config::current() {
   if (adapters.empty())
     adapters.emplace_back();
   return adapters[current_index];
+}
+
+int parse_device(const std::string& name, const std::string& what) {
+  const int device = device_by_name(name);
+  if (device < 0)
+    throw Usage_error(what + ": there is no '" + name + "'; softdvb --list-devices shows all");
+  return device;
 }
 
 // "[FREQ=]VALUE"
@@ -83,6 +92,8 @@ static void set_readings(Adapter& a, const Adapter_config& c) {
   for (const std::string& text : c.signals)
     add_signal(a, text);
   static const char* const NAMES[] = {"status", "strength", "snr", "ber", "ucblocks"};
+  // A bit for each Reading, the status first, which every driver has.
+  a.missing_readings = (~uint32_t{profile_of(a).readings} & HAS_ALL_READINGS) << 1;
   for (const std::string& name : c.without) {
     const auto at = std::find(std::begin(NAMES) + 1, std::end(NAMES), name);
     if (at == std::end(NAMES))
@@ -91,29 +102,51 @@ static void set_readings(Adapter& a, const Adapter_config& c) {
   }
 }
 
-static void set_frontend(Adapter& a, const Adapter_config& c) {
+static void set_type(Adapter& a, const std::string& name) {
   static const char* const TYPES[] = {"qpsk", "qam", "ofdm", "atsc"};  // in the order of enum fe_type
-  const auto type = std::find(std::begin(TYPES), std::end(TYPES), c.type);
+  const auto type = std::find(std::begin(TYPES), std::end(TYPES), name);
   if (type == std::end(TYPES))
-    throw Usage_error("type: '" + c.type + "' is none of ofdm, qpsk, qam, atsc");
+    throw Usage_error("type: '" + name + "' is none of ofdm, qpsk, qam, atsc");
   a.fe_type = static_cast<int32_t>(type - std::begin(TYPES));
-  // The bands that terrestrial drivers tell.
-  a.freq_min = 47000000;
-  a.freq_max = 862000000;
-  if (!c.frequency_range.empty()) {
-    const size_t at = c.frequency_range.find('-');
-    if (at == std::string::npos)
-      throw Usage_error("frequency-range: '" + c.frequency_range + "' is not of the form MIN-MAX");
-    a.freq_min = static_cast<uint32_t>(parse_number(c.frequency_range.substr(0, at), "frequency-range", 0xFFFFFFFF));
-    a.freq_max = static_cast<uint32_t>(parse_number(c.frequency_range.substr(at + 1), "frequency-range", 0xFFFFFFFF));
-    if (a.freq_min > a.freq_max)
-      throw Usage_error("frequency-range: the lower limit is above the upper one");
+  if (name != "ofdm" && !profile_of(a).takes_any_system)
+    throw Usage_error(std::string("type: device ") + profile_of(a).name + " is ofdm; only box can be another type");
+}
+
+static void set_frequencies(Adapter& a, const Adapter_config& c) {
+  a.freq_min = profile_of(a).freq_min;
+  a.freq_max = profile_of(a).freq_max;
+  a.offset_hz = profile_of(a).offset_hz;
+  if (!c.frequency_offset.empty()) {
+    constexpr uint64_t MAX_HZ = 10000000;
+    const bool below = c.frequency_offset[0] == '-';
+    const int hz = static_cast<int>(parse_number(c.frequency_offset.substr(below ? 1 : 0), "frequency-offset", MAX_HZ));
+    a.offset_hz = below ? -hz : hz;
   }
-  a.lock_delay_ns = c.lock_delay_ms * NS_PER_MS;
-  a.look_interval_ns = c.look_interval_ms * NS_PER_MS;
+  if (c.frequency_range.empty())
+    return;
+  const size_t at = c.frequency_range.find('-');
+  if (at == std::string::npos)
+    throw Usage_error("frequency-range: '" + c.frequency_range + "' is not of the form MIN-MAX");
+  a.freq_min = static_cast<uint32_t>(parse_number(c.frequency_range.substr(0, at), "frequency-range", 0xFFFFFFFF));
+  a.freq_max = static_cast<uint32_t>(parse_number(c.frequency_range.substr(at + 1), "frequency-range", 0xFFFFFFFF));
+  if (a.freq_min > a.freq_max)
+    throw Usage_error("frequency-range: the lower limit is above the upper one");
+}
+
+static void set_frontend(Adapter& a, const Adapter_config& c) {
+  const Device_profile& d = profile_of(a);
+  set_type(a, c.type);
+  set_frequencies(a, c);
+  a.look_interval_ns = c.look_interval_ms.value_or(d.min_delay_ms) * NS_PER_MS;
   a.dead_reopen = c.dead_reopen;
+  a.filters = c.filters.value_or(d.filters);
+  if (c.firmware != "present" && c.firmware != "missing")
+    throw Usage_error("firmware: '" + c.firmware + "' is neither present nor missing");
+  a.firmware_missing = c.firmware == "missing" ? 1 : 0;
+  if (a.firmware_missing != 0 && d.no_firmware_error == 0)
+    throw Usage_error(std::string("firmware: device ") + d.name + " needs none");
   // After the type, on which the delivery system depends.
-  a.requested = a.fe.asked = untuned(a.fe_type);
+  a.cache = a.fe.asked = untuned(first_delivery(a));
 }
 
 static void set_pace(Adapter& a, const Adapter_config& c) {
@@ -126,20 +159,52 @@ static void set_pace(Adapter& a, const Adapter_config& c) {
   a.loop = c.loop ? 1 : 0;
 }
 
+static uint32_t system_by_name(const std::string& name, const std::string& what) {
+  if (name != "dvbt" && name != "dvbt2")
+    throw Usage_error(what + ": '" + name + "' is neither dvbt nor dvbt2");
+  return name == "dvbt" ? SYS_DVBT : SYS_DVBT2;
+}
+
+// "[FREQ=]MS"
+static void set_lock_delays(Adapter& a, const Adapter_config& c) {
+  a.lock_delay_ns = -1;
+  for (const std::string& text : c.lock_delays) {
+    uint32_t freq = 0;
+    const uint64_t ms = parse_number(per_frequency(text, "lock-delay: frequency", &freq), "lock-delay", HOUR_MS);
+    const int64_t delay_ns = static_cast<int64_t>(ms * NS_PER_MS);
+    if (freq == 0)
+      a.lock_delay_ns = delay_ns;
+    for (int i = 0; i < a.mux_count; ++i)
+      if (a.mux[i].freq == freq)
+        a.mux[i].lock_delay_ns = delay_ns;
+  }
+  for (const std::string& text : c.weak) {
+    const uint32_t freq = static_cast<uint32_t>(parse_number(text, "weak: frequency", 0xFFFFFFFF));
+    for (int i = 0; i < a.mux_count; ++i)
+      if (a.mux[i].freq == freq)
+        a.mux[i].weak = 1;
+  }
+}
+
 static void set_deliveries(Adapter& a, const Adapter_config& c) {
   for (const std::string& text : c.deliveries) {
     uint32_t freq = 0;
-    const std::string name = per_frequency(text, "delivery: frequency", &freq);
-    if (name != "dvbt" && name != "dvbt2")
-      throw Usage_error("delivery: '" + name + "' is neither dvbt nor dvbt2");
+    const uint32_t system = system_by_name(per_frequency(text, "delivery: frequency", &freq), "delivery");
     for (int i = 0; i < a.mux_count; ++i)
       if (freq == 0 || a.mux[i].freq == freq)
-        a.mux[i].delivery = name == "dvbt" ? SYS_DVBT : SYS_DVBT2;
+        a.mux[i].delivery = system;
   }
+}
+
+// Of adapters that name none, so that a whole set of tests can be run with another.
+static int usual_device() {
+  const char* name = getenv("SOFTDVB_DEVICE");
+  return name == nullptr || name[0] == '\0' ? 0 : parse_device(name, "SOFTDVB_DEVICE");
 }
 
 static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) {
   a.number = c.number;
+  a.device = c.device ? *c.device : usual_device();
   set_pace(a, c);
   set_frontend(a, c);
   set_readings(a, c);
@@ -150,7 +215,11 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
     const std::vector<Index_point> index = make_index(m, layout, c.pace);
     Mux& mux = a.mux[a.mux_count];
     mux.freq = m.freq;
-    mux.delivery = default_delivery(a.fe_type);
+    mux.delivery = profile_of(a).takes_any_system ? first_delivery(a) : uint32_t{SYS_DVBT};
+    if (!m.system.empty())
+      mux.delivery = system_by_name(m.system, "mux: system");
+    mux.pipe = m.pipe;
+    mux.lock_delay_ns = -1;
     mux.packet_size = layout.packet_size;
     mux.first_offset = layout.first_offset;
     mux.packets = layout.packets;
@@ -171,16 +240,11 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
         a.mux[i].stop_after_ns = stop;
   }
   set_deliveries(a, c);
+  set_lock_delays(a, c);
   if (c.tuned.empty())
     return;
-  Tuning tuning = a.requested;
-  tuning.frequency = static_cast<uint32_t>(parse_number(c.tuned, "tuned", 0xFFFFFFFF));
-  // Tuned by hand a frontend would have been told the right system.
-  for (int i = 0; i < a.mux_count; ++i)
-    if (a.mux[i].freq == tuning.frequency)
-      tuning.delivery = a.mux[i].delivery;
   a.fe.externally_tuned = 1;
-  frontend_tune(a, tuning, 0);
+  frontend_tune(a, tuning_to(a, static_cast<uint32_t>(parse_number(c.tuned, "tuned", 0xFFFFFFFF))), 0);
 }
 
 void fill(Shared& s, const Config& config, const std::string& run_dir) {

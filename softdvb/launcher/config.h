@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,11 +14,14 @@ namespace softdvb {
 
 struct Mux_config {
   uint32_t freq;
+  std::string system;  // "": as the frontend receives
+  int pipe;            // -1: the signal has only one
   std::string file;
 };
 
 struct Adapter_config {
   int number = 0;
+  std::optional<int> device;  // see device_profile(); what is left open below is the device's
   std::vector<Mux_config> muxes;
   std::string pace = "pcr";
   std::string start = "tune";
@@ -31,8 +35,12 @@ struct Adapter_config {
   std::vector<std::string> stops;
   std::vector<std::string> sections;
   double offset_s = 0;
-  uint32_t lock_delay_ms = 50;
-  uint32_t look_interval_ms = 300;
+  std::vector<std::string> lock_delays;
+  std::vector<std::string> weak;
+  std::optional<uint32_t> look_interval_ms;
+  std::string frequency_offset;
+  std::string firmware = "present";
+  std::optional<int> filters;
   int dead_reopen = 0;
 };
 
@@ -51,6 +59,9 @@ struct Config {
   // The adapter that is being described; makes adapter 0 when there is none.
   Adapter_config& current();
 };
+
+// Index of the device of that name; throws Usage_error.
+int parse_device(const std::string& name, const std::string& what);
 
 // Writes everything into the shared record and the indexes of the streams into `run_dir`. What can only be judged with
 // the rest at hand (streams, frequencies, names of readings) is checked here. Throws Usage_error where the

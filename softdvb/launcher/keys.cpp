@@ -62,6 +62,13 @@ static void set_look_interval(Config& config, const Key& key, const std::string&
   config.current().look_interval_ms = static_cast<uint32_t>(interval_ms);
 }
 
+static void set_filters(Config& config, const Key& key, const std::string& value) {
+  const uint64_t filters = parse_number(value, key.name, MAX_DEMUX_OPENS);
+  if (filters == 0)
+    throw Usage_error("filters: an adapter has one at least");
+  config.current().filters = static_cast<int>(filters);
+}
+
 static void set_speed(Config& config, const Key& key, const std::string& value) {
   const double speed = parse_positive(value.rfind('x', 0) == 0 ? value.substr(1) : value, key.name);
   if (speed < 0.001 || speed > 10000)
@@ -81,26 +88,65 @@ static void set_adapter(Config& config, const Key& key, const std::string& value
     all.emplace_back().number = wanted;
 }
 
-static void add_mux(Config& config, const Key&, const std::string& value) {
-  const size_t at = value.find('=');
-  if (at == std::string::npos || at + 1 == value.size())
-    throw Usage_error("mux: '" + value + "' is not of the form FREQ=FILE");
-  const uint32_t freq = static_cast<uint32_t>(parse_number(value.substr(0, at), "mux: frequency", 0xFFFFFFFF));
-  if (freq == 0)
+static void set_device(Config& config, const Key& key, const std::string& value) {
+  config.current().device = parse_device(value, key.name);
+}
+
+// Takes "text" up to the first of the marks off the front of `rest`, and leaves the mark there.
+static std::string take_front(std::string& rest, const char* marks) {
+  const size_t end = std::min(rest.find_first_of(marks), rest.size());
+  std::string front = rest.substr(0, end);
+  rest.erase(0, end);
+  return front;
+}
+
+static void add_mux(Config& config, const Key& key, const std::string& value) {
+  const Usage_error malformed("mux: '" + value + "' is not of the form " + key.form);
+  std::string rest = value;
+  Mux_config mux{};
+  mux.pipe = -1;
+  const std::string freq = take_front(rest, ",=");
+  while (!rest.empty() && rest[0] == ',') {
+    rest.erase(0, 1);
+    const std::string name = take_front(rest, "=");
+    if (rest.empty())
+      throw malformed;
+    rest.erase(0, 1);
+    const std::string setting = take_front(rest, ",=");
+    constexpr uint64_t LAST_PIPE = 255;
+    if (name == "system")
+      mux.system = setting;
+    else if (name == "plp")
+      mux.pipe = static_cast<int>(parse_number(setting, "mux: plp", LAST_PIPE));
+    else
+      throw Usage_error("mux: '" + name + "' is neither system nor plp");
+  }
+  if (rest.size() < 2)
+    throw malformed;
+  mux.freq = static_cast<uint32_t>(parse_number(freq, "mux: frequency", 0xFFFFFFFF));
+  if (mux.freq == 0)
     throw Usage_error("mux: the frequency cannot be 0");
-  std::filesystem::path file = value.substr(at + 1);
+  // Only DVB-T2 has pipes.
+  if (mux.pipe >= 0 && mux.system.empty())
+    mux.system = "dvbt2";
+  if (mux.pipe >= 0 && mux.system != "dvbt2")
+    throw Usage_error("mux: plp: only dvbt2 has pipes");
+  std::filesystem::path file = rest.substr(1);
   // A configuration file and its streams can be moved together.
   if (!config.folder.empty() && file.is_relative())
     file = std::filesystem::path(config.folder) / file;
   if (config.current().muxes.size() >= MAX_MUXES)
     throw Usage_error("mux: more than " + std::to_string(MAX_MUXES));
-  config.current().muxes.push_back({freq, file.string()});
+  mux.file = file.string();
+  config.current().muxes.push_back(mux);
 }
 
 const std::vector<Key>& keys() {
   static const std::vector<Key> list = {
       {"adapter", "N", "the options that follow are for adapter N (default 0)", set_adapter},
-      {"mux", "FREQ=FILE", "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
+      {"device", "NAME", "the frontend to imitate, see --list-devices (default box)", set_device},
+      {"mux", "FREQ[,system=dvbt2][,plp=N]=FILE",
+       "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
       {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)",
        set_text<&Adapter_config::pace>},
       {"loop", "", "play streams again and again (default)", set_switch<&Adapter_config::loop, true>},
@@ -113,14 +159,20 @@ const std::vector<Key>& keys() {
        add_text<&Adapter_config::signals>},
       {"without", "READING", "the driver has no such reading (strength, snr, ber, ucblocks); repeat",
        add_text<&Adapter_config::without>},
-      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default 47000000-862000000)",
+      {"frequency-range", "MIN-MAX", "limits of the frontend in Hz (default: the device's, box 47000000-862000000)",
        set_text<&Adapter_config::frequency_range>},
       {"type", "ofdm|qpsk|qam|atsc", "type of the frontend (default ofdm)", set_text<&Adapter_config::type>},
       {"delivery", "[FREQ=]dvbt|dvbt2", "how the streams are transmitted (default: as the frontend receives)",
        add_text<&Adapter_config::deliveries>},
-      {"lock-delay", "MS", "from tuning to lock (default 50)", set_number<&Adapter_config::lock_delay_ms, HOUR_MS>},
-      {"look-interval", "MS", "between the core's looks for a lock, which make events (default 300)",
+      {"lock-delay", "[FREQ=]MS", "from tuning to lock (default: the device's, box 50)",
+       add_text<&Adapter_config::lock_delays>},
+      {"weak", "FREQ", "a signal too weak for a lock; repeat", add_text<&Adapter_config::weak>},
+      {"look-interval", "MS", "between the core's looks for a lock, which make events (default: the device's, box 300)",
        set_look_interval},
+      {"frequency-offset", "HZ", "that the driver finds and reports when locked; may be below 0",
+       set_text<&Adapter_config::frequency_offset>},
+      {"firmware", "present|missing", "of a device that needs one", set_text<&Adapter_config::firmware>},
+      {"filters", "N", "filters that may be open at once (default: the device's)", set_filters},
       {"tuned", "FREQ", "another program holds the frontend on FREQ already", set_text<&Adapter_config::tuned>},
       {"dead-reopen", "N", "the Nth opening for writing finds no core thread: it never tunes",
        set_number<&Adapter_config::dead_reopen, 1000000>},

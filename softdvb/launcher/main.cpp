@@ -11,6 +11,7 @@
 
 #include "softdvb/launcher/keys.h"
 #include "softdvb/launcher/launcher.h"
+#include "softdvb/model/device_profile.h"
 #include "softdvb/model/usage_error.h"
 
 namespace softdvb {
@@ -61,6 +62,8 @@ static int run(int argc, char** argv) {
   app.formatter(std::make_shared<Usage>());
   std::string control;
   app.add_option("--control", control, "change running adapters, from inside COMMAND")->type_name("LINE");
+  bool list_devices = false;
+  app.add_flag("--list-devices", list_devices, "show what --device can imitate");
   app.set_version_flag("--version", "softdvb " SOFTDVB_VERSION);
   add_options(app, config);
   try {
@@ -70,6 +73,10 @@ static int run(int argc, char** argv) {
     if (e.get_exit_code() == 0)
       return app.exit(e);
     throw Usage_error(e.what());
+  }
+  if (list_devices) {
+    std::fputs(describe_devices().c_str(), stdout);
+    return 0;
   }
   if (!control.empty()) {
     control_running(control);

@@ -22,7 +22,7 @@ static int take_demux_slot(Adapter& a) {
   const Shared_lock lock(*shared());
   // The owners are asked whether they live only when all places are taken, because that costs a system call for each.
   for (const bool look_closer : {false, true}) {
-    for (int i = 0; i < MAX_DEMUX_OPENS; ++i) {
+    for (int i = 0; i < a.filters; ++i) {
       if (a.demux_owner[i] != 0 && (!look_closer || is_process_alive(a.demux_owner[i])))
         continue;
       a.demux_owner[i] = getpid();

@@ -20,7 +20,7 @@
 
 #include "softdvb/model/clock.h"
 #include "softdvb/model/demux.h"
-#include "softdvb/model/frontend.h"
+#include "softdvb/model/frontend_core.h"
 #include "softdvb/model/handles.h"
 #include "softdvb/model/real.h"
 #include "softdvb/model/stream_index.h"

@@ -17,8 +17,8 @@
 #include "base/ids.h"
 #include "softdvb/model/clock.h"
 #include "softdvb/model/faults.h"
-#include "softdvb/model/frontend.h"
 #include "softdvb/model/frontend_calls.h"
+#include "softdvb/model/frontend_core.h"
 #include "softdvb/model/usage_error.h"
 
 namespace softdvb {
@@ -251,8 +251,7 @@ static Adapter& adapter_by_number(Shared& s, const std::string& text) {
 
 static void control_tune(Shared& s, Adapter& a, const std::string& freq) {
   const uint32_t hz = static_cast<uint32_t>(parse_number(freq, "tune: frequency", 0xFFFFFFFF));
-  Tuning tuning = untuned(a.fe_type);
-  tuning.frequency = hz;
+  const Tuning tuning = tuning_to(a, hz);
   frontend_tune(a, tuning, adapter_now_ns(s));
   a.fe.externally_tuned = 1;
 }

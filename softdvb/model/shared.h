@@ -23,7 +23,7 @@ inline constexpr int MAX_DEMUX_OPENS = 256;
 inline constexpr int MAX_PATH = 1024;
 inline constexpr int EVENT_QUEUE = 8;  // one place always stays empty, so 7 events fit
 inline constexpr uint64_t NANOS = 1000000000;
-inline constexpr uint32_t SHARED_MAGIC = 0x53445631;
+inline constexpr uint32_t SHARED_MAGIC = 0x53445632;
 
 enum class Pace : int32_t { TIMED, FAST, MANUAL };
 enum class Start : int32_t { TUNE, AIR, FILTER };
@@ -50,6 +50,9 @@ struct Signal_step {
 struct Mux {
   uint32_t freq;
   uint32_t delivery;      // enum fe_delivery_system
+  int32_t pipe;           // of a DVB-T2 signal with several, -1: the only one
+  int32_t weak;           // too weak for a lock
+  int64_t lock_delay_ns;  // below 0: the adapter's
   uint32_t packet_size;   // 188, 192 or 204
   uint64_t first_offset;  // of the first sync byte in the file
   uint64_t packets;
@@ -81,6 +84,14 @@ struct Event {
   Tuning tuning;
 };
 
+// Of the core's thread.
+enum class Core_state : int32_t {
+  NEW,     // there was none since the device was plugged in
+  IDLE,    // started, nothing tuned yet
+  TUNING,  // or tuned
+  FAILED   // the driver refused the parameters, which nobody is told
+};
+
 struct Frontend {
   int32_t externally_tuned;  // another program, that we only imagine, holds the frontend
   int32_t writer_pid;
@@ -90,6 +101,14 @@ struct Frontend {
   int32_t dead;  // opened without a core thread behind it
   int32_t opens;
   uint64_t tuned_at_ns;
+  Core_state state;
+  uint64_t busy_until_ns;   // the core's thread is inside the driver; every call waits for it
+  uint64_t seeks_since_ns;  // when it began to look for the signal
+  uint32_t tries;           // calls for this tuning
+  int32_t search_failed;    // the last one of a driver that searches several systems
+  int32_t firmware_loaded;  // once
+  int32_t oneshot;          // FE_TUNE_MODE_ONESHOT: the core does not look after the tuning
+  Tuning driver;            // what the driver was called with
   uint64_t next_look_ns;
   uint32_t last_event_status;
   int32_t was_locked;
@@ -105,18 +124,22 @@ struct Adapter {
   Pace pace;
   Start start;
   int32_t loop;
-  int32_t fe_type;  // enum fe_type
+  int32_t device;   // see device_profile()
+  int32_t fe_type;  // enum fe_type of a device that takes any system
   uint32_t freq_min;
   uint32_t freq_max;
-  uint64_t lock_delay_ns;
+  int32_t offset_hz;          // that the driver finds
+  int64_t lock_delay_ns;      // below 0: the device's
   uint64_t look_interval_ns;  // between the core's looks at the driver while there is no lock
+  int32_t firmware_missing;
+  int32_t filters;
   uint32_t missing_readings;  // bit per Reading that the driver does not have
   int32_t dead_reopen;        // this many-th opening for writing has no core thread behind it
   int32_t mux_count;
   Mux mux[MAX_MUXES];
   int32_t step_count;
   Signal_step step[MAX_SIGNAL_STEPS];
-  Tuning requested;  // what FE_SET_PROPERTY has collected for the next DTV_TUNE
+  Tuning cache;  // the core's: what was set, tuned or not; its delivery system outlives closing
   Frontend fe;
   int32_t demux_owner[MAX_DEMUX_OPENS];  // process of each open demultiplexer handle, 0: free
   // When the stream of the tuned frequency began to play, and how often it was begun anew.

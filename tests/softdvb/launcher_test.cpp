@@ -4,11 +4,13 @@
 #include "support/softdvb.h"
 #include "support/support.h"
 #include "support/test.h"
+#include "support/text.h"
 
 #define COUNTING SOFTDVB_STREAMS "/counting.188.ts"
 
 using support::run_program;
 using support::Softdvb_run;
+using support::Texts;
 
 static Softdvb_run softdvb(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), support::softdvb_launcher());
@@ -30,10 +32,24 @@ struct Wrong {
 
 static const Wrong WRONG[] = {
     {{"--nonsense"}, "The following argument was not expected: --nonsense"},
-    {{"--mux", "506000000"}, "mux: '506000000' is not of the form FREQ=FILE"},
-    {{"--mux", "506000000="}, "mux: '506000000=' is not of the form FREQ=FILE"},
+    {{"--mux", "506000000"}, "mux: '506000000' is not of the form FREQ[,system=dvbt2][,plp=N]=FILE"},
+    {{"--mux", "506000000="}, "mux: '506000000=' is not of the form FREQ[,system=dvbt2][,plp=N]=FILE"},
     {{"--mux", "UHF=a.ts"}, "mux: frequency: 'UHF' is not a number from 0 to 4294967295"},
     {{"--mux", "0=a.ts"}, "mux: the frequency cannot be 0"},
+    {{"--mux", "1,plp"}, "mux: '1,plp' is not of the form FREQ[,system=dvbt2][,plp=N]=FILE"},
+    {{"--mux", "1,colour=red=a.ts"}, "mux: 'colour' is neither system nor plp"},
+    {{"--mux", "1,system=dvbx=" COUNTING}, "mux: system: 'dvbx' is neither dvbt nor dvbt2"},
+    {{"--mux", "1,plp=256=a.ts"}, "mux: plp: '256' is not a number from 0 to 255"},
+    {{"--mux", "1,system=dvbt,plp=1=a.ts"}, "mux: plp: only dvbt2 has pipes"},
+    {{"--device", "stick"}, "device: there is no 'stick'; softdvb --list-devices shows all"},
+    {{"--device", "rtl2832", "--type", "qam"}, "type: device rtl2832 is ofdm; only box can be another type"},
+    {{"--device", "rtl2832", "--firmware", "missing"}, "firmware: device rtl2832 needs none"},
+    {{"--firmware", "old"}, "firmware: 'old' is neither present nor missing"},
+    {{"--filters", "0"}, "filters: an adapter has one at least"},
+    {{"--filters", "257"}, "filters: '257' is not a number from 0 to 256"},
+    {{"--frequency-offset", "-11000000"}, "frequency-offset: '11000000' is not a number from 0 to 10000000"},
+    {{"--lock-delay", "UHF=5"}, "lock-delay: frequency: 'UHF' is not a number from 0 to 4294967295"},
+    {{"--weak", "UHF"}, "weak: frequency: 'UHF' is not a number from 0 to 4294967295"},
     {{"--adapter", "-1"}, "adapter: '-1' is not a number from 0 to 99"},
     {{"--adapter", "100"}, "adapter: '100' is not a number from 0 to 99"},
     {{"--pace", "quick", "--mux", "1=" COUNTING},
@@ -164,9 +180,10 @@ TEST(Launcher, help_lists_every_option) {
   for (const auto& [name, form] : options_of_help())
     names += name + " ";
   EXPECT_EQ(names,
-            "--adapter --config --control --dead-reopen --delivery --fault --frequency-range --grace --help --keep "
-            "--lock-delay --log --look-interval --loop --mux --now --offset --once --pace --root --section --signal "
-            "--start --stop-after --time --tuned --type --version --without ");
+            "--adapter --config --control --dead-reopen --delivery --device --fault --filters --firmware "
+            "--frequency-offset --frequency-range --grace --help --keep --list-devices --lock-delay --log "
+            "--look-interval --loop --mux --now --offset --once --pace --root --section --signal --start --stop-after "
+            "--time --tuned --type --version --weak --without ");
 }
 
 TEST(Launcher, the_manual_describes_every_option_with_the_form_of_its_value) {
@@ -186,6 +203,20 @@ TEST(Launcher, the_page_describes_every_option) {
   options.erase("--version");
   for (const auto& [name, form] : options)
     EXPECT_NE(page.find("`" + name + (form.empty() ? "`" : " ")), std::string::npos) << name;
+}
+
+TEST(Launcher, takes_the_usual_device_from_the_environment) {
+  const auto systems = [](const char* device, const Texts& options) {
+    Texts command{"env", std::string("SOFTDVB_DEVICE=") + device, support::softdvb_launcher()};
+    command.insert(command.end(), options.begin(), options.end());
+    command.insert(command.end(), {"--", SOFTDVB_PLAY, "reader: systems"});
+    const Softdvb_run run = run_program(command);
+    return run.out + run.err;
+  };
+  EXPECT_EQ(systems("unkind", {}), "reader: systems = T T2\n");
+  EXPECT_EQ(systems("unkind", {"--device", "drxk"}), "reader: systems = C C/C T\n");
+  EXPECT_EQ(systems("", {}), "reader: systems = T\n");
+  EXPECT_EQ(systems("stick", {}), "softdvb: SOFTDVB_DEVICE: there is no 'stick'; softdvb --list-devices shows all\n");
 }
 
 class Config_file : public testing::Test {

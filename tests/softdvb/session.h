@@ -43,8 +43,17 @@ inline std::string received(int fd) {
 //   ready            what poll and select agree on: data, error, nothing
 //   await            until there is something, "nothing" after 5 s
 // Of a frontend, readings in hexadecimal digits:
-//   tune HZ, status, strength, snr, ber, ucblocks, tuning (all parameters), event [tuning], signal HZ STATUS
-// Of all: open, close, wait MS, fault CALL ERRNO.
+//   tune HZ [bw:MHZ] [mode:NUMBER], status, strength, snr, ber, ucblocks, tuning (all parameters), event [tuning],
+//   signal HZ STATUS
+//   info             name, type and limits
+//   systems          what it receives, in order
+//   seek SYSTEM HZ [bw:MHZ] [mode:NUMBER] [plp:N]   by properties, 8 MHz where nothing else is given
+//   system SYSTEM    sets that property and nothing else
+//   oneshot          no repetition, until the next opening for writing
+//   found            system and frequency by properties
+//   stats            statistics: relative, decibel, counter, unknown (now) or none (never)
+// Of all: open, close, wait MS, fault CALL ERRNO, control LINE. "waits MS STEP" is STEP, which takes at least that
+// long.
 class Session {
  public:
   // The steps once more, with what really came out.
@@ -130,6 +139,115 @@ class Session {
     return told(got, got == 0 ? "" : name_of(buffer));
   }
 
+  // The value of "name:VALUE" among the words.
+  static long option(const std::string& words, const std::string& name, long otherwise) {
+    const size_t at = words.find(" " + name + ":");
+    return at == std::string::npos ? otherwise : std::stol(words.substr(at + name.size() + 2));
+  }
+
+  static std::string old_tuning(int fd, std::istream& words) {
+    const unsigned freq = number(words);
+    std::string rest;
+    std::getline(words, rest);
+    dvb_frontend_parameters p = automatic(freq);
+    static const std::map<long, fe_bandwidth> BANDWIDTHS{
+        {0, BANDWIDTH_AUTO}, {7, BANDWIDTH_7_MHZ}, {8, BANDWIDTH_8_MHZ}};
+    p.u.ofdm.bandwidth = BANDWIDTHS.at(option(rest, "bw", 0));
+    p.u.ofdm.transmission_mode = static_cast<fe_transmit_mode>(option(rest, "mode", TRANSMISSION_MODE_AUTO));
+    return told(ioctl(fd, FE_SET_FRONTEND, &p));
+  }
+
+  static const std::map<std::string, uint32_t>& system_numbers() {
+    static const std::map<std::string, uint32_t> NUMBERS{{"T", SYS_DVBT},         {"T2", SYS_DVBT2},
+                                                         {"C", SYS_DVBC_ANNEX_A}, {"C/C", SYS_DVBC_ANNEX_C},
+                                                         {"ISDBT", SYS_ISDBT},    {"any", SYS_UNDEFINED}};
+    return NUMBERS;
+  }
+
+  static std::string system_name(uint32_t number) {
+    for (const auto& [name, value] : system_numbers())
+      if (value == number)
+        return name;
+    return std::to_string(number);
+  }
+
+  static int set(int fd, const std::vector<std::pair<uint32_t, uint32_t>>& wanted) {
+    std::vector<dtv_property> list(wanted.size());
+    for (size_t i = 0; i < wanted.size(); ++i) {
+      list[i].cmd = wanted[i].first;
+      list[i].u.data = wanted[i].second;
+    }
+    const dtv_properties all{static_cast<uint32_t>(list.size()), list.data()};
+    return ioctl(fd, FE_SET_PROPERTY, &all);
+  }
+
+  static std::string seek(int fd, std::istream& words) {
+    std::string system;
+    words >> system;
+    const unsigned freq = number(words);
+    std::string rest;
+    std::getline(words, rest);
+    return told(set(fd, {{DTV_CLEAR, 0},
+                         {DTV_DELIVERY_SYSTEM, system_numbers().at(system)},
+                         {DTV_FREQUENCY, freq},
+                         {DTV_BANDWIDTH_HZ, static_cast<uint32_t>(option(rest, "bw", 8)) * 1000000},
+                         {DTV_TRANSMISSION_MODE, static_cast<uint32_t>(option(rest, "mode", TRANSMISSION_MODE_AUTO))},
+                         {DTV_STREAM_ID, static_cast<uint32_t>(option(rest, "plp", NO_STREAM_ID_FILTER))},
+                         {DTV_TUNE, 0}}));
+  }
+
+  static std::string set_system(int fd, std::istream& words) {
+    std::string system;
+    words >> system;
+    return told(set(fd, {{DTV_DELIVERY_SYSTEM, system_numbers().at(system)}}));
+  }
+
+  // `text` of the properties, or the errno.
+  template <typename Text>
+  static std::string properties(int fd, const std::vector<uint32_t>& commands, const Text& text) {
+    std::vector<dtv_property> list(commands.size());
+    for (size_t i = 0; i < commands.size(); ++i)
+      list[i].cmd = commands[i];
+    const dtv_properties all{static_cast<uint32_t>(list.size()), list.data()};
+    const int outcome = ioctl(fd, FE_GET_PROPERTY, &all);
+    return told(outcome, outcome == 0 ? text(list) : "");
+  }
+
+  static std::string systems(int fd) {
+    return properties(fd, {DTV_ENUM_DELSYS}, [](const std::vector<dtv_property>& list) {
+      std::string names;
+      for (uint32_t i = 0; i < list[0].u.buffer.len; ++i)
+        names += (i == 0 ? "" : " ") + system_name(list[0].u.buffer.data[i]);
+      return names;
+    });
+  }
+
+  static std::string found(int fd) {
+    return properties(fd, {DTV_DELIVERY_SYSTEM, DTV_FREQUENCY}, [](const std::vector<dtv_property>& list) {
+      return system_name(list[0].u.data) + " " + std::to_string(list[1].u.data);
+    });
+  }
+
+  static std::string stats(int fd) {
+    const std::vector<uint32_t> commands{DTV_STAT_SIGNAL_STRENGTH, DTV_STAT_CNR, DTV_STAT_PRE_ERROR_BIT_COUNT,
+                                         DTV_STAT_POST_ERROR_BIT_COUNT, DTV_STAT_ERROR_BLOCK_COUNT};
+    return properties(fd, commands, [](const std::vector<dtv_property>& list) {
+      static const char* const SCALES[] = {"unknown", "decibel", "relative", "counter"};
+      std::string names;
+      for (const dtv_property& p : list)
+        names += (names.empty() ? "" : " ") + std::string(p.u.st.len == 0 ? "none" : SCALES[p.u.st.stat[0].scale]);
+      return names;
+    });
+  }
+
+  static std::string info(int fd) {
+    dvb_frontend_info info{};
+    const int outcome = ioctl(fd, FE_GET_INFO, &info);
+    static const char* const TYPES[] = {"S", "C", "T", "ATSC"};
+    return told(outcome, std::string(info.name) + "; " + TYPES[info.type] + " " + std::to_string(info.frequency_min) +
+                             "-" + std::to_string(info.frequency_max));
+  }
+
   static std::string tuning(int fd) {
     dvb_frontend_parameters p{};
     const int outcome = ioctl(fd, FE_GET_FRONTEND, &p);
@@ -175,7 +293,15 @@ class Session {
 
   static const Calls& of_frontend() {
     static const Calls CALLS{
-        {"tune", [](int fd, std::istream& words) { return told(tune(fd, number(words)) == 0 ? 0 : -1); }},
+        {"tune", old_tuning},
+        {"seek", seek},
+        {"system", set_system},
+        {"oneshot",
+         [](int fd, std::istream&) { return told(ioctl(fd, FE_SET_FRONTEND_TUNE_MODE, FE_TUNE_MODE_ONESHOT)); }},
+        {"systems", [](int fd, std::istream&) { return systems(fd); }},
+        {"found", [](int fd, std::istream&) { return found(fd); }},
+        {"stats", [](int fd, std::istream&) { return stats(fd); }},
+        {"info", [](int fd, std::istream&) { return info(fd); }},
         {"status", [](int fd, std::istream&) { return reading<uint32_t>(fd, FE_READ_STATUS); }},
         {"strength", [](int fd, std::istream&) { return reading<uint16_t>(fd, FE_READ_SIGNAL_STRENGTH); }},
         {"snr", [](int fd, std::istream&) { return reading<uint16_t>(fd, FE_READ_SNR); }},
@@ -190,6 +316,21 @@ class Session {
     std::istringstream words(step);
     std::string verb;
     words >> verb;
+    if (verb == "waits") {
+      const unsigned ms = number(words);
+      const double begin = begin_s_;
+      std::string waiting;
+      std::getline(words >> std::ws, waiting);
+      const std::string outcome = outcome_of(waiting);
+      return outcome + ((now_s() - begin) * 1000 < ms ? " too soon" : "");
+    }
+    begin_s_ = now_s();
+    if (verb == "control") {
+      std::string line;
+      std::getline(words, line);
+      support::softdvb_control(line);
+      return "";
+    }
     std::string who = of_frontend().count(verb) != 0 ? "frontend" : "demux";
     if (verb.back() == ':') {
       who = verb.substr(0, verb.size() - 1);
@@ -224,6 +365,7 @@ class Session {
   }
 
   std::map<std::string, Fd> fds_;
+  double begin_s_ = now_s();  // of the last step
 };
 
 MATCHER(plays, negation ? "does not play like this" : "plays like this") {

@@ -84,7 +84,7 @@ void fill_up(const std::string& file) {
 }
 
 Words Command_fixture::kelvo(const Words& options, const Words& command, const std::string& script) const {
-  return joined({{SOFTDVB_COMMAND},
+  return joined({{"env", "SOFTDVB_DEVICE=" + device_, SOFTDVB_COMMAND},
                  options,
                  {"--"},
                  script.empty() ? Words{} : Words{"sh", "-c", script, "sh"},

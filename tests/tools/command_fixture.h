@@ -49,7 +49,8 @@ inline const std::string MISSING = ": No such file or directory; make it with 'k
 // A folder of its own for channels and guide, and runs under the software adapter.
 class Command_fixture : public testing::Test {
  protected:
-  // `kelvo COMMAND... --db DB` under softdvb with these options; with a script, from a shell whose "$@" it is.
+  // `kelvo COMMAND... --db DB` under softdvb with these options; with a script, from a shell whose "$@" it is. Adapters
+  // without --device are of device_.
   Words kelvo(const Words& options, const Words& command, const std::string& script = "") const;
   Command_result run(const Words& options, const Words& command, const std::string& script = "") const;
   static Command_result ended_by(int signal, support::Running_command& running);
@@ -60,6 +61,7 @@ class Command_fixture : public testing::Test {
   // Nothing was made, or nothing was left.
   bool folder_is_empty() const { return std::filesystem::is_empty(dir_.path()); }
 
+  std::string device_ = "box";
   support::Temp_dir dir_;
   std::string db_ = dir_.file("dvb.db");
   std::string guide_ = dir_.file("dvb_epg.db");

@@ -181,6 +181,11 @@ TEST_F(Scan_choice, the_better_of_two_receptions_is_kept) {
   EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE scan_state = 1;"), "8");
   const std::string numbers = stored("SELECT group_concat(channel) FROM kanalid WHERE scan_state = 1;");
 
+  // Each is there once for those who name it, and its guide is collected once.
+  EXPECT_THAT(run(network, {"epg", "update", "--for", "20s"}),
+              ends(0, AllOf(HasSubstr("522.000 MHz"), Not(HasSubstr("474.000 MHz")))));
+  EXPECT_THAT(run(network, {"epg", "--channel", "Kuldnokk 1"}), ends(0, _)) << "not two of them";
+
   // Once more: nothing changes, and nothing is new.
   EXPECT_THAT(scan(network, both),
               ends(0, HasSubstr("\n2 of 2 frequencies with a multiplex, 8 services: 0 new, 0 back, 0 lost.\n")));

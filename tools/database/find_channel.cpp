@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <cwctype>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -36,6 +37,13 @@ bool any_name(const Service& service, Test test) {
   return test(lower_case(service.name)) ||
          std::any_of(service.names.begin(), service.names.end(),
                      [&test](const auto& name) { return test(lower_case(name.second)); });
+}
+
+bool is_same(const Service& a, const Service& b) {
+  const auto identity = [](const Service& service) {
+    return std::tie(service.original_network_id, service.transport_stream_id, service.program_number, service.name);
+  };
+  return identity(a) == identity(b);
 }
 
 }  // namespace
@@ -87,6 +95,13 @@ const Service& find_channel(const std::vector<Service>& services, const std::str
   if (found.empty()) {
     throw Failure(fmt::format("{} {}: no such channel; 'kelvo channels' lists them", what, wanted));
   }
+  // A multiplex that two frequencies bring has its services twice in the list, but only one of each is there.
+  const std::vector<const Service*> all = found;
+  std::erase_if(found, [&all](const Service* service) {
+    return service->scan_state == 0 && std::any_of(all.begin(), all.end(), [service](const Service* other) {
+             return other->scan_state != 0 && is_same(*service, *other);
+           });
+  });
   if (found.size() > 1) {
     // Enough to choose from, and still one line on a screen.
     constexpr size_t MOST_SHOWN = 5;

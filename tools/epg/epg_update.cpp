@@ -271,8 +271,17 @@ int update(const Update_options& options) {
   // A set: what is named twice is collected once, and the order is that of the report.
   std::set<int> freqs(options.freqs.begin(), options.freqs.end());
   if (freqs.empty()) {
-    for (const Service& service : Channel_db(db).services(false)) {
-      freqs.insert(service.freq);
+    const std::vector<Service> services = Channel_db(db).services(false);
+    for (const Service& service : services) {
+      // Of a multiplex on two frequencies, the worse one has only lost services.
+      if (service.scan_state != 0 || service.row_status == 2) {
+        freqs.insert(service.freq);
+      }
+    }
+    if (freqs.empty()) {
+      for (const Service& service : services) {
+        freqs.insert(service.freq);
+      }
     }
     if (freqs.empty()) {
       throw Failure(fmt::format("{}: no channels yet; find them with 'kelvo scan'", db));

@@ -2,12 +2,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // EIT of the actual multiplex (EN 300 468, 5.2.4): events, and the way from table to table.
+#include <utility>
+
 #include <dvbsi++/event_information_section.h>
 
 #include "base/ids.h"
 #include "base/log.h"
 #include "db/sdbl.h"
-#include "filter/section_filter.h"
+#include "filter/section_filter_parts.h"
 #include "si/scan_rows.h"
 #include "si/siparse_parts.h"
 
@@ -37,7 +39,16 @@ int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
   filter_.remove_filter_range(pid::EIT, table::EIT_PRESENT_FOLLOWING, table::EIT_SCHEDULE_LAST);
   filter_.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, freq);
   guide_.start();
+  eit_losses_ = filter_.parts().losses(pid::EIT);
   return 0;
+}
+
+void Siparse::Parts::note_lost_sections() {
+  if (!repeat_lost_)
+    return;
+  const int losses = filter_.parts().losses(pid::EIT);
+  if (losses != std::exchange(eit_losses_, losses))
+    guide_.sections_lost();
 }
 
 bool Siparse::Parts::get_eit_info_available() {
@@ -58,6 +69,7 @@ void Siparse::Parts::parse_section_eit(EventInformationSection* section, int fre
     ++eit_mismatches_;
     return;
   }
+  note_lost_sections();
   KLOG(VERB_TRACE, "TableNr: %x, TSid %x, ONetID %x, lastsecNr %x, LastTableId %x, service ID %d\n",
        static_cast<unsigned>(table_id), ts_id, orig_network_id, segment_last, last_table, service_id);
   if (table_id != table::EIT_PRESENT_FOLLOWING)

@@ -10,7 +10,8 @@
 //
 // Nothing tells that the guide is complete: a table that nobody sends is waited for without end. A service has all that
 // its network announces when `last_table` is not 0 and either `table` is past it, or equals it with `done` set; one
-// without a schedule keeps `last_table` 0. Hosts add a time limit of their own.
+// without a schedule keeps `last_table` 0. Hosts add a time limit of their own. Where the profile repeats what was
+// lost, a loss takes `done` of the current table back.
 struct EIT_progress {
   int32_t service_id;  // programme number
   int32_t channel;     // row of `kanalid`

@@ -25,6 +25,7 @@ namespace {
 constexpr int FIRST_WAIT_S = 10;  // after the list was made, or begun again
 constexpr int TABLE_WAIT_S = 180;
 constexpr int ARRIVALS_OF_A_FINISHED_TABLE = 2;
+constexpr int MOST_REPEATS = 3;
 constexpr int64_t SECOND_NS = 1000000000;
 
 int64_t nanoseconds(const timespec& time) {
@@ -116,7 +117,22 @@ void Guide_round::close_table() {
     seen_once_ = true;
 }
 
+void Guide_round::sections_lost() {
+  const bool waits_anew = ++repeats_ <= MOST_REPEATS;
+  for (SQL_cache& service : services_) {
+    if (service.done && service.count < ARRIVALS_OF_A_FINISHED_TABLE)
+      continue;
+    service.done = false;
+    service.count = 0;
+    if (waits_anew)
+      arm(service, table_ == table::EIT_PRESENT_FOLLOWING ? FIRST_WAIT_S : TABLE_WAIT_S);
+  }
+  timers_due_ns_ = 0;
+  changed_ = true;
+}
+
 void Guide_round::enter(int table_id) {
+  repeats_ = 0;
   ended_ = table_id == 0;
   if (!ended_)
     table_ = table_id;

@@ -67,6 +67,11 @@ class Guide_round {
   // Every service is active again, with 180 s to come.
   void close_table();
 
+  // Sections of the table were lost: of nobody who has not been given up it is known any more that all have come, so
+  // the last section has to come twice again. Everybody is waited for anew, up to three times a table: where sections
+  // are lost for ever the timers end it.
+  void sections_lost();
+
   // The table that follows, or 0 after the last one, whose id stays in table().
   void enter(int table_id);
 
@@ -99,6 +104,7 @@ class Guide_round {
   std::vector<SQL_cache> services_;  // scan_mark holds the version of the service's PMT that was read last
   int64_t timers_due_ns_ = 0;        // of CLOCK_MONOTONIC; until then nobody has waited too long
   int table_ = 0;
+  int repeats_ = 0;  // of this table, for lost sections
   bool seen_once_ = false;
   bool ended_ = false;  // the last table has been closed
 

@@ -50,6 +50,10 @@ class Siparse::Parts {
   // is compared only. Before-start: before the first section.
   void set_system_policy(bool set_clock, bool set_zone);
 
+  // True: once sections of the guide's PID were lost, as the filters count them, the table being read is complete only
+  // when the last section of each service has come twice again. False at first. Before-start: before the first section.
+  void set_repeat_lost(bool repeat) { repeat_lost_ = repeat; }
+
   // --- For Siparse, which has the contracts ------------------------------------------------------------------------
 
   Parts(Section_filter& filter, int adapter, Input input, Sdbl& db);
@@ -104,6 +108,7 @@ class Siparse::Parts {
   void store_pmt(ProgramMapSection& section, const Place& place);
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);
   void open_next_eit_table(int freq);
+  void note_lost_sections();
   void tell(const Broadcast_time& broadcast);
 
   Section_filter& filter_;
@@ -117,7 +122,9 @@ class Siparse::Parts {
   Guide_round guide_;
 
   bool pmt_versions_match_ = false;
-  int sections_ = 0;        // handed in so far
+  int sections_ = 0;  // handed in so far
+  bool repeat_lost_ = false;
+  int eit_losses_ = 0;      // that the guide knows of
   int eit_mismatches_ = 0;  // sections of another table of the guide than the one that is read
   std::atomic<int> eit_stored_ = 0;
 

@@ -170,6 +170,78 @@ TEST_F(Guide_round_test, waits_ten_seconds_at_first_and_180_in_later_tables) {
   EXPECT_EQ(recorded_clock.take_armed(), std::vector<Seconds>{});
 }
 
+// --- Lost sections ---------------------------------------------------------------------------------------------------
+
+TEST_F(Guide_round_test, after_a_loss_nobody_is_done_until_the_last_section_has_come_twice_again) {
+  finish(1);
+  event(2, true);
+  event(2, true);
+  EXPECT_EQ(state(), "0/0 1 -1");
+  round.sections_lost();
+  round.publish_changes();
+  EXPECT_EQ(shown(), (Texts{"1/1 50/0 0/0 0", "2/2 50/0 0/0 0"}));
+  event(1, true);
+  EXPECT_EQ(state(), "0/0 1 -1") << "it has been started before";
+  event(2, true);
+  event(2, true);
+  EXPECT_EQ(state(), "0/1 2 -1");
+  EXPECT_FALSE(all_done);
+  EXPECT_EQ(event(1, true, 1), "****-  Finished table 50 scan 1 First\n");
+  event(1, false);
+  EXPECT_TRUE(all_done);
+}
+
+TEST_F(Guide_round_test, who_has_not_been_heard_of_before_a_loss_still_has_to_begin) {
+  round.sections_lost();
+  for (const char* stands : {"0/0 0 -1", "0/0 1 -1", "0/1 2 -1"}) {
+    event(1, true);
+    EXPECT_EQ(state(), stands);
+  }
+}
+
+TEST_F(Guide_round_test, who_was_given_up_before_a_loss_stays_so) {
+  finish(1);
+  recorded_clock.timers_expired = true;
+  event(1, false);
+  recorded_clock.timers_expired = false;
+  EXPECT_TRUE(all_done);
+  round.sections_lost();
+  event(2, true);
+  EXPECT_EQ(state(), "0/1 0 -1");
+  EXPECT_FALSE(all_done);
+  finish(1);
+  event(1, false);
+  EXPECT_TRUE(all_done);
+}
+
+TEST_F(Guide_round_test, a_loss_is_waited_for_as_long_as_the_table_was_and_three_times_in_each) {
+  recorded_clock.take_armed();
+  const auto armed_by_loss = [this] {
+    round.sections_lost();
+    return recorded_clock.take_armed();
+  };
+  const std::vector<Seconds> long_wait{{180, 180}, {180, 180}};
+  for (const int table : {TABLE, TABLE + 1}) {
+    round.enter(table);
+    for (int i = 0; i < 3; ++i)
+      EXPECT_EQ(armed_by_loss(), long_wait);
+    EXPECT_EQ(armed_by_loss(), std::vector<Seconds>{});
+  }
+  round.start();
+  EXPECT_EQ(armed_by_loss(), (std::vector<Seconds>{{10, 10}, {10, 10}}));
+}
+
+TEST_F(Guide_round_test, losses_without_end_are_ended_by_the_timers) {
+  for (int i = 0; i < 10; ++i) {
+    event(1, true);
+    event(2, true);
+    round.sections_lost();
+  }
+  recorded_clock.ahead = 179;
+  event(1, true);
+  EXPECT_TRUE(all_done);
+}
+
 // --- Beginning again -------------------------------------------------------------------------------------------------
 
 TEST_F(Guide_round_test, closing_a_table_waits_for_everybody_again_and_beginning_again_forgets_the_pmt_versions_too) {

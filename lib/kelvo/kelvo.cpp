@@ -135,6 +135,14 @@ bool Kelvo::Parts::device_gone() {
   return (use && use->parts().gone()) || filter.parts().device_gone();
 }
 
+void Kelvo::Parts::release_device() {
+  filter.parts().set_gone();
+  (void)filter.recalculate_filters();
+  const Tuner_slot::Use use(tuner);
+  if (use)
+    use->parts().device.close();
+}
+
 bool Kelvo::Parts::open_device_again() {
   const Tuner_slot::Use use(tuner);
   if (use && !use->parts().open_again())

@@ -11,6 +11,6 @@ struct Stored_tuning {
   int pipe = -1;         // DVB-T2: 0 to 255; -1 for none
   int bandwidth_hz = 0;  // 0: not known
   int modulation = -1;   // enum fe_modulation; -1: not known
-  int offset_hz = 0;     // reported frequency - `asked`
+  int offset_hz = 0;     // frequency that the driver was given - `asked`
   int lock_ms = 0;
 };

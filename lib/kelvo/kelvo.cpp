@@ -89,6 +89,7 @@ Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its
       filter(demux_path(adapter_number).text),
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
   database.create_temp_tables(adapter);
+  parser.parts().set_system_policy(its_profile.set_clock, its_profile.set_zone);
   filter.parts().configure(filter_options(its_profile));
 }
 
@@ -133,6 +134,14 @@ bool Kelvo::Parts::device_gone() {
     return false;
   const Tuner_slot::Use use(tuner);
   return (use && use->parts().gone()) || filter.parts().device_gone();
+}
+
+void Kelvo::Parts::release_device() {
+  filter.parts().set_gone();
+  (void)filter.recalculate_filters();
+  const Tuner_slot::Use use(tuner);
+  if (use)
+    use->parts().device.close();
 }
 
 bool Kelvo::Parts::open_device_again() {

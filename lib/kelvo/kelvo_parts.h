@@ -36,6 +36,9 @@ class Kelvo::Parts {
 
   // True once the tuner's device or the demultiplexer has gone, where the profile watches that. Worker-only.
   bool device_gone();
+  // Closes what is open of it: until then the kernel keeps its number, and the device comes back under another one.
+  // Worker-only.
+  void release_device();
   // True when the device can be used again. Worker-only.
   bool open_device_again();
 

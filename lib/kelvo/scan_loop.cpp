@@ -142,8 +142,8 @@ bool Scan_loop::device_is_there() {
 void Scan_loop::lose_device() {
   device_lost_ = true;
   KLOG(VERB_WARNING, "WARNING: The device of adapter %d is gone\n", kelvo_.adapter);
-  filter_.parts().set_gone();  // lets go of the demultiplexer, when it was the frontend that showed it
   filter_.remove_all();
+  kelvo_.release_device();
   end_scan(SCAN_DEVICE_GONE);
   kelvo_.listeners.tell(Device_event{kelvo_.adapter, DEVICE_GONE, request_.freq});
   if (requests_.message_state || requests_.under_way())

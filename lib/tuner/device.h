@@ -30,7 +30,7 @@ class Device {
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  // Gives the device free for others, as soon as no call is under way. Later calls fail.
+  // Gives the device free for others, as soon as no call is under way. Later calls fail. One that has gone still has.
   void close();
   // Opens it again, where it is a new one. False, with error(), when that fails.
   bool open_again();

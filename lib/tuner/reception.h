@@ -37,6 +37,7 @@ struct Tuning_result {
   int outcome = TUNING_NONE;
   int error = 0;         // errno of what failed; 0 for none
   int freq = 0;          // asked for, Hz
+  int tuned_hz = 0;      // what the driver was given last: `freq`, or beside it
   int key = 0;           // what the multiplex is known by: `freq`, plus `pipe` if that is above 0
   int system = 0;        // found, or tried last
   int pipe = -1;         // asked for, or found by trying; -1: no filter

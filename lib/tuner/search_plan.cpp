@@ -4,7 +4,6 @@
 #include "tuner/search_plan.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace {
 
@@ -13,7 +12,6 @@ constexpr unsigned HIGHEST_VHF_FREQ_OF_VERSION_3 = 399999999;
 constexpr int BANDWIDTH_OF_VHF = 7000000;
 constexpr int BANDWIDTH_OF_UHF = 8000000;
 constexpr int LONGEST_PAT_MS = 10000;
-constexpr int OFFSET_TOLERANCE_HZ = 30000;  // within which a stored offset is the broadcaster's
 
 // The one asked for alone; else the one stored, the one that locked last, DVB-T, the other, as far as the frontend
 // receives them.
@@ -69,13 +67,12 @@ Search_plan make_search_plan(const Receiver_profile& profile, const Tuning_reque
   if (!profile.search)
     systems.resize(1);
   // A broadcast that was found beside its channel's centre is there again.
-  const bool beside = profile.search && profile.offset_hz > 0 &&
-                      std::abs(std::abs(known.stored_offset_hz) - profile.offset_hz) < OFFSET_TOLERANCE_HZ;
+  const bool beside = profile.search && known.stored_offset_hz != 0;
   for (const int system : systems) {
     attempt.system = system;
     attempt.pipe = system == SYS_DVBT2 ? pipe : -1;
     if (beside && system == known.stored_system)
-      plan.attempts.push_back(shifted(attempt, known.stored_offset_hz < 0 ? -profile.offset_hz : profile.offset_hz));
+      plan.attempts.push_back(shifted(attempt, known.stored_offset_hz));
     plan.attempts.push_back(attempt);
     // The network may have renumbered its pipes since.
     if (profile.search && request.pipe < 0 && known.stored_pipe >= 0 && system == SYS_DVBT2) {

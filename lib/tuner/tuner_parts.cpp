@@ -158,5 +158,5 @@ void Tuner::Parts::keep(const Tuning_result& tuned, const Turn& turn) {
   last_system = tuned.system;
   if (profile.remember_tunings)
     (void)db->parts().tunings.store(input, {tuned.key, tuned.freq, tuned.system, tuned.pipe, tuned.bandwidth_hz,
-                                            tuned.modulation, tuned.offset_hz, tuned.lock_ms});
+                                            tuned.modulation, tuned.tuned_hz - tuned.freq, tuned.lock_ms});
 }

@@ -103,6 +103,7 @@ bool Tuning_search::note(const Attempt& attempt, const Step& step, Tuning_result
   if (!over && result->outcome != TUNING_NONE && weight(step.outcome) <= weight(result->outcome))
     return false;
   result->outcome = step.outcome;
+  result->tuned_hz = attempt.freq;
   result->error = step.error;
   result->system = attempt.system;
   result->pipe = attempt.pipe;

@@ -117,6 +117,7 @@ TEST_F(Tuning_search_test, a_lock_beside_the_centre_is_known_by_the_frequency_as
   EXPECT_EQ(result.outcome, TUNING_LOCKED);
   EXPECT_EQ(result.key, FREQ);
   EXPECT_EQ(result.reported_hz, 505833333);
+  EXPECT_EQ(result.tuned_hz, 505833333);
   EXPECT_EQ(result.offset_hz, -166667);
   EXPECT_EQ(result.bandwidth_hz, 7000000);
   EXPECT_EQ(result.modulation, int{QAM_64});

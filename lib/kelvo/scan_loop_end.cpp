@@ -142,7 +142,6 @@ void Scan_loop::begin_scan() {
   scan_.merged = false;
   scan_.changes = 0;
   scan_.missing.clear();  // keeps its room
-  parser_.parts().announcements().clear();
   kelvo_.database.parts().errors.watch(kelvo_.adapter);
   dropped_before_ = filter_.parts().dropped();
   scan_open_ = true;
@@ -154,10 +153,6 @@ void Scan_loop::end_scan(int outcome) {
   scan_open_ = false;
   scan_.outcome = outcome;
   filter_.parts().lost(&scan_.lost);
-  const Announcements& announcements = parser_.parts().announcements();
-  scan_.original_network_id = announcements.original_network_id();
-  scan_.transport_stream_id = announcements.transport_stream_id();
-  scan_.announced = announcements.multiplexes();
   (void)kelvo_.database.parts().errors.first_since_watch(kelvo_.adapter, &scan_.error);
   kelvo_.listeners.tell(scan_);
 }

@@ -93,10 +93,7 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       if (pid != pid::PAT)
         break;
       KLOG(VERB_TRACE, "Scanning PAT\n");
-      scan_long_section<ProgramAssociationSection>(bytes, [&](auto* pat) {
-        announcements_.read(bytes, section_size(bytes));
-        parse_section_pat(pat, freq, stage);
-      });
+      scan_long_section<ProgramAssociationSection>(bytes, [&](auto* pat) { parse_section_pat(pat, freq, stage); });
       break;
     case table::CAT:
       if (pid != pid::CAT)
@@ -113,19 +110,13 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       if (pid != pid::NIT)
         break;
       KLOG(VERB_TRACE, "Scanning NIT same network\n");
-      scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) {
-        announcements_.read(bytes, section_size(bytes));
-        parse_section_nit(nit, pid, freq);
-      });
+      scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) { parse_section_nit(nit, pid, freq); });
       break;
     case table::SDT_ACTUAL:
       if (pid != pid::SDT)
         break;
       KLOG(VERB_TRACE, "Scanning SDT\n");
-      scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) {
-        announcements_.read(bytes, section_size(bytes));
-        parse_section_sdt(sdt, freq);
-      });
+      scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) { parse_section_sdt(sdt, freq); });
       break;
     case table::TDT:
       if (pid == pid::TIME)

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "base/multiplex.h"
-#include "si/announcements.h"
 #include "si/broadcast_time.h"
 #include "si/descriptors.h"
 #include "si/dvb_text.h"
@@ -54,9 +53,6 @@ class Siparse::Parts {
   // True: once sections of the guide's PID were lost, as the filters count them, the table being read is complete only
   // when the last section of each service has come twice again. False at first. Before-start: before the first section.
   void set_repeat_lost(bool repeat) { repeat_lost_ = repeat; }
-
-  // What PAT, SDT and NIT have said since it was cleared. Worker-only.
-  Announcements& announcements() { return announcements_; }
 
   // --- For Siparse, which has the contracts ------------------------------------------------------------------------
 
@@ -120,7 +116,6 @@ class Siparse::Parts {
   const int adapter_;
   const Input input_;
 
-  Announcements announcements_;
   System_clock clock_;
   bool sets_zone_ = true;
   Dvb_text text_;

@@ -2,7 +2,6 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 list(APPEND KELVO_SOURCES
-  si/announcements.cpp
   si/descriptors.cpp
   si/descriptors_event.cpp
   si/descriptors_network.cpp

@@ -85,18 +85,18 @@ TEST_F(Epg_update, a_multiplex_without_a_lock_does_not_stop_the_others) {
   scan(network());
   EXPECT_EQ(update(joined({network(), {"--signal", "506000000:status=0"}})),
             prints("  MULTIPLEX  LCN  NAME  EVENTS  GUIDE\n"
-                   "506.000 MHz    -  -          0  no lock\n"
+                   "506.000 MHz    -  -          0  no signal\n"
                    "514.000 MHz   11  Шпак      48  complete\n"
                    "\n"
                    "1 of 1 services done, 48 events, 48 of them new.\n",
-                   "[1/2] 506.000 MHz: no lock\nШпак: complete, 48 events\n[2/2] 514.000 MHz: done\n"));
+                   "[1/2] 506.000 MHz: no signal\nШпак: complete, 48 events\n[2/2] 514.000 MHz: done\n"));
 }
 
 TEST_F(Epg_update, a_carrier_without_a_stream_is_told_from_no_lock) {
   scan(network());
   EXPECT_THAT(
       update(joined({network(), {"--stop-after", "506000000=0.001"}}), {"--freq", "506000000", "--freq", "514000000"}),
-      ends(0, HasSubstr("506.000 MHz    -  -          0  no MPEG stream\n")));
+      ends(0, HasSubstr("506.000 MHz    -  -          0  locked, no stream\n")));
 }
 
 TEST_F(Epg_update, leaves_out_what_no_frontend_receives) {
@@ -203,7 +203,10 @@ TEST_F(Epg_update, a_failure_is_one_line) {
         "/dev/dvb/adapter3/frontend0" + NO_DEVICE},
        {"busy device", {"--fault", "open(frontend0)=EBUSY"}, {}, "/dev/dvb/adapter0/frontend0" + BUSY_DEVICE},
        {"no permission", {"--fault", "open(frontend0)=EACCES"}, {}, "/dev/dvb/adapter0/frontend0" + DENIED_DEVICE},
-       {"cable receiver", {"--type", "qam"}, {}, "/dev/dvb/adapter0/frontend0: softdvb DVB-C 0 does not receive DVB-T"},
+       {"cable receiver",
+        {"--type", "qam"},
+        {},
+        "/dev/dvb/adapter0/frontend0: softdvb DVB-C 0 does not receive DVB-T or DVB-T2"},
        {"database not writable", {"--fault", "access(dvb.db)=EACCES"}, {}, "DB: cannot be written: Permission denied"},
        {"guide not writable",
         {"--fault", "access(dvb_epg.db)=EROFS"},

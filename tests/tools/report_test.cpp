@@ -1,6 +1,10 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include <linux/dvb/frontend.h>
+
+#include <cerrno>
+
 #include "support/test.h"
 #include "tools/scan/scan_report.h"
 
@@ -43,12 +47,86 @@ TEST(Multiplex_text, says_what_happened) {
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::LOCKED, 3.24, 1)), "locked, 1 service, 3.2 s");
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::TIMED_OUT, 39.4, 0)),
             "timed out: not all tables came, 0 services, 39.4 s");
-  EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_STREAM, 6, 0)), "no MPEG stream, 6.0 s");
+  EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_STREAM, 6, 0)), "locked, no stream, 6.0 s");
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_DEMUX, 0.24, 0)), "the demultiplexer cannot be used, 0.2 s");
   EXPECT_EQ(multiplex_text(line(1, 0, Outcome::NO_LOCK, 0.16, 0)), "no lock, 0.2 s");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::OUT_OF_RANGE, 0, 0)), "out of the frontend's range");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::NOT_SCANNED, 0, 0)), "not scanned: interrupted");
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::TIME_UP, 0, 0)), "not scanned: the time was up");
+  EXPECT_EQ(multiplex_text(line(1, -1, Outcome::DEVICE_GONE, 0, 0)), "not scanned: the adapter is gone");
+}
+
+TEST(Multiplex_text, says_why_there_is_no_lock_or_where_it_is) {
+  const struct {
+    Tuning_result tuning;
+    const char* text;
+  } cases[] = {
+      {{.outcome = TUNING_NO_SIGNAL}, "no signal"},
+      {{.outcome = TUNING_NO_LOCK}, "signal, no lock"},
+      {{.outcome = TUNING_NO_STREAM}, "locked, no stream"},
+      {{.outcome = TUNING_REFUSED, .error = EINVAL}, "refused by the device: Invalid argument"},
+      {{.outcome = TUNING_CANCELLED}, "interrupted"},
+      {{.outcome = TUNING_NO_DEVICE, .error = EBUSY}, "busy: another program has the frontend"},
+      {{.outcome = TUNING_NO_DEVICE, .error = EACCES}, "no right to open (group video)"},
+      {{.outcome = TUNING_NO_DEVICE, .error = ENODEV}, "the adapter is gone"},
+      {{.outcome = TUNING_NO_DEVICE, .error = EIO}, "the frontend cannot be used: Input/output error"},
+      {{.outcome = TUNING_NO_FIRMWARE}, "firmware missing (see dmesg)"},
+  };
+  for (const auto& c : cases) {
+    Multiplex_line one = line(578000000, 0, Outcome::NO_LOCK, 2, 0);
+    one.result.tuning = c.tuning;
+    EXPECT_EQ(multiplex_text(one), std::string(c.text) + ", 2.0 s");
+  }
+  Multiplex_line beside = line(578000000, 0, Outcome::LOCKED, 2, 3);
+  beside.result.tuning = {.outcome = TUNING_LOCKED, .freq = 578000000, .offset_hz = -166000};
+  EXPECT_EQ(multiplex_text(beside), "locked, reports 577.834 MHz, 3 services, 2.0 s");
+}
+
+TEST(Multiplex_text, counts_what_was_lost) {
+  const struct {
+    std::vector<Lost_sections> lost;
+    const char* text;
+  } cases[] = {
+      {{}, ""},
+      {{{18, 3, 0}}, "; lost 3 sections or more (buffer overflow)"},
+      {{{18, 1, 0}, {17, 0, 1}}, "; lost 1 section or more (buffer overflow), 1 section came broken"},
+      {{{0, 0, 2}, {18, 0, 1}}, "; 3 sections came broken"},
+  };
+  for (const auto& c : cases) {
+    Multiplex_line one = line(1, 0, Outcome::LOCKED, 3.24, 8);
+    one.result.lost = c.lost;
+    EXPECT_EQ(multiplex_text(one), std::string("locked, 8 services, 3.2 s") + c.text);
+  }
+}
+
+TEST(Report, shows_system_and_readings_with_their_units) {
+  const auto measured = [](int freq, Tuning_result tuning, Signal_value strength, Signal_value snr) {
+    Multiplex_line one = line(freq, 0, Outcome::LOCKED, 2, 1);
+    one.result.tuning = tuning;
+    one.result.signal.strength = strength;
+    one.result.signal.snr = snr;
+    return one;
+  };
+  Multiplex_line lossy = measured(506000000, {.outcome = TUNING_LOCKED, .system = SYS_DVBT}, {SCALE_DECIBEL, -52.34},
+                                  {SCALE_DECIBEL, 24.06});
+  lossy.result.lost = {{18, 2, 0}};
+  // Readings of what was not scanned would be those of something else.
+  Multiplex_line skipped = measured(530000000, {.outcome = TUNING_LOCKED, .system = SYS_DVBT}, {SCALE_BOX, 99}, {});
+  skipped.result.outcome = Outcome::NOT_SCANNED;
+  EXPECT_EQ(
+      report({lossy, measured(514000000, {.outcome = TUNING_LOCKED, .system = SYS_DVBT2}, {SCALE_RELATIVE, 63.4}, {}),
+              measured(514000002, {.outcome = TUNING_LOCKED, .system = SYS_DVBT2, .pipe = 2}, {SCALE_DRIVER, 51400},
+                       {SCALE_RELATIVE, 70}),
+              skipped},
+             {}, {}),
+      "  MULTIPLEX  ADAPTER  SYSTEM               STRENGTH      SNR  SERVICES   TIME  RESULT\n"
+      "506.000 MHz        0  DVB-T               -52.3 dBm  24.1 dB         1  2.0 s  locked; lost 2 sections or more "
+      "(buffer overflow)\n"
+      "514.000 MHz        0  DVB-T2                   63 %        -         1  2.0 s  locked\n"
+      "514.000 MHz        0  DVB-T2 pipe 2  51400 (driver)     70 %         1  2.0 s  locked\n"
+      "530.000 MHz        0  -                           -        -         -      -  not scanned: interrupted\n"
+      "\n"
+      "3 of 4 frequencies with a multiplex, 3 services: 0 new, 0 back, 0 lost.\n");
 }
 
 TEST(Report, lists_multiplexes_by_frequency_and_changes_by_kind) {
@@ -60,10 +138,10 @@ TEST(Report, lists_multiplexes_by_frequency_and_changes_by_kind) {
   EXPECT_EQ(report({line(514000000, 1, Outcome::NO_LOCK, 0.16, 0), line(506000000, 0, Outcome::LOCKED, 2.04, 4),
                     line(900000000, -1, Outcome::OUT_OF_RANGE, 0, 0)},
                    before, after),
-            "  MULTIPLEX  ADAPTER  SERVICES   TIME  RESULT\n"
-            "506.000 MHz        0         4  2.0 s  locked\n"
-            "514.000 MHz        1         -  0.2 s  no lock\n"
-            "900.000 MHz        -         -      -  out of the frontend's range\n"
+            "  MULTIPLEX  ADAPTER  SYSTEM  STRENGTH  SNR  SERVICES   TIME  RESULT\n"
+            "506.000 MHz        0  -              -    -         4  2.0 s  locked\n"
+            "514.000 MHz        1  -              -    -         -  0.2 s  no lock\n"
+            "900.000 MHz        -  -              -    -         -      -  out of the frontend's range\n"
             "\n"
             "CHANGE  LCN  NAME     TYPE  PROVIDER    FREQUENCY\n"
             "new       9  Newer    TV    Meedia    506.000 MHz\n"
@@ -83,24 +161,25 @@ TEST(Report, says_where_a_multiplex_came_from_and_which_one_it_doubles) {
   lines[1].doubles = 1;
   lines[2].note = "had 3 services";
   // The double is in the list as not found, but nobody has lost it.
-  EXPECT_EQ(report(lines, {}, {service(1, 1, "Here", 1), service(2, 1, "Here", 0)}),
-            "  MULTIPLEX  ADAPTER  SERVICES   TIME  RESULT\n"
-            "506.000 MHz        0         1  2.0 s  locked\n"
-            "514.000 MHz        0         1  2.0 s  locked; announced by 506.000 MHz; same multiplex as 506.000 MHz, "
-            "weaker\n"
-            "522.000 MHz        0         -  0.2 s  no lock; had 3 services\n"
-            "\n"
-            "CHANGE  LCN  NAME  TYPE  PROVIDER    FREQUENCY\n"
-            "new       1  Here  TV    Meedia    506.000 MHz\n"
-            "\n"
-            "2 of 3 frequencies with a multiplex, 1 service: 1 new, 0 back, 0 lost.\n");
+  EXPECT_EQ(
+      report(lines, {}, {service(1, 1, "Here", 1), service(2, 1, "Here", 0)}),
+      "  MULTIPLEX  ADAPTER  SYSTEM  STRENGTH  SNR  SERVICES   TIME  RESULT\n"
+      "506.000 MHz        0  -              -    -         1  2.0 s  locked\n"
+      "514.000 MHz        0  -              -    -         1  2.0 s  locked; announced by 506.000 MHz; same multiplex as 506.000 MHz, "
+      "weaker\n"
+      "522.000 MHz        0  -              -    -         -  0.2 s  no lock; had 3 services\n"
+      "\n"
+      "CHANGE  LCN  NAME  TYPE  PROVIDER    FREQUENCY\n"
+      "new       1  Here  TV    Meedia    506.000 MHz\n"
+      "\n"
+      "2 of 3 frequencies with a multiplex, 1 service: 1 new, 0 back, 0 lost.\n");
 }
 
 TEST(Report, without_changes_has_no_table_of_them) {
   const std::vector<Service> same{service(1, 1, "Stays", 1)};
   EXPECT_EQ(report({line(506000000, 0, Outcome::LOCKED, 2.04, 1)}, same, same),
-            "  MULTIPLEX  ADAPTER  SERVICES   TIME  RESULT\n"
-            "506.000 MHz        0         1  2.0 s  locked\n"
+            "  MULTIPLEX  ADAPTER  SYSTEM  STRENGTH  SNR  SERVICES   TIME  RESULT\n"
+            "506.000 MHz        0  -              -    -         1  2.0 s  locked\n"
             "\n"
             "1 of 1 frequency with a multiplex, 1 service: 0 new, 0 back, 0 lost.\n");
 }

@@ -91,7 +91,8 @@ TEST_F(Trace_record, is_kept_when_it_is_interrupted) {
   support::write_file(dir_.file("empty.ts"), nothing);
   support::Running_command running({SOFTDVB_COMMAND, "--log", log, "--mux", "522000000=" + dir_.file("empty.ts"), "--",
                                     KELVO_COMMAND, "trace", "record", out, "--freq", "522000000"});
-  support::wait_for([&] { return read_file(log).find("DMX_START") != std::string::npos; }, std::chrono::seconds(30));
+  support::wait_for([&] { return read_file(log).find("DMX_SET_FILTER") != std::string::npos; },
+                    std::chrono::seconds(30));
   EXPECT_THAT(ended_by(SIGINT, running),
               ends(130, testing::_, HasSubstr("kelvo: interrupted; what was recorded is kept\n")));
   // A note of the frequency: the trace begins with it.

@@ -64,10 +64,19 @@ TEST_F(Watch, finds_a_channel_by_number_name_and_row) {
 
 TEST_F(Watch, says_when_quality_is_lost_and_back) {
   scan(network());
-  // A lost lock, then a lock whose bits are wrong.
-  for (const auto& [bad, good] : {std::pair("status 506000000 = 0", "status 506000000 = 0x1f"),
-                                  std::pair("ber 506000000 = 1000000", "ber 506000000 = 0")}) {
-    Running_command running(controlled(network("x4"), {"watch", "Kuldnokk"}));
+  const struct {
+    const char* legend;
+    const char* profile;
+    const char* bad;
+    const char* good;
+  } cases[] = {
+      {"nothing is received", "any", "status 506000000 = 0", "status 506000000 = 0x1f"},
+      {"a signal without a lock", "any", "status 506000000 = 0x0f", "status 506000000 = 0x1f"},
+      {"a lock whose bits are wrong", "box", "ber 506000000 = 1000000", "ber 506000000 = 0"},
+  };
+  for (const auto& [legend, profile, bad, good] : cases) {
+    SCOPED_TRACE(legend);
+    Running_command running(controlled(network("x4"), {"watch", "Kuldnokk", "--profile", profile}));
     // The guide grows some 10 s after the lock.
     ASSERT_TRUE(running.wait_for_out("guide grown to ") || running.wait_for_out(" 96 events")) << running.out();
     control(std::string("adapter 0 ") + bad);

@@ -3,13 +3,24 @@
 
 #include "tools/engine/adapter.h"
 
+#include <cerrno>
 #include <utility>
 
 Adapter::Adapter(int number, Frontend_info frontend, Sdbl* database)
     : number_(number),
       frontend_(std::move(frontend)),
-      kelvo_(std::make_unique<Kelvo>(number, 0, 0, database, true, nullptr)) {
+      kelvo_(std::make_unique<Kelvo>(number, 0, 0, database, true, nullptr, frontend_.profile)) {
+  check_frontend(number, kelvo_->frontend_state());
   kelvo_->set_scan_listener(on_scan_end, this);
+  kelvo_->set_device_listener(on_device, this);
+}
+
+// On the library's worker.
+void Adapter::on_device(void* self, const Device_event& event) {
+  auto* adapter = static_cast<Adapter*>(self);
+  const std::lock_guard lock(adapter->mutex_);
+  adapter->gone_ = adapter->gone_ || event.kind == DEVICE_GONE;
+  adapter->changed_.notify_all();
 }
 
 // On the library's worker, right before the answer to the same scan: kept until the answer takes it along.
@@ -43,13 +54,22 @@ bool Adapter::tune(const Tuning_request& wanted) {
     requests_.push_back({this});
     request = &requests_.back();
   }
-  return kelvo_->tune_to(wanted, -1, request, on_answer) != 0;
+  if (stopped() || gone()) {
+    return false;
+  }
+  const bool tuned = kelvo_->tune_to(wanted, -1, request, on_answer) != 0;
+  // The worker may be a moment behind with telling it.
+  if (!tuned && kelvo_->frontend_state().error == ENODEV) {
+    const std::lock_guard lock(mutex_);
+    gone_ = true;
+  }
+  return tuned;
 }
 
 std::optional<Answer> Adapter::answer(std::optional<Clock::time_point> until) {
   std::unique_lock lock(mutex_);
   // An answer that came before the stop still counts: what was scanned is in the database.
-  const auto over = [this] { return requests_.back().answered || stopped_; };
+  const auto over = [this] { return requests_.back().answered || stopped_ || gone_; };
   if (until) {
     (void)changed_.wait_until(lock, *until, over);
   } else {
@@ -63,17 +83,17 @@ Answer Adapter::scan(const Tuning_request& request, std::optional<Clock::time_po
   Answer out;
   if (tune(request)) {
     out = answer(until).value_or(Answer{});
-  } else if (!stopped()) {
+  } else if (!stopped() && !gone()) {
     out.kind = Answer::Kind::NO_LOCK;
   }
-  out.tuning = kelvo_->last_tuning();
-  out.signal = kelvo_->signal();
+  out.tuning = last_tuning();
+  out.signal = signal();
   return out;
 }
 
 void Adapter::wait(std::chrono::milliseconds time) {
   std::unique_lock lock(mutex_);
-  (void)changed_.wait_for(lock, time, [this] { return stopped_; });
+  (void)changed_.wait_for(lock, time, [this] { return stopped_ || gone_; });
 }
 
 void Adapter::stop() {
@@ -90,10 +110,20 @@ bool Adapter::stopped() const {
   return stopped_;
 }
 
-float Adapter::strength() const {
+bool Adapter::gone() const {
   const std::lock_guard lock(mutex_);
-  // The drawing thread may ask while the adapter's own thread is giving its Kelvo up.
-  return kelvo_ ? kelvo_->fe_strength() : 0;
+  return gone_;
+}
+
+// The drawing thread may ask while the adapter's own thread is giving its Kelvo up.
+Signal_readings Adapter::signal() const {
+  const std::lock_guard lock(mutex_);
+  return kelvo_ ? kelvo_->signal() : Signal_readings{};
+}
+
+Tuning_result Adapter::last_tuning() const {
+  const std::lock_guard lock(mutex_);
+  return kelvo_ ? kelvo_->last_tuning() : Tuning_result{};
 }
 
 void Adapter::release() {

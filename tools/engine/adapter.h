@@ -21,7 +21,7 @@ struct Answer {
   enum class Kind {
     SCANNED,    // `end` says how completely
     NO_STREAM,  // a lock, but no MPEG stream
-    NO_LOCK,    // no signal
+    NO_LOCK,    // `tuning` says why
     GIVEN_UP,   // not answered: stopped, or the time was up
   } kind = Kind::GIVEN_UP;
   Scan_end end;            // of SCANNED and NO_STREAM
@@ -30,12 +30,12 @@ struct Answer {
 };
 
 // An adapter that is asked for one frequency after the other: a Kelvo, and its answers as values. One thread asks;
-// stop(), stopped() and strength() are for any.
+// stop(), stopped(), gone() and readings are for any.
 class Adapter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `database` is not owned and outlives this object.
+  // `database` is not owned and outlives this object. Throws Failure when the library cannot open the frontend.
   Adapter(int number, Frontend_info frontend, Sdbl* database);
   Adapter(const Adapter&) = delete;
   Adapter& operator=(const Adapter&) = delete;
@@ -45,7 +45,7 @@ class Adapter {
   // For everything that is no request without a channel. REQUIRES: release() has not been called.
   Kelvo& kelvo() { return *kelvo_; }
 
-  // Requests the frequency; false when there is no lock.
+  // Requests the frequency, which may take seconds; false when there is no lock, or none with a stream.
   bool tune(const Tuning_request& request);
   // Waits for the answer to the last request that had a lock. Empty when it is stopped or `until` comes first; no
   // `until` waits for ever.
@@ -53,15 +53,18 @@ class Adapter {
   // Both, one after the other.
   Answer scan(const Tuning_request& request, std::optional<Clock::time_point> until = std::nullopt);
 
-  // Waits so long, or until it is stopped.
+  // Waits so long, or until it is stopped or the device has gone.
   void wait(std::chrono::milliseconds time);
   // Ends all waiting, now and later, for a lock as well. A merge under way in the library ends first. A tuning that
   // begins at the same moment may miss it; another call ends that.
   void stop();
   bool stopped() const;
+  // Whether the device has gone. It is not used again.
+  bool gone() const;
 
-  // Usually 0 to 100.
-  float strength() const;
+  // The readings of its monitor, and how the last tuning ended; empty values behind release().
+  Signal_readings signal() const;
+  Tuning_result last_tuning() const;
 
   // Deletes the Kelvo, after what it is writing has been written.
   void release();
@@ -75,6 +78,7 @@ class Adapter {
     Answer answer{};
   };
   static void on_scan_end(void* self, const Scan_end& end);
+  static void on_device(void* self, const Device_event& event);
   static void on_answer(void* request, int result);
 
   int number_;
@@ -84,5 +88,6 @@ class Adapter {
   std::deque<Request> requests_;
   Scan_end last_end_;  // told on the worker right before the answer to the same scan
   bool stopped_ = false;
+  bool gone_ = false;
   std::unique_ptr<Kelvo> kelvo_;
 };

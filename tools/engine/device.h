@@ -3,13 +3,19 @@
 
 #pragma once
 
+#include <tuner/reception.h>
+
 #include <string>
 
-// What the kernel says about an adapter's frontend.
+#include <kelvo/receiver_profile.h>
+
+// The frontend of an adapter that is used, what the kernel says about it, and how it is treated.
 struct Frontend_info {
+  std::string path;
   std::string name;
   unsigned lowest_hz = 0;  // 0: no limit known
   unsigned highest_hz = 0;
+  Receiver_profile profile;
 
   bool receives(int freq) const {
     const auto hz = static_cast<unsigned>(freq);
@@ -17,6 +23,11 @@ struct Frontend_info {
   }
 };
 
-// Opens frontend and demultiplexer of the adapter and closes them again: the only way to know that they are there.
-// Throws Failure when one is missing, in use, or not DVB-T.
-Frontend_info check_adapter(int adapter);
+// Whether there is an adapter to be used as the profile says. With Receiver_profile::box() frontend0 is opened as the
+// library will open it, and closed again; else nothing is opened for writing, which costs some devices seconds: that
+// another program has the frontend may then be known only when the library has tried (check_frontend). Throws Failure
+// when it is missing, in use, or receives neither DVB-T nor DVB-T2.
+Frontend_info check_adapter(int adapter, const Receiver_profile& profile);
+
+// Throws Failure when the library could not open the frontend of `adapter`, or it has gone since.
+void check_frontend(int adapter, const Frontend_state& state);

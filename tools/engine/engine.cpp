@@ -3,6 +3,7 @@
 
 #include "tools/engine/engine.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -35,7 +36,11 @@ Engine::Engine(const std::map<int, Frontend_info>& frontends, const std::vector<
 // Threads use the adapters and the list, so they end before either goes. The stop makes that a matter of one merge at
 // most.
 Engine::~Engine() {
-  stop();
+  pollfd changed{wake_, POLLIN, 0};
+  for (stop(); !ended(); stop()) {
+    (void)poll(&changed, 1, STOP_INTERVAL_MS);
+    calm();
+  }
   join();
   (void)::close(wake_);
 }
@@ -52,6 +57,10 @@ void Engine::run(Adapter& adapter) {
   for (Tuning_request request; take(adapter, &request);) {
     wake();
     job_(adapter, request);
+    if (adapter.gone()) {
+      give_back(adapter, request);
+      break;
+    }
   }
   {
     const std::lock_guard lock(mutex_);
@@ -80,6 +89,13 @@ bool Engine::take(const Adapter& adapter, Tuning_request* request) {
   taken_[&adapter] = {next->freq, Adapter::Clock::now()};
   left_.erase(next);
   return true;
+}
+
+void Engine::give_back(const Adapter& adapter, const Tuning_request& request) {
+  const std::lock_guard lock(mutex_);
+  taken_.erase(&adapter);
+  left_.push_front(request);
+  changed_.notify_all();
 }
 
 void Engine::add(const std::vector<Tuning_request>& requests) {
@@ -128,7 +144,7 @@ std::vector<Engine::Under_way> Engine::under_way() const {
   std::vector<Under_way> out;
   for (const auto& adapter : adapters_) {
     // Asked before the lock is taken, because the adapter takes one of its own for it.
-    const float strength = adapter->strength();
+    const Signal_value strength = adapter->signal().strength;
     const std::lock_guard lock(mutex_);
     if (const auto taken = taken_.find(adapter.get()); taken != taken_.end()) {
       const std::chrono::duration<double> seconds = Adapter::Clock::now() - taken->second.since;
@@ -147,6 +163,16 @@ size_t Engine::waiting() const {
   const std::lock_guard lock(mutex_);
   return static_cast<size_t>(
       std::count_if(left_.begin(), left_.end(), [this](const auto& one) { return receivable(one.freq); }));
+}
+
+std::vector<int> Engine::gone() const {
+  std::vector<int> out;
+  for (const auto& adapter : adapters_) {
+    if (adapter->gone()) {
+      out.push_back(adapter->number());
+    }
+  }
+  return out;
 }
 
 std::vector<Tuning_request> Engine::left() const {

@@ -28,7 +28,7 @@ class Engine {
   // A frequency that an adapter is working on.
   struct Under_way {
     int freq;
-    float strength;
+    Signal_value strength;
     double seconds;  // since it was taken
   };
 
@@ -58,19 +58,24 @@ class Engine {
 
   // Lets nobody take another frequency.
   void close();
-  // That, and every adapter is stopped. Called again and again until all have ended, it ends what began meanwhile.
+  // That, and every adapter is stopped. Called again each STOP_INTERVAL_MS until all have ended, it ends what began
+  // meanwhile.
+  static constexpr int STOP_INTERVAL_MS = 100;
   void stop();
 
   std::vector<Under_way> under_way() const;
   // How many frequencies wait for an adapter that receives them.
   size_t waiting() const;
-  // The frequencies that nobody began, and among them those that no adapter receives.
+  // The adapters whose device has gone. What they were at is given back, for others.
+  std::vector<int> gone() const;
+  // The frequencies that nobody began, or that were given back, and among them those that no adapter receives.
   std::vector<Tuning_request> left() const;
   std::vector<int> unreceivable() const;
 
  private:
   void run(Adapter& adapter);
   bool take(const Adapter& adapter, Tuning_request* request);
+  void give_back(const Adapter& adapter, const Tuning_request& request);
   bool receivable(int freq) const;
   void wake() const;
 

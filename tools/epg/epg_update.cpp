@@ -22,6 +22,7 @@
 #include "tools/cli/interrupt.h"
 #include "tools/cli/local_time.h"
 #include "tools/cli/progress_lines.h"
+#include "tools/cli/receiver_options.h"
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
@@ -29,6 +30,7 @@
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
 #include "tools/database/open_database.h"
+#include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_job.h"
 
 namespace {
@@ -43,6 +45,7 @@ struct Update_options {
   std::vector<int> freqs;
   bool all = false;
   std::optional<std::string> time;
+  Receiver_options receiver;
   std::string db;
 };
 
@@ -56,7 +59,7 @@ std::string place_of(const EIT_progress& service) {
 }
 
 // What there is of the guide of a service; of an unfinished one also why.
-std::string guide_text_of(const Guide_progress& progress, Guide_outcome outcome) {
+std::string guide_text_of(const Guide_progress& progress, const Guide_multiplex& multiplex) {
   switch (progress.state) {
     case Guide_state::COMPLETE:
       return "complete";
@@ -65,7 +68,7 @@ std::string guide_text_of(const Guide_progress& progress, Guide_outcome outcome)
     case Guide_state::COLLECTING:
       break;
   }
-  return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(outcome));
+  return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(multiplex));
 }
 
 // The table reached, and the last one, in a fixed width.
@@ -127,7 +130,16 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   database_ = open_database(db_, exists);
   collect_all_guides(database_.get());
   reader_ = std::make_unique<Channel_db>(db_);
-  engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
+  try {
+    engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
+  } catch (const Failure&) {
+    database_.reset();
+    reader_.reset();
+    if (!exists) {
+      remove_database(db_);  // only here is it known that another program has the frontend
+    }
+    throw;
+  }
   job_ = std::make_unique<Guide_job>(freqs_, seconds_, engine_.get());
   engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_->work(adapter, request); });
   work();
@@ -143,13 +155,16 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
     console::say("kelvo: interrupted; what was collected is kept");
     return EXIT_INTERRUPTED;
   }
-  return EXIT_OK;
+  for (const int adapter : engine_->gone()) {
+    console::say(fmt::format("kelvo: adapter {} is gone; what was collected is kept", adapter));
+  }
+  return engine_->gone().empty() ? EXIT_OK : EXIT_FAILED;
 }
 
 void Update::work() {
   pollfd waits[] = {{engine_->fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
   while (!engine_->ended()) {
-    (void)poll(waits, 2, LOOK_INTERVAL_MS);
+    (void)poll(waits, 2, interrupted_ ? Engine::STOP_INTERVAL_MS : LOOK_INTERVAL_MS);
     engine_->calm();
     seen_ = job_->multiplexes();
     if (console::is_terminal()) {
@@ -160,6 +175,8 @@ void Update::work() {
     if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
       waits[1].fd = -1;
+    }
+    if (interrupted_) {
       engine_->stop();
     }
     // Unlike a scan, which lets what is under way end, nothing of a guide counts that can no longer be stored.
@@ -223,14 +240,14 @@ void Update::say_news() {
       // Once a service, also where its guide is sent anew and completed once more.
       std::string& said = said_[progress.service.channel];
       if (said.empty()) {
-        said = fmt::format("{}: {}, {} events", name_of(progress.service.channel),
-                           guide_text_of(progress, multiplex.outcome), progress.service.events);
+        said = fmt::format("{}: {}, {} events", name_of(progress.service.channel), guide_text_of(progress, multiplex),
+                           progress.service.events);
         console::say(said);
       }
     }
     if (multiplex.over() && closed_.insert(multiplex.freq).second) {
-      console::say(fmt::format("[{}/{}] {}: {}", closed_.size(), seen_.size(), mhz(multiplex.freq),
-                               outcome_text(multiplex.outcome)));
+      console::say(
+          fmt::format("[{}/{}] {}: {}", closed_.size(), seen_.size(), mhz(multiplex.freq), outcome_text(multiplex)));
     }
   }
 }
@@ -242,16 +259,17 @@ void Update::report() {
   int services = 0;
   int events = 0;
   int news = 0;
+  bool any_lost = false;
   for (const Guide_multiplex& multiplex : seen_) {
     // A multiplex of which nothing came still has its line, so that the reasons are complete.
     if (multiplex.services.empty()) {
-      table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex.outcome)});
+      table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex)});
     }
     for (const Guide_progress& progress : multiplex.services) {
       const auto known = services_.find(progress.service.channel);
       const int lcn = known == services_.end() ? NO_LCN : known->second.lcn;
       table.add({mhz(multiplex.freq), lcn == NO_LCN ? "-" : std::to_string(lcn), name_of(progress.service.channel),
-                 std::to_string(progress.service.events), guide_text_of(progress, multiplex.outcome)});
+                 std::to_string(progress.service.events), guide_text_of(progress, multiplex)});
       const auto old = before_.find(progress.service.channel);
       ++services;
       complete += progress.state != Guide_state::COLLECTING ? 1 : 0;
@@ -261,7 +279,14 @@ void Update::report() {
     }
   }
   table.print(stdout);
-  fmt::print("\n{} of {} services done, {} events, {} of them new.\n", complete, services, events, news);
+  for (const Guide_multiplex& multiplex : seen_) {
+    if (const std::string lost = lost_text(multiplex.lost); !lost.empty()) {
+      fmt::print("\n{}: {}", mhz(multiplex.freq), lost);
+      any_lost = true;
+    }
+  }
+  fmt::print("{}{} of {} services done, {} events, {} of them new.\n", any_lost ? "\n\n" : "\n", complete, services,
+             events, news);
 }
 
 int update(const Update_options& options) {
@@ -287,10 +312,11 @@ int update(const Update_options& options) {
       throw Failure(fmt::format("{}: no channels yet; find them with 'kelvo scan'", db));
     }
   }
+  const Receiver_profile profile = profile_of(options.receiver);
   std::map<int, Frontend_info> frontends;
   for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
     if (!frontends.contains(number)) {
-      frontends[number] = check_adapter(number);
+      frontends[number] = check_adapter(number, profile);
     }
   }
   // Only the folders of the default: a path that somebody named is either right or a slip.
@@ -313,6 +339,8 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
   command->add_flag("--all", options->all, "All multiplexes of the channel database; the default")->excludes(freq);
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; default: 10m a multiplex")
       ->type_name("TIME");
+  add_receiver_options(command, &options->receiver);
+  add_set_clock_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "Ends when every service has all that its network announces, or when the time is up; says what is there and\n"

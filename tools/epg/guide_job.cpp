@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_watcher.h"
 
 namespace {
@@ -24,7 +25,7 @@ void begin_again(Adapter& adapter, int freq, int channel, Guide_job::Time end) {
   do {
     adapter.wait(LOOK_INTERVAL / 4);
     adapter.kelvo().eit_progress(&progress);
-  } while (begun(progress) && !adapter.stopped() && Adapter::Clock::now() < end);
+  } while (begun(progress) && !adapter.stopped() && !adapter.gone() && Adapter::Clock::now() < end);
 }
 
 Guide_outcome outcome_without_scan(const Adapter& adapter, Answer::Kind kind) {
@@ -34,14 +35,16 @@ Guide_outcome outcome_without_scan(const Adapter& adapter, Answer::Kind kind) {
     case Answer::Kind::NO_STREAM:
       return Guide_outcome::NO_STREAM;
     default:
-      return adapter.stopped() ? Guide_outcome::STOPPED : Guide_outcome::TIME_UP;
+      return adapter.gone()      ? Guide_outcome::DEVICE_GONE
+             : adapter.stopped() ? Guide_outcome::STOPPED
+                                 : Guide_outcome::TIME_UP;
   }
 }
 
 }  // namespace
 
-std::string outcome_text(Guide_outcome outcome) {
-  switch (outcome) {
+std::string outcome_text(const Guide_multiplex& multiplex) {
+  switch (multiplex.outcome) {
     case Guide_outcome::WAITING:
       return "not begun";
     case Guide_outcome::RUNNING:
@@ -54,13 +57,15 @@ std::string outcome_text(Guide_outcome outcome) {
     case Guide_outcome::NOTHING_NEW:
       return "the rest is not sent";
     case Guide_outcome::NO_LOCK:
-      return "no lock";
+      return no_lock_text(multiplex.tuning);
     case Guide_outcome::NO_STREAM:
-      return "no MPEG stream";
+      return "locked, no stream";
     case Guide_outcome::NO_SERVICES:
       return "no services";
     case Guide_outcome::OUT_OF_RANGE:
       return "out of the frontend's range";
+    case Guide_outcome::DEVICE_GONE:
+      return "the adapter is gone";
   }
   return "";
 }
@@ -68,7 +73,7 @@ std::string outcome_text(Guide_outcome outcome) {
 Guide_job::Guide_job(const std::vector<int>& freqs, int seconds_given, const Engine* engine)
     : end_(Adapter::Clock::now() + seconds(seconds_given)), engine_(engine) {
   for (const int freq : freqs) {
-    multiplexes_.push_back({freq, Guide_outcome::WAITING, {}});
+    multiplexes_.push_back({freq, Guide_outcome::WAITING});
   }
   // No adapter will ever come to these, so nobody else would say it.
   for (const int freq : engine->unreceivable()) {
@@ -101,6 +106,7 @@ Guide_outcome Guide_job::collect(Adapter& adapter, const Tuning_request& request
   // request.
   for (int tries = 0; tries < 2 && progress.empty(); ++tries) {
     const Answer answer = adapter.scan(request, end);
+    show_tuning(request.freq, answer.tuning);
     if (answer.kind != Answer::Kind::SCANNED) {
       return outcome_without_scan(adapter, answer.kind);
     }
@@ -114,17 +120,22 @@ Guide_outcome Guide_job::collect(Adapter& adapter, const Tuning_request& request
     begin_again(adapter, request.freq, progress.front().channel, end);
   }
   Guide_watcher watcher(Adapter::Clock::now());
+  std::vector<Lost_sections> lost;
   while (true) {
     const Time now = Adapter::Clock::now();
     adapter.kelvo().eit_progress(&progress);
     const std::vector<Guide_progress> services = watcher.look(progress, now);
-    show(request.freq, services);
+    adapter.kelvo().lost_sections(&lost);
+    show(request.freq, services, lost);
     // Asked before the end of the time: a guide that was completed with the last section is done.
     const bool all = std::none_of(services.begin(), services.end(), [](const Guide_progress& service) {
       return service.state == Guide_state::COLLECTING;
     });
     if (all && !services.empty()) {
       return Guide_outcome::DONE;
+    }
+    if (adapter.gone()) {
+      return Guide_outcome::DEVICE_GONE;
     }
     if (adapter.stopped()) {
       return Guide_outcome::STOPPED;
@@ -148,11 +159,21 @@ void Guide_job::change(int freq, Guide_outcome outcome) {
   }
 }
 
-void Guide_job::show(int freq, const std::vector<Guide_progress>& services) {
+void Guide_job::show_tuning(int freq, const Tuning_result& tuning) {
+  const std::lock_guard lock(mutex_);
+  for (Guide_multiplex& multiplex : multiplexes_) {
+    if (multiplex.freq == freq) {
+      multiplex.tuning = tuning;
+    }
+  }
+}
+
+void Guide_job::show(int freq, const std::vector<Guide_progress>& services, const std::vector<Lost_sections>& lost) {
   const std::lock_guard lock(mutex_);
   for (Guide_multiplex& multiplex : multiplexes_) {
     if (multiplex.freq == freq) {
       multiplex.services = services;
+      multiplex.lost = lost;
     }
   }
 }

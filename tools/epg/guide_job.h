@@ -24,23 +24,26 @@ enum class Guide_outcome {
   DONE,
   TIME_UP,
   NOTHING_NEW,
-  NO_LOCK,
+  NO_LOCK,  // `tuning` says why
   NO_STREAM,
   NO_SERVICES,
   OUT_OF_RANGE,
+  DEVICE_GONE,
   STOPPED
 };
-
-std::string outcome_text(Guide_outcome outcome);
 
 struct Guide_multiplex {
   int freq = 0;
   Guide_outcome outcome = Guide_outcome::WAITING;
-  std::vector<Guide_progress> services;
+  std::vector<Guide_progress> services{};
+  Tuning_result tuning{};
+  std::vector<Lost_sections> lost{};
 
   // Its end has come, whatever it was.
   bool over() const { return outcome != Guide_outcome::WAITING && outcome != Guide_outcome::RUNNING; }
 };
+
+std::string outcome_text(const Guide_multiplex& multiplex);
 
 // What adapters do for `kelvo epg update`: they stay on each multiplex until its guide is collected. Any thread.
 class Guide_job {
@@ -58,7 +61,8 @@ class Guide_job {
   Time share_ends() const;
   Guide_outcome collect(Adapter& adapter, const Tuning_request& request, Time end);
   void change(int freq, Guide_outcome outcome);
-  void show(int freq, const std::vector<Guide_progress>& services);
+  void show_tuning(int freq, const Tuning_result& tuning);
+  void show(int freq, const std::vector<Guide_progress>& services, const std::vector<Lost_sections>& lost);
 
   Time end_;
   const Engine* engine_;

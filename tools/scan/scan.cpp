@@ -20,12 +20,14 @@
 #include "tools/cli/interrupt.h"
 #include "tools/cli/local_time.h"
 #include "tools/cli/progress.h"
+#include "tools/cli/receiver_options.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/open_database.h"
 #include "tools/engine/engine.h"
+#include "tools/engine/tuning_text.h"
 #include "tools/scan/same_multiplex.h"
 #include "tools/scan/scan_job.h"
 #include "tools/scan/scan_report.h"
@@ -41,6 +43,7 @@ struct Scan_options {
   Scan_choice choice;
   bool follow = false;
   std::optional<std::string> time;
+  Receiver_options receiver;
   std::string db;
   int verbosity = 0;  // how often -v was given
 };
@@ -84,6 +87,7 @@ class Scan {
   int services_ = 0;
   bool interrupted_ = false;
   bool time_up_ = false;
+  std::vector<int> gone_;  // adapters
 };
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow) {
@@ -92,7 +96,16 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
-  engine_ = std::make_unique<Engine>(frontends, requests_, database_.get());
+  try {
+    engine_ = std::make_unique<Engine>(frontends, requests_, database_.get());
+  } catch (const Failure&) {
+    database_.reset();
+    reader_.reset();
+    if (!exists) {
+      remove_database(db_);  // only here is it known that another program has the frontend
+    }
+    throw;
+  }
   if (follow) {
     job_.follow(requests_, engine_.get());
   }
@@ -105,10 +118,16 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   if (interrupted_ || time_up_) {
     engine_->join();  // A merge that was under way counts.
   }
+  gone_ = engine_->gone();
+  const std::vector<int> unreceivable = engine_->unreceivable();
   for (const Tuning_request& request : engine_->left()) {
+    const bool receivable = std::count(unreceivable.begin(), unreceivable.end(), request.freq) == 0;
     Multiplex_line line;
     line.result.freq = key_of(request);
-    line.result.outcome = interrupted_ ? Outcome::NOT_SCANNED : time_up_ ? Outcome::TIME_UP : Outcome::OUT_OF_RANGE;
+    line.result.outcome = interrupted_                   ? Outcome::NOT_SCANNED
+                          : receivable && !gone_.empty() ? Outcome::DEVICE_GONE
+                          : time_up_                     ? Outcome::TIME_UP
+                                                         : Outcome::OUT_OF_RANGE;
     lines_.push_back(line);
   }
   const std::vector<Service> after = compare(before);
@@ -133,7 +152,7 @@ std::vector<Service> Scan::compare(const std::vector<Service>& before) {
   for (const Multiplex_line& line : lines_) {
     const Multiplex_result& result = line.result;
     if (result.outcome == Outcome::NOT_SCANNED || result.outcome == Outcome::TIME_UP ||
-        result.outcome == Outcome::OUT_OF_RANGE) {
+        result.outcome == Outcome::OUT_OF_RANGE || result.outcome == Outcome::DEVICE_GONE) {
       continue;
     }
     const bool complete = result.outcome == Outcome::LOCKED;
@@ -166,14 +185,25 @@ int Scan::end_code() const {
     console::say("kelvo: interrupted; what was found is kept");
     return EXIT_INTERRUPTED;
   }
+  for (const int adapter : gone_) {
+    console::say(fmt::format("kelvo: adapter {} is gone; what was found is kept", adapter));
+  }
+  if (!gone_.empty()) {
+    return EXIT_FAILED;
+  }
   const auto left = std::count_if(lines_.begin(), lines_.end(),
                                   [](const Multiplex_line& line) { return line.result.outcome == Outcome::TIME_UP; });
-  if (left == 0) {
-    return EXIT_OK;
-  }
-  const bool found = std::any_of(lines_.begin(), lines_.end(), [](const Multiplex_line& line) {
+  const auto answered = std::count_if(lines_.begin(), lines_.end(), [](const Multiplex_line& line) {
     return line.result.outcome == Outcome::LOCKED || line.result.outcome == Outcome::TIMED_OUT;
   });
+  // A multiplex on every frequency and no services: then nothing is all there is.
+  const bool found = services_ > 0 || answered == static_cast<int>(lines_.size());
+  if (left == 0) {
+    if (!found) {
+      console::say("kelvo: no services found");
+    }
+    return found ? EXIT_OK : EXIT_FAILED;
+  }
   console::say(fmt::format("kelvo: the time was up before {} of {} frequencies were scanned; {}", left, lines_.size(),
                            found ? "what was found is kept" : "nothing was found"));
   return found ? EXIT_OK : EXIT_FAILED;
@@ -181,7 +211,10 @@ int Scan::end_code() const {
 
 // Until when there is nothing to do but to wait for something to happen; -1: for ever.
 int Scan::wait_ms() const {
-  if (interrupted_ || time_up_ || progress_.on()) {
+  if (interrupted_ || time_up_) {
+    return Engine::STOP_INTERVAL_MS;
+  }
+  if (progress_.on()) {
     return DRAW_INTERVAL_MS;
   }
   if (!end_) {
@@ -248,19 +281,21 @@ void Scan::draw() {
     return;
   }
   std::string freqs;
-  float strength = 0;
+  Signal_value strength;
   std::vector<double> seconds;
   for (const Engine::Under_way& one : all) {
     freqs += (freqs.empty() ? "" : ", ") + mhz(one.freq);
     // With several adapters there is one number; the best tells whether aerial and cable are right.
-    strength = std::max(strength, one.strength);
+    if (strength.scale == SCALE_ABSENT || (one.strength.scale != SCALE_ABSENT && one.strength.value > strength.value)) {
+      strength = one.strength;
+    }
     seconds.push_back(one.seconds);
   }
   std::optional<double> left = time_left_.left(engine_->waiting(), seconds, engine_->adapters().size());
   if (left && end_) {
     left = std::min(*left, std::chrono::duration<double>(*end_ - Clock::now()).count());
   }
-  progress_.draw(fmt::format("{}  signal {:.0f} %  {} services", freqs, std::min(strength, 100.0F), services_), left);
+  progress_.draw(fmt::format("{}  signal {}  {} services", freqs, strength_text(strength), services_), left);
 }
 
 bool any_receives_t2(const std::vector<int>& adapters) {
@@ -279,11 +314,12 @@ int scan(const Scan_options& options) {
   if (!db.empty()) {
     check_database_name(db);
   }
-  // Every adapter is opened before anything is made or changed, so that a wrong number costs nothing.
+  const Receiver_profile profile = profile_of(options.receiver);
+  // Every adapter is looked at before anything is made or changed, so that a wrong number costs nothing.
   std::map<int, Frontend_info> frontends;
   for (const int number : adapters) {
     if (!frontends.contains(number)) {
-      frontends[number] = check_adapter(number);
+      frontends[number] = check_adapter(number, profile);
     }
   }
   if (db.empty()) {
@@ -329,15 +365,18 @@ void add_scan(CLI::App& app, int* exit_code) {
   command->add_flag("--follow", options->follow, "Scan as well what the multiplexes found announce");
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; what was found is kept")
       ->type_name("TIME");
+  add_receiver_options(command, &options->receiver);
+  add_set_clock_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
       ->type_name("FILE");
   command->add_flag("-v,--verbose", options->verbosity,
                     "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
   command->footer(
       "Ends with a line a multiplex and a table of the services that are new, back or lost. Ctrl-C keeps what\n"
-      "was found. A frequency without a signal takes 0.15 s, a multiplex a few seconds, 40 at most. What several\n"
+      "was found. A frequency without a signal takes 1.2 to 4 s, a multiplex a few seconds, 40 at most. What several\n"
       "frequencies bring is kept where it is received best.\n"
-      "Exit code: 0 done, 1 failed, 2 wrong arguments, 130 interrupted.\n"
+      "Exit code: 0 something was found, or there was a multiplex on every frequency; 1 nothing was found, or failed;\n"
+      "2 wrong arguments; 130 interrupted.\n"
       "\n"
       "Examples:\n"
       "  kelvo scan\n"

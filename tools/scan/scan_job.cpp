@@ -40,12 +40,21 @@ void Scan_job::follow(const std::vector<Tuning_request>& asked, Engine* engine) 
 void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   const auto begin = Adapter::Clock::now();
   const Answer answer = adapter.scan(request);
+  const auto took = Adapter::Clock::now() - begin;
+  if (adapter.gone()) {
+    return;  // given back, for another adapter
+  }
   Multiplex_result result;
-  result.seconds = std::chrono::duration<double>(Adapter::Clock::now() - begin).count();
+  result.seconds = std::chrono::duration<double>(took).count();
   result.freq = answer.tuning.key != 0 ? answer.tuning.key : key_of(request);
   result.adapter = adapter.number();
   result.outcome = outcome_of(answer);
-  result.signal = answer.signal;
+  result.tuning = answer.tuning;
+  result.lost = answer.end.lost;
+  // A reading of the frequency before says nothing about this one.
+  if (answer.signal.age_ms >= 0 && std::chrono::milliseconds(answer.signal.age_ms) < took) {
+    result.signal = answer.signal;
+  }
   std::vector<Tuning_request> more;
   {
     // Not held during the scan: others report meanwhile.

@@ -15,10 +15,11 @@ enum class Outcome {
   TIMED_OUT,     // some table that was waited for never came
   NO_DEMUX,      // locked, but the demultiplexer could not be opened
   NO_STREAM,     // locked, but no MPEG stream
-  NO_LOCK,       // no signal
+  NO_LOCK,       // `tuning` says why
   OUT_OF_RANGE,  // no adapter receives this frequency
   NOT_SCANNED,   // interrupted before or during the scan
   TIME_UP,       // the same, because the time for the whole scan was over
+  DEVICE_GONE,   // the same, because the adapter went away
 };
 
 struct Multiplex_result {
@@ -26,8 +27,10 @@ struct Multiplex_result {
   int adapter = -1;  // -1: none got to it
   Outcome outcome = Outcome::NOT_SCANNED;
   double seconds = 0;
-  int announced_by = 0;  // the frequency of the multiplex that named this one; 0: it was asked for
-  Signal_readings signal;
+  int announced_by = 0;    // the frequency of the multiplex that named this one; 0: it was asked for
+  Signal_readings signal;  // at the end; empty when it was not read meanwhile
+  Tuning_result tuning;
+  std::vector<Lost_sections> lost;
 };
 
 // What adapters do for `kelvo scan`: one scan of each frequency. Any thread.

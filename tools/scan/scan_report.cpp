@@ -11,25 +11,28 @@
 
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
+#include "tools/engine/tuning_text.h"
 
 namespace {
 
-std::string outcome_text(Outcome outcome) {
-  switch (outcome) {
+std::string outcome_text(const Multiplex_result& result) {
+  switch (result.outcome) {
     case Outcome::LOCKED:
-      return "locked";
+      return locked_text(result.tuning);
     case Outcome::TIMED_OUT:
       return "timed out: not all tables came";
     case Outcome::NO_DEMUX:
       return "the demultiplexer cannot be used";
     case Outcome::NO_STREAM:
-      return "no MPEG stream";
+      return "locked, no stream";
     case Outcome::NO_LOCK:
-      return "no lock";
+      return no_lock_text(result.tuning);
     case Outcome::OUT_OF_RANGE:
       return "out of the frontend's range";
     case Outcome::TIME_UP:
       return "not scanned: the time was up";
+    case Outcome::DEVICE_GONE:
+      return "not scanned: the adapter is gone";
     case Outcome::NOT_SCANNED:
       break;
   }
@@ -37,7 +40,10 @@ std::string outcome_text(Outcome outcome) {
 }
 
 std::string with_notes(const Multiplex_line& line) {
-  std::string out = outcome_text(line.result.outcome);
+  std::string out = outcome_text(line.result);
+  if (const std::string lost = lost_text(line.result.lost); !lost.empty()) {
+    out += "; " + lost;
+  }
   if (line.result.announced_by != 0) {
     out += "; announced by " + mhz(line.result.announced_by);
   }
@@ -50,7 +56,14 @@ bool has_services(Outcome outcome) {
 
 // Without tuning there is no time to show, and 0.0 s would look like a measurement.
 bool was_tuned(Outcome outcome) {
-  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED && outcome != Outcome::TIME_UP;
+  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED && outcome != Outcome::TIME_UP &&
+         outcome != Outcome::DEVICE_GONE;
+}
+
+// A number on a scale that only the driver knows says something beside that of another multiplex; of a frequency
+// without one it says nothing.
+Signal_value shown(const Signal_value& value, Outcome outcome) {
+  return value.scale == SCALE_DRIVER && !has_services(outcome) ? Signal_value{} : value;
 }
 
 std::string count_text(int count, const char* what) {
@@ -113,12 +126,15 @@ const char* change_text(Change change) {
 }  // namespace
 
 std::string multiplex_text(const Multiplex_line& line) {
-  std::string out = outcome_text(line.result.outcome);
+  std::string out = outcome_text(line.result);
   if (has_services(line.result.outcome)) {
     out += ", " + count_text(line.services, "service");
   }
   if (was_tuned(line.result.outcome)) {
     out += fmt::format(", {:.1f} s", line.result.seconds);
+  }
+  if (const std::string lost = lost_text(line.result.lost); !lost.empty()) {
+    out += "; " + lost;
   }
   return out;
 }
@@ -128,17 +144,28 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
   std::sort(multiplexes.begin(), multiplexes.end(),
             [](const Multiplex_line& a, const Multiplex_line& b) { return a.result.freq < b.result.freq; });
   using enum Table::Align;
-  Table lines({{"MULTIPLEX", RIGHT}, {"ADAPTER", RIGHT}, {"SERVICES", RIGHT}, {"TIME", RIGHT}, {"RESULT"}});
+  Table lines({{"MULTIPLEX", RIGHT},
+               {"ADAPTER", RIGHT},
+               {"SYSTEM"},
+               {"STRENGTH", RIGHT},
+               {"SNR", RIGHT},
+               {"SERVICES", RIGHT},
+               {"TIME", RIGHT},
+               {"RESULT"}});
   int found = 0;
   int services = 0;
   for (const Multiplex_line& line : multiplexes) {
     const Multiplex_result& result = line.result;
     const bool counted = has_services(result.outcome);
+    const bool tuned = was_tuned(result.outcome);
     found += counted ? 1 : 0;
     services += counted ? line.services - line.doubles : 0;
     lines.add({mhz(result.freq), result.adapter < 0 ? "-" : std::to_string(result.adapter),
-               counted ? std::to_string(line.services) : "-",
-               was_tuned(result.outcome) ? fmt::format("{:.1f} s", result.seconds) : "-", with_notes(line)});
+               tuned ? system_text(result.tuning) : "-",
+               tuned ? strength_text(shown(result.signal.strength, result.outcome)) : "-",
+               tuned ? snr_text(shown(result.signal.snr, result.outcome)) : "-",
+               counted ? std::to_string(line.services) : "-", tuned ? fmt::format("{:.1f} s", result.seconds) : "-",
+               with_notes(line)});
   }
   lines.print(out);
 

@@ -18,6 +18,7 @@
 #include "tools/cli/console.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/interrupt.h"
+#include "tools/cli/receiver_options.h"
 #include "tools/cli/temporary_folder.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
@@ -38,6 +39,7 @@ struct Record_options {
   std::string out;
   std::string format;
   int adapter = 0;
+  Receiver_options receiver;
   std::vector<int> freqs;
 };
 
@@ -49,12 +51,12 @@ bool record_frequency(Adapter& adapter, const Tuning_request& request, Trace_rec
   recorder->stop(TRACE_TASK, TASK_TUNE, "tune");
   recorder->note("lock", locked ? 1 : 0);
   if (!locked) {
-    return true;
+    return !adapter.stopped();
   }
   recorder->start(TRACE_TASK, TASK_SCAN, "scan");
   std::optional<Answer> answer;
   do {
-    recorder->note("sgnl", static_cast<int>(adapter.strength()));
+    recorder->note("sgnl", static_cast<int>(adapter.signal().strength.value));
     answer = adapter.answer(Adapter::Clock::now() + SAMPLE_INTERVAL);
     // The signal is noted between two waits, so that a reader sees how it was when something did not come.
   } while (!answer && !adapter.stopped());
@@ -68,7 +70,9 @@ bool record_frequency(Adapter& adapter, const Tuning_request& request, Trace_rec
 // Scans frequencies with an adapter, into a database that nobody keeps, and records what happens. False when it was
 // interrupted.
 bool record_scan(const Record_options& options, const Interrupt& interrupt, Trace_recorder* recorder) {
-  const std::map<int, Frontend_info> frontends{{options.adapter, Frontend_info{}}};  // tries every frequency
+  Frontend_info frontend;  // tries every frequency
+  frontend.profile = profile_of(options.receiver);
+  const std::map<int, Frontend_info> frontends{{options.adapter, frontend}};
   const Temporary_folder folder;
   Library_listener listener(recorder);
   Sdbl database(folder.file("dvb.db").c_str());
@@ -86,12 +90,17 @@ bool record_scan(const Record_options& options, const Interrupt& interrupt, Trac
   });
   pollfd waits[] = {{engine.fd(), POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
   while (!engine.ended()) {
-    (void)poll(waits, 2, -1);
+    (void)poll(waits, 2, waits[1].fd < 0 ? Engine::STOP_INTERVAL_MS : -1);
     engine.calm();
     if ((waits[1].revents & POLLIN) != 0) {
       waits[1].fd = -1;
+    }
+    if (waits[1].fd < 0) {
       engine.stop();
     }
+  }
+  if (!engine.gone().empty()) {
+    throw Failure(fmt::format("adapter {} is gone", options.adapter));
   }
   return whole && engine.left().empty();
 }
@@ -107,7 +116,7 @@ std::string title_of(const std::vector<int>& freqs) {
 
 int record(const Record_options& options) {
   const std::string format = trace_format(options.format, options.out, "kelvo trace record");
-  (void)check_adapter(options.adapter);
+  (void)check_adapter(options.adapter, profile_of(options.receiver));
   const Interrupt interrupt;
   Trace_recorder recorder;
   bool whole = false;
@@ -139,6 +148,8 @@ void add_trace_record(CLI::App& trace, int* exit_code) {
       ->type_name("N")
       ->check(CLI::Range(0, 3));
   add_freqs_option(command, &options->freqs)->required();
+  add_receiver_options(command, &options->receiver);
+  add_set_clock_option(command, &options->receiver);
   command->footer(
       "Tuning, scanning, filters, sections and merges, as they happen in this program. The channels are not kept.\n"
       "\n"

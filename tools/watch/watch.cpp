@@ -22,6 +22,7 @@
 #include "tools/cli/failure.h"
 #include "tools/cli/interrupt.h"
 #include "tools/cli/local_time.h"
+#include "tools/cli/receiver_options.h"
 #include "tools/cli/text.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
@@ -36,20 +37,21 @@ namespace {
 constexpr int LOOK_INTERVAL_MS = 500;
 // How long the tuner may take before the lack of a lock is worth saying.
 constexpr std::chrono::seconds LOCK_PATIENCE{2};
-constexpr int FULL_LOCK = 0x1F;
 
 struct Watch_options {
   std::string channel;
   int adapter = 0;
   std::optional<std::string> time;
+  Receiver_options receiver;
   std::string db;
   std::string zone_of;
 };
 
 // What callbacks, which come from the library's threads, leave for the watching one.
 std::atomic<int> changes{0};
-std::mutex mutex;                      // guards the next two
+std::mutex mutex;                      // guards the next three
 std::vector<unsigned> quality_events;  // 0 lost, 1 good
+std::vector<Device_event> device_events;
 std::vector<Time_news> time_news;
 int wake_fd = -1;
 
@@ -82,6 +84,14 @@ void on_time(void*, const Broadcast_time& broadcast) {
   wake();
 }
 
+void on_device(void*, const Device_event& event) {
+  {
+    const std::lock_guard lock(mutex);
+    device_events.push_back(event);
+  }
+  wake();
+}
+
 // Each line goes out at once: a reader behind a pipe waits for it, perhaps for hours. A reader that has gone away ends
 // the command here.
 void say(const std::string& text) {
@@ -93,7 +103,7 @@ class Watch {
  public:
   Watch(const Service& service, std::string db) : service_(service), db_(std::move(db)) {}
 
-  void run(int adapter, int seconds, const std::string& zone_of);
+  void run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of);
 
  private:
   bool listen_to_quality(Kelvo* kelvo, bool late) const;
@@ -114,7 +124,7 @@ class Watch {
   Time_texts time_;
 };
 
-void Watch::run(int adapter, int seconds, const std::string& zone_of) {
+void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of) {
   // The order of these matters: signals are blocked before the library starts threads, and it is silent before its
   // first object and until its last is gone.
   const Interrupt interrupt;
@@ -132,8 +142,10 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
   events_ = stored();
   // Later than the database and the guide's counts, as it starts to tune and to store at once; deleted first for the
   // same reason.
-  Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change);
+  Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change, profile);
+  check_frontend(adapter, kelvo.frontend_state());
   kelvo.set_time_listener(on_time, nullptr);
+  kelvo.set_device_listener(on_device, nullptr);
   kelvo.set_stb_event_callback(on_quality);
   // A plain channel request would do nothing on 474 MHz, where a new Kelvo tunes to.
   kelvo.watch_again(service_.freq, service_.channel);
@@ -153,17 +165,21 @@ void Watch::run(int adapter, int seconds, const std::string& zone_of) {
     // At every look, since there is no end at which it could be asked: a full disk must not pass for a quiet channel.
     check_written(database.get(), db_);
   }
+  kelvo.cancel_tuning();
   say(fmt::format("stopped, {} events in the guide", stored()));
 }
 
 // The monitor tells nothing until it is reset, and while the tuner is on its way to the channel there is nothing to
 // tell. True when it has been reset.
 bool Watch::listen_to_quality(Kelvo* kelvo, bool late) const {
-  const bool received = kelvo->fe_freq() == service_.freq && (kelvo->fe_status() & FULL_LOCK) == FULL_LOCK;
-  if (received || late) {
+  const Tuning_result tuning = kelvo->last_tuning();
+  const bool received = tuning.outcome == TUNING_LOCKED && tuning.key == service_.freq;
+  // A search over systems may take longer than the patience.
+  const bool over = received || (late && tuning.outcome != TUNING_NONE);
+  if (over) {
     (void)kelvo->reset_signal_monitor();
   }
-  return received || late;
+  return over;
 }
 
 void Watch::look() {
@@ -187,6 +203,19 @@ void Watch::look() {
   for (const unsigned event : events) {
     say(event == 0 ? "quality lost" : "quality back");
   }
+  std::vector<Device_event> devices;
+  {
+    const std::lock_guard lock(mutex);
+    devices.swap(device_events);
+  }
+  for (const Device_event& event : devices) {
+    if (event.kind == DEVICE_GONE) {
+      say(fmt::format("adapter {} is gone", event.adapter));
+      say(fmt::format("waiting for adapter {}", event.adapter));
+    } else {
+      say(fmt::format("adapter {} is back", event.adapter));
+    }
+  }
   std::vector<Time_news> times;
   {
     const std::lock_guard lock(mutex);
@@ -201,13 +230,14 @@ void Watch::look() {
 
 void watch(const Watch_options& options) {
   const int seconds = options.time ? parse_duration(*options.time, "--for") : 0;
+  const Receiver_profile profile = profile_of(options.receiver);
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
   const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
   // Behind the look for the channel, which needs no adapter: a slip in the name is told where none is plugged in, too.
-  (void)check_adapter(options.adapter);
+  (void)check_adapter(options.adapter, profile);
   (void)check_database(db);
-  Watch(service, db).run(options.adapter, seconds, options.zone_of);
+  Watch(service, db).run(options.adapter, profile, seconds, options.zone_of);
 }
 
 }  // namespace
@@ -227,6 +257,8 @@ void add_watch(CLI::App& app, int* exit_code) {
       ->add_option("--zone-of", options->zone_of,
                    "Network whose local time becomes the time zone, as kelvo channels shows it; default: levira")
       ->type_name("NETWORK");
+  add_receiver_options(command, &options->receiver);
+  add_set_clock_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"

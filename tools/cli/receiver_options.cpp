@@ -1,0 +1,52 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#include "tools/cli/receiver_options.h"
+
+#include <cmath>
+
+#include "tools/cli/failure.h"
+
+namespace {
+
+constexpr double SHORTEST_LOCK_TIME = 0.1;
+constexpr double LONGEST_LOCK_TIME = 60;
+
+}  // namespace
+
+void add_receiver_options(CLI::App* command, Receiver_options* options) {
+  command
+      ->add_option("--profile", options->profile,
+                   "any: whatever Linux has a driver for; box: as a certain set-top box wants its frontend, which few "
+                   "others understand; default: any")
+      ->check(CLI::IsMember({"any", "box"}));
+  command
+      ->add_option("--lock-time", options->lock_time,
+                   "Wait so many seconds for each lock, DVB-T or DVB-T2, whether or not there is a sign of a signal; "
+                   "default: 1.2 to 2 without a sign, 3 to 4 with one")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(SHORTEST_LOCK_TIME, LONGEST_LOCK_TIME));
+}
+
+void add_set_clock_option(CLI::App* command, Receiver_options* options) {
+  command->add_flag("--set-clock", options->set_clock,
+                    "Let the broadcast set the system's clock and time zone; default: only with --profile box");
+}
+
+Receiver_profile profile_of(const Receiver_options& options) {
+  const bool box = options.profile == "box";
+  Receiver_profile profile = box ? Receiver_profile::box() : Receiver_profile::any_linux();
+  if (options.lock_time && box) {
+    throw Failure("--lock-time: not with --profile box, which waits 0.15 s", EXIT_USAGE);
+  }
+  if (options.lock_time) {
+    const int ms = static_cast<int>(std::lround(*options.lock_time * 1000));
+    Receiver_profile::Lock_times& times = profile.lock_times;
+    times.silent_t = times.silent_t_of_both = times.silent_t2 = times.signal_t = times.signal_t2 = ms;
+  }
+  if (options.set_clock) {
+    profile.set_clock = true;
+    profile.set_zone = true;
+  }
+  return profile;
+}

@@ -1,0 +1,25 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <kelvo/receiver_profile.h>
+
+// How adapters are treated, alike in every command that uses one.
+struct Receiver_options {
+  std::string profile = "any";
+  std::optional<double> lock_time;  // seconds
+  bool set_clock = false;
+};
+
+// --profile and --lock-time. `options` outlives the parsing.
+void add_receiver_options(CLI::App* command, Receiver_options* options);
+// --set-clock, for commands that read the time tables of a broadcast.
+void add_set_clock_option(CLI::App* command, Receiver_options* options);
+
+// What the options come to. Throws Failure when they contradict each other.
+Receiver_profile profile_of(const Receiver_options& options);

@@ -90,6 +90,7 @@ Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
   database.create_temp_tables(adapter);
   parser.parts().set_system_policy(its_profile.set_clock, its_profile.set_zone);
+  parser.parts().set_repeat_lost(its_profile.repeat_lost);
   filter.parts().configure(filter_options(its_profile));
 }
 

@@ -96,3 +96,10 @@ inline constexpr int FIRST_OF_SI = 0x40;
 inline constexpr int FIRST_PRIVATE = 0x80;
 
 }  // namespace tag
+
+// First bytes of an extension descriptor (EN 300 468, table 109).
+namespace extension_tag {
+
+inline constexpr int T2_DELIVERY_SYSTEM = 0x04;
+
+}  // namespace extension_tag

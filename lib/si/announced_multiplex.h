@@ -8,8 +8,8 @@
 struct Announced_multiplex {
   int original_network_id = 0;
   int transport_stream_id = 0;
-  int system = 0;        // SYS_DVBT or SYS_DVBT2 (linux/dvb/frontend.h)
+  int system = 0;        // SYS_DVBT or SYS_DVBT2 (linux/dvb/frontend.h); 0: not said
   int freq = 0;          // Hz
   int bandwidth_hz = 0;  // 0: not said
-  int pipe = -1;         // T2: plp_id; -1 for DVB-T
+  int pipe = -1;         // T2: plp_id; -1 otherwise
 };

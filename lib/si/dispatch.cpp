@@ -110,7 +110,10 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       if (pid != pid::NIT)
         break;
       KLOG(VERB_TRACE, "Scanning NIT same network\n");
-      scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) { parse_section_nit(nit, pid, freq); });
+      scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) {
+        network_.nit({bytes, section_size(bytes)});
+        parse_section_nit(nit, pid, freq);
+      });
       break;
     case table::SDT_ACTUAL:
       if (pid != pid::SDT)

@@ -23,6 +23,7 @@ int Siparse::Parts::parse_section_pat(ProgramAssociationSection* section, int fr
 
   Scan_rows rows(db_, place(freq, stage));
   const int ts_id = section->getTableIdExtension();
+  network_.pat(ts_id);
   for (const ProgramAssociation* program : *section->getPrograms()) {
     const int number = program->getProgramNumber();
     const int pmt_pid = program->getProgramMapPid();

@@ -11,6 +11,7 @@
 #include "si/siparse_parts.h"
 
 int Siparse::Parts::parse_section_sdt(ServiceDescriptionSection* section, int freq) {
+  network_.sdt(section->getOriginalNetworkId(), section->getTransportStreamId());
   Scan_rows rows(db_, place(freq));
   Found found;
   for (const ServiceDescription* service : *section->getDescriptions()) {

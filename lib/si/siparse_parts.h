@@ -15,6 +15,7 @@
 #include "si/dvb_text.h"
 #include "si/found.h"
 #include "si/guide_round.h"
+#include "si/network_found.h"
 #include "si/place.h"
 #include "si/siparse.h"
 #include "si/system_clock.h"
@@ -53,6 +54,15 @@ class Siparse::Parts {
   // True: once sections of the guide's PID were lost, as the filters count them, the table being read is complete only
   // when the last section of each service has come twice again. False at first. Before-start: before the first section.
   void set_repeat_lost(bool repeat) { repeat_lost_ = repeat; }
+
+  // What has been read of the multiplex and its network since begin_network(), which a scan begins with.
+  // Worker-only, both.
+  const Network_found& network() const { return network_; }
+  void begin_network();
+
+  // True: of a NIT in several sections all are read, and its filter is closed behind the last one. False at first: one
+  // section is all that is read. Before-start: before the first section.
+  void set_whole_nit(bool whole) { whole_nit_ = whole; }
 
   // --- For Siparse, which has the contracts ------------------------------------------------------------------------
 
@@ -106,6 +116,7 @@ class Siparse::Parts {
 
   bool pmt_is_new(int program, int version);
   void store_pmt(ProgramMapSection& section, const Place& place);
+  void store_nit(const NetworkInformationSection& section, int freq);
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);
   void open_next_eit_table(int freq);
   void note_lost_sections();
@@ -120,7 +131,10 @@ class Siparse::Parts {
   bool sets_zone_ = true;
   Dvb_text text_;
   Guide_round guide_;
+  Network_found network_;
+  Sections_seen nit_sections_;
 
+  bool whole_nit_ = false;
   bool pmt_versions_match_ = false;
   int sections_ = 0;  // handed in so far
   bool repeat_lost_ = false;

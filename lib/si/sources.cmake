@@ -12,6 +12,7 @@ list(APPEND KELVO_SOURCES
   si/dvb_text.cpp
   si/eit.cpp
   si/guide_round.cpp
+  si/network_found.cpp
   si/nit.cpp
   si/pat.cpp
   si/pmt.cpp

@@ -86,9 +86,9 @@ TEST(No_clock, questions_are_answered) {
 TEST(No_clock, neither_the_program_nor_its_children_have_the_right_to_set_it) {
   std::ifstream file("/proc/self/status");
   const std::string own{std::istreambuf_iterator<char>(file), {}};
-  const std::string childs = support::run_command({"cat", "/proc/self/status"}).out;
+  const std::string of_child = support::run_command({"cat", "/proc/self/status"}).out;
   for (const char* set : {"CapInh:", "CapPrm:", "CapEff:", "CapAmb:"}) {
     EXPECT_FALSE(may_set(own, set)) << set;
-    EXPECT_FALSE(may_set(childs, set)) << set;
+    EXPECT_FALSE(may_set(of_child, set)) << set;
   }
 }

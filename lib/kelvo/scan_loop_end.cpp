@@ -142,6 +142,7 @@ void Scan_loop::begin_scan() {
   scan_.merged = false;
   scan_.changes = 0;
   scan_.missing.clear();  // keeps its room
+  parser_.parts().begin_network();
   kelvo_.database.parts().errors.watch(kelvo_.adapter);
   dropped_before_ = filter_.parts().dropped();
   scan_open_ = true;
@@ -153,6 +154,10 @@ void Scan_loop::end_scan(int outcome) {
   scan_open_ = false;
   scan_.outcome = outcome;
   filter_.parts().lost(&scan_.lost);
+  const Network_found& network = parser_.parts().network();
+  scan_.original_network_id = network.original_network_id();
+  scan_.transport_stream_id = network.transport_stream_id();
+  scan_.announced = network.announced();
   (void)kelvo_.database.parts().errors.first_since_watch(kelvo_.adapter, &scan_.error);
   kelvo_.listeners.tell(scan_);
 }

@@ -21,29 +21,29 @@ constexpr int OPEN_FLAGS = O_RDWR | O_NONBLOCK | O_CLOEXEC;
 
 }  // namespace
 
-Device::Device(const char* path, bool said) {
+Device::Device(const char* path, bool said) : said_(said) {
   (void)std::snprintf(path_, sizeof path_, "%s", path);  // longer paths are cut
   KLOG(VERB_TRACE, "Opening %s\n", path_);
   device_ = open(path_, OPEN_FLAGS);
   if (device_ < 0) {
     error_ = errno;
-    if (said)
+    if (said_)
       KLOG(VERB_ERROR, "ERROR: Failed to  open %s\n", path_);
   }
-  ask(said);
+  ask();
 }
 
-void Device::ask(bool said) {
+void Device::ask() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"  // %m is glibc's
-  if (ioctl(device_, FE_GET_INFO, &info_) < 0 && said)
+  if (ioctl(device_, FE_GET_INFO, &info_) < 0 && said_)
     KLOG(VERB_ERROR, "ERROR: FE_GET_INFO failed: %d %m\n", errno);
 #pragma GCC diagnostic pop
   info_.name[sizeof info_.name - 1] = '\0';
   KLOG(VERB_PROGRESS, " Front end name is %s, type is %d\n  Freq min: %u Freq max: %u\n", info_.name,
        static_cast<int>(info_.type), info_.frequency_min, info_.frequency_max);
   KLOG(VERB_PROGRESS, "  Freq step: %u, Tolerance: %u\n", info_.frequency_stepsize, info_.frequency_tolerance);
-  if (info_.type != FE_OFDM && said)
+  if (info_.type != FE_OFDM && said_)
     KLOG(VERB_ERROR, "ERROR: Fronetnd %s cannot OFDM", info_.name);
 }
 
@@ -65,7 +65,7 @@ bool Device::open_again() {
   }
   error_ = 0;
   gone_ = false;
-  ask(false);
+  ask();
   return true;
 }
 
@@ -122,6 +122,9 @@ Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
     dvb_frontend_event event{};  // only ends the wait
     if (control(FE_GET_EVENT, &event) < 0)
       KLOG(VERB_WARNING, "WARNING: Failed to read fe event\n");
+    // One that was queued when the device went makes it ready for ever.
+    if (gone_ && !said_)
+      return Waited::GONE;
   } else if (ready > 0 && (entries[1].revents & POLLIN) == 0) {
     return Waited::GONE;
   }

@@ -22,8 +22,9 @@ class Device {
   // The bits of a status that a locked frontend of the box has all.
   static constexpr int FULL_LOCK = FE_HAS_SIGNAL | FE_HAS_CARRIER | FE_HAS_VITERBI | FE_HAS_SYNC | FE_HAS_LOCK;
 
-  // Opens `path` (up to 255 characters are kept) and asks the device what it is. `said`: prints what fails, and also
-  // when the device is no DVB-T frontend. There is an object all the same.
+  // Opens `path` (up to 255 characters are kept) and asks the device what it is. `said`: prints what fails of that, and
+  // also when the device is no DVB-T frontend; waits for a device that has gone come back at once. There is an object
+  // all the same.
   Device(const char* path, bool said);
   ~Device() { close(); }
   Device(const Device&) = delete;
@@ -31,7 +32,7 @@ class Device {
 
   // Gives the device free for others, as soon as no call is under way. Later calls fail. One that has gone still has.
   void close();
-  // Opens it again, where it is a new one; says nothing. False, with error(), when that fails.
+  // Opens it again, where it is a new one. False, with error(), when that fails.
   bool open_again();
 
   const char* path() const { return path_; }
@@ -57,8 +58,9 @@ class Device {
   Waited wait_for_event(const Wake_up& wake_up, int timeout_ms);
 
  private:
-  void ask(bool said);
+  void ask();
 
+  const bool said_;
   char path_[256]{};
   mutable std::shared_mutex in_use_;  // shared around each call; alone around opening, closing, and what they change
   dvb_frontend_info info_{};

@@ -59,7 +59,8 @@ Pat_probe::Answer Pat_probe::wait(int timeout_ms, const Turn& turn) const {
     const ssize_t got = ready > 0 ? read(demux.fd(), section, sizeof section) : 0;
     if (got > 0)
       return Answer::CAME;
-    if (got < 0 && errno == ENODEV)
+    // Of a device that has gone: the call says so, or there is an error and never any data.
+    if (got < 0 && (errno == ENODEV || ((entry.revents & POLLIN) == 0 && errno == EAGAIN)))
       return Answer::NONE;
     if (monotonic_ms() >= end)
       break;

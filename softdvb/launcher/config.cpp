@@ -139,6 +139,12 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   set_frequencies(a, c);
   a.look_interval_ns = c.look_interval_ms.value_or(d.min_delay_ms) * NS_PER_MS;
   a.dead_reopen = c.dead_reopen;
+  a.busy = c.busy ? 1 : 0;
+  // Whoever has it open has woken it.
+  if (c.busy) {
+    a.fe.powered = 1;
+    a.fe.state = Core_state::IDLE;
+  }
   a.filters = c.filters.value_or(d.filters);
   if (c.firmware != "present" && c.firmware != "missing")
     throw Usage_error("firmware: '" + c.firmware + "' is neither present nor missing");
@@ -149,7 +155,18 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   a.cache = a.fe.asked = untuned(first_delivery(a));
 }
 
+static void set_plug(Adapter& a, const Adapter_config& c) {
+  a.unplug_at_ns = static_cast<uint64_t>(c.unplug_s * 1e9);
+  a.replug_at_ns = static_cast<uint64_t>(c.replug_s * 1e9);
+  if (a.replug_at_ns != 0 && (a.unplug_at_ns == 0 || a.replug_at_ns < a.unplug_at_ns))
+    throw Usage_error("replug: comes after an unplug");
+}
+
 static void set_pace(Adapter& a, const Adapter_config& c) {
+  constexpr uint64_t PACKET = 188;
+  if (c.burst != 0 && c.burst < PACKET)
+    throw Usage_error("burst: less than a packet of 188 bytes");
+  a.burst_packets = c.burst / PACKET;
   a.pace = c.pace == "fast" ? Pace::FAST : c.pace == "manual" ? Pace::MANUAL : Pace::TIMED;
   static const char* const STARTS[] = {"tune", "air", "filter"};  // in the order of Start
   const auto start = std::find(std::begin(STARTS), std::end(STARTS), c.start);
@@ -205,7 +222,9 @@ static int usual_device() {
 static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) {
   a.number = c.number;
   a.device = c.device ? *c.device : usual_device();
+  copy_path(a.run_dir, run_dir);
   set_pace(a, c);
+  set_plug(a, c);
   set_frontend(a, c);
   set_readings(a, c);
   for (const std::string& text : c.sections)

@@ -41,6 +41,10 @@ struct Adapter_config {
   std::string frequency_offset;
   std::string firmware = "present";
   std::optional<int> filters;
+  bool busy = false;
+  uint64_t burst = 0;  // bytes
+  double unplug_s = 0;
+  double replug_s = 0;
   int dead_reopen = 0;
 };
 

@@ -14,13 +14,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
+#include "softdvb/model/clock.h"
 #include "softdvb/model/devices.h"
+#include "softdvb/model/plug.h"
 #include "softdvb/model/rules.h"
 #include "softdvb/model/shared.h"
 #include "softdvb/model/usage_error.h"
@@ -135,16 +138,6 @@ static std::string sanitizer_of(const std::string& program) {
 
 static constexpr Device DEVICES[] = {Device::FRONTEND, Device::DEMUX, Device::DVR};
 
-// Plain files under the names of the devices: listing, access and permissions then work by themselves.
-static void make_device_nodes(const std::string& run_dir, const Shared& s) {
-  for (int i = 0; i < s.adapter_count; ++i) {
-    const fs::path folder = fs::path(run_dir) / "dev/dvb" / ("adapter" + std::to_string(s.adapter[i].number));
-    fs::create_directories(folder);
-    for (const Device device : DEVICES)
-      std::ofstream(folder / device_name(device)).flush();
-  }
-}
-
 // What libudev reads of the adapters, where libumockdev-preload looks for it. All sit on one bus device: a device
 // without parent is silently left out by programs that group adapters by their bus.
 static void make_sysfs(const std::string& run_dir, const Shared& s) {
@@ -230,6 +223,19 @@ static void pass_on(int signals, pid_t child) {
   }
 }
 
+// What comes with time. Returns how long to wait for the rest in real milliseconds, a second at most.
+static int do_timed(Shared& s) {
+  const Shared_lock lock(s);
+  const uint64_t now = adapter_now_ns(s);
+  const uint64_t next = plug_by_time(s, now);
+  constexpr int64_t LONGEST_MS = 1000;
+  constexpr int64_t MS_NS = 1000000;
+  if (next == 0)
+    return LONGEST_MS;
+  const int64_t left = to_real_duration(s, static_cast<int64_t>(next > now ? next - now : 0)) / MS_NS;
+  return static_cast<int>(std::min(left + 1, LONGEST_MS));
+}
+
 static int wait_for(pid_t child, Shared& s, int fifo, int signals) {
   std::string pending;
   while (true) {
@@ -241,7 +247,7 @@ static int wait_for(pid_t child, Shared& s, int fifo, int signals) {
     }
     pollfd p[2] = {{fifo, POLLIN, 0}, {signals, POLLIN, 0}};
     // Woken once a second as well, in case the end of the command was told to nobody.
-    poll(p, fifo >= 0 ? 2 : 0, 1000);
+    poll(p, fifo >= 0 ? 2 : 0, do_timed(s));
     take_control_lines(s, fifo, pending);
     pass_on(signals, child);
   }
@@ -255,7 +261,8 @@ int run_command(const Config& config, const std::vector<std::string>& command) {
   make_root(*s, config.root.empty() ? run_dir + "/root" : config.root);
   fill(*s, config, run_dir);
   // After the record is filled: only then the adapters and their numbers are known.
-  make_device_nodes(run_dir, *s);
+  for (int i = 0; i < s->adapter_count; ++i)
+    make_device_nodes(s->adapter[i]);
   make_sysfs(run_dir, *s);
   const std::string control = run_dir + "/control";
   if (mkfifo(control.c_str(), 0600) != 0)

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,6 +76,16 @@ bool Byte_queue::take_cut() {
   return true;
 }
 
+// An eventfd that nobody writes leaves it to the kernel whether a signal ends the call.
+static ssize_t wait_for_signal() {
+  const int never = SOFTDVB_REAL(eventfd)(0, EFD_CLOEXEC);
+  uint64_t count = 0;
+  const ssize_t got = SOFTDVB_REAL(read)(never, &count, sizeof count);
+  const int error = got < 0 ? errno : EINTR;
+  SOFTDVB_REAL(close)(never);
+  return -error;
+}
+
 ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
   size_t got = 0;
   while (true) {
@@ -103,6 +114,9 @@ ssize_t read_queue(Handle& handle, Byte_queue& queue, uint8_t* to, size_t n) {
         return got > 0 ? static_cast<ssize_t>(got) : -EAGAIN;
       fd = handle.fds.empty() ? -1 : handle.fds.front();
     }
+    // Poll tells of an error then, but a read goes on to wait for what never comes.
+    if (handle.gone())
+      return got > 0 ? static_cast<ssize_t>(got) : wait_for_signal();
     // Sleeping in a read of the eventfd gives the kernel's own way with signals: EINTR or going on, as each asks for.
     uint64_t count = 0;
     if (SOFTDVB_REAL(read)(fd, &count, sizeof count) < 0)

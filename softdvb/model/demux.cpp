@@ -4,6 +4,7 @@
 #include "softdvb/model/demux.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "base/ids.h"
 #include "softdvb/model/clock.h"
 #include "softdvb/model/player.h"
+#include "softdvb/model/plug.h"
 #include "softdvb/model/real.h"
 
 namespace softdvb {
@@ -30,11 +32,15 @@ void Demux_handle::closed() {
   // A forked child that closes its copy must not free the place that its parent still holds.
   if (slot_ >= 0 && adapter().demux_owner[slot_] == getpid())
     adapter().demux_owner[slot_] = 0;
+  remove_unused_nodes(adapter());
 }
 
 // A filter that is not running shows nothing, not even what an earlier run left, because poll in the kernel looks at
 // its state first.
 short Demux_handle::ready() {
+  // Nothing else is told of a device that is gone, and a read still waits for data.
+  if (gone())
+    return POLLERR;
   return state_ < Filter_state::GO ? short{0} : queue_.ready();
 }
 
@@ -310,10 +316,12 @@ Dvr_handle::Dvr_handle(int adapter_index, int open_flags) : Handle(Device::DVR, 
 }
 
 short Dvr_handle::ready() {
-  return queue_.ready();
+  return gone() ? short{POLLERR} : queue_.ready();
 }
 
 ssize_t Dvr_handle::read(void* to, size_t n) {
+  if (gone())
+    return -ENODEV;
   return read_queue(*this, queue_, static_cast<uint8_t*>(to), n);
 }
 
@@ -457,7 +465,7 @@ int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_
 int Demux::deliver(int adapter_index, int pid, const uint8_t* section, size_t n, size_t cut_to) {
   int delivered = 0;
   for (const auto& handle : all_handles()) {
-    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
+    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || !handle->listens())
       continue;
     auto& filter = static_cast<Demux_handle&>(*handle);
     // All filters are asked each time: the kernel copies a section to every filter that matches it.
@@ -474,7 +482,7 @@ int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
   int delivered = 0;
   for (const auto& handle : all_handles()) {
     // An inherited handle belongs to the parent until this process uses it.
-    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || handle->inherited)
+    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || !handle->listens())
       continue;
     auto& filter = static_cast<Demux_handle&>(*handle);
     if (!filter.takes_packets() || !filter.takes_pid(pid))
@@ -489,7 +497,7 @@ int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
   if (!to_dvr)
     return delivered;
   for (const auto& handle : all_handles())
-    if (handle->device() == Device::DVR && handle->adapter_index() == adapter_index && !handle->inherited)
+    if (handle->device() == Device::DVR && handle->adapter_index() == adapter_index && handle->listens())
       static_cast<Dvr_handle&>(*handle).deliver_packet(p);
   return delivered;
 }
@@ -498,7 +506,7 @@ bool Demux::has_room(int adapter_index, int pid) {
   if (!wants(pid))
     return true;
   for (const auto& handle : all_handles()) {
-    if (handle->adapter_index() != adapter_index || handle->inherited)
+    if (handle->adapter_index() != adapter_index || !handle->listens())
       continue;
     if (handle->device() == Device::DEMUX) {
       const auto& filter = static_cast<const Demux_handle&>(*handle);

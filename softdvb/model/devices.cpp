@@ -32,14 +32,19 @@ static int take_demux_slot(Adapter& a) {
   return -1;
 }
 
-static std::shared_ptr<Handle> make_handle(const Device_path& device, int flags) {
+static std::shared_ptr<Handle> make_handle(const Device_path& device, const char* path, int flags) {
   Adapter& a = shared()->adapter[device.adapter_index];
   if (device.device == Device::FRONTEND)
     return open_frontend(device.adapter_index, flags);
+  // As long as somebody holds one of these, they are there but cannot be opened.
+  if (a.unplugged.load() != 0) {
+    errno = SOFTDVB_REAL(access)(Path(path), F_OK) == 0 ? ENODEV : ENOENT;
+    return nullptr;
+  }
   if (device.device == Device::DVR) {
     // One reader at a time, and only within this process: each process plays its own copy of the stream.
     for (const auto& handle : all_handles())
-      if (handle->device() == Device::DVR && handle->adapter_index() == device.adapter_index && !handle->inherited) {
+      if (handle->device() == Device::DVR && handle->adapter_index() == device.adapter_index && handle->listens()) {
         errno = EBUSY;
         return nullptr;
       }
@@ -59,7 +64,7 @@ int open_device(const Device_path& device, const char* path, int flags) {
   if (!call_fails("open", path)) {
     // Held over all of it, so that the player never meets a handle without a descriptor.
     const Device_lock lock;
-    if (const auto handle = make_handle(device, flags)) {
+    if (const auto handle = make_handle(device, path, flags)) {
       fd = register_handle(handle);
       if (fd < 0) {
         // A place or a lock that the handle has taken must be free again when no descriptor could be had.

@@ -31,6 +31,14 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
   int lock_fd = -1;
   const bool writer = (open_flags & O_ACCMODE) != O_RDONLY;
   // There is one writer in all processes. The lock on a file tells, because the kernel lets it go when its holder dies.
+  if (a.unplugged.load() != 0) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  if (writer && a.busy != 0) {
+    errno = EBUSY;
+    return nullptr;
+  }
   if (writer) {
     lock_fd = take_writer_lock(a, (open_flags & O_CLOEXEC) != 0);
     if (lock_fd < 0) {
@@ -67,7 +75,8 @@ void Frontend_handle::closed() {
   // First our own copy goes. If the lock can be had again after that, it was the last one.
   SOFTDVB_REAL(close)(lock_fd_);
   lock_fd_ = -1;
-  if (inherited)
+  // The frontend may be another one by now.
+  if (inherited || gone())
     return;
   Adapter& a = adapter();
   // A copy of the descriptor in another process keeps the lock on the file, and the frontend stays in use.
@@ -88,6 +97,9 @@ short Frontend_handle::ready() {
   // Only events make a frontend readable; a status that has changed does not, before the core has looked.
   const Shared_lock lock(*shared());
   const Frontend& fe = adapter().fe;
+  // The core does not tell of a frontend that is gone.
+  if (gone())
+    return 0;
   constexpr short READABLE = POLLIN | POLLRDNORM | POLLPRI;
   return fe.event_read != fe.event_write ? READABLE : short{0};
 }
@@ -97,7 +109,7 @@ static int read_signal(Adapter& a, Reading reading, uint64_t now_ns, uint32_t* v
   if ((a.missing_readings & 1u << static_cast<int>(reading)) != 0)
     return -ERROR_NOT_SUPPORTED;
   Frontend& fe = a.fe;
-  if (!has_writer(a, now_ns) && fe.externally_tuned == 0)
+  if (!is_held(a, now_ns))
     return -EAGAIN;
   // A core without its thread never gets a reading from the driver.
   if (fe.dead != 0)
@@ -105,6 +117,9 @@ static int read_signal(Adapter& a, Reading reading, uint64_t now_ns, uint32_t* v
   const int mux = fe.tuned != 0 ? received_mux(a) : -1;
   if (mux >= 0) {
     *value = signal_value(a, a.mux[mux].freq, reading, now_ns);
+    // A weak signal shows half of what a good one does.
+    if (a.mux[mux].weak != 0 && (reading == Reading::STRENGTH || reading == Reading::SNR))
+      *value /= 2;
   } else {
     // Without a signal every bit counts as wrong, and all else but the receiver's noise as nothing.
     *value = reading == Reading::BER        ? 0xFFFFFFFFu
@@ -136,7 +151,7 @@ static int get_event(Adapter& a, uint64_t now_ns, dvb_frontend_event* out) {
 static int read_status(Adapter& a, uint64_t now_ns, fe_status_t* out) {
   const Frontend& fe = a.fe;
   const Device_profile& d = profile_of(a);
-  const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
+  const bool held = is_held(a, now_ns);
   if (a.firmware_missing != 0 && fe.state != Core_state::FAILED)
     return -d.no_firmware_error;
   if (!held && fe.powered == 0 && d.asleep_error != 0)
@@ -244,6 +259,8 @@ int Frontend_handle::wait_for_driver() {
 int Frontend_handle::request(unsigned long request, void* argument) {
   if (const int result = wait_for_driver(); result != 0)
     return result;
+  if (gone())
+    return -ENODEV;
   // The core's own order: rights first, then whether there is such a call at all.
   if (!writable() && (_IOC_DIR(request) != _IOC_READ || request == FE_GET_EVENT))
     return -EPERM;
@@ -271,6 +288,8 @@ int Frontend_handle::request(unsigned long request, void* argument) {
         player_advance();
       {
         const Shared_lock lock(*shared());
+        if (gone())
+          return -ENODEV;
         result = answer(adapter(), request, argument, now);
       }
       sync();

@@ -66,7 +66,9 @@ int received_mux(const Adapter& a) {
 uint32_t signal_value(const Adapter& a, uint32_t freq, Reading reading, uint64_t now_ns) {
   const Device_profile& d = profile_of(a);
   // A good signal without errors, where the command line says nothing.
-  const uint32_t defaults[] = {FULL_LOCK, d.strength, d.snr, 0, 0};
+  constexpr int32_t LEVEL = -52000;
+  constexpr int32_t CNR = 27500;
+  const uint32_t defaults[] = {FULL_LOCK, d.strength, d.snr, 0, 0, static_cast<uint32_t>(LEVEL), uint32_t{CNR}};
   uint32_t value = defaults[static_cast<int>(reading)];
   for (int i = 0; i < a.step_count; ++i) {
     const Signal_step& step = a.step[i];
@@ -289,10 +291,13 @@ static void look(Adapter& a) {
   }
 }
 
+bool is_held(Adapter& a, uint64_t now_ns) {
+  return has_writer(a, now_ns) || a.fe.externally_tuned != 0 || a.busy != 0;
+}
+
 void settle(Adapter& a, uint64_t now_ns) {
   Frontend& fe = a.fe;
-  const bool held = has_writer(a, now_ns) || fe.externally_tuned != 0;
-  if (!held) {
+  if (!is_held(a, now_ns)) {
     // The core puts a frontend to sleep a while after its last writer; a program that
     // opens it before finds the lock still there.
     if (fe.powered != 0 && fe.closed_at_ns != 0 && now_ns >= fe.closed_at_ns + SLEEP_AFTER_CLOSE_NS)

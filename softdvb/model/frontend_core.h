@@ -30,6 +30,9 @@ void frontend_settle(Adapter& adapter, uint64_t now_ns);
 
 void settle(Adapter& a, uint64_t now_ns);
 
+// Whether this or another program has it open for writing.
+bool is_held(Adapter& a, uint64_t now_ns);
+
 // Tunes as FE_SET_FRONTEND does, without checks.
 void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns);
 // The first opening for writing after a sleep.

@@ -152,10 +152,9 @@ static void get_readings_as_stat(const Adapter& a, dtv_property& p, uint32_t sta
 static constexpr uint64_t BITS_A_MS = 20000;
 static constexpr uint64_t BITS_A_BLOCK = 188 * 8;
 static constexpr uint64_t MILLION = 1000000;
-// Thousandths of a dBm and of a dB.
-static constexpr int64_t STRENGTH_LOCKED = -52000;
-static constexpr int64_t STRENGTH_WITHOUT = -98000;
-static constexpr int64_t CNR_LOCKED = 27500;
+// In thousandths of a dBm and of a dB.
+static constexpr int32_t LEVEL_NO_SIGNAL = -98000;
+static constexpr int32_t WEAKER_BY = 30000;
 
 static void set_level(dtv_property& p, Scale scale, bool known, int64_t decibels, uint32_t relative) {
   if (scale == Scale::NONE)
@@ -178,13 +177,17 @@ static void get_measured_stat(const Adapter& a, dtv_property& p, uint32_t status
   const auto reading = [&](Reading r) { return signal_value(a, mux < 0 ? 0 : a.mux[mux].freq, r, now_ns); };
   const uint64_t bits = locked ? (now_ns - locked_since(a)) / MILLION * BITS_A_MS : 0;
   const uint64_t wrong_bits = bits * reading(Reading::BER) / MILLION;
+  const auto decibels = [&](Reading r) { return static_cast<int32_t>(reading(r)); };
+  const bool weak = mux >= 0 && a.mux[mux].weak != 0;
   p.u.st.len = 0;
   switch (p.cmd) {
+    // The strength is that of whatever is received, all else needs a lock.
     case DTV_STAT_SIGNAL_STRENGTH:
-      return set_level(p, d.stat_strength, a.fe.tuned != 0, locked ? STRENGTH_LOCKED : STRENGTH_WITHOUT,
-                       locked ? reading(Reading::STRENGTH) : d.strength_no_signal);
+      return set_level(p, d.stat_strength, a.fe.tuned != 0,
+                       mux < 0 ? LEVEL_NO_SIGNAL : decibels(Reading::LEVEL) - (weak ? WEAKER_BY : 0),
+                       mux < 0 ? d.strength_no_signal : reading(Reading::STRENGTH) / (weak ? 2 : 1));
     case DTV_STAT_CNR:
-      return set_level(p, d.stat_cnr, locked, CNR_LOCKED, reading(Reading::SNR));
+      return set_level(p, d.stat_cnr, locked, decibels(Reading::CNR), reading(Reading::SNR));
     case DTV_STAT_PRE_ERROR_BIT_COUNT:
       // Before the error correction there are always some.
       return set_counter(p, (d.stat_counters & COUNTS_PRE_BITS) != 0, locked, bits / 1000 + wrong_bits);

@@ -84,7 +84,11 @@ const char* device_name(Device device) {
 }
 
 Handle::Handle(Device device, int adapter_index, int open_flags)
-    : call_lock(PTHREAD_MUTEX_INITIALIZER), device_(device), adapter_(adapter_index), open_flags_(open_flags) {}
+    : call_lock(PTHREAD_MUTEX_INITIALIZER),
+      device_(device),
+      adapter_(adapter_index),
+      open_flags_(open_flags),
+      plug_generation_(adapter().plug_generation.load(std::memory_order_acquire)) {}
 
 Handle::~Handle() {
   SOFTDVB_REAL(pthread_mutex_destroy)(&call_lock);

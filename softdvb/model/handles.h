@@ -41,6 +41,10 @@ class Handle {
   Device device() const { return device_; }
   int adapter_index() const { return adapter_; }
   Adapter& adapter() const { return shared()->adapter[adapter_]; }
+  // The device was pulled out since the opening.
+  bool gone() const { return adapter().plug_generation.load(std::memory_order_acquire) != plug_generation_; }
+  // Nothing arrives at a handle that belongs to another process or to a device that is gone.
+  bool listens() const { return !inherited && !gone(); }
   bool writable() const;
   bool non_blocking() const;
   int open_flags() const { return open_flags_; }
@@ -59,6 +63,7 @@ class Handle {
   Device device_;
   int adapter_;
   int open_flags_;
+  uint32_t plug_generation_;
   bool kernel_ready_ = false;
 };
 

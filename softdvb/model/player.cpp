@@ -202,6 +202,23 @@ static bool ended(const Adapter& a, const Playing& p) {
   return mux.stop_after_ns != 0 && p.next > p.first && air_time(p, p.next) > p.epoch_ns + mux.stop_after_ns;
 }
 
+// Packets that arrive together, as the buffers of a bus fill up: none before the last of them was sent.
+static uint64_t burst_of(const Adapter& a) {
+  return std::max<uint64_t>(1, a.burst_packets);
+}
+
+static bool begins_burst(const Adapter& a, const Playing& p) {
+  return (p.next - p.first) % burst_of(a) == 0;
+}
+
+static uint64_t arrival(const Adapter& a, const Playing& p) {
+  const uint64_t burst = burst_of(a);
+  uint64_t last = p.next + burst - 1 - (p.next - p.first) % burst;
+  if (a.loop == 0)
+    last = std::min(last, p.file.mux()->packets - 1);
+  return air_time(p, last);
+}
+
 static void give(int adapter_index, Playing& p, uint64_t now_ns) {
   const uint8_t* packet = p.file.packet(p.next);
   ++p.next;
@@ -248,7 +265,7 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
   const bool fast = a.pace == Pace::FAST;
   const int64_t patience = fast ? FAST_PATIENCE_NS : static_cast<int64_t>(s.grace_ns);
   // At most so many in a turn, because the device lock is held over all of them and the program waits for it.
-  for (uint64_t n = 0; n < limit; ++n) {
+  for (uint64_t n = 0; n < limit || !begins_burst(a, p); ++n) {
     if (ended(a, p))
       return IDLE_TICK_NS;
     if (fast) {
@@ -257,11 +274,12 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
         return TICK_NS;
       }
     } else {
-      const uint64_t at = air_time(p, p.next);
+      const uint64_t at = arrival(a, p);
       if (at > now_ns)
         return std::max(TICK_NS, to_real_duration(s, static_cast<int64_t>(at - now_ns)));
     }
-    if (must_wait(adapter_index, p, patience))
+    // No reader is quick enough for the inside of a burst.
+    if (begins_burst(a, p) && must_wait(adapter_index, p, patience))
       return MS_NS;
     give(adapter_index, p, now_ns);
   }

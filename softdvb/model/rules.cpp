@@ -19,6 +19,7 @@
 #include "softdvb/model/faults.h"
 #include "softdvb/model/frontend_calls.h"
 #include "softdvb/model/frontend_core.h"
+#include "softdvb/model/plug.h"
 #include "softdvb/model/usage_error.h"
 
 namespace softdvb {
@@ -193,10 +194,20 @@ void add_section_fault(Shared& s, int adapter, const std::string& text) {
   s.section_fault_count.store(number + 1, std::memory_order_release);
 }
 
-static const char* const READING_NAMES[] = {"status", "strength", "snr", "ber", "ucblocks"};
+static const char* const READING_NAMES[] = {"status", "strength", "snr", "ber", "ucblocks", "level", "cnr"};
+
+// Decibels, with a sign and decimals.
+static uint32_t parse_decibels(const std::string& text, const std::string& what) {
+  const bool below = !text.empty() && text[0] == '-';
+  const double value = parse_decimal(text.substr(below ? 1 : 0), what);
+  if (value > 1000)
+    throw Usage_error(what + ": '" + text + "' is no number of decibels");
+  const int32_t thousandths = static_cast<int32_t>(std::lround(value * 1000));
+  return static_cast<uint32_t>(below ? -thousandths : thousandths);
+}
 
 static bool reading_by_name(const std::string& name, Reading& reading) {
-  for (int i = 0; i < 5; ++i) {
+  for (size_t i = 0; i < std::size(READING_NAMES); ++i) {
     if (name != READING_NAMES[i])
       continue;
     reading = static_cast<Reading>(i);
@@ -208,8 +219,10 @@ static bool reading_by_name(const std::string& name, Reading& reading) {
 static void add_step(Adapter& a, const std::string& freq, Reading reading, const std::string& value, uint64_t at_ns) {
   // The kernel hands these two out with 16 bits.
   const bool is_short = reading == Reading::STRENGTH || reading == Reading::SNR;
-  const uint32_t number = static_cast<uint32_t>(
-      parse_number(value, READING_NAMES[static_cast<int>(reading)], is_short ? 0xFFFFu : 0xFFFFFFFFu));
+  const char* name = READING_NAMES[static_cast<int>(reading)];
+  const uint32_t number = reading >= Reading::LEVEL
+                              ? parse_decibels(value, name)
+                              : static_cast<uint32_t>(parse_number(value, name, is_short ? 0xFFFFu : 0xFFFFFFFFu));
   const uint32_t hz =
       freq.empty() || freq == "*" ? 0 : static_cast<uint32_t>(parse_number(freq, "frequency", 0xFFFFFFFF));
   // What is replaced needs no place, so a value can be changed as often as one likes.
@@ -237,7 +250,8 @@ void add_signal(Adapter& a, const std::string& text) {
     throw Usage_error("signal: '" + text + "' is not of the form " + form);
   Reading reading{};
   if (!reading_by_name(trimmed(key.substr(colon + 1)), reading))
-    throw Usage_error("signal: '" + key.substr(colon + 1) + "' is none of status, strength, snr, ber, ucblocks");
+    throw Usage_error("signal: '" + key.substr(colon + 1) +
+                      "' is none of status, strength, snr, ber, ucblocks, level, cnr");
   const std::string at = take_suffix(value, '@');
   add_step(a, trimmed(key.substr(0, colon)), reading, value, at.empty() ? 0 : parse_seconds(at, "signal: time"));
 }
@@ -289,6 +303,12 @@ void run_control(Shared& s, const std::string& line) {
     throw Usage_error("control: there is no adapter");
   } else if (key == "section") {
     add_section_fault(s, at == 2 ? a->number : -1, argument + "=" + right);
+  } else if (key == "unplug") {
+    unplug(*a);
+  } else if (key == "plug") {
+    plug_in(*a);
+  } else if (key == "busy" || key == "free") {
+    a->busy = key == "busy" ? 1 : 0;
   } else if (key == "tune") {
     control_tune(s, *a, argument);
   } else if (reading_by_name(key, reading)) {

@@ -37,14 +37,15 @@ struct Signal {
   uint32_t ucblocks;
 };
 
-enum class Reading : int32_t { STATUS, STRENGTH, SNR, BER, UCBLOCKS };
+// LEVEL and CNR are statistics, in thousandths of a dBm and of a dB.
+enum class Reading : int32_t { STATUS, STRENGTH, SNR, BER, UCBLOCKS, LEVEL, CNR };
 
 // From `at_ns` of the adapter's time on, `reading` has `value`. Later entries win.
 struct Signal_step {
   uint32_t freq;  // 0: every frequency
   Reading reading;
   uint64_t at_ns;
-  uint32_t value;
+  uint32_t value;  // LEVEL and CNR: of an int32_t
 };
 
 struct Mux {
@@ -121,6 +122,7 @@ struct Frontend {
 
 struct Adapter {
   int32_t number;
+  char run_dir[MAX_PATH];  // the launcher has no shared() to ask
   Pace pace;
   Start start;
   int32_t loop;
@@ -133,6 +135,13 @@ struct Adapter {
   uint64_t look_interval_ns;  // between the core's looks at the driver while there is no lock
   int32_t firmware_missing;
   int32_t filters;
+  int32_t busy;            // another program, that we only imagine, has the frontend open for writing
+  uint64_t burst_packets;  // that arrive together; 0 and 1: none
+  uint64_t unplug_at_ns;   // 0: not, or done
+  uint64_t replug_at_ns;
+  std::atomic<int32_t> unplugged;
+  std::atomic<uint32_t>
+      plug_generation;        // changes when the device goes: handles of another one are of a device that went
   uint32_t missing_readings;  // bit per Reading that the driver does not have
   int32_t dead_reopen;        // this many-th opening for writing has no core thread behind it
   int32_t mux_count;

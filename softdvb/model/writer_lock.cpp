@@ -14,7 +14,8 @@
 namespace softdvb {
 
 static std::string writer_lock_file(const Adapter& a) {
-  return std::string(shared()->run_dir) + "/writer" + std::to_string(a.number);
+  return std::string(shared()->run_dir) + "/writer" + std::to_string(a.number) + "." +
+         std::to_string(a.plug_generation.load());
 }
 
 int take_writer_lock(const Adapter& a, bool close_on_exec) {

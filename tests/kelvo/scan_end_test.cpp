@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // What listeners are told: the end of each scan, and what the worker does.
+#include <linux/dvb/frontend.h>
+
 #include "kelvo/kelvo_run.h"
 
 namespace {
@@ -113,6 +115,37 @@ TEST_F(Scan_ends, first_database_error_since_the_scan_began_is_told_with_it) {
   EXPECT_NE(protocol_.text({"end"}).find(" error 13 "), std::string::npos) << protocol_.text();
   ask("d");
   EXPECT_EQ(protocol_.count("end 506000000 -1 PAT complete merged 0"), 2U) << "forgotten when the next scan begins";
+}
+
+TEST_F(Scan_ends, what_was_read_of_the_multiplex_is_told_with_it) {
+  make();
+  std::pair<Protocol*, Scan_end> told{&protocol_, {}};
+  kelvo_->set_scan_listener(
+      [](void* data, const Scan_end& end) {
+        auto& [protocol, last] = *static_cast<std::pair<Protocol*, Scan_end>*>(data);
+        last = end;
+      },
+      &told);
+  ask("a");
+  const Scan_end& end = told.second;
+  EXPECT_EQ(end.original_network_id, 8193);
+  EXPECT_EQ(end.transport_stream_id, 7);
+  ASSERT_EQ(end.announced.size(), 1U);
+  const Announced_multiplex& multiplex = end.announced[0];
+  EXPECT_EQ(multiplex.original_network_id, 8193);
+  EXPECT_EQ(multiplex.transport_stream_id, 7);
+  EXPECT_EQ(multiplex.system, SYS_DVBT);
+  EXPECT_EQ(multiplex.freq, 506000000);
+  EXPECT_EQ(multiplex.bandwidth_hz, 8000000);
+  EXPECT_EQ(multiplex.pipe, -1);
+
+  // What was read then does not belong to the next one.
+  silence({PAT, TOT});
+  ask("b", -1);
+  EXPECT_EQ(told.second.outcome, SCAN_NO_STREAM);
+  EXPECT_EQ(told.second.original_network_id, -1);
+  EXPECT_TRUE(told.second.announced.empty());
+  kelvo_.reset();
 }
 
 TEST_F(Scan_ends, nobody_is_told_once_the_listener_is_taken_away) {

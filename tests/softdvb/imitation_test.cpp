@@ -314,6 +314,79 @@ TEST(Imitation, has_as_many_filters_as_its_device) {
   });
 }
 
+TEST(Imitation, is_pulled_out_and_put_in_when_its_time_has_come) {
+  const std::string gone = "frontend: open, wait 4000, status = ENODEV, nodes = ENOENT";
+  expect_imitations({
+      {"unkind", {gone}, {"--unplug", "2"}},
+      {"si2168",
+       {gone + ", frontend: close, wait 40000, nodes = demux0 dvr0 frontend0, frontend: open, waits 3100 status = 0, "
+               "seek T 506000000, wait 1500, status = 1f"},
+       {"--unplug", "2", "--replug", "30"}},
+  });
+}
+
+// A section each 100 ms, 1 ms a packet: five of them arrive together, and a small queue holds three.
+TEST(Imitation, gives_its_packets_in_bursts) {
+  const std::string tuned = "filter 256, tune 506000000, wait 300, read = EAGAIN, await, ";
+  const std::string five = "read = 40#0, read = 40#1, read = 40#2, read = 40#3, read = 40#4, read = EAGAIN";
+  const std::string lost = "read = EOVERFLOW, read = EAGAIN";
+  expect_imitations({
+      {"box", {tuned + five}, {"--time", "x1", "--burst", "94000"}},
+      {"box", {"buffer 150, " + tuned + lost}, {"--time", "x1", "--burst", "94000"}},
+      {"box", {"buffer 150, " + tuned + lost}, {"--time", "x1", "--burst", "94000", "--grace", "60000"}},
+      {"box",
+       {"buffer 150, filter 256, tune 506000000, await, read = EOVERFLOW"},
+       {"--pace", "fast", "--burst", "94000"}},
+  });
+}
+
+TEST(Imitation, shows_the_strength_that_was_given) {
+  const std::string tuned = "seek T 506000000, wait 1500, status = 1f, values = ";
+  expect_imitations({
+      {"unkind", {tuned + "-52000 27500"}},
+      {"unkind",
+       {tuned + "-70500 8000, control adapter 0 level 506000000=-60, values = -60000 8000"},
+       {"--signal", "506000000:level=-70.5", "--signal", "*:cnr=8"}},
+      {"unkind", {"seek T 506000000, wait 1500, status = 7, values = -82000 0"}, {"--weak", "506000000"}},
+      {"unkind", {"seek T 600000000, wait 1500, status = 0, values = -98000 0"}},
+      {"rtl2832", {tuned + "767 27500"}},
+      {"box", {tuned + "51400 64250"}},
+      {"zl10353", {tuned + "0 0"}},
+  });
+}
+
+TEST(Imitation, counts_errors_from_the_lock_on) {
+  expect_imitations({
+      {"unkind",
+       {"seek T 506000000, wait 1500, rate = 0.000000, control adapter 0 ber 506000000=2000, rate = 0.002000, "
+        "seek T 600000000, rate = unknown"}},
+      {"box", {"seek T 506000000, wait 1500, rate = 0.000000, control adapter 0 ber=1000, rate = 0.000010"}},
+  });
+}
+
+TEST(Imitation, may_be_busy) {
+  expect_imitations({
+      {"unkind", {"frontend: open = EBUSY, reader: status = 0, reader: systems = T T2"}, {"--busy"}},
+      {"zl10353",
+       {"frontend: open = EBUSY, reader: status = 1f, reader: systems = T, control adapter 0 free, frontend: open",
+        "control adapter 0 busy, frontend: open = EBUSY, control adapter 0 free, frontend: open"},
+       {"--busy", "--tuned", "506000000"}},
+  });
+}
+
+TEST(Imitation, reports_the_offset_that_was_given) {
+  const auto found = [](const std::string& freq) {
+    return Texts{"seek T 506000000, wait 1500, status = 1f, found = T " + freq};
+  };
+  expect_imitations({
+      {"box", found("506000001"), {"--frequency-offset", "1"}},
+      {"unkind", found("506000000"), {"--frequency-offset", "0"}},
+      {"rtl2832", found("505833333"), {"--frequency-offset", "-166667"}},
+      {"si2168", found("506000000"), {"--frequency-offset", "5000"}},
+      {"stv0367", found("1"), {"--frequency-offset", "5000"}},
+  });
+}
+
 TEST(Imitation, the_launcher_lists_them_all) {
   const support::Softdvb_run run = support::run_program({support::softdvb_launcher(), "--list-devices"});
   EXPECT_EQ(run.exit_code, 0);

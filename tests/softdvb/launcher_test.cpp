@@ -48,6 +48,11 @@ static const Wrong WRONG[] = {
     {{"--filters", "0"}, "filters: an adapter has one at least"},
     {{"--filters", "257"}, "filters: '257' is not a number from 0 to 256"},
     {{"--frequency-offset", "-11000000"}, "frequency-offset: '11000000' is not a number from 0 to 10000000"},
+    {{"--signal", "*:level=loud"}, "level: 'loud' is not a positive number"},
+    {{"--signal", "*:cnr=1001"}, "cnr: '1001' is no number of decibels"},
+    {{"--burst", "187"}, "burst: less than a packet of 188 bytes"},
+    {{"--replug", "5"}, "replug: comes after an unplug"},
+    {{"--unplug", "5", "--replug", "4"}, "replug: comes after an unplug"},
     {{"--lock-delay", "UHF=5"}, "lock-delay: frequency: 'UHF' is not a number from 0 to 4294967295"},
     {{"--weak", "UHF"}, "weak: frequency: 'UHF' is not a number from 0 to 4294967295"},
     {{"--adapter", "-1"}, "adapter: '-1' is not a number from 0 to 99"},
@@ -65,7 +70,8 @@ static const Wrong WRONG[] = {
     {{"--without", "status"}, "without: 'status' is none of strength, snr, ber, ucblocks"},
     {{"--signal", "506000000:strength"},
      "signal: '506000000:strength' is not of the form FREQ:READING=VALUE[@SECONDS]"},
-    {{"--signal", "506000000:level=5"}, "signal: 'level' is none of status, strength, snr, ber, ucblocks"},
+    {{"--signal", "506000000:colour=5"},
+     "signal: 'colour' is none of status, strength, snr, ber, ucblocks, level, cnr"},
     {{"--signal", "*:strength=65536"}, "strength: '65536' is not a number from 0 to 65535"},
     {{"--section", "18"}, "section: '18' is not of the form PID[/TABLE]=KIND[@FIRST][*COUNT][+SECONDS]"},
     {{"--section", "8192=drop"}, "section: PID: '8192' is not a number from 0 to 8191"},
@@ -179,11 +185,12 @@ TEST(Launcher, help_lists_every_option) {
   std::string names;
   for (const auto& [name, form] : options_of_help())
     names += name + " ";
-  EXPECT_EQ(names,
-            "--adapter --config --control --dead-reopen --delivery --device --fault --filters --firmware "
-            "--frequency-offset --frequency-range --grace --help --keep --list-devices --lock-delay --log "
-            "--look-interval --loop --mux --now --offset --once --pace --root --section --signal --start --stop-after "
-            "--time --tuned --type --version --weak --without ");
+  EXPECT_EQ(
+      names,
+      "--adapter --burst --busy --config --control --dead-reopen --delivery --device --fault --filters --firmware "
+      "--frequency-offset --frequency-range --grace --help --keep --list-devices --lock-delay --log "
+      "--look-interval --loop --mux --now --offset --once --pace --replug --root --section --signal --start --stop-after "
+      "--time --tuned --type --unplug --version --weak --without ");
 }
 
 TEST(Launcher, the_manual_describes_every_option_with_the_form_of_its_value) {

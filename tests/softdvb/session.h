@@ -3,6 +3,10 @@
 
 #pragma once
 
+#include <dirent.h>
+
+#include <set>
+
 #include "softdvb/device_support.h"
 
 namespace device {
@@ -35,12 +39,13 @@ inline std::string received(int fd) {
 //   EXPECT_THAT("filter 256, send 100#1, read = 100#1, read = EAGAIN", plays());
 //
 // A step that gives 0 or nothing stands alone, a failure is told by the name of its errno. "WHO: STEP" is a step on a
-// handle of its own; "reader:" is a frontend opened for reading only. A handle is opened when a step first needs it and
+// handle of its own; those whose names begin with "frontend" are frontends, with "reader"
+// frontends opened for reading only, with "dvr" recorders. A handle is opened when a step first needs it and
 // closed at the end. Steps of a demultiplexer:
 //   filter PID [idle] [crc] [oneshot] [timeout:MS] [table:ID], start, stop, buffer BYTES
 //   send NAME [PID]  the section of that name (see above), on PID 256 where none is given
 //   read [BYTES]     its name
-//   ready            what poll and select agree on: data, error, nothing
+//   ready            what poll and select agree on: data, error, gone, nothing
 //   await            until there is something, "nothing" after 5 s
 // Of a frontend, readings in hexadecimal digits:
 //   tune HZ [bw:MHZ] [mode:NUMBER], status, strength, snr, ber, ucblocks, tuning (all parameters), event [tuning],
@@ -52,6 +57,9 @@ inline std::string received(int fd) {
 //   oneshot          no repetition, until the next opening for writing
 //   found            system and frequency by properties
 //   stats            statistics: relative, decibel, counter, unknown (now) or none (never)
+//   values           strength and CNR among them
+//   rate             of wrong bits among all
+//   nodes            the files in the adapter's folder
 // Of all: open, close, wait MS, fault CALL ERRNO, control LINE. "waits MS STEP" is STEP, which takes at least that
 // long.
 class Session {
@@ -108,6 +116,7 @@ class Session {
     return both == "0000"                            ? ""
            : both == hex(READABLE) + "101"           ? "data"
            : both == hex(READABLE | POLLERR) + "111" ? "error"
+           : both == hex(POLLERR) + "110"            ? "gone"
                                                      : both;
   }
 
@@ -240,6 +249,43 @@ class Session {
     });
   }
 
+  // Strength and carrier-to-noise ratio, whatever the scale.
+  static std::string values(int fd) {
+    return properties(fd, {DTV_STAT_SIGNAL_STRENGTH, DTV_STAT_CNR}, [](const std::vector<dtv_property>& list) {
+      std::string text;
+      for (const dtv_property& p : list)
+        text += (text.empty() ? "" : " ") + std::to_string(p.u.st.len == 0 ? 0 : p.u.st.stat[0].svalue);
+      return text;
+    });
+  }
+
+  // Wrong bits of all.
+  static std::string rate(int fd) {
+    const std::vector<uint32_t> commands{DTV_STAT_POST_ERROR_BIT_COUNT, DTV_STAT_POST_TOTAL_BIT_COUNT};
+    return properties(fd, commands, [](const std::vector<dtv_property>& list) {
+      const dtv_stats& wrong = list[0].u.st.stat[0];
+      const dtv_stats& all = list[1].u.st.stat[0];
+      return all.scale != FE_SCALE_COUNTER
+                 ? "unknown"
+                 : std::to_string(static_cast<double>(wrong.uvalue) / static_cast<double>(all.uvalue));
+    });
+  }
+
+  static std::string nodes() {
+    DIR* folder = opendir("/dev/dvb/adapter0");
+    if (folder == nullptr)
+      return told(-1);
+    std::set<std::string> names;
+    while (const dirent* entry = readdir(folder))
+      if (entry->d_name[0] != '.')
+        names.insert(entry->d_name);
+    closedir(folder);
+    std::string text;
+    for (const std::string& name : names)
+      text += (text.empty() ? "" : " ") + name;
+    return text;
+  }
+
   static std::string info(int fd) {
     dvb_frontend_info info{};
     const int outcome = ioctl(fd, FE_GET_INFO, &info);
@@ -272,7 +318,10 @@ class Session {
   Fd& fd_of(const std::string& who) {
     if (const auto opened = fds_.find(who); opened != fds_.end())
       return opened->second;
-    const int fd = who == "frontend" ? open_frontend() : who == "reader" ? open_frontend(O_RDONLY) : open_demux();
+    const int fd = who.rfind("frontend", 0) == 0 ? open_frontend()
+                   : who.rfind("reader", 0) == 0 ? open_frontend(O_RDONLY)
+                   : who.rfind("dvr", 0) == 0    ? open("/dev/dvb/adapter0/dvr0", O_RDONLY | O_NONBLOCK)
+                                                 : open_demux();
     return fds_.try_emplace(who, fd).first->second;
   }
 
@@ -301,6 +350,8 @@ class Session {
         {"systems", [](int fd, std::istream&) { return systems(fd); }},
         {"found", [](int fd, std::istream&) { return found(fd); }},
         {"stats", [](int fd, std::istream&) { return stats(fd); }},
+        {"values", [](int fd, std::istream&) { return values(fd); }},
+        {"rate", [](int fd, std::istream&) { return rate(fd); }},
         {"info", [](int fd, std::istream&) { return info(fd); }},
         {"status", [](int fd, std::istream&) { return reading<uint32_t>(fd, FE_READ_STATUS); }},
         {"strength", [](int fd, std::istream&) { return reading<uint16_t>(fd, FE_READ_SIGNAL_STRENGTH); }},
@@ -325,6 +376,8 @@ class Session {
       return outcome + ((now_s() - begin) * 1000 < ms ? " too soon" : "");
     }
     begin_s_ = now_s();
+    if (verb == "nodes")
+      return nodes();
     if (verb == "control") {
       std::string line;
       std::getline(words, line);
@@ -351,8 +404,12 @@ class Session {
       return "";
     }
     Fd& fd = fd_of(who);
-    if (verb == "open")
-      return told(fd);
+    if (verb == "open") {
+      const std::string outcome = told(fd, "");
+      if (fd < 0)
+        fds_.erase(who);
+      return outcome;
+    }
     if (verb == "close") {
       const int outcome = fd.reset();
       fds_.erase(who);

@@ -167,6 +167,38 @@ TEST_F(Scan_choice, when_the_time_is_up_before_anything_was_found_it_failed) {
                          "found\n$")));
 }
 
+// The sample network's NIT names all three of its multiplexes.
+TEST_F(Scan_choice, announced_frequencies_are_followed) {
+  Words network{"--time", "x10"};
+  for (const std::string mhz : {"474", "498", "522"})
+    network = joined({network, {"--mux", mhz + "000000=" + stream(mhz)}});
+  const Command_result alone = scan(network, {"--freq", "498000000"});
+  EXPECT_THAT(alone, ends(0, HasSubstr("\n1 of 1 frequency with a multiplex, 8 services: 8 new, 0 back, 0 lost.\n")));
+
+  const Command_result all = scan(network, {"--freq", "498000000", "--freq", "530000000", "--follow"});
+  EXPECT_THAT(all.out,
+              AllOf(ContainsRegex("474.000 MHz .*  locked; announced by 498.000 MHz\n"),
+                    ContainsRegex("498.000 MHz .*  locked\n"),
+                    ContainsRegex("522.000 MHz .*  locked; announced by 498.000 MHz\n"),
+                    HasSubstr("\n3 of 4 frequencies with a multiplex, 24 services: 16 new, 0 back, 0 lost.\n")));
+  EXPECT_THAT(all.err, AllOf(HasSubstr("[1/4] 498.000 MHz: "), HasSubstr("[2/4] 530.000 MHz: "),
+                             HasSubstr("[3/4] 474.000 MHz: "), HasSubstr("[4/4] 522.000 MHz: ")));
+  EXPECT_EQ(all.exit_code, 0);
+}
+
+// The second adapter has nothing to do until the first one has read a NIT.
+TEST_F(Scan_choice, adapters_share_what_is_announced) {
+  Words network{"--time", "x10"};
+  for (const char* number : {"0", "1"}) {
+    network = joined({network, {"--adapter", number}});
+    for (const std::string mhz : {"474", "498", "522"})
+      network = joined({network, {"--mux", mhz + "000000=" + stream(mhz)}});
+  }
+  const Command_result result = scan(network, {"--adapter", "0", "--adapter", "1", "--freq", "498000000", "--follow"});
+  EXPECT_THAT(result, ends(0, AllOf(HasSubstr("MHz        0  "), HasSubstr("MHz        1  "),
+                                    HasSubstr("\n3 of 3 frequencies with a multiplex, 24 services: 24 new, "))));
+}
+
 TEST_F(Scan_choice, the_better_of_two_receptions_is_kept) {
   const Words network{"--time",   "x10",
                       "--mux",    "474000000=" + stream("474"),

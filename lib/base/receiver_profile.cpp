@@ -19,6 +19,7 @@ Receiver_profile Receiver_profile::any_linux() {
   profile.readings = Readings::STATISTICS;
   profile.demux_buffer = 256 * 1024;
   profile.repeat_lost = true;
+  profile.whole_nit = true;
   profile.watch_device = true;
   profile.set_clock = false;
   profile.set_zone = false;

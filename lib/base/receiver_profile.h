@@ -87,6 +87,10 @@ struct KELVO_EXPORT Receiver_profile {
   // True: once sections of the guide were lost, each service's last one has to come twice again. any_linux: true.
   bool repeat_lost = false;
 
+  // True: all sections of a NIT are read, not one alone, so that all that the network announces is known. any_linux:
+  // true.
+  bool whole_nit = false;
+
   // True: a device that has gone ends the scan, and is opened again when it is back. any_linux: true.
   bool watch_device = false;
 

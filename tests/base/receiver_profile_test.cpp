@@ -13,8 +13,8 @@ std::string text(const Receiver_profile& p) {
   out << "frontend " << static_cast<int>(p.frontend) << ", start " << p.tune_at_start << ", tuning "
       << static_cast<int>(p.tuning) << ", lock " << static_cast<int>(p.lock) << ", search " << p.search << ", offset "
       << p.offset_hz << ", key " << static_cast<int>(p.key) << ", remember " << p.remember_tunings << ", readings "
-      << static_cast<int>(p.readings) << ", buffer " << p.demux_buffer << ", repeat " << p.repeat_lost << ", device "
-      << p.watch_device << ", clock " << p.set_clock << ", zone " << p.set_zone;
+      << static_cast<int>(p.readings) << ", buffer " << p.demux_buffer << ", repeat " << p.repeat_lost << ", nit "
+      << p.whole_nit << ", device " << p.watch_device << ", clock " << p.set_clock << ", zone " << p.set_zone;
   return out.str();
 }
 
@@ -31,12 +31,12 @@ TEST(Receiver_profile_test, box_is_what_a_host_without_one_gets) {
   EXPECT_EQ(text(Receiver_profile::box()), text(Receiver_profile{}));
   EXPECT_EQ(text(Receiver_profile::box()),
             "frontend 0, start 1, tuning 0, lock 0, search 0, offset 166667, key 0, remember 0, readings 0, buffer 0, "
-            "repeat 0, device 0, clock 1, zone 1");
+            "repeat 0, nit 0, device 0, clock 1, zone 1");
 }
 
 TEST(Receiver_profile_test, any_linux_switches_everything) {
   EXPECT_EQ(text(Receiver_profile::any_linux()),
             "frontend 1, start 0, tuning 1, lock 1, search 1, offset 166667, key 1, remember 1, readings 1, buffer "
-            "262144, repeat 1, device 1, clock 0, zone 0");
+            "262144, repeat 1, nit 1, device 1, clock 0, zone 0");
   EXPECT_EQ(text(Receiver_profile::any_linux().lock_times), "2000 1200 2000 3000 4000 3000");
 }

@@ -36,6 +36,11 @@ int control(int handle, unsigned long request, Argument... argument) {
   return uninterrupted([=] { return ioctl(handle, request, argument...); });
 }
 
+// What opening says where a node is missing, or stands without a device.
+bool is_absence(int error) {
+  return error == ENODEV || error == ENXIO || error == ENOENT;
+}
+
 int64_t monotonic_ns() {
   timespec now{};
   (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
@@ -74,8 +79,7 @@ bool Demux::open(dvb_filter_desc& f) {
       set_buffer(f.fd);
     return true;
   }
-  // Its node has gone as well, or there is nobody behind it.
-  if (is_loss(errno) || (options_.watch_device && (errno == ENXIO || errno == ENOENT))) {
+  if (options_.watch_device && is_absence(errno)) {
     note_gone(std::strerror(errno));
     return false;
   }
@@ -83,6 +87,14 @@ bool Demux::open(dvb_filter_desc& f) {
        static_cast<unsigned>(f.pid), static_cast<unsigned>(f.filter[0]), f.fd);
   kelvo_log::print_errno("fopen");
   return false;
+}
+
+bool Demux::answers() const {
+  const int handle = uninterrupted([this] { return ::open(device_, O_RDONLY | O_NONBLOCK); });
+  if (handle < 0)
+    return !is_absence(errno);
+  (void)::close(handle);  // nothing was written to it
+  return true;
 }
 
 void Demux::set_buffer(int handle) {

@@ -30,6 +30,8 @@ class Demux {
   bool gone() const { return gone_; }
   void set_gone() { gone_ = true; }
   void come_back() { gone_ = false; }
+  // Whether the device is there, asked by opening it for a moment; nothing is noted or printed.
+  bool answers() const;
 
   const char* device() const { return device_; }
   int nr_opened() const { return nr_opened_; }

@@ -62,6 +62,11 @@ void Section_filter::Parts::set_gone() {
   wake();
 }
 
+bool Section_filter::Parts::device_answers() const {
+  const std::lock_guard lock(mutex_);
+  return demux_.answers();
+}
+
 void Section_filter::Parts::close_all() {
   const std::lock_guard lock(mutex_);
   close_handles();

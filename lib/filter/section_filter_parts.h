@@ -60,6 +60,9 @@ class Section_filter::Parts {
   bool device_gone() const { return demux_.gone(); }
   void set_gone();
 
+  // Whether the device can be opened, or is only busy, while it counts as gone. Worker-only.
+  bool device_answers() const;
+
   // Closes every handle and believes the device to be there: what was wanted or ran is opened by the next
   // recalculate_filters(). A stopped filter stays stopped. Worker-only.
   void close_all();

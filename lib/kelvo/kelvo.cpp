@@ -147,6 +147,8 @@ void Kelvo::Parts::release_device() {
 }
 
 bool Kelvo::Parts::open_device_again() {
+  if (!filter.parts().device_answers())
+    return false;
   const Tuner_slot::Use use(tuner);
   if (use && !use->parts().open_again())
     return false;

@@ -372,6 +372,19 @@ TEST_F(Device_gone, what_ran_or_was_wanted_runs_again_on_the_device_that_is_back
   EXPECT_GE(filter.wait_for_data(LONG_MS), 1);
 }
 
+TEST_F(Device_gone, whether_it_answers_is_asked_by_opening_it_for_a_moment) {
+  const auto open_handles = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+  };
+  parts().set_gone();
+  const auto before = open_handles();
+  EXPECT_TRUE(parts().device_answers());
+  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(parts().device_gone());
+  std::filesystem::remove(demux.path());
+  EXPECT_EQ(messages_at(3, [this] { EXPECT_FALSE(parts().device_answers()); }), "");
+}
+
 TEST_F(Device_gone, filters_are_added_and_removed_meanwhile) {
   run();
   parts().set_gone();

@@ -241,6 +241,16 @@ TEST_F(Config_file, says_the_same_as_options) {
   EXPECT_EQ(run.out, "0 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 ") << run.err;
 }
 
+TEST_F(Config_file, of_the_samples_is_right) {
+  for (const char* stream : {"474.ts", "498.ts", "522.ts"})
+    std::filesystem::create_symlink(COUNTING, folder.file(stream));
+  std::filesystem::copy(SAMPLES "/receivers.conf", file);
+  const Softdvb_run run = softdvb({"--config", file, "--", SOFTDVB_PLAY,
+                                   "reader: systems, seek T 498000000, wait 1500, status, seek T2 498000000 = EINVAL"});
+  EXPECT_EQ(run.out + run.err,
+            "reader: systems = T, seek T 498000000, wait 1500, status = 1f, seek T2 498000000 = EINVAL\n");
+}
+
 TEST_F(Config_file, errors_name_the_line) {
   const Wrong CASES[] = {{{"once\ncolour = red\n"}, "2: there is no key 'colour'"},
                          {{"mux\n"}, "1: mux: a value is missing"},

@@ -65,8 +65,8 @@ struct Device_profile {
   // Version 3 readings with a lock, and the strength without.
   uint8_t readings = HAS_ALL_READINGS;
   uint16_t strength = 0xC000;
-  uint16_t snr = 0xA000;
   uint16_t strength_no_signal = 0;
+  uint16_t snr = 0xA000;
   Scale stat_strength = Scale::RELATIVE;
   Scale stat_cnr = Scale::DECIBEL;
   uint8_t stat_counters = COUNTS_BITS | COUNTS_BLOCKS;

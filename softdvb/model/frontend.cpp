@@ -151,12 +151,12 @@ static int get_event(Adapter& a, uint64_t now_ns, dvb_frontend_event* out) {
 static int read_status(Adapter& a, uint64_t now_ns, fe_status_t* out) {
   const Frontend& fe = a.fe;
   const Device_profile& d = profile_of(a);
-  const bool held = is_held(a, now_ns);
   if (a.firmware_missing != 0 && fe.state != Core_state::FAILED)
     return -d.no_firmware_error;
-  if (!held && fe.powered == 0 && d.asleep_error != 0)
+  if (fe.powered == 0 && d.asleep_error != 0)
     return -d.asleep_error;
-  *out = static_cast<fe_status_t>(held ? driver_status(a, now_ns) : 0);
+  // Also for a while after the last writer has closed it.
+  *out = static_cast<fe_status_t>(driver_status(a, now_ns));
   return 0;
 }
 

@@ -21,10 +21,9 @@ static bool has_system(const Device_profile& d, uint32_t delivery) {
 
 static int set_system(Adapter& a, uint32_t delivery) {
   const Device_profile& d = profile_of(a);
-  if (delivery == SYS_UNDEFINED) {
-    choose_old_system(a);
-    return 0;
-  }
+  // Some programs leave it open.
+  if (delivery == SYS_UNDEFINED)
+    delivery = first_delivery(a);
   if (!d.takes_any_system && !has_system(d, delivery))
     return -EINVAL;
   a.cache.delivery = delivery;

@@ -149,7 +149,7 @@ TEST(Imitation, has_the_readings_of_its_driver) {
       {"unkind", {none + tuned + none + "stats = decibel decibel none counter counter"}},
       {"si2168", {"seek T 600000000, wait 500, stats = decibel unknown none unknown unknown"}},
       {"drxk",
-       {"seek T 600000000, wait 500, strength = 0, snr = 0, ber = 524, ucblocks = 0, "
+       {"seek T 600000000, wait 500, strength = 1000, snr = 0, ber = 524, ucblocks = 0, "
         "stats = relative unknown unknown unknown unknown"}},
       {"si2168", {"frontend: open, stats = unknown unknown none unknown unknown"}},
   });
@@ -246,10 +246,10 @@ TEST(Imitation, the_cached_system_outlives_its_program) {
       {"si2168",
        {"tune 506000000 bw:8, wait 1000, status = 1f, system C, info = " + name + "C" + limits,
         "reader: info = " + name + "C" + limits +
-            ", tune 506000000 bw:8 = EINVAL, found = C 506000000, system T2, "
-            "info = " +
+            ", tune 506000000 bw:8 = EINVAL, found = C 506000000, system any, "
+            "found = T 506000000, system T2, info = " +
             name + "T" + limits,
-        wakes + "tune 522000000 bw:8, wait 1500, found = T 522000000, status = 0, system ISDBT = EINVAL, system any"}},
+        wakes + "tune 522000000 bw:8, wait 1500, found = T 522000000, status = 0, system ISDBT = EINVAL"}},
       {"drxk",
        {"tune 506000000 bw:8 = EINVAL, system T, tune 506000000 bw:8, wait 1000, status = 1f",
         "tune 506000000 bw:8, wait 1000, status = 1f"}},
@@ -260,6 +260,15 @@ TEST(Imitation, the_cached_system_outlives_its_program) {
        {"seek T2 522000000, wait 2000, status = 1f, found = T2 522000000",
         "wait 2000, tune 506000000 bw:8, wait 1500, status = 1f, found = T 506000000"}},
       {"rtl2832", {"system C = EINVAL, system T2 = EINVAL, tune 506000000 bw:8, wait 1000, status = 1f"}},
+  });
+}
+
+TEST(Imitation, goes_on_for_a_while_when_its_program_has_ended) {
+  const std::string tuned =
+      "seek T 506000000, wait 1500, status = 1f, frontend: close, reader: status = 1f, wait 2000, ";
+  expect_imitations({
+      {"unkind", {tuned + "reader: status = 0, reader: found = T 506000000"}, {"--time", "x1"}},
+      {"si2168", {tuned + "reader: status = EAGAIN, reader: found = T 506000000"}, {"--time", "x1"}},
   });
 }
 

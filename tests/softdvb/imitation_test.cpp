@@ -324,13 +324,13 @@ TEST(Imitation, has_as_many_filters_as_its_device) {
 }
 
 TEST(Imitation, is_pulled_out_and_put_in_when_its_time_has_come) {
-  const std::string gone = "frontend: open, wait 4000, status = ENODEV, nodes = ENOENT";
+  const std::string gone = "frontend: open, wait 30000, status = ENODEV, nodes = ENOENT";
   expect_imitations({
-      {"unkind", {gone}, {"--unplug", "2"}},
+      {"unkind", {gone}, {"--unplug", "20"}},
       {"si2168",
-       {gone + ", frontend: close, wait 40000, nodes = demux0 dvr0 frontend0, frontend: open, waits 3100 status = 0, "
+       {gone + ", frontend: close, wait 90000, nodes = demux0 dvr0 frontend0, frontend: open, waits 3100 status = 0, "
                "seek T 506000000, wait 1500, status = 1f"},
-       {"--unplug", "2", "--replug", "30"}},
+       {"--unplug", "20", "--replug", "100"}},
   });
 }
 

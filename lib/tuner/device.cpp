@@ -96,6 +96,9 @@ unsigned Device::highest_hz() const {
 
 int Device::control(unsigned long request, void* argument) {
   const std::shared_lock lock(in_use_);
+  // One call at a time, as the kernel would have it: when a device is pulled out while its driver is busy, Linux's DVB
+  // core forgets those that wait for their turn, and they never come back.
+  const std::lock_guard turn(one_call_);
   int result = 0;
   do
     result = ioctl(device_, request, argument);

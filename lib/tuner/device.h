@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 
 #include <atomic>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 
@@ -62,6 +63,7 @@ class Device {
 
   const bool said_;
   char path_[256]{};
+  std::mutex one_call_;               // around each call
   mutable std::shared_mutex in_use_;  // shared around each call; alone around opening, closing, and what they change
   dvb_frontend_info info_{};
   int device_ = -1;

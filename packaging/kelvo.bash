@@ -14,7 +14,14 @@ _kelvo() {
       mapfile -t COMPREPLY < <(compgen -W "$formats" -- "$word")
       return
       ;;
-    --from) mapfile -t COMPREPLY < <(compgen -W "auto little big log" -- "$word"); return ;;
+    --from)
+      if [[ $command == signal ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
+      fi
+      mapfile -t COMPREPLY < <(compgen -W "auto little big log" -- "$word")
+      return
+      ;;
     --samples) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
     --day) mapfile -t COMPREPLY < <(compgen -W "today tomorrow yesterday" -- "$word"); return ;;
     --table)
@@ -24,17 +31,26 @@ _kelvo() {
       )
       return
       ;;
+    --profile) mapfile -t COMPREPLY < <(compgen -W "any box" -- "$word"); return ;;
+    --log | --plot) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
     --adapter) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3" -- "$word"); return ;;
-    --freq | --for | --country | --channel | --search | --lang) return ;;
+    --freq | --for | --lock-time | --country | --channel | --search | --lang) return ;;
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
-    options+=" scan channels epg watch trace"
+    options+=" adapters scan channels epg watch signal trace"
   else
     case $command in
-      scan) options="--adapter --freq --country --table --band --follow --for --db --verbose --help" ;;
+      adapters) options="--json --help" ;;
+      scan)
+        options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --db"
+        options+=" --verbose --help"
+        ;;
+      signal)
+        options="--freq --adapter --for --json --log --plot --from --profile --lock-time --db --help"
+        ;;
       channels) options="--db --format --help" ;;
-      watch) options="--adapter --for --zone-of --db --help" ;;
+      watch) options="--adapter --for --zone-of --profile --lock-time --set-clock --db --help" ;;
       trace)
         options="--help"
         if [[ $COMP_CWORD -eq 2 ]]; then
@@ -42,7 +58,7 @@ _kelvo() {
         else
           case ${COMP_WORDS[2]} in
             convert) options="--format --from --verbose --help" ;;
-            record) options="--format --adapter --freq --help" ;;
+            record) options="--format --adapter --freq --profile --lock-time --set-clock --help" ;;
             demo) options="--format --samples --help" ;;
           esac
           if [[ $word != -* ]]; then
@@ -53,7 +69,7 @@ _kelvo() {
         ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
-          options="--adapter --freq --all --for --db --help"
+          options="--adapter --freq --all --for --profile --lock-time --set-clock --db --help"
         else
           options="--channel --now --next --day --search --lang --format --db --help"
           [[ $COMP_CWORD -eq 2 ]] && options+=" update"

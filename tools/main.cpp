@@ -38,10 +38,12 @@ int run(int argc, char** argv) {
   app.footer("'kelvo COMMAND --help' says more about a command, with examples.");
   // Each command runs while the arguments are parsed, as a callback, and leaves its code here.
   int exit_code = EXIT_OK;
+  add_adapters(app, &exit_code);
   add_scan(app, &exit_code);
   add_channels(app, &exit_code);
   add_epg(app, &exit_code);
   add_watch(app, &exit_code);
+  add_signal(app, &exit_code);
   add_trace(app, &exit_code);
 
   try {

@@ -8,6 +8,7 @@
 #include "tools/cli/failure.h"
 #include "tools/frequencies/initial_scan_file.h"
 #include "tools/frequencies/raster.h"
+#include "tools/scan/what_to_scan.h"
 
 namespace {
 
@@ -239,6 +240,32 @@ TEST(Initial_scan, what_no_dvbt_receiver_can_tune_to_is_passed_over) {
               ElementsAre("here:1: 506000 Hz is passed over; DVB-T is between 30000000 and 1000000000",
                           "here:3: 5000000000 Hz is passed over; DVB-T is between 30000000 and 1000000000",
                           "here:6: -5 Hz is passed over; DVB-T is between 30000000 and 1000000000"));
+}
+
+// What the command line makes of it.
+TEST(What_to_scan, names_the_system_that_a_country_has_where_an_adapter_has_it) {
+  Scan_choice choice;
+  choice.country = "de";
+  const What_to_scan with = what_to_scan(choice, [] { return true; });
+  EXPECT_EQ(text_of(with.requests.front()), "474000000/8000000 T2");
+  EXPECT_THAT(with.lines, ElementsAre("28 frequencies of DE"));
+  EXPECT_EQ(with.offset_hz, 166667);
+
+  const What_to_scan without = what_to_scan(choice, [] { return false; });
+  EXPECT_EQ(text_of(without.requests.front()), "474000000/8000000");
+  EXPECT_THAT(without.lines, ElementsAre("28 frequencies of DE",
+                                         "DE sends DVB-T2, which the adapter does not receive; "
+                                         "DVB-T is looked for"));
+
+  choice.country = "GB";
+  const auto not_asked = []() -> bool { throw std::logic_error("asked where it makes no difference"); };
+  EXPECT_EQ(text_of(what_to_scan(choice, not_asked).requests.front()), "474000000/8000000");
+}
+
+TEST(What_to_scan, a_frequency_is_scanned_once) {
+  Scan_choice choice;
+  choice.freqs = {506000000, 514000000, 506000000};
+  EXPECT_THAT(texts_of(what_to_scan(choice, [] { return true; }).requests), ElementsAre("506000000/0", "514000000/0"));
 }
 
 class Initial_scan_files : public testing::Test {

@@ -77,6 +77,42 @@ TEST_F(Scan_choice, a_country_that_is_named) {
   }
 }
 
+TEST_F(Scan_choice, a_country_with_one_system_is_asked_for_that_only) {
+  const std::string log = dir_.file("log");
+  const Words network{"--time", "x20", "--device", "si2168", "--mux", "474000000,system=dvbt2=" + stream("474"),
+                      "--log",  log};
+  EXPECT_THAT(scan(network, {"--country", "DE"}),
+              ends(0, HasSubstr("\n1 of 28 frequencies with a multiplex, 8 services: 8 new, 0 back, 0 lost.\n"),
+                   AllOf(StartsWith("kelvo: 28 frequencies of DE\n[1/28] 474.000 MHz: locked, 8 services, "),
+                         HasSubstr("[28/28] 690.000 MHz: "))));
+  // Property 17 is the delivery system: 3 DVB-T, 16 DVB-T2.
+  EXPECT_THAT(support::read_file(log), AllOf(HasSubstr(" 17=16 "), Not(HasSubstr(" 17=3 "))));
+}
+
+TEST_F(Scan_choice, a_system_that_no_adapter_has_is_said) {
+  const std::string table = file("T2 522000000 8MHz\nT 474000000 8MHz\n");
+  EXPECT_THAT(scan({"--time", "x10", "--mux", "474000000=" + stream("474")}, {"--table", table}),
+              ends(0, AllOf(HasSubstr("  a system that the frontend does not receive\n"),
+                            HasSubstr("\n1 of 2 frequencies with a multiplex, 8 services: 8 new, 0 back, 0 lost.\n"))));
+}
+
+// What the adapter for DVB-T alone finds empty is left to the other one.
+TEST_F(Scan_choice, adapters_of_different_kind_find_everything_together) {
+  Words network{"--time", "x10"};
+  for (const std::string device : {"rtl2832", "si2168"})
+    network = joined({network,
+                      {"--adapter", device == "si2168" ? "1" : "0", "--device", device, "--mux",
+                       "474000000,system=dvbt2=" + stream("474"), "--mux", "498000000=" + stream("498"), "--mux",
+                       "522000000,system=dvbt2=" + stream("522")}});
+  const Command_result result = scan(network, {"--adapter", "0", "--adapter", "1", "--freq", "474000000", "--freq",
+                                               "498000000", "--freq", "522000000", "--freq", "530000000"});
+  EXPECT_THAT(result.out,
+              AllOf(ContainsRegex("474.000 MHz        1  DVB-T2 "), ContainsRegex("522.000 MHz        1  DVB-T2 "),
+                    HasSubstr("\n3 of 4 frequencies with a multiplex, 24 services: 24 new, ")));
+  EXPECT_THAT(result.err, HasSubstr("[4/4] "));
+  EXPECT_EQ(result.exit_code, 0);
+}
+
 TEST_F(Scan_choice, no_country_at_all) {
   EXPECT_THAT(scan(quick_, {}, NOWHERE),
               ends(1, _,

@@ -41,7 +41,7 @@ class Adapter {
   Adapter& operator=(const Adapter&) = delete;
 
   int number() const { return number_; }
-  bool receives(int freq) const { return frontend_.receives(freq); }
+  bool receives(const Tuning_request& request) const { return frontend_.receives(request); }
   // For everything that is no request without a channel. REQUIRES: release() has not been called.
   Kelvo& kelvo() { return *kelvo_; }
 

@@ -59,6 +59,7 @@ Frontend_info check_first(int adapter) {
   }
   out.lowest_hz = info.frequency_min;
   out.highest_hz = info.frequency_max;
+  out.systems = {SYS_DVBT};
   return out;
 }
 
@@ -77,6 +78,7 @@ Frontend_info check_best(int adapter) {
     throw Failure(frontend_failure(out.path, EBUSY));
   }
   const Device demux(demux_of(adapter), O_RDWR | O_NONBLOCK);
+  out.systems = state.systems;
   out.lowest_hz = static_cast<unsigned>(state.lowest_hz);
   out.highest_hz = static_cast<unsigned>(state.highest_hz);
   return out;

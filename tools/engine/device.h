@@ -5,7 +5,9 @@
 
 #include <tuner/reception.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include <kelvo/receiver_profile.h>
 
@@ -15,11 +17,17 @@ struct Frontend_info {
   std::string name;
   unsigned lowest_hz = 0;  // 0: no limit known
   unsigned highest_hz = 0;
+  std::vector<int> systems;  // empty: not known
   Receiver_profile profile;
 
-  bool receives(int freq) const {
-    const auto hz = static_cast<unsigned>(freq);
-    return (lowest_hz == 0 || hz >= lowest_hz) && (highest_hz == 0 || hz <= highest_hz);
+  bool receives(const Tuning_request& request) const {
+    const auto hz = static_cast<unsigned>(request.freq);
+    return (lowest_hz == 0 || hz >= lowest_hz) && (highest_hz == 0 || hz <= highest_hz) &&
+           (request.system == 0 || has(request.system));
+  }
+  // Whether it may be able to receive a delivery system.
+  bool has(int system) const {
+    return systems.empty() || std::find(systems.begin(), systems.end(), system) != systems.end();
   }
 };
 

@@ -79,7 +79,7 @@ bool Engine::take(const Adapter& adapter, Tuning_request* request) {
   // frequency that only another one can take.
   auto next = left_.end();
   changed_.wait(lock, [&] {
-    next = std::find_if(left_.begin(), left_.end(), [&](const auto& one) { return adapter.receives(one.freq); });
+    next = std::find_if(left_.begin(), left_.end(), [&](const auto& one) { return adapter.receives(one); });
     return closed_ || next != left_.end() || !grows_ || taken_.empty();
   });
   if (closed_ || next == left_.end()) {
@@ -154,15 +154,15 @@ std::vector<Engine::Under_way> Engine::under_way() const {
   return out;
 }
 
-bool Engine::receivable(int freq) const {
+bool Engine::receivable(const Tuning_request& request) const {
   return std::any_of(adapters_.begin(), adapters_.end(),
-                     [freq](const auto& adapter) { return adapter->receives(freq); });
+                     [&request](const auto& adapter) { return adapter->receives(request); });
 }
 
 size_t Engine::waiting() const {
   const std::lock_guard lock(mutex_);
   return static_cast<size_t>(
-      std::count_if(left_.begin(), left_.end(), [this](const auto& one) { return receivable(one.freq); }));
+      std::count_if(left_.begin(), left_.end(), [this](const auto& one) { return receivable(one); }));
 }
 
 std::vector<int> Engine::gone() const {
@@ -183,7 +183,7 @@ std::vector<Tuning_request> Engine::left() const {
 std::vector<int> Engine::unreceivable() const {
   std::vector<int> out;
   for (const Tuning_request& request : left()) {
-    if (!receivable(request.freq)) {
+    if (!receivable(request)) {
       out.push_back(request.freq);
     }
   }

@@ -71,12 +71,12 @@ class Engine {
   // The frequencies that nobody began, or that were given back, and among them those that no adapter receives.
   std::vector<Tuning_request> left() const;
   std::vector<int> unreceivable() const;
+  bool receivable(const Tuning_request& request) const;
 
  private:
   void run(Adapter& adapter);
   bool take(const Adapter& adapter, Tuning_request* request);
   void give_back(const Adapter& adapter, const Tuning_request& request);
-  bool receivable(int freq) const;
   void wake() const;
 
   int wake_;

@@ -67,7 +67,8 @@ class Scan {
   int wait_ms() const;
   void handle(Multiplex_result result);
   void draw();
-  size_t total() const { return requests_.size() + static_cast<size_t>(job_.announced()); }
+  size_t total() const { return requests_.size() + static_cast<size_t>(job_->announced()); }
+  Outcome outcome_of_left(Tuning_request request) const;
   std::vector<Service> compare(const std::vector<Service>& before);
   int end_code() const;
 
@@ -80,7 +81,7 @@ class Scan {
   Time_left time_left_;
   std::unique_ptr<Channel_db> reader_;
   std::unique_ptr<Sdbl> database_;
-  Scan_job job_;
+  std::unique_ptr<Scan_job> job_;  // used by the engine
   std::unique_ptr<Engine> engine_;
   std::optional<Clock::time_point> end_;
   std::vector<Multiplex_line> lines_;
@@ -106,28 +107,24 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     }
     throw;
   }
+  job_ = std::make_unique<Scan_job>(engine_.get());
   if (follow) {
-    job_.follow(requests_, engine_.get());
+    job_->follow(requests_);
   }
   if (seconds_) {
     end_ = Clock::now() + std::chrono::seconds(*seconds_);
   }
-  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_.work(adapter, request); }, follow);
+  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_->work(adapter, request); }, true);
   work();
   progress_.clear();
   if (interrupted_ || time_up_) {
     engine_->join();  // A merge that was under way counts.
   }
   gone_ = engine_->gone();
-  const std::vector<int> unreceivable = engine_->unreceivable();
   for (const Tuning_request& request : engine_->left()) {
-    const bool receivable = std::count(unreceivable.begin(), unreceivable.end(), request.freq) == 0;
     Multiplex_line line;
     line.result.freq = key_of(request);
-    line.result.outcome = interrupted_                   ? Outcome::NOT_SCANNED
-                          : receivable && !gone_.empty() ? Outcome::DEVICE_GONE
-                          : time_up_                     ? Outcome::TIME_UP
-                                                         : Outcome::OUT_OF_RANGE;
+    line.result.outcome = outcome_of_left(request);
     lines_.push_back(line);
   }
   const std::vector<Service> after = compare(before);
@@ -145,6 +142,18 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   return end_code();
 }
 
+// Of a frequency that nobody has scanned.
+Outcome Scan::outcome_of_left(Tuning_request request) const {
+  if (interrupted_) {
+    return Outcome::NOT_SCANNED;
+  }
+  if (!engine_->receivable(request)) {
+    request.system = 0;
+    return engine_->receivable(request) ? Outcome::OTHER_SYSTEM : Outcome::OUT_OF_RANGE;
+  }
+  return !gone_.empty() ? Outcome::DEVICE_GONE : time_up_ ? Outcome::TIME_UP : Outcome::NOT_SCANNED;
+}
+
 // What several frequencies bring is left with one of them. Returns the services after that.
 std::vector<Service> Scan::compare(const std::vector<Service>& before) {
   const std::vector<Service> after = reader_->services(false);
@@ -152,7 +161,8 @@ std::vector<Service> Scan::compare(const std::vector<Service>& before) {
   for (const Multiplex_line& line : lines_) {
     const Multiplex_result& result = line.result;
     if (result.outcome == Outcome::NOT_SCANNED || result.outcome == Outcome::TIME_UP ||
-        result.outcome == Outcome::OUT_OF_RANGE || result.outcome == Outcome::DEVICE_GONE) {
+        result.outcome == Outcome::OUT_OF_RANGE || result.outcome == Outcome::OTHER_SYSTEM ||
+        result.outcome == Outcome::DEVICE_GONE) {
       continue;
     }
     const bool complete = result.outcome == Outcome::LOCKED;
@@ -242,7 +252,7 @@ void Scan::work() {
     if (interrupted_ || time_up_) {
       engine_->stop();
     }
-    for (const Multiplex_result& result : job_.take_results()) {
+    for (const Multiplex_result& result : job_->take_results()) {
       handle(result);
     }
     if (!interrupted_ && write_failed(database_.get())) {
@@ -298,18 +308,9 @@ void Scan::draw() {
   progress_.draw(fmt::format("{}  signal {}  {} services", freqs, strength_text(strength), services_), left);
 }
 
-bool any_receives_t2(const std::vector<int>& adapters) {
-  return std::any_of(adapters.begin(), adapters.end(), [](int adapter) {
-    const std::vector<int> systems = Tuner::best_frontend(adapter).systems;
-    return std::find(systems.begin(), systems.end(), SYS_DVBT2) != systems.end();
-  });
-}
-
 int scan(const Scan_options& options) {
   const std::optional<int> seconds =
       options.time ? std::optional(parse_duration(*options.time, "--for")) : std::nullopt;
-  const std::vector<int> adapters = options.adapters.empty() ? std::vector<int>{0} : options.adapters;
-  const What_to_scan what = what_to_scan(options.choice, [&] { return any_receives_t2(adapters); });
   std::string db = options.db;
   if (!db.empty()) {
     check_database_name(db);
@@ -317,10 +318,16 @@ int scan(const Scan_options& options) {
   const Receiver_profile profile = profile_of(options.receiver);
   // Every adapter is looked at before anything is made or changed, so that a wrong number costs nothing.
   std::map<int, Frontend_info> frontends;
-  for (const int number : adapters) {
+  for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {
     if (!frontends.contains(number)) {
       frontends[number] = check_adapter(number, profile);
     }
+  }
+  const What_to_scan what = what_to_scan(options.choice, [&frontends] {
+    return std::any_of(frontends.begin(), frontends.end(), [](const auto& one) { return one.second.has(SYS_DVBT2); });
+  });
+  for (auto& [number, frontend] : frontends) {
+    frontend.profile.offset_hz = what.offset_hz;
   }
   if (db.empty()) {
     db = default_database();

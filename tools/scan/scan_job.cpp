@@ -3,6 +3,8 @@
 
 #include "tools/scan/scan_job.h"
 
+#include <linux/dvb/frontend.h>
+
 #include <chrono>
 #include <utility>
 
@@ -32,8 +34,7 @@ Outcome outcome_of(const Answer& answer) {
 
 }  // namespace
 
-void Scan_job::follow(const std::vector<Tuning_request>& asked, Engine* engine) {
-  engine_ = engine;
+void Scan_job::follow(const std::vector<Tuning_request>& asked) {
   follow_.emplace(asked);
 }
 
@@ -43,6 +44,13 @@ void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   const auto took = Adapter::Clock::now() - begin;
   if (adapter.gone()) {
     return;  // given back, for another adapter
+  }
+  Tuning_request as_t2 = request;
+  as_t2.system = SYS_DVBT2;
+  if (answer.kind == Answer::Kind::NO_LOCK && request.system == 0 && !adapter.receives(as_t2) &&
+      engine_->receivable(as_t2)) {
+    engine_->add({as_t2});
+    return;
   }
   Multiplex_result result;
   result.seconds = std::chrono::duration<double>(took).count();

@@ -17,6 +17,7 @@ enum class Outcome {
   NO_STREAM,     // locked, but no MPEG stream
   NO_LOCK,       // `tuning` says why
   OUT_OF_RANGE,  // no adapter receives this frequency
+  OTHER_SYSTEM,  // or not in the delivery system that was asked for
   NOT_SCANNED,   // interrupted before or during the scan
   TIME_UP,       // the same, because the time for the whole scan was over
   DEVICE_GONE,   // the same, because the adapter went away
@@ -36,9 +37,11 @@ struct Multiplex_result {
 // What adapters do for `kelvo scan`: one scan of each frequency. Any thread.
 class Scan_job {
  public:
-  // What multiplexes announce is scanned, too; `asked` is what is known without them. The engine is not owned, and
-  // grows. Before the work begins.
-  void follow(const std::vector<Tuning_request>& asked, Engine* engine);
+  // The engine is not owned, and grows: what an adapter for DVB-T alone finds empty is given to one for DVB-T2.
+  explicit Scan_job(Engine* engine) : engine_(engine) {}
+
+  // What multiplexes announce is scanned, too; `asked` is what is known without them. Before the work begins.
+  void follow(const std::vector<Tuning_request>& asked);
 
   void work(Adapter& adapter, const Tuning_request& request);
   // The results since the last call.
@@ -47,7 +50,7 @@ class Scan_job {
   int announced() const;
 
  private:
-  Engine* engine_ = nullptr;
+  Engine* engine_;
   mutable std::mutex mutex_;  // guards what follows
   std::vector<Multiplex_result> results_;
   std::optional<Follow_queue> follow_;

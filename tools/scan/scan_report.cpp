@@ -29,6 +29,8 @@ std::string outcome_text(const Multiplex_result& result) {
       return no_lock_text(result.tuning);
     case Outcome::OUT_OF_RANGE:
       return "out of the frontend's range";
+    case Outcome::OTHER_SYSTEM:
+      return "a system that the frontend does not receive";
     case Outcome::TIME_UP:
       return "not scanned: the time was up";
     case Outcome::DEVICE_GONE:
@@ -56,8 +58,8 @@ bool has_services(Outcome outcome) {
 
 // Without tuning there is no time to show, and 0.0 s would look like a measurement.
 bool was_tuned(Outcome outcome) {
-  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::NOT_SCANNED && outcome != Outcome::TIME_UP &&
-         outcome != Outcome::DEVICE_GONE;
+  return outcome != Outcome::OUT_OF_RANGE && outcome != Outcome::OTHER_SYSTEM && outcome != Outcome::NOT_SCANNED &&
+         outcome != Outcome::TIME_UP && outcome != Outcome::DEVICE_GONE;
 }
 
 // A number on a scale that only the driver knows says something beside that of another multiplex; of a frequency

@@ -89,6 +89,9 @@ What_to_scan what_to_scan(const Scan_choice& choice, const std::function<bool()>
   } else {
     out = of_country(choice.country, receives_t2);
   }
+  if (choice.table || !choice.band.empty() || !choice.freqs.empty()) {
+    out.offset_hz = raster_of(country_from_locale()).offset_hz;
+  }
   std::vector<Tuning_request> once;
   for (const Tuning_request& request : out.requests) {
     const bool known = std::any_of(once.begin(), once.end(), [&](const Tuning_request& other) {

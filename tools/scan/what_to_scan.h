@@ -21,7 +21,7 @@ struct Scan_choice {
 struct What_to_scan {
   std::vector<Tuning_request> requests;  // each once
   std::vector<std::string> lines;        // what people should know before it begins
-  int offset_hz = 0;                     // that transmitters may be beside the channel's centre; 0: not known
+  int offset_hz = 0;                     // that the country's transmitters may be beside their channel's centre
 };
 
 // The frequencies that were chosen; without a choice, those of the locale's country. Where no adapter `receives_t2`,

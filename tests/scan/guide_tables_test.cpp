@@ -189,6 +189,21 @@ TEST_F(Guide_tables_test, quirk_section_lost_while_the_last_one_comes_twice_is_m
   EXPECT_EQ(ids(), "1\n2\n3\n4\n");
 }
 
+// Where the profile repeats what was lost, it is not: the last section has to come twice again after each wrong CRC.
+TEST_F(Guide_tables_test, section_lost_while_the_last_one_comes_twice_is_waited_for_where_the_profile_says_so) {
+  constexpr char NIGHT[] =
+      R"([{ "start": "now-30m", "duration": "1h" }, { "start": "now+30m", "duration": "1h" },
+          { "start": "2026-03-02T00:00:00Z", "duration": "1h" }, { "start": "2026-03-02T03:00:00Z", "duration": "1h" }])";
+  const Scan_run scan = scan_until_seen(
+      {events_of(INDEX_OF_101, NIGHT), only_101(),
+       faults(R"([{ "fault": "wrong_crc", "table": "eit_schedule_actual", "section": 64, "to": 13 }])")},
+      "repeat_lost; " + COLLECT + "wait_progress 0 20 guide 101 table 51/50 active 1 done 0 events 4; lost 0", 5,
+      [](const Scan_run& run) { return run.lines({"lost"}) == "lost nothing\n"; });
+  EXPECT_EQ(scan.lines({"never:"}), "");
+  EXPECT_THAT(scan.lines({"lost"}), testing::MatchesRegex("lost 18 0 [1-9][0-9]*\n"));
+  EXPECT_EQ(sql("SELECT ev_id FROM epglist ORDER BY start_epoch"), "1\n2\n3\n4\n");
+}
+
 TEST_F(Guide_tables_test, repeated_sections_are_neither_stored_nor_asked_for_again) {
   // The following event of 102 comes late, so that the present ones are read again and again.
   const std::string file =

@@ -5,6 +5,7 @@
 // seconds since its start:
 //
 //   open FILE                     the database; before all else
+//   repeat_lost                   in the profile of what is created from now on
 //   kelvo N tuner|passive [C T]   creates the Kelvo of adapter N, with callbacks; connector and type, else 0 and 0
 //   delete N                      destroys it
 //   freq N HZ                     frequency request, answered by "done N RESULT"
@@ -21,10 +22,11 @@
 //   types T...                    service types whose guide is collected, from the next tuning on
 //   wait_guide N SECONDS          until every service has all that its network announces
 //   wait_table N TABLE SECONDS    until that table (hexadecimal) is being collected
-//   told_time N                   "told CLOCK ZONE MINUTES COUNTRY" of the last time table that was told of, or "told
-//   nothing" progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each
-//   service,
+//   told_time N                   "told CLOCK ZONE MINUTES COUNTRY" of the last time table that was told of, or
+//                                 "told nothing"
+//   progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each service,
 //                                 tables hexadecimal, or "no guide"
+//   lost N                        "lost PID OVERFLOWS WRONG_CRCS" for each PID, or "lost nothing"
 //   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
@@ -90,6 +92,7 @@ struct Adapter {
 std::array<Adapter, ADAPTERS> adapters;
 std::unique_ptr<Sdbl> database;
 std::string database_file;
+Receiver_profile profile;  // of the box, but for what the script says
 
 template <int N>
 void changed(int code) {
@@ -156,6 +159,8 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
   if (command == "open") {
     database_file = rest(in);
     database = std::make_unique<Sdbl>(database_file.c_str());
+  } else if (command == "repeat_lost") {
+    profile.repeat_lost = true;
   } else if (command == "verbosity") {
     verbosity_kelvo = next<int>(in);
   } else if (command == "sleep") {
@@ -215,7 +220,8 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
   if (command == "kelvo") {
     const bool tuner = next<std::string>(in) == "tuner";
     const int connector = next<int>(in);
-    a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), connector, next<int>(in), database.get(), tuner, CHANGED[n]);
+    a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), connector, next<int>(in), database.get(), tuner, CHANGED[n],
+                                      profile);
     a.kelvo->set_time_listener(time_told, &a);
     a.kelvo->set_activity_listener({active, &a});
     return;
@@ -288,6 +294,13 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     });
     if (!seen)
       say("never: " + wanted);
+  } else if (command == "lost") {
+    std::vector<Lost_sections> lost;
+    a.kelvo->lost_sections(&lost);
+    for (const Lost_sections& l : lost)
+      say("lost " + std::to_string(l.pid) + " " + std::to_string(l.overflows) + " " + std::to_string(l.crc_errors));
+    if (lost.empty())
+      say("lost nothing");
   } else if (command == "readings") {
     char text[200];
     std::snprintf(text, sizeof text, "readings %d %.1f %d %.2f %.1f", a.kelvo->fe_freq(),
@@ -304,7 +317,8 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global : {"open", "types", "insert", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
+  for (const char* global :
+       {"open", "repeat_lost", "types", "insert", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

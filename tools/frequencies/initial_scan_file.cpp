@@ -99,22 +99,22 @@ std::optional<int> pipe_of(std::string_view text) {
   return *value >= 0 && *value <= 255 ? std::optional(static_cast<int>(*value)) : std::nullopt;
 }
 
-// The number of a line, from 1, and what is said of it.
+struct Value {
+  std::string text;
+  int line = 0;
+};
+
+struct Section {
+  int line = 0;
+  std::map<std::string, Value> values;  // by key, in small letters
+};
+
 class Reader {
  public:
   explicit Reader(std::string name) : name_(std::move(name)) {}
   Initial_scan read(std::string_view text);
 
  private:
-  struct Value {
-    std::string text;
-    int line = 0;
-  };
-  struct Section {
-    int line = 0;
-    std::map<std::string, Value> values;  // by key, in small letters
-  };
-
   [[noreturn]] void fail(int line, const std::string& text) const {
     throw Failure(clean_text(fmt::format("{}:{}: {}", name_, line, text)));
   }

@@ -31,8 +31,8 @@ struct Same_multiplex {
 // Compares what the scan found on each frequency, `after` it, and what was there `before`. A service is the same when
 // network, stream, program number and name are: ids alone are not unique everywhere. Of a transport stream on several
 // frequencies the best reception is kept; where readings do not differ clearly, the one that was known before, so that
-// channels do not move to and fro. A frequency on which nothing is received any more gives way to one on which the same
-// is. Frequencies that were not scanned stay as they are.
+// channels do not move back and forth. A frequency on which nothing is received any more gives way to one on which the
+// same is. Frequencies that were not scanned stay as they are.
 Same_multiplex same_multiplexes(const std::vector<Service>& before, const std::vector<Service>& after,
                                 const std::vector<Reception>& receptions);
 

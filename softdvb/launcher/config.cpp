@@ -152,7 +152,7 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   if (a.firmware_missing != 0 && d.no_firmware_error == 0)
     throw Usage_error(std::string("firmware: device ") + d.name + " needs none");
   // After the type, on which the delivery system depends.
-  a.cache = a.fe.asked = untuned(first_delivery(a));
+  a.cache = a.fe.asked = untuned(a, first_delivery(a));
 }
 
 static void set_plug(Adapter& a, const Adapter_config& c) {

@@ -111,9 +111,10 @@ dvb_frontend_info frontend_info(const Adapter& a) {
   return info;
 }
 
-Tuning untuned(uint32_t delivery) {
+Tuning untuned(const Adapter& a, uint32_t delivery) {
   Tuning t{};
-  t.inversion = INVERSION_AUTO;
+  // The core clears its cache with zeros, and forgets this one.
+  t.inversion = profile_of(a).takes_any_system ? INVERSION_AUTO : INVERSION_OFF;
   t.code_rate_hp = FEC_AUTO;
   t.code_rate_lp = FEC_AUTO;
   t.modulation = QAM_AUTO;
@@ -127,7 +128,7 @@ Tuning untuned(uint32_t delivery) {
 }
 
 Tuning tuning_to(const Adapter& a, uint32_t freq) {
-  Tuning t = untuned(first_delivery(a));
+  Tuning t = untuned(a, first_delivery(a));
   t.frequency = freq;
   if (!profile_of(a).takes_bandwidth_0)
     t.bandwidth_hz = 8000000;
@@ -184,7 +185,7 @@ dvb_frontend_parameters to_parameters(const Tuning& t, int fe_type) {
 }
 
 Tuning from_parameters(const dvb_frontend_parameters& p, const Adapter& a) {
-  Tuning t = profile_of(a).takes_any_system ? untuned(first_delivery(a)) : a.cache;
+  Tuning t = profile_of(a).takes_any_system ? untuned(a, first_delivery(a)) : a.cache;
   t.frequency = p.frequency;
   t.inversion = static_cast<int32_t>(p.inversion);
   switch (frontend_type(a)) {

@@ -20,7 +20,7 @@ dvb_frontend_parameters to_parameters(const Tuning& t, int fe_type);
 // The core's parameters with those that the old interface has for the type of the frontend.
 Tuning from_parameters(const dvb_frontend_parameters& p, const Adapter& a);
 // Everything automatic, as after DTV_CLEAR.
-Tuning untuned(uint32_t delivery);
+Tuning untuned(const Adapter& a, uint32_t delivery);
 
 // What a program that knows the adapter would ask for on a frequency.
 Tuning tuning_to(const Adapter& a, uint32_t freq);

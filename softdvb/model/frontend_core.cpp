@@ -156,18 +156,25 @@ Tuning reported_tuning(const Adapter& a, uint64_t now_ns) {
     return a.cache;
   const uint32_t status = driver_status(a, now_ns);
   Tuning t = resolved(a, status);
+  // No driver fills in these.
+  if (!d.takes_any_system) {
+    t.delivery = a.cache.delivery;
+    t.stream_id = a.cache.stream_id;
+  }
   const int mux = received_mux(a);
-  if (d.reported == Reported::ONE_HZ) {
+  if (d.search == Search::TUNE) {
+    t.frequency = a.cache.frequency;  // where the driver has put the offset
+  } else if (d.reported == Reported::ONE_HZ) {
     t.frequency = 1;
   } else if ((status & FE_HAS_LOCK) != 0 && mux >= 0) {
-    // What was found may be an offset away from what was asked for. Events keep the latter.
+    // What was found may be an offset away from what was asked for.
     const uint32_t found = d.reported == Reported::FOUND ? a.mux[mux].freq : t.frequency;
     t.frequency = found + static_cast<uint32_t>(a.offset_hz);
   }
   return t;
 }
 
-static void add_event(Adapter& a, uint32_t status) {
+static void add_event(Adapter& a, uint32_t status, uint64_t at_ns) {
   Frontend& fe = a.fe;
   // One place stays empty to tell a full queue from an empty one, so the kernel's eight places hold seven events.
   const int next = (fe.event_write + 1) % EVENT_QUEUE;
@@ -176,7 +183,8 @@ static void add_event(Adapter& a, uint32_t status) {
     fe.event_overflow = 1;
     fe.event_read = (fe.event_read + 1) % EVENT_QUEUE;
   }
-  fe.events[fe.event_write] = {status, resolved(a, status)};
+  const bool asks_driver = (status & FE_HAS_LOCK) != 0 && !profile_of(a).takes_any_system;
+  fe.events[fe.event_write] = {status, asks_driver ? reported_tuning(a, at_ns) : resolved(a, status)};
   fe.event_write = next;
   fe.last_event_status = status;
 }
@@ -274,7 +282,7 @@ static void look(Adapter& a) {
   }
   // Only a change makes an event. A lock that comes and goes between two looks is never told.
   if (status != fe.last_event_status)
-    add_event(a, status);
+    add_event(a, status, at);
   if (d.search == Search::TUNE) {
     fe.next_look_ns += a.look_interval_ns;
   } else if ((status & FE_HAS_LOCK) != 0) {
@@ -341,7 +349,7 @@ void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
   // Events of the old tuning are of no use; the first one of the new tuning says that there is no lock yet.
   fe.event_read = fe.event_write = fe.event_overflow = 0;
   fe.was_locked = 0;
-  add_event(a, 0);
+  add_event(a, 0, now_ns);
   if (fe.dead != 0)
     return;
   fe.powered = 1;

@@ -87,7 +87,7 @@ static int set_property(Adapter& a, const dtv_property& p, uint64_t now_ns) {
     case DTV_TUNE:
       return tune(a, now_ns);
     case DTV_CLEAR:
-      a.cache = untuned(profile_of(a).takes_any_system ? first_delivery(a) : a.cache.delivery);
+      a.cache = untuned(a, profile_of(a).takes_any_system ? first_delivery(a) : a.cache.delivery);
       return 0;
     case DTV_DELIVERY_SYSTEM:
       return set_system(a, p.u.data);

@@ -47,7 +47,7 @@ void unplug(Adapter& a) {
     return;
   // The cached system and all that is tuned are gone with the device.
   a.fe = Frontend{};
-  a.cache = a.fe.asked = untuned(first_delivery(a));
+  a.cache = a.fe.asked = untuned(a, first_delivery(a));
   a.stream_generation.fetch_add(1);
   a.unplugged.store(1);
   a.plug_generation.fetch_add(1);

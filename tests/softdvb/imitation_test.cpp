@@ -260,6 +260,18 @@ TEST(Imitation, the_cached_system_outlives_its_program) {
        {"seek T2 522000000, wait 2000, status = 1f, found = T2 522000000",
         "wait 2000, tune 506000000 bw:8, wait 1500, status = 1f, found = T 506000000"}},
       {"rtl2832", {"system C = EINVAL, system T2 = EINVAL, tune 506000000 bw:8, wait 1000, status = 1f"}},
+      {"cxd2820r", {"seek T 506000000, wait 1500, status = 1f, system T2, found = T2 506000000, system T"}},
+  });
+}
+
+TEST(Imitation, an_event_of_a_lock_has_what_the_driver_reports) {
+  const std::string tuned = "seek T 506000000, wait 5000, event = 0, event tuning = 1f ";
+  expect_imitations({
+      {"si2168", {tuned + "506000000 bw=0 hp=9 lp=9 const=6 mode=2 guard=4 hier=4"}},
+      {"rtl2832", {tuned + "506000000" + FOUND}},
+      {"cxd2841er", {tuned + "506001234 bw=0 hp=9 lp=9 const=6 mode=2 guard=4 hier=4"}},
+      {"stv0367", {tuned + "1" + FOUND}},
+      {"unkind", {tuned + "506166000" + FOUND}},
   });
 }
 

@@ -38,8 +38,8 @@ class Watch_clock : public Command_fixture {
   }
 
   struct How {
-    Words options{};    // of the adapter
-    Words arguments{};  // of the command
+    Words options{};                 // of the adapter
+    Words arguments{"--set-clock"};  // of the command
     std::string preload{};
     // Slow enough that the time until the lock, by which the clock of the host is ahead, is no 10 s on a busy machine.
     std::string speed = "x1";
@@ -99,6 +99,20 @@ TEST_F(Watch_clock, says_that_a_clock_that_may_not_be_set_stays) {
   EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.options = {"--fault", "settimeofday=EPERM"}, .until = STAYED}), Words{STAYED});
 }
 
+TEST_F(Watch_clock, without_being_asked_nothing_is_set_and_a_minute_of_difference_is_said_once) {
+  const std::string log = dir_.file("log");
+  for (const auto& [off, says] : {std::pair(-3600, " slow by the broadcast; --set-clock sets it"),
+                                  std::pair(3600, " fast by the broadcast; --set-clock sets it")}) {
+    const Words lines =
+        watch(NOW + off, "UTC0", {.options = {"--log", log}, .arguments = {}, .speed = "x20", .seconds = "100s"});
+    ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
+    EXPECT_THAT(lines[0], testing::MatchesRegex("the clock is 3[56][0-9][0-9] s" + std::string(says)));
+    EXPECT_THAT(support::read_file(log), testing::Not(testing::HasSubstr("settimeofday")));
+    EXPECT_FALSE(std::filesystem::exists(root() + "/dvbfiles/localtime"));
+  }
+  EXPECT_EQ(watch(NOW - 30, "UTC0", {.arguments = {}}), Words{});
+}
+
 TEST_F(Watch_clock, says_once_what_is_done_at_every_time_table) {
   EXPECT_EQ(watch(NOW - 3600, "MSK-3", {.speed = "x100", .seconds = "350s"}), Words{STAYED});
   if (!have_zic())
@@ -137,9 +151,10 @@ TEST_F(Watch_clock, says_that_a_zone_could_not_be_set) {
 TEST_F(Watch_clock, takes_the_zone_of_the_network_that_is_named) {
   if (!have_zic())
     GTEST_SKIP() << "no zone compiler";
-  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "Levira"}}), Words{});
+  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--set-clock", "--zone-of", "Levira"}}), Words{});
   EXPECT_FALSE(std::filesystem::exists(root() + "/dvbfiles/localtime"));
-  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--zone-of", "levira"}, .until = ZONE_SET}), Words{ZONE_SET});
+  EXPECT_EQ(watch(NOW, "UTC0", {.arguments = {"--set-clock", "--zone-of", "levira"}, .until = ZONE_SET}),
+            Words{ZONE_SET});
 }
 
 TEST(Zone_file, tells_name_and_offset_or_the_rule) {

@@ -13,6 +13,17 @@ Adapter::Adapter(int number, Frontend_info frontend, Sdbl* database)
   check_frontend(number, kelvo_->frontend_state());
   kelvo_->set_scan_listener(on_scan_end, this);
   kelvo_->set_device_listener(on_device, this);
+  kelvo_->set_time_listener(on_time, this);
+}
+
+// On the library's worker.
+void Adapter::on_time(void* self, const Broadcast_time& time) {
+  auto* adapter = static_cast<Adapter*>(self);
+  const Time_news news(time);  // at once: it compares with the clock
+  const std::lock_guard lock(adapter->mutex_);
+  if (time.clock != CLOCK_RIGHT && !adapter->clock_news_) {
+    adapter->clock_news_ = news;
+  }
 }
 
 // On the library's worker.
@@ -108,6 +119,11 @@ void Adapter::stop() {
 bool Adapter::stopped() const {
   const std::lock_guard lock(mutex_);
   return stopped_;
+}
+
+std::optional<Time_news> Adapter::clock_news() const {
+  const std::lock_guard lock(mutex_);
+  return clock_news_;
 }
 
 bool Adapter::gone() const {

@@ -15,6 +15,7 @@
 #include <kelvo/kelvo.h>
 
 #include "tools/engine/device.h"
+#include "tools/watch/time_texts.h"
 
 // How the library answered a request for a frequency.
 struct Answer {
@@ -66,6 +67,9 @@ class Adapter {
   Signal_readings signal() const;
   Tuning_result last_tuning() const;
 
+  // The first time table that found the clock wrong, and what became of it.
+  std::optional<Time_news> clock_news() const;
+
   // Deletes the Kelvo, after what it is writing has been written.
   void release();
 
@@ -79,6 +83,7 @@ class Adapter {
   };
   static void on_scan_end(void* self, const Scan_end& end);
   static void on_device(void* self, const Device_event& event);
+  static void on_time(void* self, const Broadcast_time& time);
   static void on_answer(void* request, int result);
 
   int number_;
@@ -89,5 +94,6 @@ class Adapter {
   Scan_end last_end_;  // told on the worker right before the answer to the same scan
   bool stopped_ = false;
   bool gone_ = false;
+  std::optional<Time_news> clock_news_;
   std::unique_ptr<Kelvo> kelvo_;
 };

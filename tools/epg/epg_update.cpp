@@ -32,6 +32,7 @@
 #include "tools/database/open_database.h"
 #include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_job.h"
+#include "tools/watch/time_texts.h"
 
 namespace {
 
@@ -105,6 +106,7 @@ class Update {
   void say_news();
   std::string name_of(int channel) const;
   void report();
+  void say_clock() const;
 
   std::string db_;
   std::vector<int> freqs_;
@@ -151,6 +153,7 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   report();
   console::finish_printing("the report");
   check_written(database_.get(), db_);
+  say_clock();
   if (interrupted_) {
     console::say("kelvo: interrupted; what was collected is kept");
     return EXIT_INTERRUPTED;
@@ -287,6 +290,18 @@ void Update::report() {
   }
   fmt::print("{}{} of {} services done, {} events, {} of them new.\n", any_lost ? "\n\n" : "\n", complete, services,
              events, news);
+}
+
+// Whatever became of a wrong clock, nobody should have to find it out.
+void Update::say_clock() const {
+  Time_texts texts;
+  for (const auto& adapter : engine_->adapters()) {
+    if (const std::optional<Time_news> news = adapter->clock_news()) {
+      for (const std::string& text : texts.texts(*news)) {
+        console::say("kelvo: " + text);
+      }
+    }
+  }
 }
 
 int update(const Update_options& options) {

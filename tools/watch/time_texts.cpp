@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int64_t CLOCK_TOLERANCE_S = 10;                 // the library's
+constexpr int64_t WORTH_SAYING_S = 60;                    // of a clock that is not set
 constexpr const char* ZONE_FILE = "/dvbfiles/localtime";  // where the library puts the zone of the broadcast
 
 std::string offset_text(int minutes) {
@@ -43,11 +44,18 @@ std::string Time_texts::clock_text(const Time_news& news) {
     clock_stays_ = false;
     return fmt::format("clock set by {:+} s", news.broadcast.off_by);
   }
+  if (news.broadcast.clock == CLOCK_KEPT && std::abs(news.broadcast.off_by) <= WORTH_SAYING_S) {
+    return "";
+  }
   // A clock that is turned back by something else is set at every time table, twice a minute.
   if (clock_stays_) {
     return "";
   }
   clock_stays_ = true;
+  if (news.broadcast.clock == CLOCK_KEPT) {
+    return fmt::format("the clock is {} s {} by the broadcast; --set-clock sets it", std::abs(news.broadcast.off_by),
+                       news.broadcast.off_by > 0 ? "slow" : "fast");
+  }
   return "clock set, but it stayed as it was, more than 10 s from the broadcast";
 }
 

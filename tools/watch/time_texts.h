@@ -17,8 +17,8 @@ struct Time_news {
   bool clock_right;
 };
 
-// The lines of `kelvo watch` about clock and zone. Tables come twice a minute: what stays as it was is said once. One
-// thread.
+// The lines of `kelvo watch` and `kelvo epg update` about clock and zone. Tables come twice a minute: what stays as it
+// was is said once. One thread.
 class Time_texts {
  public:
   std::vector<std::string> texts(const Time_news& news);
@@ -27,6 +27,6 @@ class Time_texts {
   std::string clock_text(const Time_news& news);
   std::string zone_text(const Broadcast_time& broadcast);
 
-  bool clock_stays_ = false;  // that it could not be set has been said
+  bool clock_stays_ = false;  // that it could not be set, or is not, has been said
   std::string zone_said_;
 };

@@ -18,7 +18,7 @@ namespace sdbl {
 namespace {
 
 // The operation's public name, under which failures are reported.
-constexpr char OPERATION[] = "get_eit_scan_list";
+constexpr char LIST_OPERATION[] = "get_eit_scan_list";
 
 // Lists the television services of a multiplex.
 constexpr std::string_view TELEVISION_SERVICES =
@@ -53,7 +53,7 @@ void Guide_services::set_types(const int* types, int n) {
 
 std::vector<EPG_cache*> Guide_services::stored_events(int dvbnr, int channel) const {
   std::vector<EPG_cache*> events;
-  Rows rows(statements_, OPERATION, dvbnr,
+  Rows rows(statements_, LIST_OPERATION, dvbnr,
             "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1;", channel);
   while (rows.next()) {
     auto event = std::make_unique<EPG_cache>(EPG_cache{rows.number(1), rows.number(0), rows.number(2)});
@@ -76,7 +76,7 @@ std::vector<Guide_service> Guide_services::list(int dvbnr, const Multiplex& mult
     sql = sql_;
   }
   std::vector<Guide_service> services;
-  Rows rows(statements_, OPERATION, dvbnr, Runtime_sql{sql.c_str()}, number(multiplex.input.connector),
+  Rows rows(statements_, LIST_OPERATION, dvbnr, Runtime_sql{sql.c_str()}, number(multiplex.input.connector),
             number(multiplex.input.delivery), multiplex.freq);
   while (rows.next()) {
     const int pmt_pid = rows.number(3) != 0 ? rows.number(1) : 0;

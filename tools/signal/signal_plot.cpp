@@ -193,7 +193,11 @@ void Picture::draw_panel(Element* svg, const Panel& panel, double y) const {
     step *= 2;
   }
   lowest = std::floor(lowest / step) * step;
-  highest = std::max(std::ceil(highest / step) * step, lowest + least);
+  highest = std::ceil(highest / step) * step;
+  if (highest - lowest < least) {
+    lowest -= std::floor((least - (highest - lowest)) / 2 / step) * step;
+    highest = lowest + least;
+  }
 
   svg->child("text")
       .set("class", "name")

@@ -143,7 +143,7 @@ void Kelvo::Parts::release_device() {
   (void)filter.recalculate_filters();
   const Tuner_slot::Use use(tuner);
   if (use)
-    use->parts().device.close();
+    use->parts().device.close_gone();
 }
 
 bool Kelvo::Parts::open_device_again() {

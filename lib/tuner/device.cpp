@@ -54,6 +54,12 @@ void Device::close() {
   device_ = -1;
 }
 
+void Device::close_gone() {
+  error_ = ENODEV;
+  gone_ = true;
+  close();
+}
+
 bool Device::open_again() {
   const std::unique_lock lock(in_use_);
   if (device_ >= 0)

@@ -33,6 +33,8 @@ class Device {
 
   // Gives the device free for others, as soon as no call is under way. Later calls fail. One that has gone still has.
   void close();
+  // The same of a device that is known to have gone, though no call on it has said so.
+  void close_gone();
   // Opens it again, where it is a new one. False, with error(), when that fails.
   bool open_again();
 

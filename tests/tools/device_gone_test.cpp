@@ -17,6 +17,7 @@ using Device_gone = Guide_fixture;
 using Device_busy = Guide_fixture;
 
 TEST_F(Device_gone, ends_a_scan_which_keeps_what_was_found) {
+  device_ = "box";  // quick to answer
   Running_command running(controlled(network("x1"), {"scan", "--freq", "506000000", "--freq", "530000000", "--freq",
                                                      "538000000", "--lock-time", "60"}));
   ASSERT_TRUE(running.wait_for_err("[1/3] 506.000 MHz: locked, 2 services")) << running.err();

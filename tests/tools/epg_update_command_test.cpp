@@ -194,6 +194,7 @@ TEST_F(Epg_update, the_bars_fit_the_window) {
 
 // None of these may change the databases.
 TEST_F(Epg_update, a_failure_is_one_line) {
+  device_ = "box";  // the one that can be of another type
   expect_failures(
       {"epg", "update"},
       {{"missing device", {}, {"--adapter", "1"}, "/dev/dvb/adapter1/frontend0" + NO_DEVICE},

@@ -32,6 +32,8 @@ std::string stream(const std::string& mhz) {
 
 class Scan_choice : public Command_fixture {
  protected:
+  Scan_choice() { device_ = "box"; }  // whose readings and quick answers the texts are made for
+
   // Its times are masked.
   Command_result scan(const Words& options, const Words& arguments, const support::Environment& env = {}) const {
     const Command_result result = run_command(kelvo(options, joined({{"scan"}, arguments})), env);

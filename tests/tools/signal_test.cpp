@@ -33,6 +33,8 @@ const std::string NO_LOG = ": is no log of kelvo signal";
 
 class Signal : public Guide_fixture {
  protected:
+  Signal() { device_ = "box"; }  // whose readings and quick answers the texts are made for
+
   Command_result signal(const Words& options, const Words& arguments) const {
     return run(options, joined({{"signal"}, arguments}));
   }

@@ -63,6 +63,7 @@ TEST_F(Watch, finds_a_channel_by_number_name_and_row) {
 }
 
 TEST_F(Watch, says_when_quality_is_lost_and_back) {
+  device_ = "box";  // whose status and bit errors can be set one by one
   scan(network());
   const struct {
     const char* legend;
@@ -92,6 +93,7 @@ TEST_F(Watch, says_when_quality_is_lost_and_back) {
 
 // Nobody may wait in front of a silent screen for a channel that is not there.
 TEST_F(Watch, says_when_there_is_no_lock_and_when_it_comes) {
+  device_ = "box";  // looks for a lock without beginning anew
   scan(network());
   Running_command running(controlled(joined({network("x4"), {"--signal", "506000000:status=0"}}), {"watch", "1"}));
   ASSERT_TRUE(running.wait_for_out("quality lost\n")) << running.out();

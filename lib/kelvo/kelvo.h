@@ -162,7 +162,8 @@ class KELVO_EXPORT Kelvo {
   // of an empty database. Has no effect on the scan and does not wait for it.
   void eit_progress(std::vector<EIT_progress>* progress) const;
 
-  // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start.
+  // True once the broadcast has shown that the system clock is right, or it was past 1999 at the start. Where the
+  // profile leaves the clock alone: whether the last time table agreed with it within 10 s.
   bool time_valid() const;
 
   // Copies the channel list to `file` in the caller's thread. Throws no_file_error when the temporary file beside the

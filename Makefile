@@ -8,6 +8,8 @@
 PREFIX ?= /usr/local
 DESTDIR ?=
 JOBS ?= $(shell nproc)
+# Tests wait more than they work: one more than there are processors.
+TEST_JOBS ?= $(shell expr $(JOBS) + 1)
 SOURCES = $(shell git ls-files '*.cpp' '*.h' 2>/dev/null || find . -path ./build -prune -o \( -name '*.cpp' -o -name '*.h' \) -print)
 
 help:
@@ -35,7 +37,7 @@ demo: packages-build
 test: packages-build+test
 	@cmake --preset dev
 	@cmake --build --preset dev -j$(JOBS)
-	@ctest --preset dev -j$(JOBS)
+	@ctest --preset dev -j$(TEST_JOBS)
 
 asan tsan: packages-build+test
 	@cmake --preset $@

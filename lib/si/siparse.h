@@ -38,8 +38,8 @@ struct SQL_cache;
 // What surprises:
 //   - Versions are looked at for PMTs of known services only (SCAN_PMT); elsewhere a section counts when its
 //     current_next_indicator is 1.
-//   - One NIT section is read per scan, unless the profile says all, and only on PID 16, though the filter may have been
-//     opened on another PID.
+//   - One NIT section is read per scan, unless the profile says all, and only on PID 16, though the filter may have
+//     been opened on another PID.
 //   - The SDT stays open until every service of the PAT has a provider name, so a network without provider names is
 //     merged by the scan's time-out only.
 //

@@ -21,7 +21,7 @@ namespace softdvb {
 
 static constexpr double DEFAULT_RATE = 2.0e6;  // bits a second of a stream without clock references
 static constexpr uint64_t NS_PER_MS = 1000000;
-static constexpr uint64_t HOUR_MS = 3600000;
+static constexpr uint64_t LONGEST_DELAY_MS = 3600000;
 
 // Options that name no adapter describe the first one.
 Adapter_config& Config::current() {
@@ -187,7 +187,8 @@ static void set_lock_delays(Adapter& a, const Adapter_config& c) {
   a.lock_delay_ns = -1;
   for (const std::string& text : c.lock_delays) {
     uint32_t freq = 0;
-    const uint64_t ms = parse_number(per_frequency(text, "lock-delay: frequency", &freq), "lock-delay", HOUR_MS);
+    const uint64_t ms =
+        parse_number(per_frequency(text, "lock-delay: frequency", &freq), "lock-delay", LONGEST_DELAY_MS);
     const int64_t delay_ns = static_cast<int64_t>(ms * NS_PER_MS);
     if (freq == 0)
       a.lock_delay_ns = delay_ns;

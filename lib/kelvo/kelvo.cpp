@@ -150,7 +150,8 @@ bool Kelvo::Parts::open_device_again() {
   if (!filter.parts().device_answers())
     return false;
   const Tuner_slot::Use use(tuner);
-  if (use && !use->parts().open_again())
+  // A host's request may have opened and tuned it already.
+  if (use && use->parts().gone() && !use->parts().open_again())
     return false;
   filter.parts().close_all();
   return true;

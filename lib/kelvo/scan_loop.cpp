@@ -156,7 +156,9 @@ void Scan_loop::lose_device() {
 void Scan_loop::regain_device() {
   device_lost_ = false;
   KLOG(VERB_WARNING, "WARNING: The device of adapter %d is back\n", kelvo_.adapter);
-  if (request_.freq != 0) {
+  // A request without a channel that has come meanwhile, and is to be answered, has been tuned by its host.
+  const bool anew = request_.channel != -1 || requests_.message_state;
+  if (request_.freq != 0 && anew) {
     if (request_.channel == -1)
       tune();
     begin_request();

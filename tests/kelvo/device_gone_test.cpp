@@ -62,6 +62,16 @@ TEST_F(Device_gone, goes_on_with_what_was_tuned_when_it_is_back) {
   ask("b");
 }
 
+// Whoever notices first that the device is back.
+TEST_F(Device_gone, answers_a_request_that_comes_as_soon_as_it_is_back) {
+  unplug_in_a_scan();
+  EXPECT_TRUE(protocol_.wait_for("done a -1"));
+  support::softdvb_control("clear sections");
+  support::softdvb_control("adapter 0 plug");
+  ask("b");
+  EXPECT_EQ(protocol_.count("done b 0"), 1U);
+}
+
 TEST_F(Device_gone, is_told_in_the_guide_s_phase_too) {
   ask("a");
   support::softdvb_control("adapter 0 unplug");

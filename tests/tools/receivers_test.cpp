@@ -48,7 +48,7 @@ class Receivers : public Command_fixture, public testing::WithParamInterface<Rec
 
   static Words on_air() {
     const Words& files = streams();
-    return {"--time",       "x4",
+    return {"--time",       "x8",
             "--mux",        "474000000=" + files[0],
             "--mux",        "498000000,system=dvbt2=" + files[1],
             "--mux",        "522000000=" + files[2],

@@ -335,7 +335,7 @@ std::string find_initial_scan_file(const std::string& name, const std::vector<st
   bool any = false;
   for (const std::string& folder : folders) {
     any = any || std::filesystem::is_directory(folder, error);
-    const std::string file = folder + "/" + name;
+    std::string file = folder + "/" + name;
     if (!name.empty() && std::filesystem::is_regular_file(file, error)) {
       return file;
     }

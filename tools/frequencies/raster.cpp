@@ -171,7 +171,7 @@ std::string country_from_locale() {
     if (value == nullptr || *value == '\0') {
       continue;
     }
-    const std::string country = country_of_locale(value);
+    std::string country = country_of_locale(value);
     if (!country.empty() || std::string_view(name) == "LC_ALL") {
       return country;  // LC_ALL overrules the others, also when it is "C".
     }

@@ -156,7 +156,7 @@ Outcome Scan::outcome_of_left(Tuning_request request) const {
 
 // What several frequencies bring is left with one of them. Returns the services after that.
 std::vector<Service> Scan::compare(const std::vector<Service>& before) {
-  const std::vector<Service> after = reader_->services(false);
+  std::vector<Service> after = reader_->services(false);
   std::vector<Reception> receptions;
   for (const Multiplex_line& line : lines_) {
     const Multiplex_result& result = line.result;

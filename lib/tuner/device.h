@@ -16,8 +16,8 @@
 // One frontend device of Linux: its descriptor and what it said about itself. Not installed. What its calls mean is
 // known to those who are built on it: Frontend, Readings, Lock_rule.
 //
-// A device that could not be opened makes every call fail. All operations are any-thread, also several at once: the
-// descriptor is not closed under a thread that uses it.
+// A device that could not be opened makes every call fail. All operations are any-thread: calls come one at a time, and
+// the descriptor is not closed under a thread that uses it.
 class Device {
  public:
   // The bits of a status that a locked frontend of the box has all.

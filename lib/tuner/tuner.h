@@ -29,7 +29,11 @@ enum : unsigned {
 // with the last good value (status 0 and frequency 0 at first).
 //
 // That is Receiver_profile::box(). With another profile the constructor may tune nothing, tuning may take seconds and
-// try several systems, and readings are those of the monitor; what changes is said at each operation.
+// try several systems. With Readings::STATISTICS fe_freq(), fe_status(), fe_strength(), fe_snr() and fe_ber() answer
+// what the monitor read last, without device access or messages: strength in percent, where -100 to -20 dBm are 0 to
+// 100 and a scale that only the driver knows is 0; SNR in dB, 0 where the device gives none in dB; BER quality 0
+// without lock, else from uncorrected blocks, bit errors or SNR, whichever the device has first. signal() has the
+// values themselves.
 //
 // Threads: the monitor thread refreshes strength and BER quality about five times a second. All operations are
 // any-thread; of two threads that tune at the same time, the later one wins. The event callback is called on the

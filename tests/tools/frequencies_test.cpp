@@ -6,6 +6,7 @@
 #include "support/support.h"
 #include "support/test.h"
 #include "tools/cli/failure.h"
+#include "tools/cli/receiver_options.h"
 #include "tools/frequencies/initial_scan_file.h"
 #include "tools/frequencies/raster.h"
 #include "tools/scan/what_to_scan.h"
@@ -240,6 +241,27 @@ TEST(Initial_scan, what_no_dvbt_receiver_can_tune_to_is_passed_over) {
               ElementsAre("here:1: 506000 Hz is passed over; DVB-T is between 30000000 and 1000000000",
                           "here:3: 5000000000 Hz is passed over; DVB-T is between 30000000 and 1000000000",
                           "here:6: -5 Hz is passed over; DVB-T is between 30000000 and 1000000000"));
+}
+
+// What commands that look for no frequencies themselves know of the country, too.
+TEST(Profile_of_options, has_the_offset_of_the_locale_s_country) {
+  const struct {
+    const char* locale;
+    const char* profile;
+    int offset_hz;
+  } cases[] = {{"en_AU.UTF-8", "any", 125000},
+               {"de_DE.UTF-8", "any", 166667},
+               {"es_CO.UTF-8", "any", 0},
+               {"C", "any", 166667},
+               {"en_AU.UTF-8", "box", Receiver_profile::box().offset_hz}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.locale);
+    ASSERT_EQ(setenv("LC_ALL", c.locale, 1), 0);
+    Receiver_options options;
+    options.profile = c.profile;
+    EXPECT_EQ(profile_of(options).offset_hz, c.offset_hz);
+  }
+  unsetenv("LC_ALL");
 }
 
 // What the command line makes of it.

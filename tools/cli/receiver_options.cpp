@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "tools/cli/failure.h"
+#include "tools/frequencies/raster.h"
 
 namespace {
 
@@ -36,6 +37,9 @@ void add_set_clock_option(CLI::App* command, Receiver_options* options) {
 Receiver_profile profile_of(const Receiver_options& options) {
   const bool box = options.profile == "box";
   Receiver_profile profile = box ? Receiver_profile::box() : Receiver_profile::any_linux();
+  if (!box) {
+    profile.offset_hz = raster_of(country_from_locale()).offset_hz;
+  }
   if (options.lock_time && box) {
     throw Failure("--lock-time: not with --profile box, which waits 0.15 s", EXIT_USAGE);
   }

@@ -21,5 +21,6 @@ void add_receiver_options(CLI::App* command, Receiver_options* options);
 // --set-clock, for commands that read the time tables of a broadcast.
 void add_set_clock_option(CLI::App* command, Receiver_options* options);
 
-// What the options come to. Throws Failure when they contradict each other.
+// What the options come to, in the country of the locale: its transmitters may be beside their channel's centre. Throws
+// Failure when they contradict each other.
 Receiver_profile profile_of(const Receiver_options& options);

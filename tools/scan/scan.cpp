@@ -327,7 +327,7 @@ int scan(const Scan_options& options) {
     return std::any_of(frontends.begin(), frontends.end(), [](const auto& one) { return one.second.has(SYS_DVBT2); });
   });
   for (auto& [number, frontend] : frontends) {
-    frontend.profile.offset_hz = what.offset_hz;
+    frontend.profile.offset_hz = what.offset_hz.value_or(frontend.profile.offset_hz);
   }
   if (db.empty()) {
     db = default_database();

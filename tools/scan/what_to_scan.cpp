@@ -66,7 +66,7 @@ What_to_scan of_country(const std::optional<std::string>& given, const std::func
 What_to_scan of_table(const std::string& table) {
   const std::string file = find_initial_scan_file(table, scan_table_folders());
   Initial_scan scan = read_initial_scan_file(file);
-  What_to_scan out{std::move(scan.multiplexes), std::move(scan.remarks), 0};
+  What_to_scan out{std::move(scan.multiplexes), std::move(scan.remarks), std::nullopt};
   std::string line = fmt::format("{} of {}", count_text(out.requests.size(), "multiplex", "multiplexes"), file);
   if (scan.others > 0) {
     line += fmt::format("; {} passed over, of other systems",
@@ -88,9 +88,6 @@ What_to_scan what_to_scan(const Scan_choice& choice, const std::function<bool()>
     out.requests = requests_for(choice.freqs);
   } else {
     out = of_country(choice.country, receives_t2);
-  }
-  if (choice.table || !choice.band.empty() || !choice.freqs.empty()) {
-    out.offset_hz = raster_of(country_from_locale()).offset_hz;
   }
   std::vector<Tuning_request> once;
   for (const Tuning_request& request : out.requests) {

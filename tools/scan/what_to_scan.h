@@ -21,7 +21,7 @@ struct Scan_choice {
 struct What_to_scan {
   std::vector<Tuning_request> requests;  // each once
   std::vector<std::string> lines;        // what people should know before it begins
-  int offset_hz = 0;                     // that the country's transmitters may be beside their channel's centre
+  std::optional<int> offset_hz;          // of a country that was chosen: how far its transmitters may be off centre
 };
 
 // The frequencies that were chosen; without a choice, those of the locale's country. Where no adapter `receives_t2`,

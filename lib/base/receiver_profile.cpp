@@ -21,6 +21,14 @@ Receiver_profile Receiver_profile::any_linux() {
   profile.repeat_lost = true;
   profile.whole_nit = true;
   profile.watch_device = true;
+  profile.texts = Texts::STANDARD;
+  profile.whole_tables = true;
+  profile.watch_tables = true;
+  profile.channel_numbers = Channel_numbers::ALL;
+  profile.name_streams = true;
+  profile.refresh = true;
+  profile.guide = Guide::WHOLE;
+  profile.zone_country = Zone_country::COUNTRY;
   profile.set_clock = false;
   profile.set_zone = false;
   return profile;

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <string>
+
 #include "base/export.h"
 
 // How an adapter is treated: which calls tune it, what counts as locked, what its readings mean, and what the library
@@ -93,6 +95,61 @@ struct KELVO_EXPORT Receiver_profile {
 
   // True: a device that has gone ends the scan, and is opened again when it is back. any_linux: true.
   bool watch_device = false;
+
+  // --- Reading -----------------------------------------------------------------------------------------------------
+
+  // How texts become UTF-8.
+  enum class Texts {
+    PLAIN,     // the tables of ISO 8859, ISO 6937 and UCS-2; what cannot be converted is stored as it was broadcast
+    STANDARD,  // any_linux: all of EN 300 468, Annex A; always valid UTF-8, with U+FFFD for what cannot be converted
+  };
+  Texts texts = Texts::PLAIN;
+  // Texts::STANDARD only: the table of texts that announce none, by a name that iconv knows ("ISO-8859-2", "UTF-8").
+  // Empty: what the network is known to use, else ISO 6937.
+  std::string charset;
+
+  // True: a PAT and an SDT are read in all their sections, and a PMT's PID until all programmes on it have come; a
+  // service without a name or an SDT entry does not hold up the others. any_linux: true.
+  bool whole_tables = false;
+
+  // True: while the guide is collected, another version of PAT or SDT begins a new scan at once. any_linux: true.
+  bool watch_tables = false;
+
+  // True: NITs and SDTs of other networks and multiplexes are read, too. any_linux: false.
+  bool other_networks = false;
+
+  // Which logical channel numbers are read.
+  enum class Channel_numbers {
+    PLAIN,  // descriptor 0x83, whoever defined it
+    ALL,    // any_linux: every flavour by its private data specifier, with visibility; clashes are resolved
+  };
+  Channel_numbers channel_numbers = Channel_numbers::PLAIN;
+
+  // True: streams are named by their descriptors, and all CA systems and teletext pages of a stream kept. any_linux:
+  // true.
+  bool name_streams = false;
+
+  // True: what is stored of a known service follows the air, a service that has moved keeps its number, and hosts are
+  // told what changed. any_linux: true.
+  bool refresh = false;
+
+  // How the guide is collected.
+  enum class Guide {
+    BY_TABLE,  // one table after the other, of the services that were known at the tuning; first come, first kept
+    WHOLE,  // any_linux: all tables at once, of all services, until every section has come; the newest section counts
+  };
+  Guide guide = Guide::BY_TABLE;
+  // Guide::WHOLE only. True: the guide of other multiplexes is stored as well, for services that are known.
+  // any_linux: false.
+  bool other_guides = false;
+
+  // Whose local time offset counts, where several countries stand in one table.
+  enum class Zone_country {
+    PREFERRED_PROVIDER,  // every one of a multiplex of the preferred provider's network
+    COUNTRY,             // any_linux: that of `country`, else of the network's country, else of the system's zone
+  };
+  Zone_country zone_country = Zone_country::PREFERRED_PROVIDER;
+  std::string country;  // three letters (ISO 3166), "EST"; empty when the host does not say
 
   // --- The system --------------------------------------------------------------------------------------------------
 

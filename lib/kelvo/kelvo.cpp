@@ -89,9 +89,7 @@ Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its
       filter(demux_path(adapter_number).text),
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
   database.create_temp_tables(adapter);
-  parser.parts().set_system_policy(its_profile.set_clock, its_profile.set_zone);
-  parser.parts().set_repeat_lost(its_profile.repeat_lost);
-  parser.parts().set_whole_nit(its_profile.whole_nit);
+  parser.parts().read_as(its_profile);
   filter.parts().configure(filter_options(its_profile));
 }
 

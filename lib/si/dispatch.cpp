@@ -51,6 +51,12 @@ Siparse::Parts::Parts(Section_filter& filter, int adapter, Input input, Sdbl& db
 
 Siparse::Parts::~Parts() = default;
 
+void Siparse::Parts::read_as(const Receiver_profile& profile) {
+  set_system_policy(profile.set_clock, profile.set_zone);
+  set_repeat_lost(profile.repeat_lost);
+  set_whole_nit(profile.whole_nit);
+}
+
 char* Siparse::Parts::add_dvbnr(const char* base) {
   (void)std::snprintf(table_name_, sizeof table_name_, "%s_%d", base, adapter_);
   return table_name_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/receiver_profile.h"
 #include "si/broadcast_time.h"
 #include "si/descriptors.h"
 #include "si/dvb_text.h"
@@ -45,6 +46,10 @@ class Siparse::Parts {
   // Who is told of each TDT and TOT, on the worker, when clock and zone have been dealt with and before the table's
   // filter is closed. Null for nobody, as at first. Any-thread; a call that is under way is not waited for.
   void set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data);
+
+  // Everything that the profile says of reading, clock and zone; what the operations below set one by one is part of
+  // it. Before-start: before the first section.
+  void read_as(const Receiver_profile& profile);
 
   // Whether time tables set the system's clock, and local time offsets its zone, as both do at first. What is not set
   // is told to the listener as CLOCK_KEPT and ZONE_KEPT; systime_valid() is then System_clock::valid() of a clock that

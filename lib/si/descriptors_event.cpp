@@ -3,7 +3,6 @@
 
 // Descriptors of events (EN 300 468, 6.2).
 #include <cstdio>
-#include <list>
 #include <string>
 #include <utility>
 
@@ -53,14 +52,13 @@ void extended_event(const Descriptor& descriptor, Site& site) {
     return;
   }
   EIT_lang* language = site.found.event_at_hand().texts.find_or_make(d->getIso639LanguageCode());
-  std::list<std::pair<std::string, std::string>> items;
+  const size_t known_items = language->items.size();
   for (const ExtendedEvent* entry : *d->getItems()) {
     std::string description = site.text.utf8(entry->getItemDescription());
     std::string item = site.text.utf8(entry->getItem());
     // Deliberate: the description stands twice, and a comma follows the last item, too.
     language->ext_list += description + description + ":" + item + ",";
-    if (kelvo_log::enabled(VERB_TRACE))
-      items.emplace_back(std::move(description), std::move(item));
+    language->items.emplace_back(std::move(description), std::move(item));
   }
   language->started = true;
   const int number = d->getDescriptorNumber();
@@ -77,8 +75,9 @@ void extended_event(const Descriptor& descriptor, Site& site) {
     KLOG(VERB_TRACE, "Inserting epg info for OID %d %s\n", site.context, text.c_str());
   else
     KLOG(VERB_TRACE, "Appending epg info for OID %d nr %d, %s\n", site.context, number, text.c_str());
-  for (const auto& [description, item] : items)
-    KLOG(VERB_TRACE, "EXTlist: Description %s, item %s\n", description.c_str(), item.c_str());
+  for (size_t i = known_items; i < language->items.size(); ++i)
+    KLOG(VERB_TRACE, "EXTlist: Description %s, item %s\n", language->items[i].first.c_str(),
+         language->items[i].second.c_str());
 }
 
 // content_descriptor (0x54, 6.2.9). A second one replaces the first.

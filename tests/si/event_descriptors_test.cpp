@@ -6,6 +6,7 @@
 #include "si/si_support.h"
 
 using namespace si_support;
+using namespace std::string_literals;
 using namespace tag;
 
 namespace {
@@ -117,6 +118,13 @@ TEST(Event_texts, are_traced_at_4_and_kept_by_language) {
     EXPECT_EQ(fresh.kept("est"), c.kept);
     EXPECT_EQ(fresh.trace_of(c.raw, 1, 3), "");
   }
+}
+
+TEST_F(Event_descriptors, items_are_kept_as_pairs_as_well) {
+  parse(extended_event(0, 1, {{"A", "1"}, {"B", "2"}}, ""), 1);
+  parse(extended_event(1, 1, {{"\x05\xC4", "3"}}, ""), 1);
+  EXPECT_THAT(language("est")->items,
+              ElementsAre(std::pair("A"s, "1"s), std::pair("B"s, "2"s), std::pair("\xC3\x84"s, "3"s)));
 }
 
 TEST(Event_texts, of_extended_events_are_complete_with_the_number_of_the_last_only) {

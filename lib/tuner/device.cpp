@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "base/log.h"
+#include "tuner/turn.h"
 
 namespace {
 
@@ -24,33 +25,78 @@ constexpr int OPEN_FLAGS = O_RDWR | O_NONBLOCK | O_CLOEXEC;
 Device::Device(const char* path, bool said) : said_(said) {
   (void)std::snprintf(path_, sizeof path_, "%s", path);  // longer paths are cut
   KLOG(VERB_TRACE, "Opening %s\n", path_);
-  device_ = open(path_, OPEN_FLAGS);
-  if (device_ < 0) {
-    error_ = errno;
-    if (said_)
-      KLOG(VERB_ERROR, "ERROR: Failed to  open %s\n", path_);
-  }
+  if (!open_here() && said_)
+    KLOG(VERB_ERROR, "ERROR: Failed to  open %s\n", path_);
   ask();
 }
 
+bool Device::open_here() {
+  const int device = open(path_, OPEN_FLAGS);
+  const int error = errno;
+  const std::lock_guard lock(lock_);
+  device_ = device;
+  error_ = device >= 0 ? 0 : gone_ ? ENODEV : error;
+  if (device >= 0)
+    gone_ = false;
+  return device >= 0;
+}
+
 void Device::ask() {
+  dvb_frontend_info info = info_;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"  // %m is glibc's
-  if (ioctl(device_, FE_GET_INFO, &info_) < 0 && said_)
+  if (ioctl(device_, FE_GET_INFO, &info) < 0 && said_)
     KLOG(VERB_ERROR, "ERROR: FE_GET_INFO failed: %d %m\n", errno);
 #pragma GCC diagnostic pop
-  info_.name[sizeof info_.name - 1] = '\0';
-  KLOG(VERB_PROGRESS, " Front end name is %s, type is %d\n  Freq min: %u Freq max: %u\n", info_.name,
-       static_cast<int>(info_.type), info_.frequency_min, info_.frequency_max);
-  KLOG(VERB_PROGRESS, "  Freq step: %u, Tolerance: %u\n", info_.frequency_stepsize, info_.frequency_tolerance);
-  if (info_.type != FE_OFDM && said_)
-    KLOG(VERB_ERROR, "ERROR: Fronetnd %s cannot OFDM", info_.name);
+  info.name[sizeof info.name - 1] = '\0';
+  KLOG(VERB_PROGRESS, " Front end name is %s, type is %d\n  Freq min: %u Freq max: %u\n", info.name,
+       static_cast<int>(info.type), info.frequency_min, info.frequency_max);
+  KLOG(VERB_PROGRESS, "  Freq step: %u, Tolerance: %u\n", info.frequency_stepsize, info.frequency_tolerance);
+  if (info.type != FE_OFDM && said_)
+    KLOG(VERB_ERROR, "ERROR: Fronetnd %s cannot OFDM", info.name);
+  const std::lock_guard lock(lock_);
+  info_ = info;
+}
+
+bool Device::begin_use() {
+  std::unique_lock lock(lock_);
+  use_ended_.wait(lock, [this] { return !in_use_ || closing_ > 0; });
+  if (closing_ == 0) {
+    in_use_ = true;
+    return true;
+  }
+  errno = gone_ ? ENODEV : EBADF;
+  return false;
+}
+
+void Device::end_use() {
+  {
+    const std::lock_guard lock(lock_);
+    in_use_ = false;
+  }
+  use_ended_.notify_all();
 }
 
 void Device::close() {
-  const std::unique_lock lock(in_use_);
+  {
+    std::unique_lock lock(lock_);
+    ++closing_;
+    use_ended_.notify_all();
+    use_ended_.wait(lock, [this] { return !in_use_; });
+    in_use_ = true;
+  }
+  close_here();
+  {
+    const std::lock_guard lock(lock_);
+    --closing_;
+  }
+  end_use();
+}
+
+void Device::close_here() {
   if (device_ >= 0)
     (void)::close(device_);  // nothing was written to it
+  const std::lock_guard lock(lock_);
   device_ = -1;
 }
 
@@ -61,58 +107,59 @@ void Device::close_gone() {
 }
 
 bool Device::open_again() {
-  const std::unique_lock lock(in_use_);
-  if (device_ >= 0)
-    (void)::close(device_);
-  device_ = open(path_, OPEN_FLAGS);
-  if (device_ < 0) {
-    error_ = gone_ ? ENODEV : errno;
+  if (!begin_use())
     return false;
-  }
-  error_ = 0;
-  gone_ = false;
-  ask();
-  return true;
+  close_here();
+  const bool opened = open_here();
+  if (opened)
+    ask();
+  end_use();
+  return opened;
 }
 
 std::string Device::name() const {
-  const std::shared_lock lock(in_use_);
+  const std::lock_guard lock(lock_);
   return info_.name;
 }
 
 bool Device::covers(unsigned freq) const {
-  const std::shared_lock lock(in_use_);
+  const std::lock_guard lock(lock_);
   return freq >= info_.frequency_min && freq <= info_.frequency_max;
 }
 
 bool Device::may_cover(unsigned freq) const {
-  const std::shared_lock lock(in_use_);
+  const std::lock_guard lock(lock_);
   return freq >= info_.frequency_min && (info_.frequency_max == 0 || freq <= info_.frequency_max);
 }
 
 unsigned Device::lowest_hz() const {
-  const std::shared_lock lock(in_use_);
+  const std::lock_guard lock(lock_);
   return info_.frequency_min;
 }
 
 unsigned Device::highest_hz() const {
-  const std::shared_lock lock(in_use_);
+  const std::lock_guard lock(lock_);
   return info_.frequency_max;
 }
 
-int Device::control(unsigned long request, void* argument) {
-  const std::shared_lock lock(in_use_);
-  // One call at a time, as the kernel would have it: when a device is pulled out while its driver is busy, Linux's DVB
-  // core forgets those that wait for their turn, and they never come back.
-  const std::lock_guard turn(one_call_);
-  int result = 0;
-  do
-    result = ioctl(device_, request, argument);
-  while (result < 0 && errno == EINTR);
-  if (result < 0 && errno == ENODEV) {
+int Device::control(unsigned long request, void* argument, const Turn* turn) {
+  if (!begin_use())
+    return -1;
+  int result = -1;
+  if (turn != nullptr && turn->over()) {
+    errno = ECANCELED;
+  } else {
+    do
+      result = ioctl(device_, request, argument);
+    while (result < 0 && errno == EINTR);
+  }
+  const int error = errno;
+  if (result < 0 && error == ENODEV) {
     error_ = ENODEV;
     gone_ = true;
   }
+  end_use();
+  errno = error;
   return result;
 }
 
@@ -120,7 +167,7 @@ Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
   int device = -1;
   {
     // Not held while waiting: who closes the device does not wait for events. poll() takes a closed one as well.
-    const std::shared_lock lock(in_use_);
+    const std::lock_guard lock(lock_);
     device = device_;
   }
   pollfd entries[] = {{device, POLLIN, 0}, {wake_up.handle(), POLLIN, 0}};

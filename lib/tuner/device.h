@@ -7,17 +7,21 @@
 #include <sys/ioctl.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 
 #include "base/wake_up.h"
 
+class Turn;
+
 // One frontend device of Linux: its descriptor and what it said about itself. Not installed. What its calls mean is
 // known to those who are built on it: Frontend, Readings, Lock_rule.
 //
-// A device that could not be opened makes every call fail. All operations are any-thread: calls come one at a time, and
-// the descriptor is not closed under a thread that uses it.
+// A device that could not be opened makes every call fail. All operations are any-thread. Calls, openings and closings
+// come one at a time, because Linux's DVB core forgets those that wait for their turn when a device is pulled out while
+// its driver is busy, and they never come back. Who waits here holds no lock, and nor does who is in the driver; what
+// is known of the device is answered at once.
 class Device {
  public:
   // The bits of a status that a locked frontend of the box has all.
@@ -31,11 +35,12 @@ class Device {
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  // Gives the device free for others, as soon as no call is under way. Later calls fail. One that has gone still has.
+  // Gives the device free for others, as soon as no call is under way; those that wait for that one to end fail at
+  // once. Later calls fail. One that has gone still has.
   void close();
   // The same of a device that is known to have gone, though no call on it has said so.
   void close_gone();
-  // Opens it again, where it is a new one. False, with error(), when that fails.
+  // Opens it again, where it is a new one. False, with error(), when that fails; also when it is being closed.
   bool open_again();
 
   const char* path() const { return path_; }
@@ -52,8 +57,9 @@ class Device {
   unsigned lowest_hz() const;
   unsigned highest_hz() const;
 
-  // As ioctl(). Tried again when a signal came in between.
-  int control(unsigned long request, void* argument);
+  // As ioctl(). Tried again when a signal came in between. Fails with EBADF, or ENODEV of one that has gone, when the
+  // device is closed while the call waits for another one to end; with ECANCELED when `turn` is over by then.
+  int control(unsigned long request, void* argument, const Turn* turn = nullptr);
 
   // Waits until the device reports an event, `wake_up` wakes, or the time is over. An event is taken and thrown away.
   // GONE means that the device lets no poll wait any more.
@@ -61,14 +67,23 @@ class Device {
   Waited wait_for_event(const Wake_up& wake_up, int timeout_ms);
 
  private:
+  // Around all that is done with the descriptor. False, with errno, when the device is closed meanwhile.
+  bool begin_use();
+  void end_use();
+  // REQUIRES: in use by the caller, or not shared yet.
+  bool open_here();
+  void close_here();
   void ask();
 
   const bool said_;
   char path_[256]{};
-  std::mutex one_call_;               // around each call
-  mutable std::shared_mutex in_use_;  // shared around each call; alone around opening, closing, and what they change
-  dvb_frontend_info info_{};
-  int device_ = -1;
   std::atomic<int> error_{0};
   std::atomic<bool> gone_{false};
+
+  mutable std::mutex lock_;  // guards the following for moments; a leaf
+  std::condition_variable use_ended_;
+  bool in_use_ = false;  // by one thread, which alone changes `device_` and may read it without the lock
+  int closing_ = 0;      // threads that wait to close it
+  int device_ = -1;
+  dvb_frontend_info info_{};
 };

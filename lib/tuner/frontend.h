@@ -9,6 +9,8 @@
 
 #include "tuner/reception.h"
 
+class Turn;
+
 // One call that tunes: frequency (with its offset), system, bandwidth and pipe, all said.
 struct Attempt {
   int freq = 0;  // Hz
@@ -35,8 +37,10 @@ class Frontend {
   // Whether the device says that it receives this frequency (Hz).
   virtual bool receives(unsigned freq) const = 0;
 
-  // Begins to tune; false, with errno, when the device refuses. It then goes on as before.
-  virtual bool tune(const Attempt& attempt) = 0;
+  // Begins to tune; false, with errno, when the device refuses. It then goes on as before. A `turn` that is over before
+  // the device is free for the call tunes nothing, with ECANCELED, so that no tuning comes behind that of a later turn;
+  // null for a tuning that is made in any case.
+  virtual bool tune(const Attempt& attempt, const Turn* turn) = 0;
 
   // Of the tuning under way, as far as the driver tells.
   virtual Reported reported() = 0;

@@ -26,7 +26,7 @@ constexpr dvb_ofdm_parameters AUTOMATIC{BANDWIDTH_AUTO,      FEC_AUTO,      FEC_
 
 }  // namespace
 
-bool Property_frontend::tune(const Attempt& attempt) {
+bool Property_frontend::tune(const Attempt& attempt, const Turn* turn) {
   dvb_ofdm_parameters ofdm = AUTOMATIC;
   if (attempt.stored) {
     ofdm = attempt.stored->u.ofdm;
@@ -54,7 +54,7 @@ bool Property_frontend::tune(const Attempt& attempt) {
   all.props = properties;
   KLOG(VERB_TRACE, "Tuning %s to %d Hz, system %d, bandwidth %d Hz, pipe %d\n", device_.path(), attempt.freq,
        attempt.system, attempt.bandwidth_hz, attempt.pipe);
-  return device_.control(FE_SET_PROPERTY, &all) >= 0;
+  return device_.control(FE_SET_PROPERTY, &all, turn) >= 0;
 }
 
 Reported Property_frontend::reported() {

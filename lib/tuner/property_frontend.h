@@ -14,7 +14,7 @@ class Property_frontend final : public Frontend {
 
   bool receives(unsigned freq) const override { return freq != 0 && device_.may_cover(freq); }
   // All that the attempt does not say is automatic, but for stored parameters of DVB-T.
-  bool tune(const Attempt& attempt) override;
+  bool tune(const Attempt& attempt, const Turn* turn) override;
   Reported reported() override;
 
  private:

@@ -30,7 +30,7 @@ Tuner::Tuner(const char* path, Sdbl* db, HF_CONN_ID connector, DVB_TYPE_ID type,
     : parts_(std::make_unique<Parts>(this, path, db, Input{Connector{connector}, Delivery{type}}, profile)) {
   if (profile.tune_at_start) {
     parts_->monitor.watch(DEFAULT_FREQ);
-    if (!parts_->frontend->tune({.freq = DEFAULT_FREQ}))
+    if (!parts_->frontend->tune({.freq = DEFAULT_FREQ}, nullptr))
       kelvo_log::print_errno("Tuner::");
   }
   const int result = parts_->thread.Start(nullptr);

@@ -62,17 +62,18 @@ Tuning_result Tuning_search::run(const Tuning_request& request, const Search_pla
 Tuning_search::Step Tuning_search::try_one(const Attempt& attempt, const Search_plan& plan, const Turn& turn,
                                            Tuning_result* result) {
   Step step;
-  bool taken = false;
-  int64_t begun = 0;
-  {
-    const std::lock_guard lock(tuning_);
-    if (plan.read_back && turn.over()) {
-      step.outcome = TUNING_CANCELLED;
-      return step;
-    }
-    begun = monotonic_ms();
-    taken = frontend_.tune(attempt);
-    step.error = taken ? 0 : errno;
+  const bool can_end = plan.read_back;
+  if (can_end && turn.over()) {
+    step.outcome = TUNING_CANCELLED;
+    return step;
+  }
+  const int64_t begun = monotonic_ms();
+  const bool taken = frontend_.tune(attempt, can_end ? &turn : nullptr);
+  step.error = taken ? 0 : errno;
+  if (can_end && step.error == ECANCELED) {
+    step.error = 0;
+    step.outcome = TUNING_CANCELLED;
+    return step;
   }
   step.wait = lock_.wait(attempt, taken, begun, turn);
   result->status |= step.wait.status;

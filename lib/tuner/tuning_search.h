@@ -3,8 +3,6 @@
 
 #pragma once
 
-#include <mutex>
-
 #include "tuner/device.h"
 #include "tuner/frontend.h"
 #include "tuner/lock_rule.h"
@@ -39,5 +37,4 @@ class Tuning_search {
   Frontend& frontend_;
   Lock_rule& lock_;
   const Pat_probe probe_;
-  std::mutex tuning_;  // held while the device is given a tuning, so that none comes behind that of a later turn
 };

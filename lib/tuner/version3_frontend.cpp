@@ -42,16 +42,17 @@ dvb_frontend_parameters Version3_frontend::defaults(unsigned freq, int bandwidth
   return parameters;
 }
 
-bool Version3_frontend::tune(const Attempt& attempt) {
+bool Version3_frontend::tune(const Attempt& attempt, const Turn* turn) {
   if (attempt.system != SYS_DVBT) {
     errno = EINVAL;
     return false;
   }
   dvb_frontend_parameters parameters =
       attempt.stored ? *attempt.stored : defaults(static_cast<unsigned>(attempt.freq), attempt.bandwidth_hz);
-  if (device_.control(FE_SET_FRONTEND, &parameters) >= 0)
+  if (device_.control(FE_SET_FRONTEND, &parameters, turn) >= 0)
     return true;
-  KLOG(VERB_ERROR, "ERROR: Setting frontend parameters for %s failed\n", device_.path());
+  if (turn == nullptr || errno != ECANCELED)
+    KLOG(VERB_ERROR, "ERROR: Setting frontend parameters for %s failed\n", device_.path());
   return false;
 }
 

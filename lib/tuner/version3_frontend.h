@@ -17,7 +17,7 @@ class Version3_frontend final : public Frontend {
   static dvb_frontend_parameters defaults(unsigned freq, int bandwidth_hz);
 
   bool receives(unsigned freq) const override { return device_.covers(freq); }
-  bool tune(const Attempt& attempt) override;
+  bool tune(const Attempt& attempt, const Turn* turn) override;
   Reported reported() override;
 
  private:

@@ -30,7 +30,7 @@ class Scripted_frontend : public Frontend, public Lock_rule {
   Texts tried;
 
   bool receives(unsigned) const override { return true; }
-  bool tune(const Attempt& attempt) override {
+  bool tune(const Attempt& attempt, const Turn*) override {
     tried.push_back(name(attempt));
     errno = EINVAL;
     return name(attempt) != refused;

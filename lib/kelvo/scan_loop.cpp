@@ -14,6 +14,7 @@
 #include "base/ids.h"
 #include "base/log.h"
 #include "filter/section_filter_parts.h"
+#include "si/siparse_parts.h"
 
 namespace {
 
@@ -104,16 +105,16 @@ void Scan_loop::begin_request() {
   const int tuned_freq = freq();
   (void)filter_.addfilter(pid::TIME, table::TOT, tuned_freq);
   (void)parser_.init_cache_list(tuned_freq, SCAN_EIT);
+  scan_mode_ = request_.channel != -1 ? SCAN_PMT : SCAN_PAT;
+  parser_.parts().begin_multiplex();
+  begin_scan();
   if (request_.channel != -1) {
     KLOG(VERB_INFO, "starting scan from PMT");
-    scan_mode_ = SCAN_PMT;
     (void)parser_.init_pmt_table_scan_from_database(tuned_freq);
   } else {
     KLOG(VERB_INFO, "Starting scan from PAT");
-    scan_mode_ = SCAN_PAT;
     (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
   }
-  begin_scan();
   data_seen_ = false;
   loop_counter_ = 0;
   wait_counter_ = 0;

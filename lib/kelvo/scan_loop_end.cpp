@@ -93,9 +93,10 @@ bool Scan_loop::has_news(bool timed_out) {
     return false;
   }
   // Without the services' list and names a full scan is of no use.
+  // Whole tables are believed one by one: what did not come stays as it is known, or empty.
   return scan_mode_ != SCAN_PAT || !timed_out ||
          (filter_.pid_tid_in_list(pid::PAT, table::PAT) == 0 &&
-          filter_.pid_tid_in_list(pid::SDT, table::SDT_ACTUAL) == 0);
+          (kelvo_.profile.whole_tables || filter_.pid_tid_in_list(pid::SDT, table::SDT_ACTUAL) == 0));
 }
 
 int Scan_loop::merge(int scanned_freq) {

@@ -55,6 +55,8 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   set_system_policy(profile.set_clock, profile.set_zone);
   set_repeat_lost(profile.repeat_lost);
   set_whole_nit(profile.whole_nit);
+  if (profile.whole_tables)
+    whole_tables_ = std::make_unique<Whole_tables>();
 }
 
 char* Siparse::Parts::add_dvbnr(const char* base) {
@@ -112,8 +114,9 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       scan_long_section<ProgramMapSection>(bytes, [&](auto* pmt) { parse_section_pmt(pmt, pid, freq, stage); });
       break;
     case table::NIT_ACTUAL:
-      // Deliberate: a PAT may name another PID for the NIT; a NIT that comes there is dropped and its filter stays.
-      if (pid != pid::NIT)
+      // Deliberate: a PAT may name another PID for the NIT; without whole tables a NIT that comes there is dropped and
+      // its filter stays.
+      if (pid != (whole_tables_ != nullptr ? whole_tables_->network_pid() : pid::NIT))
         break;
       KLOG(VERB_TRACE, "Scanning NIT same network\n");
       scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) {

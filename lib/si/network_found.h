@@ -80,6 +80,9 @@ class Sections_seen {
   // Notes one. False when it has come before; one of another version begins anew.
   bool arrived(int version, int number, int last);
 
+  // How many have come.
+  size_t count() const { return seen_.count(); }
+
   // True when all have come, or when those that have come twice more since the last new one: no others are sent.
   bool complete() const;
 

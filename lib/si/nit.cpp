@@ -13,6 +13,12 @@
 void Siparse::Parts::begin_network() {
   network_ = {};
   nit_sections_ = {};
+  if (whole_tables_ != nullptr)
+    whole_tables_->begin();
+}
+
+void Siparse::Parts::begin_multiplex() {
+  services_.clear();
 }
 
 int Siparse::Parts::parse_section_nit(NetworkInformationSection* section, int pid, int freq) {

@@ -18,9 +18,12 @@ int Siparse::Parts::parse_section_pmt(ProgramMapSection* section, int pid, int f
          static_cast<int>(section->getLastSectionNumber()));
   KLOG(VERB_TRACE, "PMT: Program %d, PID %x, PCR pid %x\n", program, static_cast<unsigned>(pid),
        static_cast<unsigned>(section->getPcrPid()));
-  if (stage != SCAN_PMT || pmt_is_new(program, section->getVersionNumber()))
+  // What has come before, or belongs to no programme, would be stored twice or nowhere.
+  const bool awaited = whole_tables_ == nullptr || whole_tables_->pmt(pid, program);
+  if (awaited && (stage != SCAN_PMT || pmt_is_new(program, section->getVersionNumber())))
     store_pmt(*section, place(freq, stage));
-  filter_.removefilter(pid, table::PMT);
+  if (whole_tables_ == nullptr || !whole_tables_->awaits_pmt_on(pid))
+    filter_.removefilter(pid, table::PMT);
   return 0;
 }
 
@@ -77,7 +80,9 @@ int Siparse::Parts::init_pmt_table_scan_from_database(int freq) {
   int result = 1;
   for (const SQL_cache& service : guide_.services()) {
     result = 0;
-    if (service.pmt_pid != 0)
+    if (service.pmt_pid == 0)
+      continue;
+    if (whole_tables_ == nullptr || whole_tables_->await_pmt({service.pat_prnr, service.pmt_pid}))
       result = filter_.addfilter(service.pmt_pid, table::PMT, freq);
   }
   return result;

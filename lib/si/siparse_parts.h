@@ -18,8 +18,10 @@
 #include "si/guide_round.h"
 #include "si/network_found.h"
 #include "si/place.h"
+#include "si/services_found.h"
 #include "si/siparse.h"
 #include "si/system_clock.h"
+#include "si/whole_tables.h"
 
 class Event;
 class Scan_rows;
@@ -64,6 +66,10 @@ class Siparse::Parts {
   // Worker-only, both.
   const Network_found& network() const { return network_; }
   void begin_network();
+
+  // What the SDT has named since begin_multiplex(), which a request begins with. Worker-only, both.
+  const Services_found& services() const { return services_; }
+  void begin_multiplex();
 
   // True: of a NIT in several sections all are read, and its filter is closed behind the last one. False at first: one
   // section is all that is read. Before-start: before the first section.
@@ -119,6 +125,11 @@ class Siparse::Parts {
   template <typename Section, typename Parse>
   void scan_section(const uint8_t* bytes, Parse parse);
 
+  void store_first_pat(ProgramAssociationSection* section, int freq, SCAN_STATE stage);
+  void store_whole_pat(const ProgramAssociationSection& section, int freq, SCAN_STATE stage);
+  void store_sdt(const ServiceDescriptionSection& section, int freq);
+  void store_first_sdt(const ServiceDescriptionSection& section, int freq);
+  void store_whole_sdt(const ServiceDescriptionSection& section, int freq);
   bool pmt_is_new(int program, int version);
   void store_pmt(ProgramMapSection& section, const Place& place);
   void store_nit(const NetworkInformationSection& section, int freq);
@@ -137,7 +148,9 @@ class Siparse::Parts {
   Dvb_text text_;
   Guide_round guide_;
   Network_found network_;
+  Services_found services_;
   Sections_seen nit_sections_;
+  std::unique_ptr<Whole_tables> whole_tables_;  // null where first sections are enough
 
   bool whole_nit_ = false;
   bool pmt_versions_match_ = false;

@@ -19,10 +19,12 @@ list(APPEND KELVO_SOURCES
   si/scan_rows.cpp
   si/sdt.cpp
   si/section_guard.cpp
+  si/services_found.cpp
   si/siparse.cpp
   si/system_clock.cpp
   si/text_samples.cpp
   si/time.cpp
+  si/whole_tables.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   si/announced_multiplex.h

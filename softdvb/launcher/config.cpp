@@ -239,6 +239,7 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
     if (!m.system.empty())
       mux.delivery = system_by_name(m.system, "mux: system");
     mux.pipe = m.pipe;
+    mux.from_ns = static_cast<uint64_t>(m.from_s * 1e9);
     mux.lock_delay_ns = -1;
     mux.packet_size = layout.packet_size;
     mux.first_offset = layout.first_offset;

@@ -17,6 +17,7 @@ struct Mux_config {
   std::string system;  // "": as the frontend receives
   int pipe;            // -1: the signal has only one
   std::string file;
+  double from_s = 0;  // above 0: it takes the place of the stream before on that frequency then
 };
 
 struct Adapter_config {

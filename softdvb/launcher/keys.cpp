@@ -100,6 +100,11 @@ static std::string take_front(std::string& rest, const char* marks) {
   return front;
 }
 
+static std::filesystem::path stream_path(const Config& config, const std::filesystem::path& file) {
+  // A configuration file and its streams can be moved together.
+  return config.folder.empty() || file.is_absolute() ? file : std::filesystem::path(config.folder) / file;
+}
+
 static void add_mux(Config& config, const Key& key, const std::string& value) {
   const Usage_error malformed("mux: '" + value + "' is not of the form " + key.form);
   std::string rest = value;
@@ -131,14 +136,31 @@ static void add_mux(Config& config, const Key& key, const std::string& value) {
     mux.system = "dvbt2";
   if (mux.pipe >= 0 && mux.system != "dvbt2")
     throw Usage_error("mux: plp: only dvbt2 has pipes");
-  std::filesystem::path file = rest.substr(1);
-  // A configuration file and its streams can be moved together.
-  if (!config.folder.empty() && file.is_relative())
-    file = std::filesystem::path(config.folder) / file;
   if (config.current().muxes.size() >= MAX_MUXES)
     throw Usage_error("mux: more than " + std::to_string(MAX_MUXES));
-  mux.file = file.string();
+  mux.file = stream_path(config, rest.substr(1)).string();
   config.current().muxes.push_back(mux);
+}
+
+static void add_later_mux(Config& config, const Key& key, const std::string& value) {
+  std::string rest = value;
+  const std::string freq = take_front(rest, "=");
+  const std::string seconds = rest.empty() ? "" : take_front(rest.erase(0, 1), ":");
+  if (rest.size() < 2)
+    throw Usage_error("then: '" + value + "' is not of the form " + key.form);
+  auto& muxes = config.current().muxes;
+  const uint64_t wanted = parse_number(freq, "then: frequency", 0xFFFFFFFF);
+  const auto at = std::find_if(muxes.rbegin(), muxes.rend(), [&](const Mux_config& mux) { return mux.freq == wanted; });
+  if (at == muxes.rend())
+    throw Usage_error("then: no mux on " + freq + " stands before it");
+  if (muxes.size() >= MAX_MUXES)
+    throw Usage_error("mux: more than " + std::to_string(MAX_MUXES));
+  Mux_config later = *at;
+  later.from_s = static_cast<double>(parse_seconds(seconds, "then")) / 1e9;
+  if (later.from_s <= at->from_s)
+    throw Usage_error("then: " + seconds + " s is not later than the stream before");
+  later.file = stream_path(config, rest.substr(1)).string();
+  muxes.push_back(later);
 }
 
 const std::vector<Key>& keys() {
@@ -147,6 +169,8 @@ const std::vector<Key>& keys() {
       {"device", "NAME", "the frontend to imitate, see --list-devices (default box)", set_device},
       {"mux", "FREQ[,system=dvbt2][,plp=N]=FILE",
        "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
+      {"then", "FREQ=SECONDS:FILE", "another stream takes the place of that of FREQ so long after the start; repeat",
+       add_later_mux},
       {"pace", "pcr|xFACTOR|RATE|fast|manual", "speed of the streams; RATE in bit/s, with k or M (default pcr)",
        set_text<&Adapter_config::pace>},
       {"loop", "", "play streams again and again (default)", set_switch<&Adapter_config::loop, true>},

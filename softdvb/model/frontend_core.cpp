@@ -48,7 +48,7 @@ static Reception reception(const Adapter& a, const Tuning& t) {
     const Mux& mux = a.mux[i];
     const uint32_t off = mux.freq > t.frequency ? mux.freq - t.frequency : t.frequency - mux.freq;
     // A receiver also locks a little beside the frequency, as scans that use offsets of 1/6 MHz expect.
-    if (off > LOCK_TOLERANCE_HZ || mux.delivery != t.delivery)
+    if (off > LOCK_TOLERANCE_HZ || mux.delivery != t.delivery || mux.from_ns != 0)
       continue;
     if (best.mux < 0)
       best.mux = i;

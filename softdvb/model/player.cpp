@@ -148,19 +148,30 @@ const uint8_t* Stream_file::packet(uint64_t number) {
   return &block_[(number - block_first_) * size];
 }
 
+// What has taken the place of that stream by now, or the stream itself.
+static int sent_now(const Adapter& a, int mux, uint64_t now_ns) {
+  int latest = mux;
+  for (int i = 0; i < a.mux_count; ++i)
+    if (a.mux[i].from_ns > a.mux[latest].from_ns && a.mux[i].from_ns <= now_ns && a.mux[i].freq == a.mux[mux].freq &&
+        a.mux[i].pipe == a.mux[mux].pipe)
+      latest = i;
+  return latest;
+}
+
 // Finds the place in the stream, for a process that begins to listen or whose adapter was tuned.
-static bool place(Adapter& a, Playing& p, const On_air& air) {
+static bool place(Adapter& a, Playing& p, const On_air& air, uint64_t now_ns) {
+  const int mux = air.mux < 0 ? -1 : sent_now(a, air.mux, now_ns);
   // Asked for every turn; nothing is opened or searched as long as nothing was tuned.
-  if (p.placed && p.mux == air.mux && p.generation == air.generation)
+  if (p.placed && p.mux == mux && p.generation == air.generation)
     return true;
-  if (air.mux < 0) {
+  if (mux < 0) {
     p.placed = false;
     p.mux = -1;
     return false;
   }
-  if ((p.mux != air.mux || p.file.mux() == nullptr) && !p.file.open(a, air.mux))
+  if ((p.mux != mux || p.file.mux() == nullptr) && !p.file.open(a, mux))
     return false;
-  p.mux = air.mux;
+  p.mux = mux;
   p.generation = air.generation;
   p.first = p.file.packet_at(p.file.mux()->offset_ns);
   switch (a.start) {
@@ -168,14 +179,14 @@ static bool place(Adapter& a, Playing& p, const On_air& air) {
       p.epoch_ns = 0;
       break;
     case Start::TUNE:
-      p.epoch_ns = air.since_ns;
+      p.epoch_ns = std::max(air.since_ns, a.mux[mux].from_ns);
       break;
     case Start::FILTER:
       p.epoch_ns = a.stream_epoch_ns.load(std::memory_order_acquire);
       if (p.epoch_ns == 0)
         return false;
       // A filter may have been started before the lock, when nothing was on the air yet.
-      p.epoch_ns = std::max(p.epoch_ns, air.since_ns);
+      p.epoch_ns = std::max({p.epoch_ns, air.since_ns, a.mux[mux].from_ns});
       break;
   }
   // What was on air since the last look, but not before the lock, is still to be played.
@@ -258,7 +269,7 @@ static int64_t play_on(int adapter_index, uint64_t now_ns, uint64_t limit) {
     p.placed = false;
     return IDLE_TICK_NS;
   }
-  if (!place(a, p, frontend_on_air(a, now_ns)))
+  if (!place(a, p, frontend_on_air(a, now_ns), now_ns))
     return TICK_NS;
   if (a.pace == Pace::MANUAL)
     return IDLE_TICK_NS;
@@ -402,7 +413,7 @@ uint64_t player_step(int adapter_index, uint64_t packets) {
   Playing& p = player().playing[adapter_index];
   const uint64_t now = adapter_now_ns(*shared());
   uint64_t played = 0;
-  while (played < packets && place(a, p, frontend_on_air(a, now)) && !ended(a, p)) {
+  while (played < packets && place(a, p, frontend_on_air(a, now), now) && !ended(a, p)) {
     give(adapter_index, p, now);
     ++played;
   }

@@ -60,6 +60,7 @@ struct Mux {
   uint64_t duration_ns;    // of one pass, pace included
   uint64_t offset_ns;      // where playing begins
   uint64_t stop_after_ns;  // 0: never; counted from the start of playing
+  uint64_t from_ns;        // of the command's time; above 0: it takes the place of what was sent there before
   char path[MAX_PATH];
 };
 

@@ -64,6 +64,8 @@ static const Wrong WRONG[] = {
     {{"--offset", "-1"}, "offset: '-1' is not a positive number"},
     {{"--offset", "5", "--mux", "1=" COUNTING}, "offset: " SOFTDVB_STREAMS "/counting.188.ts lasts only 2000 ms"},
     {{"--type", "dvb"}, "type: 'dvb' is none of ofdm, qpsk, qam, atsc"},
+    {{"--then", "506000000=5"}, "then: '506000000=5' is not of the form FREQ=SECONDS:FILE"},
+    {{"--then", "506000000=5:a.ts"}, "then: no mux on 506000000 stands before it"},
     {{"--frequency-range", "5"}, "frequency-range: '5' is not of the form MIN-MAX"},
     {{"--frequency-range", "6-5"}, "frequency-range: the lower limit is above the upper one"},
     {{"--delivery", "dvbx"}, "delivery: 'dvbx' is neither dvbt nor dvbt2"},
@@ -190,7 +192,7 @@ TEST(Launcher, help_lists_every_option) {
       "--adapter --burst --busy --config --control --dead-reopen --delivery --device --fault --filters --firmware "
       "--frequency-offset --frequency-range --grace --help --keep --list-devices --lock-delay --log "
       "--look-interval --loop --mux --now --offset --once --pace --replug --root --section --signal --start --stop-after "
-      "--time --tuned --type --unplug --version --weak --without ");
+      "--then --time --tuned --type --unplug --version --weak --without ");
 }
 
 TEST(Launcher, the_manual_describes_every_option_with_the_form_of_its_value) {

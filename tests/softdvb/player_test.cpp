@@ -63,6 +63,14 @@ TEST(Player, is_heard) {
   }
 }
 
+TEST(Player, another_stream_takes_its_place_while_it_is_tuned) {
+  const std::string options = "--time x20 --start filter --once --mux " + counting() +
+                              " --then 506000000=4:" + SOFTDVB_STREAMS "/counting.204.ts --then 506000000=15:" +
+                              SOFTDVB_STREAMS "/counting.188.ts";
+  const Softdvb_run run = listen(options, "tune=506000000 wait=9000");
+  EXPECT_EQ(run.out, numbers(0, 20) + numbers(0, 20) + numbers(0, 20)) << run.err;
+}
+
 TEST(Player, detects_the_size_of_packets) {
   for (const int size : {188, 192, 204}) {
     const Softdvb_run run = listen("--pace fast --once", "tune=506000000 wait=300", counting(size));

@@ -55,7 +55,10 @@ inline constexpr int MULTIPLEX_BUFFER_UTILIZATION = 0x0C;
 inline constexpr int MAXIMUM_BITRATE = 0x0E;
 inline constexpr int SMOOTHING_BUFFER = 0x10;
 inline constexpr int STD = 0x11;
+inline constexpr int MPEG4_AUDIO = 0x1C;
 inline constexpr int AVC_VIDEO = 0x28;
+inline constexpr int HEVC_VIDEO = 0x38;
+inline constexpr int VVC_VIDEO = 0x39;
 inline constexpr int NETWORK_NAME = 0x40;
 inline constexpr int SERVICE_LIST = 0x41;
 inline constexpr int STUFFING = 0x42;
@@ -85,9 +88,12 @@ inline constexpr int DATA_BROADCAST_ID = 0x66;
 inline constexpr int AC3 = 0x6A;
 inline constexpr int CELL_LIST = 0x6C;
 inline constexpr int CELL_FREQUENCY_LINK = 0x6D;
+inline constexpr int APPLICATION_SIGNALLING = 0x6F;
 inline constexpr int CONTENT_IDENTIFIER = 0x76;
 inline constexpr int ECM_REPETITION_RATE = 0x78;
 inline constexpr int ENHANCED_AC3 = 0x7A;
+inline constexpr int DTS = 0x7B;
+inline constexpr int AAC = 0x7C;
 inline constexpr int EXTENSION = 0x7F;
 inline constexpr int LOGICAL_CHANNEL = 0x83;  // private to terrestrial networks
 
@@ -101,5 +107,10 @@ inline constexpr int FIRST_PRIVATE = 0x80;
 namespace extension_tag {
 
 inline constexpr int T2_DELIVERY_SYSTEM = 0x04;
+inline constexpr int SUPPLEMENTARY_AUDIO = 0x06;
+inline constexpr int DTS_HD = 0x0E;
+inline constexpr int AC4 = 0x15;
+inline constexpr int TTML_SUBTITLING = 0x20;
+inline constexpr int DTS_UHD = 0x21;
 
 }  // namespace extension_tag

@@ -3,6 +3,11 @@
 
 #include "db/schema.h"
 
+#include <algorithm>
+#include <iterator>
+
+#include "base/log.h"
+
 namespace sdbl {
 
 namespace {
@@ -126,6 +131,16 @@ const char TUNED_MULTIPLEX[] =
     "CREATE TABLE IF NOT EXISTS tuned_multiplex (freq int, hf_conn int, dvb_type int, asked_freq int, system int, "
     "pipe int, bandwidth_hz int, modulation int, offset_hz int, lock_ms int, UNIQUE (freq, hf_conn, dvb_type));";
 
+const char* const STREAM_TABLES[] = {
+    "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, component_tag int, kind text, codec text, "
+    "profile text);",
+    "CREATE TABLE IF NOT EXISTS stream_language (channel int, es_pid int, lang text, role text, page int);",
+    "CREATE TABLE IF NOT EXISTS stream_ca (channel int, es_pid int, ca_sysid int, ca_pid int);",
+    "CREATE INDEX IF NOT EXISTS stream_detail_idx ON stream_detail (channel);",
+    "CREATE INDEX IF NOT EXISTS stream_language_idx ON stream_language (channel);",
+    "CREATE INDEX IF NOT EXISTS stream_ca_idx ON stream_ca (channel);",
+};
+
 const char* const KANALID_INDEXES[] = {
     "CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr);",
 };
@@ -240,6 +255,12 @@ void Schema::create_channel_tables() {
 
 int Schema::create_tuned_multiplex() {
   return sql_.try_exec_on(__func__, connection_.get(), TUNED_MULTIPLEX);
+}
+
+bool Schema::create_stream_tables() {
+  return std::all_of(std::begin(STREAM_TABLES), std::end(STREAM_TABLES), [this](const char* statement) {
+    return kelvo_log::sql_ok(sql_.try_exec_on("create_stream_tables", connection_.get(), statement));
+  });
 }
 
 void Schema::create_epg_tables(sqlite3* conn) {

@@ -21,6 +21,9 @@ class Schema {
   // opening: files whose tunings are not stored stay as they are. SQLite's code; a failure is a warning.
   int create_tuned_multiplex();
 
+  // Likewise the tables of what streams are. False, with a warning, when one could not be made.
+  bool create_stream_tables();
+
   // Create one table under `name`, permanent or (`temp`) of the main connection only; without indexes.
   void create_table_kanalid(const char* name, bool temp);
   void create_table_kanalid_lang(const char* name, bool temp);

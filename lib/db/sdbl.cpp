@@ -54,6 +54,7 @@ void Sdbl::create_temp_tables(int n) {
 
 void Sdbl::clear_temp_tables(int n) {
   parts_->scan_tables.clear_temp_tables(n);
+  parts_->stream_details.clear(n);
 }
 
 int Sdbl::remove_old_entries(int age_sec, bool vacuum) {
@@ -267,6 +268,10 @@ int Sdbl::fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids) {
   return parts_->channel_list.fill_pids_for_channel(channel, pids);
 }
 
+Programme_streams Sdbl::read_streams(int channel) const {
+  return parts_->stream_details.read(channel);
+}
+
 // --- Tuning parameters
 
 int Sdbl::terrestrial_tuner_info(DVB_TYPE_ID type, HF_CONN_ID connector, int freq, int bandwidth, int constellation,
@@ -284,7 +289,9 @@ int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq
 // --- Merging a finished scan
 
 int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state) {
-  return sdbl::Merge(parts_->statements, dvbnr, multiplex(dvb_type, hf_conn, freq)).run(state);
+  const int changes = sdbl::Merge(parts_->statements, dvbnr, multiplex(dvb_type, hf_conn, freq)).run(state);
+  (void)parts_->stream_details.store(dvbnr, multiplex(dvb_type, hf_conn, freq));
+  return changes;
 }
 
 int Sdbl::set_master_scan_timeout(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {

@@ -17,6 +17,7 @@
 #include "db/pmt_subtxt_lang.h"
 #include "db/sql_cache.h"
 #include "db/sql_query.h"
+#include "db/stream_detail.h"
 
 struct dvb_frontend_parameters;
 struct sqlite3;
@@ -257,6 +258,11 @@ class KELVO_EXPORT Sdbl {
   // Appends the scrambled streams of a channel to `pids`; the caller owns the new entries. Returns 0; 1 when there was
   // no statement and nothing was appended; or the code of a failure on the way, with what was read until then appended.
   int fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids);
+
+  // What the PMT of a channel says of its streams, in words, and all conditional-access systems; empty where no
+  // receiver whose profile names streams (Receiver_profile::name_streams) has scanned it, or when it cannot be read,
+  // which is printed. Any-thread.
+  Programme_streams read_streams(int channel) const;
 
   // --- Tuning parameters -----------------------------------------------------------------------------------------
 

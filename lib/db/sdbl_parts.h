@@ -21,6 +21,7 @@
 #include "db/sdbl.h"
 #include "db/statement_cache.h"
 #include "db/statements.h"
+#include "db/stream_details.h"
 #include "db/tuner_table.h"
 #include "db/tuning_table.h"
 #include "db/zone.h"
@@ -42,6 +43,7 @@ class Sdbl::Parts {
   sdbl::Channel_list channel_list{sql, statements};
   sdbl::Tuner_table tuner_table{connection, statements};
   sdbl::Tuning_table tunings{connection, statements, schema};
+  sdbl::Stream_details stream_details{connection, sql, statements, schema};
   sdbl::Zone zone{statements};
   sdbl::Guide_room guide_room{connection, sql, statements};
   sdbl::Event_cache event_cache;

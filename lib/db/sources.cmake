@@ -20,6 +20,7 @@ list(APPEND KELVO_SOURCES
   db/shell_files.cpp
   db/statement_cache.cpp
   db/statements.cpp
+  db/stream_details.cpp
   db/times.cpp
   db/tuner_table.cpp
   db/tuning_table.cpp
@@ -34,4 +35,5 @@ list(APPEND KELVO_PUBLIC_HEADERS
   db/sdbl.h
   db/sql_cache.h
   db/sql_query.h
+  db/stream_detail.h
 )

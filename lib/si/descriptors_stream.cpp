@@ -128,10 +128,9 @@ void teletext(const Descriptor& descriptor, Site& site) {
     return;
   KLOG(VERB_TRACE, "\tTeletext descriptor\n");
   for (const VbiTeletext* entry : *d->getVbiTeletexts()) {
-    PMT_subtxt_lang* language = site.found.subtitles.find_or_make(entry->getIso639LanguageCode());
-    language->es_subtype = static_cast<int32_t>(SUBTYPE_TELETEXT | (entry->getTeletextType() & 0x1Fu));
-    language->p1 = entry->getTeletextPageNumber();
-    language->p2 = entry->getTeletextMagazineNumber();
+    site.found.subtitles.add({entry->getIso639LanguageCode(),
+                              static_cast<int32_t>(SUBTYPE_TELETEXT | (entry->getTeletextType() & 0x1Fu)),
+                              entry->getTeletextPageNumber(), entry->getTeletextMagazineNumber()});
     KLOG(VERB_TRACE, "\tTxt %s, Type: %d, Pagenr: %d, MagNr: %d\n", entry->getIso639LanguageCode().c_str(),
          entry->getTeletextType(), entry->getTeletextPageNumber(), entry->getTeletextMagazineNumber());
   }
@@ -144,10 +143,9 @@ void subtitling(const Descriptor& descriptor, Site& site) {
     return;
   KLOG(VERB_TRACE, "\tSubtitling descriptor\n");
   for (const Subtitling* entry : *d->getSubtitlings()) {
-    PMT_subtxt_lang* language = site.found.subtitles.find_or_make(entry->getIso639LanguageCode());
-    language->es_subtype = static_cast<int32_t>(SUBTYPE_SUBTITLING | entry->getSubtitlingType());
-    language->p1 = entry->getAncillaryPageId();
-    language->p2 = entry->getCompositionPageId();
+    site.found.subtitles.add({entry->getIso639LanguageCode(),
+                              static_cast<int32_t>(SUBTYPE_SUBTITLING | entry->getSubtitlingType()),
+                              entry->getAncillaryPageId(), entry->getCompositionPageId()});
     KLOG(VERB_TRACE, "\tSub %s Type: %d AncpageId: %d CompPageId: %d\n", entry->getIso639LanguageCode().c_str(),
          entry->getSubtitlingType(), entry->getAncillaryPageId(), entry->getCompositionPageId());
   }

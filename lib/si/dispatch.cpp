@@ -18,6 +18,7 @@
 #include "si/scan_rows.h"
 #include "si/section_guard.h"
 #include "si/siparse_parts.h"
+#include "si/stream_names.h"
 
 namespace {
 
@@ -57,6 +58,7 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   set_whole_nit(profile.whole_nit);
   if (profile.whole_tables)
     whole_tables_ = std::make_unique<Whole_tables>();
+  name_streams_ = profile.name_streams;
 }
 
 char* Siparse::Parts::add_dvbnr(const char* base) {
@@ -111,7 +113,11 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       break;
     case table::PMT:
       KLOG(VERB_TRACE, "Scanning PMT for pid %d\n", pid);
-      scan_long_section<ProgramMapSection>(bytes, [&](auto* pmt) { parse_section_pmt(pmt, pid, freq, stage); });
+      scan_long_section<ProgramMapSection>(bytes, [&](auto* pmt) {
+        if (name_streams_)
+          Scan_rows(db_, place(freq)).streams(pmt->getProgramNumber(), streams_of_pmt({bytes, section_size(bytes)}));
+        parse_section_pmt(pmt, pid, freq, stage);
+      });
       break;
     case table::NIT_ACTUAL:
       // Deliberate: a PAT may name another PID for the NIT; without whole tables a NIT that comes there is dropped and

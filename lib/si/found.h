@@ -49,6 +49,32 @@ class By_language {
   std::list<T*> list_;
 };
 
+// Which entries of teletext and subtitling descriptors are kept.
+enum class Subtitle_rows {
+  ONE_A_LANGUAGE,  // the last one of each language
+  ALL,             // every one that differs
+};
+
+// What these descriptors have left for the next stream that is stored.
+class Subtitles_found : public By_language<PMT_subtxt_lang> {
+ public:
+  explicit Subtitles_found(Subtitle_rows rows) : rows_(rows) {}
+
+  void add(const PMT_subtxt_lang& entry) {
+    const auto same = [&entry](const PMT_subtxt_lang* other) {
+      return other->lang == entry.lang && other->es_subtype == entry.es_subtype && other->p1 == entry.p1 &&
+             other->p2 == entry.p2;
+    };
+    if (rows_ == Subtitle_rows::ONE_A_LANGUAGE)
+      *find_or_make(entry.lang) = entry;
+    else if (std::none_of(list().begin(), list().end(), same))
+      taken()->push_back(new PMT_subtxt_lang(entry));
+  }
+
+ private:
+  Subtitle_rows rows_;
+};
+
 struct Ca_found {
   int system_id = 0;
   int pid = 0;
@@ -92,10 +118,12 @@ struct Delivery_found {
 // What the descriptors of one section have left so far. Each table's parser takes what belongs to it. The rest, from
 // descriptors that stand in the wrong loop, goes with the section.
 struct Found {
-  std::optional<Ca_found> programme_ca;    // of a PMT's programme loop; the last one counts
-  Stream_found stream;                     // the elementary stream at hand
-  By_language<PMT_subtxt_lang> subtitles;  // teletext and subtitling for the next stream that is stored
-  std::optional<Event_found> event;        // the event at hand; made when a descriptor needs it
+  explicit Found(Subtitle_rows rows = Subtitle_rows::ONE_A_LANGUAGE) : subtitles(rows) {}
+
+  std::optional<Ca_found> programme_ca;  // of a PMT's programme loop; the last one counts
+  Stream_found stream;                   // the elementary stream at hand
+  Subtitles_found subtitles;             // teletext and subtitling for the next stream that is stored
+  std::optional<Event_found> event;      // the event at hand; made when a descriptor needs it
   Zone_found zone;
 
   Event_found& event_at_hand() { return event ? *event : event.emplace(); }

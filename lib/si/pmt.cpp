@@ -44,7 +44,7 @@ bool Siparse::Parts::pmt_is_new(int program, int version) {
 void Siparse::Parts::store_pmt(ProgramMapSection& section, const Place& place) {
   const int program = section.getProgramNumber();
   Scan_rows rows(db_, place);
-  Found found;
+  Found found(name_streams_ ? Subtitle_rows::ALL : Subtitle_rows::ONE_A_LANGUAGE);
   Site programme{loop::PROGRAMME, CONTEXT_PROGRAMME, rows, text_, found};
   for (const Descriptor* descriptor : *section.getDescriptors())
     parse_descriptor(*descriptor, programme);

@@ -3,6 +3,8 @@
 
 #include "si/scan_rows.h"
 
+#include <utility>
+
 #include "base/log.h"
 #include "db/sdbl_parts.h"
 #include "db/sql_cache.h"
@@ -25,6 +27,10 @@ void Scan_rows::stream(int channel, int pid, int type, const Stream_found& strea
   (void)db_.scan_tables.pmt_for_service(place_.adapter, channel, pid, type, stream.subtype, stream.codec.c_str(),
                                         stream.languages.c_str(), stream.audio_types.c_str(), stream.ca.system_id,
                                         stream.ca.pid, subtitles);
+}
+
+void Scan_rows::streams(int programme, Programme_streams streams) {
+  db_.stream_details.found(place_.adapter, programme, std::move(streams));
 }
 
 int Scan_rows::network(const char* column, int value) {

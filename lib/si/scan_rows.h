@@ -38,6 +38,9 @@ class Scan_rows {
   int channel_of(int programme, int pcr_pid);
   void stream(int channel, int pid, int type, const Stream_found& stream, std::list<PMT_subtxt_lang*>* subtitles);
 
+  // PMT: all that it says of a programme's streams, in words.
+  void streams(int programme, Programme_streams streams);
+
   // NIT: a column of all services of the multiplex; the result is the first one's row.
   int network(const char* column, int value);
   void network_name(int network_id, const std::string& name);

@@ -153,6 +153,7 @@ class Siparse::Parts {
   std::unique_ptr<Whole_tables> whole_tables_;  // null where first sections are enough
 
   bool whole_nit_ = false;
+  bool name_streams_ = false;  // and keep all their pages and systems
   bool pmt_versions_match_ = false;
   int sections_ = 0;  // handed in so far
   bool repeat_lost_ = false;

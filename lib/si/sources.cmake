@@ -21,6 +21,7 @@ list(APPEND KELVO_SOURCES
   si/section_guard.cpp
   si/services_found.cpp
   si/siparse.cpp
+  si/stream_names.cpp
   si/system_clock.cpp
   si/text_samples.cpp
   si/time.cpp

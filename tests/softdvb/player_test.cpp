@@ -65,7 +65,7 @@ TEST(Player, is_heard) {
 
 TEST(Player, another_stream_takes_its_place_while_it_is_tuned) {
   const std::string options = "--time x20 --start filter --once --mux " + counting() +
-                              " --then 506000000=4:" + SOFTDVB_STREAMS "/counting.204.ts --then 506000000=15:" +
+                              " --then 506000000=4:" + SOFTDVB_STREAMS "/counting.204.ts --then 506000000=8:" +
                               SOFTDVB_STREAMS "/counting.188.ts";
   const Softdvb_run run = listen(options, "tune=506000000 wait=9000");
   EXPECT_EQ(run.out, numbers(0, 20) + numbers(0, 20) + numbers(0, 20)) << run.err;

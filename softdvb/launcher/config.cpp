@@ -30,11 +30,19 @@ Adapter_config& Config::current() {
   return adapters[current_index];
 }
 
-int parse_device(const std::string& name, const std::string& what) {
-  const int device = device_by_name(name);
-  if (device < 0)
-    throw Usage_error(what + ": there is no '" + name + "'; softdvb --list-devices shows all");
-  return device;
+std::vector<int> parse_devices(const std::string& names, const std::string& what) {
+  std::vector<int> devices;
+  for (size_t at = 0; at <= names.size();) {
+    const size_t end = std::min(names.find('+', at), names.size());
+    const std::string name = names.substr(at, end - at);
+    devices.push_back(device_by_name(name));
+    if (devices.back() < 0)
+      throw Usage_error(what + ": there is no '" + name + "'; softdvb --list-devices shows all");
+    at = end + 1;
+  }
+  if (devices.size() > MAX_FRONTENDS)
+    throw Usage_error(what + ": an adapter has " + std::to_string(MAX_FRONTENDS) + " frontends at most");
+  return devices;
 }
 
 // "[FREQ=]VALUE"
@@ -139,17 +147,17 @@ static void set_frontend(Adapter& a, const Adapter_config& c) {
   set_frequencies(a, c);
   a.look_interval_ns = c.look_interval_ms.value_or(d.min_delay_ms) * NS_PER_MS;
   a.dead_reopen = c.dead_reopen;
-  a.busy = c.busy ? 1 : 0;
+  a.busy = c.busy && a.frontend == 0 ? 1 : 0;
   // Whoever has it open has woken it.
-  if (c.busy) {
+  if (a.busy != 0) {
     a.fe.powered = 1;
     a.fe.state = Core_state::IDLE;
   }
   a.filters = c.filters.value_or(d.filters);
   if (c.firmware != "present" && c.firmware != "missing")
     throw Usage_error("firmware: '" + c.firmware + "' is neither present nor missing");
-  a.firmware_missing = c.firmware == "missing" ? 1 : 0;
-  if (a.firmware_missing != 0 && d.no_firmware_error == 0)
+  a.firmware_missing = c.firmware == "missing" && d.no_firmware_error != 0 ? 1 : 0;
+  if (c.firmware == "missing" && a.firmware_missing == 0 && a.frontends == 1)
     throw Usage_error(std::string("firmware: device ") + d.name + " needs none");
   // After the type, on which the delivery system depends.
   a.cache = a.fe.asked = untuned(a, first_delivery(a));
@@ -215,21 +223,12 @@ static void set_deliveries(Adapter& a, const Adapter_config& c) {
 }
 
 // Of adapters that name none, so that a whole set of tests can be run with another.
-static int usual_device() {
-  const char* name = getenv("SOFTDVB_DEVICE");
-  return name == nullptr || name[0] == '\0' ? 0 : parse_device(name, "SOFTDVB_DEVICE");
+static std::vector<int> usual_devices() {
+  const char* names = getenv("SOFTDVB_DEVICE");
+  return names == nullptr || names[0] == '\0' ? std::vector<int>{0} : parse_devices(names, "SOFTDVB_DEVICE");
 }
 
-static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const std::string& run_dir) {
-  a.number = c.number;
-  a.device = c.device ? *c.device : usual_device();
-  copy_path(a.run_dir, run_dir);
-  set_pace(a, c);
-  set_plug(a, c);
-  set_frontend(a, c);
-  set_readings(a, c);
-  for (const std::string& text : c.sections)
-    add_section_fault(s, a.number, text);
+static void set_muxes(Adapter& a, const Adapter_config& c, const std::string& run_dir) {
   for (const Mux_config& m : c.muxes) {
     const Stream_layout layout = detect_layout(m.file);
     const std::vector<Index_point> index = make_index(m, layout, c.pace);
@@ -250,7 +249,8 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
       throw Usage_error("offset: " + m.file + " lasts only " + std::to_string(mux.duration_ns / NS_PER_MS) + " ms");
     // The command may change its folder before it tunes.
     copy_path(mux.path, std::filesystem::absolute(m.file).string());
-    write_index(run_dir + "/index." + std::to_string(a.number) + "." + std::to_string(a.mux_count), index);
+    if (a.frontend == 0)
+      write_index(run_dir + "/index." + std::to_string(a.number) + "." + std::to_string(a.mux_count), index);
     ++a.mux_count;
   }
   for (const std::string& text : c.stops) {
@@ -262,6 +262,30 @@ static void fill_adapter(Shared& s, Adapter& a, const Adapter_config& c, const s
   }
   set_deliveries(a, c);
   set_lock_delays(a, c);
+}
+
+static void fill_frontend(Adapter& a, const Adapter_config& c, const std::string& run_dir) {
+  a.number = c.number;
+  copy_path(a.run_dir, run_dir);
+  set_pace(a, c);
+  set_frontend(a, c);
+  set_readings(a, c);
+  set_muxes(a, c, run_dir);
+}
+
+static void fill_adapter(Shared& s, const Adapter_config& c, const std::string& run_dir) {
+  const std::vector<int> devices = c.devices.empty() ? usual_devices() : c.devices;
+  Adapter& a = s.adapter[s.adapter_count];
+  for (const int device : devices) {
+    Adapter& each = s.adapter[s.adapter_count++];
+    each.device = device;
+    each.frontend = static_cast<int32_t>(&each - &a);
+    each.frontends = static_cast<int32_t>(devices.size());
+    fill_frontend(each, c, run_dir);
+  }
+  set_plug(a, c);
+  for (const std::string& text : c.sections)
+    add_section_fault(s, a.number, text);
   if (c.tuned.empty())
     return;
   a.fe.externally_tuned = 1;
@@ -291,7 +315,7 @@ void fill(Shared& s, const Config& config, const std::string& run_dir) {
     adapters.emplace_back();
   // Last, because what is tuned from the beginning counts from the times above.
   for (const Adapter_config& c : adapters)
-    fill_adapter(s, s.adapter[s.adapter_count++], c, run_dir);
+    fill_adapter(s, c, run_dir);
 }
 
 }  // namespace softdvb

@@ -22,7 +22,7 @@ struct Mux_config {
 
 struct Adapter_config {
   int number = 0;
-  std::optional<int> device;  // see device_profile(); what is left open below is the device's
+  std::vector<int> devices;  // of its frontends, see device_profile(); what is left open below is the device's
   std::vector<Mux_config> muxes;
   std::string pace = "pcr";
   std::string start = "tune";
@@ -65,8 +65,8 @@ struct Config {
   Adapter_config& current();
 };
 
-// Index of the device of that name; throws Usage_error.
-int parse_device(const std::string& name, const std::string& what);
+// "NAME" or "NAME+NAME", one for each frontend; throws Usage_error.
+std::vector<int> parse_devices(const std::string& names, const std::string& what);
 
 // Writes everything into the shared record and the indexes of the streams into `run_dir`. What can only be judged with
 // the rest at hand (streams, frequencies, names of readings) is checked here. Throws Usage_error where the

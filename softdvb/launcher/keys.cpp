@@ -89,7 +89,7 @@ static void set_adapter(Config& config, const Key& key, const std::string& value
 }
 
 static void set_device(Config& config, const Key& key, const std::string& value) {
-  config.current().device = parse_device(value, key.name);
+  config.current().devices = parse_devices(value, key.name);
 }
 
 // Takes "text" up to the first of the marks off the front of `rest`, and leaves the mark there.
@@ -166,7 +166,9 @@ static void add_later_mux(Config& config, const Key& key, const std::string& val
 const std::vector<Key>& keys() {
   static const std::vector<Key> list = {
       {"adapter", "N", "the options that follow are for adapter N (default 0)", set_adapter},
-      {"device", "NAME", "the frontend to imitate, see --list-devices (default box)", set_device},
+      {"device", "NAME[+NAME]",
+       "the frontend to imitate, or two that share the rest of the adapter; see --list-devices (default box)",
+       set_device},
       {"mux", "FREQ[,system=dvbt2][,plp=N]=FILE",
        "a transport stream (188, 192 or 204 byte packets) on a frequency in Hz; repeat", add_mux},
       {"then", "FREQ=SECONDS:FILE", "another stream takes the place of that of FREQ so long after the start; repeat",

@@ -136,8 +136,6 @@ static std::string sanitizer_of(const std::string& program) {
   return needed_sanitizer<Elf32_Ehdr, Elf32_Shdr, Elf32_Dyn>(image);
 }
 
-static constexpr Device DEVICES[] = {Device::FRONTEND, Device::DEMUX, Device::DVR};
-
 // What libudev reads of the adapters, where libumockdev-preload looks for it. All sit on one bus device: a device
 // without parent is silently left out by programs that group adapters by their bus.
 static void make_sysfs(const std::string& run_dir, const Shared& s) {
@@ -148,17 +146,20 @@ static void make_sysfs(const std::string& run_dir, const Shared& s) {
   std::ofstream(bus / "uevent").flush();
   fs::create_symlink("../../../bus/platform", bus / "subsystem");
   for (int i = 0; i < s.adapter_count; ++i) {
-    const std::string number = std::to_string(s.adapter[i].number);
-    for (const Device device : DEVICES) {
-      const std::string node = device_name(device);  // "frontend0"
+    const Adapter& adapter = s.adapter[i];
+    const std::string number = std::to_string(adapter.number);
+    for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR}) {
+      if (adapter.frontend != 0 && device != Device::FRONTEND)
+        continue;
+      const std::string node = device_name(adapter, device);  // "frontend0"
       const std::string name = "dvb" + number + "." + node;
       fs::create_directories(bus / "dvb" / name);
       fs::create_symlink("../../../../../class/dvb", bus / "dvb" / name / "subsystem");
       fs::create_symlink("../../devices/platform/softdvb/dvb/" + name, sys / "class/dvb" / name);
       std::ofstream(bus / "dvb" / name / "uevent")
-          << "MAJOR=" << DEVICE_MAJOR << "\nMINOR=" << device_minor(s.adapter[i], device) << "\nDEVNAME=dvb/adapter"
+          << "MAJOR=" << DEVICE_MAJOR << "\nMINOR=" << device_minor(adapter, device) << "\nDEVNAME=dvb/adapter"
           << number << "/" << node << "\nDVB_ADAPTER_NUM=" << number
-          << "\nDVB_DEVICE_TYPE=" << node.substr(0, node.size() - 1) << "\nDVB_DEVICE_NUM=0\n";
+          << "\nDVB_DEVICE_TYPE=" << node.substr(0, node.size() - 1) << "\nDVB_DEVICE_NUM=" << node.back() << "\n";
     }
   }
 }

@@ -522,7 +522,7 @@ bool Demux::has_room(int adapter_index, int pid) {
 
 Demux& demux_of(int adapter_index) {
   // Never deleted: the player may still run when the program's own destructors do.
-  static Demux* const demuxes = new Demux[MAX_ADAPTERS];
+  static Demux* const demuxes = new Demux[MAX_RECORDS];
   return demuxes[adapter_index];
 }
 

@@ -59,9 +59,18 @@ static std::shared_ptr<Handle> make_handle(const Device_path& device, const char
   return std::make_shared<Demux_handle>(device.adapter_index, flags, slot);
 }
 
+// errno where the open is over before it has begun.
+static bool is_path_free(const Device_path& device) {
+  if (device.device != Device::FRONTEND)
+    return true;
+  const int result = wait_for_other_frontend(device.adapter_index);
+  errno = -result;
+  return result == 0;
+}
+
 int open_device(const Device_path& device, const char* path, int flags) {
   int fd = -1;
-  if (!call_fails("open", path)) {
+  if (!call_fails("open", path) && is_path_free(device)) {
     // Held over all of it, so that the player never meets a handle without a descriptor.
     const Device_lock lock;
     if (const auto handle = make_handle(device, path, flags)) {
@@ -103,7 +112,8 @@ class Call_lock {
 };
 
 static std::string full_name(const Handle& handle) {
-  return "/dev/dvb/adapter" + std::to_string(handle.adapter().number) + "/" + device_name(handle.device());
+  return "/dev/dvb/adapter" + std::to_string(handle.adapter().number) + "/" +
+         device_name(handle.adapter(), handle.device());
 }
 
 // A fault "read=EOVERFLOW" is the real thing: the queue is gone with it.
@@ -136,7 +146,7 @@ ssize_t read_device(Handle& handle, int fd, void* to, size_t n) {
     result = result_of(result);
   }
   if (log_enabled())
-    log_call(result, "read %s %d %zu", device_name(handle.device()), fd, n);
+    log_call(result, "read %s %d %zu", device_name(handle.adapter(), handle.device()).c_str(), fd, n);
   return result;
 }
 
@@ -162,7 +172,8 @@ int ioctl_device(Handle& handle, int fd, unsigned long request, void* argument) 
     const int saved = errno;
     const std::string text = describe_ioctl(handle.device(), request, argument, result == 0);
     errno = saved;
-    log_call(result, "ioctl %s.%d %d %s", device_name(handle.device()), handle.adapter().number, fd, text.c_str());
+    log_call(result, "ioctl %s.%d %d %s", device_name(handle.adapter(), handle.device()).c_str(),
+             handle.adapter().number, fd, text.c_str());
   }
   return result;
 }

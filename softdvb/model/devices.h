@@ -16,10 +16,11 @@ int ioctl_device(Handle& handle, int fd, unsigned long request, void* argument);
 
 inline constexpr unsigned DEVICE_MAJOR = 212;
 
-// Linux's: four bits of type below the adapter's number.
+// Linux's: four bits of type below the device's and the adapter's number.
 inline unsigned device_minor(const Adapter& adapter, Device device) {
   const unsigned type = device == Device::FRONTEND ? 3u : device == Device::DEMUX ? 4u : 5u;
-  return static_cast<unsigned>(adapter.number) << 6 | type;
+  const unsigned number = device == Device::FRONTEND ? static_cast<unsigned>(adapter.frontend) : 0;
+  return static_cast<unsigned>(adapter.number) << 6 | number << 4 | type;
 }
 
 // Fills in what stat tells of a DVB device: a character device.

@@ -70,7 +70,8 @@ std::string target_of(int fd) {
   // Behind a device stands an eventfd, whose link says nothing of the path that was opened.
   if (maybe_ours(fd)) {
     if (const auto handle = handle_of(fd))
-      return "/dev/dvb/adapter" + std::to_string(handle->adapter().number) + "/" + device_name(handle->device());
+      return "/dev/dvb/adapter" + std::to_string(handle->adapter().number) + "/" +
+             device_name(handle->adapter(), handle->device());
   }
   char path[PATH_MAX];
   const std::string link = "/proc/self/fd/" + std::to_string(fd);

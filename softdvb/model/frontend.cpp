@@ -21,8 +21,67 @@
 
 namespace softdvb {
 
-Frontend_handle::Frontend_handle(int adapter_index, int open_flags, int lock_fd)
-    : Handle(Device::FRONTEND, adapter_index, open_flags), lock_fd_(lock_fd) {}
+// 0, or -EINTR when a signal came first.
+static int sleep_until(uint64_t at_ns) {
+  const Shared& s = *shared();
+  const int timer = SOFTDVB_REAL(timerfd_create)(CLOCK_MONOTONIC, TFD_CLOEXEC);
+  itimerspec end{};
+  end.it_value = from_nanos(s.start_mono_ns + to_real_duration(s, static_cast<int64_t>(at_ns)));
+  uint64_t count = 0;
+  // Reading leaves it to the kernel whether a signal ends the call or is followed by another try.
+  int result = 0;
+  if (timer >= 0 && SOFTDVB_REAL(timerfd_settime)(timer, TFD_TIMER_ABSTIME, &end, nullptr) == 0 &&
+      SOFTDVB_REAL(read)(timer, &count, sizeof count) < 0)
+    result = -errno;
+  if (timer >= 0)
+    SOFTDVB_REAL(close)(timer);
+  return result;
+}
+
+Frontend_handle::Frontend_handle(int adapter_index, int open_flags, int lock_fd, int user_fd)
+    : Handle(Device::FRONTEND, adapter_index, open_flags), lock_fd_(lock_fd), user_fd_(user_fd) {}
+
+// REQUIRES the shared lock.
+static bool is_other_in_use(Adapter& a, uint64_t now_ns) {
+  for (Adapter& other : frontends_of(a)) {
+    if (other.frontend == a.frontend)
+      continue;
+    settle(other, now_ns);
+    // The core's thread goes on for a while after the last writer.
+    if (other.fe.powered != 0 || is_held(other, now_ns) || has_users(other))
+      return true;
+  }
+  return false;
+}
+
+int wait_for_other_frontend(int adapter_index) {
+  Shared& s = *shared();
+  Adapter& a = s.adapter[adapter_index];
+  constexpr uint64_t LOOK_NS = NANOS / 2;
+  constexpr int LOOKS = 10;
+  for (int look = 0; look < LOOKS && a.frontends > 1 && a.unplugged.load() == 0; ++look) {
+    uint64_t now = 0;
+    {
+      const Shared_lock lock(s);
+      now = adapter_now_ns(s);
+      if (!is_other_in_use(a, now))
+        return 0;
+    }
+    if (const int result = sleep_until(now + LOOK_NS); result != 0)
+      return result;
+  }
+  return 0;
+}
+
+// The user's lock, -1 with EBUSY when another frontend of the adapter is in use. One look and one step for all
+// processes: none comes in between.
+static int take_signal_path(Adapter& a, bool close_on_exec) {
+  const Shared_lock lock(*shared());
+  const int fd = is_other_in_use(a, adapter_now_ns(*shared())) ? -1 : take_user_lock(a, close_on_exec);
+  if (fd < 0)
+    errno = EBUSY;
+  return fd;
+}
 
 std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
   Shared& s = *shared();
@@ -35,13 +94,15 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
     errno = ENOENT;
     return nullptr;
   }
-  if (writer && a.busy != 0) {
-    errno = EBUSY;
+  const bool close_on_exec = (open_flags & O_CLOEXEC) != 0;
+  const int user_fd = a.frontends > 1 ? take_signal_path(a, close_on_exec) : -1;
+  if (a.frontends > 1 && user_fd < 0)
     return nullptr;
-  }
   if (writer) {
-    lock_fd = take_writer_lock(a, (open_flags & O_CLOEXEC) != 0);
+    lock_fd = a.busy != 0 ? -1 : take_writer_lock(a, close_on_exec);
     if (lock_fd < 0) {
+      if (user_fd >= 0)
+        SOFTDVB_REAL(close)(user_fd);
       errno = EBUSY;
       return nullptr;
     }
@@ -66,10 +127,13 @@ std::shared_ptr<Handle> open_frontend(int adapter_index, int open_flags) {
         fe.next_look_ns = now + LOCKED_LOOK_NS;
     }
   }
-  return std::make_shared<Frontend_handle>(adapter_index, open_flags, lock_fd);
+  return std::make_shared<Frontend_handle>(adapter_index, open_flags, lock_fd, user_fd);
 }
 
 void Frontend_handle::closed() {
+  if (user_fd_ >= 0)
+    SOFTDVB_REAL(close)(user_fd_);
+  user_fd_ = -1;
   if (lock_fd_ < 0)
     return;
   // First our own copy goes. If the lock can be had again after that, it was the last one.
@@ -222,23 +286,6 @@ static int answer(Adapter& a, unsigned long request, void* argument, uint64_t no
     default:
       return -ERROR_NOT_SUPPORTED;
   }
-}
-
-// 0, or -EINTR when a signal came first.
-static int sleep_until(uint64_t at_ns) {
-  const Shared& s = *shared();
-  const int timer = SOFTDVB_REAL(timerfd_create)(CLOCK_MONOTONIC, TFD_CLOEXEC);
-  itimerspec end{};
-  end.it_value = from_nanos(s.start_mono_ns + to_real_duration(s, static_cast<int64_t>(at_ns)));
-  uint64_t count = 0;
-  // Reading leaves it to the kernel whether a signal ends the call or is followed by another try.
-  int result = 0;
-  if (timer >= 0 && SOFTDVB_REAL(timerfd_settime)(timer, TFD_TIMER_ABSTIME, &end, nullptr) == 0 &&
-      SOFTDVB_REAL(read)(timer, &count, sizeof count) < 0)
-    result = -errno;
-  if (timer >= 0)
-    SOFTDVB_REAL(close)(timer);
-  return result;
 }
 
 // The core lets nobody past while its thread is inside the driver. Who has waited is served, even when the machine was

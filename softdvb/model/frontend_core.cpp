@@ -331,15 +331,18 @@ uint64_t frontend_next_look(Adapter& adapter) {
 
 On_air frontend_on_air(Adapter& adapter, uint64_t now_ns) {
   const Shared_lock lock(*shared());
-  settle(adapter, now_ns);
   On_air air;
   // Tells the players of all processes that the adapter was tuned again, also to the same frequency.
   air.generation = adapter.stream_generation.load(std::memory_order_relaxed);
-  const Reception received = reception(adapter, adapter.fe.driver);
-  if (!is_locked(adapter, now_ns) || !received.has_packets)
-    return air;
-  air.mux = received.mux;
-  air.since_ns = locked_since(adapter);
+  // Of several frontends one at most is awake.
+  for (Adapter& each : frontends_of(adapter)) {
+    settle(each, now_ns);
+    const Reception received = reception(each, each.fe.driver);
+    if (!is_locked(each, now_ns) || !received.has_packets)
+      continue;
+    air.mux = received.mux;
+    air.since_ns = locked_since(each);
+  }
   return air;
 }
 
@@ -361,8 +364,9 @@ void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
   if (tuned_before_start(fe))
     fe.busy_until_ns = 0;
   // A stream that begins with the first filter waits for one again.
-  a.stream_epoch_ns.store(0, std::memory_order_relaxed);
-  a.stream_generation.fetch_add(1, std::memory_order_release);
+  Adapter& first = first_of(a);
+  first.stream_epoch_ns.store(0, std::memory_order_relaxed);
+  first.stream_generation.fetch_add(1, std::memory_order_release);
 }
 
 void wake_frontend(Adapter& a, uint64_t now_ns) {

@@ -18,6 +18,7 @@ struct On_air {
   uint64_t since_ns = 0;
   uint32_t generation = 0;  // changes with every tuning
 };
+// `adapter`: the record of frontend 0.
 On_air frontend_on_air(Adapter& adapter, uint64_t now_ns);
 
 // When the core looks at the driver again; 0: not at all, nobody has the frontend open for writing.

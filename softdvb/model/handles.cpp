@@ -72,10 +72,10 @@ Device_lock::~Device_lock() {
   SOFTDVB_REAL(pthread_mutex_unlock)(&registry().lock);
 }
 
-const char* device_name(Device device) {
+std::string device_name(const Adapter& adapter, Device device) {
   switch (device) {
     case Device::FRONTEND:
-      return "frontend0";
+      return "frontend" + std::to_string(adapter.frontend);
     case Device::DEMUX:
       return "demux0";
     default:

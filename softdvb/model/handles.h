@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "softdvb/model/shared.h"
@@ -29,7 +30,8 @@ class Device_lock {
 
 enum class Device { FRONTEND, DEMUX, DVR };
 
-const char* device_name(Device device);
+// Of the file in the adapter's folder: "frontend0".
+std::string device_name(const Adapter& adapter, Device device);
 
 class Handle {
  public:

@@ -38,6 +38,12 @@ Path::Path(const char* path) : result_(path) {
     result_ = buffer_;
 }
 
+bool is_frontend_name(const char* name) {
+  constexpr size_t LENGTH = 8;
+  return strncmp(name, "frontend", LENGTH) == 0 && name[LENGTH] >= '0' && name[LENGTH] <= '9' &&
+         name[LENGTH + 1] == '\0';
+}
+
 Device_path parse_device_path(const char* path) {
   Device_path result;
   Shared* s = shared();
@@ -49,15 +55,21 @@ Device_path parse_device_path(const char* path) {
   // A path with anything behind the name is no device, nor is one with three digits.
   if (sscanf(path + 16, "%2d/%15[a-z0-9]%n", &number, name, &used) != 2 || path[16 + used] != '\0')
     return result;
-  for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR}) {
-    if (strcmp(name, device_name(device)) != 0)
-      continue;
-    // Also for an adapter that does not exist: then the caller lets the kernel say so.
-    result.device = device;
-    for (int i = 0; i < s->adapter_count; ++i)
-      if (s->adapter[i].number == number)
-        result.adapter_index = i;
+  int frontend = 0;
+  if (strcmp(name, "demux0") == 0) {
+    result.device = Device::DEMUX;
+  } else if (strcmp(name, "dvr0") == 0) {
+    result.device = Device::DVR;
+  } else if (is_frontend_name(name)) {
+    result.device = Device::FRONTEND;
+    frontend = name[strlen(name) - 1] - '0';
+  } else {
+    return result;
   }
+  // None for an adapter that does not exist: then the caller lets the kernel say so.
+  for (int i = 0; i < s->adapter_count; ++i)
+    if (s->adapter[i].number == number && s->adapter[i].frontend == frontend)
+      result.adapter_index = i;
   return result;
 }
 

@@ -23,8 +23,11 @@ class Path {
   char buffer_[2 * MAX_PATH];
 };
 
+// "frontend0" to "frontend9".
+bool is_frontend_name(const char* name);
+
 struct Device_path {
-  int adapter_index = -1;  // -1: no device of ours
+  int adapter_index = -1;  // of the record, a frontend's own; -1: no device of ours
   Device device = Device::DEMUX;
 };
 Device_path parse_device_path(const char* path);

@@ -84,7 +84,7 @@ struct Playing {
 };
 
 struct Player {
-  Playing playing[MAX_ADAPTERS];
+  Playing playing[MAX_RECORDS];
   bool running = false;
   int wake_fd = -1;
 };

@@ -22,8 +22,11 @@ void make_device_nodes(const Adapter& a) {
   const fs::path folder = folder_of(a);
   std::error_code ignored;
   fs::create_directories(folder, ignored);
-  for (const Device device : {Device::FRONTEND, Device::DEMUX, Device::DVR})
-    std::ofstream(folder / device_name(device)).flush();
+  std::ofstream(folder / device_name(a, Device::FRONTEND)).flush();
+  if (a.frontend != 0)
+    return;
+  for (const Device device : {Device::DEMUX, Device::DVR})
+    std::ofstream(folder / device_name(a, device)).flush();
 }
 
 static bool has_handles(const Adapter& a) {
@@ -45,22 +48,26 @@ void remove_unused_nodes(const Adapter& a) {
 void unplug(Adapter& a) {
   if (a.unplugged.load() != 0)
     return;
-  // The cached system and all that is tuned are gone with the device.
-  a.fe = Frontend{};
-  a.cache = a.fe.asked = untuned(a, first_delivery(a));
-  a.stream_generation.fetch_add(1);
-  a.unplugged.store(1);
-  a.plug_generation.fetch_add(1);
   std::error_code ignored;
-  fs::remove(folder_of(a) / device_name(Device::FRONTEND), ignored);
+  for (Adapter& each : frontends_of(a)) {
+    // The cached system and all that is tuned are gone with the device.
+    each.fe = Frontend{};
+    each.cache = each.fe.asked = untuned(each, first_delivery(each));
+    each.unplugged.store(1);
+    each.plug_generation.fetch_add(1);
+    fs::remove(folder_of(each) / device_name(each, Device::FRONTEND), ignored);
+  }
+  a.stream_generation.fetch_add(1);
   remove_unused_nodes(a);
 }
 
 void plug_in(Adapter& a) {
   if (a.unplugged.load() == 0)
     return;
-  make_device_nodes(a);
-  a.unplugged.store(0);
+  for (Adapter& each : frontends_of(a)) {
+    make_device_nodes(each);
+    each.unplugged.store(0);
+  }
 }
 
 uint64_t plug_by_time(Shared& s, uint64_t now_ns) {
@@ -75,6 +82,8 @@ uint64_t plug_by_time(Shared& s, uint64_t now_ns) {
   };
   for (int i = 0; i < s.adapter_count; ++i) {
     Adapter& a = s.adapter[i];
+    if (a.frontend != 0)
+      continue;
     if (is_due(a.unplug_at_ns))
       unplug(a);
     if (is_due(a.replug_at_ns))

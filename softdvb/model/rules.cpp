@@ -312,7 +312,8 @@ void run_control(Shared& s, const std::string& line) {
   } else if (key == "tune") {
     control_tune(s, *a, argument);
   } else if (reading_by_name(key, reading)) {
-    add_step(*a, argument, reading, right, 0);
+    for (Adapter& each : frontends_of(*a))
+      add_step(each, argument, reading, right, 0);
   } else {
     throw Usage_error("control: '" + trimmed(line) + "' is not understood");
   }

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 #include <string>
 
 // What the launcher and every process of the command share: a plain record in a mapped file of the run folder. Fixed
@@ -15,6 +16,8 @@
 namespace softdvb {
 
 inline constexpr int MAX_ADAPTERS = 8;
+inline constexpr int MAX_FRONTENDS = 2;  // of an adapter
+inline constexpr int MAX_RECORDS = MAX_ADAPTERS * MAX_FRONTENDS;
 inline constexpr int MAX_MUXES = 64;
 inline constexpr int MAX_SIGNAL_STEPS = 64;
 inline constexpr int MAX_FAULTS = 64;
@@ -23,7 +26,7 @@ inline constexpr int MAX_DEMUX_OPENS = 256;
 inline constexpr int MAX_PATH = 1024;
 inline constexpr int EVENT_QUEUE = 8;  // one place always stays empty, so 7 events fit
 inline constexpr uint64_t NANOS = 1000000000;
-inline constexpr uint32_t SHARED_MAGIC = 0x53445632;
+inline constexpr uint32_t SHARED_MAGIC = 0x53445633;
 
 enum class Pace : int32_t { TIMED, FAST, MANUAL };
 enum class Start : int32_t { TUNE, AIR, FILTER };
@@ -121,8 +124,12 @@ struct Frontend {
   int32_t event_overflow;
 };
 
+// One for each frontend; those of an adapter stand one behind the other. What they share is in that of frontend 0:
+// the demultiplexer, the player's part, plugging, busy.
 struct Adapter {
   int32_t number;
+  int32_t frontend;        // its number
+  int32_t frontends;       // of the adapter
   char run_dir[MAX_PATH];  // the launcher has no shared() to ask
   Pace pace;
   Start start;
@@ -195,8 +202,8 @@ struct Shared {
   int32_t clock_is_virtual;  // speed or start differ from the machine's
   uint64_t grace_ns;         // real time that a late reader gets before its queue overflows
   std::atomic<uint32_t> clock_settings;
-  int32_t adapter_count;
-  Adapter adapter[MAX_ADAPTERS];
+  int32_t adapter_count;  // of records
+  Adapter adapter[MAX_RECORDS];
   std::atomic<int32_t> fault_count;
   Fault fault[MAX_FAULTS];
   std::atomic<int32_t> section_fault_count;
@@ -223,7 +230,17 @@ Shared* create_shared(const std::string& file);
 // Maps an existing one; null when it is none.
 Shared* map_shared(const char* file);
 
+// The record of its frontend 0; null when there is none.
 Adapter* find_adapter(Shared& s, int number);
+
+inline Adapter& first_of(Adapter& a) {
+  return *(&a - a.frontend);
+}
+
+// All records of the adapter of a frontend.
+inline std::span<Adapter> frontends_of(Adapter& a) {
+  return {&first_of(a), static_cast<size_t>(a.frontends)};
+}
 
 // False for 0 and for a process that has ended.
 bool is_process_alive(int pid);

@@ -13,17 +13,15 @@
 
 namespace softdvb {
 
-static std::string writer_lock_file(const Adapter& a) {
-  return std::string(shared()->run_dir) + "/writer" + std::to_string(a.number) + "." +
-         std::to_string(a.plug_generation.load());
-}
-
-int take_writer_lock(const Adapter& a, bool close_on_exec) {
+// `operation`: of flock().
+static int take_lock(const char* name, const Adapter& a, int operation, bool close_on_exec) {
+  const std::string file = std::string(shared()->run_dir) + "/" + name + std::to_string(a.number) + "." +
+                           std::to_string(a.frontend) + "." + std::to_string(a.plug_generation.load());
   const int flags = O_RDWR | O_CREAT | O_CLOEXEC;
-  int fd = SOFTDVB_REAL(open)(writer_lock_file(a).c_str(), flags, 0600);
+  int fd = SOFTDVB_REAL(open)(file.c_str(), flags, 0600);
   if (fd < 0)
     return -1;
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+  if (flock(fd, operation | LOCK_NB) != 0) {
     SOFTDVB_REAL(close)(fd);
     return -1;
   }
@@ -37,6 +35,22 @@ int take_writer_lock(const Adapter& a, bool close_on_exec) {
     return high;
   }
   return fd;
+}
+
+int take_writer_lock(const Adapter& a, bool close_on_exec) {
+  return take_lock("writer", a, LOCK_EX, close_on_exec);
+}
+
+int take_user_lock(const Adapter& a, bool close_on_exec) {
+  return take_lock("user", a, LOCK_SH, close_on_exec);
+}
+
+bool has_users(const Adapter& a) {
+  const int fd = take_lock("user", a, LOCK_EX, true);
+  if (fd < 0)
+    return true;
+  SOFTDVB_REAL(close)(fd);
+  return false;
 }
 
 bool has_writer(Adapter& a, uint64_t now_ns) {

@@ -311,7 +311,7 @@ SOFTDVB_EXPORT DIR* opendir(const char* path) {
 }
 
 static bool is_device_name(const char* name) {
-  return strcmp(name, "frontend0") == 0 || strcmp(name, "demux0") == 0 || strcmp(name, "dvr0") == 0;
+  return is_frontend_name(name) || strcmp(name, "demux0") == 0 || strcmp(name, "dvr0") == 0;
 }
 
 static bool lists_devices(DIR* folder) {

@@ -39,8 +39,8 @@ class Fd {
 inline int open_demux(int flags = O_RDONLY | O_NONBLOCK) {
   return open("/dev/dvb/adapter0/demux0", flags);
 }
-inline int open_frontend(int flags = O_RDWR | O_NONBLOCK) {
-  return open("/dev/dvb/adapter0/frontend0", flags);
+inline int open_frontend(int flags = O_RDWR | O_NONBLOCK, int number = 0) {
+  return open(("/dev/dvb/adapter0/frontend" + std::to_string(number)).c_str(), flags);
 }
 
 // A section filter that lets everything of the PID through; the tests fill in the rest.

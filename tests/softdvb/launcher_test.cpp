@@ -42,6 +42,8 @@ static const Wrong WRONG[] = {
     {{"--mux", "1,plp=256=a.ts"}, "mux: plp: '256' is not a number from 0 to 255"},
     {{"--mux", "1,system=dvbt,plp=1=a.ts"}, "mux: plp: only dvbt2 has pipes"},
     {{"--device", "stick"}, "device: there is no 'stick'; softdvb --list-devices shows all"},
+    {{"--device", "rtl2832+"}, "device: there is no ''; softdvb --list-devices shows all"},
+    {{"--device", "box+box+box"}, "device: an adapter has 2 frontends at most"},
     {{"--device", "rtl2832", "--type", "qam"}, "type: device rtl2832 is ofdm; only box can be another type"},
     {{"--device", "rtl2832", "--firmware", "missing"}, "firmware: device rtl2832 needs none"},
     {{"--firmware", "old"}, "firmware: 'old' is neither present nor missing"},

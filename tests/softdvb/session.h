@@ -40,8 +40,8 @@ inline std::string received(int fd) {
 //
 // A step that gives 0 or nothing stands alone, a failure is told by the name of its errno. "WHO: STEP" is a step on a
 // handle of its own; those whose names begin with "frontend" are frontends, with "reader"
-// frontends opened for reading only, with "dvr" recorders. A handle is opened when a step first needs it and
-// closed at the end. Steps of a demultiplexer:
+// frontends opened for reading only, with "dvr" recorders; with "second" before it, of frontend1. A handle is opened
+// when a step first needs it and closed at the end. Steps of a demultiplexer:
 //   filter PID [idle] [crc] [oneshot] [timeout:MS] [table:ID], start, stop, buffer BYTES
 //   send NAME [PID]  the section of that name (see above), on PID 256 where none is given
 //   read [BYTES]     its name
@@ -318,10 +318,12 @@ class Session {
   Fd& fd_of(const std::string& who) {
     if (const auto opened = fds_.find(who); opened != fds_.end())
       return opened->second;
-    const int fd = who.rfind("frontend", 0) == 0 ? open_frontend()
-                   : who.rfind("reader", 0) == 0 ? open_frontend(O_RDONLY)
-                   : who.rfind("dvr", 0) == 0    ? open("/dev/dvb/adapter0/dvr0", O_RDONLY | O_NONBLOCK)
-                                                 : open_demux();
+    const int number = who.rfind("second", 0) == 0 ? 1 : 0;
+    const std::string kind = number == 0 ? who : who.substr(6);
+    const int fd = kind.rfind("frontend", 0) == 0 ? open_frontend(O_RDWR | O_NONBLOCK, number)
+                   : kind.rfind("reader", 0) == 0 ? open_frontend(O_RDONLY, number)
+                   : kind.rfind("dvr", 0) == 0    ? open("/dev/dvb/adapter0/dvr0", O_RDONLY | O_NONBLOCK)
+                                                  : open_demux();
     return fds_.try_emplace(who, fd).first->second;
   }
 

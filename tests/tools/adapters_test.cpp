@@ -27,6 +27,13 @@ TEST(Adapters, are_listed_with_what_they_receive) {
                    "      2         0  softdvb DVB-T 2  DVB-T    174-230 MHz  free\n"));
 }
 
+TEST(Adapters, with_two_frontends_have_two_lines) {
+  EXPECT_EQ(adapters({"--device", "rtl2832+mn88472"}),
+            prints("ADAPTER  FRONTEND  NAME                     SYSTEMS             RANGE  STATE\n"
+                   "      0         0  Realtek RTL2832 (DVB-T)  DVB-T         174-862 MHz  free\n"
+                   "      0         1  Panasonic MN88472        DVB-T DVB-T2  174-862 MHz  free\n"));
+}
+
 TEST(Adapters, say_what_stands_in_their_way) {
   const struct {
     const char* fault;

@@ -42,10 +42,8 @@ const Words& streams() {
   return made;
 }
 
-class Receivers : public Command_fixture, public testing::WithParamInterface<Receiver> {
+class On_air : public Command_fixture {
  protected:
-  Receivers() { device_ = GetParam().name; }
-
   static Words on_air() {
     const Words& files = streams();
     return {"--time",       "x8",
@@ -65,6 +63,11 @@ class Receivers : public Command_fixture, public testing::WithParamInterface<Rec
   std::string count(const std::string& freq) const {
     return value(db_, "SELECT count(*) FROM kanalid WHERE row_status = 0 AND freq = " + freq);
   }
+};
+
+class Receivers : public On_air, public testing::WithParamInterface<Receiver> {
+ protected:
+  Receivers() { device_ = GetParam().name; }
 };
 
 TEST_P(Receivers, find_say_and_store_what_is_on_air) {
@@ -137,5 +140,41 @@ TEST_P(Receivers, find_at_least_what_other_programs_find) {
 
 INSTANTIATE_TEST_SUITE_P(Devices, Receivers, testing::ValuesIn(RECEIVERS),
                          [](const auto& receiver) { return std::string(receiver.param.name); });
+
+// One that is sold: frontend0 for DVB-T, frontend1 for DVB-T2 as well, one demultiplexer.
+class Two_frontends : public On_air {
+ protected:
+  Two_frontends() { device_ = "rtl2832+mn88472"; }
+};
+
+TEST_F(Two_frontends, are_used_for_what_the_second_one_can) {
+  const Command_result result = run_command(kelvo(on_air(), freqs({"474", "498"})));
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("498.000 MHz: locked, 8 services"));
+  EXPECT_EQ(count("474000000"), "8");
+  EXPECT_EQ(count("498000000"), "8");
+}
+
+TEST_F(Two_frontends, are_busy_when_another_program_has_the_first) {
+  EXPECT_THAT(run_command(kelvo(joined({{"--busy"}, on_air()}), freqs({"474"}))),
+              ends(1, "", HasSubstr("/dev/dvb/adapter0/frontend0: in use by another program")));
+  EXPECT_TRUE(folder_is_empty());
+}
+
+TEST_F(Two_frontends, serve_another_program_as_well) {
+  if (run_command({"which", "dvbv5-scan"}).exit_code != 0)
+    GTEST_SKIP() << "dvbv5-scan is not installed";
+  support::write_file(dir_.file("v5"),
+                      "[T2]\n DELIVERY_SYSTEM = DVBT2\n FREQUENCY = 498000000\n BANDWIDTH_HZ = 8000000\n");
+  const auto found = [this](const std::string& frontend) -> size_t {
+    const std::string file = dir_.file("found" + frontend);
+    (void)run_command(joined({{SOFTDVB_COMMAND, "--device", device_},
+                              on_air(),
+                              {"--", "dvbv5-scan", "-N", "-a", "0", "-f", frontend, "-o", file, dir_.file("v5")}}));
+    return std::filesystem::exists(file) ? names_in(support::read_file(file), "^\\[(.*)\\]$") : 0;
+  };
+  EXPECT_EQ(found("0"), 0U);
+  EXPECT_EQ(found("1"), 8U);
+}
 
 }  // namespace

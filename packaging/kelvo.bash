@@ -41,7 +41,7 @@ _kelvo() {
     options+=" adapters scan channels epg watch signal trace"
   else
     case $command in
-      adapters) options="--json --help" ;;
+      adapters) options="--check --json --help" ;;
       scan)
         options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --db"
         options+=" --verbose --help"

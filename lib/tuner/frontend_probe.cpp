@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "tuner/tuner.h"
@@ -31,18 +32,26 @@ std::optional<std::vector<int>> enumerate(const Call& call) {
     return std::nullopt;
   std::vector<int> systems;
   const size_t count = std::min<size_t>(property.u.buffer.len, sizeof property.u.buffer.data);
-  for (size_t i = 0; i < count; ++i) {
-    const int system = property.u.buffer.data[i];
-    if (system == SYS_DVBT || system == SYS_DVBT2)
-      systems.push_back(system);
-  }
+  for (size_t i = 0; i < count; ++i)
+    systems.push_back(property.u.buffer.data[i]);
   return systems;
 }
 
 template <typename Call>
 std::vector<int> by_type(const Call& call) {
   dvb_frontend_info info{};
-  return call(FE_GET_INFO, &info) >= 0 && info.type == FE_OFDM ? std::vector<int>{SYS_DVBT} : std::vector<int>{};
+  if (call(FE_GET_INFO, &info) < 0)
+    return {};
+  switch (info.type) {
+    case FE_OFDM:
+      return {SYS_DVBT};
+    case FE_QAM:
+      return {SYS_DVBC_ANNEX_A};
+    case FE_QPSK:
+      return {SYS_DVBS};
+    default:
+      return {SYS_ATSC};
+  }
 }
 
 class Opened {
@@ -75,6 +84,13 @@ std::vector<int> frontend_probe::systems(Device& device) {
   return systems ? *systems : by_type(call);
 }
 
+std::vector<int> frontend_probe::terrestrial(const std::vector<int>& systems) {
+  std::vector<int> chosen;
+  std::copy_if(systems.begin(), systems.end(), std::back_inserter(chosen),
+               [](int system) { return system == SYS_DVBT || system == SYS_DVBT2; });
+  return chosen;
+}
+
 bool frontend_probe::misses_firmware(Device& device) {
   uint32_t status = 0;
   if (device.control(FE_READ_STATUS, &status) >= 0 || errno != EAGAIN)
@@ -96,8 +112,9 @@ Frontend_state Tuner::probe(const char* path) {
     return state;
   }
   state.name.assign(info.name, strnlen(info.name, sizeof info.name));
-  state.lowest_hz = info.frequency_min;
-  state.highest_hz = info.frequency_max;
+  const int64_t unit = info.type == FE_QPSK ? 1000 : 1;  // satellites' limits are in kHz
+  state.lowest_hz = info.frequency_min * unit;
+  state.highest_hz = info.frequency_max * unit;
   auto systems = enumerate(reader);
   if (!systems) {
     // Some drivers answer readers nothing until they are locked; a writer that has not tuned is served.
@@ -105,7 +122,18 @@ Frontend_state Tuner::probe(const char* path) {
     if (writer.error() == 0)
       systems = enumerate(writer);
   }
-  state.systems = systems ? *systems : by_type(reader);
+  state.all_systems = systems ? *systems : by_type(reader);
+  state.systems = frontend_probe::terrestrial(state.all_systems);
+  return state;
+}
+
+Frontend_state Tuner::check(const char* path) {
+  Frontend_state state = probe(path);
+  if (state.error != 0)
+    return state;
+  Device device(path, false);
+  state.firmware_missing = device.error() == 0 && frontend_probe::misses_firmware(device);
+  state.error = device.error();
   return state;
 }
 

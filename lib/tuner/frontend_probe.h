@@ -11,9 +11,12 @@
 // What frontends say about themselves, before they are tuned. Not installed.
 namespace frontend_probe {
 
-// The DVB-T and DVB-T2 systems that an open device receives, in the driver's order: DTV_ENUM_DELSYS, and where the
-// driver does not answer that, DVB-T for a terrestrial type.
+// The delivery systems that an open device receives, in the driver's order: DTV_ENUM_DELSYS, and where the driver does
+// not answer that, the oldest of its type, DVB-T for a terrestrial one.
 std::vector<int> systems(Device& device);
+
+// DVB-T and DVB-T2 among them.
+std::vector<int> terrestrial(const std::vector<int>& systems);
 
 // True when the driver says that it misses its firmware, which only shows before the first tuning. Blocks while the
 // driver loads it.

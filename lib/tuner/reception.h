@@ -56,9 +56,10 @@ struct Frontend_state {
   std::string name;  // as the driver says; empty when it was not asked
   int error = 0;     // errno: of opening (EBUSY, EACCES, ENOENT ...), or ENODEV when it has gone
   bool firmware_missing = false;
-  std::vector<int> systems;  // that it receives, in the driver's order
+  std::vector<int> systems;  // DVB-T and DVB-T2, as far as it receives them, in the driver's order
   int64_t lowest_hz = 0;     // 0: not known
   int64_t highest_hz = 0;
+  std::vector<int> all_systems;  // all that the driver names, cable and satellite among them, in its order
 };
 
 // What a reading's number means.

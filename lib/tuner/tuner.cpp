@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "db/sdbl.h"
+#include "tuner/frontend_probe.h"
 #include "tuner/tuner_parts.h"
 
 namespace {
@@ -84,8 +85,9 @@ Frontend_state Tuner::frontend_state() const {
   state.firmware_missing = parts.firmware_missing;
   {
     const std::lock_guard lock(parts.result_lock);
-    state.systems = parts.systems;
+    state.all_systems = parts.systems;
   }
+  state.systems = frontend_probe::terrestrial(state.all_systems);
   state.lowest_hz = parts.device.lowest_hz();
   state.highest_hz = parts.device.highest_hz();
   return state;

@@ -102,6 +102,11 @@ class KELVO_EXPORT Tuner {
   // writing, closed again, where the driver answers nothing else. Prints nothing. Any-thread.
   static Frontend_state probe(const char* path);
 
+  // The same, and opens it for writing, as tuning does: `error` says when another program has it (EBUSY) or there is no
+  // right to, and `firmware_missing` what its driver says. Loads the firmware, so it may take seconds; tunes nothing.
+  // Prints nothing. Any-thread.
+  static Frontend_state check(const char* path);
+
   // The frontend of /dev/dvb/adapterN that Receiver_profile::Frontend::BEST stands for, as probed; frontend0 with its
   // error when there is none. Any-thread.
   static Frontend_state best_frontend(int adapter);

@@ -88,7 +88,7 @@ Known_tuning Tuner::Parts::known(const Tuning_request& request) {
   Known_tuning known;
   {
     const std::lock_guard guard(result_lock);
-    known.systems = systems;
+    known.systems = frontend_probe::terrestrial(systems);
   }
   known.last_system = last_system;
   dvb_frontend_parameters parameters =

@@ -54,7 +54,7 @@ class Tuner::Parts {
 
   mutable std::mutex result_lock;  // guards the following; a leaf
   Tuning_result result;
-  std::vector<int> systems;  // that the device receives
+  std::vector<int> systems;  // all that the device receives
 
   TunerMonitorThread thread;
   bool thread_started = false;

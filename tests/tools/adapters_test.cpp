@@ -29,9 +29,64 @@ TEST(Adapters, are_listed_with_what_they_receive) {
 
 TEST(Adapters, with_two_frontends_have_two_lines) {
   EXPECT_EQ(adapters({"--device", "rtl2832+mn88472"}),
-            prints("ADAPTER  FRONTEND  NAME                     SYSTEMS             RANGE  STATE\n"
-                   "      0         0  Realtek RTL2832 (DVB-T)  DVB-T         174-862 MHz  free\n"
-                   "      0         1  Panasonic MN88472        DVB-T DVB-T2  174-862 MHz  free\n"));
+            prints("ADAPTER  FRONTEND  NAME                     SYSTEMS                   RANGE  STATE\n"
+                   "      0         0  Realtek RTL2832 (DVB-T)  DVB-T               174-862 MHz  free\n"
+                   "      0         1  Panasonic MN88472        DVB-T DVB-T2 DVB-C  174-862 MHz  free\n"));
+}
+
+// State in the table and for programs, without and with --check.
+struct Checked {
+  const char* legend;
+  Words options;
+  const char* free;
+  const char* word;
+  const char* checked;
+  const char* checked_word;
+};
+
+TEST(Adapters, are_opened_for_a_check_of_what_stands_in_their_way) {
+  const Checked cases[] = {
+      {"nothing", {"--device", "si2168"}, "free", "free", "free", "free"},
+      {"its firmware",
+       {"--device", "si2168", "--firmware", "missing"},
+       "free",
+       "free",
+       "firmware missing (see dmesg)",
+       "no firmware"},
+      {"a program of another user", {"--busy"}, "free", "free", "used by another program", "used"},
+      {"no right to write",
+       {"--fault", "open(/dev/dvb/adapter0/frontend0)=EACCES@3"},
+       "free",
+       "free",
+       "no right (group video)",
+       "no right"},
+  };
+  const auto last_words = [](const Command_result& run) {
+    const Words lines = support::lines_of(run.out);
+    const std::string& line = lines.at(1);
+    return line.substr(line.find("MHz") + 5);
+  };
+  const auto word = [](const Command_result& run) { return json::parse(run.out)[0]["state"].get<std::string>(); };
+  const std::string opening = "Opening /dev/dvb/adapter0/frontend0 ...\n";
+  for (const Checked& c : cases) {
+    SCOPED_TRACE(c.legend);
+    const Words options = joined({{"--time", "x8"}, c.options});
+    const Command_result free = adapters(options);
+    EXPECT_EQ(last_words(free), c.free);
+    EXPECT_EQ(free.err, "");
+    EXPECT_EQ(word(adapters(options, {"--json"})), c.word);
+    const Command_result checked = adapters(options, {"--check"});
+    EXPECT_EQ(last_words(checked), c.checked);
+    EXPECT_EQ(checked.err, opening);
+    EXPECT_EQ(checked.exit_code, 0);
+    EXPECT_EQ(word(adapters(options, {"--check", "--json"})), c.checked_word);
+  }
+}
+
+TEST(Adapters, that_cannot_be_used_are_not_opened_for_a_check) {
+  EXPECT_EQ(adapters({"--fault", "open(/dev/dvb/adapter0/frontend0)=EBUSY"}, {"--check"}),
+            prints("ADAPTER  FRONTEND  NAME  SYSTEMS  RANGE  STATE\n"
+                   "      0         0  -     -            -  used by another program\n"));
 }
 
 TEST(Adapters, say_what_stands_in_their_way) {
@@ -69,7 +124,7 @@ TEST(Adapters, are_objects_for_programs) {
 
 TEST(Adapters, of_other_systems_are_told_apart) {
   EXPECT_EQ(adapters({"--type", "qam"}), prints("ADAPTER  FRONTEND  NAME             SYSTEMS       RANGE  STATE\n"
-                                                "      0         0  softdvb DVB-C 0  -        47-862 MHz  not for "
+                                                "      0         0  softdvb DVB-C 0  DVB-C    47-862 MHz  not for "
                                                 "DVB-T or DVB-T2\n"));
 }
 

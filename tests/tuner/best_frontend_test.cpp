@@ -165,3 +165,26 @@ TEST(Best_frontend, has_the_reason_why_it_cannot_be_opened) {
   fakes[0].error = EACCES;
   EXPECT_EQ(best(), "frontend0 errno " + std::to_string(EACCES));
 }
+
+TEST(Probe, names_all_systems_and_those_that_are_used) {
+  fakes = {with({SYS_DVBC_ANNEX_A, SYS_DVBT, SYS_DVBH, SYS_DVBT2, SYS_DVBS2, SYS_ISDBT})};
+  const Frontend_state state = Tuner::probe("/dev/dvb/adapter7/frontend0");
+  EXPECT_EQ(state.all_systems,
+            (std::vector<int>{SYS_DVBC_ANNEX_A, SYS_DVBT, SYS_DVBH, SYS_DVBT2, SYS_DVBS2, SYS_ISDBT}));
+  EXPECT_EQ(state.systems, (std::vector<int>{SYS_DVBT, SYS_DVBT2}));
+  EXPECT_EQ(state.lowest_hz, 174000000);
+}
+
+TEST(Probe, takes_the_type_for_the_system_where_the_driver_names_none) {
+  const std::pair<fe_type, int> cases[] = {
+      {FE_OFDM, SYS_DVBT}, {FE_QAM, SYS_DVBC_ANNEX_A}, {FE_QPSK, SYS_DVBS}, {FE_ATSC, SYS_ATSC}};
+  for (const auto& [type, system] : cases) {
+    fakes = {with({})};
+    fakes[0].enumerates = false;
+    fakes[0].type = type;
+    const Frontend_state state = Tuner::probe("/dev/dvb/adapter7/frontend0");
+    EXPECT_EQ(state.all_systems, std::vector<int>{system});
+    // Those of satellites are told in kHz.
+    EXPECT_EQ(state.lowest_hz, type == FE_QPSK ? 174000000000 : 174000000);
+  }
+}

@@ -37,25 +37,42 @@ struct Frontend {
   bool busy = false;
 };
 
+bool is_there(const Frontend& frontend) {
+  return frontend.state.error != ENOENT && frontend.state.error != ENOTDIR;
+}
+
 Frontend look_at(int adapter, int number) {
   const std::string path = fmt::format("/dev/dvb/adapter{}/frontend{}", adapter, number);
   Frontend out{adapter, number, Tuner::probe(path.c_str()), "", std::nullopt, false};
   out.name = clean_text(out.state.name);
-  if (out.state.error != ENOENT && out.state.error != ENOTDIR) {
+  if (is_there(out)) {
     out.holder = holder_of(path);
   }
   out.busy = out.holder.has_value() || out.state.error == EBUSY;
   return out;
 }
 
-std::vector<Frontend> all_frontends() {
+void open_for_check(Frontend* frontend) {
+  if (frontend->busy || frontend->state.error != 0) {
+    return;
+  }
+  console::say(fmt::format("Opening {} ...", frontend->state.path));
+  frontend->state = Tuner::check(frontend->state.path.c_str());
+  frontend->busy = frontend->state.error == EBUSY;
+}
+
+std::vector<Frontend> all_frontends(bool check) {
   std::vector<Frontend> all;
   for (int adapter = 0; adapter < MOST_ADAPTERS; ++adapter) {
     for (int number = 0; number < MOST_FRONTENDS; ++number) {
       Frontend frontend = look_at(adapter, number);
-      if (frontend.state.error != ENOENT && frontend.state.error != ENOTDIR) {
-        all.push_back(std::move(frontend));
+      if (!is_there(frontend)) {
+        continue;
       }
+      if (check) {
+        open_for_check(&frontend);
+      }
+      all.push_back(std::move(frontend));
     }
   }
   return all;
@@ -108,7 +125,7 @@ std::string state_word(const Frontend& frontend) {
 
 std::vector<std::string> systems_of(const Frontend& frontend) {
   std::vector<std::string> names;
-  for (const int system : frontend.state.systems) {
+  for (const int system : frontend.state.all_systems) {
     names.push_back(system_name(system));
   }
   return names;
@@ -154,9 +171,9 @@ nlohmann::ordered_json to_json(const Frontend& frontend) {
   return out;
 }
 
-void list_adapters(bool json) {
+void list_adapters(bool json, bool check) {
   const console::Quiet_library quiet(-1);
-  const std::vector<Frontend> frontends = all_frontends();
+  const std::vector<Frontend> frontends = all_frontends(check);
   if (json) {
     nlohmann::ordered_json out = nlohmann::ordered_json::array();
     for (const Frontend& frontend : frontends) {
@@ -177,17 +194,21 @@ void list_adapters(bool json) {
 void add_adapters(CLI::App& app, int* exit_code) {
   CLI::App* command = app.add_subcommand("adapters", "List the adapters, what they receive and who uses them");
   const auto json = std::make_shared<bool>(false);
+  const auto check = std::make_shared<bool>(false);
   command->add_flag("--json", *json, "A list of objects, for programs");
+  command->add_flag("--check", *check,
+                    "Open those that are free as if to tune them, which shows whether their firmware is there and "
+                    "whether another user's program has them; takes seconds where a driver loads its firmware");
   command->footer(
-      "State: free; used by PROGRAM (its process number); no right (group video); no driver; not for DVB-T or DVB-T2.\n"
-      "Devices are not disturbed: another user's program that has one is seen by root only, and that a device misses\n"
-      "its firmware when it is tuned.\n"
+      "State: free; used by PROGRAM (its process number); no right (group video); no driver; firmware missing (see\n"
+      "dmesg); not for DVB-T or DVB-T2. Without --check devices are not disturbed: another user's program that has one\n"
+      "is seen by root only, and that a device misses its firmware when it is tuned.\n"
       "\n"
       "Examples:\n"
-      "  kelvo adapters\n"
+      "  kelvo adapters --check\n"
       "  kelvo adapters --json | jq '.[] | select(.state == \"free\") | .adapter'");
-  command->callback([json, exit_code] {
-    list_adapters(*json);
+  command->callback([json, check, exit_code] {
+    list_adapters(*json, *check);
     *exit_code = EXIT_OK;
   });
 }

@@ -3,12 +3,9 @@
 
 #include "db/guide_room.h"
 
-#include <sys/statvfs.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <string>
 #include <vector>
 
 namespace sdbl {
@@ -26,37 +23,7 @@ unsigned pages_written(sqlite3* conn) {
   return static_cast<unsigned>(pages);
 }
 
-// Bytes that a file may grow by, -1 when its disk does not say.
-int64_t disk_space(const char* file) {
-  struct statvfs disk {};
-  if (file == nullptr || *file == '\0' || statvfs(file, &disk) != 0 || disk.f_blocks == 0)
-    return -1;
-  const uint64_t blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
-  const uint64_t block = disk.f_frsize != 0 ? disk.f_frsize : 1;
-  return blocks > INT64_MAX / block ? INT64_MAX : static_cast<int64_t>(blocks * block);
-}
-
 }  // namespace
-
-// Silent: a guide that cannot be read shows itself at the insert.
-int64_t Guide_room::pragma_number(const char* name) {
-  return sql_.silent_number(std::string("PRAGMA ") + EPG_SCHEMA + "." + name);
-}
-
-// Pages that can still be filled, -1 for unknown.
-int64_t Guide_room::pages_left() {
-  const int64_t limit = pragma_number("max_page_count");
-  const int64_t used = pragma_number("page_count");
-  const int64_t unused = pragma_number("freelist_count");
-  const int64_t size = pragma_number("page_size");
-  if (limit < 0 || used < 0 || unused < 0 || size <= 0)
-    return -1;
-  int64_t growth = limit - used;
-  const int64_t space = disk_space(sqlite3_db_filename(connection_.get(), EPG_SCHEMA));
-  if (space >= 0)
-    growth = std::min(growth, space / size);
-  return growth + unused;
-}
 
 bool Guide_room::has(int needed) {
   Db_lock lock(connection_);
@@ -67,9 +34,9 @@ bool Guide_room::has(int needed) {
     return true;
 
   looked_at_ = now;
-  int64_t left = pages_left();
+  int64_t left = room_.pages_left(EPG_SCHEMA);
   if (left >= 0 && left < needed && remove_old_entries() > 0)
-    left = pages_left();
+    left = room_.pages_left(EPG_SCHEMA);
   left_ = left < 0 ? MOST_ROOM : std::min(left, MOST_ROOM);
   written_ = pages_written(conn);
   return left_ >= needed;

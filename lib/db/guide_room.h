@@ -5,17 +5,16 @@
 
 #include <cstdint>
 
-#include "db/one_shot.h"
+#include "db/file_room.h"
 #include "db/statements.h"
 
 namespace sdbl {
 
-// Keeps the guide file inside its bounds, and free of old events. Without a journal a statement that runs out of pages
-// half-way leaves a damaged file, so the room is looked at before it is needed. Any-thread.
+// Keeps the guide file inside its bounds, and free of old events. Any-thread.
 class Guide_room {
  public:
-  Guide_room(const Connection& connection, One_shot& sql, const Statements& statements)
-      : connection_(connection), sql_(sql), statements_(statements) {}
+  Guide_room(const Connection& connection, File_room& room, const Statements& statements)
+      : connection_(connection), room_(room), statements_(statements) {}
 
   // True when the guide file can take `needed` more pages. When it cannot, old events are removed first.
   bool has(int needed);
@@ -27,11 +26,8 @@ class Guide_room {
   int remove_old_entries() { return remove_old_entries(epg_max_age(), false); }
 
  private:
-  int64_t pragma_number(const char* name);
-  int64_t pages_left();
-
   const Connection& connection_;
-  One_shot& sql_;
+  File_room& room_;
   const Statements& statements_;
   static constexpr int epg_max_age() { return 24 * 60 * 60; }  // seconds
 

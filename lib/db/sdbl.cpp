@@ -289,9 +289,7 @@ int Sdbl::fill_frontend_control(DVB_TYPE_ID type, HF_CONN_ID connector, int freq
 // --- Merging a finished scan
 
 int Sdbl::update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state) {
-  const int changes = sdbl::Merge(parts_->statements, dvbnr, multiplex(dvb_type, hf_conn, freq)).run(state);
-  (void)parts_->stream_details.store(dvbnr, multiplex(dvb_type, hf_conn, freq));
-  return changes;
+  return parts_->scan_merge.run(dvbnr, multiplex(dvb_type, hf_conn, freq), state).changes;
 }
 
 int Sdbl::set_master_scan_timeout(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {

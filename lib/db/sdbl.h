@@ -285,8 +285,9 @@ class KELVO_EXPORT Sdbl {
   // services are marked (scan_state 0), lost streams deleted. Known services are looked up by frequency and ids,
   // whatever their input, and their other columns are not refreshed. Returns a set of: 2 channels added or back, 1
   // channels lost, 32 streams added, 16 streams deleted. 0: no change, or an empty scan table. A service that stays
-  // lost is counted again at every full scan. What could not be written does not count; the rest is merged all the
-  // same, and the next scan repairs it.
+  // lost is counted again at every full scan. When the file might not have room for all of it, within its 8000 pages or
+  // on its disk, the merge is refused whole: 0, one printed error, and the tables stay as they were for a later scan.
+  // Otherwise what could not be written does not count; the rest is merged all the same, and the next scan repairs it.
   int update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state);
 
   // Marks the services of a multiplex as timed out (scan_state 2). Result code.

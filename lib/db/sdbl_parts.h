@@ -11,11 +11,13 @@
 #include "db/errors.h"
 #include "db/event_cache.h"
 #include "db/exports.h"
+#include "db/file_room.h"
 #include "db/guide.h"
 #include "db/guide_room.h"
 #include "db/guide_services.h"
 #include "db/one_shot.h"
 #include "db/opening.h"
+#include "db/scan_merge.h"
 #include "db/scan_tables.h"
 #include "db/schema.h"
 #include "db/sdbl.h"
@@ -45,7 +47,9 @@ class Sdbl::Parts {
   sdbl::Tuning_table tunings{connection, statements, schema};
   sdbl::Stream_details stream_details{connection, sql, statements, schema};
   sdbl::Zone zone{statements};
-  sdbl::Guide_room guide_room{connection, sql, statements};
+  sdbl::File_room room{connection, sql};
+  sdbl::Guide_room guide_room{connection, room, statements};
+  sdbl::Scan_merge scan_merge{connection, sql, statements, errors, room, stream_details};
   sdbl::Event_cache event_cache;
   sdbl::Guide guide{connection, sql, statements, guide_room, errors};
   sdbl::Guide_services guide_services{statements};

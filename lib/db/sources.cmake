@@ -8,12 +8,14 @@ list(APPEND KELVO_SOURCES
   db/errors.cpp
   db/event_cache.cpp
   db/exports.cpp
+  db/file_room.cpp
   db/guide.cpp
   db/guide_room.cpp
   db/guide_services.cpp
   db/merge.cpp
   db/one_shot.cpp
   db/opening.cpp
+  db/scan_merge.cpp
   db/scan_tables.cpp
   db/schema.cpp
   db/sdbl.cpp

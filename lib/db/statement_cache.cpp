@@ -18,14 +18,6 @@ namespace {
 constexpr char INSTANCE_WORD[] = "DVBNR";
 constexpr size_t SHORTEST_TEXT = 3;
 
-std::string for_instance(const std::string& sql, int instance) {
-  std::string text = sql;
-  const char digit = static_cast<char>('0' + instance);
-  for (size_t at = text.find(INSTANCE_WORD); at != std::string::npos; at = text.find(INSTANCE_WORD, at))
-    text.replace(at, sizeof INSTANCE_WORD - 1, 1, digit);
-  return text;
-}
-
 std::vector<int32_t> kinds_of_parameters(const char* sql) {
   std::vector<int32_t> kinds;
   for (const char* c = sql; *c != '\0'; ++c) {
@@ -56,6 +48,14 @@ int bind_text(sqlite3_stmt* stmt, int index, const char* text, const char* sql) 
 
 }  // namespace
 
+std::string statement_of_instance(const std::string& sql, int instance) {
+  std::string text = sql;
+  const char digit = static_cast<char>('0' + instance);
+  for (size_t at = text.find(INSTANCE_WORD); at != std::string::npos; at = text.find(INSTANCE_WORD, at))
+    text.replace(at, sizeof INSTANCE_WORD - 1, 1, digit);
+  return text;
+}
+
 SQL_query* Statement_cache::lookup(const char* operation, int instance, const char* sql) {
   if (instance < 0 || instance >= SQL_INSTANCES)
     return nullptr;
@@ -83,7 +83,7 @@ SQL_query* Statement_cache::lookup(const char* operation, int instance, const ch
   if (query->stmt[instance] != nullptr)
     return query;
 
-  const std::string text = for_instance(query->sql, instance);
+  const std::string text = statement_of_instance(query->sql, instance);
   const int rc = sqlite3_prepare_v2(db, text.c_str(), -1, &query->stmt[instance], nullptr);
   if (rc != SQLITE_OK) {
     KLOG(VERB_ERROR, "ERROR: query %s prepare failed: %s", text.c_str(), sqlite3_errmsg(db));

@@ -21,6 +21,9 @@ namespace sdbl {
 inline constexpr int32_t PARAM_INT = 1;   // $name
 inline constexpr int32_t PARAM_TEXT = 2;  // @name
 
+// The statement with the adapter's digit for the word DVBNR.
+std::string statement_of_instance(const std::string& sql, int instance);
+
 // The value of one parameter. A text must live until the statement is bound.
 struct Argument {
   explicit Argument(int value) : kind(PARAM_INT), number(value) {}

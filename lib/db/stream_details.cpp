@@ -123,6 +123,10 @@ void Stream_details::write(const std::vector<Change>& changes) {
   }
 }
 
+bool Stream_details::any(int adapter) const {
+  return adapter >= 0 && static_cast<size_t>(adapter) < found_.size() && !found_[static_cast<size_t>(adapter)].empty();
+}
+
 int Stream_details::store(int adapter, const Multiplex& multiplex) {
   if (adapter < 0 || static_cast<size_t>(adapter) >= found_.size())
     return 0;

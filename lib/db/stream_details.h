@@ -16,7 +16,7 @@ namespace sdbl {
 
 // The tables stream_detail, stream_language and stream_ca of the channel file. They exist once something has been
 // stored; until then nothing is found, and nothing is printed. What a scan reads is kept here, by adapter, until it is
-// merged. found(), clear() and store() are for the worker of the adapter; read() is any-thread.
+// merged. found(), clear(), any() and store() are for the worker of the adapter; read() is any-thread.
 class Stream_details {
  public:
   Stream_details(const Connection& connection, One_shot& sql, const Statements& statements, Schema& schema)
@@ -25,6 +25,7 @@ class Stream_details {
   // What the PMT of a programme says; the last one counts. An adapter outside 0 to 3 is not kept.
   void found(int adapter, int program, Programme_streams streams);
   void clear(int adapter);
+  bool any(int adapter) const;
 
   // Behind a merge, which gives the services their numbers: what was found takes the place of what is stored. Services
   // of which nothing was found stay as they are. Returns how many services had other details before; new ones count.

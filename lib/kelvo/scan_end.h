@@ -34,7 +34,7 @@ struct Scan_end {
   int channel = -1;  // the request's, -1 for none
   SCAN_STATE stage = SCAN_NONE;
   int outcome = SCAN_COMPLETE;
-  bool merged = false;                 // the channel list was brought up to date
+  bool merged = false;                 // the channel list was brought up to date; not so without room (error 13)
   int changes = 0;                     // what the merge changed: bits of Sdbl::update_master_scan_data's result
   std::vector<Missing_table> missing;  // of a scan that timed out
   Database_error error;                // the first one since the scan began; code 0 for none

@@ -102,12 +102,12 @@ bool Scan_loop::has_news(bool timed_out) {
 int Scan_loop::merge(int scanned_freq) {
   const Activity_listener activity = kelvo_.listeners.activity();
   activity.tell(ACTIVITY_MERGE_BEGIN, scanned_freq);
-  const int result = kelvo_.database.update_master_scan_data(kelvo_.adapter, number(kelvo_.input.delivery),
-                                                             number(kelvo_.input.connector), scanned_freq, scan_mode_);
-  activity.tell(ACTIVITY_MERGE_END, result);
-  scan_.merged = true;
-  scan_.changes = result;
-  return result;
+  const sdbl::Merge_end end =
+      kelvo_.database.parts().scan_merge.run(kelvo_.adapter, {kelvo_.input, scanned_freq}, scan_mode_);
+  activity.tell(ACTIVITY_MERGE_END, end.changes);
+  scan_.merged = end.outcome == sdbl::Merge_outcome::DONE;
+  scan_.changes = end.changes;
+  return end.changes;
 }
 
 // What stays are the guide on PID 18 and the time on PID 20.

@@ -578,3 +578,82 @@ TEST_F(Merge, extreme_ids_and_hostile_texts_are_stored_as_they_are) {
   EXPECT_EQ(rows("SELECT es_pid, es_subtype, codec, languages FROM estreams"),
             (Texts{"-5|-2147483648|" + hostile + "|" + hostile}));
 }
+
+// --- Without room
+// ------------------------------------------------------------------------------------------------------
+
+namespace {
+
+class Merge_room : public Merge {
+ protected:
+  static constexpr char REFUSED[] = "ERROR: No room for the channels of 506000000 Hz: nothing is stored, rc = 13\n";
+
+  // The channel file may grow by this many pages.
+  void limit(int pages) {
+    const int count = number("PRAGMA main.page_count") - number("PRAGMA main.freelist_count") + pages;
+    ASSERT_EQ(number("PRAGMA main.max_page_count=" + std::to_string(count)), count);
+  }
+  static Services services(int count) {
+    Services all;
+    for (int program = 1; program <= count; ++program)
+      all.push_back({program});
+    return all;
+  }
+  Texts everything() {
+    Texts all = all_of_channels();
+    for (const char* table : {"kanalid_lang", "estreams", "main.sqlite_sequence"})
+      for (const std::string& row : Database_test::table(table))
+        all.push_back(row);
+    return all;
+  }
+};
+
+}  // namespace
+
+// The file would be damaged: what an insert has written until it finds no page cannot be undone.
+TEST_F(Merge_room, what_does_not_fit_for_certain_is_refused_whole_and_stored_by_a_later_scan) {
+  EXPECT_EQ(merged(services(20)), CHANNELS_ADDED | STREAMS_ADDED);
+  const Texts before = everything();
+  scan(services(50));
+  int pages = 0;
+  int result = 0;
+  for (; result == 0 && pages < 200; ++pages) {
+    limit(pages);
+    const std::string text = messages_at(0, [&] { result = merge(); });
+    EXPECT_EQ(text, result == 0 ? REFUSED : "") << pages;
+    EXPECT_EQ(everything() == before, result == 0) << pages;
+    ASSERT_EQ(rows("PRAGMA main.integrity_check"), (Texts{"ok"})) << pages;
+  }
+  EXPECT_EQ(result, CHANNELS_ADDED | STREAMS_ADDED);
+  EXPECT_GT(pages, 32);
+  EXPECT_LT(pages, 100) << "no more is asked for than what was found may need";
+  EXPECT_EQ(number("SELECT count(*) FROM kanalid"), 50);
+  EXPECT_EQ(number("SELECT count(*) FROM estreams"), 100);
+}
+
+TEST_F(Merge_room, what_is_known_needs_none) {
+  merged(services(20));
+  merged(services(20));  // which clears the marks of new rows
+  const Texts before = everything();
+  limit(0);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merged(services(20)), 0); }), "");
+  EXPECT_EQ(everything(), before);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merged(services(18)), CHANNELS_LOST); }), "");
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merged(services(20)), CHANNELS_ADDED); }), "");
+  EXPECT_EQ(rows("PRAGMA main.integrity_check"), (Texts{"ok"}));
+}
+
+TEST_F(Merge_room, another_stream_of_a_channel_needs_room) {
+  merged({{1}});
+  receive_pmt_of_channel(1);
+  limit(0);
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merge(SCAN_PMT), 0); }), REFUSED);
+  EXPECT_EQ(streams(), (Texts{"1|1001|", "1|2001|eng"}));
+  Database_error error;
+  EXPECT_TRUE(sdbl().first_error(&error));
+  EXPECT_EQ(error.code, SQLITE_FULL);
+  EXPECT_STREQ(error.operation, "update_master_scan_data");
+  limit(100);
+  EXPECT_EQ(merge(SCAN_PMT), STREAMS_ADDED | STREAMS_DELETED);
+  EXPECT_EQ(streams(), (Texts{"1|4000|"}));
+}

@@ -117,6 +117,19 @@ TEST_F(Scan_ends, first_database_error_since_the_scan_began_is_told_with_it) {
   EXPECT_EQ(protocol_.count("end 506000000 -1 PAT complete merged 0"), 2U) << "forgotten when the next scan begins";
 }
 
+TEST_F(Scan_ends, merge_without_room_is_told_as_not_merged_and_done_by_the_next_scan) {
+  make();
+  EXPECT_GT(number_of("PRAGMA main.max_page_count = 1"), 1);  // as many as there are
+  ask("a");
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT complete error 13 update_master_scan_data\ndone a 0\n");
+  EXPECT_EQ(number_of("SELECT count(*) FROM kanalid"), 0);
+  EXPECT_EQ(number_of("PRAGMA main.max_page_count = 8000"), 8000);
+  ask("b");
+  EXPECT_EQ(protocol_.text({"end"}),
+            "end 506000000 -1 PAT complete error 13 update_master_scan_data\n"
+            "end 506000000 -1 PAT complete merged 34\n");
+}
+
 TEST_F(Scan_ends, what_was_read_of_the_multiplex_is_told_with_it) {
   make();
   std::pair<Protocol*, Scan_end> told{&protocol_, {}};

@@ -1,0 +1,47 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#include "db/file_room.h"
+
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+namespace sdbl {
+
+namespace {
+
+// Bytes that a file may grow by, -1 when its disk does not say.
+int64_t disk_space(const char* file) {
+  struct statvfs disk {};
+  if (file == nullptr || *file == '\0' || statvfs(file, &disk) != 0 || disk.f_blocks == 0)
+    return -1;
+  const uint64_t blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
+  const uint64_t block = disk.f_frsize != 0 ? disk.f_frsize : 1;
+  return blocks > INT64_MAX / block ? INT64_MAX : static_cast<int64_t>(blocks * block);
+}
+
+}  // namespace
+
+int64_t File_room::pragma_number(const char* schema, const char* name) {
+  return sql_.silent_number(std::string("PRAGMA ") + schema + "." + name);
+}
+
+int64_t File_room::pages_left(const char* schema) {
+  Db_lock lock(connection_);
+  const int64_t limit = pragma_number(schema, "max_page_count");
+  const int64_t used = pragma_number(schema, "page_count");
+  const int64_t unused = pragma_number(schema, "freelist_count");
+  const int64_t size = pragma_number(schema, "page_size");
+  if (limit < 0 || used < 0 || unused < 0 || size <= 0)
+    return -1;
+  int64_t growth = limit - used;
+  const int64_t space = disk_space(sqlite3_db_filename(connection_.get(), schema));
+  if (space >= 0)
+    growth = std::min(growth, space / size);
+  return growth + unused;
+}
+
+}  // namespace sdbl

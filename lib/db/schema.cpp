@@ -132,7 +132,7 @@ const char TUNED_MULTIPLEX[] =
     "pipe int, bandwidth_hz int, modulation int, offset_hz int, lock_ms int, UNIQUE (freq, hf_conn, dvb_type));";
 
 const char* const STREAM_TABLES[] = {
-    "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, component_tag int, kind text, codec text, "
+    "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, es_type int, component_tag int, kind text, codec text, "
     "profile text);",
     "CREATE TABLE IF NOT EXISTS stream_language (channel int, es_pid int, lang text, role text, page int);",
     "CREATE TABLE IF NOT EXISTS stream_ca (channel int, es_pid int, ca_sysid int, ca_pid int);",

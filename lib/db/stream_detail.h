@@ -17,6 +17,7 @@ struct Stream_language {
 // What the descriptors of a PMT say of one elementary stream, in words.
 struct Stream_detail {
   int es_pid = 0;
+  int es_type = 0;         // stream_type (ISO/IEC 13818-1, table 2-34)
   int component_tag = -1;  // of its stream_identifier_descriptor (EN 300 468, 6.2.39); -1 for none
   std::string kind;        // "video", "audio", "subtitles", "teletext", "application" or "data"
   std::string codec;       // "HEVC", "E-AC-3", "TTML", "HbbTV", ...; empty where none is known

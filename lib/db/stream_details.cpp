@@ -54,13 +54,19 @@ Programme_streams Stream_details::read(int channel) const {
   Db_lock lock(connection_);  // so that the tables stay
   if (!exists())
     return out;
-  Rows streams(statements_, __func__, 0,
-               "SELECT es_pid, component_tag, kind, codec, profile FROM stream_detail WHERE channel = $channel ORDER "
-               "BY oid",
-               channel);
+  Rows streams(
+      statements_, __func__, 0,
+      "SELECT es_pid, es_type, component_tag, kind, codec, profile FROM stream_detail WHERE channel = $channel ORDER "
+      "BY oid",
+      channel);
   while (streams.next())
-    out.streams.push_back(
-        {streams.number(0), streams.number(1), streams.text(2), streams.text(3), streams.text(4), {}});
+    out.streams.push_back({streams.number(0),
+                           streams.number(1),
+                           streams.number(2),
+                           streams.text(3),
+                           streams.text(4),
+                           streams.text(5),
+                           {}});
   streams.end();
 
   Rows languages(statements_, __func__, 0,
@@ -100,7 +106,8 @@ void Stream_details::write(const std::vector<Change>& changes) {
   for (const auto& [channel, programme] : changes) {
     channels += (channels.empty() ? "" : ",") + std::to_string(channel);
     for (const Stream_detail& stream : programme->streams) {
-      add_row(details, channel, stream.es_pid, stream.component_tag, stream.kind, stream.codec, stream.profile);
+      add_row(details, channel, stream.es_pid, stream.es_type, stream.component_tag, stream.kind, stream.codec,
+              stream.profile);
       for (const Stream_language& language : stream.languages)
         add_row(languages, channel, stream.es_pid, language.code, language.role, language.page);
     }
@@ -111,7 +118,7 @@ void Stream_details::write(const std::vector<Change>& changes) {
     const char* table;
     const char* columns;
     const std::string& rows;
-  } tables[] = {{"stream_detail", "channel, es_pid, component_tag, kind, codec, profile", details},
+  } tables[] = {{"stream_detail", "channel, es_pid, es_type, component_tag, kind, codec, profile", details},
                 {"stream_language", "channel, es_pid, lang, role, page", languages},
                 {"stream_ca", "channel, es_pid, ca_sysid, ca_pid", ca}};
   for (const auto& [table, columns, rows] : tables) {

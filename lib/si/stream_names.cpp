@@ -177,7 +177,10 @@ const char* aac_of(int profile_and_level) {
 // One stream while its descriptors are read. What several of them say is decided at the end.
 class Stream_reader {
  public:
-  Stream_reader(int type, int pid) : type_(type) { detail_.es_pid = pid; }
+  Stream_reader(int type, int pid) : type_(type) {
+    detail_.es_pid = pid;
+    detail_.es_type = type;
+  }
 
   void descriptor(int tag, Bytes body);
   Stream_detail finish();

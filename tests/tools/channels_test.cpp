@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 #include <kelvo/kelvo.h>
+#include <nlohmann/json.hpp>
 
 #include "tools/command_fixture.h"
+#include "tools/database/stream_words.h"
 
 namespace {
 
@@ -41,6 +43,105 @@ TEST_F(Channels, table_is_sorted_by_number_then_row) {
 TEST_F(Channels, json_tells_everything) {
   run_sql(db_, "DELETE FROM kanalid WHERE channel IN (2, 4);");
   EXPECT_EQ(channels({"--format", "json"}), prints(support::read_file(KELVO_TEST_DATA "/channels.json")));
+}
+
+// What a receiver that names streams stores beside what there was before.
+constexpr const char* WORDS = R"(
+    CREATE TABLE stream_detail (channel int, es_pid int, es_type int, component_tag int, kind text, codec text,
+                                profile text);
+    CREATE TABLE stream_language (channel int, es_pid int, lang text, role text, page int);
+    CREATE TABLE stream_ca (channel int, es_pid int, ca_sysid int, ca_pid int);
+    INSERT INTO stream_detail VALUES (1, 257, 27, -1, 'video', 'H.264', 'High@L4.0'),
+                                     (1, 258, 4, 3, 'audio', 'MPEG-2', ''), (1, 259, 6, -1, 'audio', 'E-AC-3', ''),
+                                     (1, 260, 6, -1, 'teletext', '', ''), (1, 261, 6, -1, 'subtitles', 'TTML', ''),
+                                     (2, 300, 15, -1, 'audio', 'AAC', ''), (3, 402, 5, -1, 'application', 'HbbTV', '');
+    INSERT INTO stream_language VALUES (1, 258, 'est', '', 0), (1, 258, 'eng', 'audio description', 0),
+                                       (1, 259, 'est', 'hard of hearing', 0), (1, 260, 'est', 'index', 100),
+                                       (1, 260, 'est', 'subtitles', 888), (1, 260, 'rus', '', 700),
+                                       (1, 261, 'est', '', 1), (1, 261, 'rus', 'hard of hearing', 2),
+                                       (99, 500, 'est', '', 0);
+    INSERT INTO stream_ca VALUES (3, 0, 2816, 1200), (3, 0, 1280, 1300), (3, 402, 2816, 1201), (3, 402, 4660, 1202),
+                                 (99, 0, 256, 1);
+)";
+
+TEST_F(Channels, streams_in_words_have_codec_and_roles_and_all_systems_their_names) {
+  run_sql(db_, WORDS);
+  run_sql(db_, "DELETE FROM kanalid WHERE channel IN (4, 5);");
+  EXPECT_EQ(
+      channels(),
+      prints(
+          "LCN  NAME       TYPE   PROVIDER  NETWORK    FREQUENCY  CA                     STATE  PIDS\n"
+          "  3  Žluťoučký  HD TV  -         -        506.000 MHz  Conax Viaccess 0x1234  lost   video 400, audio 401 "
+          "ces, application 402 HbbTV\n"
+          " 12  Kuldnokk   TV     Meedia    Võrk     506.000 MHz  -                      found  video 257 H.264, "
+          "audio 258 MPEG-2 est eng (audio description), audio 259 E-AC-3 est (hard of hearing), teletext 260 est "
+          "(index 100, subtitles 888) rus (700), subtitles 261 TTML est rus (hard of hearing)\n"
+          "  -  Raadio     radio  Meedia    Võrk     506.000 MHz  -                      found  audio 300\n"))
+      << "the last one's type is another than its words were made for";
+}
+
+TEST_F(Channels, json_has_the_words_beside_the_rest) {
+  run_sql(db_, WORDS);
+  run_sql(db_, "DELETE FROM kanalid WHERE channel IN (2, 4, 5);");
+  const auto list = nlohmann::json::parse(channels({"--format", "json"}).out);
+  ASSERT_EQ(list.size(), 2U);
+  EXPECT_EQ(list[0]["ca_systems"], nlohmann::json::parse(R"(["0x0B00", "0x0500", "0x1234"])"));
+  EXPECT_EQ(list[0]["ca"], nlohmann::json::parse(R"([
+      {"system": 2816, "name": "Conax", "pid": 1200, "stream": null},
+      {"system": 1280, "name": "Viaccess", "pid": 1300, "stream": null},
+      {"system": 2816, "name": "Conax", "pid": 1201, "stream": 402},
+      {"system": 4660, "name": null, "pid": 1202, "stream": 402}])"));
+  EXPECT_FALSE(list[0]["streams"][0].contains("roles")) << "it has no words";
+  EXPECT_EQ(list[0]["streams"][2], nlohmann::json::parse(R"({"pid": 402, "kind": "application", "codec": "HbbTV",
+      "stream_type": 5, "languages": [], "ca_system": 256, "ca_pid": 1201, "profile": null, "component_tag": null,
+      "roles": []})"));
+  EXPECT_FALSE(list[1].contains("ca"));
+  EXPECT_EQ(list[1]["streams"][0]["profile"], "High@L4.0");
+  EXPECT_EQ(list[1]["streams"][1], nlohmann::json::parse(R"({"pid": 258, "kind": "audio", "codec": "MPEG-2",
+      "stream_type": 4, "languages": ["est", "eng"], "profile": null, "component_tag": 3, "roles": [
+        {"language": "est", "role": null, "page": null},
+        {"language": "eng", "role": "audio description", "page": null}]})"));
+  EXPECT_EQ(list[1]["streams"][3]["roles"], nlohmann::json::parse(R"([
+      {"language": "est", "role": "index", "page": 100}, {"language": "est", "role": "subtitles", "page": 888},
+      {"language": "rus", "role": null, "page": 700}])"));
+}
+
+TEST_F(Channels, one_of_their_tables_alone_holds_no_words) {
+  run_sql(db_, "CREATE TABLE stream_detail (channel int);");
+  EXPECT_EQ(channels().exit_code, 0) << "the two other tables are not there";
+}
+
+TEST(Service_types, have_the_names_of_the_standard) {
+  const std::map<int, std::string> types = {
+      {0x01, "TV"},       {0x02, "radio"},   {0x03, "teletext"}, {0x04, "NVOD"},   {0x06, "mosaic"},
+      {0x07, "FM radio"}, {0x0A, "radio"},   {0x0B, "mosaic"},   {0x0C, "data"},   {0x0D, "type 13"},
+      {0x10, "data"},     {0x11, "HD TV"},   {0x16, "SD TV"},    {0x19, "HD TV"},  {0x1C, "3D TV"},
+      {0x1E, "NVOD"},     {0x1F, "HEVC TV"}, {0x20, "UHD TV"},   {0x21, "VVC TV"}, {0x80, "type 128"}};
+  for (const auto& [type, name] : types) {
+    Service service;
+    service.type = type;
+    EXPECT_EQ(type_text(service), name) << type;
+  }
+}
+
+TEST(Ca_names, are_told_by_the_number) {
+  const std::map<int, std::string> names = {{0x0100, "Mediaguard"},
+                                            {0x0500, "Viaccess"},
+                                            {0x0604, "Irdeto"},
+                                            {0x093B, "VideoGuard"},
+                                            {0x0B00, "Conax"},
+                                            {0x0B02, "Conax"},
+                                            {0x0D95, "CryptoWorks"},
+                                            {0x0E00, "PowerVu"},
+                                            {0x1843, "Nagravision"},
+                                            {0x2600, "BISS"},
+                                            {0x4AE1, "DRE-Crypt"},
+                                            {0x4AE2, ""},
+                                            {0, ""},
+                                            {0x0200, ""},
+                                            {0xFFFF, ""}};
+  for (const auto& [system, name] : names)
+    EXPECT_EQ(ca_name(system), name) << system;
 }
 
 TEST_F(Channels, is_the_same_in_every_locale) {

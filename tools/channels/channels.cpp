@@ -17,6 +17,7 @@
 #include "tools/cli/text.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
+#include "tools/database/stream_words.h"
 
 namespace {
 
@@ -25,38 +26,10 @@ struct Channels_options {
   std::string format = "table";
 };
 
-std::string stream_text(const Stream& stream) {
-  std::string out = fmt::format("{} {}", stream.kind, stream.pid);
-  for (const std::string& language : stream.languages) {
-    out += " " + language;
-  }
-  return out;
-}
-
-std::string streams_text(const Service& service) {
-  std::vector<std::string> texts;
-  for (const Stream& stream : service.streams) {
-    texts.push_back(stream_text(stream));
-  }
-  return fmt::format("{}", fmt::join(texts, ", "));
-}
-
-// Conditional access systems of the service, in hexadecimal.
-std::vector<std::string> ca_systems(const Service& service) {
-  std::vector<std::string> out;
-  for (const Stream& stream : service.streams) {
-    const std::string system = fmt::format("0x{:04X}", stream.ca_system);
-    if (stream.ca_system != 0 && std::find(out.begin(), out.end(), system) == out.end()) {
-      out.push_back(system);
-    }
-  }
-  return out;
-}
-
 // A service can be marked as scrambled in the service table while no system is named for its streams; "yes" says so
 // much.
 std::string ca_text(const Service& service) {
-  const std::vector<std::string> systems = ca_systems(service);
+  const std::vector<std::string> systems = service.ca.empty() ? ca_numbers(service) : ca_names(service);
   if (!systems.empty()) {
     return fmt::format("{}", fmt::join(systems, " "));
   }
@@ -88,16 +61,32 @@ void print_table(const std::vector<Service>& services) {
   table.print(stdout);
 }
 
+nlohmann::ordered_json or_null(const std::string& text) {
+  return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
 // Keys stay in the order of writing, so that two lists can be compared line by line. What is unknown is null and not
-// left out, so that programs can rely on the key; only what hardly any stream has, its scrambling, is left out.
+// left out, so that programs can rely on the key; only what hardly any stream has, its scrambling, is left out, and
+// what only databases have that streams are described in.
 nlohmann::ordered_json to_json(const Stream& stream) {
   nlohmann::ordered_json out{{"pid", stream.pid}, {"kind", stream.kind}};
-  out["codec"] = stream.codec.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(stream.codec);
+  out["codec"] = or_null(stream.codec);
   out["stream_type"] = stream.stream_type;
   out["languages"] = stream.languages;
   if (stream.ca_system != 0) {
     out["ca_system"] = stream.ca_system;
     out["ca_pid"] = stream.ca_pid;
+  }
+  if (stream.described) {
+    out["profile"] = or_null(stream.profile);
+    out["component_tag"] =
+        stream.component_tag < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(stream.component_tag);
+    out["roles"] = nlohmann::ordered_json::array();
+    for (const Language_role& role : stream.roles) {
+      out["roles"].push_back({{"language", role.language},
+                              {"role", or_null(role.role)},
+                              {"page", role.page == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(role.page)}});
+    }
   }
   return out;
 }
@@ -123,7 +112,16 @@ nlohmann::ordered_json to_json(const Service& service) {
   out["pmt_pid"] = service.pmt_pid;
   out["pcr_pid"] = service.pcr_pid;
   out["scrambled"] = service.scrambled;
-  out["ca_systems"] = ca_systems(service);
+  out["ca_systems"] = ca_numbers(service);
+  if (!service.ca.empty()) {
+    out["ca"] = nlohmann::ordered_json::array();
+    for (const Service_ca& ca : service.ca) {
+      out["ca"].push_back({{"system", ca.system},
+                           {"name", or_null(ca_name(ca.system))},
+                           {"pid", ca.pid},
+                           {"stream", ca.stream == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(ca.stream)}});
+    }
+  }
   out["state"] = state_text(service);
   out["streams"] = nlohmann::ordered_json::array();
   for (const Stream& stream : service.streams) {

@@ -38,6 +38,11 @@ constexpr const char* SERVICE_COLUMNS =
 constexpr const char* STREAM_COLUMNS =
     "SELECT channel, es_pid, es_type, es_subtype, codec, languages, ca_sysid, ca_pid FROM estreams "
     "ORDER BY channel, rowid;";
+constexpr const char* WORD_COLUMNS =
+    "SELECT channel, es_pid, es_type, component_tag, kind, codec, profile FROM stream_detail;";
+constexpr const char* ROLE_COLUMNS =
+    "SELECT channel, es_pid, lang, role, page FROM stream_language ORDER BY channel, rowid;";
+constexpr const char* CA_COLUMNS = "SELECT channel, es_pid, ca_sysid, ca_pid FROM stream_ca ORDER BY channel, rowid;";
 constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
 
 struct Stream_kind {
@@ -150,6 +155,20 @@ std::string type_text(const Service& service) {
       return "radio";
     case 0x03:
       return "teletext";
+    case 0x04:
+    case 0x05:
+    case 0x17:
+    case 0x18:
+    case 0x1A:
+    case 0x1B:
+    case 0x1D:
+    case 0x1E:
+      return "NVOD";
+    case 0x06:
+    case 0x0B:
+      return "mosaic";
+    case 0x07:
+      return "FM radio";
     case 0x0C:
     case 0x10:
       return "data";
@@ -158,9 +177,15 @@ std::string type_text(const Service& service) {
       return "HD TV";
     case 0x16:
       return "SD TV";
+    case 0x1C:
+      return "3D TV";
+    // Whatever its picture's size is; of UHD are those of the next type.
     case 0x1F:
+      return "HEVC TV";
     case 0x20:
       return "UHD TV";
+    case 0x21:
+      return "VVC TV";
     default:
       return fmt::format("type {}", service.type);
   }
@@ -368,7 +393,52 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
       list.push_back(std::move(stream));
     }
   }
+  read_stream_words(&out, places);
   return out;
+}
+
+// What stands there of a stream that estreams has with another type is older than that: a program that does not know
+// these tables has scanned since.
+void Channel_db::read_stream_words(std::vector<Service>* services, const std::map<int, size_t>& places) const {
+  for (const char* table : {"stream_detail", "stream_language", "stream_ca"}) {
+    if (!has_table(connection_, file_, table)) {
+      return;
+    }
+  }
+  const auto find = [&](int channel, int pid) -> Stream* {
+    const auto place = places.find(channel);
+    if (place == places.end()) {
+      return nullptr;
+    }
+    std::vector<Stream>& streams = (*services)[place->second].streams;
+    const auto stream = std::find_if(streams.begin(), streams.end(), [pid](const Stream& s) { return s.pid == pid; });
+    return stream == streams.end() ? nullptr : &*stream;
+  };
+  Statement words(connection_, file_, WORD_COLUMNS);
+  while (words.step()) {
+    Stream* stream = find(words.number(0), words.number(1));
+    if (stream != nullptr && stream->stream_type == words.number(2)) {
+      stream->described = true;
+      stream->component_tag = words.number(3);
+      stream->kind = words.text(4);
+      stream->codec = words.text(5);
+      stream->profile = words.text(6);
+    }
+  }
+  Statement roles(connection_, file_, ROLE_COLUMNS);
+  while (roles.step()) {
+    Stream* stream = find(roles.number(0), roles.number(1));
+    if (stream != nullptr && stream->described) {
+      stream->roles.push_back({roles.text(2), roles.text(3), roles.number(4)});
+      add_languages(stream, roles.text(2));
+    }
+  }
+  Statement ca(connection_, file_, CA_COLUMNS);
+  while (ca.step()) {
+    if (const auto place = places.find(ca.number(0)); place != places.end()) {
+      (*services)[place->second].ca.push_back({ca.number(1), ca.number(2), ca.number(3)});
+    }
+  }
 }
 
 // Services that are named but not described are counted as well: the multiplex announced them.

@@ -9,15 +9,34 @@
 
 struct sqlite3;
 
+// One language of a stream, or one page of teletext or subtitles: a row of table stream_language.
+struct Language_role {
+  std::string language;
+  std::string role;  // empty for the main one
+  int page = 0;      // of teletext; else a number of the subtitles, or 0
+};
+
+// A conditional-access system of a service: a row of table stream_ca.
+struct Service_ca {
+  int stream = 0;  // PID; 0 for the whole service
+  int system = 0;
+  int pid = 0;
+};
+
 // A stream of a service: the rows of one PID in table estreams, joined.
 struct Stream {
   int pid = 0;
   int stream_type = 0;  // ISO/IEC 13818-1, table 2-34
-  std::string kind;     // "video", "audio", "teletext", "subtitles", "data"
+  std::string kind;     // "video", "audio", "teletext", "subtitles", "data", "application"
   std::string codec;    // "H.264", "AC-3", ...; empty where none is known
   std::vector<std::string> languages;
   int ca_system = 0;
   int ca_pid = 0;
+  // Only where the database has the stream in words:
+  bool described = false;
+  std::string profile;
+  int component_tag = -1;
+  std::vector<Language_role> roles;
 };
 
 // A service: a row of table kanalid. All texts are clean.
@@ -26,7 +45,7 @@ struct Service {
   int lcn = 0;  // NO_LCN: none
   std::string name;
   std::map<std::string, std::string> names;  // by language
-  int type = 0;                              // service_type, EN 300 468, table 89
+  int type = 0;                              // service_type, EN 300 468, table 87
   std::string provider;
   std::string network;
   int freq = 0;
@@ -40,6 +59,7 @@ struct Service {
   int scan_state = 0;
   int row_status = 0;
   std::vector<Stream> streams;
+  std::vector<Service_ca> ca;  // all systems, where the database has them
 };
 
 inline constexpr int NO_LCN = 65535;
@@ -86,6 +106,7 @@ class Channel_db {
  private:
   friend bool check_database(const std::string& file);
   void check_layout() const;
+  void read_stream_words(std::vector<Service>* services, const std::map<int, size_t>& places) const;
 
   std::string file_;
   sqlite3* connection_ = nullptr;

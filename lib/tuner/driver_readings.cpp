@@ -71,6 +71,7 @@ float Driver_readings::snr() {
   const float snr = tuner_quality::snr_db(noise);
   KLOG(VERB_TRACE, "corrected snr %d log value %3.2f\n", noise, static_cast<double>(snr));
   snr_ = snr;
+  snr_read_ = true;
   return snr;
 }
 
@@ -87,6 +88,8 @@ Signal_readings Driver_readings::signal() const {
   signal.age_ms = monotonic_ms() - read_at;
   signal.status = static_cast<unsigned>(status_.load());
   signal.strength = {SCALE_BOX, static_cast<double>(strength_)};
+  if (snr_read_)
+    signal.snr = {SCALE_BOX, static_cast<double>(snr_)};
   signal.post_ber = {SCALE_BOX, static_cast<double>(ber_quality_)};
   return signal;
 }

@@ -37,5 +37,6 @@ class Driver_readings final : public Readings {
   std::atomic<int> strength_{0};
   std::atomic<int> ber_quality_{0};
   std::atomic<float> snr_{0.0F};
+  std::atomic<bool> snr_read_{false};    // only hosts read it: the monitor leaves it alone
   std::atomic<int64_t> read_at_ms_{-1};  // of CLOCK_MONOTONIC, by refresh(); -1: never
 };

@@ -94,8 +94,8 @@ class KELVO_EXPORT Tuner {
   // was asked for last, plus the number of its pipe. Any-thread.
   int tuned_freq();
 
-  // The readings as the monitor took them last, with scale and age; absent is what the device does not have. No device
-  // access. Any-thread.
+  // The readings as the monitor took them last, with scale and age; absent is what the device does not have. With
+  // Readings::DRIVER the SNR is that of the last fe_snr(), absent before the first. No device access. Any-thread.
   Signal_readings signal() const;
 
   // Asks a frontend what it is, by a read-only open that neither disturbs its user nor loads firmware; by one for

@@ -225,6 +225,27 @@ TEST_F(Scan_choice, announced_frequencies_are_followed) {
 }
 
 // The second adapter has nothing to do until the first one has read a NIT.
+// Pipes 0 and 1 of one frequency; the device takes pipe 0 when it is asked for none.
+TEST_F(Scan_choice, pipes_that_were_found_once_are_scanned_again) {
+  device_ = "mn88472";
+  const Words air{
+      "--time", "x8", "--mux", "498000000,plp=0=" + stream("498"), "--mux", "498000000,plp=1=" + stream("522")};
+  const std::string found = "SELECT count(*) FROM kanalid WHERE row_status = 0 AND freq = 498000001";
+  const std::string table = file("[one]\nDELIVERY_SYSTEM = DVBT2\nFREQUENCY = 498000000\nSTREAM_ID = 1\n");
+  EXPECT_THAT(scan(air, {"--table", table}), ends(0, _, HasSubstr("[1/1] 498.000 MHz: locked, 8 services")));
+  run_sql(db_, "UPDATE kanalid SET row_status = 2;");
+  ASSERT_EQ(stored(found), "0");
+  const Command_result again = scan(air, {"--freq", "498000000"});
+  EXPECT_THAT(again, ends(0, HasSubstr("2 of 2 frequencies with a multiplex"),
+                          AllOf(HasSubstr("[1/2] 498.000 MHz: locked, 8 services"),
+                                HasSubstr("[2/2] 498.000 MHz: locked, 8 services"))));
+  EXPECT_EQ(stored(found), "8");
+  // One that the table names itself is scanned once.
+  EXPECT_THAT(scan(air, {"--table", table}), ends(0, HasSubstr("1 of 1 frequenc"), _));
+  // Where nothing is on air, nobody waits for pipes.
+  EXPECT_THAT(scan({"--time", "x20"}, {"--freq", "498000000"}), ends(1, _, Not(HasSubstr("/2]"))));
+}
+
 TEST_F(Scan_choice, adapters_share_what_is_announced) {
   Words network{"--time", "x10"};
   for (const char* number : {"0", "1"}) {

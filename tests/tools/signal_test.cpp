@@ -80,6 +80,16 @@ TEST_F(Signal, is_an_object_a_second_for_programs) {
   }
 }
 
+TEST_F(Signal, of_the_box_has_its_scales) {
+  const Command_result result = signal(locked_, joined({freq_, {"--for", "4s", "--json", "--profile", "box"}}));
+  EXPECT_THAT(result, ends(0, Not(""), ""));
+  const json line = json::parse(support::lines_of(result.out).back());
+  EXPECT_EQ(line["strength"], json::parse(R"({"value": 100, "unit": "box"})"));
+  EXPECT_EQ(line["snr"]["unit"], "box");
+  EXPECT_EQ(std::round(line["snr"]["value"].get<double>() * 10), 171) << "5 of 255 is noise";
+  EXPECT_EQ(line["post_ber"], json::parse(R"({"value": 100, "unit": "box"})"));
+}
+
 TEST_F(Signal, without_a_lock_is_tried_again_and_a_failure_at_the_end) {
   const std::string calls = dir_.file("calls");
   const Command_result result = signal(joined({locked_, {"--log", calls}}), {"--freq", "530000000", "--for", "9s"});

@@ -4,6 +4,7 @@
 #include "tools/database/channel_db.h"
 
 #include <fcntl.h>
+#include <linux/dvb/frontend.h>
 #include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -442,6 +443,27 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
 }
 
 // Services that are named but not described are counted as well: the multiplex announced them.
+std::vector<Tuning_request> Channel_db::stored_pipes() const {
+  std::vector<Tuning_request> out;
+  if (!has_table(connection_, file_, "tuned_multiplex")) {
+    return out;
+  }
+  // Of the input that the command uses, and only what a scan can have stored.
+  Statement rows(connection_, file_,
+                 "SELECT asked_freq, pipe, bandwidth_hz FROM tuned_multiplex WHERE hf_conn = 0 AND dvb_type = 0 AND "
+                 "pipe BETWEEN 1 AND 255 AND asked_freq BETWEEN 1 AND 2000000000 AND freq = asked_freq + pipe AND "
+                 "bandwidth_hz IN (0, 1712000, 5000000, 6000000, 7000000, 8000000, 10000000) ORDER BY freq;");
+  while (rows.step()) {
+    Tuning_request request;
+    request.freq = rows.number(0);
+    request.system = SYS_DVBT2;
+    request.pipe = rows.number(1);
+    request.bandwidth_hz = rows.number(2);
+    out.push_back(request);
+  }
+  return out;
+}
+
 int Channel_db::services_found(int freq) const {
   Statement count(connection_, file_,
                   "SELECT count(*) FROM kanalid WHERE freq = ?1 AND (scan_state = 1 OR row_status = 2);");

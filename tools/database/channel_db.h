@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <tuner/reception.h>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -96,6 +98,9 @@ class Channel_db {
 
   // All services by row number; with their streams and names by language, or without.
   std::vector<Service> services(bool with_streams) const;
+
+  // The DVB-T2 pipes above 0 that were received, each as what to ask for. Nothing where none can be.
+  std::vector<Tuning_request> stored_pipes() const;
 
   // How many services of this frequency the last scan found.
   int services_found(int freq) const;

@@ -24,6 +24,9 @@ class Follow_queue {
   std::vector<Tuning_request> announced(int from, int original_network_id, int transport_stream_id,
                                         const std::vector<Announced_multiplex>& list);
 
+  // One more that is visited, whoever asked for it.
+  void add(const Tuning_request& request) { requests_.push_back(request); }
+
   // The key of the multiplex that announced this one; 0 when it was asked for.
   int announced_by(int key) const;
 

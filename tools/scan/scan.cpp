@@ -67,7 +67,7 @@ class Scan {
   int wait_ms() const;
   void handle(Multiplex_result result);
   void draw();
-  size_t total() const { return requests_.size() + static_cast<size_t>(job_->announced()); }
+  size_t total() const { return requests_.size() + static_cast<size_t>(job_->added()); }
   Outcome outcome_of_left(Tuning_request request) const;
   std::vector<Service> compare(const std::vector<Service>& before);
   int end_code() const;
@@ -93,7 +93,13 @@ class Scan {
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow) {
   // Read before the library has the file, so that the report compares with what the reader knew.
-  const std::vector<Service> before = exists ? Channel_db(db_).services(false) : std::vector<Service>();
+  std::vector<Service> before;
+  std::vector<Tuning_request> pipes;
+  if (exists) {
+    const Channel_db stored(db_);
+    before = stored.services(false);
+    pipes = stored.stored_pipes();
+  }
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
@@ -108,6 +114,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     throw;
   }
   job_ = std::make_unique<Scan_job>(engine_.get());
+  job_->revisit(pipes, requests_);
   if (follow) {
     job_->follow(requests_);
   }

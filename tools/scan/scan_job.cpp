@@ -38,6 +38,40 @@ void Scan_job::follow(const std::vector<Tuning_request>& asked) {
   follow_.emplace(asked);
 }
 
+void Scan_job::revisit(const std::vector<Tuning_request>& pipes, const std::vector<Tuning_request>& asked) {
+  pipes_ = pipes;
+  for (const Tuning_request& request : asked) {
+    keys_.insert(key_of(request));
+  }
+}
+
+// REQUIRES: the mutex is held.
+std::vector<Tuning_request> Scan_job::added_by(const Multiplex_result& result, const Scan_end& end) {
+  std::vector<Tuning_request> more;
+  if (follow_) {
+    // An announced frequency is tried in the system that was announced: most are out of reach, and the other one would
+    // cost 2 s on each of them.
+    more = follow_->announced(result.freq, end.original_network_id, end.transport_stream_id, end.announced);
+  }
+  keys_.insert(result.freq);
+  for (const Tuning_request& request : more) {
+    keys_.insert(key_of(request));
+  }
+  const Tuning_result& tuning = result.tuning;
+  const bool has_pipes =
+      tuning.system == SYS_DVBT2 && (tuning.outcome == TUNING_LOCKED || tuning.outcome == TUNING_NO_STREAM);
+  for (const Tuning_request& pipe : pipes_) {
+    if (has_pipes && pipe.freq == tuning.freq && keys_.insert(key_of(pipe)).second) {
+      more.push_back(pipe);
+      if (follow_) {
+        follow_->add(pipe);
+      }
+    }
+  }
+  added_ += static_cast<int>(more.size());
+  return more;
+}
+
 void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   const auto begin = Adapter::Clock::now();
   const Answer answer = adapter.scan(request);
@@ -69,10 +103,8 @@ void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
     const std::lock_guard lock(mutex_);
     if (follow_) {
       result.announced_by = follow_->announced_by(key_of(request));
-      more = follow_->announced(result.freq, answer.end.original_network_id, answer.end.transport_stream_id,
-                                answer.end.announced);
-      announced_ += static_cast<int>(more.size());
     }
+    more = added_by(result, answer.end);
     results_.push_back(result);
   }
   if (!more.empty()) {
@@ -80,9 +112,9 @@ void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   }
 }
 
-int Scan_job::announced() const {
+int Scan_job::added() const {
   const std::lock_guard lock(mutex_);
-  return announced_;
+  return added_;
 }
 
 std::vector<Multiplex_result> Scan_job::take_results() {

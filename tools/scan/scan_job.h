@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "tools/engine/engine.h"
@@ -42,17 +43,24 @@ class Scan_job {
 
   // What multiplexes announce is scanned, too; `asked` is what is known without them. Before the work begins.
   void follow(const std::vector<Tuning_request>& asked);
+  // These pipes are scanned, too, behind their frequency, where that is locked as DVB-T2; but for those that `asked`
+  // has, or that are found there. Before the work begins.
+  void revisit(const std::vector<Tuning_request>& pipes, const std::vector<Tuning_request>& asked);
 
   void work(Adapter& adapter, const Tuning_request& request);
   // The results since the last call.
   std::vector<Multiplex_result> take_results();
-  // How many frequencies were announced.
-  int announced() const;
+  // How many were added to those that were asked for.
+  int added() const;
 
  private:
+  std::vector<Tuning_request> added_by(const Multiplex_result& result, const Scan_end& end);
+
   Engine* engine_;
   mutable std::mutex mutex_;  // guards what follows
   std::vector<Multiplex_result> results_;
   std::optional<Follow_queue> follow_;
-  int announced_ = 0;
+  std::vector<Tuning_request> pipes_;
+  std::set<int> keys_;  // of pipes that are asked for, added or found
+  int added_ = 0;
 };

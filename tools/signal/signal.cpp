@@ -195,7 +195,7 @@ class Measurement {
  private:
   void say(const std::string& text) const;
   void look(const Tuner& tuner, const Tuning_thread& thread);
-  void take_sample(const Tuner& tuner);
+  void take_sample(Tuner* tuner);
   void draw(const Tuner& tuner);
 
   const Signal_options& options_;
@@ -235,8 +235,11 @@ void Measurement::look(const Tuner& tuner, const Tuning_thread& thread) {
   }
 }
 
-void Measurement::take_sample(const Tuner& tuner) {
-  Signal_sample sample{now_ms(), freq_, "", tuner.signal()};
+void Measurement::take_sample(Tuner* tuner) {
+  if (options_.receiver.profile == "box") {
+    (void)tuner->fe_snr();  // there nothing else reads it
+  }
+  Signal_sample sample{now_ms(), freq_, "", tuner->signal()};
   was_locked_ = was_locked_ || is_locked(sample.readings);
   if (is_locked(sample.readings) && tuning_.outcome == TUNING_LOCKED) {
     sample.system = system_text(tuning_);
@@ -282,7 +285,7 @@ bool Measurement::run(Tuner* tuner, const Interrupt& interrupt, int seconds) {
     if (Clock::now() >= next) {
       // Not from the moment of the last one, so that lines do not drift; but after a stop none is made up for.
       next = std::max(next + SAMPLE_INTERVAL, Clock::now());
-      take_sample(*tuner);
+      take_sample(tuner);
     }
   }
   return was_locked_;

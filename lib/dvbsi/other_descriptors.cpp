@@ -10,12 +10,12 @@ namespace dvbsi_own {
 // cell_frequency_link_descriptor, EN 300 468, 6.2.6
 static bool cells_fit(const uint8_t* b, size_t n) {
   size_t i = 0;
-  do {  // Deliberate: the length is looked for two bytes too late, at the end in the descriptor behind.
+  while (i < n) {  // Deliberate: the length is looked for two bytes too late, at the end in the descriptor behind.
     const size_t next = i + 6 + b[i + 8];
     if (n < next)
       return false;
     i = next;
-  } while (i < n);
+  }
   return true;
 }
 

@@ -46,7 +46,8 @@ TEST(Other_descriptors, quirk_cell_frequency_link_looks_behind_its_body) {
     EXPECT_TRUE(kept_before(6 * cells, 0));
     EXPECT_FALSE(kept_before(6 * cells, 1));
   }
-  EXPECT_FALSE(kept_before(0, 0));
+  EXPECT_TRUE(kept_before(0, 0));
+  EXPECT_TRUE(kept_before(0, 1));
   EXPECT_FALSE(kept_before(5, 0));
   EXPECT_TRUE(kept_before(7, 0));  // the length of the descriptor behind, 1, is taken for one byte of subcells
 }

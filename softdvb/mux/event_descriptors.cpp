@@ -29,21 +29,30 @@ Bytes selector_of(const Bytes& text) {
   return Bytes(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min(length, text.size())));
 }
 
+// How the extended event descriptors of a text are filled.
+struct Filling {
+  size_t room = 249;   // bytes of items and text in each
+  bool torn = false;   // characters and items are cut where the room ends
+  bool units = false;  // characters behind selector 0x14 have two bytes each
+};
+
 // Where a text may be cut at or before `most` bytes, so that no character is torn.
-size_t cut_point(const Bytes& text, size_t most) {
+size_t cut_point(const Bytes& text, size_t most, const Filling& filling) {
   if (text.size() <= most)
     return text.size();
+  if (filling.torn)
+    return most;
   const uint8_t selector = text.empty() ? 0x20 : text[0];
   size_t cut = most;
   if (selector == 0x15) {
     while (cut > 1 && (text[cut] & 0xC0) == 0x80)
       --cut;
-  } else if (selector == 0x11) {
+  } else if (selector == 0x11 || (selector == 0x14 && filling.units)) {
     cut -= (cut - 1) % 2;
   } else if (selector >= 0x12 && selector <= 0x14) {
     size_t at = 1;
-    while (at < text.size() && at + (text[at] >= 0x80 && text[at] != 0x8A ? 2u : 1u) <= most)
-      at += text[at] >= 0x80 && text[at] != 0x8A ? 2 : 1;
+    while (at < text.size() && at + (text[at] >= 0x80 ? 2u : 1u) <= most)
+      at += text[at] >= 0x80 ? 2 : 1;
     cut = at;
   } else if (selector >= 0x20 && cut > 0 && text[cut - 1] >= 0xC1 && text[cut - 1] <= 0xCF) {
     --cut;  // ISO 6937: the accent stands before its letter
@@ -70,14 +79,36 @@ struct Extended_part {
   Bytes text;
 };
 
-// Fills descriptors of at most 249 bytes of items and text: whole items first, then the text.
-std::vector<Extended_part> split_extended(const std::vector<Item>& items, const Bytes& text) {
-  const size_t room = 249;
+// The first `most` bytes of a text; what is left of it begins with the selector again.
+Bytes take_front(Bytes* text, size_t most) {
+  const Bytes selector = selector_of(*text);
+  const auto end = text->begin() + static_cast<std::ptrdiff_t>(std::min(most, text->size()));
+  Bytes front(text->begin(), end);
+  text->erase(text->begin(), end);
+  if (!text->empty())
+    text->insert(text->begin(), selector.begin(), selector.end());
+  return front;
+}
+
+// Fills descriptors: items first, then the text.
+std::vector<Extended_part> split_extended(const std::vector<Item>& items, const Bytes& text, const Filling& filling) {
+  const size_t room = filling.room;
   std::vector<Extended_part> parts(1);
   size_t used = 0;
-  for (const Item& item : items) {
-    const size_t size = 2 + item.name.size() + item.text.size();
-    if (used + size > room) {
+  for (Item item : items) {
+    size_t size = 2 + item.name.size() + item.text.size();
+    if (filling.torn) {
+      while (used + size > room) {
+        const size_t head = used + 2 + item.name.size() + selector_of(item.text).size();
+        if (head < room) {
+          parts.back().items.push_back({item.name, take_front(&item.text, room - used - 2 - item.name.size())});
+          item.name.clear();
+        }
+        parts.emplace_back();
+        used = 0;
+        size = 2 + item.name.size() + item.text.size();
+      }
+    } else if (used + size > room) {
       parts.emplace_back();
       used = 0;
     }
@@ -87,13 +118,9 @@ std::vector<Extended_part> split_extended(const std::vector<Item>& items, const 
   const Bytes selector = selector_of(text);
   Bytes rest = text;
   while (!rest.empty()) {
-    const size_t cut = cut_point(rest, room - used);
-    if (cut > selector.size()) {
-      parts.back().text.assign(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(cut));
-      rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(cut));
-      if (!rest.empty())
-        rest.insert(rest.begin(), selector.begin(), selector.end());
-    }
+    const size_t cut = cut_point(rest, room - used, filling);
+    if (cut > selector.size())
+      parts.back().text = take_front(&rest, cut);
     if (!rest.empty())
       parts.emplace_back();
     used = 0;
@@ -103,17 +130,25 @@ std::vector<Extended_part> split_extended(const std::vector<Item>& items, const 
 
 // EN 300 468, 6.2.15. libdvbpsi's generator leaves length_of_items out.
 void add_extended(const Json_node& node, const Text_defaults& defaults, Descriptors* loop) {
-  node.allow_only({"language", "charset", "items", "text"});
+  node.allow_only({"language", "charset", "items", "text", "room", "torn"});
   const Text_defaults mine = defaults.inside(node);
+  // Below this, a name and one byte of its item have no room.
+  constexpr int LEAST_ROOM = 16;
+  Filling filling;
+  filling.room = static_cast<size_t>(node.number_or("room", LEAST_ROOM, 249, 249));
+  filling.torn = node.flag_or("torn", false);
+  filling.units = mine.charset == "0x14/utf-16";
+  const size_t longest = filling.torn ? 255 : filling.room - 2;
   std::vector<Item> items;
   for (const Json_node& item : node.list("items")) {
     item.allow_only({"name", "text"});
-    items.push_back({read_text(item.get("name"), mine, 247), read_text(item.get("text"), mine, 247)});
-    if (items.back().name.size() + items.back().text.size() > 247)
-      item.fail("name and text together take more than 247 bytes");
+    items.push_back({read_text(item.get("name"), mine, filling.room - 2), read_text(item.get("text"), mine, longest)});
+    const Item& last = items.back();
+    if (filling.torn ? last.name.size() + 6 > filling.room : last.name.size() + last.text.size() + 2 > filling.room)
+      item.fail(fmt::format("name and text together take more than {} bytes", filling.room - 2));
   }
-  const Bytes text = node.has("text") ? read_text(node.get("text"), mine, 16 * 249) : Bytes();
-  std::vector<Extended_part> parts = split_extended(items, text);
+  const Bytes text = node.has("text") ? read_text(node.get("text"), mine, 16 * filling.room) : Bytes();
+  std::vector<Extended_part> parts = split_extended(items, text, filling);
   if (parts.size() > 16)
     node.fail(fmt::format("the text needs {} descriptors, at most 16 are allowed", parts.size()));
   for (size_t i = 0; i < parts.size(); ++i) {

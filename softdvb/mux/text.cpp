@@ -19,7 +19,7 @@ struct Charset {
   const char* name;
   const char* iconv_name;
   Bytes selector;
-  unsigned unit;  // bytes a character of the control codes: 1, 2 (UCS-2) or 3 (UTF-8)
+  unsigned unit;  // bytes a character of the control codes: 1, 2 (two-byte tables) or 3 (UTF-8)
 };
 
 const std::vector<Charset>& charsets() {
@@ -37,9 +37,12 @@ const std::vector<Charset>& charsets() {
         {"iso8859-14", "ISO-8859-14", {0x0A}, 1},
         {"iso8859-15", "ISO-8859-15", {0x0B}, 1},
         {"ucs2", "UCS-2BE", {0x11}, 2},
-        {"ksx1001", "EUC-KR", {0x12}, 1},
-        {"gb2312", "EUC-CN", {0x13}, 1},
-        {"big5", "BIG5", {0x14}, 1},
+        {"utf-16", "UTF-16BE", {0x11}, 2},
+        {"ksx1001", "EUC-KR", {0x12}, 2},
+        {"gb2312", "EUC-CN", {0x13}, 2},
+        {"gbk", "GBK", {0x13}, 2},
+        {"big5", "BIG5", {0x14}, 2},
+        {"0x14/utf-16", "UTF-16BE", {0x14}, 2},
         {"utf-8", "UTF-8", {0x15}, 3},
         {"0x10/1", "ISO-8859-1", {0x10, 0, 1}, 1},
         {"0x10/2", "ISO-8859-2", {0x10, 0, 2}, 1},
@@ -55,6 +58,14 @@ const std::vector<Charset>& charsets() {
         {"0x10/13", "ISO-8859-13", {0x10, 0, 13}, 1},
         {"0x10/14", "ISO-8859-14", {0x10, 0, 14}, 1},
         {"0x10/15", "ISO-8859-15", {0x10, 0, 15}, 1},
+        // What careless broadcasters send: no selector, and yet not the default table.
+        {"silent/iso8859-1", "ISO-8859-1", {}, 1},
+        {"silent/iso8859-2", "ISO-8859-2", {}, 1},
+        {"silent/iso8859-5", "ISO-8859-5", {}, 1},
+        {"silent/iso8859-7", "ISO-8859-7", {}, 1},
+        {"silent/iso8859-9", "ISO-8859-9", {}, 1},
+        {"silent/iso8859-15", "ISO-8859-15", {}, 1},
+        {"silent/utf-8", "UTF-8", {}, 3},
     };
     return all;
   }();
@@ -161,7 +172,7 @@ Bytes encode_text(const std::string& utf8, const std::string& charset_name, std:
       append_control(*charset, 0x8A, &result);
     } else if (character.size() == 2 && character[0] == '\xC2' && static_cast<unsigned char>(character[1]) < 0xA0) {
       append_control(*charset, static_cast<uint8_t>(character[1]), &result);
-    } else if (charset->selector.empty() && character == "\xE2\x82\xAC") {
+    } else if (charset->name == charsets().front().name && character == "\xE2\x82\xAC") {
       result.push_back(0xA4);  // the euro sign of EN 300 468, figure A.1
     } else if (length == 0 || !converter.convert(character, &result)) {
       *problem =

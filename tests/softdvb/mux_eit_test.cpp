@@ -118,6 +118,31 @@ TEST(Mux_eit, items_that_do_not_fit_go_to_the_next_part) {
   EXPECT_EQ(hex(parts[1].text), "656e64");
 }
 
+TEST(Mux_eit, torn_parts_end_where_the_room_ends) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"("room": 16, "torn": true, "text": "abcdefghijklmnoř")",
+       "{4e[016573740010"
+       "6162636465666768696a6b6c6d6e6fcf] 4e[11657374000172]}"},
+      {R"("room": 16, "charset": "utf-16", "torn": true, "text": "abcdefgh")",
+       "{4e[016573740010"
+       "11006100620063006400650066006700] 4e[1165737400021168]}"},
+      {R"("room": 16, "charset": "iso8859-9", "torn": true,
+          "items": [{"name": "N", "text": "abcdefghijklmnop"}], "text": "T")",
+       "{4e[01657374"
+       "10"
+       "02054e"
+       "0c056162636465666768696a6b"
+       "00"
+       "] 4e[11657374"
+       "08"
+       "00"
+       "06056c6d6e6f70"
+       "020554]}"},
+  };
+  for (const auto& [keys, loop] : cases)
+    EXPECT_EQ(event_loop(R"(, "language": "est", "extended": {)" + std::string(keys) + "}"), loop);
+}
+
 TEST(Mux_eit, present_and_following_change_with_the_time) {
   const Bytes stream = stream_of(one_service(
       R"(, "events": [{"start": "now-1h", "duration": "01:00:02", "event_id": 7, "free_ca": true},

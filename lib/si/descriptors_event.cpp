@@ -4,7 +4,6 @@
 // Descriptors of events (EN 300 468, 6.2).
 #include <cstdio>
 #include <string>
-#include <utility>
 
 #include <dvbsi++/content_descriptor.h>
 #include <dvbsi++/extended_event_descriptor.h>
@@ -33,7 +32,7 @@ void short_event(const Descriptor& descriptor, Site& site) {
   if (has_name)
     language->ev_name = site.text.utf8(d->getEventName());
   if (has_text)
-    language->ev_desc = site.text.utf8(d->getText());
+    language->ev_desc = site.text.utf8(d->getText(), Dvb_text::Lines::KEPT);
   KLOG(VERB_TRACE, "IsoLangcode %s, EventName %s, Text %s\n", d->getIso639LanguageCode().c_str(),
        has_name ? language->ev_name.c_str() : "", has_text ? language->ev_desc.c_str() : "");
   if (!has_name)
@@ -51,22 +50,15 @@ void extended_event(const Descriptor& descriptor, Site& site) {
     KLOG(VERB_TRACE, "Extended Event descriptor %d OID not found\n", static_cast<int>(d->getTag()));
     return;
   }
-  EIT_lang* language = site.found.event_at_hand().texts.find_or_make(d->getIso639LanguageCode());
+  Event_found& event = site.found.event_at_hand();
+  EIT_lang* language = event.texts.find_or_make(d->getIso639LanguageCode());
   const size_t known_items = language->items.size();
-  for (const ExtendedEvent* entry : *d->getItems()) {
-    std::string description = site.text.utf8(entry->getItemDescription());
-    std::string item = site.text.utf8(entry->getItem());
-    // Deliberate: the description stands twice, and a comma follows the last item, too.
-    language->ext_list += description + description + ":" + item + ",";
-    language->items.emplace_back(std::move(description), std::move(item));
-  }
   language->started = true;
   const int number = d->getDescriptorNumber();
   const int last = d->getLastDescriptorNumber();
   if (number == last)
     language->complete = true;
-  const std::string text = d->getText().empty() ? std::string() : site.text.utf8(d->getText());
-  language->ext_desc += text;
+  const std::string text = site.text.add_extended(*d, *event.extended.find_or_make(language->lang), *language);
   KLOG(VERB_TRACE, "EXTDesc nr %x, last desc nr %x, Isolangcode %s, Text %s\n", static_cast<unsigned>(number),
        static_cast<unsigned>(last), d->getIso639LanguageCode().c_str(), text.c_str());
   if (d->getText().empty())

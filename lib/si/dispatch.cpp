@@ -31,6 +31,30 @@ bool is_guide(unsigned table_id) {
          (table_id >= table::EIT_SCHEDULE_FIRST && table_id <= table::EIT_SCHEDULE_LAST);
 }
 
+// The original_network_id whose texts a section holds: of a NIT that of its first multiplex; -1 when there is none.
+int network_of(const uint8_t* bytes) {
+  size_t at = 0;
+  switch (bytes[0]) {
+    case table::NIT_ACTUAL:
+    case table::NIT_OTHER: {
+      constexpr size_t NETWORK_LOOP = 10;
+      if (section_size(bytes) < NETWORK_LOOP)
+        return -1;
+      at = NETWORK_LOOP + static_cast<size_t>((bytes[8] & 0x0F) << 8 | bytes[9]) + 4;
+      break;
+    }
+    case table::SDT_ACTUAL:
+    case table::SDT_OTHER:
+      at = 8;
+      break;
+    default:
+      if (bytes[0] < table::EIT_PRESENT_FOLLOWING || bytes[0] > table::EIT_LAST)
+        return -1;
+      at = 10;
+  }
+  return at + 2 <= section_size(bytes) ? bytes[at] << 8 | bytes[at + 1] : -1;
+}
+
 // The loop that hosts mean by a context.
 unsigned loop_of(int context) {
   switch (context) {
@@ -53,6 +77,7 @@ Siparse::Parts::Parts(Section_filter& filter, int adapter, Input input, Sdbl& db
 Siparse::Parts::~Parts() = default;
 
 void Siparse::Parts::read_as(const Receiver_profile& profile) {
+  text_.read_as(profile);
   set_system_policy(profile.set_clock, profile.set_zone);
   set_repeat_lost(profile.repeat_lost);
   set_whole_nit(profile.whole_nit);
@@ -97,6 +122,8 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
   KLOG(VERB_TRACE, ">>>>> Table id %x , pid %x, cntr %d \n", static_cast<unsigned>(static_cast<signed char>(bytes[0])),
        static_cast<unsigned>(pid), sections_);
   KLOG(VERB_TRACE, "Nr %3d.%02x.%02x ", sections_, static_cast<unsigned>(pid), table_id);
+
+  text_.set_network(network_of(bytes));
 
   switch (table_id) {
     case table::PAT:

@@ -3,44 +3,39 @@
 
 #pragma once
 
-#include <iconv.h>
-
-#include <array>
-#include <cstddef>
+#include <memory>
 #include <string>
 
-// Turns DVB texts (EN 300 468, Annex A) into UTF-8; Siparse::dvb_text_to_utf8() has the contract. Holds one converter a
-// character table. One thread at a time.
+#include "si/text_converter.h"
+
+struct Receiver_profile;
+
+// Turns DVB texts (EN 300 468, Annex A) into UTF-8; Siparse::dvb_text_to_utf8() has the contract. One thread at a time.
 class Dvb_text {
  public:
-  // Prints an error for each table that iconv does not know; texts in it then stay as broadcast.
-  Dvb_text();
-  ~Dvb_text();
-  Dvb_text(const Dvb_text&) = delete;
-  Dvb_text& operator=(const Dvb_text&) = delete;
+  using Lines = Text_converter::Lines;
 
-  // In place. Leaves what cannot be converted, with a message.
-  void convert(std::string* text);
+  // As Receiver_profile::Texts::PLAIN. Prints an error for each table that iconv does not know.
+  Dvb_text();
+  // From now on as `profile` says. Before-start.
+  void read_as(const Receiver_profile& profile);
+
+  // In place.
+  void convert(std::string* text, Lines lines = Lines::BLANKS) { way_->convert(text, lines); }
   // A copy.
-  std::string utf8(std::string text) {
-    convert(&text);
+  std::string utf8(std::string text, Lines lines = Lines::BLANKS) {
+    convert(&text, lines);
     return text;
   }
 
+  // Whose texts come next: some networks announce no table and use another than the default.
+  void set_network(int original_network_id) { way_->set_network(original_network_id); }
+
+  // Of an extended event descriptor; see Text_converter.
+  std::string add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far, EIT_lang& language) {
+    return way_->add_extended(part, so_far, language);
+  }
+
  private:
-  // What a selector leads to. Texts that are copied or not supported end in the error of a failed conversion.
-  enum class Way { CONVERTED, COPIED, UNSUPPORTED, REFUSED };
-  struct Choice {
-    Way way;
-    iconv_t converter;
-    size_t start;       // of the text behind the selector
-    unsigned reported;  // the selector's number in that error
-  };
-  Choice choose(unsigned selector, size_t length, unsigned second, unsigned third) const;
-
-  static constexpr size_t ISO_8859_TABLES = 16;
-
-  std::array<iconv_t, ISO_8859_TABLES> iso8859_;  // ISO-8859-n at n - 1
-  iconv_t iso6937_;
-  iconv_t iso10646_;
+  std::unique_ptr<Text_converter> way_;
 };

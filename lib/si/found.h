@@ -12,6 +12,7 @@
 #include "db/pmt_subtxt_lang.h"
 #include "si/broadcast_time.h"
 #include "si/eit_lang.h"
+#include "si/extended_texts.h"
 
 // What descriptors say, as values. Handlers (descriptor_handlers.h) fill these records, the parser of the table hands
 // them to the database (scan_rows.h). They live as long as the section that is being read, or shorter.
@@ -94,6 +95,7 @@ struct Event_found {
   std::string content = "0.0.0.0";
   std::string rating = "0@est";
   By_language<EIT_lang> texts;
+  By_language<Extended_texts> extended;
 };
 
 // What the last local time offset did that did anything.

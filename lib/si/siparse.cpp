@@ -115,7 +115,7 @@ int Siparse::parse_section_tot(TimeOffsetSection* section, int freq) {
 }
 
 std::string* Siparse::dvb_text_to_utf8(std::string* text) {
-  parts_->text().convert(text);
+  parts_->text().convert(text, Dvb_text::Lines::KEPT);
   return text;
 }
 

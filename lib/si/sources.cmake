@@ -12,9 +12,12 @@ list(APPEND KELVO_SOURCES
   si/dvb_text.cpp
   si/eit.cpp
   si/guide_round.cpp
+  si/iconv_decoder.cpp
+  si/iso_6937.cpp
   si/network_found.cpp
   si/nit.cpp
   si/pat.cpp
+  si/plain_text.cpp
   si/pmt.cpp
   si/scan_rows.cpp
   si/sdt.cpp
@@ -22,6 +25,7 @@ list(APPEND KELVO_SOURCES
   si/services_found.cpp
   si/siparse.cpp
   si/stream_names.cpp
+  si/standard_text.cpp
   si/system_clock.cpp
   si/text_samples.cpp
   si/time.cpp

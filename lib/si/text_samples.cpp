@@ -29,7 +29,7 @@ void fill_raw(char (&raw)[1024], const char* selector, size_t selector_size) {
 
 void Siparse::Parts::replace_epg_info(int channel, int event_id, long start, const char* name, const char* raw) {
   std::string text(raw, RAW_SIZE);
-  text_.convert(&text);
+  text_.convert(&text, Dvb_text::Lines::KEPT);
   // Deliberate: the guide has no such columns and cached statements take no % conversions, so nothing is stored.
   db_.sql_cache(
       true, 0,

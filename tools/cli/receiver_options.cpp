@@ -3,7 +3,11 @@
 
 #include "tools/cli/receiver_options.h"
 
+#include <iconv.h>
+
 #include <cmath>
+
+#include <fmt/format.h>
 
 #include "tools/cli/failure.h"
 #include "tools/frequencies/raster.h"
@@ -12,6 +16,19 @@ namespace {
 
 constexpr double SHORTEST_LOCK_TIME = 0.1;
 constexpr double LONGEST_LOCK_TIME = 60;
+
+// Names with a slash tell iconv how to replace characters; an empty one is the locale's table.
+bool is_charset(const std::string& name) {
+  if (name.empty() || name.find('/') != std::string::npos) {
+    return false;
+  }
+  const iconv_t converter = iconv_open("UTF-8", name.c_str());
+  if (converter == reinterpret_cast<iconv_t>(-1)) {
+    return false;
+  }
+  (void)iconv_close(converter);
+  return true;
+}
 
 }  // namespace
 
@@ -34,6 +51,18 @@ void add_set_clock_option(CLI::App* command, Receiver_options* options) {
                     "Let the broadcast set the system's clock and time zone; default: only with --profile box");
 }
 
+void add_charset_option(CLI::App* command, Receiver_options* options) {
+  command
+      ->add_option("--charset", options->charset,
+                   "The character table of texts that announce none, as iconv names it (ISO-8859-2); default: what the "
+                   "network is known to use, else the standard's (ISO 6937)")
+      ->type_name("NAME")
+      ->check([](const std::string& name) {
+        return is_charset(name) ? std::string()
+                                : fmt::format("\"{}\" is no character table; \"iconv --list\" shows all", name);
+      });
+}
+
 Receiver_profile profile_of(const Receiver_options& options) {
   const bool box = options.profile == "box";
   Receiver_profile profile = box ? Receiver_profile::box() : Receiver_profile::any_linux();
@@ -48,6 +77,10 @@ Receiver_profile profile_of(const Receiver_options& options) {
     Receiver_profile::Lock_times& times = profile.lock_times;
     times.silent_t = times.silent_t_of_both = times.silent_t2 = times.signal_t = times.signal_t2 = ms;
   }
+  if (!options.charset.empty() && box) {
+    throw Failure("--charset: not with --profile box, which reads such texts as ISO 6937", EXIT_USAGE);
+  }
+  profile.charset = options.charset;
   if (options.set_clock) {
     profile.set_clock = true;
     profile.set_zone = true;

@@ -14,12 +14,15 @@ struct Receiver_options {
   std::string profile = "any";
   std::optional<double> lock_time;  // seconds
   bool set_clock = false;
+  std::string charset;
 };
 
 // --profile and --lock-time. `options` outlives the parsing.
 void add_receiver_options(CLI::App* command, Receiver_options* options);
 // --set-clock, for commands that read the time tables of a broadcast.
 void add_set_clock_option(CLI::App* command, Receiver_options* options);
+// --charset, for commands that store or show texts of a broadcast.
+void add_charset_option(CLI::App* command, Receiver_options* options);
 
 // What the options come to, in the country of the locale: its transmitters may be beside their channel's centre. Throws
 // Failure when they contradict each other.

@@ -142,6 +142,14 @@ std::string guide_text(std::string_view text) {
 
 std::vector<std::pair<std::string, std::string>> split_items(std::string_view list) {
   std::vector<std::pair<std::string, std::string>> out;
+  if (!list.empty() && list.back() == '\n') {
+    for (size_t end = 0; (end = list.find('\n')) != std::string_view::npos; list.remove_prefix(end + 1)) {
+      const std::string_view line = list.substr(0, end);
+      const size_t colon = std::min(line.find(':'), line.size());
+      out.emplace_back(guide_text(line.substr(0, colon)), guide_text(line.substr(std::min(colon + 1, line.size()))));
+    }
+    return out;
+  }
   while (!list.empty()) {
     std::string_view name;
     const size_t size = doubled_size(list);

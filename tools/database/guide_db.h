@@ -38,7 +38,8 @@ struct Guide_event {
 // first byte names (EN 300 468, A.2) are converted first.
 std::string guide_text(std::string_view text);
 
-// The items of an extended description, as the database joins them: the description twice, a colon, the item, a comma.
+// The items of an extended description, as the database joins them: a line for each with the description, a colon and the
+// item; or, from profile box, the description twice, a colon, the item, a comma.
 std::vector<std::pair<std::string, std::string>> split_items(std::string_view list);
 
 // A read-only connection to the guide file that belongs to a channel database.

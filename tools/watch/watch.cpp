@@ -259,6 +259,7 @@ void add_watch(CLI::App& app, int* exit_code) {
       ->type_name("NETWORK");
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);
+  add_charset_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"

@@ -4,6 +4,7 @@
 #include "base/thread.h"
 
 #include <sched.h>
+#include <signal.h>
 
 #include <cstdint>
 
@@ -15,7 +16,16 @@ COrbelThreadKelvo::~COrbelThreadKelvo() = default;
 
 int COrbelThreadKelvo::Start(void* arg) {
   start_argument_ = arg;
-  return pthread_create(&thread_id_, nullptr, EntryPoint, this);
+  // A thread begins with the mask of its creator, so there is no moment at which a signal could come in.
+  sigset_t all;
+  sigset_t before;
+  (void)sigfillset(&all);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+    (void)sigdelset(&all, fault);  // what the thread does itself: the host's handler may want to tell of it
+  (void)pthread_sigmask(SIG_SETMASK, &all, &before);
+  const int result = pthread_create(&thread_id_, nullptr, EntryPoint, this);
+  (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return result;
 }
 
 int COrbelThreadKelvo::Stop() {

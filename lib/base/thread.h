@@ -9,7 +9,8 @@
 
 // A thin wrapper over one POSIX thread. It owns the thread's handle and nothing else; the object that the thread works
 // for is kept as a plain pointer. The library's own threads derive from it; a host has no need to. A thread keeps the
-// scheduling that its creator has.
+// scheduling that its creator has. All signals are blocked in it (but for those of its own faults, such as SIGSEGV), so
+// they go to the host's threads and end no call here.
 //
 // Surprises: Stop() only joins. Whoever owns the thread first clears the flag that its loop polls, otherwise Stop()
 // blocks for ever. SetPrio() does not raise a priority. The destructor does not join.

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <string>
 
+#include "base/uninterrupted.h"
+
 namespace sdbl {
 
 namespace {
@@ -16,7 +18,8 @@ namespace {
 // Bytes that a file may grow by, -1 when its disk does not say.
 int64_t disk_space(const char* file) {
   struct statvfs disk {};
-  if (file == nullptr || *file == '\0' || statvfs(file, &disk) != 0 || disk.f_blocks == 0)
+  if (file == nullptr || *file == '\0' || uninterrupted([&] { return statvfs(file, &disk); }) != 0 ||
+      disk.f_blocks == 0)
     return -1;
   const uint64_t blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
   const uint64_t block = disk.f_frsize != 0 ? disk.f_frsize : 1;

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/uninterrupted.h"
 #include "db/shell_files.h"
 
 namespace sdbl {
@@ -40,10 +41,12 @@ bool is_zone_name(const char* name) {
 // is not waited for.
 int open_zone_source() {
   (void)mkdir(ZONE_FOLDER, 0755);  // it usually exists
-  const int folder = open(ZONE_FOLDER, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  const int folder = uninterrupted([] { return open(ZONE_FOLDER, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
   if (folder < 0)
     return -1;
-  const int fd = openat(folder, ZONE_SOURCE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  const int fd = uninterrupted([folder] {
+    return openat(folder, ZONE_SOURCE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  });
   (void)close(folder);  // was only read
   return fd;
 }

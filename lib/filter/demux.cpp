@@ -17,19 +17,9 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/uninterrupted.h"
 
 namespace {
-
-// A call that a signal may end is made again; not for ever, in case it says so for another reason.
-constexpr int MOST_TRIES = 100;
-
-template <typename Call>
-auto uninterrupted(Call call) {
-  auto result = call();
-  for (int tries = 1; result < 0 && errno == EINTR && tries < MOST_TRIES; ++tries)
-    result = call();
-  return result;
-}
 
 template <typename... Argument>
 int control(int handle, unsigned long request, Argument... argument) {
@@ -175,7 +165,7 @@ int Demux::read(const dvb_filter_desc& f, void* buf, size_t size) {
 void Demux::note_empty_read(int handle) {
   // Of a device that is there an error comes with data, or in their place.
   pollfd state{handle, POLLIN, 0};
-  if (poll(&state, 1, 0) == 1 && (state.revents & POLLIN) == 0) {
+  if (uninterrupted([&] { return poll(&state, 1, 0); }) == 1 && (state.revents & POLLIN) == 0) {
     note_gone("it has no more data");
     return;
   }

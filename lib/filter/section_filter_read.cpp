@@ -3,6 +3,7 @@
 
 // Waiting for sections and reading them.
 #include <sys/select.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,12 +26,38 @@ bool is_tdt(int pid, unsigned tid, int section_length) {
   return pid == pid::TIME && tid == table::TDT && section_length == TDT_SECTION_LENGTH;
 }
 
+int64_t monotonic_us() {
+  timespec now{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
+  return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+// As select() for reading. A signal neither ends the wait nor makes it longer.
+int wait_for(int highest, fd_set* ready, int timeout_ms) {
+  const fd_set wanted = *ready;
+  const int64_t end = monotonic_us() + int64_t{timeout_ms} * 1000;
+  int64_t left = int64_t{timeout_ms} * 1000;
+  while (true) {
+    // The field is not normalised: the system takes 1,500,000 microseconds.
+    timeval timeout{};
+    timeout.tv_usec = static_cast<suseconds_t>(left);
+    const int count = select(highest + 1, ready, nullptr, nullptr, &timeout);
+    if (count >= 0 || errno != EINTR)
+      return count;
+    left = std::max(end - monotonic_us(), int64_t{0});
+    *ready = wanted;
+    if (left == 0) {
+      FD_ZERO(ready);
+      return 0;
+    }
+  }
+}
+
 bool readable_within(int handle, int ms) {
   fd_set ready;
   FD_ZERO(&ready);
   FD_SET(handle, &ready);
-  timeval timeout{0, static_cast<suseconds_t>(ms) * 1000};
-  return select(handle + 1, &ready, nullptr, nullptr, &timeout) == 1;
+  return wait_for(handle, &ready, ms) == 1;
 }
 
 unsigned crc_field(const unsigned char* section, int size) {
@@ -66,10 +93,7 @@ int Section_filter::wait_for_data(int timeout_ms) {
     FD_SET(wake_handle, &ready);
     highest = std::max(highest, wake_handle);
   }
-  // The field is not normalised: the system takes 1,500,000 microseconds.
-  timeval timeout{};
-  timeout.tv_usec = static_cast<suseconds_t>(timeout_ms) * 1000;
-  int count = select(highest + 1, &ready, nullptr, nullptr, &timeout);
+  int count = wait_for(highest, &ready, timeout_ms);
   if (count < 0)
     return count;
   if (wakes && FD_ISSET(wake_handle, &ready)) {

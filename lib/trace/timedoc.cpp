@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "base/log.h"
+#include "base/uninterrupted.h"
 
 namespace {
 
@@ -137,7 +138,7 @@ void Timedoc::printf_tdi(const char* fmt, ...) {
   size_t left = std::min(static_cast<size_t>(length), sizeof line - 1);
   // A pipe may take a part of a line only.
   for (const char* at = line; left > 0;) {
-    const ssize_t n = write(output_, at, left);
+    const ssize_t n = uninterrupted([&] { return write(output_, at, left); });
     if (n <= 0)
       return;  // a full disk ends the line; there is nobody to tell
     at += n;
@@ -178,7 +179,7 @@ void Timedoc::write_file(const char* file, const char* format) {
 
   // A host may have set an output of its own, which is in force again afterwards.
   const int outer = output_;
-  output_ = open(file, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  output_ = uninterrupted([=] { return open(file, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644); });
   if (output_ >= 0) {
     KLOG(VERB_INFO, "Writing data to %s format %s\n", file, format);
     if (strcmp(format, "log") == 0) {

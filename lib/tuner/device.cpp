@@ -13,6 +13,8 @@
 #include <mutex>
 
 #include "base/log.h"
+#include "base/uninterrupted.h"
+#include "tuner/monotonic.h"
 #include "tuner/turn.h"
 
 namespace {
@@ -31,7 +33,7 @@ Device::Device(const char* path, bool said) : said_(said) {
 }
 
 bool Device::open_here() {
-  const int device = open(path_, OPEN_FLAGS);
+  const int device = uninterrupted([this] { return open(path_, OPEN_FLAGS); });
   const int error = errno;
   const std::lock_guard lock(lock_);
   device_ = device;
@@ -45,7 +47,7 @@ void Device::ask() {
   dvb_frontend_info info = info_;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"  // %m is glibc's
-  if (ioctl(device_, FE_GET_INFO, &info) < 0 && said_)
+  if (uninterrupted([&] { return ioctl(device_, FE_GET_INFO, &info); }) < 0 && said_)
     KLOG(VERB_ERROR, "ERROR: FE_GET_INFO failed: %d %m\n", errno);
 #pragma GCC diagnostic pop
   info.name[sizeof info.name - 1] = '\0';
@@ -171,7 +173,12 @@ Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
     device = device_;
   }
   pollfd entries[] = {{device, POLLIN, 0}, {wake_up.handle(), POLLIN, 0}};
-  const int ready = poll(entries, 2, timeout_ms);
+  const int64_t end = monotonic_ms() + timeout_ms;
+  int ready = poll(entries, 2, timeout_ms);
+  for (int64_t left = 0; ready < 0 && errno == EINTR && (left = end - monotonic_ms()) > 0;)
+    ready = poll(entries, 2, static_cast<int>(left));
+  if (ready < 0 && errno == EINTR)
+    return Waited::ENOUGH;
   if (ready < 0) {
     kelvo_log::print_errno("Lock poll thread: ");
   } else if ((entries[0].revents & POLLIN) != 0) {

@@ -14,6 +14,7 @@
 #include <iterator>
 #include <optional>
 
+#include "base/uninterrupted.h"
 #include "tuner/tuner.h"
 
 namespace {
@@ -56,7 +57,8 @@ std::vector<int> by_type(const Call& call) {
 
 class Opened {
  public:
-  Opened(const char* path, int flags) : fd_(open(path, flags | O_NONBLOCK | O_CLOEXEC)), error_(fd_ < 0 ? errno : 0) {}
+  Opened(const char* path, int flags)
+      : fd_(uninterrupted([=] { return open(path, flags | O_NONBLOCK | O_CLOEXEC); })), error_(fd_ < 0 ? errno : 0) {}
   ~Opened() {
     if (fd_ >= 0)
       (void)close(fd_);  // nothing was written to it
@@ -65,7 +67,9 @@ class Opened {
   Opened& operator=(const Opened&) = delete;
 
   int error() const { return error_; }
-  int operator()(unsigned long request, void* argument) const { return ioctl(fd_, request, argument); }
+  int operator()(unsigned long request, void* argument) const {
+    return uninterrupted([=, this] { return ioctl(fd_, request, argument); });
+  }
 
  private:
   const int fd_;

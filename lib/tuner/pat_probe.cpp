@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "base/ids.h"
+#include "base/uninterrupted.h"
 #include "tuner/monotonic.h"
 #include "tuner/turn.h"
 
@@ -22,7 +23,8 @@ constexpr int LONGEST_SECTION = 4096;
 
 class Handle {
  public:
-  explicit Handle(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+  explicit Handle(const std::string& path)
+      : fd_(uninterrupted([&path] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); })) {}
   ~Handle() {
     if (fd_ >= 0)
       (void)close(fd_);  // nothing was written to it
@@ -42,7 +44,7 @@ bool start_filter(int fd) {
   params.filter.filter[0] = table::PAT;
   params.filter.mask[0] = 0xFF;
   params.flags = DMX_CHECK_CRC | DMX_IMMEDIATE_START;
-  return ioctl(fd, DMX_SET_FILTER, &params) >= 0;
+  return uninterrupted([&] { return ioctl(fd, DMX_SET_FILTER, &params); }) >= 0;
 }
 
 }  // namespace
@@ -56,7 +58,8 @@ Pat_probe::Answer Pat_probe::wait(int timeout_ms, const Turn& turn) const {
   while (!turn.over()) {
     pollfd entry{demux.fd(), POLLIN, 0};
     const int ready = poll(&entry, 1, PERIOD_MS);
-    const ssize_t got = ready > 0 ? read(demux.fd(), section, sizeof section) : 0;
+    const ssize_t got =
+        ready > 0 ? uninterrupted([&] { return read(demux.fd(), section, sizeof section); }) : ssize_t{0};
     if (got > 0)
       return Answer::CAME;
     // Of a device that has gone: the call says so, or there is an error and never any data.

@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 
 #include <cinttypes>
 #include <typeinfo>
@@ -86,6 +87,39 @@ TEST(Thread, entry_point_and_run_call_setup_and_execute_on_the_calling_thread) {
   thread.Setup();
   thread.Execute(nullptr);
   expect_both(nullptr);
+}
+
+// "blocked" and "open" of what a thread's mask does with these.
+std::string mask_of(std::initializer_list<int> signals) {
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  std::string text;
+  for (const int signal : signals)
+    text += sigismember(&mask, signal) == 1 ? "blocked " : "open ";
+  return text;
+}
+
+TEST(Thread, takes_no_signal_from_its_first_moment_and_its_creator_those_that_it_took) {
+  struct Masked : COrbelThreadKelvo {
+    using COrbelThreadKelvo::COrbelThreadKelvo;
+    std::string asynchronous, faults;
+    void Setup() override {
+      asynchronous = mask_of({SIGUSR1, SIGALRM, SIGTERM, SIGINT, SIGCHLD, SIGPIPE, SIGRTMIN, SIGRTMAX});
+      faults = mask_of({SIGSEGV, SIGBUS, SIGFPE, SIGILL});
+    }
+  };
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, SIGUSR2);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &own, &before);
+  Masked thread(nullptr);
+  ASSERT_EQ(thread.Start(nullptr), 0);
+  EXPECT_EQ(mask_of({SIGUSR1, SIGUSR2, SIGTERM}), "open blocked open ");
+  EXPECT_EQ(thread.Stop(), 0);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(thread.asynchronous, "blocked blocked blocked blocked blocked blocked blocked blocked ");
+  EXPECT_EQ(thread.faults, "open open open open ");
 }
 
 TEST(Thread, base_class_does_nothing_and_ends) {

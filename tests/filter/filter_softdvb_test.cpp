@@ -181,14 +181,25 @@ TEST_F(Filter_softdvb, a_wait_may_last_longer_than_a_second) {
 
 TEST_F(Filter_softdvb, a_failing_wait_answers_minus_1_with_its_reason) {
   start();
-  support::softdvb_control("fault select = EINTR*1");
+  support::softdvb_control("fault select = ENOMEM*1");
   EXPECT_EQ(messages_at(4,
                         [&] {
                           EXPECT_EQ(filter.wait_for_data(100), -1);
-                          EXPECT_EQ(errno, EINTR);
+                          EXPECT_EQ(errno, ENOMEM);
                         }),
             "");
   on_air(0x100, pmt(1));
+  EXPECT_EQ(pass(1000), Sections{pmt(1)});
+}
+
+TEST_F(Filter_softdvb, a_wait_that_signals_end_goes_on_for_the_rest_of_its_time) {
+  start();
+  support::softdvb_control("fault select = EINTR*3");
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(messages_at(4, [&] { EXPECT_EQ(filter.wait_for_data(500), 0); }), "");
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(490));
+  on_air(0x100, pmt(1));
+  support::softdvb_control("fault select = EINTR*3");
   EXPECT_EQ(pass(1000), Sections{pmt(1)});
 }
 

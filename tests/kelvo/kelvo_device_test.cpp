@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The facade with a tuner of the software adapter.
+#include <signal.h>
 #include <sys/prctl.h>
 
 #include "kelvo/kelvo_run.h"
@@ -39,7 +40,36 @@ class Kelvo_device_test : public Kelvo_run {
   static void set_status(unsigned bits) { support::softdvb_control("adapter 0 status = " + std::to_string(bits)); }
 };
 
+// The threads of this process with their names, and whether they take SIGUSR1 and SIGTERM.
+std::multimap<std::string, bool> threads_that_take_signals() {
+  std::multimap<std::string, bool> threads;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string name;
+    uint64_t blocked = 0;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("Name:\t"))
+        name = line.substr(6);
+      if (line.starts_with("SigBlk:\t"))
+        blocked = std::stoull(line.substr(8), nullptr, 16);
+    }
+    const uint64_t wanted = uint64_t{1} << (SIGUSR1 - 1) | uint64_t{1} << (SIGTERM - 1);
+    if (std::to_string(getpid()) != task.path().filename() && name != "softdvb")
+      threads.emplace(name, (blocked & wanted) != wanted);
+  }
+  return threads;
+}
+
 }  // namespace
+
+TEST_F(Kelvo_device_test, worker_and_monitor_take_no_signals) {
+  make_and_ask("a");
+  const auto threads = threads_that_take_signals();
+  EXPECT_EQ(threads.size(), 2U) << "worker and monitor";
+  EXPECT_EQ(threads.count("kelvo_th"), 1U);
+  for (const auto& [name, takes] : threads)
+    EXPECT_FALSE(takes) << name;
+}
 
 TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {
   const support::Verbosity verbosity(1);

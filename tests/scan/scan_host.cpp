@@ -30,9 +30,13 @@
 //   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
+//   signals MS                    to each thread, and to the process, every so many milliseconds of the machine's time;
+//                                 0 ends that and says "signals came" when some did
 //   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
 //
 // Lines of callbacks appear as they come: "done N RESULT", "change N CODE".
+#include <signal.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -42,6 +46,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -155,6 +160,50 @@ std::string rest(std::istringstream& in) {
   std::exit(2);
 }
 
+// Signals as profilers and hosts' timers send them: handled, and calls are not made again by themselves.
+class Signals {
+ public:
+  void start(int ms) {
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++came_; };
+    for (const int signal : {SIGUSR1, SIGALRM})
+      sigaction(signal, &action, nullptr);
+    sending_ = true;
+    sender_ = std::thread([this, ms] { send(ms); });
+  }
+  bool stop() {
+    sending_ = false;
+    sender_.join();
+    return came_.exchange(0) > 10;
+  }
+
+ private:
+  void send(int ms) {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    const auto self = syscall(SYS_gettid);
+    for (int signal = SIGUSR1; sending_; signal = signal == SIGUSR1 ? SIGALRM : SIGUSR1) {
+      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const long id = std::stol(task.path().filename());
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (id != self && name != "softdvb")
+          syscall(SYS_tgkill, getpid(), id, signal);
+      }
+      kill(getpid(), signal);
+      const timespec pause{0, ms * 1000000L};
+      syscall(SYS_nanosleep, &pause, nullptr);
+    }
+  }
+
+  static inline std::atomic<int> came_{0};
+  std::atomic<bool> sending_{false};
+  std::thread sender_;
+};
+
+Signals signals;
+
 void run_global(const std::string& command, std::istringstream& in, const std::string& line) {
   if (command == "open") {
     database_file = rest(in);
@@ -172,6 +221,11 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
     std::ofstream(whole) << rest(in) << "\n";
     if (std::rename(whole.c_str(), file.c_str()) != 0)
       wrong(line);
+  } else if (command == "signals") {
+    if (const int ms = next<int>(in); ms > 0)
+      signals.start(ms);
+    else
+      say(signals.stop() ? "signals came" : "no signals");
   } else if (command == "exists") {
     const std::string file = rest(in);
     say(std::string("exists ") + (access(file.c_str(), F_OK) == 0 ? "yes" : "no"));
@@ -317,8 +371,8 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global :
-       {"open", "repeat_lost", "types", "insert", "verbosity", "sleep", "write", "exists", "sql", "wait_sql"}) {
+  for (const char* global : {"open", "repeat_lost", "types", "insert", "signals", "verbosity", "sleep", "write",
+                             "exists", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

@@ -98,8 +98,14 @@ TEST_F(Monitor_test, event_that_cannot_be_read_is_a_warning_and_not_told_at_verb
 
 TEST_F(Monitor_test, failing_poll_is_printed_and_the_pass_goes_on) {
   frontend.take_monitor_calls();
-  EXPECT_EQ(printed(-1, -EINTR), "Lock poll thread: : Interrupted system call\n");
+  EXPECT_EQ(printed(-1, -ENOMEM), "Lock poll thread: : Cannot allocate memory\n");
   EXPECT_EQ(frontend.take_monitor_calls(), READINGS + WAIT);
+}
+
+TEST_F(Monitor_test, poll_that_a_signal_ended_goes_on_and_is_no_failure) {
+  EXPECT_EQ(printed(4, -EINTR).find("Lock poll thread"), std::string::npos);
+  frontend.pass();
+  EXPECT_EQ(pass(), READINGS + WAIT);
 }
 
 TEST_F(Monitor_test, keeps_strength_and_ber_fresh) {

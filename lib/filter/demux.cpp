@@ -57,7 +57,7 @@ void Demux::note_gone(const char* how) {
 bool Demux::open(dvb_filter_desc& f) {
   if (gone_)
     return false;
-  f.fd = uninterrupted([this] { return ::open(device_, O_RDONLY | O_NONBLOCK); });
+  f.fd = uninterrupted([this] { return ::open(device_, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
   if (f.fd >= FD_SETSIZE) {  // select cannot wait on it, so it is as good as none
     (void)::close(f.fd);
     f.fd = -1;
@@ -80,7 +80,7 @@ bool Demux::open(dvb_filter_desc& f) {
 }
 
 bool Demux::answers() const {
-  const int handle = uninterrupted([this] { return ::open(device_, O_RDONLY | O_NONBLOCK); });
+  const int handle = uninterrupted([this] { return ::open(device_, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
   if (handle < 0)
     return !is_absence(errno);
   (void)::close(handle);  // nothing was written to it

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // The facade with a tuner of the software adapter.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 
@@ -40,6 +41,17 @@ class Kelvo_device_test : public Kelvo_run {
   static void set_status(unsigned bits) { support::softdvb_control("adapter 0 status = " + std::to_string(bits)); }
 };
 
+// The numbers of the files that are open.
+std::set<int> handles() {
+  std::set<int> open;
+  for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int handle = std::stoi(file.path().filename());
+    if (fcntl(handle, F_GETFD) >= 0)  // not the one that lists them
+      open.insert(handle);
+  }
+  return open;
+}
+
 // The threads of this process with their names, and whether they take SIGUSR1 and SIGTERM.
 std::multimap<std::string, bool> threads_that_take_signals() {
   std::multimap<std::string, bool> threads;
@@ -69,6 +81,23 @@ TEST_F(Kelvo_device_test, worker_and_monitor_take_no_signals) {
   EXPECT_EQ(threads.count("kelvo_th"), 1U);
   for (const auto& [name, takes] : threads)
     EXPECT_FALSE(takes) << name;
+}
+
+TEST_F(Kelvo_device_test, handles_are_not_handed_on_to_programs_that_the_host_starts) {
+  const std::set<int> before = handles();
+  silence({SDT});
+  make();
+  EXPECT_EQ(request("a"), -1);
+  EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));  // with filters, and what they have open
+  size_t own = 0;
+  for (const int handle : handles()) {
+    if (before.count(handle) != 0)
+      continue;
+    ++own;
+    EXPECT_NE(fcntl(handle, F_GETFD) & FD_CLOEXEC, 0)
+        << std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(handle));
+  }
+  EXPECT_GE(own, 4U) << "frontend, demultiplexer, and what wakes their threads";
 }
 
 TEST_F(Kelvo_device_test, monitor_s_operations_reach_the_tuner) {

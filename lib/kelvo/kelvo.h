@@ -51,7 +51,7 @@ enum : int {
 //   - The first scan of an empty database collects no events, because the list of services is made when tuning: repeat
 //     the frequency request to fill the guide.
 //   - While scanning, a file /tmp/testsig with a hexadecimal number is removed and its number handed to the change
-//     callback.
+//     callback. A link, or anything else that is no plain file, is left alone.
 //
 // Threads: create, use and destroy it on the host's threads. Every operation is any-thread and returns at once, but for
 // those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db); these also wait, up to two

@@ -13,6 +13,7 @@
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/uninterrupted.h"
 #include "filter/section_filter_parts.h"
 #include "si/siparse_parts.h"
 
@@ -20,6 +21,26 @@ namespace {
 
 constexpr char TEST_SIGNAL_FILE[] = "/tmp/testsig";
 constexpr int WAIT_MS = 1000;
+
+// The file opened for reading, -1 when there is none. Everybody may make things in /tmp: no link is followed, and what
+// is no plain file is not opened, because opening alone acts on a device or a pipe.
+int open_test_signal() {
+  struct stat state {};
+  if (lstat(TEST_SIGNAL_FILE, &state) != 0 || !S_ISREG(state.st_mode))
+    return -1;
+  // What stands there by now may be something else: a place in the file system is held first, looked at, then opened.
+  const int place = uninterrupted([] { return open(TEST_SIGNAL_FILE, O_PATH | O_NOFOLLOW | O_CLOEXEC); });
+  if (place < 0)
+    return -1;
+  int file = -1;
+  if (fstat(place, &state) == 0 && S_ISREG(state.st_mode)) {
+    char held[32];
+    (void)std::snprintf(held, sizeof held, "/proc/self/fd/%d", place);  // always fits
+    file = uninterrupted([&held] { return open(held, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+  }
+  (void)close(place);  // nothing was written to it
+  return file;
+}
 
 }  // namespace
 
@@ -251,18 +272,15 @@ void Scan_loop::parse_ready_sections() {
 }
 
 void Scan_loop::send_test_signal() {
-  const int file = open(TEST_SIGNAL_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int file = open_test_signal();
   if (file < 0)
     return;
-  struct stat state {};
-  if (fstat(file, &state) == 0 && S_ISREG(state.st_mode)) {
-    char text[64]{};
-    (void)!read(file, text, sizeof text - 1);  // nothing read counts as no number
-    unsigned code = 0;
-    (void)std::sscanf(text, "%x", &code);  // without a number the code is 0
-    KLOG(VERB_WARNING, "WARNING: Sending callback signal %x ", code);
-    tell_change(static_cast<int>(code));
-    (void)unlink(TEST_SIGNAL_FILE);  // a file that stays is sent again
-  }
-  (void)close(file);  // nothing was written to it
+  char text[64]{};
+  (void)!uninterrupted([&] { return read(file, text, sizeof text - 1); });  // nothing read counts as no number
+  unsigned code = 0;
+  (void)std::sscanf(text, "%x", &code);  // without a number the code is 0
+  KLOG(VERB_WARNING, "WARNING: Sending callback signal %x ", code);
+  tell_change(static_cast<int>(code));
+  (void)unlink(TEST_SIGNAL_FILE);  // a file that stays is sent again
+  (void)close(file);               // nothing was written to it
 }

@@ -3,6 +3,10 @@
 
 // Exports, the test signal, failing devices and the end, in the middle of a scan.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "scan/scan_run.h"
 
 namespace {
@@ -107,6 +111,36 @@ TEST_P(Scan_table, of_states_and_failures) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, Scan_table, testing::ValuesIn(CASES), Scan_table::name);
+
+TEST_F(Scan_states_test, test_signal_is_not_read_through_a_link) {
+  std::filesystem::create_directories(sandbox() + "/tmp");
+  const std::string place = sandbox() + "/tmp/testsig";
+  const std::string target = folder_.file("target");
+  support::write_file(target, "1f\n");
+  std::filesystem::create_symlink(target, place);
+  EXPECT_EQ(scan_of(BASE, SCAN_ONCE + "sleep 3").lines(), "freq -1\ndone 0 0\nend\n");
+  EXPECT_TRUE(std::filesystem::is_symlink(place));
+  EXPECT_EQ(support::read_file(target), "1f\n");
+}
+
+TEST_F(Scan_states_test, pipe_in_the_test_signal_s_place_is_not_opened) {
+  std::filesystem::create_directories(sandbox() + "/tmp");
+  const std::string place = sandbox() + "/tmp/testsig";
+  ASSERT_EQ(mkfifo(place.c_str(), 0600), 0);
+  std::atomic<bool> opened{false};
+  // Opening for writing waits until somebody opens it for reading, be it for a moment.
+  std::thread writer([&] {
+    const int end = open(place.c_str(), O_WRONLY);
+    opened = true;
+    close(end);
+  });
+  EXPECT_EQ(scan_of(BASE, SCAN_ONCE + "sleep 3").lines(), "freq -1\ndone 0 0\nend\n");
+  EXPECT_FALSE(opened);
+  EXPECT_TRUE(std::filesystem::is_fifo(place));
+  const int own = open(place.c_str(), O_RDONLY | O_NONBLOCK);
+  writer.join();
+  close(own);
+}
 
 TEST_F(Scan_states_test, export_while_scanning_stops_the_filters_tells_8_and_starts_them_again) {
   // The SDT begins late, so the scan is in the middle.

@@ -28,6 +28,16 @@ class Section_filter::Parts {
   // that have data, if some have). Any-thread.
   void wake() const { wake_up_.wake(); }
 
+  // As Section_filter::get_section_data(), with PID and frequency of the filter that the section was read for. Asked
+  // for afterwards they may be another filter's: a host that tunes frees the slot, which the next filter then takes.
+  // Worker-only.
+  struct Section {
+    unsigned length = 0;  // 0 when there is none, or it is of no use; the rest says nothing then
+    int pid = -1;
+    int freq = 0;
+  };
+  Section read(dvb_filter_desc* f, char* buf);
+
   // PID and frequency of `f`, read under the lock, because remove_all() may free the slot meanwhile: -1 and 0 then.
   // Any-thread.
   void get_tags(const dvb_filter_desc* f, int* pid, int* freq) const;

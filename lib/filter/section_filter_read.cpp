@@ -111,13 +111,20 @@ int Section_filter::wait_for_data(int timeout_ms) {
 }
 
 unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
-  const std::lock_guard lock(parts_->mutex_);
-  if (f->state != FILTER_RUNNING || !parts_->demux_.unwatch(f->fd) || parts_->demux_.gone())
-    return 0;
-  parts_->activity_.tell(ACTIVITY_READ_BEGIN, f->pid);
-  const unsigned length = parts_->read_section(f, buf);
-  parts_->activity_.tell(ACTIVITY_READ_END, static_cast<int>(length));
-  return length;
+  return parts_->read(f, buf).length;
+}
+
+Section_filter::Parts::Section Section_filter::Parts::read(dvb_filter_desc* f, char* buf) {
+  const std::lock_guard lock(mutex_);
+  Section section;
+  if (f->state != FILTER_RUNNING || !demux_.unwatch(f->fd) || demux_.gone())
+    return section;
+  section.pid = f->pid;
+  section.freq = f->freq;
+  activity_.tell(ACTIVITY_READ_BEGIN, f->pid);
+  section.length = read_section(f, buf);
+  activity_.tell(ACTIVITY_READ_END, static_cast<int>(section.length));
+  return section;
 }
 
 unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {

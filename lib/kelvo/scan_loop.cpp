@@ -251,19 +251,16 @@ void Scan_loop::parse_ready_sections() {
   activity.tell(ACTIVITY_SECTIONS_BEGIN, 0);
   // The parser appends filters while the list is walked; they have no data yet.
   for (dvb_filter_desc* filter : *filter_.flist()) {
-    const unsigned length = filter_.get_section_data(filter, section_);
-    if (length == 0)
+    const Section_filter::Parts::Section read = filter_.parts().read(filter, section_);
+    if (read.length == 0)
       continue;
     data_seen_ = true;
     if (!requests_.scan_requested)
       continue;
-    std::memset(section_ + length, 0, sizeof section_ - length);
-    int pid = 0;
-    int tagged_freq = 0;
-    filter_.parts().get_tags(filter, &pid, &tagged_freq);
+    std::memset(section_ + read.length, 0, sizeof section_ - read.length);
     const int table_id = static_cast<unsigned char>(section_[0]);
     activity.tell(ACTIVITY_PARSE_BEGIN, table_id);
-    (void)parser_.scan_assembled_section(section_, pid, tagged_freq, request_.data, scan_mode_);
+    (void)parser_.scan_assembled_section(section_, read.pid, read.freq, request_.data, scan_mode_);
     activity.tell(ACTIVITY_PARSE_END, table_id);
   }
   activity.tell(ACTIVITY_SECTIONS_END, 0);

@@ -47,6 +47,33 @@ class Filter_parts_test : public Demux_test {
   char buffer[SECTION_BUF_SIZE];
 };
 
+// A host's thread takes the filters away, and wants others, the moment that the section has been read.
+TEST_F(Filter_parts_test, a_section_comes_with_the_tags_of_the_filter_that_it_was_read_for) {
+  std::atomic<bool> has_read{false};
+  filter.parts().set_activity(nullptr);
+  std::thread host([&] {
+    while (!has_read)
+      std::this_thread::yield();
+    filter.remove_all();
+    want(0x200, 2, 7);
+  });
+  const Activity_listener when_read{[](void* data, int kind, int) {
+                                      if (kind == ACTIVITY_READ_END)
+                                        *static_cast<std::atomic<bool>*>(data) = true;
+                                    },
+                                    &has_read};
+  filter.parts().set_activity(&when_read);
+  run();
+  demux.put(support::long_section(2, 1, 0, {}));
+  EXPECT_EQ(filter.wait_for_data(LONG_MS), 1);
+  const Section_filter::Parts::Section section = filter.parts().read(at(0), buffer);
+  host.join();
+  EXPECT_EQ(section.length, 12U);
+  EXPECT_EQ(std::pair(section.pid, section.freq), std::pair(0x100, FREQ));
+  EXPECT_EQ(tags(), std::pair(0x200, 7)) << "the slot is another filter's by now";
+  EXPECT_EQ(filter.parts().read(at(0), buffer).length, 0U) << "which has no data yet";
+}
+
 TEST_F(Filter_parts_test, a_wake_up_ends_the_next_wait_once_and_is_no_data) {
   run();
   filter.parts().wake();

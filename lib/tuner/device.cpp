@@ -22,6 +22,12 @@ namespace {
 // Not blocking only concerns FE_GET_EVENT, which must never wait while the device is in use.
 constexpr int OPEN_FLAGS = O_RDWR | O_NONBLOCK | O_CLOEXEC;
 
+// Those that the core asks the driver for only when its thread is there.
+bool is_reading(unsigned long request) {
+  return request == FE_READ_SIGNAL_STRENGTH || request == FE_READ_SNR || request == FE_READ_BER ||
+         request == FE_READ_UNCORRECTED_BLOCKS;
+}
+
 }  // namespace
 
 Device::Device(const char* path, bool said) : said_(said) {
@@ -35,6 +41,7 @@ Device::Device(const char* path, bool said) : said_(said) {
 bool Device::open_here() {
   const int device = uninterrupted([this] { return open(path_, OPEN_FLAGS); });
   const int error = errno;
+  core_answers_ = false;
   const std::lock_guard lock(lock_);
   device_ = device;
   error_ = device >= 0 ? 0 : gone_ ? ENODEV : error;
@@ -160,9 +167,27 @@ int Device::control(unsigned long request, void* argument, const Turn* turn) {
     error_ = ENODEV;
     gone_ = true;
   }
+  if (result >= 0 && is_reading(request)) {
+    core_answers_ = true;
+    core_cured_ = false;
+  }
   end_use();
   errno = error;
   return result;
+}
+
+bool Device::cure_missing_core() {
+  if (core_answers_ || core_cured_)
+    return false;
+  uint16_t strength = 0;
+  if (control(FE_READ_SIGNAL_STRENGTH, &strength) >= 0 || errno != EAGAIN) {
+    core_answers_ = true;
+    return false;
+  }
+  if (!open_again())
+    return false;
+  core_cured_ = true;
+  return true;
 }
 
 Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {

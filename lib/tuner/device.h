@@ -61,6 +61,12 @@ class Device {
   // device is closed while the call waits for another one to end; with ECANCELED when `turn` is over by then.
   int control(unsigned long request, void* argument, const Turn* turn = nullptr);
 
+  // Opens the device again when the core has no thread behind this opening of it, which happens rarely where it is
+  // opened right behind a closing: readings answer EAGAIN then, tunings succeed, and none is ever made. Asks for one
+  // reading, unless one was answered since the opening. True when it was opened again; not twice in a row, because some
+  // drivers answer so by themselves.
+  bool cure_missing_core();
+
   // Waits until the device reports an event, `wake_up` wakes, or the time is over. An event is taken and thrown away.
   // GONE means that the device lets no poll wait any more.
   enum class Waited { ENOUGH, GONE };
@@ -79,6 +85,8 @@ class Device {
   char path_[256]{};
   std::atomic<int> error_{0};
   std::atomic<bool> gone_{false};
+  std::atomic<bool> core_answers_{false};  // a reading, since the opening
+  std::atomic<bool> core_cured_{false};    // and no reading was answered since
 
   mutable std::mutex lock_;  // guards the following for moments; a leaf
   std::condition_variable use_ended_;

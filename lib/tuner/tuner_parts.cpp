@@ -136,7 +136,11 @@ Tuning_result Tuner::Parts::tune(Tuning_request request) {
     Known_tuning what = known(request);
     if (profile.remember_tunings)
       recall(&request, &what);
-    tuned = search.run(request, make_search_plan(profile, request, what), turn);
+    const Search_plan plan = make_search_plan(profile, request, what);
+    tuned = search.run(request, plan, turn);
+    const bool silent = tuned.outcome == TUNING_NO_SIGNAL || tuned.outcome == TUNING_NO_LOCK;
+    if (silent && !turn.over() && device.cure_missing_core())
+      tuned = search.run(request, plan, turn);
   }
   keep(tuned, turn);
   return tuned;

@@ -141,6 +141,16 @@ TEST_P(Receivers, find_at_least_what_other_programs_find) {
 INSTANTIATE_TEST_SUITE_P(Devices, Receivers, testing::ValuesIn(RECEIVERS),
                          [](const auto& receiver) { return std::string(receiver.param.name); });
 
+// Opened right behind a closing, Linux's core may be without its thread: nothing is tuned then, whatever is asked.
+TEST_F(On_air, is_found_though_an_opening_had_no_core_behind_it) {
+  device_ = "rtl2832";
+  for (const char* opening : {"1", "2"}) {
+    const Command_result result = run_command(kelvo(joined({{"--dead-reopen", opening}, on_air()}), freqs({"474"})));
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_EQ(count("474000000"), "8") << opening << result.err;
+  }
+}
+
 // One that is sold: frontend0 for DVB-T, frontend1 for DVB-T2 as well, one demultiplexer.
 class Two_frontends : public On_air {
  protected:

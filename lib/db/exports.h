@@ -11,8 +11,7 @@
 
 namespace sdbl {
 
-// Copies of the two files. Exports of one database run one after the other, because they share their temporary files.
-// Any-thread.
+// Copies of the two files. The exports of a process run one after the other. Any-thread.
 class Exports {
  public:
   Exports(const Connection& connection, One_shot& sql, Guide_room& room)
@@ -24,14 +23,13 @@ class Exports {
   void export_channels(const char* file);
 
  private:
-  void copy_guide(sqlite3* to);
+  bool copy_guide(sqlite3* to);
 
   const Connection& connection_;
   One_shot& sql_;
   Guide_room& room_;
 
-  std::mutex exporting_;  // held for the time of an export; the connection's mutex is taken while it is held
-  std::mutex lock_;       // guards the name
+  std::mutex lock_;  // guards the name
   std::string guide_target_;
 };
 

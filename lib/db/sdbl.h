@@ -83,7 +83,7 @@ class KELVO_EXPORT Sdbl {
   bool db_opened() const;
 
   // Announces the end of a step of work at verbosity 3; prints an error when the database is closed. Writes nothing:
-  // every statement is on disk when it returns.
+  // every statement has been handed to the system when it returns, which writes it to the disk when it likes.
   void flush();
 
   // Makes the scan tables of adapter `n`, 0 to 3, dropping those that are there; clear_temp_tables empties them. When a
@@ -98,17 +98,17 @@ class KELVO_EXPORT Sdbl {
 
   // Removes the events that started more than a day ago, and copies the guide onto the guide file that belongs to the
   // name set by set_backup_file_name(). The argument is not looked at. Without a name, prints an error and touches
-  // nothing. When the temporary file in /dvbfiles cannot be opened, the old copy stays; when the copy itself fails,
-  // which is printed, what there is of it takes the old copy's place. Exports that are asked for at once run one after
-  // the other, and each is written. Kelvo::export_db runs it on the worker. Do not name this database itself: its open
-  // guide file would be replaced.
+  // nothing. When the temporary file in /dvbfiles cannot be opened or the copy fails, which is printed, the old copy
+  // stays; otherwise the new one takes its place at once, and is on the disk. The exports of a process run one after the
+  // other, and each is written; other processes do not disturb them. Kelvo::export_db runs it on the worker. Do not name
+  // this database itself: its open guide file would be replaced.
   void backup_database(bool full);
 
   // Copies the channel file (without guide and scan tables) to `file`, by way of a temporary file beside the original.
-  // Throws no_file_error when that cannot be created, and `file` is not touched. When the copy fails, which is a
-  // warning at verbosity 1, what there is of it takes the place of `file`; when it cannot be moved there, `mv`
-  // complains on standard error and the temporary file stays until the next export. Waits for an export that is under
-  // way.
+  // Throws no_file_error when that cannot be created, and `file` is not touched. It does not throw for a `file` that
+  // cannot be written: `mv` complains on standard error then. When the copy fails, which is a warning at verbosity 1, an
+  // old `file` stays; where there was none, what there is of the copy is put there. Waits for an export that is under
+  // way. When it returns, the copy is on the disk.
   void backup_channel_database(const char* file);
 
   // The first failure of this object's database since the last call of forget_errors(), or since the construction.

@@ -7,6 +7,7 @@ list(APPEND KELVO_SOURCES
   db/eit_scan_list.cpp
   db/errors.cpp
   db/event_cache.cpp
+  db/export_file.cpp
   db/exports.cpp
   db/file_room.cpp
   db/guide.cpp

@@ -167,8 +167,8 @@ class KELVO_EXPORT Kelvo {
   bool time_valid() const;
 
   // Copies the channel list to `file` in the caller's thread. Throws no_file_error when the temporary file beside the
-  // channel file cannot be created, and leaves `file` alone then. What fails later is printed only. The scan goes on in
-  // any case. See Sdbl::backup_channel_database.
+  // channel file cannot be created, and leaves `file` alone then. What fails later, as for a `file` that cannot be
+  // written, is printed only, and an old `file` stays. The scan goes on in any case. See Sdbl::backup_channel_database.
   void export_channel_db(const char* file);
 
   // Asks the worker to purge old events and copy the guide beside `file` (see Sdbl::backup_database); the change

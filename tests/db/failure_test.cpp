@@ -162,7 +162,7 @@ TEST_F(Failures, tables_of_a_file_that_another_program_keeps_locked_count_as_the
 }
 
 TEST_F(Failures, a_channel_export_without_room_warns_with_the_step_s_code) {
-  support::softdvb_control("fault write(dvb.db_exp)=ENOSPC");
+  support::softdvb_control("fault write(dvb.db_exp*)=ENOSPC");
   EXPECT_THAT([&] { sdbl().backup_channel_database(folder().file("copy.db").c_str()); },
               support::prints_only_from(
                   1, MatchesRegex("WARNING: Exporting channel data to to .*/copy.db WARNING: Backup step rc is 13\n"

@@ -26,9 +26,18 @@ Function* next(const char* name, Function* /* the one here */) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// Without the number of the process, by which temporary files differ.
+std::string name_of(const char* path) {
+  std::string name = std::filesystem::path(path).filename();
+  const std::string number = "." + std::to_string(getpid());
+  if (name.ends_with(number))
+    name.resize(name.size() - number.size());
+  return name;
+}
+
 std::string file_of(sqlite3* conn) {
   const char* file = sqlite3_db_filename(conn, "main");
-  return std::filesystem::path(file != nullptr ? file : "").filename();
+  return name_of(file != nullptr ? file : "");
 }
 
 }  // namespace
@@ -70,6 +79,16 @@ int usleep(useconds_t us) {
 int system(const char* command) {
   add(std::string("system ") + command);
   return next("system", system)(command);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  add("rename " + name_of(from) + " " + name_of(to));
+  return next("rename", rename)(from, to);
+}
+
+int fsync(int handle) {
+  add("fsync");
+  return next("fsync", fsync)(handle);
 }
 
 time_t time(time_t* out) noexcept {

@@ -12,7 +12,7 @@
 namespace system_calls {
 
 // From here on, what is called, a line each: "busy_timeout a_epg.db 2000", "extended_result_codes a.db 1",
-// "synchronous_off a.db", "backup_step -1", "sleep 10", "system rm ...".
+// "synchronous_off a.db", "backup_step -1", "sleep 10", "system rm ...", "fsync", "rename a.db_exp b.db".
 void record();
 std::string recorded();  // and forgets it
 

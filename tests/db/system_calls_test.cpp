@@ -5,6 +5,9 @@
 // /dvbfiles and /tmp/zoneinfo are folders of the sandbox.
 #include "system_calls.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include "db_support.h"
 #include "support/softdvb.h"
 
@@ -68,7 +71,7 @@ TEST_F(System_calls, a_channel_export_sets_up_its_connection_and_copies_in_one_s
   system_calls::record();
   sdbl().backup_channel_database(target.c_str());
   EXPECT_EQ(system_calls::recorded(),
-            settings_of("dvb.db_exp") + "backup_step -1\nsystem mv '" + file() + "_exp' '" + target + "' </dev/null\n");
+            settings_of("dvb.db_exp") + "backup_step -1\nfsync\nrename dvb.db_exp copy.db\nfsync\n");
 }
 
 TEST_F(System_calls, a_guide_export_sets_up_its_connection_and_copies_in_one_step) {
@@ -78,10 +81,9 @@ TEST_F(System_calls, a_guide_export_sets_up_its_connection_and_copies_in_one_ste
   system_calls::record();
   export_guide();
   EXPECT_EQ(system_calls::recorded(),
-            "system rm '/dvbfiles/epg_export_tmp.db'* </dev/null\n" + settings_of("epg_export_tmp.db") +
+            settings_of("epg_export_tmp.db") +
                 "backup_step -1\nbackup_step 2147483647\n"  // the second of SQLite's own: the copy is compacted
-                "system rm '" +
-                target + "' </dev/null\nsystem mv '/dvbfiles/epg_export_tmp.db' '" + target + "' </dev/null\n");
+                "fsync\nrename epg_export_tmp.db copy_epg.db\nfsync\n");
 }
 
 TEST_F(System_calls, a_connection_in_use_is_left_after_five_pauses_of_10_ms) {
@@ -117,6 +119,22 @@ TEST_F(System_calls, leftovers_of_exports_are_replaced_and_not_written_to) {
   std::filesystem::create_symlink(precious, TEMPORARY);
   export_guide();
   EXPECT_EQ(support::read_file(precious), "keep me");
+}
+
+// Of a process that is gone, and of one that is at it.
+TEST_F(System_calls, an_export_removes_what_others_have_left_but_not_what_they_are_writing) {
+  const std::string left = file() + "_exp.1234567-1";
+  const std::string written = file() + "_exp.1234568";
+  const std::string other = file() + "_exp.mine";
+  for (const std::string& name : {left, written, other})
+    support::write_file(name, "x");
+  const int handle = ::open(written.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(handle, LOCK_EX), 0);
+  sdbl().backup_channel_database(folder().file("copy.db").c_str());
+  EXPECT_FALSE(std::filesystem::exists(left));
+  EXPECT_TRUE(std::filesystem::exists(written));
+  EXPECT_TRUE(std::filesystem::exists(other));
+  ::close(handle);
 }
 
 // --- Sizes -----------------------------------------------------------------------------------------------------------
@@ -241,4 +259,56 @@ TEST_F(System_calls, exports_asked_for_at_once_are_all_written) {
                         }),
             "");
   EXPECT_EQ(support::Other_connection(folder().file("copy_epg.db")).rows("SELECT count(*) FROM epglist"), (Texts{"0"}));
+}
+
+// Also of several databases, which share the guide's temporary name. The copy of before is there until the new one is.
+TEST_F(System_calls, exports_of_several_databases_at_once_leave_whole_copies_at_every_moment) {
+  const std::string channels = folder().file("copy.db");
+  const std::string guide = folder().file("copy_epg.db");
+  run("INSERT INTO kanalid (freq) VALUES (1)");
+  run("INSERT INTO epglist_lang (source_oid, ext_desc) VALUES (1, zeroblob(200000))");
+  Sdbl second(file().c_str());
+  std::atomic<int> running{2};
+  const auto exported = [&](Sdbl& database) {
+    database.set_backup_file_name(channels.c_str());
+    for (int round = 0; round < 15; ++round) {
+      database.backup_channel_database(channels.c_str());
+      database.backup_database(true);
+    }
+    --running;
+  };
+  exported(second);
+  running = 2;
+  EXPECT_EQ(
+      messages_at(0,
+                  [&] {
+                    std::thread one([&] { exported(sdbl()); }), two([&] { exported(second); });
+                    while (running != 0) {
+                      EXPECT_EQ(support::Other_connection(channels).rows("SELECT freq FROM kanalid"), (Texts{"1"}));
+                      EXPECT_EQ(support::Other_connection(guide).rows("SELECT length(ext_desc) FROM epglist_lang"),
+                                (Texts{"200000"}));
+                    }
+                    one.join();
+                    two.join();
+                  }),
+      "");
+  for (const auto& entry : std::filesystem::directory_iterator(folder().path()))
+    EXPECT_EQ(entry.path().filename().string().find("_exp"), std::string::npos) << entry.path();
+}
+
+// A guide of 5 MB: what is handed to the system is the copy, and once more what is compacted.
+TEST_F(System_calls, a_guide_export_writes_no_journal) {
+  run("INSERT INTO epglist_lang (source_oid, ext_desc) VALUES (1, zeroblob(5000000))");
+  const auto written = [] {
+    std::ifstream io("/proc/self/io");
+    std::string name;
+    long long bytes = 0;
+    while (io >> name >> bytes && name != "wchar:")
+      continue;
+    return bytes;
+  };
+  const long long before = written();
+  export_guide();
+  EXPECT_LT(written() - before, 11000000);
+  EXPECT_GT(std::filesystem::file_size(folder().file("copy_epg.db")), 5000000u);
 }

@@ -99,16 +99,16 @@ class KELVO_EXPORT Sdbl {
   // Removes the events that started more than a day ago, and copies the guide onto the guide file that belongs to the
   // name set by set_backup_file_name(). The argument is not looked at. Without a name, prints an error and touches
   // nothing. When the temporary file in /dvbfiles cannot be opened or the copy fails, which is printed, the old copy
-  // stays; otherwise the new one takes its place at once, and is on the disk. The exports of a process run one after the
-  // other, and each is written; other processes do not disturb them. Kelvo::export_db runs it on the worker. Do not name
-  // this database itself: its open guide file would be replaced.
+  // stays; otherwise the new one takes its place at once, and is on the disk. The exports of a process run one after
+  // the other, and each is written; other processes do not disturb them. Kelvo::export_db runs it on the worker. Do not
+  // name this database itself: its open guide file would be replaced.
   void backup_database(bool full);
 
   // Copies the channel file (without guide and scan tables) to `file`, by way of a temporary file beside the original.
   // Throws no_file_error when that cannot be created, and `file` is not touched. It does not throw for a `file` that
-  // cannot be written: `mv` complains on standard error then. When the copy fails, which is a warning at verbosity 1, an
-  // old `file` stays; where there was none, what there is of the copy is put there. Waits for an export that is under
-  // way. When it returns, the copy is on the disk.
+  // cannot be written: `mv` complains on standard error then. When the copy fails, which is a warning at verbosity 1,
+  // an old `file` stays; where there was none, what there is of the copy is put there. Waits for an export that is
+  // under way. When it returns, the copy is on the disk.
   void backup_channel_database(const char* file);
 
   // The first failure of this object's database since the last call of forget_errors(), or since the construction.
@@ -161,15 +161,18 @@ class KELVO_EXPORT Sdbl {
   // Texts of fewer than three bytes are bound as the empty text.
   // Returns the statement, owned by the cache, or null (printed) when it does not compile or bind. A failed run is
   // printed, and the statement is returned all the same. With `run` false the caller steps it; the next use resets it.
-  // REQUIRES: pass no argument wider than int for a `$`.
+  // Any-thread with `run`. Without it the statement is the caller's from then on, so no two threads may use the same
+  // text for the same instance, and none may call check_cached_queries, free_prepared_queries or close_db meanwhile;
+  // give each thread an instance or a text of its own. REQUIRES: pass no argument wider than int for a `$`.
   sqlite3_stmt* sql_cache(bool run, int instance, const char* sql, ...);
 
-  // The cache's entry of `sql`, compiled for `instance` and owned by the cache; null when it does not compile, which is
-  // printed, or when there is no such instance.
+  // The cache's entry of `sql`, compiled for `instance` and owned by the cache, until free_prepared_queries; null when
+  // it does not compile, which is printed, or when there is no such instance.
   SQL_query* lookup_insert_sql_query(const char* sql, int instance);
 
   // check_cached_queries resets the cached statements; free_prepared_queries ends and forgets them. Deliberately only
-  // those of instances 0 to 2; close_db ends what is left. Neither fails.
+  // those of instances 0 to 2; close_db ends what is left. Neither fails. They wait for the library's own statements;
+  // REQUIRES: no thread still uses what sql_cache (without `run`) or lookup_insert_sql_query have returned.
   void check_cached_queries();
   void free_prepared_queries();
 

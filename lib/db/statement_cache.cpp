@@ -173,6 +173,7 @@ void Statement_cache::reset() {
 }
 
 void Statement_cache::free() {
+  Db_lock in_use(connection_);  // no statement of the library's is, then
   std::vector<SQL_query*> freed;
   {
     std::lock_guard<std::mutex> cache(lock_);

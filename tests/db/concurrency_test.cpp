@@ -158,3 +158,38 @@ TEST_F(Concurrency, instances_compile_the_same_texts_at_once) {
   EXPECT_EQ(wrong_, 0);
   sdbl().free_prepared_queries();
 }
+
+// Those of the library are in use by then, and compiled again.
+TEST_F(Concurrency, statements_are_freed_and_reset_while_others_use_the_cache) {
+  run("INSERT INTO estreams (channel, es_pid, ca_sysid, ca_pid) VALUES (1, 7, 8, 9)");
+  std::vector<std::thread> threads;
+  std::atomic<int> working{3};
+  for (int n = 0; n < 3; ++n)
+    threads.emplace_back([&, n] {
+      for (int i = 0; i < 600; ++i) {
+        std::vector<CA_pid*> pids;
+        sdbl().fill_pids_for_channel(1, &pids);
+        wrong_ += pids.size() != 1;
+        for (CA_pid* pid : pids)
+          delete pid;
+        wrong_ += sdbl().pat_for_network(n, TYPE, CONN, freq_of(n), i, 5, 100) != i + 1;
+        // A new text, which is being compiled when its entry is freed.
+        const std::string sql = "UPDATE estreams SET p1 = $p1 WHERE es_pid = " + std::to_string(i);
+        wrong_ += sdbl().sql_cache(true, n, sql.c_str(), i) == nullptr;
+      }
+      --working;
+    });
+  while (working != 0) {
+    sdbl().check_cached_queries();
+    for (int i = 0; i < 16; ++i)
+      sdbl().free_prepared_queries();
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong_, 0);
+  for (int n = 0; n < 3; ++n)
+    EXPECT_EQ(number("SELECT count(*) FROM kanalid_scan_" + std::to_string(n)), 600);
+  sdbl().free_prepared_queries();
+  EXPECT_EQ(support::messages_at(1, [&] { sdbl().close_db(); }), "") << "a statement without an entry is never freed";
+  (void)support::messages_at(-1, [&] { close(); });
+}

@@ -146,10 +146,11 @@ struct KELVO_EXPORT Receiver_profile {
   // Whose local time offset counts, where several countries stand in one table.
   enum class Zone_country {
     PREFERRED_PROVIDER,  // every one of a multiplex of the preferred provider's network
-    COUNTRY,             // any_linux: that of `country`, else of the network's country, else of the system's zone
+    COUNTRY,  // any_linux: that of `country`, else of the network's country, else of the system's zone's, else of the
+              // only country in the table; of its regions the system's, else the first
   };
   Zone_country zone_country = Zone_country::PREFERRED_PROVIDER;
-  std::string country;  // three letters (ISO 3166), "EST"; empty when the host does not say
+  std::string country;  // ISO 3166, two or three letters ("EE", "EST"); empty when the host does not say
 
   // --- The system --------------------------------------------------------------------------------------------------
 

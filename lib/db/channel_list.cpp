@@ -54,6 +54,13 @@ int Channel_list::get_freq(int channel) {
   return freq;
 }
 
+int Channel_list::original_network_id(const Multiplex& multiplex) {
+  Rows rows(statements_, __func__, 0,
+            "SELECT orig_network_id FROM kanalid WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq",
+            number(multiplex.input.connector), number(multiplex.input.delivery), multiplex.freq);
+  return rows.next() ? rows.number(0) : -1;
+}
+
 std::unique_ptr<std::string> Channel_list::get_serv_name(const Multiplex& multiplex, int pat_prnr) {
   auto name = std::make_unique<std::string>();
   sql_.get_txt(__func__, name.get(),

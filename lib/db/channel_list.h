@@ -28,6 +28,8 @@ class Channel_list {
 
   int get_pat_prnr(int channel, int freq);
   int get_freq(int channel);
+  // Of a multiplex, -1 when no service of it is stored. Not an operation of Sdbl.
+  int original_network_id(const Multiplex& multiplex);
   std::unique_ptr<std::string> get_serv_name(const Multiplex& multiplex, int pat_prnr);
   int fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids);
 

@@ -131,6 +131,10 @@ const char TUNED_MULTIPLEX[] =
     "CREATE TABLE IF NOT EXISTS tuned_multiplex (freq int, hf_conn int, dvb_type int, asked_freq int, system int, "
     "pipe int, bandwidth_hz int, modulation int, offset_hz int, lock_ms int, UNIQUE (freq, hf_conn, dvb_type));";
 
+const char BROADCAST_ZONE[] =
+    "CREATE TABLE IF NOT EXISTS broadcast_zone (freq int, hf_conn int, dvb_type int, country text, region int, "
+    "offset_min int, change_epoch int, next_offset_min int, UNIQUE (freq, hf_conn, dvb_type));";
+
 const char* const STREAM_TABLES[] = {
     "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, es_type int, component_tag int, kind text, codec text, "
     "profile text);",
@@ -255,6 +259,10 @@ void Schema::create_channel_tables() {
 
 int Schema::create_tuned_multiplex() {
   return sql_.try_exec_on(__func__, connection_.get(), TUNED_MULTIPLEX);
+}
+
+int Schema::create_broadcast_zone() {
+  return sql_.try_exec_on(__func__, connection_.get(), BROADCAST_ZONE);
 }
 
 bool Schema::create_stream_tables() {

@@ -21,6 +21,9 @@ class Schema {
   // opening: files whose tunings are not stored stay as they are. SQLite's code; a failure is a warning.
   int create_tuned_multiplex();
 
+  // Likewise the table of local times; SQLite's code.
+  int create_broadcast_zone();
+
   // Likewise the tables of what streams are. False, with a warning, when one could not be made.
   bool create_stream_tables();
 

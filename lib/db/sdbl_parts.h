@@ -27,6 +27,7 @@
 #include "db/tuner_table.h"
 #include "db/tuning_table.h"
 #include "db/zone.h"
+#include "db/zone_table.h"
 
 // What stands behind an Sdbl, each part after those that it uses. Inside the library, connector and delivery type
 // travel as types of their own; the operations of Sdbl are where the plain numbers end.
@@ -47,6 +48,7 @@ class Sdbl::Parts {
   sdbl::Tuning_table tunings{connection, statements, schema};
   sdbl::Stream_details stream_details{connection, sql, statements, schema};
   sdbl::Zone zone{statements};
+  sdbl::Zone_table zones{connection, statements, schema};
   sdbl::File_room room{connection, sql};
   sdbl::Guide_room guide_room{connection, room, statements};
   sdbl::Scan_merge scan_merge{connection, sql, statements, errors, room, stream_details};

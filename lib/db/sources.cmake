@@ -28,6 +28,7 @@ list(APPEND KELVO_SOURCES
   db/tuner_table.cpp
   db/tuning_table.cpp
   db/zone.cpp
+  db/zone_table.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h

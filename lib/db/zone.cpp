@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "base/log.h"
 #include "base/uninterrupted.h"
@@ -80,6 +81,12 @@ bool install_zone(const char* zone_name, int zone_nr) {
   return copied;
 }
 
+Zone_outcome make_zone(const std::string& network, int offset_min, const char* zone_name, int zone_nr) {
+  KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
+  const bool set = write_zone_source(network, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);
+  return set ? Zone_outcome::SET : Zone_outcome::FAILED;
+}
+
 }  // namespace
 
 void Zone::set_preferred_provider(const char* name) {
@@ -115,12 +122,19 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
     KLOG(VERB_WARNING, "WARNING: Timezone OK\n");
     return Zone_outcome::RIGHT;
   }
-  if (!sets)
-    return Zone_outcome::KEPT;
-  KLOG(VERB_WARNING, "WARNING: Setting timezone to %d\n", offset_min);
-  const bool set =
-      write_zone_source(preferred_provider, offset_min, zone_name, zone_nr) && install_zone(zone_name, zone_nr);
-  return set ? Zone_outcome::SET : Zone_outcome::FAILED;
+  return sets ? make_zone(preferred_provider, offset_min, zone_name, zone_nr) : Zone_outcome::KEPT;
+}
+
+Zone_outcome Zone::follow(int offset_min, const char* zone_name, int zone_nr, int64_t utc, bool sets) {
+  constexpr long SECONDS_A_MINUTE = 60;
+  if (!is_zone_name(zone_name) || !std::in_range<time_t>(utc))
+    return Zone_outcome::UNTOUCHED;
+  const auto now = static_cast<time_t>(utc);
+  tm local{};
+  tzset();  // as above
+  if (localtime_r(&now, &local) != nullptr && local.tm_gmtoff == offset_min * SECONDS_A_MINUTE)
+    return Zone_outcome::RIGHT;
+  return sets ? make_zone(zone_name, offset_min, zone_name, zone_nr) : Zone_outcome::KEPT;
 }
 
 }  // namespace sdbl

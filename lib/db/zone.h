@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -27,6 +28,10 @@ class Zone {
 
   // Sdbl::set_preferred_provider. Any-thread.
   void set_preferred_provider(const char* name);
+
+  // The same for an offset that counts whatever the network, which is compared with the zone's at `utc`, seconds since
+  // 1970, to the minute. Worker-only.
+  Zone_outcome follow(int offset_min, const char* zone_name, int zone_nr, int64_t utc, bool sets);
 
   // Sdbl::update_system_timezone; if not `sets`, the zone is compared only. Worker-only.
   Zone_outcome update(int offset_min, const char* zone_name, int zone_nr, const Multiplex& multiplex, bool sets);

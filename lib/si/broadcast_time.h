@@ -15,7 +15,7 @@ enum : int {
 
 // What became of the system's zone.
 enum : int {
-  ZONE_UNTOUCHED = 0,  // no local time offset, or not of the preferred provider
+  ZONE_UNTOUCHED = 0,  // no local time offset that counts
   ZONE_RIGHT = 1,      // it is the broadcast one already
   ZONE_SET = 2,        // compiled and installed
   ZONE_FAILED = 3,     // to be set, but it could not be written, compiled or installed
@@ -31,4 +31,11 @@ struct Broadcast_time {
   int zone = ZONE_UNTOUCHED;  // ZONE_..., of the last entry that did anything
   int offset_min = 0;         // that entry's offset, minutes east of UTC
   char country[4] = "";       // that entry's country code as broadcast, cut to three bytes
+  // Only where the zone's country is chosen (Receiver_profile::Zone_country::COUNTRY):
+  int region = 0;            // that entry's country_region_id, 0 where the country has one zone
+  int64_t change_epoch = 0;  // when its next offset holds, seconds since 1970; 0 when no change is announced
+  int next_offset_min = 0;   // the offset from then on
+
+  // Minutes east of UTC at a time, seconds since 1970, as far as the broadcast says.
+  int offset_at(int64_t time) const { return change_epoch != 0 && time >= change_epoch ? next_offset_min : offset_min; }
 };

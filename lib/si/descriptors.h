@@ -5,8 +5,10 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "si/found.h"
+#include "si/local_offsets.h"
 #include "si/scan_rows.h"
 
 class Descriptor;
@@ -43,7 +45,8 @@ struct Site {
   int network_id = -1;
   int ts_id = -1;
   int orig_network_id = -1;
-  bool sets_zone = true;  // by a local time offset
+  bool sets_zone = true;                         // by a local time offset
+  std::vector<Local_offset>* offsets = nullptr;  // where they are collected; null: each counts at once
 };
 
 // What is done with a descriptor of this tag in one of these loops.

@@ -84,6 +84,8 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   if (profile.whole_tables)
     whole_tables_ = std::make_unique<Whole_tables>();
   name_streams_ = profile.name_streams;
+  if (profile.zone_country == Receiver_profile::Zone_country::COUNTRY)
+    country_offset_ = std::make_unique<Country_offset>(profile.country);
 }
 
 char* Siparse::Parts::add_dvbnr(const char* base) {

@@ -103,6 +103,10 @@ struct Zone_found {
   int result = ZONE_UNTOUCHED;
   int offset_min = 0;
   std::string country;
+  // Only of an offset that was chosen:
+  int region = 0;
+  int64_t change = 0;  // seconds since 1970, 0 for none that is to come
+  int next_offset_min = 0;
 };
 
 // A terrestrial delivery system; numbers as broadcast, but for the frequency.

@@ -10,6 +10,26 @@
 #include "db/sql_cache.h"
 #include "si/broadcast_time.h"
 
+namespace {
+
+int result_of(sdbl::Zone_outcome outcome) {
+  switch (outcome) {
+    case sdbl::Zone_outcome::RIGHT:
+      return ZONE_RIGHT;
+    case sdbl::Zone_outcome::SET:
+      return ZONE_SET;
+    case sdbl::Zone_outcome::FAILED:
+      return ZONE_FAILED;
+    case sdbl::Zone_outcome::KEPT:
+      return ZONE_KEPT;
+    case sdbl::Zone_outcome::UNTOUCHED:
+      break;
+  }
+  return ZONE_UNTOUCHED;
+}
+
+}  // namespace
+
 std::string Scan_rows::table(const char* base) const {
   return base + ("_" + std::to_string(place_.adapter));
 }
@@ -104,18 +124,16 @@ int Scan_rows::event(int service_id, SQL_cache* cache, const Event_times& times,
   return row;
 }
 
+int Scan_rows::original_network_id() {
+  return db_.channel_list.original_network_id(place_.multiplex);
+}
+
 int Scan_rows::local_offset(int freq, int minutes, const std::string& country, int region, bool sets_zone) {
-  switch (db_.zone.update(minutes, country.c_str(), region, {place_.multiplex.input, freq}, sets_zone)) {
-    case sdbl::Zone_outcome::RIGHT:
-      return ZONE_RIGHT;
-    case sdbl::Zone_outcome::SET:
-      return ZONE_SET;
-    case sdbl::Zone_outcome::FAILED:
-      return ZONE_FAILED;
-    case sdbl::Zone_outcome::KEPT:
-      return ZONE_KEPT;
-    case sdbl::Zone_outcome::UNTOUCHED:
-      break;
-  }
-  return ZONE_UNTOUCHED;
+  return result_of(db_.zone.update(minutes, country.c_str(), region, {place_.multiplex.input, freq}, sets_zone));
+}
+
+int Scan_rows::zone(const Zone_found& zone, int64_t utc, bool sets_zone) {
+  db_.zones.store(place_.multiplex,
+                  {zone.country, zone.region, zone.offset_min, sdbl::saturated(zone.change), zone.next_offset_min});
+  return result_of(db_.zone.follow(zone.offset_min, zone.country.c_str(), zone.region, utc, sets_zone));
 }

@@ -61,9 +61,14 @@ class Scan_rows {
   // EIT: stores an event of the service of `cache` with its texts. Returns its row, or 0 or less when it was refused.
   int event(int service_id, SQL_cache* cache, const Event_times& times, const Event_found& event);
 
+  // TOT: the network that the database knows the multiplex by, below 0 for none.
+  int original_network_id();
+
   // TOT: an offset from UTC in minutes, for this frequency. Returns what became of the system's zone, ZONE_..., which
   // is set if `sets_zone`, else compared.
   int local_offset(int freq, int minutes, const std::string& country, int region, bool sets_zone);
+  // The same for the one that was chosen, at a time in seconds since 1970; it is stored, too.
+  int zone(const Zone_found& zone, int64_t utc, bool sets_zone);
 
  private:
   std::string table(const char* base) const;

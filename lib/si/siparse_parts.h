@@ -137,6 +137,7 @@ class Siparse::Parts {
   void open_next_eit_table(int freq);
   void note_lost_sections();
   void tell(const Broadcast_time& broadcast);
+  Zone_found follow_country(const std::vector<Local_offset>& offsets, int64_t utc, Scan_rows& rows);
 
   Section_filter& filter_;
   Sdbl& db_;
@@ -145,6 +146,7 @@ class Siparse::Parts {
 
   System_clock clock_;
   bool sets_zone_ = true;
+  std::unique_ptr<Country_offset> country_offset_;  // null: every offset of the preferred provider's network counts
   Dvb_text text_;
   Guide_round guide_;
   Network_found network_;

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 list(APPEND KELVO_SOURCES
+  si/countries.cpp
   si/descriptors.cpp
   si/descriptors_event.cpp
   si/descriptors_network.cpp
@@ -14,6 +15,7 @@ list(APPEND KELVO_SOURCES
   si/guide_round.cpp
   si/iconv_decoder.cpp
   si/iso_6937.cpp
+  si/local_offsets.cpp
   si/network_found.cpp
   si/nit.cpp
   si/pat.cpp

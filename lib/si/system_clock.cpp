@@ -18,9 +18,11 @@ constexpr time_t LAST_SECOND_OF_1999 = 946684799;
 constexpr int64_t TOLERANCE_S = 10;
 constexpr int64_t WORTH_A_WARNING_S = 60;
 
+}  // namespace
+
 // 64 bits wherever it runs: MJD goes beyond what 32 hold. Digits that are none count all the same, so a month may be
 // one of a later year.
-int64_t utc_seconds(unsigned mjd, unsigned hms_bcd) {
+int64_t broadcast_seconds(unsigned mjd, unsigned hms_bcd) {
   using std::chrono::month, std::chrono::sys_days, std::chrono::year;
   const auto number = [](unsigned bcd) { return static_cast<int>(Siparse::bcd_to_int(bcd)); };
   const unsigned ymd = Siparse::mjd_to_bcd(mjd);
@@ -29,8 +31,6 @@ int64_t utc_seconds(unsigned mjd, unsigned hms_bcd) {
   const int64_t days = int64_t{first.time_since_epoch().count()} + number(ymd & 0xFF) - 1;
   return ((days * 24 + number(hms_bcd >> 16 & 0xFF)) * 60 + number(hms_bcd >> 8 & 0xFF)) * 60 + number(hms_bcd & 0xFF);
 }
-
-}  // namespace
 
 System_clock::System_clock() {
   const time_t now = time(nullptr);
@@ -44,9 +44,10 @@ System_clock::System_clock() {
 
 int System_clock::set_to(int64_t utc) {
   KLOG(VERB_PROGRESS, "Changing system clock\n");
-  if (!std::in_range<time_t>(utc))
+  const std::optional<time_t> time = time_that_fits<time_t>(utc);
+  if (!time)
     return CLOCK_REFUSED;
-  const timeval tv{static_cast<time_t>(utc), 0};
+  const timeval tv{*time, 0};
   // Without the right to set it the clock stays as it is.
   return settimeofday(&tv, nullptr) == 0 ? CLOCK_SET : CLOCK_REFUSED;
 }
@@ -59,7 +60,7 @@ void System_clock::warn(int64_t off_by) {
 
 Broadcast_time System_clock::follow(unsigned mjd, unsigned hms_bcd, time_t now) {
   Broadcast_time result;
-  result.utc = utc_seconds(mjd, hms_bcd);
+  result.utc = broadcast_seconds(mjd, hms_bcd);
   result.off_by = result.utc - now;
   const bool right = std::llabs(result.off_by) <= TOLERANCE_S;
   if (!right && sets_) {

@@ -6,8 +6,20 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstdint>
+#include <optional>
+#include <utility>
 
 #include "si/broadcast_time.h"
+
+// Modified Julian Date and time of day in BCD, as time tables have them, in seconds since 1970.
+int64_t broadcast_seconds(unsigned mjd, unsigned hms_bcd);
+
+// The time as `Time` holds it; nothing where it cannot, as time_t of 32 bits after January 2038.
+template <typename Time>
+constexpr std::optional<Time> time_that_fits(int64_t utc) {
+  return std::in_range<Time>(utc) ? std::optional<Time>(static_cast<Time>(utc)) : std::nullopt;
+}
 
 // The system's clock, as far as broadcast time tables set it, or are compared with it. Worker-only, but for valid().
 class System_clock {

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <vector>
 
 #include <dvbsi++/time_date_section.h>
 #include <dvbsi++/time_offset_section.h>
@@ -57,16 +58,42 @@ int Siparse::Parts::parse_section_tot(TimeOffsetSection* section, int freq) {
   Scan_rows rows(db_, place(freq));
   Site site{loop::TIME, freq, rows, text_, found};
   site.sets_zone = sets_zone_;
+  std::vector<Local_offset> offsets;
+  if (country_offset_ != nullptr)
+    site.offsets = &offsets;
   for (const Descriptor* descriptor : *section->getDescriptors())
     parse_descriptor(*descriptor, site);
+  if (country_offset_ != nullptr)
+    found.zone = follow_country(offsets, broadcast_seconds(section->getUtcTimeMjd(), section->getUtcTimeBcd()), rows);
   // Installing a zone takes its time, so the clock is looked at only now.
   Broadcast_time broadcast = clock_.follow(section->getUtcTimeMjd(), section->getUtcTimeBcd(), time(nullptr));
   broadcast.freq = freq;
   broadcast.zone = found.zone.result;
   broadcast.offset_min = found.zone.offset_min;
   (void)std::snprintf(broadcast.country, sizeof broadcast.country, "%s", found.zone.country.c_str());
+  broadcast.region = found.zone.region;
+  broadcast.change_epoch = found.zone.change;
+  broadcast.next_offset_min = found.zone.next_offset_min;
   tell(broadcast);
   return filter_.removefilter(pid::TIME, table::TOT);
+}
+
+// A change that lies behind the table's own time has been made already: the offset is that since then.
+Zone_found Siparse::Parts::follow_country(const std::vector<Local_offset>& offsets, int64_t utc, Scan_rows& rows) {
+  Zone_found zone;
+  const int network = network_.original_network_id();
+  const Local_offset* offset =
+      country_offset_->choose(offsets, network >= 0 ? network : rows.original_network_id(), utc);
+  if (offset == nullptr)
+    return zone;
+  const bool changes = offset->change > utc && offset->next_offset_min != offset->offset_min;
+  zone.offset_min = offset->offset_min;
+  zone.country = offset->country;
+  zone.region = offset->region;
+  zone.change = changes ? offset->change : 0;
+  zone.next_offset_min = changes ? offset->next_offset_min : offset->offset_min;
+  zone.result = rows.zone(zone, utc, sets_zone_);
+  return zone;
 }
 
 void Siparse::Parts::set_system_policy(bool set_clock, bool set_zone) {

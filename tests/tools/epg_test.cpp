@@ -109,6 +109,31 @@ TEST_F(Epg, days_and_times_are_those_of_the_readers_zone) {
             " 12  Kuldnokk  2040-03-25  01:00-04:00  Pikk päev x     a[2Jbc d\n");
 }
 
+// An hour east of UTC, and from 2040-03-25 01:00 UTC two.
+TEST_F(Epg, times_of_the_broadcasts_zone_follow_its_change) {
+  const Words here = support::lines_of(epg({"--zone", "broadcast"}).out);
+  EXPECT_EQ(here, support::lines_of(epg().out)) << "nothing is known of it";
+  run_sql(db_, R"(
+      CREATE TABLE broadcast_zone (freq int, hf_conn int, dvb_type int, country text, region int, offset_min int,
+                                   change_epoch int, next_offset_min int);
+      INSERT INTO broadcast_zone VALUES (506000000, 0, 0, 'CZE', 0, 60, 2216250000, 120);)");
+  EXPECT_EQ(support::lines_of(epg().out), here) << "it is not asked for";
+  EXPECT_EQ(epg({"--zone", "broadcast"}), prints("LCN  CHANNEL   DATE        TIME         TITLE           TEXT\n"
+                                                 " 12  Kuldnokk  2040-03-24  23:30-01:00  Üle keskööfilm  Lühike.\n"
+                                                 " 12  Kuldnokk  2040-03-25  01:00-04:00  Pikk päev x     a[2Jbc d\n"
+                                                 " 12  Kuldnokk  2040-03-26  04:00-04:00  -               -\n"
+                                                 "  -  Raadio    2040-03-25  01:00-03:00  Привет          <b>&\"\n"));
+  const json all = json::parse(epg({"--zone", "broadcast", "--format", "json"}).out);
+  EXPECT_EQ(all.at(0)["start"], "2040-03-24T23:30:00+0100");
+  EXPECT_EQ(all.at(2)["start"], "2040-03-26T04:00:00+0200");
+  EXPECT_EQ(all.at(2)["start_epoch"], 2216340000);
+  EXPECT_THAT(epg({"--zone", "broadcast", "--format", "xmltv"}).out, HasSubstr("start=\"20400324233000 +0100\""));
+  run_sql(db_, "UPDATE broadcast_zone SET offset_min = -210, change_epoch = 0;");
+  EXPECT_THAT(epg({"--zone", "broadcast"}).out, HasSubstr("2040-03-24  19:00-20:30"));
+  run_sql(db_, "UPDATE broadcast_zone SET offset_min = 100000;");
+  EXPECT_EQ(support::lines_of(epg({"--zone", "broadcast"}).out), here) << "no zone is that far";
+}
+
 TEST_F(Epg, search_folds_letters_of_every_language) {
   EXPECT_EQ(epg({"--search", "ПРИВЕТ"}).out,
             "LCN  CHANNEL  DATE        TIME         TITLE   TEXT\n"

@@ -35,6 +35,16 @@ std::string local_time(int64_t seconds, const char* format) {
   return {text, strftime(text, sizeof text, format, &time)};
 }
 
+std::string zone_time(int64_t seconds, int offset_min, const char* format) {
+  const int64_t east = int64_t{offset_min} * 60;
+  const auto shifted = static_cast<time_t>(seconds + east);
+  tm time{};
+  (void)gmtime_r(&shifted, &time);
+  time.tm_gmtoff = static_cast<long>(east);  // for %z
+  char text[64];
+  return {text, strftime(text, sizeof text, format, &time)};
+}
+
 std::pair<int64_t, int64_t> parse_day(const std::string& text) {
   tm day = broken_down(time(nullptr));
   int later = 0;

@@ -10,6 +10,9 @@
 // Times as the reader's zone has them (TZ, or the system's). `format` is strftime's.
 std::string local_time(int64_t seconds, const char* format);
 
+// The same as a zone has them that is so many minutes east of UTC.
+std::string zone_time(int64_t seconds, int offset_min, const char* format);
+
 // A day of the reader's zone, from its midnight to the next, in seconds since 1970: YYYY-MM-DD, "today", "tomorrow" or
 // "yesterday". A day on which clocks change has 23 or 25 hours. Throws Failure when it is none of them.
 std::pair<int64_t, int64_t> parse_day(const std::string& text);

@@ -5,6 +5,8 @@
 
 #include <iconv.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -63,6 +65,22 @@ void add_charset_option(CLI::App* command, Receiver_options* options) {
       });
 }
 
+void add_country_option(CLI::App* command, Receiver_options* options) {
+  command
+      ->add_option(
+          "--country", options->country,
+          "Whose local time counts where the broadcast has that of several, by two or three letters (EE, EST); "
+          "default: the network's country's")
+      ->type_name("COUNTRY")
+      ->check([](const std::string& text) {
+        const bool letters =
+            std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isalpha(c) != 0; });
+        return letters && (text.size() == 2 || text.size() == 3)
+                   ? std::string()
+                   : fmt::format("\"{}\" is no country; give its two or three letters, such as EE", text);
+      });
+}
+
 Receiver_profile profile_of(const Receiver_options& options) {
   const bool box = options.profile == "box";
   Receiver_profile profile = box ? Receiver_profile::box() : Receiver_profile::any_linux();
@@ -81,6 +99,7 @@ Receiver_profile profile_of(const Receiver_options& options) {
     throw Failure("--charset: not with --profile box, which reads such texts as ISO 6937", EXIT_USAGE);
   }
   profile.charset = options.charset;
+  profile.country = options.country;
   if (options.set_clock) {
     profile.set_clock = true;
     profile.set_zone = true;

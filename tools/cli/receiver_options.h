@@ -15,6 +15,7 @@ struct Receiver_options {
   std::optional<double> lock_time;  // seconds
   bool set_clock = false;
   std::string charset;
+  std::string country;  // whose local time counts; empty for the network's
 };
 
 // --profile and --lock-time. `options` outlives the parsing.
@@ -23,6 +24,9 @@ void add_receiver_options(CLI::App* command, Receiver_options* options);
 void add_set_clock_option(CLI::App* command, Receiver_options* options);
 // --charset, for commands that store or show texts of a broadcast.
 void add_charset_option(CLI::App* command, Receiver_options* options);
+
+// --country, for commands that read time tables and have no such option of their own.
+void add_country_option(CLI::App* command, Receiver_options* options);
 
 // What the options come to, in the country of the locale: its transmitters may be beside their channel's centre. Throws
 // Failure when they contradict each other.

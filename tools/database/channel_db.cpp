@@ -44,6 +44,7 @@ constexpr const char* WORD_COLUMNS =
 constexpr const char* ROLE_COLUMNS =
     "SELECT channel, es_pid, lang, role, page FROM stream_language ORDER BY channel, rowid;";
 constexpr const char* CA_COLUMNS = "SELECT channel, es_pid, ca_sysid, ca_pid FROM stream_ca ORDER BY channel, rowid;";
+constexpr const char* ZONE_COLUMNS = "SELECT freq, offset_min, change_epoch, next_offset_min FROM broadcast_zone;";
 constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
 
 struct Stream_kind {
@@ -440,6 +441,22 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
       (*services)[place->second].ca.push_back({ca.number(1), ca.number(2), ca.number(3)});
     }
   }
+}
+
+std::map<int, Broadcast_zone> Channel_db::zones() const {
+  std::map<int, Broadcast_zone> out;
+  if (!has_table(connection_, file_, "broadcast_zone")) {
+    return out;
+  }
+  constexpr int MOST_MIN = 24 * 60;
+  Statement rows(connection_, file_, ZONE_COLUMNS);
+  while (rows.step()) {
+    const Broadcast_zone zone{rows.number(1), rows.big_number(2), rows.number(3)};
+    if (std::abs(int64_t{zone.offset_min}) <= MOST_MIN && std::abs(int64_t{zone.next_offset_min}) <= MOST_MIN) {
+      out[rows.number(0)] = zone;
+    }
+  }
+  return out;
 }
 
 // Services that are named but not described are counted as well: the multiplex announced them.

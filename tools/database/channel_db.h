@@ -5,6 +5,7 @@
 
 #include <tuner/reception.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -64,6 +65,14 @@ struct Service {
   std::vector<Service_ca> ca;  // all systems, where the database has them
 };
 
+// The local time of a multiplex: a row of table broadcast_zone.
+struct Broadcast_zone {
+  int offset_min = 0;  // east of UTC
+  int64_t change = 0;  // when the next one holds, seconds since 1970; 0 for never
+  int next_offset_min = 0;
+  int offset_at(int64_t time) const { return change != 0 && time >= change ? next_offset_min : offset_min; }
+};
+
 inline constexpr int NO_LCN = 65535;
 
 // In words: "TV", "radio", ...; "found", "lost", "timed out" or "no streams" (named by the multiplex, never complete).
@@ -101,6 +110,9 @@ class Channel_db {
 
   // The DVB-T2 pipes above 0 that were received, each as what to ask for. Nothing where none can be.
   std::vector<Tuning_request> stored_pipes() const;
+
+  // By frequency; of those whose time table has been seen by a receiver that stores it.
+  std::map<int, Broadcast_zone> zones() const;
 
   // How many services of this frequency the last scan found.
   int services_found(int freq) const;

@@ -5,10 +5,13 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tools/database/channel_db.h"
 
 struct sqlite3;
 
@@ -30,6 +33,7 @@ struct Guide_event {
   std::vector<std::string> genres;
   std::vector<std::pair<std::string, int>> ratings;  // country, lowest age in years
   std::vector<Event_text> texts;                     // in the order wanted, see Guide_db
+  std::optional<Broadcast_zone> zone;                // to show its times in; the reader's without one
 
   int64_t end() const { return start + duration; }
 };
@@ -38,8 +42,8 @@ struct Guide_event {
 // first byte names (EN 300 468, A.2) are converted first.
 std::string guide_text(std::string_view text);
 
-// The items of an extended description, as the database joins them: a line for each with the description, a colon and the
-// item; or, from profile box, the description twice, a colon, the item, a comma.
+// The items of an extended description, as the database joins them: a line for each with the description, a colon and
+// the item; or, from profile box, the description twice, a colon, the item, a comma.
 std::vector<std::pair<std::string, std::string>> split_items(std::string_view list);
 
 // A read-only connection to the guide file that belongs to a channel database.

@@ -36,6 +36,7 @@ struct Epg_options {
   std::optional<std::string> day;
   std::optional<std::string> search;
   std::optional<std::string> languages;
+  std::string zone = "here";
   std::string format = "table";
   std::string db;
 };
@@ -109,7 +110,8 @@ void show_guide(const Epg_options& options) {
     range = parse_day(*options.day);
   }
   const std::string file = options.db.empty() ? default_database() : options.db;
-  std::vector<Service> services = Channel_db(file).services(true);
+  const Channel_db channels(file);
+  std::vector<Service> services = channels.services(true);
   std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
     return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
   });
@@ -128,6 +130,14 @@ void show_guide(const Epg_options& options) {
   // Events of channels that are not listed: those that were not asked for, and those whose channel has been deleted.
   std::erase_if(events, [&by_row](const Guide_event& event) { return !by_row.contains(event.channel); });
   choose(options, now, &events);
+  if (options.zone == "broadcast") {
+    const std::map<int, Broadcast_zone> zones = channels.zones();
+    for (Guide_event& event : events) {
+      if (const auto zone = zones.find(by_row[event.channel].freq); zone != zones.end()) {
+        event.zone = zone->second;
+      }
+    }
+  }
   std::stable_sort(events.begin(), events.end(), [&places](const Guide_event& a, const Guide_event& b) {
     return places[a.channel] < places[b.channel];
   });
@@ -170,6 +180,10 @@ void add_epg(CLI::App& app, int* exit_code) {
       ->excludes(day);
   command->add_option("--lang", options->languages, "Languages, best first: est,eng; others are shown for want of them")
       ->type_name("LIST");
+  command
+      ->add_option("--zone", options->zone,
+                   "here: times of your zone; broadcast: of the multiplex's, as its time table had it; default: here")
+      ->check(CLI::IsMember({"here", "broadcast"}));
   command->add_option("--format", options->format, "table, for people, json or xmltv, for programs")
       ->check(CLI::IsMember({"table", "json", "xmltv"}))
       ->capture_default_str();

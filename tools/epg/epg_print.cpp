@@ -18,6 +18,11 @@ namespace {
 constexpr const char* ISO_TIME = "%Y-%m-%dT%H:%M:%S%z";
 constexpr const char* XMLTV_TIME = "%Y%m%d%H%M%S %z";
 
+// In the zone of its multiplex, where that is asked for and known, else in the reader's.
+std::string time_text(const Guide_event& event, int64_t seconds, const char* format) {
+  return event.zone ? zone_time(seconds, event.zone->offset_at(seconds), format) : local_time(seconds, format);
+}
+
 std::string items_text(const Event_text& text) {
   std::string out;
   for (const auto& [name, item] : text.items) {
@@ -72,10 +77,10 @@ void add_text(pugi::xml_node parent, const char* name, const std::string& text, 
 
 void add_programme(pugi::xml_node tv, const Guide_event& event) {
   pugi::xml_node programme = tv.append_child("programme");
-  programme.append_attribute("start") = local_time(event.start, XMLTV_TIME).c_str();
+  programme.append_attribute("start") = time_text(event, event.start, XMLTV_TIME).c_str();
   // The stop may be left out; an event that stops as it starts would never be on.
   if (event.duration > 0) {
-    programme.append_attribute("stop") = local_time(event.end(), XMLTV_TIME).c_str();
+    programme.append_attribute("stop") = time_text(event, event.end(), XMLTV_TIME).c_str();
   }
   programme.append_attribute("channel") = channel_id(event.channel).c_str();
   bool titled = false;
@@ -115,9 +120,9 @@ void print_guide_table(const std::vector<Guide_event>& events, const std::map<in
     const Service& service = services.at(event.channel);
     const Event_text& text = best(event);
     table.add({service.lcn == NO_LCN ? "-" : std::to_string(service.lcn), or_dash(service.name),
-               local_time(event.start, "%Y-%m-%d"),
-               local_time(event.start, "%H:%M") + "-" + local_time(event.end(), "%H:%M"), or_dash(text.title),
-               or_dash(full ? full_text(text) : text.description)});
+               time_text(event, event.start, "%Y-%m-%d"),
+               time_text(event, event.start, "%H:%M") + "-" + time_text(event, event.end(), "%H:%M"),
+               or_dash(text.title), or_dash(full ? full_text(text) : text.description)});
   }
   table.print(stdout);
 }
@@ -131,7 +136,7 @@ void print_guide_json(const std::vector<Guide_event>& events, const std::map<int
     one["lcn"] = service.lcn == NO_LCN ? nlohmann::ordered_json() : nlohmann::ordered_json(service.lcn);
     one["name"] = service.name;
     one["event_id"] = event.id;
-    one["start"] = local_time(event.start, ISO_TIME);
+    one["start"] = time_text(event, event.start, ISO_TIME);
     one["start_epoch"] = event.start;
     one["duration"] = event.duration;
     one["genres"] = event.genres;

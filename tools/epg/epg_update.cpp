@@ -356,6 +356,7 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
       ->type_name("TIME");
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);
+  add_country_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(

@@ -322,7 +322,8 @@ int scan(const Scan_options& options) {
   if (!db.empty()) {
     check_database_name(db);
   }
-  const Receiver_profile profile = profile_of(options.receiver);
+  Receiver_profile profile = profile_of(options.receiver);
+  profile.country = options.choice.country.value_or("");  // of the channels and of the local time
   // Every adapter is looked at before anything is made or changed, so that a wrong number costs nothing.
   std::map<int, Frontend_info> frontends;
   for (const int number : options.adapters.empty() ? std::vector<int>{0} : options.adapters) {

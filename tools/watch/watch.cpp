@@ -230,7 +230,10 @@ void Watch::look() {
 
 void watch(const Watch_options& options) {
   const int seconds = options.time ? parse_duration(*options.time, "--for") : 0;
-  const Receiver_profile profile = profile_of(options.receiver);
+  Receiver_profile profile = profile_of(options.receiver);
+  if (!options.zone_of.empty()) {
+    profile.zone_country = Receiver_profile::Zone_country::PREFERRED_PROVIDER;
+  }
   const std::string db = options.db.empty() ? default_database() : options.db;
   check_database_name(db);
   const Service service = find_channel(Channel_db(db).services(true), options.channel, "channel");
@@ -255,10 +258,12 @@ void add_watch(CLI::App& app, int* exit_code) {
   command->add_option("--for", options->time, "End after so long: 90s, 10m, 1h; default: at Ctrl-C")->type_name("TIME");
   command
       ->add_option("--zone-of", options->zone_of,
-                   "Network whose local time becomes the time zone, as kelvo channels shows it; default: levira")
+                   "Network whose local time alone becomes the time zone, as kelvo channels shows it; default: any, "
+                   "with --profile box levira")
       ->type_name("NETWORK");
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);
+  add_country_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(

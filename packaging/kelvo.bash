@@ -34,7 +34,7 @@ _kelvo() {
     --profile) mapfile -t COMPREPLY < <(compgen -W "any box" -- "$word"); return ;;
     --log | --plot) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
     --adapter) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3" -- "$word"); return ;;
-    --freq | --for | --lock-time | --country | --channel | --search | --lang) return ;;
+    --freq | --for | --lock-time | --charset | --country | --channel | --search | --lang) return ;;
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
@@ -43,14 +43,14 @@ _kelvo() {
     case $command in
       adapters) options="--check --json --help" ;;
       scan)
-        options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --db"
+        options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --charset --db"
         options+=" --verbose --help"
         ;;
       signal)
         options="--freq --adapter --for --json --log --plot --from --profile --lock-time --db --help"
         ;;
       channels) options="--db --format --help" ;;
-      watch) options="--adapter --for --zone-of --profile --lock-time --set-clock --db --help" ;;
+      watch) options="--adapter --for --zone-of --profile --lock-time --set-clock --charset --db --help" ;;
       trace)
         options="--help"
         if [[ $COMP_CWORD -eq 2 ]]; then
@@ -69,7 +69,7 @@ _kelvo() {
         ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
-          options="--adapter --freq --all --for --profile --lock-time --set-clock --db --help"
+          options="--adapter --freq --all --for --profile --lock-time --set-clock --charset --db --help"
         else
           options="--channel --now --next --day --search --lang --format --db --help"
           [[ $COMP_CWORD -eq 2 ]] && options+=" update"

@@ -11,11 +11,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "base/messages.h"
+#include "base/receiver_profile.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
+#include "si/dvb_text.h"
 #include "si/siparse.h"
 #include "support/support.h"
 
@@ -35,10 +38,14 @@ struct Receiver {
   Sdbl db{dir.file("fuzz.db").c_str()};
   Section_filter filter{"/nonexistent/demux0"};
   Siparse parser{&filter, 0, 3, 1, &db};
+  Dvb_text standard_text;
 
   Receiver() {
     verbosity_kelvo = -1;
     db.create_temp_tables(0);
+    Receiver_profile profile;
+    profile.texts = Receiver_profile::Texts::STANDARD;
+    standard_text.read_as(profile);
     // One television service, so that PMTs are refreshed and a guide is collected.
     db.sql_cache(true, 0,
                  "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) VALUES "
@@ -51,6 +58,8 @@ struct Receiver {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Receiver receiver;
+  std::string text(reinterpret_cast<const char*>(data), size);
+  receiver.standard_text.convert(&text);
   receiver.filter.remove_all();
   receiver.db.clear_temp_tables(0);
   receiver.parser.init_cache_list(FREQ, SCAN_EIT);

@@ -5,8 +5,26 @@
 
 #include "support/test.h"
 #include "tools/cli/bands.h"
+#include "tools/database/guide_db.h"
 
 namespace {
+
+using Items = std::vector<std::pair<std::string, std::string>>;
+
+TEST(Split_items, reads_both_ways_in_which_they_are_stored) {
+  const struct {
+    const char* legend;
+    std::string list;
+    Items items;
+  } cases[] = {
+      {"none", "", {}},
+      {"a line for each", "Director:A, B: C\n:D\nCast:\n", {{"Director", "A, B: C"}, {"", "D"}, {"Cast", ""}}},
+      {"a line without a colon", "Director\n", {{"Director", ""}}},
+      {"doubled", "DirectorDirector:A, B: C,CastCast:D,", {{"Director", "A, B: C"}, {"Cast", "D"}}},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(split_items(c.list), c.items) << c.legend;
+}
 
 // U+FFFD stands for bytes that are no character.
 TEST(Clean_text, is_fit_for_a_screen) {

@@ -31,7 +31,7 @@
 //   sql SQL                       one number
 //   insert SQL                    a statement of the script's own
 //   signals MS                    to each thread, and to the process, every so many milliseconds of the machine's time;
-//                                 0 ends that and says "signals came" when some did
+//                                 0 ends that and says "signals came" when some did after the first
 //   verbosity N, sleep SECONDS, write FILE TEXT, exists FILE
 //
 // Lines of callbacks appear as they come: "done N RESULT", "change N CODE".
@@ -123,6 +123,19 @@ void active(void* data, int kind, int value) {
     adapter->locked([&] { return ++adapter->filters[value]; });
 }
 
+// Seconds of the machine's time that the threads there are waited for a processor since they began, all together.
+double starved_s() {
+  double ns = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    double ran = 0;
+    double waited = 0;
+    if (std::ifstream(task.path() / "schedstat") >> ran >> waited)  // not there on every kernel
+      ns += waited;
+  }
+  return ns / 1e9;
+}
+double starved_before_s = 0;  // those of a Kelvo that is gone
+
 // Ten times as long as the script says, because this clock runs faster than the machine, which may be busy.
 template <typename Condition>
 bool wait_until(double seconds, Condition condition) {
@@ -170,11 +183,14 @@ class Signals {
       sigaction(signal, &action, nullptr);
     sending_ = true;
     sender_ = std::thread([this, ms] { send(ms); });
+    while (came_ == 0)
+      std::this_thread::yield();
+    came_ = 0;
   }
   bool stop() {
     sending_ = false;
     sender_.join();
-    return came_.exchange(0) > 10;
+    return came_.exchange(0) > 0;
   }
 
  private:
@@ -283,7 +299,9 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
   if (a.kelvo == nullptr)
     wrong(line);
   if (command == "delete") {
+    const double before = starved_s();
     a.kelvo.reset();
+    starved_before_s += before - starved_s();
     say("deleted");
   } else if (command == "freq") {
     const int answers = a.answers;
@@ -396,9 +414,11 @@ int main(int argc, char** argv) {
   }
   for (std::string line; std::getline(script, line);)
     run(line);
+  const double starved = starved_before_s + starved_s();
   for (Adapter& adapter : adapters)
     adapter.kelvo.reset();
   database.reset();
+  say("starved " + std::to_string(starved));
   say("end");
   return 0;
 }

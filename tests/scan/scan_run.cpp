@@ -211,6 +211,12 @@ Scan_run Scan_test::run(std::vector<std::string> options, const std::string& scr
   const support::Softdvb_run ended = support::run_softdvb(options, {SCAN_HOST_PROGRAM, script_file});
   Scan_run result;
   result.events = read_events(ended.out);
+  // The last but one line is for this.
+  if (const size_t said = result.events.size(); said > 1 && result.events[said - 2].what.starts_with("starved ")) {
+    result.starved = std::strtod(result.events[said - 2].what.c_str() + 8, nullptr);
+    result.events.erase(result.events.end() - 2);
+  }
+  starved_ = result.starved;
   result.err = ended.err;
   result.log = ended.log;
   EXPECT_EQ(ended.exit_code, 0) << result.lines() << result.err;

@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // Fuzz entry over the whole parser with a database behind it: the input is one section after the other, each behind a
-// byte that says which PID it comes from and in which state of the scan. With KELVO_FUZZ a libFuzzer program; otherwise
-// siparse_fuzz_test.cpp runs it over a corpus.
+// byte that says which PID it comes from, in which state of the scan, and whether it is read as on the box or as on any
+// receiver. With KELVO_FUZZ a libFuzzer program; otherwise siparse_fuzz_test.cpp runs it over a corpus.
 
 #include <sys/time.h>
 
@@ -19,7 +19,7 @@
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
 #include "si/dvb_text.h"
-#include "si/siparse.h"
+#include "si/siparse_parts.h"
 #include "support/support.h"
 
 // Broadcast times never reach the machine's clock.
@@ -38,36 +38,43 @@ struct Receiver {
   Sdbl db{dir.file("fuzz.db").c_str()};
   Section_filter filter{"/nonexistent/demux0"};
   Siparse parser{&filter, 0, 3, 1, &db};
-  Dvb_text standard_text;
+  Dvb_text text;
 
-  Receiver() {
+  explicit Receiver(const Receiver_profile& profile) {
     verbosity_kelvo = -1;
     db.create_temp_tables(0);
-    Receiver_profile profile;
-    profile.texts = Receiver_profile::Texts::STANDARD;
-    standard_text.read_as(profile);
+    parser.parts().read_as(profile);
+    text.read_as(profile);
     // One television service, so that PMTs are refreshed and a guide is collected.
     db.sql_cache(true, 0,
                  "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) VALUES "
                  "(1, 3, $freq, 1, 256, 257, 1)",
                  FREQ);
   }
+
+  void begin(const std::string& bytes) {
+    std::string converted = bytes;
+    text.convert(&converted);
+    filter.remove_all();
+    db.clear_temp_tables(0);
+    parser.init_cache_list(FREQ, SCAN_EIT);
+    parser.init_pmt_table_scan_from_database(FREQ);
+    parser.start_eit_scan(FREQ, SCAN_EIT);
+  }
 };
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Receiver receiver;
-  std::string text(reinterpret_cast<const char*>(data), size);
-  receiver.standard_text.convert(&text);
-  receiver.filter.remove_all();
-  receiver.db.clear_temp_tables(0);
-  receiver.parser.init_cache_list(FREQ, SCAN_EIT);
-  receiver.parser.init_pmt_table_scan_from_database(FREQ);
-  receiver.parser.start_eit_scan(FREQ, SCAN_EIT);
+  static Receiver box(Receiver_profile::box());
+  static Receiver any(Receiver_profile::any_linux());
+  const std::string all(reinterpret_cast<const char*>(data), size);
+  box.begin(all);
+  any.begin(all);
   while (size > 3) {
     const int pid = PIDS[data[0] & 7];
     const SCAN_STATE state = STATES[data[0] >> 3 & 3];
+    Receiver& receiver = (data[0] & 0x20) != 0 ? any : box;
     ++data;
     --size;
     // A section in a block of exactly its size, filled up with zeroes where the input ends early.

@@ -11,11 +11,12 @@ namespace {
 
 using support::Bytes;
 
-// The byte that the entry wants before a section: the PID of its table, and one of the four states.
-uint8_t heading(const Bytes& section, unsigned state) {
+// The byte that the entry wants before a section: the PID of its table, one of the four states, and one of the two
+// profiles.
+uint8_t heading(const Bytes& section, unsigned state_and_profile) {
   const unsigned id = section.empty() ? 0 : section[0];
   const unsigned pid = id < 3 ? id : id < 0x42 ? 3 : id < 0x4E ? 4 : id < 0x70 ? 5 : 6;
-  return static_cast<uint8_t>(pid | state << 3);
+  return static_cast<uint8_t>(pid | state_and_profile << 3);
 }
 
 // A memory checker sees what is read outside a section; the entry itself returns.

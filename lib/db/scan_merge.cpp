@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/log.h"
+#include "db/file_hold.h"
 #include "db/merge.h"
 
 namespace sdbl {
@@ -79,7 +80,13 @@ bool Scan_merge::fits(int dvbnr) {
 }
 
 Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
-  Db_lock lock(connection_);  // so that no other adapter takes the room
+  const File_hold hold(connection_);  // nor does another adapter take the room
+  if (hold.busy()) {
+    errors_.remember(SQLITE_BUSY, OPERATION);
+    KLOG(VERB_ERROR, "ERROR: Another program keeps the channels locked: those of %d Hz are not stored, rc = %d\n",
+         multiplex.freq, SQLITE_BUSY);
+    return {Merge_outcome::BUSY, 0};
+  }
   if ((state == SCAN_PAT || state == SCAN_PMT) && !fits(dvbnr) && !adds_nothing(dvbnr, multiplex.freq, state)) {
     errors_.remember(SQLITE_FULL, OPERATION);
     KLOG(VERB_ERROR, "ERROR: No room for the channels of %d Hz: nothing is stored, rc = %d\n", multiplex.freq,

@@ -17,6 +17,7 @@ namespace sdbl {
 
 enum class Merge_outcome {
   DONE,
+  BUSY,     // another program kept the file locked: printed, and nothing was written
   NO_ROOM,  // the file, or its disk, could not take what was found: printed, and nothing was written
 };
 

@@ -9,6 +9,7 @@ list(APPEND KELVO_SOURCES
   db/event_cache.cpp
   db/export_file.cpp
   db/exports.cpp
+  db/file_hold.cpp
   db/file_room.cpp
   db/guide.cpp
   db/guide_room.cpp

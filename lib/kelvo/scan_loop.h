@@ -50,7 +50,7 @@ class Scan_loop {
   void finish_scan(bool timed_out);
   int how_it_ended(bool timed_out);
   bool has_news(bool timed_out);
-  int merge(int freq);
+  bool merge(int freq);
   void remove_scan_filters();
   int change_code(int freq, int result);
   void restart_from_pat();
@@ -82,6 +82,7 @@ class Scan_loop {
   Request request_;  // the one being served
   SCAN_STATE scan_mode_ = SCAN_NONE;
   Scan_end scan_;  // the scan under way
+  int merge_tries_ = 0;
   bool scan_open_ = false;
   int dropped_before_ = 0;  // filters given up since the request when the scan began
   bool scan_applied_ = false;

@@ -14,6 +14,7 @@ namespace {
 constexpr int NO_STREAM_S = 6;
 constexpr int EIT_RESTART_S = 6;
 constexpr int EIT_REPORT_STEP = 20;
+constexpr int MERGE_TRIES = 15;  // of 2 s, a pass apart, while another program has the channels locked
 
 constexpr int CHANNELS_CHANGED_BITS = 0x0F;  // of Sdbl::update_master_scan_data's result
 constexpr int STREAMS_CHANGED_BITS = 0xF0;
@@ -46,7 +47,9 @@ void Scan_loop::finish_scan(bool timed_out) {
   const int outcome = how_it_ended(timed_out);
   if (outcome == SCAN_TIMED_OUT)
     note_missing_tables();
-  const int result = outcome != SCAN_REPLACED && has_news(timed_out) ? merge(scanned_freq) : 0;
+  if (outcome != SCAN_REPLACED && has_news(timed_out) && !merge(scanned_freq))
+    return;  // the next pass tries again
+  const int result = scan_.changes;
   requests_.scan_is_over();
   remove_scan_filters();
   kelvo_.database.clear_temp_tables(kelvo_.adapter);
@@ -99,7 +102,8 @@ bool Scan_loop::has_news(bool timed_out) {
           (kelvo_.profile.whole_tables || filter_.pid_tid_in_list(pid::SDT, table::SDT_ACTUAL) == 0));
 }
 
-int Scan_loop::merge(int scanned_freq) {
+// False when another program has the channels locked and is to be waited for.
+bool Scan_loop::merge(int scanned_freq) {
   const Activity_listener activity = kelvo_.listeners.activity();
   activity.tell(ACTIVITY_MERGE_BEGIN, scanned_freq);
   const sdbl::Merge_end end =
@@ -107,7 +111,7 @@ int Scan_loop::merge(int scanned_freq) {
   activity.tell(ACTIVITY_MERGE_END, end.changes);
   scan_.merged = end.outcome == sdbl::Merge_outcome::DONE;
   scan_.changes = end.changes;
-  return end.changes;
+  return end.outcome != sdbl::Merge_outcome::BUSY || ++merge_tries_ >= MERGE_TRIES;
 }
 
 // What stays are the guide on PID 18 and the time on PID 20.
@@ -142,6 +146,7 @@ void Scan_loop::begin_scan() {
   scan_.stage = scan_mode_;
   scan_.merged = false;
   scan_.changes = 0;
+  merge_tries_ = 0;
   scan_.missing.clear();  // keeps its room
   parser_.parts().begin_network();
   kelvo_.database.parts().errors.watch(kelvo_.adapter);
@@ -164,6 +169,7 @@ void Scan_loop::end_scan(int outcome) {
 }
 
 void Scan_loop::note_missing_tables() {
+  scan_.missing.clear();  // keeps its room
   for (const dvb_filter_desc* filter : *filter_.flist()) {
     int pid = 0;
     int tagged_freq = 0;

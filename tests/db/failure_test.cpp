@@ -97,6 +97,52 @@ TEST_F(Failures, a_file_that_another_program_keeps_locked_is_given_up_after_two_
   EXPECT_EQ(set_lcn(), 101);
 }
 
+// A merge is a score of statements, each of which would wait on its own.
+TEST_F(Failures, a_merge_waits_once_for_another_program_s_cursor_and_writes_nothing_then) {
+  EXPECT_EQ(merge(), 2);
+  sdbl().clear_temp_tables(0);
+  sdbl().pat_for_network(0, 1, 1, FREQ, 11, 5, 111);
+  const Texts before = table("kanalid");
+  {
+    const Other_connection other(file());
+    sqlite3_stmt* cursor = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(other.get(), "SELECT * FROM kanalid", -1, &cursor, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(cursor), SQLITE_ROW);
+    system_calls::record();
+    EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merge(), 0); }),
+              "ERROR: Another program keeps the channels locked: those of 506000000 Hz are not stored, rc = 5\n");
+    EXPECT_EQ(system_calls::waited_us(), 2000000);
+    EXPECT_EQ(table("kanalid"), before);
+    EXPECT_EQ(Other_connection(file()).rows("SELECT count(*) FROM kanalid"), (Texts{"1"})) << "others may read";
+    sqlite3_finalize(cursor);
+  }
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merge(), 2 | 1); }), "");
+  const Other_connection other(file());
+  EXPECT_EQ(other.rows("SELECT pat_prnr FROM kanalid"), (Texts{"10", "11"}));
+  EXPECT_EQ(other.run("DELETE FROM kanalid"), SQLITE_DONE) << "the file is free again";
+  EXPECT_EQ(rows("PRAGMA main.locking_mode"), (Texts{"normal"}));
+  EXPECT_EQ(number("PRAGMA busy_timeout"), 2000);
+}
+
+// Which holds a lock of its own on the same connection.
+TEST_F(Failures, a_merge_frees_the_file_also_while_a_host_is_in_the_middle_of_its_rows) {
+  EXPECT_EQ(merge(), 2);
+  sqlite3_stmt* stmt = sdbl().sql_cache(false, 0, "SELECT 1 FROM kanalid UNION ALL SELECT 2");
+  ASSERT_EQ(sqlite3_step(stmt), SQLITE_ROW);
+  EXPECT_EQ(merge(), 0);
+  EXPECT_EQ(Other_connection(file()).rows("SELECT count(*) FROM kanalid"), (Texts{"1"}));
+  EXPECT_EQ(sqlite3_step(stmt), SQLITE_ROW);
+}
+
+// Its cursor stands in the guide, which a merge does not touch.
+TEST_F(Failures, a_merge_does_not_wait_for_the_guide) {
+  const Lock other(guide_file());
+  system_calls::record();
+  EXPECT_EQ(messages_at(0, [&] { EXPECT_EQ(merge(), 2); }), "");
+  EXPECT_EQ(system_calls::waited_us(), 0);
+  other.release();
+}
+
 // --- The first failure -----------------------------------------------------------------------------------------------
 
 TEST_F(Failures, a_locked_file_is_remembered_until_it_is_forgotten) {

@@ -5,6 +5,7 @@
 #include <linux/dvb/frontend.h>
 
 #include "kelvo/kelvo_run.h"
+#include "support/database.h"
 
 namespace {
 
@@ -128,6 +129,31 @@ TEST_F(Scan_ends, merge_without_room_is_told_as_not_merged_and_done_by_the_next_
   EXPECT_EQ(protocol_.text({"end"}),
             "end 506000000 -1 PAT complete error 13 update_master_scan_data\n"
             "end 506000000 -1 PAT complete merged 34\n");
+}
+
+TEST_F(Scan_ends, merge_of_channels_that_another_program_has_locked_is_kept_and_done_later) {
+  make();
+  const support::Other_connection other(folder_.file("dvb.db"));
+  ASSERT_EQ(other.run("BEGIN"), SQLITE_DONE);
+  EXPECT_EQ(other.rows("SELECT count(*) FROM kanalid"), (support::Texts{"0"}));  // and stays in the file
+  EXPECT_EQ(request("a"), -1);
+  Database_error error;
+  const auto merge_has_failed = [&] {
+    const bool failed = database_->first_error(&error) && std::string(error.operation) == "update_master_scan_data";
+    if (!failed)
+      database_->forget_errors();  // of the tables before
+    return failed;
+  };
+  for (int i = 0; i < 3000 && !merge_has_failed(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(error.code, SQLITE_BUSY);
+  EXPECT_STREQ(error.operation, "update_master_scan_data");
+  EXPECT_EQ(protocol_.text(), "") << "neither ended nor answered";
+  ASSERT_EQ(other.run("COMMIT"), SQLITE_DONE);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT complete merged 34 error 5 terrestrial_tuner_info\ndone a 0\n")
+      << "the first error of the scan is an older one";
+  EXPECT_EQ(number_of("SELECT count(*) FROM kanalid"), 3);
 }
 
 TEST_F(Scan_ends, what_was_read_of_the_multiplex_is_told_with_it) {

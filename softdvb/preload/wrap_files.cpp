@@ -182,7 +182,11 @@ SOFTDVB_EXPORT int remove(const char* path) noexcept {
   return call_fails("unlink", path) ? -1 : SOFTDVB_REAL(remove)(Path(path));
 }
 SOFTDVB_EXPORT int rename(const char* from, const char* to) noexcept {
-  return call_fails("rename", from) ? -1 : SOFTDVB_REAL(rename)(Path(from), Path(to));
+  if (call_fails("rename", from))
+    return -1;
+  const int result = SOFTDVB_REAL(rename)(Path(from), Path(to));
+  log_call(result, "rename %s %s", from, to);
+  return result;
 }
 SOFTDVB_EXPORT int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
   return call_fails("rename", from) ? -1 : SOFTDVB_REAL(renameat)(from_folder, Path(from), to_folder, Path(to));

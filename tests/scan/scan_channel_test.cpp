@@ -180,7 +180,7 @@ TEST_F(Scan_channel_test, export_restarts_filters_and_all_three_timers_and_the_g
   // The filter of the time that nobody sends runs from the request on, and again after the export.
   const std::vector<Scan_run::Span> time = watched.filtered("0x14");
   ASSERT_EQ(time.size(), 2U);
-  const double moved = watched.logged_once({"system", "mv "});
+  const double moved = watched.logged_once({"rename ", "/dvbfiles/backup_epg.db"});
   EXPECT_GE(moved, time[0].to) << "the filters are stopped before";
   EXPECT_LE(moved, time[1].from) << "and started after it";
   expect_pmts_are_not_read_for_3_seconds_after(time[0].to, watched);

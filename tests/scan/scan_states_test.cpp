@@ -168,7 +168,7 @@ TEST_F(Scan_states_test, export_while_scanning_stops_the_filters_tells_8_and_sta
   EXPECT_EQ(exported.count_err("WARNING: Running backup\n"), 1U);
   const std::vector<Scan_run::Span> sdt = exported.filtered("0x11");
   ASSERT_EQ(sdt.size(), 2U) << "set again after the export";
-  const double moved = exported.logged_once({"system", "mv "});
+  const double moved = exported.logged_once({"rename ", "/dvbfiles/backup_epg.db"});
   EXPECT_GE(moved, sdt[0].to) << "stopped before";
   EXPECT_LE(moved, sdt[1].from) << "started after it";
   EXPECT_EQ(support::query_database(sandbox() + "/dvbfiles/backup_epg.db", "SELECT channel, start_epoch FROM epglist"),

@@ -145,6 +145,26 @@ const char* const STREAM_TABLES[] = {
     "CREATE INDEX IF NOT EXISTS stream_ca_idx ON stream_ca (channel);",
 };
 
+// The trigger comes last: where it is, the rest is. Rows of events are deleted in several places, and by programs that
+// do not know these tables.
+const char* const EVENT_TABLES[] = {
+    "CREATE TABLE IF NOT EXISTS epg_db.event_detail (entry integer primary key, table_id int, version int, "
+    "original_network_id int, tstream_id int, series_crid text, programme_crid text, running_status int, "
+    "running_since int, digest int);",
+    "CREATE TABLE IF NOT EXISTS epg_db.event_item (entry int, lang text, position int, name text, value text, "
+    "PRIMARY KEY (entry, lang, position)) WITHOUT ROWID;",
+    "CREATE TABLE IF NOT EXISTS epg_db.event_component (entry int, position int, tag int, stream_content int, "
+    "stream_content_ext int, component_type int, lang text, text text, PRIMARY KEY (entry, position)) WITHOUT ROWID;",
+    "CREATE TABLE IF NOT EXISTS epg_db.event_rating (entry int, position int, country text, rating int, "
+    "PRIMARY KEY (entry, position)) WITHOUT ROWID;",
+    "CREATE TABLE IF NOT EXISTS epg_db.event_genre (entry int, position int, level1 int, level2 int, user int, "
+    "PRIMARY KEY (entry, position)) WITHOUT ROWID;",
+    "CREATE TRIGGER IF NOT EXISTS epg_db.event_gone AFTER DELETE ON epglist BEGIN "
+    "DELETE FROM event_detail WHERE entry = OLD.entry; DELETE FROM event_item WHERE entry = OLD.entry; "
+    "DELETE FROM event_component WHERE entry = OLD.entry; DELETE FROM event_rating WHERE entry = OLD.entry; "
+    "DELETE FROM event_genre WHERE entry = OLD.entry; END;",
+};
+
 const char* const KANALID_INDEXES[] = {
     "CREATE UNIQUE INDEX kanalid_otsi_idx   ON kanalid (hf_conn, dvb_type, freq, pat_prnr);",
 };
@@ -269,6 +289,20 @@ bool Schema::create_stream_tables() {
   return std::all_of(std::begin(STREAM_TABLES), std::end(STREAM_TABLES), [this](const char* statement) {
     return kelvo_log::sql_ok(sql_.try_exec_on("create_stream_tables", connection_.get(), statement));
   });
+}
+
+bool Schema::has_event_tables() {
+  return sql_.silent_number(
+             "SELECT count(*) FROM epg_db.sqlite_master WHERE type = 'trigger' AND name = 'event_gone'") == 1;
+}
+
+int Schema::create_event_tables() {
+  for (const char* statement : EVENT_TABLES) {
+    const int rc = sql_.try_exec_on(__func__, connection_.get(), statement);
+    if (!kelvo_log::sql_ok(rc))
+      return rc;
+  }
+  return SQLITE_OK;
 }
 
 void Schema::create_epg_tables(sqlite3* conn) {

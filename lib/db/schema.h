@@ -27,6 +27,11 @@ class Schema {
   // Likewise the tables of what streams are. False, with a warning, when one could not be made.
   bool create_stream_tables();
 
+  // Make what the guide file has beside its old tables, as far as it is missing; not at the opening, likewise. Whether
+  // all of it is there, and SQLite's code; a failure is a warning.
+  bool has_event_tables();
+  int create_event_tables();
+
   // Create one table under `name`, permanent or (`temp`) of the main connection only; without indexes.
   void create_table_kanalid(const char* name, bool temp);
   void create_table_kanalid_lang(const char* name, bool temp);

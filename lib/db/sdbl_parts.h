@@ -13,6 +13,7 @@
 #include "db/exports.h"
 #include "db/file_room.h"
 #include "db/guide.h"
+#include "db/guide_events.h"
 #include "db/guide_room.h"
 #include "db/guide_services.h"
 #include "db/one_shot.h"
@@ -55,5 +56,6 @@ class Sdbl::Parts {
   sdbl::Event_cache event_cache;
   sdbl::Guide guide{connection, sql, statements, guide_room, errors};
   sdbl::Guide_services guide_services{statements};
+  sdbl::Guide_events guide_events{connection, sql, statements, schema, guide_room, errors};
   sdbl::Exports exports{connection, sql, guide_room};
 };

@@ -12,6 +12,8 @@ list(APPEND KELVO_SOURCES
   db/file_hold.cpp
   db/file_room.cpp
   db/guide.cpp
+  db/guide_events.cpp
+  db/guide_plan.cpp
   db/guide_room.cpp
   db/guide_services.cpp
   db/merge.cpp

@@ -113,4 +113,13 @@ void Insert::run() {
   (void)statements_.errors_.report_reset(sqlite3_reset(stmt_), operation_);
 }
 
+int Insert::run_silently() {
+  if (stmt_ == nullptr)
+    return SQLITE_ERROR;
+  const int step = sqlite3_step(stmt_);
+  statements_.errors_.remember(step, operation_.name);
+  (void)sqlite3_reset(stmt_);  // repeats the step's code
+  return step;
+}
+
 }  // namespace sdbl

@@ -175,6 +175,8 @@ class Insert {
 
   // Executes once, and reports a failure of the step and of the reset.
   void run();
+  // Executes once and prints nothing: the code of the step, 1 without a statement.
+  int run_silently();
 
  private:
   Insert(const Statements& statements, Operation operation, int instance, const char* sql,

@@ -95,9 +95,12 @@ int Section_filter::addfilter(int pid, int freq, const unsigned char* filter, co
 int Section_filter::addfilter(int pid, int tid, int freq) {
   const unsigned char filter = static_cast<unsigned char>(tid);
   const unsigned char mask = 0xFF;
+  return addfilter(pid, freq, &filter, &mask, 1, parts_->crc_flags(), PARSER_TIMEOUT_S);
+}
+
+int Section_filter::Parts::crc_flags() const {
   // Deliberate: the kernel alone checks, and it believes every TOT, which has no syntax indicator.
-  const int flags = parts_->demux_.options().check_crc ? FILTER_FLAG_SOFT_CRC : FILTER_FLAG_HW_CRC;
-  return addfilter(pid, freq, &filter, &mask, 1, flags, PARSER_TIMEOUT_S);
+  return demux_.options().check_crc ? FILTER_FLAG_SOFT_CRC : FILTER_FLAG_HW_CRC;
 }
 
 namespace {

@@ -54,6 +54,9 @@ class Section_filter::Parts {
   // Replaces the options, which are those of Filter_options{} at first. Before-start: before the first filter.
   void configure(const Filter_options& options);
 
+  // The flags of a filter that is added by hand, so that its CRC is checked where the others' are. Any-thread.
+  int crc_flags() const;
+
   // Replaces the contents of `lost` by one entry for each PID that lost sections since the last forget_lost(), by PID.
   // Counted are overflows, wrong CRCs that are seen (those of filters with FILTER_FLAG_SOFT_CRC, which check_crc makes
   // of all that the library adds by table id) and sections of wrong length, as crc_errors, too. Any-thread.

@@ -368,6 +368,10 @@ void Kelvo::set_time_listener(time_listener_t listener, void* data) {
   parts_->parser.parts().set_time_listener(listener, data);
 }
 
+void Kelvo::set_guide_listener(guide_listener_t listener, void* data) {
+  parts_->parser.parts().set_guide_listener(listener, data);
+}
+
 void Kelvo::set_activity_listener(const Activity_listener& listener) {
   parts_->listeners.set_activity(listener);
   parts_->filter.parts().set_activity(&listener);

@@ -18,6 +18,7 @@
 #include "kelvo/main_thread.h"
 #include "kelvo/scan_end.h"
 #include "si/broadcast_time.h"
+#include "si/guide_change.h"
 #include "si/siparse.h"
 #include "trace/timedoc.h"
 #include "tuner/reception.h"
@@ -65,6 +66,7 @@ class KELVO_EXPORT Kelvo {
   using request_callback_t = void (*)(void* data, int result);
   using scan_listener_t = void (*)(void* data, const Scan_end& end);
   using time_listener_t = void (*)(void* data, const Broadcast_time& time);
+  using guide_listener_t = void (*)(void* data, const std::vector<Guide_change>& changes);
   using device_listener_t = void (*)(void* data, const Device_event& event);
 
   // `adapter` is the N of /dev/dvb/adapterN, 0 to 3, and the number of the scan tables. `database` is not owned and
@@ -126,6 +128,11 @@ class KELVO_EXPORT Kelvo {
 
   // Who is told of each time table that was read, and of what it did to clock and zone. Otherwise as above.
   void set_time_listener(time_listener_t listener, void* data);
+
+  // Who is told which events a section of the guide (EN 300 468, 5.2.4) has changed, once they are stored: never with
+  // an empty list. While a guide is collected for the first time that is every event. Only where the profile collects
+  // it whole. Otherwise as above.
+  void set_guide_listener(guide_listener_t listener, void* data);
 
   // Who is told that the device has gone, and that it is back and tuned again. Only where the profile watches it.
   // Otherwise as above.

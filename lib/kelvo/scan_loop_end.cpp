@@ -56,6 +56,8 @@ void Scan_loop::finish_scan(bool timed_out) {
   if (result != 0)
     kelvo_.database.flush();
   scan_mode_ = SCAN_EIT;
+  if (outcome != SCAN_REPLACED)
+    parser_.parts().guide_reader().scan_ended(scanned_freq, result != 0);
   end_scan(outcome);
 
   untold_code_ |= change_code(scanned_freq, result);

@@ -19,16 +19,12 @@
 #include "si/section_guard.h"
 #include "si/siparse_parts.h"
 #include "si/stream_names.h"
+#include "si/whole_guide_reader.h"
 
 namespace {
 
 size_t section_size(const uint8_t* bytes) {
   return static_cast<size_t>((bytes[1] & 0x0F) << 8 | bytes[2]) + 3;
-}
-
-bool is_guide(unsigned table_id) {
-  return table_id == table::EIT_PRESENT_FOLLOWING ||
-         (table_id >= table::EIT_SCHEDULE_FIRST && table_id <= table::EIT_SCHEDULE_LAST);
 }
 
 // The original_network_id whose texts a section holds: of a NIT that of its first multiplex; -1 when there is none.
@@ -69,10 +65,37 @@ unsigned loop_of(int context) {
   }
 }
 
+// The guide of the actual multiplex, one table after the other. Its round stands in the parser, which has more to ask
+// it.
+class Table_by_table : public Guide_reader {
+ public:
+  explicit Table_by_table(Siparse::Parts& parser) : parser_(parser) {}
+
+  void begin(int) override {}
+  void scan_ended(int, bool) override {}
+  void start(int freq) override { parser_.start_guide_by_table(freq); }
+  void announced(int, bool, bool) override {}
+  bool takes(unsigned table_id) const override {
+    return table_id == table::EIT_PRESENT_FOLLOWING ||
+           (table_id >= table::EIT_SCHEDULE_FIRST && table_id <= table::EIT_SCHEDULE_LAST);
+  }
+  void section(const uint8_t* bytes, size_t, int freq) override { parser_.parse_guide_by_table(bytes, freq); }
+  bool seen_once() const override { return parser_.guide().seen_once(); }
+  void progress(std::vector<EIT_progress>* progress) const override { parser_.guide().progress(progress); }
+
+ private:
+  Siparse::Parts& parser_;
+};
+
 }  // namespace
 
 Siparse::Parts::Parts(Section_filter& filter, int adapter, Input input, Sdbl& db)
-    : filter_(filter), db_(db), adapter_(adapter), input_(input), guide_(db, adapter, input) {}
+    : filter_(filter),
+      db_(db),
+      adapter_(adapter),
+      input_(input),
+      guide_(db, adapter, input),
+      guide_reader_(std::make_unique<Table_by_table>(*this)) {}
 
 Siparse::Parts::~Parts() = default;
 
@@ -86,6 +109,8 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   name_streams_ = profile.name_streams;
   if (profile.zone_country == Receiver_profile::Zone_country::COUNTRY)
     country_offset_ = std::make_unique<Country_offset>(profile.country);
+  if (profile.guide == Receiver_profile::Guide::WHOLE)
+    guide_reader_ = std::make_unique<Whole_guide_reader>(*this, filter_, db_, adapter_, input_, profile.other_guides);
 }
 
 char* Siparse::Parts::add_dvbnr(const char* base) {
@@ -163,7 +188,12 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       if (pid != pid::SDT)
         break;
       KLOG(VERB_TRACE, "Scanning SDT\n");
-      scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) { parse_section_sdt(sdt, freq); });
+      scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) {
+        for (const ServiceDescription* service : *sdt->getDescriptions())
+          guide_reader_->announced(service->getServiceId(), service->getEitPresentFollowingFlag() != 0,
+                                   service->getEitScheduleFlag() != 0);
+        parse_section_sdt(sdt, freq);
+      });
       break;
     case table::TDT:
       if (pid == pid::TIME)
@@ -174,15 +204,25 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
         scan_section<TimeOffsetSection>(bytes, [&](auto* tot) { parse_section_tot(tot, freq); });
       break;
     default:
-      if (!is_guide(table_id))
+      if (!guide_reader_->takes(table_id))
         KLOG(VERB_WARNING, "WARNING: *********   Unreckognized section %x *********  \n", table_id);
       else if (pid == pid::EIT)
-        scan_section<EventInformationSection>(bytes, [&](auto* eit) {
-          KLOG(VERB_TRACE, "Scanning EIT, section number %d\n", static_cast<int>(eit->getSectionNumber()));
-          if (eit->getCurrentNextIndicator() == 1)
-            parse_section_eit(eit, freq);
-        });
+        guide_reader_->section(bytes, section_size(bytes), freq);
   }
+}
+
+void Siparse::Parts::read_guide_section(const uint8_t* section,
+                                        const std::function<void(EventInformationSection&)>& read) {
+  text_.set_network(network_of(section));
+  scan_section<EventInformationSection>(section, [&](auto* eit) { read(*eit); });
+}
+
+void Siparse::Parts::parse_guide_by_table(const uint8_t* section, int freq) {
+  scan_section<EventInformationSection>(section, [&](auto* eit) {
+    KLOG(VERB_TRACE, "Scanning EIT, section number %d\n", static_cast<int>(eit->getSectionNumber()));
+    if (eit->getCurrentNextIndicator() == 1)
+      parse_section_eit(eit, freq);
+  });
 }
 
 void Siparse::Parts::parse_descriptor_info(const Descriptor& descriptor, int context) {

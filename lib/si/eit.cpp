@@ -36,11 +36,31 @@ Event_times times_of(const Event& event) {
 }  // namespace
 
 int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
+  guide_reader_->start(freq);
+  return 0;
+}
+
+void Siparse::Parts::start_guide_by_table(int freq) {
   filter_.remove_filter_range(pid::EIT, table::EIT_PRESENT_FOLLOWING, table::EIT_SCHEDULE_LAST);
   filter_.addfilter(pid::EIT, table::EIT_PRESENT_FOLLOWING, freq);
   guide_.start();
   eit_losses_ = filter_.parts().losses(pid::EIT);
-  return 0;
+}
+
+void Siparse::Parts::set_guide_listener(void (*listener)(void* data, const std::vector<Guide_change>& changes),
+                                        void* data) {
+  const std::lock_guard<std::mutex> lock(listener_lock_);
+  guide_listener_ = {listener, data};
+}
+
+void Siparse::Parts::tell(const std::vector<Guide_change>& changes) {
+  Guide_listener listener;
+  {
+    const std::lock_guard<std::mutex> lock(listener_lock_);
+    listener = guide_listener_;
+  }
+  if (listener.call != nullptr)
+    listener.call(listener.data, changes);
 }
 
 void Siparse::Parts::note_lost_sections() {
@@ -52,8 +72,9 @@ void Siparse::Parts::note_lost_sections() {
 }
 
 bool Siparse::Parts::get_eit_info_available() {
-  KLOG(VERB_TRACE, "%d ", static_cast<int>(guide_.seen_once()));
-  return guide_.seen_once();
+  const bool seen = guide_reader_->seen_once();
+  KLOG(VERB_TRACE, "%d ", static_cast<int>(seen));
+  return seen;
 }
 
 void Siparse::Parts::parse_section_eit(EventInformationSection* section, int freq) {

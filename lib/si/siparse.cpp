@@ -82,6 +82,7 @@ int Siparse::start_eit_scan(int freq, SCAN_STATE state) {
 
 int Siparse::init_cache_list(int freq, SCAN_STATE state) {
   parts_->guide().load(freq, state);
+  parts_->guide_reader().begin(freq);
   return 0;
 }
 
@@ -90,7 +91,7 @@ void Siparse::reset_cache_list() {
 }
 
 void Siparse::get_eit_progress(std::vector<EIT_progress>* progress) const {
-  parts_->guide().progress(progress);
+  parts_->guide_reader().progress(progress);
 }
 
 void Siparse::parse_section_eit(EventInformationSection* section, int freq) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,8 @@
 #include "si/descriptors.h"
 #include "si/dvb_text.h"
 #include "si/found.h"
+#include "si/guide_change.h"
+#include "si/guide_reader.h"
 #include "si/guide_round.h"
 #include "si/network_found.h"
 #include "si/place.h"
@@ -53,6 +56,13 @@ class Siparse::Parts {
   // it. Before-start: before the first section.
   void read_as(const Receiver_profile& profile);
 
+  // How the guide is collected, as read_as() has chosen. Worker-only.
+  Guide_reader& guide_reader() { return *guide_reader_; }
+
+  // Who is told which events of the guide a section has changed, on the worker, once all of them are stored. Only where
+  // the guide is collected whole. Null for nobody, as at first. Any-thread; a call that is under way is not waited for.
+  void set_guide_listener(void (*listener)(void* data, const std::vector<Guide_change>& changes), void* data);
+
   // Whether time tables set the system's clock, and local time offsets its zone, as both do at first. What is not set
   // is told to the listener as CLOCK_KEPT and ZONE_KEPT; systime_valid() is then System_clock::valid() of a clock that
   // is compared only. Before-start: before the first section.
@@ -90,6 +100,7 @@ class Siparse::Parts {
   int parse_section_nit(NetworkInformationSection* section, int pid, int freq);
   int parse_section_sdt(ServiceDescriptionSection* section, int freq);
   void parse_section_eit(EventInformationSection* section, int freq);
+  int start_eit_scan(int freq, SCAN_STATE stage);
   int parse_section_tdt(TimeAndDateSection* section, int freq);
   int parse_section_tot(TimeOffsetSection* section, int freq);
 
@@ -100,7 +111,6 @@ class Siparse::Parts {
   Found& found_by_hand() { return found_by_hand_; }
 
   int init_pmt_table_scan_from_database(int freq);
-  int start_eit_scan(int freq, SCAN_STATE stage);
   bool get_eit_info_available();
   int get_eit_stored() const { return eit_stored_; }
 
@@ -112,9 +122,27 @@ class Siparse::Parts {
   Dvb_text& text() { return text_; }
   Guide_round& guide() { return guide_; }
 
+  // --- For the readers of the guide --------------------------------------------------------------------------------
+
+  // Lays the section's class over it, unless the section is broken.
+  void read_guide_section(const uint8_t* section, const std::function<void(EventInformationSection&)>& read);
+  // The guide's tables one after the other: the filter of the first, and its sections.
+  void start_guide_by_table(int freq);
+  void parse_guide_by_table(const uint8_t* section, int freq);
+
+  Sdbl& database() { return db_; }
+  Place place_on(int freq) const { return place(freq); }
+  void count_stored_event() { ++eit_stored_; }
+  void tell(const std::vector<Guide_change>& changes);
+
  private:
   struct Time_listener {
     void (*call)(void* data, const Broadcast_time& time) = nullptr;
+    void* data = nullptr;
+  };
+
+  struct Guide_listener {
+    void (*call)(void* data, const std::vector<Guide_change>& changes) = nullptr;
     void* data = nullptr;
   };
 
@@ -149,6 +177,7 @@ class Siparse::Parts {
   std::unique_ptr<Country_offset> country_offset_;  // null: every offset of the preferred provider's network counts
   Dvb_text text_;
   Guide_round guide_;
+  std::unique_ptr<Guide_reader> guide_reader_;
   Network_found network_;
   Services_found services_;
   Sections_seen nit_sections_;
@@ -163,8 +192,9 @@ class Siparse::Parts {
   int eit_mismatches_ = 0;  // sections of another table of the guide than the one that is read
   std::atomic<int> eit_stored_ = 0;
 
-  std::mutex listener_lock_;  // guards listener_; a leaf
+  std::mutex listener_lock_;  // guards the listeners; a leaf
   Time_listener listener_;
+  Guide_listener guide_listener_;
 
   std::unique_ptr<section_guard::Safe_copy> safe_copy_;  // made when a system libdvbsi++ needs it
   Found found_by_hand_;

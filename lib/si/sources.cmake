@@ -5,6 +5,7 @@ list(APPEND KELVO_SOURCES
   si/countries.cpp
   si/descriptors.cpp
   si/descriptors_event.cpp
+  si/descriptors_event_details.cpp
   si/descriptors_network.cpp
   si/descriptors_service.cpp
   si/descriptors_stream.cpp
@@ -31,6 +32,9 @@ list(APPEND KELVO_SOURCES
   si/system_clock.cpp
   si/text_samples.cpp
   si/time.cpp
+  si/visible_events.cpp
+  si/whole_guide.cpp
+  si/whole_guide_reader.cpp
   si/whole_tables.cpp
 )
 list(APPEND KELVO_PUBLIC_HEADERS
@@ -38,5 +42,6 @@ list(APPEND KELVO_PUBLIC_HEADERS
   si/broadcast_time.h
   si/eit_lang.h
   si/eit_progress.h
+  si/guide_change.h
   si/siparse.h
 )

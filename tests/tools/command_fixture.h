@@ -46,6 +46,15 @@ inline const std::string NO_DATABASE = ": not a database; name another file with
 inline const std::string DAMAGED = ": the database is damaged; restore a copy, or move it away and scan again";
 inline const std::string MISSING = ": No such file or directory; make it with 'kelvo scan'";
 
+// The output of `kelvo epg update` without its lines about the carousel of each multiplex, whose times differ each
+// time.
+inline Command_result without_carousels(Command_result result) {
+  static const std::regex lines(
+      "\n([0-9.]+ MHz: ((what is )?complete (was )?after [0-9.]+ m?s; )?the slowest table came every [0-9.]+ m?s\n)+");
+  result.out = std::regex_replace(result.out, lines, "", std::regex_constants::format_first_only);
+  return result;
+}
+
 // A folder of its own for channels and guide, and runs under the software adapter.
 class Command_fixture : public testing::Test {
  protected:

@@ -38,7 +38,7 @@ class Guide_fixture : public Command_fixture {
   Words controlled(const Words& options, const Words& command) const;
   void control(const std::string& line) const;
 
-  // Fills the channel list.
+  // Fills the channel list, and leaves no guide.
   void scan(const Words& options, const Words& freqs = {"506000000", "514000000"}) const;
 
   // Runs `command` as each case says, on a prepared database: it prints its one line and leaves the files as they are.

@@ -40,12 +40,38 @@ TEST_F(Watch, says_how_the_guide_grows) {
   int events = 0;
   for (size_t i = 1; i + 1 < lines.size(); ++i) {
     std::smatch parts;
+    if (lines[i] == "guide complete, 96 events") {
+      events = 96;
+      continue;
+    }
     ASSERT_TRUE(std::regex_match(lines[i], parts, std::regex("guide grown to ([0-9]+) events \\(\\+([0-9]+)\\)")))
         << lines[i];
     EXPECT_EQ(std::stoi(parts[1]), events + std::stoi(parts[2]));
     events = std::stoi(parts[1]);
   }
   EXPECT_GT(events, 96 - 21);
+}
+
+// The guide is complete, and then another version of it is sent.
+TEST_F(Watch, says_which_events_change) {
+  const auto events = [](const std::string& list) {
+    return mux("506", service(101, 1, "Kuldnokk", R"(, "events": [)" + list + "]"));
+  };
+  const Words before = events(R"({ "event_id": 1, "start": "now-30m", "duration": "1h", "name": "Uudised" },
+                                 { "event_id": 2, "start": "now+30m", "duration": "1h", "name": "Film" },
+                                 { "event_id": 3, "start": "now+90m", "duration": "1h", "name": "Sport" })");
+  const Words after = events(R"({ "event_id": 1, "start": "now-30m", "duration": "1h", "name": "Uudised" },
+                                { "event_id": 2, "start": "now+45m", "duration": "1h", "name": "Film" },
+                                { "event_id": 4, "start": "now+180m", "duration": "1h", "name": "Arutelu" })");
+  scan(at_speed("x10", before), {"506000000"});
+  const std::string file = after[1].substr(after[1].find('=') + 1);
+  const Words lines =
+      said(watch(at_speed("x10", joined({before, {"--then", "506000000=40:" + file}})), {"1", "--for", "70s"}));
+  EXPECT_THAT(lines, testing::IsSupersetOf({"guide complete, 3 events", "stopped, 3 events in the guide"}));
+  EXPECT_THAT(lines, Contains(MatchesRegex("event moved: Kuldnokk, 2026-03-01 [0-9:]+, Film")));
+  EXPECT_THAT(lines, Contains(MatchesRegex("event new: Kuldnokk, 2026-03-01 [0-9:]+, Arutelu")));
+  EXPECT_THAT(lines, Contains(MatchesRegex("event cancelled: Kuldnokk, 2026-03-01 [0-9:]+")));
+  EXPECT_THAT(lines, Not(Contains(HasSubstr("Uudised"))));
 }
 
 TEST_F(Watch, finds_a_channel_by_number_name_and_row) {

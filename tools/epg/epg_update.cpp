@@ -50,8 +50,12 @@ struct Update_options {
   std::string db;
 };
 
-// "at table 0x50 of 0x51"; what is not announced yet is left out.
+// "at table 0x50 of 0x51"; what is not announced yet is left out. Of a guide that is collected whole how much of it has
+// come.
 std::string place_of(const EIT_progress& service) {
+  if (service.whole && service.sections != 0) {
+    return fmt::format("{} of {} sections", service.sections, service.sections_of);
+  }
   if (service.table == 0) {
     return "not begun";
   }
@@ -63,7 +67,8 @@ std::string place_of(const EIT_progress& service) {
 std::string guide_text_of(const Guide_progress& progress, const Guide_multiplex& multiplex) {
   switch (progress.state) {
     case Guide_state::COMPLETE:
-      return "complete";
+      return progress.service.given_up ? fmt::format("{}, the rest is not sent", place_of(progress.service))
+                                       : "complete";
     case Guide_state::NO_SCHEDULE:
       return progress.service.events > 0 ? "no schedule sent, now and next only" : "nothing sent";
     case Guide_state::COLLECTING:
@@ -72,8 +77,11 @@ std::string guide_text_of(const Guide_progress& progress, const Guide_multiplex&
   return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(multiplex));
 }
 
-// The table reached, and the last one, in a fixed width.
+// The table reached, and the last one, in a fixed width; sections of a guide that is collected whole.
 std::string table_of(const EIT_progress& service) {
+  if (service.whole) {
+    return fmt::format("{:4}/{:4}", service.sections, service.sections_of);
+  }
   const auto number = [](int table) { return table == 0 ? std::string("   -") : fmt::format("0x{:02X}", table); };
   return number(service.table) + "/" + number(service.last_table);
 }
@@ -83,6 +91,8 @@ std::string bar(const Guide_progress& progress) {
   const EIT_progress& service = progress.service;
   if (progress.state != Guide_state::COLLECTING) {
     filled = BAR_WIDTH;
+  } else if (service.whole) {
+    filled = BAR_WIDTH * service.sections / (std::max(service.sections, service.sections_of) + 1);
   } else if (service.last_table >= table::EIT_SCHEDULE_FIRST && service.table >= table::EIT_SCHEDULE_FIRST) {
     const int tables = service.last_table - table::EIT_SCHEDULE_FIRST + 1;
     const int reached = service.table - table::EIT_SCHEDULE_FIRST + 1;
@@ -90,6 +100,34 @@ std::string bar(const Guide_progress& progress) {
     filled = std::min(BAR_WIDTH, BAR_WIDTH * reached / (tables + 2));
   }
   return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(BAR_WIDTH - filled), '.');
+}
+
+std::string seconds_text(int ms) {
+  if (ms < 1000) {
+    return fmt::format("{} ms", ms);
+  }
+  return ms < 10000 ? fmt::format("{:.1f} s", ms / 1000.0) : fmt::format("{:.0f} s", ms / 1000.0);
+}
+
+// How long a guide that is collected whole took, and how often it is sent; empty for others, and where nothing came.
+std::string carousel_text(const Guide_multiplex& multiplex) {
+  int complete_ms = 0;
+  int carousel_ms = 0;
+  size_t not_complete = 0;
+  for (const Guide_progress& progress : multiplex.services) {
+    const EIT_progress& service = progress.service;
+    complete_ms = std::max(complete_ms, service.complete_ms);
+    carousel_ms = std::max(carousel_ms, service.carousel_ms);
+    not_complete += service.sections != 0 && service.complete_ms == 0 && service.last_table != 0 ? 1 : 0;
+  }
+  std::string text;
+  if (complete_ms != 0) {
+    text = (not_complete == 0 ? "complete after " : "what is complete was after ") + seconds_text(complete_ms);
+  }
+  if (carousel_ms != 0) {
+    text += fmt::format("{}the slowest table came every {}", text.empty() ? "" : "; ", seconds_text(carousel_ms));
+  }
+  return text;
 }
 
 class Update {
@@ -282,6 +320,13 @@ void Update::report() {
     }
   }
   table.print(stdout);
+  bool any_carousel = false;
+  for (const Guide_multiplex& multiplex : seen_) {
+    if (const std::string carousel = carousel_text(multiplex); !carousel.empty()) {
+      fmt::print("{}{}: {}\n", any_carousel ? "" : "\n", mhz(multiplex.freq), carousel);
+      any_carousel = true;
+    }
+  }
   for (const Guide_multiplex& multiplex : seen_) {
     if (const std::string lost = lost_text(multiplex.lost); !lost.empty()) {
       fmt::print("\n{}: {}", mhz(multiplex.freq), lost);

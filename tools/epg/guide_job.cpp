@@ -116,7 +116,8 @@ Guide_outcome Guide_job::collect(Adapter& adapter, const Tuning_request& request
   if (progress.empty()) {
     return Guide_outcome::NO_SERVICES;
   }
-  if (given_up) {
+  // A guide that is collected whole has fresh time from the scan's end on.
+  if (given_up && !progress.front().whole) {
     begin_again(adapter, request.freq, progress.front().channel, end);
   }
   Guide_watcher watcher(Adapter::Clock::now());

@@ -22,6 +22,11 @@ constexpr seconds STUCK_AFTER{200};
 // Complete is told from outside: the table of the last announced number has all its sections, or the round has gone
 // beyond it.
 Guide_state state_of(const EIT_progress& service, bool announced) {
+  if (service.whole) {
+    return !service.done             ? Guide_state::COLLECTING
+           : service.last_table == 0 ? Guide_state::NO_SCHEDULE
+                                     : Guide_state::COMPLETE;
+  }
   if (service.last_table != 0 &&
       (service.table > service.last_table || (service.table == service.last_table && service.done))) {
     return Guide_state::COMPLETE;
@@ -35,7 +40,8 @@ Guide_state state_of(const EIT_progress& service, bool announced) {
 bool same(const std::vector<EIT_progress>& a, const std::vector<EIT_progress>& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const EIT_progress& one, const EIT_progress& other) {
     return one.service_id == other.service_id && one.table == other.table && one.last_table == other.last_table &&
-           one.active == other.active && one.done == other.done && one.events == other.events;
+           one.active == other.active && one.done == other.done && one.events == other.events &&
+           one.sections == other.sections;
   });
 }
 

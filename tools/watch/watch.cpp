@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <ctime>
@@ -35,6 +36,7 @@
 namespace {
 
 constexpr int LOOK_INTERVAL_MS = 500;
+constexpr size_t MOST_EVENTS = 20;  // said of one look
 // How long the tuner may take before the lack of a lock is worth saying.
 constexpr std::chrono::seconds LOCK_PATIENCE{2};
 
@@ -49,10 +51,11 @@ struct Watch_options {
 
 // What callbacks, which come from the library's threads, leave for the watching one.
 std::atomic<int> changes{0};
-std::mutex mutex;                      // guards the next three
+std::mutex mutex;                      // guards the next four
 std::vector<unsigned> quality_events;  // 0 lost, 1 good
 std::vector<Device_event> device_events;
 std::vector<Time_news> time_news;
+std::vector<Guide_change> guide_changes;
 int wake_fd = -1;
 
 void wake() {
@@ -92,6 +95,28 @@ void on_device(void*, const Device_event& event) {
   wake();
 }
 
+void on_guide(void*, const std::vector<Guide_change>& events) {
+  {
+    const std::lock_guard lock(mutex);
+    guide_changes.insert(guide_changes.end(), events.begin(), events.end());
+  }
+  wake();
+}
+
+// What became of an event.
+const char* word_of(const Guide_change& change) {
+  switch (change.kind) {
+    case GUIDE_ADDED:
+      return "new";
+    case GUIDE_MOVED:
+      return "moved";
+    case GUIDE_REMOVED:
+      return "cancelled";
+    default:
+      return "changed";
+  }
+}
+
 // Each line goes out at once: a reader behind a pipe waits for it, perhaps for hours. A reader that has gone away ends
 // the command here.
 void say(const std::string& text) {
@@ -107,7 +132,9 @@ class Watch {
 
  private:
   bool listen_to_quality(Kelvo* kelvo, bool late) const;
-  void look();
+  void look(const Kelvo& kelvo);
+  void look_at_guide(const Kelvo& kelvo);
+  std::string event_text(const Guide_change& change);
   int stored() const { return events_of(guide_->counts()); }
   static int events_of(const std::map<int, int>& counts) {
     int all = 0;
@@ -121,6 +148,8 @@ class Watch {
   std::unique_ptr<Guide_db> guide_;
   std::string db_;
   int events_ = 0;
+  bool guide_complete_ = false;       // it was, once; before that everything is new
+  std::map<int, std::string> names_;  // of channels, read when a change needs one
   Time_texts time_;
 };
 
@@ -145,6 +174,7 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
   Kelvo kelvo(adapter, 0, 0, database.get(), true, on_change, profile);
   check_frontend(adapter, kelvo.frontend_state());
   kelvo.set_time_listener(on_time, nullptr);
+  kelvo.set_guide_listener(on_guide, nullptr);
   kelvo.set_device_listener(on_device, nullptr);
   kelvo.set_stb_event_callback(on_quality);
   // A plain channel request would do nothing on 474 MHz, where a new Kelvo tunes to.
@@ -161,7 +191,7 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
     if (!listening) {
       listening = listen_to_quality(&kelvo, std::chrono::steady_clock::now() - begun > LOCK_PATIENCE);
     }
-    look();
+    look(kelvo);
     // At every look, since there is no end at which it could be asked: a full disk must not pass for a quiet channel.
     check_written(database.get(), db_);
   }
@@ -182,7 +212,56 @@ bool Watch::listen_to_quality(Kelvo* kelvo, bool late) const {
   return over;
 }
 
-void Watch::look() {
+// "Kuldnokk, 2026-03-01 20:15, Uudised"; without the title when the event is gone.
+std::string Watch::event_text(const Guide_change& change) {
+  if (!names_.contains(change.channel)) {
+    for (const Service& service : Channel_db(db_).services(true)) {
+      names_[service.channel] = service.name;
+    }
+  }
+  const std::string& name = names_[change.channel];
+  std::string text = fmt::format("{}, {}", name.empty() ? fmt::format("#{}", change.channel) : name,
+                                 local_time(change.start, "%Y-%m-%d %H:%M"));
+  if (change.kind == GUIDE_REMOVED) {
+    return text;
+  }
+  for (const Guide_event& event : guide_->events(change.start, int64_t{change.start} + 1, {})) {
+    if (event.channel == change.channel && event.start == change.start && !event.texts.empty() &&
+        !event.texts.front().title.empty()) {
+      return text + ", " + event.texts.front().title;
+    }
+  }
+  return text;
+}
+
+void Watch::look_at_guide(const Kelvo& kelvo) {
+  std::vector<Guide_change> changed;
+  {
+    const std::lock_guard lock(mutex);
+    changed.swap(guide_changes);
+  }
+  if (!guide_complete_) {
+    std::vector<EIT_progress> progress;
+    kelvo.eit_progress(&progress);
+    guide_complete_ = !progress.empty() && std::all_of(progress.begin(), progress.end(),
+                                                       [](const EIT_progress& one) { return one.whole && one.done; });
+    if (guide_complete_) {
+      events_ = stored();
+      say(fmt::format("guide complete, {} events", events_));
+    }
+    return;
+  }
+  for (size_t i = 0; i < changed.size(); ++i) {
+    if (i == MOST_EVENTS) {
+      say(fmt::format("and {} more events of the guide changed", changed.size() - i));
+      break;
+    }
+    say(fmt::format("event {}: {}", word_of(changed[i]), event_text(changed[i])));
+  }
+}
+
+void Watch::look(const Kelvo& kelvo) {
+  look_at_guide(kelvo);
   const int code = changes.exchange(0);
   if ((code & DB_STREAMS_CHANGED) != 0) {
     say("streams changed");
@@ -267,8 +346,9 @@ void add_watch(CLI::App& app, int* exit_code) {
   add_charset_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
-      "A line, with the time, whenever channels or streams change, the guide grows, reception is lost or back, or\n"
-      "the broadcast sets clock or time zone. Ctrl-C ends it. Exit code: 0 ended, 1 failed, 2 wrong arguments.\n"
+      "A line, with the time, whenever channels or streams change, the guide grows, an event of a complete guide is new,\n"
+      "moved, changed or cancelled, reception is lost or back, or the broadcast sets clock or time zone. Ctrl-C ends\n"
+      "it. Exit code: 0 ended, 1 failed, 2 wrong arguments.\n"
       "\n"
       "Example:\n"
       "  kelvo watch 1");

@@ -196,11 +196,11 @@ TEST(Report, tells_what_known_services_are_now) {
                    {changed(one, [](Service& s) { s.name = "Uno", s.lcn = 11; }),
                     changed(two, [](Service& s) { s.freq = 514000000, s.scrambled = true, s.visible = false; }),
                     changed(three, [](Service& s) { s.scan_state = 1, s.name = "Tres"; })}),
-            "CHANGE                           LCN  NAME           TYPE  PROVIDER                   FREQUENCY\n"
-            "back, renamed                      3  Three -> Tres  TV    Meedia                  506.000 MHz\n"
-            "moved, now scrambled, hidden       2  Two            TV    Meedia    506.000 MHz -> 514.000 MHz\n"
-            "renamed, renumbered           1 -> 11  One -> Uno     TV    Meedia                  506.000 MHz\n"
             "\n"
+            "CHANGE                            LCN  NAME           TYPE  PROVIDER                   FREQUENCY\n"
+            "back, renamed                       3  Three -> Tres  TV    Meedia                   506.000 MHz\n"
+            "moved, now scrambled, hidden        2  Two            TV    Meedia    506.000 MHz -> 514.000 MHz\n"
+            "renamed, renumbered           1 -> 11  One -> Uno     TV    Meedia                   506.000 MHz\n"
             "0 of 0 frequencies with a multiplex, 0 services: 0 new, 1 back, 0 lost, 2 changed.\n");
 }
 

@@ -230,12 +230,12 @@ void Watch::look() {
     say(fmt::format("guide grown to {} events ({:+})", now, now - events_));
     events_ = now;
   }
-  std::vector<std::string> news;
+  std::vector<std::string> channels;
   {
     const std::lock_guard lock(mutex);
-    news.swap(channel_news);
+    channels.swap(channel_news);
   }
-  for (const std::string& text : news) {
+  for (const std::string& text : channels) {
     say(text);
   }
   std::vector<unsigned> events;

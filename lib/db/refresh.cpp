@@ -234,7 +234,7 @@ void Refresh::take_numbers(const Scan_details& details) {
   const auto take_number = [&](Channel_row& row, bool its_own) {
     const auto found = by_ids.find({row.orig_network_id, row.tstream_id, row.pat_prnr});
     const Scan_details::Number* told = found == by_ids.end() ? nullptr : found->second;
-    if (its_own && (told == nullptr || told->other))
+    if (its_own && details.nit_came && (told == nullptr || told->other))
       row.detail.lcn = row.detail.hd_lcn = NO_LCN;
     // Of other multiplexes, and from other networks, only what is not known is taken.
     const bool known = row.detail.lcn != NO_LCN || row.detail.hd_lcn != NO_LCN;
@@ -247,8 +247,7 @@ void Refresh::take_numbers(const Scan_details& details) {
   };
   for (size_t i = 0; i < rows_.size(); ++i) {
     const bool here = std::any_of(scanned_.begin(), scanned_.end(), [=](const auto& s) { return s.place == i; });
-    if (!here || details.nit_came)
-      take_number(rows_[i], here);
+    take_number(rows_[i], here);
   }
   plan_numbers(rows_);
 }

@@ -401,8 +401,8 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global : {"open", "repeat_lost", "any_linux", "types", "insert", "signals", "verbosity", "sleep", "write",
-                             "exists", "sql", "wait_sql"}) {
+  for (const char* global : {"open", "repeat_lost", "any_linux", "types", "insert", "signals", "verbosity", "sleep",
+                             "write", "exists", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

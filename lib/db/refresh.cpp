@@ -87,7 +87,7 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
   Transaction transaction(db_.connection, db_.sql);
   const Merge_end failed{Merge_outcome::FAILED, 0};
   if (!transaction.is_open())
-    return failed;
+    return {Merge_outcome::BUSY, 0};
   read_known();
   if (state == SCAN_PAT) {
     if (!read_scanned(details)) {

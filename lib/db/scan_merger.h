@@ -25,7 +25,7 @@ class Scan_merger {
 
   // Brings the channel list up to date with the scan tables of adapter `dvbnr`, as Sdbl::update_master_scan_data says.
   // Replaces the contents of `changes` by what has become of known services. One that refreshes does all of it or
-  // nothing (Merge_outcome::NO_ROOM, or FAILED: printed).
+  // nothing (Merge_outcome::BUSY or FAILED: printed).
   virtual Merge_end merge(int dvbnr, const Multiplex& multiplex, SCAN_STATE state, const Scan_details& details,
                           std::vector<Channel_change>* changes) = 0;
 };

@@ -95,7 +95,10 @@ inline constexpr int ENHANCED_AC3 = 0x7A;
 inline constexpr int DTS = 0x7B;
 inline constexpr int AAC = 0x7C;
 inline constexpr int EXTENSION = 0x7F;
-inline constexpr int LOGICAL_CHANNEL = 0x83;  // private to terrestrial networks
+inline constexpr int LOGICAL_CHANNEL = 0x83;        // private to terrestrial networks, as those below
+inline constexpr int SERVICE_ATTRIBUTE = 0x86;      // in the United Kingdom
+inline constexpr int LOGICAL_CHANNEL_LISTS = 0x87;  // NorDig's second version
+inline constexpr int HD_LOGICAL_CHANNEL = 0x88;
 
 // Ranges that messages tell apart: from these on.
 inline constexpr int FIRST_OF_SI = 0x40;

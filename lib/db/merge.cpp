@@ -5,24 +5,14 @@
 
 #include <time.h>
 
-#include <utility>
 #include <vector>
 
 #include "base/log.h"
+#include "db/channel_row.h"
 
 namespace sdbl {
 
 namespace {
-
-// Values of row_status, meaningful during a merge only.
-constexpr int ROW_CONFIRMED = 0;
-constexpr int ROW_OLD = 1;
-constexpr int ROW_NEW = 2;
-
-// Values of kanalid.scan_state.
-constexpr int SERVICE_LOST = 0;
-constexpr int SERVICE_FOUND = 1;
-constexpr int SERVICE_TIMED_OUT = 2;
 
 // Bits of the result.
 constexpr int CHANNELS_LOST = 1;
@@ -32,8 +22,6 @@ constexpr int STREAMS_ADDED = 32;
 
 // The helpers report under the name of the operation that they belong to.
 constexpr char OPERATION[] = "update_master_scan_data";
-
-constexpr char RENUMBER_STREAMS[] = "UPDATE estreams_scan_DVBNR SET channel = $oid_db where channel = $oid_scan;";
 
 }  // namespace
 
@@ -45,7 +33,7 @@ int Merge::run(SCAN_STATE state) {
   }
   if (state == SCAN_PAT && !merge_services())
     return 0;
-  merge_streams();
+  streams_.run();
   // Deliberate: new services without a PCR PID stay unconfirmed, and are counted as back at the next full scan.
   if (state == SCAN_PAT)
     statements_.run(OPERATION, dvbnr_,
@@ -60,7 +48,7 @@ int Merge::run(SCAN_STATE state) {
 // Prints the counts and returns their bits.
 int Merge::summary(SCAN_STATE state) const {
   KLOG(VERB_PROGRESS, "Scan from %d for freq %d, ch_add %d, ch_delete %d, estrm_add %d, estrm_delete %d\n", state,
-       multiplex_.freq, channels_added_, channels_lost_, streams_added_, streams_deleted_);
+       multiplex_.freq, channels_added_, channels_lost_, streams_.added(), streams_.deleted());
   int changes = 0;
   if (channels_added_ != 0) {
     KLOG(VERB_PROGRESS, "%d Channels added\n", channels_added_);
@@ -70,12 +58,12 @@ int Merge::summary(SCAN_STATE state) const {
     KLOG(VERB_PROGRESS, "%d Channels deleted\n", channels_lost_);
     changes |= CHANNELS_LOST;
   }
-  if (streams_added_ != 0) {
-    KLOG(VERB_PROGRESS, "%d Estreams added\n", streams_added_);
+  if (streams_.added() != 0) {
+    KLOG(VERB_PROGRESS, "%d Estreams added\n", streams_.added());
     changes |= STREAMS_ADDED;
   }
-  if (streams_deleted_ != 0) {
-    KLOG(VERB_PROGRESS, "%d Estreams deleted\n", streams_deleted_);
+  if (streams_.deleted() != 0) {
+    KLOG(VERB_PROGRESS, "%d Estreams deleted\n", streams_.deleted());
     changes |= STREAMS_DELETED;
   }
   return changes;
@@ -132,12 +120,12 @@ bool Merge::merge_services() {
   // Scan rows and channels share one number space. The streams first move out of it, or a stream that has just got its
   // channel's number could be taken for one of the scan row of that number.
   for (const Scanned_service& service : services)
-    statements_.run(OPERATION, dvbnr_, RENUMBER_STREAMS, -service.oid, service.oid);
+    streams_.renumber(service.oid, -service.oid);
 
   int channel = 0;
   for (const Scanned_service& service : services) {
     channel = merge_service(service, channel);
-    statements_.run(OPERATION, dvbnr_, RENUMBER_STREAMS, channel, -service.oid);
+    streams_.renumber(-service.oid, channel);
   }
 
   // Deliberate: services that stay lost are counted at every full scan.
@@ -215,71 +203,6 @@ int Merge::add_channel(int scan_oid) {
                   "source_oid = $oid_scan;",
                   channel, scan_oid);
   return channel;
-}
-
-void Merge::merge_streams() {
-  KLOG(VERB_PROGRESS, "Master update PMT\n");
-  std::vector<int> channels;
-  Rows rows(statements_, OPERATION, dvbnr_,
-            "SELECT channel FROM kanalid WHERE hf_conn = $hfc AND dvb_type = $dvbt AND freq = "
-            "$freq AND row_status != $rowstat;",
-            number(multiplex_.input.connector), number(multiplex_.input.delivery), multiplex_.freq, ROW_OLD);
-  while (rows.next())
-    channels.push_back(rows.number(0));
-  rows.end();
-  statements_.run(OPERATION, dvbnr_, "UPDATE estreams_scan_DVBNR SET row_status = $row_status", ROW_NEW);
-  for (const int channel : channels)
-    merge_streams_of_channel(channel);
-
-  if (streams_added_ != 0 || streams_deleted_ != 0) {
-    KLOG(VERB_INFO, "estreams modified, reindexing");
-    statements_.run(OPERATION, dvbnr_, "REINDEX estreams");
-  }
-}
-
-void Merge::merge_streams_of_channel(int channel) {
-  KLOG(VERB_PROGRESS, "Streams for ch %d (Scan = Main): ", channel);
-  statements_.run(OPERATION, dvbnr_, "UPDATE estreams  SET row_status = $row_status where channel = $channel;", ROW_OLD,
-                  channel);
-
-  std::vector<std::pair<int, int>> equal;  // scan row, master row
-  Rows rows(statements_, OPERATION, dvbnr_,
-            "SELECT s.oid, e.oid FROM  estreams e, estreams_scan_DVBNR s WHERE e.es_pid = s.es_pid AND e.es_type = "
-            "s.es_type AND e.es_subtype = s.es_subtype AND e.codec = s.codec AND e.languages = s.languages AND "
-            "e.lang_codes = s.lang_codes AND e.p1 = s.p1 AND e.p2 = s.p2 AND e.ca_sysid = s.ca_sysid AND e.ca_pid = "
-            "s.ca_pid AND e.channel = $oid1 and s.channel = $oid2",
-            channel, channel);
-  while (rows.next())
-    equal.emplace_back(rows.number(0), rows.number(1));
-  rows.end();
-  for (const auto& [scan_row, master_row] : equal) {
-    KLOG(VERB_PROGRESS, "%d = ", scan_row);
-    KLOG(VERB_PROGRESS, "%d ", master_row);
-    statements_.run(OPERATION, dvbnr_, "UPDATE estreams_scan_DVBNR SET row_status = $row_status where OID = $oid",
-                    ROW_CONFIRMED, scan_row);
-    statements_.run(OPERATION, dvbnr_, "UPDATE estreams SET row_status = $row_status where OID = $oid", ROW_CONFIRMED,
-                    master_row);
-  }
-  KLOG(VERB_PROGRESS, "\n");
-
-  const Run added = statements_.run(
-      OPERATION, dvbnr_,
-      "INSERT INTO estreams SELECT * from estreams_scan_DVBNR where row_status = $row_status and channel = $channel",
-      ROW_NEW, channel);
-  if (added.changes != 0) {
-    KLOG(VERB_INFO, "Added %d estream entries for channel %d\n", added.changes, channel);
-    streams_added_ += added.changes;
-  } else if (equal.empty()) {
-    return;  // its PMT was not received: the streams stay as they are
-  }
-
-  const Run deleted =
-      statements_.run(OPERATION, dvbnr_, "DELETE FROM estreams WHERE  row_status = $row_status AND channel = $channel",
-                      ROW_OLD, channel);
-  if (deleted.changes != 0) {
-    KLOG(VERB_INFO, "Deleted %d estream entries for channel %d\n", deleted.changes, channel);
-    streams_deleted_ += deleted.changes;
-  }
 }
 
 int set_master_scan_timeout(const Statements& statements, const Multiplex& multiplex) {

@@ -6,6 +6,7 @@
 #include "base/multiplex.h"
 #include "base/types.h"
 #include "db/statements.h"
+#include "db/stream_merge.h"
 
 namespace sdbl {
 
@@ -14,7 +15,7 @@ namespace sdbl {
 class Merge {
  public:
   Merge(const Statements& statements, int dvbnr, const Multiplex& multiplex)
-      : statements_(statements), dvbnr_(dvbnr), multiplex_(multiplex) {}
+      : statements_(statements), dvbnr_(dvbnr), multiplex_(multiplex), streams_(statements, dvbnr, multiplex) {}
 
   // The bits of what changed.
   int run(SCAN_STATE state);
@@ -33,18 +34,15 @@ class Merge {
   int merge_service(const Scanned_service& service, int previous_channel);
   void confirm_channel(int channel);
   int add_channel(int scan_oid);
-  void merge_streams();
-  void merge_streams_of_channel(int channel);
   int summary(SCAN_STATE state) const;
 
   const Statements& statements_;
   const int dvbnr_;
   const Multiplex multiplex_;
+  Stream_merge streams_;
   int now_ = 0;
   int channels_added_ = 0;
   int channels_lost_ = 0;
-  int streams_added_ = 0;
-  int streams_deleted_ = 0;
 };
 
 // Sdbl::set_master_scan_timeout.

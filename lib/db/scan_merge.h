@@ -19,6 +19,7 @@ enum class Merge_outcome {
   DONE,
   BUSY,     // another program kept the file locked: printed, and nothing was written
   NO_ROOM,  // the file, or its disk, could not take what was found: printed, and nothing was written
+  FAILED,   // a statement failed: printed, and what was written is undone
 };
 
 struct Merge_end {

@@ -135,6 +135,10 @@ const char BROADCAST_ZONE[] =
     "CREATE TABLE IF NOT EXISTS broadcast_zone (freq int, hf_conn int, dvb_type int, country text, region int, "
     "offset_min int, change_epoch int, next_offset_min int, UNIQUE (freq, hf_conn, dvb_type));";
 
+const char SERVICE_DETAIL[] =
+    "CREATE TABLE IF NOT EXISTS service_detail (channel integer primary key, lcn int, hd_lcn int, visible int, "
+    "eit_schedule int, eit_present_following int, set_aside int, list_name text);";
+
 const char* const STREAM_TABLES[] = {
     "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, es_type int, component_tag int, kind text, codec text, "
     "profile text);",
@@ -283,6 +287,10 @@ int Schema::create_tuned_multiplex() {
 
 int Schema::create_broadcast_zone() {
   return sql_.try_exec_on(__func__, connection_.get(), BROADCAST_ZONE);
+}
+
+int Schema::create_service_detail() {
+  return sql_.try_exec_on(__func__, connection_.get(), SERVICE_DETAIL);
 }
 
 bool Schema::create_stream_tables() {

@@ -24,6 +24,9 @@ class Schema {
   // Likewise the table of local times; SQLite's code.
   int create_broadcast_zone();
 
+  // The same for what is known of services beside kanalid.
+  int create_service_detail();
+
   // Likewise the tables of what streams are. False, with a warning, when one could not be made.
   bool create_stream_tables();
 

@@ -22,6 +22,7 @@
 #include "db/scan_tables.h"
 #include "db/schema.h"
 #include "db/sdbl.h"
+#include "db/service_details.h"
 #include "db/statement_cache.h"
 #include "db/statements.h"
 #include "db/stream_details.h"
@@ -48,6 +49,7 @@ class Sdbl::Parts {
   sdbl::Tuner_table tuner_table{connection, statements};
   sdbl::Tuning_table tunings{connection, statements, schema};
   sdbl::Stream_details stream_details{connection, sql, statements, schema};
+  sdbl::Service_details service_details{connection, sql, statements, schema};
   sdbl::Zone zone{statements};
   sdbl::Zone_table zones{connection, statements, schema};
   sdbl::File_room room{connection, sql};

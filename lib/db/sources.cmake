@@ -17,17 +17,24 @@ list(APPEND KELVO_SOURCES
   db/guide_room.cpp
   db/guide_services.cpp
   db/merge.cpp
+  db/number_plan.cpp
   db/one_shot.cpp
   db/opening.cpp
+  db/placement.cpp
+  db/refresh.cpp
   db/scan_merge.cpp
   db/scan_tables.cpp
   db/schema.cpp
+  db/scan_merger.cpp
   db/sdbl.cpp
+  db/service_details.cpp
   db/shell_files.cpp
   db/statement_cache.cpp
   db/statements.cpp
   db/stream_details.cpp
+  db/stream_merge.cpp
   db/times.cpp
+  db/transaction.cpp
   db/tuner_table.cpp
   db/tuning_table.cpp
   db/zone.cpp
@@ -35,6 +42,7 @@ list(APPEND KELVO_SOURCES
 )
 list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h
+  db/channel_change.h
   db/database_error.h
   db/epg_cache.h
   db/no_file_error.h

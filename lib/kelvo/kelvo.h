@@ -26,10 +26,12 @@
 
 // Codes of the change callback; several may be joined.
 enum : int {
-  DB_STREAMS_CHANGED = 1,   // elementary streams of a channel were added or deleted
-  DB_CHANNELS_CHANGED = 2,  // channels were added, lost or found again
-  DB_EPG_GROWN = 4,         // more than 20 events stored since this was last said
-  DB_EXPORTED = 8,          // an export asked for with export_db is done
+  DB_STREAMS_CHANGED = 1,      // elementary streams of a channel were added or deleted
+  DB_CHANNELS_CHANGED = 2,     // channels were added, lost or found again
+  DB_EPG_GROWN = 4,            // more than 20 events stored since this was last said
+  DB_EXPORTED = 8,             // an export asked for with export_db is done
+  DB_CHANNELS_REFRESHED = 16,  // known channels follow the air now: names, numbers, ...; Scan_end::channel_changes.
+                               // Only where the profile refreshes; of requests without a channel, too
 };
 
 // One DVB-T adapter: what a host creates to find services, keep the channel list and collect the guide.

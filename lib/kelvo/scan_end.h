@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/types.h"
+#include "db/channel_change.h"
 #include "db/database_error.h"
 #include "filter/lost_sections.h"
 #include "si/announced_multiplex.h"
@@ -34,10 +35,11 @@ struct Scan_end {
   int channel = -1;  // the request's, -1 for none
   SCAN_STATE stage = SCAN_NONE;
   int outcome = SCAN_COMPLETE;
-  bool merged = false;                 // the channel list was brought up to date; not so without room (error 13)
-  int changes = 0;                     // what the merge changed: bits of Sdbl::update_master_scan_data's result
-  std::vector<Missing_table> missing;  // of a scan that timed out
-  Database_error error;                // the first one since the scan began; code 0 for none
+  bool merged = false;  // the channel list was brought up to date; not so without room (error 13)
+  int changes = 0;  // what the merge changed: bits of Sdbl::update_master_scan_data's result; 256: `channel_changes`
+  std::vector<Channel_change> channel_changes;  // by channel; only where the profile refreshes
+  std::vector<Missing_table> missing;           // of a scan that timed out
+  Database_error error;                         // the first one since the scan began; code 0 for none
 
   // What the scan has read of the multiplex; -1 until its SDT (EN 300 468, 5.2.3) or PAT has come.
   int original_network_id = -1;

@@ -70,7 +70,9 @@ void Scan_loop::pass() {
   answer_request();
   if (requests_.under_way() || !check_for_stream(scanning))
     return;
-  if (scanning && request_.channel != -1 && scan_mode_ == SCAN_EIT && !requests_.under_way())
+  if (!scanning || scan_mode_ != SCAN_EIT || requests_.under_way() || follow_tables())
+    return;
+  if (request_.channel != -1)
     rescan();
 }
 
@@ -121,6 +123,9 @@ void Scan_loop::begin_request() {
   requests_.scan_requested = true;
   requests_.message_state = false;
   eit_restarted_ = false;
+  guide_begun_ = false;
+  follows_table_ = false;
+  pace_ = {};
   arm_timers();
 
   const int tuned_freq = freq();

@@ -4,8 +4,10 @@
 #pragma once
 
 #include "base/polled_timer.h"
+#include "db/scan_merger.h"
 #include "filter/section_filter.h"
 #include "kelvo/kelvo_parts.h"
+#include "kelvo/rescan_pace.h"
 
 // What the worker of a Kelvo does: one pass after the other, each one made of the steps below, until the Kelvo is being
 // destroyed. A pass waits at most a second for a section; it allocates nothing. Everything here belongs to the worker's
@@ -20,7 +22,11 @@
 class Scan_loop {
  public:
   explicit Scan_loop(Kelvo::Parts& kelvo)
-      : kelvo_(kelvo), requests_(kelvo.requests), filter_(kelvo.filter), parser_(kelvo.parser) {}
+      : kelvo_(kelvo),
+        requests_(kelvo.requests),
+        filter_(kelvo.filter),
+        parser_(kelvo.parser),
+        merger_(sdbl::make_scan_merger(kelvo.database, kelvo.profile.refresh)) {}
 
   void run();
 
@@ -39,6 +45,8 @@ class Scan_loop {
   bool complete_scan();
   void answer_request();
   bool check_for_stream(bool scanning);
+  // True when a table that has changed has begun a scan.
+  bool follow_tables();
   void rescan();
 
   // Parts of them.
@@ -52,6 +60,8 @@ class Scan_loop {
   bool has_news(bool timed_out);
   bool merge(int freq);
   void remove_scan_filters();
+  void open_watch();
+  void close_watch();
   int change_code(int freq, int result);
   void restart_from_pat();
   void restart_from_pmt();
@@ -73,6 +83,7 @@ class Scan_loop {
   Request_box& requests_;
   Section_filter& filter_;
   Siparse& parser_;
+  const std::unique_ptr<sdbl::Scan_merger> merger_;
 
   // Deleted from the last to the first.
   Polled_timer autoscan_timer_{300};  // when everything is read again; tells when the guide is started again, too
@@ -88,6 +99,9 @@ class Scan_loop {
   bool scan_applied_ = false;
   bool eit_restarted_ = false;
   bool device_lost_ = false;
+  bool guide_begun_ = false;    // of a request without a channel
+  bool follows_table_ = false;  // the scan under way was begun by a table
+  Rescan_pace pace_;
   bool data_seen_ = false;
   bool timed_out_ = false;
   int untold_code_ = 0;     // of the change callback: what a channel's scan changed before a new request overtook it

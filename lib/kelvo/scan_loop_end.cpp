@@ -58,16 +58,20 @@ void Scan_loop::finish_scan(bool timed_out) {
   scan_mode_ = SCAN_EIT;
   if (outcome != SCAN_REPLACED)
     parser_.parts().guide_reader().scan_ended(scanned_freq, result != 0);
+  if (follows_table_)
+    pace_.ended(result != 0);
+  follows_table_ = false;
   end_scan(outcome);
 
   untold_code_ |= change_code(scanned_freq, result);
   // A request that came with the merge, or from the listener, makes an end of this one. Its next scan tells the rest.
   if (requests_.under_way())
     return;
+  open_watch();
   const int eit_count = parser_.get_eit_stored();
-  int code = request_.channel != -1 ? untold_code_ : 0;
-  if (request_.channel != -1)
-    untold_code_ = 0;
+  // What an earlier request's channel has changed waits for the next channel; what has become of names does not.
+  int code = request_.channel != -1 ? untold_code_ : untold_code_ & DB_CHANNELS_REFRESHED;
+  untold_code_ &= ~code;
   if (eit_count > last_eit_count_ + EIT_REPORT_STEP) {
     code |= DB_EPG_GROWN;
     last_eit_count_ = eit_count;
@@ -108,8 +112,8 @@ bool Scan_loop::has_news(bool timed_out) {
 bool Scan_loop::merge(int scanned_freq) {
   const Activity_listener activity = kelvo_.listeners.activity();
   activity.tell(ACTIVITY_MERGE_BEGIN, scanned_freq);
-  const sdbl::Merge_end end =
-      kelvo_.database.parts().scan_merge.run(kelvo_.adapter, {kelvo_.input, scanned_freq}, scan_mode_);
+  const sdbl::Merge_end end = merger_->merge(kelvo_.adapter, {kelvo_.input, scanned_freq}, scan_mode_,
+                                             parser_.parts().details(), &scan_.channel_changes);
   activity.tell(ACTIVITY_MERGE_END, end.changes);
   scan_.merged = end.outcome == sdbl::Merge_outcome::DONE;
   scan_.changes = end.changes;
@@ -124,13 +128,15 @@ void Scan_loop::remove_scan_filters() {
 }
 
 int Scan_loop::change_code(int scanned_freq, int result) {
+  int code = (result & sdbl::CHANNELS_REFRESHED) != 0 ? DB_CHANNELS_REFRESHED : 0;
   if (request_.channel == -1) {
-    (void)parser_.start_eit_scan(scanned_freq, SCAN_EIT);
-    return 0;
+    if (!guide_begun_)
+      (void)parser_.start_eit_scan(scanned_freq, SCAN_EIT);
+    guide_begun_ = true;
+    return code;
   }
-  int code = 0;
   if ((result & CHANNELS_CHANGED_BITS) != 0) {
-    code = DB_CHANNELS_CHANGED;
+    code |= DB_CHANNELS_CHANGED;
     if (eit_restarted_) {
       KLOG(VERB_PROGRESS, "Channel changed EIT scan\n");
       eit_restarted_ = false;
@@ -149,6 +155,7 @@ void Scan_loop::begin_scan() {
   scan_.merged = false;
   scan_.changes = 0;
   merge_tries_ = 0;
+  scan_.channel_changes.clear();
   scan_.missing.clear();  // keeps its room
   parser_.parts().begin_network();
   kelvo_.database.parts().errors.watch(kelvo_.adapter);
@@ -221,7 +228,39 @@ void Scan_loop::rescan() {
     restart_from_pmt();
 }
 
+bool Scan_loop::follow_tables() {
+  Table_watch* watch = parser_.parts().watch();
+  const auto now = Rescan_pace::Clock::now();
+  if (watch == nullptr || !watch->changed() || !pace_.may_begin(now))
+    return false;
+  watch->looked();
+  KLOG(VERB_INFO, "A table has changed\n");
+  pace_.begun(now);
+  restart_from_pat();
+  follows_table_ = true;
+  return true;
+}
+
+void Scan_loop::open_watch() {
+  if (parser_.parts().watch() == nullptr)
+    return;
+  const int tuned_freq = freq();
+  (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
+  (void)filter_.addfilter(pid::SDT, table::SDT_ACTUAL, tuned_freq);
+  (void)filter_.addfilter(parser_.parts().network_pid(), table::NIT_ACTUAL, tuned_freq);
+}
+
+// A scan waits for these tables itself, or not at all.
+void Scan_loop::close_watch() {
+  if (parser_.parts().watch() == nullptr)
+    return;
+  (void)filter_.remove_filter_range(pid::PAT, table::PAT, table::PAT);
+  (void)filter_.remove_filter_range(pid::SDT, table::SDT_ACTUAL, table::SDT_ACTUAL);
+  (void)filter_.remove_filter_range(parser_.parts().network_pid(), table::NIT_ACTUAL, table::NIT_ACTUAL);
+}
+
 void Scan_loop::restart_from_pat() {
+  close_watch();
   KLOG(VERB_PROGRESS, "Restarting autoscan from PAT\n");
   autoscan_timer_.arm();
   scan_timer_.arm();
@@ -234,6 +273,7 @@ void Scan_loop::restart_from_pat() {
 }
 
 void Scan_loop::restart_from_pmt() {
+  close_watch();
   KLOG(VERB_PROGRESS, "Restarting autoscan from PMT\n");
   pmt_timer_.arm();
   scan_timer_.arm();

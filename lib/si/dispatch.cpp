@@ -106,6 +106,10 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   set_whole_nit(profile.whole_nit);
   if (profile.whole_tables)
     whole_tables_ = std::make_unique<Whole_tables>();
+  all_numbers_ = profile.channel_numbers == Receiver_profile::Channel_numbers::ALL;
+  country_ = profile.country;
+  if (profile.watch_tables)
+    watch_ = std::make_unique<Table_watch>();
   name_streams_ = profile.name_streams;
   if (profile.zone_country == Receiver_profile::Zone_country::COUNTRY)
     country_offset_ = std::make_unique<Country_offset>(profile.country);
@@ -150,6 +154,9 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
        static_cast<unsigned>(pid), sections_);
   KLOG(VERB_TRACE, "Nr %3d.%02x.%02x ", sections_, static_cast<unsigned>(pid), table_id);
 
+  if (watch_ != nullptr && is_watched(bytes, pid, stage))
+    return;
+
   text_.set_network(network_of(bytes));
 
   switch (table_id) {
@@ -176,11 +183,13 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
     case table::NIT_ACTUAL:
       // Deliberate: a PAT may name another PID for the NIT; without whole tables a NIT that comes there is dropped and
       // its filter stays.
-      if (pid != (whole_tables_ != nullptr ? whole_tables_->network_pid() : pid::NIT))
+      if (pid != network_pid())
         break;
       KLOG(VERB_TRACE, "Scanning NIT same network\n");
       scan_long_section<NetworkInformationSection>(bytes, [&](auto* nit) {
         network_.nit({bytes, section_size(bytes)});
+        if (all_numbers_)
+          numbers_.nit({bytes, section_size(bytes)}, false);
         parse_section_nit(nit, pid, freq);
       });
       break;
@@ -223,6 +232,27 @@ void Siparse::Parts::parse_guide_by_table(const uint8_t* section, int freq) {
     if (eit->getCurrentNextIndicator() == 1)
       parse_section_eit(eit, freq);
   });
+}
+
+int Siparse::Parts::network_pid() const {
+  return whole_tables_ != nullptr ? whole_tables_->network_pid() : pid::NIT;
+}
+
+// True when a section is there to be compared only.
+bool Siparse::Parts::is_watched(const uint8_t* bytes, int pid, SCAN_STATE stage) {
+  const int table_id = bytes[0];
+  const bool watched = (table_id == table::PAT && pid == pid::PAT) ||
+                       (table_id == table::NIT_ACTUAL && pid == network_pid()) ||
+                       (table_id == table::SDT_ACTUAL && pid == pid::SDT);
+  const size_t size = section_size(bytes);
+  constexpr unsigned IS_CURRENT = 1;
+  if (!watched || section_guard::section_problem(bytes, size) != nullptr || (bytes[5] & IS_CURRENT) == 0)
+    return false;
+  if (stage != SCAN_EIT)
+    watch_->read({bytes, size});
+  else
+    watch_->compare({bytes, size});
+  return stage == SCAN_EIT;
 }
 
 void Siparse::Parts::parse_descriptor_info(const Descriptor& descriptor, int context) {

@@ -14,6 +14,7 @@
 #include <climits>
 
 #include "base/ids.h"
+#include "si/bytes.h"
 
 namespace {
 
@@ -23,33 +24,6 @@ constexpr size_t TERRESTRIAL_SIZE = 11;
 constexpr size_t MOST_DELIVERIES = 16;  // of one transport stream
 constexpr int HZ_OF_A_STEP = 10;
 constexpr unsigned CODING_TERRESTRIAL = 3;
-
-// Bytes that have not been read yet. What is taken is there: has() is asked before.
-class Bytes {
- public:
-  explicit Bytes(std::span<const uint8_t> bytes) : left_(bytes) {}
-
-  bool has(size_t size) const { return left_.size() >= size; }
-  bool empty() const { return left_.empty(); }
-  std::span<const uint8_t> take(size_t size) {
-    const auto taken = left_.first(size);
-    left_ = left_.subspan(size);
-    return taken;
-  }
-  // As much of it as there is.
-  std::span<const uint8_t> take_up_to(size_t size) { return take(std::min(size, left_.size())); }
-  uint32_t number(size_t size) {
-    uint32_t value = 0;
-    for (const uint8_t byte : take(size))
-      value = value << 8 | byte;
-    return value;
-  }
-  int id() { return static_cast<int>(number(2)); }
-  size_t length12() { return number(2) & 0x0FFF; }
-
- private:
-  std::span<const uint8_t> left_;
-};
 
 int bandwidth_of_t(unsigned code) {
   constexpr int HZ[] = {8000000, 7000000, 6000000, 5000000};
@@ -64,18 +38,6 @@ int bandwidth_of_t2(unsigned code) {
 // 0 for what stands for no frequency, or is none that anybody broadcasts on.
 int hz(uint32_t tens_of_hz) {
   return tens_of_hz <= uint32_t{INT_MAX} / HZ_OF_A_STEP ? static_cast<int>(tens_of_hz) * HZ_OF_A_STEP : 0;
-}
-
-template <typename Each>
-void for_each_descriptor(std::span<const uint8_t> loop, Each each) {
-  Bytes bytes(loop);
-  while (bytes.has(2)) {
-    const unsigned tag = bytes.number(1);
-    const size_t size = bytes.number(1);
-    if (!bytes.has(size))
-      return;
-    each(tag, bytes.take(size));
-  }
 }
 
 // The transposers that follow a cell: an extension of its id and a frequency each.

@@ -13,12 +13,16 @@
 void Siparse::Parts::begin_network() {
   network_ = {};
   nit_sections_ = {};
+  nit_came_ = false;
+  numbers_.begin(country_);
   if (whole_tables_ != nullptr)
     whole_tables_->begin();
 }
 
 void Siparse::Parts::begin_multiplex() {
   services_.clear();
+  if (watch_ != nullptr)
+    watch_->begin();
 }
 
 int Siparse::Parts::parse_section_nit(NetworkInformationSection* section, int pid, int freq) {
@@ -29,9 +33,44 @@ int Siparse::Parts::parse_section_nit(NetworkInformationSection* section, int pi
   if (whole_nit_ && !nit_sections_.complete())
     return 0;
   nit_sections_ = {};
+  nit_came_ = true;
+  if (all_numbers_)
+    store_numbers(freq);
   filter_.removefilter(pid, table::NIT_ACTUAL);
   KLOG(VERB_PROGRESS, "NIT scanned.\n");
   return 0;
+}
+
+// Instead of what the descriptors' handlers have stored, which know one flavour.
+void Siparse::Parts::store_numbers(int freq) {
+  Scan_rows rows(db_, place(freq));
+  const int ts_id = network_.transport_stream_id();
+  const int orig_network_id = numbers_.original_network_of(ts_id);
+  if (orig_network_id < 0)
+    return;
+  (void)rows.network("orig_network_id", orig_network_id);
+  (void)rows.network("lcn", Channel_number::NONE);
+  for (const Channel_number& number : numbers_.all())
+    if (number.transport_stream_id == ts_id && number.original_network_id == orig_network_id)
+      rows.channel_number(ts_id, orig_network_id, number.service_id,
+                          number.hd_number != Channel_number::NONE ? number.hd_number : number.number);
+}
+
+sdbl::Scan_details Siparse::Parts::details() {
+  sdbl::Scan_details details;
+  details.nit_came = nit_came_;
+  details.has_numbers = all_numbers_;
+  details.original_network_id = network_.original_network_id();
+  // Without an SDT in this scan what is known of the services is of an earlier one.
+  if (details.original_network_id >= 0)
+    for (const Service_found& service : services_.all())
+      details.services.push_back({service.service_id, service.eit_schedule, service.eit_present_following});
+  else
+    details.original_network_id = numbers_.original_network_of(network_.transport_stream_id());
+  for (const Channel_number& number : numbers_.all())
+    details.numbers.push_back({number.original_network_id, number.transport_stream_id, number.service_id, number.number,
+                               number.hd_number, number.visible, number.other, text_.utf8(number.list)});
+  return details;
 }
 
 void Siparse::Parts::store_nit(const NetworkInformationSection& section, int freq) {

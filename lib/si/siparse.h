@@ -41,7 +41,7 @@ struct SQL_cache;
 //   - One NIT section is read per scan, unless the profile says all, and only on PID 16, though the filter may have
 //     been opened on another PID.
 //   - The SDT stays open until every service of the PAT has a provider name, so a network without provider names is
-//     merged by the scan's time-out only.
+//     merged by the scan's time-out only; unless the profile reads tables whole.
 //
 // Hostile input: a section whose length or inner loops do not add up is dropped or read as far as it holds; a
 // descriptor that is broken inside is skipped.

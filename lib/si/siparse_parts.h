@@ -12,7 +12,9 @@
 
 #include "base/multiplex.h"
 #include "base/receiver_profile.h"
+#include "db/scan_details.h"
 #include "si/broadcast_time.h"
+#include "si/channel_numbers.h"
 #include "si/descriptors.h"
 #include "si/dvb_text.h"
 #include "si/found.h"
@@ -24,6 +26,7 @@
 #include "si/services_found.h"
 #include "si/siparse.h"
 #include "si/system_clock.h"
+#include "si/table_watch.h"
 #include "si/whole_tables.h"
 
 class Event;
@@ -76,10 +79,18 @@ class Siparse::Parts {
   // Worker-only, both.
   const Network_found& network() const { return network_; }
   void begin_network();
+  // The same for the merge, with all that the scan tables have no column for.
+  sdbl::Scan_details details();
 
   // What the SDT has named since begin_multiplex(), which a request begins with. Worker-only, both.
   const Services_found& services() const { return services_; }
   void begin_multiplex();
+
+  // Where the profile watches tables: what the scans have read of PAT, SDT and NIT. In stage SCAN_EIT their sections
+  // are only compared. Null elsewhere. Worker-only.
+  Table_watch* watch() const { return watch_.get(); }
+  // The PID that the PAT names for the NIT, where it is believed.
+  int network_pid() const;
 
   // True: of a NIT in several sections all are read, and its filter is closed behind the last one. False at first: one
   // section is all that is read. Before-start: before the first section.
@@ -153,6 +164,7 @@ class Siparse::Parts {
   template <typename Section, typename Parse>
   void scan_section(const uint8_t* bytes, Parse parse);
 
+  bool is_watched(const uint8_t* bytes, int pid, SCAN_STATE stage);
   void store_first_pat(ProgramAssociationSection* section, int freq, SCAN_STATE stage);
   void store_whole_pat(const ProgramAssociationSection& section, int freq, SCAN_STATE stage);
   void store_sdt(const ServiceDescriptionSection& section, int freq);
@@ -160,6 +172,7 @@ class Siparse::Parts {
   void store_whole_sdt(const ServiceDescriptionSection& section, int freq);
   bool pmt_is_new(int program, int version);
   void store_pmt(ProgramMapSection& section, const Place& place);
+  void store_numbers(int freq);
   void store_nit(const NetworkInformationSection& section, int freq);
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);
   void open_next_eit_table(int freq);
@@ -180,7 +193,12 @@ class Siparse::Parts {
   std::unique_ptr<Guide_reader> guide_reader_;
   Network_found network_;
   Services_found services_;
+  Channel_numbers numbers_;
+  bool all_numbers_ = false;
+  bool nit_came_ = false;
+  std::string country_;
   Sections_seen nit_sections_;
+  std::unique_ptr<Table_watch> watch_;
   std::unique_ptr<Whole_tables> whole_tables_;  // null where first sections are enough
 
   bool whole_nit_ = false;

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 list(APPEND KELVO_SOURCES
+  si/channel_numbers.cpp
   si/countries.cpp
   si/descriptors.cpp
   si/descriptors_event.cpp
@@ -30,6 +31,7 @@ list(APPEND KELVO_SOURCES
   si/stream_names.cpp
   si/standard_text.cpp
   si/system_clock.cpp
+  si/table_watch.cpp
   si/text_samples.cpp
   si/time.cpp
   si/visible_events.cpp

@@ -5,7 +5,7 @@
 // seconds since its start:
 //
 //   open FILE                     the database; before all else
-//   repeat_lost                   in the profile of what is created from now on
+//   repeat_lost, any_linux        in the profile of what is created from now on, or that profile as a whole
 //   kelvo N tuner|passive [C T]   creates the Kelvo of adapter N, with callbacks; connector and type, else 0 and 0
 //   delete N                      destroys it
 //   freq N HZ                     frequency request, answered by "done N RESULT"
@@ -117,6 +117,15 @@ void time_told(void* data, const Broadcast_time& time) {
   adapter->locked([&] { return adapter->time = time; });
 }
 
+// "followed 1 KINDS Old>New 5>6 506>514" for each known channel that is another now.
+void scan_told(void* data, const Scan_end& end) {
+  const auto* adapter = static_cast<Adapter*>(data);
+  for (const Channel_change& c : end.channel_changes)
+    say("followed " + std::to_string(adapter - adapters.data()) + " " + std::to_string(c.kinds) + " " + c.old_name +
+        ">" + c.new_name + " " + std::to_string(c.old_lcn) + ">" + std::to_string(c.new_lcn) + " " +
+        std::to_string(c.old_freq / 1000000) + ">" + std::to_string(c.new_freq / 1000000));
+}
+
 void active(void* data, int kind, int value) {
   auto* adapter = static_cast<Adapter*>(data);
   if (kind == ACTIVITY_FILTER_STARTED)
@@ -226,6 +235,8 @@ void run_global(const std::string& command, std::istringstream& in, const std::s
     database = std::make_unique<Sdbl>(database_file.c_str());
   } else if (command == "repeat_lost") {
     profile.repeat_lost = true;
+  } else if (command == "any_linux") {
+    profile = Receiver_profile::any_linux();
   } else if (command == "verbosity") {
     verbosity_kelvo = next<int>(in);
   } else if (command == "sleep") {
@@ -293,6 +304,7 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     a.kelvo = std::make_unique<Kelvo>(static_cast<int>(n), connector, next<int>(in), database.get(), tuner, CHANGED[n],
                                       profile);
     a.kelvo->set_time_listener(time_told, &a);
+    a.kelvo->set_scan_listener(scan_told, &a);
     a.kelvo->set_activity_listener({active, &a});
     return;
   }
@@ -389,8 +401,8 @@ void run(const std::string& line) {
   std::string command;
   if (!(in >> command) || command[0] == '#')
     return;
-  for (const char* global : {"open", "repeat_lost", "types", "insert", "signals", "verbosity", "sleep", "write",
-                             "exists", "sql", "wait_sql"}) {
+  for (const char* global : {"open", "repeat_lost", "any_linux", "types", "insert", "signals", "verbosity", "sleep",
+                             "write", "exists", "sql", "wait_sql"}) {
     if (command == global)
       return run_global(command, in, line);
   }

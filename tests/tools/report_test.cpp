@@ -184,6 +184,26 @@ TEST(Report, without_changes_has_no_table_of_them) {
             "1 of 1 frequency with a multiplex, 1 service: 0 new, 0 back, 0 lost.\n");
 }
 
+TEST(Report, tells_what_known_services_are_now) {
+  const auto changed = [](Service service, auto change) {
+    change(service);
+    return service;
+  };
+  const Service one = service(1, 1, "One", 1);
+  const Service two = service(2, 2, "Two", 1);
+  const Service three = service(3, 3, "Three", 0);
+  EXPECT_EQ(report({}, {one, two, three},
+                   {changed(one, [](Service& s) { s.name = "Uno", s.lcn = 11; }),
+                    changed(two, [](Service& s) { s.freq = 514000000, s.scrambled = true, s.visible = false; }),
+                    changed(three, [](Service& s) { s.scan_state = 1, s.name = "Tres"; })}),
+            "\n"
+            "CHANGE                            LCN  NAME           TYPE  PROVIDER                   FREQUENCY\n"
+            "back, renamed                       3  Three -> Tres  TV    Meedia                   506.000 MHz\n"
+            "moved, now scrambled, hidden        2  Two            TV    Meedia    506.000 MHz -> 514.000 MHz\n"
+            "renamed, renumbered           1 -> 11  One -> Uno     TV    Meedia                   506.000 MHz\n"
+            "0 of 0 frequencies with a multiplex, 0 services: 0 new, 1 back, 0 lost, 2 changed.\n");
+}
+
 // Stored without streams and as not found, such a service is neither lost nor back when it is completed later.
 TEST(Report, services_without_streams_are_new_once) {
   const Service bare = service(1, 1, "Bare", 0, 2);

@@ -45,6 +45,7 @@ constexpr const char* ROLE_COLUMNS =
     "SELECT channel, es_pid, lang, role, page FROM stream_language ORDER BY channel, rowid;";
 constexpr const char* CA_COLUMNS = "SELECT channel, es_pid, ca_sysid, ca_pid FROM stream_ca ORDER BY channel, rowid;";
 constexpr const char* ZONE_COLUMNS = "SELECT freq, offset_min, change_epoch, next_offset_min FROM broadcast_zone;";
+constexpr const char* HIDDEN_COLUMNS = "SELECT channel FROM service_detail WHERE visible = 0;";
 constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
 
 struct Stream_kind {
@@ -355,6 +356,15 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
     service.row_status = rows.number(15);
     places[service.channel] = out.size();
     out.push_back(std::move(service));
+  }
+  if (has_table(connection_, file_, "service_detail")) {
+    Statement hidden(connection_, file_, HIDDEN_COLUMNS);
+    while (hidden.step()) {
+      const auto place = places.find(hidden.number(0));
+      if (place != places.end()) {
+        out[place->second].visible = false;
+      }
+    }
   }
   if (!with_streams) {
     return out;

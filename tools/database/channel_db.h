@@ -59,6 +59,7 @@ struct Service {
   int pmt_pid = 0;
   int pcr_pid = 0;
   bool scrambled = false;
+  bool visible = true;  // false: its network asks receivers not to list it
   int scan_state = 0;
   int row_status = 0;
   std::vector<Stream> streams;

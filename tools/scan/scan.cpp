@@ -388,9 +388,9 @@ void add_scan(CLI::App& app, int* exit_code) {
   command->add_flag("-v,--verbose", options->verbosity,
                     "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
   command->footer(
-      "Ends with a line a multiplex and a table of the services that are new, back or lost. Ctrl-C keeps what\n"
-      "was found. A frequency without a signal takes 1.2 to 4 s, a multiplex a few seconds, 40 at most. What several\n"
-      "frequencies bring is kept where it is received best.\n"
+      "Ends with a line a multiplex and a table of the services that are new, back, lost or changed. Ctrl-C keeps\n"
+      "what was found. A frequency without a signal takes 1.2 to 4 s, a multiplex a few seconds, 40 at most. What\n"
+      "several frequencies bring is kept where it is received best.\n"
       "Exit code: 0 something was found, or there was a multiplex on every frequency; 1 nothing was found, or failed;\n"
       "2 wrong arguments; 130 interrupted.\n"
       "\n"

@@ -72,17 +72,46 @@ std::string count_text(int count, const char* what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
-enum class Change { NEW, BACK, LOST };
+enum class Change { NEW, BACK, LOST, CHANGED };
 
 struct Changed_service {
   Change change;
   const Service* service;
+  const Service* before = nullptr;  // of what was there
 };
 
 // A service that the multiplex names but never described is stored as lost from the start, and is found later: that is
 // no change that anybody sees.
 bool is_lost(const Service& service) {
   return service.scan_state == 0 && service.row_status != 2;
+}
+
+// What the air says otherwise of a service than before: "renamed, now scrambled"; empty for nothing.
+std::string differences(const Service& before, const Service& after) {
+  std::string out;
+  const auto add = [&out](bool differs, const char* text) {
+    if (differs) {
+      out += (out.empty() ? "" : ", ") + std::string(text);
+    }
+  };
+  add(before.freq != after.freq, "moved");
+  add(before.name != after.name, "renamed");
+  add(before.lcn != after.lcn, "renumbered");
+  add(before.scrambled != after.scrambled, after.scrambled ? "now scrambled" : "now in the clear");
+  add(before.visible != after.visible, after.visible ? "shown" : "hidden");
+  return out;
+}
+
+std::string from_to(const std::string& before, const std::string& after) {
+  return before == after ? after : before + " -> " + after;
+}
+
+std::string lcn_text(const Service& service) {
+  return service.lcn == NO_LCN ? "-" : std::to_string(service.lcn);
+}
+
+std::string name_text(const Service& service) {
+  return service.name.empty() ? "-" : service.name;
 }
 
 std::vector<Changed_service> changes(const std::vector<Service>& before, const std::vector<Service>& after) {
@@ -100,9 +129,11 @@ std::vector<Changed_service> changes(const std::vector<Service>& before, const s
         out.push_back({Change::NEW, &service});
       }
     } else if (is_lost(*old->second) && service.scan_state == 1) {
-      out.push_back({Change::BACK, &service});
+      out.push_back({Change::BACK, &service, old->second});
     } else if (!is_lost(*old->second) && is_lost(service)) {
       out.push_back({Change::LOST, &service});
+    } else if (!is_lost(service) && !differences(*old->second, service).empty()) {
+      out.push_back({Change::CHANGED, &service, old->second});
     }
   }
   // By kind first, because people look for what is new.
@@ -113,12 +144,16 @@ std::vector<Changed_service> changes(const std::vector<Service>& before, const s
   return out;
 }
 
-const char* change_text(Change change) {
-  switch (change) {
+std::string change_text(const Changed_service& entry) {
+  switch (entry.change) {
     case Change::NEW:
       return "new";
-    case Change::BACK:
-      return "back";
+    case Change::BACK: {
+      const std::string others = differences(*entry.before, *entry.service);
+      return others.empty() ? "back" : "back, " + others;
+    }
+    case Change::CHANGED:
+      return differences(*entry.before, *entry.service);
     case Change::LOST:
       break;
   }
@@ -173,19 +208,21 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
 
   const std::vector<Changed_service> changed = changes(before, after);
   Table table({{"CHANGE"}, {"LCN", RIGHT}, {"NAME"}, {"TYPE"}, {"PROVIDER"}, {"FREQUENCY", RIGHT}});
-  int counts[3] = {};
+  int counts[4] = {};
   for (const Changed_service& entry : changed) {
     const Service& service = *entry.service;
     ++counts[static_cast<int>(entry.change)];
-    table.add({change_text(entry.change), service.lcn == NO_LCN ? "-" : std::to_string(service.lcn),
-               service.name.empty() ? "-" : service.name, type_text(service),
-               service.provider.empty() ? "-" : service.provider, mhz(service.freq)});
+    const Service& before_it = entry.before != nullptr ? *entry.before : service;
+    table.add({change_text(entry), from_to(lcn_text(before_it), lcn_text(service)),
+               from_to(name_text(before_it), name_text(service)), type_text(service),
+               service.provider.empty() ? "-" : service.provider, from_to(mhz(before_it.freq), mhz(service.freq))});
   }
   if (!table.empty()) {
     fmt::print(out, "\n");
     table.print(out);
   }
-  fmt::print(out, "{}{} of {} with a multiplex, {}: {} new, {} back, {} lost.\n", multiplexes.empty() ? "" : "\n",
+  fmt::print(out, "{}{} of {} with a multiplex, {}: {} new, {} back, {} lost{}.\n", multiplexes.empty() ? "" : "\n",
              found, multiplexes.size() == 1 ? "1 frequency" : fmt::format("{} frequencies", multiplexes.size()),
-             count_text(services, "service"), counts[0], counts[1], counts[2]);
+             count_text(services, "service"), counts[0], counts[1], counts[2],
+             counts[3] == 0 ? "" : fmt::format(", {} changed", counts[3]));
 }

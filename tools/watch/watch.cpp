@@ -56,6 +56,7 @@ std::vector<unsigned> quality_events;  // 0 lost, 1 good
 std::vector<Device_event> device_events;
 std::vector<Time_news> time_news;
 std::vector<Guide_change> guide_changes;
+std::vector<std::string> channel_news;
 int wake_fd = -1;
 
 void wake() {
@@ -83,6 +84,39 @@ void on_time(void*, const Broadcast_time& broadcast) {
   {
     const std::lock_guard lock(mutex);
     time_news.push_back(news);
+  }
+  wake();
+}
+
+// "renamed: One -> Uno", "One: now scrambled"; streams and ids are told in a word or not at all.
+std::vector<std::string> texts_of(const Channel_change& change) {
+  const std::string name = clean_text(change.new_name);
+  const auto lcn = [](int number) { return number == NO_LCN ? std::string("-") : std::to_string(number); };
+  const std::pair<unsigned, std::string> texts[] = {
+      {CHANNEL_MOVED, fmt::format("moved: {}, {} -> {}", name, mhz(change.old_freq), mhz(change.new_freq))},
+      {CHANNEL_RENAMED, fmt::format("renamed: {} -> {}", clean_text(change.old_name), name)},
+      {CHANNEL_RENUMBERED, fmt::format("renumbered: {}, {} -> {}", name, lcn(change.old_lcn), lcn(change.new_lcn))},
+      {CHANNEL_SCRAMBLED, name + ": now scrambled"},
+      {CHANNEL_CLEAR, name + ": now in the clear"},
+      {CHANNEL_HIDDEN, name + ": hidden"},
+      {CHANNEL_SHOWN, name + ": shown"}};
+  std::vector<std::string> out;
+  for (const auto& [kind, text] : texts) {
+    if ((change.kinds & kind) != 0) {
+      out.push_back(text);
+    }
+  }
+  return out;
+}
+
+void on_scan(void*, const Scan_end& end) {
+  {
+    const std::lock_guard lock(mutex);
+    for (const Channel_change& change : end.channel_changes) {
+      for (const std::string& text : texts_of(change)) {
+        channel_news.push_back(text);
+      }
+    }
   }
   wake();
 }
@@ -176,6 +210,7 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
   kelvo.set_time_listener(on_time, nullptr);
   kelvo.set_guide_listener(on_guide, nullptr);
   kelvo.set_device_listener(on_device, nullptr);
+  kelvo.set_scan_listener(on_scan, nullptr);
   kelvo.set_stb_event_callback(on_quality);
   // A plain channel request would do nothing on 474 MHz, where a new Kelvo tunes to.
   kelvo.watch_again(service_.freq, service_.channel);
@@ -274,6 +309,14 @@ void Watch::look(const Kelvo& kelvo) {
     say(fmt::format("guide grown to {} events ({:+})", now, now - events_));
     events_ = now;
   }
+  std::vector<std::string> channels;
+  {
+    const std::lock_guard lock(mutex);
+    channels.swap(channel_news);
+  }
+  for (const std::string& text : channels) {
+    say(text);
+  }
   std::vector<unsigned> events;
   {
     const std::lock_guard lock(mutex);
@@ -346,9 +389,9 @@ void add_watch(CLI::App& app, int* exit_code) {
   add_charset_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
-      "A line, with the time, whenever channels or streams change, the guide grows, an event of a complete guide is new,\n"
-      "moved, changed or cancelled, reception is lost or back, or the broadcast sets clock or time zone. Ctrl-C ends\n"
-      "it. Exit code: 0 ended, 1 failed, 2 wrong arguments.\n"
+      "A line, with the time, whenever channels, names or streams change, the guide grows, an event of a complete guide\n"
+      "is new, moved, changed or cancelled, reception is lost or back, or the broadcast sets clock or time zone. Ctrl-C\n"
+      "ends it. Exit code: 0 ended, 1 failed, 2 wrong arguments.\n"
       "\n"
       "Example:\n"
       "  kelvo watch 1");

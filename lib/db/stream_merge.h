@@ -1,0 +1,41 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include <set>
+
+#include "base/multiplex.h"
+#include "db/statements.h"
+
+namespace sdbl {
+
+// Brings estreams up to date with the scanned streams of adapter `dvbnr`, which have the numbers of their channels by
+// then. One object does one merge.
+class Stream_merge {
+ public:
+  Stream_merge(const Statements& statements, int dvbnr, const Multiplex& multiplex)
+      : statements_(statements), dvbnr_(dvbnr), multiplex_(multiplex) {}
+
+  // Gives scanned streams of one number another one.
+  void renumber(int from, int to);
+
+  // All channels of the multiplex whose row is not marked as old.
+  void run();
+
+  int added() const { return added_; }
+  int deleted() const { return deleted_; }
+  const std::set<int>& changed() const { return changed_; }  // channels
+
+ private:
+  void merge_channel(int channel);
+
+  const Statements& statements_;
+  const int dvbnr_;
+  const Multiplex multiplex_;
+  int added_ = 0;
+  int deleted_ = 0;
+  std::set<int> changed_;
+};
+
+}  // namespace sdbl

@@ -43,6 +43,11 @@ int kind_of(int serv_type) {
   }
 }
 
+// One whose PMT has never come is named by its multiplex all the same.
+bool is_lost(const Channel_row& row) {
+  return row.scan_state == SERVICE_LOST && row.row_status != ROW_NEW;
+}
+
 struct Asking {
   Ids ids;
   int wished = NO_LCN;
@@ -59,7 +64,7 @@ struct Asking {
 std::vector<Asking> all_wishes(std::vector<Channel_row>& rows) {
   std::map<Ids, Asking> by_ids;
   for (Channel_row& row : rows) {
-    if (row.scan_state == SERVICE_LOST)
+    if (is_lost(row))
       continue;
     Asking& asking = by_ids[ids_of(row)];
     asking.ids = ids_of(row);
@@ -89,12 +94,12 @@ int plain_or_hd(const Channel_row& row) {
 }  // namespace
 
 int wished_number(const std::vector<Channel_row>& rows, const Channel_row& row) {
-  if (row.scan_state == SERVICE_LOST)
+  if (is_lost(row))
     return NO_LCN;
   if (row.detail.hd_lcn == NO_LCN)
     return row.detail.lcn;
   const bool taken = std::any_of(rows.begin(), rows.end(), [&](const Channel_row& other) {
-    return other.scan_state != SERVICE_LOST && ids_of(other) != ids_of(row) && plain_or_hd(other) == row.detail.hd_lcn;
+    return !is_lost(other) && ids_of(other) != ids_of(row) && plain_or_hd(other) == row.detail.hd_lcn;
   });
   return taken ? row.detail.lcn : row.detail.hd_lcn;
 }

@@ -41,10 +41,15 @@ int Siparse::Parts::parse_section_nit(NetworkInformationSection* section, int pi
   return 0;
 }
 
+// The transport stream that rows have.
+int Siparse::Parts::pat_stream() const {
+  return whole_tables_ != nullptr ? whole_tables_->transport_stream_id() : network_.transport_stream_id();
+}
+
 // Instead of what the descriptors' handlers have stored, which know one flavour.
 void Siparse::Parts::store_numbers(int freq) {
   Scan_rows rows(db_, place(freq));
-  const int ts_id = network_.transport_stream_id();
+  const int ts_id = pat_stream();
   const int orig_network_id = numbers_.original_network_of(ts_id);
   if (orig_network_id < 0)
     return;
@@ -65,8 +70,10 @@ sdbl::Scan_details Siparse::Parts::details() {
   if (details.original_network_id >= 0)
     for (const Service_found& service : services_.all())
       details.services.push_back({service.service_id, service.eit_schedule, service.eit_present_following});
-  else
-    details.original_network_id = numbers_.original_network_of(network_.transport_stream_id());
+  // An SDT of another stream than the PAT's says nothing about the network.
+  const int of_nit = numbers_.original_network_of(pat_stream());
+  if (details.original_network_id < 0 || (pat_stream() != network_.transport_stream_id() && of_nit >= 0))
+    details.original_network_id = of_nit;
   for (const Channel_number& number : numbers_.all())
     details.numbers.push_back({number.original_network_id, number.transport_stream_id, number.service_id, number.number,
                                number.hd_number, number.visible, number.other, text_.utf8(number.list)});

@@ -172,6 +172,7 @@ class Siparse::Parts {
   void store_whole_sdt(const ServiceDescriptionSection& section, int freq);
   bool pmt_is_new(int program, int version);
   void store_pmt(ProgramMapSection& section, const Place& place);
+  int pat_stream() const;
   void store_numbers(int freq);
   void store_nit(const NetworkInformationSection& section, int freq);
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);

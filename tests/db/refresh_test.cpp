@@ -199,7 +199,7 @@ TEST_F(Refresh, what_was_not_received_stays) {
 
 TEST_F(Refresh, a_service_without_pmt_is_stored_and_there_when_it_has_one) {
   scan({{{1, "One", 11, 1, true, 0, 0}}});
-  EXPECT_EQ(rows("SELECT scan_state, row_status FROM kanalid"), (Texts{"0|2"}));
+  EXPECT_EQ(rows("SELECT scan_state, row_status, lcn FROM kanalid"), (Texts{"0|2|11"}));
   EXPECT_EQ(scan({{{1, "One", 11}}}) & CHANNELS_ADDED, CHANNELS_ADDED);
   EXPECT_EQ(rows("SELECT scan_state, row_status FROM kanalid"), (Texts{"1|0"}));
 }

@@ -43,14 +43,16 @@ _kelvo() {
     case $command in
       adapters) options="--check --json --help" ;;
       scan)
-        options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --charset --db"
-        options+=" --verbose --help"
+        options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --charset --other"
+        options+=" --db --verbose --help"
         ;;
       signal)
         options="--freq --adapter --for --json --log --plot --from --profile --lock-time --db --help"
         ;;
       channels) options="--db --format --help" ;;
-      watch) options="--adapter --for --zone-of --profile --lock-time --set-clock --charset --db --help" ;;
+      watch)
+        options="--adapter --for --zone-of --country --profile --lock-time --set-clock --charset --other --db --help"
+        ;;
       trace)
         options="--help"
         if [[ $COMP_CWORD -eq 2 ]]; then
@@ -69,7 +71,8 @@ _kelvo() {
         ;;
       epg)
         if [[ ${COMP_WORDS[2]} == update && $COMP_CWORD -gt 2 ]]; then
-          options="--adapter --freq --all --for --profile --lock-time --set-clock --charset --db --help"
+          options="--adapter --freq --all --for --country --profile --lock-time --set-clock --charset --other --db"
+          options+=" --help"
         else
           options="--channel --now --next --day --search --lang --format --db --help"
           [[ $COMP_CWORD -eq 2 ]] && options+=" update"

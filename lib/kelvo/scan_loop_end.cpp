@@ -22,6 +22,7 @@ constexpr int STREAMS_CHANGED_BITS = 0xF0;
 }  // namespace
 
 bool Scan_loop::complete_scan() {
+  parser_.parts().end_other_tables();
   const bool timed_out = scan_timer_.expired();
   const bool incomplete = filter_.eit_or_time_only_in_filter_list() == 0;
   // Asked after the list was looked at: a list emptied by a host's request is no complete scan.

@@ -51,6 +51,10 @@ int network_of(const uint8_t* bytes) {
   return at + 2 <= section_size(bytes) ? bytes[at] << 8 | bytes[at + 1] : -1;
 }
 
+void report_unrecognized(unsigned table_id) {
+  KLOG(VERB_WARNING, "WARNING: *********   Unreckognized section %x *********  \n", table_id);
+}
+
 // The loop that hosts mean by a context.
 unsigned loop_of(int context) {
   switch (context) {
@@ -106,6 +110,7 @@ void Siparse::Parts::read_as(const Receiver_profile& profile) {
   set_whole_nit(profile.whole_nit);
   if (profile.whole_tables)
     whole_tables_ = std::make_unique<Whole_tables>();
+  other_networks_ = profile.other_networks;
   all_numbers_ = profile.channel_numbers == Receiver_profile::Channel_numbers::ALL;
   country_ = profile.country;
   if (profile.watch_tables)
@@ -204,6 +209,19 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
         parse_section_sdt(sdt, freq);
       });
       break;
+    case table::NIT_OTHER:
+    case table::SDT_OTHER:
+      if (!other_networks_)
+        report_unrecognized(table_id);
+      else if (table_id == table::NIT_OTHER && pid == network_pid())
+        scan_long_section<NetworkInformationSection>(bytes, [&](auto*) {
+          parse_other_nit({bytes, section_size(bytes)});
+        });
+      else if (table_id == table::SDT_OTHER && pid == pid::SDT)
+        scan_long_section<ServiceDescriptionSection>(bytes, [&](auto* sdt) {
+          parse_other_sdt(*sdt, {bytes, section_size(bytes)});
+        });
+      break;
     case table::TDT:
       if (pid == pid::TIME)
         scan_section<TimeAndDateSection>(bytes, [&](auto* tdt) { parse_section_tdt(tdt, freq); });
@@ -214,7 +232,7 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
       break;
     default:
       if (!guide_reader_->takes(table_id))
-        KLOG(VERB_WARNING, "WARNING: *********   Unreckognized section %x *********  \n", table_id);
+        report_unrecognized(table_id);
       else if (pid == pid::EIT)
         guide_reader_->section(bytes, section_size(bytes), freq);
   }

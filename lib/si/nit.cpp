@@ -15,6 +15,9 @@ void Siparse::Parts::begin_network() {
   nit_sections_ = {};
   nit_came_ = false;
   numbers_.begin(country_);
+  other_nits_.close();
+  other_sdts_.close();
+  other_names_.clear();
   if (whole_tables_ != nullptr)
     whole_tables_->begin();
 }
@@ -77,6 +80,7 @@ sdbl::Scan_details Siparse::Parts::details() {
   for (const Channel_number& number : numbers_.all())
     details.numbers.push_back({number.original_network_id, number.transport_stream_id, number.service_id, number.number,
                                number.hd_number, number.visible, number.other, text_.utf8(number.list)});
+  details.names = other_names_;
   return details;
 }
 

@@ -42,6 +42,7 @@ void Siparse::Parts::store_first_pat(ProgramAssociationSection* section, int fre
   KLOG(VERB_TRACE, "PAT scanned, setting SDT, NIT, PMT\n");
   filter_.removefilter(pid::PAT, table::PAT);
   filter_.addfilter(pid::SDT, table::SDT_ACTUAL, freq);
+  open_other_tables(freq);
 }
 
 // Nothing is waited for before the PAT is whole, or SDT and NIT might come before their services have rows.
@@ -61,4 +62,5 @@ void Siparse::Parts::store_whole_pat(const ProgramAssociationSection& section, i
   KLOG(VERB_TRACE, "PAT scanned, setting SDT, NIT, PMT\n");
   filter_.removefilter(pid::PAT, table::PAT);
   filter_.addfilter(pid::SDT, table::SDT_ACTUAL, freq);
+  open_other_tables(freq);
 }

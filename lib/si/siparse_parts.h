@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@
 #include "si/guide_reader.h"
 #include "si/guide_round.h"
 #include "si/network_found.h"
+#include "si/other_tables.h"
 #include "si/place.h"
 #include "si/services_found.h"
 #include "si/siparse.h"
@@ -81,6 +83,10 @@ class Siparse::Parts {
   void begin_network();
   // The same for the merge, with all that the scan tables have no column for.
   sdbl::Scan_details details();
+
+  // Closes the filters of other networks' tables that nothing more is expected of: a scan does not wait for them for
+  // ever. Worker-only, once a pass.
+  void end_other_tables();
 
   // What the SDT has named since begin_multiplex(), which a request begins with. Worker-only, both.
   const Services_found& services() const { return services_; }
@@ -175,6 +181,9 @@ class Siparse::Parts {
   int pat_stream() const;
   void store_numbers(int freq);
   void store_nit(const NetworkInformationSection& section, int freq);
+  void open_other_tables(int freq);
+  void parse_other_nit(std::span<const uint8_t> section);
+  void parse_other_sdt(const ServiceDescriptionSection& section, std::span<const uint8_t> bytes);
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);
   void open_next_eit_table(int freq);
   void note_lost_sections();
@@ -194,6 +203,10 @@ class Siparse::Parts {
   std::unique_ptr<Guide_reader> guide_reader_;
   Network_found network_;
   Services_found services_;
+  bool other_networks_ = false;
+  Other_tables other_nits_;
+  Other_tables other_sdts_;
+  std::vector<sdbl::Scan_details::Name> other_names_;
   Channel_numbers numbers_;
   bool all_numbers_ = false;
   bool nit_came_ = false;

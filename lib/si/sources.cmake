@@ -20,6 +20,8 @@ list(APPEND KELVO_SOURCES
   si/local_offsets.cpp
   si/network_found.cpp
   si/nit.cpp
+  si/other.cpp
+  si/other_tables.cpp
   si/pat.cpp
   si/plain_text.cpp
   si/pmt.cpp

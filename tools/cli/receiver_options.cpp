@@ -81,6 +81,12 @@ void add_country_option(CLI::App* command, Receiver_options* options) {
       });
 }
 
+void add_other_option(CLI::App* command, Receiver_options* options) {
+  command->add_flag("--other", options->other,
+                    "Also read what is sent about other networks and multiplexes: channel numbers, names and guide of "
+                    "channels that are known; their own multiplex counts more. A scan may take 12 s longer");
+}
+
 Receiver_profile profile_of(const Receiver_options& options) {
   const bool box = options.profile == "box";
   Receiver_profile profile = box ? Receiver_profile::box() : Receiver_profile::any_linux();
@@ -98,7 +104,12 @@ Receiver_profile profile_of(const Receiver_options& options) {
   if (!options.charset.empty() && box) {
     throw Failure("--charset: not with --profile box, which reads such texts as ISO 6937", EXIT_USAGE);
   }
+  if (options.other && box) {
+    throw Failure("--other: not with --profile box, which reads what is sent about its own multiplex", EXIT_USAGE);
+  }
   profile.charset = options.charset;
+  profile.other_networks = options.other;
+  profile.other_guides = options.other;
   profile.country = options.country;
   if (options.set_clock) {
     profile.set_clock = true;

@@ -16,6 +16,7 @@ struct Receiver_options {
   bool set_clock = false;
   std::string charset;
   std::string country;  // whose local time counts; empty for the network's
+  bool other = false;   // what is sent of other networks and multiplexes counts, too
 };
 
 // --profile and --lock-time. `options` outlives the parsing.
@@ -27,6 +28,9 @@ void add_charset_option(CLI::App* command, Receiver_options* options);
 
 // --country, for commands that read time tables and have no such option of their own.
 void add_country_option(CLI::App* command, Receiver_options* options);
+
+// --other, for commands that scan.
+void add_other_option(CLI::App* command, Receiver_options* options);
 
 // What the options come to, in the country of the locale: its transmitters may be beside their channel's centre. Throws
 // Failure when they contradict each other.

@@ -403,6 +403,7 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
   add_set_clock_option(command, &options->receiver);
   add_country_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
+  add_other_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "Ends when every service has all that its network announces, or when the time is up; says what is there and\n"

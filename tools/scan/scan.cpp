@@ -383,6 +383,7 @@ void add_scan(CLI::App& app, int* exit_code) {
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
+  add_other_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
       ->type_name("FILE");
   command->add_flag("-v,--verbose", options->verbosity,

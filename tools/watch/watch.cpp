@@ -387,6 +387,7 @@ void add_watch(CLI::App& app, int* exit_code) {
   add_set_clock_option(command, &options->receiver);
   add_country_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
+  add_other_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels, names or streams change, the guide grows, an event of a complete guide\n"

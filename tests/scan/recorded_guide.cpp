@@ -217,6 +217,14 @@ const char STORED_GUIDE[] =
     "ifnull(l.ev_name, ''), ifnull(l.ev_desc, ''), ifnull(l.ext_desc, ''), ifnull(l.ext_list, '') "
     "FROM epglist e LEFT JOIN epglist_lang l ON l.source_oid = e.entry";
 
+const char STORED_WHOLE_GUIDE[] =
+    "SELECT e.pat_prnr, e.ev_id, e.start_epoch, e.dur_sec, e.content_id, e.rating, ifnull(l.lang, ''), "
+    "CASE WHEN length(CAST(ev_name AS BLOB)) > 2 THEN ev_name ELSE '' END, "
+    "CASE WHEN length(CAST(ev_desc AS BLOB)) > 2 THEN ev_desc ELSE '' END, "
+    "CASE WHEN length(CAST(ext_desc AS BLOB)) > 2 THEN ext_desc ELSE '' END, "
+    "CASE WHEN length(CAST(ext_list AS BLOB)) > 2 THEN ext_list ELSE '' END "
+    "FROM epglist e LEFT JOIN epglist_lang l ON l.source_oid = e.entry";
+
 std::vector<std::string> recorded_guide(const std::string& file, const std::set<int>& services) {
   Guide guide{services, {}};
   for (const Bytes& section : sections_of(file))

@@ -18,6 +18,8 @@ std::vector<std::string> recorded_guide(const std::string& file, const std::set<
 
 // The query that makes the same lines of a database's events.
 extern const char STORED_GUIDE[];
+// The same of a guide that was collected whole, whose texts of one or two bytes are stored, too: without these.
+extern const char STORED_WHOLE_GUIDE[];
 
 // Fails the test where two guides differ, and names the first few lines that only one of them has. `stored` is what the
 // query gave, in any order.

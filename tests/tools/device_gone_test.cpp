@@ -65,7 +65,7 @@ TEST_F(Device_gone, ends_the_collection_of_a_guide) {
 TEST_F(Device_gone, is_waited_for_by_a_watch_which_goes_on) {
   scan(network());
   Running_command running(controlled(network("x4"), {"watch", "1"}));
-  ASSERT_TRUE(running.wait_for_out("guide grown to ")) << running.out();
+  ASSERT_TRUE(running.wait_for_out(" guide ")) << running.out();
   control("adapter 0 unplug");
   ASSERT_TRUE(running.wait_for_out("waiting for adapter 0\n")) << running.out();
   control("adapter 0 plug");

@@ -83,8 +83,8 @@ TEST_F(Watch, finds_a_channel_by_number_name_and_row) {
                {"ШПАК", "Шпак on 514.000"}, {"#3", "Шпак on 514.000"},    {"11", "Шпак on 514.000"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.wanted);
-    EXPECT_EQ(said(watch(network(), {c.wanted, "--for", "1s"})).front(),
-              std::string("watching ") + c.name_and_freq + " MHz, 0 events in the guide");
+    EXPECT_THAT(said(watch(network(), {c.wanted, "--for", "1s"})).front(),
+                testing::StartsWith(std::string("watching ") + c.name_and_freq + " MHz, "));
   }
 }
 

@@ -133,6 +133,12 @@ TEST_F(Scan, a_dvbh_multiplex_does_not_answer_for_the_next_one) {
 
 TEST_F(Scan, says_when_a_table_never_came) {
   EXPECT_THAT(scan(joined({network("x40"), {"--section", "17=silence"}}), {"--freq", "522000000"}),
+              ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"))
+      << "without their names, which are in the SDT";
+}
+
+TEST_F(Scan, the_box_stores_nothing_when_a_table_never_came) {
+  EXPECT_THAT(scan(joined({network("x40"), {"--section", "17=silence"}}), {"--freq", "522000000", "--profile", "box"}),
               ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 0 services, #.# s\n"));
 }
 

@@ -113,7 +113,9 @@ void Exports::export_channels(const char* file) {
   KLOG(VERB_WARNING, "WARNING: Exporting channel data to to %s ", file);
   const timespec start = now();
   // Deliberate: the temporary file is named after the original, not after `file`.
-  const std::string temporary = connection_.db_name() + "_exp";
+  char* formatted = sqlite3_mprintf("%s_exp", connection_.db_name().c_str());
+  const std::string temporary = formatted != nullptr ? formatted : "";
+  sqlite3_free(formatted);
   Export_file copy(temporary);
   sqlite3* conn = nullptr;
   const int opened = copy.made() ? sqlite3_open_v2(copy.path().c_str(), &conn, OPEN_FLAGS, nullptr) : SQLITE_CANTOPEN;

@@ -159,10 +159,9 @@ class KELVO_EXPORT Siparse {
   // Converts a DVB text (EN 300 468, Annex A) to UTF-8 in place and returns `text`.
   // With Receiver_profile::Texts::PLAIN what cannot be converted stays as it was, with a message: texts of more than
   // 2000 bytes, the Korean and Chinese tables (0x12 to 0x14), reserved selectors, most texts with selector 0x11, and
-  // texts that say they are UTF-8 (0x15), first byte included. Control codes (0x80 to 0x9F) go to the converter like any
-  // other byte.
-  // With Texts::STANDARD every text is converted, in silence: U+FFFD stands for what its table does not have, control
-  // codes are left out, line breaks are line feeds.
+  // texts that say they are UTF-8 (0x15), first byte included. Control codes (0x80 to 0x9F) go to the converter like
+  // any other byte. With Texts::STANDARD every text is converted, in silence: U+FFFD stands for what its table does not
+  // have, control codes are left out, line breaks are line feeds.
   std::string* dvb_text_to_utf8(std::string* text);
 
   // For looking at character tables on a screen: fills a channel's guide with one event a table. The statements name

@@ -55,4 +55,8 @@ struct Channel_row {
   bool operator==(const Channel_row&) const = default;
 };
 
+inline bool is_lost(const Channel_row& row) {
+  return row.scan_state == SERVICE_LOST;
+}
+
 }  // namespace sdbl

@@ -15,13 +15,13 @@ namespace sdbl {
 
 namespace {
 
-constexpr char OPERATION[] = "guide_events";
+constexpr char GUIDE_OPERATION[] = "guide_events";
 
 // Pages that a transaction may need: every table and index may grow by a level once, and each event takes its own.
 constexpr int ROOM_TO_GROW = 120;
 constexpr int PAGES_OF_EVENT = 2;
 constexpr int MOST_PAGES = 500;
-constexpr size_t LEAST_PAGE_SIZE = 500;
+constexpr size_t LEAST_PAGE_BYTES = 500;
 constexpr int COMMIT_ATTEMPTS = 3;
 constexpr int PARKED_FROM = 0x7FFFFFFF;
 
@@ -36,7 +36,7 @@ int pages_of(const Guide_write& write) {
     bytes += component.text.size() + 24;
   bytes += write.details.series_crid.size() + write.details.programme_crid.size();
   bytes += 16 * (write.details.ratings.size() + write.details.genres.size());
-  return PAGES_OF_EVENT + static_cast<int>(bytes / LEAST_PAGE_SIZE);
+  return PAGES_OF_EVENT + static_cast<int>(bytes / LEAST_PAGE_BYTES);
 }
 
 bool is_taken(int code) {
@@ -47,7 +47,7 @@ bool is_taken(int code) {
 
 std::vector<Guide_channel> Guide_events::channels(const Multiplex& multiplex) const {
   std::vector<Guide_channel> channels;
-  Rows rows(statements_, OPERATION, 0,
+  Rows rows(statements_, GUIDE_OPERATION, 0,
             "SELECT channel, pat_prnr FROM kanalid WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type AND freq = $freq "
             "ORDER BY channel",
             number(multiplex.input.connector), number(multiplex.input.delivery), multiplex.freq);
@@ -58,7 +58,7 @@ std::vector<Guide_channel> Guide_events::channels(const Multiplex& multiplex) co
 
 int Guide_events::channel_of(int orig_network_id, int ts_id, int service_id) const {
   // Of a multiplex that is received twice, the one that was found in the last scan.
-  return statements_.first_number(OPERATION, 0,
+  return statements_.first_number(GUIDE_OPERATION, 0,
                                   "SELECT channel FROM kanalid WHERE orig_network_id = $onid AND tstream_id = $tsid "
                                   "AND pat_prnr = $sid ORDER BY scan_state <> 1, channel",
                                   orig_network_id, ts_id, service_id);
@@ -83,7 +83,7 @@ std::vector<Guide_row> Guide_events::rows(int channel) {
   Db_lock lock(connection_);  // so that the tables stay
   std::vector<Guide_row> all;
   const auto read = [&](auto sql) {
-    Rows rows(statements_, OPERATION, 0, sql, channel);
+    Rows rows(statements_, GUIDE_OPERATION, 0, sql, channel);
     while (rows.next()) {
       Guide_row row{rows.number(0), rows.number(1), rows.number(2), rows.number(3)};
       row.run_status = rows.number(4);
@@ -111,7 +111,7 @@ Guide_events::Applied Guide_events::apply(const std::vector<int>& removed, std::
   const bool failed_before = std::exchange(failed_, !sql_ok(rc));
   if (!failed_)
     return Applied::DONE;
-  errors_.remember(rc, OPERATION);
+  errors_.remember(rc, GUIDE_OPERATION);
   if (!failed_before)
     KLOG(VERB_ERROR, "ERROR: The guide of channel %d is not stored: %s\n",
          writes->empty() ? 0 : writes->front().channel, sqlite3_errstr(rc));
@@ -150,7 +150,7 @@ int Guide_events::apply_some(const std::vector<int>& removed, Guide_write* first
   if (first != last)
     if (const int rc = make_tables(); !sql_ok(rc))
       return rc;
-  const auto run = [&](const char* sql) { return own ? sql_.try_exec_on(OPERATION, conn, sql) : SQLITE_OK; };
+  const auto run = [&](const char* sql) { return own ? sql_.try_exec_on(GUIDE_OPERATION, conn, sql) : SQLITE_OK; };
   if (const int rc = run("BEGIN;"); !sql_ok(rc))
     return rc;
   const int changed = change(removed, first, last);
@@ -178,7 +178,7 @@ int Guide_events::change(const std::vector<int>& removed, Guide_write* first, co
     int parked = PARKED_FROM;
     for (const Guide_write* write = first; write != last && write->moves; ++write) {
       const Run run = statements_.run_silently(
-          OPERATION, 0, "UPDATE epglist SET start_epoch = $start WHERE entry = $entry", parked--, write->entry);
+          GUIDE_OPERATION, 0, "UPDATE epglist SET start_epoch = $start WHERE entry = $entry", parked--, write->entry);
       if (!run.done)
         return run.code;
     }
@@ -196,14 +196,17 @@ int Guide_events::change(const std::vector<int>& removed, Guide_write* first, co
 }
 
 int Guide_events::remove(int entry) {
-  const Run texts = statements_.run_silently(OPERATION, 0, "DELETE FROM epglist_lang WHERE source_oid = $entry", entry);
-  return texts.done ? statements_.run_silently(OPERATION, 0, "DELETE FROM epglist WHERE entry = $entry", entry).code
-                    : texts.code;
+  const Run texts =
+      statements_.run_silently(GUIDE_OPERATION, 0, "DELETE FROM epglist_lang WHERE source_oid = $entry", entry);
+  return texts.done
+             ? statements_.run_silently(GUIDE_OPERATION, 0, "DELETE FROM epglist WHERE entry = $entry", entry).code
+             : texts.code;
 }
 
 int Guide_events::entry_at(int channel, int start) const {
-  return statements_.first_number(
-      OPERATION, 0, "SELECT entry FROM epglist WHERE channel = $channel AND start_epoch = $start", channel, start);
+  return statements_.first_number(GUIDE_OPERATION, 0,
+                                  "SELECT entry FROM epglist WHERE channel = $channel AND start_epoch = $start",
+                                  channel, start);
 }
 
 int Guide_events::store_row(Guide_write* w) {
@@ -211,7 +214,7 @@ int Guide_events::store_row(Guide_write* w) {
     return insert_row(w);
   const auto update = [&] {
     return statements_.run_silently(
-        OPERATION, 0,
+        GUIDE_OPERATION, 0,
         "UPDATE epglist SET ymd_bcd = $ymd_bcd, hms_bcd = $hms_bcd, start_epoch = $start, dur_bcd = $dur_bcd, dur_sec "
         "= $dur_sec, content_id = @content, rating = @rating, run_status = $status, free_ca = $free_ca, ev_id = "
         "$ev_id, pat_prnr = $pat_prnr WHERE entry = $entry",
@@ -233,7 +236,7 @@ int Guide_events::store_row(Guide_write* w) {
 
 int Guide_events::insert_row(Guide_write* w) {
   const Run run = statements_.run_silently(
-      OPERATION, 0,
+      GUIDE_OPERATION, 0,
       "INSERT INTO epglist (channel, ymd_bcd, hms_bcd, start_epoch, dur_bcd, dur_sec, content_id, rating, run_status, "
       "free_ca, ev_id, pat_prnr) VALUES ($ch, $ymd_bcd, $hms_bcd, $start, $dur_bcd, $dur_sec, @content, @rating, "
       "$status, $free_ca, $ev_id, $pat_prnr)",
@@ -252,20 +255,20 @@ int Guide_events::insert_row(Guide_write* w) {
 int Guide_events::store_texts(const Guide_write& write) {
   const auto is_empty = [](const Guide_text& text) { return text.empty(); };
   if (write.keeps_texts && std::all_of(write.texts.begin(), write.texts.end(), is_empty) &&
-      statements_.first_number(OPERATION, 0, "SELECT count(*) FROM epglist_lang WHERE source_oid = $entry",
+      statements_.first_number(GUIDE_OPERATION, 0, "SELECT count(*) FROM epglist_lang WHERE source_oid = $entry",
                                write.entry) != 0)
     return SQLITE_OK;
   const Run gone =
-      statements_.run_silently(OPERATION, 0, "DELETE FROM epglist_lang WHERE source_oid = $entry", write.entry);
+      statements_.run_silently(GUIDE_OPERATION, 0, "DELETE FROM epglist_lang WHERE source_oid = $entry", write.entry);
   if (!gone.done)
     return gone.code;
   const Run no_items =
-      statements_.run_silently(OPERATION, 0, "DELETE FROM event_item WHERE entry = $entry", write.entry);
+      statements_.run_silently(GUIDE_OPERATION, 0, "DELETE FROM event_item WHERE entry = $entry", write.entry);
   if (!no_items.done)
     return no_items.code;
   for (const Guide_text& text : write.texts) {
     // Bound one by one: titles of one or two letters count.
-    Insert row(statements_, OPERATION, 0,
+    Insert row(statements_, GUIDE_OPERATION, 0,
                "INSERT INTO epglist_lang (source_oid, lang, ev_name, ev_desc, ext_desc, ext_list) VALUES ($entry, "
                "@lang, @name, @desc, @ext_desc, @ext_list)",
                write.entry, "", "", "", "", "");
@@ -277,7 +280,7 @@ int Guide_events::store_texts(const Guide_write& write) {
     if (const int rc = row.run_silently(); !sql_ok(rc))
       return rc;
     for (size_t i = 0; i < text.items.size(); ++i) {
-      Insert item(statements_, OPERATION, 0,
+      Insert item(statements_, GUIDE_OPERATION, 0,
                   "INSERT INTO event_item (entry, lang, position, name, value) VALUES ($entry, @lang, $position, "
                   "@name, @value)",
                   write.entry, "", static_cast<int>(i), "", "");
@@ -293,7 +296,7 @@ int Guide_events::store_texts(const Guide_write& write) {
 
 int Guide_events::store_details(const Guide_write& w) {
   const Guide_details& details = w.details;
-  Insert row(statements_, OPERATION, 0,
+  Insert row(statements_, GUIDE_OPERATION, 0,
              "INSERT OR REPLACE INTO event_detail (entry, table_id, version, original_network_id, tstream_id, "
              "series_crid, programme_crid, running_status, running_since, digest) VALUES ($entry, $table, $version, "
              "$onid, $tsid, @series, @programme, $status, $since, $digest)",
@@ -303,7 +306,7 @@ int Guide_events::store_details(const Guide_write& w) {
   row.set("@programme", details.programme_crid);
   if (const int rc = row.run_silently(); !sql_ok(rc))
     return rc;
-  const auto delete_from = [&](auto sql) { return statements_.run_silently(OPERATION, 0, sql, w.entry).code; };
+  const auto delete_from = [&](auto sql) { return statements_.run_silently(GUIDE_OPERATION, 0, sql, w.entry).code; };
   for (const auto& sql : {Sql<int>("DELETE FROM event_component WHERE entry = $entry"),
                           Sql<int>("DELETE FROM event_rating WHERE entry = $entry"),
                           Sql<int>("DELETE FROM event_genre WHERE entry = $entry")})
@@ -311,7 +314,7 @@ int Guide_events::store_details(const Guide_write& w) {
       return rc;
   int position = 0;
   for (const Guide_component& component : details.components) {
-    Insert line(statements_, OPERATION, 0,
+    Insert line(statements_, GUIDE_OPERATION, 0,
                 "INSERT INTO event_component (entry, position, tag, stream_content, stream_content_ext, "
                 "component_type, lang, text) VALUES ($entry, $position, $tag, $content, $ext, $type, @lang, @text)",
                 w.entry, position++, component.tag, component.stream_content, component.stream_content_ext,
@@ -324,7 +327,7 @@ int Guide_events::store_details(const Guide_write& w) {
   position = 0;
   for (const Guide_rating& rating : details.ratings) {
     const Run run = statements_.run_silently(
-        OPERATION, 0,
+        GUIDE_OPERATION, 0,
         "INSERT INTO event_rating (entry, position, country, rating) VALUES ($entry, $position, @country, $rating)",
         w.entry, position++, rating.country, rating.rating);
     if (!run.done)
@@ -333,7 +336,7 @@ int Guide_events::store_details(const Guide_write& w) {
   position = 0;
   for (const Guide_genre& genre : details.genres) {
     const Run run = statements_.run_silently(
-        OPERATION, 0,
+        GUIDE_OPERATION, 0,
         "INSERT INTO event_genre (entry, position, level1, level2, user) VALUES ($entry, $position, $level1, $level2, "
         "$user)",
         w.entry, position++, genre.level1, genre.level2, genre.user);

@@ -12,19 +12,6 @@
 
 namespace sdbl {
 
-namespace {
-
-// Bits of the result.
-constexpr int CHANNELS_LOST = 1;
-constexpr int CHANNELS_ADDED = 2;
-constexpr int STREAMS_DELETED = 16;
-constexpr int STREAMS_ADDED = 32;
-
-// The helpers report under the name of the operation that they belong to.
-constexpr char OPERATION[] = "update_master_scan_data";
-
-}  // namespace
-
 int Merge::run(SCAN_STATE state) {
   now_ = saturated(time(nullptr));
   if (state != SCAN_PAT && state != SCAN_PMT) {
@@ -36,7 +23,7 @@ int Merge::run(SCAN_STATE state) {
   streams_.run();
   // Deliberate: new services without a PCR PID stay unconfirmed, and are counted as back at the next full scan.
   if (state == SCAN_PAT)
-    statements_.run(OPERATION, dvbnr_,
+    statements_.run(MERGE_OPERATION, dvbnr_,
                     "UPDATE kanalid SET scan_state = $scan_state , row_status = $row_status WHERE freq = $freq "
                     "AND dvb_type = $dvb_type AND pcr_pid != 0 AND hf_conn = $hf_conn AND row_status = "
                     "$row_status_new",
@@ -71,7 +58,7 @@ int Merge::summary(SCAN_STATE state) const {
 
 // The ids of the multiplex, from the first scanned service. False when the scan found nothing.
 bool Merge::read_network_ids(Scanned_service* first) const {
-  Rows rows(statements_, OPERATION, dvbnr_,
+  Rows rows(statements_, MERGE_OPERATION, dvbnr_,
             "SELECT network_id, orig_network_id, tstream_id FROM kanalid_scan_DVBNR WHERE freq = $freq;",
             multiplex_.freq);
   if (!rows.next()) {
@@ -99,17 +86,17 @@ bool Merge::merge_services() {
        "update_master_scan_data: instance %d dvb_type %d hf_conn %d Freq %d net_id %d, onet_id %d, tstream_id %d\n",
        dvbnr_, dvb_type, hf_conn, freq, ids.net_id, ids.onet_id, ids.ts_id);
 
-  statements_.run(OPERATION, dvbnr_,
+  statements_.run(MERGE_OPERATION, dvbnr_,
                   "UPDATE kanalid SET row_status = $row_stat  WHERE network_id = $net_id AND orig_network_id = "
                   "$onet_id AND tstream_id = $ts_id AND freq = $freq",
                   ROW_OLD, ids.net_id, ids.onet_id, ids.ts_id, freq);
-  statements_.run(OPERATION, dvbnr_,
+  statements_.run(MERGE_OPERATION, dvbnr_,
                   "UPDATE kanalid_scan_DVBNR SET row_status = $rstat  WHERE network_id = $nid AND "
                   "orig_network_id = $onid AND tstream_id = $tsid;",
                   ROW_NEW, ids.net_id, ids.onet_id, ids.ts_id);
 
   std::vector<Scanned_service> services;
-  Rows rows(statements_, OPERATION, dvbnr_,
+  Rows rows(statements_, MERGE_OPERATION, dvbnr_,
             "SELECT channel, network_id, orig_network_id, tstream_id, pat_prnr FROM "
             "kanalid_scan_DVBNR WHERE freq = $freq;",
             freq);
@@ -130,7 +117,7 @@ bool Merge::merge_services() {
 
   // Deliberate: services that stay lost are counted at every full scan.
   channels_lost_ = statements_
-                       .run(OPERATION, dvbnr_,
+                       .run(MERGE_OPERATION, dvbnr_,
                             "UPDATE kanalid SET scan_state = $state , modified = $timestamp  WHERE freq = $freq AND "
                             "dvb_type = $dvb_type AND hf_conn = $hf_conn AND row_status = $rstat;",
                             SERVICE_LOST, now_, freq, dvb_type, hf_conn, ROW_OLD)
@@ -143,7 +130,7 @@ int Merge::merge_service(const Scanned_service& service, int previous_channel) {
   KLOG(VERB_PROGRESS, "Pat scan table: oid_scan %d net_id %d onet_id %d ts_id %d service %d", service.oid,
        service.net_id, service.onet_id, service.ts_id, service.pat_prnr);
   // Deliberate: the input is not compared.
-  Rows known(statements_, OPERATION, dvbnr_,
+  Rows known(statements_, MERGE_OPERATION, dvbnr_,
              "SELECT channel FROM kanalid WHERE network_id = $netid AND orig_network_id = $onid "
              "AND tstream_id = $tsid AND pat_prnr = $prnr AND freq = $freq; ",
              service.net_id, service.onet_id, service.ts_id, service.pat_prnr, multiplex_.freq);
@@ -164,18 +151,19 @@ int Merge::merge_service(const Scanned_service& service, int previous_channel) {
 // Deliberate: the other columns of a known service are not refreshed.
 void Merge::confirm_channel(int channel) {
   KLOG(VERB_PROGRESS, "Updating ROW status for ch oid %d\n", channel);
-  statements_.run(OPERATION, dvbnr_, "UPDATE kanalid SET row_status = $rstat WHERE channel = $ch;", ROW_CONFIRMED,
+  statements_.run(MERGE_OPERATION, dvbnr_, "UPDATE kanalid SET row_status = $rstat WHERE channel = $ch;", ROW_CONFIRMED,
                   channel);
-  Rows lost(statements_, OPERATION, dvbnr_,
+  Rows lost(statements_, MERGE_OPERATION, dvbnr_,
             "SELECT network_id FROM kanalid WHERE channel = $ch AND scan_state = $state;", channel, SERVICE_LOST);
   const bool was_lost = lost.next();
   lost.end();
   if (was_lost) {
     KLOG(VERB_PROGRESS, "flag from 0->1, increment ch found flag\n");
-    statements_.run(OPERATION, dvbnr_, "UPDATE kanalid SET modified = $timestamp WHERE channel = $ch;", now_, channel);
+    statements_.run(MERGE_OPERATION, dvbnr_, "UPDATE kanalid SET modified = $timestamp WHERE channel = $ch;", now_,
+                    channel);
     ++channels_added_;
   }
-  statements_.run(OPERATION, dvbnr_, "UPDATE kanalid SET scan_state = $state WHERE channel = $ch;", SERVICE_FOUND,
+  statements_.run(MERGE_OPERATION, dvbnr_, "UPDATE kanalid SET scan_state = $state WHERE channel = $ch;", SERVICE_FOUND,
                   channel);
 }
 
@@ -183,7 +171,7 @@ void Merge::confirm_channel(int channel) {
 // listed twice or was known under other network ids.
 int Merge::add_channel(int scan_oid) {
   const Run inserted = statements_.run(
-      OPERATION, dvbnr_,
+      MERGE_OPERATION, dvbnr_,
       "INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, "
       "pcr_pid, serv_name, serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status) SELECT "
       "dvb_type, hf_conn, freq, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, pcr_pid, serv_name, "
@@ -194,10 +182,10 @@ int Merge::add_channel(int scan_oid) {
     return 0;
 
   const int channel = inserted.rowid;
-  statements_.run(OPERATION, dvbnr_, "UPDATE kanalid set modified = $timestamp where oid = $oid", now_, channel);
+  statements_.run(MERGE_OPERATION, dvbnr_, "UPDATE kanalid set modified = $timestamp where oid = $oid", now_, channel);
   KLOG(VERB_PROGRESS, "inserted row %d@kanalid_scan -> %d@kanalid\n", scan_oid, channel);
   ++channels_added_;
-  statements_.run(OPERATION, dvbnr_,
+  statements_.run(MERGE_OPERATION, dvbnr_,
                   "INSERT INTO kanalid_lang (source_oid, lang, serv_name, prov_name, network_name) SELECT  "
                   "$oid_db, lang, serv_name, prov_name, network_name FROM kanalid_lang_scan_DVBNR WHERE "
                   "source_oid = $oid_scan;",

@@ -44,8 +44,8 @@ int kind_of(int serv_type) {
 }
 
 // One whose PMT has never come is named by its multiplex all the same.
-bool is_lost(const Channel_row& row) {
-  return row.scan_state == SERVICE_LOST && row.row_status != ROW_NEW;
+bool is_gone(const Channel_row& row) {
+  return is_lost(row) && row.row_status != ROW_NEW;
 }
 
 struct Asking {
@@ -64,7 +64,7 @@ struct Asking {
 std::vector<Asking> all_wishes(std::vector<Channel_row>& rows) {
   std::map<Ids, Asking> by_ids;
   for (Channel_row& row : rows) {
-    if (is_lost(row))
+    if (is_gone(row))
       continue;
     Asking& asking = by_ids[ids_of(row)];
     asking.ids = ids_of(row);
@@ -94,12 +94,12 @@ int plain_or_hd(const Channel_row& row) {
 }  // namespace
 
 int wished_number(const std::vector<Channel_row>& rows, const Channel_row& row) {
-  if (is_lost(row))
+  if (is_gone(row))
     return NO_LCN;
   if (row.detail.hd_lcn == NO_LCN)
     return row.detail.lcn;
   const bool taken = std::any_of(rows.begin(), rows.end(), [&](const Channel_row& other) {
-    return !is_lost(other) && ids_of(other) != ids_of(row) && plain_or_hd(other) == row.detail.hd_lcn;
+    return !is_gone(other) && ids_of(other) != ids_of(row) && plain_or_hd(other) == row.detail.hd_lcn;
   });
   return taken ? row.detail.lcn : row.detail.hd_lcn;
 }

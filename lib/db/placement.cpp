@@ -18,10 +18,6 @@ bool same_ids(const Channel_row& row, const Scanned_identity& service) {
          row.tstream_id == service.tstream_id;
 }
 
-bool is_lost(const Channel_row& row) {
-  return row.scan_state == SERVICE_LOST;
-}
-
 }  // namespace
 
 size_t Placement::find_here(int pat_prnr) const {

@@ -19,15 +19,6 @@ namespace sdbl {
 
 namespace {
 
-// Failures are reported under the operation that merges belong to.
-constexpr char OPERATION[] = "update_master_scan_data";
-
-// The bits of the result.
-constexpr int CHANNELS_LOST = 1;
-constexpr int CHANNELS_ADDED = 2;
-constexpr int STREAMS_DELETED = 16;
-constexpr int STREAMS_ADDED = 32;
-
 // Above every program number: where rows are while they change places.
 constexpr int BETWEEN_PLACES = 65536;
 
@@ -119,7 +110,7 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
 
 void Refresh::read_known() {
   const std::map<int, Channel_row::Detail> details = db_.service_details.all();
-  Rows rows(db_.statements, OPERATION, dvbnr_,
+  Rows rows(db_.statements, MERGE_OPERATION, dvbnr_,
             "SELECT channel, freq, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, pcr_pid, "
             "serv_name, serv_type, prov_name, network_name, run_status, free_ca, scan_state, row_status FROM kanalid "
             "WHERE hf_conn = $hf_conn AND dvb_type = $dvb_type ORDER BY channel",
@@ -140,7 +131,7 @@ void Refresh::read_known() {
 }
 
 bool Refresh::read_scanned(const Scan_details& details) {
-  Rows rows(db_.statements, OPERATION, dvbnr_,
+  Rows rows(db_.statements, MERGE_OPERATION, dvbnr_,
             "SELECT channel, pat_prnr, pmt_pid, network_id, orig_network_id, tstream_id, lcn, pcr_pid, serv_name, "
             "serv_type, prov_name, network_name, run_status, free_ca FROM kanalid_scan_DVBNR WHERE freq = $freq "
             "ORDER BY channel",
@@ -294,7 +285,7 @@ bool Refresh::write() {
   for (const Channel_row& row : rows_) {
     const auto before = before_.find(row.channel);
     if (before != before_.end() && (before->second.freq != row.freq || before->second.pat_prnr != row.pat_prnr) &&
-        !sql_ok(db_.sql.exec(OPERATION, "UPDATE kanalid SET pat_prnr = %d WHERE channel = %d;",
+        !sql_ok(db_.sql.exec(MERGE_OPERATION, "UPDATE kanalid SET pat_prnr = %d WHERE channel = %d;",
                              BETWEEN_PLACES + row.channel, row.channel)))
       return false;
   }
@@ -320,7 +311,7 @@ bool Refresh::write() {
 
 bool Refresh::write_row(const Channel_row& row, const Channel_row* before) {
   if (!sql_ok(db_.sql.exec(
-          OPERATION,
+          MERGE_OPERATION,
           "UPDATE kanalid SET freq = %d, pat_prnr = %d, pmt_pid = %d, network_id = %d, orig_network_id = %d, tstream_id "
           "= %d, lcn = %d, pcr_pid = %d, serv_name = %Q, serv_type = %d, prov_name = %Q, network_name = %Q, run_status "
           "= %d, free_ca = %d, scan_state = %d, row_status = %d, modified = %d WHERE channel = %d;",
@@ -332,16 +323,16 @@ bool Refresh::write_row(const Channel_row& row, const Channel_row* before) {
 }
 
 bool Refresh::insert_row(Channel_row& row) {
-  if (!sql_ok(
-          db_.sql.exec(OPERATION, "INSERT INTO kanalid (hf_conn, dvb_type, freq, pat_prnr) VALUES (%d, %d, %d, %d);",
-                       number(multiplex_.input.connector), number(multiplex_.input.delivery), row.freq, row.pat_prnr)))
+  if (!sql_ok(db_.sql.exec(
+          MERGE_OPERATION, "INSERT INTO kanalid (hf_conn, dvb_type, freq, pat_prnr) VALUES (%d, %d, %d, %d);",
+          number(multiplex_.input.connector), number(multiplex_.input.delivery), row.freq, row.pat_prnr)))
     return false;
   row.channel = static_cast<int>(sqlite3_last_insert_rowid(db_.connection.get()));
   return write_row(row, nullptr);
 }
 
 bool Refresh::write_exchanges() {
-  const auto run = [this](const char* sql, int a, int b) { return sql_ok(db_.sql.exec(OPERATION, sql, a, b)); };
+  const auto run = [this](const char* sql, int a, int b) { return sql_ok(db_.sql.exec(MERGE_OPERATION, sql, a, b)); };
   for (const auto& [older, newer] : exchanged_) {
     if (!run("UPDATE kanalid_lang SET source_oid = -%d WHERE source_oid = %d;", older, older) ||
         !run("UPDATE kanalid_lang SET source_oid = %d WHERE source_oid = %d;", older, newer) ||
@@ -360,14 +351,14 @@ bool Refresh::write_exchanges() {
 }
 
 bool Refresh::write_languages(const Scanned& scanned) {
-  Rows scan_rows(db_.statements, OPERATION, dvbnr_,
+  Rows scan_rows(db_.statements, MERGE_OPERATION, dvbnr_,
                  "SELECT lang, serv_name, prov_name, network_name FROM kanalid_lang_scan_DVBNR WHERE source_oid = $oid "
                  "ORDER BY lang",
                  scanned.oid);
   const std::vector<Language> found = read_languages(scan_rows);
   if (found.empty())
     return true;
-  Rows known_rows(db_.statements, OPERATION, dvbnr_,
+  Rows known_rows(db_.statements, MERGE_OPERATION, dvbnr_,
                   "SELECT lang, serv_name, prov_name, network_name FROM kanalid_lang WHERE source_oid = $oid ORDER BY "
                   "lang",
                   scanned.channel);
@@ -383,10 +374,10 @@ bool Refresh::write_languages(const Scanned& scanned) {
   }
   if (merged == known)
     return true;
-  if (!sql_ok(db_.sql.exec(OPERATION, "DELETE FROM kanalid_lang WHERE source_oid = %d;", scanned.channel)))
+  if (!sql_ok(db_.sql.exec(MERGE_OPERATION, "DELETE FROM kanalid_lang WHERE source_oid = %d;", scanned.channel)))
     return false;
   for (const Language& one : merged)
-    if (!sql_ok(db_.sql.exec(OPERATION,
+    if (!sql_ok(db_.sql.exec(MERGE_OPERATION,
                              "INSERT INTO kanalid_lang (source_oid, lang, serv_name, prov_name, network_name) VALUES "
                              "(%d, %Q, %Q, %Q, %Q);",
                              scanned.channel, one.lang, one.serv_name, one.prov_name, one.network_name)))

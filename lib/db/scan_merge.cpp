@@ -14,8 +14,6 @@ namespace sdbl {
 
 namespace {
 
-constexpr char OPERATION[] = "update_master_scan_data";
-
 // More pages than the tables and their indexes can take for growing by a level each; and how often what was found is
 // written at most: in rows and in indexes, with pages half full.
 constexpr int64_t PAGES_OF_LEVELS = 32;
@@ -82,13 +80,13 @@ bool Scan_merge::fits(int dvbnr) {
 Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
   const File_hold hold(connection_);  // nor does another adapter take the room
   if (hold.busy()) {
-    errors_.remember(SQLITE_BUSY, OPERATION);
+    errors_.remember(SQLITE_BUSY, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: Another program keeps the channels locked: those of %d Hz are not stored, rc = %d\n",
          multiplex.freq, SQLITE_BUSY);
     return {Merge_outcome::BUSY, 0};
   }
   if ((state == SCAN_PAT || state == SCAN_PMT) && !fits(dvbnr) && !adds_nothing(dvbnr, multiplex.freq, state)) {
-    errors_.remember(SQLITE_FULL, OPERATION);
+    errors_.remember(SQLITE_FULL, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: No room for the channels of %d Hz: nothing is stored, rc = %d\n", multiplex.freq,
          SQLITE_FULL);
     return {Merge_outcome::NO_ROOM, 0};

@@ -10,6 +10,13 @@
 
 namespace sdbl {
 
+// The operation that failures of a merge are reported under, and the bits of its result.
+inline constexpr char MERGE_OPERATION[] = "update_master_scan_data";
+inline constexpr int CHANNELS_LOST = 1;
+inline constexpr int CHANNELS_ADDED = 2;
+inline constexpr int STREAMS_DELETED = 16;
+inline constexpr int STREAMS_ADDED = 32;
+
 // Brings estreams up to date with the scanned streams of adapter `dvbnr`, which have the numbers of their channels by
 // then. One object does one merge.
 class Stream_merge {

@@ -11,14 +11,14 @@ namespace sdbl {
 
 namespace {
 
-constexpr char OPERATION[] = "transaction";
+constexpr char TRANSACTION[] = "transaction";
 
 }  // namespace
 
 // The journal, which only lives in memory, is what a failure is undone with.
 Transaction::Transaction(const Connection& connection, One_shot& sql) : lock_(connection), sql_(sql) {
-  (void)sql_.exec(OPERATION, "PRAGMA main.journal_mode = MEMORY;");
-  open_ = sql_ok(sql_.exec(OPERATION, "BEGIN IMMEDIATE;"));
+  (void)sql_.exec(TRANSACTION, "PRAGMA main.journal_mode = MEMORY;");
+  open_ = sql_ok(sql_.exec(TRANSACTION, "BEGIN IMMEDIATE;"));
   if (!open_)
     end();
 }
@@ -26,12 +26,12 @@ Transaction::Transaction(const Connection& connection, One_shot& sql) : lock_(co
 Transaction::~Transaction() {
   if (!open_)
     return;
-  (void)sql_.exec(OPERATION, "ROLLBACK;");
+  (void)sql_.exec(TRANSACTION, "ROLLBACK;");
   end();
 }
 
 bool Transaction::commit() {
-  if (!open_ || !sql_ok(sql_.exec(OPERATION, "COMMIT;")))
+  if (!open_ || !sql_ok(sql_.exec(TRANSACTION, "COMMIT;")))
     return false;
   open_ = false;
   end();
@@ -39,7 +39,7 @@ bool Transaction::commit() {
 }
 
 void Transaction::end() {
-  (void)sql_.exec(OPERATION, "PRAGMA main.journal_mode = OFF;");
+  (void)sql_.exec(TRANSACTION, "PRAGMA main.journal_mode = OFF;");
 }
 
 }  // namespace sdbl

@@ -7,7 +7,7 @@
 #include <cctype>
 
 #include "base/ids.h"
-#include "si/bytes.h"
+#include "si/byte_reader.h"
 
 namespace {
 
@@ -56,11 +56,11 @@ void Channel_numbers::begin(const std::string& country) {
 void Channel_numbers::nit(std::span<const uint8_t> section, bool other) {
   if (section.size() < LOOPS_BEGIN + 2 + 2 + CRC_SIZE)
     return;
-  Bytes bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
+  Byte_reader bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
   (void)bytes.take_up_to(bytes.length12());  // the network's descriptors
   if (!bytes.has(2))
     return;
-  Bytes streams(bytes.take_up_to(bytes.length12()));
+  Byte_reader streams(bytes.take_up_to(bytes.length12()));
   while (streams.has(6)) {
     const int ts_id = streams.id();
     const int orig_network_id = streams.id();
@@ -78,7 +78,7 @@ void Channel_numbers::stream(const Stream& its, std::span<const uint8_t> descrip
   for_each_descriptor(descriptors, [&](unsigned tag, std::span<const uint8_t> body) {
     const bool uk = specifier == UNITED_KINGDOM;
     if (tag == tag::PRIVATE_DATA_SPECIFIER)
-      specifier = body.size() >= 4 ? Bytes(body).number(4) : 0;
+      specifier = body.size() >= 4 ? Byte_reader(body).number(4) : 0;
     else if (tag == tag::LOGICAL_CHANNEL)
       numbers(its, body, specifier == NORDIG ? BITS_OF_NORDIG : BITS, !uk);
     else if (tag == tag::LOGICAL_CHANNEL_LISTS && specifier == NORDIG)
@@ -110,7 +110,7 @@ Channel_numbers::Entry* Channel_numbers::entry(const Stream& its, int service_id
 }
 
 void Channel_numbers::numbers(const Stream& its, std::span<const uint8_t> body, unsigned bits, bool has_flag) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   while (bytes.has(4)) {
     Entry* its_entry = entry(its, bytes.id());
     const uint32_t value = bytes.number(2);
@@ -123,7 +123,7 @@ void Channel_numbers::numbers(const Stream& its, std::span<const uint8_t> body, 
 }
 
 void Channel_numbers::hd_numbers(const Stream& its, std::span<const uint8_t> body) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   while (bytes.has(4)) {
     Entry* its_entry = entry(its, bytes.id());
     const uint32_t value = bytes.number(2);
@@ -138,14 +138,14 @@ void Channel_numbers::hd_numbers(const Stream& its, std::span<const uint8_t> bod
 
 // One list: its id, its name, the country, and the services.
 void Channel_numbers::lists(const Stream& its, std::span<const uint8_t> body) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   while (bytes.has(2)) {
     const int list_id = static_cast<int>(bytes.number(1));
     const auto name = bytes.take_up_to(bytes.number(1));
     if (!bytes.has(4))
       return;
     const std::string country = lower(bytes.take(3));
-    Bytes services(bytes.take_up_to(bytes.number(1)));
+    Byte_reader services(bytes.take_up_to(bytes.number(1)));
     const int rank = country_.empty() || country == country_ ? RANK_COUNTRY_LIST : RANK_LIST;
     while (services.has(4)) {
       Entry* its_entry = entry(its, services.id());
@@ -162,7 +162,7 @@ void Channel_numbers::lists(const Stream& its, std::span<const uint8_t> body) {
 }
 
 void Channel_numbers::attributes(const Stream& its, std::span<const uint8_t> body) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   while (bytes.has(3)) {
     Entry* its_entry = entry(its, bytes.id());
     const bool visible = (bytes.number(1) & 1) != 0;

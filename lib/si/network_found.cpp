@@ -14,7 +14,7 @@
 #include <climits>
 
 #include "base/ids.h"
-#include "si/bytes.h"
+#include "si/byte_reader.h"
 
 namespace {
 
@@ -42,10 +42,10 @@ int hz(uint32_t tens_of_hz) {
 
 // The transposers that follow a cell: an extension of its id and a frequency each.
 template <typename Each>
-void for_each_transposer(Bytes& bytes, Each each) {
+void for_each_transposer(Byte_reader& bytes, Each each) {
   if (bytes.empty())
     return;
-  Bytes transposers(bytes.take_up_to(bytes.number(1)));
+  Byte_reader transposers(bytes.take_up_to(bytes.number(1)));
   while (transposers.has(5)) {
     (void)transposers.take(1);
     each(transposers.number(4));
@@ -67,11 +67,11 @@ void Network_found::sdt(int orig_network_id, int ts_id) {
 void Network_found::nit(std::span<const uint8_t> section) {
   if (section.size() < LOOPS_BEGIN + 2 + 2 + CRC_SIZE)
     return;
-  Bytes bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
+  Byte_reader bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
   (void)bytes.take_up_to(bytes.length12());  // the network's descriptors
   if (!bytes.has(2))
     return;
-  Bytes streams(bytes.take_up_to(bytes.length12()));
+  Byte_reader streams(bytes.take_up_to(bytes.length12()));
   while (streams.has(6)) {
     Stream its{};
     its.ts_id = streams.id();
@@ -103,7 +103,7 @@ void Network_found::stream(Stream& its, std::span<const uint8_t> descriptors) {
 void Network_found::terrestrial(Stream& its, std::span<const uint8_t> body) {
   if (body.size() < TERRESTRIAL_SIZE || its.deliveries.size() == MOST_DELIVERIES)
     return;
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   const uint32_t frequency = bytes.number(4);
   its.deliveries.push_back({SYS_DVBT, bandwidth_of_t(bytes.number(1) >> 5), -1});
   add(its, frequency, its.deliveries.back());
@@ -111,7 +111,7 @@ void Network_found::terrestrial(Stream& its, std::span<const uint8_t> body) {
 
 // T2_delivery_system_descriptor (6.4.6.3), from plp_id on. Where frequencies are sent in slices, each counts.
 void Network_found::t2(Stream& its, std::span<const uint8_t> body) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   if (!bytes.has(3) || its.deliveries.size() == MOST_DELIVERIES)
     return;
   const int pipe = static_cast<int>(bytes.number(1));
@@ -155,7 +155,7 @@ void Network_found::t2_frequency(const T2_frequency& found) {
 
 // frequency_list_descriptor (6.2.17) and cell_frequency_link_descriptor (6.2.6)
 void Network_found::other_frequencies(const Stream& its, unsigned tag, std::span<const uint8_t> body) {
-  Bytes bytes(body);
+  Byte_reader bytes(body);
   const auto frequency = [&](uint32_t tens_of_hz) {
     for (const Delivery& delivery : its.deliveries)
       add(its, tens_of_hz, delivery);

@@ -19,7 +19,7 @@
 
 namespace {
 
-using Bytes = std::span<const uint8_t>;
+using Body = std::span<const uint8_t>;
 
 constexpr char VIDEO[] = "video";
 constexpr char AUDIO[] = "audio";
@@ -120,24 +120,24 @@ constexpr Word HEVC_PROFILES[] = {{1, "Main"}, {2, "Main 10"}, {3, "Main Still P
 constexpr Word VVC_PROFILES[] = {{1, "Main 10"}, {17, "Main 10 Still Picture"}, {33, "Main 10 4:4:4"}};
 
 // Where a length in the stream spans more than there is, this is what there is.
-Bytes first(Bytes bytes, size_t size) {
+Body first(Body bytes, size_t size) {
   return bytes.first(std::min(size, bytes.size()));
 }
-Bytes behind(Bytes bytes, size_t size) {
+Body behind(Body bytes, size_t size) {
   return bytes.subspan(std::min(size, bytes.size()));
 }
-int u16(Bytes bytes, size_t at) {
+int u16(Body bytes, size_t at) {
   return bytes[at] << 8 | bytes[at + 1];
 }
-size_t length12(Bytes bytes, size_t at) {
+size_t length12(Body bytes, size_t at) {
   return static_cast<size_t>(u16(bytes, at) & 0x0FFF);
 }
-int pid_at(Bytes bytes, size_t at) {
+int pid_at(Body bytes, size_t at) {
   return u16(bytes, at) & pid::LAST;
 }
 
 template <typename Each>
-void for_each_descriptor(Bytes loop, Each each) {
+void for_each_descriptor(Body loop, Each each) {
   while (loop.size() >= 2 && loop.size() - 2 >= loop[1]) {
     each(int{loop[0]}, loop.subspan(2, loop[1]));
     loop = loop.subspan(size_t{2} + loop[1]);
@@ -146,12 +146,12 @@ void for_each_descriptor(Bytes loop, Each each) {
 
 // Entries of one size; what is too short for one is left out.
 template <typename Each>
-void for_each_entry(Bytes body, size_t size, Each each) {
+void for_each_entry(Body body, size_t size, Each each) {
   for (; body.size() >= size; body = body.subspan(size))
     each(body.first(size));
 }
 
-std::string language_at(Bytes bytes, size_t at) {
+std::string language_at(Body bytes, size_t at) {
   std::string code(bytes.begin() + static_cast<std::ptrdiff_t>(at),
                    bytes.begin() + static_cast<std::ptrdiff_t>(at) + 3);
   std::replace_if(
@@ -182,7 +182,7 @@ class Stream_reader {
     detail_.es_type = type;
   }
 
-  void descriptor(int tag, Bytes body);
+  void descriptor(int tag, Body body);
   Stream_detail finish();
 
  private:
@@ -193,19 +193,19 @@ class Stream_reader {
     return type_ == PRIVATE_PES || type_ == PRIVATE_SECTIONS || type_ >= FIRST_USER_PRIVATE;
   }
   void is(Rank rank, const char* kind, const char* codec);
-  void ac3(Bytes body, const char* codec, Rank rank);
-  void aac(Bytes body);
-  void language(Bytes body);
-  void teletext(Bytes body);
-  void subtitling(Bytes body);
-  void extension(Bytes body);
-  void supplementary_audio(Bytes body);
-  void application(Bytes body);
-  void registration(Bytes body);
-  void mpeg2_video(Bytes body);
-  void avc_video(Bytes body);
-  void hevc_video(Bytes body);
-  void vvc_video(Bytes body);
+  void ac3(Body body, const char* codec, Rank rank);
+  void aac(Body body);
+  void language(Body body);
+  void teletext(Body body);
+  void subtitling(Body body);
+  void extension(Body body);
+  void supplementary_audio(Body body);
+  void application(Body body);
+  void registration(Body body);
+  void mpeg2_video(Body body);
+  void avc_video(Body body);
+  void hevc_video(Body body);
+  void vvc_video(Body body);
 
   int type_;
   Stream_detail detail_;
@@ -226,14 +226,14 @@ void Stream_reader::is(Rank rank, const char* kind, const char* codec) {
 }
 
 // AC-3_descriptor and enhanced_AC-3_descriptor (EN 300 468, D.3 and D.5): flags, then what they announce.
-void Stream_reader::ac3(Bytes body, const char* codec, Rank rank) {
+void Stream_reader::ac3(Body body, const char* codec, Rank rank) {
   is(rank, AUDIO, codec);
   if (body.size() >= 2 && (body[0] & 0x80) != 0 && role_.empty())
     role_ = word_of(AC3_SERVICES, body[1] >> 3 & 7);
 }
 
 // AAC_descriptor (EN 300 468, H.2.1)
-void Stream_reader::aac(Bytes body) {
+void Stream_reader::aac(Body body) {
   if (body.empty())
     return;
   is(Rank::PLAIN, AUDIO, "AAC");
@@ -242,15 +242,15 @@ void Stream_reader::aac(Bytes body) {
     role_ = word_of(AAC_TYPES, body[2]);
 }
 
-void Stream_reader::language(Bytes body) {
-  for_each_entry(body, 4, [this](Bytes entry) {
+void Stream_reader::language(Body body) {
+  for_each_entry(body, 4, [this](Body entry) {
     spoken_.push_back({language_at(entry, 0), word_of(AUDIO_TYPES, entry[3]), 0});
   });
 }
 
-void Stream_reader::teletext(Bytes body) {
+void Stream_reader::teletext(Body body) {
   is(Rank::TEXT, TELETEXT, "");
-  for_each_entry(body, 5, [this](Bytes entry) {
+  for_each_entry(body, 5, [this](Body entry) {
     const int magazine = (entry[3] & 7) != 0 ? entry[3] & 7 : 8;
     const int tens = entry[4] >> 4;
     const int units = entry[4] & 0x0F;
@@ -261,9 +261,9 @@ void Stream_reader::teletext(Bytes body) {
   });
 }
 
-void Stream_reader::subtitling(Bytes body) {
+void Stream_reader::subtitling(Body body) {
   is(Rank::TEXT, SUBTITLES, "DVB");
-  for_each_entry(body, 8, [this](Bytes entry) {
+  for_each_entry(body, 8, [this](Body entry) {
     const unsigned type = entry[3];
     const char* role = type >= 0x20 && type <= 0x2F   ? HARD_OF_HEARING
                        : type >= 0x30 && type <= 0x31 ? "sign language"
@@ -272,10 +272,10 @@ void Stream_reader::subtitling(Bytes body) {
   });
 }
 
-void Stream_reader::extension(Bytes body) {
+void Stream_reader::extension(Body body) {
   if (body.empty())
     return;
-  const Bytes rest = body.subspan(1);
+  const Body rest = body.subspan(1);
   switch (body[0]) {
     case extension_tag::SUPPLEMENTARY_AUDIO:
       return supplementary_audio(rest);
@@ -297,7 +297,7 @@ void Stream_reader::extension(Bytes body) {
 }
 
 // What it says goes before what component types say, which have no place for all of it.
-void Stream_reader::supplementary_audio(Bytes body) {
+void Stream_reader::supplementary_audio(Body body) {
   if (body.empty())
     return;
   if (const char* role = word_of(EDITORIAL_CLASSES, body[0] >> 2 & 0x1F); *role != '\0')
@@ -306,16 +306,16 @@ void Stream_reader::supplementary_audio(Bytes body) {
     own_language_ = language_at(body, 1);
 }
 
-void Stream_reader::application(Bytes body) {
+void Stream_reader::application(Body body) {
   const char* name = "";
-  for_each_entry(body, 3, [&](Bytes entry) {
+  for_each_entry(body, 3, [&](Body entry) {
     if (*name == '\0')
       name = word_of(APPLICATION_TYPES, static_cast<unsigned>(u16(entry, 0) & 0x7FFF));
   });
   is(Rank::PLAIN, APPLICATION, name);
 }
 
-void Stream_reader::registration(Bytes body) {
+void Stream_reader::registration(Body body) {
   if (body.size() < 4)
     return;
   const std::string identifier(body.begin(), body.begin() + 4);
@@ -324,7 +324,7 @@ void Stream_reader::registration(Bytes body) {
       is(Rank::REGISTRATION, known.kind, known.codec);
 }
 
-void Stream_reader::mpeg2_video(Bytes body) {
+void Stream_reader::mpeg2_video(Body body) {
   const bool mpeg1_only = body.empty() || (body[0] & 0x04) != 0;
   if (mpeg1_only || body.size() < 2 || (body[1] & 0x80) != 0)
     return;
@@ -334,12 +334,12 @@ void Stream_reader::mpeg2_video(Bytes body) {
     detail_.profile = std::string(profile) + "@" + level;
 }
 
-void Stream_reader::avc_video(Bytes body) {
+void Stream_reader::avc_video(Body body) {
   if (body.size() >= 3)
     detail_.profile = at_level(word_of(AVC_PROFILES, body[0]), body[2] / 10, body[2] % 10);
 }
 
-void Stream_reader::hevc_video(Bytes body) {
+void Stream_reader::hevc_video(Body body) {
   constexpr size_t LEVEL = 11;
   constexpr unsigned HDR = 2;
   if (body.size() <= LEVEL)
@@ -351,7 +351,7 @@ void Stream_reader::hevc_video(Bytes body) {
 }
 
 // The level stands behind the sub-profiles and a byte of flags.
-void Stream_reader::vvc_video(Bytes body) {
+void Stream_reader::vvc_video(Body body) {
   if (body.size() < 2)
     return;
   const size_t level = 2 + size_t{4} * body[1] + 1;
@@ -360,7 +360,7 @@ void Stream_reader::vvc_video(Bytes body) {
     detail_.profile = at_level(profile, body[level] / 16, body[level] % 16 / 3);
 }
 
-void Stream_reader::descriptor(int tag, Bytes body) {
+void Stream_reader::descriptor(int tag, Body body) {
   switch (tag) {
     case tag::VIDEO_STREAM:
       return mpeg2_video(body);
@@ -436,25 +436,25 @@ Stream_detail Stream_reader::finish() {
   return std::move(detail_);
 }
 
-std::optional<Stream_ca> ca_of(int es_pid, Bytes body) {
+std::optional<Stream_ca> ca_of(int es_pid, Body body) {
   return body.size() >= 4 ? std::optional(Stream_ca{es_pid, u16(body, 0), pid_at(body, 2)}) : std::nullopt;
 }
 
 }  // namespace
 
-Programme_streams streams_of_pmt(Bytes section) {
+Programme_streams streams_of_pmt(Body section) {
   Programme_streams out;
   if (section.size() < PROGRAMME_LOOP + 2 + CRC_SIZE)
     return out;
-  const auto note_ca = [&out](int es_pid, Bytes body) {
+  const auto note_ca = [&out](int es_pid, Body body) {
     const std::optional<Stream_ca> ca = ca_of(es_pid, body);
     if (ca && std::find(out.ca.begin(), out.ca.end(), *ca) == out.ca.end())
       out.ca.push_back(*ca);
   };
   section = section.first(section.size() - CRC_SIZE);
   const size_t programme_size = length12(section, PROGRAMME_LOOP);
-  Bytes left = section.subspan(PROGRAMME_LOOP + 2);
-  for_each_descriptor(first(left, programme_size), [&](int tag, Bytes body) {
+  Body left = section.subspan(PROGRAMME_LOOP + 2);
+  for_each_descriptor(first(left, programme_size), [&](int tag, Body body) {
     if (tag == tag::CA)
       note_ca(0, body);
   });
@@ -467,7 +467,7 @@ Programme_streams streams_of_pmt(Bytes section) {
     const size_t size = length12(left, 3);
     const bool again = std::any_of(out.streams.begin(), out.streams.end(),
                                    [=](const Stream_detail& other) { return other.es_pid == es_pid; });
-    for_each_descriptor(first(left.subspan(HEADER), size), [&](int tag, Bytes body) {
+    for_each_descriptor(first(left.subspan(HEADER), size), [&](int tag, Body body) {
       if (tag == tag::CA && !again)
         note_ca(es_pid, body);
       stream.descriptor(tag, body);

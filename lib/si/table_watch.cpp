@@ -4,7 +4,7 @@
 #include "si/table_watch.h"
 
 #include "base/ids.h"
-#include "si/bytes.h"
+#include "si/byte_reader.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ struct Head {
 
 Head head_of(std::span<const uint8_t> section) {
   return {section[0], section[3] << 8 | section[4], section[5] >> 1 & 0x1F, section[6],
-          Bytes(section.last(4)).number(4)};
+          Byte_reader(section.last(4)).number(4)};
 }
 
 }  // namespace

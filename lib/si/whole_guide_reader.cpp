@@ -28,7 +28,7 @@ constexpr int FILTER_TIMEOUT_S = 2;
 constexpr int64_t RETRY_MS = 1000;
 constexpr int64_t RETRY_WITHOUT_ROOM_MS = 10000;
 constexpr int RUNNING = 4;
-constexpr size_t EVENT_HEADER = 12;
+constexpr size_t LOOP_HEADER = 12;
 
 int64_t monotonic_ms() {
   timespec now{};
@@ -45,7 +45,7 @@ int64_t digest_of(const Event_shown& shown) {
   return shown.event->digest ^ (also << 7 | also >> 25);
 }
 
-bool starts_first(const sdbl::Guide_row& a, const sdbl::Guide_row& b) {
+bool starts_before(const sdbl::Guide_row& a, const sdbl::Guide_row& b) {
   return a.start < b.start;
 }
 
@@ -307,7 +307,7 @@ void Whole_guide_reader::store(int channel, Channel& state) {
   for (size_t i = 0; i < state.rows.size(); ++i)
     if (!gone[i])
       rows.push_back(state.rows[i]);
-  std::sort(rows.begin(), rows.end(), starts_first);
+  std::sort(rows.begin(), rows.end(), starts_before);
   state.rows = std::move(rows);
   if (!changes.empty())
     parser_.tell(changes);
@@ -379,14 +379,14 @@ void Whole_guide_reader::read_section(const Guide_key& key, const std::vector<Wa
   });
   // The details stand in the bytes alone.
   size_t at = 14;
-  for (int index = 0; at + EVENT_HEADER + 4 <= bytes.size(); ++index) {
+  for (int index = 0; at + LOOP_HEADER + 4 <= bytes.size(); ++index) {
     const size_t length = static_cast<size_t>((bytes[at + 10] & 0x0F) << 8 | bytes[at + 11]);
-    if (length > bytes.size() - 4 - at - EVENT_HEADER)
+    if (length > bytes.size() - 4 - at - LOOP_HEADER)
       break;
     for (const Wanted& one : wanted)
       if (one.event->index == index)
-        read_event_details(bytes.subspan(at + EVENT_HEADER, length), parser_.text(), &one.into->details);
-    at += EVENT_HEADER + length;
+        read_event_details(bytes.subspan(at + LOOP_HEADER, length), parser_.text(), &one.into->details);
+    at += LOOP_HEADER + length;
   }
 }
 

@@ -14,7 +14,11 @@ std::string text(const Receiver_profile& p) {
       << static_cast<int>(p.tuning) << ", lock " << static_cast<int>(p.lock) << ", search " << p.search << ", offset "
       << p.offset_hz << ", key " << static_cast<int>(p.key) << ", remember " << p.remember_tunings << ", readings "
       << static_cast<int>(p.readings) << ", buffer " << p.demux_buffer << ", repeat " << p.repeat_lost << ", nit "
-      << p.whole_nit << ", device " << p.watch_device << ", clock " << p.set_clock << ", zone " << p.set_zone;
+      << p.whole_nit << ", device " << p.watch_device << ", texts " << static_cast<int>(p.texts) << p.charset
+      << ", tables " << p.whole_tables << ", watch " << p.watch_tables << ", others " << p.other_networks
+      << ", numbers " << static_cast<int>(p.channel_numbers) << ", streams " << p.name_streams << ", refresh "
+      << p.refresh << ", guide " << static_cast<int>(p.guide) << ", other guides " << p.other_guides << ", country "
+      << static_cast<int>(p.zone_country) << p.country << ", clock " << p.set_clock << ", zone " << p.set_zone;
   return out.str();
 }
 

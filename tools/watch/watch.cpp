@@ -282,7 +282,9 @@ void Watch::look_at_guide(const Kelvo& kelvo) {
                                                        [](const EIT_progress& one) { return one.whole && one.done; });
     if (guide_complete_) {
       events_ = stored();
-      say(fmt::format("guide complete, {} events", events_));
+      if (events_ != 0) {
+        say(fmt::format("guide complete, {} events", events_));
+      }
     }
     return;
   }

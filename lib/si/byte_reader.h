@@ -9,9 +9,9 @@
 #include <span>
 
 // Bytes that have not been read yet. What is taken is there: has() is asked before.
-class Bytes {
+class Byte_reader {
  public:
-  explicit Bytes(std::span<const uint8_t> bytes) : left_(bytes) {}
+  explicit Byte_reader(std::span<const uint8_t> bytes) : left_(bytes) {}
 
   bool has(size_t size) const { return left_.size() >= size; }
   bool empty() const { return left_.empty(); }
@@ -38,7 +38,7 @@ class Bytes {
 // Calls `each(tag, body)` for every whole descriptor of a loop; one that is cut off ends it.
 template <typename Each>
 void for_each_descriptor(std::span<const uint8_t> loop, Each each) {
-  Bytes bytes(loop);
+  Byte_reader bytes(loop);
   while (bytes.has(2)) {
     const unsigned tag = bytes.number(1);
     const size_t size = bytes.number(1);

@@ -86,8 +86,10 @@ Guide_plan plan_guide(const std::vector<Guide_row>& rows, const std::vector<Guid
 
   std::vector<int64_t> latest_end(wishes.size());  // of all wishes up to this one
   int64_t latest = std::numeric_limits<int64_t>::min();
-  for (size_t i = 0; i < wishes.size(); ++i)
-    latest_end[i] = latest = std::max(latest, int64_t{wishes[i].start} + wishes[i].duration);
+  for (size_t i = 0; i < wishes.size(); ++i) {
+    latest = std::max(latest, int64_t{wishes[i].start} + wishes[i].duration);
+    latest_end[i] = latest;
+  }
   const auto overlaps = [&](const Guide_row& row) {
     const auto at = std::lower_bound(wishes.begin(), wishes.end(), row.start,
                                      [](const Guide_wish& wish, int start) { return wish.start < start; });

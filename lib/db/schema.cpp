@@ -139,10 +139,12 @@ const char SERVICE_DETAIL[] =
     "CREATE TABLE IF NOT EXISTS service_detail (channel integer primary key, lcn int, hd_lcn int, visible int, "
     "eit_schedule int, eit_present_following int, set_aside int, list_name text);";
 
-// NOLINTNEXTLINE(bugprone-suspicious-missing-comma): the first statement stands on two lines
-const char* const STREAM_TABLES[] = {
+const char STREAM_DETAIL[] =
     "CREATE TABLE IF NOT EXISTS stream_detail (channel int, es_pid int, es_type int, component_tag int, kind text, codec "
-    "text, profile text);",
+    "text, profile text);";
+
+const char* const STREAM_TABLES[] = {
+    STREAM_DETAIL,
     "CREATE TABLE IF NOT EXISTS stream_language (channel int, es_pid int, lang text, role text, page int);",
     "CREATE TABLE IF NOT EXISTS stream_ca (channel int, es_pid int, ca_sysid int, ca_pid int);",
     "CREATE INDEX IF NOT EXISTS stream_detail_idx ON stream_detail (channel);",

@@ -83,7 +83,7 @@ void append_utf8(std::string_view bytes, std::u32string* out) {
       return;
     // Some broadcasters leave the control codes of one-byte tables in it.
     if (next.state == Utf8_character::State::WRONG && (byte == 0x86 || byte == 0x87 || byte == 0x8A))
-      *out += byte;
+      *out += char32_t{byte};
     else
       *out += next.character;
     bytes.remove_prefix(next.size);
@@ -125,7 +125,7 @@ void append_utf16(std::string_view bytes, std::u32string* out) {
       return;
     const char32_t low = c <= 0xDBFF ? unit(i + 2) : 0;
     if (low >= 0xDC00 && low <= 0xDFFF) {
-      *out += 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+      *out += static_cast<char32_t>(0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00));
       i += 2;
     } else {
       *out += BROKEN;
@@ -355,7 +355,7 @@ void Standard_text::append_pairs(std::unique_ptr<Iconv_decoder>& decoder, const 
     const unsigned lead = byte_at(bytes, i);
     const unsigned trail = byte_at(bytes, i + 1);
     if (lead == 0xE0 && (trail == 0x86 || trail == 0x87 || trail == 0x8A)) {
-      *out += trail;
+      *out += char32_t{trail};
       ++i;
     } else if (lead >= first && lead != 0xFF && trail >= first_trail && trail != 0x7F && trail != 0xFF) {
       const size_t known = out->size();
@@ -366,7 +366,7 @@ void Standard_text::append_pairs(std::unique_ptr<Iconv_decoder>& decoder, const 
       }
       ++i;
     } else if (lead < 0xA0) {
-      *out += lead;
+      *out += char32_t{lead};
     } else if (i + 1 < bytes.size()) {
       *out += BROKEN;
     }

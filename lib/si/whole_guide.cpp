@@ -68,7 +68,8 @@ int seconds_of(unsigned bcd) {
 bool start_of(unsigned mjd, unsigned bcd, int* start) {
   if ((mjd == UNDEFINED_MJD && bcd == UNDEFINED_BCD) || !digits_only(bcd) || seconds_of(bcd) >= DAY_S)
     return false;
-  const int64_t seconds = (int64_t{mjd} - MJD_OF_1970) * DAY_S + seconds_of(bcd);
+  const int64_t days = static_cast<int64_t>(mjd) - MJD_OF_1970;
+  const int64_t seconds = days * DAY_S + seconds_of(bcd);
   *start = static_cast<int>(seconds);
   return seconds >= 0 && seconds <= std::numeric_limits<int32_t>::max();
 }

@@ -4,11 +4,11 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <span>
+#include <tuple>
 #include <vector>
 
 #include "si/visible_events.h"
@@ -20,7 +20,11 @@ struct Guide_key {
   int orig_network_id = 0;
   int ts_id = 0;
   int service_id = 0;
-  auto operator<=>(const Guide_key&) const = default;
+  bool operator==(const Guide_key&) const = default;
+  bool operator<(const Guide_key& key) const {
+    return std::tie(other, orig_network_id, ts_id, service_id) <
+           std::tie(key.other, key.orig_network_id, key.ts_id, key.service_id);
+  }
 };
 
 // The sections of the whole guide that have come since it began, and what of it is missing (EN 300 468, 5.2.4). It

@@ -46,6 +46,8 @@ TEST(Usage, wrong_arguments) {
       {{"scan", "--charset", ""}, "--charset: \"\" is no character table; \"iconv --list\" shows all" + help},
       {{"scan", "--charset", "UTF-8", "--profile", "box"},
        "--charset: not with --profile box, which reads such texts as ISO 6937"},
+      {{"scan", "--other", "--profile", "box"},
+       "--other: not with --profile box, which reads what is sent about its own multiplex"},
       {{"scan", "--db", "noextension"}, "--db noextension" + NO_EXTENSION},
       {{"scan", "--db", "a.b/noextension"}, "--db a.b/noextension" + NO_EXTENSION},
       {{"scan", "--db", "folder.d/"}, "--db folder.d/" + NO_EXTENSION},

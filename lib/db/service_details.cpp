@@ -9,15 +9,10 @@ using kelvo_log::sql_ok;
 
 namespace sdbl {
 
-bool Service_details::exists() const {
-  return statements_.first_number(
-             __func__, 0, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'service_detail'") != 0;
-}
-
 std::map<int, Channel_row::Detail> Service_details::all() const {
   std::map<int, Channel_row::Detail> details;
   Db_lock lock(connection_);  // so that the table stays
-  if (!exists())
+  if (!statements_.has_table("service_detail"))
     return details;
   Rows rows(statements_, __func__, 0,
             "SELECT channel, lcn, hd_lcn, visible, eit_schedule, eit_present_following, set_aside, list_name FROM "
@@ -30,7 +25,7 @@ std::map<int, Channel_row::Detail> Service_details::all() const {
 
 bool Service_details::store(int channel, const Channel_row::Detail& d) {
   Db_lock lock(connection_);
-  if (!exists() && !sql_ok(schema_.create_service_detail()))
+  if (!statements_.has_table("service_detail") && !sql_ok(schema_.create_service_detail()))
     return false;
   return sql_ok(sql_.exec(__func__,
                           "INSERT OR REPLACE INTO service_detail (channel, lcn, hd_lcn, visible, eit_schedule, "
@@ -41,7 +36,8 @@ bool Service_details::store(int channel, const Channel_row::Detail& d) {
 
 bool Service_details::remove(int channel) {
   Db_lock lock(connection_);
-  return !exists() || sql_ok(sql_.exec(__func__, "DELETE FROM service_detail WHERE channel = %d;", channel));
+  return !statements_.has_table("service_detail") ||
+         sql_ok(sql_.exec(__func__, "DELETE FROM service_detail WHERE channel = %d;", channel));
 }
 
 }  // namespace sdbl

@@ -27,8 +27,6 @@ class Service_details {
   bool remove(int channel);
 
  private:
-  bool exists() const;
-
   const Connection& connection_;
   One_shot& sql_;
   const Statements& statements_;

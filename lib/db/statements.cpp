@@ -122,4 +122,9 @@ int Insert::run_silently() {
   return step;
 }
 
+bool Statements::has_table(const std::string& name) const {
+  return first_number(__func__, 0, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = @name", name) !=
+         0;
+}
+
 }  // namespace sdbl

@@ -101,6 +101,9 @@ class Statements {
   template <Sql_value... Values>
   int first_number(Operation operation, int instance, Sql_for<Values...> sql, const Values&... values) const;
 
+  // Whether the channel file has this table; several are made only when something is stored in them.
+  bool has_table(const std::string& name) const;
+
  private:
   friend class Rows;
   friend class Insert;

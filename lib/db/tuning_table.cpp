@@ -45,14 +45,9 @@ std::optional<Stored_tuning> tuning_of_row(const Rows& rows) {
 
 }  // namespace
 
-bool Tuning_table::exists() const {
-  return statements_.first_number(
-             __func__, 0, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'tuned_multiplex'") != 0;
-}
-
 std::optional<Stored_tuning> Tuning_table::find(const Multiplex& key) const {
   Db_lock lock(connection_);  // so that the table stays
-  if (!exists())
+  if (!statements_.has_table("tuned_multiplex"))
     return std::nullopt;
   Rows rows(statements_, __func__, 0,
             "SELECT freq, asked_freq, system, pipe, bandwidth_hz, modulation, offset_hz, lock_ms FROM tuned_multiplex "
@@ -64,7 +59,7 @@ std::optional<Stored_tuning> Tuning_table::find(const Multiplex& key) const {
 std::vector<Stored_tuning> Tuning_table::at(const Input& input, int asked_freq) const {
   std::vector<Stored_tuning> tunings;
   Db_lock lock(connection_);
-  if (!exists())
+  if (!statements_.has_table("tuned_multiplex"))
     return tunings;
   Rows rows(statements_, __func__, 0,
             "SELECT freq, asked_freq, system, pipe, bandwidth_hz, modulation, offset_hz, lock_ms FROM tuned_multiplex "
@@ -82,7 +77,7 @@ bool Tuning_table::store(const Input& input, const Stored_tuning& t) {
     return false;
   }
   Db_lock lock(connection_);
-  if (!exists() && !kelvo_log::sql_ok(schema_.create_tuned_multiplex()))
+  if (!statements_.has_table("tuned_multiplex") && !kelvo_log::sql_ok(schema_.create_tuned_multiplex()))
     return false;
   const Run run = statements_.run_silently(
       __func__, 0,

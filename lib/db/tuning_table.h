@@ -33,8 +33,6 @@ class Tuning_table {
   bool store(const Input& input, const Stored_tuning& tuning);
 
  private:
-  bool exists() const;
-
   const Connection& connection_;
   const Statements& statements_;
   Schema& schema_;

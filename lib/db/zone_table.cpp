@@ -7,14 +7,9 @@
 
 namespace sdbl {
 
-bool Zone_table::exists() const {
-  return statements_.first_number(
-             __func__, 0, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'broadcast_zone'") != 0;
-}
-
 std::optional<Stored_zone> Zone_table::find(const Multiplex& multiplex) const {
   Db_lock lock(connection_);  // so that the table stays
-  if (!exists())
+  if (!statements_.has_table("broadcast_zone"))
     return std::nullopt;
   Rows rows(statements_, __func__, 0,
             "SELECT country, region, offset_min, change_epoch, next_offset_min FROM broadcast_zone WHERE freq = $freq "
@@ -27,7 +22,8 @@ std::optional<Stored_zone> Zone_table::find(const Multiplex& multiplex) const {
 
 void Zone_table::store(const Multiplex& multiplex, const Stored_zone& zone) {
   Db_lock lock(connection_);
-  if (find(multiplex) == zone || (!exists() && !kelvo_log::sql_ok(schema_.create_broadcast_zone())))
+  if (find(multiplex) == zone ||
+      (!statements_.has_table("broadcast_zone") && !kelvo_log::sql_ok(schema_.create_broadcast_zone())))
     return;
   const Run run = statements_.run_silently(
       __func__, 0,

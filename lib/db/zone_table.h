@@ -25,8 +25,6 @@ class Zone_table {
   void store(const Multiplex& multiplex, const Stored_zone& zone);
 
  private:
-  bool exists() const;
-
   const Connection& connection_;
   const Statements& statements_;
   Schema& schema_;

@@ -47,3 +47,26 @@ void for_each_descriptor(std::span<const uint8_t> loop, Each each) {
     each(tag, bytes.take(size));
   }
 }
+
+// Calls `each(orig_network_id, ts_id, descriptors)` for every whole transport stream of a whole NIT section (EN 300
+// 468, 5.2.1); one that is cut off ends it.
+template <typename Each>
+void for_each_stream_of_nit(std::span<const uint8_t> section, Each each) {
+  constexpr size_t LOOPS_BEGIN = 8;
+  constexpr size_t CRC_SIZE = 4;
+  if (section.size() < LOOPS_BEGIN + 2 + 2 + CRC_SIZE)
+    return;
+  Byte_reader bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
+  (void)bytes.take_up_to(bytes.length12());  // the network's descriptors
+  if (!bytes.has(2))
+    return;
+  Byte_reader streams(bytes.take_up_to(bytes.length12()));
+  while (streams.has(6)) {
+    const int ts_id = streams.id();
+    const int orig_network_id = streams.id();
+    const size_t size = streams.length12();
+    if (!streams.has(size))
+      return;
+    each(orig_network_id, ts_id, streams.take(size));
+  }
+}

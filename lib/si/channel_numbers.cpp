@@ -11,9 +11,6 @@
 
 namespace {
 
-constexpr size_t LOOPS_BEGIN = 8;
-constexpr size_t CRC_SIZE = 4;
-
 constexpr unsigned NORDIG = 0x29;
 constexpr unsigned UNITED_KINGDOM = 0x233A;
 
@@ -54,23 +51,11 @@ void Channel_numbers::begin(const std::string& country) {
 }
 
 void Channel_numbers::nit(std::span<const uint8_t> section, bool other) {
-  if (section.size() < LOOPS_BEGIN + 2 + 2 + CRC_SIZE)
-    return;
-  Byte_reader bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
-  (void)bytes.take_up_to(bytes.length12());  // the network's descriptors
-  if (!bytes.has(2))
-    return;
-  Byte_reader streams(bytes.take_up_to(bytes.length12()));
-  while (streams.has(6)) {
-    const int ts_id = streams.id();
-    const int orig_network_id = streams.id();
-    const size_t size = streams.length12();
-    if (!streams.has(size))
-      return;
+  for_each_stream_of_nit(section, [&](int orig_network_id, int ts_id, std::span<const uint8_t> descriptors) {
     if (!other && networks_.size() < MOST)
       networks_.emplace(ts_id, orig_network_id);
-    stream({ts_id, orig_network_id, other}, streams.take(size));
-  }
+    stream({ts_id, orig_network_id, other}, descriptors);
+  });
 }
 
 void Channel_numbers::stream(const Stream& its, std::span<const uint8_t> descriptors) {

@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr size_t LOOPS_BEGIN = 8;
-constexpr size_t CRC_SIZE = 4;
 constexpr size_t TERRESTRIAL_SIZE = 11;
 constexpr size_t MOST_DELIVERIES = 16;  // of one transport stream
 constexpr int HZ_OF_A_STEP = 10;
@@ -65,22 +63,12 @@ void Network_found::sdt(int orig_network_id, int ts_id) {
 }
 
 void Network_found::nit(std::span<const uint8_t> section) {
-  if (section.size() < LOOPS_BEGIN + 2 + 2 + CRC_SIZE)
-    return;
-  Byte_reader bytes(section.subspan(LOOPS_BEGIN, section.size() - LOOPS_BEGIN - CRC_SIZE));
-  (void)bytes.take_up_to(bytes.length12());  // the network's descriptors
-  if (!bytes.has(2))
-    return;
-  Byte_reader streams(bytes.take_up_to(bytes.length12()));
-  while (streams.has(6)) {
+  for_each_stream_of_nit(section, [&](int orig_network_id, int ts_id, std::span<const uint8_t> descriptors) {
     Stream its{};
-    its.ts_id = streams.id();
-    its.orig_network_id = streams.id();
-    const size_t size = streams.length12();
-    if (!streams.has(size))
-      return;
-    stream(its, streams.take(size));
-  }
+    its.ts_id = ts_id;
+    its.orig_network_id = orig_network_id;
+    stream(its, descriptors);
+  });
 }
 
 // How it is sent is said before or behind its further frequencies.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/ids.h"
+#include "si/byte_reader.h"
 #include "si/dvb_text.h"
 #include "si/event_details.h"
 
@@ -73,10 +74,7 @@ void read_crids(Bytes body, sdbl::Guide_details* details) {
 }  // namespace
 
 void read_event_details(Bytes loop, Dvb_text& text, sdbl::Guide_details* details) {
-  while (loop.size() >= 2 && loop.size() - 2 >= loop[1]) {
-    const int tag = loop[0];
-    const Bytes body = loop.subspan(2, loop[1]);
-    loop = loop.subspan(2 + body.size());
+  for_each_descriptor(loop, [&](unsigned tag, Bytes body) {
     switch (tag) {
       case tag::COMPONENT:
         read_component(body, text, details);
@@ -93,5 +91,5 @@ void read_event_details(Bytes loop, Dvb_text& text, sdbl::Guide_details* details
       default:
         break;
     }
-  }
+  });
 }

@@ -2,26 +2,15 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // NIT other and SDT other (EN 300 468, 5.2.1 and 5.2.3): they number and name services that are known.
-#include <time.h>
-
 #include <dvbsi++/service_description_section.h>
 #include <dvbsi++/service_descriptor.h>
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "filter/section_filter.h"
 #include "si/descriptor_handlers.h"
 #include "si/siparse_parts.h"
-
-namespace {
-
-int64_t monotonic_ms() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-}  // namespace
 
 void Siparse::Parts::open_other_tables(int freq) {
   if (!other_networks_)

@@ -12,6 +12,7 @@
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "db/sdbl_parts.h"
 #include "filter/section_filter_parts.h"
 #include "si/descriptors.h"
@@ -29,12 +30,6 @@ constexpr int64_t RETRY_MS = 1000;
 constexpr int64_t RETRY_WITHOUT_ROOM_MS = 10000;
 constexpr int RUNNING = 4;
 constexpr size_t LOOP_HEADER = 12;
-
-int64_t monotonic_ms() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 int now_epoch() {
   return sdbl::saturated(time(nullptr));

@@ -13,8 +13,8 @@
 #include <mutex>
 
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "base/uninterrupted.h"
-#include "tuner/monotonic.h"
 #include "tuner/turn.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include "tuner/driver_readings.h"
 
 #include "base/log.h"
-#include "tuner/monotonic.h"
+#include "base/monotonic.h"
 #include "tuner/tuner_quality.h"
 
 Readings::Pass Driver_readings::refresh() {

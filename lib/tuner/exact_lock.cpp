@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "tuner/device.h"
-#include "tuner/monotonic.h"
 
 namespace {
 

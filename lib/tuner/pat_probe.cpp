@@ -12,8 +12,8 @@
 #include <cerrno>
 
 #include "base/ids.h"
+#include "base/monotonic.h"
 #include "base/uninterrupted.h"
-#include "tuner/monotonic.h"
 #include "tuner/turn.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "tuner/monotonic.h"
+#include "base/monotonic.h"
 
 namespace statistics {
 

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-#include "tuner/monotonic.h"
+#include "base/monotonic.h"
 #include "tuner/turn.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "tuner/monotonic.h"
+#include "base/monotonic.h"
 #include "tuner/turn.h"
 
 namespace {

@@ -288,6 +288,10 @@ int Schema::create_tuned_multiplex() {
   return sql_.try_exec_on(__func__, connection_.get(), TUNED_MULTIPLEX);
 }
 
+int Schema::create_tuned_multiplex_silently() {
+  return sqlite3_exec(connection_.get(), TUNED_MULTIPLEX, nullptr, nullptr, nullptr);
+}
+
 int Schema::create_broadcast_zone() {
   return sql_.try_exec_on(__func__, connection_.get(), BROADCAST_ZONE);
 }

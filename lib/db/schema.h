@@ -20,6 +20,7 @@ class Schema {
   // Makes the channel file's table of found tunings when it is missing, in one statement. It is not made at the
   // opening: files whose tunings are not stored stay as they are. SQLite's code; a failure is a warning.
   int create_tuned_multiplex();
+  int create_tuned_multiplex_silently();  // not even a warning
 
   // Likewise the table of local times; SQLite's code.
   int create_broadcast_zone();

@@ -37,6 +37,12 @@ class Sdbl::Parts {
  public:
   explicit Parts(std::string file) : connection(std::move(file)) {}
 
+  // What a host's tuning reads when it must not wait; see Tuner_table and Tuning_table.
+  void remember_tunings() {
+    tuner_table.remember();
+    tunings.remember();
+  }
+
   sdbl::Errors errors;
   sdbl::Connection connection;
   sdbl::One_shot sql{connection, errors};

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 list(APPEND KELVO_SOURCES
+  db/at_once.cpp
   db/channel_list.cpp
   db/connection.cpp
   db/eit_scan_list.cpp

@@ -13,4 +13,6 @@ struct Stored_tuning {
   int modulation = -1;   // enum fe_modulation; -1: not known
   int offset_hz = 0;     // frequency that the driver was given - `asked`
   int lock_ms = 0;
+
+  bool operator==(const Stored_tuning&) const = default;
 };

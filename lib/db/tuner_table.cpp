@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "db/at_once.h"
 
 namespace sdbl {
 
@@ -112,6 +113,7 @@ int Tuner_table::terrestrial_tuner_info(const Multiplex& multiplex, const Terres
                         "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
                         "$hf_conn, @tuner_params) ",
                         multiplex.freq, type, connector, line);  // a failure is printed there
+    remember({multiplex.freq, type, connector}, line);
     stored.end({__func__, LINE_INSERTED});
   } else {
     KLOG(VERB_WARNING, "WARNING: failed to access tuner_table\n");
@@ -135,6 +137,60 @@ int Tuner_table::fill_frontend_control(const Multiplex& multiplex, dvb_frontend_
   KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");
   stored.leave();
   return NOTHING_READ;  // Deliberate: non-zero, although `out` is untouched.
+}
+
+Tuner_table::Key Tuner_table::key_asked(const Multiplex& multiplex) {
+  return {multiplex.freq, number(multiplex.input.connector), number(multiplex.input.delivery)};
+}
+
+int Tuner_table::fill_at_once(const Multiplex& multiplex, dvb_frontend_parameters* out) {
+  At_once now(connection_);
+  if (now.can_read()) {
+    read_all();
+    return fill_frontend_control(multiplex, out);
+  }
+  const std::lock_guard<std::mutex> lock(lock_);
+  const auto line = lines_.find(key_asked(multiplex));
+  if (line != lines_.end()) {
+    fill_from_line(line->second.c_str(), out);
+    return 1;
+  }
+  if (all_read_)
+    return 0;
+  KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");
+  return NOTHING_READ;
+}
+
+void Tuner_table::remember() {
+  At_once now(connection_);
+  if (now.can_read())
+    read_all();
+}
+
+void Tuner_table::remember(const Key& key, const std::string& line) {
+  const std::lock_guard<std::mutex> lock(lock_);
+  lines_[key] = line;
+}
+
+// A file without the table, or one that is damaged, shows itself to the statements that say so.
+void Tuner_table::read_all() {
+  sqlite3_stmt* rows = nullptr;
+  int rc = sqlite3_prepare_v2(connection_.get(), "SELECT freq, dvb_type, hf_conn, tuner_params FROM tuner_table", -1,
+                              &rows, nullptr);
+  std::map<Key, std::string> lines;
+  while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+    rc = sqlite3_step(rows);
+    const unsigned char* line = rc == SQLITE_ROW ? sqlite3_column_text(rows, 3) : nullptr;
+    if (line != nullptr)
+      lines.try_emplace({sqlite3_column_int(rows, 0), sqlite3_column_int(rows, 1), sqlite3_column_int(rows, 2)},
+                        reinterpret_cast<const char*>(line));
+  }
+  (void)sqlite3_finalize(rows);  // repeats the step's code
+  if (rc != SQLITE_DONE)
+    return;
+  const std::lock_guard<std::mutex> lock(lock_);
+  lines_.swap(lines);
+  all_read_ = true;
 }
 
 }  // namespace sdbl

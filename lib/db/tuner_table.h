@@ -3,6 +3,11 @@
 
 #pragma once
 
+#include <map>
+#include <mutex>
+#include <string>
+#include <tuple>
+
 #include "base/multiplex.h"
 #include "db/statements.h"
 
@@ -31,9 +36,25 @@ class Tuner_table {
   int terrestrial_tuner_info(const Multiplex& multiplex, const Terrestrial_parameters& parameters);
   int fill_frontend_control(const Multiplex& multiplex, dvb_frontend_parameters* out);
 
+  // The same for threads that must not wait. While other statements or programs keep the table, what was read or
+  // written last counts; it fails, as there, only when that was never possible.
+  int fill_at_once(const Multiplex& multiplex, dvb_frontend_parameters* out);
+
+  // Reads the whole table for fill_at_once(), unless it would have to wait. Prints nothing.
+  void remember();
+
  private:
+  using Key = std::tuple<int, int, int>;  // freq, dvb_type and hf_conn, as they stand in the columns
+  static Key key_asked(const Multiplex& multiplex);
+  void remember(const Key& key, const std::string& line);
+  void read_all();
+
   const Connection& connection_;
   const Statements& statements_;
+
+  std::mutex lock_;  // guards the following; a leaf
+  bool all_read_ = false;
+  std::map<Key, std::string> lines_;
 };
 
 }  // namespace sdbl

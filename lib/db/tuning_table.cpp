@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "base/log.h"
+#include "db/at_once.h"
 
 namespace sdbl {
 
@@ -89,6 +90,107 @@ bool Tuning_table::store(const Input& input, const Stored_tuning& t) {
   if (!run.done)
     KLOG(VERB_WARNING, "WARNING: The tuning of %d Hz is not stored: %s\n", t.freq, sqlite3_errstr(run.code));
   return run.done;
+}
+
+Tuning_table::Key Tuning_table::key_of(const Input& input, int freq) {
+  return {freq, number(input.connector), number(input.delivery)};
+}
+
+std::optional<Stored_tuning> Tuning_table::find_at_once(const Multiplex& key) {
+  {
+    const std::lock_guard<std::mutex> lock(lock_);
+    if (const auto newer = unsaved_.find(key_of(key.input, key.freq)); newer != unsaved_.end())
+      return newer->second;
+  }
+  At_once now(connection_);
+  if (now.can_read()) {
+    read_all();
+    return find(key);
+  }
+  const std::lock_guard<std::mutex> lock(lock_);
+  const auto known = read_.find(key_of(key.input, key.freq));
+  return known != read_.end() ? std::optional(known->second) : std::nullopt;
+}
+
+void Tuning_table::store_at_once(const Input& input, const Stored_tuning& tuning) {
+  if (!is_plausible(tuning)) {
+    (void)store(input, tuning);  // says so, and comes to no statement
+    return;
+  }
+  {
+    const std::lock_guard<std::mutex> lock(lock_);
+    unsaved_[key_of(input, tuning.freq)] = tuning;
+  }
+  save_at_once();
+}
+
+void Tuning_table::save_at_once() {
+  std::map<Key, Stored_tuning> waiting;
+  {
+    const std::lock_guard<std::mutex> lock(lock_);
+    waiting = unsaved_;
+  }
+  for (const auto& [key, tuning] : waiting) {
+    if (!write_at_once(key, tuning))
+      return;
+    const std::lock_guard<std::mutex> lock(lock_);
+    const auto written = unsaved_.find(key);
+    // A newer one may have come meanwhile.
+    if (written != unsaved_.end() && written->second == tuning)
+      unsaved_.erase(written);
+    read_[key] = tuning;
+  }
+}
+
+bool Tuning_table::write_at_once(const Key& key, const Stored_tuning& t) {
+  const auto [freq, connector, delivery] = key;
+  At_once now(connection_);
+  if (!now.has_connection())
+    return false;
+  if (connection_.get() != nullptr) {
+    // Silently, because a locked file is nothing to be told of before it stays so.
+    int rc = schema_.create_tuned_multiplex_silently();
+    char* const insert = sqlite3_mprintf(
+        "INSERT OR REPLACE INTO tuned_multiplex (freq, hf_conn, dvb_type, asked_freq, system, pipe, "
+        "bandwidth_hz, modulation, offset_hz, lock_ms) VALUES (%d,%d,%d,%d,%d,%d,%d,%d,%d,%d)",
+        freq, connector, delivery, t.asked, t.system, t.pipe, t.bandwidth_hz, t.modulation, t.offset_hz, t.lock_ms);
+    if (rc == SQLITE_OK)
+      rc = sqlite3_exec(connection_.get(), insert, nullptr, nullptr, nullptr);
+    sqlite3_free(insert);
+    if (rc == SQLITE_OK || (rc & 0xFF) == SQLITE_BUSY)
+      return rc == SQLITE_OK;
+  }
+  (void)store({Connector{connector}, Delivery{delivery}}, t);  // says what is wrong, and that is the last word
+  return true;
+}
+
+void Tuning_table::remember() {
+  At_once now(connection_);
+  if (now.can_read())
+    read_all();
+}
+
+// A file without the table, or one that is damaged, shows itself to the statements that say so.
+void Tuning_table::read_all() {
+  sqlite3_stmt* rows = nullptr;
+  int rc = sqlite3_prepare_v2(connection_.get(),
+                              "SELECT freq, asked_freq, system, pipe, bandwidth_hz, modulation, offset_hz, lock_ms, "
+                              "hf_conn, dvb_type FROM tuned_multiplex",
+                              -1, &rows, nullptr);
+  std::map<Key, Stored_tuning> all;
+  while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+    rc = sqlite3_step(rows);
+    const auto number = [rows](int column) { return sqlite3_column_int(rows, column); };
+    if (rc != SQLITE_ROW)
+      break;
+    const Stored_tuning tuning{number(0), number(1), number(2), number(3), number(4), number(5), number(6), number(7)};
+    if (is_plausible(tuning))
+      all[{tuning.freq, number(8), number(9)}] = tuning;
+  }
+  (void)sqlite3_finalize(rows);  // repeats the step's code
+  const std::lock_guard<std::mutex> lock(lock_);
+  if (rc == SQLITE_DONE)
+    read_.swap(all);
 }
 
 }  // namespace sdbl

@@ -3,7 +3,10 @@
 
 #pragma once
 
+#include <map>
+#include <mutex>
 #include <optional>
+#include <tuple>
 #include <vector>
 
 #include "base/multiplex.h"
@@ -32,10 +35,29 @@ class Tuning_table {
   // one that find() would not believe; what was stored stays then.
   bool store(const Input& input, const Stored_tuning& tuning);
 
+  // find() and store() for threads that must not wait. While other statements or programs keep the table, what was read
+  // or stored last is found, and what is stored waits for save_at_once(), which is to be called now and then.
+  std::optional<Stored_tuning> find_at_once(const Multiplex& key);
+  void store_at_once(const Input& input, const Stored_tuning& tuning);
+  void save_at_once();
+
+  // Reads the whole table for find_at_once(), unless it would have to wait. Prints nothing.
+  void remember();
+
  private:
+  using Key = std::tuple<int, int, int>;  // freq, hf_conn and dvb_type
+  static Key key_of(const Input& input, int freq);
+  void read_all();
+  // True when it is written, or never will be, which is printed.
+  bool write_at_once(const Key& key, const Stored_tuning& tuning);
+
   const Connection& connection_;
   const Statements& statements_;
   Schema& schema_;
+
+  std::mutex lock_;  // guards the following; a leaf
+  std::map<Key, Stored_tuning> read_;
+  std::map<Key, Stored_tuning> unsaved_;
 };
 
 }  // namespace sdbl

@@ -57,8 +57,9 @@ enum : int {
 //     callback. A link, or anything else that is no plain file, is left alone.
 //
 // Threads: create, use and destroy it on the host's threads. Every operation is any-thread and returns at once, but for
-// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db); these also wait, up to two
-// seconds a statement, while another program keeps the database locked. Callbacks and listeners come from the worker
+// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db). The latter alone waits, up to
+// two seconds a statement, while another program keeps the database locked; a tuning uses what was stored when it could
+// last be read, and what it finds is stored later. Callbacks and listeners come from the worker
 // (the event callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should
 // return soon. They may make requests, ask for readings and use the database. Do not call set_tuner while a request is
 // under way. docs/threads.md has the whole table.

@@ -21,9 +21,10 @@ constexpr std::chrono::milliseconds OUT_OF_RANGE_SLEEP{10};
 
 }  // namespace
 
-void Signal_monitor::run() {
+void Signal_monitor::run(const std::function<void()>& each_pass) {
   State state;
   while (running_) {
+    each_pass();
     if (frontend_.receives(freq_)) {
       pass(state);
     } else {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "base/wake_up.h"
 #include "tuner/device.h"
@@ -21,8 +22,8 @@ class Signal_monitor {
   Signal_monitor(Device& device, const Frontend& frontend, Readings& readings)
       : device_(device), frontend_(frontend), readings_(readings) {}
 
-  // Works until stop(). REQUIRES: called once.
-  void run();
+  // Works until stop(), and calls `each_pass` as it goes. REQUIRES: called once.
+  void run(const std::function<void()>& each_pass);
 
   // Ends run() within 200 ms at most, and the event callback that it may be in.
   void stop();

@@ -46,10 +46,12 @@ Tuner::~Tuner() {
   parts_->monitor.stop();
   if (parts_->thread_started)
     (void)parts_->thread.Stop();  // nothing left to do for a thread that cannot be joined
+  parts_->save_tunings();
 }
 
 int Tuner::tuner_main_thread(void* self) {
-  static_cast<Tuner*>(self)->parts_->monitor.run();
+  Parts& parts = *static_cast<Tuner*>(self)->parts_;
+  parts.monitor.run([&parts] { parts.save_tunings(); });
   return 0;
 }
 

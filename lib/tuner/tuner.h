@@ -71,7 +71,7 @@ class KELVO_EXPORT Tuner {
   // inversion, no hierarchy, transmission mode 3, and code rates, constellation and guard interval automatic.
   // Returns `freq` when locked, else 0. A refused tuning is printed and leaves the device as it was; the test for lock
   // is made all the same. The monitor counts `freq` as tuned in either case. Blocks its caller for up to 150 ms,
-  // besides the database and the device.
+  // besides the device. A database that somebody else keeps is not waited for: the parameters read last count then.
   int tunetofreq(int freq);
 
   // The same for a request with more than a frequency, as far as the profile can ask for it: VERSION_3 tunes DVB-T and

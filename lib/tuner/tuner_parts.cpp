@@ -94,7 +94,7 @@ Known_tuning Tuner::Parts::known(const Tuning_request& request) {
   dvb_frontend_parameters parameters =
       Version3_frontend::defaults(static_cast<unsigned>(request.freq), default_bandwidth_of_version_3(request.freq));
   // A stored line replaces what it names, so the defaults stand for the rest.
-  if (db->fill_frontend_control(number(input.delivery), number(input.connector), request.freq, &parameters) != 0) {
+  if (db->parts().tuner_table.fill_at_once({input, request.freq}, &parameters) != 0) {
     KLOG(VERB_WARNING, "WARNING: Using FE data from scanned db for freq %d\n", request.freq);
     known.nit = parameters;
   } else {
@@ -105,7 +105,7 @@ Known_tuning Tuner::Parts::known(const Tuning_request& request) {
 
 // What was found the last time. A frequency that a pipe's rows are known by becomes the one to be asked for.
 void Tuner::Parts::recall(Tuning_request* request, Known_tuning* known) {
-  const auto stored = db->parts().tunings.find({input, request->freq});
+  const auto stored = db->parts().tunings.find_at_once({input, request->freq});
   if (!stored)
     return;
   if (stored->pipe > 0 && request->pipe < 0) {
@@ -161,6 +161,11 @@ void Tuner::Parts::keep(const Tuning_result& tuned, const Turn& turn) {
   locked_key = tuned.key;
   last_system = tuned.system;
   if (profile.remember_tunings)
-    (void)db->parts().tunings.store(input, {tuned.key, tuned.freq, tuned.system, tuned.pipe, tuned.bandwidth_hz,
-                                            tuned.modulation, tuned.tuned_hz - tuned.freq, tuned.lock_ms});
+    db->parts().tunings.store_at_once(input, {tuned.key, tuned.freq, tuned.system, tuned.pipe, tuned.bandwidth_hz,
+                                              tuned.modulation, tuned.tuned_hz - tuned.freq, tuned.lock_ms});
+}
+
+void Tuner::Parts::save_tunings() {
+  if (profile.remember_tunings)
+    db->parts().tunings.save_at_once();
 }

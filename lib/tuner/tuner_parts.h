@@ -32,7 +32,9 @@ class Tuner::Parts {
   // True once a call was answered with ENODEV. Any-thread.
   bool gone() const;
 
+  // Never waits for the database: what cannot be stored at once is kept for save_tunings().
   Tuning_result tune(Tuning_request request);
+  void save_tunings();
 
   const Receiver_profile profile;
   Device device;

@@ -5,6 +5,8 @@
 
 #include <linux/dvb/frontend.h>
 
+#include <future>
+
 #include "db/sdbl_parts.h"
 #include "db_support.h"
 
@@ -190,4 +192,111 @@ TEST_F(Tuning_table, of_another_shape_is_left_as_it_is) {
   EXPECT_THAT([&] { EXPECT_EQ(found(ASKED), "none"); }, prints_at(0, HasSubstr("no such column: ")));
   EXPECT_THAT([&] { EXPECT_FALSE(tunings().store(INPUT, t_)); }, prints_at(0, HasSubstr("has no column named ")));
   EXPECT_EQ(table("tuned_multiplex"), (Texts{"578000000"}));
+}
+
+// --- For threads that must not wait
+
+namespace {
+
+class Tunings_at_once : public Tuning_table {
+ protected:
+  std::string found_at_once(int freq) {
+    const std::optional<Stored_tuning> tuning = tunings().find_at_once({INPUT, freq});
+    return tuning ? shown(*tuning) : "none";
+  }
+  Texts stored() { return rows("SELECT freq, pipe, lock_ms FROM tuned_multiplex ORDER BY freq"); }
+
+  // What keeps the table: another program's lock, or a thread that has the connection.
+  template <typename Test>
+  void with_each_keeper(Test test) {
+    {
+      support::Other_connection other(file());
+      ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), SQLITE_DONE);
+      test("another program");
+      ASSERT_EQ(other.run("COMMIT"), SQLITE_DONE);
+    }
+    sqlite3_mutex* const mutex = sqlite3_db_mutex(support::conn_of(sdbl()));
+    std::promise<void> has;
+    std::promise<void> over;
+    std::thread thread([&] {
+      sqlite3_mutex_enter(mutex);
+      has.set_value();
+      over.get_future().wait();
+      sqlite3_mutex_leave(mutex);
+    });
+    has.get_future().wait();
+    test("another thread");
+    over.set_value();
+    thread.join();
+  }
+};
+
+}  // namespace
+
+TEST_F(Tunings_at_once, find_what_was_read_last_while_the_table_is_kept) {
+  ASSERT_TRUE(tunings().store(INPUT, t_));
+  open();
+  with_each_keeper([this](const char* keeper) {
+    EXPECT_THAT([&] { EXPECT_EQ(found_at_once(ASKED), shown(t_)); }, prints_at(3, "")) << keeper;
+    EXPECT_EQ(found_at_once(ASKED + 3), "none") << keeper;
+  });
+  run("DELETE FROM tuned_multiplex");
+  EXPECT_EQ(found_at_once(ASKED), "none") << "what another program has changed counts";
+}
+
+TEST_F(Tunings_at_once, store_what_waited_as_soon_as_the_table_is_free) {
+  ASSERT_TRUE(tunings().store(INPUT, t_));
+  with_each_keeper([this](const char* keeper) {
+    EXPECT_THAT([&] { tunings().store_at_once(INPUT, pipe_3_); }, prints_at(3, "")) << keeper;
+    Stored_tuning newer = pipe_3_;
+    newer.lock_ms = 7;
+    tunings().store_at_once(INPUT, newer);
+    EXPECT_EQ(found_at_once(ASKED + 3), shown(newer)) << keeper;
+    tunings().save_at_once();
+  });
+  EXPECT_EQ(stored(), (Texts{"578000000|-1|260"}));
+  tunings().save_at_once();
+  EXPECT_EQ(stored(), (Texts{"578000000|-1|260", "578000003|3|7"}));
+  run("DELETE FROM tuned_multiplex");
+  tunings().save_at_once();
+  EXPECT_EQ(stored(), Texts{}) << "stored once";
+}
+
+TEST_F(Tunings_at_once, are_stored_by_the_first_one_in_a_table_of_their_own_without_waiting) {
+  tunings().store_at_once(INPUT, t_);
+  EXPECT_EQ(stored(), (Texts{"578000000|-1|260"}));
+}
+
+TEST_F(Tunings_at_once, that_can_never_be_stored_are_told_once) {
+  run("CREATE TABLE tuned_multiplex (freq int)");
+  EXPECT_THAT([&] { tunings().store_at_once(INPUT, t_); }, prints_at(0, HasSubstr("has no column named ")));
+  EXPECT_THAT([&] { tunings().save_at_once(); }, prints_at(3, ""));
+}
+
+TEST_F(Tunings_at_once, fill_the_stored_parameters_while_their_table_is_kept) {
+  const std::string line = "Fr:  578000000 Bw:  1 CrH:  2 CrL:  2 Mod:  3 TrM:  0 Grd:  0 Hir:  0";
+  run("INSERT INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (578000000, 2, 1, '" + line + "')");
+  open();
+  const auto filled = [this](int freq) {
+    dvb_frontend_parameters p{};
+    const int result = sdbl().parts().tuner_table.fill_at_once({INPUT, freq}, &p);
+    return std::to_string(result) + " " + std::to_string(p.frequency) + " " + std::to_string(p.u.ofdm.bandwidth);
+  };
+  EXPECT_EQ(filled(578000000), "1 578000000 1");
+  with_each_keeper([&](const char* keeper) {
+    EXPECT_THAT([&] { EXPECT_EQ(filled(578000000), "1 578000000 1"); }, prints_at(3, "")) << keeper;
+    EXPECT_EQ(filled(578000001), "0 0 0") << keeper;
+  });
+}
+
+TEST_F(Tunings_at_once, fail_as_an_unreadable_table_does_when_it_could_never_be_read) {
+  support::Other_connection other(file());
+  ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), SQLITE_DONE);
+  sdbl::Tuner_table table(sdbl().parts().connection, sdbl().parts().statements);
+  dvb_frontend_parameters p{};
+  EXPECT_THAT(
+      [&] {
+        EXPECT_EQ(table.fill_at_once({INPUT, ASKED}, &p), 1);
+      },
+      prints_at(1, "WARNING: Failed to get tuner data\n"));
 }

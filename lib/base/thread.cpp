@@ -7,8 +7,40 @@
 #include <signal.h>
 
 #include <cstdint>
+#include <memory>
 
+#include "base/host_signals.h"
 #include "base/log.h"
+
+namespace {
+
+// In a thread of the library: the mask of the host's thread that started it.
+thread_local bool is_of_library = false;
+thread_local sigset_t host_mask;
+
+struct Beginning {
+  COrbelThreadKelvo* thread;
+  sigset_t host_mask;
+};
+
+void* begin(void* argument) {
+  const std::unique_ptr<Beginning> beginning(static_cast<Beginning*>(argument));
+  is_of_library = true;
+  host_mask = beginning->host_mask;
+  return COrbelThreadKelvo::EntryPoint(beginning->thread);
+}
+
+}  // namespace
+
+Host_signals::Host_signals() {
+  if (is_of_library)
+    changed_ = pthread_sigmask(SIG_SETMASK, &host_mask, &before_) == 0;
+}
+
+Host_signals::~Host_signals() {
+  if (changed_)
+    (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);  // fails for no mask that was in force
+}
 
 COrbelThreadKelvo::COrbelThreadKelvo(void* owner) : owner_(owner) {}
 
@@ -23,7 +55,10 @@ int COrbelThreadKelvo::Start(void* arg) {
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
     (void)sigdelset(&all, fault);  // what the thread does itself: the host's handler may want to tell of it
   (void)pthread_sigmask(SIG_SETMASK, &all, &before);
-  const int result = pthread_create(&thread_id_, nullptr, EntryPoint, this);
+  auto beginning = std::make_unique<Beginning>(Beginning{this, is_of_library ? host_mask : before});
+  const int result = pthread_create(&thread_id_, nullptr, begin, beginning.get());
+  if (result == 0)
+    (void)beginning.release();  // the thread's
   (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return result;
 }

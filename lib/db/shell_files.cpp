@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/host_signals.h"
 #include "base/log.h"
 
 namespace sdbl {
@@ -46,6 +47,7 @@ bool run_shell(const char* format, ...) {
     return false;
   const std::string text = command;
   std::free(command);
+  const Host_signals signals;
   // A host that keeps the library's messages from standard error means these complaints, too.
   return std::system((kelvo_log::printing() ? text : text + " 2>/dev/null").c_str()) == 0;
 }

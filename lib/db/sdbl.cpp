@@ -24,7 +24,6 @@ Multiplex multiplex(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {
 
 Sdbl::Sdbl(const char* db_file) : parts_(std::make_unique<Parts>(db_file != nullptr ? db_file : "")) {
   parts_->opening.open_files();
-  parts_->remember_tunings();
 }
 
 Sdbl::~Sdbl() {
@@ -34,7 +33,6 @@ Sdbl::~Sdbl() {
 
 int Sdbl::open_db() {
   parts_->opening.open();
-  parts_->remember_tunings();
   return 1;
 }
 

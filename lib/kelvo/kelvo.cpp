@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/log.h"
+#include "db/sdbl_parts.h"
 #include "filter/section_filter_parts.h"
 #include "kelvo/kelvo_parts.h"
 #include "kelvo/scan_loop.h"
@@ -88,6 +89,7 @@ Kelvo::Parts::Parts(Kelvo* kelvo, int adapter_number, Input its_input, Sdbl* its
       tuner(first_tuner(tuner_connected, adapter_number, its_input, its_database, its_profile)),
       filter(demux_path(adapter_number).text),
       parser(&filter, adapter_number, number(its_input.connector), number(its_input.delivery), its_database) {
+  database.parts().remember_tunings();
   database.create_temp_tables(adapter);
   parser.parts().read_as(its_profile);
   filter.parts().configure(filter_options(its_profile));

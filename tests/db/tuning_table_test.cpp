@@ -236,6 +236,7 @@ class Tunings_at_once : public Tuning_table {
 TEST_F(Tunings_at_once, find_what_was_read_last_while_the_table_is_kept) {
   ASSERT_TRUE(tunings().store(INPUT, t_));
   open();
+  sdbl().parts().remember_tunings();
   with_each_keeper([this](const char* keeper) {
     EXPECT_THAT([&] { EXPECT_EQ(found_at_once(ASKED), shown(t_)); }, prints_at(3, "")) << keeper;
     EXPECT_EQ(found_at_once(ASKED + 3), "none") << keeper;

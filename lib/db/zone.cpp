@@ -52,6 +52,14 @@ int open_zone_source() {
   return fd;
 }
 
+// The name is a comment there: what a line break in it was followed by would be a line of its own.
+std::string in_a_line(std::string name) {
+  for (char& c : name)
+    if (static_cast<unsigned char>(c) < ' ')
+      c = '?';
+  return name;
+}
+
 bool write_zone_source(const std::string& network, int offset_min, const char* zone_name, int zone_nr) {
   const int fd = open_zone_source();
   if (fd < 0)
@@ -62,7 +70,7 @@ bool write_zone_source(const std::string& network, int offset_min, const char* z
     return false;
   }
   const long long minutes = std::llabs(offset_min);
-  std::fprintf(file, "# Automatically generated timezone file for network %s\n", network.c_str());
+  std::fprintf(file, "# Automatically generated timezone file for network %s\n", in_a_line(network).c_str());
   // Deliberate: an offset of 0 is written as -00:00.
   std::fprintf(file, "Zone %s_%d %c%02d:%02d - %s\n", zone_name, zone_nr, offset_min < 1 ? '-' : ' ',
                static_cast<int>(minutes / 60), static_cast<int>(minutes % 60), zone_name);

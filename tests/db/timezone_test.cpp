@@ -101,6 +101,16 @@ TEST_F(Timezone, the_installed_zone_is_the_one_that_was_broadcast) {
   }
 }
 
+// A host may have taken it from the air.
+TEST_F(Timezone, the_network_s_name_makes_no_line_of_its_own) {
+  run("UPDATE kanalid SET network_name = 'le' || char(10) || 'Link EST_0 ../../etc/x' || char(13) || 'ra'");
+  sdbl().set_preferred_provider("le\nLink EST_0 ../../etc/x\rra");
+  update(180);
+  EXPECT_EQ(source(),
+            "# Automatically generated timezone file for network le?Link EST_0 ../../etc/x?ra\n"
+            "Zone EST_0  03:00 - EST\n");
+}
+
 TEST_F(Timezone, quirk_offset_0_is_written_as_minus_0) {
   update(0);
   EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone EST_0 -00:00 - EST\n");

@@ -49,7 +49,7 @@ TEST(Clean_text, is_fit_for_a_screen) {
       {"half a surrogate pair is no character", std::string("\x11\xD8\x00\x00\x41", 5), "\uFFFDA"},
       {"an odd byte behind two-byte characters is left out", std::string("\x11\x00\x41\x03", 4), "A"},
       {"control characters in two bytes go, too", std::string("\x11\x00\x1B\x00\x41", 5), "A"},
-      {"the direction of writing stays", "\u202Eabc\u2066", "abc"},
+      {"the direction of writing stays", "\u202Eabc\u2066\u061Cd\u206Ae", "abcde"},
       {"blanks around a text go", "  a b  ", "a b"},
       {"a text of blanks is empty", "   ", ""},
       {"an empty text stays empty", "", ""},
@@ -64,6 +64,14 @@ TEST(Clean_text, is_fit_for_a_screen) {
   };
   for (const auto& c : cases)
     EXPECT_EQ(clean_text(c.text), c.clean) << c.legend;
+}
+
+TEST(Clean_lines, keep_what_parts_lines_and_words) {
+  EXPECT_EQ(clean_lines("\tName: \x1B[2Ja\u009Bb\x9B\u202Ec\r\x07 \n\nNext"), "\tName: [2Jab\uFFFDc  \n\nNext");
+  EXPECT_EQ(clean_lines("\x11"
+                        "ab"),
+            "ab");
+  EXPECT_EQ(clean_lines(""), "");
 }
 
 TEST(Mhz, shows_three_decimals) {

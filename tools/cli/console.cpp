@@ -14,6 +14,7 @@
 #include <kelvo/kelvo.h>
 
 #include "tools/cli/failure.h"
+#include "tools/cli/text.h"
 
 namespace console {
 
@@ -74,13 +75,13 @@ int height() {
 
 // Turned off at the listener and not by the verbosity: some messages are printed at every level.
 Quiet_library::Quiet_library(int verbosity) {
+  Message_listener listener;
+  listener.print = false;
   if (verbosity >= 0) {
-    verbosity_kelvo = verbosity;
-    return;
+    listener.level = verbosity;
+    listener.message = [](void*, int, const char* text) { put(clean_lines(text)); };
   }
-  Message_listener nobody;
-  nobody.print = false;
-  Kelvo::set_message_listener(nobody);
+  Kelvo::set_message_listener(listener);
 }
 
 Quiet_library::~Quiet_library() {

@@ -31,7 +31,8 @@ int height();
 // deleted after the last one.
 class Quiet_library {
  public:
-  // Errors, and more up to `verbosity`, go to standard error as they are; below 0 nothing does.
+  // Errors, and more up to `verbosity`, go to standard error, clean_lines(): they hold texts off the air. Below 0
+  // nothing does.
   explicit Quiet_library(int verbosity);
   ~Quiet_library();
   Quiet_library(const Quiet_library&) = delete;

@@ -64,8 +64,8 @@ bool is_line_break(char32_t c) {
 // Besides control characters those that are invisible or turn the direction of writing: a name with them could pass for
 // another one, or turn the rest of a line around.
 bool is_dropped(char32_t c) {
-  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F) || c == 0xFEFF ||
-         (c >= 0x200B && c <= 0x200F) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2060 && c <= 0x2069) ||
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F) || c == 0xFEFF || c == 0x061C ||
+         c == 0x180E || (c >= 0x200B && c <= 0x200F) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2060 && c <= 0x206F) ||
          (c >= 0xFFF9 && c <= 0xFFFB) || (c >= 0xE0000 && c <= 0xE007F);
 }
 
@@ -129,6 +129,21 @@ std::string clean_text(std::string_view text) {
     }
   }
   return trimmed(out);
+}
+
+std::string clean_lines(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    if (text.front() == '\n' || text.front() == '\t') {
+      out += text.front();
+      text.remove_prefix(1);
+    } else {
+      const char32_t c = take_character(&text);
+      append_clean(&out, c > 0x10FFFF ? INVALID : c);
+    }
+  }
+  return out;
 }
 
 std::string mhz(int freq_hz) {

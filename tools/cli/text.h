@@ -12,5 +12,8 @@
 // stored with each two of them joined to one. Bytes that are not UTF-8 become U+FFFD.
 std::string clean_text(std::string_view text);
 
+// The same of lines that hold such texts: line feeds, tabs and blanks stay where they are, and there are no selectors.
+std::string clean_lines(std::string_view text);
+
 // Hz as MHz, as people say it: "506.000 MHz".
 std::string mhz(int freq_hz);

@@ -23,6 +23,7 @@ Receiver_profile Receiver_profile::any_linux() {
   profile.watch_device = true;
   profile.texts = Texts::STANDARD;
   profile.whole_tables = true;
+  profile.pmt_turns = true;
   profile.watch_tables = true;
   profile.channel_numbers = Channel_numbers::ALL;
   profile.name_streams = true;

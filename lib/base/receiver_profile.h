@@ -112,6 +112,11 @@ struct KELVO_EXPORT Receiver_profile {
   // service without a name or an SDT entry does not hold up the others. any_linux: true.
   bool whole_tables = false;
 
+  // True: PMTs that are waited for take turns on the handles of the demultiplexer where there are more of them than
+  // handles, and those that do not come are given up; without them the scan ends as timed out, but sooner. any_linux:
+  // true.
+  bool pmt_turns = false;
+
   // True: while the guide is collected, another version of PAT or SDT begins a new scan at once. any_linux: true.
   bool watch_tables = false;
 

@@ -16,4 +16,10 @@ struct Filter_options {
   // kernel drops them silently, and it does as the first filter on a PID says, also when that is another program's: a
   // check here holds either way.
   bool check_crc = false;
+
+  // Above 0: filters of PMTs that have had a handle for so long give it to others that wait for one, and one that has
+  // listened for `pmt_patience_ms` in all since the last PMT came is given up (Section_filter::Parts::take_given_up()).
+  // Both in milliseconds.
+  int pmt_turn_ms = 0;
+  int pmt_patience_ms = 0;
 };

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "base/polled_timer.h"
 #include "filter/section_filter_parts.h"
 
@@ -178,6 +180,7 @@ void Section_filter::remove_all() {
     for (dvb_filter_desc* f : parts_->slots_)
       parts_->free_slot(f);
     parts_->dropped_ = 0;
+    parts_->given_up_.clear();
   }
   KLOG(VERB_PROGRESS, "Removed all filters\n");
 }
@@ -194,6 +197,11 @@ void Section_filter::Parts::free_slot(dvb_filter_desc* f) {
     (void)demux_.unwatch(f->fd);  // a wait that is over may have found data on it
   }
   activity_.ended(f);
+  if (turns_.on()) {
+    if (f->captured > 0 && Filter_turns::has_turns(f))
+      turns_.note_sign_of_life(monotonic_ms());
+    turns_.forget(f);
+  }
   f->pid = -1;
   f->captured = 0;
   f->state = FILTER_FREE;
@@ -260,6 +268,12 @@ int Section_filter::Parts::dropped() const {
 void Section_filter::Parts::configure(const Filter_options& options) {
   const std::lock_guard lock(mutex_);
   demux_.configure(options);
+  turns_.configure(options);
+}
+
+std::vector<int> Section_filter::Parts::take_given_up() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(given_up_, {});
 }
 
 // --- Losses ----------------------------------------------------------------------------------------------------------

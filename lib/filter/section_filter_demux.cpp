@@ -8,6 +8,7 @@
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "base/polled_timer.h"
 #include "filter/section_filter_parts.h"
 
@@ -40,15 +41,70 @@ void Section_filter::Parts::run(dvb_filter_desc* f) {
       kelvo_log::print_errno("fail to set timer");
   }
   f->state = FILTER_RUNNING;
+  if (turns_.on())
+    turns_.began(f, monotonic_ms());
   activity_.started(f);
   if (f->pid == pid::EIT)
     KLOG(VERB_TRACE, " +Fo%03X.%02X.%d", static_cast<unsigned>(f->pid), static_cast<unsigned>(f->filter[0]), f->fd);
+}
+
+// --- Turns -----------------------------------------------------------------------------------------------------------
+
+void Section_filter::Parts::give_up_hopeless() {
+  const int64_t now_ms = monotonic_ms();
+  for (dvb_filter_desc* f : slots_) {
+    if (f->state != FILTER_RUNNING || !turns_.is_hopeless(f, now_ms))
+      continue;
+    KLOG(VERB_INFO, "No PMT on PID %d: given up\n", f->pid);
+    given_up_.push_back(f->pid);
+    f->captured = 0;  // of other programmes on its PID: no sign that more will come
+    free_slot(f);
+  }
+}
+
+void Section_filter::Parts::take_turns() {
+  std::vector<dvb_filter_desc*> waiting;
+  for (dvb_filter_desc* f : slots_) {
+    if (f->state == FILTER_WANTED && f->fd == -1)
+      waiting.push_back(f);
+  }
+  const auto listened_less = [this](const dvb_filter_desc* a, const dvb_filter_desc* b) {
+    return turns_.listened_ms(a) < turns_.listened_ms(b);
+  };
+  std::stable_sort(waiting.begin(), waiting.end(), listened_less);
+  const int64_t now_ms = monotonic_ms();
+  for (dvb_filter_desc* f : waiting) {
+    dvb_filter_desc* done = nullptr;
+    for (dvb_filter_desc* other : slots_) {
+      if (other->state == FILTER_RUNNING && turns_.turn_is_over(other, now_ms) &&
+          (done == nullptr || turns_.since_ms(other) < turns_.since_ms(done)))
+        done = other;
+    }
+    if (done == nullptr)
+      return;
+    hand_over(done, f);
+  }
+}
+
+// The filters change places, so that handles and timers stay with their slots.
+void Section_filter::Parts::hand_over(dvb_filter_desc* from, dvb_filter_desc* to) {
+  (void)demux_.stop(*from);
+  (void)demux_.unwatch(from->fd);
+  activity_.ended(from);
+  turns_.ended(from, monotonic_ms());
+  turns_.exchange(from, to);
+  std::swap(*from, *to);
+  std::swap(from->fd, to->fd);
+  std::swap(from->timer, to->timer);
+  to->state = FILTER_WANTED;
+  run(from);
 }
 
 void Section_filter::Parts::close_handles() {
   for (dvb_filter_desc* f : slots_) {
     if (f->fd > 0)
       (void)demux_.close(*f);  // nothing was written to it
+    turns_.ended(f, monotonic_ms());
     if (f->state == FILTER_RUNNING)
       f->state = FILTER_WANTED;
     f->open_retries = 0;
@@ -80,6 +136,8 @@ int Section_filter::recalculate_filters() {
     parts_->close_handles();
     return 0;
   }
+  if (parts_->turns_.on())
+    parts_->give_up_hopeless();
   // Only the limit makes handles go: below it a free slot keeps its own, which spares the next filter the opening.
   if (demux.nr_opened() == MAX_OPEN_DEMUX) {
     for (dvb_filter_desc* f : parts_->slots_) {
@@ -95,6 +153,8 @@ int Section_filter::recalculate_filters() {
       continue;
     parts_->run(f);
   }
+  if (parts_->turns_.on())
+    parts_->take_turns();
   if (demux.gone()) {
     parts_->close_handles();
     return 0;
@@ -147,8 +207,10 @@ void Section_filter::start_filters() {
 void Section_filter::stop_filters() {
   const std::lock_guard lock(parts_->mutex_);
   for (dvb_filter_desc* f : parts_->slots_) {
-    if (f->state == FILTER_RUNNING && parts_->demux_.stop(*f))
+    if (f->state == FILTER_RUNNING && parts_->demux_.stop(*f)) {
+      parts_->turns_.ended(f, monotonic_ms());
       f->state = FILTER_STOPPED;
+    }
   }
 }
 

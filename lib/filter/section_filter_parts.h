@@ -12,6 +12,7 @@
 #include "filter/demux.h"
 #include "filter/filter_activity.h"
 #include "filter/filter_options.h"
+#include "filter/filter_turns.h"
 #include "filter/lost_sections.h"
 #include "filter/section_filter.h"
 
@@ -50,6 +51,9 @@ class Section_filter::Parts {
 
   // How many filters were given up since the last remove_all() because the device could not be opened. Any-thread.
   int dropped() const;
+
+  // The PIDs whose PMT was given up since the last call, or remove_all(). Any-thread.
+  std::vector<int> take_given_up();
 
   // Replaces the options, which are those of Filter_options{} at first. Before-start: before the first filter.
   void configure(const Filter_options& options);
@@ -91,6 +95,10 @@ class Section_filter::Parts {
   int free_slots(Matches matches, Announce announce);
   bool open(dvb_filter_desc* f);
   void run(dvb_filter_desc* f);
+  void give_up_hopeless();
+  // Hands the handles of filters whose turn is over to those that have none.
+  void take_turns();
+  void hand_over(dvb_filter_desc* from, dvb_filter_desc* to);
   unsigned read_section(dvb_filter_desc* f, char* buf);
   void close_handles();
 
@@ -115,5 +123,7 @@ class Section_filter::Parts {
   };
   Counts counts_;
   int dropped_ = 0;
-  std::vector<Loss> losses_;  // by PID
+  Filter_turns turns_;
+  std::vector<int> given_up_;  // PIDs
+  std::vector<Loss> losses_;   // by PID
 };

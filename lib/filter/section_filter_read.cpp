@@ -12,6 +12,7 @@
 
 #include "base/ids.h"
 #include "base/log.h"
+#include "base/monotonic.h"
 #include "filter/section_filter_parts.h"
 
 namespace {
@@ -162,6 +163,8 @@ unsigned Section_filter::Parts::read_section(dvb_filter_desc* f, char* buf) {
   if (crc == 0)
     return static_cast<unsigned>(size);
   count_broken(f->pid);
+  if (turns_.on() && Filter_turns::has_turns(f))
+    turns_.note_sign_of_life(monotonic_ms());
   if (demux_.options().check_crc) {
     KLOG(VERB_WARNING, "WARNING: Section of PID %x, table %x dropped, its CRC is wrong\n",
          static_cast<unsigned>(f->pid), tid);

@@ -4,6 +4,7 @@
 list(APPEND KELVO_SOURCES
   filter/crc32.cpp
   filter/demux.cpp
+  filter/filter_turns.cpp
   filter/section_filter.cpp
   filter/section_filter_demux.cpp
   filter/section_filter_read.cpp

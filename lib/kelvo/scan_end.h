@@ -14,7 +14,7 @@
 // How a scan ended.
 enum : int {
   SCAN_COMPLETE = 0,     // every table that it waited for has been read
-  SCAN_TIMED_OUT = 1,    // 40 s were over first: `missing` has what never came
+  SCAN_TIMED_OUT = 1,    // 40 s were over first, or PMTs were given up before: `missing` has what never came
   SCAN_NO_STREAM = 2,    // DVB-H, or no section within 6 s of a request without a channel
   SCAN_NO_DEMUX = 3,     // a filter could not be set: the demultiplexer could not be opened
   SCAN_REPLACED = 4,     // another request, or one that failed to tune, took its filters away
@@ -25,6 +25,7 @@ enum : int {
 struct Missing_table {
   int pid;
   int table_id;
+  int service_id = -1;  // of a PMT: whose. An entry for each, where the profile reads tables whole; else -1
 };
 
 // The end of one scan, which began with a request or a rescan: a full one from the PAT on (stage SCAN_PAT), or of the

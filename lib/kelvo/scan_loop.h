@@ -74,6 +74,7 @@ class Scan_loop {
   void begin_scan();
   void end_scan(int outcome);
   void note_missing_tables();
+  void note_missing_table(int pid, int table_id);
 
   // The tuned frequency in Hz; without a tuner the one asked for.
   int freq();
@@ -95,7 +96,8 @@ class Scan_loop {
   Scan_end scan_;  // the scan under way
   int merge_tries_ = 0;
   bool scan_open_ = false;
-  int dropped_before_ = 0;  // filters given up since the request when the scan began
+  std::vector<int> given_up_;  // PIDs of PMTs
+  int dropped_before_ = 0;     // filters given up since the request when the scan began
   bool scan_applied_ = false;
   bool eit_restarted_ = false;
   bool device_lost_ = false;

@@ -45,6 +45,8 @@ void Scan_loop::finish_scan(bool timed_out) {
     KLOG(VERB_WARNING, "WARNING: mode %d scan timed out for frequency %d\n", scan_mode_, scanned_freq);
     filter_.print_filter_list();
   }
+  for (const int pid : filter_.parts().take_given_up())
+    given_up_.push_back(pid);
   const int outcome = how_it_ended(timed_out);
   if (outcome == SCAN_TIMED_OUT)
     note_missing_tables();
@@ -94,7 +96,9 @@ int Scan_loop::how_it_ended(bool timed_out) {
   if (timed_out)
     return SCAN_TIMED_OUT;
   // A filter that was given up is gone from the list, which looks as if its table had been read.
-  return filter_.parts().dropped() > dropped_before_ ? SCAN_NO_DEMUX : SCAN_COMPLETE;
+  if (filter_.parts().dropped() > dropped_before_)
+    return SCAN_NO_DEMUX;
+  return given_up_.empty() ? SCAN_COMPLETE : SCAN_TIMED_OUT;
 }
 
 bool Scan_loop::has_news(bool timed_out) {
@@ -161,6 +165,8 @@ void Scan_loop::begin_scan() {
   parser_.parts().begin_network();
   kelvo_.database.parts().errors.watch(kelvo_.adapter);
   dropped_before_ = filter_.parts().dropped();
+  (void)filter_.parts().take_given_up();  // of no scan
+  given_up_.clear();
   scan_open_ = true;
 }
 
@@ -178,15 +184,26 @@ void Scan_loop::end_scan(int outcome) {
   kelvo_.listeners.tell(scan_);
 }
 
+void Scan_loop::note_missing_table(int pid, int table_id) {
+  const std::vector<int> services =
+      table_id == table::PMT ? parser_.parts().services_awaited_on(pid) : std::vector<int>{};
+  for (const int service_id : services)
+    scan_.missing.push_back({pid, table_id, service_id});
+  if (services.empty())
+    scan_.missing.push_back({pid, table_id});
+}
+
 void Scan_loop::note_missing_tables() {
   scan_.missing.clear();  // keeps its room
+  for (const int pid : given_up_)
+    note_missing_table(pid, table::PMT);
   for (const dvb_filter_desc* filter : *filter_.flist()) {
     int pid = 0;
     int tagged_freq = 0;
     filter_.parts().get_tags(filter, &pid, &tagged_freq);
     const int table_id = filter->filter[0];  // written by the worker only
     if (pid != pid::EIT && pid != pid::TIME && filter_.pid_tid_in_list(pid, table_id) != 0)
-      scan_.missing.push_back({pid, table_id});
+      note_missing_table(pid, table_id);
   }
 }
 

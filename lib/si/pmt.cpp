@@ -27,6 +27,10 @@ int Siparse::Parts::parse_section_pmt(ProgramMapSection* section, int pid, int f
   return 0;
 }
 
+std::vector<int> Siparse::Parts::services_awaited_on(int pid) const {
+  return whole_tables_ != nullptr ? whole_tables_->awaited_on(pid) : std::vector<int>{};
+}
+
 // PMTs of known services are read every few seconds: one of the version that was read last changes nothing.
 bool Siparse::Parts::pmt_is_new(int program, int version) {
   SQL_cache* service = guide_.service(program);

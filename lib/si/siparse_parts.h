@@ -98,6 +98,9 @@ class Siparse::Parts {
   // The PID that the PAT names for the NIT, where it is believed.
   int network_pid() const;
 
+  // Whose PMTs are still waited for on a PID; empty where first sections are enough. Worker-only.
+  std::vector<int> services_awaited_on(int pid) const;
+
   // True: of a NIT in several sections all are read, and its filter is closed behind the last one. False at first: one
   // section is all that is read. Before-start: before the first section.
   void set_whole_nit(bool whole) { whole_nit_ = whole; }

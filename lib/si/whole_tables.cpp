@@ -85,3 +85,8 @@ bool Whole_tables::pmt(int pid, int number) {
     pmts_.erase(at);
   return true;
 }
+
+std::vector<int> Whole_tables::awaited_on(int pid) const {
+  const auto at = pmts_.find(pid);
+  return at != pmts_.end() ? std::vector<int>(at->second.begin(), at->second.end()) : std::vector<int>{};
+}

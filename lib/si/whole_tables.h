@@ -54,6 +54,7 @@ class Whole_tables {
   // True when it was waited for; it is not any more then.
   bool pmt(int pid, int number);
   bool awaits_pmt_on(int pid) const { return pmts_.contains(pid); }
+  std::vector<int> awaited_on(int pid) const;
 
  private:
   int transport_stream_id_ = -1;

@@ -55,6 +55,10 @@ class Options_test : public Demux_test {
       texts.push_back(std::to_string(l.pid) + " " + std::to_string(l.overflows) + " " + std::to_string(l.crc_errors));
     return texts;
   }
+  // Until what began before has had a turn of TURN_MS.
+  static void let_turns_end() { std::this_thread::sleep_for(std::chrono::milliseconds(TURN_MS + 1)); }
+  static constexpr int TURN_MS = 5;
+  static constexpr int FOR_EVER_MS = 100000000;
   char buffer[SECTION_BUF_SIZE];
 };
 
@@ -84,6 +88,84 @@ TEST_F(Options_test, a_refused_buffer_is_warned_of_once_and_the_filters_run) {
   EXPECT_EQ(list(), "running 100:2, running 101:2");
   want(0x102);
   EXPECT_EQ(recalculate(1), "");
+}
+
+// --- Turns -----------------------------------------------------------------------------------------------------------
+
+TEST_F(Options_test, pmts_hand_their_handles_on_and_other_tables_keep_theirs) {
+  configure({.pmt_turn_ms = TURN_MS, .pmt_patience_ms = FOR_EVER_MS});
+  want(pid::SDT, table::SDT_ACTUAL);
+  want_each(9);
+  filter.recalculate_filters();
+  const std::string first =
+      "running 11:42, running 100:2, running 101:2, running 102:2, running 103:2, running 104:2, running 105:2, "
+      "running 106:2, wanted 107:2, wanted 108:2";
+  ASSERT_EQ(list(), first);
+  let_turns_end();
+  calls();
+  filter.recalculate_filters();
+  EXPECT_EQ(calls(), "stop 1, set 1, start 1, stop 2, set 2, start 2");
+  EXPECT_EQ(demux.last_filter().pid, 0x108);
+  EXPECT_EQ(list(),
+            "running 11:42, running 107:2, running 108:2, running 102:2, running 103:2, running 104:2, running 105:2, "
+            "running 106:2, wanted 100:2, wanted 101:2");
+  let_turns_end();
+  filter.recalculate_filters();
+  EXPECT_EQ(list(),
+            "running 11:42, running 107:2, running 108:2, running 100:2, running 101:2, running 104:2, running 105:2, "
+            "running 106:2, wanted 102:2, wanted 103:2")
+      << "whoever has had the longest turn goes, whoever has listened least comes";
+}
+
+TEST_F(Options_test, a_table_that_has_no_turns_gets_a_handle_of_a_pmt) {
+  configure({.pmt_turn_ms = TURN_MS, .pmt_patience_ms = FOR_EVER_MS});
+  run_each(8);
+  let_turns_end();
+  want(pid::SDT, table::SDT_ACTUAL);
+  filter.recalculate_filters();
+  let_turns_end();
+  filter.recalculate_filters();
+  EXPECT_EQ(at(0)->pid, pid::SDT);
+  EXPECT_EQ(at(1)->pid, 0x100) << "which takes the next one's";
+}
+
+TEST_F(Options_test, without_turns_who_has_a_handle_keeps_it) {
+  run_each(9);
+  let_turns_end();
+  filter.recalculate_filters();
+  EXPECT_EQ(state(8), FILTER_WANTED);
+  EXPECT_EQ(parts().take_given_up(), std::vector<int>{});
+}
+
+TEST_F(Options_test, pmts_that_do_not_come_are_given_up_and_others_are_waited_for) {
+  configure({.pmt_turn_ms = TURN_MS, .pmt_patience_ms = TURN_MS});
+  want(pid::SDT, table::SDT_ACTUAL);
+  want_each(8);
+  filter.recalculate_filters();
+  ASSERT_EQ(state(8), FILTER_WANTED);
+  let_turns_end();
+  EXPECT_EQ(messages_at(2, [this] { filter.recalculate_filters(); }).substr(0, 31), "No PMT on PID 256: given up\nNo ");
+  EXPECT_EQ(parts().take_given_up(), (std::vector<int>{0x100, 0x101, 0x102, 0x103, 0x104, 0x105, 0x106}));
+  EXPECT_EQ(parts().take_given_up(), std::vector<int>{}) << "each is told once";
+  EXPECT_EQ(state(8), FILTER_RUNNING) << "with a handle that has become free";
+  EXPECT_EQ(state(0), FILTER_RUNNING);
+}
+
+TEST_F(Options_test, pmts_are_waited_for_anew_after_a_sign_of_life_and_only_with_a_handle) {
+  Filter_turns turns;
+  turns.configure({.pmt_turn_ms = 1000, .pmt_patience_ms = 5000});
+  dvb_filter_desc pmt{};
+  pmt.filter[0] = table::PMT;
+  turns.began(&pmt, 10000);
+  EXPECT_FALSE(turns.is_hopeless(&pmt, 14999));
+  EXPECT_TRUE(turns.is_hopeless(&pmt, 15000));
+  turns.note_sign_of_life(14000);
+  EXPECT_FALSE(turns.is_hopeless(&pmt, 18999));
+  turns.ended(&pmt, 16000);
+  EXPECT_EQ(turns.listened_ms(&pmt), 2000);
+  turns.began(&pmt, 30000);
+  EXPECT_FALSE(turns.is_hopeless(&pmt, 32999));
+  EXPECT_TRUE(turns.is_hopeless(&pmt, 33000));
 }
 
 // --- Losses ----------------------------------------------------------------------------------------------------------

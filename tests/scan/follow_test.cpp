@@ -69,6 +69,32 @@ TEST_F(Follow_test, two_programmes_on_a_pid_and_services_without_provider_are_st
             "101|Laine TV||1|1\n102|Luide Film|Luide|1|1\n103|||1|1\n");
 }
 
+// Twelve services whose PMTs never come stand in the PAT before the three that have one.
+TEST_F(Follow_test, pmts_on_air_are_read_however_many_others_never_come) {
+  auto patch = Json::array();
+  for (int i = 0; i < 12; ++i)
+    patch.push_back({{"op", "add"},
+                     {"path", "/services/0"},
+                     {"value", {{"service_id", 200 + i}, {"name", "Tumm"}, {"provider", "Vaikus"}, {"pmt", false}}}});
+  const char* const described =
+      "SELECT pat_prnr FROM kanalid k WHERE scan_state = 1 AND (SELECT count(*) FROM estreams e WHERE e.channel = "
+      "k.channel) > 0 ORDER BY pat_prnr";
+  const Scan_run scanned =
+      run(on_freq(stream(patch)),
+          "any_linux; verbosity 2; kelvo 0 tuner; freq 0 506000000; wait_done 0 100; verbosity 0", 10);
+  EXPECT_EQ(sql(described), "101\n102\n103\n");
+  EXPECT_EQ(sql("SELECT count(*) FROM kanalid WHERE serv_name = 'Tumm' AND scan_state = 0 AND row_status = 2"), "12\n");
+  EXPECT_EQ(scanned.count_err("No PMT on PID"), 12U) << scanned.err;
+  EXPECT_EQ(scanned.count_err("timed out for frequency"), 0U) << "before the 40 s of the scan are over";
+}
+
+TEST_F(Follow_test, the_box_waits_for_pmts_that_never_come) {
+  const Scan_run scanned = run(on_freq(stream(R"([{ "op": "add", "path": "/services/1/pmt", "value": false }])"_json)),
+                               "verbosity 2; " + SCAN_ONCE + "verbosity 0", 40);
+  EXPECT_EQ(scanned.count_err("No PMT on PID"), 0U);
+  EXPECT_EQ(scanned.count_err("timed out for frequency"), 1U);
+}
+
 // Recorded multiplexes. What is expected was read from the bytes of their PAT, SDT and NIT by another program.
 struct Recorded {
   const char* file;

@@ -140,6 +140,17 @@ TEST_F(Scan, says_when_a_table_never_came) {
               ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"));
 }
 
+TEST_F(Scan, says_whose_pmts_never_came) {
+  const Words without_pmt = joined({network("x40"), {"--section", "256/2=silence"}});
+  EXPECT_THAT(scan(without_pmt, {"--freq", "522000000", "--profile", "box"}),
+              ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"));
+  EXPECT_THAT(scan(without_pmt, {"--freq", "522000000"}),
+              ends(0, _, "[1/1] 522.000 MHz: locked; the PMT of 1 service did not come, 8 services, #.# s\n"));
+  const Words without_two = joined({without_pmt, {"--section", "272/2=silence"}});
+  EXPECT_THAT(scan(without_two, {"--freq", "522000000"}),
+              ends(0, _, "[1/1] 522.000 MHz: locked; the PMTs of 2 services did not come, 8 services, #.# s\n"));
+}
+
 TEST_F(Scan, adapters_share_the_list) {
   Words adapters{"--time", "x10"};
   for (const char* number : {"0", "1", "2", "3"})

@@ -93,6 +93,7 @@ void Scan_job::work(Adapter& adapter, const Tuning_request& request) {
   result.outcome = outcome_of(answer);
   result.tuning = answer.tuning;
   result.lost = answer.end.lost;
+  result.missing = answer.end.missing;
   // A reading of the frequency before says nothing about this one.
   if (answer.signal.age_ms >= 0 && std::chrono::milliseconds(answer.signal.age_ms) < took) {
     result.signal = answer.signal;

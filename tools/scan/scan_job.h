@@ -33,6 +33,7 @@ struct Multiplex_result {
   Signal_readings signal;  // at the end; empty when it was not read meanwhile
   Tuning_result tuning;
   std::vector<Lost_sections> lost;
+  std::vector<Missing_table> missing;  // where it timed out
 };
 
 // What adapters do for `kelvo scan`: one scan of each frequency. Any thread.

@@ -15,12 +15,23 @@
 
 namespace {
 
+// "locked; the PMTs of 3 services did not come": where nothing else is missing, everything but their streams is known.
+std::string missing_text(const Multiplex_result& result) {
+  const auto is_pmt_of_one = [](const Missing_table& missing) { return missing.service_id >= 0; };
+  if (result.missing.empty() || !std::all_of(result.missing.begin(), result.missing.end(), is_pmt_of_one)) {
+    return "timed out: not all tables came";
+  }
+  const size_t count = result.missing.size();
+  return locked_text(result.tuning) + (count == 1 ? "; the PMT of 1 service did not come"
+                                                  : fmt::format("; the PMTs of {} services did not come", count));
+}
+
 std::string outcome_text(const Multiplex_result& result) {
   switch (result.outcome) {
     case Outcome::LOCKED:
       return locked_text(result.tuning);
     case Outcome::TIMED_OUT:
-      return "timed out: not all tables came";
+      return missing_text(result);
     case Outcome::NO_DEMUX:
       return "the demultiplexer cannot be used";
     case Outcome::NO_STREAM:

@@ -23,7 +23,7 @@ help:
 	@echo "make fuzz      a minute of fuzzing of everything that comes off the air"
 	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
-	@echo "make cross     build for the set-top box, 32-bit MIPS"
+	@echo "make cross     build for the set-top box, and run all tests for 32-bit MIPS and a big-endian machine"
 	@echo "make clean     remove everything built"
 	@echo
 	@echo "Missing Debian packages are installed first (with sudo when not root); scripts/packages.txt lists them."
@@ -70,10 +70,11 @@ soak: packages-build+test+bench
 	@bench/soak build/release
 
 cross: packages-build+cross
-	@scripts/mipsel-root
+	@scripts/cross-root mipsel s390x
 	@cmake --preset mipsel
 	@cmake --build --preset mipsel -j$(JOBS)
 	@scripts/check-cross build/mipsel
+	@JOBS=$(JOBS) TEST_JOBS=$(TEST_JOBS) scripts/test-foreign mipsel s390x
 
 clean:
 	@rm -rf build

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 list(APPEND KELVO_SOURCES
+  base/lock_order.cpp
   base/log.cpp
   base/polled_timer.cpp
   base/receiver_profile.cpp

@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include "base/lock_order.h"
+
 namespace sdbl {
 
 namespace {
@@ -14,9 +16,12 @@ constexpr int TRIES = 20;
 constexpr int PAUSE_MS = 5;
 
 bool enter(sqlite3_mutex* mutex) {
+  lock_order::take(Lock_rank::CONNECTION, mutex, "connection");
   for (int tried = 1; sqlite3_mutex_try(mutex) != SQLITE_OK; ++tried) {
-    if (tried == TRIES)
+    if (tried == TRIES) {
+      lock_order::give(mutex);
       return false;
+    }
     (void)usleep(PAUSE_MS * 1000);  // a shorter pause is as good
   }
   return true;
@@ -36,6 +41,7 @@ At_once::~At_once() {
     return;
   (void)sqlite3_busy_timeout(conn_, SQL_TIMEOUT_MS);
   sqlite3_mutex_leave(sqlite3_db_mutex(conn_));
+  lock_order::give(sqlite3_db_mutex(conn_));
 }
 
 bool At_once::can_read() {

@@ -8,10 +8,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "base/mutex.h"
 
 namespace sdbl {
 
@@ -42,8 +43,9 @@ class Connection {
   // Keeps the present connection until the end, because another thread may still use it, although a new one is opened.
   void keep_replaced() { replaced_.push_back(conn_); }
 
-  std::mutex open_lock;    // held while the connection is opened or closed
-  std::mutex second_lock;  // held by the writers that insert several rows or ask for the row's number
+  Mutex open_lock{Lock_rank::OPENING, "opening"};  // held while the connection is opened or closed
+  // Held by the writers that insert several rows or ask for the row's number.
+  Mutex second_lock{Lock_rank::WRITING, "writers"};
 
  private:
   std::string db_name_;
@@ -57,6 +59,9 @@ class Connection {
 class Db_lock {
  public:
   explicit Db_lock(sqlite3* conn) : mutex_(conn != nullptr ? sqlite3_db_mutex(conn) : nullptr) {
+    if (mutex_ == nullptr)
+      return;
+    lock_order::take(Lock_rank::CONNECTION, mutex_, "connection");
     sqlite3_mutex_enter(mutex_);
   }
   explicit Db_lock(const Connection& connection) : Db_lock(connection.get()) {}
@@ -64,7 +69,12 @@ class Db_lock {
   Db_lock(const Db_lock&) = delete;
   Db_lock& operator=(const Db_lock&) = delete;
 
-  void release() { sqlite3_mutex_leave(std::exchange(mutex_, nullptr)); }
+  void release() {
+    if (mutex_ == nullptr)
+      return;
+    sqlite3_mutex_leave(mutex_);
+    lock_order::give(std::exchange(mutex_, nullptr));
+  }
 
  private:
   sqlite3_mutex* mutex_;  // null is allowed, and nothing is locked

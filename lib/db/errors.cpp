@@ -81,31 +81,31 @@ void Errors::remember(const Database_error& error) {
     if (error.guide_full && first->code == error.code && std::strcmp(first->operation, error.operation) == 0)
       first->guide_full = true;
   };
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   keep_first(&first_);
   for (Database_error& first : first_of_adapter_)
     keep_first(&first);
 }
 
 bool Errors::first(Database_error* error) const {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   *error = first_;
   return first_.code != 0;
 }
 
 void Errors::forget() {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   first_ = Database_error{};
 }
 
 bool Errors::first_since_watch(int adapter, Database_error* error) const {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   *error = adapter >= 0 && adapter < ADAPTERS ? first_of_adapter_[adapter] : Database_error{};
   return error->code != 0;
 }
 
 void Errors::watch(int adapter) {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   if (adapter >= 0 && adapter < ADAPTERS)
     first_of_adapter_[adapter] = Database_error{};
 }

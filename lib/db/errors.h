@@ -3,8 +3,7 @@
 
 #pragma once
 
-#include <mutex>
-
+#include "base/mutex.h"
 #include "db/database_error.h"
 
 namespace sdbl {
@@ -48,7 +47,8 @@ class Errors {
 
   static constexpr int ADAPTERS = 4;
 
-  mutable std::mutex lock_;  // guards what follows; nothing else is locked while it is held
+  // Guards what follows; nothing else is locked while it is held.
+  mutable Mutex lock_{Lock_rank::DATABASE_LEAF, "first failures"};
   Database_error first_;
   Database_error first_of_adapter_[ADAPTERS];
 };

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "base/log.h"
+#include "base/mutex.h"
 #include "db/export_file.h"
 #include "db/no_file_error.h"
 #include "db/shell_files.h"
@@ -26,7 +27,7 @@ timespec now() {
 
 // Held for the time of an export. One for all databases of the process, whose exports may share their names; the
 // connection's mutex is taken while it is held.
-std::mutex exporting;
+Mutex exporting{Lock_rank::EXPORTING, "exports"};
 
 // What is damaged by a crash is made anew.
 void set_up_copy(sqlite3* conn) {
@@ -48,7 +49,7 @@ sqlite3_backup* begin_copy(sqlite3* to, sqlite3* from, const char* schema) {
 }  // namespace
 
 void Exports::set_guide_target(const char* file) {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   guide_target_ = file != nullptr ? file : "";
 }
 
@@ -73,10 +74,10 @@ bool Exports::copy_guide(sqlite3* to) {
 }
 
 void Exports::export_guide() {
-  std::lock_guard<std::mutex> one(exporting);
+  std::lock_guard<Mutex> one(exporting);
   std::string backup_file_name;
   {
-    std::lock_guard<std::mutex> lock(lock_);
+    std::lock_guard<Mutex> lock(lock_);
     backup_file_name = guide_target_;
   }
   if (backup_file_name.empty()) {
@@ -109,7 +110,7 @@ void Exports::export_guide() {
 }
 
 void Exports::export_channels(const char* file) {
-  std::lock_guard<std::mutex> one(exporting);
+  std::lock_guard<Mutex> one(exporting);
   KLOG(VERB_WARNING, "WARNING: Exporting channel data to to %s ", file);
   const timespec start = now();
   // Deliberate: the temporary file is named after the original, not after `file`.

@@ -3,9 +3,9 @@
 
 #pragma once
 
-#include <mutex>
 #include <string>
 
+#include "base/mutex.h"
 #include "db/guide_room.h"
 #include "db/one_shot.h"
 
@@ -29,7 +29,7 @@ class Exports {
   One_shot& sql_;
   Guide_room& room_;
 
-  std::mutex lock_;  // guards the name
+  Mutex lock_{Lock_rank::DATABASE_LEAF, "name of exports"};  // guards the name
   std::string guide_target_;
 };
 

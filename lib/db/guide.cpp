@@ -72,7 +72,7 @@ int Guide::eit_for_service(const Event_row& event, int freq, Event_cache::Events
                          known);
   }
 
-  std::lock_guard<std::mutex> writing(connection_.second_lock);
+  std::lock_guard<Mutex> writing(connection_.second_lock);
   // Deliberate: the texts of the event that is replaced stay.
   if (replace)
     KLOG(VERB_WARNING, "WARNING: Replacing event id channel %d, ymd_bcd %x, hms_bcd %x\n", event.channel,

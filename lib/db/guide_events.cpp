@@ -105,7 +105,7 @@ std::vector<Guide_row> Guide_events::rows(int channel) {
 }
 
 Guide_events::Applied Guide_events::apply(const std::vector<int>& removed, std::vector<Guide_write>* writes) {
-  const std::lock_guard<std::mutex> writing(connection_.second_lock);
+  const std::lock_guard<Mutex> writing(connection_.second_lock);
   Db_lock lock(connection_);
   const int rc = apply_all(removed, writes);
   const bool failed_before = std::exchange(failed_, !sql_ok(rc));

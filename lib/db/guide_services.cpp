@@ -47,7 +47,7 @@ void Guide_services::set_types(const int* types, int n) {
     }
     sql += ");";
   }
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   sql_ = std::move(sql);
 }
 
@@ -72,7 +72,7 @@ std::vector<Guide_service> Guide_services::list(int dvbnr, const Multiplex& mult
          "table\n");
   std::string sql;
   {
-    std::lock_guard<std::mutex> lock(lock_);
+    std::lock_guard<Mutex> lock(lock_);
     sql = sql_;
   }
   std::vector<Guide_service> services;

@@ -3,11 +3,11 @@
 
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "base/types.h"
 #include "db/statements.h"
 
@@ -44,8 +44,8 @@ class Guide_services {
   std::vector<EPG_cache*> stored_events(int dvbnr, int channel) const;
 
   const Statements& statements_;
-  mutable std::mutex lock_;  // guards the text
-  std::string sql_;          // the query, with the types in it
+  mutable Mutex lock_{Lock_rank::DATABASE_LEAF, "types of the guide"};  // guards the text
+  std::string sql_;                                                     // the query, with the types in it
 };
 
 }  // namespace sdbl

@@ -99,7 +99,7 @@ void Opening::open() {
   }
   KLOG(VERB_TRACE, "Opendb ");
   {
-    std::lock_guard<std::mutex> opening(connection_.open_lock);
+    std::lock_guard<Mutex> opening(connection_.open_lock);
     const char* file = connection_.db_name().c_str();
     sqlite3* conn = nullptr;
     if (sqlite3_open_v2(file, &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
@@ -123,7 +123,7 @@ void Opening::close() {
   }
   KLOG(VERB_TRACE, "Closing db ");
   {
-    std::lock_guard<std::mutex> closing(connection_.open_lock);
+    std::lock_guard<Mutex> closing(connection_.open_lock);
     while (sqlite3_stmt* stmt = sqlite3_next_stmt(conn, nullptr)) {
       KLOG(VERB_WARNING, "WARNING: Open statement in close db\n");
       (void)sqlite3_finalize(stmt);  // repeats the code of the last step

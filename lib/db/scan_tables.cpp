@@ -74,7 +74,7 @@ int Scan_tables::pmt_channel_number(int dvbnr, const Multiplex& multiplex, int p
 int Scan_tables::pmt_for_service(int dvbnr, int channel, int es_pid, int es_type, int es_subtype, const char* codec,
                                  const char* languages, const char* lang_codes, int ca_sysid, int ca_pid,
                                  std::list<PMT_subtxt_lang*>* subtxt) {
-  std::lock_guard<std::mutex> writing(connection_.second_lock);
+  std::lock_guard<Mutex> writing(connection_.second_lock);
   Insert insert(
       statements_, __func__, dvbnr,
       "INSERT INTO estreams_scan_DVBNR (channel, es_pid, es_type, es_subtype, codec, languages, lang_codes, p1, p2, "

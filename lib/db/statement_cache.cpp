@@ -65,7 +65,7 @@ SQL_query* Statement_cache::lookup(const char* operation, int instance, const ch
   SQL_query* query = nullptr;
   {
     const size_t length = std::strlen(sql);
-    std::lock_guard<std::mutex> cache(lock_);
+    std::lock_guard<Mutex> cache(lock_);
     for (SQL_query* candidate : queries_) {
       if (candidate->sql.size() == length && std::memcmp(candidate->sql.data(), sql, length) == 0) {
         query = candidate;
@@ -165,7 +165,7 @@ int Statement_cache::run(const char* operation, sqlite3_stmt* stmt, const char* 
 
 void Statement_cache::reset() {
   Db_lock lock(connection_);
-  std::lock_guard<std::mutex> cache(lock_);
+  std::lock_guard<Mutex> cache(lock_);
   // Deliberate: statements of instance 3 are left alone, here and in free().
   for (const SQL_query* query : queries_)
     for (int instance = 0; instance < SQL_INSTANCES - 1; ++instance)
@@ -176,7 +176,7 @@ void Statement_cache::free() {
   Db_lock in_use(connection_);  // no statement of the library's is, then
   std::vector<SQL_query*> freed;
   {
-    std::lock_guard<std::mutex> cache(lock_);
+    std::lock_guard<Mutex> cache(lock_);
     freed.swap(queries_);
   }
   for (SQL_query* query : freed) {
@@ -187,7 +187,7 @@ void Statement_cache::free() {
 }
 
 void Statement_cache::forget() {
-  std::lock_guard<std::mutex> cache(lock_);
+  std::lock_guard<Mutex> cache(lock_);
   for (SQL_query* query : queries_)
     for (sqlite3_stmt*& stmt : query->stmt)
       stmt = nullptr;

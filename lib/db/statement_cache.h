@@ -6,11 +6,11 @@
 #include <cstdarg>
 #include <cstdint>
 #include <initializer_list>
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "db/connection.h"
 #include "db/errors.h"
 #include "db/sql_query.h"
@@ -70,7 +70,8 @@ class Statement_cache {
 
   const Connection& connection_;
   Errors& errors_;
-  std::mutex lock_;  // guards the vector; nothing else is locked while it is held
+  // Guards the vector; nothing else is locked while it is held.
+  Mutex lock_{Lock_rank::DATABASE_LEAF, "compiled statements"};
   std::vector<SQL_query*> queries_;
 };
 

@@ -149,7 +149,7 @@ int Tuner_table::fill_at_once(const Multiplex& multiplex, dvb_frontend_parameter
     read_all();
     return fill_frontend_control(multiplex, out);
   }
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   const auto line = lines_.find(key_asked(multiplex));
   if (line != lines_.end()) {
     fill_from_line(line->second.c_str(), out);
@@ -168,7 +168,7 @@ void Tuner_table::remember() {
 }
 
 void Tuner_table::remember(const Key& key, const std::string& line) {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   lines_[key] = line;
 }
 
@@ -188,7 +188,7 @@ void Tuner_table::read_all() {
   (void)sqlite3_finalize(rows);  // repeats the step's code
   if (rc != SQLITE_DONE)
     return;
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   lines_.swap(lines);
   all_read_ = true;
 }

@@ -4,11 +4,11 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <tuple>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "db/statements.h"
 
 struct dvb_frontend_parameters;
@@ -52,7 +52,7 @@ class Tuner_table {
   const Connection& connection_;
   const Statements& statements_;
 
-  std::mutex lock_;  // guards the following; a leaf
+  Mutex lock_{Lock_rank::DATABASE_LEAF, "tuner lines as read last"};  // guards the following; a leaf
   bool all_read_ = false;
   std::map<Key, std::string> lines_;
 };

@@ -98,7 +98,7 @@ Tuning_table::Key Tuning_table::key_of(const Input& input, int freq) {
 
 std::optional<Stored_tuning> Tuning_table::find_at_once(const Multiplex& key) {
   {
-    const std::lock_guard<std::mutex> lock(lock_);
+    const std::lock_guard<Mutex> lock(lock_);
     if (const auto newer = unsaved_.find(key_of(key.input, key.freq)); newer != unsaved_.end())
       return newer->second;
   }
@@ -107,7 +107,7 @@ std::optional<Stored_tuning> Tuning_table::find_at_once(const Multiplex& key) {
     read_all();
     return find(key);
   }
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   const auto known = read_.find(key_of(key.input, key.freq));
   return known != read_.end() ? std::optional(known->second) : std::nullopt;
 }
@@ -118,7 +118,7 @@ void Tuning_table::store_at_once(const Input& input, const Stored_tuning& tuning
     return;
   }
   {
-    const std::lock_guard<std::mutex> lock(lock_);
+    const std::lock_guard<Mutex> lock(lock_);
     unsaved_[key_of(input, tuning.freq)] = tuning;
   }
   save_at_once();
@@ -127,13 +127,13 @@ void Tuning_table::store_at_once(const Input& input, const Stored_tuning& tuning
 void Tuning_table::save_at_once() {
   std::map<Key, Stored_tuning> waiting;
   {
-    const std::lock_guard<std::mutex> lock(lock_);
+    const std::lock_guard<Mutex> lock(lock_);
     waiting = unsaved_;
   }
   for (const auto& [key, tuning] : waiting) {
     if (!write_at_once(key, tuning))
       return;
-    const std::lock_guard<std::mutex> lock(lock_);
+    const std::lock_guard<Mutex> lock(lock_);
     const auto written = unsaved_.find(key);
     // A newer one may have come meanwhile.
     if (written != unsaved_.end() && written->second == tuning)
@@ -188,7 +188,7 @@ void Tuning_table::read_all() {
       all[{tuning.freq, number(8), number(9)}] = tuning;
   }
   (void)sqlite3_finalize(rows);  // repeats the step's code
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   if (rc == SQLITE_DONE)
     read_.swap(all);
 }

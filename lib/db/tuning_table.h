@@ -4,12 +4,12 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <tuple>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "db/schema.h"
 #include "db/statements.h"
 #include "db/stored_tuning.h"
@@ -55,7 +55,7 @@ class Tuning_table {
   const Statements& statements_;
   Schema& schema_;
 
-  std::mutex lock_;  // guards the following; a leaf
+  Mutex lock_{Lock_rank::DATABASE_LEAF, "tunings as read last"};  // guards the following; a leaf
   std::map<Key, Stored_tuning> read_;
   std::map<Key, Stored_tuning> unsaved_;
 };

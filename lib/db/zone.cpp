@@ -98,7 +98,7 @@ Zone_outcome make_zone(const std::string& network, int offset_min, const char* z
 }  // namespace
 
 void Zone::set_preferred_provider(const char* name) {
-  std::lock_guard<std::mutex> lock(lock_);
+  std::lock_guard<Mutex> lock(lock_);
   preferred_provider_ = name != nullptr ? name : "";
 }
 
@@ -114,7 +114,7 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
   rows.end();
   std::string preferred_provider;
   {
-    std::lock_guard<std::mutex> lock(lock_);
+    std::lock_guard<Mutex> lock(lock_);
     preferred_provider = preferred_provider_;
   }
   KLOG(VERB_WARNING, "WARNING: Checking mux %d provider %s = timezone %s\n", multiplex.freq, network.c_str(),

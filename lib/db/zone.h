@@ -4,10 +4,10 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "db/statements.h"
 
 namespace sdbl {
@@ -38,7 +38,7 @@ class Zone {
 
  private:
   const Statements& statements_;
-  std::mutex lock_;  // guards the name
+  Mutex lock_{Lock_rank::DATABASE_LEAF, "name of the zone"};  // guards the name
   std::string preferred_provider_ = "levira";
 };
 

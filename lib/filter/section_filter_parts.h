@@ -5,9 +5,9 @@
 
 #include <cstdint>
 #include <list>
-#include <mutex>
 #include <vector>
 
+#include "base/mutex.h"
 #include "base/wake_up.h"
 #include "filter/demux.h"
 #include "filter/filter_activity.h"
@@ -111,7 +111,8 @@ class Section_filter::Parts {
   void count_overflow(int pid);
   void count_broken(int pid);
 
-  mutable std::mutex mutex_;           // guards everything below but wake_up_ and whether the device has gone
+  // Guards everything below but wake_up_ and whether the device has gone.
+  mutable Mutex mutex_{Lock_rank::ALONE, "filters"};
   std::list<dvb_filter_desc*> slots_;  // owned
   Demux demux_;
   Filter_activity activity_;

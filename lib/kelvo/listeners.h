@@ -3,8 +3,7 @@
 
 #pragma once
 
-#include <mutex>
-
+#include "base/mutex.h"
 #include "kelvo/kelvo.h"
 
 // Who is told what the worker of a Kelvo does. Any-thread. No lock is held while a listener runs.
@@ -21,7 +20,7 @@ class Listeners {
   Activity_listener activity() const;
 
  private:
-  mutable std::mutex lock_;  // guards everything; a leaf
+  mutable Mutex lock_{Lock_rank::ALONE, "listeners"};  // guards everything; a leaf
   Kelvo::scan_listener_t scan_ = nullptr;
   void* scan_data_ = nullptr;  // not owned
   Kelvo::device_listener_t device_ = nullptr;

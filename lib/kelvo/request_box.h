@@ -5,9 +5,9 @@
 
 #include <atomic>
 #include <list>
-#include <mutex>
 #include <string>
 
+#include "base/mutex.h"
 #include "kelvo/kelvo.h"
 
 // A host's request for a scan.
@@ -72,7 +72,7 @@ class Request_box {
   std::atomic<bool> scan_requested{false};  // by set_scan() or by a request
 
  private:
-  mutable std::mutex lock_;  // guards the request and the exports; a leaf
+  mutable Mutex lock_{Lock_rank::ALONE, "requests"};  // guards the request and the exports; a leaf
   bool pending_ = false;
   Request request_;
   std::list<Export_request> exports_;

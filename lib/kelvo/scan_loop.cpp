@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/ids.h"
+#include "base/lock_order.h"
 #include "base/log.h"
 #include "base/uninterrupted.h"
 #include "filter/section_filter_parts.h"
@@ -93,11 +94,13 @@ void Scan_loop::arm_timers() {
 }
 
 void Scan_loop::tell_change(int code) {
+  lock_order::hold_none("change callback");
   if (kelvo_.change_callback != nullptr)
     kelvo_.change_callback(code);
 }
 
 void Scan_loop::tell_host(int result) {
+  lock_order::hold_none("request callback");
   if (request_.data != nullptr && request_.done != nullptr)
     request_.done(request_.data, result);
 }

@@ -6,7 +6,7 @@
 #include <utility>
 
 bool Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   if (tuner_ != nullptr)
     return false;
   tuner_ = std::move(tuner);
@@ -14,7 +14,7 @@ bool Tuner_slot::put(std::unique_ptr<Tuner>& tuner) {
 }
 
 std::unique_ptr<Tuner> Tuner_slot::take() {
-  std::unique_lock<std::mutex> lock(lock_);
+  std::unique_lock<Mutex> lock(lock_);
   std::unique_ptr<Tuner> tuner = std::move(tuner_);
   // Users find the slot empty from now on, so the wait ends however busy they are.
   unused_.wait(lock, [this] { return users_ == 0; });
@@ -22,19 +22,19 @@ std::unique_ptr<Tuner> Tuner_slot::take() {
 }
 
 bool Tuner_slot::empty() {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   return tuner_ == nullptr;
 }
 
 Tuner* Tuner_slot::enter() {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   if (tuner_ != nullptr)
     ++users_;
   return tuner_.get();
 }
 
 void Tuner_slot::leave() {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   if (--users_ == 0)
     unused_.notify_all();
 }

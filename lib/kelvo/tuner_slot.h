@@ -5,9 +5,9 @@
 
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <utility>
 
+#include "base/mutex.h"
 #include "tuner/tuner.h"
 
 // Where a Kelvo keeps its tuner, so that it can be taken away while other threads work with it. Any-thread.
@@ -49,8 +49,8 @@ class Tuner_slot {
   Tuner* enter();
   void leave();
 
-  std::mutex lock_;
-  std::condition_variable unused_;
+  Mutex lock_{Lock_rank::ALONE, "tuner slot"};
+  std::condition_variable_any unused_;
   int users_ = 0;
   std::unique_ptr<Tuner> tuner_;
 };

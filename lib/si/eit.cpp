@@ -7,6 +7,7 @@
 #include <dvbsi++/event_information_section.h>
 
 #include "base/ids.h"
+#include "base/lock_order.h"
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter_parts.h"
@@ -49,16 +50,17 @@ void Siparse::Parts::start_guide_by_table(int freq) {
 
 void Siparse::Parts::set_guide_listener(void (*listener)(void* data, const std::vector<Guide_change>& changes),
                                         void* data) {
-  const std::lock_guard<std::mutex> lock(listener_lock_);
+  const std::lock_guard<Mutex> lock(listener_lock_);
   guide_listener_ = {listener, data};
 }
 
 void Siparse::Parts::tell(const std::vector<Guide_change>& changes) {
   Guide_listener listener;
   {
-    const std::lock_guard<std::mutex> lock(listener_lock_);
+    const std::lock_guard<Mutex> lock(listener_lock_);
     listener = guide_listener_;
   }
+  lock_order::hold_none("listener");
   if (listener.call != nullptr)
     listener.call(listener.data, changes);
 }

@@ -249,11 +249,11 @@ void Guide_round::publish() {
     progress_[i].active = services_[i].active && !ended_;
     progress_[i].done = services_[i].done || ended_;
   }
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   published_ = progress_;
 }
 
 void Guide_round::progress(std::vector<EIT_progress>* progress) const {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   *progress = published_;
 }

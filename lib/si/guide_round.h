@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "base/types.h"
 #include "db/sql_cache.h"
 #include "si/eit_progress.h"
@@ -108,8 +108,8 @@ class Guide_round {
   bool seen_once_ = false;
   bool ended_ = false;  // the last table has been closed
 
-  std::vector<EIT_progress> progress_;  // the worker's, one entry a service
-  bool changed_ = false;                // since the last publish()
-  mutable std::mutex lock_;             // guards published_; a leaf
+  std::vector<EIT_progress> progress_;                             // the worker's, one entry a service
+  bool changed_ = false;                                           // since the last publish()
+  mutable Mutex lock_{Lock_rank::ALONE, "progress of the guide"};  // guards published_; a leaf
   std::vector<EIT_progress> published_;
 };

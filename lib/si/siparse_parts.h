@@ -6,12 +6,12 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "base/receiver_profile.h"
 #include "db/scan_details.h"
 #include "si/broadcast_time.h"
@@ -227,7 +227,7 @@ class Siparse::Parts {
   int eit_mismatches_ = 0;  // sections of another table of the guide than the one that is read
   std::atomic<int> eit_stored_ = 0;
 
-  std::mutex listener_lock_;  // guards the listeners; a leaf
+  Mutex listener_lock_{Lock_rank::ALONE, "listeners of sections"};  // guards the listeners; a leaf
   Time_listener listener_;
   Guide_listener guide_listener_;
 

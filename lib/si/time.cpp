@@ -12,6 +12,7 @@
 #include <dvbsi++/time_offset_section.h>
 
 #include "base/ids.h"
+#include "base/lock_order.h"
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
@@ -102,16 +103,17 @@ void Siparse::Parts::set_system_policy(bool set_clock, bool set_zone) {
 }
 
 void Siparse::Parts::set_time_listener(void (*listener)(void* data, const Broadcast_time& time), void* data) {
-  const std::lock_guard<std::mutex> lock(listener_lock_);
+  const std::lock_guard<Mutex> lock(listener_lock_);
   listener_ = {listener, data};
 }
 
 void Siparse::Parts::tell(const Broadcast_time& broadcast) {
   Time_listener listener;
   {
-    const std::lock_guard<std::mutex> lock(listener_lock_);
+    const std::lock_guard<Mutex> lock(listener_lock_);
     listener = listener_;
   }
+  lock_order::hold_none("listener");
   if (listener.call != nullptr)
     listener.call(listener.data, broadcast);
 }

@@ -445,7 +445,7 @@ void Whole_guide_reader::publish() {
     absent.push_back(p.absent && !state.waits);
     awaited.push_back(p.announced);
   }
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   published_ = std::move(all);
   absent_ = std::move(absent);
   awaited_ = std::move(awaited);
@@ -454,7 +454,7 @@ void Whole_guide_reader::publish() {
 
 // Only time tells that something does not come, and nothing may come that would say so: it is looked at here.
 void Whole_guide_reader::progress(std::vector<EIT_progress>* progress) const {
-  const std::lock_guard<std::mutex> lock(lock_);
+  const std::lock_guard<Mutex> lock(lock_);
   *progress = published_;
   if (absent_from_ms_ == 0 || monotonic_ms() < absent_from_ms_)
     return;

@@ -5,11 +5,11 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <span>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "db/guide_events.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
@@ -82,7 +82,7 @@ class Whole_guide_reader : public Guide_reader {
   std::map<int, Channel> channels_;
   std::map<Guide_key, int> channel_of_;  // 0 for a service that the database does not have
 
-  mutable std::mutex lock_;  // guards what follows; a leaf
+  mutable Mutex lock_{Lock_rank::ALONE, "progress of the whole guide"};  // guards what follows; a leaf
   std::vector<EIT_progress> published_;
   std::vector<bool> absent_;   // of these: something may still come
   std::vector<bool> awaited_;  // and was announced

@@ -8,9 +8,9 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <string>
 
+#include "base/mutex.h"
 #include "base/wake_up.h"
 
 class Turn;
@@ -88,8 +88,8 @@ class Device {
   std::atomic<bool> core_answers_{false};  // a reading, since the opening
   std::atomic<bool> core_cured_{false};    // and no reading was answered since
 
-  mutable std::mutex lock_;  // guards the following for moments; a leaf
-  std::condition_variable use_ended_;
+  mutable Mutex lock_{Lock_rank::ALONE, "device"};  // guards the following for moments; a leaf
+  std::condition_variable_any use_ended_;
   bool in_use_ = false;  // by one thread, which alone changes `device_` and may read it without the lock
   int closing_ = 0;      // threads that wait to close it
   int device_ = -1;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "base/lock_order.h"
 #include "base/log.h"
 #include "db/sdbl.h"
 #include "tuner/tuner.h"
@@ -73,6 +74,7 @@ void Signal_monitor::watch_quality(State& state, const Readings::Pass& read) {
 
 void Signal_monitor::send_event(unsigned event) {
   const Event_callback callback = callback_;
+  lock_order::hold_none("event callback");
   if (callback != nullptr && events_enabled_)
     callback(event, nullptr);
 }

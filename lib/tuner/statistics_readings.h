@@ -6,9 +6,9 @@
 #include <linux/dvb/frontend.h>
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 
+#include "base/mutex.h"
 #include "tuner/device.h"
 #include "tuner/readings.h"
 
@@ -49,7 +49,7 @@ class Statistics_readings final : public Readings {
   void read_freq();
 
   Device& device_;
-  mutable std::mutex lock_;  // guards the following; not held while the device is asked
+  mutable Mutex lock_{Lock_rank::ALONE, "last readings"};  // guards the following; not held while the device is asked
   Signal_readings signal_;
   int64_t read_at_ms_ = -1;
   int freq_ = 0;

@@ -5,10 +5,10 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "base/multiplex.h"
+#include "base/mutex.h"
 #include "base/receiver_profile.h"
 #include "tuner/device.h"
 #include "tuner/frontend.h"
@@ -54,7 +54,7 @@ class Tuner::Parts {
   std::atomic<int> last_system{0};  // that locked; 0: none yet
   std::atomic<int> locked_key{0};   // Tuning_result::key of what is locked; 0: nothing
 
-  mutable std::mutex result_lock;  // guards the following; a leaf
+  mutable Mutex result_lock{Lock_rank::ALONE, "last tuning"};  // guards the following; a leaf
   Tuning_result result;
   std::vector<int> systems;  // all that the device receives
 

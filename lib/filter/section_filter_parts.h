@@ -69,6 +69,9 @@ class Section_filter::Parts {
   // How often `pid` lost sections since the construction, in all. Any-thread.
   int losses(int pid) const;
 
+  // Whether a running filter of a PID has a section that can be read without waiting. Worker-only.
+  bool is_ready(int pid) const;
+
   // With watch_device: true since the device was found to have gone (a call says so, its node is
   // not there, or poll says that there are data and there are none), which is one warning. From then on wait_for_data()
   // waits for its time-out or wake(), nothing is opened, asked or read, and recalculate_filters() closes all handles,

@@ -115,6 +115,13 @@ unsigned int Section_filter::get_section_data(dvb_filter_desc* f, char* buf) {
   return parts_->read(f, buf).length;
 }
 
+bool Section_filter::Parts::is_ready(int pid) const {
+  const std::lock_guard lock(mutex_);
+  return std::any_of(slots_.begin(), slots_.end(), [=](const dvb_filter_desc* f) {
+    return f->state == FILTER_RUNNING && f->pid == pid && f->fd >= 0 && f->fd < FD_SETSIZE && readable_within(f->fd, 0);
+  });
+}
+
 Section_filter::Parts::Section Section_filter::Parts::read(dvb_filter_desc* f, char* buf) {
   const std::lock_guard lock(mutex_);
   Section section;

@@ -52,7 +52,7 @@ enum : int {
 //   - `done` may say 0 although nothing was stored (the scan timed out, or the demultiplexer could not be opened): look
 //     into the database.
 //   - The first scan of an empty database collects no events, because the list of services is made when tuning: repeat
-//     the frequency request to fill the guide. With Receiver_profile::Guide::WHOLE it begins behind the first merge.
+//     the frequency request to fill the guide. With Receiver_profile::Guide::WHOLE it is stored behind the first merge.
 //   - While scanning, a file /tmp/testsig with a hexadecimal number is removed and its number handed to the change
 //     callback. A link, or anything else that is no plain file, is left alone.
 //

@@ -61,6 +61,7 @@ void Scan_loop::pass() {
   // started by the next pass.
   const bool scanning = scan_applied_ && requests_.scan_requested;
   if (scanning) {
+    parser_.parts().guide_reader().catch_up();
     send_test_signal();
     if (!complete_scan())
       return;

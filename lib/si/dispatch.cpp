@@ -77,6 +77,7 @@ class Table_by_table : public Guide_reader {
 
   void begin(int) override {}
   void scan_ended(int, bool) override {}
+  void catch_up() override {}
   void start(int freq) override { parser_.start_guide_by_table(freq); }
   void announced(int, bool, bool) override {}
   bool takes(unsigned table_id) const override {

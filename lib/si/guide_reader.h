@@ -22,6 +22,8 @@ class Guide_reader {
   virtual void begin(int freq) = 0;
   // A scan of it has ended, and may have changed its services (`merged`).
   virtual void scan_ended(int freq, bool merged) = 0;
+  // Once a pass, behind the sections: what is to be stored, or could not be yet.
+  virtual void catch_up() = 0;
   // Siparse::start_eit_scan().
   virtual void start(int freq) = 0;
 

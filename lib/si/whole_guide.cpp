@@ -23,7 +23,7 @@ constexpr int MJD_OF_1970 = 40587;
 constexpr int DAY_S = 24 * 60 * 60;
 constexpr unsigned UNDEFINED_BCD = 0xFFFFFF;
 constexpr unsigned UNDEFINED_MJD = 0xFFFF;
-// How often everything has to have come until the past, or a gap, is waited for no more.
+// How often everything has to have come until what may be the past, or a gap, is waited for no more.
 constexpr int ARRIVALS_WITHOUT_PAST = 2;
 constexpr int ARRIVALS_WITH_GAPS = 3;
 constexpr size_t SECTION_COST = 160;
@@ -101,22 +101,28 @@ std::vector<Event_heard> events_of(const uint8_t* bytes, size_t size, int table_
 void Whole_guide::clear() {
   services_.clear();
   shrunk_.clear();
+  repeated_.reset();
   used_ = 0;
   incomplete_ = 0;
   slowest_ms_ = 0;
   begun_ = false;
+  announces_ = false;
   news_ = false;
 }
 
 void Whole_guide::started(int64_t now_ms) {
   begun_ = true;
   begun_ms_ = now_ms;
+  announced_ms_ = now_ms;
   rest_complete_ms_ = now_ms;
 }
 
 void Whole_guide::expect(int service_id, bool present_following, bool schedule) {
   Service& service = services_[{false, 0, 0, service_id}];
-  news_ = news_ || !service.announced || service.present_following != present_following || service.schedule != schedule;
+  const bool is_new =
+      !service.announced || service.present_following != present_following || service.schedule != schedule;
+  announces_ = announces_ || is_new;
+  news_ = news_ || is_new;
   service.announced = true;
   service.present_following = present_following;
   service.schedule = schedule;
@@ -188,7 +194,9 @@ Whole_guide::Take Whole_guide::take(const uint8_t* bytes, size_t size, int64_t n
   used_ += cost(section);
   table.sections.emplace(number, std::move(section));
   drop_what_is_no_more(service, table_id, number, bytes[12], bytes[13]);
-  judge(service.tables[table_id], table_id, *key);
+  judge(service, service.tables[table_id], table_id, *key);
+  if (is_present_following(table_id))
+    judge_again(first_schedule(key->other), key, now_ms);
   note_complete(service, *key, now_ms);
   return Take::NEW;
 }
@@ -214,6 +222,7 @@ void Whole_guide::drop_what_is_no_more(Service& service, int table_id, int numbe
   }
   if (is_present_following(table_id) || last_table < table_id || is_other(last_table) != is_other(table_id))
     return;
+  announces_ = announces_ || last_table > std::max(service.last_table, table_id);
   service.last_table = last_table;
   for (auto at = service.tables.upper_bound(last_table); at != service.tables.end();) {
     const auto gone = at++;
@@ -239,15 +248,58 @@ void Whole_guide::repeat(Service& service, Table& table, int table_id, Section& 
   const bool was_outdated = std::exchange(section.outdated, false);
   if (was_outdated)
     shrunk_.push_back(key);  // others may be hidden by it now
+  const bool is_first = !repeated_[static_cast<size_t>(table_id)];
+  repeated_.set(static_cast<size_t>(table_id));
   if (!table.complete || was_outdated)
-    judge(table, table_id, key);
+    judge(service, table, table_id, key);
+  if (is_first)
+    judge_again(table_id, nullptr, now_ms);
+  if (was_outdated && is_present_following(table_id))
+    judge_again(first_schedule(key.other), &key, now_ms);
   note_complete(service, key, now_ms);
 }
 
+// The latest start of present/following; with one event alone its end. What begins later is to come.
+int64_t Whole_guide::past_until(const Service& service, bool other) {
+  int64_t until = std::numeric_limits<int64_t>::min();
+  const auto table = service.tables.find(other ? table::EIT_PRESENT_FOLLOWING_OTHER : table::EIT_PRESENT_FOLLOWING);
+  if (table == service.tables.end())
+    return until;
+  int events = 0;
+  int64_t end = until;
+  for (const auto& [number, section] : table->second.sections)
+    for (const Event_heard& event : section.events) {
+      if (section.outdated)
+        continue;
+      ++events;
+      until = std::max(until, int64_t{event.start});
+      end = int64_t{event.start} + event.duration;
+    }
+  return events == 1 ? end : until;
+}
+
+// Those that are not complete, when something else has come that may make them so: of one service or of all.
+void Whole_guide::judge_again(int table_id, const Guide_key* only, int64_t now_ms) {
+  for (auto& [key, service] : services_) {
+    const auto table = service.tables.find(table_id);
+    if ((only != nullptr && key != *only) || table == service.tables.end() || table->second.complete)
+      continue;
+    judge(service, table->second, table_id, key);
+    if (!table->second.complete)
+      continue;
+    if (only == nullptr)
+      shrunk_.push_back(key);  // rows that nobody has confirmed go
+    note_complete(service, key, now_ms);
+  }
+}
+
 // Counts what is here of a table, and finds out whether more can be expected.
-void Whole_guide::judge(Table& table, int table_id, const Guide_key& key) {
+void Whole_guide::judge(const Service& service, Table& table, int table_id, const Guide_key& key) {
+  const bool may_lack_past = table_id == first_schedule(key.other);
+  const int64_t until = may_lack_past ? past_until(service, key.other) : 0;
   int least_arrivals = std::numeric_limits<int>::max();
   std::array<int, 32> here{};
+  int now_segment = -1;  // in which something begins that is not of the future
   table.seen = 0;
   for (const auto& [number, section] : table.sections) {
     if (section.outdated)
@@ -255,8 +307,12 @@ void Whole_guide::judge(Table& table, int table_id, const Guide_key& key) {
     ++here[static_cast<size_t>(number / SEGMENT)];
     ++table.seen;
     least_arrivals = std::min(least_arrivals, section.arrivals);
+    if (std::any_of(section.events.begin(), section.events.end(),
+                    [=](const auto& event) { return event.start <= until; }))
+      now_segment = number / SEGMENT;
   }
-  bool only_past_missing = table_id == first_schedule(key.other);
+  bool only_unsent_missing = may_lack_past;  // before the first segment
+  bool only_past_missing = may_lack_past && now_segment >= 0;
   if (is_present_following(table_id)) {
     table.of = table.last_section + 1;
   } else {
@@ -267,14 +323,18 @@ void Whole_guide::judge(Table& table, int table_id, const Guide_key& key) {
       const int of = here[i] == 0 ? 1 : table.segment_last[i] - segment * SEGMENT + 1;
       table.of += of;
       begun = begun || here[i] != 0;
-      if (begun && here[i] < of)
-        only_past_missing = false;
+      if (here[i] >= of)
+        continue;
+      only_unsent_missing = only_unsent_missing && !begun;
+      only_past_missing = only_past_missing && segment < now_segment;
     }
   }
   const bool whole = table.seen >= table.of;
-  const bool given_up = !whole && table.seen > 0 && !only_past_missing && least_arrivals >= ARRIVALS_WITH_GAPS;
-  const bool complete =
-      whole || given_up || (table.seen > 0 && only_past_missing && least_arrivals >= ARRIVALS_WITHOUT_PAST);
+  const bool all_but_past = table.seen > 0 && ((only_past_missing && repeated_[static_cast<size_t>(table_id)]) ||
+                                               (only_unsent_missing && least_arrivals >= ARRIVALS_WITHOUT_PAST));
+  const bool given_up =
+      !whole && !all_but_past && table.seen > 0 && !only_unsent_missing && least_arrivals >= ARRIVALS_WITH_GAPS;
+  const bool complete = whole || given_up || all_but_past;
   if (complete) {
     for (auto at = table.sections.begin(); at != table.sections.end();) {
       const auto held = at++;
@@ -308,6 +368,8 @@ bool Whole_guide::has_absent(const Service& service, bool other, bool* is_announ
 }
 
 void Whole_guide::note_complete(Service& service, const Guide_key& key, int64_t now_ms) {
+  if (std::exchange(announces_, false))
+    announced_ms_ = now_ms;
   if (incomplete_ != 0)
     rest_complete_ms_ = -1;
   else if (rest_complete_ms_ < 0)
@@ -409,5 +471,5 @@ Whole_guide::Progress Whole_guide::progress(const Guide_key& key) const {
 int64_t Whole_guide::absent_from_ms() const {
   if (!begun_ || rest_complete_ms_ < 0)
     return 0;
-  return rest_complete_ms_ + std::max(ABSENT_MS, slowest_ms_ + slowest_ms_ / 2);
+  return std::max(rest_complete_ms_, announced_ms_ + std::max(ABSENT_MS, slowest_ms_ + slowest_ms_ / 2));
 }

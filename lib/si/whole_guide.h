@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -35,9 +36,12 @@ struct Guide_key {
 // by last_section_number, segment_last_section_number or last_table_id, that they are no more, or when everything else
 // has come again twice and they have not. The newest is what came last.
 //
-// Complete is a table of which all sections are here, up to the last of each segment; empty ones count. The segments
-// before the first one of a schedule's first table are of the past, and many leave them out: they are waited for until
-// all the others have come again. Other gaps are given up when all the others have come again twice.
+// Complete is a table of which all sections are here, up to the last of each segment; empty ones count. In the first
+// table of a schedule the segments of the past may be left out, and many leave them out. Present/following tells which
+// those are: all before the last one in which something begins no later than the following event. They are waited for
+// until a section of that table id, of whatever service, has come again, so that the carousel has gone round once.
+// Where that does not tell it, the segments before the first one that is sent are waited for until all others have come
+// again. Other gaps are given up when all the others have come again twice.
 //
 // It holds at most HELD_BYTES of sections. Of what comes when that is full, the times of the events are kept, and the
 // bytes are not; when it is one and a half times that, nothing more is taken.
@@ -105,8 +109,8 @@ class Whole_guide {
   };
   Progress progress(const Guide_key& key) const;
 
-  // When what is absent counts as not sent: ABSENT_MS, or one and a half times the slowest repetition, after everything
-  // else was complete. 0 while something else is missing.
+  // When what is absent counts as not sent: when everything else is complete, but not before ABSENT_MS, or one and a
+  // half times the slowest repetition, have gone since the last of it was announced. 0 while something else is missing.
   static constexpr int64_t ABSENT_MS = 35000;
   int64_t absent_from_ms() const;
 
@@ -145,7 +149,9 @@ class Whole_guide {
   void repeat(Service& service, Table& table, int table_id, Section& section, const Guide_key& key, int64_t now_ms);
   void drop(Table& table, std::map<int, Section>::iterator section);
   void drop_what_is_no_more(Service& service, int table_id, int number, int segment_last, int last_table);
-  void judge(Table& table, int table_id, const Guide_key& key);
+  static int64_t past_until(const Service& service, bool other);
+  void judge(const Service& service, Table& table, int table_id, const Guide_key& key);
+  void judge_again(int table_id, const Guide_key* only, int64_t now_ms);
   void note_complete(Service& service, const Guide_key& key, int64_t now_ms);
   bool has_absent(const Service& service, bool other, bool* is_announced) const;
   static size_t cost(const Section& section);
@@ -154,10 +160,13 @@ class Whole_guide {
   size_t used_ = 0;
   bool begun_ = false;
   int64_t begun_ms_ = 0;
+  int64_t announced_ms_ = 0;      // when the last part was announced, or it began
+  bool announces_ = false;        // since the last section
   int64_t rest_complete_ms_ = 0;  // when everything that came was complete; -1 while it is not
   int64_t slowest_ms_ = 0;
   bool news_ = false;
-  int incomplete_ = 0;  // tables that came and are not complete
+  int incomplete_ = 0;         // tables that came and are not complete
+  std::bitset<256> repeated_;  // table ids of which something came again
   std::vector<Guide_key> shrunk_;
   std::map<Guide_key, Service> services_;
 };

@@ -26,6 +26,8 @@ namespace {
 constexpr unsigned char FIRST_TABLE = 0x40;
 constexpr unsigned char TABLE_MASK = 0xC0;
 constexpr int FILTER_TIMEOUT_S = 2;
+constexpr int64_t TURN_MS = 50;      // of storing, between two looks for requests
+constexpr int64_t BACKLOG_MS = 250;  // that sections may take to be read before something is stored between them
 constexpr int64_t RETRY_MS = 1000;
 constexpr int64_t RETRY_WITHOUT_ROOM_MS = 10000;
 constexpr int RUNNING = 4;
@@ -115,6 +117,8 @@ void Whole_guide_reader::begin(int freq) {
   guide_.clear();
   seen_once_ = false;
   load(freq);
+  // The scan takes longer than some tables take to come round.
+  open(freq);
   publish();
 }
 
@@ -143,12 +147,26 @@ void Whole_guide_reader::scan_ended(int freq, bool merged) {
     any_waits_ = true;
     retry_ms_ = 0;
   }
-  start(freq);
-  store_waiting();
+  open(freq);
   publish();
 }
 
+void Whole_guide_reader::catch_up() {
+  if (!any_waits_)
+    return;
+  // Sections that wait to be read are lost when their buffer is full, and what they bring can be stored together.
+  const int64_t now_ms = monotonic_ms();
+  if (now_ms - looked_ms_ < BACKLOG_MS && filter_.parts().is_ready(pid::EIT))
+    return;
+  store_waiting();
+  looked_ms_ = monotonic_ms();
+}
+
 void Whole_guide_reader::start(int freq) {
+  open(freq);
+}
+
+void Whole_guide_reader::open(int freq) {
   if (!guide_.is_started())
     guide_.started(monotonic_ms());
   if (filter_.pid_tid_in_list(pid::EIT, FIRST_TABLE) == 0)
@@ -185,13 +203,11 @@ void Whole_guide_reader::section(const uint8_t* bytes, size_t size, int) {
           (take != Whole_guide::Take::NEW && changed == key && shrunk.size() == 1 && channel->complete == complete))
         continue;
       channel->complete = complete;
-      store(channel_of_[changed], *channel);
+      channel->waits = any_waits_ = true;
     }
     seen_once_ = seen_once_ || guide_.absent_from_ms() != 0;
     publish();
   }
-  if (any_waits_)
-    store_waiting();
 }
 
 Whole_guide_reader::Channel* Whole_guide_reader::channel_of(const Guide_key& key) {
@@ -214,12 +230,20 @@ Whole_guide_reader::Channel* Whole_guide_reader::channel_of(const Guide_key& key
 }
 
 void Whole_guide_reader::store_waiting() {
-  if (monotonic_ms() < retry_ms_)
+  const int64_t now_ms = monotonic_ms();
+  if (now_ms < retry_ms_)
     return;
   any_waits_ = false;
-  for (auto& [channel, state] : channels_)
-    if (state.waits)
-      store(channel, state);
+  for (auto& [channel, state] : channels_) {
+    if (!state.waits)
+      continue;
+    // A host that scans one multiplex after the other does not wait for the guide of each.
+    if (monotonic_ms() - now_ms >= TURN_MS) {
+      any_waits_ = true;
+      break;
+    }
+    store(channel, state);
+  }
   publish();
 }
 

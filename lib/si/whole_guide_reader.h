@@ -19,10 +19,11 @@
 #include "si/visible_events.h"
 #include "si/whole_guide.h"
 
-// Collects all tables of the guide at once, of all services (Receiver_profile::Guide::WHOLE): one filter from the first
-// scan's end until the next request. After each section that is new the events of its service that should stand in the
-// database (visible_events()) are compared with those that do, and the difference is written and told. Sections of
-// services that the database does not have yet wait until a scan has brought them.
+// Collects all tables of the guide at once, of all services (Receiver_profile::Guide::WHOLE): one filter from a
+// request, beside its scan, until the next one. After sections that are new the events of their services that should
+// stand in the database (visible_events()) are compared with those that do, and the difference is written and told: at
+// once, or together where more sections are waiting to be read. Sections of services that the database does not have
+// yet wait until a scan has brought them.
 class Whole_guide_reader : public Guide_reader {
  public:
   // `parser`, `filter` and `db` are not owned and outlive the object. `others`: the guide of other multiplexes, too.
@@ -30,6 +31,7 @@ class Whole_guide_reader : public Guide_reader {
 
   void begin(int freq) override;
   void scan_ended(int freq, bool merged) override;
+  void catch_up() override;
   void start(int freq) override;
   void announced(int service_id, bool present_following, bool schedule) override;
   bool takes(unsigned table_id) const override;
@@ -55,6 +57,7 @@ class Whole_guide_reader : public Guide_reader {
     Reading* into;
   };
 
+  void open(int freq);
   void load(int freq);
   Channel* channel_of(const Guide_key& key);
   void load_rows(int channel, Channel& state);
@@ -79,6 +82,7 @@ class Whole_guide_reader : public Guide_reader {
   bool seen_once_ = false;
   bool any_waits_ = false;
   int64_t retry_ms_ = 0;
+  int64_t looked_ms_ = 0;  // when what waits was stored last
   std::map<int, Channel> channels_;
   std::map<Guide_key, int> channel_of_;  // 0 for a service that the database does not have
 

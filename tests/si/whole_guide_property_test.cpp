@@ -4,6 +4,7 @@
 // Whatever sections come, in whatever order, lost or repeated: the database shows what the newest of them say.
 #include <optional>
 #include <random>
+#include <set>
 
 #include "si/whole_guide_support.h"
 
@@ -34,6 +35,7 @@ class Model {
     });
     if (repeated != all_.end()) {
       ++repeated->count;
+      came_again_.insert(p.table);
     } else {
       const bool schedule = p.table != NOW_TABLE;
       std::erase_if(all_, [&](const Received& r) {
@@ -48,8 +50,12 @@ class Model {
       versions_[{p.service, p.table}] = p.version;
       all_.push_back({sent, 1});
     }
-    forget_what_is_not_repeated(p);
-    show(p.service);
+    // What came may tell of other tables, too, that nothing more of them is sent.
+    for (const int service : {1, 2}) {
+      for (const int table : {NOW_TABLE, SCHEDULE, SCHEDULE + 1})
+        forget_what_is_not_repeated(service, table);
+      show(service);
+    }
   }
 
   Texts guide() const {
@@ -77,14 +83,29 @@ class Model {
     return versions_.at({r.sent.part.service, r.sent.part.table}) != r.sent.part.version;
   }
 
+  // The latest start of present/following, or the end of the only event there.
+  std::optional<int> now_until(int service) const {
+    std::vector<Show> shows;
+    for (const Received& r : all_)
+      if (r.sent.part.service == service && r.sent.part.table == NOW_TABLE && !outdated(r))
+        shows.insert(shows.end(), r.sent.shows.begin(), r.sent.shows.end());
+    if (shows.size() == 1)
+      return shows[0].minute + shows[0].minutes;
+    std::optional<int> latest;
+    for (const Show& s : shows)
+      latest = std::max(latest.value_or(s.minute), s.minute);
+    return latest;
+  }
+
   // Sections of an older version go when the rest of the table is known to be all: every number is here, or all have
-  // come three times, or twice where only segments of the past are missing.
-  void forget_what_is_not_repeated(const Part& p) {
+  // come three times, or twice where only segments before the first one are missing. So they do when only segments of
+  // the past are missing and some service's table has come again.
+  void forget_what_is_not_repeated(int service, int table) {
     std::map<int, const Received*> here;
     int least = 1000;
     const Received* newest = nullptr;
     for (const Received& r : all_)
-      if (r.sent.part.service == p.service && r.sent.part.table == p.table && !outdated(r)) {
+      if (r.sent.part.service == service && r.sent.part.table == table && !outdated(r)) {
         here[r.sent.part.number] = &r;
         least = std::min(least, r.count);
         newest = &r;
@@ -92,10 +113,16 @@ class Model {
     if (here.empty())
       return;
     bool whole = true;
-    bool only_past = p.table == SCHEDULE;
+    bool only_first = table == SCHEDULE;
     bool begun = false;
+    int now_segment = -1;
+    for (const auto& [number, r] : here)
+      for (const Show& s : r->sent.shows)
+        if (s.minute <= now_until(service).value_or(-1))
+          now_segment = number / 8;
+    bool only_past = table == SCHEDULE && came_again_.contains(table);
     const int last = newest->sent.part.last;
-    if (p.table == NOW_TABLE) {
+    if (table == NOW_TABLE) {
       for (int number = 0; number <= last; ++number)
         whole = whole && here.contains(number);
     } else {
@@ -109,12 +136,13 @@ class Model {
           full = full && here.contains(number);
         whole = whole && full;
         begun = begun || segment_last.has_value();
-        only_past = only_past && (full || !begun);
+        only_first = only_first && (full || !begun);
+        only_past = only_past && (full || segment < now_segment);
       }
     }
-    if (whole || least >= 3 || (only_past && least >= 2))
+    if (whole || least >= 3 || (only_first && least >= 2) || only_past)
       std::erase_if(all_, [&](const Received& r) {
-        return r.sent.part.service == p.service && r.sent.part.table == p.table && outdated(r);
+        return r.sent.part.service == service && r.sent.part.table == table && outdated(r);
       });
   }
 
@@ -184,6 +212,7 @@ class Model {
   }
 
   std::vector<Received> all_;
+  std::set<int> came_again_;  // tables, of any service
   std::map<std::pair<int, int>, int> versions_;
   std::map<int, std::vector<Shown>> shown_;
 };

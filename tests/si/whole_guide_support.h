@@ -81,9 +81,15 @@ class Whole_guide_bench : public Parser_bench {
     parser.init_cache_list(FREQ, SCAN_EIT);
     scan_ended();
   }
-  void scan_ended() { parser.parts().guide_reader().scan_ended(FREQ, true); }
+  void scan_ended() {
+    parser.parts().guide_reader().scan_ended(FREQ, true);
+    parser.parts().guide_reader().catch_up();
+  }
   void arrive(const Part& part, const std::vector<Show>& shows) { arrive(guide_section(part, shows)); }
-  void arrive(const Bytes& section) { scan_with(parser, section, pid::EIT, SCAN_EIT); }
+  void arrive(const Bytes& section) {
+    scan_with(parser, section, pid::EIT, SCAN_EIT);
+    parser.parts().guide_reader().catch_up();
+  }
 
   // Every event as "service id minute+minutes title", in the order of services and starts.
   Texts guide() {

@@ -30,8 +30,10 @@ class Whole_guide_test : public testing::Test, protected Whole_guide_bench {
 
 // --- Events that change ----------------------------------------------------------------------------------------------
 
-TEST_F(Whole_guide_test, one_filter_is_open_from_the_end_of_the_first_scan_on) {
-  EXPECT_EQ(filters(), (std::vector<Filter>{{pid::EIT, 0x40}}));
+TEST_F(Whole_guide_test, one_filter_is_open_from_the_request_on) {
+  filter.remove_all();
+  parser.init_cache_list(FREQ, SCAN_EIT);
+  EXPECT_EQ(filters(), (std::vector<Filter>{{pid::EIT, 0x40}})) << "beside the scan";
   EXPECT_EQ((*filter.flist()).front()->mask[0], 0xC0);
   scan_ended();
   parser.start_eit_scan(FREQ, SCAN_EIT);
@@ -135,6 +137,20 @@ TEST_F(Whole_guide_test, present_and_following_show_the_real_times_and_who_runs)
   EXPECT_EQ(guide(), (Texts{"1 1 600+60 News", "1 2 675+60 Film", "1 3 750+30 Talk"}));
 }
 
+TEST_F(Whole_guide_test, an_event_runs_since_it_was_first_said_to) {
+  const auto since = [&] { return number("SELECT running_since FROM event_detail"); };
+  arrive({.table = NOW_TABLE}, {{1, 600, 60, "News", 1}});
+  EXPECT_EQ(since(), 0);
+  arrive({.table = NOW_TABLE, .version = 1}, {{1, 600, 60, "News", 4}});
+  EXPECT_GT(since(), 0);
+  run("UPDATE event_detail SET running_since = 5");
+  begin();
+  arrive({.table = NOW_TABLE, .version = 2}, {{1, 600, 70, "News", 4}});
+  EXPECT_EQ(since(), 5);
+  arrive({.table = NOW_TABLE, .version = 3}, {{2, 600, 70, "Film", 4}});
+  EXPECT_GT(since(), 5) << "another event in its row";
+}
+
 TEST_F(Whole_guide_test, tables_shrink_by_each_of_their_last_numbers) {
   const auto fill = [&](int version) {
     begin();
@@ -227,6 +243,15 @@ TEST_F(Whole_guide_test, rows_of_another_writer_are_taken_over) {
   EXPECT_EQ(guide(), (Texts{"1 1 600+60 News", "1 3 750+30 Talk", "1 4 800+30 Late"}));
 }
 
+TEST_F(Whole_guide_test, an_event_that_was_purged_meanwhile_is_stored_again_when_it_changes) {
+  three_events();
+  run("DELETE FROM epglist_lang WHERE source_oid = " + std::to_string(entry(2)));
+  run("DELETE FROM epglist WHERE ev_id = 2");
+  arrive({.version = 1}, {{1, 600, 60, "News"}, {2, 660, 80, "Film"}, {3, 750, 30, "Talk"}});
+  EXPECT_EQ(guide(), (Texts{"1 1 600+60 News", "1 2 660+80 Film", "1 3 750+30 Talk"}));
+  EXPECT_EQ(rows("SELECT count(*) FROM epglist_lang WHERE source_oid NOT IN (SELECT entry FROM epglist)"), Texts{"0"});
+}
+
 TEST_F(Whole_guide_test, a_locked_file_is_tried_again_and_complained_about_once) {
   three_events();
   {
@@ -266,7 +291,11 @@ TEST_F(Whole_guide_test, sections_wait_for_the_services_that_a_scan_finds) {
   EXPECT_EQ(guide(), Texts{});
   EXPECT_EQ(progress().size(), 0U);
   insert(5, 256, 257, "Found", 2);
-  scan_ended();
+  parser.parts().guide_reader().scan_ended(FREQ, true);
+  EXPECT_EQ(progress().size(), 1U);
+  EXPECT_FALSE(progress()[0].done);
+  EXPECT_EQ(guide(), Texts{}) << "who waits for the scan's end does not wait for this";
+  parser.parts().guide_reader().catch_up();
   EXPECT_EQ(guide(), Texts{"5 1 600+60 Show"});
   EXPECT_EQ(told(), Texts{"added 1@600"});
 }
@@ -388,6 +417,19 @@ TEST_F(Whole_guide_test, details_stand_in_tables_of_their_own) {
   EXPECT_EQ(rows("SELECT level1, level2, user FROM event_genre"), (Texts{"1|4|0", "2|0|90"}));
   EXPECT_EQ(rows("SELECT lang, position, name, value FROM event_item"), Texts{"eng|0|Director|Somebody"});
   EXPECT_EQ(texts(), Texts{"A"}) << "short titles count";
+  // A later version says less: nothing of the older one stays.
+  const Bytes less = join({descriptor(tag::PARENTAL_RATING, join({bytes("LVA"), {4}})), extended("Cast", "Others")});
+  arrive({.version = 6}, {{1, 600, 60, "B", 0, less}});
+  EXPECT_EQ(rows("SELECT version, series_crid, programme_crid FROM event_detail"), Texts{"6||"});
+  EXPECT_EQ(rows("SELECT country, rating FROM event_rating"), Texts{"LVA|4"});
+  EXPECT_EQ(rows("SELECT position, name, value FROM event_item"), Texts{"0|Cast|Others"});
+  EXPECT_EQ(rows("SELECT (SELECT count(*) FROM event_component), (SELECT count(*) FROM event_genre)"), Texts{"0|0"});
+  arrive({.version = 7}, {{1, 600, 60, "C"}});
+  EXPECT_EQ(rows("SELECT (SELECT count(*) FROM event_item), (SELECT count(*) FROM event_rating)"), Texts{"0|0"});
+  arrive({.version = 8}, {{1, 600, 60, "D", 0, all}});
+  EXPECT_EQ(rows("SELECT (SELECT count(*) FROM event_item), (SELECT count(*) FROM event_component), (SELECT count(*) "
+                 "FROM event_rating), (SELECT count(*) FROM event_genre)"),
+            Texts{"1|2|2|2"});
   run("DELETE FROM epglist");
   for (const char* name : {"event_detail", "event_item", "event_component", "event_rating", "event_genre"})
     EXPECT_EQ(number("SELECT count(*) FROM " + std::string(name)), 0) << name;
@@ -435,7 +477,7 @@ TEST_F(Guide_state_test, is_complete_with_the_last_section_of_each_segment_and_t
   take(500, {.number = 16, .last = 16, .segment_last = 16, .last_table = SCHEDULE + 1}, {});
   take(600, {.number = 8, .last = 16, .segment_last = 8, .last_table = SCHEDULE + 1}, {});
   EXPECT_EQ(state(), "6/7 absent");
-  EXPECT_EQ(guide_.absent_from_ms(), 600 + Whole_guide::ABSENT_MS);
+  EXPECT_EQ(guide_.absent_from_ms(), 300 + Whole_guide::ABSENT_MS) << "since the second table was announced";
   take(700, {.table = SCHEDULE + 1}, {});
   EXPECT_EQ(state(), "7/7 complete");
   EXPECT_EQ(guide_.progress(key_).complete_ms, 700);
@@ -449,6 +491,56 @@ TEST_F(Guide_state_test, is_complete_with_the_last_section_of_each_segment_and_t
   EXPECT_EQ(state(), "5/7") << "or has to come again";
 }
 
+TEST_F(Guide_state_test, what_is_past_by_present_and_following_is_waited_for_until_something_comes_again) {
+  const auto schedule = [&](int ms, int number, int minute) {
+    take(ms, {.number = number, .last = 24, .segment_last = number / 8 * 8}, {{number, minute, 30}});
+  };
+  schedule(0, 16, 400);
+  schedule(100, 24, 600);
+  take(200, {.table = NOW_TABLE, .number = 0, .last = 1}, {{16, 400, 30}});
+  take(200, {.table = NOW_TABLE, .number = 1, .last = 1}, {{17, 430, 30}});
+  EXPECT_EQ(state(), "4/6");
+  Guide_key other;
+  const Bytes section = guide_section({.service = 2}, {});
+  for (const int ms : {300, 5000})
+    guide_.take(section.data(), section.size(), ms, &other);
+  EXPECT_EQ(state(), "4/6 complete") << "another service's table has come round";
+  EXPECT_EQ(guide_.progress(key_).complete_ms, 5000);
+  std::vector<Guide_key> shrunk;
+  EXPECT_TRUE(guide_.take_news(&shrunk));
+  EXPECT_EQ(shrunk, std::vector<Guide_key>{key_}) << "what is stored beside it may go";
+}
+
+TEST_F(Guide_state_test, present_and_following_tell_what_is_past_whenever_they_come) {
+  const struct {
+    const char* legend;
+    std::vector<Show> now;
+    const char* expected;
+  } cases[] = {
+      {"the second segment has what follows", {{1, 380, 20}, {16, 400, 30}}, "3/4 complete"},
+      {"the end of the present one is known", {{1, 380, 20}}, "3/4 complete"},
+      {"what follows comes before the second segment", {{1, 300, 50}, {2, 350, 50}}, "3/4"},
+      {"nothing is on", {}, "3/4"},
+      {"the third segment has begun", {{1, 600, 20}, {2, 700, 20}}, "3/4 complete"},
+  };
+  for (const auto& c : cases) {
+    guide_.clear();
+    guide_.started(0);
+    for (const int ms : {0, 1000})
+      take(ms, {.number = 16, .last = 16, .segment_last = 16}, {{17, 600, 30}});
+    take(1200, {.number = 8, .last = 16, .segment_last = 8}, {{16, 400, 30}});
+    take(1300, {.table = NOW_TABLE}, c.now);
+    EXPECT_EQ(state(), c.expected) << c.legend;
+  }
+  // A section that is missing behind what is on now.
+  guide_.clear();
+  guide_.started(0);
+  take(0, {.table = NOW_TABLE}, {{1, 380, 20}, {16, 400, 30}});
+  for (const int ms : {0, 1000})
+    take(ms, {.number = 8, .last = 16, .segment_last = 8}, {{16, 400, 30}});
+  EXPECT_EQ(state(), "2/4");
+}
+
 TEST_F(Guide_state_test, the_past_is_waited_for_once_round_and_gaps_twice) {
   const auto round = [&](int ms) {
     for (const int number : {16, 17, 24})
@@ -456,7 +548,7 @@ TEST_F(Guide_state_test, the_past_is_waited_for_once_round_and_gaps_twice) {
   };
   round(0);
   EXPECT_EQ(state(), "3/6 absent");
-  take(0, {.table = NOW_TABLE});
+  take(0, {.table = NOW_TABLE}, {});
   EXPECT_EQ(state(), "4/7") << "two segments of the past, and section 25";
   round(1000);
   round(2000);

@@ -71,7 +71,8 @@ def packet_shape(data):
 
 
 def packets(data):
-    """(pid, starts a section or PES, continuity counter, payload) of each packet with a payload and without an error."""
+    """(pid, starts a section or PES, continuity counter, payload, packet number) of each packet with a payload and without
+    an error."""
     size, place = packet_shape(data)
     while size != 0 and place + PACKET <= len(data):
         header = struct.unpack_from(">BHB", data, place)
@@ -85,16 +86,16 @@ def packets(data):
         if header[2] & 0x20:
             begin += 1 + data[place + 4]
         if header[2] & 0x10 and not header[1] & 0x8000 and begin < place + PACKET:
-            yield header[1] & 0x1FFF, header[1] & 0x4000 != 0, header[2] & 0x0F, data[begin:place + PACKET]
+            yield header[1] & 0x1FFF, header[1] & 0x4000 != 0, header[2] & 0x0F, data[begin:place + PACKET], place // size
         place += size
 
 
 def sections(data, pids=None):
-    """(pid, Section) of all that are whole, on `pids` or on every PID that carries any. What is lost or repeated in the
-    stream is noticed by the continuity counters."""
+    """(pid, Section) of all that are whole, on `pids` or on every PID that carries any; `packet` of each is the number of
+    the one that ended it. What is lost or repeated in the stream is noticed by the continuity counters."""
     waiting = {}
     counters = {}
-    for pid, starts, counter, payload in packets(data):
+    for pid, starts, counter, payload, number in packets(data):
         if pid == 0x1FFF or (pids is not None and pid not in pids):
             continue
         before = counters.get(pid)
@@ -109,15 +110,15 @@ def sections(data, pids=None):
             pointer = payload[0]
             rest, payload = payload[1:1 + pointer], payload[1 + pointer:]
             if waiting.get(pid):
-                yield from _finished(pid, waiting[pid] + rest)[0]
+                yield from _finished(pid, waiting[pid] + rest, number)[0]
             waiting[pid] = b""
         elif pid not in waiting:
             continue
-        found, waiting[pid] = _finished(pid, waiting[pid] + payload)
+        found, waiting[pid] = _finished(pid, waiting[pid] + payload, number)
         yield from found
 
 
-def _finished(pid, data):
+def _finished(pid, data, packet):
     found = []
     while len(data) >= 3 and data[0] != 0xFF:
         size = ((data[1] & 0x0F) << 8 | data[2]) + 3
@@ -125,6 +126,7 @@ def _finished(pid, data):
             return found, data
         if not (data[1] & 0x80 and size < 12):
             section = Section(data[:size])
+            section.packet = packet
             if section.is_whole():
                 found.append((pid, section))
         data = data[size:]

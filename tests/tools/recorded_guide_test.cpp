@@ -76,3 +76,11 @@ TEST(Recorded_guide, every_event_is_collected_once_and_shown_with_its_greek_titl
   scan_support::expect_same_guide(expected, titles);
   EXPECT_THAT(titles, testing::HasSubstr("Service 10|279|1690503600|6000|gre|Τα Καλύτερά μας Χρόνια - Γ Κύκλος (E)\n"));
 }
+
+// The measurement of `make bench`, without its marks.
+TEST(Guide_cycle, a_generated_guide_is_collected_while_it_is_looked_at) {
+  const std::string build = std::filesystem::path(KELVO_COMMAND).parent_path().parent_path();
+  const Command_result measured = run_command({"python3", KELVO_SOURCE_DIR "/bench/guide_cycle", build, "--smoke"});
+  EXPECT_EQ(measured.exit_code, 0) << measured.out << measured.err;
+  EXPECT_THAT(measured.out, testing::ContainsRegex("smoke +2 +108 +108 +4\\.0 s +[0-9.]+ s = +[0-9.]+ "));
+}

@@ -5,11 +5,12 @@
 
 namespace sdbl {
 
-void set_up(sqlite3* conn) {
+void set_up(sqlite3* conn, Durability durability) {
   (void)sqlite3_extended_result_codes(conn, 1);
   // The pragma "default_cache_size" writes to the file, which without this waits for the disk, up to seconds on a busy
   // one. What cannot be set now (the file is locked or damaged) shows itself at the pragmas.
-  (void)sqlite3_exec(conn, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+  if (durability == Durability::NONE)
+    (void)sqlite3_exec(conn, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
   (void)sqlite3_busy_timeout(conn, SQL_TIMEOUT_MS);
 }
 

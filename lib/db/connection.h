@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "db/durability.h"
 
 namespace sdbl {
 
@@ -21,15 +22,15 @@ inline constexpr int SQL_TIMEOUT_MS = 2000;
 inline constexpr const char* EPG_SCHEMA = "epg_db";
 inline constexpr int OPEN_FLAGS = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
 
-// What every connection gets as soon as it is open: extended result codes, no waiting for the disk, and the busy
-// time-out.
-void set_up(sqlite3* conn);
+// What every connection gets as soon as it is open: extended result codes, no waiting for the disk (Durability::NONE),
+// and the busy time-out.
+void set_up(sqlite3* conn, Durability durability = Durability::NONE);
 
 // The main connection of one database. Opening and closing belong to the host's thread (see Opening); the handle is
 // any-thread.
 class Connection {
  public:
-  explicit Connection(std::string db_name) : db_name_(std::move(db_name)) {}
+  Connection(std::string db_name, Durability durability) : db_name_(std::move(db_name)), durability_(durability) {}
   // Closes the connections that were replaced, and ends their statements. The current one is Opening's to close.
   ~Connection();
   Connection(const Connection&) = delete;
@@ -37,6 +38,7 @@ class Connection {
 
   sqlite3* get() const { return conn_; }  // null while closed
   const std::string& db_name() const { return db_name_; }
+  Durability durability() const { return durability_; }
 
   // Takes `conn` as the connection, or none.
   void set(sqlite3* conn) { conn_ = conn; }
@@ -49,6 +51,7 @@ class Connection {
 
  private:
   std::string db_name_;
+  Durability durability_;
   sqlite3* conn_ = nullptr;
   std::vector<sqlite3*> replaced_;
 };

@@ -72,14 +72,6 @@ bool on_disk(int handle) {
   return fsync(handle) == 0 || errno == EINVAL || errno == EROFS;
 }
 
-void sync_folder(const std::string& file) {
-  const int folder = open(folder_of(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0)
-    return;
-  (void)on_disk(folder);  // the copy is in its place; a power cut may bring the old one back
-  (void)close(folder);
-}
-
 bool copy_all(int from, int to) {
   std::vector<char> bytes(COPIED_AT_ONCE);
   for (off_t at = 0;;) {
@@ -101,6 +93,14 @@ void print_failure(const std::string& target) {
 }
 
 }  // namespace
+
+void sync_folder(const std::string& file) {
+  const int folder = open(folder_of(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0)
+    return;
+  (void)on_disk(folder);  // it is in its place; a power cut may bring back what was there
+  (void)close(folder);
+}
 
 Export_file::Export_file(const std::string& base) {
   remove_leftovers(base);

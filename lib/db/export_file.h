@@ -35,4 +35,7 @@ class Export_file {
   int handle_ = -1;  // holds a lock by which other processes see that the file is in use
 };
 
+// Writes to the disk that `file` stands in its folder.
+void sync_folder(const std::string& file);
+
 }  // namespace sdbl

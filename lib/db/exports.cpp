@@ -35,6 +35,11 @@ void set_up_copy(sqlite3* conn) {
   (void)sqlite3_exec(conn, "PRAGMA journal_mode = OFF; PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
 }
 
+// The copy of a file with a write-ahead log says that it has one, too, which it shall not need.
+void end_log(sqlite3* conn) {
+  (void)sqlite3_exec(conn, "PRAGMA journal_mode = DELETE; PRAGMA journal_mode = OFF", nullptr, nullptr, nullptr);
+}
+
 // A copy that failed takes the place of nothing but a file that is not there.
 void put(Export_file& copy, const std::string& target, bool whole) {
   if (whole || !file_exists(target))
@@ -47,6 +52,12 @@ sqlite3_backup* begin_copy(sqlite3* to, sqlite3* from, const char* schema) {
 }
 
 }  // namespace
+
+// What is durable is on the disk already.
+void Exports::sync_all() const {
+  if (connection_.durability() == Durability::NONE)
+    sync();
+}
 
 void Exports::set_guide_target(const char* file) {
   std::lock_guard<Mutex> lock(lock_);
@@ -68,6 +79,7 @@ bool Exports::copy_guide(sqlite3* to) {
   if (rc != SQLITE_OK)
     KLOG(VERB_ERROR, "ERROR: rc %d: Cannot run export into %s, %s\n", rc, EXPORT_FILE.c_str(), sqlite3_errmsg(to));
   sql_.remember(rc, "backup_database");
+  end_log(to);
   // Without a journal a copy that cannot be compacted is none any more.
   const bool compacted = kelvo_log::sql_ok(sql_.exec_on("backup_database", to, "VACUUM"));
   return rc == SQLITE_OK && compacted;
@@ -87,7 +99,7 @@ void Exports::export_guide() {
   KLOG(VERB_WARNING, "WARNING: Exporting attached epg database %s to %s ", EPG_SCHEMA, backup_file_name.c_str());
   const timespec start = now();
   const int removed = room_.remove_old_entries();
-  sync();
+  sync_all();
   KLOG(VERB_WARNING, "WARNING: Remove_old_entries done in %d msec, removed %d entries. ", usec_to_now(&start) / 1000,
        removed);
 
@@ -105,7 +117,7 @@ void Exports::export_guide() {
   (void)sqlite3_close(conn);  // has no statement left
 
   put(copy, epg_file_of(backup_file_name), whole);
-  sync();
+  sync_all();
   KLOG(VERB_WARNING, "WARNING: Export completed in %d msec\n", usec_to_now(&start) / 1000);
 }
 
@@ -133,13 +145,14 @@ void Exports::export_channels(const char* file) {
       KLOG(VERB_WARNING, "WARNING: Backup step rc is %d\n", rc);
     sql_.remember(rc, "backup_channel_database");
     whole = sqlite3_backup_finish(backup) == SQLITE_OK;  // the step's code, too
+    end_log(conn);
   }
   if (sqlite3_close(conn) != SQLITE_OK)
     KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot close epg database, error %s\n", sqlite3_errmsg(conn));
 
   put(copy, file, whole);
   KLOG(VERB_WARNING, "WARNING: Completed in %d msec\n", usec_to_now(&start) / 1000);
-  sync();
+  sync_all();
 }
 
 }  // namespace sdbl

@@ -24,6 +24,7 @@ class Exports {
 
  private:
   bool copy_guide(sqlite3* to);
+  void sync_all() const;
 
   const Connection& connection_;
   One_shot& sql_;

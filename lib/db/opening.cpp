@@ -3,7 +3,11 @@
 
 #include "db/opening.h"
 
+#include <span>
+
 #include "base/log.h"
+#include "db/export_file.h"
+#include "db/file_check.h"
 #include "db/no_file_error.h"
 #include "db/shell_files.h"
 
@@ -17,6 +21,7 @@ constexpr size_t PATH_SIZE = 4096;
 constexpr int CLOSE_ATTEMPTS = 5;
 constexpr int CLOSE_PAUSE_MS = 10;
 
+// Of the channel file's connection and of the one that makes the guide.
 const char* const PRAGMAS[] = {
     "PRAGMA max_page_count=8000;",   "PRAGMA temp_store = MEMORY;", "PRAGMA journal_mode = OFF;",
     "PRAGMA default_cache_size=64;", "PRAGMA synchronous = OFF;",
@@ -29,11 +34,55 @@ const char* const ATTACHED_PRAGMAS[] = {
     "PRAGMA epg_db.max_page_count=8000;",
 };
 
+// With FULL each commit to the channel file waits for the disk; with NORMAL, of the guide, only what moves the log into
+// the file does.
+const char* const DURABLE_PRAGMAS[] = {
+    "PRAGMA max_page_count=8000;", "PRAGMA temp_store = MEMORY;", "PRAGMA synchronous = FULL;",
+    "PRAGMA journal_mode = WAL;",  "PRAGMA cache_size=64;",
+};
+const char* const DURABLE_ATTACHED_PRAGMAS[] = {
+    "PRAGMA epg_db.journal_mode = WAL;",
+    "PRAGMA epg_db.synchronous = NORMAL;",
+    "PRAGMA epg_db.max_page_count=8000;",
+};
+
+struct Settings {
+  std::span<const char* const> pragmas;
+  std::span<const char* const> attached;
+};
+
+Settings settings_of(Durability durability) {
+  if (durability == Durability::FULL)
+    return {DURABLE_PRAGMAS, DURABLE_ATTACHED_PRAGMAS};
+  return {PRAGMAS, ATTACHED_PRAGMAS};
+}
+
+// SQLite would keep a database without a name in a file that it deletes, and read other names as URIs, of which the
+// copies beside the file know nothing.
+bool names_a_file(const std::string& file) {
+  return !file.empty() && !file.starts_with("file:");
+}
+
+// How changes of a file are undone, in SQLite's words.
+std::string journal_of(sqlite3* conn, const char* schema) {
+  std::string mode;
+  const auto take = [](void* to, int, char** values, char**) {
+    *static_cast<std::string*>(to) = values[0] != nullptr ? values[0] : "";
+    return 0;
+  };
+  (void)sqlite3_exec(conn, (std::string("PRAGMA ") + schema + ".journal_mode").c_str(), take, &mode, nullptr);
+  return mode;
+}
+
 }  // namespace
 
 void Opening::open_files() {
   const std::string& file = connection_.db_name();
   const std::string epg_file = epg_file_of(file);
+  if (!names_a_file(file)) {
+    KLOG(VERB_ERROR, "ERROR: \"%s\" does not name a database file: give a path\n", file.c_str());
+    throw no_file_error("Unable to open file");
+  }
   if (file.size() >= PATH_SIZE || epg_file.size() >= PATH_SIZE)
     throw no_file_error("Unable to open file");
 
@@ -49,9 +98,14 @@ void Opening::open_files() {
     KLOG(VERB_ERROR, "ERROR: SQLITE database compiled in single-threaded mode\n");
 
   try {
-    schema_.create_channel_tables();
-    create_epg_file(epg_file);
-    attach_epg_file(epg_file);
+    if (!read_only_)
+      schema_.create_channel_tables();
+    if (!is_damaged(epg_file, "the guide is not used until the file is out of the way", "Sdbl")) {
+      create_epg_file(epg_file);
+      attach_epg_file(epg_file);
+    }
+    if (connection_.durability() == Durability::FULL)
+      sync_folder(file);  // new files are in it; the guide's is the same one
   } catch (...) {
     (void)sqlite3_close(connection_.get());  // no statement is open yet
     connection_.set(nullptr);
@@ -59,9 +113,20 @@ void Opening::open_files() {
   }
 }
 
+// What is no database at all is nothing that could be written to: its statements say so.
+bool Opening::is_damaged(const std::string& file, const char* consequence, const char* operation) {
+  const Damage damage = damage_of(file);
+  if (damage.code == 0)
+    return false;
+  KLOG(VERB_ERROR, "ERROR: %s is damaged: %s (%s)\n", file.c_str(), consequence, damage.text.c_str());
+  sql_.remember(damage.code, operation);
+  return damage.code != SQLITE_NOTADB;
+}
+
 void Opening::apply_pragmas(sqlite3* conn, const char* operation) {
-  for (const char* pragma : PRAGMAS)
+  for (const char* pragma : settings_of(connection_.durability()).pragmas)
     sql_.exec_on(operation, conn, pragma);
+  use_journal_without_log(conn, "main");
 }
 
 // Creates the guide file and its tables through a connection of its own, which is closed again.
@@ -73,7 +138,7 @@ void Opening::create_epg_file(const std::string& epg_file) {
     // Deliberate: the %s stays in the exception's text.
     throw no_file_error("Unable to open epg file %s");
   }
-  set_up(conn);
+  set_up(conn, connection_.durability());
   apply_pragmas(conn, "Sdbl");
   schema_.create_epg_tables(conn);
   if (sqlite3_close(conn) != SQLITE_OK)
@@ -87,8 +152,31 @@ void Opening::attach_epg_file(const std::string& epg_file) {
     KLOG(VERB_ERROR, "ERROR: Failed to attach epg database %s, rc = %d\n", epg_file.c_str(), rc);
     return;
   }
-  for (const char* pragma : ATTACHED_PRAGMAS)
+  for (const char* pragma : settings_of(connection_.durability()).attached)
     sql_.exec_on("Sdbl", conn, pragma);
+  use_journal_without_log(conn, EPG_SCHEMA);
+}
+
+// Where there is no shared memory for a log.
+void Opening::use_journal_without_log(sqlite3* conn, const char* schema) {
+  if (connection_.durability() == Durability::NONE || journal_of(conn, schema) == "wal")
+    return;
+  const std::string pragma = std::string("PRAGMA ") + schema;
+  (void)sqlite3_exec(conn, (pragma + ".journal_mode = TRUNCATE").c_str(), nullptr, nullptr, nullptr);
+  (void)sqlite3_exec(conn, (pragma + ".synchronous = FULL").c_str(), nullptr, nullptr, nullptr);
+}
+
+// So that the file is all there is of the database: it can be copied, read where nothing can be written, and opened by
+// programs that want no log. While others use it too it stays, and theirs.
+void Opening::end_logs() {
+  if (connection_.durability() == Durability::NONE)
+    return;
+  sqlite3* const conn = connection_.get();
+  (void)sqlite3_busy_timeout(conn, 0);
+  for (const char* schema : {"main", EPG_SCHEMA})
+    (void)sqlite3_exec(conn, (std::string("PRAGMA ") + schema + ".journal_mode = DELETE").c_str(), nullptr, nullptr,
+                       nullptr);
+  (void)sqlite3_busy_timeout(conn, SQL_TIMEOUT_MS);
 }
 
 void Opening::open() {
@@ -101,18 +189,20 @@ void Opening::open() {
   {
     std::lock_guard<Mutex> opening(connection_.open_lock);
     const char* file = connection_.db_name().c_str();
+    read_only_ = is_damaged(file, "nothing is stored until a copy is in its place", "open_db");
     sqlite3* conn = nullptr;
-    if (sqlite3_open_v2(file, &conn, OPEN_FLAGS, nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(file, &conn, read_only_ ? SQLITE_OPEN_READONLY : OPEN_FLAGS, nullptr) != SQLITE_OK) {
       KLOG(VERB_ERROR, "ERROR: FLUSH: Cannot open database %s, error %s\n", file, sqlite3_errmsg(conn));
       (void)sqlite3_close(conn);  // a handle that failed to open
       connection_.set(nullptr);
       throw no_file_error("Unable to open file");
     }
-    set_up(conn);
+    set_up(conn, connection_.durability());
     connection_.set(conn);
   }
   KLOG(VERB_TRACE, "opendone\n");
-  apply_pragmas(connection_.get(), "open_db");
+  if (!read_only_)
+    apply_pragmas(connection_.get(), "open_db");
 }
 
 void Opening::close() {
@@ -129,6 +219,7 @@ void Opening::close() {
       (void)sqlite3_finalize(stmt);  // repeats the code of the last step
     }
     cache_.forget();
+    end_logs();
 
     const int rc = sql_.exec("close_db", "DETACH DATABASE %s;", EPG_SCHEMA);
     // Deliberate: codes 0 and 100 are complained about, too.

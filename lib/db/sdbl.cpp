@@ -22,7 +22,10 @@ Multiplex multiplex(DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq) {
 
 // --- Files
 
-Sdbl::Sdbl(const char* db_file) : parts_(std::make_unique<Parts>(db_file != nullptr ? db_file : "")) {
+Sdbl::Sdbl(const char* db_file) : Sdbl(db_file, Durability::NONE) {}
+
+Sdbl::Sdbl(const char* db_file, Durability durability)
+    : parts_(std::make_unique<Parts>(db_file != nullptr ? db_file : "", durability)) {
   parts_->opening.open_files();
 }
 

@@ -12,6 +12,7 @@
 #include "base/types.h"
 #include "db/ca_pid.h"
 #include "db/database_error.h"
+#include "db/durability.h"
 #include "db/epg_cache.h"
 #include "db/no_file_error.h"
 #include "db/pmt_subtxt_lang.h"
@@ -32,7 +33,8 @@ struct timespec;
 // column. Both files are created when they are missing; an existing table is used as it is, whatever its columns.
 //
 // What surprises:
-//   - Neither file has a journal and nothing is synced, so a power cut may damage them; hosts keep backups.
+//   - Unless asked for (Durability::FULL), neither file has a journal and nothing is synced, so a power cut may damage
+//     them; hosts keep backups.
 //   - Texts shorter than three bytes become empty on their way through sql_cache().
 //   - Scan tables are TEMP tables of the connection: kanalid_scan_N, kanalid_lang_scan_N, estreams_scan_N of adapter N.
 //
@@ -59,9 +61,19 @@ class KELVO_EXPORT Sdbl {
   // Opens or creates `db_file` and its guide file. Give a path with an extension: the guide's name is made by cutting
   // at the last dot of the whole path, directories included.
   // Throws no_file_error("Unable to open file") or ("Unable to open epg file %s"), and leaves nothing open. Paths of
-  // 4096 bytes and more count as files that cannot be opened. A guide file that cannot be attached (because it is
-  // damaged or locked) is printed, and the channels can be used without it.
+  // 4096 bytes and more count as files that cannot be opened, and so do, with a printed error, an empty path (or null)
+  // and one that begins with "file:". A guide file that cannot be attached (because it is damaged or locked) is
+  // printed, and the channels can be used without it.
+  //
+  // Both files are read once to see whether they are sound, which takes 10 ms a megabyte on a desktop. A damaged one is
+  // named in one error, remembered for first_error() (SQLITE_CORRUPT), and not written to: of the channel file what can
+  // be read is read, and statements that write fail; the guide is not attached. A file that another program is writing
+  // is not checked.
   explicit Sdbl(const char* db_file);
+
+  // The same with a promise about kills and power cuts; above is Durability::NONE. It holds until the object's end, and
+  // for files that this object has open alone or together with others that promise the same.
+  Sdbl(const char* db_file, Durability durability);
 
   // Frees the statement cache and closes the files; prints an error when the host has closed them already.
   // REQUIRES: no Kelvo uses the object any more.

@@ -35,7 +35,7 @@
 // travel as types of their own; the operations of Sdbl are where the plain numbers end.
 class Sdbl::Parts {
  public:
-  explicit Parts(std::string file) : connection(std::move(file)) {}
+  Parts(std::string file, Durability durability) : connection(std::move(file), durability) {}
 
   // What a host's tuning reads when it must not wait; see Tuner_table and Tuning_table.
   void remember_tunings() {

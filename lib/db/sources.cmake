@@ -10,6 +10,7 @@ list(APPEND KELVO_SOURCES
   db/event_cache.cpp
   db/export_file.cpp
   db/exports.cpp
+  db/file_check.cpp
   db/file_hold.cpp
   db/file_room.cpp
   db/guide.cpp
@@ -45,6 +46,7 @@ list(APPEND KELVO_PUBLIC_HEADERS
   db/ca_pid.h
   db/channel_change.h
   db/database_error.h
+  db/durability.h
   db/epg_cache.h
   db/no_file_error.h
   db/pmt_subtxt_lang.h

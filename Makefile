@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint asan tsan fuzz bench soak kill cross packages-%
+.PHONY: help demo test install clean format lint asan tsan fuzz bench soak kill months cross packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -24,6 +24,7 @@ help:
 	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
 	@echo "make kill      programs killed and power cut in the middle of their work, 300 times each"
+	@echo "make months    30 days on a network that changes every hour, in virtual time"
 	@echo "make cross     build for the set-top box, and run all tests for 32-bit MIPS and a big-endian machine"
 	@echo "make clean     remove everything built"
 	@echo
@@ -74,6 +75,11 @@ kill: packages-build+test
 	@cmake --preset dev
 	@cmake --build --preset dev -j$(JOBS) --target db_ending_test
 	@KELVO_KILLS=$${KELVO_KILLS:-300} build/dev/tests/db/db_ending_test --gtest_filter='*Endings*'
+
+months: packages-build+test+bench
+	@cmake --preset release
+	@cmake --build --preset release -j$(JOBS) --target kelvo_benches
+	@bench/months build/release
 
 cross: packages-build+cross
 	@scripts/cross-root mipsel s390x

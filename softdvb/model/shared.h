@@ -18,7 +18,7 @@ namespace softdvb {
 inline constexpr int MAX_ADAPTERS = 8;
 inline constexpr int MAX_FRONTENDS = 2;  // of an adapter
 inline constexpr int MAX_RECORDS = MAX_ADAPTERS * MAX_FRONTENDS;
-inline constexpr int MAX_MUXES = 64;
+inline constexpr int MAX_MUXES = 1024;  // also what follows with `then`
 inline constexpr int MAX_SIGNAL_STEPS = 64;
 inline constexpr int MAX_FAULTS = 64;
 inline constexpr int MAX_SECTION_FAULTS = 64;

@@ -106,9 +106,6 @@ int wished_number(const std::vector<Channel_row>& rows, const Channel_row& row) 
 
 void plan_numbers(std::vector<Channel_row>& rows) {
   std::vector<Asking> all = all_wishes(rows);
-  std::set<int> taken;
-  for (const Asking& asking : all)
-    taken.insert(asking.wished);
   std::set<int> given;
   std::vector<Asking*> losers;
   const auto give = [&](const Asking& asking, int number) {
@@ -125,7 +122,8 @@ void plan_numbers(std::vector<Channel_row>& rows) {
     else
       losers.push_back(&asking);
   }
-  const auto is_free = [&](int number) { return !taken.contains(number) && !given.contains(number); };
+  // Every number that somebody wishes is given by now.
+  const auto is_free = [&](int number) { return !given.contains(number); };
   // Who has a number from an earlier clash goes first, or a newcomer would push it on.
   std::stable_partition(losers.begin(), losers.end(), [&](const Asking* asking) {
     return asking->number >= FIRST_FREE_NUMBER && asking->number != NO_LCN && is_free(asking->number);

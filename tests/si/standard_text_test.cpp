@@ -86,6 +86,8 @@ const Text_case TEXTS[] = {
     {"14: UTF-16BE", "\x14\x4E\x2D\0A"s, "中A"},
     {"15: UTF-8", "\x15ř😀", "ř😀"},
     {"15: with byte order mark", "\x15\uFEFFř", "ř"},
+    {"15: too long", "\x15\xE0\x80\xAF.", "\uFFFD\uFFFD\uFFFD."},
+    {"an accent on a sign that takes none", "a\xC2\xE3.", "a\uFFFDª."},
     {"15: broken inside", "\x15"s + "a\xC3(\xE2\x82)\xC0\x80\xED\xA0\x80.",
      "a\uFFFD(\uFFFD)\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD."},
     {"15: cut", "\x15"s + "a\xE2\x82", "a"},
@@ -389,6 +391,13 @@ TEST(Extended_texts_of_events, that_are_cut_are_no_error_of_the_default) {
                           plain.parse(extended(1, 1, {}, "cas"), 1);
                         }),
             "");
+}
+
+TEST_F(Standard_text_test, of_a_part_that_comes_twice_the_first_counts) {
+  parse(extended(0, 1, {{"Director", "A"}}, "first"), 1);
+  parse(extended(0, 1, {{"Director", "B"}}, "second"), 1);
+  EXPECT_EQ(language("ces")->ext_desc, "first");
+  EXPECT_THAT(language("ces")->items, ElementsAre(std::pair("Director"s, "A"s)));
 }
 
 TEST_F(Standard_text_test, items_are_pairs_each_once) {

@@ -435,6 +435,41 @@ TEST_F(Whole_guide_test, details_stand_in_tables_of_their_own) {
     EXPECT_EQ(number("SELECT count(*) FROM " + std::string(name)), 0) << name;
 }
 
+TEST_F(Whole_guide_test, a_purge_takes_the_details_along_and_leaves_those_of_others) {
+  const auto details = [](const std::string& crid, const char* country) {
+    return join({descriptor(tag::COMPONENT, join({{0xF1, 0x03, 0x11}, bytes("eng"), bytes("wide")})),
+                 descriptor(tag::CONTENT, {0x14, 0x00}), descriptor(tag::PARENTAL_RATING, join({bytes(country), {9}})),
+                 descriptor(tag::CONTENT_IDENTIFIER, join({{0x01 << 2}, sized(crid)})),
+                 descriptor(tag::EXTENDED_EVENT, join({{0x00}, bytes("eng"), {5, 1, 'D', 2, 'M', 'e', 0}}))});
+  };
+  arrive({}, {{1, 600, 60, "Old", 0, details("/1", "EST")}, {2, 660, 60, "New", 0, details("/2", "FIN")}});
+  const auto left = [&] {
+    Texts all;
+    for (const char* query :
+         {"SELECT entry FROM epglist", "SELECT source_oid FROM epglist_lang", "SELECT entry FROM event_detail",
+          "SELECT entry FROM event_item", "SELECT entry FROM event_component", "SELECT entry FROM event_rating",
+          "SELECT entry FROM event_genre"}) {
+      std::string line;
+      for (const std::string& row : rows(query))
+        line += row + " ";
+      all.push_back(line);
+    }
+    return all;
+  };
+  EXPECT_EQ(left(), Texts(7, "1 2 "));
+  run("UPDATE epglist SET start_epoch = 1000000 WHERE ev_id = 1");
+  EXPECT_EQ(db.remove_old_entries(86400, false), 2) << "the event and its text";
+  EXPECT_EQ(left(), Texts(7, "2 "));
+  EXPECT_EQ(rows("SELECT programme_crid, (SELECT country FROM event_rating) FROM event_detail"), Texts{"/2|FIN"});
+  // It is stored once more when its section says something new, with everything.
+  begin();
+  arrive({.version = 1}, {{1, 600, 60, "Old", 0, details("/1", "EST")}, {2, 660, 60, "New", 0, details("/2", "FIN")}});
+  EXPECT_EQ(rows("SELECT ev_id FROM epglist JOIN event_detail USING (entry) JOIN event_item USING (entry) JOIN "
+                 "event_component USING (entry) JOIN event_rating USING (entry) JOIN event_genre USING (entry) ORDER "
+                 "BY ev_id"),
+            (Texts{"1", "2"}));
+}
+
 TEST_F(Parser_test, table_by_table_makes_no_added_tables) {
   insert(1, 256, 257);
   parser.init_cache_list(FREQ, SCAN_EIT);
@@ -613,6 +648,9 @@ TEST(Visible_events, follow_the_order_of_tables_and_not_that_of_arrival) {
       {"in the order of starts", {later(0x50, 1, 2, 20, 5), later(0x50, 0, 1, 30, 5)}, {2, 1}},
       {"the lower table counts", {later(0x51, 0, 2, 10, 5), later(0x50, 3, 1, 10, 5)}, {1}},
       {"the lower section counts", {later(0x50, 4, 2, 10, 5), later(0x50, 3, 1, 10, 9)}, {1}},
+      {"what is not outdated counts before lower tables",
+       {later(0x50, 0, 1, 10, 5, true), later(0x51, 0, 2, 10, 5)},
+       {2}},
       {"those that overlap are both on air", {later(0x50, 0, 1, 10, 10), later(0x50, 0, 2, 15, 10)}, {1, 2}},
       {"now hides its own and what it overlaps",
        {now(0, 1, 12, 10), later(0x50, 0, 1, 10, 10), later(0x50, 0, 2, 20, 10), later(0x50, 0, 3, 22, 5)},

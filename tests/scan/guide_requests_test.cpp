@@ -20,6 +20,17 @@ class Guide_requests_test : public Guide_test {
                       {"days", 1},
                       {"programmes", Json::array({{{"duration", std::to_string(86400 / count + 1) + "s"}}})}}}}});
   }
+  // 101 gets another title and a later end; the second event of 102 begins later.
+  static Json changed_events() {
+    return {{{"op", "add"},
+             {"path", "/services/0/events"},
+             {"value", Json::parse(R"([{ "start": "now-30m", "duration": "70m", "name": "Other" },
+                                       { "start": "now+40m", "duration": "1h" }])")}},
+            {{"op", "add"},
+             {"path", "/services/1/events"},
+             {"value", Json::parse(R"([{ "start": "now-30m", "duration": "1h" }])")}},
+            {{"op", "add"}, {"path", "/versions"}, {"value", {{"eit_pf_actual", 1}, {"eit_schedule_actual", 1}}}}};
+  }
   void find_services(const std::string& file) {
     ASSERT_EQ(run(on_freq(file), SCAN_ONCE).lines({"done", "no"}), "done 0 0\n");
     ASSERT_EQ(sql("SELECT count(*) FROM epglist"), "0\n");
@@ -46,6 +57,37 @@ TEST_F(Guide_requests_test, first_scan_of_an_empty_database_collects_nothing_and
       << "up to the first table that nobody sends";
   for (const char* table : {"4e", "50"})
     EXPECT_EQ(scan.logged({std::string("DMX_SET_FILTER pid=0x12 filter=") + table}).size(), 1U) << table;
+}
+
+TEST_F(Guide_requests_test, whole_it_is_there_after_the_first_scan_of_an_empty_database_and_goes_on) {
+  auto options = on_freq(stream(both(TWO_EVENTS)));
+  const std::vector<std::string> then{"--then", "506000000=40:" + stream(changed_events())};
+  options.insert(options.end(), then.begin(), then.end());
+  const Scan_run scan = run(options,
+                            "any_linux; kelvo 0 tuner; freq 0 506000000; wait_done 0 60; "
+                            "wait_progress 0 30 guide 101 table 50/50 active 0 done 1 events 2; "
+                            "wait_progress 0 30 guide 102 table 50/50 active 0 done 1 events 2; mirror 0; "
+                            "wait_sql 60 SELECT count(*) = 3 FROM epglist; sleep 10; mirror 0");
+  EXPECT_EQ(scan.lines({"freq", "done", "never"}), "freq -1\ndone 0 0\n");
+  const std::string told = scan.lines({"mirror"});
+  const size_t later = told.find('\n') + 1;
+  for (const char* event : {" 1|1|1772386200", " 1|2|1772389800", " 2|1|1772386200", " 2|2|1772389800"})
+    EXPECT_THAT(told.substr(0, later), testing::HasSubstr(event));
+  EXPECT_EQ(
+      told.substr(later),
+      "mirror " + sql("SELECT group_concat(channel || '|' || ev_id || '|' || start_epoch, ' ') FROM (SELECT * FROM "
+                      "epglist ORDER BY entry)"))
+      << "what a host was told is what there is";
+  EXPECT_EQ(sql("SELECT pat_prnr, ev_id, start_epoch - 1772388000, dur_sec FROM epglist ORDER BY 1, 2"),
+            "101|1|-1800|4200\n101|2|2400|3600\n102|1|-1800|3600\n");
+  EXPECT_EQ(scan.logged({"DMX_SET_FILTER pid=0x12 "}).size(), 1U) << "one filter for all";
+}
+
+TEST_F(Guide_requests_test, whole_it_is_told_to_nobody_with_the_box) {
+  const Scan_run scan = scan_of(both(TWO_EVENTS),
+                                "kelvo 0 tuner; freq 0 506000000; wait_done 0 60; freq 0 506000000; wait_done 0 60; "
+                                "wait_guide 0 60; mirror 0; sql SELECT count(*) FROM epglist");
+  EXPECT_EQ(scan.lines({"guide", "mirror", "sql"}), "guide complete\nmirror\nsql 4\n");
 }
 
 TEST_F(Guide_requests_test, second_frequency_request_collects_the_guide) {

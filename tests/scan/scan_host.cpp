@@ -26,6 +26,9 @@
 //                                 "told nothing"
 //   progress N                    "guide SERVICE table TABLE/LAST active A done D events EVENTS" for each service,
 //                                 tables hexadecimal, or "no guide"
+//   mirror N                      "mirror CHANNEL|EVENT|START ..." of the events that the guide's listener was told of
+//   and
+//                                 that are not removed, by row
 //   lost N                        "lost PID OVERFLOWS WRONG_CRCS" for each PID, or "lost nothing"
 //   wait_progress N SECONDS LINE  until that is one of the lines
 //   sql SQL                       one number
@@ -83,9 +86,10 @@ struct Adapter {
   std::atomic<int> answers{0};
   int requests = 0;
   std::atomic<unsigned> changes{0};
-  std::mutex lock;             // guards what follows
-  std::map<int, int> filters;  // started, by PID
-  Broadcast_time time;         // the last one, of frequency 0 before that
+  std::mutex lock;                    // guards what follows
+  std::map<int, int> filters;         // started, by PID
+  Broadcast_time time;                // the last one, of frequency 0 before that
+  std::map<int, std::string> mirror;  // the guide as it was told, by row
 
   template <typename Get>
   auto locked(Get get) {
@@ -115,6 +119,17 @@ void done(void* data, int result) {
 void time_told(void* data, const Broadcast_time& time) {
   auto* adapter = static_cast<Adapter*>(data);
   adapter->locked([&] { return adapter->time = time; });
+}
+
+void guide_told(void* data, const std::vector<Guide_change>& changes) {
+  auto* adapter = static_cast<Adapter*>(data);
+  const std::lock_guard<std::mutex> guard(adapter->lock);
+  for (const Guide_change& change : changes)
+    if (change.kind == GUIDE_REMOVED)
+      adapter->mirror.erase(change.entry);
+    else
+      adapter->mirror[change.entry] =
+          std::to_string(change.channel) + "|" + std::to_string(change.event_id) + "|" + std::to_string(change.start);
 }
 
 // "followed 1 KINDS Old>New 5>6 506>514" for each known channel that is another now.
@@ -305,6 +320,7 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
                                       profile);
     a.kelvo->set_time_listener(time_told, &a);
     a.kelvo->set_scan_listener(scan_told, &a);
+    a.kelvo->set_guide_listener(guide_told, &a);
     a.kelvo->set_activity_listener({active, &a});
     return;
   }
@@ -378,6 +394,11 @@ void run_on_adapter(const std::string& command, size_t n, Adapter& a, std::istri
     });
     if (!seen)
       say("never: " + wanted);
+  } else if (command == "mirror") {
+    std::string text = "mirror";
+    for (const auto& [entry, event] : a.locked([&] { return a.mirror; }))
+      text += " " + event;
+    say(text);
   } else if (command == "lost") {
     std::vector<Lost_sections> lost;
     a.kelvo->lost_sections(&lost);

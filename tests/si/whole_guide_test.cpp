@@ -137,6 +137,15 @@ TEST_F(Whole_guide_test, present_and_following_show_the_real_times_and_who_runs)
   EXPECT_EQ(guide(), (Texts{"1 1 600+60 News", "1 2 675+60 Film", "1 3 750+30 Talk"}));
 }
 
+TEST_F(Whole_guide_test, a_section_of_an_older_version_that_comes_again_counts_again) {
+  arrive({.last = 1}, {{1, 600, 60, "A"}});
+  arrive({.number = 1, .last = 1}, {{2, 660, 60, "B"}});
+  arrive({.version = 1, .last = 1}, {{1, 600, 90, "A"}});
+  EXPECT_EQ(guide(), Texts{"1 1 600+90 A"});
+  arrive({.number = 1, .last = 1}, {{2, 660, 60, "B"}});
+  EXPECT_EQ(guide(), (Texts{"1 1 600+90 A", "1 2 660+60 B"}));
+}
+
 TEST_F(Whole_guide_test, an_event_runs_since_it_was_first_said_to) {
   const auto since = [&] { return number("SELECT running_since FROM event_detail"); };
   arrive({.table = NOW_TABLE}, {{1, 600, 60, "News", 1}});

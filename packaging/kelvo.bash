@@ -38,7 +38,7 @@ _kelvo() {
   esac
   local options="--help --version"
   if [[ $COMP_CWORD -eq 1 ]]; then
-    options+=" adapters scan channels epg watch signal trace"
+    options+=" adapters scan channels check epg watch signal trace"
   else
     case $command in
       adapters) options="--check --json --help" ;;
@@ -50,6 +50,7 @@ _kelvo() {
         options="--freq --adapter --for --json --log --plot --from --profile --lock-time --db --help"
         ;;
       channels) options="--db --format --help" ;;
+      check) options="--repair --json --db --help" ;;
       watch)
         options="--adapter --for --zone-of --country --profile --lock-time --set-clock --charset --other --db --help"
         ;;

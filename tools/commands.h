@@ -11,6 +11,7 @@ class App;
 // callback stores its exit code in `*exit_code` and throws Failure (failure.h) for what ends the command.
 void add_adapters(CLI::App& app, int* exit_code);
 void add_scan(CLI::App& app, int* exit_code);
+void add_check(CLI::App& app, int* exit_code);
 void add_channels(CLI::App& app, int* exit_code);
 void add_epg(CLI::App& app, int* exit_code);
 void add_epg_update(CLI::App& epg, int* exit_code);

@@ -45,6 +45,7 @@ int run(int argc, char** argv) {
   add_watch(app, &exit_code);
   add_signal(app, &exit_code);
   add_trace(app, &exit_code);
+  add_check(app, &exit_code);
 
   try {
     app.parse(argc, argv);

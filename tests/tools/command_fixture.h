@@ -43,7 +43,7 @@ inline const std::string BUSY_DEVICE = ": in use by another program; stop it fir
 inline const std::string DENIED_DEVICE = ": permission denied; is the user in group video?";
 // And of a database.
 inline const std::string NO_DATABASE = ": not a database; name another file with --db";
-inline const std::string DAMAGED = ": the database is damaged; restore a copy, or move it away and scan again";
+inline const std::string DAMAGED = ": the database is damaged; 'kelvo check --repair' mends it";
 inline const std::string MISSING = ": No such file or directory; make it with 'kelvo scan'";
 
 // The output of `kelvo epg update` without its lines about the carousel of each multiplex, whose times differ each

@@ -52,6 +52,8 @@ TEST(Usage, wrong_arguments) {
       {{"scan", "--db", "a.b/noextension"}, "--db a.b/noextension" + NO_EXTENSION},
       {{"scan", "--db", "folder.d/"}, "--db folder.d/" + NO_EXTENSION},
       {{"scan", "--db", std::string(4100, 'x') + ".db"}, "--db: the path is too long"},
+      {{"check", "--db", "noextension"}, "--db noextension" + NO_EXTENSION},
+      {{"check", "extra"}, "The following argument was not expected: extra (see 'kelvo check --help')"},
       {{"channels", "--format", "xml"}, "--format: xml not in {table,json} (see 'kelvo channels --help')"},
   });
 }
@@ -74,7 +76,7 @@ TEST(Usage, wrong_arguments_of_epg_update) {
 TEST(Help, names_every_command_and_shows_examples) {
   EXPECT_THAT(run_command({KELVO_COMMAND, "--help"}),
               ends(0, AllOf(HasSubstr("  scan "), HasSubstr("  channels ")), ""));
-  for (const std::string command : {"scan", "channels"})
+  for (const std::string command : {"scan", "channels", "check"})
     EXPECT_THAT(run_command({KELVO_COMMAND, command, "--help"}), ends(0, HasSubstr("Examples:\n  kelvo " + command)));
 }
 

@@ -251,7 +251,7 @@ bool check_database(const std::string& file) {
   if (exists) {
     const Channel_db database(file);
     if (!database.is_whole()) {
-      throw Failure(fmt::format("{}: the database is damaged; restore a copy, or move it away and scan again", file));
+      throw Failure(fmt::format("{}: the database is damaged; 'kelvo check --repair' mends it", file));
     }
   }
   char guide[4096];
@@ -264,7 +264,7 @@ bool check_database(const std::string& file) {
     (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);
     Statement check(connection, guide, "PRAGMA quick_check(1);");
     if (!check.step() || check.raw_text(0) != "ok") {
-      throw Failure(fmt::format("{}: the guide is damaged; move it away and scan again", guide));
+      throw Failure(fmt::format("{}: the guide is damaged; 'kelvo check --repair' mends it", guide));
     }
   }
   struct statvfs space {};

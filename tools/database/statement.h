@@ -61,8 +61,7 @@ class Statement {
       case SQLITE_NOTADB:
         throw Failure(fmt::format("{}: not a database; name another file with --db", file_));
       case SQLITE_CORRUPT:
-        throw Failure(
-            fmt::format("{}: the database is damaged; restore a copy, or move it away and scan again", file_));
+        throw Failure(fmt::format("{}: the database is damaged; 'kelvo check --repair' mends it", file_));
       case SQLITE_ERROR:
         throw Failure(fmt::format("{}: not a channel database ({}); name another file with --db", file_,
                                   sqlite3_errmsg(connection_)));

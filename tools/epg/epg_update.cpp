@@ -151,10 +151,10 @@ class Update {
   int seconds_;
   Interrupt interrupt_;
   console::Quiet_library quiet_;
-  std::unique_ptr<Channel_db> reader_;
   std::map<int, Service> services_;
   std::map<int, int> before_;  // events by channel
   std::unique_ptr<Sdbl> database_;
+  std::unique_ptr<Channel_db> reader_;  // closed before the database, whose last user ends its log
   std::unique_ptr<Engine> engine_;
   std::unique_ptr<Guide_job> job_;
   std::vector<Guide_multiplex> seen_;

@@ -26,6 +26,7 @@
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/open_database.h"
+#include "tools/database/repair.h"
 #include "tools/engine/engine.h"
 #include "tools/engine/tuning_text.h"
 #include "tools/scan/same_multiplex.h"
@@ -79,9 +80,9 @@ class Scan {
   console::Quiet_library quiet_;
   Progress progress_;
   Time_left time_left_;
-  std::unique_ptr<Channel_db> reader_;
   std::unique_ptr<Sdbl> database_;
-  std::unique_ptr<Scan_job> job_;  // used by the engine
+  std::unique_ptr<Channel_db> reader_;  // closed before the database, whose last user ends its log
+  std::unique_ptr<Scan_job> job_;       // used by the engine
   std::unique_ptr<Engine> engine_;
   std::optional<Clock::time_point> end_;
   std::vector<Multiplex_line> lines_;
@@ -143,6 +144,11 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   // kept.
   engine_.reset();
   check_written(database_.get(), db_);
+  if (services_ > 0) {
+    if (const std::string failed = keep_good_copy(database_.get(), db_); !failed.empty()) {
+      console::say("kelvo: " + failed);
+    }
+  }
   if (!printed) {
     throw Failure("cannot write the report: " + std::string(strerror(errno)));
   }

@@ -202,6 +202,9 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
     database->set_preferred_provider(zone_of.c_str());
   }
   guide_ = std::make_unique<Guide_db>(db_);
+  // Closed before the database, whose last user ends its log.
+  const std::unique_ptr<std::unique_ptr<Guide_db>, void (*)(std::unique_ptr<Guide_db>*)> closing(
+      &guide_, [](std::unique_ptr<Guide_db>* guide) { guide->reset(); });
   events_ = stored();
   // Later than the database and the guide's counts, as it starts to tune and to store at once; deleted first for the
   // same reason.

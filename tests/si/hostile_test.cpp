@@ -4,9 +4,12 @@
 // Broken sections of every kind through the whole parser: nothing may fault or hang (a memory checker watches), and
 // whole sections afterwards are read as if nothing had been.
 
+#include "base/receiver_profile.h"
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/samples.h"
+#include "si/recorded_clock.h"
 #include "si/si_support.h"
+#include "si/siparse_parts.h"
 #include "softdvb/model/section_feed.h"
 
 using namespace si_support;
@@ -155,8 +158,36 @@ TEST_F(Hostile, names_of_languages_in_the_wrong_loop_do_not_pile_up) {
 
 // --- Streams that are kept beside the tree ---------------------------------------------------------------------------
 
-class Hostile_streams : public Hostile {
+// As on the box, and as on any receiver.
+class Hostile_streams : public Hostile, public testing::WithParamInterface<const char*> {
  protected:
+  Hostile_streams() {
+    if (is_any())
+      parser.parts().read_as(Receiver_profile::any_linux());
+  }
+
+  bool is_any() const { return GetParam() == std::string("any"); }
+
+  void begin_anew() {
+    db.clear_temp_tables(0);
+    filter.remove_all();
+    parser.parts().begin_multiplex();
+    parser.parts().begin_network();
+    parser.init_cache_list(FREQ, SCAN_EIT);
+    parser.start_eit_scan(FREQ, SCAN_EIT);
+  }
+
+  // What is beside the broken section, or comes afterwards, is read; the channel list is left alone, the clock too
+  // where the receiver does not set it.
+  void expect_no_harm() {
+    begin_anew();
+    filter.remove_all();
+    expect_a_whole_scan();
+    EXPECT_THAT(rows("SELECT * FROM kanalid"), IsEmpty());
+    const std::vector<time_t> settings = recorded_clock.take_settings();
+    EXPECT_TRUE(!is_any() || settings.empty());
+  }
+
   void throw_stream_at_parser(const std::filesystem::path& file) {
     const std::string stream = support::read_file(file.string());
     std::vector<softdvb::Section_feed> feeds;
@@ -171,21 +202,20 @@ class Hostile_streams : public Hostile {
   }
 };
 
-TEST_F(Hostile_streams, of_the_collection_of_broken_ones) {
+TEST_P(Hostile_streams, of_the_collection_of_broken_ones) {
   const std::string folder = support::capture_file("../malformed");
   if (folder.empty())
     GTEST_SKIP() << "the collection is not here";
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     SCOPED_TRACE(entry.path().filename().string());
-    db.clear_temp_tables(0);
-    filter.remove_all();
+    begin_anew();
     throw_stream_at_parser(entry.path());
-    expect_a_whole_scan();
+    expect_no_harm();
   }
   EXPECT_GT(thrown, 1000u);
 }
 
-TEST_F(Hostile_streams, broken_sections_that_real_parsers_stumbled_over) {
+TEST_P(Hostile_streams, broken_sections_that_real_parsers_stumbled_over) {
   const std::string folder = dvbsi_test::shared_file("malformed");
   if (folder.empty())
     GTEST_SKIP() << "the collection is not here";
@@ -208,8 +238,23 @@ TEST_F(Hostile_streams, broken_sections_that_real_parsers_stumbled_over) {
       for (int i = 0; i < 3; ++i)
         throw_at_parser(section, pid_of(section));
     }
+    expect_no_harm();
   }
-  expect_a_whole_scan();
 }
+
+// One entry of a loop is broken, those before it are not.
+TEST_P(Hostile_streams, neighbours_of_a_broken_entry_are_stored) {
+  begin_anew();
+  Bytes broken = pmt(1, 0x101, {{2, 0x101}, {3, 0x102, languages({{"est", 0}})}, {6, 0x103, {0x56, 0x20, 'e'}}});
+  scan(pat({{1, 0x100}, {2, 0x200}}));
+  scan(broken, 0x100);
+  scan(pmt(2, 0x201, {{2, 0x201}}), 0x200);
+  scan(sdt({{1, {0x48, 3, 1, 0x40, 1}}, {2, service_descriptor(1, "Prov", "Two")}}));
+  EXPECT_THAT(rows("SELECT es_pid FROM estreams_scan_0 WHERE channel = 2"), ElementsAre("513"));
+  EXPECT_THAT(rows("SELECT pat_prnr, serv_name FROM kanalid_scan_0 WHERE pat_prnr = 2"), ElementsAre("2|Two"));
+}
+
+INSTANTIATE_TEST_SUITE_P(, Hostile_streams, testing::Values("box", "any"),
+                         [](const auto& row) { return std::string(row.param); });
 
 }  // namespace

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint asan tsan fuzz bench soak kill months cross packages-%
+.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long bench soak kill months cross packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -20,7 +20,8 @@ help:
 	@echo "make lint      check layout, spelling, scripts, includes and code"
 	@echo "make asan      the tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 	@echo "make tsan      the tests under ThreadSanitizer"
-	@echo "make fuzz      a minute of fuzzing of everything that comes off the air"
+	@echo "make fuzz      a minute of fuzzing of everything that hostile bytes reach; fuzz-smoke: a minute of each of it,"
+	@echo "               fuzz-long: ten million executions of each, hours"
 	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
 	@echo "make kill      programs killed and power cut in the middle of their work, 300 times each"
@@ -60,6 +61,9 @@ lint: packages-build+test+lint
 
 fuzz: packages-build+test+fuzz
 	@scripts/fuzz
+
+fuzz-smoke fuzz-long: packages-build+test+fuzz
+	@scripts/fuzz --$(@:fuzz-%=%)
 
 bench: packages-build+test+bench
 	@cmake --preset release

@@ -3,9 +3,8 @@
 
 #include "dvbsi/malformed_cases.h"
 #include "dvbsi/samples.h"
+#include "fuzz/entries.h"
 #include "support/test.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -27,19 +26,19 @@ TEST(Section_fuzz, entry_bears_the_corpus_its_beginnings_and_damage) {
   dvbsi_test::Random random(20240613);
   size_t runs = 0;
   for (const Bytes& seed : corpus()) {
-    ASSERT_EQ(LLVMFuzzerTestOneInput(seed.data(), seed.size()), 0);
+    ASSERT_EQ(fuzz::section(seed.data(), seed.size()), 0);
     for (size_t size = 0; size < std::min<size_t>(seed.size(), 64); ++size, ++runs)
-      ASSERT_EQ(LLVMFuzzerTestOneInput(seed.data(), size), 0);
+      ASSERT_EQ(fuzz::section(seed.data(), size), 0);
     for (int i = 0; i < 40 && seed.size() >= 8; ++i, ++runs) {
       const Bytes bytes = dvbsi_test::damaged(seed, random);
-      ASSERT_EQ(LLVMFuzzerTestOneInput(bytes.data(), bytes.size()), 0);
+      ASSERT_EQ(fuzz::section(bytes.data(), bytes.size()), 0);
     }
     for (int i = 0; i < 40; ++i, ++runs) {  // damage that nothing mends afterwards
       Bytes bytes = seed;
       for (uint8_t& byte : bytes)
         if (random() % 16 == 0)
           byte = static_cast<uint8_t>(random());
-      ASSERT_EQ(LLVMFuzzerTestOneInput(bytes.data(), bytes.size()), 0);
+      ASSERT_EQ(fuzz::section(bytes.data(), bytes.size()), 0);
     }
   }
   EXPECT_GT(runs, 5000u);

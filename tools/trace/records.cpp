@@ -29,7 +29,7 @@ std::string read_all(const std::string& file) {
   std::string out;
   ssize_t n = fd < 0 ? -1 : 1;
   while (n > 0) {
-    constexpr size_t BLOCK = 1 << 20;
+    constexpr size_t BLOCK = 1 << 16;
     const size_t size = out.size();
     out.resize(size + BLOCK);
     n = read(fd, out.data() + size, BLOCK);

@@ -26,6 +26,9 @@ inline constexpr int OPEN_FLAGS = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
 // and the busy time-out.
 void set_up(sqlite3* conn, Durability durability = Durability::NONE);
 
+// The two files of a connection.
+enum class Db_file { CHANNELS, GUIDE };
+
 // The main connection of one database. Opening and closing belong to the host's thread (see Opening); the handle is
 // any-thread.
 class Connection {
@@ -41,9 +44,16 @@ class Connection {
   Durability durability() const { return durability_; }
 
   // Takes `conn` as the connection, or none.
-  void set(sqlite3* conn) { conn_ = conn; }
+  void set(sqlite3* conn);
   // Keeps the present connection until the end, because another thread may still use it, although a new one is opened.
   void keep_replaced() { replaced_.push_back(conn_); }
+
+  // Executes a statement without parameters, which is compiled once: `sql` is a literal, known by its address. Prints
+  // nothing. The code of the step; `*text` becomes the first column of the row, if there is one. REQUIRES: the
+  // connection's mutex.
+  int run_literal(const char* sql, std::string* text = nullptr);
+  // Ends those statements, as a connection that is closed wants it.
+  void end_literals();
 
   Mutex open_lock{Lock_rank::OPENING, "opening"};  // held while the connection is opened or closed
   // Held by the writers that insert several rows or ask for the row's number.
@@ -54,6 +64,7 @@ class Connection {
   Durability durability_;
   sqlite3* conn_ = nullptr;
   std::vector<sqlite3*> replaced_;
+  std::vector<std::pair<const char*, sqlite3_stmt*>> literals_;  // of conn_
 };
 
 // Holds a connection's own mutex, which is recursive. Keeps the binding, stepping and resetting of a statement of

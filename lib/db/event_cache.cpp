@@ -111,4 +111,16 @@ void Event_cache::forget(Events* events, int start_epoch, int dur_sec) {
   events->erase(events->begin() + index);
 }
 
+void Event_cache::take_back(Events* events, int ev_id, int start_epoch, int dur_sec) {
+  const EPG_cache event{start_epoch, ev_id, dur_sec};
+  const auto [first, last] = std::equal_range(events->begin(), events->end(), &event, cmp_epg_cache);
+  const auto known = std::find_if(first, last, [&](const EPG_cache* other) {
+    return other->ev_id == event.ev_id && other->dur_sec == event.dur_sec;
+  });
+  if (known == last)
+    return;
+  delete *known;
+  events->erase(known);
+}
+
 }  // namespace sdbl

@@ -22,6 +22,8 @@ class Event_cache {
 
   // Takes a deleted event out, when it is the one found at its start; another one there, or none, is printed.
   static void forget(Events* events, int start_epoch, int dur_sec);
+  // Takes out this very event, which lookup() has put in and which is not stored after all. Prints nothing.
+  static void take_back(Events* events, int ev_id, int start_epoch, int dur_sec);
 
  private:
   std::atomic<unsigned> hits_{0};

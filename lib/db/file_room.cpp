@@ -3,6 +3,7 @@
 
 #include "db/file_room.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -26,6 +27,14 @@ int64_t disk_space(const char* file) {
   return blocks > INT64_MAX / block ? INT64_MAX : static_cast<int64_t>(blocks * block);
 }
 
+// Pages that an open transaction has added and not yet written.
+int64_t pages_to_write(const char* file, int64_t used, int64_t page_size) {
+  struct stat found {};
+  if (file == nullptr || uninterrupted([&] { return stat(file, &found); }) != 0)
+    return 0;
+  return std::max<int64_t>(used - static_cast<int64_t>(found.st_size) / page_size, 0);
+}
+
 }  // namespace
 
 int64_t File_room::pragma_number(const char* schema, const char* name) {
@@ -41,9 +50,10 @@ int64_t File_room::pages_left(const char* schema) {
   if (limit < 0 || used < 0 || unused < 0 || size <= 0)
     return -1;
   int64_t growth = limit - used;
-  const int64_t space = disk_space(sqlite3_db_filename(connection_.get(), schema));
+  const char* const file = sqlite3_db_filename(connection_.get(), schema);
+  const int64_t space = disk_space(file);
   if (space >= 0)
-    growth = std::min(growth, space / size);
+    growth = std::min(growth, space / size - pages_to_write(file, used, size));
   return growth + unused;
 }
 

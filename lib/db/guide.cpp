@@ -61,11 +61,40 @@ Run Guide::store(const Event_row& event, bool replace) {
   return replace ? run(Event_sql(REPLACE_EVENT)) : run(Event_sql(INSERT_EVENT));
 }
 
-int Guide::eit_for_service(const Event_row& event, int freq, Event_cache::Events* known, bool replace,
-                           bool overlapping) {
+void Guide::trace(const Event_row& event, int freq) {
   KLOG(VERB_TRACE, "Db event %d freq %d prnr %d ymd %x hms %x dur %x\n", event.ev_id, freq, event.pat_prnr,
        static_cast<unsigned>(event.ymd_bcd), static_cast<unsigned>(event.hms_bcd),
        static_cast<unsigned>(event.dur_bcd));
+}
+
+void Guide::report(int rc) {
+  if (rc == SQLITE_FULL)
+    errors_.remember_full_guide("eit_for_service");
+  else
+    errors_.remember(rc, "eit_for_service");
+  KLOG(VERB_ERROR, "ERROR: eit_for_service: rc is %d\n", rc);
+}
+
+int Guide::insert(const Event_row& event, bool replace) {
+  Db_lock lock(connection_);
+  const int pages = EVENT_PAGES + pages_of({event.content.c_str(), event.rating.c_str()});
+  Run stored{0, 0, 0, SQLITE_FULL, false};
+  if (room_.has(pages + ROOM_FOR_TEXTS))
+    stored = store(event, replace);
+  if (stored.code == SQLITE_DONE)
+    return stored.rowid;
+  report(stored.code);
+  return -1;
+}
+
+int Guide::store_new(const Event_row& event, int freq) {
+  trace(event, freq);
+  return insert(event, false);
+}
+
+int Guide::eit_for_service(const Event_row& event, int freq, Event_cache::Events* known, bool replace,
+                           bool overlapping) {
+  trace(event, freq);
   if (overlapping) {
     KLOG(VERB_WARNING, "WARNING: Overlapping\n");
     delete_epglist_range(event.channel, event.start_epoch, saturated(end_of(event.start_epoch, event.dur_sec)), true,
@@ -77,18 +106,7 @@ int Guide::eit_for_service(const Event_row& event, int freq, Event_cache::Events
   if (replace)
     KLOG(VERB_WARNING, "WARNING: Replacing event id channel %d, ymd_bcd %x, hms_bcd %x\n", event.channel,
          static_cast<unsigned>(event.ymd_bcd), static_cast<unsigned>(event.hms_bcd));
-
-  Db_lock lock(connection_);
-  const int pages = EVENT_PAGES + pages_of({event.content.c_str(), event.rating.c_str()});
-  Run stored{0, 0, 0, SQLITE_FULL, false};
-  if (room_.has(pages + ROOM_FOR_TEXTS))
-    stored = store(event, replace);
-  if (stored.code == SQLITE_DONE)
-    return stored.rowid;
-  if (stored.code == SQLITE_FULL)
-    errors_.remember_full_guide(__func__);
-  KLOG(VERB_ERROR, "ERROR: eit_for_service: rc is %d\n", stored.code);
-  return -1;
+  return insert(event, replace);
 }
 
 int Guide::insert_epglist_lang(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,

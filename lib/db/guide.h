@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "db/errors.h"
@@ -43,7 +44,20 @@ class Guide {
   int delete_epglist_range(int channel, int start_epoch, int end_epoch, bool trace, Event_cache::Events* known);
   int eit_info_available(int channel);
 
+  // --- For Guide_section -------------------------------------------------------------------------------------------
+
+  // eit_for_service of an event that neither replaces nor overlaps one. REQUIRES: an open transaction on the guide.
+  int store_new(const Event_row& event, int freq);
+  // Prints and remembers that events were refused.
+  void report(int rc);
+  // Whether another program that has the guide locked is waited for: not again before it has let go, or every section
+  // would cost the whole wait. Any-thread, both.
+  bool waits_for_others() const { return !others_hold_it_; }
+  void note_others(bool hold_it) { others_hold_it_ = hold_it; }
+
  private:
+  void trace(const Event_row& event, int freq);
+  int insert(const Event_row& event, bool replace);
   Run store(const Event_row& event, bool replace);
   void trace_deleted_event(int oid, int start_epoch, int dur_sec);
 
@@ -52,6 +66,7 @@ class Guide {
   const Statements& statements_;
   Guide_room& room_;
   Errors& errors_;
+  std::atomic<bool> others_hold_it_{false};  // the last time that somebody looked
 };
 
 }  // namespace sdbl

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "db/transaction.h"
 
 using kelvo_log::sql_ok;
 
@@ -22,7 +23,6 @@ constexpr int ROOM_TO_GROW = 120;
 constexpr int PAGES_OF_EVENT = 2;
 constexpr int MOST_PAGES = 500;
 constexpr size_t LEAST_PAGE_BYTES = 500;
-constexpr int COMMIT_ATTEMPTS = 3;
 constexpr int PARKED_FROM = 0x7FFFFFFF;
 
 int pages_of(const Guide_write& write) {
@@ -105,11 +105,9 @@ std::vector<Guide_row> Guide_events::rows(int channel) {
 }
 
 Guide_events::Applied Guide_events::apply(const std::vector<int>& removed, std::vector<Guide_write>* writes) {
-  const std::lock_guard<Mutex> writing(connection_.second_lock);
-  Db_lock lock(connection_);
   const int rc = apply_all(removed, writes);
-  const bool failed_before = std::exchange(failed_, !sql_ok(rc));
-  if (!failed_)
+  const bool failed_before = failed_.exchange(!sql_ok(rc));
+  if (sql_ok(rc))
     return Applied::DONE;
   errors_.remember(rc, GUIDE_OPERATION);
   if (!failed_before)
@@ -139,34 +137,25 @@ int Guide_events::apply_all(const std::vector<int>& removed, std::vector<Guide_w
 }
 
 int Guide_events::apply_some(const std::vector<int>& removed, Guide_write* first, const Guide_write* last, int pages) {
+  // A program that still keeps its lock is not waited for again.
+  Transaction transaction(connection_, Db_file::GUIDE, {.waits = !failed_});
+  if (!transaction.is_open())
+    return transaction.code();
   // Removing needs no room, and makes some.
   if (first != last && !room_.has(pages)) {
     errors_.remember_full_guide("eit_for_service");
     return SQLITE_FULL;
   }
-  sqlite3* const conn = connection_.get();
-  // A host may have begun one of its own on this connection.
-  const bool own = conn != nullptr && sqlite3_get_autocommit(conn) != 0;
-  if (first != last)
-    if (const int rc = make_tables(); !sql_ok(rc))
-      return rc;
-  const auto run = [&](const char* sql) { return own ? sql_.try_exec_on(GUIDE_OPERATION, conn, sql) : SQLITE_OK; };
-  if (const int rc = run("BEGIN;"); !sql_ok(rc))
-    return rc;
-  const int changed = change(removed, first, last);
-  // With nothing written yet, as when the file is locked, there is nothing to keep.
-  if (!sql_ok(changed) && (changed & 0xFF) == SQLITE_BUSY) {
-    (void)run("ROLLBACK;");
-    return changed;
-  }
-  int committed = SQLITE_OK;
-  for (int attempt = 0; attempt < COMMIT_ATTEMPTS; ++attempt) {
-    committed = run("COMMIT;");
-    if (sql_ok(committed))
-      return changed;
-  }
-  (void)run("ROLLBACK;");  // the transaction is small enough to stand in memory alone until it ends
-  return committed;
+  const bool had_tables = has_tables();
+  int rc = first != last ? make_tables() : SQLITE_OK;
+  if (sql_ok(rc))
+    rc = change(removed, first, last);
+  // A row that is refused takes nothing with it.
+  const bool keeps = sql_ok(rc) || (rc & 0xFF) == SQLITE_CONSTRAINT;
+  const int committed = keeps ? transaction.commit() : rc;
+  if (!sql_ok(committed) && !had_tables)
+    made_on_ = nullptr;
+  return sql_ok(committed) ? rc : committed;
 }
 
 int Guide_events::change(const std::vector<int>& removed, Guide_write* first, const Guide_write* last) {

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -119,8 +120,8 @@ class Guide_events {
   Schema& schema_;
   Guide_room& room_;
   Errors& errors_;
-  bool failed_ = false;         // the last time
-  sqlite3* made_on_ = nullptr;  // the connection whose guide file has the added tables
+  std::atomic<bool> failed_{false};  // the last time
+  sqlite3* made_on_ = nullptr;       // the connection whose guide file has the added tables
 };
 
 }  // namespace sdbl

@@ -6,7 +6,11 @@
 #include <time.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
+
+#include "base/log.h"
+#include "db/transaction.h"
 
 namespace sdbl {
 
@@ -14,6 +18,12 @@ namespace {
 
 // How many pages are taken on trust before the file is looked at again; other programs may write to the same disk.
 constexpr int64_t MOST_ROOM = 1024;
+// In a transaction nothing is written yet, and no room at the end undoes all of it: the file's own bound is enough.
+constexpr int64_t MOST_PROMISED = 8000;
+
+// Events of a purge that go in one transaction; its pages stand in memory until it ends.
+constexpr size_t PURGED_AT_ONCE = 500;
+constexpr char PURGE[] = "remove_old_entries";
 
 // Pages that the connection has written so far, wrapping around. The guide cannot have grown by more.
 unsigned pages_written(sqlite3* conn) {
@@ -28,35 +38,63 @@ unsigned pages_written(sqlite3* conn) {
 bool Guide_room::has(int needed) {
   Db_lock lock(connection_);
   sqlite3* const conn = connection_.get();
+  const bool in_transaction = conn != nullptr && sqlite3_get_autocommit(conn) == 0;
   const time_t now = time(nullptr);
-  const int64_t grown = pages_written(conn) - written_;
-  if (now == looked_at_ && left_ - grown >= needed)
-    return true;
-
-  looked_at_ = now;
-  int64_t left = room_.pages_left(EPG_SCHEMA);
-  if (left >= 0 && left < needed && remove_old_entries() > 0)
-    left = room_.pages_left(EPG_SCHEMA);
-  left_ = left < 0 ? MOST_ROOM : std::min(left, MOST_ROOM);
-  written_ = pages_written(conn);
-  return left_ >= needed;
+  const int64_t grown = pages_written(conn) - written_ + promised_;
+  if (now != looked_at_ || std::min(left_, in_transaction ? MOST_PROMISED : MOST_ROOM) - grown < needed) {
+    looked_at_ = now;
+    int64_t left = room_.pages_left(EPG_SCHEMA);
+    if (left >= 0 && left < needed && remove(epg_max_age(), false) > 0)
+      left = room_.pages_left(EPG_SCHEMA);
+    left_ = left < 0 ? MOST_ROOM : left;
+    written_ = pages_written(conn);
+    promised_ = 0;
+    if (left_ < needed)
+      return false;
+  }
+  promised_ += in_transaction ? needed : 0;
+  return true;
 }
 
 int Guide_room::remove_old_entries(int age_sec, bool vacuum) {
+  const int removed = remove(age_sec, true);
+  if (vacuum) {
+    // Which may be the whole file.
+    Db_lock lock(connection_);
+    (void)sqlite3_exec(connection_.get(), "PRAGMA cache_spill = ON", nullptr, nullptr, nullptr);
+    statements_.try_run(__func__, 0, "VACUUM");  // a failure is printed there
+    (void)sqlite3_exec(connection_.get(), "PRAGMA cache_spill = OFF", nullptr, nullptr, nullptr);
+  }
+  return removed;
+}
+
+int Guide_room::remove(int age_sec, bool waits) {
   const int oldest = saturated(int64_t{time(nullptr)} - age_sec);
   std::vector<int> entries;
-  Rows rows(statements_, __func__, 0, "SELECT entry from epglist where start_epoch < $start_epoch", oldest);
+  Rows rows(statements_, PURGE, 0, "SELECT entry from epglist where start_epoch < $start_epoch", oldest);
   while (rows.next())
     entries.push_back(rows.number(0));
   rows.end();
 
   int removed = 0;
-  for (const int entry : entries) {
-    removed += statements_.try_run(__func__, 0, "DELETE from epglist where entry = $entry", entry).changes;
-    removed += statements_.try_run(__func__, 0, "DELETE from epglist_lang where source_oid = $entry", entry).changes;
+  for (size_t first = 0; first < entries.size(); first += PURGED_AT_ONCE) {
+    Transaction transaction(connection_, Db_file::GUIDE, {.waits = waits});
+    int rc = transaction.busy() ? transaction.code() : SQLITE_OK;
+    int gone = 0;
+    for (size_t i = first; rc == SQLITE_OK && i < std::min(first + PURGED_AT_ONCE, entries.size()); ++i) {
+      gone += statements_.try_run(PURGE, 0, "DELETE from epglist where entry = $entry", entries[i]).changes;
+      gone += statements_.try_run(PURGE, 0, "DELETE from epglist_lang where source_oid = $entry", entries[i]).changes;
+      rc = transaction.is_lost() ? SQLITE_FULL : SQLITE_OK;
+    }
+    if (rc == SQLITE_OK && transaction.is_open())
+      rc = transaction.commit();
+    if (rc != SQLITE_OK) {
+      errors_.remember(rc, PURGE);
+      KLOG(VERB_ERROR, "ERROR: Old events stay in the guide: %s\n", sqlite3_errstr(rc));
+      break;
+    }
+    removed += gone;
   }
-  if (vacuum)
-    statements_.try_run(__func__, 0, "VACUUM");  // a failure is printed there
   return removed;
 }
 

@@ -107,6 +107,7 @@ void Opening::open_files() {
     if (connection_.durability() == Durability::FULL)
       sync_folder(file);  // new files are in it; the guide's is the same one
   } catch (...) {
+    connection_.end_literals();
     (void)sqlite3_close(connection_.get());  // no statement is open yet
     connection_.set(nullptr);
     throw;
@@ -203,6 +204,8 @@ void Opening::open() {
   KLOG(VERB_TRACE, "opendone\n");
   if (!read_only_)
     apply_pragmas(connection_.get(), "open_db");
+  // A transaction stands in memory until it ends: what is in the file already is not seen by others before.
+  (void)sqlite3_exec(connection_.get(), "PRAGMA cache_spill = OFF", nullptr, nullptr, nullptr);
 }
 
 void Opening::close() {
@@ -214,6 +217,7 @@ void Opening::close() {
   KLOG(VERB_TRACE, "Closing db ");
   {
     std::lock_guard<Mutex> closing(connection_.open_lock);
+    connection_.end_literals();
     while (sqlite3_stmt* stmt = sqlite3_next_stmt(conn, nullptr)) {
       KLOG(VERB_WARNING, "WARNING: Open statement in close db\n");
       (void)sqlite3_finalize(stmt);  // repeats the code of the last step

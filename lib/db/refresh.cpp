@@ -75,10 +75,12 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
     return {};
   }
   // What is read and what is written belong together, whoever else merges.
-  Transaction transaction(db_.connection, db_.sql);
+  Transaction transaction(db_.connection, Db_file::CHANNELS);
   const Merge_end failed{Merge_outcome::FAILED, 0};
-  if (!transaction.is_open())
+  if (!transaction.is_open()) {
+    (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);
     return {Merge_outcome::BUSY, 0};
+  }
   read_known();
   if (state == SCAN_PAT) {
     if (!read_scanned(details)) {
@@ -92,7 +94,8 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
       return failed;
   }
   streams_.run();
-  if (!transaction.commit())
+  (void)db_.stream_details.store(dvbnr_, multiplex_);
+  if (!sql_ok(db_.errors.report_exec(transaction.commit(), MERGE_OPERATION)))
     return failed;
   add_up(changes);
 

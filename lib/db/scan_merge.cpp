@@ -7,8 +7,8 @@
 #include <string>
 
 #include "base/log.h"
-#include "db/file_hold.h"
 #include "db/merge.h"
+#include "db/transaction.h"
 
 namespace sdbl {
 
@@ -78,8 +78,9 @@ bool Scan_merge::fits(int dvbnr) {
 }
 
 Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
-  const File_hold hold(connection_);  // nor does another adapter take the room
-  if (hold.busy()) {
+  // Without one (the file cannot be written) the statements say one by one what is wrong.
+  Transaction transaction(connection_, Db_file::CHANNELS, {.tries_disk = true});
+  if (transaction.busy()) {
     errors_.remember(SQLITE_BUSY, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: Another program keeps the channels locked: those of %d Hz are not stored, rc = %d\n",
          multiplex.freq, SQLITE_BUSY);
@@ -94,6 +95,13 @@ Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE stat
   const Merge_end end{Merge_outcome::DONE, Merge(statements_, dvbnr, multiplex).run(state)};
   if (details_.any(dvbnr) && fits(dvbnr))  // the details are no longer than what they belong to
     (void)details_.store(dvbnr, multiplex);
+  if (!transaction.is_open())
+    return end;
+  if (const int rc = transaction.commit(); rc != SQLITE_OK) {
+    errors_.remember(rc, MERGE_OPERATION);
+    KLOG(VERB_ERROR, "ERROR: The channels of %d Hz are not stored, rc = %d\n", multiplex.freq, rc);
+    return {Merge_outcome::FAILED, 0};
+  }
   return end;
 }
 

@@ -27,11 +27,11 @@ struct Merge_end {
   int changes = 0;  // the bits of Sdbl::update_master_scan_data; 0 when nothing was written
 };
 
-// A merge as a whole: it is done when the channel file can take it for certain, or nothing is written, the details of
-// its streams included. The scan tables stay as they are in any case. Worker-only.
+// A merge as a whole, in one transaction: it is done when the channel file can take it for certain, or nothing is
+// written, the details of its streams included. The scan tables stay as they are in any case. Worker-only.
 class Scan_merge {
  public:
-  Scan_merge(const Connection& connection, One_shot& sql, const Statements& statements, Errors& errors, File_room& room,
+  Scan_merge(Connection& connection, One_shot& sql, const Statements& statements, Errors& errors, File_room& room,
              Stream_details& details)
       : connection_(connection), sql_(sql), statements_(statements), errors_(errors), room_(room), details_(details) {}
 
@@ -43,7 +43,7 @@ class Scan_merge {
   int64_t bytes_found(int dvbnr);
   int64_t number_of(int dvbnr, const char* sql);
 
-  const Connection& connection_;
+  Connection& connection_;
   One_shot& sql_;
   const Statements& statements_;
   Errors& errors_;

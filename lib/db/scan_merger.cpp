@@ -30,10 +30,7 @@ class Refresh_merger : public Scan_merger {
 
   Merge_end merge(int dvbnr, const Multiplex& multiplex, SCAN_STATE state, const Scan_details& details,
                   std::vector<Channel_change>* changes) override {
-    const Merge_end end = Refresh(database_, dvbnr, multiplex).run(state, details, changes);
-    if (end.outcome == Merge_outcome::DONE)
-      (void)database_.stream_details.store(dvbnr, multiplex);
-    return end;
+    return Refresh(database_, dvbnr, multiplex).run(state, details, changes);
   }
 
  private:

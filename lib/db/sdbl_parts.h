@@ -59,7 +59,7 @@ class Sdbl::Parts {
   sdbl::Zone zone{statements};
   sdbl::Zone_table zones{connection, statements, schema};
   sdbl::File_room room{connection, sql};
-  sdbl::Guide_room guide_room{connection, room, statements};
+  sdbl::Guide_room guide_room{connection, room, statements, errors};
   sdbl::Scan_merge scan_merge{connection, sql, statements, errors, room, stream_details};
   sdbl::Event_cache event_cache;
   sdbl::Guide guide{connection, sql, statements, guide_room, errors};

@@ -11,12 +11,12 @@ list(APPEND KELVO_SOURCES
   db/export_file.cpp
   db/exports.cpp
   db/file_check.cpp
-  db/file_hold.cpp
   db/file_room.cpp
   db/guide.cpp
   db/guide_events.cpp
   db/guide_plan.cpp
   db/guide_room.cpp
+  db/guide_section.cpp
   db/guide_services.cpp
   db/merge.cpp
   db/number_plan.cpp

@@ -3,6 +3,10 @@
 
 #include "db/transaction.h"
 
+#include <unistd.h>
+
+#include <string>
+
 #include "base/log.h"
 
 using kelvo_log::sql_ok;
@@ -11,35 +15,143 @@ namespace sdbl {
 
 namespace {
 
-constexpr char TRANSACTION[] = "transaction";
+constexpr int PAUSE_MS = 20;
+
+// BEGIN locks nothing; BEGIN IMMEDIATE would lock both files.
+constexpr char BEGIN[] = "BEGIN";
+constexpr char COMMIT[] = "COMMIT";
+constexpr char ROLLBACK[] = "ROLLBACK";
+
+bool is_busy(int code) {
+  return (code & 0xFF) == SQLITE_BUSY;
+}
 
 }  // namespace
 
-// The journal, which only lives in memory, is what a failure is undone with.
-Transaction::Transaction(const Connection& connection, One_shot& sql) : lock_(connection), sql_(sql) {
-  (void)sql_.exec(TRANSACTION, "PRAGMA main.journal_mode = MEMORY;");
-  open_ = sql_ok(sql_.exec(TRANSACTION, "BEGIN IMMEDIATE;"));
-  if (!open_)
-    end();
+// The statements for one file.
+struct Transaction::Sql {
+  const char* schema;
+  const char* journal;
+  const char* journal_in_memory;
+  const char* no_journal;
+  const char* take_turn;  // writes no row, and keeps other writers away
+  const char* version;
+};
+
+const Transaction::Sql& Transaction::sql_of(Db_file file) {
+  static constexpr Sql CHANNELS = {"main",
+                                   "PRAGMA main.journal_mode",
+                                   "PRAGMA main.journal_mode = MEMORY",
+                                   "PRAGMA main.journal_mode = OFF",
+                                   "UPDATE main.kanalid SET channel = channel WHERE 0",
+                                   "PRAGMA main.user_version"};
+  static constexpr Sql GUIDE = {EPG_SCHEMA,
+                                "PRAGMA epg_db.journal_mode",
+                                "PRAGMA epg_db.journal_mode = MEMORY",
+                                "PRAGMA epg_db.journal_mode = OFF",
+                                "UPDATE epg_db.epglist SET channel = channel WHERE 0",
+                                "PRAGMA epg_db.user_version"};
+  return file == Db_file::CHANNELS ? CHANNELS : GUIDE;
+}
+
+Transaction::Transaction(Connection& connection, Db_file file, Options options)
+    : connection_(connection), sql_(sql_of(file)) {
+  for (int waited = 0;; waited += PAUSE_MS) {
+    lock_.emplace(connection_);
+    code_ = begin(options.tries_disk);
+    if (!is_busy(code_) || !options.waits || waited >= SQL_TIMEOUT_MS)
+      break;
+    lock_.reset();
+    (void)usleep(PAUSE_MS * 1000);  // a shorter pause is as good
+  }
+  if (state_ == State::NONE)
+    lock_.reset();
+}
+
+int Transaction::begin(bool tries_disk) {
+  sqlite3* const conn = connection_.get();
+  if (conn == nullptr)
+    return SQLITE_MISUSE;
+  if (sqlite3_get_autocommit(conn) == 0) {
+    state_ = State::INNER;
+    return SQLITE_OK;
+  }
+  (void)sqlite3_busy_timeout(conn, 0);
+  std::string journal;
+  (void)connection_.run_literal(sql_.journal, &journal);
+  int rc = SQLITE_OK;
+  std::string version;
+  if (tries_disk && journal == "off") {
+    // The smallest write there is: a number of the first page, which becomes what it is.
+    rc = connection_.run_literal(sql_.version, &version);
+    if (rc == SQLITE_ROW)
+      rc = sqlite3_exec(conn, (std::string(sql_.version) + " = " + version).c_str(), nullptr, nullptr, nullptr);
+  }
+  if (sql_ok(rc)) {
+    made_journal_ = journal == "off";
+    if (made_journal_)
+      (void)connection_.run_literal(sql_.journal_in_memory);
+    rc = connection_.run_literal(BEGIN);
+  }
+  if (sql_ok(rc)) {
+    state_ = State::OPEN;
+    rc = connection_.run_literal(sql_.take_turn);
+    if (sql_ok(rc) && journal != "wal")  // with a WAL, readers disturb nobody
+      rc = lock_file();
+    if (!sql_ok(rc))
+      undo();
+  }
+  if (state_ != State::OPEN)
+    forget_journal();
+  (void)sqlite3_busy_timeout(conn, SQL_TIMEOUT_MS);
+  return sql_ok(rc) ? SQLITE_OK : rc;
+}
+
+// The lock that COMMIT needs for the file, now and not at the end: SQLite takes it only when it writes, and has then no
+// way back but to undo everything. It gives it back with its own.
+int Transaction::lock_file() {
+  sqlite3_file* file = nullptr;
+  const int rc = sqlite3_file_control(connection_.get(), sql_.schema, SQLITE_FCNTL_FILE_POINTER, &file);
+  if (rc != SQLITE_OK || file == nullptr || file->pMethods == nullptr)
+    return SQLITE_OK;
+  return file->pMethods->xLock(file, SQLITE_LOCK_EXCLUSIVE);
+}
+
+bool Transaction::is_lost() const {
+  return state_ == State::OPEN && sqlite3_get_autocommit(connection_.get()) != 0;
+}
+
+int Transaction::commit() {
+  if (state_ == State::INNER)
+    return SQLITE_OK;
+  if (state_ != State::OPEN)
+    return SQLITE_MISUSE;
+  const int rc = is_lost() ? SQLITE_FULL : connection_.run_literal(COMMIT);
+  if (sql_ok(rc))
+    forget_journal();
+  else
+    undo();
+  state_ = State::ENDED;
+  lock_.reset();
+  return sql_ok(rc) ? SQLITE_OK : rc;
 }
 
 Transaction::~Transaction() {
-  if (!open_)
-    return;
-  (void)sql_.exec(TRANSACTION, "ROLLBACK;");
-  end();
+  if (state_ == State::OPEN)
+    undo();
 }
 
-bool Transaction::commit() {
-  if (!open_ || !sql_ok(sql_.exec(TRANSACTION, "COMMIT;")))
-    return false;
-  open_ = false;
-  end();
-  return true;
+void Transaction::undo() {
+  if (!is_lost())
+    (void)connection_.run_literal(ROLLBACK);
+  state_ = State::NONE;
+  forget_journal();
 }
 
-void Transaction::end() {
-  (void)sql_.exec(TRANSACTION, "PRAGMA main.journal_mode = OFF;");
+void Transaction::forget_journal() {
+  if (made_journal_)
+    (void)connection_.run_literal(sql_.no_journal);
+  made_journal_ = false;
 }
 
 }  // namespace sdbl

@@ -3,33 +3,68 @@
 
 #pragma once
 
+#include <optional>
+
 #include "db/connection.h"
-#include "db/one_shot.h"
 
 namespace sdbl {
 
-// Several statements on the channel file as one: all of them or none, also when the process ends in between. While it
-// lives, other threads' statements on the connection wait, and what fails can be undone, which the connection otherwise
-// does without. REQUIRES: no transaction is under way.
+// Several statements on one of the files as one: all of them or none. While it lives, other threads' statements on the
+// connection wait, and other programs neither read nor write the file; so nothing of it can fail for a lock once it has
+// begun. Files without a journal get one that lives in memory, and nothing is written before the end.
+//
+// The wait for other programs is one for all of it, and nobody has to wait for the connection meanwhile.
+//
+// One that begins inside another, or inside a transaction that a host has begun on the connection, is part of that one
+// and ends with it. REQUIRES: else the thread holds none of the database's locks, unless it does not wait.
 class Transaction {
  public:
-  // Begins; is_open() is false, and the failure printed, when another program keeps the file locked.
-  Transaction(const Connection& connection, One_shot& sql);
+  struct Options {
+    bool waits = true;        // up to the busy time-out; else it tries once
+    bool tries_disk = false;  // begins with a write: a disk that takes none is known before the work is begun
+  };
+
+  Transaction(Connection& connection, Db_file file) : Transaction(connection, file, Options{}) {}
+  Transaction(Connection& connection, Db_file file, Options options);
   // Undoes what has not been committed.
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
 
-  bool is_open() const { return open_; }
-  // False, and everything undone, when it fails, which is printed.
-  bool commit();
+  // False when there is none, so that every statement would be committed by itself: another program kept the file
+  // locked (busy), or it cannot be written. Prints nothing.
+  bool is_open() const { return state_ != State::NONE; }
+  bool busy() const { return (code_ & 0xFF) == SQLITE_BUSY; }
+  int code() const { return code_; }  // why it did not begin; SQLITE_OK when it did
+
+  // True when SQLite has undone it already, because a statement found no room or could not be read or written. Further
+  // statements would be committed by themselves.
+  bool is_lost() const;
+
+  // SQLITE_OK, or why nothing of it is in the file.
+  int commit();
 
  private:
-  void end();
+  enum class State {
+    NONE,
+    INNER,  // part of another one
+    OPEN,
+    ENDED,
+  };
+  struct Sql;
 
-  Db_lock lock_;
-  One_shot& sql_;
-  bool open_ = false;
+  static const Sql& sql_of(Db_file file);
+  int begin(bool tries_disk);
+  int lock_file();
+  void undo();
+  void forget_journal();
+
+  Connection& connection_;
+  const Sql& sql_;
+  std::optional<Db_lock> lock_;
+  State state_ = State::NONE;
+  bool made_journal_ = false;  // the file has none of its own
+  int code_ = SQLITE_OK;
 };
 
 }  // namespace sdbl

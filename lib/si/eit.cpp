@@ -3,13 +3,15 @@
 
 // EIT of the actual multiplex (EN 300 468, 5.2.4): events, and the way from table to table.
 #include <utility>
+#include <vector>
 
 #include <dvbsi++/event_information_section.h>
 
 #include "base/ids.h"
 #include "base/lock_order.h"
 #include "base/log.h"
-#include "db/sdbl.h"
+#include "db/guide_section.h"
+#include "db/sdbl_parts.h"
 #include "filter/section_filter_parts.h"
 #include "si/scan_rows.h"
 #include "si/siparse_parts.h"
@@ -35,6 +37,21 @@ Event_times times_of(const Event& event) {
 }
 
 }  // namespace
+
+// The events of a section that were not known, all of which are stored or none.
+struct Siparse::Parts::Section_events {
+  struct One {
+    SQL_cache* service;
+    Event_times times;
+    bool has_row;
+  };
+
+  explicit Section_events(Sdbl& db) : rows(db.parts().connection, db.parts().guide) {}
+
+  sdbl::Guide_section rows;
+  std::vector<One> all;
+  int counted = 0;
+};
 
 int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
   guide_reader_->start(freq);
@@ -107,12 +124,14 @@ void Siparse::Parts::parse_section_eit(EventInformationSection* section, int fre
 
   Scan_rows rows(db_, place(freq));
   Found found;
+  Section_events events(db_);
   bool all_done = false;
   bool last_section = section->getSectionNumber() == section->getLastSectionNumber();
   for (const Event* event : *section->getEvents()) {
     const Event_times times = times_of(*event);
     SQL_cache* service = guide_.event_arrived(service_id, table_id, freq, last_section, &all_done);
     if (all_done) {
+      end_section(events);
       open_next_eit_table(freq);
       return;
     }
@@ -124,13 +143,14 @@ void Siparse::Parts::parse_section_eit(EventInformationSection* section, int fre
     else if (service->done)
       KLOG(VERB_TRACE, "Loop is done\n");
     else
-      store_event(*event, times, service, rows, found);
+      store_event(*event, times, service, rows, found, events);
   }
+  end_section(events);
   guide_.publish_changes();
 }
 
 void Siparse::Parts::store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows,
-                                 Found& found) {
+                                 Found& found, Section_events& events) {
   bool changed = false;
   bool overlap = false;
   if (db_.lookup_epg_cache(&service->epg, times.event_id, times.start, times.duration, &changed, &overlap) != 0 ||
@@ -140,11 +160,29 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
   Site site{loop::EVENT, CONTEXT_EVENT, rows, text_, found};
   for (const Descriptor* descriptor : *event.getDescriptors())
     parse_descriptor(*descriptor, site);
-  if (rows.event(service->pat_prnr, service, times, event_found) > 0)
-    guide_.count_stored(service->pat_prnr);
+  const int row = Scan_rows::event(events.rows, rows.place(), service->pat_prnr, *service, times, event_found);
+  events.all.push_back({service, times, row > 0});
+  if (events.rows.is_dropped())
+    return;
+  ++events.counted;
   // Deliberate: the count is printed at 1, 101, 201, and so on.
   if (eit_stored_++ % 100 == 0)
     KLOG(VERB_PROGRESS, "Stored %d EPG entries\n", eit_stored_.load());
+}
+
+// A section that was not stored is as one that did not come: its events are not known, and it is waited for again.
+void Siparse::Parts::end_section(Section_events& events) {
+  const bool stored = events.rows.end();
+  for (const Section_events::One& one : events.all) {
+    if (!stored)
+      sdbl::Event_cache::take_back(&one.service->epg, one.times.event_id, one.times.start, one.times.duration);
+    else if (one.has_row)
+      guide_.count_stored(one.service->pat_prnr);
+  }
+  if (stored)
+    return;
+  eit_stored_ -= events.counted;
+  guide_.sections_lost();
 }
 
 void Siparse::Parts::open_next_eit_table(int freq) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "db/guide_section.h"
 #include "db/sdbl_parts.h"
 #include "db/sql_cache.h"
 #include "si/broadcast_time.h"
@@ -108,16 +109,17 @@ bool Scan_rows::provider_missing() {
                               place_.multiplex.freq);
 }
 
-int Scan_rows::event(int service_id, SQL_cache* cache, const Event_times& times, const Event_found& event) {
+int Scan_rows::event(sdbl::Guide_section& section, const Place& place, int service_id, const SQL_cache& cache,
+                     const Event_times& times, const Event_found& event) {
   // Events that replace or overlap one do not come this far: what the guide says first about a time is kept.
-  const int row = db_.guide.eit_for_service(
-      {cache->channel, times.ymd_bcd, times.hms_bcd, times.start, times.duration_bcd, times.duration, event.content,
-       event.rating, times.running_status, times.free_ca_mode, times.event_id, service_id},
-      place_.multiplex.freq, &cache->epg, false, false);
+  const int row =
+      section.store({cache.channel, times.ymd_bcd, times.hms_bcd, times.start, times.duration_bcd, times.duration,
+                     event.content, event.rating, times.running_status, times.free_ca_mode, times.event_id, service_id},
+                    place.multiplex.freq);
   for (const EIT_lang* text : event.texts.list()) {
     if (row > 0)
-      (void)db_.guide.insert_epglist_lang(row, text->lang.c_str(), text->ev_name.c_str(), text->ev_desc.c_str(),
-                                          text->ext_desc.c_str(), text->ext_list.c_str());
+      section.store_text(row, text->lang.c_str(), text->ev_name.c_str(), text->ev_desc.c_str(), text->ext_desc.c_str(),
+                         text->ext_list.c_str());
     if (text->started && !text->complete)
       KLOG(VERB_PROGRESS, "Fragmented extended event for source_oid %d\n", row);
   }

@@ -12,6 +12,10 @@
 
 struct SQL_cache;
 
+namespace sdbl {
+class Guide_section;
+}
+
 // One event as its EIT section gives it, beside what its descriptors say.
 struct Event_times {
   int event_id;
@@ -58,8 +62,10 @@ class Scan_rows {
   void provider_name(int row, const std::string& language, const std::string& name);
   bool provider_missing();
 
-  // EIT: stores an event of the service of `cache` with its texts. Returns its row, or 0 or less when it was refused.
-  int event(int service_id, SQL_cache* cache, const Event_times& times, const Event_found& event);
+  // EIT: stores an event of the service of `cache` with its texts, as one of a section. Returns its row, or 0 or less
+  // when it was refused.
+  static int event(sdbl::Guide_section& section, const Place& place, int service_id, const SQL_cache& cache,
+                   const Event_times& times, const Event_found& event);
 
   // TOT: the network that the database knows the multiplex by, below 0 for none.
   int original_network_id();

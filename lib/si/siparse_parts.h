@@ -187,7 +187,10 @@ class Siparse::Parts {
   void open_other_tables(int freq);
   void parse_other_nit(std::span<const uint8_t> section);
   void parse_other_sdt(const ServiceDescriptionSection& section, std::span<const uint8_t> bytes);
-  void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found);
+  struct Section_events;
+  void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found,
+                   Section_events& events);
+  void end_section(Section_events& events);
   void open_next_eit_table(int freq);
   void note_lost_sections();
   void tell(const Broadcast_time& broadcast);

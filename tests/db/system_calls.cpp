@@ -13,6 +13,7 @@ bool recording = false;
 std::string calls;
 std::atomic<long> waited{0};
 std::atomic<time_t> fixed_time{0};
+std::function<void()> waiting;
 
 void add(const std::string& call) {
   const std::lock_guard<std::mutex> guard(lock);
@@ -73,6 +74,8 @@ int sqlite3_sleep(int ms) {
 // SQLite waits with it for a lock.
 int usleep(useconds_t us) {
   waited += static_cast<long>(us);
+  if (waiting)
+    waiting();
   return 0;
 }
 
@@ -119,6 +122,10 @@ std::string recorded() {
 
 long waited_us() {
   return waited;
+}
+
+void on_wait(std::function<void()> action) {
+  waiting = std::move(action);
 }
 
 void set_time(time_t now) {

@@ -5,6 +5,7 @@
 
 #include <time.h>
 
+#include <functional>
 #include <string>
 
 // Calls that the library makes, as it made them: functions of SQLite and of libc are replaced for the whole program.
@@ -18,6 +19,9 @@ std::string recorded();  // and forgets it
 
 // Microseconds that SQLite has waited for locks since record().
 long waited_us();
+
+// Called at each such wait, by the thread that waits; null for nothing.
+void on_wait(std::function<void()> action);
 
 // What time() answers; 0 for the clock again.
 void set_time(time_t now);

@@ -3,6 +3,8 @@
 
 #include "db/guide_events.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -23,6 +25,7 @@ constexpr int ROOM_TO_GROW = 120;
 constexpr int PAGES_OF_EVENT = 2;
 constexpr int MOST_PAGES = 500;
 constexpr size_t LEAST_PAGE_BYTES = 500;
+constexpr int PAUSE_MS = 20;
 constexpr int PARKED_FROM = 0x7FFFFFFF;
 
 int pages_of(const Guide_write& write) {
@@ -79,9 +82,24 @@ int Guide_events::make_tables() {
   return rc;
 }
 
-std::vector<Guide_row> Guide_events::rows(int channel) {
+bool Guide_events::rows(int channel, std::vector<Guide_row>* all) {
+  int rc = SQLITE_OK;
+  for (int waited = 0;; waited += PAUSE_MS) {
+    rc = try_rows(channel, all);
+    if ((rc & 0xFF) != SQLITE_BUSY)
+      return true;
+    if (failed_ || waited >= SQL_TIMEOUT_MS)
+      break;
+    (void)usleep(PAUSE_MS * 1000);  // a shorter pause is as good
+  }
+  note_end(channel, rc);
+  return false;
+}
+
+int Guide_events::try_rows(int channel, std::vector<Guide_row>* all) {
   Db_lock lock(connection_);  // so that the tables stay
-  std::vector<Guide_row> all;
+  all->clear();
+  int rc = SQLITE_OK;
   const auto read = [&](auto sql) {
     Rows rows(statements_, GUIDE_OPERATION, 0, sql, channel);
     while (rows.next()) {
@@ -90,9 +108,14 @@ std::vector<Guide_row> Guide_events::rows(int channel) {
       if (rows.number(5) != 0)
         row.digest = static_cast<uint32_t>(rows.number(6));
       row.running_since = rows.number(7);
-      all.push_back(row);
+      all->push_back(row);
     }
+    rc = rows.code();
+    if ((rc & 0xFF) == SQLITE_BUSY)
+      rows.drop();
   };
+  if (connection_.get() != nullptr)
+    (void)sqlite3_busy_timeout(connection_.get(), 0);
   if (has_tables())
     read(
         Sql<int>("SELECT e.entry, ev_id, start_epoch, dur_sec, run_status, d.entry IS NOT NULL, digest, running_since "
@@ -101,19 +124,25 @@ std::vector<Guide_row> Guide_events::rows(int channel) {
     read(
         Sql<int>("SELECT entry, ev_id, start_epoch, dur_sec, run_status, 0, 0, 0 FROM epglist WHERE channel = "
                  "$channel ORDER BY 3"));
-  return all;
+  if (connection_.get() != nullptr)
+    (void)sqlite3_busy_timeout(connection_.get(), SQL_TIMEOUT_MS);
+  return rc;
+}
+
+// A failure is printed when the time before was none.
+void Guide_events::note_end(int channel, int rc) {
+  const bool failed_before = failed_.exchange(!sql_ok(rc));
+  if (sql_ok(rc))
+    return;
+  errors_.remember(rc, GUIDE_OPERATION);
+  if (!failed_before)
+    KLOG(VERB_ERROR, "ERROR: The guide of channel %d is not stored: %s\n", channel, sqlite3_errstr(rc));
 }
 
 Guide_events::Applied Guide_events::apply(const std::vector<int>& removed, std::vector<Guide_write>* writes) {
   const int rc = apply_all(removed, writes);
-  const bool failed_before = failed_.exchange(!sql_ok(rc));
-  if (sql_ok(rc))
-    return Applied::DONE;
-  errors_.remember(rc, GUIDE_OPERATION);
-  if (!failed_before)
-    KLOG(VERB_ERROR, "ERROR: The guide of channel %d is not stored: %s\n",
-         writes->empty() ? 0 : writes->front().channel, sqlite3_errstr(rc));
-  return rc == SQLITE_FULL ? Applied::NO_ROOM : Applied::FAILED;
+  note_end(writes->empty() ? 0 : writes->front().channel, rc);
+  return sql_ok(rc) ? Applied::DONE : rc == SQLITE_FULL ? Applied::NO_ROOM : Applied::FAILED;
 }
 
 int Guide_events::apply_all(const std::vector<int>& removed, std::vector<Guide_write>* writes) {

@@ -89,8 +89,9 @@ class Guide_events {
   std::vector<Guide_channel> channels(const Multiplex& multiplex) const;
   int channel_of(int orig_network_id, int ts_id, int service_id) const;
 
-  // The stored events of a channel, by start.
-  std::vector<Guide_row> rows(int channel);
+  // Replaces the contents of `all` by the stored events of a channel, by start. False when another program keeps the
+  // guide locked, after one wait in which nobody has to wait for the connection; failures count as apply()'s.
+  bool rows(int channel, std::vector<Guide_row>* all);
 
   // What became of changes.
   enum class Applied { DONE, FAILED, NO_ROOM };
@@ -104,6 +105,8 @@ class Guide_events {
  private:
   bool has_tables();
   int make_tables();
+  int try_rows(int channel, std::vector<Guide_row>* all);
+  void note_end(int channel, int rc);
   int apply_all(const std::vector<int>& removed, std::vector<Guide_write>* writes);
   int apply_some(const std::vector<int>& removed, Guide_write* first, const Guide_write* last, int pages);
   int change(const std::vector<int>& removed, Guide_write* first, const Guide_write* last);

@@ -51,7 +51,7 @@ void Guide_services::set_types(const int* types, int n) {
   sql_ = std::move(sql);
 }
 
-std::vector<EPG_cache*> Guide_services::stored_events(int dvbnr, int channel) const {
+std::vector<EPG_cache*> Guide_services::stored_events(int dvbnr, int channel, bool* busy) const {
   std::vector<EPG_cache*> events;
   Rows rows(statements_, LIST_OPERATION, dvbnr,
             "SELECT ev_id, start_epoch, dur_sec from epglist WHERE channel = $channel ORDER BY 1;", channel);
@@ -60,6 +60,7 @@ std::vector<EPG_cache*> Guide_services::stored_events(int dvbnr, int channel) co
     events.push_back(event.get());
     (void)event.release();  // the vector's owner has it
   }
+  *busy = (rows.code() & 0xFF) == SQLITE_BUSY;
   rows.end();
   std::sort(events.begin(), events.end(), cmp_epg_cache);
   return events;
@@ -83,8 +84,10 @@ std::vector<Guide_service> Guide_services::list(int dvbnr, const Multiplex& mult
     services.push_back({rows.number(0), pmt_pid, rows.number(2), {}});
   }
   rows.end();
-  for (Guide_service& service : services)
-    service.epg = stored_events(dvbnr, service.channel);
+  // Of a guide that another program keeps locked nothing is known; one wait has told so.
+  bool busy = false;
+  for (auto service = services.begin(); service != services.end() && !busy; ++service)
+    service->epg = stored_events(dvbnr, service->channel, &busy);
   return services;
 }
 

@@ -41,7 +41,7 @@ class Guide_services {
   std::vector<Guide_service> list(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) const;
 
  private:
-  std::vector<EPG_cache*> stored_events(int dvbnr, int channel) const;
+  std::vector<EPG_cache*> stored_events(int dvbnr, int channel, bool* busy) const;
 
   const Statements& statements_;
   mutable Mutex lock_{Lock_rank::DATABASE_LEAF, "types of the guide"};  // guards the text

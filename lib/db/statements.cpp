@@ -74,6 +74,11 @@ int Rows::end(Operation operation) {
   return rc;
 }
 
+void Rows::drop() {
+  (void)sqlite3_reset(std::exchange(stmt_, nullptr));  // repeats the step's code
+  lock_.release();
+}
+
 void Rows::leave() {
   stmt_ = nullptr;
   lock_.release();

@@ -147,6 +147,9 @@ class Rows {
   int end() { return end(operation_); }
   int end(Operation operation);
 
+  // The same without a report, for a read that is tried again.
+  void drop();
+
   // Lets the connection go and leaves the reset to the statement's next use, which prints its failure.
   void leave();
 

@@ -247,17 +247,30 @@ void Whole_guide_reader::store_waiting() {
   publish();
 }
 
-void Whole_guide_reader::load_rows(int channel, Channel& state) {
-  const std::vector<sdbl::Guide_row> before = std::exchange(state.rows, events_.rows(channel));
+bool Whole_guide_reader::load_rows(int channel, Channel& state) {
+  std::vector<sdbl::Guide_row> rows;
+  if (!events_.rows(channel, &rows))
+    return false;
+  const std::vector<sdbl::Guide_row> before = std::exchange(state.rows, std::move(rows));
   for (sdbl::Guide_row& row : state.rows)
     row.confirmed = std::any_of(before.begin(), before.end(),
                                 [&](const sdbl::Guide_row& old) { return old.confirmed && old.entry == row.entry; });
   state.loaded = true;
+  return true;
+}
+
+// What is not stored now is tried again after a while.
+void Whole_guide_reader::put_off(Channel& state, int64_t ms) {
+  state.loaded = false;
+  state.waits = any_waits_ = true;
+  retry_ms_ = monotonic_ms() + ms;
 }
 
 void Whole_guide_reader::store(int channel, Channel& state) {
-  if (!state.loaded)
-    load_rows(channel, state);
+  if (!state.loaded && !load_rows(channel, state)) {
+    put_off(state, RETRY_MS);
+    return;
+  }
   const std::vector<Event_heard> heard = guide_.events(state.key);
   const std::vector<Event_shown> shown = visible_events(heard);
   std::vector<sdbl::Guide_wish> wishes;
@@ -285,10 +298,8 @@ void Whole_guide_reader::store(int channel, Channel& state) {
   if (!removed.empty() || !writes.empty()) {
     const auto applied = events_.apply(removed, &writes);
     if (applied != sdbl::Guide_events::Applied::DONE) {
-      state.loaded = false;
-      state.waits = any_waits_ = true;
       const bool no_room = applied == sdbl::Guide_events::Applied::NO_ROOM;
-      retry_ms_ = monotonic_ms() + (no_room ? RETRY_WITHOUT_ROOM_MS : RETRY_MS);
+      put_off(state, no_room ? RETRY_WITHOUT_ROOM_MS : RETRY_MS);
       return;
     }
   }

@@ -60,7 +60,8 @@ class Whole_guide_reader : public Guide_reader {
   void open(int freq);
   void load(int freq);
   Channel* channel_of(const Guide_key& key);
-  void load_rows(int channel, Channel& state);
+  bool load_rows(int channel, Channel& state);
+  void put_off(Channel& state, int64_t ms);
   void store(int channel, Channel& state);
   void store_waiting();
   bool read(const Guide_key& key, const std::vector<Event_shown>& shown, const sdbl::Guide_plan& plan,

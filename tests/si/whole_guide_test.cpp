@@ -279,6 +279,27 @@ TEST_F(Whole_guide_test, a_locked_file_is_tried_again_and_complained_about_once)
   EXPECT_EQ(guide(), Texts{"1 4 600+60 New"});
 }
 
+// What stands there cannot be read either, so nothing is compared with it; another wait a second later costs nothing.
+TEST_F(Whole_guide_test, a_locked_file_is_read_again_before_anything_is_compared) {
+  three_events();
+  const Texts before = guide();
+  begin();  // as after a restart
+  {
+    support::Other_connection other(guide_file());
+    ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), 101);
+    EXPECT_EQ(messages_at(1, [&] { arrive({.version = 1}, {{4, 600, 60, "New"}}); }),
+              "ERROR: The guide of channel 1 is not stored: database is locked\n");
+    usleep(1100 * 1000);
+    EXPECT_EQ(messages_at(1, [&] { arrive({.version = 1}, {{4, 600, 60, "New"}}); }), "");
+    EXPECT_EQ(told(), Texts{});
+    EXPECT_EQ(other.run("COMMIT"), 101);
+  }
+  EXPECT_EQ(guide(), before);
+  usleep(1100 * 1000);
+  EXPECT_EQ(messages_at(1, [&] { arrive({.version = 1}, {{4, 600, 60, "New"}}); }), "");
+  EXPECT_EQ(guide(), (Texts{"1 4 600+60 New", "1 2 660+90 Film", "1 3 750+30 Talk"}));
+}
+
 // --- Services --------------------------------------------------------------------------------------------------------
 
 TEST_F(Whole_guide_test, services_of_every_type_have_their_guide) {

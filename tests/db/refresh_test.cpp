@@ -317,10 +317,13 @@ TEST_F(Refresh, a_number_that_two_ask_for_goes_to_one_and_comes_back_when_it_is_
 TEST_F(Refresh, numbers_of_other_networks_are_for_services_without_one) {
   Air air{{{1, "One"}, {2, "Two", 12}}};
   scan(air);
+  scan({{{9, "Nine", 5}}, 6, F2});
   Scan_details details = fill(air);
-  details.numbers = {{10, 5, 1, 71, 65535, true, true, ""}, {10, 5, 2, 12, 65535, true, false, ""}};
+  details.numbers = {{10, 5, 1, 71, 65535, true, true, ""},
+                     {10, 5, 2, 12, 65535, true, false, ""},
+                     {10, 6, 9, 99, 65535, true, true, ""}};
   merger_->merge(0, {Input{Connector{CONN}, Delivery{TYPE}}, F1}, SCAN_PAT, details, &changes_);
-  EXPECT_EQ(rows("SELECT lcn FROM kanalid ORDER BY channel"), (Texts{"71", "12"}));
+  EXPECT_EQ(rows("SELECT lcn FROM kanalid ORDER BY channel"), (Texts{"71", "12", "5"}));
 }
 
 TEST_F(Refresh, a_merge_that_fails_half_way_changes_nothing) {

@@ -141,6 +141,8 @@ nlohmann::json parse_json(const std::string& text) {
     const size_t start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
     throw Description_error(fmt::format("line {}, column {}: this is no valid JSON", line,
                                         start == std::string::npos ? end + 1 : end - start));
+  } catch (const nlohmann::json::out_of_range&) {
+    throw Description_error("a number is too large for any use");
   }
 }
 

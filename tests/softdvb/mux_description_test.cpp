@@ -35,6 +35,7 @@ static const char* const WORD = "0 to 65535 (or \"0x0\" to \"0xFFFF\")";
 TEST(Mux_description, is_refused_with_its_place) {
   const Wrong_case WHOLE[] = {
       {"empty", "", "line 1, column 1: this is no valid JSON"},
+      {"a number beyond all", "{\"duration\": 1e999}", "a number is too large for any use"},
       {"a comma too many, third line", "{\n  \"a\": 1,\n  }", "line 3, column 3: this is no valid JSON"},
       {"a list", "[]", "the description: [] is not allowed, an object {...} is"},
       {"no id", R"({"original_network_id": 1})", "transport_stream_id: missing, this key is needed"},

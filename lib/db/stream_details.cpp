@@ -100,7 +100,7 @@ std::vector<Stream_details::Change> Stream_details::changes(const std::map<int, 
   return all;
 }
 
-// A statement for each table and not for each stream: every one of them is committed by itself.
+// A statement for each table and not for each stream.
 void Stream_details::write(const std::vector<Change>& changes) {
   std::string channels, details, languages, ca;
   for (const auto& [channel, programme] : changes) {

@@ -287,7 +287,10 @@ TEST_F(Whole_guide_test, a_locked_file_is_read_again_before_anything_is_compared
   {
     support::Other_connection other(guide_file());
     ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), 101);
-    EXPECT_EQ(messages_at(1, [&] { arrive({.version = 1}, {{4, 600, 60, "New"}}); }),
+    EXPECT_EQ(messages_at(1,
+                          [&] {
+                            arrive({.version = 1}, {{4, 600, 60, "New"}});
+                          }),
               "ERROR: The guide of channel 1 is not stored: database is locked\n");
     usleep(1100 * 1000);
     EXPECT_EQ(messages_at(1, [&] { arrive({.version = 1}, {{4, 600, 60, "New"}}); }), "");

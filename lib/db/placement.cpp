@@ -139,6 +139,19 @@ size_t Placement::find_newer(const Channel_row& lost) const {
   return exact != NONE ? exact : names == 1 ? by_name : NONE;
 }
 
+void Placement::leave(const std::vector<int>& freqs) {
+  const auto left = [&](const Channel_row& row) {
+    return std::find(freqs.begin(), freqs.end(), row.freq) != freqs.end();
+  };
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    if (!left(rows_[i]) || is_lost(rows_[i]))
+      continue;
+    const size_t newer = find_newer(rows_[i]);
+    if (newer != NONE && !left(rows_[newer]))
+      lose(i);
+  }
+}
+
 void Placement::settle(std::vector<Exchange>* exchanged, std::vector<int>* dropped) {
   for (const int channel : std::exchange(lost_, {})) {
     const auto at = std::find_if(rows_.begin(), rows_.end(), [=](const auto& row) { return row.channel == channel; });

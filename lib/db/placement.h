@@ -41,6 +41,9 @@ class Placement {
   // Marks the rows of the frequency that place() has not returned as lost. Returns how many were not before.
   int lose_others();
 
+  // Of services of `freqs`, where nothing is received any more, those that a newer row has elsewhere are lost just now.
+  void leave(const std::vector<int>& freqs);
+
   // A service that was lost just now may have been found elsewhere before, as a new row: the older row, with its
   // number, takes over its place and values, and the newer one is lost in its stead; or is no more, where the older one
   // was set aside. `exchanged` are the pairs of channels, `dropped` are channels without row now.

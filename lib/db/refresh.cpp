@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 #include "base/log.h"
 #include "db/number_plan.h"
@@ -97,6 +98,7 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
   (void)db_.stream_details.store(dvbnr_, multiplex_);
   if (!sql_ok(db_.errors.report_exec(transaction.commit(), MERGE_OPERATION)))
     return failed;
+  forget_guides();
   add_up(changes);
 
   KLOG(VERB_PROGRESS, "Scan from %d for freq %d, ch_add %d, ch_delete %d, estrm_add %d, estrm_delete %d\n", state,
@@ -107,6 +109,38 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
     if ((change.kinds & ~unsigned{CHANNEL_STREAMS}) != 0)
       result |= CHANNELS_REFRESHED;
   return {Merge_outcome::DONE, result};
+}
+
+Merge_end Refresh::leave(const std::vector<int>& freqs, std::vector<Channel_change>* changes) {
+  changes->clear();
+  now_ = saturated(time(nullptr));
+  Transaction transaction(db_.connection, Db_file::CHANNELS);
+  if (!transaction.is_open()) {
+    (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);
+    return {Merge_outcome::BUSY, 0};
+  }
+  read_known();
+  Placement placement(rows_, 0);
+  placement.leave(freqs);
+  placement.settle(&exchanged_, &dropped_);
+  for (const auto& [older, newer] : exchanged_)
+    keep_number(older, newer);
+  if (!write() || !sql_ok(db_.errors.report_exec(transaction.commit(), MERGE_OPERATION)))
+    return {Merge_outcome::FAILED, 0};
+  forget_guides();
+  add_up(changes);
+  return {Merge_outcome::DONE, exchanged_.empty() ? 0 : CHANNELS_LOST | CHANNELS_REFRESHED};
+}
+
+// What the newer row got because the older one had the number that both ask for stays with the newer one.
+void Refresh::keep_number(int older, int newer) {
+  const auto row_of = [this](int channel) {
+    return std::find_if(rows_.begin(), rows_.end(), [=](const Channel_row& row) { return row.channel == channel; });
+  };
+  const auto kept = row_of(older);
+  const auto left = row_of(newer);
+  if (kept != rows_.end() && left != rows_.end() && kept->detail.lcn == left->detail.lcn)
+    std::swap(kept->lcn, left->lcn);
 }
 
 // --- Reading ---------------------------------------------------------------------------------------------------------
@@ -334,23 +368,51 @@ bool Refresh::insert_row(Channel_row& row) {
   return write_row(row, nullptr);
 }
 
+bool Refresh::has_stream_tables() const {
+  return db_.statements.has_table("stream_detail") && db_.statements.has_table("stream_language") &&
+         db_.statements.has_table("stream_ca");
+}
+
+// What belongs to a place goes with it.
 bool Refresh::write_exchanges() {
-  const auto run = [this](const char* sql, int a, int b) { return sql_ok(db_.sql.exec(MERGE_OPERATION, sql, a, b)); };
-  for (const auto& [older, newer] : exchanged_) {
-    if (!run("UPDATE kanalid_lang SET source_oid = -%d WHERE source_oid = %d;", older, older) ||
-        !run("UPDATE kanalid_lang SET source_oid = %d WHERE source_oid = %d;", older, newer) ||
-        !run("UPDATE kanalid_lang SET source_oid = %d WHERE source_oid = -%d;", newer, older) ||
-        !run("UPDATE estreams SET channel = -%d WHERE channel = %d;", older, older) ||
-        !run("UPDATE estreams SET channel = %d WHERE channel = %d;", older, newer) ||
-        !run("UPDATE estreams SET channel = %d WHERE channel = -%d;", newer, older))
+  struct Belonging {
+    const char* table;
+    const char* column;  // that has the channel
+  };
+  std::vector<Belonging> all{{"kanalid_lang", "source_oid"}, {"estreams", "channel"}};
+  if (!exchanged_.empty() || !dropped_.empty())
+    if (has_stream_tables())
+      all.insert(all.end(), {{"stream_detail", "channel"}, {"stream_language", "channel"}, {"stream_ca", "channel"}});
+  const auto renumber = [this](const Belonging& to, int from_channel, int to_channel) {
+    return sql_ok(db_.sql.exec(MERGE_OPERATION, "UPDATE %s SET %s = %d WHERE %s = %d;", to.table, to.column, to_channel,
+                               to.column, from_channel));
+  };
+  for (const auto& [older, newer] : exchanged_)
+    for (const Belonging& one : all)
+      if (!renumber(one, older, -older) || !renumber(one, newer, older) || !renumber(one, -older, newer))
+        return false;
+  for (const int channel : dropped_) {
+    if (!sql_ok(db_.sql.exec(MERGE_OPERATION, "DELETE FROM kanalid WHERE channel = %d;", channel)) ||
+        !db_.service_details.remove(channel))
       return false;
+    for (const Belonging& one : all)
+      if (!sql_ok(db_.sql.exec(MERGE_OPERATION, "DELETE FROM %s WHERE %s = %d;", one.table, one.column, channel)))
+        return false;
   }
-  for (const int channel : dropped_)
-    if (!run("DELETE FROM kanalid WHERE channel = %d AND %d;", channel, 1) ||
-        !run("DELETE FROM kanalid_lang WHERE source_oid = %d AND %d;", channel, 1) ||
-        !run("DELETE FROM estreams WHERE channel = %d AND %d;", channel, 1) || !db_.service_details.remove(channel))
-      return false;
   return true;
+}
+
+// Behind the transaction: that the guide's file is locked or missing is no reason to leave the channels as they were.
+void Refresh::forget_guides() {
+  if (dropped_.empty() || db_.sql.silent_number("SELECT count(*) FROM pragma_database_list WHERE name = 'epg_db'") != 1)
+    return;
+  for (const int channel : dropped_) {
+    (void)db_.sql.exec(MERGE_OPERATION,
+                       "DELETE FROM epg_db.epglist_lang WHERE source_oid IN (SELECT entry FROM epg_db.epglist WHERE "
+                       "channel = %d);",
+                       channel);                                                                     // printed
+    (void)db_.sql.exec(MERGE_OPERATION, "DELETE FROM epg_db.epglist WHERE channel = %d;", channel);  // printed
+  }
 }
 
 bool Refresh::write_languages(const Scanned& scanned) {

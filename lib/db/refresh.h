@@ -30,6 +30,8 @@ class Refresh {
 
   // Scan_merger has the contract.
   Merge_end run(SCAN_STATE state, const Scan_details& details, std::vector<Channel_change>* changes);
+  // Sdbl::keep_moved_channels has the contract. Of `multiplex` the input counts alone.
+  Merge_end leave(const std::vector<int>& freqs, std::vector<Channel_change>* changes);
 
  private:
   // A service of the scan tables.
@@ -49,10 +51,13 @@ class Refresh {
   void take_names(const Scan_details& details);
   void add_up(std::vector<Channel_change>* changes) const;
 
+  void keep_number(int older, int newer);
   bool write();
   bool write_row(const Channel_row& row, const Channel_row* before);
   bool insert_row(Channel_row& row);
   bool write_exchanges();
+  bool has_stream_tables() const;
+  void forget_guides();
   bool write_languages(const Scanned& scanned);
 
   Sdbl::Parts& db_;

@@ -4,10 +4,12 @@
 // The public shell: each operation stands in one of the parts.
 #include "db/sdbl.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 
 #include "db/merge.h"
+#include "db/refresh.h"
 #include "db/sdbl_parts.h"
 #include "db/shell_files.h"
 #include "db/times.h"
@@ -273,6 +275,16 @@ int Sdbl::fill_pids_for_channel(int channel, std::vector<CA_pid*>* pids) {
 
 Programme_streams Sdbl::read_streams(int channel) const {
   return parts_->stream_details.read(channel);
+}
+
+int Sdbl::keep_moved_channels(DVB_TYPE_ID type, HF_CONN_ID connector, const std::vector<int>& freqs,
+                              std::vector<Channel_change>* changes) {
+  const sdbl::Merge_end end = sdbl::Refresh(*parts_, 0, multiplex(type, connector, 0)).leave(freqs, changes);
+  if (end.outcome != sdbl::Merge_outcome::DONE)
+    return -1;
+  return static_cast<int>(std::count_if(changes->begin(), changes->end(), [](const Channel_change& change) {
+    return (change.kinds & CHANNEL_MOVED) != 0;
+  }));
 }
 
 // --- Tuning parameters

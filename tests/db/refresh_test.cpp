@@ -104,6 +104,15 @@ class Refresh : public db_support::Database_test {
     return all;
   }
 
+  // With a row each of channels 1 and 2, whose numbers are their PIDs.
+  void make_stream_tables() {
+    for (const std::string table : STREAM_TABLES) {
+      run("CREATE TABLE " + table + " (channel int, es_pid int)");
+      run("INSERT INTO " + table + " VALUES (1, 1), (2, 2)");
+    }
+  }
+  static constexpr const char* STREAM_TABLES[] = {"stream_detail", "stream_language", "stream_ca"};
+
   std::vector<Channel_change> changes_;
   sdbl::Merge_outcome outcome_{};
   std::unique_ptr<sdbl::Scan_merger> merger_ = sdbl::make_scan_merger(sdbl(), true);
@@ -231,6 +240,73 @@ TEST_F(Refresh, one_that_is_found_first_moves_when_its_old_place_is_scanned) {
   EXPECT_EQ(channels(), (Texts{"1|514000|1|5|One|11|1", "2|506000|2|5|Two|12|1", "3|506000|1|5|One|11|0"}));
   EXPECT_THAT(changes(), testing::Contains("1 moved"));
   EXPECT_EQ(rows("SELECT channel, es_pid FROM estreams ORDER BY channel"), (Texts{"1|2001", "2|2002", "3|2001"}));
+}
+
+TEST_F(Refresh, one_that_is_found_first_moves_when_its_old_place_does_not_lock) {
+  scan({{{1, "One", 11}, {2, "Two", 12}}});
+  scan({{{1, "One", 11}}, 5, F2});
+  EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN + 1, {F1}, &changes_), 0) << "of another input";
+  EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN, {F1, F2}, &changes_), 0) << "nowhere to go";
+  EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN, {F1}, &changes_), 1);
+  EXPECT_EQ(channels(), (Texts{"1|514000|1|5|One|11|1", "2|506000|2|5|Two|12|1", "3|506000|1|5|One|11|0"}))
+      << "nobody knows what has become of the second one";
+  EXPECT_EQ(changes(), (Texts{"1 moved"}));
+  EXPECT_EQ(rows("SELECT channel, es_pid FROM estreams ORDER BY channel"), (Texts{"1|2001", "2|2002", "3|2001"}));
+  EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN, {F1}, &changes_), 0) << "once";
+  EXPECT_EQ(changes(), Texts{});
+  scan({{{1, "One", 11}}, 5, F2});
+  EXPECT_EQ(changes(), Texts{});
+}
+
+TEST_F(Refresh, one_that_moved_to_another_stream_keeps_the_number_it_had) {
+  scan({{{1, "One", 11}}});
+  scan({{{1, "One", 11}}, 6, F2});
+  EXPECT_EQ(rows("SELECT lcn FROM kanalid ORDER BY channel"), (Texts{"11", "800"})) << "another service, as it seems";
+  EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN, {F1}, &changes_), 1);
+  EXPECT_EQ(channels().front(), "1|514000|1|6|One|11|1");
+  EXPECT_EQ(changes(), (Texts{"1 moved network", "2 network"}));
+}
+
+TEST_F(Refresh, a_move_that_cannot_be_written_is_told_and_changes_nothing) {
+  scan({{{1, "One", 11}}});
+  scan({{{1, "One", 11}}, 5, F2});
+  const Texts before = channels();
+  run("CREATE TEMP TRIGGER refuse BEFORE UPDATE ON main.kanalid WHEN new.freq = 514000000 BEGIN SELECT raise(ABORT, "
+      "'refused'); END");
+  EXPECT_THAT(support::messages_at(0, [&] { EXPECT_EQ(sdbl().keep_moved_channels(TYPE, CONN, {F1}, &changes_), -1); }),
+              HasSubstr("SQL_exec: 1811"));
+  EXPECT_EQ(channels(), before);
+  EXPECT_EQ(changes(), Texts{});
+}
+
+TEST_F(Refresh, streams_in_words_go_with_their_place) {
+  scan({{{1, "One", 11}}});
+  scan({{{1, "One", 11}}, 5, F2});
+  make_stream_tables();
+  scan({{{9, "Nine", 19}}});
+  EXPECT_EQ(channels().front(), "1|514000|1|5|One|11|1");
+  for (const char* table : STREAM_TABLES)
+    EXPECT_EQ(rows(std::string("SELECT channel, es_pid FROM ") + table + " ORDER BY channel"), (Texts{"1|2", "2|1"}))
+        << table;
+}
+
+TEST_F(Refresh, a_channel_that_is_dropped_takes_streams_and_guide_along) {
+  scan({{{1, "One", 11}}, 5});
+  scan({{{1, "One", 11}}, 5, F2});
+  make_stream_tables();
+  for (const char* entry : {"7, 1", "8, 2"})
+    run(std::string("INSERT INTO epg_db.epglist (entry, channel, start_epoch, dur_sec) VALUES (") + entry +
+        ", 100, 1)");
+  for (const char* entry : {"7", "8"})
+    run(std::string("INSERT INTO epg_db.epglist_lang (source_oid, lang) VALUES (") + entry + ", 'eng')");
+  // Another service on the old place, which sets the old row aside; its twin elsewhere makes it superfluous.
+  scan({{{1, "Else", 21}}, 6});
+  EXPECT_EQ(channels(), (Texts{"1|514000|1|5|One|11|1", "3|506000|1|6|Else|21|1"}));
+  for (const char* table : STREAM_TABLES)
+    EXPECT_EQ(rows(std::string("SELECT channel FROM ") + table), (Texts{"1"})) << table;
+  EXPECT_EQ(rows("SELECT e.channel, l.source_oid FROM epglist e, epglist_lang l WHERE l.source_oid = e.entry"),
+            (Texts{"1|7"}));
+  EXPECT_EQ(number("SELECT count(*) FROM epglist_lang"), 1);
 }
 
 TEST_F(Refresh, one_that_two_transmitters_send_does_not_move_between_them) {

@@ -165,6 +165,31 @@ TEST_F(Scan, adapters_share_the_list) {
     EXPECT_THAT(result.out, HasSubstr("MHz        " + number + "  ")) << "every adapter took one";
 }
 
+// The sample network's second multiplex, on another frequency than the first time.
+TEST_F(Scan, services_keep_their_rows_when_the_old_frequency_does_not_lock) {
+  for (const bool any : {true, false}) {
+    SCOPED_TRACE(any ? "any" : "box");
+    std::filesystem::remove(db_);
+    std::filesystem::remove(guide_);
+    const Words profile{"--profile", any ? "any" : "box"};
+    ASSERT_EQ(scan(network(), joined({{"--freq", "522000000"}, profile})).exit_code, 0);
+    const std::string stream = sample_muxes().back().substr(sample_muxes().back().find('=') + 1);
+    // The new place comes first, when nobody knows yet that the old one is empty.
+    const Command_result moved = scan({"--time", "x10", "--mux", "514000000=" + stream},
+                                      joined({{"--freq", "514000000", "--freq", "522000000"}, profile}));
+    EXPECT_EQ(moved.exit_code, 0);
+    EXPECT_EQ(
+        stored("SELECT count(*) || ' ' || min(channel) || ' ' || max(channel) FROM kanalid WHERE freq = 514000000 "
+               "AND scan_state = 1;"),
+        any ? "8 1 8" : "8 9 16");
+    EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE freq = 522000000 AND scan_state = 0;"), "8");
+    EXPECT_THAT(moved.out,
+                HasSubstr(any ? "\nmoved   101  Raadio Tõrvik  radio  Kuldnokk Meedia  522.000 MHz -> 514.000 MHz\n"
+                              : "\nnew     101  Raadio Tõrvik  radio  Kuldnokk Meedia  514.000 MHz\n"));
+    EXPECT_THAT(moved.out, HasSubstr("moved to 514.000 MHz"));
+  }
+}
+
 TEST_F(Scan, a_frequency_named_twice_is_scanned_once) {
   EXPECT_THAT(scan(network(), {"--freq", "530000000", "--freq", "530000000", "--adapter", "0", "--adapter", "0"}),
               ends(1, _, "[1/1] 530.000 MHz: no signal, #.# s\nkelvo: no services found\n"));

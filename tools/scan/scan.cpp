@@ -71,6 +71,7 @@ class Scan {
   size_t total() const { return requests_.size() + static_cast<size_t>(job_->added()); }
   Outcome outcome_of_left(Tuning_request request) const;
   std::vector<Service> compare(const std::vector<Service>& before);
+  bool keep_moved(const std::vector<Service>& before);
   int end_code() const;
 
   std::string db_;
@@ -87,6 +88,7 @@ class Scan {
   std::optional<Clock::time_point> end_;
   std::vector<Multiplex_line> lines_;
   int services_ = 0;
+  bool follows_air_ = false;
   bool interrupted_ = false;
   bool time_up_ = false;
   std::vector<int> gone_;  // adapters
@@ -101,6 +103,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     before = stored.services(false);
     pipes = stored.stored_pipes();
   }
+  follows_air_ = !frontends.empty() && frontends.begin()->second.profile.refresh;
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
@@ -182,10 +185,23 @@ std::vector<Service> Scan::compare(const std::vector<Service>& before) {
     receptions.push_back({result.freq, complete || result.outcome == Outcome::TIMED_OUT, complete, result.signal.snr,
                           result.signal.strength});
   }
-  const Same_multiplex same = same_multiplexes(before, after, receptions);
+  Same_multiplex same = same_multiplexes(before, after, receptions);
   for (Multiplex_line& line : lines_) {
     const auto note = same.notes.find(line.result.freq);
     line.note = note == same.notes.end() ? "" : note->second;
+  }
+  if (follows_air_ && keep_moved(before)) {
+    // What has moved is no double any more: its row is at its new place.
+    std::map<int, int> places;
+    for (const Service& service : after) {
+      places[service.channel] = service.freq;
+    }
+    after = reader_->services(false);
+    std::erase_if(same.doubles, [&](int channel) {
+      return std::none_of(after.begin(), after.end(), [&](const Service& service) {
+        return service.channel == channel && service.freq == places[channel];
+      });
+    });
   }
   if (same.doubles.empty()) {
     return after;
@@ -201,6 +217,27 @@ std::vector<Service> Scan::compare(const std::vector<Service>& before) {
   engine_->join();
   mark_doubles(database_.get(), same.doubles);
   return reader_->services(false);
+}
+
+// Services of frequencies that are not received any more, and that were found elsewhere, keep their rows. False when
+// there are none such.
+bool Scan::keep_moved(const std::vector<Service>& before) {
+  std::vector<int> left;
+  for (const Multiplex_line& line : lines_) {
+    const int freq = line.result.freq;
+    const int tuning = line.result.tuning.outcome;
+    const bool is_empty = tuning == TUNING_NO_SIGNAL || tuning == TUNING_NO_LOCK || tuning == TUNING_NO_STREAM;
+    const bool had_services =
+        std::any_of(before.begin(), before.end(), [=](const Service& service) { return service.freq == freq; });
+    if (is_empty && had_services) {
+      left.push_back(freq);
+    }
+  }
+  if (left.empty()) {
+    return false;
+  }
+  std::vector<Channel_change> changes;  // the report compares for itself
+  return database_->keep_moved_channels(0, 0, left, &changes) > 0;
 }
 
 int Scan::end_code() const {

@@ -105,7 +105,7 @@ struct KELVO_EXPORT Receiver_profile {
   };
   Texts texts = Texts::PLAIN;
   // Texts::STANDARD only: the table of texts that announce none, by a name that iconv knows ("ISO-8859-2", "UTF-8").
-  // Empty: what the network is known to use, else ISO 6937.
+  // Empty: ISO 6937.
   std::string charset;
 
   // True: a PAT and an SDT are read in all their sections, and a PMT's PID until all programmes on it have come; a

@@ -27,30 +27,6 @@ size_t section_size(const uint8_t* bytes) {
   return static_cast<size_t>((bytes[1] & 0x0F) << 8 | bytes[2]) + 3;
 }
 
-// The original_network_id whose texts a section holds: of a NIT that of its first multiplex; -1 when there is none.
-int network_of(const uint8_t* bytes) {
-  size_t at = 0;
-  switch (bytes[0]) {
-    case table::NIT_ACTUAL:
-    case table::NIT_OTHER: {
-      constexpr size_t NETWORK_LOOP = 10;
-      if (section_size(bytes) < NETWORK_LOOP)
-        return -1;
-      at = NETWORK_LOOP + static_cast<size_t>((bytes[8] & 0x0F) << 8 | bytes[9]) + 4;
-      break;
-    }
-    case table::SDT_ACTUAL:
-    case table::SDT_OTHER:
-      at = 8;
-      break;
-    default:
-      if (bytes[0] < table::EIT_PRESENT_FOLLOWING || bytes[0] > table::EIT_LAST)
-        return -1;
-      at = 10;
-  }
-  return at + 2 <= section_size(bytes) ? bytes[at] << 8 | bytes[at + 1] : -1;
-}
-
 void report_unrecognized(unsigned table_id) {
   KLOG(VERB_WARNING, "WARNING: *********   Unreckognized section %x *********  \n", table_id);
 }
@@ -163,8 +139,6 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
   if (watch_ != nullptr && is_watched(bytes, pid, stage))
     return;
 
-  text_.set_network(network_of(bytes));
-
   switch (table_id) {
     case table::PAT:
       if (pid != pid::PAT)
@@ -241,7 +215,6 @@ void Siparse::Parts::scan_assembled_section(const uint8_t* bytes, int pid, int f
 
 void Siparse::Parts::read_guide_section(const uint8_t* section,
                                         const std::function<void(EventInformationSection&)>& read) {
-  text_.set_network(network_of(section));
   scan_section<EventInformationSection>(section, [&](auto* eit) { read(*eit); });
 }
 

@@ -28,9 +28,6 @@ class Dvb_text {
     return text;
   }
 
-  // Whose texts come next: some networks announce no table and use another than the default.
-  void set_network(int original_network_id) { way_->set_network(original_network_id); }
-
   // Of an extended event descriptor; see Text_converter.
   std::string add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far, EIT_lang& language) {
     return way_->add_extended(part, so_far, language);

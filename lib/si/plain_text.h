@@ -21,7 +21,6 @@ class Plain_text : public Text_converter {
 
   // Leaves what cannot be converted, with a message. `lines` is not used: control codes go to iconv.
   void convert(std::string* text, Lines lines) override;
-  void set_network(int) override {}
   // Appends; but the half character at the end of a text without selector is put before the next one.
   std::string add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far, EIT_lang& language) override;
 

@@ -20,15 +20,6 @@ namespace {
 constexpr char32_t BROKEN = U'\xFFFD';
 constexpr unsigned NO_TABLE = 12;  // there is no ISO 8859-12
 
-// Networks that announce no table and do not use the default one. Only those that are known for it from many receivers'
-// users: a wrong row spoils texts that are right.
-constexpr struct {
-  int original_network_id;
-  const char* table;
-} SILENT_NETWORKS[] = {
-    {0x0085, "ISO-8859-9"},  // Sky Deutschland: German umlauts come out as "þ" and "Ł" with the default table
-};
-
 unsigned byte_at(std::string_view bytes, size_t i) {
   return i < bytes.size() ? static_cast<uint8_t>(bytes[i]) : 0u;
 }
@@ -220,17 +211,6 @@ void Standard_text::convert(std::string* text, Lines lines) {
   *text = joined({*text}, lines);
 }
 
-void Standard_text::set_network(int original_network_id) {
-  const auto* row = std::find_if(std::begin(SILENT_NETWORKS), std::end(SILENT_NETWORKS), [&](const auto& network) {
-    return network.original_network_id == original_network_id;
-  });
-  const char* table = row != std::end(SILENT_NETWORKS) ? row->table : nullptr;
-  if (table == network_table_)
-    return;
-  network_table_ = table;
-  network_ = table != nullptr ? std::make_unique<Iconv_decoder>(table) : nullptr;
-}
-
 std::string Standard_text::add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far,
                                         EIT_lang& language) {
   const auto [kept, is_new] = so_far.parts.try_emplace(part.getDescriptorNumber());
@@ -317,8 +297,6 @@ void Standard_text::append_unannounced(std::string_view bytes, std::u32string* o
     charset_->append(bytes, out);
   else if (is_silent_utf8(bytes))
     append_utf8(bytes, out);
-  else if (network_ != nullptr)
-    network_->append(bytes, out);
   else
     append_iso_6937(bytes, out);
 }

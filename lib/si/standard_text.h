@@ -23,7 +23,6 @@ class Standard_text : public Text_converter {
   ~Standard_text() override;
 
   void convert(std::string* text, Lines lines) override;
-  void set_network(int original_network_id) override;
   // Reads all descriptors so far, in the order of their numbers, as one: a character may be cut by the border of two,
   // and an item without a description goes on with the one before.
   std::string add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far, EIT_lang& language) override;
@@ -41,8 +40,6 @@ class Standard_text : public Text_converter {
                     std::u32string* out);
 
   std::unique_ptr<Iconv_decoder> charset_;  // that the host named
-  std::unique_ptr<Iconv_decoder> network_;  // that the network is known for
-  const char* network_table_ = nullptr;
   // Made when the first text needs them.
   std::array<std::unique_ptr<Upper_half>, ISO_8859_TABLES> iso8859_;
   std::unique_ptr<Iconv_decoder> korean_;

@@ -25,9 +25,6 @@ class Text_converter {
   // In place.
   virtual void convert(std::string* text, Lines lines) = 0;
 
-  // Whose texts come next, by original_network_id.
-  virtual void set_network(int original_network_id) = 0;
-
   // One more extended event descriptor of a language: fills the long text, the list and the items of `language` from it
   // and from what `so_far` keeps of those before it. Returns the text for the trace.
   virtual std::string add_extended(const ExtendedEventDescriptor& part, Extended_texts& so_far, EIT_lang& language) = 0;

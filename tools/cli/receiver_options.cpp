@@ -56,8 +56,8 @@ void add_set_clock_option(CLI::App* command, Receiver_options* options) {
 void add_charset_option(CLI::App* command, Receiver_options* options) {
   command
       ->add_option("--charset", options->charset,
-                   "The character table of texts that announce none, as iconv names it (ISO-8859-2); default: what the "
-                   "network is known to use, else the standard's (ISO 6937)")
+                   "The character table of texts that announce none, as iconv names it (ISO-8859-2); default: "
+                   "the standard's (ISO 6937)")
       ->type_name("NAME")
       ->check([](const std::string& name) {
         return is_charset(name) ? std::string()

@@ -44,7 +44,7 @@ _kelvo() {
       adapters) options="--check --json --help" ;;
       scan)
         options="--adapter --freq --country --table --band --follow --for --profile --lock-time --set-clock --charset --other"
-        options+=" --db --verbose --help"
+        options+=" --json --db --verbose --help"
         ;;
       signal)
         options="--freq --adapter --for --json --log --plot --from --profile --lock-time --db --help"

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "support/test.h"
+#include "tools/scan/scan_json.h"
 #include "tools/scan/scan_report.h"
 
 namespace {
@@ -202,6 +203,46 @@ TEST(Report, tells_what_known_services_are_now) {
             "moved, now scrambled, hidden        2  Two            TV    Meedia    506.000 MHz -> 514.000 MHz\n"
             "renamed, renumbered           1 -> 11  One -> Uno     TV    Meedia                   506.000 MHz\n"
             "0 of 0 frequencies with a multiplex, 0 services: 0 new, 1 back, 0 lost, 2 changed.\n");
+}
+
+TEST(Report_json, has_multiplexes_changes_with_old_and_new_values_and_channels_with_streams) {
+  Multiplex_line locked = line(506000000, 0, Outcome::TIMED_OUT, 2.5, 2);
+  locked.result.tuning.outcome = TUNING_LOCKED;
+  locked.result.tuning.system = SYS_DVBT2;
+  locked.result.missing = {{256, 2, 101}};
+  const Multiplex_line empty = line(498000000, -1, Outcome::OUT_OF_RANGE, 0, 0);
+  Service before = service(1, 1, "One", 1);
+  Service after = service(1, 800, "Uno", 1);
+  before.freq = 514000000;
+  after.scrambled = true;
+  Stream video;
+  video.pid = 300;
+  video.stream_type = 2;
+  video.kind = "video";
+  video.codec = "MPEG-2";
+  after.streams.push_back(video);
+  Service elsewhere = service(7, 7, "Elsewhere", 1);
+  elsewhere.freq = 522000000;
+  Service fresh = service(2, NO_LCN, "Two", 1);
+  const nlohmann::ordered_json json = scan_json({locked, empty}, {before, elsewhere}, {after, fresh, elsewhere});
+  EXPECT_EQ(json["multiplexes"].dump(),
+            R"([{"frequency":498000000,"adapter":null,"found":false,"complete":false,)"
+            R"("result":"out of the frontend's range","system":null,"seconds":0.0,"services":null,"note":null,)"
+            R"("announced_by":null,"missing":[]},)"
+            R"({"frequency":506000000,"adapter":0,"found":true,"complete":false,)"
+            R"("result":"locked; the PMT of 1 service did not come","system":"DVB-T2","seconds":2.5,"services":2,)"
+            R"("note":null,"announced_by":null,"missing":[{"pid":256,"table_id":2,"service_id":101}]}])");
+  EXPECT_EQ(json["changes"].dump(),
+            R"([{"change":"new","channel":2,"service_id":0,"kinds":[],"old":null,)"
+            R"("new":{"name":"Two","lcn":null,"frequency":506000000,"scrambled":false,"visible":true}},)"
+            R"({"change":"changed","channel":1,"service_id":0,)"
+            R"("kinds":["moved","renamed","renumbered","now scrambled"],)"
+            R"("old":{"name":"One","lcn":1,"frequency":514000000,"scrambled":false,"visible":true},)"
+            R"("new":{"name":"Uno","lcn":800,"frequency":506000000,"scrambled":true,"visible":true}}])");
+  ASSERT_EQ(json["channels"].size(), 2U) << "of multiplexes that were scanned";
+  EXPECT_EQ(json["channels"][0]["name"], "Uno");
+  EXPECT_EQ(json["channels"][0]["streams"].dump(),
+            R"([{"pid":300,"kind":"video","codec":"MPEG-2","stream_type":2,"languages":[]}])");
 }
 
 // Stored without streams and as not found, such a service is neither lost nor back when it is completed later.

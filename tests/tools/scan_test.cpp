@@ -190,6 +190,20 @@ TEST_F(Scan, services_keep_their_rows_when_the_old_frequency_does_not_lock) {
   }
 }
 
+TEST_F(Scan, reports_to_programs_what_it_reports_to_people) {
+  const Command_result first = scan(network(), {"--freq", "522000000", "--freq", "530000000", "--json"});
+  EXPECT_EQ(first.exit_code, 0);
+  EXPECT_THAT(first.out, StartsWith("{\n  \"multiplexes\": [\n    {\n      \"frequency\": 522000000,\n"));
+  EXPECT_THAT(first.out, HasSubstr("\"result\": \"no signal\""));
+  EXPECT_EQ(support::count_of(first.out, "\"change\": \"new\""), 8U);
+  EXPECT_EQ(support::count_of(first.out, "\"streams\": ["), 8U);
+  EXPECT_EQ(support::count_of(first.out, "\"kind\": \"audio\""), 8U) << first.out;
+  run_sql(db_, "UPDATE kanalid SET serv_name = 'Vana' WHERE lcn = 101;");
+  const Command_result second = scan(network(), {"--freq", "522000000", "--json"});
+  EXPECT_THAT(second.out, HasSubstr("\"kinds\": [\n        \"renamed\"\n      ],\n      \"old\": {\n"
+                                    "        \"name\": \"Vana\","));
+}
+
 TEST_F(Scan, a_frequency_named_twice_is_scanned_once) {
   EXPECT_THAT(scan(network(), {"--freq", "530000000", "--freq", "530000000", "--adapter", "0", "--adapter", "0"}),
               ends(1, _, "[1/1] 530.000 MHz: no signal, #.# s\nkelvo: no services found\n"));

@@ -31,6 +31,7 @@
 #include "tools/engine/tuning_text.h"
 #include "tools/scan/same_multiplex.h"
 #include "tools/scan/scan_job.h"
+#include "tools/scan/scan_json.h"
 #include "tools/scan/scan_report.h"
 #include "tools/scan/time_left.h"
 #include "tools/scan/what_to_scan.h"
@@ -43,6 +44,7 @@ struct Scan_options {
   std::vector<int> adapters;
   Scan_choice choice;
   bool follow = false;
+  bool json = false;
   std::optional<std::string> time;
   Receiver_options receiver;
   std::string db;
@@ -52,8 +54,10 @@ struct Scan_options {
 class Scan {
  public:
   // `seconds` for everything, where that is limited.
-  Scan(const std::vector<Tuning_request>& requests, std::optional<int> seconds, const std::string& db, int verbosity)
-      : db_(db),
+  Scan(const std::vector<Tuning_request>& requests, std::optional<int> seconds, const std::string& db, int verbosity,
+       bool json)
+      : json_(json),
+        db_(db),
         requests_(requests),
         seconds_(seconds),
         quiet_(verbosity),
@@ -74,6 +78,7 @@ class Scan {
   bool keep_moved(const std::vector<Service>& before);
   int end_code() const;
 
+  bool json_;
   std::string db_;
   std::vector<Tuning_request> requests_;
   std::optional<int> seconds_;
@@ -139,7 +144,11 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     lines_.push_back(line);
   }
   const std::vector<Service> after = compare(before);
-  print_report(stdout, lines_, before, after);
+  if (json_) {
+    fmt::print("{}\n", scan_json(lines_, before, reader_->services(true)).dump(2));
+  } else {
+    print_report(stdout, lines_, before, after);
+  }
   // Only remembered here: that a database could not be written is worse news than that the report could not, and comes
   // first.
   const bool printed = fflush(stdout) == 0;
@@ -389,7 +398,7 @@ int scan(const Scan_options& options) {
   for (const std::string& line : what.lines) {
     console::say("kelvo: " + line);
   }
-  return Scan(what.requests, seconds, db, options.verbosity - 1).run(frontends, exists, options.follow);
+  return Scan(what.requests, seconds, db, options.verbosity - 1, options.json).run(frontends, exists, options.follow);
 }
 
 }  // namespace
@@ -421,6 +430,7 @@ void add_scan(CLI::App& app, int* exit_code) {
       ->excludes(band)
       ->excludes(country);
   command->add_flag("--follow", options->follow, "Scan as well what the multiplexes found announce");
+  command->add_flag("--json", options->json, "The report as one object, for programs: multiplexes, changes, channels");
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; what was found is kept")
       ->type_name("TIME");
   add_receiver_options(command, &options->receiver);

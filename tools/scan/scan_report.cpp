@@ -4,14 +4,13 @@
 #include "tools/scan/scan_report.h"
 
 #include <algorithm>
-#include <map>
-#include <tuple>
 
 #include <fmt/format.h>
 
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
 #include "tools/engine/tuning_text.h"
+#include "tools/scan/service_changes.h"
 
 namespace {
 
@@ -25,6 +24,8 @@ std::string missing_text(const Multiplex_result& result) {
   return locked_text(result.tuning) + (count == 1 ? "; the PMT of 1 service did not come"
                                                   : fmt::format("; the PMTs of {} services did not come", count));
 }
+
+}  // namespace
 
 std::string outcome_text(const Multiplex_result& result) {
   switch (result.outcome) {
@@ -51,6 +52,8 @@ std::string outcome_text(const Multiplex_result& result) {
   }
   return "not scanned: interrupted";
 }
+
+namespace {
 
 std::string with_notes(const Multiplex_line& line) {
   std::string out = outcome_text(line.result);
@@ -83,36 +86,6 @@ std::string count_text(int count, const char* what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
-enum class Change { NEW, BACK, LOST, CHANGED };
-
-struct Changed_service {
-  Change change;
-  const Service* service;
-  const Service* before = nullptr;  // of what was there
-};
-
-// A service that the multiplex names but never described is stored as lost from the start, and is found later: that is
-// no change that anybody sees.
-bool is_lost(const Service& service) {
-  return service.scan_state == 0 && service.row_status != 2;
-}
-
-// What the air says otherwise of a service than before: "renamed, now scrambled"; empty for nothing.
-std::string differences(const Service& before, const Service& after) {
-  std::string out;
-  const auto add = [&out](bool differs, const char* text) {
-    if (differs) {
-      out += (out.empty() ? "" : ", ") + std::string(text);
-    }
-  };
-  add(before.freq != after.freq, "moved");
-  add(before.name != after.name, "renamed");
-  add(before.lcn != after.lcn, "renumbered");
-  add(before.scrambled != after.scrambled, after.scrambled ? "now scrambled" : "now in the clear");
-  add(before.visible != after.visible, after.visible ? "shown" : "hidden");
-  return out;
-}
-
 std::string from_to(const std::string& before, const std::string& after) {
   return before == after ? after : before + " -> " + after;
 }
@@ -125,46 +98,16 @@ std::string name_text(const Service& service) {
   return service.name.empty() ? "-" : service.name;
 }
 
-std::vector<Changed_service> changes(const std::vector<Service>& before, const std::vector<Service>& after) {
-  // By row, which a service keeps when its name or number changes: that is not a loss and a find.
-  std::map<int, const Service*> known;
-  for (const Service& service : before) {
-    known[service.channel] = &service;
-  }
-  std::vector<Changed_service> out;
-  for (const Service& service : after) {
-    const auto old = known.find(service.channel);
-    if (old == known.end()) {
-      // What another frequency brings as well was never there for anybody.
-      if (!is_lost(service)) {
-        out.push_back({Change::NEW, &service});
-      }
-    } else if (is_lost(*old->second) && service.scan_state == 1) {
-      out.push_back({Change::BACK, &service, old->second});
-    } else if (!is_lost(*old->second) && is_lost(service)) {
-      out.push_back({Change::LOST, &service});
-    } else if (!is_lost(service) && !differences(*old->second, service).empty()) {
-      out.push_back({Change::CHANGED, &service, old->second});
-    }
-  }
-  // By kind first, because people look for what is new.
-  std::stable_sort(out.begin(), out.end(), [](const Changed_service& a, const Changed_service& b) {
-    return std::tie(a.change, a.service->lcn, a.service->channel) <
-           std::tie(b.change, b.service->lcn, b.service->channel);
-  });
-  return out;
-}
-
 std::string change_text(const Changed_service& entry) {
   switch (entry.change) {
     case Change::NEW:
       return "new";
     case Change::BACK: {
-      const std::string others = differences(*entry.before, *entry.service);
-      return others.empty() ? "back" : "back, " + others;
+      const std::vector<std::string> others = differences(*entry.before, *entry.service);
+      return fmt::format("back{}{}", others.empty() ? "" : ", ", fmt::join(others, ", "));
     }
     case Change::CHANGED:
-      return differences(*entry.before, *entry.service);
+      return fmt::format("{}", fmt::join(differences(*entry.before, *entry.service), ", "));
     case Change::LOST:
       break;
   }
@@ -217,7 +160,7 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
   }
   lines.print(out);
 
-  const std::vector<Changed_service> changed = changes(before, after);
+  const std::vector<Changed_service> changed = service_changes(before, after);
   Table table({{"CHANGE"}, {"LCN", RIGHT}, {"NAME"}, {"TYPE"}, {"PROVIDER"}, {"FREQUENCY", RIGHT}});
   int counts[4] = {};
   for (const Changed_service& entry : changed) {

@@ -17,6 +17,9 @@ struct Multiplex_line {
   std::string note;  // "same multiplex as 506.000 MHz, weaker"; empty for none
 };
 
+// What became of one frequency: "locked", "no signal", "locked; the PMT of 1 service did not come".
+std::string outcome_text(const Multiplex_result& result);
+
 // What happened on one frequency: "locked, 8 services, 3.2 s".
 std::string multiplex_text(const Multiplex_line& line);
 

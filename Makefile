@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long bench soak kill months cross packages-%
+.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months cross packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -22,6 +22,7 @@ help:
 	@echo "make tsan      the tests under ThreadSanitizer"
 	@echo "make fuzz      a minute of fuzzing of everything that hostile bytes reach; fuzz-smoke: a minute of each of it,"
 	@echo "               fuzz-long: ten million executions of each, hours"
+	@echo "make faults    every call on a device and every allocation of a scan fails, small disks are full"
 	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
 	@echo "make kill      programs killed and power cut in the middle of their work, 300 times each"
@@ -64,6 +65,11 @@ fuzz: packages-build+test+fuzz
 
 fuzz-smoke fuzz-long: packages-build+test+fuzz
 	@scripts/fuzz --$(@:fuzz-%=%)
+
+faults: packages-build+test
+	@cmake --preset dev
+	@cmake --build --preset dev -j$(JOBS) --target fault_matrix_test softdvb
+	@scripts/faults build/dev
 
 bench: packages-build+test+bench
 	@cmake --preset release

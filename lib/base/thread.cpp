@@ -48,6 +48,7 @@ COrbelThreadKelvo::~COrbelThreadKelvo() = default;
 
 int COrbelThreadKelvo::Start(void* arg) {
   start_argument_ = arg;
+  auto beginning = std::make_unique<Beginning>();
   // A thread begins with the mask of its creator, so there is no moment at which a signal could come in.
   sigset_t all;
   sigset_t before;
@@ -55,7 +56,7 @@ int COrbelThreadKelvo::Start(void* arg) {
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
     (void)sigdelset(&all, fault);  // what the thread does itself: the host's handler may want to tell of it
   (void)pthread_sigmask(SIG_SETMASK, &all, &before);
-  auto beginning = std::make_unique<Beginning>(Beginning{this, is_of_library ? host_mask : before});
+  *beginning = {this, is_of_library ? host_mask : before};
   const int result = pthread_create(&thread_id_, nullptr, begin, beginning.get());
   if (result == 0)
     (void)beginning.release();  // the thread's

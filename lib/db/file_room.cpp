@@ -57,4 +57,10 @@ int64_t File_room::pages_left(const char* schema) {
   return growth + unused;
 }
 
+bool File_room::has_room_for_a_row() {
+  constexpr int64_t PAGES = 8;  // the schema's, the table's and its index's, each of which may be divided
+  const int64_t left = pages_left("main");
+  return left < 0 || left >= PAGES;
+}
+
 }  // namespace sdbl

@@ -19,6 +19,9 @@ class File_room {
   // unused pages and on its disk. -1 when that cannot be told, as of a file that cannot be read.
   int64_t pages_left(const char* schema);
 
+  // Whether the channel file can take a row of a small table, and the table.
+  bool has_room_for_a_row();
+
  private:
   int64_t pragma_number(const char* schema, const char* name);
 

@@ -78,6 +78,10 @@ bool Tuning_table::store(const Input& input, const Stored_tuning& t) {
     return false;
   }
   Db_lock lock(connection_);
+  if (!room_.has_room_for_a_row()) {
+    KLOG(VERB_WARNING, "WARNING: The tuning of %d Hz is not stored: %s\n", t.freq, sqlite3_errstr(SQLITE_FULL));
+    return false;
+  }
   if (!statements_.has_table("tuned_multiplex") && !kelvo_log::sql_ok(schema_.create_tuned_multiplex()))
     return false;
   const Run run = statements_.run_silently(
@@ -147,7 +151,7 @@ bool Tuning_table::write_at_once(const Key& key, const Stored_tuning& t) {
   At_once now(connection_);
   if (!now.has_connection())
     return false;
-  if (connection_.get() != nullptr) {
+  if (connection_.get() != nullptr && room_.has_room_for_a_row()) {
     // Silently, because a locked file is nothing to be told of before it stays so.
     int rc = schema_.create_tuned_multiplex_silently();
     char* const insert = sqlite3_mprintf(

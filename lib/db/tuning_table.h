@@ -10,6 +10,7 @@
 
 #include "base/multiplex.h"
 #include "base/mutex.h"
+#include "db/file_room.h"
 #include "db/schema.h"
 #include "db/statements.h"
 #include "db/stored_tuning.h"
@@ -21,8 +22,8 @@ namespace sdbl {
 // not found either. Any-thread.
 class Tuning_table {
  public:
-  Tuning_table(const Connection& connection, const Statements& statements, Schema& schema)
-      : connection_(connection), statements_(statements), schema_(schema) {}
+  Tuning_table(const Connection& connection, const Statements& statements, Schema& schema, File_room& room)
+      : connection_(connection), statements_(statements), schema_(schema), room_(room) {}
 
   // The tuning of one multiplex, by the frequency that it is known by. Nothing, printed, when the file cannot be read.
   std::optional<Stored_tuning> find(const Multiplex& key) const;
@@ -31,8 +32,8 @@ class Tuning_table {
   // be read.
   std::vector<Stored_tuning> at(const Input& input, int asked_freq) const;
 
-  // Stores a tuning, in the place of the one with its key. False, with a warning, when it could not be written or is
-  // one that find() would not believe; what was stored stays then.
+  // Stores a tuning, in the place of the one with its key. False, with a warning, when there is no room, it could not
+  // be written or is one that find() would not believe; what was stored stays then.
   bool store(const Input& input, const Stored_tuning& tuning);
 
   // find() and store() for threads that must not wait. While other statements or programs keep the table, what was read
@@ -54,6 +55,7 @@ class Tuning_table {
   const Connection& connection_;
   const Statements& statements_;
   Schema& schema_;
+  File_room& room_;
 
   Mutex lock_{Lock_rank::DATABASE_LEAF, "tunings as read last"};  // guards the following; a leaf
   std::map<Key, Stored_tuning> read_;

@@ -22,8 +22,14 @@ std::optional<Stored_zone> Zone_table::find(const Multiplex& multiplex) const {
 
 void Zone_table::store(const Multiplex& multiplex, const Stored_zone& zone) {
   Db_lock lock(connection_);
-  if (find(multiplex) == zone ||
-      (!statements_.has_table("broadcast_zone") && !kelvo_log::sql_ok(schema_.create_broadcast_zone())))
+  if (find(multiplex) == zone)
+    return;
+  if (!room_.has_room_for_a_row()) {
+    KLOG(VERB_WARNING, "WARNING: The local time of %d Hz is not stored: %s\n", multiplex.freq,
+         sqlite3_errstr(SQLITE_FULL));
+    return;
+  }
+  if (!statements_.has_table("broadcast_zone") && !kelvo_log::sql_ok(schema_.create_broadcast_zone()))
     return;
   const Run run = statements_.run_silently(
       __func__, 0,

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "base/multiplex.h"
+#include "db/file_room.h"
 #include "db/schema.h"
 #include "db/statements.h"
 #include "db/stored_zone.h"
@@ -16,18 +17,20 @@ namespace sdbl {
 // and nothing is printed. Any-thread.
 class Zone_table {
  public:
-  Zone_table(const Connection& connection, const Statements& statements, Schema& schema)
-      : connection_(connection), statements_(statements), schema_(schema) {}
+  Zone_table(const Connection& connection, const Statements& statements, Schema& schema, File_room& room)
+      : connection_(connection), statements_(statements), schema_(schema), room_(room) {}
 
   std::optional<Stored_zone> find(const Multiplex& multiplex) const;
 
-  // In the place of the multiplex's last one; one that is stored already is not written. A failure is a warning.
+  // In the place of the multiplex's last one; one that is stored already is not written. A failure, or no room for it,
+  // is a warning.
   void store(const Multiplex& multiplex, const Stored_zone& zone);
 
  private:
   const Connection& connection_;
   const Statements& statements_;
   Schema& schema_;
+  File_room& room_;
 };
 
 }  // namespace sdbl

@@ -98,7 +98,8 @@ class KELVO_EXPORT Kelvo {
 
   // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
   //   channel -1: tunes now; 0 when there is no lock, else -1, and the worker calls `done(data, result)` later: 0 the
-  //     scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s). It is called only when `data` is
+  //     scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s), or no memory was left for the scan,
+  //     which then ends without a merge and untold. It is called only when `data` is
   //     not null; at every pass on DVB-H. `data` is not owned and is used until then.
   //   a channel: -1 at once; the worker tunes. `done` is never called, `data` is not kept. On a frequency that is tuned
   //     already nothing happens.

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "base/ids.h"
 #include "base/lock_order.h"
@@ -46,8 +47,33 @@ int open_test_signal() {
 }  // namespace
 
 void Scan_loop::run() {
-  while (requests_.running)
-    pass();
+  while (requests_.running) {
+    try {
+      pass();
+    } catch (const std::bad_alloc&) {
+      survive();
+    }
+  }
+}
+
+// Whatever threw has let go of its locks. What a scan has found until then is not to be merged; the guide lacks a
+// section, which comes again.
+void Scan_loop::survive() {
+  if (!scan_open_) {
+    KLOG(VERB_ERROR, "ERROR: Out of memory, adapter %d goes on without what it was at\n", kelvo_.adapter);
+    (void)filter_.wait_for_data(WAIT_MS);  // so that there is time for others to free some
+    return;
+  }
+  KLOG(VERB_ERROR, "ERROR: Out of memory, the scan of %d Hz on adapter %d is given up\n", request_.freq,
+       kelvo_.adapter);
+  scan_open_ = false;
+  scan_mode_ = SCAN_EIT;
+  filter_.remove_all();
+  requests_.scan_is_over();
+  if (requests_.message_state || requests_.under_way())
+    return;
+  requests_.message_state = true;
+  tell_host(-1);
 }
 
 void Scan_loop::pass() {

@@ -32,6 +32,7 @@ class Scan_loop {
 
  private:
   void pass();
+  void survive();  // a pass for which there was no memory
 
   // The steps of a pass, in this order (scan_loop.cpp).
   void take_request();

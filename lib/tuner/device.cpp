@@ -158,9 +158,7 @@ int Device::control(unsigned long request, void* argument, const Turn* turn) {
   if (turn != nullptr && turn->over()) {
     errno = ECANCELED;
   } else {
-    do
-      result = ioctl(device_, request, argument);
-    while (result < 0 && errno == EINTR);
+    result = uninterrupted([&] { return ioctl(device_, request, argument); });
   }
   const int error = errno;
   if (result < 0 && error == ENODEV) {

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <chrono>
+#include <new>
 #include <thread>
 
 #include "base/lock_order.h"
@@ -25,7 +26,11 @@ constexpr std::chrono::milliseconds OUT_OF_RANGE_SLEEP{10};
 void Signal_monitor::run(const std::function<void()>& each_pass) {
   State state;
   while (running_) {
-    each_pass();
+    try {
+      each_pass();
+    } catch (const std::bad_alloc&) {
+      KLOG(VERB_ERROR, "ERROR: Out of memory, what a tuning found is stored later\n");
+    }
     if (frontend_.receives(freq_)) {
       pass(state);
     } else {

@@ -125,7 +125,8 @@ Tuning_result Tuner::Parts::tune(Tuning_request request) {
   readings->begin_tuning();
   if (profile.watch_device && device.error() != 0)
     (void)open_again();  // it may be free, or back, by now; the search says when it is not
-  if (profile.watch_device && !firmware_asked.exchange(true))
+  // Asked again while it seems to be missing: a device may answer so for another reason, for a time.
+  if (profile.watch_device && (!firmware_asked.exchange(true) || firmware_missing))
     firmware_missing = frontend_probe::misses_firmware(device);
   Tuning_result tuned;
   if (firmware_missing) {

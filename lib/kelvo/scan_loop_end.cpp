@@ -13,6 +13,7 @@ namespace {
 
 constexpr int NO_STREAM_S = 6;
 constexpr int EIT_RESTART_S = 6;
+constexpr int GIVEN_UP_PAUSE_S = 40;  // before PMTs that never came are waited for again
 constexpr int EIT_REPORT_STEP = 20;
 constexpr int MERGE_TRIES = 15;  // of 2 s, a pass apart, while another program has the channels locked
 
@@ -47,6 +48,9 @@ void Scan_loop::finish_scan(bool timed_out) {
   }
   for (const int pid : filter_.parts().take_given_up())
     given_up_.push_back(pid);
+  // A service that has gone shows itself in the PAT.
+  if (scan_mode_ == SCAN_PMT && !given_up_.empty())
+    timed_out_ = true;
   const int outcome = how_it_ended(timed_out);
   if (outcome == SCAN_TIMED_OUT)
     note_missing_tables();
@@ -242,7 +246,7 @@ void Scan_loop::rescan() {
   }
   if (autoscan_timer_.expired() || timed_out_)
     restart_from_pat();
-  else if (pmt_timer_.expired())
+  else if (pmt_timer_.expired() && (given_up_.empty() || autoscan_timer_.elapsed() >= GIVEN_UP_PAUSE_S))
     restart_from_pmt();
 }
 

@@ -11,10 +11,10 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "si/broken_letter.h"
 
 namespace {
 
-constexpr char32_t BROKEN = U'\xFFFD';
 constexpr const char* CODE_POINTS = std::endian::native == std::endian::little ? "UTF-32LE" : "UTF-32BE";
 
 }  // namespace
@@ -36,7 +36,7 @@ bool Iconv_decoder::valid() const {
 void Iconv_decoder::append(std::string_view bytes, std::u32string* out) {
   if (!valid()) {
     for (const char c : bytes)
-      *out += static_cast<uint8_t>(c) < 0x80 ? static_cast<char32_t>(c) : BROKEN;
+      *out += static_cast<uint8_t>(c) < 0x80 ? static_cast<char32_t>(c) : BROKEN_LETTER;
     return;
   }
   (void)iconv(handle_, nullptr, nullptr, nullptr, nullptr);
@@ -57,7 +57,7 @@ void Iconv_decoder::append(std::string_view bytes, std::u32string* out) {
       in_left = 0;
       continue;
     }
-    *out += BROKEN;
+    *out += BROKEN_LETTER;
     ++in;
     --in_left;
   }

@@ -6,9 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "si/broken_letter.h"
+
 namespace {
 
-constexpr char32_t BROKEN = U'\xFFFD';
 constexpr unsigned FIRST_ACCENT = 0xC1;
 constexpr unsigned LAST_ACCENT = 0xCF;
 
@@ -53,7 +54,7 @@ char32_t character(unsigned byte) {
   if (byte < 0xA0)
     return byte;
   const char32_t c = UPPER[byte - 0xA0];
-  return c == U'?' ? BROKEN : c;
+  return c == U'?' ? BROKEN_LETTER : c;
 }
 
 bool is_letter(unsigned byte) {
@@ -100,6 +101,6 @@ void append_iso_6937(std::string_view bytes, std::u32string* out) {
     else if (append_accented(byte, static_cast<uint8_t>(bytes[i + 1]), out))
       ++i;
     else
-      *out += BROKEN;
+      *out += BROKEN_LETTER;
   }
 }

@@ -11,13 +11,13 @@
 
 #include <dvbsi++/extended_event_descriptor.h>
 
+#include "si/broken_letter.h"
 #include "si/eit_lang.h"
 #include "si/extended_texts.h"
 #include "si/iso_6937.h"
 
 namespace {
 
-constexpr char32_t BROKEN = U'\xFFFD';
 constexpr unsigned NO_TABLE = 12;  // there is no ISO 8859-12
 
 unsigned byte_at(std::string_view bytes, size_t i) {
@@ -50,17 +50,17 @@ Utf8_character utf8_character(std::string_view bytes) {
                       : first >= 0xF0 && first <= 0xF4 ? 4
                                                        : 0;
   if (size == 0)
-    return {BROKEN, 1};
+    return {BROKEN_LETTER, 1};
   char32_t character = first & (0x7Fu >> size);
   for (size_t i = 1; i < size; ++i) {
     if (i == bytes.size())
-      return {BROKEN, i, Utf8_character::State::CUT};
+      return {BROKEN_LETTER, i, Utf8_character::State::CUT};
     const unsigned byte = byte_at(bytes, i);
     // The second byte's range keeps out forms that are too long, surrogates, and what lies beyond Unicode.
     const unsigned low = i != 1 ? 0x80 : first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
     const unsigned high = i != 1 ? 0xBF : first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
     if (byte < low || byte > high)
-      return {BROKEN, i};
+      return {BROKEN_LETTER, i};
     character = character << 6 | (byte & 0x3F);
   }
   return {character, size, Utf8_character::State::GOOD};
@@ -119,7 +119,7 @@ void append_utf16(std::string_view bytes, std::u32string* out) {
       *out += static_cast<char32_t>(0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00));
       i += 2;
     } else {
-      *out += BROKEN;
+      *out += BROKEN_LETTER;
     }
   }
 }
@@ -127,7 +127,7 @@ void append_utf16(std::string_view bytes, std::u32string* out) {
 // For tables that nobody knows: letters of ASCII are the same in most.
 void append_unknown(std::string_view bytes, std::u32string* out) {
   for (const char c : bytes)
-    *out += static_cast<uint8_t>(c) < 0xA0 ? static_cast<uint8_t>(c) : BROKEN;
+    *out += static_cast<uint8_t>(c) < 0xA0 ? static_cast<uint8_t>(c) : BROKEN_LETTER;
 }
 
 // Encodings of broadcasters' own (0x1F and a number). The registered ones are secret, and they compress: none of the
@@ -135,7 +135,7 @@ void append_unknown(std::string_view bytes, std::u32string* out) {
 void append_unreadable(std::string_view selector, std::u32string* out) {
   char mark[16];
   (void)std::snprintf(mark, sizeof mark, "[1F %02X]", byte_at(selector, 1));
-  *out += BROKEN;
+  *out += BROKEN_LETTER;
   for (const char* c = mark; *c != '\0'; ++c)
     *out += static_cast<char32_t>(*c);
 }
@@ -313,7 +313,7 @@ void Standard_text::append_iso_8859(unsigned table, std::string_view bytes, std:
       const char byte = static_cast<char>(0x80 | i);
       std::u32string character;
       decoder.append({&byte, 1}, &character);
-      (*upper)[i] = character.size() == 1 ? character[0] : BROKEN;
+      (*upper)[i] = character.size() == 1 ? character[0] : BROKEN_LETTER;
     }
     // Control codes are DVB's own, whatever the table says.
     for (unsigned i = 0; i < 0x20; ++i)
@@ -340,13 +340,13 @@ void Standard_text::append_pairs(std::unique_ptr<Iconv_decoder>& decoder, const 
       decoder->append(bytes.substr(i, 2), out);
       if (out->size() != known + 1) {
         out->resize(known);
-        *out += BROKEN;
+        *out += BROKEN_LETTER;
       }
       ++i;
     } else if (lead < 0xA0) {
       *out += char32_t{lead};
     } else if (i + 1 < bytes.size()) {
-      *out += BROKEN;
+      *out += BROKEN_LETTER;
     }
   }
 }

@@ -284,8 +284,9 @@ class KELVO_EXPORT Sdbl {
   // has been found elsewhere meanwhile, as a newer channel with the same ids, or the same service id and name in the
   // same network, has moved: its channel gets the new place, with streams and names, and the newer channel is the lost
   // one. Others stay as they are. For hosts that scan a band with Receiver_profile::refresh, at the end; what a scan
-  // finds gone is settled by itself. One transaction. Replaces the contents of `changes` by what became of the channels.
-  // Returns how many moved; -1, printed and with nothing changed, when the file could not be written. Any-thread.
+  // finds gone is settled by itself. One transaction. Replaces the contents of `changes` by what became of the
+  // channels. Returns how many moved; -1, printed and with nothing changed, when the file could not be written.
+  // Any-thread.
   int keep_moved_channels(DVB_TYPE_ID type, HF_CONN_ID connector, const std::vector<int>& freqs,
                           std::vector<Channel_change>* changes);
 

@@ -57,12 +57,12 @@ enum : int {
 //     callback. A link, or anything else that is no plain file, is left alone.
 //
 // Threads: create, use and destroy it on the host's threads. Every operation is any-thread and returns at once, but for
-// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db). The latter alone waits, up to
-// two seconds a statement, while another program keeps the database locked; a tuning uses what was stored when it could
-// last be read, and what it finds is stored later. Callbacks and listeners come from the worker
-// (the event callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should
-// return soon. They may make requests, ask for readings and use the database. Do not call set_tuner while a request is
-// under way. docs/threads.md has the whole table.
+// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db). The latter alone waits, up
+// to two seconds a statement, while another program keeps the database locked; a tuning uses what was stored when it
+// could last be read, and what it finds is stored later. Callbacks and listeners come from the worker (the event
+// callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should return soon.
+// They may make requests, ask for readings and use the database. Do not call set_tuner while a request is under way.
+// docs/threads.md has the whole table.
 class KELVO_EXPORT Kelvo {
  public:
   using change_callback_t = void (*)(int code);
@@ -98,9 +98,9 @@ class KELVO_EXPORT Kelvo {
 
   // Scans the multiplex at `freq` (Hz). `channel` is a row of kanalid to be watched, or -1 for the whole multiplex.
   //   channel -1: tunes now; 0 when there is no lock, else -1, and the worker calls `done(data, result)` later: 0 the
-  //     scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s), or no memory was left for the scan,
-  //     which then ends without a merge and untold. It is called only when `data` is
-  //     not null; at every pass on DVB-H. `data` is not owned and is used until then.
+  //     scan has ended, -1 there is no MPEG stream (DVB-H, or no section within 6 s), or no memory was left for the
+  //     scan, which then ends without a merge and untold. It is called only when `data` is not null; at every pass on
+  //     DVB-H. `data` is not owned and is used until then.
   //   a channel: -1 at once; the worker tunes. `done` is never called, `data` is not kept. On a frequency that is tuned
   //     already nothing happens.
   // A new request replaces one that has not been answered, which then is not answered any more (an answer that the

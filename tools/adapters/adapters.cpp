@@ -41,7 +41,7 @@ bool is_there(const Frontend& frontend) {
   return frontend.state.error != ENOENT && frontend.state.error != ENOTDIR;
 }
 
-Frontend look_at(int adapter, int number) {
+Frontend look_at_frontend(int adapter, int number) {
   const std::string path = fmt::format("/dev/dvb/adapter{}/frontend{}", adapter, number);
   Frontend out{adapter, number, Tuner::probe(path.c_str()), "", std::nullopt, false};
   out.name = clean_text(out.state.name);
@@ -65,7 +65,7 @@ std::vector<Frontend> all_frontends(bool check) {
   std::vector<Frontend> all;
   for (int adapter = 0; adapter < MOST_ADAPTERS; ++adapter) {
     for (int number = 0; number < MOST_FRONTENDS; ++number) {
-      Frontend frontend = look_at(adapter, number);
+      Frontend frontend = look_at_frontend(adapter, number);
       if (!is_there(frontend)) {
         continue;
       }

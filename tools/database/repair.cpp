@@ -32,7 +32,7 @@ struct Close {
 };
 using Connection = std::unique_ptr<sqlite3, Close>;
 
-Connection open(const std::string& file, int flags) {
+Connection open_database(const std::string& file, int flags) {
   sqlite3* connection = nullptr;
   const int code = sqlite3_open_v2(file.c_str(), &connection, flags, nullptr);
   Connection owner(connection);
@@ -210,7 +210,7 @@ std::string set_aside(const std::string& file) {
 
 // Nobody may go on writing to a file that is moved away. What can be taken over of a log is.
 void require_unused(const std::string& file) {
-  const Connection connection = open(file, SQLITE_OPEN_READWRITE);
+  const Connection connection = open_database(file, SQLITE_OPEN_READWRITE);
   for (const char* step : {"PRAGMA journal_mode = DELETE", "BEGIN EXCLUSIVE"}) {
     Rows alone(connection.get(), step);
     (void)alone.next();
@@ -249,7 +249,7 @@ File_state look_at(const std::string& file, const std::string& table) {
   if (!S_ISREG(status.st_mode)) {
     throw Failure(fmt::format("{}: not a file; name another one with --db", file));
   }
-  const Connection connection = open(file, SQLITE_OPEN_READWRITE);
+  const Connection connection = open_database(file, SQLITE_OPEN_READWRITE);
   (void)sqlite3_exec(connection.get(), "PRAGMA ignore_check_constraints = ON", nullptr, nullptr, nullptr);
   Rows check(connection.get(), fmt::format("PRAGMA integrity_check({})", MOST_PROBLEMS));
   while (check.next()) {
@@ -297,7 +297,8 @@ Repair mend(const std::string& file, const std::string& table, const std::string
     }
     made = table == "epglist" ? folder.file("new_epg.db") : channels;
     if (exists) {
-      const Connection from = open(file, SQLITE_OPEN_READONLY), to = open(made, SQLITE_OPEN_READWRITE);
+      const Connection from = open_database(file, SQLITE_OPEN_READONLY),
+                       to = open_database(made, SQLITE_OPEN_READWRITE);
       rescue(from.get(), to.get());
     }
   }

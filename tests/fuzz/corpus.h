@@ -12,7 +12,7 @@
 
 namespace fuzz {
 
-// The inputs that are kept of an entry, corpus/NAME.hex: those that reached something new when it was fuzzed.
+// The inputs that are kept of an entry, corpus/NAME.hex: seeds, or what reached something new when it was fuzzed.
 std::vector<support::Bytes> kept(const std::string& name);
 
 struct Named_entry {

@@ -1,8 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-// The stored line of tuning parameters, as another program may have left it, and the row of how a multiplex was
-// received, its numbers taken from the same bytes.
+// The stored line of tuning parameters, as another program may have left it.
 #include <linux/dvb/frontend.h>
 #include <sqlite3.h>
 

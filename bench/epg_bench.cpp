@@ -35,9 +35,16 @@
 #include "base/messages.h"
 #include "db/sdbl.h"
 #include "filter/section_filter.h"
+#include "guide_slots.h"
+#include "process_figures.h"
 #include "si/siparse.h"
 
 namespace {
+
+using process_figures::cpu_s;
+using process_figures::Folder;
+using process_figures::io;
+using process_figures::must;
 
 constexpr int FREQ = 506000000;
 constexpr int HALF_HOUR = 1800;
@@ -46,6 +53,7 @@ constexpr int EVENTS = 1000;  // a round
 constexpr int ROUNDS = 15;
 constexpr int EVENTS_OF_A_SECTION = 6;  // a segment of three hours
 constexpr int FIRST_START = 1700000000;
+constexpr Guide_slots SLOTS{EVENTS_OF_A_SECTION, CHANNELS, FIRST_START, HALF_HOUR};
 const char NAME[] = "An evening of music and talk";
 const char TEXT[] = "Guests from four countries play what they grew up with, and say why it still matters to them.";
 
@@ -55,64 +63,11 @@ const char INSERT_EVENT[] =
 const char INSERT_TEXT[] =
     "INSERT into epglist_lang (source_oid, lang, ev_name,  ev_desc, ext_desc, ext_list ) VALUES (?,?,?,?,?,?)";
 
-double cpu_s() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-}
-
-// A line of /proc/self/io: "wchar" is what was handed to the system, "write_bytes" what that makes it write to the
-// disk.
-int64_t io(const std::string& line) {
-  std::ifstream file("/proc/self/io");
-  for (std::string key; file >> key;) {
-    int64_t value = 0;
-    file >> value;
-    if (key == line + ":")
-      return value;
-  }
-  return 0;
-}
-
-class Folder {
- public:
-  Folder() {
-    name_ = (std::filesystem::temp_directory_path() / "kelvo-bench-XXXXXX").string();
-    if (mkdtemp(name_.data()) == nullptr)
-      abort();
-  }
-  ~Folder() { std::filesystem::remove_all(name_); }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  std::string file(const char* name) const { return name_ + "/" + name; }
-
- private:
-  std::string name_;
-};
-
-void must(bool good, const char* what) {
-  if (good)
-    return;
-  std::fprintf(stderr, "epg_bench: %s failed\n", what);
-  exit(1);
-}
-
-// Events come section by section, now of one channel, now of the next.
-struct Slot {
-  int channel;
-  int start;
-};
-Slot slot(int n) {
-  const int section = n / EVENTS_OF_A_SECTION;
-  const int event = section / CHANNELS * EVENTS_OF_A_SECTION + n % EVENTS_OF_A_SECTION;
-  return {1 + section % CHANNELS, FIRST_START + event * HALF_HOUR};
-}
-
 class Ours {
  public:
   Ours() : sdbl_(folder_.file("dvb.db").c_str()) {}
   void store(int n) {
-    const Slot s = slot(n);
+    const Guide_slot s = SLOTS.at(n);
     service_.channel = s.channel;
     const int oid = sdbl_.eit_for_service(0, 0, FREQ, 10, &service_, 0x20260301, 0x180000, 0x003000, s.start, HALF_HOUR,
                                           0, 0, n & 0xFFFF, &content_, &rating_, false, false);
@@ -149,7 +104,7 @@ class Bare {
   Bare& operator=(const Bare&) = delete;
 
   void store(int n) {
-    const Slot s = slot(n);
+    const Guide_slot s = SLOTS.at(n);
     const int numbers[] = {s.channel, 0x20260301, 0x180000, s.start, 0x003000, HALF_HOUR};
     for (int i = 0; i < 6; ++i)
       sqlite3_bind_int(event_, i + 1, numbers[i]);

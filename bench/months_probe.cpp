@@ -19,7 +19,12 @@
 
 #include <kelvo/kelvo.h>
 
+#include "process_figures.h"
+
 namespace {
+
+using process_figures::entries;
+using process_figures::memory_kib;
 
 constexpr int HOUR_S = 3600;
 constexpr int UNPLUGGED_EACH_H = 7;  // for some minutes
@@ -43,26 +48,6 @@ void on_guide(void*, const std::vector<Guide_change>& changes) {
   const std::lock_guard<std::mutex> lock(printing);
   for (const Guide_change& c : changes)
     printf("guide channel=%d event=%d start=%d kind=%d\n", c.channel, c.event_id, c.start, c.kind);
-}
-
-int entries(const char* folder) {
-  int n = 0;
-  DIR* list = opendir(folder);
-  while (list != nullptr && readdir(list) != nullptr)
-    ++n;
-  if (list != nullptr)
-    (void)closedir(list);
-  return n;
-}
-
-int memory_kib() {
-  FILE* file = fopen("/proc/self/statm", "re");
-  int pages = 0;
-  if (file != nullptr) {
-    (void)!fscanf(file, "%*d %d", &pages);
-    (void)fclose(file);
-  }
-  return static_cast<int>(pages * (sysconf(_SC_PAGESIZE) / 1024));
 }
 
 void control(const char* line) {

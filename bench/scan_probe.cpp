@@ -20,6 +20,8 @@
 
 #include <kelvo/kelvo.h>
 
+#include "process_figures.h"
+
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -27,6 +29,9 @@ void* __libc_realloc(void* old, size_t size);
 }
 
 namespace {
+
+using process_figures::entries;
+using process_figures::memory_kib;
 
 std::binary_semaphore answered(0);
 std::atomic<int> allocations{0};
@@ -70,28 +75,6 @@ void print_peak_memory() {
   if (status != nullptr) {
     (void)fclose(status);
   }
-}
-
-int entries(const char* folder) {
-  int n = 0;
-  DIR* list = opendir(folder);
-  while (list != nullptr && readdir(list) != nullptr) {
-    ++n;
-  }
-  if (list != nullptr) {
-    (void)closedir(list);
-  }
-  return n;
-}
-
-int memory_kib() {
-  FILE* file = fopen("/proc/self/statm", "re");
-  int pages = 0;
-  if (file != nullptr) {
-    (void)!fscanf(file, "%*d %d", &pages);
-    (void)fclose(file);
-  }
-  return static_cast<int>(pages * (sysconf(_SC_PAGESIZE) / 1024));
 }
 
 int soak(Sdbl& database, Kelvo& kelvo, int freq, int rounds) {

@@ -24,8 +24,15 @@
 #include "db/guide_section.h"
 #include "db/scan_merger.h"
 #include "db/sdbl_parts.h"
+#include "guide_slots.h"
+#include "process_figures.h"
 
 namespace {
+
+using process_figures::cpu_s;
+using process_figures::Folder;
+using process_figures::io;
+using process_figures::must;
 
 constexpr int FREQ = 506000000;
 constexpr int HALF_HOUR = 1800;
@@ -42,31 +49,7 @@ const char TEXT[] = "Guests from four countries play what they grew up with, and
 const char* const JOURNALS[] = {"off", "delete", "wal"};
 
 const int first_start = static_cast<int>(time(nullptr)) + DAY_S;
-
-double cpu_s() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-}
-
-// What was handed to the system.
-int64_t written() {
-  std::ifstream file("/proc/self/io");
-  for (std::string key; file >> key;) {
-    int64_t value = 0;
-    file >> value;
-    if (key == "wchar:")
-      return value;
-  }
-  return 0;
-}
-
-void must(bool good, const char* what) {
-  if (good)
-    return;
-  std::fprintf(stderr, "store_bench: %s failed\n", what);
-  exit(1);
-}
+const Guide_slots slots{EVENTS_OF_A_SECTION, CHANNELS, first_start, HALF_HOUR};
 
 bool all_good = true;
 
@@ -88,17 +71,9 @@ void at_most(const std::string& what, int64_t bytes, double count, double mark_k
 class Database {
  public:
   explicit Database(const std::string& journal) {
-    name_ = (std::filesystem::temp_directory_path() / "kelvo-bench-XXXXXX").string();
-    if (mkdtemp(name_.data()) == nullptr)
-      abort();
-    sdbl_ = std::make_unique<Sdbl>((name_ + "/dvb.db").c_str());
     sdbl_->create_temp_tables(0);
     for (const char* schema : {"main", "epg_db"})
       run(std::string("PRAGMA ") + schema + ".journal_mode = " + journal);
-  }
-  ~Database() {
-    sdbl_.reset();
-    std::filesystem::remove_all(name_);
   }
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
@@ -111,29 +86,18 @@ class Database {
   }
 
  private:
-  std::string name_;
-  std::unique_ptr<Sdbl> sdbl_;
+  const Folder folder_;
+  std::unique_ptr<Sdbl> sdbl_ = std::make_unique<Sdbl>(folder_.file("dvb.db").c_str());
 };
 
 // --- Events ----------------------------------------------------------------------------------------------------------
-
-// Events come section by section, now of one channel, now of the next.
-struct Slot {
-  int channel;
-  int start;
-};
-Slot slot(int n) {
-  const int section = n / EVENTS_OF_A_SECTION;
-  const int event = section / CHANNELS * EVENTS_OF_A_SECTION + n % EVENTS_OF_A_SECTION;
-  return {1 + section % CHANNELS, first_start + event * HALF_HOUR};
-}
 
 class By_statement {
  public:
   explicit By_statement(const char* journal) : db_(journal) {}
   void section(int first) {
     for (int n = first; n < first + EVENTS_OF_A_SECTION; ++n) {
-      const Slot s = slot(n);
+      const Guide_slot s = slots.at(n);
       service_.channel = s.channel;
       const int row = db_->eit_for_service(0, 0, FREQ, 10, &service_, 0x20260301, 0x180000, 0x003000, s.start,
                                            HALF_HOUR, 0, 0, n & 0xFFFF, &content_, &rating_, false, false);
@@ -155,7 +119,7 @@ class By_section {
   void section(int first) {
     sdbl::Guide_section events(db_.parts().connection, db_.parts().guide);
     for (int n = first; n < first + EVENTS_OF_A_SECTION; ++n) {
-      const Slot s = slot(n);
+      const Guide_slot s = slots.at(n);
       const int row = events.store(
           {s.channel, 0x20260301, 0x180000, s.start, 0x003000, HALF_HOUR, content_, rating_, 0, 0, n & 0xFFFF, 10},
           FREQ);
@@ -179,7 +143,7 @@ class Whole {
   void section(int first) {
     std::vector<sdbl::Guide_write> writes;
     for (int n = first; n < first + EVENTS_OF_A_SECTION; ++n) {
-      const Slot s = slot(n);
+      const Guide_slot s = slots.at(n);
       sdbl::Guide_write write;
       write.channel = s.channel;
       write.ev_id = n & 0xFFFF;
@@ -215,9 +179,9 @@ template <typename Store>
 void bytes_of_events(const std::string& what, const char* journal, bool has_mark) {
   Store store(journal);
   (void)round_s(store, 0);
-  const int64_t before = written();
+  const int64_t before = io("wchar");
   (void)round_s(store, 1);
-  at_most(what + ", journal " + journal, written() - before, EVENTS, 16, has_mark);
+  at_most(what + ", journal " + journal, io("wchar") - before, EVENTS, 16, has_mark);
 }
 
 void rate() {
@@ -240,9 +204,9 @@ void purge(const char* journal) {
   for (int round = 0; round < 3; ++round)
     (void)round_s(guide, round);
   guide.db().run("UPDATE epglist SET start_epoch = start_epoch - 1000000000 WHERE entry % 3 = 0");
-  const int64_t before = written();
+  const int64_t before = io("wchar");
   must(guide.db()->remove_old_entries(DAY_S, false) == EVENTS * 2, "purging");
-  at_most(std::string("a purge of 1500 of 4500 events, journal ") + journal, written() - before, 1, 0, false);
+  at_most(std::string("a purge of 1500 of 4500 events, journal ") + journal, io("wchar") - before, 1, 0, false);
 }
 
 // --- Scans -----------------------------------------------------------------------------------------------------------
@@ -253,7 +217,7 @@ class Scan {
 
   // What a scan of the multiplex hands over, and the merge.
   int64_t run() {
-    const int64_t before = written();
+    const int64_t before = io("wchar");
     db_->clear_temp_tables(0);
     std::list<PMT_subtxt_lang*> none;
     sdbl::Scan_details details;
@@ -295,7 +259,7 @@ class Scan {
     const sdbl::Merge_end end =
         merger_->merge(0, {Input{Connector{1}, Delivery{1}}, FREQ}, SCAN_PAT, details, &changes);
     must(end.outcome == sdbl::Merge_outcome::DONE, "merging");
-    return written() - before;
+    return io("wchar") - before;
   }
   void with_details() { has_details_ = true; }
 

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <map>
-#include <vector>
 
 #include "filter/dvb_filter_desc.h"
 #include "filter/filter_options.h"

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "tools/cli/failure.h"
 
@@ -21,6 +22,13 @@ class Temporary_folder {
     path_ = (std::filesystem::temp_directory_path(error) / "kelvo-XXXXXX").string();
     if (error || mkdtemp(path_.data()) == nullptr) {
       throw Failure("cannot make a temporary folder: " + (error ? error.message() : std::string(strerror(errno))));
+    }
+  }
+  // In another folder, as `path`, whose name ends with "XXXXXX", so that what is made in it can be renamed to its
+  // place.
+  explicit Temporary_folder(std::string path) : path_(std::move(path)) {
+    if (mkdtemp(path_.data()) == nullptr) {
+      throw Failure(path_ + ": cannot be made: " + strerror(errno));
     }
   }
   ~Temporary_folder() {

@@ -25,6 +25,7 @@
 
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
+#include "tools/database/folder_of.h"
 #include "tools/database/statement.h"
 
 namespace {
@@ -117,11 +118,6 @@ bool has_table(sqlite3* connection, const std::string& file, const char* name) {
   Statement statement(connection, file, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1;");
   statement.bind(1, name);
   return statement.step();
-}
-
-std::string folder_of(const std::string& file) {
-  const std::string folder = std::filesystem::path(file).parent_path().string();
-  return folder.empty() ? "." : folder;
 }
 
 // What must hold for a file that the library will write. True when it is there.

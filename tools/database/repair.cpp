@@ -20,6 +20,8 @@
 
 #include "tools/cli/failure.h"
 #include "tools/cli/local_time.h"
+#include "tools/cli/temporary_folder.h"
+#include "tools/database/folder_of.h"
 #include "tools/database/statement.h"
 
 namespace {
@@ -155,34 +157,9 @@ void sync(const std::string& path, int flags) {
   }
 }
 
-std::string folder_of(const std::string& file) {
-  const size_t slash = file.rfind('/');
-  return slash == std::string::npos ? "." : file.substr(0, slash + 1);
-}
-
 [[noreturn]] void fail(const std::string& file, const char* what) {
   throw Failure(fmt::format("{}: cannot be {}: {}", file, what, strerror(errno)));
 }
-
-// A folder beside the file, so that what is made in it can be renamed into its place.
-class Folder_beside {
- public:
-  explicit Folder_beside(const std::string& file) : path_(folder_of(file) + "/.kelvo-repair-XXXXXX") {
-    if (mkdtemp(path_.data()) == nullptr) {
-      fail(path_, "made");
-    }
-  }
-  ~Folder_beside() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  Folder_beside(const Folder_beside&) = delete;
-  Folder_beside& operator=(const Folder_beside&) = delete;
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 // Gives the damaged file, with what belongs to it, another name; the file itself stays until the new one replaces it.
 std::string set_aside(const std::string& file) {
@@ -277,7 +254,7 @@ File_state look_at(const std::string& file, const std::string& table) {
 
 Repair mend(const std::string& file, const std::string& table, const std::string& copy) {
   Repair out;
-  const Folder_beside folder(file);
+  const Temporary_folder folder(folder_of(file) + "/.kelvo-repair-XXXXXX");
   // A name of which the guide's is that of the guide.
   const std::string channels = folder.file("new.db");
   std::string made = channels;

@@ -57,6 +57,9 @@ class Request_box {
   // True while a host's request takes filters away or waits for the worker.
   bool under_way() const;
 
+  // True while a host's request without a channel is on its way: it is tuning, and newer than what the worker has.
+  bool host_tunes() const { return takings_ > 0; }
+
   // True when the scan under way has lost its filters to a host. The worker says when it is over.
   bool filters_taken() const { return filters_taken_; }
   void scan_is_over() { filters_taken_ = false; }

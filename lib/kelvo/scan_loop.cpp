@@ -147,7 +147,8 @@ void Scan_loop::begin_request() {
   filter_.parts().forget_lost();
   kelvo_.database.clear_temp_tables(kelvo_.adapter);
   kelvo_.database.flush();
-  if (request_.channel != -1)
+  // A tuning ends the one before: this one, which was asked for earlier, must not end that of a host.
+  if (request_.channel != -1 && !requests_.host_tunes())
     tune();
   KLOG(VERB_WARNING, "WARNING: Loop init, local channel is %d\n", request_.channel);
   requests_.scan_requested = true;

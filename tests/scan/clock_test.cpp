@@ -240,6 +240,15 @@ constexpr char FIRST_LINE[] = "# Automatically generated timezone file for netwo
 const Lines INSTALLING = {"system /usr/sbin/zic -d /tmp/zoneinfo /tmp/zoneinfo/timezone.txt = 0",
                           "system cp -f '/tmp/zoneinfo/EST_0' /dvbfiles/localtime = 0"};
 
+// What is printed of zones. Messages of other threads may come between, and some of them end no line.
+std::string zone_lines(const Scan_run& run) {
+  static const std::regex TEXTS("(Country id|WARNING: Checking mux|WARNING: Setting timezone|WARNING: Timezone).*\n");
+  std::string found;
+  for (std::sregex_iterator at(run.err.begin(), run.err.end(), TEXTS); at != std::sregex_iterator(); ++at)
+    found += at->str();
+  return found;
+}
+
 bool have_zic() {
   return access("/usr/sbin/zic", X_OK) == 0;
 }
@@ -256,8 +265,7 @@ TEST_F(Zone_test, a_known_multiplex_installs_its_zone_at_its_second_scan) {
   const Scan_run scanned = run(on_freq(file), "kelvo 0 tuner\n" + scan_once + scan_once);
   EXPECT_EQ(scanned.lines({"done", "exists"}), "done 0 0\nexists no\nexists no\ndone 0 0\nexists yes\nexists yes\n")
       << "at the first one its rows are not there yet";
-  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to 180\n"), 1U);
-  EXPECT_EQ(scanned.count_err(CHECKED), 1U);
+  EXPECT_EQ(zone_lines(scanned), std::string(CHECKED) + "WARNING: Setting timezone to 180\n");
   EXPECT_EQ(shell_commands(scanned), INSTALLING);
   EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }
@@ -291,10 +299,8 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
     std::filesystem::remove(database());
     std::filesystem::remove(installed_file());
     const Scan_run scanned = scan(stream_of(c.offset, c.country, c.region));
-    EXPECT_EQ(
-        scanned.count_err(std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) + "\n"),
-        1U)
-        << scanned.err;
+    EXPECT_EQ(zone_lines(scanned),
+              std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) + "\n");
     EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_SET, std::to_string(c.minutes) + " " + c.country));
     EXPECT_EQ(source(), std::string(FIRST_LINE) + c.line);
     EXPECT_EQ(installed(), c.read);
@@ -304,7 +310,7 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
 
 TEST_F(Zone_test, the_right_zone_is_left_alone) {
   const Scan_run scanned = scan(stream_of("+02:00"));
-  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + "WARNING: Timezone OK\n"), 1U) << scanned.err;
+  EXPECT_EQ(zone_lines(scanned), std::string(CHECKED) + "WARNING: Timezone OK\n");
   EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_RIGHT, "120 EST"));
   EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
@@ -331,15 +337,14 @@ TEST_F(Zone_test, every_entry_is_taken_and_only_the_present_offset_of_it) {
     { "country": "EST", "offset": "+02:00", "change": "2026-03-29T01:00:00Z", "next": "+03:00" },
     { "country": "CAN", "region": 7, "offset": "-03:30", "change": "2026-11-01T04:05:06Z", "next": "-02:30" }] })"_json);
   const Scan_run scanned = scan(file, {}, 3);
-  EXPECT_EQ(scanned.count_err("Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20260329, "
-                              "hms 10000\n" +
-                              std::string(CHECKED) +
-                              "WARNING: Timezone OK\n"
-                              "Country id CAN region id 7, offset 330, next_offset 230 , polarity 1, ymd 20261101, "
-                              "hms 40506\n" +
-                              CHECKED + "WARNING: Setting timezone to -210\n"),
-            1U)
-      << scanned.err;
+  EXPECT_EQ(zone_lines(scanned),
+            "Country id EST region id 0, offset 200, next_offset 300 , polarity 0, ymd 20260329, "
+            "hms 10000\n" +
+                std::string(CHECKED) +
+                "WARNING: Timezone OK\n"
+                "Country id CAN region id 7, offset 330, next_offset 230 , polarity 1, ymd 20261101, "
+                "hms 40506\n" +
+                CHECKED + "WARNING: Setting timezone to -210\n");
   EXPECT_EQ(source(), std::string(FIRST_LINE) + "Zone CAN_7 -03:30 - CAN\n");
   EXPECT_EQ(installed(), "CAN -0330, CAN -0330");
 }
@@ -391,7 +396,7 @@ TEST_F(Zone_test, an_odd_country_code_does_not_keep_the_next_entry_away) {
     GTEST_SKIP() << "no zone compiler";
   const Scan_run scanned =
       scan(stream_with({{"descriptors", {"581a 273b72 02 0300 edd2 000000 0300 455354 02 0300 edd2 000000 0300"}}}));
-  EXPECT_EQ(scanned.count_err(std::string(CHECKED) + CHECKED + "WARNING: Setting timezone to 180\n"), 1U);
+  EXPECT_EQ(zone_lines(scanned), std::string(CHECKED) + CHECKED + "WARNING: Setting timezone to 180\n");
   EXPECT_EQ(shell_commands(scanned), INSTALLING);
   EXPECT_EQ(installed(), "EST +0300, EST +0300");
 }

@@ -144,8 +144,8 @@ struct KELVO_EXPORT Receiver_profile {
     WHOLE,  // any_linux: all tables at once, of all services, until every section has come; the newest section counts
   };
   Guide guide = Guide::BY_TABLE;
-  // Guide::WHOLE only. True: the guide of other multiplexes is stored as well, for services that are known.
-  // any_linux: false.
+  // Guide::WHOLE only. True: the guide of other multiplexes as well, for known services, where their own has said
+  // nothing for that time, in this run or before. any_linux: false.
   bool other_guides = false;
 
   // Whose local time offset counts, where several countries stand in one table.

@@ -108,6 +108,7 @@ int Guide_events::try_rows(int channel, std::vector<Guide_row>* all) {
       if (rows.number(5) != 0)
         row.digest = static_cast<uint32_t>(rows.number(6));
       row.running_since = rows.number(7);
+      row.table_id = rows.number(8);
       all->push_back(row);
     }
     rc = rows.code();
@@ -117,12 +118,12 @@ int Guide_events::try_rows(int channel, std::vector<Guide_row>* all) {
   if (connection_.get() != nullptr)
     (void)sqlite3_busy_timeout(connection_.get(), 0);
   if (has_tables())
-    read(
-        Sql<int>("SELECT e.entry, ev_id, start_epoch, dur_sec, run_status, d.entry IS NOT NULL, digest, running_since "
-                 "FROM epglist e LEFT JOIN event_detail d ON d.entry = e.entry WHERE channel = $channel ORDER BY 3"));
+    read(Sql<int>(
+        "SELECT e.entry, ev_id, start_epoch, dur_sec, run_status, d.entry IS NOT NULL, digest, running_since, "
+        "table_id FROM epglist e LEFT JOIN event_detail d ON d.entry = e.entry WHERE channel = $channel ORDER BY 3"));
   else
     read(
-        Sql<int>("SELECT entry, ev_id, start_epoch, dur_sec, run_status, 0, 0, 0 FROM epglist WHERE channel = "
+        Sql<int>("SELECT entry, ev_id, start_epoch, dur_sec, run_status, 0, 0, 0, 0 FROM epglist WHERE channel = "
                  "$channel ORDER BY 3"));
   if (connection_.get() != nullptr)
     (void)sqlite3_busy_timeout(connection_.get(), SQL_TIMEOUT_MS);

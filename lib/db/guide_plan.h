@@ -19,6 +19,7 @@ struct Guide_row {
   bool confirmed = false;  // this broadcast has said it
   int run_status = 0;
   int running_since = 0;
+  int table_id = 0;  // that said it; 0 where that is not known
 };
 
 // An event as it should stand there.

@@ -33,6 +33,10 @@ constexpr int64_t RETRY_WITHOUT_ROOM_MS = 10000;
 constexpr int RUNNING = 4;
 constexpr size_t LOOP_HEADER = 12;
 
+bool is_other(int table_id) {
+  return table_id == table::EIT_PRESENT_FOLLOWING_OTHER || table_id >= table::EIT_SCHEDULE_OTHER_FIRST;
+}
+
 int now_epoch() {
   return sdbl::saturated(time(nullptr));
 }
@@ -40,6 +44,11 @@ int now_epoch() {
 int64_t digest_of(const Event_shown& shown) {
   const uint32_t also = shown.also != nullptr ? shown.also->digest : 0;
   return shown.event->digest ^ (also << 7 | also >> 25);
+}
+
+bool overlaps(const sdbl::Guide_row& row, const Event_heard& event) {
+  return row.start == event.start ||
+         (row.start < int64_t{event.start} + event.duration && event.start < int64_t{row.start} + row.duration);
 }
 
 bool starts_before(const sdbl::Guide_row& a, const sdbl::Guide_row& b) {
@@ -183,8 +192,7 @@ bool Whole_guide_reader::takes(unsigned table_id) const {
 }
 
 void Whole_guide_reader::section(const uint8_t* bytes, size_t size, int) {
-  const bool other = bytes[0] == table::EIT_PRESENT_FOLLOWING_OTHER || bytes[0] >= table::EIT_SCHEDULE_OTHER_FIRST;
-  if (other && !others_)
+  if (is_other(bytes[0]) && !others_)
     return;
   if (!guide_.is_started())
     guide_.started(monotonic_ms());
@@ -251,6 +259,13 @@ bool Whole_guide_reader::load_rows(int channel, Channel& state) {
   std::vector<sdbl::Guide_row> rows;
   if (!events_.rows(channel, &rows))
     return false;
+  state.own.clear();
+  if (state.key.other) {
+    const auto others = std::stable_partition(rows.begin(), rows.end(),
+                                              [](const sdbl::Guide_row& row) { return !is_other(row.table_id); });
+    state.own.assign(rows.begin(), others);
+    rows.erase(rows.begin(), others);
+  }
   const std::vector<sdbl::Guide_row> before = std::exchange(state.rows, std::move(rows));
   for (sdbl::Guide_row& row : state.rows)
     row.confirmed = std::any_of(before.begin(), before.end(),
@@ -272,7 +287,12 @@ void Whole_guide_reader::store(int channel, Channel& state) {
     return;
   }
   const std::vector<Event_heard> heard = guide_.events(state.key);
-  const std::vector<Event_shown> shown = visible_events(heard);
+  std::vector<Event_shown> shown = visible_events(heard);
+  // What a multiplex says of its own services counts, also when it was heard another day.
+  std::erase_if(shown, [&](const Event_shown& one) {
+    return std::any_of(state.own.begin(), state.own.end(),
+                       [&](const sdbl::Guide_row& row) { return overlaps(row, *one.event); });
+  });
   std::vector<sdbl::Guide_wish> wishes;
   wishes.reserve(shown.size());
   for (const Event_shown& one : shown)
@@ -325,7 +345,8 @@ void Whole_guide_reader::store(int channel, Channel& state) {
         rows.push_back(*old);
     } else {
       const sdbl::Guide_write& w = *write->second;
-      rows.push_back({w.entry, w.ev_id, w.start, w.duration, w.digest, true, w.run_status, w.running_since});
+      rows.push_back(
+          {w.entry, w.ev_id, w.start, w.duration, w.digest, true, w.run_status, w.running_since, w.details.table_id});
       const int32_t kind = old == nullptr ? GUIDE_ADDED : old->start != w.start ? GUIDE_MOVED : GUIDE_CHANGED;
       changes.push_back({adapter_, channel, w.ev_id, w.start, kind, w.entry});
       if (old == nullptr)
@@ -465,7 +486,7 @@ void Whole_guide_reader::publish() {
                        p.last_table,
                        !p.heard,
                        begun && p.complete && !state.waits,
-                       static_cast<int32_t>(state.rows.size())};
+                       static_cast<int32_t>(state.rows.size() + state.own.size())};
     entry.whole = true;
     entry.given_up = p.given_up;
     entry.table = !begun ? 0 : p.heard ? p.table : table::EIT_PRESENT_FOLLOWING;

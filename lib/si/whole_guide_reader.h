@@ -48,6 +48,7 @@ class Whole_guide_reader : public Guide_reader {
     bool waits = false;   // not all is stored
     bool complete = false;
     std::vector<sdbl::Guide_row> rows;  // by start
+    std::vector<sdbl::Guide_row> own;   // what its own multiplex has said, where another one is heard: by start
   };
   // What the sections say of an event that is to be written.
   struct Reading;

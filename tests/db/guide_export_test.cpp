@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include "db/sdbl_parts.h"
 #include "db_support.h"
 #include "support/softdvb.h"
 
@@ -81,6 +82,36 @@ TEST_F(Guide_export_done, goes_across_file_systems) {
     expect_guide_in(elsewhere + "/copy_epg.db");
   }
   std::filesystem::remove_all(elsewhere);
+}
+
+TEST_F(Guide_export_done, takes_what_the_added_tables_have_along) {
+  std::vector<sdbl::Guide_write> writes(1);
+  sdbl::Guide_write& write = writes.front();
+  write.channel = 1;
+  write.ev_id = 7;
+  write.start = static_cast<int>(time(nullptr)) + 3600;
+  write.duration = 1800;
+  write.running_since = 12;
+  write.texts = {{"eng", "Film", "", "", "", {{"Director", "Ann"}, {"Cast", "Bo: as himself"}}}};
+  write.details.table_id = 0x50;
+  write.details.version = 3;
+  write.details.series_crid = "crid://a.b/S";
+  write.details.programme_crid = "crid://a.b/P";
+  write.details.components = {{1, 5, 0, 11, "eng", "16:9"}};
+  write.details.ratings = {{"FIN", 9}};
+  write.details.genres = {{1, 4, 0}};
+  ASSERT_EQ(sdbl().parts().guide_events.apply({}, &writes), sdbl::Guide_events::Applied::DONE);
+  EXPECT_EQ(exported(0), "");
+  const Other_connection copy(copy_);
+  const std::map<std::string, std::string> tables = {{"event_detail", "1"},
+                                                     {"event_item", "2"},
+                                                     {"event_component", "1"},
+                                                     {"event_rating", "1"},
+                                                     {"event_genre", "1"}};
+  for (const auto& [table, count] : tables) {
+    EXPECT_EQ(copy.rows("SELECT count(*) FROM " + table), Texts{count}) << table;
+    EXPECT_EQ(copy.rows("SELECT * FROM " + table), rows("SELECT * FROM " + table)) << table;
+  }
 }
 
 // Whatever the adapters are at, each copy is whole.

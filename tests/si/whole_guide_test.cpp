@@ -357,6 +357,34 @@ TEST_F(Other_guides_test, are_stored_where_they_are_asked_for_and_the_actual_one
   EXPECT_EQ(rows("SELECT channel, ev_id FROM epglist ORDER BY 1, 2"), (Texts{"1|5", "2|1", "2|2"}));
 }
 
+TEST_F(Other_guides_test, leave_alone_what_the_multiplex_itself_said_another_day) {
+  run("UPDATE kanalid SET orig_network_id = 32, tstream_id = " + std::to_string(TS_ID));
+  run("INSERT INTO kanalid (dvb_type, hf_conn, freq, pat_prnr, orig_network_id, tstream_id) VALUES (1, 3, 7, 1, 32, 7)");
+  begin();
+  arrive({}, {{9, 600, 60, "makes the tables"}});
+  const auto stored = [&](int id, int minute, int table) {
+    run("INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec) VALUES (2, " + std::to_string(id) + ", " +
+        std::to_string(MIDNIGHT + 60 * minute) + ", 1800)");
+    if (table != 0)
+      run("INSERT INTO event_detail (entry, table_id, digest) VALUES (last_insert_rowid(), " + std::to_string(table) +
+          ", 5)");
+  };
+  stored(1, 600, 0);  // by a reader that looks at no other multiplex
+  stored(2, 660, NOW_TABLE);
+  stored(3, 720, SCHEDULE);
+  stored(4, 780, NOW_OTHER);
+  stored(5, 840, table::EIT_SCHEDULE_OTHER_FIRST);
+  const int other = table::EIT_SCHEDULE_OTHER_FIRST;
+  arrive(
+      {.table = other, .ts_id = 7},
+      {{21, 600, 30, ""}, {22, 650, 11, ""}, {23, 689, 40, ""}, {3, 730, 5, ""}, {24, 750, 40, ""}, {25, 790, 30, ""}});
+  arrive({.table = NOW_OTHER, .ts_id = 7}, {});
+  EXPECT_EQ(rows("SELECT ev_id, (start_epoch - " + std::to_string(MIDNIGHT) +
+                 ") / 60 FROM epglist WHERE channel = 2 ORDER BY start_epoch"),
+            (Texts{"1|600", "2|660", "3|720", "24|750", "25|790"}))
+      << "between its events there is room, and what another multiplex said gives way";
+}
+
 // --- What cannot be --------------------------------------------------------------------------------------------------
 
 TEST_F(Whole_guide_test, events_without_a_time_and_broken_sections_are_left_out) {

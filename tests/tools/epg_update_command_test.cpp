@@ -195,6 +195,37 @@ TEST_F(Slow_service, an_interrupt_at_the_first_frequency_leaves_the_others_alone
                                               "kelvo: interrupted; what was collected is kept\n"));
 }
 
+TEST_F(Epg_update, the_guide_of_another_multiplex_is_collected_where_it_is_asked_for) {
+  const auto titled = [](const std::string& title) {
+    return R"(, "schedule": { "from": "today", "days": 1, "programmes": [{ "duration": "30m", "name": ")" + title +
+           R"(" }] })";
+  };
+  const std::string others = R"(, "other_transport_streams": [{ "transport_stream_id": 2, "original_network_id": 65281,
+      "services": [{ "service_id": 201, "name": "Spak")" +
+                             titled("Mujalt") + R"( }, { "service_id": 202, "name": "Vaikne")" + titled("Mujalt") +
+                             "}] }]";
+  const Words options =
+      at_speed("x10", joined({mux("506", service(101, 1, "Kuldnokk", DAY_OF_EVENTS), others),
+                              mux("514", service(201, 11, "Spak", titled("Oma")) + "," + service(202, 12, "Vaikne"))}));
+  scan(options, {"506000000", "514000000"});
+  const auto titles = [&](int lcn) {
+    const std::string channel = value(db_, "SELECT channel FROM kanalid WHERE lcn = " + std::to_string(lcn));
+    return value(guide_,
+                 "SELECT group_concat(line, ' ') FROM (SELECT ev_name || ' ' || count(*) AS line FROM epglist JOIN "
+                 "epglist_lang ON source_oid = entry WHERE channel = " +
+                     channel + " GROUP BY ev_name ORDER BY ev_name)");
+  };
+  EXPECT_EQ(run(options, {"epg", "update", "--freq", "506000000", "--freq", "514000000"}).exit_code, 0);
+  EXPECT_EQ(titles(1), "Uudised 48");
+  EXPECT_EQ(titles(11), "Oma 48");
+  EXPECT_EQ(titles(12), "NULL");
+  // What the multiplex says of itself counts more than what another one says of it.
+  EXPECT_EQ(run(options, {"epg", "update", "--freq", "506000000", "--other"}).exit_code, 0);
+  EXPECT_EQ(titles(1), "Uudised 48");
+  EXPECT_EQ(titles(11), "Oma 48");
+  EXPECT_EQ(titles(12), "Mujalt 48");
+}
+
 TEST_F(Epg_update, shows_a_bar_a_service_on_a_terminal) {
   scan(network());
   const Command_result result = support::run_on_terminal(command(network(), {"--freq", "506000000"}), {}, 100);

@@ -86,7 +86,7 @@ static std::vector<Clock_reference> clock_references(const std::string& name, co
   const File file = open_file(name);
   std::fseek(file.get(), static_cast<long>(layout.first_offset), SEEK_SET);
   std::vector<Clock_reference> found;
-  std::vector<uint8_t> block(size_t{layout.packet_size} * 512);
+  std::vector<uint8_t> block(layout.packet_size * static_cast<size_t>(std::min<uint64_t>(layout.packets, 512)));
   int pcr_pid = -1;
   for (uint64_t packet = 0; packet < layout.packets;) {
     const size_t got = std::fread(block.data(), 1, block.size(), file.get());

@@ -27,13 +27,11 @@ std::string read_all(const std::string& file) {
   const bool standard = file == "-";
   const int fd = standard ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC);
   std::string out;
+  char block[1 << 14];
   ssize_t n = fd < 0 ? -1 : 1;
   while (n > 0) {
-    constexpr size_t BLOCK = 1 << 16;
-    const size_t size = out.size();
-    out.resize(size + BLOCK);
-    n = read(fd, out.data() + size, BLOCK);
-    out.resize(size + static_cast<size_t>(n < 0 ? 0 : n));
+    n = read(fd, block, sizeof block);
+    out.append(block, static_cast<size_t>(n < 0 ? 0 : n));
   }
   const int error = errno;
   if (fd >= 0 && !standard) {

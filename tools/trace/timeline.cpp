@@ -48,6 +48,11 @@ std::vector<std::string> interrupt_names() {
   return out;
 }
 
+const std::vector<std::string>& interrupts() {
+  static const std::vector<std::string> names = interrupt_names();
+  return names;
+}
+
 std::string characters(unsigned word) {
   std::string out;
   for (const int shift : {24, 16, 8, 0}) {
@@ -90,7 +95,7 @@ class Builder {
   void happen(Work* work, const Trace_record& r);
   Timeline finish();
 
-  std::vector<std::string> interrupts_ = interrupt_names();
+  const std::vector<std::string>& interrupts_ = interrupts();
   Timeline out_;
   std::vector<Work> lanes_;
   std::unordered_map<std::string, size_t> places_;

@@ -5,6 +5,9 @@
 
 #include <functional>
 #include <string>
+#include <typeindex>
+#include <typeinfo>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -217,23 +220,21 @@ class Reader : public Text {
          [this](const auto& e) { put(e.getServiceId(), e.getVisibleServiceFlag(), e.getLogicalChannelNumber()); });
   }
 
-  // A descriptor of no class has no values.
-  template <typename... Classes>
-  void add_as(const Descriptor& d) {
-    const auto as = [this]<typename Class>(const Class* c) {
-      if (c != nullptr)
-        this->add(*c);
-      return c != nullptr;
-    };
-    (void)(as(dynamic_cast<const Classes*>(&d)) || ...);
-  }
+  // A descriptor of no class has no values. Which class one is of is found by casts once for each type: twenty casts
+  // for every descriptor took most of the time.
   void add(const Descriptor& d) {
-    add_as<VideoStreamDescriptor, AudioStreamDescriptor, CaDescriptor, Iso639LanguageDescriptor, NetworkNameDescriptor,
-           ServiceDescriptor, ShortEventDescriptor, ExtendedEventDescriptor, ComponentDescriptor,
-           StreamIdentifierDescriptor, ContentDescriptor, ParentalRatingDescriptor, VbiTeletextDescriptor,
-           LocalTimeOffsetDescriptor, SubtitlingDescriptor, TerrestrialDeliverySystemDescriptor,
-           MultilingualNetworkNameDescriptor, MultilingualServiceNameDescriptor, Ac3Descriptor,
-           LogicalChannelDescriptor>(d);
+    thread_local std::unordered_map<std::type_index, Adder> known;
+    const auto [at, fresh] = known.try_emplace(typeid(d), nullptr);
+    if (fresh)
+      at->second =
+          adder_of<VideoStreamDescriptor, AudioStreamDescriptor, CaDescriptor, Iso639LanguageDescriptor,
+                   NetworkNameDescriptor, ServiceDescriptor, ShortEventDescriptor, ExtendedEventDescriptor,
+                   ComponentDescriptor, StreamIdentifierDescriptor, ContentDescriptor, ParentalRatingDescriptor,
+                   VbiTeletextDescriptor, LocalTimeOffsetDescriptor, SubtitlingDescriptor,
+                   TerrestrialDeliverySystemDescriptor, MultilingualNetworkNameDescriptor,
+                   MultilingualServiceNameDescriptor, Ac3Descriptor, LogicalChannelDescriptor>(d);
+    if (at->second != nullptr)
+      at->second(*this, d);
   }
   // Behind the tag, of the kinds whose entries may end early.
   void put_count(const Descriptor& d) {
@@ -256,10 +257,10 @@ class Reader : public Text {
         continue;
       }
       put(d->getLength(), d->isValid());
-      std::vector<uint8_t> raw(2 + 255);
+      raw_descriptor_.assign(2 + 255, 0);
       if (d->getLength() != 0)
-        raw.resize(d->writeToBuffer(raw.data()));
-      put(&raw);
+        raw_descriptor_.resize(d->writeToBuffer(raw_descriptor_.data()));
+      put(&raw_descriptor_);
       add(*d);
     }
     append(">");
@@ -321,7 +322,22 @@ class Reader : public Text {
   void add(const LongCrcSection&) {}
 
  private:
+  using Adder = void (*)(Reader&, const Descriptor&);
+
+  template <typename... Classes>
+  static Adder adder_of(const Descriptor& d) {
+    Adder found = nullptr;
+    const auto is = [&]<typename Class>(const Class* c) {
+      if (c != nullptr)
+        found = [](Reader& reader, const Descriptor& one) { reader.add(dynamic_cast<const Class&>(one)); };
+      return c != nullptr;
+    };
+    (void)(is(dynamic_cast<const Classes*>(&d)) || ...);
+    return found;
+  }
+
   const bool whole_;
+  std::vector<uint8_t> raw_descriptor_;
   const std::function<void(const Descriptor&)> look_;
 };
 

@@ -53,13 +53,24 @@ struct Files {
     good_channels = support::read_file(channels);
     good_guide = support::read_file(guide);
   }
+};
 
-  static void write(const std::string& name, const std::string& bytes) {
-    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+// Written over and over. It stays open: to close it would give up SQLite's locks on the file, too.
+class File {
+ public:
+  explicit File(const std::string& name) : fd_(open(name.c_str(), O_RDWR | O_CLOEXEC)) {}
+  ~File() { (void)close(fd_); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  void write(const std::string& bytes) const {
+    const auto size = static_cast<ssize_t>(bytes.size());
+    if (ftruncate(fd_, size) != 0 || pwrite(fd_, bytes.data(), bytes.size(), 0) != size)
       std::abort();
-    (void)close(fd);
   }
+
+ private:
+  int fd_;
 };
 
 void read_with_library(const std::string& file) {
@@ -99,7 +110,9 @@ void read_with_commands(const std::string& file) {
 }  // namespace
 
 int fuzz::database(const uint8_t* data, size_t size) {
-  static Files files;
+  static const Files files;
+  static const File channel_file(files.channels);
+  static const File guide_file(files.guide);
   if (size == 0)
     return 0;
   const bool in_guide = (data[0] & 1) != 0;
@@ -112,8 +125,8 @@ int fuzz::database(const uint8_t* data, size_t size) {
   }
   if ((data[0] & 4) != 0)
     damaged.resize(damaged.size() * data[0] / 256);
-  Files::write(files.channels, channels);
-  Files::write(files.guide, guide);
+  channel_file.write(channels);
+  guide_file.write(guide);
   if ((data[0] & 2) != 0)
     read_with_library(files.channels);
   else

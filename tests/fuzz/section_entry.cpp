@@ -23,10 +23,12 @@ int fuzz::section(const uint8_t* data, size_t size) {
   static section_guard::Safe_copy copy;
   if (size < 3)
     return 0;
-  // Parsers believe section_length: the bytes are filled up, or cut, to what it says.
-  const size_t length = (static_cast<size_t>(data[1]) << 8 | data[2]) & 0x0FFF;
-  std::vector<uint8_t> section(data, data + size);
-  section.resize(std::min<size_t>(3 + length, 4096));
+  // Parsers believe section_length: the bytes are cut to what it says, or it says how many there are. Filled up they
+  // would mostly be thousands of empty descriptors.
+  const size_t length = std::min<size_t>({3 + ((static_cast<size_t>(data[1]) << 8 | data[2]) & 0x0FFF), size, 4096});
+  std::vector<uint8_t> section(data, data + length);
+  section[1] = static_cast<uint8_t>((section[1] & 0xF0) | (length - 3) >> 8);
+  section[2] = static_cast<uint8_t>(length - 3);
   section.shrink_to_fit();
 
 #if KELVO_DVBSI_OWN

@@ -65,6 +65,8 @@ class Receiver {
  public:
   explicit Receiver(const Receiver_profile& profile) {
     verbosity_kelvo = -1;
+    const char* const fewer_system_calls = "PRAGMA locking_mode = EXCLUSIVE";
+    (void)sqlite3_exec(support::conn_of(db_), fewer_system_calls, nullptr, nullptr, nullptr);
     db_.create_temp_tables(0);
     parser_.parts().read_as(profile);
     merger_ = sdbl::make_scan_merger(db_, profile.refresh);
@@ -77,15 +79,17 @@ class Receiver {
     const int changes = sqlite3_total_changes(conn);
     if (changes != changes_) {
       // One television service, so that PMTs are refreshed and a guide is collected.
-      (void)sqlite3_exec(conn,
-                         "DELETE FROM kanalid; DELETE FROM kanalid_lang; DELETE FROM estreams; DELETE FROM epglist; "
-                         "DELETE FROM epglist_lang; INSERT INTO kanalid (channel, dvb_type, hf_conn, freq, pat_prnr, "
-                         "pmt_pid, pcr_pid, serv_type) VALUES (1, 1, 3, 506000000, 1, 256, 257, 1)",
-                         nullptr, nullptr, nullptr);
+      for (const char* sql :
+           {"DELETE FROM kanalid", "DELETE FROM kanalid_lang", "DELETE FROM estreams", "DELETE FROM epglist",
+            "DELETE FROM epglist_lang",
+            "INSERT INTO kanalid (channel, dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) "
+            "VALUES (1, 1, 3, 506000000, 1, 256, 257, 1)"}) {
+        (void)db_.sql_cache(true, 0, sql);
+      }
+      db_.clear_temp_tables(0);
       changes_ = sqlite3_total_changes(conn);
     }
     filter_.remove_all();
-    db_.clear_temp_tables(0);
     step(LIST_AND_PMTS);
     step(BEGIN_SCAN);
     step(START_GUIDE);

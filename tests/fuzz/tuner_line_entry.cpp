@@ -25,6 +25,7 @@ struct Stored {
   Stored() {
     verbosity_kelvo = -1;
     sqlite3* conn = support::conn_of(db);
+    (void)sqlite3_exec(conn, "PRAGMA locking_mode = EXCLUSIVE", nullptr, nullptr, nullptr);  // fewer system calls
     (void)support::run(conn,
                        "INSERT INTO tuner_table (freq, hf_conn, dvb_type, tuner_params) VALUES (506000000, 1, 1, '')");
     (void)sqlite3_prepare_v2(conn, "UPDATE tuner_table SET tuner_params = ?1", -1, &line, nullptr);

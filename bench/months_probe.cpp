@@ -6,16 +6,18 @@
 //
 //   months_probe DB FREQ HOURS
 
-#include <dirent.h>
+#include <malloc.h>
+#include <sqlite3.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <semaphore>
+#include <string>
 
 #include <kelvo/kelvo.h>
 
@@ -29,9 +31,37 @@ using process_figures::memory_kib;
 constexpr int HOUR_S = 3600;
 constexpr int UNPLUGGED_EACH_H = 7;  // for some minutes
 constexpr int UNPLUGGED_S = 400;
+constexpr int EXPORT_EACH_H = 24;  // which purges old events, too
 
 std::mutex printing;
 std::binary_semaphore answered(0);
+
+// The connection that was opened last, of the channel file: what comes after it is the library's own.
+std::string channel_file;
+sqlite3* connection = nullptr;
+
+int on_connection(sqlite3* opened, char**, const sqlite3_api_routines*) {
+  const char* const name = sqlite3_db_filename(opened, "main");
+  if (name != nullptr && std::string(name).ends_with(channel_file))
+    connection = opened;
+  return SQLITE_OK;
+}
+
+int statements() {
+  int count = 0;
+  for (sqlite3_stmt* one = nullptr; (one = sqlite3_next_stmt(connection, one)) != nullptr;)
+    ++count;
+  return count;
+}
+
+// Of timer_create(); others are descriptors.
+int timers() {
+  std::ifstream file("/proc/self/timers");
+  int count = 0;
+  for (std::string line; std::getline(file, line);)
+    count += line.starts_with("ID:") ? 1 : 0;
+  return count;
+}
 
 void on_answer(void*, int) {
   answered.release();
@@ -73,8 +103,10 @@ void print_state(Sdbl& database, int hour) {
   (void)database.sql_get_int(&services, 0, "SELECT count(*) FROM kanalid WHERE scan_state = 1;");
   (void)database.sql_get_int(&events, 0, "SELECT count(*) FROM epglist;");
   const std::lock_guard<std::mutex> lock(printing);
-  printf("hour=%d memory=%d descriptors=%d threads=%d services=%d events=%d\n", hour, memory_kib(),
-         entries("/proc/self/fd"), entries("/proc/self/task"), services, events);
+  printf(
+      "hour=%d memory=%d heap=%d sqlite=%d descriptors=%d threads=%d timers=%d statements=%d services=%d events=%d\n",
+      hour, memory_kib(), static_cast<int>(mallinfo2().uordblks / 1024), static_cast<int>(sqlite3_memory_used() / 1024),
+      entries("/proc/self/fd"), entries("/proc/self/task"), timers(), statements(), services, events);
   (void)fflush(stdout);
 }
 
@@ -88,7 +120,10 @@ int main(int argc, char** argv) {
   verbosity_kelvo = -1;
   timespec begun{};
   (void)clock_gettime(CLOCK_MONOTONIC, &begun);
+  channel_file = std::string(argv[1]).substr(std::string(argv[1]).rfind('/') + 1);
+  (void)sqlite3_auto_extension(reinterpret_cast<void (*)()>(on_connection));
   Sdbl database(argv[1]);
+  (void)sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(on_connection));
   Kelvo kelvo(0, 0, 0, &database, true, nullptr, Receiver_profile::any_linux());
   kelvo.set_scan_listener(on_scan_end, nullptr);
   kelvo.set_guide_listener(on_guide, nullptr);
@@ -98,6 +133,7 @@ int main(int argc, char** argv) {
   }
   answered.acquire();
   const int hours = atoi(argv[3]);
+  const std::string copy = std::string(argv[1]) + ".copy.db";
   for (int hour = 0; hour < hours; ++hour) {
     const time_t end = begun.tv_sec + static_cast<time_t>(hour + 1) * HOUR_S;
     if (hour % UNPLUGGED_EACH_H == UNPLUGGED_EACH_H - 1) {
@@ -105,6 +141,8 @@ int main(int argc, char** argv) {
       sleep_until(end - HOUR_S + UNPLUGGED_S);
       control("adapter 0 plug");
     }
+    if (hour % EXPORT_EACH_H == EXPORT_EACH_H - 1)
+      (void)kelvo.export_db(copy.c_str(), true);
     sleep_until(end - 60);  // before the next stream begins
     print_state(database, hour);
     sleep_until(end);

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months cross packages-%
+.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -27,6 +27,8 @@ help:
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
 	@echo "make kill      programs killed and power cut in the middle of their work, 300 times each"
 	@echo "make months    30 days on a network that changes every hour, in virtual time"
+	@echo "make threads   threads of a host on four adapters at random, and Kelvos destroyed at random moments; also under"
+	@echo "               ThreadSanitizer"
 	@echo "make cross     build for the set-top box, and run all tests for 32-bit MIPS and a big-endian machine"
 	@echo "make clean     remove everything built"
 	@echo
@@ -90,6 +92,14 @@ months: packages-build+test+bench
 	@cmake --preset release
 	@cmake --build --preset release -j$(JOBS) --target kelvo_benches
 	@bench/months build/release
+
+threads: packages-build+test
+	@for preset in dev tsan; do \
+	  cmake --preset $$preset && cmake --build --preset $$preset -j$(JOBS) --target threads_test && \
+	  KELVO_THREADS=$${KELVO_THREADS:-600} KELVO_DESTRUCTIONS=$${KELVO_DESTRUCTIONS:-500} \
+	    build/$$preset/softdvb/softdvb --config build/$$preset/tests/kelvo/threads.conf -- \
+	    build/$$preset/tests/kelvo/threads_test || exit 1; \
+	done
 
 cross: packages-build+cross
 	@scripts/cross-root mipsel s390x

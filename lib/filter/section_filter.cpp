@@ -42,12 +42,13 @@ Section_filter::~Section_filter() {
 
 Section_filter::Parts::~Parts() {
   for (dvb_filter_desc* f : slots_) {
-    // Deliberate: the timer of a slot that never got a handle is not deleted.
-    if (f->fd > 0) {
-      if (!demux_.close(*f))
-        KLOG(VERB_ERROR, "ERROR: Filter close failed, %s \n", std::strerror(errno));
+    const bool has_handle = f->fd > 0;
+    if (has_handle && !demux_.close(*f))
+      KLOG(VERB_ERROR, "ERROR: Filter close failed, %s \n", std::strerror(errno));
+    // Deliberate: the timer of a slot that never got a handle is not deleted. Where the device is watched, all are:
+    // slots lose their handles with the device.
+    if (has_handle || demux_.options().watch_device)
       polled_timer::remove(f->timer);
-    }
     delete f;
   }
 }

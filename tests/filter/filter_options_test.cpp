@@ -90,6 +90,20 @@ TEST_F(Options_test, a_refused_buffer_is_warned_of_once_and_the_filters_run) {
   EXPECT_EQ(recalculate(1), "");
 }
 
+// --- Timers ----------------------------------------------------------------------------------------------------------
+
+TEST(Filter_options_end, of_a_watched_device_leaves_no_timer_of_slots_without_handle) {
+  const std::string before = listed_timers();
+  {
+    Section_filter filter("/nonexistent/demux0");
+    filter.parts().configure({.watch_device = true});
+    filter.addfilter(0x100, 2, FREQ);
+    if (listed_timers() == before)
+      GTEST_SKIP() << "this kernel does not list timers";
+  }
+  EXPECT_EQ(listed_timers(), before);
+}
+
 // --- Turns -----------------------------------------------------------------------------------------------------------
 
 TEST_F(Options_test, pmts_hand_their_handles_on_and_other_tables_keep_theirs) {

@@ -27,6 +27,10 @@ constexpr time_t NOON = 43200;
 constexpr int NOON_HOUR = 12;
 constexpr size_t LONGEST_ZONE_NAME = 8;
 
+// The source and what is installed are the machine's: adapters that hear of an offset at the same time follow it one
+// after the other. Nothing else is locked meanwhile.
+Mutex following{Lock_rank::ALONE, "time zone"};
+
 // The country code is broadcast, and goes into a file, a file name and a command.
 bool is_zone_name(const char* name) {
   const size_t length = std::strlen(name);
@@ -122,6 +126,7 @@ Zone_outcome Zone::update(int offset_min, const char* zone_name, int zone_nr, co
   if (network != preferred_provider || !is_zone_name(zone_name))
     return Zone_outcome::UNTOUCHED;
 
+  const std::lock_guard<Mutex> one_at_a_time(following);
   tm noon{};
   tzset();  // otherwise a zone that was installed meanwhile is not seen
   (void)localtime_r(&NOON, &noon);
@@ -137,6 +142,7 @@ Zone_outcome Zone::follow(int offset_min, const char* zone_name, int zone_nr, in
   constexpr long SECONDS_A_MINUTE = 60;
   if (!is_zone_name(zone_name) || !std::in_range<time_t>(utc))
     return Zone_outcome::UNTOUCHED;
+  const std::lock_guard<Mutex> one_at_a_time(following);
   const auto now = static_cast<time_t>(utc);
   tm local{};
   tzset();  // as above

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include "db/sdbl_parts.h"
 #include "db_support.h"
 #include "support/softdvb.h"
 
@@ -205,4 +206,22 @@ TEST_F(Timezone, the_database_is_not_left_locked) {
   update(120);
   EXPECT_EQ(db_support::Other_connection(file()).run("UPDATE kanalid SET lcn = 5"), SQLITE_DONE);
   EXPECT_EQ(number("SELECT lcn FROM kanalid"), 5);
+}
+
+// Each would find its source empty, or what it has compiled gone.
+TEST_F(Timezone, adapters_that_set_it_at_the_same_time_all_do) {
+  if (!std::filesystem::exists("/usr/sbin/zic"))
+    GTEST_SKIP() << "no zone compiler";
+  const Multiplex multiplex{Input{Connector{CONN}, Delivery{TYPE}}, FREQ};
+  std::atomic<int> set{0};
+  std::vector<std::thread> adapters;
+  for (int n = 0; n < 4; ++n)
+    adapters.emplace_back([&, n] {
+      for (int i = 0; i < 5; ++i)
+        set += sdbl().parts().zone.update(60 * (3 + n), "EST", 0, multiplex, true) == sdbl::Zone_outcome::SET;
+    });
+  for (std::thread& adapter : adapters)
+    adapter.join();
+  EXPECT_EQ(set, 20);
+  EXPECT_EQ(support::read_file(INSTALLED).substr(0, 4), "TZif");
 }

@@ -425,11 +425,6 @@ class Threads : public testing::TestWithParam<const char*> {
     database_.reset();
     EXPECT_TRUE(support::wait_for([&] { return entries_of("/proc/self/task") == threads; }, PATIENCE));
     before_ = belongings();
-    for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) {
-      char b[400]{};
-      (void)!readlink(e.path().c_str(), b, 399);
-      std::cerr << e.path() << " " << b << "\n";
-    }
     open();
   }
 

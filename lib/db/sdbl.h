@@ -100,7 +100,8 @@ class KELVO_EXPORT Sdbl {
   void flush();
 
   // Makes the scan tables of adapter `n`, 0 to 3, dropping those that are there; clear_temp_tables empties them. When a
-  // statement fails, the other tables are still made or emptied.
+  // statement fails, the other tables are still made or emptied. Worker-only, as what takes a `dvbnr`; before the
+  // worker is started, its creator's.
   void create_temp_tables(int n);
   void clear_temp_tables(int n);
 
@@ -209,8 +210,8 @@ class KELVO_EXPORT Sdbl {
   // changes nothing, nor does a /tmp/zoneinfo that is a link, a source that cannot be written or compiled, or a
   // database that cannot be read. The zone that counts as set already is this process's: TZ, or /etc/localtime, which
   // boxes make a link to /dvbfiles/localtime. (A TZ that names that file is read once by glibc, and the zone then set
-  // again at each call.) Compares whole hours only: negative half-hours, and 12 hours and more east, are set again each
-  // time.
+  // again at each call.) Of threads that set it at the same time, one does after the other. Compares whole hours only:
+  // negative half-hours, and 12 hours and more east, are set again each time.
   void update_system_timezone(int offset_min, const char* zone_name, int zone_nr, DVB_TYPE_ID dvb_type,
                               HF_CONN_ID hf_conn, int freq);
 

@@ -57,12 +57,12 @@ enum : int {
 //     callback. A link, or anything else that is no plain file, is left alone.
 //
 // Threads: create, use and destroy it on the host's threads. Every operation is any-thread and returns at once, but for
-// those that tune (tune_to_freq without a channel, set_tuner) or write (export_channel_db). The latter alone waits, up
-// to two seconds a statement, while another program keeps the database locked; a tuning uses what was stored when it
-// could last be read, and what it finds is stored later. Callbacks and listeners come from the worker (the event
-// callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should return soon.
-// They may make requests, ask for readings and use the database. Do not call set_tuner while a request is under way.
-// docs/threads.md has the whole table.
+// those that tune (tune_to_freq and tune_to without a channel, set_tuner) or write (export_channel_db). The latter
+// alone waits, up to two seconds a statement, while another program keeps the database locked; a tuning uses what was
+// stored when it could last be read, and what it finds is stored later. Callbacks and listeners come from the worker
+// (the event callback from the tuner's monitor): they must not destroy the Kelvo nor disconnect its tuner, and should
+// return soon. They may make requests, ask for readings and use the database. Do not call set_tuner while a request is
+// under way. docs/threads.md has the whole table.
 class KELVO_EXPORT Kelvo {
  public:
   using change_callback_t = void (*)(int code);

@@ -5,7 +5,8 @@
 
 #include "base/thread.h"
 
-// The worker of one Kelvo: runs its scan loop until the Kelvo is destroyed. Created and deleted by Kelvo.
+// The worker of one Kelvo: runs its scan loop until the Kelvo is destroyed. Created and deleted by Kelvo, and as its
+// base class used by one thread, that of the host which creates and destroys the Kelvo.
 class KELVO_EXPORT KelvoMainThread final : public COrbelThreadKelvo {
  public:
   using COrbelThreadKelvo::COrbelThreadKelvo;

@@ -33,7 +33,8 @@ struct SQL_cache;
 // table closes its own filter when it has been read.
 //
 // Kelvo creates one per adapter and deletes it; nothing but systime_valid(), get_eit_stored() and get_eit_progress() is
-// for other threads: everything else is *worker-only*. The one lock guards the copy of the guide's progress.
+// for other threads: everything else is *worker-only*. What those three read are atomic values, and a copy of the
+// guide's progress under a lock.
 //
 // What surprises:
 //   - Versions are looked at for PMTs of known services only (SCAN_PMT); elsewhere a section counts when its

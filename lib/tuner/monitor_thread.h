@@ -6,7 +6,7 @@
 #include "base/thread.h"
 
 // The signal monitor's thread of one Tuner: runs Tuner::tuner_main_thread until the Tuner is destroyed. Created and
-// deleted by Tuner, which is its owner.
+// deleted by Tuner, which is its owner, and as its base class used by one thread: the Tuner's owner.
 class KELVO_EXPORT TunerMonitorThread final : public COrbelThreadKelvo {
  public:
   using COrbelThreadKelvo::COrbelThreadKelvo;

@@ -516,6 +516,20 @@ class Threads : public testing::TestWithParam<const char*> {
            support::Other_connection(file).rows("PRAGMA integrity_check") == support::Texts{"ok"};
   }
 
+  // On a busy machine a lock or the first PAT may come too late, as they do to every host. Nothing else may end it.
+  static bool tunes(Kelvo& kelvo, int freq, Asked* asked) {
+    for (int i = 0; i < 20; ++i) {
+      if (kelvo.tune_to_freq(freq, asked, Life::on_answer) == -1)
+        return true;
+      const int outcome = kelvo.last_tuning().outcome;
+      if (outcome != TUNING_NO_SIGNAL && outcome != TUNING_NO_LOCK && outcome != TUNING_NO_STREAM) {
+        ADD_FAILURE() << "ended as " << outcome;
+        return false;
+      }
+    }
+    return false;
+  }
+
   // The receivers as they were left work, and the files have each thing once.
   void expect_that_all_is_well();
 
@@ -562,9 +576,9 @@ void Threads::expect_that_all_is_well() {
       adapter.kelvo->set_tuner(true);
       adapter.kelvo->set_scan(true);
       Asked* const asked = adapter.life->new_request();
-      EXPECT_EQ(adapter.kelvo->tune_to_freq(freq, asked, Life::on_answer), -1) << n << ", " << freq;
+      EXPECT_TRUE(tunes(*adapter.kelvo, freq, asked)) << n << ", " << freq;
       const auto end = Clock::now() + PATIENCE;
-      while (asked->answers == 0 && Clock::now() < end)
+      while (!HasFailure() && asked->answers == 0 && Clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
       EXPECT_EQ(asked->answers, 1) << n << ", " << freq;
       EXPECT_EQ(asked->result, 0) << n << ", " << freq;

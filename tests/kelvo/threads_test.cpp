@@ -121,9 +121,9 @@ class Life {
   static void on_answer(void* data, int result) {
     auto& asked = *static_cast<Asked*>(data);
     asked.life->from_worker("an answer");
-    if (asked.answers.fetch_add(1, std::memory_order_relaxed) != 0)
+    asked.result = result;
+    if (++asked.answers != 1)
       asked.life->problems_.add("a request was answered twice");
-    asked.result.store(result, std::memory_order_release);
     count(asked.life->tally_.answers);
     asked.life->act();
   }
@@ -147,6 +147,12 @@ class Life {
     if (code == DB_EXPORTED)
       count(tally_.exports);
     act();
+  }
+
+  // So that nothing is asked for by a callback once the test has said so.
+  void stop_acting() {
+    const std::lock_guard lock(acting_lock_);
+    acting_ = false;
   }
 
   // After the destruction.
@@ -232,14 +238,6 @@ class Life {
     }
   }
 
- public:
-  // So that nothing is asked for by a callback once the test has said so.
-  void stop_acting() {
-    const std::lock_guard lock(acting_lock_);
-    acting_ = false;
-  }
-
- private:
   const int adapter_;
   Random random_;
   Problems& problems_;

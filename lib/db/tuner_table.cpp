@@ -4,12 +4,14 @@
 #include "db/tuner_table.h"
 
 #include <linux/dvb/frontend.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "base/log.h"
 #include "db/at_once.h"
+#include "db/transaction.h"
 
 namespace sdbl {
 
@@ -19,6 +21,8 @@ constexpr char TUNER_PARAMS[] = "Fr: %10d Bw: %2d CrH: %2d CrL: %2d Mod: %2d TrM
 constexpr char SELECT_PARAMS[] =
     "SELECT tuner_params from tuner_table where freq = $freq AND dvb_type = $type AND hf_conn = $hf_con";
 constexpr int NOTHING_READ = 1;
+constexpr char STORING[] = "terrestrial_tuner_info";
+constexpr int LOOK_PAUSE_MS = 20;
 
 // Line numbers that the messages about a failing reset have always carried.
 constexpr int LINE_INSERTED = 1954;
@@ -49,6 +53,26 @@ void store(Field* field, int value) {
   static_assert(sizeof(Field) == sizeof value);
   std::memcpy(field, &value, sizeof value);
 }
+
+bool is_busy_code(int code) {
+  return (code & 0xFF) == SQLITE_BUSY;
+}
+
+// REQUIRES: the connection's mutex.
+class Without_waiting {
+ public:
+  explicit Without_waiting(sqlite3* conn) : conn_(conn) { wait_for(0); }
+  ~Without_waiting() { wait_for(SQL_TIMEOUT_MS); }
+  Without_waiting(const Without_waiting&) = delete;
+  Without_waiting& operator=(const Without_waiting&) = delete;
+
+ private:
+  void wait_for(int ms) {
+    if (conn_ != nullptr)
+      (void)sqlite3_busy_timeout(conn_, ms);
+  }
+  sqlite3* const conn_;
+};
 
 // Fills as many fields as the line has numbers.
 void fill_from_line(const char* line, dvb_frontend_parameters* out) {
@@ -95,31 +119,125 @@ int Tuner_table::terrestrial_tuner_info(const Multiplex& multiplex, const Terres
                       parameters.hierarchy & HIERARCHY_BITS);
   KLOG(VERB_WARNING, "WARNING: Dvb parameters %s\n", line);
 
+  wait_for_others(multiplex);
+  const bool busy = is_busy_code(look_and_store(multiplex, line));
+  {
+    const std::lock_guard<Mutex> lines_lock(lock_);
+    others_hold_it_ = busy;
+    if (busy)
+      unsaved_[{multiplex.freq, type, connector}] = line;
+  }
+  if (!busy)
+    save_at_once();
+  return 0;
+}
+
+void Tuner_table::wait_for_others(const Multiplex& multiplex) {
+  {
+    const std::lock_guard<Mutex> lines_lock(lock_);
+    if (others_hold_it_)
+      return;
+  }
+  for (int waited = 0; waited < SQL_TIMEOUT_MS && is_locked(multiplex); waited += LOOK_PAUSE_MS)
+    (void)usleep(LOOK_PAUSE_MS * 1000);  // a shorter pause is as good
+}
+
+// To read, or to write a line that is not there yet. Prints and remembers nothing.
+bool Tuner_table::is_locked(const Multiplex& multiplex) {
+  Db_lock lock(connection_);
+  int rc = SQLITE_MISUSE;
+  {
+    const Without_waiting at_once(connection_.get());
+    sqlite3_stmt* line = nullptr;
+    // The line that is looked for, or the one that an insertion would meet.
+    if (connection_.get() != nullptr)
+      rc = sqlite3_prepare_v2(connection_.get(),
+                              "SELECT 1 FROM tuner_table WHERE freq = ?1 AND (dvb_type = ?2 AND hf_conn = ?3 OR "
+                              "dvb_type = ?3 AND hf_conn = ?2)",
+                              -1, &line, nullptr);
+    if (rc == SQLITE_OK) {
+      int parameter = 0;
+      for (const int value : {multiplex.freq, number(multiplex.input.connector), number(multiplex.input.delivery)})
+        (void)sqlite3_bind_int(line, ++parameter, value);  // there are three
+      rc = sqlite3_step(line);
+    }
+    (void)sqlite3_finalize(line);  // repeats the step's code
+  }
+  if (rc != SQLITE_DONE)
+    return is_busy_code(rc);
+  return Transaction(connection_, Db_file::CHANNELS, {.waits = false}).busy();
+}
+
+int Tuner_table::look_and_store(const Multiplex& multiplex, const std::string& line) {
+  const int type = number(multiplex.input.delivery);
+  const int connector = number(multiplex.input.connector);
   Db_lock lock(connection_);  // so that nothing is stored between the question and the answer
+  const Without_waiting at_once(connection_.get());
   // Deliberate: connector and type are exchanged, here and in fill_frontend_control().
-  Rows stored(statements_, __func__, 0, SELECT_PARAMS, multiplex.freq, connector, type);
+  Rows stored(statements_, STORING, 0, SELECT_PARAMS, multiplex.freq, connector, type);
   if (stored.next()) {
-    if (std::strcmp(stored.text(0), line) != 0) {
+    if (stored.text(0) != line) {
       KLOG(VERB_WARNING, "WARNING: Updating parameters for dvb-t tuner\n");
       // Deliberate: the arguments are one place off, so no line is ever updated.
-      statements_.try_run(__func__, 0,
+      statements_.try_run(STORING, 0,
                           "UPDATE tuner_table SET tuner_params = @dvbt_param where freq = $freq AND dvb_type = $type "
                           "AND hf_conn = $hf_con ",
                           line, type, connector, 0);  // a failure is printed there
     }
-    stored.end({__func__, LINE_UPDATED});
-  } else if (stored.code() == SQLITE_DONE) {
-    statements_.try_run(__func__, 0,
-                        "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, $dvb_type, "
-                        "$hf_conn, @tuner_params) ",
-                        multiplex.freq, type, connector, line);  // a failure is printed there
-    remember({multiplex.freq, type, connector}, line);
-    stored.end({__func__, LINE_INSERTED});
-  } else {
+    stored.end({STORING, LINE_UPDATED});
+    return SQLITE_OK;  // nothing of it waits to be stored
+  }
+  const int looked = stored.code();
+  if (looked != SQLITE_DONE) {
     KLOG(VERB_WARNING, "WARNING: failed to access tuner_table\n");
     stored.leave();
+    return looked;
   }
-  return 0;
+  const Run run = statements_.try_run(STORING, 0,
+                                      "INSERT into tuner_table (freq, dvb_type,hf_conn, tuner_params) VALUES ( $freq, "
+                                      "$dvb_type, $hf_conn, @tuner_params) ",
+                                      multiplex.freq, type, connector, line);  // a failure is printed there
+  if (!is_busy_code(run.code))
+    remember({multiplex.freq, type, connector}, line);
+  stored.end({STORING, LINE_INSERTED});
+  return run.code;
+}
+
+void Tuner_table::save_at_once() {
+  std::map<Key, std::string> waiting;
+  {
+    const std::lock_guard<Mutex> lines_lock(lock_);
+    waiting = unsaved_;
+  }
+  for (const auto& [key, line] : waiting) {
+    if (!write_at_once(key, line))
+      return;
+    const std::lock_guard<Mutex> lines_lock(lock_);
+    others_hold_it_ = false;
+    lines_.try_emplace(key, line);
+    // Another one may have come meanwhile.
+    if (const auto written = unsaved_.find(key); written != unsaved_.end() && written->second == line)
+      unsaved_.erase(written);
+  }
+}
+
+// Silently while the file is locked, which has been printed. A line that has come meanwhile stays, as there.
+bool Tuner_table::write_at_once(const Key& key, const std::string& line) {
+  At_once now(connection_);
+  sqlite3* const conn = connection_.get();
+  if (!now.has_connection() || conn == nullptr)
+    return false;
+  const auto [freq, type, connector] = key;
+  char* const insert = sqlite3_mprintf(
+      "INSERT OR IGNORE INTO tuner_table (freq, dvb_type, hf_conn, tuner_params) VALUES (%d, %d, %d, %Q)", freq, type,
+      connector, line.c_str());
+  const int rc = insert != nullptr ? sqlite3_exec(conn, insert, nullptr, nullptr, nullptr) : SQLITE_NOMEM;
+  sqlite3_free(insert);
+  if (is_busy_code(rc))
+    return false;
+  if (rc != SQLITE_OK)
+    KLOG(VERB_WARNING, "WARNING: The tuner's parameters for %d Hz are not stored: %s\n", freq, sqlite3_errstr(rc));
+  return true;
 }
 
 int Tuner_table::fill_frontend_control(const Multiplex& multiplex, dvb_frontend_parameters* out) {
@@ -145,17 +263,21 @@ Tuner_table::Key Tuner_table::key_asked(const Multiplex& multiplex) {
 
 int Tuner_table::fill_at_once(const Multiplex& multiplex, dvb_frontend_parameters* out) {
   At_once now(connection_);
-  if (now.can_read()) {
+  const bool reads = now.can_read();
+  if (reads) {
     read_all();
-    return fill_frontend_control(multiplex, out);
+    if (const int filled = fill_frontend_control(multiplex, out); filled != 0)
+      return filled;
   }
   const std::lock_guard<Mutex> lock(lock_);
-  const auto line = lines_.find(key_asked(multiplex));
-  if (line != lines_.end()) {
-    fill_from_line(line->second.c_str(), out);
-    return 1;
+  for (const auto* known : {&lines_, &unsaved_}) {
+    const auto line = known->find(key_asked(multiplex));
+    if (line != known->end()) {
+      fill_from_line(line->second.c_str(), out);
+      return 1;
+    }
   }
-  if (all_read_)
+  if (reads || all_read_)
     return 0;
   KLOG(VERB_WARNING, "WARNING: Failed to get tuner data\n");
   return NOTHING_READ;

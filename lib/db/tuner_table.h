@@ -30,15 +30,20 @@ struct Terrestrial_parameters {
 // contracts. Any-thread.
 class Tuner_table {
  public:
-  Tuner_table(const Connection& connection, const Statements& statements)
+  Tuner_table(Connection& connection, const Statements& statements)
       : connection_(connection), statements_(statements) {}
 
+  // What another program's lock keeps out is printed, kept and stored by save_at_once(). The program is waited for up
+  // to the busy time-out, without the connection's mutex, and not again before it has let go.
   int terrestrial_tuner_info(const Multiplex& multiplex, const Terrestrial_parameters& parameters);
   int fill_frontend_control(const Multiplex& multiplex, dvb_frontend_parameters* out);
 
   // The same for threads that must not wait. While other statements or programs keep the table, what was read or
-  // written last counts; it fails, as there, only when that was never possible.
+  // written last counts, and what waits to be written; it fails, as there, only when that was never possible.
   int fill_at_once(const Multiplex& multiplex, dvb_frontend_parameters* out);
+
+  // Stores what was kept, unless it would have to wait; to be called now and then.
+  void save_at_once();
 
   // Reads the whole table for fill_at_once(), unless it would have to wait. Prints nothing.
   void remember();
@@ -48,13 +53,21 @@ class Tuner_table {
   static Key key_asked(const Multiplex& multiplex);
   void remember(const Key& key, const std::string& line);
   void read_all();
+  void wait_for_others(const Multiplex& multiplex);
+  bool is_locked(const Multiplex& multiplex);
+  // The code of the last step.
+  int look_and_store(const Multiplex& multiplex, const std::string& line);
+  // True when it is written, or never will be, which is printed.
+  bool write_at_once(const Key& key, const std::string& line);
 
-  const Connection& connection_;
+  Connection& connection_;
   const Statements& statements_;
 
   Mutex lock_{Lock_rank::DATABASE_LEAF, "tuner lines as read last"};  // guards the following; a leaf
   bool all_read_ = false;
   std::map<Key, std::string> lines_;
+  std::map<Key, std::string> unsaved_;
+  bool others_hold_it_ = false;  // the last time that somebody looked
 };
 
 }  // namespace sdbl

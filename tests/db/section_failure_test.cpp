@@ -229,3 +229,55 @@ TEST_F(Section_failures, a_purge_that_is_stopped_leaves_every_event_with_its_tex
   EXPECT_GT(stops, 3);
   EXPECT_EQ(events_and_texts(), "0 0");
 }
+
+// A reader, too: a line that is not there yet has to be written.
+TEST_F(Section_failures, a_locked_channel_file_costs_a_nit_s_lines_one_wait_and_they_are_stored_later) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"BEGIN EXCLUSIVE", "SELECT 1"}, {"BEGIN IMMEDIATE", "SELECT 1"}, {"BEGIN", "SELECT * FROM kanalid"}};
+  int freq = FREQ;
+  size_t stored = 0;
+  for (const auto& [begin, then] : cases) {
+    SCOPED_TRACE(begin);
+    const auto line = [&] { return db.terrestrial_tuner_info(TYPE, CONN, freq++, 0, 2, 0, 2, 2, 0, 1); };
+    {
+      const Other_program other(file(), begin, then);
+      system_calls::record();
+      EXPECT_NE(messages_at(1, line), "") << "it is said";
+      EXPECT_EQ(system_calls::waited_us(), ONE_WAIT_US);
+      (void)messages_at(-1, line);
+      (void)messages_at(-1, line);
+      EXPECT_EQ(system_calls::waited_us(), ONE_WAIT_US) << "who still holds it is not waited for again";
+      Database_error error;
+      EXPECT_TRUE(db.first_error(&error));
+      EXPECT_EQ(error.code, SQLITE_BUSY);
+      EXPECT_STREQ(error.operation, "terrestrial_tuner_info");
+      db.forget_errors();
+    }
+    EXPECT_EQ(rows("SELECT * FROM tuner_table").size(), stored);
+    (void)messages_at(-1, line);
+    stored += 4;
+    EXPECT_EQ(rows("SELECT DISTINCT tuner_params FROM tuner_table").size(), stored)
+        << "the one that came, and those before";
+    EXPECT_EQ(system_calls::waited_us(), ONE_WAIT_US);
+  }
+  EXPECT_EQ(rows("PRAGMA main.integrity_check"), Texts{"ok"});
+}
+
+TEST_F(Section_failures, a_nit_s_line_is_stored_as_soon_as_the_lock_goes_and_others_go_on_until_then) {
+  std::optional<Other_program> other;
+  other.emplace(file(), "BEGIN EXCLUSIVE", "SELECT 1");
+  std::atomic<bool> begun{false};
+  bool done_meanwhile = false;
+  system_calls::on_wait([&] {
+    if (begun.exchange(true))
+      return;
+    auto work = std::async(std::launch::async, [&] { return rows("SELECT count(*) FROM epg_db.epglist"); });
+    done_meanwhile = work.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    other.reset();
+  });
+  EXPECT_EQ(messages_at(0, [&] { db.terrestrial_tuner_info(TYPE, CONN, FREQ, 0, 2, 0, 2, 2, 0, 1); }), "");
+  EXPECT_TRUE(done_meanwhile);
+  EXPECT_EQ(number("SELECT count(*) FROM tuner_table"), 1);
+  Database_error error;
+  EXPECT_FALSE(db.first_error(&error));
+}

@@ -211,3 +211,25 @@ TEST_P(Busy_database, keeps_what_a_tuning_found_until_it_can_be_stored) {
   else
     EXPECT_EQ(number_of("SELECT count(*) FROM sqlite_master WHERE name = 'tuned_multiplex'"), 0);
 }
+
+// A reader that stays in the file.
+TEST_P(Busy_database, keeps_what_a_network_says_of_its_multiplex_until_it_can_be_stored) {
+  const support::Other_connection other(folder_.file("dvb.db"));
+  ASSERT_EQ(other.run("BEGIN"), SQLITE_DONE);
+  EXPECT_EQ(other.rows("SELECT count(*) FROM kanalid"), (support::Texts{"0"}));
+  EXPECT_EQ(request("a"), -1);
+  Database_error error;
+  const auto line_was_refused = [&] {
+    const bool refused = database_->first_error(&error) && std::string(error.operation) == "terrestrial_tuner_info";
+    if (!refused)
+      database_->forget_errors();  // of the tables before
+    return refused;
+  };
+  for (int i = 0; i < 3000 && !line_was_refused(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(error.code, SQLITE_BUSY);
+  EXPECT_EQ(number_of("SELECT count(*) FROM tuner_table"), 0);
+  ASSERT_EQ(other.run("COMMIT"), SQLITE_DONE);
+  EXPECT_TRUE(protocol_.wait_for("done a 0"));
+  EXPECT_TRUE(wait_for_sql("SELECT count(*) FROM tuner_table WHERE freq = 506000000"));
+}

@@ -34,12 +34,13 @@ const char* parameter_name(sqlite3_stmt* stmt, int index) {
   return name != nullptr ? name : "";
 }
 
-int bind_text(sqlite3_stmt* stmt, int index, const char* text, const char* sql) {
+int bind_text(sqlite3_stmt* stmt, int index, const char* text, const char* sql, Text_lifetime lifetime) {
   if (text == nullptr)
     text = "";
   const size_t length = std::strlen(text);
   if (length >= SHORTEST_TEXT)
-    return sqlite3_bind_text(stmt, index, text, static_cast<int>(length), SQLITE_TRANSIENT);
+    return sqlite3_bind_text(stmt, index, text, static_cast<int>(length),
+                             lifetime == Text_lifetime::UNTIL_RESET ? SQLITE_STATIC : SQLITE_TRANSIENT);
   // Deliberate: texts under three bytes are bound as "".
   KLOG(VERB_TRACE, "Input string length <3 (%d) for arg index %d  name %s. Replacing with epty string %s \n%s\n",
        static_cast<int>(length), index, parameter_name(stmt, index), text, sql);
@@ -103,9 +104,9 @@ SQL_query* Statement_cache::usable(const char* operation, int instance, const ch
 }
 
 sqlite3_stmt* Statement_cache::bind(const char* operation, int instance, const char* sql,
-                                    std::span<const Argument> values) {
+                                    std::span<const Argument> values, Text_lifetime lifetime) {
   const SQL_query* query = usable(operation, instance, sql);
-  return query != nullptr ? bind_query(*query, instance, sql, values) : nullptr;
+  return query != nullptr ? bind_query(*query, instance, sql, values, lifetime) : nullptr;
 }
 
 sqlite3_stmt* Statement_cache::bind_v(const char* operation, int instance, const char* sql, va_list arguments) {
@@ -120,11 +121,11 @@ sqlite3_stmt* Statement_cache::bind_v(const char* operation, int instance, const
     else
       values.emplace_back(va_arg(arguments, const char*));
   }
-  return bind_query(*query, instance, sql, values);
+  return bind_query(*query, instance, sql, values, Text_lifetime::UNTIL_BOUND);
 }
 
 sqlite3_stmt* Statement_cache::bind_query(const SQL_query& query, int instance, const char* sql,
-                                          std::span<const Argument> values) {
+                                          std::span<const Argument> values, Text_lifetime lifetime) {
   sqlite3_stmt* stmt = query.stmt[instance];
   KLOG(VERB_TRACE, "cache run for command %s\n", sql);
   int rc = sqlite3_reset(stmt);
@@ -138,7 +139,7 @@ sqlite3_stmt* Statement_cache::bind_query(const SQL_query& query, int instance, 
       KLOG(VERB_TRACE, "int%d: %d ", index - 1, value.number);
       rc = sqlite3_bind_int(stmt, index, value.number);
     } else {
-      rc = bind_text(stmt, index, value.text, sql);
+      rc = bind_text(stmt, index, value.text, sql, lifetime);
     }
     if (rc != SQLITE_OK) {
       KLOG(VERB_ERROR, "ERROR: Cannot bind arg nr %d type %d to %s, sql errmsg %s\n", index,

@@ -24,7 +24,10 @@ inline constexpr int32_t PARAM_TEXT = 2;  // @name
 // The statement with the adapter's digit for the word DVBNR.
 std::string statement_of_instance(const std::string& sql, int instance);
 
-// The value of one parameter. A text must live until the statement is bound.
+// How long the texts of a statement live. What stays until the statement is reset is not copied.
+enum class Text_lifetime { UNTIL_BOUND, UNTIL_RESET };
+
+// The value of one parameter. A text must live until the statement is bound, at least.
 struct Argument {
   explicit Argument(int value) : kind(PARAM_INT), number(value) {}
   explicit Argument(const char* value) : kind(PARAM_TEXT), text(value) {}
@@ -50,7 +53,8 @@ class Statement_cache {
 
   // Finds, resets and binds a statement; null, printed, when that fails. REQUIRES: the connection's mutex; one value
   // for each parameter, of its kind.
-  sqlite3_stmt* bind(const char* operation, int instance, const char* sql, std::span<const Argument> values);
+  sqlite3_stmt* bind(const char* operation, int instance, const char* sql, std::span<const Argument> values,
+                     Text_lifetime lifetime = Text_lifetime::UNTIL_BOUND);
   sqlite3_stmt* bind_v(const char* operation, int instance, const char* sql, va_list arguments);
 
   // Executes a bound statement once and resets it. The step's code; failures are printed. REQUIRES: the connection's
@@ -66,7 +70,8 @@ class Statement_cache {
 
  private:
   SQL_query* usable(const char* operation, int instance, const char* sql);
-  sqlite3_stmt* bind_query(const SQL_query& query, int instance, const char* sql, std::span<const Argument> values);
+  sqlite3_stmt* bind_query(const SQL_query& query, int instance, const char* sql, std::span<const Argument> values,
+                           Text_lifetime lifetime);
 
   const Connection& connection_;
   Errors& errors_;

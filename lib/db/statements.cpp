@@ -20,7 +20,7 @@ Run Statements::figures(int code) const {
 Run Statements::execute(Operation operation, int instance, const char* sql,
                         std::initializer_list<Argument> values) const {
   Db_lock lock(connection_);
-  sqlite3_stmt* stmt = cache_.bind(operation.name, instance, sql, values);
+  sqlite3_stmt* stmt = cache_.bind(operation.name, instance, sql, values, Text_lifetime::UNTIL_RESET);
   if (stmt == nullptr)
     return Run{1, 0, 0, SQLITE_ERROR, false};
   return figures(cache_.run(operation.name, stmt, sql));
@@ -29,7 +29,7 @@ Run Statements::execute(Operation operation, int instance, const char* sql,
 Run Statements::execute_silently(Operation operation, int instance, const char* sql,
                                  std::initializer_list<Argument> values) const {
   Db_lock lock(connection_);
-  sqlite3_stmt* stmt = cache_.bind(operation.name, instance, sql, values);
+  sqlite3_stmt* stmt = cache_.bind(operation.name, instance, sql, values, Text_lifetime::UNTIL_RESET);
   if (stmt == nullptr)
     return Run{1, 0, 0, SQLITE_ERROR, false};
   const int step = sqlite3_step(stmt);

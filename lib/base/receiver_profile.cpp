@@ -21,6 +21,7 @@ Receiver_profile Receiver_profile::any_linux() {
   profile.repeat_lost = true;
   profile.whole_nit = true;
   profile.watch_device = true;
+  profile.set_filters_again = true;
   profile.texts = Texts::STANDARD;
   profile.whole_tables = true;
   profile.pmt_turns = true;

@@ -96,6 +96,10 @@ struct KELVO_EXPORT Receiver_profile {
   // True: a device that has gone ends the scan, and is opened again when it is back. any_linux: true.
   bool watch_device = false;
 
+  // True: a section filter that the demultiplexer refuses to set or to start is set again after a moment, up to ten
+  // times. any_linux: true.
+  bool set_filters_again = false;
+
   // --- Reading -----------------------------------------------------------------------------------------------------
 
   // How texts become UTF-8.

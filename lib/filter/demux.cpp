@@ -105,9 +105,9 @@ bool Demux::close(dvb_filter_desc& f) {
   return closed;
 }
 
-void Demux::program(const dvb_filter_desc& f) {
+bool Demux::program(const dvb_filter_desc& f) {
   if (gone_)
-    return;
+    return true;
   KLOG(VERB_TRACE, "setting HW for filter pid %d, fdes %d\n", f.pid, f.fd);
   dmx_sct_filter_params params{};
   params.pid = static_cast<__u16>(f.pid);
@@ -117,14 +117,20 @@ void Demux::program(const dvb_filter_desc& f) {
                  ((f.flags & FILTER_FLAG_ONESHOT) != 0 ? DMX_ONESHOT : 0u);
   KLOG(VERB_TRACE, "Filter TID is %x", static_cast<unsigned>(f.filter[0]));
   ++programmed_;
+  bool programmed = true;
   if (control(f.fd, DMX_SET_FILTER, &params) < 0) {
-    if (is_loss(errno))
+    if (is_loss(errno)) {
       note_gone(std::strerror(errno));
-    else
+    } else {
       KLOG(VERB_ERROR, "ERROR: ioctl DMX_SET_FILTER failed");
+      programmed = false;
+    }
   }
-  if (!start(f))
+  if (!start(f)) {
     KLOG(VERB_ERROR, "ERROR: ioctl DMX_START FILTER failed");
+    programmed = false;
+  }
+  return programmed;
 }
 
 bool Demux::start(const dvb_filter_desc& f) {

@@ -45,9 +45,9 @@ class Demux {
   // `f` has lost it all the same.
   bool close(dvb_filter_desc& f);
 
-  // Gives the device PID, bytes, mask and flags of `f` and starts it. A failure of either step does not keep the other
-  // from being tried.
-  void program(const dvb_filter_desc& f);
+  // Gives the device PID, bytes, mask and flags of `f` and starts it. False when either step failed, which does not
+  // keep the other from being tried.
+  bool program(const dvb_filter_desc& f);
 
   // Starts what is programmed on the handle of `f` once more; false, with errno and no message, when that failed.
   bool start(const dvb_filter_desc& f);

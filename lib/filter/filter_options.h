@@ -22,4 +22,8 @@ struct Filter_options {
   // Both in milliseconds.
   int pmt_turn_ms = 0;
   int pmt_patience_ms = 0;
+
+  // How often a filter that the device refuses to set or to start is set again, with a pause in between, before it
+  // counts as running all the same.
+  int set_again = 0;
 };

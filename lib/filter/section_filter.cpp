@@ -198,6 +198,7 @@ void Section_filter::Parts::free_slot(dvb_filter_desc* f) {
     (void)demux_.unwatch(f->fd);  // a wait that is over may have found data on it
   }
   activity_.ended(f);
+  refusals_.erase(f);
   if (turns_.on()) {
     if (f->captured > 0 && Filter_turns::has_turns(f))
       turns_.note_sign_of_life(monotonic_ms());

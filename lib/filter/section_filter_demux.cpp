@@ -17,6 +17,8 @@ namespace {
 // Above the PIDs that the standards reserve, and one more.
 constexpr int FIRST_RESTARTED_PID = pid::LAST_RESERVED + 2;
 
+constexpr int SET_AGAIN_PAUSE_MS = 100;
+
 }  // namespace
 
 bool Section_filter::Parts::open(dvb_filter_desc* f) {
@@ -33,8 +35,32 @@ bool Section_filter::Parts::open(dvb_filter_desc* f) {
   return false;
 }
 
+bool Section_filter::Parts::set(const dvb_filter_desc* f) {
+  if (!demux_.program(*f) && demux_.options().set_again > 0) {
+    Refusal& refusal = refusals_[f];
+    refusal.again_ms = monotonic_ms() + SET_AGAIN_PAUSE_MS;
+    if (++refusal.times <= demux_.options().set_again)
+      return false;
+  }
+  refusals_.erase(f);
+  return true;
+}
+
+bool Section_filter::Parts::is_set_later(const dvb_filter_desc* f, int64_t now_ms) const {
+  const auto refusal = refusals_.find(f);
+  return refusal != refusals_.end() && now_ms < refusal->second.again_ms;
+}
+
+int Section_filter::Parts::ms_until_set_again(int timeout_ms) const {
+  int64_t left_ms = timeout_ms;
+  for (const auto& [filter, refusal] : refusals_)
+    left_ms = std::min(left_ms, std::max(refusal.again_ms - monotonic_ms(), int64_t{0}));
+  return static_cast<int>(left_ms);
+}
+
 void Section_filter::Parts::run(dvb_filter_desc* f) {
-  demux_.program(*f);
+  if (!set(f))
+    return;
   // Disarmed, then armed anew: each step says when it fails.
   for (const int seconds : {0, f->timeout_s}) {
     if (polled_timer::arm(f->timer, seconds, 0) < 0)
@@ -109,6 +135,7 @@ void Section_filter::Parts::close_handles() {
       f->state = FILTER_WANTED;
     f->open_retries = 0;
   }
+  refusals_.clear();
   demux_.unwatch_all();
   counts_.max_fd = 0;
 }
@@ -145,8 +172,9 @@ int Section_filter::recalculate_filters() {
         KLOG(VERB_ERROR, "ERROR: Filter demux close failed\n");
     }
   }
+  const int64_t now_ms = monotonic_ms();
   for (dvb_filter_desc* f : parts_->slots_) {
-    if (f->state != FILTER_WANTED)
+    if (f->state != FILTER_WANTED || parts_->is_set_later(f, now_ms))
       continue;
     // The limit is one of opening: a slot that has its handle runs in any case.
     if (f->fd == -1 && (demux.nr_opened() >= MAX_OPEN_DEMUX || !parts_->open(f)))

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <vector>
 
 #include "base/mutex.h"
@@ -97,7 +98,12 @@ class Section_filter::Parts {
   template <typename Matches, typename Announce>
   int free_slots(Matches matches, Announce announce);
   bool open(dvb_filter_desc* f);
+  // One that is refused stays wanted for as long as it is set again.
   void run(dvb_filter_desc* f);
+  bool set(const dvb_filter_desc* f);
+  bool is_set_later(const dvb_filter_desc* f, int64_t now_ms) const;
+  // Of a wait for data, at most `timeout_ms`.
+  int ms_until_set_again(int timeout_ms) const;
   void give_up_hopeless();
   // Hands the handles of filters whose turn is over to those that have none.
   void take_turns();
@@ -128,6 +134,11 @@ class Section_filter::Parts {
   Counts counts_;
   int dropped_ = 0;
   Filter_turns turns_;
-  std::vector<int> given_up_;  // PIDs
-  std::vector<Loss> losses_;   // by PID
+  struct Refusal {
+    int times = 0;
+    int64_t again_ms = 0;  // of monotonic_ms(), when it is set again
+  };
+  std::map<const dvb_filter_desc*, Refusal> refusals_;  // of filters that are set again
+  std::vector<int> given_up_;                           // PIDs
+  std::vector<Loss> losses_;                            // by PID
 };

@@ -84,6 +84,7 @@ int Section_filter::wait_for_data(int timeout_ms) {
     }
     ready = parts_->demux_.read_set();
     highest = parts_->counts_.max_fd;
+    timeout_ms = parts_->ms_until_set_again(timeout_ms);
     pause_ms = std::min(parts_->demux_.pause_ms(), timeout_ms);
   }
   if (wakes && pause_ms > 0 && readable_within(wake_handle, pause_ms)) {

@@ -52,12 +52,14 @@ constexpr float NO_TUNER_BER = 0.1F;
 // Networks send each PMT at least twice a second; TR 101 290 calls more an error.
 constexpr int PMT_TURN_MS = 1000;
 constexpr int PMT_PATIENCE_MS = 5000;
+constexpr int SET_FILTERS_AGAIN = 10;
 
 Filter_options filter_options(const Receiver_profile& profile) {
   Filter_options options;
   options.buffer_bytes = profile.demux_buffer;
   options.watch_device = profile.watch_device;
   options.check_crc = profile.repeat_lost;
+  options.set_again = profile.set_filters_again ? SET_FILTERS_AGAIN : 0;
   if (profile.pmt_turns) {
     options.pmt_turn_ms = PMT_TURN_MS;
     options.pmt_patience_ms = PMT_PATIENCE_MS;

@@ -44,6 +44,12 @@ class Options_softdvb {
     return all.empty() ? std::pair(0, 0) : std::pair(all[0].overflows, all[0].crc_errors);
   }
   bool gone() const { return filter_.parts().device_gone(); }
+  // A pass of who waits for sections.
+  std::string pass() {
+    filter_.recalculate_filters();
+    (void)filter_.wait_for_data(150);
+    return slots(filter_);
+  }
   void device_is_back() {
     filter_.parts().close_all();
     filter_.recalculate_filters();
@@ -88,6 +94,45 @@ TEST(Filter_options_softdvb, a_device_without_a_node_has_gone_and_is_opened_when
   filter.on_air(pmt(2));
   EXPECT_EQ(filter.read_all(), 1);
   EXPECT_FALSE(filter.gone());
+}
+
+TEST(Filter_options_softdvb, a_filter_that_is_refused_once_is_set_again_where_it_is_wanted) {
+  for (const char* call : {"DMX_SET_FILTER", "DMX_START"}) {
+    for (const int times : {0, 1}) {
+      SCOPED_TRACE(call + std::string(" ") + std::to_string(times));
+      support::softdvb_control(std::string("fault ") + call + " = EBUSY*1");
+      Options_softdvb filter({.set_again = times});
+      const auto begin = std::chrono::steady_clock::now();
+      std::string list = filter.pass();
+      for (int i = 0; i < times * 50 && list != "running 100:2"; ++i)
+        list = filter.pass();
+      EXPECT_EQ(list, "running 100:2");
+      EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(times * 100));
+      filter.on_air(pmt(1));
+      EXPECT_EQ(filter.read_all(), times);
+    }
+  }
+}
+
+TEST(Filter_options_softdvb, a_filter_that_is_refused_for_ever_is_set_again_as_often_as_is_said) {
+  Options_softdvb good({.set_again = 2});
+  support::softdvb_control("fault DMX_START = EBUSY");
+  std::string list;
+  const std::string messages = messages_at(0, [&] {
+    Section_filter filter("/dev/dvb/adapter0/demux0");
+    filter.parts().configure({.set_again = 2});
+    filter.addfilter(PID, table::PMT, FREQ);
+    for (int i = 0; i < 5; ++i) {
+      filter.recalculate_filters();
+      (void)filter.wait_for_data(150);
+      list += slots(filter) + "; ";
+    }
+  });
+  support::softdvb_control("clear faults");
+  EXPECT_EQ(support::count_of(messages, "ERROR: ioctl DMX_START FILTER failed"), 3U);
+  EXPECT_TRUE(list.ends_with("running 100:2; running 100:2; ")) << list;
+  good.on_air(pmt(1));
+  EXPECT_EQ(good.read_all(), 1) << "which were set before";
 }
 
 }  // namespace

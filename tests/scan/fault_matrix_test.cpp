@@ -529,6 +529,23 @@ TEST_P(Fault_matrix, loses_nothing_and_leaves_a_receiver_that_works) {
   }
 }
 
+// The first filters of a scan: of the box it then sees nothing.
+TEST_P(Fault_matrix, filters_that_are_refused_once_are_set_again_where_the_profile_says_so) {
+  for (const char* call : {"DMX_SET_FILTER", "DMX_START"}) {
+    SCOPED_TRACE(call);
+    begin_with_good();
+    with_host([&](Host& host) {
+      host.connect();
+      support::softdvb_control(std::string("fault ") + call + " = EBUSY*3");
+      EXPECT_EQ(host.scan(), "");
+      EXPECT_EQ(host.answer(), profile_.set_filters_again ? "0" : "-1");
+      EXPECT_EQ(host.outcome(), profile_.set_filters_again ? "complete" : "no stream");
+      support::softdvb_control("clear faults");
+      EXPECT_TRUE(finds_everything(host));
+    });
+  }
+}
+
 // --- Disk ------------------------------------------------------------------------------------------------------------
 
 namespace {

@@ -21,6 +21,7 @@ constexpr int SHORTEST_SECTION = 8;
 constexpr int HEADER_LENGTH = 3;  // up to section_length, which counts the bytes after itself
 constexpr int TDT_SECTION_LENGTH = 5;
 constexpr unsigned CRC_START = 0xFFFFFFFF;
+constexpr int FAILED_WAIT_MS = 100;
 
 // A TDT has no CRC.
 bool is_tdt(int pid, unsigned tid, int section_length) {
@@ -96,8 +97,13 @@ int Section_filter::wait_for_data(int timeout_ms) {
     highest = std::max(highest, wake_handle);
   }
   int count = wait_for(highest, &ready, timeout_ms);
-  if (count < 0)
+  if (count < 0) {
+    // Who waits in a loop would not wait at all.
+    const int error = errno;
+    (void)usleep(static_cast<useconds_t>(std::min(FAILED_WAIT_MS, timeout_ms)) * 1000);  // a shorter pause is as good
+    errno = error;
     return count;
+  }
   if (wakes && FD_ISSET(wake_handle, &ready)) {
     --count;  // a wake-up is no data
     parts_->wake_up_.take();

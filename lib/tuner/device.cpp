@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include "base/log.h"
 #include "base/monotonic.h"
@@ -202,8 +203,11 @@ Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
     ready = poll(entries, 2, static_cast<int>(left));
   if (ready < 0 && errno == EINTR)
     return Waited::ENOUGH;
+  const bool failed_before = std::exchange(wait_fails_, ready < 0);
   if (ready < 0) {
     kelvo_log::print_errno("Lock poll thread: ");
+    if (failed_before)
+      return Waited::GONE;
   } else if ((entries[0].revents & POLLIN) != 0) {
     dvb_frontend_event event{};  // only ends the wait
     if (control(FE_GET_EVENT, &event) < 0)

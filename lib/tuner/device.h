@@ -68,7 +68,7 @@ class Device {
   bool cure_missing_core();
 
   // Waits until the device reports an event, `wake_up` wakes, or the time is over. An event is taken and thrown away.
-  // GONE means that the device lets no poll wait any more.
+  // GONE means that no poll waits any more: of a device that has gone, or because it fails time after time. One thread.
   enum class Waited { ENOUGH, GONE };
   Waited wait_for_event(const Wake_up& wake_up, int timeout_ms);
 
@@ -87,6 +87,7 @@ class Device {
   std::atomic<bool> gone_{false};
   std::atomic<bool> core_answers_{false};  // a reading, since the opening
   std::atomic<bool> core_cured_{false};    // and no reading was answered since
+  bool wait_fails_ = false;                // of the thread that waits for events
 
   mutable Mutex lock_{Lock_rank::ALONE, "device"};  // guards the following for moments; a leaf
   std::condition_variable_any use_ended_;

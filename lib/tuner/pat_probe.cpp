@@ -58,6 +58,8 @@ Pat_probe::Answer Pat_probe::wait(int timeout_ms, const Turn& turn) const {
   while (!turn.over()) {
     pollfd entry{demux.fd(), POLLIN, 0};
     const int ready = poll(&entry, 1, PERIOD_MS);
+    if (ready < 0)
+      (void)usleep(PERIOD_MS * 1000);  // what fails for ever must not keep the processor busy
     const ssize_t got =
         ready > 0 ? uninterrupted([&] { return read(demux.fd(), section, sizeof section); }) : ssize_t{0};
     if (got > 0)

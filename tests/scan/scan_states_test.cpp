@@ -124,6 +124,20 @@ TEST_P(Scan_table, of_states_and_failures) {
 
 INSTANTIATE_TEST_SUITE_P(, Scan_table, testing::ValuesIn(CASES), Scan_table::name);
 
+// Each of the two threads would be at it all the time.
+TEST_F(Scan_states_test, waits_that_fail_for_ever_are_made_a_few_times_a_second_and_the_scan_ends) {
+  const Scan_run failed =
+      run(on_freq(stream(), {"--fault", "select=ENOMEM", "--fault", "poll=ENOMEM"}), SCAN_ONCE + "sleep 3");
+  EXPECT_EQ(failed.lines(), "freq -1\ndone 0 -1\nend\n");
+  const double seconds = failed.at("end");
+  const auto selects = static_cast<double>(failed.count_err("Select: : Cannot allocate memory\n"));
+  EXPECT_GE(selects, 10);
+  EXPECT_LE(selects, seconds * 10 + 10);
+  const auto polls = static_cast<double>(failed.count_err("Lock poll thread: : Cannot allocate memory\n"));
+  EXPECT_GE(polls, 5);
+  EXPECT_LE(polls, seconds * 5 + 10);
+}
+
 TEST_F(Scan_states_test, test_signal_is_not_read_through_a_link) {
   std::filesystem::create_directories(sandbox() + "/tmp");
   const std::string place = sandbox() + "/tmp/testsig";

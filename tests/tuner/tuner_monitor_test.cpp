@@ -102,6 +102,14 @@ TEST_F(Monitor_test, failing_poll_is_printed_and_the_pass_goes_on) {
   EXPECT_EQ(frontend.take_monitor_calls(), READINGS + WAIT);
 }
 
+TEST_F(Monitor_test, poll_that_fails_time_after_time_is_made_five_times_a_second) {
+  (void)printed(-1, -ENOMEM);
+  EXPECT_EQ(pass(-ENOMEM), Texts{"sleep 200"} + READINGS + WAIT);
+  EXPECT_EQ(pass(-ENOMEM), Texts{"sleep 200"} + READINGS + WAIT);
+  EXPECT_EQ(pass(), READINGS + WAIT);
+  EXPECT_EQ(pass(-ENOMEM), READINGS + WAIT) << "once is nothing";
+}
+
 TEST_F(Monitor_test, poll_that_a_signal_ended_goes_on_and_is_no_failure) {
   EXPECT_EQ(printed(4, -EINTR).find("Lock poll thread"), std::string::npos);
   frontend.pass();

@@ -93,27 +93,27 @@ static std::string needed_sanitizer(const std::string& image) {
   for (unsigned i = 0; i < header.e_shnum; ++i) {
     Section section;
     // A file that is damaged or only looks like a program ends the search; starting it will tell.
-    const size_t at = header.e_shoff + i * sizeof section;
+    const uint64_t at = header.e_shoff + i * sizeof section;
     if (at + sizeof section > image.size())
       return "";
-    memcpy(&section, image.data() + at, sizeof section);
+    memcpy(&section, image.data() + static_cast<size_t>(at), sizeof section);
     if (section.sh_type != SHT_DYNAMIC || section.sh_link >= header.e_shnum)
       continue;
     Section strings;
-    const size_t strings_at = header.e_shoff + section.sh_link * sizeof strings;
+    const uint64_t strings_at = header.e_shoff + section.sh_link * sizeof strings;
     if (strings_at + sizeof strings > image.size())
       return "";
-    memcpy(&strings, image.data() + strings_at, sizeof strings);
-    for (size_t entry = section.sh_offset; entry + sizeof(Dynamic) <= section.sh_offset + section.sh_size;
+    memcpy(&strings, image.data() + static_cast<size_t>(strings_at), sizeof strings);
+    for (uint64_t entry = section.sh_offset; entry + sizeof(Dynamic) <= section.sh_offset + section.sh_size;
          entry += sizeof(Dynamic)) {
       Dynamic dynamic;
       if (entry + sizeof dynamic > image.size())
         return "";
-      memcpy(&dynamic, image.data() + entry, sizeof dynamic);
-      const size_t name_at = strings.sh_offset + dynamic.d_un.d_val;
+      memcpy(&dynamic, image.data() + static_cast<size_t>(entry), sizeof dynamic);
+      const uint64_t name_at = strings.sh_offset + dynamic.d_un.d_val;
       if (dynamic.d_tag != DT_NEEDED || name_at >= image.size())
         continue;
-      std::string name = image.c_str() + name_at;
+      std::string name = image.c_str() + static_cast<size_t>(name_at);
       if (name.rfind("libasan.so", 0) == 0 || name.rfind("libtsan.so", 0) == 0)
         return name;
     }

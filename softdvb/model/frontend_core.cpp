@@ -334,6 +334,7 @@ On_air frontend_on_air(Adapter& adapter, uint64_t now_ns) {
   On_air air;
   // Tells the players of all processes that the adapter was tuned again, also to the same frequency.
   air.generation = adapter.stream_generation.load(std::memory_order_relaxed);
+  air.first_filter_ns = adapter.stream_epoch_ns;
   // Of several frontends one at most is awake.
   for (Adapter& each : frontends_of(adapter)) {
     settle(each, now_ns);
@@ -365,7 +366,7 @@ void frontend_tune(Adapter& a, const Tuning& tuning, uint64_t now_ns) {
     fe.busy_until_ns = 0;
   // A stream that begins with the first filter waits for one again.
   Adapter& first = first_of(a);
-  first.stream_epoch_ns.store(0, std::memory_order_relaxed);
+  first.stream_epoch_ns = 0;
   first.stream_generation.fetch_add(1, std::memory_order_release);
 }
 

@@ -16,7 +16,8 @@ inline constexpr uint64_t LOCKED_LOOK_NS = 3000000000;  // the core's nap while 
 struct On_air {
   int mux = -1;  // index in Adapter::mux, -1: nothing
   uint64_t since_ns = 0;
-  uint32_t generation = 0;  // changes with every tuning
+  uint64_t first_filter_ns = 0;  // since the tuning, in any process; 0: none yet
+  uint32_t generation = 0;       // changes with every tuning
 };
 // `adapter`: the record of frontend 0.
 On_air frontend_on_air(Adapter& adapter, uint64_t now_ns);

@@ -145,7 +145,7 @@ const uint8_t* Stream_file::packet(uint64_t number) {
     if (block_.size() < TS_PACKET)
       return nullptr;
   }
-  return &block_[(number - block_first_) * size];
+  return &block_[static_cast<size_t>(number - block_first_) * size];
 }
 
 // What has taken the place of that stream by now, or the stream itself.
@@ -182,7 +182,7 @@ static bool place(Adapter& a, Playing& p, const On_air& air, uint64_t now_ns) {
       p.epoch_ns = std::max(air.since_ns, a.mux[mux].from_ns);
       break;
     case Start::FILTER:
-      p.epoch_ns = a.stream_epoch_ns.load(std::memory_order_acquire);
+      p.epoch_ns = air.first_filter_ns;
       if (p.epoch_ns == 0)
         return false;
       // A filter may have been started before the lock, when nothing was on the air yet.
@@ -432,10 +432,12 @@ void player_inject(int adapter_index, const uint8_t* packets, size_t size) {
 
 void player_filter_started(int adapter_index) {
   Shared& s = *shared();
-  uint64_t none = 0;
   const uint64_t now = std::max<uint64_t>(1, adapter_now_ns(s));
+  const Shared_lock lock(s);
+  uint64_t& epoch_ns = s.adapter[adapter_index].stream_epoch_ns;
   // The first filter after a tuning counts, whichever process it is in.
-  s.adapter[adapter_index].stream_epoch_ns.compare_exchange_strong(none, now, std::memory_order_acq_rel);
+  if (epoch_ns == 0)
+    epoch_ns = now;
 }
 
 // Threads do not survive a fork. The child starts its own when it uses an adapter.

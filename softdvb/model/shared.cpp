@@ -25,9 +25,15 @@ Shared* map_shared(const char* file) {
   if (fd < 0)
     return nullptr;
   // Every argument as wide as a register: syscall() takes what it is given.
+  const long arguments[] = {0, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0};
+#ifdef __s390__
+  const long mapped = syscall(SYS_mmap, arguments);  // there all of them stand in memory
+#else
+  const long mapped =
+      syscall(SYS_mmap, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+#endif
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the system call returns addresses as numbers
-  void* at = reinterpret_cast<void*>(syscall(SYS_mmap, nullptr, sizeof(Shared), long{PROT_READ | PROT_WRITE},
-                                             long{MAP_SHARED}, static_cast<long>(fd), 0L));
+  void* at = reinterpret_cast<void*>(mapped);
   syscall(SYS_close, fd);
   if (at == MAP_FAILED)
     return nullptr;

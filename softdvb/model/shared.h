@@ -160,7 +160,7 @@ struct Adapter {
   Frontend fe;
   int32_t demux_owner[MAX_DEMUX_OPENS];  // process of each open demultiplexer handle, 0: free
   // When the stream of the tuned frequency began to play, and how often it was begun anew.
-  std::atomic<uint64_t> stream_epoch_ns;
+  uint64_t stream_epoch_ns;
   std::atomic<uint32_t> stream_generation;
 };
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <map>
+#include <utility>
 
 #include "softdvb/model/call_log.h"
 #include "softdvb/model/clock.h"
@@ -27,22 +28,24 @@ static constexpr int64_t US = 1000;
 // Clocks of processor time stay real: they measure work and not waiting.
 SOFTDVB_EXPORT int clock_gettime(clockid_t clock, timespec* t) noexcept {
   const int result = SOFTDVB_REAL(clock_gettime)(clock, t);
-  if (result == 0 && time_is_virtual())
-    *t = from_nanos(to_virtual_clock(*shared(), clock_kind(clock), nanos(*t)));
-  return result;
-}
-
-static timespec real_time_now() {
-  timespec t{};
-  clock_gettime(CLOCK_REALTIME, &t);
-  return t;
+  if (result != 0 || !time_is_virtual())
+    return result;
+  const int64_t at = to_virtual_clock(*shared(), clock_kind(clock), nanos(*t));
+  if (!std::in_range<time_t>(at / static_cast<int64_t>(NANOS))) {
+    errno = EOVERFLOW;  // as the C library where time_t has 32 bits
+    return -1;
+  }
+  *t = from_nanos(at);
+  return 0;
 }
 
 SOFTDVB_EXPORT int gettimeofday(timeval* __restrict tv, void* __restrict zone) noexcept {
   // Without virtual time the C library answers by itself, without a system call.
   if (!time_is_virtual())
     return SOFTDVB_REAL(gettimeofday)(tv, zone);
-  const timespec t = real_time_now();
+  timespec t{};
+  if (clock_gettime(CLOCK_REALTIME, &t) != 0)
+    return -1;
   tv->tv_sec = t.tv_sec;
   tv->tv_usec = t.tv_nsec / US;
   return 0;
@@ -51,17 +54,18 @@ SOFTDVB_EXPORT int gettimeofday(timeval* __restrict tv, void* __restrict zone) n
 SOFTDVB_EXPORT time_t time(time_t* to) noexcept {
   if (!time_is_virtual())
     return SOFTDVB_REAL(time)(to);
-  const time_t now = real_time_now().tv_sec;
+  timespec t{};
+  if (clock_gettime(CLOCK_REALTIME, &t) != 0)
+    return -1;
   if (to != nullptr)
-    *to = now;
-  return now;
+    *to = t.tv_sec;
+  return t.tv_sec;
 }
 
 SOFTDVB_EXPORT int timespec_get(timespec* t, int base) noexcept {
   if (base != TIME_UTC)
     return 0;
-  *t = real_time_now();
-  return base;
+  return clock_gettime(CLOCK_REALTIME, t) == 0 ? base : 0;
 }
 
 // Setting the clock.

@@ -11,6 +11,7 @@ Readings::Pass Driver_readings::refresh() {
   const int bits = status();
   read_strength();
   const int quality = read_ber_quality();
+  const std::lock_guard lock(lock_);
   read_at_ms_ = monotonic_ms();
   return {(bits & Device::FULL_LOCK) != 0, (bits & Device::FULL_LOCK) == Device::FULL_LOCK, quality};
 }
@@ -82,7 +83,11 @@ void Driver_readings::clear() {
 
 Signal_readings Driver_readings::signal() const {
   Signal_readings signal;
-  const int64_t read_at = read_at_ms_;
+  int64_t read_at = 0;
+  {
+    const std::lock_guard lock(lock_);
+    read_at = read_at_ms_;
+  }
   if (read_at < 0)
     return signal;
   signal.age_ms = monotonic_ms() - read_at;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/mutex.h"
 #include "tuner/device.h"
 #include "tuner/readings.h"
 
@@ -37,6 +38,8 @@ class Driver_readings final : public Readings {
   std::atomic<int> strength_{0};
   std::atomic<int> ber_quality_{0};
   std::atomic<float> snr_{0.0F};
-  std::atomic<bool> snr_read_{false};    // only hosts read it: the monitor leaves it alone
-  std::atomic<int64_t> read_at_ms_{-1};  // of CLOCK_MONOTONIC, by refresh(); -1: never
+  std::atomic<bool> snr_read_{false};  // only hosts read it: the monitor leaves it alone
+  // Guards the following: 32-bit MIPS has no atomic of 64 bits.
+  mutable Mutex lock_{Lock_rank::ALONE, "time of the readings"};
+  int64_t read_at_ms_ = -1;  // of CLOCK_MONOTONIC, by refresh(); -1: never
 };

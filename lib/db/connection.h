@@ -4,6 +4,7 @@
 #pragma once
 
 #include <sqlite3.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -97,6 +98,17 @@ class Db_lock {
 // Times are stored in 32 bits: one beyond them counts as the last that fits.
 inline int saturated(int64_t value) {
   return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+// What a clock shows. Of 32 bits, one below 0 is after January 2038: it has wrapped, or is the -1 of a C library that
+// has no such time. As it stands no row could hold it.
+template <typename Time>
+constexpr int64_t clock_shows(Time read) {
+  return sizeof read == 4 && read < 0 ? std::numeric_limits<int32_t>::max() : int64_t{read};
+}
+
+inline int64_t clock_now() {
+  return clock_shows(time(nullptr));
 }
 
 }  // namespace sdbl

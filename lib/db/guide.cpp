@@ -3,8 +3,6 @@
 
 #include "db/guide.h"
 
-#include <time.h>
-
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -166,7 +164,7 @@ int Guide::delete_epglist_range(int channel, int start_epoch, int end_epoch, boo
 }
 
 int Guide::eit_info_available(int channel) {
-  const int now = saturated(time(nullptr));
+  const int now = saturated(clock_now());
   KLOG(VERB_TRACE, "Current epoch %d, channel %d ", now, channel);
   int oid = 0;
   // Deliberate: an event that starts this very second does not count.

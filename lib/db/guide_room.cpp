@@ -69,7 +69,7 @@ int Guide_room::remove_old_entries(int age_sec, bool vacuum) {
 }
 
 int Guide_room::remove(int age_sec, bool waits) {
-  const int oldest = saturated(int64_t{time(nullptr)} - age_sec);
+  const int oldest = saturated(clock_now() - age_sec);
   std::vector<int> entries;
   Rows rows(statements_, PURGE, 0, "SELECT entry from epglist where start_epoch < $start_epoch", oldest);
   while (rows.next())

@@ -3,8 +3,6 @@
 
 #include "db/merge.h"
 
-#include <time.h>
-
 #include <vector>
 
 #include "base/log.h"
@@ -13,7 +11,7 @@
 namespace sdbl {
 
 int Merge::run(SCAN_STATE state) {
-  now_ = saturated(time(nullptr));
+  now_ = saturated(clock_now());
   if (state != SCAN_PAT && state != SCAN_PMT) {
     KLOG(VERB_ERROR, "ERROR: Incorrect scan state entered: %d\n", state);
     return summary(state);

@@ -3,8 +3,6 @@
 
 #include "db/refresh.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <tuple>
 #include <utility>
@@ -70,7 +68,7 @@ std::vector<Language> read_languages(Rows& rows) {
 
 Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vector<Channel_change>* changes) {
   changes->clear();
-  now_ = saturated(time(nullptr));
+  now_ = saturated(clock_now());
   if (state != SCAN_PAT && state != SCAN_PMT) {
     KLOG(VERB_ERROR, "ERROR: Incorrect scan state entered: %d\n", state);
     return {};
@@ -113,7 +111,7 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
 
 Merge_end Refresh::leave(const std::vector<int>& freqs, std::vector<Channel_change>* changes) {
   changes->clear();
-  now_ = saturated(time(nullptr));
+  now_ = saturated(clock_now());
   Transaction transaction(db_.connection, Db_file::CHANNELS);
   if (!transaction.is_open()) {
     (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);

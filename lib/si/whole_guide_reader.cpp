@@ -3,8 +3,6 @@
 
 #include "si/whole_guide_reader.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -38,7 +36,7 @@ bool is_other(int table_id) {
 }
 
 int now_epoch() {
-  return sdbl::saturated(time(nullptr));
+  return sdbl::saturated(sdbl::clock_now());
 }
 
 int64_t digest_of(const Event_shown& shown) {

@@ -3,6 +3,7 @@
 
 #include <sys/syscall.h>
 
+#include "db/connection.h"
 #include "db/sdbl.h"
 #include "support/messages.h"
 
@@ -83,6 +84,15 @@ TEST(Epoch, what_does_not_fit_32_bits_is_minus_1_and_printed) {
   for (const auto& c : cases)
     EXPECT_THAT([&] { EXPECT_EQ(Sdbl::ymd_hms_to_tzepoch(c.ymd, c.hms), -1); },
                 prints_only_from(0, "ERROR: Cannot convert time " + std::string(c.time) + " to epoch\n"));
+}
+
+TEST(Clock, of_32_bits_shows_the_last_second_when_it_has_none_for_the_time) {
+  const std::pair<int32_t, int64_t> narrow[] = {
+      {0, 0}, {1772388000, 1772388000}, {INT32_MAX, INT32_MAX}, {INT32_MIN, INT32_MAX}, {-1, INT32_MAX}};
+  for (const auto& [read, shown] : narrow)
+    EXPECT_EQ(sdbl::clock_shows(read), shown) << read;
+  for (const int64_t read : {int64_t{-1}, int64_t{2147483648}, int64_t{3786912000}})
+    EXPECT_EQ(sdbl::clock_shows(read), read);
 }
 
 TEST(Usec_to_now, is_exact_within_a_second) {

@@ -148,7 +148,8 @@ TEST_F(Damage, a_row_without_its_entry_in_an_index_is_found) {
 TEST_F(Damage, what_ends_too_early_is_found) {
   for (const std::string& path : {file(), guide_file()}) {
     const std::string whole = support::read_file(path);
-    for (const size_t length : {whole.size() / 2, whole.size() - PAGE, size_t{PAGE}, size_t{5000}}) {
+    const size_t one_page = PAGE;
+    for (const size_t length : {whole.size() / 2, whole.size() - one_page, one_page, size_t{5000}}) {
       support::write_file(path, whole.substr(0, length));
       EXPECT_THAT(used(), HasSubstr("ERROR: " + path + " is damaged: ")) << length;
       EXPECT_TRUE(support::read_file(path) == whole.substr(0, length)) << "written to";

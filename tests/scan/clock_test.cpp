@@ -152,17 +152,18 @@ TEST_F(Scan_test, a_watched_multiplex_sets_the_clock_at_every_full_scan) {
   EXPECT_GT(settings[1], filters[1]);
 }
 
-// The database's times have 32 bits, the host's clock more.
+// The database's times have 32 bits. A host's clock has more, or cannot be told there: it then stands in 2038.
 TEST_F(Scan_test, a_host_whose_clock_is_beyond_2038_scans_and_purges) {
   std::filesystem::create_directories(sandbox() + "/dvbfiles");
   const Scan_run scanned = run(on_freq(stream(), {"--now", "3786912000"}),
                                "kelvo 0 tuner; freq 0 506000000; wait_done 0 100; freq 0 506000000; wait_done 0 100; "
-                               "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2147483646, 60); "
+                               "sql INSERT INTO epglist (channel, start_epoch, dur_sec) VALUES (1, 2100000000, 60), "
+                               "(1, 2147483646, 60); "
                                "export 0 /dvbfiles/backup.db; wait_change 0 8 20");
   EXPECT_EQ(scanned.count_err("CHECK"), 0U) << scanned.err;
   EXPECT_EQ(sql("SELECT pat_prnr, modified FROM kanalid ORDER BY pat_prnr"),
             "101|2147483647\n102|2147483647\n103|2147483647\n");
-  EXPECT_EQ(sql("SELECT count(*) FROM epglist"), "0\n");
+  EXPECT_EQ(sql("SELECT start_epoch FROM epglist"), sizeof(time_t) > 4 ? "" : "2147483646\n");
 }
 
 // The zone is set for a multiplex of the preferred network that the database knows.
@@ -205,6 +206,10 @@ class Zone_test : public Scan_test {
   // What the host is told of clock and zone.
   static std::string told(int clock, int zone, const std::string& offset = "0 ") {
     return "told " + std::to_string(clock) + " " + std::to_string(zone) + " " + offset + "\n";
+  }
+  // The same where the clock was right, or set because the machine took its time until the first filter.
+  static testing::Matcher<std::string> told_of(int zone, const std::string& offset) {
+    return testing::AnyOf(told(CLOCK_RIGHT, zone, offset), told(CLOCK_SET, zone, offset));
   }
   std::string source_file() const { return sandbox() + "/tmp/zoneinfo/timezone.txt"; }
   std::string source() const { return support::read_file(source_file()); }
@@ -301,7 +306,7 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
     const Scan_run scanned = scan(stream_of(c.offset, c.country, c.region));
     EXPECT_EQ(zone_lines(scanned),
               std::string(CHECKED) + "WARNING: Setting timezone to " + std::to_string(c.minutes) + "\n");
-    EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_SET, std::to_string(c.minutes) + " " + c.country));
+    EXPECT_THAT(scanned.lines({"told"}), told_of(ZONE_SET, std::to_string(c.minutes) + " " + c.country));
     EXPECT_EQ(source(), std::string(FIRST_LINE) + c.line);
     EXPECT_EQ(installed(), c.read);
     EXPECT_FALSE(std::filesystem::exists(sandbox() + "/tmp/zoneinfo/" + c.country + "_" + std::to_string(c.region)));
@@ -311,7 +316,7 @@ TEST_F(Zone_test, every_offset_is_written_compiled_and_read_back) {
 TEST_F(Zone_test, the_right_zone_is_left_alone) {
   const Scan_run scanned = scan(stream_of("+02:00"));
   EXPECT_EQ(zone_lines(scanned), std::string(CHECKED) + "WARNING: Timezone OK\n");
-  EXPECT_EQ(scanned.lines({"told"}), told(CLOCK_RIGHT, ZONE_RIGHT, "120 EST"));
+  EXPECT_THAT(scanned.lines({"told"}), told_of(ZONE_RIGHT, "120 EST"));
   EXPECT_EQ(shell_commands(scanned), Lines{});
   EXPECT_FALSE(std::filesystem::exists(source_file()));
   EXPECT_EQ(installed(), "none");
@@ -431,7 +436,8 @@ TEST_F(Zone_test, a_zone_that_cannot_be_set_stays_and_is_told_as_failed) {
     if (!c.compiled)  // cp -f would remove it
       support::write_file(installed_file(), "as it was");
     const Scan_run scanned = scan(stream_of("+03:00"), *c.fault != '\0' ? Lines{"--fault", c.fault} : Lines{});
-    EXPECT_EQ(scanned.lines({"done", "told"}), "done 0 0\n" + told(CLOCK_RIGHT, ZONE_FAILED, "180 EST"));
+    EXPECT_EQ(scanned.lines({"done"}), "done 0 0\n");
+    EXPECT_THAT(scanned.lines({"told"}), told_of(ZONE_FAILED, "180 EST"));
     EXPECT_EQ(scanned.count_err("WARNING: Setting timezone to 180\n"), 1U);
     EXPECT_EQ(scanned.count_err("cp: cannot create regular file '/dvbfiles/localtime'"), c.compiled ? 1U : 0U);
     EXPECT_EQ(shell_commands(scanned), c.commands);

@@ -58,7 +58,8 @@ void remove_leftovers(const std::string& base) {
   if (entries == nullptr)
     return;
   std::vector<std::string> found;
-  while (const dirent* entry = readdir(entries))
+  // With 32 bits places of entries may be too large, and reading would end there.
+  while (const dirent64* entry = readdir64(entries))
     if (is_own_name(entry->d_name, name))
       found.push_back(base + (entry->d_name + name.size()));
   (void)closedir(entries);

@@ -44,10 +44,6 @@ bool is_present_following(int table_id) {
   return table_id == table::EIT_PRESENT_FOLLOWING || table_id == table::EIT_PRESENT_FOLLOWING_OTHER;
 }
 
-bool is_other(int table_id) {
-  return table_id == table::EIT_PRESENT_FOLLOWING_OTHER || table_id >= table::EIT_SCHEDULE_OTHER_FIRST;
-}
-
 int first_schedule(bool other) {
   return other ? table::EIT_SCHEDULE_OTHER_FIRST : table::EIT_SCHEDULE_FIRST;
 }

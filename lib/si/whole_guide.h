@@ -12,7 +12,13 @@
 #include <tuple>
 #include <vector>
 
+#include "base/ids.h"
 #include "si/visible_events.h"
+
+// Whether a table of the guide is sent for another multiplex.
+inline bool is_other(int table_id) {
+  return table_id == table::EIT_PRESENT_FOLLOWING_OTHER || table_id >= table::EIT_SCHEDULE_OTHER_FIRST;
+}
 
 // A service whose guide came. In the tables of the actual multiplex the service id alone tells it, because
 // multiplexers that are wrong about the other two ids are not rare; these are 0 here.

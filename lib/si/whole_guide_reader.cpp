@@ -31,10 +31,6 @@ constexpr int64_t RETRY_WITHOUT_ROOM_MS = 10000;
 constexpr int RUNNING = 4;
 constexpr size_t LOOP_HEADER = 12;
 
-bool is_other(int table_id) {
-  return table_id == table::EIT_PRESENT_FOLLOWING_OTHER || table_id >= table::EIT_SCHEDULE_OTHER_FIRST;
-}
-
 int now_epoch() {
   return sdbl::saturated(sdbl::clock_now());
 }

@@ -4,7 +4,9 @@
 // A host that is left alone for weeks, run by bench/months under the software adapter: watches one multiplex and prints
 // what the library tells it, and every hour how much of the machine it takes.
 //
-//   months_probe DB FREQ HOURS
+//   months_probe DB FREQ HOURS BEGIN
+//
+// The hours are counted from BEGIN (seconds since 1970), which may be some hours ahead.
 
 #include <malloc.h>
 #include <sqlite3.h>
@@ -113,13 +115,14 @@ void print_state(Sdbl& database, int hour) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    (void)fprintf(stderr, "usage: months_probe DB FREQ HOURS\n");
+  if (argc != 5) {
+    (void)fprintf(stderr, "usage: months_probe DB FREQ HOURS BEGIN\n");
     return 2;
   }
   verbosity_kelvo = -1;
-  timespec begun{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &begun);
+  timespec begin{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &begin);
+  begin.tv_sec += static_cast<time_t>(atoll(argv[4])) - time(nullptr);
   channel_file = std::string(argv[1]).substr(std::string(argv[1]).rfind('/') + 1);
   (void)sqlite3_auto_extension(reinterpret_cast<void (*)()>(on_connection));
   Sdbl database(argv[1]);
@@ -135,7 +138,7 @@ int main(int argc, char** argv) {
   const int hours = atoi(argv[3]);
   const std::string copy = std::string(argv[1]) + ".copy.db";
   for (int hour = 0; hour < hours; ++hour) {
-    const time_t end = begun.tv_sec + static_cast<time_t>(hour + 1) * HOUR_S;
+    const time_t end = begin.tv_sec + static_cast<time_t>(hour + 1) * HOUR_S;
     if (hour % UNPLUGGED_EACH_H == UNPLUGGED_EACH_H - 1) {
       control("adapter 0 unplug");
       sleep_until(end - HOUR_S + UNPLUGGED_S);

@@ -104,10 +104,19 @@ void Device::close() {
 }
 
 void Device::close_here() {
-  if (device_ >= 0)
-    (void)::close(device_);  // nothing was written to it
-  const std::lock_guard lock(lock_);
-  device_ = -1;
+  int closed = -1;
+  {
+    std::unique_lock lock(lock_);
+    closed = std::exchange(device_, -1);
+    // Its number may be another thing's at once: nobody is to wait on it any more.
+    if (closed >= 0 && polling_ != nullptr && polled_ == closed) {
+      polled_ = -1;
+      polling_->wake();
+      use_ended_.wait(lock, [this] { return polling_ == nullptr; });
+    }
+  }
+  if (closed >= 0)
+    (void)::close(closed);  // nothing was written to it
 }
 
 void Device::close_gone() {
@@ -189,18 +198,42 @@ bool Device::cure_missing_core() {
   return true;
 }
 
-Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
-  int device = -1;
+// Without a lock while it waits: who closes the device ends the wait, and the rest of it is for `wake_up` alone.
+int Device::begin_polling(const Wake_up& wake_up) {
+  const std::lock_guard lock(lock_);
+  polling_ = &wake_up;
+  polled_ = device_;
+  return polled_;
+}
+
+bool Device::end_polling(int device) {
+  bool taken_away = false;
   {
-    // Not held while waiting: who closes the device does not wait for events. poll() takes a closed one as well.
     const std::lock_guard lock(lock_);
-    device = device_;
+    taken_away = polled_ != device;
+    if (taken_away)
+      polling_->take();  // before the closing goes on, and with it whoever wakes for something else
+    polling_ = nullptr;
   }
+  use_ended_.notify_all();
+  return taken_away;
+}
+
+Device::Waited Device::wait_for_event(const Wake_up& wake_up, int timeout_ms) {
+  const int device = begin_polling(wake_up);
   pollfd entries[] = {{device, POLLIN, 0}, {wake_up.handle(), POLLIN, 0}};
   const int64_t end = monotonic_ms() + timeout_ms;
   int ready = poll(entries, 2, timeout_ms);
   for (int64_t left = 0; ready < 0 && errno == EINTR && (left = end - monotonic_ms()) > 0;)
     ready = poll(entries, 2, static_cast<int>(left));
+  const int error = errno;
+  if (end_polling(device)) {
+    const int64_t left = end - monotonic_ms();
+    if (left > 0)
+      (void)poll(entries + 1, 1, static_cast<int>(left));  // a signal only makes it shorter
+    return Waited::ENOUGH;
+  }
+  errno = error;
   if (ready < 0 && errno == EINTR)
     return Waited::ENOUGH;
   const bool failed_before = std::exchange(wait_fails_, ready < 0);

@@ -80,6 +80,9 @@ class Device {
   bool open_here();
   void close_here();
   void ask();
+  // Around a wait for events. The device, -1 when it is closed; true when it has been closed meanwhile.
+  int begin_polling(const Wake_up& wake_up);
+  bool end_polling(int device);
 
   const bool said_;
   char path_[256]{};
@@ -94,5 +97,7 @@ class Device {
   bool in_use_ = false;  // by one thread, which alone changes `device_` and may read it without the lock
   int closing_ = 0;      // threads that wait to close it
   int device_ = -1;
+  const Wake_up* polling_ = nullptr;  // ends the wait for events that is under way
+  int polled_ = -1;                   // what that one waits on
   dvb_frontend_info info_{};
 };

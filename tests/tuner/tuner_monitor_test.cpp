@@ -344,6 +344,7 @@ TEST_F(Long_event_test, disabling_events_does_not_wait_for_the_one_under_way) {
 }
 
 TEST_F(Long_event_test, destruction_closes_the_device_before_it_waits_for_the_event_under_way) {
+  EXPECT_TRUE(frontend.is_open());
   bool over_at_end = false;
   std::thread destroyer([&] {
     tuner.reset();

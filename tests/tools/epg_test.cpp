@@ -451,11 +451,93 @@ TEST_F(Empty_guide, an_empty_guide_is_shown_as_such) {
   expect_valid_xmltv(epg({"--format", "xmltv"}).out);
 }
 
-TEST_F(Empty_guide, a_narrow_terminal_breaks_texts_only) {
+TEST_F(Empty_guide, a_narrow_terminal_has_a_line_for_each_event) {
   add(1, MIDNIGHT, HOUR, "Pealkiri", "üks kaks kolm neli viis kuus seitse kaheksa üheksa kümme üksteist kaksteist");
-  const Command_result result = support::run_on_terminal({KELVO_COMMAND, "epg", "--db", db_}, {{"TZ", "UTC"}}, 80);
-  EXPECT_THAT(result, ends(0, HasSubstr(" 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri  üks kaks")));
-  EXPECT_GT(std::count(result.out.begin(), result.out.end(), '\n'), 2);
+  add(1, MIDNIGHT + HOUR, HOUR, "Pikem pealkiri, mis ei lõpe ega lõpe", "Tekst");
+  const struct {
+    int columns;
+    Words more;
+    const char* table;
+  } cases[] = {
+      {90,
+       {},
+       "LCN  CHANNEL   DATE        TIME         TITLE                    TEXT\r\n"
+       " 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri                 üks kaks kolm neli viis…\r\n"
+       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei…  Tekst\r\n"},
+      {60,
+       {},
+       "LCN  CHANNEL   DATE        TIME         TITLE\r\n"
+       " 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri\r\n"
+       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis…\r\n"},
+      {60,
+       {"--wide"},
+       "LCN  CHANNEL   DATE        TIME         TITLE                                 TEXT\r\n"
+       " 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri                              üks kaks kolm neli viis kuus seitse "
+       "kaheksa üheksa kümme üksteist kaksteist\r\n"
+       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei lõpe ega lõpe  Tekst\r\n"},
+  };
+  for (const auto& c : cases)
+    EXPECT_THAT(
+        support::run_on_terminal(joined({{KELVO_COMMAND, "epg", "--db", db_}, c.more}), {{"TZ", "UTC"}}, c.columns),
+        ends(0, c.table))
+        << c.columns;
+}
+
+TEST_F(Empty_guide, now_and_next_together_are_a_line_a_channel) {
+  const int64_t now = time(nullptr) / HOUR * HOUR + HOUR / 2;
+  const auto at = [](int64_t start, const std::string& title) {
+    char text[6];
+    const time_t seconds = static_cast<time_t>(start);
+    tm utc{};
+    (void)strftime(text, sizeof text, "%H:%M", gmtime_r(&seconds, &utc));
+    return std::string(text) + " " + title;
+  };
+  const int64_t begun = now - 10 * HOUR;
+  const int64_t next = now + 10 * HOUR;
+  add(1, begun, 20 * HOUR, "Uudised", "");
+  add(1, next, HOUR, "Film", "");
+  add(1, next + HOUR, HOUR, "Hilisem", "");
+  add(2, next, HOUR, "Muusika", "");
+  add(3, begun, 20 * HOUR, "", "");
+  const Command_result table = epg({"--now", "--next"});
+  EXPECT_EQ(table, prints("LCN  CHANNEL    NOW            NEXT\n"
+                          "  3  Žluťoučký  " +
+                          at(begun, "-") + "        -\n" + " 12  Kuldnokk   " + at(begun, "Uudised") + "  " +
+                          at(next, "Film") + "\n" + "  -  Raadio     -              " + at(next, "Muusika") + "\n"));
+  EXPECT_EQ(json::parse(epg({"--next", "--now", "--format", "json"}).out).size(), 4U);
+}
+
+TEST_F(Epg, shows_events_in_full) {
+  const std::string night =
+      "Üle keskööfilm\n"
+      "  12 Kuldnokk, Saturday 2040-03-24 22:30-00:00, 90 min\n"
+      "  Movie/Drama, News/Current affairs, from 12 years (EST)\n"
+      "\n"
+      "  Lühike.\n"
+      "\n"
+      "  Pikk\n"
+      "\n"
+      "  Režissöör: Liis Kask\n"
+      "  Osades: A, B: C\n"
+      "\n"
+      "  Over midnight (eng)\n"
+      "\n"
+      "  Short.\n";
+  EXPECT_EQ(epg({"--search", "keskööfilm", "--show"}), prints(night));
+  EXPECT_THAT(epg({"--channel", "Kuldnokk", "--show"}), ends(0, testing::StartsWith(night + "\n\n")));
+  EXPECT_EQ(epg({"--search", "olematu", "--show"}), NO_SUCH_EVENTS);
+}
+
+TEST_F(Empty_guide, events_in_full_are_broken_at_words_on_a_terminal) {
+  add(1, MIDNIGHT, HOUR, "Pealkiri", "üks kaks kolm neli viis kuus seitse kaheksa üheksa");
+  EXPECT_THAT(support::run_on_terminal({KELVO_COMMAND, "epg", "--db", db_, "--show"}, {{"TZ", "UTC"}}, 40),
+              ends(0,
+                   "Pealkiri\r\n"
+                   "  12 Kuldnokk, Sunday 2040-03-25\r\n"
+                   "  00:00-01:00, 1 h\r\n"
+                   "\r\n"
+                   "  üks kaks kolm neli viis kuus seitse\r\n"
+                   "  kaheksa üheksa\r\n"));
 }
 
 TEST_F(Empty_guide, output_that_cannot_be_written_is_an_error) {
@@ -478,7 +560,6 @@ TEST(Epg_usage, is_one_line_and_exit_2) {
       {{"--search", " \n"}, "--search: give a text to look for"},
       {{"--channel", ""}, "--channel: give a number or a name"},
       {{"--format", "html"}, "--format: html not in {table,json,xmltv}" + help},
-      {{"--now", "--next"}, "--now excludes --next" + help},
       {{"--now", "--day", "today"}, "--now excludes --day" + help},
       {{"--next", "--search", "x"}, "--next excludes --search" + help},
       {{"--day", "today", "--search", "x"}, "--day excludes --search" + help},

@@ -244,7 +244,7 @@ TEST_F(Epg_update, shows_a_bar_a_service_on_a_terminal) {
 TEST_F(Epg_update, the_bars_fit_the_window) {
   scan(network());
   EXPECT_THAT(support::run_on_terminal(command(network(), {"--freq", "506000000"}), {}, 20, /* lines */ 3),
-              ends(0, AllOf(ContainsRegex("506.000 MHz  0 of 1\r\n  \\[[#.]{16}\r\n\x1B\\[2A\r\x1B\\[J"),
+              ends(0, AllOf(ContainsRegex("506.000 MHz  0 of 1\r\n \\[[#.]{6}\\] Kuldnokk \r\n\x1B\\[2A\r\x1B\\[J"),
                             Not(HasSubstr("\x1B[3A")))));
 }
 

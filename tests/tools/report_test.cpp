@@ -14,11 +14,11 @@ namespace {
 using testing::HasSubstr;
 
 std::string report(const std::vector<Multiplex_line>& lines, const std::vector<Service>& before,
-                   const std::vector<Service>& after) {
+                   const std::vector<Service>& after, bool wide = false) {
   char* text = nullptr;
   size_t size = 0;
   FILE* file = open_memstream(&text, &size);
-  print_report(file, lines, before, after);
+  print_report(file, lines, before, after, wide);
   (void)fclose(file);
   std::string out(text, size);
   free(text);
@@ -151,6 +151,41 @@ TEST(Report, lists_multiplexes_by_frequency_and_changes_by_kind) {
             "lost      3  Goes     TV    Meedia    506.000 MHz\n"
             "\n"
             "1 of 3 frequencies with a multiplex, 4 services: 2 new, 1 back, 1 lost.\n");
+}
+
+TEST(Report, sums_up_the_frequencies_that_have_nothing) {
+  std::vector<Multiplex_line> lines{line(474000000, 0, Outcome::LOCKED, 2.04, 1)};
+  for (const int mhz : {482, 490, 498, 506}) {
+    lines.push_back(line(mhz * 1000000, 0, Outcome::NO_LOCK, 2.5, 0));
+    lines.back().result.tuning.outcome = TUNING_NO_SIGNAL;
+  }
+  // Each of these says more than that there is nothing.
+  for (const int mhz : {514, 522, 530, 538}) {
+    lines.push_back(line(mhz * 1000000, 0, Outcome::NO_LOCK, 2, 0));
+    lines.back().result.tuning.outcome = TUNING_NO_LOCK;
+  }
+  lines[2].note = "had 3 services";
+  const std::string rest =
+      "514.000 MHz        0  -              -    -         -  2.0 s  signal, no lock\n"
+      "522.000 MHz        0  -              -    -         -  2.0 s  signal, no lock\n"
+      "530.000 MHz        0  -              -    -         -  2.0 s  signal, no lock\n"
+      "538.000 MHz        0  -              -    -         -  2.0 s  signal, no lock\n";
+  const std::string heading =
+      "  MULTIPLEX  ADAPTER  SYSTEM  STRENGTH  SNR  SERVICES   TIME  RESULT\n"
+      "474.000 MHz        0  -              -    -         1  2.0 s  locked\n";
+  const std::string known = "490.000 MHz        0  -              -    -         -  2.5 s  no signal; had 3 services\n";
+  EXPECT_EQ(report(lines, {}, {}),
+            heading + "482.000 MHz        0  -              -    -         -  2.5 s  no signal\n" + known +
+                "498.000 MHz        0  -              -    -         -  2.5 s  no signal\n"
+                "506.000 MHz        0  -              -    -         -  2.5 s  no signal\n" +
+                rest + "\n1 of 9 frequencies with a multiplex, 1 service: 0 new, 0 back, 0 lost.\n")
+      << "three are no crowd";
+  lines.push_back(line(546000000, 0, Outcome::NO_LOCK, 2.6, 0));
+  lines.back().result.tuning.outcome = TUNING_NO_SIGNAL;
+  const std::string sum = "\n1 of 10 frequencies with a multiplex, 1 service: 0 new, 0 back, 0 lost.\n";
+  EXPECT_EQ(report(lines, {}, {}),
+            heading + known + rest + "no signal: 4 frequencies from 482.000 MHz to 546.000 MHz, 10 s\n" + sum);
+  EXPECT_THAT(report(lines, {}, {}, true), HasSubstr("546.000 MHz        0  -              -    -         -  2.6 s"));
 }
 
 TEST(Report, says_where_a_multiplex_came_from_and_which_one_it_doubles) {

@@ -239,7 +239,7 @@ TEST_F(Scan, shows_a_bar_on_a_terminal_and_takes_it_away) {
 
 TEST_F(Scan, the_bar_fits_a_narrow_terminal) {
   EXPECT_THAT(support::run_on_terminal(command(network(), {"--freq", "522000000"}), {}, 30),
-              ends(0, HasSubstr("\r[....................] 0/1  5\x1B[K")));
+              ends(0, HasSubstr("\r[......] 0/1  522.000 MHz  si\x1B[K")));
 }
 
 TEST_F(Scan, an_interrupt_keeps_what_was_found) {

@@ -141,7 +141,13 @@ std::string range_text(const Frontend_state& state) {
 
 void print_table(const std::vector<Frontend>& frontends) {
   using enum Table::Align;
-  Table table({{"ADAPTER", RIGHT}, {"FRONTEND", RIGHT}, {"NAME"}, {"SYSTEMS"}, {"RANGE", RIGHT}, {"STATE"}});
+  using enum Table::Fit;
+  Table table({{"ADAPTER", RIGHT},
+               {"FRONTEND", RIGHT},
+               {"NAME", LEFT, WORDS},
+               {"SYSTEMS", LEFT, WORDS},
+               {"RANGE", RIGHT, WHOLE, 1},
+               {"STATE", LEFT, WORDS}});
   for (const Frontend& frontend : frontends) {
     const std::string systems = fmt::format("{}", fmt::join(systems_of(frontend), " "));
     table.add({std::to_string(frontend.adapter), std::to_string(frontend.number),

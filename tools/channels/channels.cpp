@@ -25,6 +25,7 @@ namespace {
 struct Channels_options {
   std::string db;
   std::string format = "table";
+  bool wide = false;
 };
 
 // A service can be marked as scrambled in the service table while no system is named for its streams; "yes" says so
@@ -42,18 +43,20 @@ std::string or_dash(const std::string& text) {
   return text.empty() ? "-" : text;
 }
 
-// Only the last column may be broken: a name that is cut or wrapped can no longer be copied into another command.
-void print_table(const std::vector<Service>& services) {
+// A name that is cut or wrapped can no longer be copied into another command.
+void print_table(const std::vector<Service>& services, bool wide) {
   using enum Table::Align;
+  using enum Table::Fit;
   Table table({{"LCN", RIGHT},
                {"NAME"},
-               {"TYPE"},
-               {"PROVIDER"},
-               {"NETWORK"},
-               {"FREQUENCY", RIGHT},
-               {"CA"},
+               {"TYPE", LEFT, WHOLE, 2},
+               {"PROVIDER", LEFT, WHOLE, 4},
+               {"NETWORK", LEFT, WHOLE, 5},
+               {"FREQUENCY", RIGHT, WHOLE, 1},
+               {"CA", LEFT, WORDS, 3},
                {"STATE"},
-               {"PIDS", LEFT, true}});
+               {"PIDS", LEFT, WORDS, 6}},
+              wide);
   for (const Service& service : services) {
     table.add({service.lcn == NO_LCN ? "-" : std::to_string(service.lcn), or_dash(service.name), type_text(service),
                or_dash(service.provider), or_dash(service.network), mhz(service.freq), ca_text(service),
@@ -97,7 +100,7 @@ void list_channels(const Channels_options& options) {
     }
     console::print(out.dump(2) + "\n", "the list");
   } else {
-    print_table(services);
+    print_table(services, options.wide);
     if (services.empty()) {
       console::say(fmt::format("No channels in {} yet; 'kelvo scan' finds them.", file));
     }
@@ -114,9 +117,11 @@ void add_channels(CLI::App& app, int* exit_code) {
   command->add_option("--format", options->format, "table, for people, or json, for programs")
       ->check(CLI::IsMember({"table", "json"}))
       ->capture_default_str();
+  command->add_flag("--wide", options->wide, "All columns in full, however narrow the terminal is");
   command->footer(
       "Sorted by logical channel number, then by row. State: found and lost say what the last scan of the\n"
       "multiplex saw; no streams stands for a service whose streams were never described.\n"
+      "A narrow terminal leaves out the columns that are needed least; files and programs get all.\n"
       "\n"
       "Examples:\n"
       "  kelvo channels\n"

@@ -8,10 +8,13 @@
 #include <fmt/format.h>
 
 #include "tools/cli/console.h"
+#include "tools/cli/text_columns.h"
 
 namespace {
 
 constexpr int BAR_WIDTH = 20;
+constexpr int NARROW_BAR_WIDTH = 6;
+constexpr int NARROW = 60;  // a screen whose room the text needs more
 
 std::string time_text(double seconds) {
   const int whole = static_cast<int>(std::clamp(seconds, 0.0, 1e6));
@@ -26,13 +29,14 @@ void Progress::draw(const std::string& text, std::optional<double> left) {
   if (!on_) {
     return;
   }
-  const int filled = total_ > 0 ? BAR_WIDTH * done_ / total_ : 0;
+  const int width = console::width() < NARROW ? NARROW_BAR_WIDTH : BAR_WIDTH;
+  const int filled = total_ > 0 ? width * done_ / total_ : 0;
   std::string line = fmt::format("[{}{}] {}/{}  {}{}", std::string(static_cast<size_t>(filled), '#'),
-                                 std::string(static_cast<size_t>(BAR_WIDTH - filled), '.'), done_, total_, text,
+                                 std::string(static_cast<size_t>(width - filled), '.'), done_, total_, text,
                                  left ? "  left " + time_text(*left) : "");
   // One column stays free: a line that fills the last one makes some terminals begin another, which is then not written
   // over.
-  line.resize(std::min(line.size(), static_cast<size_t>(std::max(1, console::width() - 1))));
+  line = fitting(line, std::max(1, console::width() - 1));
   // Back to the first column, and clear what the last line left behind this one.
   console::put("\r" + line + "\x1B[K");
   drawn_ = true;

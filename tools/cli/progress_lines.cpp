@@ -4,33 +4,13 @@
 #include "tools/cli/progress_lines.h"
 
 #include <algorithm>
-#include <cwchar>
 
 #include "tools/cli/console.h"
+#include "tools/cli/text_columns.h"
 
 namespace {
 
 constexpr size_t MOST_LINES = 20;
-
-// As much of the text as fits into so many columns.
-std::string cut(const std::string& text, int columns) {
-  std::mbstate_t state{};
-  size_t at = 0;
-  while (at < text.size()) {
-    wchar_t c = 0;
-    const size_t size = std::mbrtowc(&c, text.data() + at, text.size() - at, &state);
-    // A half character, or none: what stands before it is shown.
-    if (size == 0 || size > text.size()) {
-      break;
-    }
-    columns -= wcwidth(c) > 0 ? wcwidth(c) : 0;
-    if (columns < 0) {
-      break;
-    }
-    at += size;
-  }
-  return text.substr(0, at);
-}
 
 }  // namespace
 
@@ -46,7 +26,7 @@ void Progress_lines::draw(const std::vector<std::string>& lines) {
     if (drawn_ == most) {
       break;
     }
-    out += cut(line, console::width() - 1) + "\n";
+    out += fitting(line, console::width() - 1) + "\n";
     ++drawn_;
   }
   console::put(out);

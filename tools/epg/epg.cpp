@@ -38,6 +38,8 @@ struct Epg_options {
   std::optional<std::string> languages;
   std::string zone = "here";
   std::string format = "table";
+  bool show = false;
+  bool wide = false;
   std::string db;
 };
 
@@ -70,15 +72,19 @@ bool mentions(const Guide_event& event, const std::string& text) {
 // Leaves what the options ask for. `events` are those that have not ended at `now`, or those of the day.
 void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* events) {
   const std::string search = lower_case(clean_text(options.search.value_or("")));
-  std::set<int> seen;  // channels whose next event has been found
+  std::set<int> on;    // channels whose present event has been found
+  std::set<int> seen;  // and their next one
   // Events come sorted by start, so the first one of a channel behind the present is its next. It need not follow at
   // once: programmes may pause.
   const auto unwanted = [&](const Guide_event& event) {
-    if (options.now) {
-      return event.start > now || event.end() <= now;
+    if (options.now && event.start <= now) {
+      return event.end() <= now || !on.insert(event.channel).second;
     }
     if (options.next) {
       return event.start <= now || !seen.insert(event.channel).second;
+    }
+    if (options.now) {
+      return true;
     }
     return !search.empty() && !mentions(event, search);
   };
@@ -146,7 +152,15 @@ void show_guide(const Epg_options& options) {
   } else if (options.format == "xmltv") {
     print_guide_xmltv(events, services);
   } else {
-    print_guide_table(events, by_row, options.channel.has_value());
+    if (options.show) {
+      print_events_in_full(events, by_row);
+    } else if (options.now && options.next) {
+      print_now_and_next(events, by_row, now, options.wide);
+    } else {
+      print_guide_table(
+          events, by_row,
+          {.full = options.channel.has_value(), .one_time = options.now || options.next, .wide = options.wide});
+    }
     if (events.empty()) {
       // Somebody without a guide needs another advice than somebody whose search was too narrow.
       console::say(guide.counts().empty()
@@ -167,7 +181,7 @@ void add_epg(CLI::App& app, int* exit_code) {
                    "Logical channel number, name or part of it, or # and the row number of the database")
       ->type_name("NUMBER|NAME");
   CLI::Option* now = command->add_flag("--now", options->now, "What is on now");
-  CLI::Option* next = command->add_flag("--next", options->next, "What comes next")->excludes(now);
+  CLI::Option* next = command->add_flag("--next", options->next, "What comes next");
   CLI::Option* day =
       command->add_option("--day", options->day, "What is on that day: YYYY-MM-DD, today, tomorrow or yesterday")
           ->type_name("DATE")
@@ -188,13 +202,18 @@ void add_epg(CLI::App& app, int* exit_code) {
       ->check(CLI::IsMember({"table", "json", "xmltv"}))
       ->capture_default_str();
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
+  command->add_flag("--show", options->show, "The events in full, with all texts, instead of a table");
+  command->add_flag("--wide", options->wide, "All columns in full, however narrow the terminal is");
   command->require_subcommand(0, 1);
   command->footer(
       "Without --now, --next, --day or --search: everything that has not ended yet. Times are those of your zone.\n"
-      "No adapter is needed. With --channel a table shows the extended texts, too.\n"
+      "--now and --next together: one line a channel. No adapter is needed. With --channel a table has the extended\n"
+      "texts, too. A terminal shortens titles and texts; --show has all of them.\n"
       "\n"
       "Examples:\n"
       "  kelvo epg --now --lang eng\n"
+      "  kelvo epg --now --next\n"
+      "  kelvo epg --channel 1 --now --show\n"
       "  kelvo epg --channel 1 --day tomorrow\n"
       "  kelvo epg --format xmltv > guide.xml");
   add_epg_update(*command, exit_code);

@@ -10,46 +10,12 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/cli/console.h"
-#include "tools/cli/local_time.h"
-#include "tools/cli/table.h"
+#include "tools/epg/event_words.h"
 
 namespace {
 
 constexpr const char* ISO_TIME = "%Y-%m-%dT%H:%M:%S%z";
 constexpr const char* XMLTV_TIME = "%Y%m%d%H%M%S %z";
-
-// In the zone of its multiplex, where that is asked for and known, else in the reader's.
-std::string time_text(const Guide_event& event, int64_t seconds, const char* format) {
-  return event.zone ? zone_time(seconds, event.zone->offset_at(seconds), format) : local_time(seconds, format);
-}
-
-std::string items_text(const Event_text& text) {
-  std::string out;
-  for (const auto& [name, item] : text.items) {
-    out += (out.empty() ? "" : "; ") + name + (name.empty() || item.empty() ? "" : ": ") + item;
-  }
-  return out;
-}
-
-std::string full_text(const Event_text& text) {
-  std::string out;
-  for (const std::string& part : {text.description, text.extended, items_text(text)}) {
-    if (!part.empty()) {
-      out += (out.empty() ? "" : " ") + part;
-    }
-  }
-  return out;
-}
-
-// The texts come in the order of the languages that were asked for.
-const Event_text& best(const Guide_event& event) {
-  static const Event_text none;
-  return event.texts.empty() ? none : event.texts.front();
-}
-
-std::string or_dash(const std::string& text) {
-  return text.empty() ? "-" : text;
-}
 
 // The DTD recommends ids in the form of domain names. The row number stays the same when a name or a channel number
 // changes, so that readers keep their settings.
@@ -112,20 +78,6 @@ void add_programme(pugi::xml_node tv, const Guide_event& event) {
 }
 
 }  // namespace
-
-void print_guide_table(const std::vector<Guide_event>& events, const std::map<int, Service>& services, bool full) {
-  using enum Table::Align;
-  Table table({{"LCN", RIGHT}, {"CHANNEL"}, {"DATE"}, {"TIME"}, {"TITLE"}, {"TEXT", LEFT, true}});
-  for (const Guide_event& event : events) {
-    const Service& service = services.at(event.channel);
-    const Event_text& text = best(event);
-    table.add({service.lcn == NO_LCN ? "-" : std::to_string(service.lcn), or_dash(service.name),
-               time_text(event, event.start, "%Y-%m-%d"),
-               time_text(event, event.start, "%H:%M") + "-" + time_text(event, event.end(), "%H:%M"),
-               or_dash(text.title), or_dash(full ? full_text(text) : text.description)});
-  }
-  table.print(stdout);
-}
 
 void print_guide_json(const std::vector<Guide_event>& events, const std::map<int, Service>& services) {
   nlohmann::ordered_json out = nlohmann::ordered_json::array();

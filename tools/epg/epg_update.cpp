@@ -40,6 +40,8 @@ namespace {
 constexpr int LOOK_INTERVAL_MS = 200;
 constexpr int DEFAULT_TIME_S = 600;  // for each multiplex
 constexpr int BAR_WIDTH = 16;
+constexpr int NARROW_BAR_WIDTH = 6;
+constexpr int NARROW = 60;  // a screen on which names come before numbers
 
 struct Update_options {
   std::vector<int> adapters;
@@ -86,20 +88,20 @@ std::string table_of(const EIT_progress& service) {
   return number(service.table) + "/" + number(service.last_table);
 }
 
-std::string bar(const Guide_progress& progress) {
+std::string bar(const Guide_progress& progress, int width) {
   int filled = 0;
   const EIT_progress& service = progress.service;
   if (progress.state != Guide_state::COLLECTING) {
-    filled = BAR_WIDTH;
+    filled = width;
   } else if (service.whole) {
-    filled = BAR_WIDTH * service.sections / (std::max(service.sections, service.sections_of) + 1);
+    filled = width * service.sections / (std::max(service.sections, service.sections_of) + 1);
   } else if (service.last_table >= table::EIT_SCHEDULE_FIRST && service.table >= table::EIT_SCHEDULE_FIRST) {
     const int tables = service.last_table - table::EIT_SCHEDULE_FIRST + 1;
     const int reached = service.table - table::EIT_SCHEDULE_FIRST + 1;
     // Two tables more than there are, so that the bar is full only when the service is complete.
-    filled = std::min(BAR_WIDTH, BAR_WIDTH * reached / (tables + 2));
+    filled = std::min(width, width * reached / (tables + 2));
   }
-  return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(BAR_WIDTH - filled), '.');
+  return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(width - filled), '.');
 }
 
 std::string seconds_text(int ms) {
@@ -247,8 +249,11 @@ void Update::draw() {
         std::count_if(seen_.begin(), seen_.end(), [](const Guide_multiplex& other) { return other.over(); }),
         seen_.size()));
     for (const Guide_progress& progress : multiplex.services) {
-      lines.push_back(fmt::format("  [{}] {:5} events  {}  {}", bar(progress), progress.service.events,
-                                  table_of(progress.service), name_of(progress.service.channel)));
+      const std::string name = name_of(progress.service.channel);
+      lines.push_back(console::width() < NARROW
+                          ? fmt::format(" [{}] {}  {}", bar(progress, NARROW_BAR_WIDTH), name, progress.service.events)
+                          : fmt::format("  [{}] {:5} events  {}  {}", bar(progress, BAR_WIDTH), progress.service.events,
+                                        table_of(progress.service), name));
     }
   }
   lines_.draw(lines);
@@ -295,7 +300,8 @@ void Update::say_news() {
 
 void Update::report() {
   using enum Table::Align;
-  Table table({{"MULTIPLEX", RIGHT}, {"LCN", RIGHT}, {"NAME"}, {"EVENTS", RIGHT}, {"GUIDE"}});
+  using enum Table::Fit;
+  Table table({{"MULTIPLEX", RIGHT, WHOLE, 1}, {"LCN", RIGHT}, {"NAME"}, {"EVENTS", RIGHT}, {"GUIDE", LEFT, WORDS}});
   int complete = 0;
   int services = 0;
   int events = 0;

@@ -45,6 +45,7 @@ struct Scan_options {
   Scan_choice choice;
   bool follow = false;
   bool json = false;
+  bool wide = false;
   std::optional<std::string> time;
   Receiver_options receiver;
   std::string db;
@@ -55,8 +56,9 @@ class Scan {
  public:
   // `seconds` for everything, where that is limited.
   Scan(const std::vector<Tuning_request>& requests, std::optional<int> seconds, const std::string& db, int verbosity,
-       bool json)
+       bool json, bool wide)
       : json_(json),
+        wide_(wide),
         db_(db),
         requests_(requests),
         seconds_(seconds),
@@ -79,6 +81,7 @@ class Scan {
   int end_code() const;
 
   bool json_;
+  bool wide_;
   std::string db_;
   std::vector<Tuning_request> requests_;
   std::optional<int> seconds_;
@@ -147,7 +150,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   if (json_) {
     fmt::print("{}\n", scan_json(lines_, before, reader_->services(true)).dump(2));
   } else {
-    print_report(stdout, lines_, before, after);
+    print_report(stdout, lines_, before, after, wide_);
   }
   // Only remembered here: that a database could not be written is worse news than that the report could not, and comes
   // first.
@@ -398,7 +401,8 @@ int scan(const Scan_options& options) {
   for (const std::string& line : what.lines) {
     console::say("kelvo: " + line);
   }
-  return Scan(what.requests, seconds, db, options.verbosity - 1, options.json).run(frontends, exists, options.follow);
+  return Scan(what.requests, seconds, db, options.verbosity - 1, options.json, options.wide)
+      .run(frontends, exists, options.follow);
 }
 
 }  // namespace
@@ -431,6 +435,8 @@ void add_scan(CLI::App& app, int* exit_code) {
       ->excludes(country);
   command->add_flag("--follow", options->follow, "Scan as well what the multiplexes found announce");
   command->add_flag("--json", options->json, "The report as one object, for programs: multiplexes, changes, channels");
+  command->add_flag("--wide", options->wide,
+                    "A line for each frequency, and all columns in full, however narrow the terminal is");
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; what was found is kept")
       ->type_name("TIME");
   add_receiver_options(command, &options->receiver);

@@ -4,6 +4,7 @@
 #include "tools/scan/scan_report.h"
 
 #include <algorithm>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -86,6 +87,42 @@ std::string count_text(int count, const char* what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
+// Frequencies that have nothing, of which there is no more to say than why.
+constexpr size_t MANY = 4;
+
+struct Nothing_there {
+  size_t count = 0;
+  int first_hz = 0;
+  int last_hz = 0;
+  double seconds = 0;
+};
+using Nothing = std::map<std::string, Nothing_there>;  // by reason
+
+bool has_nothing(const Multiplex_line& line) {
+  const Multiplex_result& result = line.result;
+  // Where there is a signal, or the device has failed, people want to know at which frequency.
+  const bool silent = result.outcome == Outcome::NO_LOCK &&
+                      (result.tuning.outcome == TUNING_NO_SIGNAL || no_lock_text(result.tuning) == no_lock_text({}));
+  return (silent || (!was_tuned(result.outcome) && !has_services(result.outcome))) &&
+         with_notes(line) == outcome_text(result);
+}
+
+Nothing summed_up(const std::vector<Multiplex_line>& lines) {
+  Nothing all;
+  for (const Multiplex_line& line : lines) {
+    if (!has_nothing(line)) {
+      continue;
+    }
+    Nothing_there& there = all[outcome_text(line.result)];
+    there.first_hz = there.count == 0 ? line.result.freq : there.first_hz;
+    there.last_hz = line.result.freq;
+    there.seconds += was_tuned(line.result.outcome) ? line.result.seconds : 0;
+    ++there.count;
+  }
+  std::erase_if(all, [](const auto& one) { return one.second.count < MANY; });
+  return all;
+}
+
 std::string from_to(const std::string& before, const std::string& after) {
   return before == after ? after : before + " -> " + after;
 }
@@ -131,18 +168,21 @@ std::string multiplex_text(const Multiplex_line& line) {
 }
 
 void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std::vector<Service>& before,
-                  const std::vector<Service>& after) {
+                  const std::vector<Service>& after, bool wide) {
   std::sort(multiplexes.begin(), multiplexes.end(),
             [](const Multiplex_line& a, const Multiplex_line& b) { return a.result.freq < b.result.freq; });
   using enum Table::Align;
+  using enum Table::Fit;
   Table lines({{"MULTIPLEX", RIGHT},
-               {"ADAPTER", RIGHT},
-               {"SYSTEM"},
-               {"STRENGTH", RIGHT},
-               {"SNR", RIGHT},
+               {"ADAPTER", RIGHT, WHOLE, 5},
+               {"SYSTEM", LEFT, WHOLE, 2},
+               {"STRENGTH", RIGHT, WHOLE, 3},
+               {"SNR", RIGHT, WHOLE, 1},
                {"SERVICES", RIGHT},
-               {"TIME", RIGHT},
-               {"RESULT"}});
+               {"TIME", RIGHT, WHOLE, 4},
+               {"RESULT", LEFT, WORDS}},
+              wide);
+  const Nothing nothing = wide ? Nothing{} : summed_up(multiplexes);
   int found = 0;
   int services = 0;
   for (const Multiplex_line& line : multiplexes) {
@@ -151,6 +191,9 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
     const bool tuned = was_tuned(result.outcome);
     found += counted ? 1 : 0;
     services += counted ? line.services - line.doubles : 0;
+    if (has_nothing(line) && nothing.contains(outcome_text(result))) {
+      continue;
+    }
     lines.add({mhz(result.freq), result.adapter < 0 ? "-" : std::to_string(result.adapter),
                tuned ? system_text(result.tuning) : "-",
                tuned ? strength_text(shown(result.signal.strength, result.outcome)) : "-",
@@ -159,9 +202,19 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
                with_notes(line)});
   }
   lines.print(out);
+  for (const auto& [reason, there] : nothing) {
+    fmt::print(out, "{}: {} frequencies from {} to {}{}\n", reason, there.count, mhz(there.first_hz),
+               mhz(there.last_hz), there.seconds > 0 ? fmt::format(", {:.0f} s", there.seconds) : "");
+  }
 
   const std::vector<Changed_service> changed = service_changes(before, after);
-  Table table({{"CHANGE"}, {"LCN", RIGHT}, {"NAME"}, {"TYPE"}, {"PROVIDER"}, {"FREQUENCY", RIGHT}});
+  Table table({{"CHANGE", LEFT, WORDS},
+               {"LCN", RIGHT},
+               {"NAME"},
+               {"TYPE", LEFT, WHOLE, 2},
+               {"PROVIDER", LEFT, WHOLE, 3},
+               {"FREQUENCY", RIGHT, WHOLE, 1}},
+              wide);
   int counts[4] = {};
   for (const Changed_service& entry : changed) {
     const Service& service = *entry.service;

@@ -23,7 +23,8 @@ std::string outcome_text(const Multiplex_result& result);
 // What happened on one frequency: "locked, 8 services, 3.2 s".
 std::string multiplex_text(const Multiplex_line& line);
 
-// What a scan changed: a line a multiplex, by frequency; a table of the services that are new, back and lost; a line of
-// totals. `before` and `after` are all services of the database.
+// What a scan changed: a line a multiplex, by frequency, and one for all frequencies of which many have nothing and the
+// same reason; a table of the services that are new, back and lost; a line of totals. `before` and `after` are all
+// services of the database. `wide`: a line each, and all columns in full on a terminal.
 void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std::vector<Service>& before,
-                  const std::vector<Service>& after);
+                  const std::vector<Service>& after, bool wide = false);

@@ -1,0 +1,30 @@
+// SPDX-FileCopyrightText: the libkelvo++ authors
+// SPDX-License-Identifier: LGPL-2.1-or-later
+
+#pragma once
+
+#include <string>
+
+#include "tools/database/channel_db.h"
+#include "tools/database/guide_db.h"
+
+// Events of the guide in words.
+
+// A time of the event in the zone of its multiplex, where that is asked for and known, else in the reader's; `format`
+// is strftime's.
+std::string time_text(const Guide_event& event, int64_t seconds, const char* format);
+
+// "20:15-21:00".
+std::string hours_text(const Guide_event& event);
+
+// The text in the language that was asked for, or the first one; an empty one where there is none.
+const Event_text& best_text(const Guide_event& event);
+
+// Description, extended text and items in one.
+std::string full_text(const Event_text& text);
+
+// A dash for an empty text: an empty cell would look like a shifted column.
+std::string or_dash(const std::string& text);
+
+// The channel's number, or a dash.
+std::string lcn_text(const Service& service);

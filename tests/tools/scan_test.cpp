@@ -141,7 +141,7 @@ TEST_F(Scan, says_when_a_table_never_came) {
 }
 
 TEST_F(Scan, says_whose_pmts_never_came) {
-  const Words without_pmt = joined({network("x40"), {"--section", "256/2=silence"}});
+  const Words without_pmt = joined({network("x10"), {"--section", "256/2=silence"}});
   EXPECT_THAT(scan(without_pmt, {"--freq", "522000000", "--profile", "box"}),
               ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"));
   EXPECT_THAT(scan(without_pmt, {"--freq", "522000000"}),

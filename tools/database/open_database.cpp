@@ -42,7 +42,7 @@ Database_error first_failure(Sdbl* database) {
 std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists) {
   std::unique_ptr<Sdbl> database;
   try {
-    database = std::make_unique<Sdbl>(file.c_str());
+    database = std::make_unique<Sdbl>(file.c_str(), Durability::FULL);
   } catch (const no_file_error& error) {
     throw Failure(fmt::format("{}: cannot be opened: {}", file, error.what()));
   }

@@ -8,7 +8,7 @@
 
 class Sdbl;
 
-// Opens the files for a command that writes them; Failure when they cannot be opened or written, and those that this
+// Opens the files, durably, for a command that writes them; Failure when they cannot be opened or written, and those that this
 // call made (`exists` false) are gone again then.
 std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists);
 

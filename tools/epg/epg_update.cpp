@@ -175,8 +175,8 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   try {
     engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
   } catch (const Failure&) {
-    database_.reset();
     reader_.reset();
+    database_.reset();
     if (!exists) {
       remove_database(db_);  // only here is it known that another program has the frontend
     }

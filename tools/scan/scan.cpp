@@ -118,8 +118,8 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   try {
     engine_ = std::make_unique<Engine>(frontends, requests_, database_.get());
   } catch (const Failure&) {
-    database_.reset();
     reader_.reset();
+    database_.reset();
     if (!exists) {
       remove_database(db_);  // only here is it known that another program has the frontend
     }

@@ -85,8 +85,8 @@ soak: packages-build+test+bench
 
 kill: packages-build+test
 	@cmake --preset dev
-	@cmake --build --preset dev -j$(JOBS) --target db_ending_test
-	@KELVO_KILLS=$${KELVO_KILLS:-300} build/dev/tests/db/db_ending_test --gtest_filter='*Endings*'
+	@cmake --build --preset dev -j$(JOBS) --target db_ending_test softdvb
+	@KELVO_KILLS=$${KELVO_KILLS:-300} build/dev/softdvb/softdvb -- build/dev/tests/db/db_ending_test --gtest_filter='*Endings*'
 
 months: packages-build+test+bench
 	@cmake --preset release

@@ -79,7 +79,7 @@ int Guide_room::remove(int age_sec, bool waits) {
   int removed = 0;
   for (size_t first = 0; first < entries.size(); first += PURGED_AT_ONCE) {
     Transaction transaction(connection_, Db_file::GUIDE, {.waits = waits});
-    int rc = transaction.busy() ? transaction.code() : SQLITE_OK;
+    int rc = transaction.busy() || transaction.moved() ? transaction.code() : SQLITE_OK;
     int gone = 0;
     for (size_t i = first; rc == SQLITE_OK && i < std::min(first + PURGED_AT_ONCE, entries.size()); ++i) {
       gone += statements_.try_run(PURGE, 0, "DELETE from epglist where entry = $entry", entries[i]).changes;

@@ -9,8 +9,8 @@ void Guide_section::begin() {
   if (transaction_)
     return;
   transaction_.emplace(connection_, Db_file::GUIDE, Transaction::Options{.waits = guide_.waits_for_others()});
-  dropped_ = transaction_->busy();
-  guide_.note_others(dropped_);
+  dropped_ = transaction_->busy() || transaction_->moved();
+  guide_.note_others(transaction_->busy());
   if (dropped_)
     guide_.report(transaction_->code());
 }

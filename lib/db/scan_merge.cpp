@@ -86,6 +86,12 @@ Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE stat
          multiplex.freq, SQLITE_BUSY);
     return {Merge_outcome::BUSY, 0};
   }
+  if (transaction.moved()) {
+    errors_.remember(transaction.code(), MERGE_OPERATION);
+    KLOG(VERB_ERROR, "ERROR: Another program has moved or replaced the file: the channels of %d Hz are not stored\n",
+         multiplex.freq);
+    return {Merge_outcome::FAILED, 0};
+  }
   if ((state == SCAN_PAT || state == SCAN_PMT) && !fits(dvbnr) && !adds_nothing(dvbnr, multiplex.freq, state)) {
     errors_.remember(SQLITE_FULL, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: No room for the channels of %d Hz: nothing is stored, rc = %d\n", multiplex.freq,

@@ -76,6 +76,11 @@ int Transaction::begin(bool tries_disk) {
     state_ = State::INNER;
     return SQLITE_OK;
   }
+  // What is promised to last must not go where no name leads to.
+  int moved = 0;
+  if (connection_.durability() == Durability::FULL &&
+      sqlite3_file_control(conn, sql_.schema, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0)
+    return SQLITE_READONLY_DBMOVED;
   (void)sqlite3_busy_timeout(conn, 0);
   std::string journal;
   (void)connection_.run_literal(sql_.journal, &journal);

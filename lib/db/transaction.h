@@ -35,6 +35,8 @@ class Transaction {
   // locked (busy), or it cannot be written. Prints nothing.
   bool is_open() const { return state_ != State::NONE; }
   bool busy() const { return (code_ & 0xFF) == SQLITE_BUSY; }
+  // Another program has moved, removed or replaced the file. Found out of durable files only.
+  bool moved() const { return code_ == SQLITE_READONLY_DBMOVED; }
   int code() const { return code_; }  // why it did not begin; SQLITE_OK when it did
 
   // True when SQLite has undone it already, because a statement found no room or could not be read or written. Further

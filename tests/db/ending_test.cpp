@@ -9,6 +9,7 @@
 
 #include "db_support.h"
 #include "disk_log.h"
+#include "support/softdvb.h"
 
 using db_support::Other_connection;
 using support::messages_at;
@@ -49,6 +50,7 @@ struct Work {
   void (*run)(Sdbl& database, const std::string& folder, int rounds, const Done& done);
   // What is missing of what had been done, in the files of a folder; empty for nothing.
   std::string (*missing)(const std::string& folder, int64_t done);
+  bool in_dvbfiles = false;  // exports of the guide use that folder, which only the software adapter gives to everybody
 };
 
 void scan(Sdbl& database, int multiplex) {
@@ -146,11 +148,56 @@ std::string missing_copy(const std::string& folder, int64_t done) {
   return std::filesystem::exists(copy + "-wal") ? "the copy is not one file" : "";
 }
 
+constexpr int EVENTS_A_COPY = 20;
+
+// Each copy has more events than the one before, and loses old ones.
+void guide_copies(Sdbl& database, const std::string& folder, int rounds, const Done& done) {
+  int known = 0;
+  database.sql_get_int(&known, 0, "SELECT count(*) FROM epglist WHERE start_epoch >= %d", static_cast<int>(TO_COME));
+  database.set_backup_file_name((folder + "/copy.db").c_str());
+  for (int round = known / EVENTS_A_COPY; rounds > 0; ++round, --rounds) {
+    add_events(database, TO_COME + 60LL * EVENTS_A_COPY * round, EVENTS_A_COPY);
+    add_events(database, NOW_PAST, 60);
+    database.backup_database(true);
+    done(round + 1);
+  }
+}
+
+std::string missing_guide_copy(const std::string& folder, int64_t done) {
+  const std::string copy = folder + "/copy_epg.db";
+  if (!std::filesystem::exists(copy))
+    return done > 0 ? "the copy" : "";
+  if (!is_sound(copy))
+    return "half of the copy";
+  const int found = first_number(copy, "SELECT count(*) FROM epglist");
+  if (found < done * EVENTS_A_COPY || found % EVENTS_A_COPY != 0 ||
+      first_number(copy, "SELECT count(*) FROM epglist WHERE start_epoch < " + std::to_string(TO_COME)) != 0)
+    return "a copy of " + std::to_string(found) + " of " + std::to_string(done * EVENTS_A_COPY) + " events";
+  return std::filesystem::exists(copy + "-wal") ? "the copy is not one file" : "";
+}
+
 const Work WORKS[] = {
     {"merge", [](Sdbl&) {}, merge, missing_channels},
     {"events", [](Sdbl&) {}, events, missing_events},
     {"purge", [](Sdbl& database) { add_events(database, TO_COME, 200); }, purge, missing_after_purge},
     {"export", [](Sdbl&) {}, copies, missing_copy},
+    {"guide_export", [](Sdbl&) {}, guide_copies, missing_guide_copy, true},
+};
+
+// An empty folder for a work.
+class Folder {
+ public:
+  explicit Folder(const Work& work) : path_(work.in_dvbfiles ? "/dvbfiles" : temporary_.path()) {
+    if (work.in_dvbfiles)
+      for (const auto& entry : std::filesystem::directory_iterator(path_))
+        std::filesystem::remove_all(path_ + "/" + entry.path().filename().string());
+  }
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  const support::Temp_dir temporary_;
+  const std::string path_;
 };
 
 // A program of its own that works on the files of a folder, and what it has said of it.
@@ -202,6 +249,10 @@ class Worker {
 class Endings : public testing::TestWithParam<Work> {
  protected:
   Endings() : random_(seed()) {}
+  void SetUp() override {
+    if (GetParam().in_dvbfiles && !support::under_softdvb())
+      GTEST_SKIP() << "only under softdvb is there a folder /dvbfiles";
+  }
 
   void make(const std::string& folder, Durability durability) {
     (void)messages_at(-1, [&] {
@@ -233,11 +284,11 @@ INSTANTIATE_TEST_SUITE_P(, Endings, testing::ValuesIn(WORKS), [](const auto& wor
 
 TEST_P(Endings, durable_files_lose_nothing_when_the_program_is_killed) {
   const int kills = wanted(6);
-  std::unique_ptr<support::Temp_dir> folder;
+  std::unique_ptr<Folder> folder;
   int wrong_ones = 0;
   for (int round = 0; round < kills; ++round) {
     if (round % 10 == 0) {  // else what the last one has left is gone on with
-      folder = std::make_unique<support::Temp_dir>();
+      folder = std::make_unique<Folder>(GetParam());
       make(folder->path(), Durability::FULL);
     }
     Worker worker(GetParam(), folder->path(), Durability::FULL);
@@ -256,7 +307,7 @@ TEST_P(Endings, files_without_a_journal_that_a_kill_damages_are_recognised) {
   const int kills = wanted(6);
   int damaged = 0;
   for (int round = 0; round < kills; ++round) {
-    const support::Temp_dir folder;
+    const Folder folder(GetParam());
     make(folder.path(), Durability::NONE);
     Worker worker(GetParam(), folder.path(), Durability::NONE);
     if (random_() % 8 != 0)
@@ -275,7 +326,7 @@ TEST_P(Endings, files_without_a_journal_that_a_kill_damages_are_recognised) {
 
 TEST_P(Endings, durable_files_lose_nothing_that_waited_for_the_disk_when_the_power_fails) {
   const int cuts = wanted(20);
-  const support::Temp_dir folder;
+  const Folder folder(GetParam());
   make(folder.path(), Durability::FULL);
   disk_log::record(folder.path());
   (void)messages_at(-1, [&] {
@@ -303,7 +354,7 @@ TEST_P(Endings, durable_files_lose_nothing_that_waited_for_the_disk_when_the_pow
 // The model's disk does lose and tear what was not synced: without a journal that is seen.
 TEST_P(Endings, files_without_a_journal_that_a_power_cut_damages_are_recognised) {
   const int cuts = wanted(20);
-  const support::Temp_dir folder;
+  const Folder folder(GetParam());
   make(folder.path(), Durability::NONE);
   disk_log::record(folder.path());
   (void)messages_at(-1, [&] {

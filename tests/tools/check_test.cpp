@@ -160,6 +160,87 @@ TEST_F(Check, files_in_use_and_what_is_no_file_are_left_alone) {
   EXPECT_EQ(check(), fails(guide_ + ": not a file; name another one with --db"));
 }
 
+// A folder that cannot be written, seen by one program.
+class Read_only : public Check {
+ protected:
+  void SetUp() override {
+    if (run_command({"unshare", "-rm", "true"}).exit_code != 0)
+      GTEST_SKIP() << "no file system can be mounted here";
+  }
+  Command_result run(const Words& command) const {
+    const std::string script = "mount --bind " + dir_.path() + " " + dir_.path() + " && mount -o remount,ro,bind " +
+                               dir_.path() + " && exec \"$@\"";
+    return run_command(joined({{"unshare", "-rm", "sh", "-c", script, "sh", KELVO_COMMAND}, command, {"--db", db_}}));
+  }
+};
+
+// Each is what a copy, a card or a network drive may hold.
+TEST_F(Read_only, databases_are_read_or_it_is_said_what_is_missing) {
+  const auto copy_open = [this](const Words& endings) {
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(db_.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "PRAGMA journal_mode = WAL; UPDATE kanalid SET lcn = 5", nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    for (const std::string& ending : endings)
+      std::filesystem::copy_file(db_ + ending, copy_ + ending);
+    sqlite3_close(other);
+    for (const std::string& ending : endings)
+      std::filesystem::rename(copy_ + ending, db_ + ending);
+  };
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    bool is_read;
+  } rows[] = {
+      {"closed", [] {}, true},
+      {"of another program, which said that it has a log",
+       [this] {
+         run_sql(db_, "PRAGMA journal_mode = WAL; UPDATE kanalid SET lcn = 5");
+         run_sql(guide_, "PRAGMA journal_mode = WAL; DELETE FROM epglist WHERE entry > 7");
+       },
+       true},
+      {"copied while open, without its log", [&] { copy_open({""}); }, true},
+      {"copied while open, whole",
+       [&] {
+         copy_open({"", "-wal", "-shm"});
+       },
+       true},
+      {"copied while open, without the shared memory",
+       [&] {
+         copy_open({"", "-wal"});
+       },
+       false},
+  };
+  const std::string channels = read_file(db_), guide = read_file(guide_);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::filesystem::remove(db_ + "-wal");
+    std::filesystem::remove(db_ + "-shm");
+    write_file(db_, channels);
+    write_file(guide_, guide);
+    row.make();
+    for (const Words& command : {Words{"channels"}, Words{"epg", "--day", "2096-10-02"}, Words{"check"}}) {
+      SCOPED_TRACE(command.front());
+      if (row.is_read) {
+        EXPECT_THAT(run(command), ends(0, testing::Not(""), ""));
+      } else {
+        EXPECT_EQ(run(command), fails(db_ + ": needs " + db_ +
+                                      "-wal, which cannot be used here; copy both to a folder that can be written"));
+      }
+    }
+    const Command_result there = run({"channels"});
+    EXPECT_EQ(there == run_command({KELVO_COMMAND, "channels", "--db", db_}), row.is_read) << "with what is in the log";
+  }
+}
+
+TEST_F(Read_only, a_repair_is_refused_in_one_line) {
+  damage(db_, "kanalid");
+  const std::string before = read_file(db_);
+  EXPECT_THAT(run({"check", "--repair"}),
+              ends(1, "", MatchesRegex("kelvo: " + dir_.path() + "/[^\n]*: cannot be made: Read-only file system\n")));
+  EXPECT_TRUE(read_file(db_) == before);
+}
+
 // Readers, on every way that a file can be bad: one line, and no more than an exit code.
 TEST_F(Check, readers_of_bad_files_say_one_line) {
   const std::string channels = read_file(db_), guide = read_file(guide_);

@@ -88,6 +88,7 @@ TEST_F(Epg_update, collects_the_frequencies_that_are_named) {
 TEST_F(Epg_update, a_frequency_that_is_not_known_is_scanned_first) {
   EXPECT_THAT(update(network(), {"--freq", "514000000"}), ends(0, ONLY_514));
   EXPECT_EQ(value(db_, "SELECT count(*) FROM kanalid;"), "1");
+  EXPECT_EQ(value(dir_.file("dvb.db.good"), "SELECT count(*) FROM kanalid;"), "1") << "the copy for a repair";
 }
 
 TEST_F(Epg_update, a_multiplex_without_a_lock_does_not_stop_the_others) {

@@ -145,6 +145,8 @@ TEST_F(Watch, says_when_the_streams_of_a_service_change) {
   scan(options, {"506000000"});
   EXPECT_THAT(said(watch(options, {"1", "--for", "25s"})),
               AllOf(Contains("streams changed").Times(1), Not(Contains("channels changed"))));
+  EXPECT_EQ(value(dir_.file("dvb.db.good"), "SELECT count(*) FROM estreams WHERE es_pid IN (900, 901)"), "2")
+      << "the copy for a repair follows";
   EXPECT_EQ(value(db_, "SELECT group_concat(es_pid) FROM (SELECT es_pid FROM estreams ORDER BY es_pid);"), "900,901");
 }
 

@@ -77,7 +77,7 @@ std::string database_to_read(const std::string& named) {
     // Making the tables of a new file is no news for somebody who only wanted to look.
     const console::Quiet_library quiet(-1);
     try {
-      const Sdbl made(file.c_str());
+      const Sdbl made(file.c_str(), Durability::FULL);
     } catch (const no_file_error& error) {
       throw Failure(fmt::format("{}: cannot be made: {}", file, error.what()));
     }

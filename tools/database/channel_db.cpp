@@ -26,6 +26,7 @@
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/database/folder_of.h"
+#include "tools/database/open_to_read.h"
 #include "tools/database/statement.h"
 
 namespace {
@@ -140,6 +141,11 @@ bool check_file(const std::string& file) {
   if (access(file.c_str(), R_OK | W_OK) != 0) {
     throw Failure(fmt::format("{}: cannot be written: {}", file, strerror(errno)));
   }
+  // Its log is made there.
+  const std::string folder = folder_of(file);
+  if (access(folder.c_str(), W_OK | X_OK) != 0) {
+    throw Failure(fmt::format("{}: cannot be written: {}: {}", file, folder, strerror(errno)));
+  }
   return true;
 }
 
@@ -253,12 +259,8 @@ bool check_database(const std::string& file) {
   char guide[4096];
   Sdbl::mapto_epg_filename(guide, file.c_str());
   if (check_file(guide)) {
-    sqlite3* connection = nullptr;
-    // A failure to open shows in the first statement, which names the reason.
-    (void)sqlite3_open_v2(guide, &connection, SQLITE_OPEN_READONLY, nullptr);
-    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(connection, sqlite3_close);
-    (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);
-    Statement check(connection, guide, "PRAGMA quick_check(1);");
+    const Connection connection = open_to_read(guide);
+    Statement check(connection.get(), guide, "PRAGMA quick_check(1);");
     if (!check.step() || check.raw_text(0) != "ok") {
       throw Failure(fmt::format("{}: the guide is damaged; 'kelvo check --repair' mends it", guide));
     }
@@ -286,52 +288,36 @@ Channel_db::Channel_db(const std::string& file) : file_(file) {
   if (!S_ISREG(status.st_mode)) {
     throw Failure(fmt::format("{}: not a file; name another one with --db", file));
   }
-  const int code = sqlite3_open_v2(file.c_str(), &connection_, SQLITE_OPEN_READONLY, nullptr);
-  if (code != SQLITE_OK) {
-    const std::string reason = connection_ != nullptr ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);
-    (void)sqlite3_close(connection_);
-    throw Failure(fmt::format("{}: cannot be opened: {}", file, reason));
-  }
-  // Another kelvo may be scanning into this file: its writes are short, so waiting for them is better than failing.
-  (void)sqlite3_busy_timeout(connection_, BUSY_WAIT_MS);
-  try {
-    check_layout();
-  } catch (...) {
-    (void)sqlite3_close(connection_);
-    throw;
-  }
-}
-
-Channel_db::~Channel_db() {
-  (void)sqlite3_close(connection_);
+  connection_ = open_to_read(file);
+  check_layout();
 }
 
 void Channel_db::check_layout() const {
-  if (!has_any_table(connection_, file_)) {
+  if (!has_any_table(connection_.get(), file_)) {
     return;  // An empty file becomes a database when it is first scanned into.
   }
-  if (!has_table(connection_, file_, "kanalid")) {
+  if (!has_table(connection_.get(), file_, "kanalid")) {
     throw Failure(fmt::format("{}: not a channel database; name another file with --db", file_));
   }
   // Preparing is the check: it fails where a column is missing. The two other tables are newer and may be absent.
-  const Statement services(connection_, file_, SERVICE_COLUMNS);
-  if (has_table(connection_, file_, "estreams")) {
-    const Statement streams(connection_, file_, STREAM_COLUMNS);
+  const Statement services(connection_.get(), file_, SERVICE_COLUMNS);
+  if (has_table(connection_.get(), file_, "estreams")) {
+    const Statement streams(connection_.get(), file_, STREAM_COLUMNS);
   }
-  if (has_table(connection_, file_, "kanalid_lang")) {
-    const Statement names(connection_, file_, NAME_COLUMNS);
+  if (has_table(connection_.get(), file_, "kanalid_lang")) {
+    const Statement names(connection_.get(), file_, NAME_COLUMNS);
   }
 }
 
 std::vector<Service> Channel_db::services(bool with_streams) const {
   std::vector<Service> out;
-  if (!has_table(connection_, file_, "kanalid")) {
+  if (!has_table(connection_.get(), file_, "kanalid")) {
     return out;
   }
   // Streams and names are read in one go each and sorted in by row: hundreds of services would otherwise cost hundreds
   // of queries each.
   std::map<int, size_t> places;
-  Statement rows(connection_, file_, SERVICE_COLUMNS);
+  Statement rows(connection_.get(), file_, SERVICE_COLUMNS);
   while (rows.step()) {
     Service service;
     service.channel = rows.number(0);
@@ -353,8 +339,8 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
     places[service.channel] = out.size();
     out.push_back(std::move(service));
   }
-  if (has_table(connection_, file_, "service_detail")) {
-    Statement hidden(connection_, file_, HIDDEN_COLUMNS);
+  if (has_table(connection_.get(), file_, "service_detail")) {
+    Statement hidden(connection_.get(), file_, HIDDEN_COLUMNS);
     while (hidden.step()) {
       const auto place = places.find(hidden.number(0));
       if (place != places.end()) {
@@ -365,8 +351,8 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
   if (!with_streams) {
     return out;
   }
-  if (has_table(connection_, file_, "kanalid_lang")) {
-    Statement names(connection_, file_, NAME_COLUMNS);
+  if (has_table(connection_.get(), file_, "kanalid_lang")) {
+    Statement names(connection_.get(), file_, NAME_COLUMNS);
     while (names.step()) {
       const auto place = places.find(names.number(0));
       if (place != places.end() && !names.text(2).empty()) {
@@ -374,8 +360,8 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
       }
     }
   }
-  if (has_table(connection_, file_, "estreams")) {
-    Statement streams(connection_, file_, STREAM_COLUMNS);
+  if (has_table(connection_.get(), file_, "estreams")) {
+    Statement streams(connection_.get(), file_, STREAM_COLUMNS);
     while (streams.step()) {
       const auto place = places.find(streams.number(0));
       // Rows of a service that has been deleted since may remain; they belong to nobody.
@@ -409,7 +395,7 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
 // these tables has scanned since.
 void Channel_db::read_stream_words(std::vector<Service>* services, const std::map<int, size_t>& places) const {
   for (const char* table : {"stream_detail", "stream_language", "stream_ca"}) {
-    if (!has_table(connection_, file_, table)) {
+    if (!has_table(connection_.get(), file_, table)) {
       return;
     }
   }
@@ -422,7 +408,7 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
     const auto stream = std::find_if(streams.begin(), streams.end(), [pid](const Stream& s) { return s.pid == pid; });
     return stream == streams.end() ? nullptr : &*stream;
   };
-  Statement words(connection_, file_, WORD_COLUMNS);
+  Statement words(connection_.get(), file_, WORD_COLUMNS);
   while (words.step()) {
     Stream* stream = find(words.number(0), words.number(1));
     if (stream != nullptr && stream->stream_type == words.number(2)) {
@@ -433,7 +419,7 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
       stream->profile = words.text(6);
     }
   }
-  Statement roles(connection_, file_, ROLE_COLUMNS);
+  Statement roles(connection_.get(), file_, ROLE_COLUMNS);
   while (roles.step()) {
     Stream* stream = find(roles.number(0), roles.number(1));
     if (stream != nullptr && stream->described) {
@@ -441,7 +427,7 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
       add_languages(stream, roles.text(2));
     }
   }
-  Statement ca(connection_, file_, CA_COLUMNS);
+  Statement ca(connection_.get(), file_, CA_COLUMNS);
   while (ca.step()) {
     if (const auto place = places.find(ca.number(0)); place != places.end()) {
       (*services)[place->second].ca.push_back({ca.number(1), ca.number(2), ca.number(3)});
@@ -451,11 +437,11 @@ void Channel_db::read_stream_words(std::vector<Service>* services, const std::ma
 
 std::map<int, Broadcast_zone> Channel_db::zones() const {
   std::map<int, Broadcast_zone> out;
-  if (!has_table(connection_, file_, "broadcast_zone")) {
+  if (!has_table(connection_.get(), file_, "broadcast_zone")) {
     return out;
   }
   constexpr int MOST_MIN = 24 * 60;
-  Statement rows(connection_, file_, ZONE_COLUMNS);
+  Statement rows(connection_.get(), file_, ZONE_COLUMNS);
   while (rows.step()) {
     const Broadcast_zone zone{rows.number(1), rows.big_number(2), rows.number(3)};
     if (std::abs(int64_t{zone.offset_min}) <= MOST_MIN && std::abs(int64_t{zone.next_offset_min}) <= MOST_MIN) {
@@ -468,11 +454,11 @@ std::map<int, Broadcast_zone> Channel_db::zones() const {
 // Services that are named but not described are counted as well: the multiplex announced them.
 std::vector<Tuning_request> Channel_db::stored_pipes() const {
   std::vector<Tuning_request> out;
-  if (!has_table(connection_, file_, "tuned_multiplex")) {
+  if (!has_table(connection_.get(), file_, "tuned_multiplex")) {
     return out;
   }
   // Of the input that the command uses, and only what a scan can have stored.
-  Statement rows(connection_, file_,
+  Statement rows(connection_.get(), file_,
                  "SELECT asked_freq, pipe, bandwidth_hz FROM tuned_multiplex WHERE hf_conn = 0 AND dvb_type = 0 AND "
                  "pipe BETWEEN 1 AND 255 AND asked_freq BETWEEN 1 AND 2000000000 AND freq = asked_freq + pipe AND "
                  "bandwidth_hz IN (0, 1712000, 5000000, 6000000, 7000000, 8000000, 10000000) ORDER BY freq;");
@@ -488,13 +474,18 @@ std::vector<Tuning_request> Channel_db::stored_pipes() const {
 }
 
 int Channel_db::services_found(int freq) const {
-  Statement count(connection_, file_,
+  Statement count(connection_.get(), file_,
                   "SELECT count(*) FROM kanalid WHERE freq = ?1 AND (scan_state = 1 OR row_status = 2);");
   count.bind(1, freq);
   return count.step() ? count.number(0) : 0;
 }
 
+int Channel_db::version() const {
+  Statement version(connection_.get(), file_, "PRAGMA data_version;");
+  return version.step() ? version.number(0) : 0;
+}
+
 bool Channel_db::is_whole() const {
-  Statement check(connection_, file_, "PRAGMA quick_check(1);");
+  Statement check(connection_.get(), file_, "PRAGMA quick_check(1);");
   return check.step() && check.raw_text(0) == "ok";
 }

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-struct sqlite3;
+#include "tools/database/open_to_read.h"
 
 // One language of a stream, or one page of teletext or subtitles: a row of table stream_language.
 struct Language_role {
@@ -102,9 +102,6 @@ class Channel_db {
  public:
   // Throws Failure when `file` is missing, damaged or no channel database.
   explicit Channel_db(const std::string& file);
-  ~Channel_db();
-  Channel_db(const Channel_db&) = delete;
-  Channel_db& operator=(const Channel_db&) = delete;
 
   // All services by row number; with their streams and names by language, or without.
   std::vector<Service> services(bool with_streams) const;
@@ -118,6 +115,9 @@ class Channel_db {
   // How many services of this frequency the last scan found.
   int services_found(int freq) const;
 
+  // Another number after any change of the file by somebody else.
+  int version() const;
+
   // False when the file's structure is broken.
   bool is_whole() const;
 
@@ -127,5 +127,5 @@ class Channel_db {
   void read_stream_words(std::vector<Service>* services, const std::map<int, size_t>& places) const;
 
   std::string file_;
-  sqlite3* connection_ = nullptr;
+  Connection connection_;
 };

@@ -191,36 +191,21 @@ Guide_db::Guide_db(const std::string& channel_file) {
   if (!S_ISREG(status.st_mode)) {
     throw Failure(fmt::format("{}: not a file; name another one with --db", file_));
   }
-  const int code = sqlite3_open_v2(name, &connection_, SQLITE_OPEN_READONLY, nullptr);
-  if (code != SQLITE_OK) {
-    const std::string reason = connection_ != nullptr ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);
-    (void)sqlite3_close(connection_);
-    throw Failure(fmt::format("{}: cannot be opened: {}", file_, reason));
+  Connection connection = open_to_read(file_);
+  Statement tables(connection.get(), file_, "SELECT 1 FROM sqlite_master WHERE type = 'table';");
+  if (!tables.step()) {
+    return;  // An empty file becomes a guide when it is first written to.
   }
-  (void)sqlite3_busy_timeout(connection_, BUSY_WAIT_MS);
-  try {
-    Statement tables(connection_, file_, "SELECT 1 FROM sqlite_master WHERE type = 'table';");
-    if (tables.step()) {
-      Statement guide(
-          connection_, file_,
-          "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('epglist', 'epglist_lang');");
-      if (!guide.step() || guide.number(0) != 2) {
-        throw Failure(fmt::format("{}: not a programme guide; name another file with --db", file_));
-      }
-      const Statement events(connection_, file_, EVENT_COLUMNS);
-      const Statement texts(connection_, file_, TEXT_COLUMNS);
-      return;
-    }
-  } catch (...) {
-    (void)sqlite3_close(connection_);
-    throw;
+  tables.reset();
+  Statement guide(connection.get(), file_,
+                  "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('epglist', 'epglist_lang');");
+  if (!guide.step() || guide.number(0) != 2) {
+    throw Failure(fmt::format("{}: not a programme guide; name another file with --db", file_));
   }
-  (void)sqlite3_close(connection_);  // An empty file becomes a guide when it is first written to.
-  connection_ = nullptr;
-}
-
-Guide_db::~Guide_db() {
-  (void)sqlite3_close(connection_);
+  guide.reset();
+  const Statement events(connection.get(), file_, EVENT_COLUMNS);
+  const Statement texts(connection.get(), file_, TEXT_COLUMNS);
+  connection_ = std::move(connection);
 }
 
 std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::vector<std::string>& languages) const {
@@ -235,9 +220,9 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
     }
     return std::pair(text.title.empty(), place);  // A language without a title is no help.
   };
-  Statement rows(connection_, file_, EVENT_COLUMNS);
+  Statement rows(connection_.get(), file_, EVENT_COLUMNS);
   // Prepared once and bound for each event: a guide of a week has tens of thousands.
-  Statement text_rows(connection_, file_, TEXT_COLUMNS);
+  Statement text_rows(connection_.get(), file_, TEXT_COLUMNS);
   rows.bind_big(1, from);
   rows.bind_big(2, to);
   while (rows.step()) {
@@ -266,7 +251,7 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
 std::map<int, int> Guide_db::counts() const {
   std::map<int, int> out;
   if (connection_ != nullptr) {
-    Statement rows(connection_, file_, "SELECT channel, count(*) FROM epglist GROUP BY channel;");
+    Statement rows(connection_.get(), file_, "SELECT channel, count(*) FROM epglist GROUP BY channel;");
     while (rows.step()) {
       out[rows.number(0)] = rows.number(1);
     }

@@ -13,8 +13,6 @@
 
 #include "tools/database/channel_db.h"
 
-struct sqlite3;
-
 // What an event says in one language. All texts are clean.
 struct Event_text {
   std::string language;
@@ -51,9 +49,6 @@ class Guide_db {
  public:
   // Throws Failure when the file is there but cannot be read. A guide that was never made is an empty one.
   explicit Guide_db(const std::string& channel_file);
-  ~Guide_db();
-  Guide_db(const Guide_db&) = delete;
-  Guide_db& operator=(const Guide_db&) = delete;
 
   const std::string& file() const { return file_; }
 
@@ -66,5 +61,5 @@ class Guide_db {
 
  private:
   std::string file_;
-  sqlite3* connection_ = nullptr;
+  Connection connection_;
 };

@@ -21,6 +21,9 @@ Database_error first_failure(Sdbl* database) {
   if (!database->first_error(&error)) {
     return {};
   }
+  if (error.code == SQLITE_READONLY_DBMOVED) {
+    return error;
+  }
   error.code &= 0xFF;  // without what extends it
   // A lock or an interrupted statement passes and the scan goes on; what is listed here stays, and everything found
   // from then on would be lost in silence.
@@ -30,6 +33,7 @@ Database_error first_failure(Sdbl* database) {
     case SQLITE_READONLY:
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
+    case SQLITE_CANTOPEN:
       return error;
     default:
       database->forget_errors();  // or it would hide what comes after it
@@ -68,6 +72,9 @@ void check_written(Sdbl* database, const std::string& file) {
   const Database_error error = first_failure(database);
   if (error.guide_full) {
     throw Failure(file + ": no room for more events: the disk is full, or the guide is as large as it may be");
+  }
+  if (error.code == SQLITE_READONLY_DBMOVED) {
+    throw Failure(file + ": another program has moved or replaced it, or its guide; what came since is not stored");
   }
   if (error.code != 0) {
     throw Failure(fmt::format("{}: cannot be written: {}", file,

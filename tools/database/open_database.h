@@ -8,8 +8,8 @@
 
 class Sdbl;
 
-// Opens the files, durably, for a command that writes them; Failure when they cannot be opened or written, and those that this
-// call made (`exists` false) are gone again then.
+// Opens the files, durably, for a command that writes them; Failure when they cannot be opened or written, and those
+// that this call made (`exists` false) are gone again then.
 std::unique_ptr<Sdbl> open_database(const std::string& file, bool exists);
 
 // Whether a failure says that nothing more can be kept: a full disk, a read-only or damaged file, an input/output

@@ -18,32 +18,19 @@
 #include <fmt/format.h>
 #include <kelvo/kelvo.h>
 
+#include "tools/cli/console.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/local_time.h"
 #include "tools/cli/temporary_folder.h"
+#include "tools/database/channel_db.h"
 #include "tools/database/folder_of.h"
+#include "tools/database/open_to_read.h"
 #include "tools/database/statement.h"
 
 namespace {
 
 constexpr int MOST_PROBLEMS = 10;
 constexpr char HEADING[] = "*** in database main ***\n";  // of SQLite's list
-
-struct Close {
-  void operator()(sqlite3* connection) const { (void)sqlite3_close(connection); }
-};
-using Connection = std::unique_ptr<sqlite3, Close>;
-
-Connection open_database(const std::string& file, int flags) {
-  sqlite3* connection = nullptr;
-  const int code = sqlite3_open_v2(file.c_str(), &connection, flags, nullptr);
-  Connection owner(connection);
-  if (code != SQLITE_OK) {
-    throw Failure(fmt::format("{}: cannot be opened: {}", file, sqlite3_errstr(code)));
-  }
-  (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);
-  return owner;
-}
 
 bool is_damage(int code) {
   return (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
@@ -187,7 +174,7 @@ std::string set_aside(const std::string& file) {
 
 // Nobody may go on writing to a file that is moved away. What can be taken over of a log is.
 void require_unused(const std::string& file) {
-  const Connection connection = open_database(file, SQLITE_OPEN_READWRITE);
+  const Connection connection = open_to_check(file);
   for (const char* step : {"PRAGMA journal_mode = DELETE", "BEGIN EXCLUSIVE"}) {
     Rows alone(connection.get(), step);
     (void)alone.next();
@@ -203,14 +190,16 @@ std::string good_copy_of(const std::string& file) {
   return file + ".good";
 }
 
-std::string keep_good_copy(Sdbl* database, const std::string& file) {
+void keep_good_copy(Sdbl* database, const std::string& file) {
+  if (Channel_db(file).services(false).empty()) {
+    return;
+  }
   const std::string copy = good_copy_of(file);
   try {
     database->backup_channel_database(copy.c_str());
   } catch (const no_file_error&) {
-    return copy + ": the copy for 'kelvo check --repair' cannot be written";
+    console::say(fmt::format("kelvo: {}: the copy for 'kelvo check --repair' cannot be written", copy));
   }
-  return "";
 }
 
 File_state look_at(const std::string& file, const std::string& table) {
@@ -226,7 +215,7 @@ File_state look_at(const std::string& file, const std::string& table) {
   if (!S_ISREG(status.st_mode)) {
     throw Failure(fmt::format("{}: not a file; name another one with --db", file));
   }
-  const Connection connection = open_database(file, SQLITE_OPEN_READWRITE);
+  const Connection connection = open_to_check(file);
   (void)sqlite3_exec(connection.get(), "PRAGMA ignore_check_constraints = ON", nullptr, nullptr, nullptr);
   Rows check(connection.get(), fmt::format("PRAGMA integrity_check({})", MOST_PROBLEMS));
   while (check.next()) {
@@ -274,8 +263,7 @@ Repair mend(const std::string& file, const std::string& table, const std::string
     }
     made = table == "epglist" ? folder.file("new_epg.db") : channels;
     if (exists) {
-      const Connection from = open_database(file, SQLITE_OPEN_READONLY),
-                       to = open_database(made, SQLITE_OPEN_READWRITE);
+      const Connection from = open_to_read(file), to = open_to_check(made);
       rescue(from.get(), to.get());
     }
   }

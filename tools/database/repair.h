@@ -8,12 +8,12 @@
 
 class Sdbl;
 
-// The copy of the channel file that the command keeps beside it, written after scans: "dvb.db.good".
+// The copy of the channel file that the command keeps beside it: "dvb.db.good".
 std::string good_copy_of(const std::string& file);
 
-// Writes it. A copy that cannot be written is none the worse for the scan: what is said of it is returned, empty for
-// nothing.
-std::string keep_good_copy(Sdbl* database, const std::string& file);
+// Writes it, where there are channels: a list that is empty by accident must not replace the last good one. That it
+// cannot be written is said in a line; what was to be copied is none the worse for it.
+void keep_good_copy(Sdbl* database, const std::string& file);
 
 // What a look at one of the two files has found.
 struct File_state {

@@ -30,6 +30,7 @@
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
 #include "tools/database/open_database.h"
+#include "tools/database/repair.h"
 #include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_job.h"
 #include "tools/watch/time_texts.h"
@@ -157,6 +158,7 @@ class Update {
   std::map<int, int> before_;  // events by channel
   std::unique_ptr<Sdbl> database_;
   std::unique_ptr<Channel_db> reader_;  // closed before the database, whose last user ends its log
+  int channels_version_ = 0;            // of the channel file before the first adapter had it
   std::unique_ptr<Engine> engine_;
   std::unique_ptr<Guide_job> job_;
   std::vector<Guide_multiplex> seen_;
@@ -172,6 +174,7 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   database_ = open_database(db_, exists);
   collect_all_guides(database_.get());
   reader_ = std::make_unique<Channel_db>(db_);
+  channels_version_ = reader_->version();
   try {
     engine_ = std::make_unique<Engine>(frontends, requests_for(freqs_), database_.get());
   } catch (const Failure&) {
@@ -193,6 +196,10 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   report();
   console::finish_printing("the report");
   check_written(database_.get(), db_);
+  // Tuning to a multiplex scans it, too.
+  if (reader_->version() != channels_version_) {
+    keep_good_copy(database_.get(), db_);
+  }
   say_clock();
   if (interrupted_) {
     console::say("kelvo: interrupted; what was collected is kept");

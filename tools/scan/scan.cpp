@@ -160,9 +160,7 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   engine_.reset();
   check_written(database_.get(), db_);
   if (services_ > 0) {
-    if (const std::string failed = keep_good_copy(database_.get(), db_); !failed.empty()) {
-      console::say("kelvo: " + failed);
-    }
+    keep_good_copy(database_.get(), db_);
   }
   if (!printed) {
     throw Failure("cannot write the report: " + std::string(strerror(errno)));

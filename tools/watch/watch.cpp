@@ -30,6 +30,7 @@
 #include "tools/database/find_channel.h"
 #include "tools/database/guide_db.h"
 #include "tools/database/open_database.h"
+#include "tools/database/repair.h"
 #include "tools/engine/device.h"
 #include "tools/watch/time_texts.h"
 
@@ -166,7 +167,8 @@ class Watch {
 
  private:
   bool listen_to_quality(Kelvo* kelvo, bool late) const;
-  void look(const Kelvo& kelvo);
+  // True when channels have changed.
+  bool look(const Kelvo& kelvo);
   void look_at_guide(const Kelvo& kelvo);
   std::string event_text(const Guide_change& change);
   int stored() const { return events_of(guide_->counts()); }
@@ -229,9 +231,12 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
     if (!listening) {
       listening = listen_to_quality(&kelvo, std::chrono::steady_clock::now() - begun > LOCK_PATIENCE);
     }
-    look(kelvo);
+    const bool changed = look(kelvo);
     // At every look, since there is no end at which it could be asked: a full disk must not pass for a quiet channel.
     check_written(database.get(), db_);
+    if (changed) {
+      keep_good_copy(database.get(), db_);
+    }
   }
   kelvo.cancel_tuning();
   say(fmt::format("stopped, {} events in the guide", stored()));
@@ -300,7 +305,7 @@ void Watch::look_at_guide(const Kelvo& kelvo) {
   }
 }
 
-void Watch::look(const Kelvo& kelvo) {
+bool Watch::look(const Kelvo& kelvo) {
   look_at_guide(kelvo);
   const int code = changes.exchange(0);
   if ((code & DB_STREAMS_CHANGED) != 0) {
@@ -353,6 +358,7 @@ void Watch::look(const Kelvo& kelvo) {
       say(text);
     }
   }
+  return (code & (DB_STREAMS_CHANGED | DB_CHANNELS_CHANGED)) != 0 || !channels.empty();
 }
 
 void watch(const Watch_options& options) {

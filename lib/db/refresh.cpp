@@ -10,7 +10,6 @@
 #include "base/log.h"
 #include "db/number_plan.h"
 #include "db/scan_merger.h"
-#include "db/transaction.h"
 
 using kelvo_log::sql_ok;
 
@@ -66,6 +65,15 @@ std::vector<Language> read_languages(Rows& rows) {
 
 }  // namespace
 
+// What is locked is tried again; what cannot be written would fail each time.
+Merge_end Refresh::not_begun(const Transaction& transaction) {
+  if (transaction.moved())
+    report_moved(db_.errors, multiplex_.freq);
+  else
+    (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);
+  return {transaction.busy() ? Merge_outcome::BUSY : Merge_outcome::FAILED, 0};
+}
+
 Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vector<Channel_change>* changes) {
   changes->clear();
   now_ = saturated(clock_now());
@@ -76,10 +84,8 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
   // What is read and what is written belong together, whoever else merges.
   Transaction transaction(db_.connection, Db_file::CHANNELS);
   const Merge_end failed{Merge_outcome::FAILED, 0};
-  if (!transaction.is_open()) {
-    (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);
-    return {Merge_outcome::BUSY, 0};
-  }
+  if (!transaction.is_open())
+    return not_begun(transaction);
   read_known();
   if (state == SCAN_PAT) {
     if (!read_scanned(details)) {
@@ -113,10 +119,8 @@ Merge_end Refresh::leave(const std::vector<int>& freqs, std::vector<Channel_chan
   changes->clear();
   now_ = saturated(clock_now());
   Transaction transaction(db_.connection, Db_file::CHANNELS);
-  if (!transaction.is_open()) {
-    (void)db_.errors.report_exec(transaction.code(), MERGE_OPERATION);
-    return {Merge_outcome::BUSY, 0};
-  }
+  if (!transaction.is_open())
+    return not_begun(transaction);
   read_known();
   Placement placement(rows_, 0);
   placement.leave(freqs);

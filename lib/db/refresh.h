@@ -16,6 +16,7 @@
 #include "db/scan_merge.h"
 #include "db/sdbl_parts.h"
 #include "db/stream_merge.h"
+#include "db/transaction.h"
 
 namespace sdbl {
 
@@ -43,6 +44,7 @@ class Refresh {
   };
   using Rows_by_channel = std::map<int, Channel_row>;
 
+  Merge_end not_begun(const Transaction& transaction);
   bool read_scanned(const Scan_details& details);
   void read_known();
   void place_services(const Scan_details& details);

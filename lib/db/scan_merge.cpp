@@ -77,6 +77,12 @@ bool Scan_merge::fits(int dvbnr) {
   return left < 0 || page_size <= 0 || left >= PAGES_OF_LEVELS + COPIES * bytes_found(dvbnr) / page_size;
 }
 
+void report_moved(Errors& errors, int freq) {
+  errors.remember(SQLITE_READONLY_DBMOVED, MERGE_OPERATION);
+  KLOG(VERB_ERROR, "ERROR: Another program has moved or replaced the file: the channels of %d Hz are not stored\n",
+       freq);
+}
+
 Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE state) {
   // Without one (the file cannot be written) the statements say one by one what is wrong.
   Transaction transaction(connection_, Db_file::CHANNELS, {.tries_disk = true});
@@ -87,9 +93,7 @@ Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE stat
     return {Merge_outcome::BUSY, 0};
   }
   if (transaction.moved()) {
-    errors_.remember(transaction.code(), MERGE_OPERATION);
-    KLOG(VERB_ERROR, "ERROR: Another program has moved or replaced the file: the channels of %d Hz are not stored\n",
-         multiplex.freq);
+    report_moved(errors_, multiplex.freq);
     return {Merge_outcome::FAILED, 0};
   }
   if ((state == SCAN_PAT || state == SCAN_PMT) && !fits(dvbnr) && !adds_nothing(dvbnr, multiplex.freq, state)) {

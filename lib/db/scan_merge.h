@@ -27,6 +27,9 @@ struct Merge_end {
   int changes = 0;  // the bits of Sdbl::update_master_scan_data; 0 when nothing was written
 };
 
+// Prints and remembers that Transaction::moved().
+void report_moved(Errors& errors, int freq);
+
 // A merge as a whole, in one transaction: it is done when the channel file can take it for certain, or nothing is
 // written, the details of its streams included. The scan tables stay as they are in any case. Worker-only.
 class Scan_merge {

@@ -202,6 +202,27 @@ TEST_F(Timezone, a_pipe_in_the_place_of_the_source_is_not_waited_for) {
   expect_not_installed();
 }
 
+// The zone is broadcast again and again.
+TEST_F(Timezone, a_folder_that_is_missing_costs_the_zone_until_it_is_there) {
+  if (!std::filesystem::exists("/usr/sbin/zic"))
+    GTEST_SKIP() << "no zone compiler";
+  const std::pair<const char*, std::function<void()>> ways[] = {
+      {"missing", [] {}},
+      {"a file", [] { support::write_file("/dvbfiles", "keep me"); }},
+      {"a link to nothing", [] { std::filesystem::create_symlink("/nowhere/at/all", "/dvbfiles"); }},
+  };
+  for (const auto& [legend, make] : ways) {
+    SCOPED_TRACE(legend);
+    std::filesystem::remove_all("/dvbfiles");
+    make();
+    expect_not_installed();
+    std::filesystem::remove_all("/dvbfiles");
+    std::filesystem::create_directory("/dvbfiles");
+    update(180);
+    EXPECT_TRUE(std::filesystem::exists(INSTALLED));
+  }
+}
+
 TEST_F(Timezone, the_database_is_not_left_locked) {
   update(120);
   EXPECT_EQ(db_support::Other_connection(file()).run("UPDATE kanalid SET lcn = 5"), SQLITE_DONE);

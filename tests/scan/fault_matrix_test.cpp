@@ -124,7 +124,8 @@ struct Seen {
 // A host that counts answers. One at a time: listeners of messages have no place of their own.
 class Host {
  public:
-  Host(const std::string& file, const Receiver_profile& profile) : database_(file.c_str()), profile_(profile) {}
+  Host(const std::string& file, const Receiver_profile& profile, Durability durability)
+      : database_(file.c_str(), durability), profile_(profile) {}
   ~Host() { disconnect(); }
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
@@ -296,6 +297,7 @@ class Fault_matrix : public testing::TestWithParam<const char*> {
     counted = false;
     verbosity_kelvo = VERB_WARNING;
     profile_ = std::string(GetParam()) == "box" ? Receiver_profile::box() : Receiver_profile::any_linux();
+    std::filesystem::create_directories(folder_.path() + "/now");
     with_host([this](Host& host) {
       host.connect();
       EXPECT_EQ(host.scan(), "");
@@ -326,9 +328,8 @@ class Fault_matrix : public testing::TestWithParam<const char*> {
 
   // With a database that is what the folder "now" has.
   template <typename Use>
-  void with_host(Use use) {
-    std::filesystem::create_directories(folder_.path() + "/now");
-    Host host(folder_.path() + "/now/dvb.db", profile_);
+  void with_host(Use use, Durability durability = Durability::NONE) {
+    Host host(folder_.path() + "/now/dvb.db", profile_, durability);
     Message_listener listener;
     listener.message = [](void* data, int, const char* text) { static_cast<Host*>(data)->take_message(text); };
     listener.data = &host;
@@ -625,6 +626,172 @@ TEST_P(Fault_matrix, loses_nothing_on_a_full_disk) {
   }
   if (part != nullptr)
     std::printf("TRIED|full disks, %s|%d\n", GetParam(), tried);
+}
+
+// --- Files -----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// What another program does to the files of a folder before they are opened, or while they are open, and how it is put
+// right. Beside them lies a copy of the channels, copy.db.
+struct File_fault {
+  const char* name;
+  bool while_open;
+  void (*make)(const std::string& folder);
+  void (*undo)(const std::string& folder);  // null: nothing has to be
+  const char* exception = "";               // of the opening
+  // A part of what is printed by `box` and by any_linux; empty for nothing that is unusual, SOMETIMES before it where
+  // it hangs on whether the guide changes meanwhile.
+  const char* box_message = "";
+  const char* message = "";
+  bool only_durable = false;  // else nothing is printed
+};
+
+void run_sql(const std::string& file, const std::string& sql) {
+  EXPECT_EQ(support::Other_connection(file).run(sql), SQLITE_DONE) << sql;
+}
+
+void put_folder(const std::string& file) {
+  std::filesystem::rename(file, file + ".away");
+  std::filesystem::create_directory(file);
+}
+
+void put_link(const std::string& file) {
+  std::filesystem::rename(file, file + ".away");
+  std::filesystem::create_symlink(file + ".away", file);
+}
+
+// What was put there must still be it, and a folder empty.
+void put_back(const std::string& file) {
+  EXPECT_TRUE(std::filesystem::is_symlink(file) || std::filesystem::is_directory(file)) << file;
+  std::filesystem::remove(file);
+  std::filesystem::rename(file + ".away", file);
+}
+
+// For root, too.
+void make_read_only(const std::string& path) {
+  EXPECT_EQ(mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+}
+
+void make_writable(const std::string& path) {
+  EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0);
+}
+
+constexpr char SOMETIMES = '?';
+constexpr char PROTECTED[] = "attempt to write a readonly database";
+constexpr char GUIDE_PROTECTED[] = "?attempt to write a readonly database";
+constexpr char MOVED[] = "ERROR: Another program has moved or replaced the file: the channels of 506000000 Hz are not ";
+constexpr char CUT[] = "ERROR: SQL_exec: 11 @ create_temp_tables";
+constexpr char NO_FILE[] = "Unable to open file";
+
+const File_fault FILE_FAULTS[] = {
+    {"the folder is missing", false,
+     [](const std::string& folder) { std::filesystem::rename(folder, folder + "-away"); },
+     [](const std::string& folder) { std::filesystem::rename(folder + "-away", folder); }, NO_FILE},
+    {"the channels are a link", false, [](const std::string& folder) { put_link(folder + "/dvb.db"); },
+     [](const std::string& folder) { put_back(folder + "/dvb.db"); }},
+    {"the guide is a link", false, [](const std::string& folder) { put_link(folder + "/dvb_epg.db"); },
+     [](const std::string& folder) { put_back(folder + "/dvb_epg.db"); }},
+    {"the channels are a folder", false, [](const std::string& folder) { put_folder(folder + "/dvb.db"); },
+     [](const std::string& folder) { put_back(folder + "/dvb.db"); }, NO_FILE},
+    {"the guide is a folder", false, [](const std::string& folder) { put_folder(folder + "/dvb_epg.db"); },
+     [](const std::string& folder) { put_back(folder + "/dvb_epg.db"); }, "Unable to open epg file %s"},
+    {"the channels can only be read", false, [](const std::string& folder) { make_read_only(folder + "/dvb.db"); },
+     [](const std::string& folder) { make_writable(folder + "/dvb.db"); }, "", PROTECTED, PROTECTED},
+    {"the guide can only be read", false, [](const std::string& folder) { make_read_only(folder + "/dvb_epg.db"); },
+     [](const std::string& folder) { make_writable(folder + "/dvb_epg.db"); }, "", GUIDE_PROTECTED, GUIDE_PROTECTED},
+    {"the folder can only be read", false, make_read_only, make_writable, "", PROTECTED, PROTECTED},
+    {"the channels lack a column", false,
+     [](const std::string& folder) { run_sql(folder + "/dvb.db", "ALTER TABLE kanalid RENAME lcn TO old"); },
+     [](const std::string& folder) { run_sql(folder + "/dvb.db", "ALTER TABLE kanalid RENAME old TO lcn"); }, "", "",
+     "no such column: lcn"},
+    {"the guide lacks a column", false,
+     [](const std::string& folder) { run_sql(folder + "/dvb_epg.db", "ALTER TABLE epglist RENAME ev_id TO old"); },
+     [](const std::string& folder) { run_sql(folder + "/dvb_epg.db", "ALTER TABLE epglist RENAME old TO ev_id"); }, "",
+     "no such column: ev_id", "no such column: ev_id"},
+    {"the channels have no indexes", false,
+     [](const std::string& folder) {
+       const std::string file = folder + "/dvb.db";
+       for (const std::string& name : support::Other_connection(file).rows(
+                "SELECT name FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL AND tbl_name = 'kanalid'"))
+         run_sql(file, "DROP INDEX " + name);
+     },
+     nullptr},
+    {"the channels are moved away", true,
+     [](const std::string& folder) { std::filesystem::rename(folder + "/dvb.db", folder + "/away.db"); },
+     [](const std::string& folder) { std::filesystem::rename(folder + "/away.db", folder + "/dvb.db"); }, "", MOVED,
+     MOVED, true},
+    {"the guide is moved away", true,
+     [](const std::string& folder) { std::filesystem::rename(folder + "/dvb_epg.db", folder + "/away.db"); },
+     [](const std::string& folder) { std::filesystem::rename(folder + "/away.db", folder + "/dvb_epg.db"); }, "",
+     GUIDE_PROTECTED, GUIDE_PROTECTED, true},
+    {"another file is moved over the channels", true,
+     [](const std::string& folder) { std::filesystem::rename(folder + "/copy.db", folder + "/dvb.db"); }, nullptr, "",
+     MOVED, MOVED, true},
+    {"the channels are cut", true,
+     [](const std::string& folder) { EXPECT_EQ(truncate((folder + "/dvb.db").c_str(), 8192), 0); },
+     [](const std::string& folder) { std::filesystem::rename(folder + "/copy.db", folder + "/dvb.db"); }, "", CUT, CUT},
+};
+
+}  // namespace
+
+// Who has put such a fault right finds everything there, and the next scan works.
+TEST_P(Fault_matrix, loses_nothing_to_files_that_others_move_or_protect) {
+  const std::string now = folder_.path() + "/now";
+  const bool mounts = Disk(folder_.path() + "/disk").is_mounted();
+  for (const File_fault& fault : FILE_FAULTS)
+    for (const Durability durability : {Durability::NONE, Durability::FULL}) {
+      const bool durable = durability == Durability::FULL;
+      SCOPED_TRACE(std::string(fault.name) + (durable ? ", durable" : ""));
+      if (!mounts && std::string(fault.name).find("only be read") != std::string::npos) {
+        std::printf("only root can protect files: %s is not tried\n", fault.name);
+        continue;
+      }
+      begin_with_good();
+      std::filesystem::copy_file(now + "/dvb.db", now + "/copy.db");
+      if (!fault.while_open)
+        fault.make(now);
+      std::string exception, unusual;
+      try {
+        with_host(
+            [&](Host& host) {
+              if (fault.while_open)
+                fault.make(now);
+              host.connect();
+              EXPECT_EQ(host.scan(), "");
+              EXPECT_NE(host.answer(), "HANGS");
+              std::this_thread::sleep_for(GUIDE_PHASE / 4);
+              for (const std::string& message : host.messages())
+                if (usual_.count(without_numbers(message)) == 0 && message.starts_with("ERROR"))
+                  unusual += message + "\n";
+            },
+            durability);
+      } catch (const no_file_error& error) {
+        exception = error.what();
+      }
+      EXPECT_EQ(exception, fault.exception);
+      std::string expected = profile_.refresh ? fault.message : fault.box_message;
+      if (fault.only_durable && !durable)
+        expected.clear();
+      const bool sometimes = expected.starts_with(SOMETIMES);
+      expected.erase(0, sometimes ? 1 : 0);
+      if (!sometimes || !unusual.empty()) {
+        EXPECT_THAT(unusual, testing::HasSubstr(expected));
+        EXPECT_EQ(unusual.empty(), expected.empty()) << unusual;
+      }
+      EXPECT_LE(support::count_of(unusual, MOVED), 3U) << "tried again and again";
+      if (fault.undo != nullptr)
+        fault.undo(now);
+      with_host(
+          [&](Host& host) {
+            EXPECT_EQ(missing(host.stored()), "");
+            EXPECT_TRUE(host.is_sound());
+            host.connect();
+            EXPECT_EQ(recover(host), "works");
+          },
+          durability);
+    }
 }
 
 // --- Memory ----------------------------------------------------------------------------------------------------------

@@ -269,7 +269,11 @@ TEST_F(Epg_update, a_failure_is_one_line) {
        {"guide not writable",
         {"--fault", "access(dvb_epg.db)=EROFS"},
         {},
-        "GUIDE: cannot be written: Read-only file system"}});
+        "GUIDE: cannot be written: Read-only file system"},
+       {"folder not writable",
+        {"--fault", "access(" + dir_.path() + ")=EROFS"},
+        {},
+        "DB: cannot be written: " + dir_.path() + ": Read-only file system"}});
 }
 
 TEST_F(Epg_update, damaged_files_are_refused_and_left_alone) {

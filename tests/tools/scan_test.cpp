@@ -325,6 +325,27 @@ TEST_F(Scan, a_full_disk_is_an_error) {
   EXPECT_TRUE(folder_is_empty()) << "half a database is left";
 }
 
+// Nothing is written to a file that another program has taken away, nor to what it has put there.
+TEST_F(Scan, a_database_that_is_moved_away_is_an_error_and_whole) {
+  const std::string away = dir_.file("away.db");
+  Running_command running(
+      command(network("x2"), {"--freq", "522000000", "--freq", "474000000", "--freq", "498000000"}));
+  ASSERT_TRUE(running.wait_for_err("[1/3]")) << running.err();
+  std::filesystem::rename(db_, away);
+  support::write_file(db_, "another program's");
+  EXPECT_THAT(running.wait(), ends(1, HasSubstr(" services: "),
+                                   HasSubstr("kelvo: " + db_ +
+                                             ": another program has moved or replaced it, or its "
+                                             "guide; what came since is not stored\n")));
+  EXPECT_EQ(support::read_file(db_), "another program's");
+  EXPECT_FALSE(std::filesystem::exists(db_ + "-wal"));
+  EXPECT_EQ(value(away, "PRAGMA integrity_check;"), "ok");
+  EXPECT_GE(std::stoi(value(away, "SELECT count(*) FROM kanalid;")), 8);
+  std::filesystem::rename(away, db_);
+  EXPECT_EQ(scan(network(), {"--freq", "522000000", "--freq", "474000000"}).exit_code, 0);
+  EXPECT_EQ(stored("SELECT count(*) FROM kanalid;"), "16");
+}
+
 TEST_F(Scan, the_default_database_is_made_with_its_folders) {
   const std::string data = dir_.file("share/deep");
   const Command_result result =

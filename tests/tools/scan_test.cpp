@@ -14,8 +14,10 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
+// The column of the times is as wide as the longest, which a busy machine makes longer.
 std::string masked(const std::string& text) {
-  return std::regex_replace(text, std::regex(" *[0-9]+\\.[0-9] s"), " #.# s");
+  const std::string times = std::regex_replace(text, std::regex(" *[0-9]+\\.[0-9] s"), " #.# s");
+  return std::regex_replace(times, std::regex("SERVICES +TIME  RESULT"), "SERVICES   TIME  RESULT");
 }
 
 const std::string HEAD = "  MULTIPLEX  ADAPTER  SYSTEM  STRENGTH   SNR  SERVICES   TIME  RESULT\n";
@@ -152,7 +154,7 @@ TEST_F(Scan, says_whose_pmts_never_came) {
 }
 
 TEST_F(Scan, adapters_share_the_list) {
-  Words adapters{"--time", "x10"};
+  Words adapters{"--time", "x4"};
   for (const char* number : {"0", "1", "2", "3"})
     adapters = joined({adapters, {"--adapter", number}, sample_muxes()});
   const Command_result result =

@@ -453,7 +453,7 @@ TEST_F(Empty_guide, an_empty_guide_is_shown_as_such) {
 
 TEST_F(Empty_guide, a_narrow_terminal_has_a_line_for_each_event) {
   add(1, MIDNIGHT, HOUR, "Pealkiri", "üks kaks kolm neli viis kuus seitse kaheksa üheksa kümme üksteist kaksteist");
-  add(1, MIDNIGHT + HOUR, HOUR, "Pikem pealkiri, mis ei lõpe ega lõpe", "Tekst");
+  add(1, MIDNIGHT + HOUR, HOUR, "Pikem pealkiri, mis ei lõpe ega lõpe", "Sisu");
   const struct {
     int columns;
     Words more;
@@ -463,7 +463,7 @@ TEST_F(Empty_guide, a_narrow_terminal_has_a_line_for_each_event) {
        {},
        "LCN  CHANNEL   DATE        TIME         TITLE                    TEXT\r\n"
        " 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri                 üks kaks kolm neli viis…\r\n"
-       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei…  Tekst\r\n"},
+       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei…  Sisu\r\n"},
       {60,
        {},
        "LCN  CHANNEL   DATE        TIME         TITLE\r\n"
@@ -474,7 +474,7 @@ TEST_F(Empty_guide, a_narrow_terminal_has_a_line_for_each_event) {
        "LCN  CHANNEL   DATE        TIME         TITLE                                 TEXT\r\n"
        " 12  Kuldnokk  2040-03-25  00:00-01:00  Pealkiri                              üks kaks kolm neli viis kuus seitse "
        "kaheksa üheksa kümme üksteist kaksteist\r\n"
-       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei lõpe ega lõpe  Tekst\r\n"},
+       " 12  Kuldnokk  2040-03-25  01:00-02:00  Pikem pealkiri, mis ei lõpe ega lõpe  Sisu\r\n"},
   };
   for (const auto& c : cases)
     EXPECT_THAT(

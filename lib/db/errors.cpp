@@ -5,7 +5,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/log.h"
 
@@ -65,6 +67,10 @@ int Errors::report_get_txt(int rc, Operation operation) {
 }
 
 void Errors::remember(int rc, const char* operation) {
+  if ((rc & 0xFF) == SQLITE_NOMEM) {
+    std::lock_guard<Mutex> lock(lock_);
+    std::fill(std::begin(short_of_memory_), std::end(short_of_memory_), true);
+  }
   if (is_file_failure(rc))
     remember(Database_error{rc, operation, false});
 }
@@ -102,6 +108,17 @@ bool Errors::first_since_watch(int adapter, Database_error* error) const {
   std::lock_guard<Mutex> lock(lock_);
   *error = adapter >= 0 && adapter < ADAPTERS ? first_of_adapter_[adapter] : Database_error{};
   return error->code != 0;
+}
+
+bool Errors::short_of_memory(int adapter) const {
+  std::lock_guard<Mutex> lock(lock_);
+  return adapter >= 0 && adapter < ADAPTERS && short_of_memory_[adapter];
+}
+
+void Errors::begin_scan_tables(int adapter) {
+  std::lock_guard<Mutex> lock(lock_);
+  if (adapter >= 0 && adapter < ADAPTERS)
+    short_of_memory_[adapter] = false;
 }
 
 void Errors::watch(int adapter) {

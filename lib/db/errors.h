@@ -42,6 +42,11 @@ class Errors {
   bool first_since_watch(int adapter, Database_error* error) const;
   void watch(int adapter);
 
+  // True when there was no memory for a statement since the adapter's scan tables were empty, whoever made it: rows of
+  // what is on air may be missing there.
+  bool short_of_memory(int adapter) const;
+  void begin_scan_tables(int adapter);
+
  private:
   void remember(const Database_error& error);
 
@@ -51,6 +56,7 @@ class Errors {
   mutable Mutex lock_{Lock_rank::DATABASE_LEAF, "first failures"};
   Database_error first_;
   Database_error first_of_adapter_[ADAPTERS];
+  bool short_of_memory_[ADAPTERS]{};
 };
 
 // A result of SQLite, extended or not, that means that a file cannot be written or read. A lock counts once the busy

@@ -86,6 +86,8 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
   const Merge_end failed{Merge_outcome::FAILED, 0};
   if (!transaction.is_open())
     return not_begun(transaction);
+  if (lacks_memory(db_.errors, dvbnr_, multiplex_.freq))
+    return failed;
   read_known();
   if (state == SCAN_PAT) {
     if (!read_scanned(details)) {
@@ -100,6 +102,8 @@ Merge_end Refresh::run(SCAN_STATE state, const Scan_details& details, std::vecto
   }
   streams_.run();
   (void)db_.stream_details.store(dvbnr_, multiplex_);
+  if (lacks_memory(db_.errors, dvbnr_, multiplex_.freq))
+    return failed;
   if (!sql_ok(db_.errors.report_exec(transaction.commit(), MERGE_OPERATION)))
     return failed;
   forget_guides();

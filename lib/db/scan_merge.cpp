@@ -77,6 +77,13 @@ bool Scan_merge::fits(int dvbnr) {
   return left < 0 || page_size <= 0 || left >= PAGES_OF_LEVELS + COPIES * bytes_found(dvbnr) / page_size;
 }
 
+bool lacks_memory(const Errors& errors, int dvbnr, int freq) {
+  if (!errors.short_of_memory(dvbnr))
+    return false;
+  KLOG(VERB_ERROR, "ERROR: No memory for the channels of %d Hz: nothing is stored\n", freq);
+  return true;
+}
+
 void report_moved(Errors& errors, int freq) {
   errors.remember(SQLITE_READONLY_DBMOVED, MERGE_OPERATION);
   KLOG(VERB_ERROR, "ERROR: Another program has moved or replaced the file: the channels of %d Hz are not stored\n",
@@ -96,6 +103,8 @@ Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE stat
     report_moved(errors_, multiplex.freq);
     return {Merge_outcome::FAILED, 0};
   }
+  if (lacks_memory(errors_, dvbnr, multiplex.freq))
+    return {Merge_outcome::FAILED, 0};
   if ((state == SCAN_PAT || state == SCAN_PMT) && !fits(dvbnr) && !adds_nothing(dvbnr, multiplex.freq, state)) {
     errors_.remember(SQLITE_FULL, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: No room for the channels of %d Hz: nothing is stored, rc = %d\n", multiplex.freq,
@@ -107,6 +116,8 @@ Merge_end Scan_merge::run(int dvbnr, const Multiplex& multiplex, SCAN_STATE stat
     (void)details_.store(dvbnr, multiplex);
   if (!transaction.is_open())
     return end;
+  if (lacks_memory(errors_, dvbnr, multiplex.freq))
+    return {Merge_outcome::FAILED, 0};
   if (const int rc = transaction.commit(); rc != SQLITE_OK) {
     errors_.remember(rc, MERGE_OPERATION);
     KLOG(VERB_ERROR, "ERROR: The channels of %d Hz are not stored, rc = %d\n", multiplex.freq, rc);

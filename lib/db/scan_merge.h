@@ -27,6 +27,10 @@ struct Merge_end {
   int changes = 0;  // the bits of Sdbl::update_master_scan_data; 0 when nothing was written
 };
 
+// True, which is printed, when rows of what is on air may be missing in the adapter's scan tables for want of memory,
+// or the merge itself had none: services would be lost that were only not written down.
+bool lacks_memory(const Errors& errors, int dvbnr, int freq);
+
 // Prints and remembers that Transaction::moved().
 void report_moved(Errors& errors, int freq);
 

@@ -58,6 +58,7 @@ void Sdbl::create_temp_tables(int n) {
 }
 
 void Sdbl::clear_temp_tables(int n) {
+  parts_->errors.begin_scan_tables(n);
   parts_->scan_tables.clear_temp_tables(n);
   parts_->stream_details.clear(n);
 }

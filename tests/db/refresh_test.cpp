@@ -120,6 +120,30 @@ class Refresh : public db_support::Database_test {
 
 }  // namespace
 
+// A service that could not be written down for want of memory is none that has left.
+TEST_F(Refresh, of_a_scan_short_of_memory_nothing_is_merged) {
+  for (const bool refresh : {false, true}) {
+    SCOPED_TRACE(refresh);
+    merger_ = sdbl::make_scan_merger(sdbl(), refresh);
+    run("DELETE FROM kanalid");
+    scan({{{1, "One"}, {2, "Two"}}});
+    const Texts before = channels();
+    ASSERT_EQ(before.size(), 2U);
+    const Scan_details details = fill({{{1, "One"}}});
+    sdbl().parts().errors.remember(SQLITE_NOMEM, "pat_for_network");
+    sdbl::Merge_end end;
+    EXPECT_EQ(support::messages_at(
+                  1,
+                  [&] {
+                    end = merger_->merge(0, {Input{Connector{CONN}, Delivery{TYPE}}, F1}, SCAN_PAT, details, &changes_);
+                  }),
+              "ERROR: No memory for the channels of 506000000 Hz: nothing is stored\n");
+    EXPECT_EQ(end.outcome, sdbl::Merge_outcome::FAILED);
+    EXPECT_EQ(channels(), before);
+    EXPECT_EQ(scan({{{1, "One"}}}), CHANNELS_LOST) << "the next scan counts";
+  }
+}
+
 TEST_F(Refresh, new_services_are_added_as_without_it) {
   EXPECT_EQ(scan({{{1, "One", 11}, {2, "Two", 12}}}), CHANNELS_ADDED | 32);
   EXPECT_EQ(channels(), (Texts{"1|506000|1|5|One|11|1", "2|506000|2|5|Two|12|1"}));

@@ -167,8 +167,9 @@ void Tuner::Parts::keep(const Tuning_result& tuned, const Turn& turn) {
 }
 
 void Tuner::Parts::save_tunings() {
-  if (db != nullptr)
-    db->parts().tuner_table.save_at_once();
+  if (db == nullptr)
+    return;
+  db->parts().tuner_table.save_at_once();
   if (profile.remember_tunings)
     db->parts().tunings.save_at_once();
 }

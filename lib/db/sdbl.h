@@ -314,7 +314,8 @@ class KELVO_EXPORT Sdbl {
   // channels lost, 32 streams added, 16 streams deleted. 0: no change, or an empty scan table. A service that stays
   // lost is counted again at every full scan. When the file might not have room for all of it, within its 8000 pages or
   // on its disk, the merge is refused whole: 0, one printed error, and the tables stay as they were for a later scan.
-  // So it is when another program keeps the file locked for two seconds; the scan tables can be merged later.
+  // So it is when another program keeps the file locked for two seconds; the scan tables can be merged later. And when
+  // there was no memory for a statement since clear_temp_tables(): services may be missing there that are on air.
   // Otherwise what could not be written does not count; the rest is merged all the same, and the next scan repairs it.
   int update_master_scan_data(int dvbnr, DVB_TYPE_ID dvb_type, HF_CONN_ID hf_conn, int freq, SCAN_STATE state);
 

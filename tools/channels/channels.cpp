@@ -38,11 +38,6 @@ std::string ca_text(const Service& service) {
   return service.scrambled ? "yes" : "-";
 }
 
-// An empty cell would look like a shifted column, and programs that split at blanks would miscount.
-std::string or_dash(const std::string& text) {
-  return text.empty() ? "-" : text;
-}
-
 // A name that is cut or wrapped can no longer be copied into another command.
 void print_table(const std::vector<Service>& services, bool wide) {
   using enum Table::Align;
@@ -58,9 +53,9 @@ void print_table(const std::vector<Service>& services, bool wide) {
                {"PIDS", LEFT, WORDS, 6}},
               wide);
   for (const Service& service : services) {
-    table.add({service.lcn == NO_LCN ? "-" : std::to_string(service.lcn), or_dash(service.name), type_text(service),
-               or_dash(service.provider), or_dash(service.network), mhz(service.freq), ca_text(service),
-               state_text(service), or_dash(streams_text(service))});
+    table.add({lcn_text(service), or_dash(service.name), type_text(service), or_dash(service.provider),
+               or_dash(service.network), mhz(service.freq), ca_text(service), state_text(service),
+               or_dash(streams_text(service))});
   }
   table.print(stdout);
 }

@@ -68,6 +68,11 @@ int width() {
   return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
+bool is_narrow() {
+  constexpr int NARROW = 60;
+  return width() < NARROW;
+}
+
 int height() {
   winsize size{};
   return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;

@@ -27,6 +27,9 @@ bool is_terminal();
 int width();
 int height();
 
+// A terminal on which names come before bars and numbers.
+bool is_narrow();
+
 // Says what people see of the library's messages during its life. Made before the first object of the library and
 // deleted after the last one.
 class Quiet_library {

@@ -14,7 +14,6 @@ namespace {
 
 constexpr int BAR_WIDTH = 20;
 constexpr int NARROW_BAR_WIDTH = 6;
-constexpr int NARROW = 60;  // a screen whose room the text needs more
 
 std::string time_text(double seconds) {
   const int whole = static_cast<int>(std::clamp(seconds, 0.0, 1e6));
@@ -29,7 +28,7 @@ void Progress::draw(const std::string& text, std::optional<double> left) {
   if (!on_) {
     return;
   }
-  const int width = console::width() < NARROW ? NARROW_BAR_WIDTH : BAR_WIDTH;
+  const int width = console::is_narrow() ? NARROW_BAR_WIDTH : BAR_WIDTH;
   const int filled = total_ > 0 ? width * done_ / total_ : 0;
   std::string line = fmt::format("[{}{}] {}/{}  {}{}", std::string(static_cast<size_t>(filled), '#'),
                                  std::string(static_cast<size_t>(width - filled), '.'), done_, total_, text,

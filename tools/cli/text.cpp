@@ -146,6 +146,10 @@ std::string clean_lines(std::string_view text) {
   return out;
 }
 
+std::string or_dash(const std::string& text) {
+  return text.empty() ? "-" : text;
+}
+
 std::string mhz(int freq_hz) {
   return fmt::format("{}.{:03} MHz", freq_hz / 1000000, freq_hz / 1000 % 1000);
 }

@@ -15,5 +15,9 @@ std::string clean_text(std::string_view text);
 // The same of lines that hold such texts: line feeds, tabs and blanks stay where they are, and there are no selectors.
 std::string clean_lines(std::string_view text);
 
+// A dash for an empty text: an empty cell would look like a shifted column, and programs that split at blanks would
+// miscount.
+std::string or_dash(const std::string& text);
+
 // Hz as MHz, as people say it: "506.000 MHz".
 std::string mhz(int freq_hz);

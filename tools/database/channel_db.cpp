@@ -151,6 +151,10 @@ bool check_file(const std::string& file) {
 
 }  // namespace
 
+std::string lcn_text(const Service& service) {
+  return service.lcn == NO_LCN ? "-" : std::to_string(service.lcn);
+}
+
 std::string type_text(const Service& service) {
   switch (service.type) {
     case 0x01:

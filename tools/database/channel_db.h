@@ -79,6 +79,8 @@ inline constexpr int NO_LCN = 65535;
 // In words: "TV", "radio", ...; "found", "lost", "timed out" or "no streams" (named by the multiplex, never complete).
 std::string type_text(const Service& service);
 std::string state_text(const Service& service);
+// The channel's number, or a dash.
+std::string lcn_text(const Service& service);
 
 // The library cuts the extension off at the last dot of the whole path to name the guide file, so there must be one in
 // the name. Throws Failure.

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/cli/console.h"
+#include "tools/cli/text.h"
 #include "tools/epg/event_words.h"
 
 namespace {

@@ -1,13 +1,15 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include <algorithm>
+#include <optional>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "tools/cli/console.h"
 #include "tools/cli/table.h"
+#include "tools/cli/text.h"
 #include "tools/cli/text_columns.h"
 #include "tools/epg/epg_print.h"
 #include "tools/epg/event_words.h"
@@ -57,9 +59,8 @@ std::string event_in_full(const Guide_event& event, const Service& service, std:
       }
     }
     bool first = true;
-    for (const auto& [name, item] : text.items) {
-      out += (std::exchange(first, false) ? "\n" : "") +
-             paragraph(name + (name.empty() || item.empty() ? "" : ": ") + item, columns);
+    for (const auto& item : text.items) {
+      out += (std::exchange(first, false) ? "\n" : "") + paragraph(item_text(item), columns);
     }
   }
   return out;

@@ -42,7 +42,6 @@ constexpr int LOOK_INTERVAL_MS = 200;
 constexpr int DEFAULT_TIME_S = 600;  // for each multiplex
 constexpr int BAR_WIDTH = 16;
 constexpr int NARROW_BAR_WIDTH = 6;
-constexpr int NARROW = 60;  // a screen on which names come before numbers
 
 struct Update_options {
   std::vector<int> adapters;
@@ -257,7 +256,7 @@ void Update::draw() {
         seen_.size()));
     for (const Guide_progress& progress : multiplex.services) {
       const std::string name = name_of(progress.service.channel);
-      lines.push_back(console::width() < NARROW
+      lines.push_back(console::is_narrow()
                           ? fmt::format(" [{}] {}  {}", bar(progress, NARROW_BAR_WIDTH), name, progress.service.events)
                           : fmt::format("  [{}] {:5} events  {}  {}", bar(progress, BAR_WIDTH), progress.service.events,
                                         table_of(progress.service), name));

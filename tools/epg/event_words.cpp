@@ -9,8 +9,8 @@ namespace {
 
 std::string items_text(const Event_text& text) {
   std::string out;
-  for (const auto& [name, item] : text.items) {
-    out += (out.empty() ? "" : "; ") + name + (name.empty() || item.empty() ? "" : ": ") + item;
+  for (const auto& item : text.items) {
+    out += (out.empty() ? "" : "; ") + item_text(item);
   }
   return out;
 }
@@ -36,12 +36,8 @@ const Event_text& best_text(const Guide_event& event) {
   return event.texts.empty() ? none : event.texts.front();
 }
 
-std::string or_dash(const std::string& text) {
-  return text.empty() ? "-" : text;
-}
-
-std::string lcn_text(const Service& service) {
-  return service.lcn == NO_LCN ? "-" : std::to_string(service.lcn);
+std::string item_text(const std::pair<std::string, std::string>& item) {
+  return item.first + (item.first.empty() || item.second.empty() ? "" : ": ") + item.second;
 }
 
 std::string hours_text(const Guide_event& event) {

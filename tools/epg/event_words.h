@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
@@ -23,8 +24,5 @@ const Event_text& best_text(const Guide_event& event);
 // Description, extended text and items in one.
 std::string full_text(const Event_text& text);
 
-// A dash for an empty text: an empty cell would look like a shifted column.
-std::string or_dash(const std::string& text);
-
-// The channel's number, or a dash.
-std::string lcn_text(const Service& service);
+// "Director: Ann", of a description and an item, of which either may be empty.
+std::string item_text(const std::pair<std::string, std::string>& item);

@@ -127,14 +127,6 @@ std::string from_to(const std::string& before, const std::string& after) {
   return before == after ? after : before + " -> " + after;
 }
 
-std::string lcn_text(const Service& service) {
-  return service.lcn == NO_LCN ? "-" : std::to_string(service.lcn);
-}
-
-std::string name_text(const Service& service) {
-  return service.name.empty() ? "-" : service.name;
-}
-
 std::string change_text(const Changed_service& entry) {
   switch (entry.change) {
     case Change::NEW:
@@ -221,8 +213,8 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
     ++counts[static_cast<int>(entry.change)];
     const Service& before_it = entry.before != nullptr ? *entry.before : service;
     table.add({change_text(entry), from_to(lcn_text(before_it), lcn_text(service)),
-               from_to(name_text(before_it), name_text(service)), type_text(service),
-               service.provider.empty() ? "-" : service.provider, from_to(mhz(before_it.freq), mhz(service.freq))});
+               from_to(or_dash(before_it.name), or_dash(service.name)), type_text(service), or_dash(service.provider),
+               from_to(mhz(before_it.freq), mhz(service.freq))});
   }
   if (!table.empty()) {
     fmt::print(out, "\n");

@@ -23,6 +23,10 @@ bool Request_box::under_way() const {
   if (takings_ > 0)
     return true;
   // Asked after the count: a request is posted before its taking ends, so one of the two shows it.
+  return pending();
+}
+
+bool Request_box::pending() const {
   const std::lock_guard<Mutex> lock(lock_);
   return pending_;
 }

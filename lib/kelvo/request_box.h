@@ -57,6 +57,9 @@ class Request_box {
   // True while a host's request takes filters away or waits for the worker.
   bool under_way() const;
 
+  // True while a request waits for the worker.
+  bool pending() const;
+
   // True while a host's request without a channel is on its way: it is tuning, and newer than what the worker has.
   bool host_tunes() const { return takings_ > 0; }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "base/ids.h"
 #include "base/lock_order.h"
@@ -59,7 +60,8 @@ void Scan_loop::run() {
 // Whatever threw has let go of its locks. What a scan has found until then is not to be merged; the guide lacks a
 // section, which comes again.
 void Scan_loop::survive() {
-  if (!scan_open_) {
+  const bool beginning = std::exchange(beginning_, false);
+  if (!scan_open_ && !beginning) {
     KLOG(VERB_ERROR, "ERROR: Out of memory, adapter %d goes on without what it was at\n", kelvo_.adapter);
     (void)filter_.wait_for_data(WAIT_MS);  // so that there is time for others to free some
     return;
@@ -70,7 +72,9 @@ void Scan_loop::survive() {
   scan_mode_ = SCAN_EIT;
   filter_.remove_all();
   requests_.scan_is_over();
-  if (requests_.message_state || requests_.under_way())
+  // One that was only beginning has not been answered yet, whatever the flag says of the one before; and its host may
+  // still be inside the call that left it.
+  if ((requests_.message_state && !beginning) || requests_.pending())
     return;
   requests_.message_state = true;
   tell_host(-1);
@@ -136,13 +140,14 @@ void Scan_loop::take_request() {
   Request request;
   if (!requests_.take(&request))
     return;
-  // Told with what the old request was.
-  end_scan(SCAN_REPLACED);
   request_ = request;
+  beginning_ = true;
+  end_scan(SCAN_REPLACED);  // of the old request
   begin_request();
 }
 
 void Scan_loop::begin_request() {
+  beginning_ = true;
   filter_.remove_all();
   filter_.parts().forget_lost();
   kelvo_.database.clear_temp_tables(kelvo_.adapter);
@@ -175,6 +180,7 @@ void Scan_loop::begin_request() {
   data_seen_ = false;
   loop_counter_ = 0;
   wait_counter_ = 0;
+  beginning_ = false;
 }
 
 // Without a lock the scan finds nothing and goes on trying.

@@ -97,6 +97,7 @@ class Scan_loop {
   Scan_end scan_;  // the scan under way
   int merge_tries_ = 0;
   bool scan_open_ = false;
+  bool beginning_ = false;     // a request has been taken and its scan is not begun
   std::vector<int> given_up_;  // PIDs of PMTs
   int dropped_before_ = 0;     // filters given up since the request when the scan began
   bool scan_applied_ = false;

@@ -157,6 +157,7 @@ int Scan_loop::change_code(int scanned_freq, int result) {
 }
 
 void Scan_loop::begin_scan() {
+  scan_open_ = true;  // first: what has no memory below gives a scan up, see survive()
   scan_.adapter = kelvo_.adapter;
   scan_.freq = request_.freq;
   scan_.channel = request_.channel;
@@ -171,7 +172,6 @@ void Scan_loop::begin_scan() {
   dropped_before_ = filter_.parts().dropped();
   (void)filter_.parts().take_given_up();  // of no scan
   given_up_.clear();
-  scan_open_ = true;
 }
 
 void Scan_loop::end_scan(int outcome) {
@@ -286,12 +286,12 @@ void Scan_loop::restart_from_pat() {
   KLOG(VERB_PROGRESS, "Restarting autoscan from PAT\n");
   autoscan_timer_.arm();
   scan_timer_.arm();
+  scan_mode_ = SCAN_PAT;
+  begin_scan();
   const int tuned_freq = freq();
   (void)filter_.remove_filter_pid_range(pid::TIME, pid::TIME);
   (void)filter_.addfilter(pid::TIME, table::TOT, tuned_freq);
   (void)filter_.addfilter(pid::PAT, table::PAT, tuned_freq);
-  scan_mode_ = SCAN_PAT;
-  begin_scan();
 }
 
 void Scan_loop::restart_from_pmt() {

@@ -94,6 +94,10 @@ std::vector<Row> all_rows() {
 std::atomic<long> failing_allocation{0};
 std::atomic<long> allocations{0};
 thread_local bool counted = true;
+// To fail of the worker's alone once it has taken a request; 0 for none.
+std::atomic<long> failing_of_beginning{0};
+std::atomic<bool> of_worker_only{false};
+thread_local bool is_worker = false;
 
 // The test itself cannot do without memory.
 class Spared {
@@ -108,7 +112,8 @@ class Spared {
 };
 
 bool allocation_fails() {
-  return counted && allocations.fetch_add(1, std::memory_order_relaxed) + 1 == failing_allocation;
+  return counted && (is_worker || !of_worker_only) &&
+         allocations.fetch_add(1, std::memory_order_relaxed) + 1 == failing_allocation;
 }
 
 // What happened in a row.
@@ -196,6 +201,12 @@ class Host {
   }
 
   void take_message(const char* text) {
+    if (failing_of_beginning != 0 && std::string_view(text).starts_with("WARNING: Loop init")) {
+      is_worker = true;
+      of_worker_only = true;
+      allocations = 0;
+      failing_allocation = failing_of_beginning.load();
+    }
     const Spared spared;
     const std::lock_guard lock(lock_);
     std::string line(text, std::strcspn(text, "\n"));
@@ -847,6 +858,31 @@ TEST_P(Fault_matrix, survives_each_allocation_that_fails) {
   }
   if (part != nullptr)
     std::printf("TRIED|failing allocations of a scan, %s|%ld\n", GetParam(), tried);
+}
+
+// While a request is taken over, no scan is open yet that could be given up.
+TEST_P(Fault_matrix, a_request_that_begins_without_memory_is_answered) {
+  constexpr long OF_BEGINNING = 24;
+  begin_with_good();
+  with_host([&](Host& host) {
+    int refused = 0;
+    for (long number = 1; number <= OF_BEGINNING && !HasFailure(); number += 2) {
+      host.disconnect();
+      host.connect();  // of its first request nothing is left of another that could be answered instead
+      failing_of_beginning = number;
+      std::string answer = host.scan();
+      if (answer.empty())
+        answer = host.answer();
+      failing_of_beginning = 0;
+      failing_allocation = 0;
+      of_worker_only = false;
+      EXPECT_THAT(answer, testing::AnyOf("0", "-1")) << "allocation " << number;
+      EXPECT_TRUE(answer == "-1" || host.outcome() == "complete") << "allocation " << number << ' ' << host.outcome();
+      refused += answer == "-1" ? 1 : 0;
+      EXPECT_EQ(recover(host), "works") << "allocation " << number;
+    }
+    EXPECT_GT(refused, 0);
+  });
 }
 
 #endif

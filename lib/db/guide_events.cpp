@@ -102,7 +102,7 @@ int Guide_events::try_rows(int channel, std::vector<Guide_row>* all) {
   int rc = SQLITE_OK;
   const auto read = [&](auto sql) {
     Rows rows(statements_, GUIDE_OPERATION, 0, sql, channel);
-    while (rows.next()) {
+    while (rows.try_next()) {
       Guide_row row{rows.number(0), rows.number(1), rows.number(2), rows.number(3)};
       row.run_status = rows.number(4);
       if (rows.number(5) != 0)

@@ -48,10 +48,15 @@ Rows::Rows(const Statements& statements, Operation operation, int instance, cons
       code_(SQLITE_ERROR) {}
 
 bool Rows::next() {
+  const bool row = try_next();
+  statements_.errors_.remember(code_, operation_.name);
+  return row;
+}
+
+bool Rows::try_next() {
   if (stmt_ == nullptr)
     return false;
   code_ = sqlite3_step(stmt_);
-  statements_.errors_.remember(code_, operation_.name);
   return code_ == SQLITE_ROW;
 }
 

@@ -131,8 +131,10 @@ class Rows {
   // False when the cache gave no statement, which it has printed.
   bool bound() const { return stmt_ != nullptr; }
 
-  // Steps; true when there is a row.
+  // Steps; true when there is a row. The second form is for a read that is tried again, with drop(): a failure is
+  // remembered only by end().
   bool next();
+  bool try_next();
   int code() const { return code_; }  // of the last step; 1 before it and without a statement
 
   // Columns of the row. The text of NULL is empty; a text is valid until the next step.
@@ -147,7 +149,7 @@ class Rows {
   int end() { return end(operation_); }
   int end(Operation operation);
 
-  // The same without a report, for a read that is tried again.
+  // The same without a report.
   void drop();
 
   // Lets the connection go and leaves the reset to the statement's next use, which prints its failure.

@@ -18,31 +18,6 @@ Ids ids_of(const Channel_row& row) {
   return {row.orig_network_id, row.tstream_id, row.pat_prnr};
 }
 
-// The types of services that are television and radio (EN 300 468, table 87).
-int kind_of(int serv_type) {
-  switch (serv_type) {
-    case 0x01:
-    case 0x11:
-    case 0x16:
-    case 0x17:
-    case 0x18:
-    case 0x19:
-    case 0x1A:
-    case 0x1B:
-    case 0x1C:
-    case 0x1D:
-    case 0x1E:
-    case 0x1F:
-    case 0x20:
-      return 0;
-    case 0x02:
-    case 0x0A:
-      return 1;
-    default:
-      return 2;
-  }
-}
-
 // One whose PMT has never come is named by its multiplex all the same.
 bool is_gone(const Channel_row& row) {
   return is_lost(row) && row.row_status != ROW_NEW;
@@ -92,6 +67,30 @@ int plain_or_hd(const Channel_row& row) {
 }
 
 }  // namespace
+
+int kind_of(int serv_type) {
+  switch (serv_type) {
+    case 0x01:
+    case 0x11:
+    case 0x16:
+    case 0x17:
+    case 0x18:
+    case 0x19:
+    case 0x1A:
+    case 0x1B:
+    case 0x1C:
+    case 0x1D:
+    case 0x1E:
+    case 0x1F:
+    case 0x20:
+      return 0;
+    case 0x02:
+    case 0x0A:
+      return 1;
+    default:
+      return 2;
+  }
+}
 
 int wished_number(const std::vector<Channel_row>& rows, const Channel_row& row) {
   if (is_gone(row))

@@ -9,6 +9,9 @@
 
 namespace sdbl {
 
+// What a service's type makes of it (EN 300 468, table 87): 0 television, 1 radio, 2 anything else.
+int kind_of(int serv_type);
+
 // The number under which a service asks to be listed: the one for receivers of HD if it has one and no other service of
 // `rows` asks for the same, else the plain one. NO_LCN for none. Lost services ask for nothing.
 int wished_number(const std::vector<Channel_row>& rows, const Channel_row& row);

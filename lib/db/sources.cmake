@@ -18,6 +18,7 @@ list(APPEND KELVO_SOURCES
   db/guide_room.cpp
   db/guide_section.cpp
   db/guide_services.cpp
+  db/lookup.cpp
   db/merge.cpp
   db/number_plan.cpp
   db/one_shot.cpp
@@ -48,8 +49,10 @@ list(APPEND KELVO_PUBLIC_HEADERS
   db/database_error.h
   db/durability.h
   db/epg_cache.h
+  db/listed_channel.h
   db/no_file_error.h
   db/pmt_subtxt_lang.h
+  db/programme.h
   db/sdbl.h
   db/sql_cache.h
   db/sql_query.h

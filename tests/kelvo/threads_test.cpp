@@ -6,7 +6,9 @@
 #include <cmath>
 #include <shared_mutex>
 
+#include "kelvo/channel_lookup.h"
 #include "kelvo/kelvo.h"
+#include "kelvo/now_and_next.h"
 #include "support/database.h"
 #include "support/softdvb.h"
 #include "support/support.h"
@@ -359,6 +361,10 @@ const Operation OPERATIONS[] = {
                &entry, 0, "SELECT entry FROM epglist WHERE channel = %d AND start_epoch > 0 ORDER BY start_epoch",
                channel) == 0)
          (void)at.database.sql_get_txt(&name, 0, "SELECT ev_name FROM epglist_lang WHERE source_oid = %d", entry);
+       std::vector<Listed_channel> listed;
+       (void)Channel_lookup(&at.database).by_name("tv", &listed);
+       Now_next shown;
+       (void)Now_and_next(&at.database).read(channel, {"est"}, &shown);
        (void)at.database.get_freq(channel);
        (void)at.database.read_streams(channel);
        std::vector<CA_pid*> pids;

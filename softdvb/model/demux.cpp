@@ -117,17 +117,16 @@ int Demux_handle::request(unsigned long request, void* argument) {
       result = set_buffer_size(reinterpret_cast<uintptr_t>(argument));
       break;
     case DMX_ADD_PID:
+      result = argument == nullptr ? -EFAULT : add_pid(*static_cast<uint16_t*>(argument));
+      break;
     case DMX_REMOVE_PID:
-      result = argument == nullptr ? -EFAULT : change_pids(request == DMX_ADD_PID, *static_cast<uint16_t*>(argument));
+      result = argument == nullptr ? -EFAULT : remove_pid(*static_cast<uint16_t*>(argument));
       break;
     case DMX_GET_PES_PIDS:
-      if (argument == nullptr) {
-        result = -EFAULT;
-      } else {
-        // No decoder is behind this adapter, so none of its five PIDs is set.
-        std::fill_n(static_cast<uint16_t*>(argument), 5, uint16_t{0xFFFF});
-        result = 0;
-      }
+      result = argument == nullptr ? -EFAULT : 0;
+      // What is not set is one less than none: 0xFFFF.
+      for (int i = 0; argument != nullptr && i < 5; ++i)
+        static_cast<uint16_t*>(argument)[i] = static_cast<uint16_t>(adapter().pes_pid[i].load() - 1);
       break;
     // There is no clock of a decoder to be read.
     case DMX_GET_STC:
@@ -153,8 +152,16 @@ int Demux_handle::start() {
   queue_.flush();
   header_missing_ = 3;
   body_left_ = 0;
-  if (pid_ > (type_ == Type::SECTION ? pid::LAST : ALL_PIDS))
-    return -EINVAL;
+  if (type_ == Type::SECTION) {
+    if (pid_ > pid::LAST)
+      return -EINVAL;
+  } else {
+    for (const int pid : pids_)
+      if (const int result = start_feed(pid); result != 0) {
+        stop_feeds();
+        return result;
+      }
+  }
   demux_of(adapter_index()).filter_started(*this);
   state_ = Filter_state::GO;
   if (type_ == Type::SECTION && section_.timeout != 0)
@@ -170,7 +177,47 @@ void Demux_handle::stop() {
   state_ = Filter_state::SET;
   deadline_ns_ = 0;
   demux_of(adapter_index()).filter_stopped(*this);
+  if (type_ == Type::PACKETS)
+    stop_feeds();
   queue_.flush();
+}
+
+// A stream of a decoder has one source, although there is no decoder: whoever takes the type first has it.
+int Demux_handle::start_feed(int pid) {
+  if (pid > ALL_PIDS)
+    return -EINVAL;
+  Adapter& a = adapter();
+  if (pes_.pes_type < DMX_PES_OTHER) {
+    const Shared_lock lock(*shared());
+    int32_t& slot = a.pes_slot[pes_.pes_type];
+    if (slot != 0 && is_process_alive(a.demux_owner[slot - 1]))
+      return -EINVAL;
+    slot = slot_ + 1;
+    has_type_ = true;
+    if (pes_.pes_type <= DMX_PES_PCR0)
+      a.pes_pid[pes_.pes_type].store(pid + 1);
+  }
+  if (pes_.output == DMX_OUT_TS_TAP)
+    feed_dvr(pid);
+  return 0;
+}
+
+void Demux_handle::stop_feeds() {
+  if (has_type_) {
+    const Shared_lock lock(*shared());
+    if (adapter().pes_slot[pes_.pes_type] == slot_ + 1)
+      adapter().pes_slot[pes_.pes_type] = 0;
+    has_type_ = false;
+  }
+  feed_dvr(-1);
+}
+
+void Demux_handle::feed_dvr(int pid) {
+  // A forked child that closes its copy must not stop what its parent runs.
+  if (slot_ < 0 || adapter().demux_owner[slot_] != getpid() || adapter().dvr_pid[slot_].load() == pid + 1)
+    return;
+  adapter().dvr_pid[slot_].store(pid + 1);
+  adapter().dvr_changes.fetch_add(1);
 }
 
 // A filter that cannot run has replaced the old one all the same: only the start looks at the PID.
@@ -189,13 +236,15 @@ int Demux_handle::set_filter(const dmx_sct_filter_params& p) {
 
 int Demux_handle::set_packet_filter(const dmx_pes_filter_params& p) {
   stop();
-  // Unlike a section filter, one of a kind that does not exist leaves the old one in place, though stopped.
-  if (static_cast<unsigned>(p.pes_type) > DMX_PES_OTHER)
+  // One of a kind that does not exist takes the old one away as well.
+  if (static_cast<unsigned>(p.pes_type) > DMX_PES_OTHER) {
+    type_ = Type::NONE;
+    state_ = Filter_state::ALLOCATED;
     return -EINVAL;
+  }
   type_ = Type::PACKETS;
   pes_ = p;
-  pid_ = p.pid;
-  more_pids_.clear();
+  pids_ = {p.pid};
   state_ = Filter_state::SET;
   return (p.flags & DMX_IMMEDIATE_START) != 0 ? start() : 0;
 }
@@ -212,23 +261,33 @@ int Demux_handle::set_buffer_size(size_t n) {
   return 0;
 }
 
-int Demux_handle::change_pids(bool add, int pid) {
-  if (type_ != Type::PACKETS || pid > pid::LAST)
+// Only a filter that is read by itself may have several PIDs, each as often as it was added. One of the wrong PID stays
+// and keeps the filter from being started again.
+int Demux_handle::add_pid(int pid) {
+  if (type_ != Type::PACKETS || (pes_.output != DMX_OUT_TSDEMUX_TAP && !pids_.empty()))
     return -EINVAL;
-  const auto at = std::find(more_pids_.begin(), more_pids_.end(), pid);
-  if (add && at == more_pids_.end())
-    more_pids_.push_back(pid);
-  else if (!add && at != more_pids_.end())
-    more_pids_.erase(at);
-  // The table of wanted PIDs is out of date now, also while the filter runs.
+  pids_.push_back(pid);
   demux_of(adapter_index()).pids_changed();
+  return running() ? start_feed(pid) : 0;
+}
+
+// Of a filter that does not run nothing is removed, and nobody is told.
+int Demux_handle::remove_pid(int pid) {
+  if (type_ != Type::PACKETS)
+    return -EINVAL;
+  if (running() && std::erase(pids_, pid) > 0) {
+    if (pids_.empty())
+      stop_feeds();
+    demux_of(adapter_index()).pids_changed();
+  }
   return 0;
 }
 
-bool Demux_handle::takes_pid(int pid) const {
-  if (pid_ == pid || (type_ == Type::PACKETS && pid_ == ALL_PIDS))
-    return true;
-  return std::find(more_pids_.begin(), more_pids_.end(), pid) != more_pids_.end();
+int Demux_handle::copies_of(int pid) const {
+  if (type_ == Type::SECTION)
+    return pid_ == pid ? 1 : 0;
+  return static_cast<int>(
+      std::count_if(pids_.begin(), pids_.end(), [pid](int own) { return own == pid || own == ALL_PIDS; }));
 }
 
 bool Demux_handle::matches(const uint8_t* section) const {
@@ -302,7 +361,7 @@ void Demux_handle::overflow() {
 
 // A filter that takes nothing of the PID, or goes to the queue of another device, must not hold the stream up.
 bool Demux_handle::has_room(int pid, size_t n) const {
-  if (!takes_pid(pid))
+  if (copies_of(pid) == 0)
     return true;
   if (type_ == Type::SECTION)
     return state_ != Filter_state::GO || queue_.patient_room(n);
@@ -313,6 +372,19 @@ bool Demux_handle::has_room(int pid, size_t n) const {
 Dvr_handle::Dvr_handle(int adapter_index, int open_flags) : Handle(Device::DVR, adapter_index, open_flags) {
   // The device has its queue from the opening on; there is no start that could make it.
   queue_.allocated = true;
+  demux_of(adapter_index).reader_opened();
+}
+
+void Dvr_handle::closed() {
+  demux_of(adapter_index()).reader_closed();
+  const Shared_lock lock(*shared());
+  if (!gone() && adapter().dvr_owner == getpid())
+    adapter().dvr_owner = 0;
+}
+
+void Dvr_handle::overflow() {
+  if (queue_.error == 0)
+    queue_.error = EOVERFLOW;
 }
 
 short Dvr_handle::ready() {
@@ -371,7 +443,7 @@ void Demux::pids_changed() {
   wanted_valid_ = false;
 }
 
-void Demux::find_wanted() {
+void Demux::find_wanted(const Adapter& adapter) {
   // Most packets of a stream interest nobody; one look into this table is all that they cost.
   wanted_.fill(false);
   for (const auto& [pid, feed] : feeds_)
@@ -379,12 +451,28 @@ void Demux::find_wanted() {
   // Packet filters may have several PIDs or all of them. They are rare, so they are not worth a table of their own.
   if (packet_filters_ > 0)
     wanted_.fill(true);
+  recorded_.fill(false);
+  for (int i = 0; readers_ > 0 && i < adapter.filters; ++i) {
+    const int pid = adapter.dvr_pid[i].load() - 1;
+    if (pid < 0 || !is_process_alive(adapter.demux_owner[i]))
+      continue;
+    if (pid == ALL_PIDS)
+      recorded_.fill(true);
+    else
+      recorded_[static_cast<size_t>(pid)] = true;
+  }
+  for (size_t i = 0; i < wanted_.size(); ++i)
+    wanted_[i] = wanted_[i] || recorded_[i];
   wanted_valid_ = true;
 }
 
-bool Demux::wants(int pid) {
-  if (!wanted_valid_)
-    find_wanted();
+bool Demux::wants(int adapter_index, int pid) {
+  const Adapter& adapter = shared()->adapter[adapter_index];
+  const uint32_t changes = adapter.dvr_changes.load();
+  if (!wanted_valid_ || (readers_ > 0 && changes != dvr_changes_)) {
+    dvr_changes_ = changes;
+    find_wanted(adapter);
+  }
   return wanted_[static_cast<size_t>(pid)];
 }
 
@@ -433,7 +521,7 @@ int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_
   // Errors and scrambling that the packet tells of do not keep it away, as in the kernel: a broken section is
   // found by its CRC, if the program asked for that.
   const int pid = (p[1] & 0x1F) << 8 | p[2];
-  if (!wants(pid))
+  if (!wants(adapter_index, pid))
     return 0;
   int delivered = 0;
   if (const auto at = feeds_.find(pid); at != feeds_.end()) {
@@ -457,7 +545,7 @@ int Demux::packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_
         delivered += deliver(adapter_index, pid, section, n, damage.cut_to);
     });
   }
-  if (packet_filters_ > 0)
+  if (packet_filters_ > 0 || recorded_[static_cast<size_t>(pid)])
     delivered += deliver_packet(adapter_index, pid, p);
   return delivered;
 }
@@ -478,32 +566,28 @@ int Demux::deliver(int adapter_index, int pid, const uint8_t* section, size_t n,
 }
 
 int Demux::deliver_packet(int adapter_index, int pid, const uint8_t* p) {
-  bool to_dvr = false;
   int delivered = 0;
   for (const auto& handle : all_handles()) {
     // An inherited handle belongs to the parent until this process uses it.
-    if (handle->device() != Device::DEMUX || handle->adapter_index() != adapter_index || !handle->listens())
+    if (handle->adapter_index() != adapter_index || !handle->listens())
       continue;
-    auto& filter = static_cast<Demux_handle&>(*handle);
-    if (!filter.takes_packets() || !filter.takes_pid(pid))
-      continue;
-    ++delivered;
-    if (filter.packet_output() == DMX_OUT_TS_TAP)
-      to_dvr = true;
-    else
-      filter.deliver_packet(p);
-  }
-  // All filters with that output share the one queue of the dvr device, which gets each packet once.
-  if (!to_dvr)
-    return delivered;
-  for (const auto& handle : all_handles())
-    if (handle->device() == Device::DVR && handle->adapter_index() == adapter_index && handle->listens())
+    if (handle->device() == Device::DEMUX) {
+      auto& filter = static_cast<Demux_handle&>(*handle);
+      for (int i = filter.takes_packets() ? filter.copies_of(pid) : 0; i > 0; --i) {
+        filter.deliver_packet(p);
+        ++delivered;
+      }
+    } else if (handle->device() == Device::DVR && recorded_[static_cast<size_t>(pid)]) {
+      // All filters with that output share the one queue of the dvr device, which gets each packet once.
       static_cast<Dvr_handle&>(*handle).deliver_packet(p);
+      ++delivered;
+    }
+  }
   return delivered;
 }
 
 bool Demux::has_room(int adapter_index, int pid) {
-  if (!wants(pid))
+  if (!wants(adapter_index, pid))
     return true;
   for (const auto& handle : all_handles()) {
     if (handle->adapter_index() != adapter_index || !handle->listens())
@@ -512,7 +596,7 @@ bool Demux::has_room(int adapter_index, int pid) {
       const auto& filter = static_cast<const Demux_handle&>(*handle);
       if (filter.running() && !filter.has_room(pid, MAX_SECTION))
         return false;
-    } else if (handle->device() == Device::DVR && packet_filters_ > 0) {
+    } else if (handle->device() == Device::DVR && recorded_[static_cast<size_t>(pid)]) {
       if (!static_cast<const Dvr_handle&>(*handle).has_room(TS_PACKET))
         return false;
     }

@@ -41,7 +41,8 @@ class Demux_handle : public Handle {
   // A filter that is done or timed out is running but takes nothing, as in the kernel: it keeps its feed until a stop.
   bool takes_sections() const { return type_ == Type::SECTION && state_ == Filter_state::GO; }
   bool takes_packets() const { return type_ == Type::PACKETS && state_ == Filter_state::GO; }
-  bool takes_pid(int pid) const;
+  // How often a packet of the PID comes: once for each time that a packet filter has it.
+  int copies_of(int pid) const;
   bool matches(const uint8_t* section) const;
   int packet_output() const { return static_cast<int>(pes_.output); }
 
@@ -59,14 +60,19 @@ class Demux_handle : public Handle {
   int set_filter(const dmx_sct_filter_params& p);
   int set_packet_filter(const dmx_pes_filter_params& p);
   int set_buffer_size(size_t n);
-  int change_pids(bool add, int pid);
+  int add_pid(int pid);
+  int remove_pid(int pid);
+  int start_feed(int pid);
+  void stop_feeds();
+  void feed_dvr(int pid);  // -1: no more
   bool cut_reached();
 
   int slot_;
   Type type_ = Type::NONE;
   Filter_state state_ = Filter_state::ALLOCATED;
-  int pid_ = 0;
-  std::vector<int> more_pids_;
+  int pid_ = 0;            // of a section filter
+  std::vector<int> pids_;  // of a packet filter, a feed each
+  bool has_type_ = false;  // it is the source of its stream of a decoder
   dmx_sct_filter_params section_{};
   dmx_pes_filter_params pes_{};
   // Whether any bit asks for a difference; found once, because every section of the PID is matched.
@@ -79,13 +85,15 @@ class Demux_handle : public Handle {
   int body_left_ = 0;       // bytes of the section that is being read
 };
 
-// dvr0: the packets of all packet filters with output DMX_OUT_TS_TAP.
+// dvr0: the packets of all packet filters with output DMX_OUT_TS_TAP, of this process and others.
 class Dvr_handle : public Handle {
  public:
   Dvr_handle(int adapter_index, int open_flags);
   ssize_t read(void* to, size_t n);
   int request(unsigned long request, void* argument);
   short ready() override;
+  void closed() override;
+  void overflow();
   void deliver_packet(const uint8_t* packet) { queue_.add(packet, TS_PACKET); }
   bool has_room(size_t n) const { return queue_.patient_room(n); }
 
@@ -101,10 +109,12 @@ class Demux {
   void filter_started(const Demux_handle& filter);
   void filter_stopped(const Demux_handle& filter);
   void pids_changed();
+  void reader_opened() { change_readers(1); }
+  void reader_closed() { change_readers(-1); }
   // Gives one packet to everything that wants it. Returns the number of deliveries.
   int packet(Adapter& adapter, int adapter_index, const uint8_t* p, uint64_t now_ns);
   bool has_room(int adapter_index, int pid);
-  bool idle() const { return feeds_.empty() && packet_filters_ == 0; }
+  bool idle() const { return feeds_.empty() && packet_filters_ == 0 && readers_ == 0; }
 
  private:
   struct Feed {
@@ -112,16 +122,23 @@ class Demux {
     Section_feed sections;
     int users = 0;
   };
-  bool wants(int pid);
-  void find_wanted();
+  void change_readers(int by) {
+    readers_ += by;
+    wanted_valid_ = false;
+  }
+  bool wants(int adapter_index, int pid);
+  void find_wanted(const Adapter& adapter);
   int deliver(int adapter_index, int pid, const uint8_t* section, size_t n, size_t cut_to);
   int deliver_packet(int adapter_index, int pid, const uint8_t* p);
 
   std::map<int, Feed> feeds_;
   int packet_filters_ = 0;
+  int readers_ = 0;  // of dvr0, in this process
   // The table is made at the next packet, so starting many filters in a row makes it once.
   bool wanted_valid_ = false;
+  uint32_t dvr_changes_ = 0;  // that it was made for
   std::array<bool, 8192> wanted_{};
+  std::array<bool, 8192> recorded_{};  // goes to dvr0
 };
 
 Demux& demux_of(int adapter_index);

@@ -42,12 +42,19 @@ static std::shared_ptr<Handle> make_handle(const Device_path& device, const char
     return nullptr;
   }
   if (device.device == Device::DVR) {
-    // One reader at a time, and only within this process: each process plays its own copy of the stream.
-    for (const auto& handle : all_handles())
-      if (handle->device() == Device::DVR && handle->adapter_index() == device.adapter_index && handle->listens()) {
-        errno = EBUSY;
-        return nullptr;
-      }
+    // The kernel that this imitates has been built without the memory that could be written and read at once.
+    if ((flags & O_ACCMODE) == O_RDWR) {
+      errno = EOPNOTSUPP;
+      return nullptr;
+    }
+    // What was on the air until now is past, also for a process that looks for the first time.
+    player_advance();
+    const Shared_lock lock(*shared());
+    if (is_process_alive(a.dvr_owner)) {
+      errno = EBUSY;
+      return nullptr;
+    }
+    a.dvr_owner = getpid();
     return std::make_shared<Dvr_handle>(device.adapter_index, flags);
   }
   const int slot = take_demux_slot(a);
@@ -123,9 +130,12 @@ static bool read_fails(Handle& handle) {
   const int error = fault_for("read", full_name(handle).c_str());
   if (error == 0)
     return false;
-  if (error == EOVERFLOW && handle.device() == Device::DEMUX) {
+  if (error == EOVERFLOW && handle.device() != Device::FRONTEND) {
     const Device_lock lock;
-    static_cast<Demux_handle&>(handle).overflow();
+    if (handle.device() == Device::DEMUX)
+      static_cast<Demux_handle&>(handle).overflow();
+    else
+      static_cast<Dvr_handle&>(handle).overflow();
     return false;
   }
   errno = error;

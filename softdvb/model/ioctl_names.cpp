@@ -103,6 +103,8 @@ static std::string describe(Device device, unsigned long request, const void* ar
       const auto& p = *static_cast<const dmx_pes_filter_params*>(argument);
       snprintf(text, sizeof text, " pid=0x%x output=%d type=%d flags=0x%x", p.pid, static_cast<int>(p.output),
                static_cast<int>(p.pes_type), p.flags);
+    } else if (request == DMX_ADD_PID || request == DMX_REMOVE_PID) {
+      snprintf(text, sizeof text, " pid=0x%x", *static_cast<const uint16_t*>(argument));
     }
     return text;
   }

@@ -58,6 +58,12 @@ void unplug(Adapter& a) {
     fs::remove(folder_of(each) / device_name(each, Device::FRONTEND), ignored);
   }
   a.stream_generation.fetch_add(1);
+  a.dvr_owner = 0;
+  for (std::atomic<int32_t>& pid : a.dvr_pid)
+    pid.store(0);
+  a.dvr_changes.fetch_add(1);
+  for (int32_t& slot : a.pes_slot)
+    slot = 0;
   remove_unused_nodes(a);
 }
 

@@ -23,6 +23,7 @@ inline constexpr int MAX_SIGNAL_STEPS = 64;
 inline constexpr int MAX_FAULTS = 64;
 inline constexpr int MAX_SECTION_FAULTS = 64;
 inline constexpr int MAX_DEMUX_OPENS = 256;
+inline constexpr int PES_TYPES = 20;  // DMX_PES_OTHER, which is not of a decoder
 inline constexpr int MAX_PATH = 1024;
 inline constexpr int EVENT_QUEUE = 8;  // one place always stays empty, so 7 events fit
 inline constexpr uint64_t NANOS = 1000000000;
@@ -159,6 +160,12 @@ struct Adapter {
   Tuning cache;  // the core's: what was set, tuned or not; its delivery system outlives closing
   Frontend fe;
   int32_t demux_owner[MAX_DEMUX_OPENS];  // process of each open demultiplexer handle, 0: free
+  // What dvr0 gets, whoever has it open: of each handle the PID + 1 of the filter that feeds it, 0: none.
+  std::atomic<int32_t> dvr_pid[MAX_DEMUX_OPENS];
+  std::atomic<uint32_t> dvr_changes;
+  int32_t dvr_owner;                // process that reads it
+  int32_t pes_slot[PES_TYPES];      // of each stream of a decoder the handle + 1 that it comes from
+  std::atomic<int32_t> pes_pid[5];  // and of the first decoder's the PID + 1, also later
   // When the stream of the tuned frequency began to play, and how often it was begun anew.
   uint64_t stream_epoch_ns;
   std::atomic<uint32_t> stream_generation;

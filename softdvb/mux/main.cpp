@@ -112,17 +112,18 @@ int main(int argc, char** argv) {
   bool list_defaults = false;
   bool example = false;
   bool quiet = false;
-  app.add_option("DESCRIPTION", description_name, "the description, - for standard input");
-  app.add_option("-o,--output", output_name, "the file to write, - for standard output");
-  app.add_option("--now", now_text,
-                 "the time that \"now\" stands for, 2026-03-01T18:00:00Z (also over the file's own)");
+  app.add_option("DESCRIPTION", description_name, "the description, - for standard input")->type_name("FILE");
+  app.add_option("-o,--output", output_name, "the file to write, - for standard output")->type_name("FILE");
+  app.add_option("--now", now_text, "the time that \"now\" stands for, 2026-03-01T18:00:00Z (also over the file's own)")
+      ->type_name("TIME");
   app.add_flag("--list-defaults", list_defaults, "print the intervals that hold when the description names none");
   app.add_flag("--example", example, "print a complete description");
   app.add_flag("-q,--quiet", quiet, "no summary and no progress");
+  app.set_version_flag("--version", "softdvb-mux " SOFTDVB_VERSION);
   try {
     app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& help) {
-    return app.exit(help);
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked);
   } catch (const CLI::ParseError& error) {
     return complain(WRONG_USE, std::string(error.what()) + "; see softdvb-mux --help");
   }

@@ -53,7 +53,7 @@ TEST_F(Mux_tool, wrong_use_is_one_line_and_2) {
   const std::pair<const char*, const char*> CASES[] = {
       {"", "no description is named; see softdvb-mux --help"},
       {"a.json", "no output is named, use -o FILE; see softdvb-mux --help"},
-      {"a.json -o", "--output: 1 required TEXT missing; see softdvb-mux --help"},
+      {"a.json -o", "--output: 1 required FILE missing; see softdvb-mux --help"},
       {"--fast", "The following argument was not expected: --fast; see softdvb-mux --help"},
       {"a.json -o a.ts --now noon", "--now noon is no time such as 2026-03-01T18:00:00Z"}};
   for (const auto& [arguments, message] : CASES) {
@@ -128,8 +128,11 @@ TEST_F(Mux_tool, now_on_the_command_line_wins_over_the_description) {
 
 TEST_F(Mux_tool, help_names_every_option) {
   EXPECT_EQ(run("--help"), "0: ");
-  for (const char* word : {"DESCRIPTION", "-o,--output", "--now", "--list-defaults", "--example", "-q,--quiet"})
+  for (const char* word :
+       {"DESCRIPTION", "-o,--output", "--now", "--list-defaults", "--example", "-q,--quiet", "--version"})
     EXPECT_THAT(text_of("out"), HasSubstr(word));
+  EXPECT_EQ(run("--version"), "0: ");
+  EXPECT_THAT(text_of("out"), testing::MatchesRegex("softdvb-mux [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 TEST_F(Mux_tool, the_listed_defaults_can_be_used_as_they_are) {

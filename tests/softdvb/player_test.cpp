@@ -64,10 +64,11 @@ TEST(Player, is_heard) {
 }
 
 TEST(Player, another_stream_takes_its_place_while_it_is_tuned) {
+  // The adapter's time begins before the program does: 30 seconds leave it one and a half to begin to listen.
   const std::string options = "--time x20 --start filter --once --mux " + counting() +
-                              " --then 506000000=4:" + SOFTDVB_STREAMS "/counting.204.ts --then 506000000=8:" +
+                              " --then 506000000=30:" + SOFTDVB_STREAMS "/counting.204.ts --then 506000000=45:" +
                               SOFTDVB_STREAMS "/counting.188.ts";
-  const Softdvb_run run = listen(options, "tune=506000000 wait=9000");
+  const Softdvb_run run = listen(options, "tune=506000000 wait=46000");
   EXPECT_EQ(run.out, numbers(0, 20) + numbers(0, 20) + numbers(0, 20)) << run.err;
 }
 

@@ -147,6 +147,53 @@ TEST_F(Sample_network, femon_shows_a_lost_lock) {
   EXPECT_THAT(run.out, testing::Not(HasSubstr("FE_HAS_LOCK")));
 }
 
+// What dvr0 gives.
+
+// The PIDs of whole packets, in order.
+static std::vector<int> pids_of(const std::string& packets) {
+  std::set<int> pids;
+  EXPECT_EQ(packets.size() % 188, 0u);
+  for (size_t at = 0; at + 188 <= packets.size(); at += 188) {
+    EXPECT_EQ(packets[at], 0x47);
+    pids.insert((packets[at + 1] & 0x1F) << 8 | static_cast<unsigned char>(packets[at + 2]));
+  }
+  return {pids.begin(), pids.end()};
+}
+
+TEST_F(Sample_network, what_a_zapping_program_filters_is_read_by_another) {
+  NEEDS("dvbv5-zap");
+  NEEDS("tzap");
+  support::write_file(folder.file("v5"),
+                      "[Third]\n SERVICE_ID = 3\n VIDEO_PID = 289\n AUDIO_PID = 290\n FREQUENCY = 474000000\n"
+                      " BANDWIDTH_HZ = 8000000\n DELIVERY_SYSTEM = DVBT\n");
+  support::write_file(folder.file("zap"),
+                      "Third:474000000:INVERSION_AUTO:BANDWIDTH_8_MHZ:FEC_AUTO:FEC_AUTO:QAM_AUTO:"
+                      "TRANSMISSION_MODE_AUTO:GUARD_INTERVAL_AUTO:HIERARCHY_AUTO:289:290:3\n");
+  options[1] = "x20";
+  // The second reader comes late: what was sent before, more than the device holds, is not for it.
+  const std::pair<const char*, const char*> runs[] = {{"dvbv5-zap -c v5 -r Third", "1"},
+                                                      {"tzap -c zap -r Third", "60"}};
+  for (const auto& [zap, wait] : runs) {
+    const Softdvb_run run = run_softdvb(options, {"sh", "-c",
+                                                  "cd " + folder.path() + "; " + zap + " >/dev/null 2>&1 & sleep " +
+                                                      wait + "; head -c 37600 /dev/dvb/adapter0/dvr0; kill $!"});
+    EXPECT_EQ(run.out.size(), 37600u) << zap << run.err;
+    EXPECT_EQ(pids_of(run.out), (std::vector<int>{289, 290})) << zap;
+  }
+}
+
+TEST_F(Sample_network, dvbv5_zap_records_the_whole_multiplex) {
+  NEEDS("dvbv5-zap");
+  support::write_file(folder.file("v5"),
+                      "[Third]\n SERVICE_ID = 3\n VIDEO_PID = 289\n AUDIO_PID = 290\n FREQUENCY = 474000000\n"
+                      " BANDWIDTH_HZ = 8000000\n DELIVERY_SYSTEM = DVBT\n");
+  const std::string file = folder.file("all.ts");
+  const Softdvb_run run =
+      run_softdvb(options, {"dvbv5-zap", "-c", folder.file("v5"), "-P", "-t", "4", "-o", file, "Third"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_THAT(pids_of(support::read_file(file)), testing::IsSupersetOf({0, 16, 17, 18, 20, 256, 289, 369, 8191}));
+}
+
 // Programs that look for adapters through libudev.
 
 class Discovery : public testing::Test {

@@ -44,6 +44,8 @@ inline std::string received(int fd) {
 // when a step first needs it and closed at the end. Steps of a demultiplexer:
 //   filter PID [idle] [crc] [oneshot] [timeout:MS] [table:ID], start, stop, buffer BYTES
 //   send NAME [PID]  the section of that name (see above), on PID 256 where none is given
+//   packets PID dvr|own|payload|decoder [idle] [type:NUMBER]  a packet filter and where its packets go
+//   add PID, remove PID, decoder (PIDs of its audio and video)
 //   read [BYTES]     its name
 //   ready            what poll and select agree on: data, error, gone, nothing
 //   await            until there is something, "nothing" after 5 s
@@ -134,6 +136,39 @@ class Session {
         p.filter = table_of(pid, value).filter;
     }
     return set_filter(fd, p);
+  }
+
+  static int packet_filter(int fd, std::istream& words) {
+    int pid = 0;
+    std::string output;
+    words >> pid >> output;
+    dmx_pes_filter_params p{};
+    p.pid = static_cast<uint16_t>(pid);
+    p.pes_type = DMX_PES_OTHER;
+    p.output = output == "dvr"       ? DMX_OUT_TS_TAP
+               : output == "own"     ? DMX_OUT_TSDEMUX_TAP
+               : output == "payload" ? DMX_OUT_TAP
+                                     : DMX_OUT_DECODER;
+    p.flags = DMX_IMMEDIATE_START;
+    for (std::string word; words >> word;) {
+      if (word == "idle")
+        p.flags = 0;
+      else
+        p.pes_type = static_cast<dmx_ts_pes>(std::stoi(word.substr(word.find(':') + 1)));
+    }
+    return ioctl(fd, DMX_SET_PES_FILTER, &p);
+  }
+
+  static int change_pid(int fd, unsigned long request, std::istream& words) {
+    const auto pid = static_cast<uint16_t>(number(words));
+    return ioctl(fd, request, &pid);
+  }
+
+  // The first two, audio and video.
+  static std::string decoder_pids(int fd) {
+    uint16_t pids[5]{};
+    const int outcome = ioctl(fd, DMX_GET_PES_PIDS, pids);
+    return told(outcome, std::to_string(pids[0]) + " " + std::to_string(pids[1]));
   }
 
   static unsigned number(std::istream& words, unsigned otherwise = 0) {
@@ -333,6 +368,10 @@ class Session {
   static const Calls& of_demux() {
     static const Calls CALLS{
         {"filter", [](int fd, std::istream& words) { return told(filter(fd, words)); }},
+        {"packets", [](int fd, std::istream& words) { return told(packet_filter(fd, words)); }},
+        {"add", [](int fd, std::istream& words) { return told(change_pid(fd, DMX_ADD_PID, words)); }},
+        {"remove", [](int fd, std::istream& words) { return told(change_pid(fd, DMX_REMOVE_PID, words)); }},
+        {"decoder", [](int fd, std::istream&) { return decoder_pids(fd); }},
         {"start", [](int fd, std::istream&) { return told(ioctl(fd, DMX_START)); }},
         {"stop", [](int fd, std::istream&) { return told(ioctl(fd, DMX_STOP)); }},
         {"buffer", [](int fd, std::istream& words) { return told(ioctl(fd, DMX_SET_BUFFER_SIZE, number(words))); }},

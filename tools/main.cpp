@@ -42,8 +42,11 @@ int run(int argc, char** argv) {
   add_scan(app, &exit_code);
   add_channels(app, &exit_code);
   add_epg(app, &exit_code);
+  add_guide(app, &exit_code);
   add_watch(app, &exit_code);
+  add_play(app, &exit_code);
   add_signal(app, &exit_code);
+  add_serve(app, &exit_code);
   add_trace(app, &exit_code);
   add_check(app, &exit_code);
 
@@ -66,6 +69,8 @@ int run(int argc, char** argv) {
       text = (first[0] == '-' ? "no option '" : "no command '") + first + "'";
     }
     return say_failure(text + " (see '" + command + " --help')", EXIT_USAGE);
+  } catch (const Reader_gone& gone) {
+    return gone.code();
   } catch (const Failure& failure) {
     return say_failure(failure.what(), failure.code());
   } catch (const std::exception& error) {

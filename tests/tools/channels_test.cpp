@@ -83,7 +83,7 @@ TEST_F(Channels, streams_in_words_have_codec_and_roles_and_all_systems_their_nam
 TEST_F(Channels, json_has_the_words_beside_the_rest) {
   run_sql(db_, WORDS);
   run_sql(db_, "DELETE FROM kanalid WHERE channel IN (2, 4, 5);");
-  const auto list = nlohmann::json::parse(channels({"--format", "json"}).out);
+  const auto list = nlohmann::json::parse(channels({"--format", "json"}).out)["channels"];
   ASSERT_EQ(list.size(), 2U);
   EXPECT_EQ(list[0]["ca_systems"], nlohmann::json::parse(R"(["0x0B00", "0x0500", "0x1234"])"));
   EXPECT_EQ(list[0]["ca"], nlohmann::json::parse(R"([
@@ -104,6 +104,43 @@ TEST_F(Channels, json_has_the_words_beside_the_rest) {
   EXPECT_EQ(list[1]["streams"][3]["roles"], nlohmann::json::parse(R"([
       {"language": "est", "role": "index", "page": 100}, {"language": "est", "role": "subtitles", "page": 888},
       {"language": "rus", "role": null, "page": 700}])"));
+}
+
+TEST_F(Channels, json_says_how_the_multiplex_was_received) {
+  run_sql(db_, "DELETE FROM kanalid WHERE channel > 1;");
+  run_sql(db_, "UPDATE kanalid SET hf_conn = 0, dvb_type = 0;");
+  run_sql(db_, R"(CREATE TABLE tuned_multiplex (freq int, hf_conn int, dvb_type int, asked_freq int, system int,
+                  pipe int, bandwidth_hz int, modulation int, offset_hz int, lock_ms int);)");
+  const auto delivery = [this] {
+    return nlohmann::json::parse(channels({"--format", "json"}).out)["channels"][0]["delivery"].dump();
+  };
+  const std::string nothing = R"({"bandwidth":null,"frequency":506000000,"modulation":null,"plp":null,"system":null})";
+  const std::string t = R"({"bandwidth":7000000,"frequency":506166000,"modulation":"QAM-64","plp":null,)"
+                        R"("system":"DVB-T"})";
+  const std::string t2 = R"({"bandwidth":1712000,"frequency":505999998,"modulation":"QAM-256","plp":2,)"
+                         R"("system":"DVB-T2"})";
+  const std::string unsure = R"({"bandwidth":null,"frequency":506000000,"modulation":null,"plp":null,)"
+                             R"("system":"DVB-T2"})";
+  const struct {
+    const char* what;
+    const char* row;
+    std::string delivery;
+  } rows[] = {{"no row", nullptr, nothing},
+              {"of DVB-T, beside its centre", "506000000, 0, 0, 506000000, 3, -1, 7000000, 3, 166000, 80", t},
+              {"of a pipe", "506000000, 0, 0, 505999998, 16, 2, 1712000, 5, 0, 80", t2},
+              {"little is known", "506000000, 0, 0, 506000000, 16, -1, 0, -1, 0, 80", unsure},
+              {"a constellation of its own choice", "506000000, 0, 0, 506000000, 16, -1, 0, 6, 0, 80", unsure},
+              {"another input", "506000000, 1, 0, 506000000, 3, -1, 7000000, 3, 0, 80", nothing},
+              {"a pipe of DVB-T", "506000000, 0, 0, 505999998, 3, 2, 7000000, 3, 0, 80", nothing},
+              {"a system that is none", "506000000, 0, 0, 506000000, 5, -1, 7000000, 3, 0, 80", nothing},
+              {"a bandwidth that is none", "506000000, 0, 0, 506000000, 3, -1, 7, 3, 0, 80", nothing},
+              {"a frequency that is not its", "506000000, 0, 0, 506000001, 3, -1, 7000000, 3, 0, 80", nothing}};
+  for (const auto& row : rows) {
+    run_sql(db_, "DELETE FROM tuned_multiplex;");
+    if (row.row != nullptr)
+      run_sql(db_, std::string("INSERT INTO tuned_multiplex VALUES (") + row.row + ");");
+    EXPECT_EQ(delivery(), row.delivery) << row.what;
+  }
 }
 
 TEST_F(Channels, one_of_their_tables_alone_holds_no_words) {
@@ -201,7 +238,8 @@ TEST_F(Channels, an_empty_database_is_no_error) {
   db_ = dir_.file("empty.db");
   (void)support::stderr_of([this] { const Sdbl made(db_.c_str()); });
   EXPECT_EQ(channels(), prints("", "No channels in " + db_ + " yet; 'kelvo scan' finds them.\n"));
-  EXPECT_EQ(channels({"--format", "json"}), prints("[]\n"));
+  EXPECT_EQ(channels({"--format", "json"}),
+            prints("{\n  \"format\": \"kelvo-channels\",\n  \"version\": 1,\n  \"channels\": []\n}\n"));
 }
 
 TEST_F(Channels, a_named_database_must_exist) {
@@ -210,20 +248,44 @@ TEST_F(Channels, a_named_database_must_exist) {
   EXPECT_FALSE(exists(db_));
 }
 
-TEST_F(Channels, the_default_database_is_made_when_missing) {
+TEST_F(Channels, before_the_first_scan_there_are_none_and_nothing_is_made) {
   const std::string data = dir_.file("data");
   EXPECT_THAT(run_command({KELVO_COMMAND, "channels"}, {{"XDG_DATA_HOME", data}}),
               ends(0, testing::_, "No channels in " + data + "/kelvo/dvb.db yet; 'kelvo scan' finds them.\n"));
-  EXPECT_TRUE(exists(data + "/kelvo/dvb.db"));
-  EXPECT_TRUE(exists(data + "/kelvo/dvb_epg.db"));
+  EXPECT_EQ(run_command({KELVO_COMMAND, "epg"}, {{"XDG_DATA_HOME", data}}), fails(data + "/kelvo/dvb.db" + MISSING));
+  EXPECT_FALSE(exists(data));
 }
 
 TEST_F(Channels, the_default_database_is_below_home_without_a_usable_data_folder) {
   for (const std::string data : {"", "relative"}) {
     const std::string home = dir_.file("home" + data);
-    EXPECT_EQ(run_command({KELVO_COMMAND, "channels"}, {{"XDG_DATA_HOME", data}, {"HOME", home}}).exit_code, 0);
-    EXPECT_TRUE(exists(home + "/.local/share/kelvo/dvb.db"));
+    EXPECT_EQ(run_command({KELVO_COMMAND, "channels"}, {{"XDG_DATA_HOME", data}, {"HOME", home}}).err,
+              "No channels in " + home + "/.local/share/kelvo/dvb.db yet; 'kelvo scan' finds them.\n");
   }
+}
+
+TEST_F(Channels, that_may_not_be_read_are_said_to_be_so) {
+  std::filesystem::permissions(db_, std::filesystem::perms::none);
+  // Root may read whatever it likes, unless it gives that up.
+  const Words powerless = geteuid() == 0 ? Words{"setpriv", "--bounding-set=-all"} : Words{};
+  EXPECT_EQ(run_command(joined({powerless, {KELVO_COMMAND, "channels", "--db", db_}})),
+            fails(db_ + ": permission denied"));
+}
+
+TEST_F(Channels, hidden_ones_are_marked) {
+  run_sql(db_,
+          "CREATE TABLE service_detail (channel integer primary key, visible int);"
+          "INSERT INTO service_detail VALUES (1, 0), (2, 1); DELETE FROM kanalid WHERE channel > 2;");
+  EXPECT_EQ(channels(),
+            prints("LCN  NAME      TYPE   PROVIDER  NETWORK    FREQUENCY  CA  STATE          PIDS\n"
+                   " 12  Kuldnokk  TV     Meedia    Võrk     506.000 MHz  -   found, hidden  video 257, audio "
+                   "258 est eng, audio 259 est, teletext 260 est, subtitles 261 est rus\n"
+                   "  -  Raadio    radio  Meedia    Võrk     506.000 MHz  -   found          audio 300\n"));
+}
+
+TEST_F(Channels, a_reader_that_has_enough_ends_the_list_without_a_word) {
+  for (const std::string format : {"table", "json"})
+    EXPECT_EQ(run_for_nobody({KELVO_COMMAND, "channels", "--db", db_, "--format", format}), prints("141\n"));
 }
 
 TEST_F(Channels, a_full_output_is_an_error) {

@@ -19,6 +19,8 @@ Words joined(std::initializer_list<Words> parts);
 // What a run gives that ends well, and one that comes to nothing: it prints one line, "kelvo: " before it.
 Command_result prints(const std::string& out, const std::string& err = "");
 Command_result fails(const std::string& line, int exit_code = 1);
+// What becomes of a command whose output nobody reads from the start: its exit code is what is printed.
+Command_result run_for_nobody(const Words& command);
 // Any end: EXPECT_THAT(run_command(...), ends(130, HasSubstr("..."), "kelvo: interrupted\n")).
 testing::Matcher<const Command_result&> ends(int exit_code, const testing::Matcher<std::string>& out,
                                              const testing::Matcher<std::string>& err = testing::_);

@@ -40,7 +40,8 @@ class Epg : public Command_fixture {
   // By the DTD, where xmllint and the DTD are installed; else at least well-formed to the eye of this test.
   void expect_valid_xmltv(const std::string& text) const {
     EXPECT_THAT(text, Not(HasSubstr("\x1B")));
-    EXPECT_THAT(text, AnyOf(testing::EndsWith("</tv>\n"), testing::EndsWith("<tv generator-info-name=\"kelvo\" />\n")));
+    EXPECT_THAT(text, AnyOf(testing::EndsWith("</tv>\n"),
+                            testing::EndsWith("<tv generator-info-name=\"kelvo/" KELVO_VERSION "\" />\n")));
     const std::string dtd = "/usr/share/xmltv/xmltv.dtd";
     if (access(dtd.c_str(), R_OK) != 0 || access("/usr/bin/xmllint", X_OK) != 0)
       GTEST_SKIP() << "needs xmllint and the DTD";
@@ -55,6 +56,7 @@ class Epg : public Command_fixture {
 
 const Command_result NO_SUCH_EVENTS =
     prints("", "No such events in the guide; 'kelvo epg update' collects newer ones.\n");
+const std::string NO_EVENTS = "{\n  \"format\": \"kelvo-guide\",\n  \"version\": 1,\n  \"events\": []\n}\n";
 constexpr int64_t MIDNIGHT = 2216246400;  // 2040-03-25 00:00 UTC
 const std::string CENTRAL_EUROPE = "CET-1CEST,M3.5.0,M10.5.0/3";
 
@@ -67,7 +69,7 @@ TEST_F(Epg, a_channel_that_is_unknown_or_ambiguous_is_one_line) {
 TEST_F(Epg, a_missing_guide_is_an_empty_one) {
   ASSERT_EQ(std::remove(guide_.c_str()), 0);
   EXPECT_EQ(epg(), no_guide_yet());
-  EXPECT_EQ(epg({"--format", "json"}).out, "[]\n");
+  EXPECT_EQ(epg({"--format", "json"}).out, NO_EVENTS);
 }
 
 TEST_F(Epg, a_guide_that_is_no_database_is_refused) {
@@ -123,7 +125,7 @@ TEST_F(Epg, times_of_the_broadcasts_zone_follow_its_change) {
                                                  " 12  Kuldnokk  2040-03-25  01:00-04:00  Pikk päev x     a[2Jbc d\n"
                                                  " 12  Kuldnokk  2040-03-26  04:00-04:00  -               -\n"
                                                  "  -  Raadio    2040-03-25  01:00-03:00  Привет          <b>&\"\n"));
-  const json all = json::parse(epg({"--zone", "broadcast", "--format", "json"}).out);
+  const json all = json::parse(epg({"--zone", "broadcast", "--format", "json"}).out)["events"];
   EXPECT_EQ(all.at(0)["start"], "2040-03-24T23:30:00+0100");
   EXPECT_EQ(all.at(2)["start"], "2040-03-26T04:00:00+0200");
   EXPECT_EQ(all.at(2)["start_epoch"], 2216340000);
@@ -144,10 +146,16 @@ TEST_F(Epg, search_folds_letters_of_every_language) {
 TEST_F(Epg, json_has_everything) {
   const Command_result result = epg({"--format", "json", "--lang", "eng"});
   ASSERT_EQ(result.exit_code, 0);
-  const json events = json::parse(result.out);
+  const json events = json::parse(result.out)["events"];
   ASSERT_EQ(events.size(), 4U);
   EXPECT_EQ(events[0]["start"], "2040-03-24T22:30:00+0000");
   EXPECT_EQ(events[0]["duration"], 5400);
+  EXPECT_EQ(events[0]["channel_id"], "1001.7.9.dvb.guide");
+  EXPECT_EQ(events[0]["contents"][1], json({{"level1", 1},
+                                            {"level2", 5},
+                                            {"user", 0},
+                                            {"name", "Movie/Drama"},
+                                            {"detail", "Soap/Melodrama/Folkloric"}}));
   EXPECT_EQ(events[0]["genres"], json({"Movie/Drama", "News/Current affairs"}));
   EXPECT_EQ(events[0]["ratings"][0]["age"], 12);
   EXPECT_EQ(events[0]["texts"][0]["title"], "Over midnight");
@@ -158,7 +166,7 @@ TEST_F(Epg, json_has_everything) {
 
 TEST_F(Epg, xmltv_is_valid) {
   const Command_result result = epg({"--format", "xmltv"});
-  EXPECT_THAT(result, ends(0, AllOf(HasSubstr("<title lang=\"est\">Üle keskööfilm</title>"),
+  EXPECT_THAT(result, ends(0, AllOf(HasSubstr("<title lang=\"et\">Üle keskööfilm</title>"),
                                     HasSubstr("start=\"20400324223000 +0000\" stop=\"20400325000000 +0000\""),
                                     HasSubstr("&lt;b&gt;&amp;\""))));
   expect_valid_xmltv(result.out);
@@ -223,7 +231,8 @@ class Empty_guide : public Epg {
     const Command_result result = epg(joined({{"--format", "json"}, arguments}), zone);
     EXPECT_EQ(result.exit_code, 0) << result.err;
     Words out;
-    for (const auto& event : json::parse(result.out))
+    const json guide = json::parse(result.out);
+    for (const auto& event : guide["events"])
       out.push_back(event["texts"].empty() ? "" : event["texts"][0]["title"]);
     return out;
   }
@@ -307,7 +316,7 @@ TEST_F(Empty_guide, the_hour_that_comes_twice_is_shown_twice) {
             "LCN  CHANNEL   DATE        TIME         TITLE   TEXT\n"
             " 12  Kuldnokk  2040-10-28  02:00-02:00  Suvel   -\n"
             " 12  Kuldnokk  2040-10-28  02:00-03:00  Talvel  -\n");
-  const json events = json::parse(epg({"--format", "json"}, CENTRAL_EUROPE).out);
+  const json events = json::parse(epg({"--format", "json"}, CENTRAL_EUROPE).out)["events"];
   EXPECT_EQ(events[0]["start"], "2040-10-28T02:00:00+0200");
   EXPECT_EQ(events[1]["start"], "2040-10-28T02:00:00+0100");
   EXPECT_THAT(epg({"--format", "xmltv"}, CENTRAL_EUROPE).out,
@@ -443,9 +452,9 @@ TEST_F(Empty_guide, hostile_texts_leave_json_and_xmltv_valid) {
 
 TEST_F(Empty_guide, an_empty_guide_is_shown_as_such) {
   EXPECT_EQ(epg(), no_guide_yet());
-  EXPECT_EQ(epg({"--format", "json"}), prints("[]\n"));
+  EXPECT_EQ(epg({"--format", "json"}), prints(NO_EVENTS));
   const std::string xmltv = epg({"--format", "xmltv"}).out;
-  EXPECT_THAT(xmltv, AllOf(HasSubstr("<channel id=\"1.kelvo\">"), Not(HasSubstr("<programme"))));
+  EXPECT_THAT(xmltv, AllOf(HasSubstr("<channel id=\"1001.7.9.dvb.guide\">"), Not(HasSubstr("<programme"))));
   expect_valid_xmltv(xmltv);
   run_sql(db_, "DELETE FROM kanalid;");
   expect_valid_xmltv(epg({"--format", "xmltv"}).out);
@@ -483,6 +492,17 @@ TEST_F(Empty_guide, a_narrow_terminal_has_a_line_for_each_event) {
         << c.columns;
 }
 
+TEST_F(Empty_guide, of_overlapping_events_the_one_that_began_last_is_on) {
+  const int64_t now = time(nullptr);
+  add(1, now - 4 * HOUR, 12 * HOUR, "Plokk");
+  add(1, now - 2 * HOUR, 10 * HOUR, "Saade");
+  add(1, now + 6 * HOUR, HOUR, "Uudised");
+  const json shown = json::parse(epg({"--now", "--next", "--format", "json"}).out)["events"];
+  ASSERT_EQ(shown.size(), 2U);
+  EXPECT_EQ(shown[0]["texts"][0]["title"], "Saade");
+  EXPECT_EQ(shown[1]["texts"][0]["title"], "Uudised");
+}
+
 TEST_F(Empty_guide, now_and_next_together_are_a_line_a_channel) {
   const int64_t now = time(nullptr) / HOUR * HOUR + HOUR / 2;
   const auto at = [](int64_t start, const std::string& title) {
@@ -504,7 +524,7 @@ TEST_F(Empty_guide, now_and_next_together_are_a_line_a_channel) {
                           "  3  Žluťoučký  " +
                           at(begun, "-") + "        -\n" + " 12  Kuldnokk   " + at(begun, "Uudised") + "  " +
                           at(next, "Film") + "\n" + "  -  Raadio     -              " + at(next, "Muusika") + "\n"));
-  EXPECT_EQ(json::parse(epg({"--next", "--now", "--format", "json"}).out).size(), 4U);
+  EXPECT_EQ(json::parse(epg({"--next", "--now", "--format", "json"}).out)["events"].size(), 4U);
 }
 
 TEST_F(Epg, shows_events_in_full) {
@@ -543,7 +563,7 @@ TEST_F(Empty_guide, events_in_full_are_broken_at_words_on_a_terminal) {
 TEST_F(Empty_guide, output_that_cannot_be_written_is_an_error) {
   for (int i = 0; i < 100; ++i)
     add(1, MIDNIGHT + i * HOUR, HOUR, "Pealkiri", std::string(200, 'x'));
-  for (const std::string format : {"table", "json", "xmltv"})
+  for (const std::string format : {"table", "json", "xmltv", "csv", "ics"})
     EXPECT_EQ(run_command({"sh", "-c", KELVO_COMMAND " epg --db " + db_ + " --format " + format + " >/dev/full"}),
               fails("cannot write the guide: No space left on device"))
         << format;
@@ -559,7 +579,7 @@ TEST(Epg_usage, is_one_line_and_exit_2) {
       {{"--search", ""}, "--search: give a text to look for"},
       {{"--search", " \n"}, "--search: give a text to look for"},
       {{"--channel", ""}, "--channel: give a number or a name"},
-      {{"--format", "html"}, "--format: html not in {table,json,xmltv}" + help},
+      {{"--format", "html"}, "--format: html not in {table,json,xmltv,csv,ics}" + help},
       {{"--now", "--day", "today"}, "--now excludes --day" + help},
       {{"--next", "--search", "x"}, "--next excludes --search" + help},
       {{"--day", "today", "--search", "x"}, "--day excludes --search" + help},
@@ -588,7 +608,7 @@ TEST_F(Epg, files_that_cannot_be_read_are_one_line) {
   };
   for (const auto& c : cases) {
     support::write_file(guide_, c.guide);
-    for (const char* format : {"table", "json", "xmltv"})
+    for (const char* format : {"table", "json", "xmltv", "csv", "ics"})
       EXPECT_EQ(epg({"--format", format}), fails(c.err)) << c.legend << ", " << format;
     EXPECT_EQ(support::read_file(guide_), c.guide);
   }

@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include <nlohmann/json.hpp>
+
 #include "tools/guide_fixture.h"
 
 // `kelvo epg update` under the software adapter, in virtual time.
@@ -89,6 +91,25 @@ TEST_F(Epg_update, a_frequency_that_is_not_known_is_scanned_first) {
   EXPECT_THAT(update(network(), {"--freq", "514000000"}), ends(0, ONLY_514));
   EXPECT_EQ(value(db_, "SELECT count(*) FROM kanalid;"), "1");
   EXPECT_EQ(value(dir_.file("dvb.db.good"), "SELECT count(*) FROM kanalid;"), "1") << "the copy for a repair";
+}
+
+TEST_F(Epg_update, quietly_as_one_object_tells_the_same) {
+  scan(network());
+  const Command_result result =
+      run_command(command(joined({network(), {"--signal", "506000000:status=0"}}), {"--quiet", "--json"}));
+  EXPECT_THAT(result, ends(0, testing::_, ""));
+  auto report = nlohmann::ordered_json::parse(result.out);
+  auto& second = report["multiplexes"][1];
+  EXPECT_GT(second["complete_after"].get<double>(), 0);
+  EXPECT_GT(second["slowest_table_every"].get<double>(), 0);
+  second["complete_after"] = second["slowest_table_every"] = 0;
+  EXPECT_EQ(
+      report.dump(),
+      R"({"multiplexes":[{"frequency":506000000,"result":"no signal","complete_after":null,)"
+      R"("slowest_table_every":null,"lost":null,"services":[]},)"
+      R"({"frequency":514000000,"result":"done","complete_after":0,"slowest_table_every":0,"lost":null,"services":)"
+      R"([{"channel":3,"lcn":11,"name":"Шпак","events":48,"new":48,"state":"complete","guide":"complete"}]}],)"
+      R"("services":1,"done":1,"events":48,"new":48})");
 }
 
 TEST_F(Epg_update, a_multiplex_without_a_lock_does_not_stop_the_others) {

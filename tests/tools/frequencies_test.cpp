@@ -6,6 +6,7 @@
 #include "support/support.h"
 #include "support/test.h"
 #include "tools/cli/failure.h"
+#include "tools/cli/frequency.h"
 #include "tools/cli/receiver_options.h"
 #include "tools/frequencies/initial_scan_file.h"
 #include "tools/frequencies/raster.h"
@@ -22,6 +23,16 @@ std::string text_of(const Tuning_request& request) {
   std::string out = std::to_string(request.freq) + "/" + std::to_string(request.bandwidth_hz);
   out += request.system == SYS_DVBT ? " T" : request.system == SYS_DVBT2 ? " T2" : "";
   return request.pipe < 0 ? out : out + " pipe " + std::to_string(request.pipe);
+}
+
+TEST(Frequency, is_read_with_and_without_a_unit) {
+  for (const char* text : {"474500000", "474500000Hz", "474500000 hz", "474500k", "474500 kHz", "474.5M", "474.5MHz",
+                           "474.50 mhz", "474.5m", "0474.5M"})
+    EXPECT_EQ(frequency_of(text), 474'500'000) << text;
+  EXPECT_EQ(frequency_of("30M"), 30'000'000);
+  EXPECT_EQ(frequency_of("1000M"), 1'000'000'000);
+  EXPECT_EQ(frequency_of("666.0000004M"), 666'000'000);
+  EXPECT_EQ(frequency_of("191.6666667M"), 191'666'667);
 }
 
 std::vector<std::string> texts_of(const std::vector<Tuning_request>& requests) {

@@ -9,7 +9,10 @@
 #include <nlohmann/json.hpp>
 
 #include "support/database.h"
+#include "tools/exposition_check.h"
 #include "tools/guide_fixture.h"
+#include "tools/http_client.h"
+#include "tools/serve/pages.h"
 
 namespace {
 
@@ -73,6 +76,48 @@ bool is_harmless(const std::string& text) {
       return false;
   }
   return true;
+}
+
+// By RFC 4180.
+std::vector<Words> rows_of_csv(const std::string& text) {
+  std::vector<Words> out(1, Words(1));
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"' && quoted && i + 1 < text.size() && text[i + 1] == '"') {
+      out.back().back() += text[++i];
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (c == ',' && !quoted) {
+      out.back().emplace_back();
+    } else if (c == '\r' && !quoted) {
+      EXPECT_EQ(text.substr(i++, 2), "\r\n");
+      out.emplace_back(1);
+    } else {
+      out.back().back() += c;
+    }
+  }
+  EXPECT_EQ(out.back(), Words(1));
+  out.pop_back();
+  return out;
+}
+
+// By RFC 5545: the properties of each event, without their parameters.
+std::vector<std::map<std::string, std::string>> events_of_calendar(const std::string& text) {
+  std::vector<std::map<std::string, std::string>> out;
+  for (const std::string& line : support::lines_of(std::regex_replace(text, std::regex("\r\n |\r"), ""))) {
+    if (line == "BEGIN:VEVENT")
+      out.emplace_back();
+    const size_t colon = line.find(':');
+    std::string value;
+    for (size_t i = std::min(colon, line.size() - 1) + 1; i < line.size(); ++i) {
+      const bool escape = line[i] == '\\' && ++i < line.size();
+      value += escape && line[i] == 'n' ? '\n' : line[i];
+    }
+    if (!out.empty())
+      out.back()[line.substr(0, std::min(colon, line.find(';')))] = value;
+  }
+  return out;
 }
 
 class Hostile_texts : public Guide_fixture, public testing::WithParamInterface<const char*> {
@@ -169,6 +214,54 @@ class Hostile_texts : public Guide_fixture, public testing::WithParamInterface<c
         expect_harmless_values(inner);
     }
   }
+  // Whatever a name is, it is a channel: no line, field or key more or less than that.
+  void expect_safe_lists() const {
+    const struct {
+      const char* format;
+      const char* line;  // of a channel
+      size_t others;     // lines a channel besides
+    } lists[] = {
+        {"vdr", "[^:;]+(;[^:]+)?:[0-9]+:[A-Z0-9]+:T:0(:[^:]+){8}", 0},
+        {"zap", "[^:]+:[0-9]+(:[A-Z0-9_]+){8}:[0-9]+:[0-9]+:[0-9]+", 0},
+        {"dvbv5", "\\[[^\\[\\]]+\\]", SIZE_MAX},
+        {"m3u", "#EXTINF:-1( [a-z-]+=\"[A-Za-z0-9.]+\")+,.+", 1},
+        {"csv", "[0-9]*,(\"([^\"=+@-]|\"\")([^\"]|\"\")*\"|[^\",=+@-][^\",]*)(,(\"([^\"]|\"\")*\"|[^\",]*)){21}", 0}};
+    for (const auto& list : lists) {
+      const Command_result result = off_terminal({"channels", "--all", "--format", list.format});
+      expect_harmless_lines(result.out);
+      Words lines = support::lines_of(result.out);
+      std::erase_if(lines, [](const std::string& line) {
+        return line == "#EXTM3U" || line.starts_with("number,name,") || line.starts_with(":@");
+      });
+      const auto channels = std::count_if(lines.begin(), lines.end(), [&](std::string line) {
+        if (!line.empty() && line.back() == '\r')
+          line.pop_back();
+        return std::regex_match(line, std::regex(list.line));
+      });
+      EXPECT_EQ(channels, COUNT) << list.format << result.out;
+      if (list.others != SIZE_MAX) {
+        EXPECT_EQ(lines.size(), COUNT * (1 + list.others)) << list.format << result.out;
+      }
+    }
+    pugi::xml_document xml;
+    const Command_result xspf = off_terminal({"channels", "--all", "--format", "xspf"});
+    ASSERT_TRUE(xml.load_string(xspf.out.c_str(), pugi::parse_full)) << xspf.out;
+    expect_harmless_lines(xspf.out);
+  }
+  // Pages, JSON and metrics of the server.
+  void expect_served_clean(const json& services) const {
+    Serving server({KELVO_COMMAND, "serve", "--port", "0", "--no-adapter", "--db", db_});
+    const std::string page = server.get("/channels").body;
+    expect_harmless_lines(page);
+    EXPECT_EQ(support::count_of(page, "<script"), 1U);
+    for (int i = 0; i < COUNT; ++i)
+      EXPECT_THAT(page, testing::HasSubstr("<bdi>" + html_text(shown(i)) + "</bdi>"));
+    const std::string metrics = server.get("/metrics").body;
+    expect_harmless_lines(metrics);
+    EXPECT_EQ(samples_of(metrics).count("kelvo_channels{frequency=\"506000000\"}"), 1U);
+    EXPECT_EQ(json::parse(server.get("/channels.json").body)["channels"], services);
+    EXPECT_EQ(server.end().exit_code, 0);
+  }
   void expect_nothing_was_run() const { EXPECT_FALSE(std::filesystem::exists("ran.off")); }
 };
 
@@ -208,21 +301,37 @@ TEST_P(Hostile_texts, are_stored_to_the_byte_shown_clean_and_run_by_nothing) {
   const Command_result table = on_terminal({"channels"});
   expect_harmless_lines(table.out);
   const Command_result list = off_terminal({"channels", "--format", "json"});
-  const json services = json::parse(list.out);
+  const json services = json::parse(list.out)["channels"];
   ASSERT_EQ(services.size(), COUNT);
   expect_harmless_values(services);
+  expect_safe_lists();
   const Command_result guide_table = on_terminal({"epg", "--day", "2026-03-01"});
   expect_harmless_lines(guide_table.out);
-  const json programme = json::parse(off_terminal({"epg", "--format", "json", "--day", "2026-03-01"}).out);
+  const json programme = json::parse(off_terminal({"epg", "--format", "json", "--day", "2026-03-01"}).out)["events"];
   ASSERT_EQ(programme.size(), COUNT);
   expect_harmless_values(programme);
   pugi::xml_document xml;
   const Command_result xmltv = off_terminal({"epg", "--format", "xmltv", "--day", "2026-03-01"});
   ASSERT_TRUE(xml.load_string(xmltv.out.c_str(), pugi::parse_full)) << xmltv.out;
   expect_harmless_lines(xmltv.out);
+  // The page for browsers; what a browser does with such texts is tested in guide_page_test.cpp.
+  const std::string page = off_terminal({"guide", "-"}).out, mark = "data-what=\"channels\">";
+  expect_harmless_lines(page);
+  const size_t block = page.find(mark) + mark.size();
+  const json in_page = json::parse(page.substr(block, page.find("</script>", block) - block));
+  ASSERT_EQ(in_page.size(), COUNT);
+  const Command_result csv = off_terminal({"epg", "--format", "csv", "--day", "2026-03-01"});
+  expect_harmless_lines(csv.out);
+  const std::vector<Words> sheet = rows_of_csv(csv.out);
+  ASSERT_EQ(sheet.size(), COUNT + 1U);
+  const Command_result ics = off_terminal({"epg", "--format", "ics", "--day", "2026-03-01"});
+  expect_harmless_lines(ics.out);
+  const std::vector<std::map<std::string, std::string>> calendar = events_of_calendar(ics.out);
+  ASSERT_EQ(calendar.size(), COUNT);
   for (int i = 0; i < COUNT; ++i) {
     SCOPED_TRACE(support::visible(TEXTS[i].air));
     const std::string text = shown(i);
+    EXPECT_EQ(in_page[i]["name"], text);
     EXPECT_THAT(table.out, testing::HasSubstr(text));
     EXPECT_EQ(services[i]["name"], text);
     EXPECT_EQ(services[i]["provider"], text);
@@ -237,13 +346,25 @@ TEST_P(Hostile_texts, are_stored_to_the_byte_shown_clean_and_run_by_nothing) {
     EXPECT_EQ(texts["extended"], text);
     EXPECT_EQ(texts["items"].at(0)["name"].get<std::string>() + ":" + texts["items"].at(0)["text"].get<std::string>(),
               box() && stored(i) == "abc" ? ":abc" : text + ":" + text);
-    const std::string id = std::to_string(services[i]["channel"].get<int>()) + ".kelvo";
+    const std::string id = event->at("channel_id");
     const pugi::xml_node tv = xml.child("tv");
     EXPECT_EQ(tv.find_child_by_attribute("channel", "id", id.c_str()).child("display-name").text().get(), text);
     const pugi::xml_node shown_event = tv.find_child_by_attribute("programme", "channel", id.c_str());
     EXPECT_EQ(shown_event.child("title").text().get(), text);
-    EXPECT_THAT(shown_event.child("desc").text().get(), testing::StartsWith(text + " " + text));
+    EXPECT_THAT(shown_event.child("desc").text().get(), testing::StartsWith(text + "\n" + text));
+    const auto row = std::find_if(sheet.begin(), sheet.end(), [&](const Words& r) { return r.at(1) == id; });
+    ASSERT_NE(row, sheet.end());
+    ASSERT_EQ(row->size(), 19U);
+    EXPECT_EQ((Words{row->at(3), row->at(10), row->at(11), row->at(12)}), Words(4, text));
+    const auto entry = std::find_if(calendar.begin(), calendar.end(), [&](const auto& e) {
+      return e.count("UID") == 1 && e.at("UID").ends_with("@" + id);
+    });
+    ASSERT_NE(entry, calendar.end());
+    EXPECT_EQ(entry->at("SUMMARY"), text);
+    EXPECT_EQ(entry->at("LOCATION"), text);
+    EXPECT_THAT(entry->at("DESCRIPTION"), testing::StartsWith(text + "\n" + text));
   }
+  expect_served_clean(services);
 }
 
 class Hostile_changes : public Hostile_texts {};
@@ -259,6 +380,13 @@ TEST_P(Hostile_changes, are_told_clean) {
   expect_harmless_lines(watched.out);
   for (int i = 0; i < COUNT; i += 2)
     EXPECT_THAT(watched.out, testing::HasSubstr("renamed: Kanal -> " + shown(i)));
+  // Escapes and marks that turn the direction.
+  for (const int i : {6, 8}) {
+    const Command_result played = run(at_speed("x20", {"--mux", "506000000=" + stream(0, true)}),
+                                      command({"play", std::to_string(i + 1), "--for", "40s", "-o", "/dev/null"}));
+    EXPECT_THAT(played.err, testing::StartsWith("kelvo: playing " + shown(i) + " on "));
+    expect_harmless_lines(played.err);
+  }
   expect_nothing_was_run();
 }
 

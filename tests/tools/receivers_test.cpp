@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
-#include "tools/command_fixture.h"
+#include "tools/sample_streams.h"
 
 // `kelvo scan` on imitations of the receivers that people own. On the air: DVB-T on 474 MHz; DVB-T2 on 498 MHz; DVB-T
 // with a late lock on 522 MHz; a signal too weak for a lock on 530 MHz; nothing on 602 MHz. The programs that people
@@ -26,26 +26,10 @@ constexpr Receiver RECEIVERS[] = {
     {"zl10353", false},  {"stv0367", false}, {"unkind", true, ", reports 474.166 MHz"},
 };
 
-// The sample network, made once.
-const Words& streams() {
-  static const support::Temp_dir dir;
-  static const Words made = [] {
-    Words files;
-    for (const std::string mhz : {"474", "498", "522"}) {
-      files.push_back(dir.file(mhz + ".ts"));
-      const Command_result run = run_command({SOFTDVB_MUX_COMMAND, KELVO_SAMPLES "/kuldnokk-" + mhz + ".json", "-o",
-                                              files.back(), "--now", "2026-03-01T18:00:00Z"});
-      EXPECT_EQ(run.exit_code, 0) << run.err;
-    }
-    return files;
-  }();
-  return made;
-}
-
 class On_air : public Command_fixture {
  protected:
   static Words on_air() {
-    const Words& files = streams();
+    const Words& files = sample_streams();
     return {"--time",       "x8",
             "--mux",        "474000000=" + files[0],
             "--mux",        "498000000,system=dvbt2=" + files[1],

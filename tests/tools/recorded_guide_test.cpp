@@ -61,7 +61,8 @@ TEST(Recorded_guide, every_event_is_collected_once_and_shown_with_its_greek_titl
   const Command_result shown = kelvo(recording, {"epg", "--db", db, "--format", "json"});
   ASSERT_EQ(shown.exit_code, 0) << shown.err;
   std::string titles;
-  for (const nlohmann::json& event : nlohmann::json::parse(shown.out)) {
+  const nlohmann::json guide = nlohmann::json::parse(shown.out);
+  for (const nlohmann::json& event : guide["events"]) {
     ASSERT_EQ(event["texts"].size(), 1U) << event;
     titles += event["name"].get<std::string>() + "|" + event["event_id"].dump() + "|" + event["start_epoch"].dump() +
               "|" + event["duration"].dump() + "|" + event["texts"][0]["language"].get<std::string>() + "|" +

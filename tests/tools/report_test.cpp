@@ -57,6 +57,26 @@ TEST(Multiplex_text, says_what_happened) {
   EXPECT_EQ(multiplex_text(line(1, -1, Outcome::DEVICE_GONE, 0, 0)), "not scanned: the adapter is gone");
 }
 
+TEST(Multiplex_text, names_the_tables_that_did_not_come) {
+  const struct {
+    std::vector<Missing_table> missing;
+    const char* text;
+  } cases[] = {
+      {{{0, 0}}, "locked; the PAT did not come"},
+      {{{256, 2, 101}}, "locked; the PMT of 1 service did not come"},
+      {{{256, 2, 101}, {256, 2, 102}}, "locked; the PMTs of 2 services did not come"},
+      {{{17, 0x42}, {300, 2}, {301, 2}}, "locked; the SDT and the PMTs of 2 services did not come"},
+      {{{256, 2, 101}, {16, 0x40}, {257, 2, 102}, {17, 0x42}},
+       "locked; the PMTs of 2 services, the NIT and the SDT did not come"},
+      {{{17, 0x4A}}, "locked; the table 74 did not come"},
+  };
+  for (const auto& c : cases) {
+    Multiplex_line timed_out = line(1, 0, Outcome::TIMED_OUT, 39.4, 10);
+    timed_out.result.missing = c.missing;
+    EXPECT_EQ(multiplex_text(timed_out), std::string(c.text) + ", 10 services, 39.4 s");
+  }
+}
+
 TEST(Multiplex_text, says_why_there_is_no_lock_or_where_it_is) {
   const struct {
     Tuning_result tuning;

@@ -74,6 +74,11 @@ TEST_F(Scan, finds_the_services_of_a_multiplex) {
   EXPECT_EQ(stored("SELECT count(*) FROM kanalid WHERE scan_state = 1 AND row_status = 0;"), "8");
 }
 
+TEST_F(Scan, quietly_says_what_it_found_and_what_failed) {
+  EXPECT_THAT(scan(network(), {"--freq", "522M", "-q"}), ends(0, HasSubstr("8 services: 8 new, 0 back"), ""));
+  EXPECT_THAT(scan(network(), {"--freq", "530 MHz", "-q"}), ends(1, _, "kelvo: no services found\n"));
+}
+
 TEST_F(Scan, a_second_one_changes_nothing) {
   ASSERT_EQ(scan(network(), {"--freq", "474000000"}).exit_code, 0);
   const char* const everything = "SELECT group_concat(channel || serv_name || modified) FROM kanalid;";
@@ -136,16 +141,16 @@ TEST_F(Scan, a_dvbh_multiplex_does_not_answer_for_the_next_one) {
 TEST_F(Scan, says_when_a_table_never_came) {
   const Words without_sdt = joined({network("x40"), {"--section", "17=silence"}});
   EXPECT_THAT(scan(without_sdt, {"--freq", "522000000", "--profile", "box"}),
-              ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 0 services, #.# s\n"));
+              ends(0, _, "[1/1] 522.000 MHz: locked; the SDT did not come, 0 services, #.# s\n"));
   // What has come is believed.
   EXPECT_THAT(scan(without_sdt, {"--freq", "522000000"}),
-              ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"));
+              ends(0, _, "[1/1] 522.000 MHz: locked; the SDT did not come, 8 services, #.# s\n"));
 }
 
 TEST_F(Scan, says_whose_pmts_never_came) {
   const Words without_pmt = joined({network("x10"), {"--section", "256/2=silence"}});
   EXPECT_THAT(scan(without_pmt, {"--freq", "522000000", "--profile", "box"}),
-              ends(0, _, "[1/1] 522.000 MHz: timed out: not all tables came, 8 services, #.# s\n"));
+              ends(0, _, "[1/1] 522.000 MHz: locked; the PMT of 1 service did not come, 8 services, #.# s\n"));
   EXPECT_THAT(scan(without_pmt, {"--freq", "522000000"}),
               ends(0, _, "[1/1] 522.000 MHz: locked; the PMT of 1 service did not come, 8 services, #.# s\n"));
   const Words without_two = joined({without_pmt, {"--section", "272/2=silence"}});

@@ -64,6 +64,7 @@ TEST_F(Trace_record, has_the_phases_of_a_scan) {
   EXPECT_EQ(lanes.notes["MHz"], (std::vector<int>{522, 530}));
   EXPECT_EQ(lanes.notes["lock"], (std::vector<int>{1, 0}));
   EXPECT_EQ(lanes.notes["done"], std::vector<int>{0});
+  EXPECT_EQ(lanes.notes.count("err"), 0U) << "nothing has failed";
   EXPECT_EQ(lanes.spans["Tasks tune"].size(), 2U);
   ASSERT_EQ(lanes.spans["Tasks scan"].size(), 1U);
   ASSERT_EQ(lanes.spans["Tasks merge"].size(), 1U);
@@ -97,6 +98,15 @@ TEST_F(Trace_record, is_kept_when_it_is_interrupted) {
               ends(130, testing::_, HasSubstr("kelvo: interrupted; what was recorded is kept\n")));
   // A note of the frequency: the trace begins with it.
   EXPECT_EQ(read_file(out).substr(9, 18), "02000000 4d487a00 ");
+}
+
+TEST_F(Trace_record, quietly_says_nothing) {
+  const std::string out = dir_.file("scan.log");
+  const std::string stream = dir_.file("522.ts");
+  ASSERT_EQ(run_command({SOFTDVB_MUX_COMMAND, KELVO_SAMPLES "/kuldnokk-522.json", "-q", "-o", stream}).exit_code, 0);
+  EXPECT_EQ(run_command({SOFTDVB_COMMAND, "--time", "x20", "--mux", "522000000=" + stream, "--", KELVO_COMMAND, "trace",
+                         "record", out, "--freq", "522M", "-q"}),
+            prints(""));
 }
 
 TEST_F(Trace_record, without_an_adapter_is_an_error) {

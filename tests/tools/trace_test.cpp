@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/browser.h"
 #include "support/trace_records.h"
 #include "tools/command_fixture.h"
 
@@ -422,43 +423,15 @@ TEST_F(Trace_convert, a_million_records_are_all_in_json) {
   EXPECT_EQ(count_of(text, "\"ph\":\"X\""), million.stops + count_of(text, "\"end\":\"not recorded\""));
 }
 
-// A browser of its own for the pictures. Under load one start in many fails, so it gets three.
-class Trace_in_browser : public Trace_convert {
- protected:
-  void SetUp() override {
-    const Command_result version = run_command({"chromium", "--version"});
-    if (version.exit_code != 0)
-      GTEST_SKIP() << "no headless browser: chromium does not run here: " << version.err;
-  }
-  Command_result browse(const Words& options, const std::string& file) {
-    const Words as_root = geteuid() == 0 ? Words{"--no-sandbox"} : Words{};
-    return run_command(joined({{"timeout", "40", "chromium", "--headless", "--disable-gpu", "--disable-dev-shm-usage"},
-                               {"--hide-scrollbars", "--user-data-dir=" + dir_.file("profile")},
-                               as_root,
-                               options,
-                               {"file://" + file}}),
-                       {{"HOME", dir_.path()}});
-  }
-  // Colours of the pixels, as "RRGGBB", and how many have them.
-  std::map<std::string, size_t> colours(const std::string& png) {
-    const Command_result result = run_command({"python3", KELVO_TEST_DATA "/../png_colours.py", png});
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    std::map<std::string, size_t> out;
-    std::istringstream lines(result.out);
-    size_t count = 0;
-    for (std::string colour; lines >> colour >> count;)
-      out[colour] = count;
-    return out;
-  }
-};
-
-TEST_F(Trace_in_browser, a_picture_shows_lanes_and_their_names) {
+TEST_F(Trace_convert, a_picture_in_a_browser_shows_lanes_and_their_names) {
+  support::Browser browser;
+  if (!browser.missing().empty())
+    GTEST_SKIP() << "no headless browser: " << browser.missing();
   (void)converted(raw(EVERYTHING), "out.svg");
-  const std::string picture = dir_.file("out.png");
-  for (int i = 0; i < 3 && access(picture.c_str(), F_OK) != 0; ++i)
-    (void)browse({"--window-size=1400,600", "--screenshot=" + picture}, dir_.file("out.svg"));
-  ASSERT_EQ(access(picture.c_str(), F_OK), 0);
-  const std::map<std::string, size_t> found = colours(picture);
+  browser.screen(1400, 600);
+  browser.open(dir_.file("out.svg"));
+  browser.screenshot(dir_.file("out.png"));
+  const std::map<std::string, size_t> found = support::colours_of(dir_.file("out.png"));
   size_t pixels = 0;
   for (const auto& [colour, count] : found)
     pixels += count;
@@ -468,11 +441,9 @@ TEST_F(Trace_in_browser, a_picture_shows_lanes_and_their_names) {
   EXPECT_GT(found.at("f5f6f8"), 20000U) << "bands behind the lanes";
   EXPECT_GT(found.size(), 50U) << "letters have shades";
 
-  Command_result dom;
-  for (int i = 0; i < 3 && dom.out.find("<svg") == std::string::npos; ++i)
-    dom = browse({"--dump-dom"}, dir_.file("out.svg"));
+  const std::string dom = browser.js("return document.documentElement.outerHTML").get<std::string>();
   for (const std::string name : {"worker", "TS_IN0_DMA", "TIMER", "VMSP1", "SBM_pool", "redraw", "zap"})
-    EXPECT_THAT(dom.out, HasSubstr(">" + name + "<title>"));
+    EXPECT_THAT(dom, HasSubstr(">" + name + "<title>"));
 }
 
 // --- What goes wrong

@@ -18,7 +18,8 @@ void expect_usage(const std::vector<std::pair<Words, std::string>>& cases) {
   }
 }
 
-const std::string RANGE = " not in range 30000000 to 1000000000";
+const std::string RANGE = " is out of range, 30 to 1000 MHz; 474M is 474 MHz";
+const std::string NO_FREQUENCY = " is no frequency; give Hz, as 474000000, or MHz, as 474M or 474.5M";
 const std::string NO_EXTENSION = ": the file name needs an extension, such as dvb.db";
 
 TEST(Usage, wrong_arguments) {
@@ -29,9 +30,16 @@ TEST(Usage, wrong_arguments) {
       {{"--frobnicate"}, "no option '--frobnicate' (see 'kelvo --help')"},
       {{"\x1B[2Jevil"}, "no command '[2Jevil' (see 'kelvo --help')"},
       {{"scan", "extra"}, "The following argument was not expected: extra" + help},
-      {{"scan", "--freq", "506"}, "--freq: Value 506" + RANGE + help},
-      {{"scan", "--freq", "506000000x"}, "--freq: Value 506000000x" + RANGE + help},
-      {{"scan", "--freq", "99999999999999999999"}, "--freq: Value 99999999999999999999" + RANGE + help},
+      {{"scan", "--freq", "506"}, "--freq: 506" + RANGE + help},
+      {{"scan", "--freq", "29.9M"}, "--freq: 29.9M" + RANGE + help},
+      {{"scan", "--freq", "1000000001"}, "--freq: 1000000001" + RANGE + help},
+      {{"scan", "--freq", "99999999999999999999"}, "--freq: 99999999999999999999" + RANGE + help},
+      {{"scan", "--freq", "506000000x"}, "--freq: \"506000000x\"" + NO_FREQUENCY + help},
+      {{"scan", "--freq", "inf"}, "--freq: \"inf\"" + NO_FREQUENCY + help},
+      {{"scan", "--freq", "-506M"}, "--freq: \"-506M\"" + NO_FREQUENCY + help},
+      {{"scan", "--freq", "0x1E28E980"}, "--freq: \"0x1E28E980\"" + NO_FREQUENCY + help},
+      {{"scan", "--freq", "474,5M"}, "--freq: \"474,5M\"" + NO_FREQUENCY + help},
+      {{"scan", "--freq", ""}, "--freq: \"\"" + NO_FREQUENCY + help},
       {{"scan", "--freq", "506000000", "--band", "uhf"}, "--freq excludes --band" + help},
       {{"scan", "--country", "DE", "--band", "uhf"}, "--band excludes --country" + help},
       {{"scan", "--freq", "506000000", "--country", "DE"}, "--freq excludes --country" + help},
@@ -54,7 +62,8 @@ TEST(Usage, wrong_arguments) {
       {{"scan", "--db", std::string(4100, 'x') + ".db"}, "--db: the path is too long"},
       {{"check", "--db", "noextension"}, "--db noextension" + NO_EXTENSION},
       {{"check", "extra"}, "The following argument was not expected: extra (see 'kelvo check --help')"},
-      {{"channels", "--format", "xml"}, "--format: xml not in {table,json} (see 'kelvo channels --help')"},
+      {{"channels", "--format", "xml"},
+       "--format: xml not in {table,vdr,dvbv5,zap,m3u,xspf,csv,json} (see 'kelvo channels --help')"},
   });
 }
 
@@ -66,7 +75,7 @@ TEST(Usage, wrong_arguments_of_epg_update) {
         {{"epg", "update", "--for", time}, "--for " + time + ": not a time; give for example 90s, 10m or 1h"});
   expect_usage(times);
   const std::string help = " (see 'kelvo epg update --help')";
-  expect_usage({{{"epg", "update", "--freq", "506"}, "--freq: Value 506" + RANGE + help},
+  expect_usage({{{"epg", "update", "--freq", "506"}, "--freq: 506" + RANGE + help},
                 {{"epg", "update", "--freq", "506000000", "--all"}, "--freq excludes --all" + help},
                 {{"epg", "update", "--adapter", "4"}, "--adapter: Value 4 not in range 0 to 3" + help},
                 {{"epg", "update", "extra"}, "The following argument was not expected: extra" + help},

@@ -3,6 +3,7 @@
 
 #include "tools/cli/console.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include <fmt/format.h>
 #include <kelvo/kelvo.h>
 
 #include "tools/cli/failure.h"
@@ -19,6 +19,8 @@
 namespace console {
 
 namespace {
+
+bool quiet = false;  // main thread
 
 // Without a buffer: lines of the library, which writes to the same descriptor, keep their place among those of the
 // command.
@@ -32,6 +34,19 @@ void write_all(std::string_view text) {
   }
 }
 
+// The error of an earlier write is not known any more, but a pipe that nobody reads shows it.
+bool reader_is_gone() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
+[[noreturn]] void fail_to_write(const std::string& what) {
+  if (reader_is_gone()) {
+    throw Reader_gone();
+  }
+  throw Failure("cannot write " + what);
+}
+
 }  // namespace
 
 void put(std::string_view text) {
@@ -42,9 +57,19 @@ void say(std::string_view text) {
   write_all(std::string(text) + "\n");
 }
 
+void report(std::string_view text) {
+  if (!quiet) {
+    say(text);
+  }
+}
+
+void be_quiet() {
+  quiet = true;
+}
+
 void print(std::string_view text, const std::string& what) {
   if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-    throw Failure(fmt::format("cannot write {}: {}", what, strerror(errno)));
+    fail_to_write(what + ": " + strerror(errno));
   }
 }
 
@@ -52,15 +77,19 @@ void print(std::string_view text, const std::string& what) {
 // stream even where this last one succeeds.
 void finish_printing(const std::string& what) {
   if (fflush(stdout) != 0) {
-    throw Failure(fmt::format("cannot write {}: {}", what, strerror(errno)));
+    fail_to_write(what + ": " + strerror(errno));
   }
   if (ferror(stdout) != 0) {
-    throw Failure("cannot write " + what);
+    fail_to_write(what);
   }
 }
 
 bool is_terminal() {
   return isatty(STDERR_FILENO) == 1;
+}
+
+bool shows_progress() {
+  return !quiet && is_terminal();
 }
 
 int width() {

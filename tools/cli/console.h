@@ -13,6 +13,10 @@ namespace console {
 // Writes `text` and a line break to the command's standard error.
 void say(std::string_view text);
 
+// The same for what only tells how far things are, which `--quiet` leaves out.
+void report(std::string_view text);
+void be_quiet();
+
 // The same without the line break: for the progress line.
 void put(std::string_view text);
 
@@ -26,6 +30,9 @@ void finish_printing(const std::string& what);
 bool is_terminal();
 int width();
 int height();
+
+// Whether bars are drawn: on a terminal, unless quiet.
+bool shows_progress();
 
 // A terminal on which names come before bars and numbers.
 bool is_narrow();

@@ -11,6 +11,7 @@ enum : int {
   EXIT_FAILED = 1,
   EXIT_USAGE = 2,
   EXIT_INTERRUPTED = 130,
+  EXIT_READER_GONE = 141,  // as shells report programs that SIGPIPE ended
 };
 
 // Ends the command: main() prints "kelvo: " and the text on one line of standard error and exits with the code.
@@ -21,4 +22,10 @@ class Failure : public std::runtime_error {
 
  private:
   int code_;
+};
+
+// Whoever read standard output has gone away, as `| head` does when it has enough. Ends the command without a word.
+class Reader_gone : public Failure {
+ public:
+  Reader_gone() : Failure("", EXIT_READER_GONE) {}
 };

@@ -69,6 +69,10 @@ std::pair<int64_t, int64_t> parse_day(const std::string& text) {
   return {midnight(day, later), midnight(day, later + 1)};
 }
 
+int64_t midnight_in(int days) {
+  return midnight(broken_down(time(nullptr)), days);
+}
+
 int parse_duration(const std::string& text, const std::string& option) {
   constexpr int64_t MOST = 7 * 24 * 3600;
   int64_t total = 0;

@@ -116,6 +116,9 @@ void Output_file::flush() {
 }
 
 void Output_file::fail(int error) const {
+  if (error == EPIPE && fd_ == STDOUT_FILENO) {
+    throw Reader_gone();
+  }
   const bool full = error == ENOSPC || error == EDQUOT || error == EFBIG;
   throw Failure(fmt::format("{}: cannot be written: {}", name_, full ? "disk full" : strerror(error)));
 }

@@ -153,3 +153,7 @@ std::string or_dash(const std::string& text) {
 std::string mhz(int freq_hz) {
   return fmt::format("{}.{:03} MHz", freq_hz / 1000000, freq_hz / 1000 % 1000);
 }
+
+std::string counted(uint64_t number, const char* one) {
+  return fmt::format("{} {}{}", number, one, number == 1 ? "" : "s");
+}

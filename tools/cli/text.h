@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -21,3 +22,6 @@ std::string or_dash(const std::string& text);
 
 // Hz as MHz, as people say it: "506.000 MHz".
 std::string mhz(int freq_hz);
+
+// "1 packet", "2 packets".
+std::string counted(uint64_t number, const char* one);

@@ -3,7 +3,7 @@
 
 #include "tools/cli/tuning_options.h"
 
-#include "tools/cli/bands.h"
+#include "tools/cli/frequency.h"
 
 void add_adapters_option(CLI::App* command, std::vector<int>* adapters, const char* help) {
   command->add_option("--adapter", *adapters, help)
@@ -15,9 +15,9 @@ void add_adapters_option(CLI::App* command, std::vector<int>* adapters, const ch
 }
 
 CLI::Option* add_freqs_option(CLI::App* command, std::vector<int>* freqs) {
-  return command->add_option("--freq", *freqs, "Centre frequency in Hz; may be repeated")
+  return command->add_option("--freq", *freqs, "Centre frequency in Hz, or as 474M; may be repeated")
       ->type_name("HZ")
-      ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
+      ->transform(hz_text)
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <memory>
 #include <sstream>
+#include <tuple>
 
 #include <fmt/format.h>
 #include <kelvo/kelvo.h>
@@ -47,6 +48,14 @@ constexpr const char* ROLE_COLUMNS =
     "SELECT channel, es_pid, lang, role, page FROM stream_language ORDER BY channel, rowid;";
 constexpr const char* CA_COLUMNS = "SELECT channel, es_pid, ca_sysid, ca_pid FROM stream_ca ORDER BY channel, rowid;";
 constexpr const char* ZONE_COLUMNS = "SELECT freq, offset_min, change_epoch, next_offset_min FROM broadcast_zone;";
+// Only what a receiver can have stored; a row with a value that cannot be is none.
+constexpr const char* DELIVERY_COLUMNS =
+    "SELECT k.channel, t.system, t.asked_freq + t.offset_hz, t.bandwidth_hz, t.modulation, t.pipe FROM kanalid k JOIN "
+    "tuned_multiplex t ON t.freq = k.freq AND t.hf_conn IS k.hf_conn AND t.dvb_type IS k.dvb_type WHERE "
+    "(t.system = 3 AND t.pipe = -1 OR t.system = 16 AND t.pipe BETWEEN -1 AND 255) AND "
+    "t.asked_freq BETWEEN 1 AND 2000000000 AND t.freq = t.asked_freq + max(t.pipe, 0) AND "
+    "t.offset_hz BETWEEN -499999 AND 499999 AND t.asked_freq + t.offset_hz > 0 AND "
+    "t.bandwidth_hz IN (0, 1712000, 5000000, 6000000, 7000000, 8000000, 10000000) AND t.modulation BETWEEN -1 AND 255;";
 constexpr const char* HIDDEN_COLUMNS = "SELECT channel FROM service_detail WHERE visible = 0;";
 constexpr const char* NAME_COLUMNS = "SELECT source_oid, lang, serv_name FROM kanalid_lang;";
 
@@ -111,6 +120,13 @@ void add_languages(Stream* stream, const std::string& languages) {
   }
 }
 
+constexpr int FIRST_USER_DEFINED_TYPE = 0x80;
+
+bool has_stream(const Service& service, const char* kind) {
+  return std::any_of(service.streams.begin(), service.streams.end(),
+                     [kind](const Stream& stream) { return stream.kind == kind; });
+}
+
 bool has_any_table(sqlite3* connection, const std::string& file) {
   return Statement(connection, file, "SELECT 1 FROM sqlite_master WHERE type = 'table';").step();
 }
@@ -150,6 +166,13 @@ bool check_file(const std::string& file) {
 }
 
 }  // namespace
+
+void sort_by_number(std::vector<Service>* services) {
+  // Channels without a number have the largest one.
+  std::stable_sort(services->begin(), services->end(), [](const Service& a, const Service& b) {
+    return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
+  });
+}
 
 std::string lcn_text(const Service& service) {
   return service.lcn == NO_LCN ? "-" : std::to_string(service.lcn);
@@ -197,6 +220,35 @@ std::string type_text(const Service& service) {
       return "VVC TV";
     default:
       return fmt::format("type {}", service.type);
+  }
+}
+
+bool is_tv(const Service& service) {
+  switch (service.type) {
+    case 0x01:
+    case 0x06:
+    case 0x0B:
+    case 0x11:
+    case 0x16:
+    case 0x19:
+    case 0x1C:
+    case 0x1F:
+    case 0x20:
+    case 0x21:
+      return true;
+    default:
+      return service.type >= FIRST_USER_DEFINED_TYPE && has_stream(service, "video");
+  }
+}
+
+bool is_radio(const Service& service) {
+  switch (service.type) {
+    case 0x02:
+    case 0x07:
+    case 0x0A:
+      return true;
+    default:
+      return service.type >= FIRST_USER_DEFINED_TYPE && !has_stream(service, "video") && has_stream(service, "audio");
   }
 }
 
@@ -331,6 +383,7 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
     service.provider = rows.text(4);
     service.network = rows.text(5);
     service.freq = rows.number(6);
+    service.delivery.freq = service.freq;
     service.program_number = rows.number(7);
     service.network_id = rows.number(8);
     service.original_network_id = rows.number(9);
@@ -352,6 +405,7 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
       }
     }
   }
+  read_deliveries(&out, places);
   if (!with_streams) {
     return out;
   }
@@ -393,6 +447,19 @@ std::vector<Service> Channel_db::services(bool with_streams) const {
   }
   read_stream_words(&out, places);
   return out;
+}
+
+void Channel_db::read_deliveries(std::vector<Service>* services, const std::map<int, size_t>& places) const {
+  if (!has_table(connection_.get(), file_, "tuned_multiplex")) {
+    return;
+  }
+  Statement rows(connection_.get(), file_, DELIVERY_COLUMNS);
+  while (rows.step()) {
+    if (const auto place = places.find(rows.number(0)); place != places.end()) {
+      (*services)[place->second].delivery = {rows.number(1), rows.number(2), rows.number(3), rows.number(4),
+                                             rows.number(5)};
+    }
+  }
 }
 
 // What stands there of a stream that estreams has with another type is older than that: a program that does not know

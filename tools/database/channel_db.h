@@ -42,6 +42,15 @@ struct Stream {
   std::vector<Language_role> roles;
 };
 
+// How a service's multiplex was received: its row of table tuned_multiplex. Without one little is known.
+struct Delivery {
+  int system = 0;        // SYS_DVBT or SYS_DVBT2 of linux/dvb/frontend.h; 0: not known
+  int freq = 0;          // what to tune to, Hz: the carrier's, also where the service is known by another one
+  int bandwidth_hz = 0;  // 0: not known
+  int modulation = -1;   // enum fe_modulation; -1: not known
+  int pipe = -1;         // DVB-T2's PLP; -1: received without a filter
+};
+
 // A service: a row of table kanalid. All texts are clean.
 struct Service {
   int channel = 0;
@@ -62,6 +71,7 @@ struct Service {
   bool visible = true;  // false: its network asks receivers not to list it
   int scan_state = 0;
   int row_status = 0;
+  Delivery delivery;
   std::vector<Stream> streams;
   std::vector<Service_ca> ca;  // all systems, where the database has them
 };
@@ -76,9 +86,16 @@ struct Broadcast_zone {
 
 inline constexpr int NO_LCN = 65535;
 
+// By number, those without one last; those of equal number by row, which is the order in which they were found.
+void sort_by_number(std::vector<Service>* services);
+
 // In words: "TV", "radio", ...; "found", "lost", "timed out" or "no streams" (named by the multiplex, never complete).
 std::string type_text(const Service& service);
 std::string state_text(const Service& service);
+
+// What people watch, and what they listen to: by service_type, by the streams where that is of the user defined range.
+bool is_tv(const Service& service);
+bool is_radio(const Service& service);
 // The channel's number, or a dash.
 std::string lcn_text(const Service& service);
 
@@ -126,6 +143,7 @@ class Channel_db {
  private:
   friend bool check_database(const std::string& file);
   void check_layout() const;
+  void read_deliveries(std::vector<Service>* services, const std::map<int, size_t>& places) const;
   void read_stream_words(std::vector<Service>* services, const std::map<int, size_t>& places) const;
 
   std::string file_;

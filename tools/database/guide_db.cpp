@@ -18,6 +18,7 @@
 
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
+#include "tools/database/genre_words.h"
 #include "tools/database/statement.h"
 
 namespace {
@@ -25,24 +26,17 @@ namespace {
 // An event counts when any of its time lies in the range. One without a duration has no time at all, so its start
 // decides.
 constexpr const char* EVENT_COLUMNS =
-    "SELECT entry, channel, ev_id, start_epoch, dur_sec, content_id, rating FROM epglist "
+    "SELECT entry, channel, ev_id, start_epoch, dur_sec, content_id, rating, run_status, free_ca FROM epglist "
     "WHERE start_epoch < ?2 AND (start_epoch + dur_sec > ?1 OR start_epoch >= ?1) ORDER BY start_epoch, channel, entry;";
 constexpr const char* TEXT_COLUMNS =
     "SELECT lang, ev_name, ev_desc, ext_desc, ext_list FROM epglist_lang WHERE source_oid = ?1 ORDER BY rowid;";
-
-// EN 300 468, table 29: the first nibble.
-constexpr std::array<const char*, 12> GENRES = {"",
-                                                "Movie/Drama",
-                                                "News/Current affairs",
-                                                "Show/Game show",
-                                                "Sports",
-                                                "Children's/Youth programmes",
-                                                "Music/Ballet/Dance",
-                                                "Arts/Culture",
-                                                "Social/Political issues/Economics",
-                                                "Education/Science/Factual topics",
-                                                "Leisure hobbies",
-                                                "Special characteristics"};
+constexpr const char* DETAIL_COLUMNS =
+    "SELECT series_crid, programme_crid, running_status FROM event_detail WHERE entry = ?1;";
+constexpr const char* ITEM_COLUMNS =
+    "SELECT lang, name, value FROM event_item WHERE entry = ?1 ORDER BY lang, position;";
+constexpr const char* COMPONENT_COLUMNS =
+    "SELECT tag, stream_content, stream_content_ext, component_type, lang, text FROM event_component WHERE entry = ?1 "
+    "ORDER BY position;";
 
 // From the character table `table`, as iconv names it; empty when that does not work.
 std::string from_table(const std::string& table, std::string_view text) {
@@ -100,15 +94,33 @@ size_t doubled_size(std::string_view text) {
   return std::string_view::npos;
 }
 
-std::vector<std::string> genres(const std::string& content) {
-  std::vector<std::string> out;
+// Nibbles in hexadecimal: "4.1.0.0 ", each genre with a blank behind it; 0.0.0.0 for none.
+std::vector<Event_genre> genres(const std::string& content) {
+  std::vector<Event_genre> out;
   std::istringstream words(content);
   for (std::string word; words >> word;) {
-    const unsigned long nibble = std::strtoul(word.c_str(), nullptr, 16);
-    // Several contents of one genre are common ("film: thriller", "film: drama"); the detail is left to programs that
-    // read the database.
-    if (nibble > 0 && nibble < GENRES.size() && std::find(out.begin(), out.end(), GENRES[nibble]) == out.end()) {
-      out.emplace_back(GENRES[nibble]);
+    std::array<unsigned long, 4> nibbles{};
+    const char* at = word.c_str();
+    char* end = nullptr;
+    for (unsigned long& nibble : nibbles) {
+      nibble = std::strtoul(at, &end, 16);
+      at = *end == '.' ? end + 1 : end;
+    }
+    if (nibbles[0] > 0 && std::all_of(nibbles.begin(), nibbles.end(), [](unsigned long n) { return n <= 15; })) {
+      out.push_back(
+          {static_cast<int>(nibbles[0]), static_cast<int>(nibbles[1]), static_cast<int>(nibbles[2] * 16 + nibbles[3])});
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> names_of(const std::vector<Event_genre>& genres) {
+  std::vector<std::string> out;
+  for (const Event_genre& genre : genres) {
+    // Several contents of one genre are common ("film: thriller", "film: drama").
+    const std::string name = genre_name(genre.level1);
+    if (!name.empty() && std::find(out.begin(), out.end(), name) == out.end()) {
+      out.push_back(name);
     }
   }
   return out;
@@ -127,6 +139,55 @@ std::vector<std::pair<std::string, int>> ratings(const std::string& text) {
   }
   return out;
 }
+
+using Items = std::vector<std::pair<std::string, std::string>>;
+
+// What the added tables have of an event; by its row.
+class Details {
+ public:
+  Details(sqlite3* connection, const std::string& file)
+      : details_(connection, file, DETAIL_COLUMNS),
+        items_(connection, file, ITEM_COLUMNS),
+        components_(connection, file, COMPONENT_COLUMNS) {}
+
+  void read(int64_t entry, Guide_event* event) {
+    ask(&details_, entry);
+    if (details_.step()) {
+      event->series_crid = guide_text(details_.raw_text(0));
+      event->programme_crid = guide_text(details_.raw_text(1));
+      event->running_status = details_.number(2);
+    }
+    ask(&components_, entry);
+    while (components_.step()) {
+      event->components.push_back({components_.number(0), components_.number(1), components_.number(2),
+                                   components_.number(3), guide_text(components_.raw_text(4)),
+                                   guide_text(components_.raw_text(5))});
+    }
+  }
+
+  // By language as stored.
+  std::map<std::string, Items> items(int64_t entry) {
+    std::map<std::string, Items> out;
+    ask(&items_, entry);
+    while (items_.step()) {
+      std::string name = guide_text(items_.raw_text(1));
+      // "Director:" gets its colon from whoever shows it.
+      name.resize(name.find_last_not_of(" :") + 1);
+      out[items_.raw_text(0)].emplace_back(std::move(name), guide_text(items_.raw_text(2)));
+    }
+    return out;
+  }
+
+ private:
+  static void ask(Statement* statement, int64_t entry) {
+    statement->reset();
+    statement->bind_big(1, entry);
+  }
+
+  Statement details_;
+  Statement items_;
+  Statement components_;
+};
 
 }  // namespace
 
@@ -205,6 +266,10 @@ Guide_db::Guide_db(const std::string& channel_file) {
   guide.reset();
   const Statement events(connection.get(), file_, EVENT_COLUMNS);
   const Statement texts(connection.get(), file_, TEXT_COLUMNS);
+  Statement added(connection.get(), file_,
+                  "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('event_detail', 'event_item', "
+                  "'event_component');");
+  has_details_ = added.step() && added.number(0) == 3;
   connection_ = std::move(connection);
 }
 
@@ -223,6 +288,10 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
   Statement rows(connection_.get(), file_, EVENT_COLUMNS);
   // Prepared once and bound for each event: a guide of a week has tens of thousands.
   Statement text_rows(connection_.get(), file_, TEXT_COLUMNS);
+  std::optional<Details> details;
+  if (has_details_) {
+    details.emplace(connection_.get(), file_);
+  }
   rows.bind_big(1, from);
   rows.bind_big(2, to);
   while (rows.step()) {
@@ -231,14 +300,24 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
     event.id = rows.number(2);
     event.start = rows.big_number(3);
     event.duration = std::max(0, rows.number(4));
-    event.genres = genres(rows.raw_text(5));
+    event.contents = genres(rows.raw_text(5));
+    event.genres = names_of(event.contents);
     event.ratings = ratings(rows.raw_text(6));
+    event.running_status = rows.number(7);
+    event.scrambled = rows.number(8) != 0;
+    const int64_t entry = rows.big_number(0);
+    std::map<std::string, Items> items;
+    if (details) {
+      details->read(entry, &event);
+      items = details->items(entry);
+    }
     text_rows.reset();
-    text_rows.bind_big(1, rows.big_number(0));
+    text_rows.bind_big(1, entry);
     while (text_rows.step()) {
+      const auto pairs = items.find(text_rows.raw_text(0));
       event.texts.push_back({guide_text(text_rows.raw_text(0)), guide_text(text_rows.raw_text(1)),
                              guide_text(text_rows.raw_text(2)), guide_text(text_rows.raw_text(3)),
-                             split_items(text_rows.raw_text(4))});
+                             pairs == items.end() ? split_items(text_rows.raw_text(4)) : pairs->second});
     }
     // Stable, because those that were not asked for stay in the order of their sending.
     std::stable_sort(event.texts.begin(), event.texts.end(),
@@ -246,6 +325,26 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
     out.push_back(std::move(event));
   }
   return out;
+}
+
+std::map<int, Guide_extent> Guide_db::extents() const {
+  std::map<int, Guide_extent> out;
+  if (connection_ != nullptr) {
+    Statement rows(connection_.get(), file_,
+                   "SELECT channel, count(*), max(start_epoch + dur_sec) FROM epglist GROUP BY channel;");
+    while (rows.step()) {
+      out[rows.number(0)] = {rows.number(1), rows.big_number(2)};
+    }
+  }
+  return out;
+}
+
+int Guide_db::version() const {
+  if (connection_ == nullptr) {
+    return 0;
+  }
+  Statement version(connection_.get(), file_, "PRAGMA data_version;");
+  return version.step() ? version.number(0) : 0;
 }
 
 std::map<int, int> Guide_db::counts() const {

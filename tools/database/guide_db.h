@@ -22,16 +22,40 @@ struct Event_text {
   std::vector<std::pair<std::string, std::string>> items;  // "Director", "..."
 };
 
-// An event of the guide: a row of epglist with its rows of epglist_lang.
+// A content descriptor's entry: numbers as broadcast, see genre_words.h.
+struct Event_genre {
+  int level1 = 0;
+  int level2 = 0;
+  int user = 0;
+};
+
+// What an event says of one of its streams: a row of event_component. Numbers as broadcast.
+struct Event_component {
+  int tag = 0;
+  int content = 0;    // stream_content
+  int extension = 0;  // stream_content_ext
+  int type = 0;       // component_type
+  std::string language;
+  std::string text;
+};
+
+// An event of the guide: a row of epglist with its rows of epglist_lang, and of the event_ tables where the guide has
+// them. All texts are clean.
 struct Guide_event {
-  int channel = 0;    // row of kanalid
-  int id = 0;         // event_id
-  int64_t start = 0;  // seconds since 1970, UTC
-  int duration = 0;   // seconds
-  std::vector<std::string> genres;
+  int channel = 0;         // row of kanalid
+  int id = 0;              // event_id
+  int64_t start = 0;       // seconds since 1970, UTC
+  int duration = 0;        // seconds
+  int running_status = 0;  // EN 300 468, table 6
+  bool scrambled = false;
+  std::vector<std::string> genres;                   // names of the first level, each once
+  std::vector<Event_genre> contents;                 // what they are made of
   std::vector<std::pair<std::string, int>> ratings;  // country, lowest age in years
-  std::vector<Event_text> texts;                     // in the order wanted, see Guide_db
-  std::optional<Broadcast_zone> zone;                // to show its times in; the reader's without one
+  std::string series_crid;                           // as broadcast, empty for none
+  std::string programme_crid;
+  std::vector<Event_component> components;
+  std::vector<Event_text> texts;       // in the order wanted, see Guide_db
+  std::optional<Broadcast_zone> zone;  // to show its times in; the reader's without one
 
   int64_t end() const { return start + duration; }
 };
@@ -40,9 +64,15 @@ struct Guide_event {
 // first byte names (EN 300 468, A.2) are converted first.
 std::string guide_text(std::string_view text);
 
-// The items of an extended description, as the database joins them: a line for each with the description, a colon and
+// The items of an extended description, as epglist_lang joins them: a line for each with the description, a colon and
 // the item; or, from profile box, the description twice, a colon, the item, a comma.
 std::vector<std::pair<std::string, std::string>> split_items(std::string_view list);
+
+// How much of a guide there is.
+struct Guide_extent {
+  int events = 0;
+  int64_t end = 0;  // of the last one, seconds since 1970
+};
 
 // A read-only connection to the guide file that belongs to a channel database.
 class Guide_db {
@@ -58,8 +88,14 @@ class Guide_db {
 
   // How many events are stored for each channel.
   std::map<int, int> counts() const;
+  // The same with their end.
+  std::map<int, Guide_extent> extents() const;
+
+  // Another number after any change of the file by somebody else; 0 while there is none.
+  int version() const;
 
  private:
   std::string file_;
   Connection connection_;
+  bool has_details_ = false;  // the event_ tables
 };

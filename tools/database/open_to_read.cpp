@@ -4,9 +4,11 @@
 #include "tools/database/open_to_read.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -21,6 +23,9 @@ Connection open_plainly(const std::string& file, const std::string& name, int fl
   const int code = sqlite3_open_v2(name.c_str(), &connection, flags, nullptr);
   Connection owner(connection);
   if (code != SQLITE_OK) {
+    if (access(file.c_str(), R_OK) != 0 && errno == EACCES) {
+      throw Failure(fmt::format("{}: permission denied", file));
+    }
     throw Failure(fmt::format("{}: cannot be opened: {}", file, sqlite3_errstr(code)));
   }
   (void)sqlite3_busy_timeout(connection, BUSY_WAIT_MS);

@@ -3,12 +3,26 @@
 
 #include "tools/database/service_json.h"
 
+#include "tools/database/channel_id.h"
+#include "tools/database/delivery_words.h"
 #include "tools/database/stream_words.h"
 
 namespace {
 
 nlohmann::ordered_json or_null(const std::string& text) {
   return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
+nlohmann::ordered_json or_null(int number, int unknown) {
+  return number == unknown ? nlohmann::ordered_json() : nlohmann::ordered_json(number);
+}
+
+nlohmann::ordered_json to_json(const Delivery& delivery) {
+  return {{"system", or_null(delivery_system_name(delivery.system))},
+          {"frequency", delivery.freq},
+          {"bandwidth", or_null(delivery.bandwidth_hz, 0)},
+          {"modulation", or_null(modulation_name(delivery.modulation))},
+          {"plp", or_null(delivery.pipe, -1)}};
 }
 
 // Keys stay in the order of writing, so that two lists can be compared line by line. What is unknown is null and not
@@ -43,6 +57,7 @@ nlohmann::ordered_json to_json(const Stream& stream) {
 nlohmann::ordered_json to_json(const Service& service) {
   nlohmann::ordered_json out;
   out["channel"] = service.channel;
+  out["id"] = channel_id(service);
   out["lcn"] = service.lcn == NO_LCN ? nlohmann::ordered_json() : nlohmann::ordered_json(service.lcn);
   out["name"] = service.name;
   if (!service.names.empty()) {
@@ -53,6 +68,7 @@ nlohmann::ordered_json to_json(const Service& service) {
   out["provider"] = service.provider;
   out["network"] = service.network;
   out["frequency"] = service.freq;
+  out["delivery"] = to_json(service.delivery);
   out["service_id"] = service.program_number;
   out["transport_stream_id"] = service.transport_stream_id;
   out["network_id"] = service.network_id;
@@ -70,10 +86,20 @@ nlohmann::ordered_json to_json(const Service& service) {
                            {"stream", ca.stream == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(ca.stream)}});
     }
   }
+  out["visible"] = service.visible;
   out["state"] = state_text(service);
   out["streams"] = nlohmann::ordered_json::array();
   for (const Stream& stream : service.streams) {
     out["streams"].push_back(to_json(stream));
+  }
+  return out;
+}
+
+nlohmann::ordered_json channels_json(const std::vector<Service>& services) {
+  nlohmann::ordered_json out{{"format", "kelvo-channels"}, {"version", CHANNELS_JSON_VERSION}};
+  out["channels"] = nlohmann::ordered_json::array();
+  for (const Service& service : services) {
+    out["channels"].push_back(to_json(service));
   }
   return out;
 }

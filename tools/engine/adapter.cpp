@@ -142,6 +142,24 @@ Tuning_result Adapter::last_tuning() const {
   return kelvo_ ? kelvo_->last_tuning() : Tuning_result{};
 }
 
+std::vector<EIT_progress> Adapter::guide_progress() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<EIT_progress> out;
+  if (kelvo_) {
+    kelvo_->eit_progress(&out);
+  }
+  return out;
+}
+
+std::vector<Lost_sections> Adapter::lost_sections() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<Lost_sections> out;
+  if (kelvo_) {
+    kelvo_->lost_sections(&out);
+  }
+  return out;
+}
+
 void Adapter::release() {
   std::unique_ptr<Kelvo> last;  // deleted without the lock, which its last callbacks need
   {

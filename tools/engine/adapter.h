@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include <kelvo/kelvo.h>
 
@@ -66,6 +67,9 @@ class Adapter {
   // The readings of its monitor, and how the last tuning ended; empty values behind release().
   Signal_readings signal() const;
   Tuning_result last_tuning() const;
+  // How far the guides of its multiplex are, and what was lost of it; likewise.
+  std::vector<EIT_progress> guide_progress() const;
+  std::vector<Lost_sections> lost_sections() const;
 
   // The first time table that found the clock wrong, and what became of it.
   std::optional<Time_news> clock_news() const;

@@ -11,21 +11,24 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <sstream>
-#include <tuple>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "tools/cli/console.h"
 #include "tools/cli/failure.h"
+#include "tools/cli/language_list.h"
 #include "tools/cli/local_time.h"
 #include "tools/cli/text.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/find_channel.h"
 #include "tools/database/guide_db.h"
-#include "tools/epg/epg_print.h"
+#include "tools/epg/epg_screen.h"
+#include "tools/epg/guide_csv.h"
+#include "tools/epg/guide_ics.h"
+#include "tools/epg/guide_json.h"
+#include "tools/epg/xmltv.h"
 
 namespace {
 
@@ -43,22 +46,6 @@ struct Epg_options {
   std::string db;
 };
 
-std::vector<std::string> split_languages(const std::string& list) {
-  std::vector<std::string> out;
-  std::istringstream parts(list);
-  // An empty list gets one turn as well, so that it is refused and does not mean "any language".
-  for (std::string part; std::getline(parts, part, ',') || out.empty();) {
-    if (part.size() != 3 ||
-        part.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
-      throw Failure(
-          fmt::format("--lang {}: not a list of languages; give codes of three letters, such as est,eng", list),
-          EXIT_USAGE);
-    }
-    out.push_back(part);
-  }
-  return out;
-}
-
 // Texts of all languages are searched, also of those that are not shown: who looks for a film may know its title in
 // another one.
 bool mentions(const Guide_event& event, const std::string& text) {
@@ -72,13 +59,19 @@ bool mentions(const Guide_event& event, const std::string& text) {
 // Leaves what the options ask for. `events` are those that have not ended at `now`, or those of the day.
 void choose(const Epg_options& options, int64_t now, std::vector<Guide_event>* events) {
   const std::string search = lower_case(clean_text(options.search.value_or("")));
-  std::set<int> on;    // channels whose present event has been found
-  std::set<int> seen;  // and their next one
-  // Events come sorted by start, so the first one of a channel behind the present is its next. It need not follow at
-  // once: programmes may pause.
+  // When the present event of each channel began. Events come sorted by start: of several that are on, the last one
+  // counts, for a block may hold shorter ones.
+  std::map<int, int64_t> on;
+  for (const Guide_event& event : *events) {
+    if (event.start <= now && event.end() > now) {
+      on[event.channel] = event.start;
+    }
+  }
+  std::set<int> seen;  // channels whose next event, the first one behind the present, has been found
+  // It need not follow at once: programmes may pause.
   const auto unwanted = [&](const Guide_event& event) {
     if (options.now && event.start <= now) {
-      return event.end() <= now || !on.insert(event.channel).second;
+      return event.end() <= now || on[event.channel] != event.start;
     }
     if (options.next) {
       return event.start <= now || !seen.insert(event.channel).second;
@@ -118,9 +111,7 @@ void show_guide(const Epg_options& options) {
   const std::string file = options.db.empty() ? default_database() : options.db;
   const Channel_db channels(file);
   std::vector<Service> services = channels.services(true);
-  std::stable_sort(services.begin(), services.end(), [](const Service& a, const Service& b) {
-    return std::tie(a.lcn, a.channel) < std::tie(b.lcn, b.channel);
-  });
+  sort_by_number(&services);
   if (options.channel) {
     // With one service left, everything below is restricted to it without a further condition.
     services = {Service(find_channel(services, *options.channel, "--channel"))};
@@ -148,9 +139,14 @@ void show_guide(const Epg_options& options) {
     return places[a.channel] < places[b.channel];
   });
   if (options.format == "json") {
-    print_guide_json(events, by_row);
+    console::print(guide_json(events, by_row).dump(2) + "\n", "the guide");
   } else if (options.format == "xmltv") {
-    print_guide_xmltv(events, services);
+    end_at_the_next(&events);
+    console::print(guide_xmltv(events, services), "the guide");
+  } else if (options.format == "csv") {
+    console::print(guide_csv(events, by_row), "the guide");
+  } else if (options.format == "ics") {
+    console::print(guide_ics(events, by_row, now), "the guide");
   } else {
     if (options.show) {
       print_events_in_full(events, by_row);
@@ -198,8 +194,8 @@ void add_epg(CLI::App& app, int* exit_code) {
       ->add_option("--zone", options->zone,
                    "here: times of your zone; broadcast: of the multiplex's, as its time table had it; default: here")
       ->check(CLI::IsMember({"here", "broadcast"}));
-  command->add_option("--format", options->format, "table, for people, json or xmltv, for programs")
-      ->check(CLI::IsMember({"table", "json", "xmltv"}))
+  command->add_option("--format", options->format, "table, for people; json, xmltv, csv or ics, for programs")
+      ->check(CLI::IsMember({"table", "json", "xmltv", "csv", "ics"}))
       ->capture_default_str();
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->add_flag("--show", options->show, "The events in full, with all texts, instead of a table");
@@ -215,7 +211,8 @@ void add_epg(CLI::App& app, int* exit_code) {
       "  kelvo epg --now --next\n"
       "  kelvo epg --channel 1 --now --show\n"
       "  kelvo epg --channel 1 --day tomorrow\n"
-      "  kelvo epg --format xmltv > guide.xml");
+      "  kelvo epg --format xmltv > guide.xml\n"
+      "  kelvo epg --search film --format ics > films.ics");
   add_epg_update(*command, exit_code);
   // The final one, because `kelvo epg update` parses through here: only then is it known whether the guide is to be
   // shown or collected.

@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include "tools/epg/epg_screen.h"
+
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -11,7 +13,6 @@
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
 #include "tools/cli/text_columns.h"
-#include "tools/epg/epg_print.h"
 #include "tools/epg/event_words.h"
 
 namespace {
@@ -53,10 +54,8 @@ std::string event_in_full(const Guide_event& event, const Service& service, std:
     if (&text != &main) {
       out += "\n" + paragraph(fmt::format("{} ({})", or_dash(text.title), or_dash(text.language)), columns);
     }
-    for (const std::string& part : {text.description, text.extended}) {
-      if (!part.empty()) {
-        out += "\n" + paragraph(part, columns);
-      }
+    for (const std::string& part : paragraphs(text)) {
+      out += "\n" + paragraph(part, columns);
     }
     bool first = true;
     for (const auto& item : text.items) {

@@ -26,6 +26,7 @@
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
+#include "tools/cli/verbosity_options.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
@@ -33,6 +34,7 @@
 #include "tools/database/repair.h"
 #include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_job.h"
+#include "tools/epg/update_report.h"
 #include "tools/watch/time_texts.h"
 
 namespace {
@@ -47,37 +49,12 @@ struct Update_options {
   std::vector<int> adapters;
   std::vector<int> freqs;
   bool all = false;
+  bool json = false;
+  int verbosity = 0;  // how often -v was given
   std::optional<std::string> time;
   Receiver_options receiver;
   std::string db;
 };
-
-// "at table 0x50 of 0x51"; what is not announced yet is left out. Of a guide that is collected whole how much of it has
-// come.
-std::string place_of(const EIT_progress& service) {
-  if (service.whole && service.sections != 0) {
-    return fmt::format("{} of {} sections", service.sections, service.sections_of);
-  }
-  if (service.table == 0) {
-    return "not begun";
-  }
-  const std::string of = service.last_table >= service.table ? fmt::format(" of 0x{:02X}", service.last_table) : "";
-  return fmt::format("at table 0x{:02X}{}", service.table, of);
-}
-
-// What there is of the guide of a service; of an unfinished one also why.
-std::string guide_text_of(const Guide_progress& progress, const Guide_multiplex& multiplex) {
-  switch (progress.state) {
-    case Guide_state::COMPLETE:
-      return progress.service.given_up ? fmt::format("{}, the rest is not sent", place_of(progress.service))
-                                       : "complete";
-    case Guide_state::NO_SCHEDULE:
-      return progress.service.events > 0 ? "no schedule sent, now and next only" : "nothing sent";
-    case Guide_state::COLLECTING:
-      break;
-  }
-  return fmt::format("incomplete, {}: {}", place_of(progress.service), outcome_text(multiplex));
-}
 
 // The table reached, and the last one, in a fixed width; sections of a guide that is collected whole.
 std::string table_of(const EIT_progress& service) {
@@ -104,38 +81,15 @@ std::string bar(const Guide_progress& progress, int width) {
   return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(width - filled), '.');
 }
 
-std::string seconds_text(int ms) {
-  if (ms < 1000) {
-    return fmt::format("{} ms", ms);
-  }
-  return ms < 10000 ? fmt::format("{:.1f} s", ms / 1000.0) : fmt::format("{:.0f} s", ms / 1000.0);
-}
-
-// How long a guide that is collected whole took, and how often it is sent; empty for others, and where nothing came.
-std::string carousel_text(const Guide_multiplex& multiplex) {
-  int complete_ms = 0;
-  int carousel_ms = 0;
-  size_t not_complete = 0;
-  for (const Guide_progress& progress : multiplex.services) {
-    const EIT_progress& service = progress.service;
-    complete_ms = std::max(complete_ms, service.complete_ms);
-    carousel_ms = std::max(carousel_ms, service.carousel_ms);
-    not_complete += service.sections != 0 && service.complete_ms == 0 && service.last_table != 0 ? 1 : 0;
-  }
-  std::string text;
-  if (complete_ms != 0) {
-    text = (not_complete == 0 ? "complete after " : "what is complete was after ") + seconds_text(complete_ms);
-  }
-  if (carousel_ms != 0) {
-    text += fmt::format("{}the slowest table came every {}", text.empty() ? "" : "; ", seconds_text(carousel_ms));
-  }
-  return text;
-}
-
 class Update {
  public:
-  Update(std::string db, std::vector<int> freqs, int seconds)
-      : db_(std::move(db)), freqs_(std::move(freqs)), seconds_(seconds), quiet_(-1) {}
+  Update(std::string db, std::vector<int> freqs, int seconds, bool json, int verbosity)
+      : db_(std::move(db)),
+        freqs_(std::move(freqs)),
+        seconds_(seconds),
+        json_(json),
+        quiet_(verbosity),
+        draws_(verbosity < 0 && console::shows_progress()) {}
 
   int run(const std::map<int, Frontend_info>& frontends, bool exists);
 
@@ -144,15 +98,16 @@ class Update {
   void look();
   void draw();
   void say_news();
-  std::string name_of(int channel) const;
-  void report();
+  std::string name_of(int channel) const { return channel_name(services_, channel); }
   void say_clock() const;
 
   std::string db_;
   std::vector<int> freqs_;
   int seconds_;
+  bool json_;
   Interrupt interrupt_;
   console::Quiet_library quiet_;
+  bool draws_;
   std::map<int, Service> services_;
   std::map<int, int> before_;  // events by channel
   std::unique_ptr<Sdbl> database_;
@@ -192,7 +147,11 @@ int Update::run(const std::map<int, Frontend_info>& frontends, bool exists) {
   // What came after the last look of the loop belongs into the report.
   seen_ = job_->multiplexes();
   say_news();
-  report();
+  if (json_) {
+    console::print(update_json(seen_, services_, before_).dump(2) + "\n", "the report");
+  } else {
+    print_update_report(seen_, services_, before_);
+  }
   console::finish_printing("the report");
   check_written(database_.get(), db_);
   // Tuning to a multiplex scans it, too.
@@ -216,7 +175,7 @@ void Update::work() {
     (void)poll(waits, 2, interrupted_ ? Engine::STOP_INTERVAL_MS : LOOK_INTERVAL_MS);
     engine_->calm();
     seen_ = job_->multiplexes();
-    if (console::is_terminal()) {
+    if (draws_) {
       draw();
     } else {
       say_news();
@@ -233,14 +192,6 @@ void Update::work() {
       engine_->stop();  // Nothing more can be kept.
     }
   }
-}
-
-std::string Update::name_of(int channel) const {
-  const auto known = services_.find(channel);
-  if (known == services_.end() || known->second.name.empty()) {
-    return fmt::format("#{}", channel);
-  }
-  return known->second.name;
 }
 
 void Update::draw() {
@@ -281,7 +232,7 @@ void Update::look() {
 
 void Update::say_news() {
   look();
-  if (console::is_terminal()) {
+  if (draws_) {
     return;  // The report says it.
   }
   for (const Guide_multiplex& multiplex : seen_) {
@@ -294,59 +245,14 @@ void Update::say_news() {
       if (said.empty()) {
         said = fmt::format("{}: {}, {} events", name_of(progress.service.channel), guide_text_of(progress, multiplex),
                            progress.service.events);
-        console::say(said);
+        console::report(said);
       }
     }
     if (multiplex.over() && closed_.insert(multiplex.freq).second) {
-      console::say(
+      console::report(
           fmt::format("[{}/{}] {}: {}", closed_.size(), seen_.size(), mhz(multiplex.freq), outcome_text(multiplex)));
     }
   }
-}
-
-void Update::report() {
-  using enum Table::Align;
-  using enum Table::Fit;
-  Table table({{"MULTIPLEX", RIGHT, WHOLE, 1}, {"LCN", RIGHT}, {"NAME"}, {"EVENTS", RIGHT}, {"GUIDE", LEFT, WORDS}});
-  int complete = 0;
-  int services = 0;
-  int events = 0;
-  int news = 0;
-  bool any_lost = false;
-  for (const Guide_multiplex& multiplex : seen_) {
-    // A multiplex of which nothing came still has its line, so that the reasons are complete.
-    if (multiplex.services.empty()) {
-      table.add({mhz(multiplex.freq), "-", "-", "0", outcome_text(multiplex)});
-    }
-    for (const Guide_progress& progress : multiplex.services) {
-      const auto known = services_.find(progress.service.channel);
-      const int lcn = known == services_.end() ? NO_LCN : known->second.lcn;
-      table.add({mhz(multiplex.freq), lcn == NO_LCN ? "-" : std::to_string(lcn), name_of(progress.service.channel),
-                 std::to_string(progress.service.events), guide_text_of(progress, multiplex)});
-      const auto old = before_.find(progress.service.channel);
-      ++services;
-      complete += progress.state != Guide_state::COLLECTING ? 1 : 0;
-      events += progress.service.events;
-      // Old events may have been deleted meanwhile, so there can be fewer than before.
-      news += std::max(0, progress.service.events - (old == before_.end() ? 0 : old->second));
-    }
-  }
-  table.print(stdout);
-  bool any_carousel = false;
-  for (const Guide_multiplex& multiplex : seen_) {
-    if (const std::string carousel = carousel_text(multiplex); !carousel.empty()) {
-      fmt::print("{}{}: {}\n", any_carousel ? "" : "\n", mhz(multiplex.freq), carousel);
-      any_carousel = true;
-    }
-  }
-  for (const Guide_multiplex& multiplex : seen_) {
-    if (const std::string lost = lost_text(multiplex.lost); !lost.empty()) {
-      fmt::print("\n{}: {}", mhz(multiplex.freq), lost);
-      any_lost = true;
-    }
-  }
-  fmt::print("{}{} of {} services done, {} events, {} of them new.\n", any_lost ? "\n\n" : "\n", complete, services,
-             events, news);
 }
 
 // Whatever became of a wrong clock, nobody should have to find it out.
@@ -368,18 +274,8 @@ int update(const Update_options& options) {
   // A set: what is named twice is collected once, and the order is that of the report.
   std::set<int> freqs(options.freqs.begin(), options.freqs.end());
   if (freqs.empty()) {
-    const std::vector<Service> services = Channel_db(db).services(false);
-    for (const Service& service : services) {
-      // Of a multiplex on two frequencies, the worse one has only lost services.
-      if (service.scan_state != 0 || service.row_status == 2) {
-        freqs.insert(service.freq);
-      }
-    }
-    if (freqs.empty()) {
-      for (const Service& service : services) {
-        freqs.insert(service.freq);
-      }
-    }
+    const std::vector<int> known = multiplexes_with_guide(Channel_db(db).services(false));
+    freqs.insert(known.begin(), known.end());
     if (freqs.empty()) {
       throw Failure(fmt::format("{}: no channels yet; find them with 'kelvo scan'", db));
     }
@@ -397,7 +293,7 @@ int update(const Update_options& options) {
   }
   const bool exists = check_database(db);
   const int seconds = given_time > 0 ? given_time : DEFAULT_TIME_S * static_cast<int>(freqs.size());
-  return Update(db, {freqs.begin(), freqs.end()}, seconds).run(frontends, exists);
+  return Update(db, {freqs.begin(), freqs.end()}, seconds, options.json, options.verbosity - 1).run(frontends, exists);
 }
 
 }  // namespace
@@ -411,6 +307,9 @@ void add_epg_update(CLI::App& epg, int* exit_code) {
   command->add_flag("--all", options->all, "All multiplexes of the channel database; the default")->excludes(freq);
   command->add_option("--for", options->time, "At most so long in all: 90s, 10m, 1h; default: 10m a multiplex")
       ->type_name("TIME");
+  command->add_flag("--json", options->json, "The report as one object, for programs: multiplexes with their services");
+  add_quiet_option(command);
+  add_verbose_option(command, &options->verbosity);
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);
   add_country_option(command, &options->receiver);

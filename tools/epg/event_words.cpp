@@ -7,6 +7,36 @@
 
 namespace {
 
+// Without the ellipsis of a text that was cut, and without white space, of which the two texts often have different
+// amounts.
+std::string essence(std::string text) {
+  for (const char* ellipsis : {"...", "\u2026"}) {
+    if (text.ends_with(ellipsis)) {
+      text.resize(text.size() - std::char_traits<char>::length(ellipsis));
+    }
+  }
+  std::erase(text, ' ');
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::string> paragraphs(const Event_text& text) {
+  const std::string description = essence(text.description);
+  const std::string extended = essence(text.extended);
+  if (extended.find(description) != std::string::npos) {
+    return text.extended.empty() ? std::vector<std::string>() : std::vector{text.extended};
+  }
+  if (description.find(extended) != std::string::npos) {
+    return {text.description};
+  }
+  return {text.description, text.extended};
+}
+
+std::string time_text(const Guide_event& event, int64_t seconds, const char* format) {
+  return event.zone ? zone_time(seconds, event.zone->offset_at(seconds), format) : local_time(seconds, format);
+}
+
 std::string items_text(const Event_text& text) {
   std::string out;
   for (const auto& item : text.items) {
@@ -15,18 +45,12 @@ std::string items_text(const Event_text& text) {
   return out;
 }
 
-}  // namespace
-
-std::string time_text(const Guide_event& event, int64_t seconds, const char* format) {
-  return event.zone ? zone_time(seconds, event.zone->offset_at(seconds), format) : local_time(seconds, format);
-}
-
 std::string full_text(const Event_text& text) {
   std::string out;
-  for (const std::string& part : {text.description, text.extended, items_text(text)}) {
-    if (!part.empty()) {
-      out += (out.empty() ? "" : " ") + part;
-    }
+  std::vector<std::string> parts = paragraphs(text);
+  parts.push_back(items_text(text));
+  for (const std::string& part : parts) {
+    out += (out.empty() || part.empty() ? "" : " ") + part;
   }
   return out;
 }

@@ -4,6 +4,7 @@
 #include "tools/epg/guide_job.h"
 
 #include <algorithm>
+#include <set>
 
 #include "tools/engine/tuning_text.h"
 #include "tools/epg/guide_watcher.h"
@@ -42,6 +43,20 @@ Guide_outcome outcome_without_scan(const Adapter& adapter, Answer::Kind kind) {
 }
 
 }  // namespace
+
+std::vector<int> multiplexes_with_guide(const std::vector<Service>& services) {
+  std::set<int> found;
+  std::set<int> all;
+  for (const Service& service : services) {
+    all.insert(service.freq);
+    // Of a multiplex on two frequencies, the worse one has only lost services.
+    if (service.scan_state != 0 || service.row_status == 2) {
+      found.insert(service.freq);
+    }
+  }
+  const std::set<int>& out = found.empty() ? all : found;
+  return {out.begin(), out.end()};
+}
 
 std::string outcome_text(const Guide_multiplex& multiplex) {
   switch (multiplex.outcome) {

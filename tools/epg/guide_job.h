@@ -9,6 +9,7 @@
 
 #include <kelvo/kelvo.h>
 
+#include "tools/database/channel_db.h"
 #include "tools/engine/engine.h"
 
 enum class Guide_state { COLLECTING, COMPLETE, NO_SCHEDULE };
@@ -44,6 +45,9 @@ struct Guide_multiplex {
 };
 
 std::string outcome_text(const Guide_multiplex& multiplex);
+
+// The frequencies, ascending, of those services that are still there; of all where none is.
+std::vector<int> multiplexes_with_guide(const std::vector<Service>& services);
 
 // What adapters do for `kelvo epg update`: they stay on each multiplex until its guide is collected. Any thread.
 class Guide_job {

@@ -23,16 +23,15 @@
 #include "tools/cli/receiver_options.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
+#include "tools/cli/verbosity_options.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/open_database.h"
 #include "tools/database/repair.h"
-#include "tools/engine/engine.h"
 #include "tools/engine/tuning_text.h"
-#include "tools/scan/same_multiplex.h"
-#include "tools/scan/scan_job.h"
 #include "tools/scan/scan_json.h"
 #include "tools/scan/scan_report.h"
+#include "tools/scan/scan_run.h"
 #include "tools/scan/time_left.h"
 #include "tools/scan/what_to_scan.h"
 
@@ -63,7 +62,7 @@ class Scan {
         requests_(requests),
         seconds_(seconds),
         quiet_(verbosity),
-        progress_(static_cast<int>(requests.size()), verbosity < 0 && console::is_terminal()) {}
+        progress_(static_cast<int>(requests.size()), verbosity < 0 && console::shows_progress()) {}
 
   int run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow);
 
@@ -72,12 +71,11 @@ class Scan {
 
   void work();
   int wait_ms() const;
-  void handle(Multiplex_result result);
+  void handle(const Multiplex_line& line);
   void draw();
-  size_t total() const { return requests_.size() + static_cast<size_t>(job_->added()); }
-  Outcome outcome_of_left(Tuning_request request) const;
-  std::vector<Service> compare(const std::vector<Service>& before);
-  bool keep_moved(const std::vector<Service>& before);
+  Scan_stop stop() const {
+    return interrupted_ ? Scan_stop::INTERRUPTED : time_up_ ? Scan_stop::TIME_UP : Scan_stop::NONE;
+  }
   int end_code() const;
 
   bool json_;
@@ -91,15 +89,11 @@ class Scan {
   Time_left time_left_;
   std::unique_ptr<Sdbl> database_;
   std::unique_ptr<Channel_db> reader_;  // closed before the database, whose last user ends its log
-  std::unique_ptr<Scan_job> job_;       // used by the engine
-  std::unique_ptr<Engine> engine_;
+  std::unique_ptr<Scan_run> run_;
   std::optional<Clock::time_point> end_;
-  std::vector<Multiplex_line> lines_;
-  int services_ = 0;
-  bool follows_air_ = false;
   bool interrupted_ = false;
   bool time_up_ = false;
-  std::vector<int> gone_;  // adapters
+  size_t said_ = 0;  // frequencies
 };
 
 int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool follow) {
@@ -111,12 +105,11 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     before = stored.services(false);
     pipes = stored.stored_pipes();
   }
-  follows_air_ = !frontends.empty() && frontends.begin()->second.profile.refresh;
   database_ = open_database(db_, exists);
   // A read-only connection of its own, so that reporting can never change what the scan stores.
   reader_ = std::make_unique<Channel_db>(db_);
   try {
-    engine_ = std::make_unique<Engine>(frontends, requests_, database_.get());
+    run_ = std::make_unique<Scan_run>(frontends, requests_, database_.get(), reader_.get());
   } catch (const Failure&) {
     reader_.reset();
     database_.reset();
@@ -125,41 +118,26 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
     }
     throw;
   }
-  job_ = std::make_unique<Scan_job>(engine_.get());
-  job_->revisit(pipes, requests_);
-  if (follow) {
-    job_->follow(requests_);
-  }
   if (seconds_) {
     end_ = Clock::now() + std::chrono::seconds(*seconds_);
   }
-  engine_->start([this](Adapter& adapter, const Tuning_request& request) { job_->work(adapter, request); }, true);
+  run_->start(pipes, follow);
   work();
   progress_.clear();
-  if (interrupted_ || time_up_) {
-    engine_->join();  // A merge that was under way counts.
-  }
-  gone_ = engine_->gone();
-  for (const Tuning_request& request : engine_->left()) {
-    Multiplex_line line;
-    line.result.freq = key_of(request);
-    line.result.outcome = outcome_of_left(request);
-    lines_.push_back(line);
-  }
-  const std::vector<Service> after = compare(before);
+  const std::vector<Service> after = run_->conclude(before, stop());
   if (json_) {
-    fmt::print("{}\n", scan_json(lines_, before, reader_->services(true)).dump(2));
+    fmt::print("{}\n", scan_json(run_->lines(), before, reader_->services(true)).dump(2));
   } else {
-    print_report(stdout, lines_, before, after, wide_);
+    print_report(stdout, run_->lines(), before, after, wide_);
   }
   // Only remembered here: that a database could not be written is worse news than that the report could not, and comes
   // first.
   const bool printed = fflush(stdout) == 0;
   // Adapters may still be writing when all results are in; only behind this is it known whether everything could be
   // kept.
-  engine_.reset();
+  run_->release();
   check_written(database_.get(), db_);
-  if (services_ > 0) {
+  if (run_->services() > 0) {
     keep_good_copy(database_.get(), db_);
   }
   if (!printed) {
@@ -168,113 +146,32 @@ int Scan::run(const std::map<int, Frontend_info>& frontends, bool exists, bool f
   return end_code();
 }
 
-// Of a frequency that nobody has scanned.
-Outcome Scan::outcome_of_left(Tuning_request request) const {
-  if (interrupted_) {
-    return Outcome::NOT_SCANNED;
-  }
-  if (!engine_->receivable(request)) {
-    request.system = 0;
-    return engine_->receivable(request) ? Outcome::OTHER_SYSTEM : Outcome::OUT_OF_RANGE;
-  }
-  return !gone_.empty() ? Outcome::DEVICE_GONE : time_up_ ? Outcome::TIME_UP : Outcome::NOT_SCANNED;
-}
-
-// What several frequencies bring is left with one of them. Returns the services after that.
-std::vector<Service> Scan::compare(const std::vector<Service>& before) {
-  std::vector<Service> after = reader_->services(false);
-  std::vector<Reception> receptions;
-  for (const Multiplex_line& line : lines_) {
-    const Multiplex_result& result = line.result;
-    if (result.outcome == Outcome::NOT_SCANNED || result.outcome == Outcome::TIME_UP ||
-        result.outcome == Outcome::OUT_OF_RANGE || result.outcome == Outcome::OTHER_SYSTEM ||
-        result.outcome == Outcome::DEVICE_GONE) {
-      continue;
-    }
-    const bool complete = result.outcome == Outcome::LOCKED;
-    receptions.push_back({result.freq, complete || result.outcome == Outcome::TIMED_OUT, complete, result.signal.snr,
-                          result.signal.strength});
-  }
-  Same_multiplex same = same_multiplexes(before, after, receptions);
-  for (Multiplex_line& line : lines_) {
-    const auto note = same.notes.find(line.result.freq);
-    line.note = note == same.notes.end() ? "" : note->second;
-  }
-  if (follows_air_ && keep_moved(before)) {
-    // What has moved is no double any more: its row is at its new place.
-    std::map<int, int> places;
-    for (const Service& service : after) {
-      places[service.channel] = service.freq;
-    }
-    after = reader_->services(false);
-    std::erase_if(same.doubles, [&](int channel) {
-      return std::none_of(after.begin(), after.end(), [&](const Service& service) {
-        return service.channel == channel && service.freq == places[channel];
-      });
-    });
-  }
-  if (same.doubles.empty()) {
-    return after;
-  }
-  for (const Service& service : after) {
-    if (std::find(same.doubles.begin(), same.doubles.end(), service.channel) != same.doubles.end()) {
-      for (Multiplex_line& line : lines_) {
-        line.doubles += line.services > 0 && line.result.freq == service.freq ? 1 : 0;
-      }
-    }
-  }
-  // An adapter that still receives one of them would find it again.
-  engine_->join();
-  mark_doubles(database_.get(), same.doubles);
-  return reader_->services(false);
-}
-
-// Services of frequencies that are not received any more, and that were found elsewhere, keep their rows. False when
-// there are none such.
-bool Scan::keep_moved(const std::vector<Service>& before) {
-  std::vector<int> left;
-  for (const Multiplex_line& line : lines_) {
-    const int freq = line.result.freq;
-    const int tuning = line.result.tuning.outcome;
-    const bool is_empty = tuning == TUNING_NO_SIGNAL || tuning == TUNING_NO_LOCK || tuning == TUNING_NO_STREAM;
-    const bool had_services =
-        std::any_of(before.begin(), before.end(), [=](const Service& service) { return service.freq == freq; });
-    if (is_empty && had_services) {
-      left.push_back(freq);
-    }
-  }
-  if (left.empty()) {
-    return false;
-  }
-  std::vector<Channel_change> changes;  // the report compares for itself
-  return database_->keep_moved_channels(0, 0, left, &changes) > 0;
-}
-
 int Scan::end_code() const {
   if (interrupted_) {
     console::say("kelvo: interrupted; what was found is kept");
     return EXIT_INTERRUPTED;
   }
-  for (const int adapter : gone_) {
+  for (const int adapter : run_->gone()) {
     console::say(fmt::format("kelvo: adapter {} is gone; what was found is kept", adapter));
   }
-  if (!gone_.empty()) {
+  if (!run_->gone().empty()) {
     return EXIT_FAILED;
   }
-  const auto left = std::count_if(lines_.begin(), lines_.end(),
+  const std::vector<Multiplex_line>& lines = run_->lines();
+  const auto left = std::count_if(lines.begin(), lines.end(),
                                   [](const Multiplex_line& line) { return line.result.outcome == Outcome::TIME_UP; });
-  const auto answered = std::count_if(lines_.begin(), lines_.end(), [](const Multiplex_line& line) {
+  const auto answered = std::count_if(lines.begin(), lines.end(), [](const Multiplex_line& line) {
     return line.result.outcome == Outcome::LOCKED || line.result.outcome == Outcome::TIMED_OUT;
   });
   // A multiplex on every frequency and no services: then nothing is all there is.
-  const bool found = services_ > 0 || answered == static_cast<int>(lines_.size());
+  const bool found = run_->services() > 0 || answered == static_cast<int>(lines.size());
   if (left == 0) {
     if (!found) {
       console::say("kelvo: no services found");
     }
     return found ? EXIT_OK : EXIT_FAILED;
   }
-  console::say(fmt::format("kelvo: the time was up before {} of {} frequencies were scanned; {}", left, lines_.size(),
+  console::say(fmt::format("kelvo: the time was up before {} of {} frequencies were scanned; {}", left, lines.size(),
                            found ? "what was found is kept" : "nothing was found"));
   return found ? EXIT_OK : EXIT_FAILED;
 }
@@ -296,12 +193,12 @@ int Scan::wait_ms() const {
 }
 
 void Scan::work() {
-  pollfd waits[] = {{engine_->fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
+  pollfd waits[] = {{run_->engine().fd(), POLLIN, 0}, {interrupt_.fd(), POLLIN, 0}};
   for (bool ended = false; !ended;) {
     draw();
     (void)poll(waits, 2, wait_ms());
-    engine_->calm();
-    ended = engine_->ended();  // looked at first, so that no result comes behind it
+    run_->engine().calm();
+    ended = run_->engine().ended();  // looked at first, so that no result comes behind it
     if ((waits[1].revents & POLLIN) != 0) {
       interrupted_ = true;
       // One interrupt is enough: the signal stays readable and would otherwise make this loop spin until the merges
@@ -310,35 +207,23 @@ void Scan::work() {
     }
     time_up_ = time_up_ || (!ended && end_ && Clock::now() >= *end_);
     if (interrupted_ || time_up_) {
-      engine_->stop();
+      run_->engine().stop();
     }
-    for (const Multiplex_result& result : job_->take_results()) {
-      handle(result);
+    for (const Multiplex_line& line : run_->take_lines(stop())) {
+      handle(line);
     }
     if (!interrupted_ && write_failed(database_.get())) {
-      engine_->close();  // Nothing more can be kept.
+      run_->engine().close();  // Nothing more can be kept.
     }
   }
 }
 
-void Scan::handle(Multiplex_result result) {
-  if (result.outcome == Outcome::NOT_SCANNED && time_up_ && !interrupted_) {
-    result.outcome = Outcome::TIME_UP;
-  }
-  Multiplex_line line;
-  line.result = result;
-  if (result.outcome == Outcome::LOCKED || result.outcome == Outcome::TIMED_OUT) {
-    // Counted right behind the merge of this multiplex; what a later scan does to the rows does not belong to this
-    // line.
-    line.services = reader_->services_found(result.freq);
-    services_ += line.services;
-  }
-  lines_.push_back(line);
-  time_left_.done(line.services > 0, result.seconds);
-  progress_.set_total(static_cast<int>(total()));
+void Scan::handle(const Multiplex_line& line) {
+  time_left_.done(line.services > 0, line.result.seconds);
+  progress_.set_total(static_cast<int>(run_->total()));
   progress_.step();
   if (!progress_.on()) {
-    console::say(fmt::format("[{}/{}] {}: {}", lines_.size(), total(), mhz(result.freq), multiplex_text(line)));
+    console::report(fmt::format("[{}/{}] {}: {}", ++said_, run_->total(), mhz(line.result.freq), multiplex_text(line)));
   }
 }
 
@@ -346,7 +231,7 @@ void Scan::draw() {
   if (!progress_.on()) {
     return;
   }
-  const std::vector<Engine::Under_way> all = engine_->under_way();
+  const std::vector<Engine::Under_way> all = run_->engine().under_way();
   if (all.empty()) {
     return;
   }
@@ -361,11 +246,11 @@ void Scan::draw() {
     }
     seconds.push_back(one.seconds);
   }
-  std::optional<double> left = time_left_.left(engine_->waiting(), seconds, engine_->adapters().size());
+  std::optional<double> left = time_left_.left(run_->engine().waiting(), seconds, run_->engine().adapters().size());
   if (left && end_) {
     left = std::min(*left, std::chrono::duration<double>(*end_ - Clock::now()).count());
   }
-  progress_.draw(fmt::format("{}  signal {}  {} services", freqs, strength_text(strength), services_), left);
+  progress_.draw(fmt::format("{}  signal {}  {} services", freqs, strength_text(strength), run_->services()), left);
 }
 
 int scan(const Scan_options& options) {
@@ -397,7 +282,7 @@ int scan(const Scan_options& options) {
   }
   const bool exists = check_database(db);
   for (const std::string& line : what.lines) {
-    console::say("kelvo: " + line);
+    console::report("kelvo: " + line);
   }
   return Scan(what.requests, seconds, db, options.verbosity - 1, options.json, options.wide)
       .run(frontends, exists, options.follow);
@@ -443,8 +328,8 @@ void add_scan(CLI::App& app, int* exit_code) {
   add_other_option(command, &options->receiver);
   command->add_option("--db", options->db, "Channel database, made when missing; default: $XDG_DATA_HOME/kelvo/dvb.db")
       ->type_name("FILE");
-  command->add_flag("-v,--verbose", options->verbosity,
-                    "Show what the library says: errors; repeated, up to five times, warnings, progress and traces");
+  add_quiet_option(command);
+  add_verbose_option(command, &options->verbosity);
   command->footer(
       "Ends with a line a multiplex and a table of the services that are new, back, lost or changed. Ctrl-C keeps\n"
       "what was found. A frequency without a signal takes 1.2 to 4 s, a multiplex a few seconds, 40 at most. What\n"

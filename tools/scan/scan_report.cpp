@@ -10,20 +10,41 @@
 
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
+#include "tools/engine/table_name.h"
 #include "tools/engine/tuning_text.h"
 #include "tools/scan/service_changes.h"
 
 namespace {
 
-// "locked; the PMTs of 3 services did not come": where nothing else is missing, everything but their streams is known.
+// "NIT", "PMTs of 3 services", in the order in which they were missed.
+std::vector<std::string> names_of(const std::vector<Missing_table>& missing) {
+  const auto is_pmt = [](const Missing_table& table) { return table_name(table.table_id) == "PMT"; };
+  const auto pmts = std::count_if(missing.begin(), missing.end(), is_pmt);
+  std::vector<std::string> names;
+  for (const Missing_table& table : missing) {
+    std::string name = table_name(table.table_id);
+    if (is_pmt(table)) {
+      name = pmts == 1 ? "PMT of 1 service" : fmt::format("PMTs of {} services", pmts);
+    } else if (name == "other") {
+      name = fmt::format("table {}", table.table_id);
+    }
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      names.push_back(std::move(name));
+    }
+  }
+  return names;
+}
+
+// "locked; the SDT and the PMTs of 3 services did not come".
 std::string missing_text(const Multiplex_result& result) {
-  const auto is_pmt_of_one = [](const Missing_table& missing) { return missing.service_id >= 0; };
-  if (result.missing.empty() || !std::all_of(result.missing.begin(), result.missing.end(), is_pmt_of_one)) {
+  const std::vector<std::string> names = names_of(result.missing);
+  if (names.empty()) {
     return "timed out: not all tables came";
   }
-  const size_t count = result.missing.size();
-  return locked_text(result.tuning) + (count == 1 ? "; the PMT of 1 service did not come"
-                                                  : fmt::format("; the PMTs of {} services did not come", count));
+  const size_t last = names.size() - 1;
+  return fmt::format("{}; the {}{}{} did not come", locked_text(result.tuning),
+                     fmt::join(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(last), ", the "),
+                     last == 0 ? "" : " and the ", names[last]);
 }
 
 }  // namespace
@@ -81,10 +102,6 @@ bool was_tuned(Outcome outcome) {
 // without one it says nothing.
 Signal_value shown(const Signal_value& value, Outcome outcome) {
   return value.scale == SCALE_DRIVER && !has_services(outcome) ? Signal_value{} : value;
-}
-
-std::string count_text(int count, const char* what) {
-  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
 // Frequencies that have nothing, of which there is no more to say than why.
@@ -148,7 +165,7 @@ std::string change_text(const Changed_service& entry) {
 std::string multiplex_text(const Multiplex_line& line) {
   std::string out = outcome_text(line.result);
   if (has_services(line.result.outcome)) {
-    out += ", " + count_text(line.services, "service");
+    out += ", " + counted(line.services, "service");
   }
   if (was_tuned(line.result.outcome)) {
     out += fmt::format(", {:.1f} s", line.result.seconds);
@@ -222,6 +239,6 @@ void print_report(FILE* out, std::vector<Multiplex_line> multiplexes, const std:
   }
   fmt::print(out, "{}{} of {} with a multiplex, {}: {} new, {} back, {} lost{}.\n", multiplexes.empty() ? "" : "\n",
              found, multiplexes.size() == 1 ? "1 frequency" : fmt::format("{} frequencies", multiplexes.size()),
-             count_text(services, "service"), counts[0], counts[1], counts[2],
+             counted(services, "service"), counts[0], counts[1], counts[2],
              counts[3] == 0 ? "" : fmt::format(", {} changed", counts[3]));
 }

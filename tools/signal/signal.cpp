@@ -21,9 +21,9 @@
 #include <kelvo/kelvo.h>
 #include <nlohmann/json.hpp>
 
-#include "tools/cli/bands.h"
 #include "tools/cli/console.h"
 #include "tools/cli/failure.h"
+#include "tools/cli/frequency.h"
 #include "tools/cli/interrupt.h"
 #include "tools/cli/local_time.h"
 #include "tools/cli/output_file.h"
@@ -378,10 +378,11 @@ void add_signal(CLI::App& app, int* exit_code) {
   CLI::Option* channel = command->add_option(
       "CHANNEL", options->channel,
       "Channel whose multiplex is received: number, name or part of it, or # and the row number of the database");
-  CLI::Option* freq = command->add_option("--freq", options->freq, "Centre frequency in Hz, instead of a channel")
-                          ->type_name("HZ")
-                          ->check(CLI::Range(LOWEST_FREQ, HIGHEST_FREQ))
-                          ->excludes(channel);
+  CLI::Option* freq =
+      command->add_option("--freq", options->freq, "Centre frequency in Hz, or as 474M, instead of a channel")
+          ->type_name("HZ")
+          ->transform(hz_text)
+          ->excludes(channel);
   CLI::Option* adapter = command->add_option("--adapter", options->adapter, "DVB adapter, 0 to 3; default: 0")
                              ->type_name("N")
                              ->check(CLI::Range(0, 3));

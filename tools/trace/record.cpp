@@ -22,6 +22,7 @@
 #include "tools/cli/temporary_folder.h"
 #include "tools/cli/text.h"
 #include "tools/cli/tuning_options.h"
+#include "tools/cli/verbosity_options.h"
 #include "tools/commands.h"
 #include "tools/engine/device.h"
 #include "tools/engine/engine.h"
@@ -128,7 +129,7 @@ int record(const Record_options& options) {
   std::vector<unsigned> words = recorder.words();
   // An interrupt ends the scan and not the writing: what was recorded is what the user waits for.
   (void)write_trace({options.out, format, title_of(options.freqs)}, &words, [] { return false; });
-  console::say(clean_text(
+  console::report(clean_text(
       fmt::format("kelvo: {}: {} records", options.out == "-" ? "standard output" : options.out, words.size() / 4)));
   if (!whole) {
     console::say("kelvo: interrupted; what was recorded is kept");
@@ -147,6 +148,7 @@ void add_trace_record(CLI::App& trace, int* exit_code) {
   command->add_option("--adapter", options->adapter, "DVB adapter, 0 to 3; default: 0")
       ->type_name("N")
       ->check(CLI::Range(0, 3));
+  add_quiet_option(command);
   add_freqs_option(command, &options->freqs)->required();
   add_receiver_options(command, &options->receiver);
   add_set_clock_option(command, &options->receiver);

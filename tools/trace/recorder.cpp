@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/engine/table_name.h"
 #include "tools/trace/records.h"
 #include "tools/trace/timeline.h"
 
@@ -48,27 +49,6 @@ std::string filter_name(int pid) {
       return "TOT";
     default:
       return fmt::format("PMT {}", pid);
-  }
-}
-
-std::string table_name(int id) {
-  switch (id) {
-    case table::PAT:
-      return "PAT";
-    case table::CAT:
-      return "CAT";
-    case table::PMT:
-      return "PMT";
-    case table::NIT_ACTUAL:
-      return "NIT";
-    case table::SDT_ACTUAL:
-      return "SDT";
-    case table::TDT:
-      return "TDT";
-    case table::TOT:
-      return "TOT";
-    default:
-      return id >= table::EIT_PRESENT_FOLLOWING && id <= table::EIT_LAST ? "EIT" : "other";
   }
 }
 

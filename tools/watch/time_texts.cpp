@@ -52,9 +52,10 @@ std::string Time_texts::clock_text(const Time_news& news) {
     return "";
   }
   clock_stays_ = true;
-  if (news.broadcast.clock == CLOCK_KEPT) {
-    return fmt::format("the clock is {} s {} by the broadcast; --set-clock sets it", std::abs(news.broadcast.off_by),
-                       news.broadcast.off_by > 0 ? "slow" : "fast");
+  if (news.broadcast.clock != CLOCK_SET) {
+    return fmt::format("the clock is {} s {} by the broadcast; {}", std::abs(news.broadcast.off_by),
+                       news.broadcast.off_by > 0 ? "slow" : "fast",
+                       news.broadcast.clock == CLOCK_KEPT ? "--set-clock sets it" : "no right to set it");
   }
   return "clock set, but it stayed as it was, more than 10 s from the broadcast";
 }

@@ -18,6 +18,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <kelvo/kelvo.h>
+#include <nlohmann/json.hpp>
 
 #include "tools/cli/console.h"
 #include "tools/cli/failure.h"
@@ -25,6 +26,7 @@
 #include "tools/cli/local_time.h"
 #include "tools/cli/receiver_options.h"
 #include "tools/cli/text.h"
+#include "tools/cli/verbosity_options.h"
 #include "tools/commands.h"
 #include "tools/database/channel_db.h"
 #include "tools/database/find_channel.h"
@@ -48,6 +50,8 @@ struct Watch_options {
   Receiver_options receiver;
   std::string db;
   std::string zone_of;
+  bool json = false;
+  int verbosity = 0;  // how often -v was given
 };
 
 // What callbacks, which come from the library's threads, leave for the watching one.
@@ -152,25 +156,23 @@ const char* word_of(const Guide_change& change) {
   }
 }
 
-// Each line goes out at once: a reader behind a pipe waits for it, perhaps for hours. A reader that has gone away ends
-// the command here.
-void say(const std::string& text) {
-  console::print(fmt::format("{} {}\n", local_time(time(nullptr), "%H:%M:%S"), text), "the changes");
-  console::finish_printing("the changes");
-}
-
 class Watch {
  public:
-  Watch(const Service& service, std::string db) : service_(service), db_(std::move(db)) {}
+  Watch(const Service& service, std::string db, bool json) : service_(service), db_(std::move(db)), json_(json) {}
 
-  void run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of);
+  void run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of, int verbosity);
 
  private:
+  using Json = nlohmann::ordered_json;
+
+  void say(const char* about, const std::string& text, const Json& details = Json::object()) const;
+  void say_event(const Guide_change& change);
   bool listen_to_quality(Kelvo* kelvo, bool late) const;
   // True when channels have changed.
   bool look(const Kelvo& kelvo);
   void look_at_guide(const Kelvo& kelvo);
-  std::string event_text(const Guide_change& change);
+  const std::string& name_of(int channel);
+  std::string title_of(const Guide_change& change) const;
   int stored() const { return events_of(guide_->counts()); }
   static int events_of(const std::map<int, int>& counts) {
     int all = 0;
@@ -183,17 +185,18 @@ class Watch {
   Service service_;
   std::unique_ptr<Guide_db> guide_;
   std::string db_;
+  bool json_;
   int events_ = 0;
   bool guide_complete_ = false;       // it was, once; before that everything is new
   std::map<int, std::string> names_;  // of channels, read when a change needs one
   Time_texts time_;
 };
 
-void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of) {
+void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const std::string& zone_of, int verbosity) {
   // The order of these matters: signals are blocked before the library starts threads, and it is silent before its
   // first object and until its last is gone.
   const Interrupt interrupt;
-  const console::Quiet_library quiet(-1);
+  const console::Quiet_library quiet(verbosity);
   wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd < 0) {
     throw Failure("cannot make an event descriptor: too many open files?");
@@ -219,7 +222,7 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
   kelvo.set_stb_event_callback(on_quality);
   // A plain channel request would do nothing on 474 MHz, where a new Kelvo tunes to.
   kelvo.watch_again(service_.freq, service_.channel);
-  say(fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
+  say("watching", fmt::format("watching {} on {}, {} events in the guide", service_.name, mhz(service_.freq), events_));
   const auto begun = std::chrono::steady_clock::now();
   bool listening = false;
   pollfd waits[] = {{wake_fd, POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
@@ -239,7 +242,7 @@ void Watch::run(int adapter, const Receiver_profile& profile, int seconds, const
     }
   }
   kelvo.cancel_tuning();
-  say(fmt::format("stopped, {} events in the guide", stored()));
+  say("stopped", fmt::format("stopped, {} events in the guide", stored()));
 }
 
 // The monitor tells nothing until it is reset, and while the tuner is on its way to the channel there is nothing to
@@ -255,26 +258,54 @@ bool Watch::listen_to_quality(Kelvo* kelvo, bool late) const {
   return over;
 }
 
-// "Kuldnokk, 2026-03-01 20:15, Uudised"; without the title when the event is gone.
-std::string Watch::event_text(const Guide_change& change) {
-  if (!names_.contains(change.channel)) {
+// Each line goes out at once: a reader behind a pipe waits for it, perhaps for hours. A reader that has gone away ends
+// the command here.
+void Watch::say(const char* about, const std::string& text, const Json& details) const {
+  const time_t now = time(nullptr);
+  if (json_) {
+    Json line{{"time", int64_t{now}}, {"about", about}, {"text", text}};
+    line.update(details);
+    console::print(line.dump() + "\n", "the changes");
+  } else {
+    console::print(fmt::format("{} {}\n", local_time(now, "%H:%M:%S"), text), "the changes");
+  }
+  console::finish_printing("the changes");
+}
+
+const std::string& Watch::name_of(int channel) {
+  if (!names_.contains(channel)) {
     for (const Service& service : Channel_db(db_).services(true)) {
       names_[service.channel] = service.name;
     }
   }
-  const std::string& name = names_[change.channel];
-  std::string text = fmt::format("{}, {}", name.empty() ? fmt::format("#{}", change.channel) : name,
-                                 local_time(change.start, "%Y-%m-%d %H:%M"));
+  return names_[channel];
+}
+
+// Empty where the event is gone, or has none.
+std::string Watch::title_of(const Guide_change& change) const {
   if (change.kind == GUIDE_REMOVED) {
-    return text;
+    return "";
   }
   for (const Guide_event& event : guide_->events(change.start, int64_t{change.start} + 1, {})) {
-    if (event.channel == change.channel && event.start == change.start && !event.texts.empty() &&
-        !event.texts.front().title.empty()) {
-      return text + ", " + event.texts.front().title;
+    if (event.channel == change.channel && event.start == change.start && !event.texts.empty()) {
+      return event.texts.front().title;
     }
   }
-  return text;
+  return "";
+}
+
+// "event moved: Kuldnokk, 2026-03-01 20:15, Uudised".
+void Watch::say_event(const Guide_change& change) {
+  const std::string& name = name_of(change.channel);
+  const std::string title = title_of(change);
+  say("event",
+      fmt::format("event {}: {}, {}{}{}", word_of(change), name.empty() ? fmt::format("#{}", change.channel) : name,
+                  local_time(change.start, "%Y-%m-%d %H:%M"), title.empty() ? "" : ", ", title),
+      {{"change", word_of(change)},
+       {"channel", change.channel},
+       {"name", name},
+       {"start_epoch", int64_t{change.start}},
+       {"title", title}});
 }
 
 void Watch::look_at_guide(const Kelvo& kelvo) {
@@ -291,17 +322,17 @@ void Watch::look_at_guide(const Kelvo& kelvo) {
     if (guide_complete_) {
       events_ = stored();
       if (events_ != 0) {
-        say(fmt::format("guide complete, {} events", events_));
+        say("guide", fmt::format("guide complete, {} events", events_), {{"complete", true}, {"events", events_}});
       }
     }
     return;
   }
   for (size_t i = 0; i < changed.size(); ++i) {
     if (i == MOST_EVENTS) {
-      say(fmt::format("and {} more events of the guide changed", changed.size() - i));
+      say("guide", fmt::format("and {} more events of the guide changed", changed.size() - i));
       break;
     }
-    say(fmt::format("event {}: {}", word_of(changed[i]), event_text(changed[i])));
+    say_event(changed[i]);
   }
 }
 
@@ -309,14 +340,15 @@ bool Watch::look(const Kelvo& kelvo) {
   look_at_guide(kelvo);
   const int code = changes.exchange(0);
   if ((code & DB_STREAMS_CHANGED) != 0) {
-    say("streams changed");
+    say("streams", "streams changed");
   }
   if ((code & DB_CHANNELS_CHANGED) != 0) {
-    say("channels changed");
+    say("channels", "channels changed");
   }
   if ((code & DB_EPG_GROWN) != 0) {
     const int now = stored();
-    say(fmt::format("guide grown to {} events ({:+})", now, now - events_));
+    say("guide", fmt::format("guide grown to {} events ({:+})", now, now - events_),
+        {{"complete", false}, {"events", now}});
     events_ = now;
   }
   std::vector<std::string> channels;
@@ -325,7 +357,7 @@ bool Watch::look(const Kelvo& kelvo) {
     channels.swap(channel_news);
   }
   for (const std::string& text : channels) {
-    say(text);
+    say("channels", text);
   }
   std::vector<unsigned> events;
   {
@@ -333,7 +365,7 @@ bool Watch::look(const Kelvo& kelvo) {
     events.swap(quality_events);
   }
   for (const unsigned event : events) {
-    say(event == 0 ? "quality lost" : "quality back");
+    say("quality", event == 0 ? "quality lost" : "quality back", {{"good", event != 0}});
   }
   std::vector<Device_event> devices;
   {
@@ -342,10 +374,10 @@ bool Watch::look(const Kelvo& kelvo) {
   }
   for (const Device_event& event : devices) {
     if (event.kind == DEVICE_GONE) {
-      say(fmt::format("adapter {} is gone", event.adapter));
-      say(fmt::format("waiting for adapter {}", event.adapter));
+      say("adapter", fmt::format("adapter {} is gone", event.adapter));
+      say("adapter", fmt::format("waiting for adapter {}", event.adapter));
     } else {
-      say(fmt::format("adapter {} is back", event.adapter));
+      say("adapter", fmt::format("adapter {} is back", event.adapter));
     }
   }
   std::vector<Time_news> times;
@@ -355,7 +387,7 @@ bool Watch::look(const Kelvo& kelvo) {
   }
   for (const Time_news& news : times) {
     for (const std::string& text : time_.texts(news)) {
-      say(text);
+      say("clock", text);
     }
   }
   return (code & (DB_STREAMS_CHANGED | DB_CHANNELS_CHANGED)) != 0 || !channels.empty();
@@ -373,7 +405,7 @@ void watch(const Watch_options& options) {
   // Behind the look for the channel, which needs no adapter: a slip in the name is told where none is plugged in, too.
   (void)check_adapter(options.adapter, profile);
   (void)check_database(db);
-  Watch(service, db).run(options.adapter, profile, seconds, options.zone_of);
+  Watch(service, db, options.json).run(options.adapter, profile, seconds, options.zone_of, options.verbosity - 1);
 }
 
 }  // namespace
@@ -399,6 +431,8 @@ void add_watch(CLI::App& app, int* exit_code) {
   add_country_option(command, &options->receiver);
   add_charset_option(command, &options->receiver);
   add_other_option(command, &options->receiver);
+  command->add_flag("--json", options->json, "An object a line, for programs");
+  add_verbose_option(command, &options->verbosity);
   command->add_option("--db", options->db, "Channel database; default: $XDG_DATA_HOME/kelvo/dvb.db")->type_name("FILE");
   command->footer(
       "A line, with the time, whenever channels, names or streams change, the guide grows, an event of a complete guide\n"

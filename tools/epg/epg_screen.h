@@ -9,8 +9,8 @@
 #include "tools/database/channel_db.h"
 #include "tools/database/guide_db.h"
 
-// Events of the guide as people or programs want them, on standard output. `services` holds at least the channels of
-// `events`, by row.
+// Events of the guide as people want them, on standard output. `services` holds at least the channels of `events`, by
+// row.
 struct Guide_table {
   bool full = false;      // with extended texts and items
   bool one_time = false;  // all of them are on at one time: the date says little
@@ -23,6 +23,3 @@ void print_now_and_next(const std::vector<Guide_event>& events, const std::map<i
                         bool wide);
 // Everything that is known of each event, as paragraphs.
 void print_events_in_full(const std::vector<Guide_event>& events, const std::map<int, Service>& services);
-void print_guide_json(const std::vector<Guide_event>& events, const std::map<int, Service>& services);
-// XMLTV, valid by its public DTD; lists all channels of `services`, which are those asked for.
-void print_guide_xmltv(const std::vector<Guide_event>& events, const std::vector<Service>& services);

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross packages-%
+.PHONY: help demo test install clean format lint memory asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross guide-check doc deb deb-check packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -18,7 +18,7 @@ help:
 	@echo "make install   install the library, its headers and the programs (PREFIX=$(PREFIX), DESTDIR=)"
 	@echo "make format    lay out all sources with clang-format"
 	@echo "make lint      check layout, spelling, scripts, includes and code"
-	@echo "make asan      the tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+	@echo "make memory    the tests under AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer"
 	@echo "make tsan      the tests under ThreadSanitizer"
 	@echo "make fuzz      a minute of fuzzing of everything that hostile bytes reach; fuzz-smoke: a minute of each of it,"
 	@echo "               fuzz-long: ten million executions of each, hours"
@@ -30,6 +30,10 @@ help:
 	@echo "make threads   threads of a host on four adapters at random, and Kelvos destroyed at random moments; also under"
 	@echo "               ThreadSanitizer"
 	@echo "make cross     build for the set-top box, and run all tests for 32-bit MIPS and a big-endian machine"
+	@echo "make doc       the headers and the pages of docs/ as HTML, in build/doc/html"
+	@echo "make deb       Debian packages in build/deb; deb-check: twice, compared, looked at by lintian and blhc, and tried in a"
+	@echo "               clean root"
+	@echo "make guide-check  the guide's page in a browser: accessibility (axe-core, fetched by npm), ten thousand events"
 	@echo "make clean     remove everything built"
 	@echo
 	@echo "Missing Debian packages are installed first (with sudo when not root); scripts/packages.txt lists them."
@@ -48,7 +52,9 @@ test: packages-build+test
 asan tsan: packages-build+test
 	@cmake --preset $@
 	@cmake --build --preset $@ -j$(JOBS)
-	@ctest --preset $@ -j$(JOBS)
+	@scripts/sanitized $@ -j$(JOBS)
+
+memory: asan
 
 install: packages-build
 	@cmake --preset release -DKELVO_BENCH=OFF -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
@@ -101,12 +107,27 @@ threads: packages-build+test
 	    build/$$preset/tests/kelvo/threads_test || exit 1; \
 	done
 
+guide-check: packages-build+test
+	@cmake --preset dev
+	@cmake --build --preset dev -j$(JOBS) --target tools_browser_test
+	@scripts/guide-check build/dev
+
 cross: packages-build+cross
 	@scripts/cross-root mipsel s390x
 	@cmake --preset mipsel
 	@cmake --build --preset mipsel -j$(JOBS)
 	@scripts/check-cross build/mipsel
 	@JOBS=$(JOBS) TEST_JOBS=$(TEST_JOBS) scripts/test-foreign mipsel s390x
+
+doc: packages-doc
+	@scripts/doc
+	@echo "build/doc/html/index.html"
+
+deb: packages-build+deb
+	@JOBS=$(JOBS) scripts/deb
+
+deb-check: packages-build+deb
+	@JOBS=$(JOBS) scripts/deb-check
 
 clean:
 	@rm -rf build

@@ -11,13 +11,23 @@ namespace {
 
 class Scan_ends : public Kelvo_run {
  protected:
-  // Request a, whose SDT never comes.
+  // Request a, whose SDT never comes. The worker waits at the gate once it has the PAT, so that the scan cannot time out
+  // before the test goes on, however slow the machine is.
   void begin_a_scan_without_end() {
     silence({SDT});
     make();
+    kelvo_->set_activity_listener({[](void* data, int kind, int) {
+                                     auto* self = static_cast<Scan_ends*>(data);
+                                     if (kind == ACTIVITY_SECTIONS_END &&
+                                         self->number_of("SELECT count(*) FROM kanalid_scan_0") == 3)
+                                       self->gate_.pass();
+                                   },
+                                   this});
     EXPECT_EQ(request("a"), -1);
-    EXPECT_TRUE(wait_for_sql("SELECT count(*) = 3 FROM kanalid_scan_0"));
+    EXPECT_TRUE(gate_.wait_until_reached());
   }
+
+  Gate gate_;
 };
 
 }  // namespace
@@ -77,7 +87,9 @@ TEST_F(Scan_ends, demultiplexer_that_cannot_be_opened_is_told_apart_from_a_compl
 TEST_F(Scan_ends, request_replaces_the_scan_under_way) {
   begin_a_scan_without_end();
   support::softdvb_control("clear sections");
-  ask("b");
+  EXPECT_EQ(request("b"), -1);
+  gate_.open();
+  EXPECT_TRUE(protocol_.wait_for("done b 0"));
   EXPECT_EQ(protocol_.text(),
             "end 506000000 -1 PAT replaced\n"
             "end 506000000 -1 PAT complete merged 34\n"
@@ -87,12 +99,14 @@ TEST_F(Scan_ends, request_replaces_the_scan_under_way) {
 TEST_F(Scan_ends, request_that_fails_to_tune_replaces_it_too) {
   begin_a_scan_without_end();
   EXPECT_EQ(request("b", 530000000), 0);
+  gate_.open();
   EXPECT_TRUE(protocol_.wait_for("done a 0"));
   EXPECT_EQ(protocol_.text(), "end 506000000 -1 PAT replaced\ndone a 0\n");
 }
 
 TEST_F(Scan_ends, scan_under_way_at_the_destruction_is_not_told) {
   begin_a_scan_without_end();
+  gate_.open();
   kelvo_.reset();
   EXPECT_EQ(protocol_.text(), "");
 }

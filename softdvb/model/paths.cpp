@@ -3,8 +3,12 @@
 
 #include "softdvb/model/paths.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
+
+#include "softdvb/model/real.h"
 
 namespace softdvb {
 
@@ -71,6 +75,28 @@ Device_path parse_device_path(const char* path) {
     if (s->adapter[i].number == number && s->adapter[i].frontend == frontend)
       result.adapter_index = i;
   return result;
+}
+
+Path_in_folder::Path_in_folder(int folder, const char* path) : result_(path) {
+  const Shared* s = shared();
+  if (s == nullptr || path == nullptr || path[0] == '/' || folder == AT_FDCWD)
+    return;
+  // Few names are those of devices; only for them it is looked up which folder that is.
+  if (strstr(path, "frontend") == nullptr && strstr(path, "demux") == nullptr && strstr(path, "dvr") == nullptr)
+    return;
+  // No memory is taken here, either.
+  char link[32];
+  (void)snprintf(link, sizeof link, "/proc/self/fd/%d", folder);  // always fits
+  char place[2 * MAX_PATH];
+  const ssize_t n = SOFTDVB_REAL(readlink)(link, place, sizeof place - 1);
+  if (n <= 0)
+    return;
+  place[n] = '\0';
+  if (!is_below(place, s->run_dir))
+    return;
+  const int length = snprintf(buffer_, sizeof buffer_, "%s/%s", place + strlen(s->run_dir), path);
+  if (length > 0 && static_cast<size_t>(length) < sizeof buffer_)
+    result_ = buffer_;
 }
 
 }  // namespace softdvb

@@ -32,4 +32,16 @@ struct Device_path {
 };
 Device_path parse_device_path(const char* path);
 
+// The absolute path of a device that is named from an open folder, as "demux0" from that of its adapter.
+class Path_in_folder {
+ public:
+  // Every other path stays as it is.
+  Path_in_folder(int folder, const char* path);
+  const char* get() const { return result_; }
+
+ private:
+  const char* result_;
+  char buffer_[2 * MAX_PATH];
+};
+
 }  // namespace softdvb

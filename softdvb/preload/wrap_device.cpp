@@ -38,9 +38,10 @@ static int fresh(int fd) {
 
 static int open_any(int folder, const char* path, int flags, mode_t mode) {
   // Devices first: their faults are looked at with their own names, in open_device().
-  const Device_path device = parse_device_path(path);
+  const Path_in_folder whole(folder, path);
+  const Device_path device = parse_device_path(whole.get());
   if (device.adapter_index >= 0)
-    return open_device(device, path, flags);
+    return open_device(device, whole.get(), flags);
   if (call_fails("open", path))
     return -1;
   return fresh(SOFTDVB_REAL(openat)(folder, Path(path), flags, mode));

@@ -11,8 +11,8 @@ namespace {
 
 class Scan_ends : public Kelvo_run {
  protected:
-  // Request a, whose SDT never comes. The worker waits at the gate once it has the PAT, so that the scan cannot time out
-  // before the test goes on, however slow the machine is.
+  // Request a, whose SDT never comes. The worker waits at the gate once it has the PAT, so that the scan cannot time
+  // out before the test goes on, however slow the machine is.
   void begin_a_scan_without_end() {
     silence({SDT});
     make();

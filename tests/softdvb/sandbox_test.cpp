@@ -77,6 +77,27 @@ TEST(Devices, are_opened_by_every_variant_of_the_call) {
   }
 }
 
+// As players do that look for adapters in the folder.
+TEST(Devices, are_opened_from_an_open_folder) {
+  const Fd adapter(open("/dev/dvb/adapter2", O_RDONLY | O_DIRECTORY));
+  const Fd folder(open("/dev/dvb", O_PATH | O_DIRECTORY));
+  ASSERT_GE(adapter, 0);
+  ASSERT_GE(folder, 0);
+  for (const int fd : {openat(adapter, "demux0", O_RDONLY), openat(folder, "adapter2/demux0", O_RDONLY)}) {
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(ioctl(fd, DMX_STOP), 0);
+    EXPECT_EQ(close(fd), 0);
+  }
+  EXPECT_EQ(result(openat(folder, "adapter1/demux0", O_RDONLY)), -ENOENT);
+  EXPECT_EQ(result(openat(folder, "demux0", O_RDONLY)), -ENOENT);
+  const support::Temp_dir other;
+  support::write_file(other.file("demux0"), "x");
+  const Fd elsewhere(open(other.path().c_str(), O_RDONLY | O_DIRECTORY));
+  const Fd file(openat(elsewhere, "demux0", O_RDONLY));
+  EXPECT_GE(file, 0);
+  EXPECT_EQ(ioctl(file, DMX_STOP), -1) << "a file, no device";
+}
+
 TEST(Devices, tell_how_they_were_opened) {
   const Fd reader(device::open_demux());
   EXPECT_EQ(fcntl(reader, F_GETFL), O_RDONLY | O_NONBLOCK);

@@ -61,10 +61,11 @@ class Channel_programs : public Command_fixture {
     std::string text;
     std::string calls;
   };
-  Tuned tuned_by(const Words& program, const support::Environment& env = {}) const {
+  Tuned tuned_by(const Words& program, const support::Environment& env = {}, const Words& starter = {}) const {
     const std::string log = dir_.file("log");
-    const Command_result result =
-        run_command(joined({{SOFTDVB_COMMAND, "--device", device_, "--log", log}, on_air_, {"--"}, program}), env);
+    std::filesystem::remove(log);
+    const Command_result result = run_command(
+        joined({starter, {SOFTDVB_COMMAND, "--device", device_, "--log", log}, on_air_, {"--"}, program}), env);
     return {result.out + result.err, support::read_file(log)};
   }
 
@@ -136,6 +137,44 @@ TEST_F(Channel_programs, vdr_starts_reads_all_channels_and_tunes) {
   EXPECT_THAT(tuned.text, testing::Not(HasSubstr("Error")));
   EXPECT_THAT(tuned.calls, ContainsRegex("FE_SET_PROPERTY 17=16 3=498000000 .*5=8000000 .*4=3 .*42=1 "));
   EXPECT_THAT(tuned.calls, ContainsRegex("FE_SET_PROPERTY 17=3 3=522000000 .*5=7000000 .*4=3 "));
+}
+
+TEST_F(Channel_programs, vlc_plays_the_tracks_of_xspf) {
+  NEEDS("cvlc");
+  Words as_user;  // VLC refuses to run as root
+  if (geteuid() == 0) {
+    as_user = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+    if (run_command(joined({as_user, {"test", "-x", SOFTDVB_COMMAND}})).exit_code != 0)
+      GTEST_SKIP() << "this folder is closed to the user nobody";
+    const std::string streams = std::filesystem::path(sample_streams()[0]).parent_path();
+    ASSERT_EQ(run_command({"chown", "-R", "nobody", dir_.path(), streams}).exit_code, 0);
+  }
+  const std::string tracks = support::read_file(list("xspf"));
+  const size_t first = tracks.find("<track>");
+  const struct {
+    std::string title;
+    const char* asked;
+    const char* stream;
+  } cases[] = {{"A: [1]; b, c|@ \"d\"", "17=3 3=474000000 .*5=8000000 ", "pid=0x101 "},
+               {"Kuldnokk 2", "17=3 3=474000000 .*5=8000000 ", "pid=0x111 "},
+               {"#EXTINF %s", "17=3 3=474000000 .*5=8000000 ", "pid=0x152 "},
+               {"Ψαρόνι HD", "17=16 3=498000000 .*5=8000000 .*42=1 ", "pid=0x112 "},
+               {"Raadio Tõrvik", "17=3 3=522000000 .*5=7000000 ", "pid=0x101 "}};
+  for (const auto& c : cases) {
+    const size_t title = tracks.find("<title>" + c.title + "</title>");
+    ASSERT_NE(title, std::string::npos) << c.title << tracks;
+    const size_t begin = tracks.rfind("<track>", title);
+    const size_t end = tracks.find("</track>", title) + std::string_view("</track>").size();
+    const std::string playlist = dir_.file("one.xspf");
+    support::write_file(playlist,
+                        tracks.substr(0, first) + tracks.substr(begin, end - begin) + "</trackList></playlist>\n");
+    const Tuned tuned = tuned_by({"timeout", "600", "cvlc", "--intf", "dummy", "--verbose", "2", "--no-video",
+                                  "--no-audio", "--no-media-library", "--run-time", "10", playlist, "vlc://quit"},
+                                 {{"HOME", dir_.path()}}, as_user);
+    EXPECT_THAT(tuned.calls, ContainsRegex(std::string("FE_SET_PROPERTY .*") + c.asked)) << c.title << tuned.text;
+    EXPECT_THAT(tuned.calls, ContainsRegex(std::string("DMX_SET_PES_FILTER ") + c.stream + "output=2 .* = 0\n"))
+        << c.title << tuned.text;
+  }
 }
 
 // Names, languages, PIDs and systems as broadcasters send them.

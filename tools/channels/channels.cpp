@@ -117,6 +117,7 @@ void choose(const Channels_options& options, bool for_tuning, std::vector<Servic
     return why != nullptr;
   });
   std::vector<std::string> reasons;
+  reasons.reserve(left_out.size());
   for (const auto& [why, count] : left_out) {
     reasons.push_back(fmt::format("{} {}", count, why));
   }

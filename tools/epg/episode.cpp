@@ -193,7 +193,7 @@ std::optional<Episode> in_text(string_view whole, bool is_title) {
     }
   }
   if (!is_title) {
-    const auto first = fraction(text, 0);
+    auto first = fraction(text, 0);
     if (first && text.substr(first->text.size()).starts_with(". ")) {
       return first;
     }

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include <fmt/format.h>
 
@@ -197,7 +196,7 @@ struct Http_server::Callbacks {
         return 0;
       }
       const size_t size = std::min(most, stream->text.size());
-      (void)memcpy(buffer, stream->text.data(), size);
+      (void)stream->text.copy(buffer, size);  // as many as there are
       stream->text.erase(0, size);
       return static_cast<ssize_t>(size);
     } catch (...) {

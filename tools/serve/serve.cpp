@@ -73,6 +73,7 @@ bool has_channels(const std::string& db) {
 std::string start_line(const Listener& listener, const std::string& db, const std::map<int, Frontend_info>& frontends,
                        const std::string& token) {
   std::vector<int> numbers;
+  numbers.reserve(frontends.size());
   for (const auto& [number, frontend] : frontends) {
     numbers.push_back(number);
   }

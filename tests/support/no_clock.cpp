@@ -7,6 +7,7 @@
 //
 // The functions are weak: a test that answers such a call by itself defines it.
 #include <dlfcn.h>
+#include <link.h>
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -47,14 +49,26 @@ Function* next(const char* name, Function* /* the one here */) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// The software adapter's library, null when it is not loaded. A sanitizer's may stand before it.
+void* adapter_library() {
+  std::string file;
+  (void)dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* found) {
+        if (std::strstr(info->dlpi_name, "libsoftdvb.so") == nullptr)
+          return 0;
+        *static_cast<std::string*>(found) = info->dlpi_name;
+        return 1;
+      },
+      &file);
+  return file.empty() ? nullptr : dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+}
+
+void* const library_of_adapter = adapter_library();  // once: later there may be no memory
+
 // Null when the software adapter is not loaded.
 template <typename Function>
-Function* adapter(const char* name, Function* here) {
-  Function* const found = next(name, here);
-  Dl_info where{};
-  const bool is_adapter = found != nullptr && dladdr(reinterpret_cast<void*>(found), &where) != 0 &&
-                          std::strstr(where.dli_fname, "libsoftdvb.so") != nullptr;
-  return is_adapter ? found : nullptr;
+Function* adapter(const char* name, Function* /* the one here */) {
+  return library_of_adapter != nullptr ? reinterpret_cast<Function*>(dlsym(library_of_adapter, name)) : nullptr;
 }
 
 template <typename Function, typename... Arguments>

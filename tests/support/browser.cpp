@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "support/command.h"
+#include "support/support.h"
 
 namespace support {
 
@@ -73,6 +74,15 @@ json Browser::ask(json request) {
     ADD_FAILURE() << answer["error"].get<std::string>();
   missing_ = answer.value("skip", missing_);
   return answer.value("value", json());
+}
+
+json Browser::serious_findings(const std::string& axe_file) {
+  return js("return (async () => {" + read_file(axe_file) + R"(;
+    const found = await axe.run(document, {resultTypes: ["violations"]});
+    return found.violations.filter((one) => ["serious", "critical"].includes(one.impact))
+      .map((one) => one.id + ": " + one.nodes.slice(0, 3)
+        .map((node) => node.html.slice(0, 150) + " " + node.failureSummary).join(" / ")))" +
+            "})()");
 }
 
 json Browser::complaints() {

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -49,6 +50,9 @@ class Browser {
     (void)ask(what);
   }
   void screenshot(const std::string& file) { (void)ask({{"do", "screenshot"}, {"file", file}}); }
+  // What axe-core, whose file this is, finds wrong with the page as it is for those who do not see it or use no mouse:
+  // the serious and the critical, a line each.
+  nlohmann::json serious_findings(const std::string& axe_file);
   // What pages did against their policy, errors of their scripts, and messages of the browser, since the last open().
   nlohmann::json complaints();
 
@@ -59,6 +63,12 @@ class Browser {
   int pid_ = -1;
   std::string buffer_;
 };
+
+// A zone in which it is noon, or up to an hour later, at that time: no midnight is near.
+inline std::string zone_of_noon(int64_t seconds) {
+  const int64_t east = 12 - seconds / 3600 % 24;
+  return (east < 0 ? "Etc/GMT+" : "Etc/GMT-") + std::to_string(east < 0 ? -east : east);  // as they are written
+}
 
 // Colours of the pixels of a screenshot, as "RRGGBB", and how many have them.
 std::map<std::string, size_t> colours_of(const std::string& png);

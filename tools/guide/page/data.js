@@ -75,10 +75,12 @@ class Guide {
     const genre = genreOf(asList(given.genres));
     this.genres.add(genre);
     const event = {
+      whole: null,  // this one, also in what is shown of it further on
       channel,
       id: given.event_id,
       start,
       end: start + length,
+      shownStart: start,
       shownEnd: start + length,
       place: -1,  // among the shown ones of its channel
       genre,
@@ -87,6 +89,7 @@ class Guide {
       texts,
       folded: undefined,
     };
+    event.whole = event;
     channel.events.push(event);
     ++this.count;
   }
@@ -116,20 +119,58 @@ class Guide {
     this.from = midnight(first);
     let end = this.from;
     for (const channel of this.channels) {
-      const shown = [];
-      for (const [i, event] of channel.events.entries()) {
-        const next = channel.events[i + 1]?.start ?? Infinity;
-        event.shownEnd = Math.min(event.end > event.start ? event.end : event.start + LONGEST_WITHOUT_END, next, last);
-        if (event.shownEnd > event.start && event.shownEnd > this.from) {
-          event.place = shown.length;
-          shown.push(event);
-          end = Math.max(end, event.shownEnd);
-        }
-        await slices.rest();
-      }
-      channel.shown = shown;
+      channel.shown = await this.placed(channel.events, last, slices);
+      end = Math.max(end, channel.shown.at(-1)?.shownEnd ?? end);
     }
     this.to = midnight(Math.max(end - 1, this.from), 1);
+  }
+
+  // What a row shows of `events`: at any time one, of several that are on the one that began last. An event that others
+  // interrupt goes on behind them, as a further entry.
+  async placed(events, last, slices) {
+    const shown = [];
+    const on = [];  // those that have begun, the one that began last at the end
+    const endless = [];  // and those that say no end: they yield to all that do
+    let time = 0;
+    const show = (event, end) => {
+      const from = time;
+      time = end;
+      if (time <= this.from) {
+        return;
+      }
+      const before = shown.at(-1);
+      if (before?.whole === event && before.shownEnd === from) {
+        before.shownEnd = time;
+        return;
+      }
+      const entry = event.place < 0 ? event : { ...event };
+      entry.place = shown.length;
+      entry.shownStart = from;
+      entry.shownEnd = time;
+      shown.push(entry);
+    };
+    const goTo = (moment) => {
+      const until = Math.min(moment, last);
+      while (time < until && on.length + endless.length > 0) {
+        const list = on.length > 0 ? on : endless;
+        const event = list.at(-1);
+        const end = event.end > event.start ? event.end : event.start + LONGEST_WITHOUT_END;
+        if (end > time) {
+          show(event, Math.min(end, until));
+        }
+        if (end <= until) {
+          list.pop();
+        }
+      }
+    };
+    for (const event of events) {
+      goTo(event.start);
+      time = event.start;
+      (event.end > event.start ? on : endless).push(event);
+      await slices.rest();
+    }
+    goTo(last);
+    return shown;
   }
 
   eventAt(channel, time) {

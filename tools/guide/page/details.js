@@ -131,7 +131,7 @@ class Details {
     if (title) {
       for (const channel of guide.channels) {
         for (const other of channel.events) {
-          if (other !== event && (other.end > now || guide.to <= now) && textOf(other, language).title === title) {
+          if (other !== event.whole && (other.end > now || guide.to <= now) && textOf(other, language).title === title) {
             again.push(other);
           }
         }

@@ -85,7 +85,7 @@ class Grid {
     const channel = this.channels[index];
     this.channels = channels;
     const again = channel ? channels.findIndex((one) => one.row === channel.row) : -1;
-    const same = again >= 0 && event ? channels[again].shown.find((one) => one.start === event.start) : null;
+    const same = again >= 0 && event ? channels[again].shown.find((one) => one.shownStart === event.shownStart) : null;
     this.current = again >= 0 ? { index: again, event: same ?? null } : { index: 0, event: null };
     this.layOut(time);
   }
@@ -171,7 +171,7 @@ class Grid {
     }
     const { index, event } = this.current;
     const inView = (index + 1) * this.rowHeight > top && index * this.rowHeight < top + height &&
-      event && event.shownEnd > left && event.start < right;
+      event && event.shownEnd > left && event.shownStart < right;
     if (!inView) {
       const row = Math.min(this.channels.length - 1, Math.ceil(top / this.rowHeight));
       const time = Math.max(left, Math.min(nowSeconds(), right));
@@ -198,14 +198,14 @@ class Grid {
     row.from = left - around;
     row.to = right + around;
     for (const [event, cell] of row.cells) {
-      if ((event.shownEnd < row.from || event.start > row.to) && event !== this.current.event) {
+      if ((event.shownEnd < row.from || event.shownStart > row.to) && event !== this.current.event) {
         cell.remove();
         row.cells.delete(event);
       }
     }
     const shown = channel.shown;
     const fresh = document.createDocumentFragment();
-    for (let i = lowerBound(shown, (event) => event.shownEnd <= row.from); i < shown.length && shown[i].start < row.to; ++i) {
+    for (let i = lowerBound(shown, (event) => event.shownEnd <= row.from); i < shown.length && shown[i].shownStart < row.to; ++i) {
       if (!row.cells.has(shown[i])) {
         fresh.append(this.makeCell(row, shown[i]));
       }
@@ -223,7 +223,7 @@ class Grid {
   // a row does so: the browser keeps account of each.
   fitWords(row, channel, left) {
     const event = this.state.guide.eventAt(channel, left);
-    const cell = event && event.start < left ? row.cells.get(event) : undefined;
+    const cell = event && event.shownStart < left ? row.cells.get(event) : undefined;
     if (row.cut && row.cut !== cell) {
       row.cut.classList.remove("cut");
       row.cut.firstElementChild.style.maxWidth = "";
@@ -277,7 +277,7 @@ class Grid {
   makeCell(row, event) {
     const text = textOf(event, this.state.language);
     const cell = make("div", "event g-" + event.genre.key);
-    const from = Math.max(this.state.guide.from, event.start);
+    const from = Math.max(this.state.guide.from, event.shownStart);
     const width = Math.max(2, this.x(event.shownEnd) - this.x(from) - 3);
     cell.style.left = this.side + this.x(from) + 1.5 + "px";
     cell.style.width = width + "px";
@@ -316,7 +316,7 @@ class Grid {
   }
 
   mark(cell, event, now) {
-    cell.classList.toggle("on", event.start <= now && now < event.shownEnd);
+    cell.classList.toggle("on", event.shownStart <= now && now < Math.min(event.shownEnd, event.end));
     cell.classList.toggle("past", event.shownEnd <= now);
     cell.classList.toggle("chosen", event.genre.key === this.state.genre);
   }
@@ -425,7 +425,7 @@ class Grid {
       this.scroller.scrollTop = top + this.rowHeight - height;
     }
     if (event) {
-      const start = Math.max(this.state.guide.from, event.start);
+      const start = Math.max(this.state.guide.from, event.shownStart);
       const shown = Math.min(event.shownEnd, this.rightTime) - Math.max(start, this.leftTime);
       // Most of it, or an hour of it, is to be seen.
       if (shown < Math.min((event.shownEnd - start) * 0.9, HOUR * 0.75, (this.rightTime - this.leftTime) * 0.6)) {
@@ -459,7 +459,7 @@ class Grid {
       const index = Number(row.dataset.index);
       if (index !== this.current.index || (event ?? null) !== this.current.event) {
         this.setCurrent(index, event ?? null);
-        this.anchor = event ? Math.max(event.start, this.leftTime) : this.leftTime;
+        this.anchor = event ? Math.max(event.shownStart, this.leftTime) : this.leftTime;
       }
     }
   }
@@ -482,10 +482,10 @@ class Grid {
     }
     const { index, event } = this.current;
     const channel = this.channels[index];
-    const day = event ? midnight(event.start) : midnight(this.leftTime);
+    const day = event ? midnight(event.shownStart) : midnight(this.leftTime);
     const sideways = (next) => {
       if (next) {
-        this.anchor = Math.max(next.start, this.state.guide.from);
+        this.anchor = Math.max(next.shownStart, this.state.guide.from);
       }
       this.focus(index, next ?? null);
     };

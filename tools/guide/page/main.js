@@ -56,7 +56,7 @@ const showInGrid = (event) => {
   if (!grid.channels.includes(event.channel)) {
     chooseKind("all");
   }
-  grid.scrollToTime(event.start, 0.15);
+  grid.scrollToTime(event.shownStart, 0.15);
   grid.focus(grid.channels.indexOf(event.channel), event);
 };
 

@@ -15,7 +15,9 @@ const fillPaper = (state, channels, day) => {
   const paper = byId("paper");
   const columns = make("div", "columns");
   for (const channel of channels) {
-    const events = channel.shown.filter((event) => event.start < end && event.shownEnd > day);
+    const events = channel.shown.filter((event, i, all) => event.shownStart < end && event.shownEnd > day &&
+      // One line each: what others interrupt is not said again.
+      !(event.whole !== event && all.slice(0, i).some((one) => one.whole === event.whole && one.shownEnd > day)));
     if (events.length === 0) {
       continue;
     }

@@ -51,9 +51,9 @@ TEST_F(Serve_receiver, scans_when_its_page_asks_and_receives_what_it_found) {
   EXPECT_EQ(json::parse(server.get("/channels.json").body)["channels"], json::array());
   const std::string before = server.get("/scan?token=" + server.token()).body;
   EXPECT_THAT(before, AllOf(HasSubstr("No scan since the server was started."),
-                            HasSubstr("<button name=\"do\" value=\"start\">Start a scan</button>")));
+                            HasSubstr("<button class=\"do\" name=\"do\" value=\"start\">Start a scan</button>")));
   EXPECT_THAT(server.get("/scan?token=wrong").body,
-              AllOf(Not(HasSubstr("<button")), HasSubstr("Open the page by the URL that the server printed")));
+              AllOf(Not(HasSubstr("<form")), HasSubstr("Open the page by the URL that the server printed")));
   EXPECT_EQ(server.post("/scan", "do=start").status, 403);
   EXPECT_EQ(metrics(server)["kelvo_scan_running"], 0);
 
@@ -65,14 +65,15 @@ TEST_F(Serve_receiver, scans_when_its_page_asks_and_receives_what_it_found) {
   EXPECT_EQ(started.headers.at("location"), "scan?token=" + server.token());
   EXPECT_EQ(server.post("/scan", start).body, "a scan runs already\n");
   EXPECT_THAT(scan_page_with(server, "<progress max=\"3\""),
-              HasSubstr("<button name=\"do\" value=\"stop\">Stop the scan</button>"));
+              HasSubstr("<button class=\"do\" name=\"do\" value=\"stop\">Stop the scan</button>"));
   const std::string after = scan_page_with(server, "<b id=\"end\">done</b>, 3 services on 3 frequencies.");
-  for (const char* row :
-       {"<tr><th scope=\"row\">506.000 MHz</th><td>2</td>", "<tr><th scope=\"row\">514.000 MHz</th><td>1</td>",
-        "<tr><th scope=\"row\">522.000 MHz</th><td>0</td>"})
+  for (const char* row : {"<tr><th scope=\"row\">506.000 MHz</th><td class=\"count\">2</td>",
+                          "<tr><th scope=\"row\">514.000 MHz</th><td class=\"count\">1</td>",
+                          "<tr class=\"gone\"><th scope=\"row\">522.000 MHz</th><td class=\"count\">0</td>"})
     EXPECT_THAT(after, HasSubstr(row));
   const std::string events = stream.read_until("event: guide");
   EXPECT_THAT(events, AllOf(HasSubstr("event: scan\ndata: "), HasSubstr("event: channels\ndata: ")));
+  EXPECT_THAT(stream.read_until("event: signal"), HasSubstr("event: signal"));
   const auto names = [&] {
     Words out;
     const json document = json::parse(server.get("/channels.json").body);
@@ -105,7 +106,7 @@ TEST_F(Serve_receiver, scans_when_its_page_asks_and_receives_what_it_found) {
   EXPECT_TRUE(support::wait_for([&] { return metrics(server)["kelvo_guide_events{frequency=\"506000000\"}"] == 96; },
                                 std::chrono::seconds(60)));
   expect_promtool_agrees(server.get("/metrics").body);
-  EXPECT_THAT(server.get("/channels").body, AllOf(HasSubstr("Adapter 0: locked"), HasSubstr("<bdi>Uudised</bdi>")));
+  EXPECT_THAT(server.get("/channels").body, AllOf(HasSubstr("Adapter 0: locked"), HasSubstr("<bdi class=\"cut\">Uudised</bdi>")));
   EXPECT_EQ(server.end().exit_code, 0);
   EXPECT_EQ(integrity(), "ok");
 }

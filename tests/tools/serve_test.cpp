@@ -141,8 +141,8 @@ TEST_F(Serve, has_these_pages_and_no_others) {
   } pages[] = {{"/", "text/html; charset=utf-8", "EventSource(\"changes\")"},
                {"/guide.json", "application/json", "{\"format\":\"kelvo-guide\","},
                {"/channels.json", "application/json", "{\"format\":\"kelvo-channels\","},
-               {"/channels", "text/html; charset=utf-8", "<h2>506.000 MHz, <bdi>Võrk</bdi></h2>"},
-               {"/channels?x=%00&y", "text/html; charset=utf-8", "<bdi>Kuldnokk</bdi>"},
+               {"/channels", "text/html; charset=utf-8", "506.000 MHz, <bdi>Võrk</bdi></h2>"},
+               {"/channels?x=%00&y", "text/html; charset=utf-8", "<bdi class=\"cut\">Kuldnokk</bdi>"},
                {"/scan", "text/html; charset=utf-8", "No adapter is used"},
                {"/style.css", "text/css; charset=utf-8", "color-scheme"},
                {"/live.js", "text/javascript; charset=utf-8", "\"use strict\""},
@@ -284,7 +284,7 @@ TEST_F(Serve, escapes_names_on_its_pages) {
           "WHERE channel = 1");
   const Serving server(stored());
   const std::string page = server.get("/channels").body;
-  EXPECT_THAT(page, HasSubstr("<bdi>&lt;/bdi&gt;&lt;script&gt;alert(1)&lt;/script&gt;</bdi>"));
+  EXPECT_THAT(page, HasSubstr("<bdi class=\"cut\">&lt;/bdi&gt;&lt;script&gt;alert(1)&lt;/script&gt;</bdi>"));
   EXPECT_THAT(page, HasSubstr("<bdi>&quot;&gt;&lt;b onclick=&#39;x&#39;&gt;</bdi>"));
   EXPECT_THAT(server.get("/channels?token=%22%3E%3Cb%3E").body, Not(HasSubstr("<b>")));
 }

@@ -133,6 +133,7 @@ std::string guide_page(const ordered_json& channels, const ordered_json& guide, 
   return filled(GUIDE_TEMPLATE.text, {{"@KIND@", live ? "live" : "file"},
                                       {"@POLICY@", policy},
                                       {"@STYLE@", std::string(GUIDE_STYLE.text)},
+                                      {"@SYMBOLS@", std::string(GUIDE_SYMBOLS.text)},
                                       {"@DATA@", live ? "" : data_blocks(channels, guide)},
                                       {"@SCRIPT@", std::string(GUIDE_SCRIPT.text)}});
 }

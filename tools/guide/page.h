@@ -22,5 +22,6 @@ enum class Page_kind {
 // takes neither.
 std::string guide_page(const nlohmann::ordered_json& channels, const nlohmann::ordered_json& guide, Page_kind kind);
 
-// Colours, letters and buttons, for pages that stand beside this one.
 extern const Embedded_text GUIDE_STYLE;
+// The drawings of the buttons, for pages that stand beside this one, too: <use href="#i-theme"/>.
+extern const Embedded_text GUIDE_SYMBOLS;

@@ -13,6 +13,7 @@
 #include "tools/cli/local_time.h"
 #include "tools/cli/text.h"
 #include "tools/engine/tuning_text.h"
+#include "tools/guide/page.h"
 
 namespace {
 
@@ -23,21 +24,41 @@ std::string off_air(const std::string& text) {
   return "<bdi>" + html_text(text) + "</bdi>";
 }
 
-std::string page(const std::string& title, const char* own, const std::string& token, const std::string& body) {
-  const std::string scan = token.empty() ? "scan" : "scan?token=" + html_text(token);
-  const std::string channels = token.empty() ? "channels" : "channels?token=" + html_text(token);
-  const auto link = [own](const std::string& to, const char* name) {
-    const bool here = std::string_view(name) == own;
-    return fmt::format("<a href=\"{}\"{}>{}</a>", to, here ? " aria-current=\"page\"" : "", name);
+// What may be as long as its sender likes.
+std::string cut_off_air(const std::string& text) {
+  return "<bdi class=\"cut\">" + html_text(text) + "</bdi>";
+}
+
+// Written in this machine's zone; the script puts it into that of whoever looks.
+std::string moment(int64_t seconds, bool with_day = false) {
+  return fmt::format("<time datetime=\"{}\"{}>{}</time>", zone_time(seconds, 0, "%Y-%m-%dT%H:%M:%SZ"),
+                     with_day ? " data-day" : "", local_time(seconds, with_day ? "%Y-%m-%d %H:%M" : "%H:%M"));
+}
+
+// A page of this server, for who has the token with it.
+std::string link_to(const char* to, const std::string& token) {
+  return token.empty() ? std::string(to) : fmt::format("{}?token={}", to, html_text(token));
+}
+
+std::string page(const char* title, const std::string& token, const std::string& body) {
+  const auto link = [&](const char* to, const char* name) {
+    const bool here = std::string_view(name) == title;
+    return fmt::format("<a href=\"{}\"{}>{}</a>", link_to(to, token), here ? " aria-current=\"page\"" : "", name);
   };
   return fmt::format(
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>{0} - kelvo</title>\n"
-      "<link rel=\"stylesheet\" href=\"style.css\">\n<script src=\"live.js\" defer></script>\n"
+      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
+      "<meta name=\"color-scheme\" content=\"light dark\">\n<title>{0} - kelvo</title>\n"
+      "<link rel=\"stylesheet\" href=\"style.css\">\n<script src=\"live.js\"></script>\n"
       "<noscript><meta http-equiv=\"refresh\" content=\"5\"></noscript>\n</head>\n<body>\n"
-      "<nav aria-label=\"Pages\">{1} {2} {3}</nav>\n<main>\n<h1>{0}</h1>\n"
-      "<p id=\"connection\" role=\"status\"></p>\n{4}</main>\n</body>\n</html>\n",
-      title, link(".", "Guide"), link(channels, "Channels"), link(scan, "Scan"), body);
+      "{1}<a class=\"skip\" href=\"#main\">Skip to the content</a>\n"
+      "<header id=\"top\">\n<div class=\"bar\">\n<h1>{0}</h1>\n"
+      "<nav id=\"pages\" aria-label=\"Pages\">{2}{3}{4}</nav>\n"
+      "<div class=\"tools\"><button type=\"button\" class=\"tool\" id=\"theme\" hidden>"
+      "<svg class=\"icon\" aria-hidden=\"true\"><use href=\"#i-theme\"/></svg>"
+      "<span class=\"unseen\" id=\"theme-text\">Colours: as the system</span></button></div>\n</div>\n</header>\n"
+      "<main id=\"main\" tabindex=\"-1\">\n<p id=\"connection\" role=\"status\"></p>\n{5}</main>\n</body>\n</html>\n",
+      title, GUIDE_SYMBOLS.text, link(".", "Guide"), link("channels", "Channels"), link("scan", "Scan"), body);
 }
 
 // A bar where the reading is a part of a range, and the reading in words.
@@ -50,14 +71,15 @@ std::string reading(const char* name, const Signal_value& value, const std::stri
     bar = fmt::format("<meter min=\"0\" max=\"{}\" value=\"{:.0f}\" aria-label=\"{}\"></meter> ", MOST_PERCENT,
                       std::clamp<double>(value.value, 0, MOST_PERCENT), name);
   }
-  return fmt::format("<span class=\"reading\">{} {}{}</span>\n", name, bar, html_text(text));
+  return fmt::format("<div><dt>{}</dt><dd>{}{}</dd></div>\n", name, bar, html_text(text));
 }
 
 std::string signal_text(const Signal_readings& signal) {
-  return reading("Strength", signal.strength, strength_text(signal.strength)) +
-         reading("SNR", signal.snr, snr_text(signal.snr)) +
-         reading("Errors", signal.post_ber, errors_text(signal.post_ber)) +
-         reading("Blocks lost", signal.block_errors, errors_text(signal.block_errors));
+  const std::string all = reading("Strength", signal.strength, strength_text(signal.strength)) +
+                          reading("SNR", signal.snr, snr_text(signal.snr)) +
+                          reading("Errors", signal.post_ber, errors_text(signal.post_ber)) +
+                          reading("Blocks lost", signal.block_errors, errors_text(signal.block_errors));
+  return all.empty() ? "" : "<dl class=\"readings\">\n" + all + "</dl>\n";
 }
 
 // What is known of the reception of a multiplex: as it is now, or as it was last.
@@ -66,18 +88,36 @@ std::string reception_of(int freq, const Station_state& station) {
   for (const auto& [number, adapter] : station.adapters) {
     if (adapter.open && adapter.freq == freq) {
       const bool locked = (adapter.signal.status & FE_HAS_LOCK) != 0;
-      out += fmt::format("<p class=\"signal {}\">Adapter {}: {}\n{}</p>\n", locked ? "good" : "bad", number,
+      out += fmt::format("<div class=\"signal {}\">\n<p class=\"what\">Adapter {}: {}</p>\n{}</div>\n",
+                         locked ? "good" : "bad", number,
                          html_text(locked ? locked_text(adapter.tuning) : no_lock_text(adapter.tuning)),
                          signal_text(adapter.signal));
       continue;
     }
     const auto seen = station.multiplexes.find({number, freq});
     if (seen != station.multiplexes.end() && seen->second.seen != 0) {
-      out += fmt::format("<p class=\"signal old\">Adapter {} at {}:\n{}</p>\n", number,
-                         local_time(seen->second.seen, "%H:%M:%S"), signal_text(seen->second.signal));
+      out += fmt::format("<div class=\"signal old\">\n<p class=\"what\">Adapter {} at {}</p>\n{}</div>\n", number,
+                         moment(seen->second.seen), signal_text(seen->second.signal));
     }
   }
   return out;
+}
+
+std::string row_of(const Service& service, const std::map<int, Stored::On_now>& now) {
+  const std::string type = html_text(type_text(service)) + (service.scrambled ? ", scrambled" : "");
+  const bool found = service.scan_state == 1;
+  // What is as it should be is not said.
+  const std::string state =
+      found ? (service.visible ? "" : "hidden") : html_text(state_text(service)) + (service.visible ? "" : ", hidden");
+  std::string on;
+  if (const auto at = now.find(service.channel); at != now.end()) {
+    on = cut_off_air(or_dash(at->second.title)) +
+         fmt::format(" <span class=\"until\">until {}</span>", moment(at->second.end));
+  }
+  return fmt::format(
+      "<tr{}><td class=\"number\">{}</td><th scope=\"row\">{}</th><td class=\"sort\">{}</td><td class=\"state\">{}</td>"
+      "<td class=\"now\">{}</td></tr>\n",
+      found ? "" : " class=\"gone\"", lcn_text(service), cut_off_air(or_dash(service.name)), type, state, on);
 }
 
 std::string seconds_text(double left) {
@@ -87,10 +127,11 @@ std::string seconds_text(double left) {
 
 std::string progress_of(const Scan_state& scan) {
   std::string out = fmt::format(
-      "<p role=\"status\"><label>Scanning <progress max=\"{}\" value=\"{}\"></progress></label> "
-      "<b id=\"done\">{} of {}</b> frequencies, <b id=\"services\">{}</b> services{}</p>\n<ul>\n",
-      scan.total, scan.done, scan.done, scan.total, scan.services,
-      scan.left_s ? ", about " + seconds_text(*scan.left_s) + " left" : "");
+      "<p class=\"running\"><span><b id=\"done\">{} of {}</b> frequencies, <b id=\"services\">{}</b> services</span>"
+      "<span class=\"left\">{}</span></p>\n"
+      "<progress max=\"{}\" value=\"{}\" aria-label=\"Frequencies done\"></progress>\n<ul class=\"under-way\">\n",
+      scan.done, scan.total, scan.services, scan.left_s ? "about " + seconds_text(*scan.left_s) + " left" : "",
+      scan.total, scan.done);
   for (const Engine::Under_way& one : scan.under_way) {
     out += fmt::format("<li>{}, signal {}</li>\n", mhz(one.freq), html_text(strength_text(one.strength)));
   }
@@ -105,38 +146,41 @@ std::string lines_of(const Scan_state& scan) {
   std::stable_sort(lines.begin(), lines.end(),
                    [](const Multiplex_line& a, const Multiplex_line& b) { return a.result.freq < b.result.freq; });
   std::string out =
-      "<table>\n<caption>Frequencies of this scan</caption>\n<thead><tr><th scope=\"col\">Frequency</th>"
-      "<th scope=\"col\">Services</th><th scope=\"col\">Strength</th><th scope=\"col\">SNR</th>"
-      "<th scope=\"col\">Result</th></tr></thead>\n<tbody>\n";
+      "<div class=\"box\">\n<h2 id=\"frequencies\">Frequencies of this scan</h2>\n"
+      "<table class=\"frequencies\" aria-labelledby=\"frequencies\">\n<thead><tr><th scope=\"col\">Frequency</th>"
+      "<th scope=\"col\" class=\"count\">Services</th><th scope=\"col\" class=\"value\">Strength</th>"
+      "<th scope=\"col\" class=\"value\">SNR</th><th scope=\"col\" class=\"result\">Result</th></tr></thead>\n<tbody>\n";
   for (const Multiplex_line& line : lines) {
-    out += fmt::format("<tr><th scope=\"row\">{}</th><td>{}</td><td>{}</td><td>{}</td><td>{}{}</td></tr>\n",
-                       mhz(line.result.freq), line.services, html_text(strength_text(line.result.signal.strength)),
-                       html_text(snr_text(line.result.signal.snr)), html_text(outcome_text(line.result)),
-                       line.note.empty() ? "" : "; " + html_text(line.note));
+    out += fmt::format(
+        "<tr{}><th scope=\"row\">{}</th><td class=\"count\">{}</td><td class=\"value\">{}</td><td class=\"value\">{}</td>"
+        "<td class=\"result\">{}{}</td></tr>\n",
+        line.services > 0 ? "" : " class=\"gone\"", mhz(line.result.freq), line.services,
+        html_text(strength_text(line.result.signal.strength)), html_text(snr_text(line.result.signal.snr)),
+        html_text(outcome_text(line.result)), line.note.empty() ? "" : "; " + html_text(line.note));
   }
-  return out + "</tbody>\n</table>\n";
+  return out + "</tbody>\n</table>\n</div>\n";
 }
 
 // The button says what it does now; the page behind it is this one again.
 std::string button_of(const Page_source& source) {
   if (source.station == nullptr) {
-    return "<p>No adapter is used, so nothing can be scanned.</p>\n";
+    return "<p class=\"hint\">No adapter is used, so nothing can be scanned.</p>\n";
   }
   if (!source.control) {
-    return "<p>Scans are started by <code>kelvo scan</code>, or here when the server runs with "
+    return "<p class=\"hint\">Scans are started by <code>kelvo scan</code>, or here when the server runs with "
            "<code>--control</code>.</p>\n";
   }
   if (source.token.empty()) {
-    return "<p>Open the page by the URL that the server printed to start a scan.</p>\n";
+    return "<p class=\"hint\">Open the page by the URL that the server printed to start a scan.</p>\n";
   }
   const bool running = source.station->scan.running;
   std::string remarks;
   for (const std::string& remark : *source.remarks) {
-    remarks += "<p>" + html_text(remark) + "</p>\n";
+    remarks += "<p class=\"hint\">" + html_text(remark) + "</p>\n";
   }
   return remarks + fmt::format(
                        "<form method=\"post\" action=\"scan\"><input type=\"hidden\" name=\"token\" value=\"{}\">"
-                       "<button name=\"do\" value=\"{}\">{}</button></form>\n",
+                       "<button class=\"do\" name=\"do\" value=\"{}\">{}</button></form>\n",
                        html_text(source.token), running ? "stop" : "start", running ? "Stop the scan" : "Start a scan");
 }
 
@@ -168,120 +212,56 @@ std::string html_text(std::string_view text) {
   return out;
 }
 
-std::string channels_page(const std::vector<Service>& services, const std::map<int, std::string>& now,
+std::string channels_page(const std::vector<Service>& services, const std::map<int, Stored::On_now>& now,
                           const Page_source& source) {
   std::map<int, std::vector<const Service*>> by_freq;
   for (const Service& service : services) {
     by_freq[service.freq].push_back(&service);
   }
-  std::string body = "<div id=\"live\" data-poll=\"2\">\n";
+  std::string body = "<div id=\"live\" class=\"boxes\">\n";
   if (services.empty()) {
-    body += "<p>No channels yet; <a href=\"scan\">a scan</a> finds them.</p>\n";
+    body +=
+        fmt::format("<p class=\"empty\"><strong>No channels yet</strong> <a href=\"{}\">A scan</a> finds them.</p>\n",
+                    link_to("scan", source.token));
   }
   for (const auto& [freq, all] : by_freq) {
     const auto named =
         std::find_if(all.begin(), all.end(), [](const Service* service) { return !service->network.empty(); });
-    body += fmt::format("<section>\n<h2>{}{}</h2>\n", mhz(freq),
-                        named == all.end() ? "" : ", " + off_air((*named)->network));
+    body += fmt::format("<section class=\"box\" aria-labelledby=\"f{0}\">\n<h2 id=\"f{0}\" class=\"cut\">{1}{2}</h2>\n",
+                        freq, mhz(freq), named == all.end() ? "" : ", " + off_air((*named)->network));
     if (source.station != nullptr) {
       body += reception_of(freq, *source.station);
     }
-    body +=
-        "<table>\n<thead><tr><th scope=\"col\">No.</th><th scope=\"col\">Name</th><th scope=\"col\">Type</th>"
-        "<th scope=\"col\">State</th><th scope=\"col\">Now</th></tr></thead>\n<tbody>\n";
+    body += fmt::format(
+        "<table aria-labelledby=\"f{}\">\n<thead><tr><th scope=\"col\" class=\"number\">No.</th>"
+        "<th scope=\"col\">Name</th><th scope=\"col\" class=\"sort\">Type</th><th scope=\"col\" class=\"state\">State</th>"
+        "<th scope=\"col\" class=\"now\">Now</th></tr></thead>\n<tbody>\n",
+        freq);
     for (const Service* service : all) {
-      const auto on = now.find(service->channel);
-      body += fmt::format("<tr><td>{}</td><th scope=\"row\">{}</th><td>{}{}</td><td>{}{}</td><td>{}</td></tr>\n",
-                          lcn_text(*service), off_air(or_dash(service->name)), html_text(type_text(*service)),
-                          service->scrambled ? ", scrambled" : "", html_text(state_text(*service)),
-                          service->visible ? "" : ", hidden", on == now.end() ? "" : off_air(on->second));
+      body += row_of(*service, now);
     }
     body += "</tbody>\n</table>\n</section>\n";
   }
-  return page("Channels", "Channels", source.token, body + "</div>\n");
+  return page("Channels", source.token, body + "</div>\n");
 }
 
 std::string scan_page(const Page_source& source) {
-  std::string body = "<div id=\"live\" data-poll=\"1\">\n";
+  std::string state;
+  std::string lines;
   if (source.station != nullptr) {
     const Scan_state& scan = source.station->scan;
     if (scan.running) {
-      body += progress_of(scan);
+      state = "<p class=\"unseen\" role=\"status\">A scan is running.</p>\n" + progress_of(scan);
     } else if (scan.begun != 0) {
-      body += fmt::format("<p role=\"status\">Scan of {}: <b id=\"end\">{}</b>, {} services on {} frequencies.</p>\n",
-                          local_time(scan.begun, "%Y-%m-%d %H:%M"), html_text(scan.end), scan.services, scan.done);
+      state = fmt::format("<p role=\"status\">Scan of {}: <b id=\"end\">{}</b>, {} services on {} frequencies.</p>\n",
+                          moment(scan.begun, true), html_text(scan.end), scan.services, scan.done);
     } else {
-      body += "<p role=\"status\">No scan since the server was started.</p>\n";
+      state = "<p role=\"status\">No scan since the server was started.</p>\n";
     }
-    body += lines_of(scan);
+    lines = lines_of(scan);
   }
-  return page("Scan", "Scan", source.token, body + "</div>\n<div id=\"action\">\n" + button_of(source) + "</div>\n");
+  return page("Scan", source.token,
+              "<div class=\"narrow\">\n<div class=\"box\">\n<div id=\"state\">\n" + state +
+                  "</div>\n<div id=\"action\">\n" + button_of(source) + "</div>\n</div>\n<div id=\"lines\">\n" + lines +
+                  "</div>\n</div>\n");
 }
-
-const char* const PAGE_STYLE = R"(:root {
-  color-scheme: light dark;
-  --back: #fff; --text: #1b1b1f; --line: #c6c6cf; --good: #17692c; --bad: #a3231f; --link: #1a4fa0;
-}
-@media (prefers-color-scheme: dark) {
-  :root { --back: #16171b; --text: #ececf1; --line: #4a4b55; --good: #7ad391; --bad: #ff9d96; --link: #9cc2ff; }
-}
-body { margin: 0 auto; max-width: 70rem; padding: 0 1rem 2rem; background: var(--back); color: var(--text);
-  font: 1rem/1.5 system-ui, sans-serif; }
-nav { display: flex; gap: 1.5rem; padding: .75rem 0; border-bottom: 1px solid var(--line); }
-a { color: var(--link); }
-nav a[aria-current] { color: inherit; font-weight: 600; text-decoration: none; }
-h1 { font-size: 1.4rem; margin: 1rem 0 .5rem; }
-h2 { font-size: 1.1rem; margin: 1.5rem 0 .25rem; }
-table { width: 100%; border-collapse: collapse; }
-caption { text-align: start; padding: .5rem 0; }
-th, td { text-align: start; vertical-align: top; padding: .25rem .75rem .25rem 0; border-bottom: 1px solid var(--line);
-  overflow-wrap: anywhere; }
-th[scope=row] { font-weight: 600; }
-.signal { margin: .25rem 0; }
-.reading { white-space: nowrap; margin-inline-start: 1rem; }
-.good { color: var(--good); }
-.bad { color: var(--bad); }
-.old { opacity: .8; }
-#connection:empty { display: none; }
-#connection { color: var(--bad); }
-progress { width: min(20rem, 60vw); vertical-align: middle; }
-button { font: inherit; padding: .5rem 1.25rem; margin-top: 1rem; cursor: pointer; }
-@media print { nav, #action { display: none; } }
-)";
-
-// What a page shows is made by the server alone; this puts its newest state into the place of the old one.
-const char* const LIVE_SCRIPT = R"("use strict";
-(() => {
-  const live = document.getElementById("live");
-  const connection = document.getElementById("connection");
-  if (!live || !connection) return;
-  let busy = false, again = false;
-  async function refresh() {
-    if (busy) { again = true; return; }
-    busy = true;
-    try {
-      const answer = await fetch(location.href, { cache: "no-store" });
-      if (!answer.ok) throw new Error(answer.statusText);
-      const fresh = new DOMParser().parseFromString(await answer.text(), "text/html");
-      for (const id of ["live", "action"]) {
-        const from = fresh.getElementById(id), to = document.getElementById(id);
-        if (from && to && from.innerHTML !== to.innerHTML) {
-          const focused = to.contains(document.activeElement);
-          to.replaceChildren(...from.childNodes);
-          if (focused) to.querySelector("button")?.focus();
-        }
-      }
-      connection.textContent = "";
-    } catch {
-      connection.textContent = "The server does not answer.";
-    }
-    busy = false;
-    if (again) { again = false; refresh(); }
-  }
-  const source = new EventSource("changes");
-  for (const name of ["channels", "guide", "scan"]) source.addEventListener(name, refresh);
-  source.addEventListener("error", () => { connection.textContent = "Not connected."; });
-  source.addEventListener("open", () => { connection.textContent = ""; });
-  setInterval(() => { if (!document.hidden) refresh(); }, 1000 * live.dataset.poll);
-})();
-)";

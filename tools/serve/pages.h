@@ -8,11 +8,12 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/guide/embedded.h"
 #include "tools/serve/station.h"
 #include "tools/serve/stored.h"
 
-// The server's own pages, besides the guide. They are whole without a script; with LIVE_SCRIPT they follow what
-// changes. Every text is escaped.
+// The server's own pages, besides the guide. They are whole without a script; with PAGE_SCRIPT they follow what
+// changes. Colours, letters and the bar at the top are the guide's. Every text is escaped.
 
 // A text as it is shown between tags and in attributes.
 std::string html_text(std::string_view text);
@@ -25,11 +26,11 @@ struct Page_source {
 };
 
 // The channels by multiplex, with its signal and what is on.
-std::string channels_page(const std::vector<Service>& services, const std::map<int, std::string>& now,
+std::string channels_page(const std::vector<Service>& services, const std::map<int, Stored::On_now>& now,
                           const Page_source& source);
 
 // The scan that runs or was last, and a button where the reader may use it.
 std::string scan_page(const Page_source& source);
 
-extern const char* const PAGE_STYLE;
-extern const char* const LIVE_SCRIPT;
+extern const Embedded_text PAGE_STYLE;
+extern const Embedded_text PAGE_SCRIPT;

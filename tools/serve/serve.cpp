@@ -32,6 +32,7 @@ namespace {
 constexpr int DEFAULT_PORT = 8506;
 constexpr int MOST_ADAPTERS = 4;
 constexpr int LOOK_INTERVAL_MS = 500;
+constexpr std::chrono::seconds SIGNAL_INTERVAL{1};
 // So much less than others: whoever looks at the guide does not delay a scan.
 constexpr int NICENESS = 10;
 
@@ -88,6 +89,8 @@ void work(Http_server* server, Stored* stored, Station* station, const Interrupt
   std::array<pollfd, 3> waits{
       {{server->fd(), POLLIN, 0}, {interrupt.fd(), POLLIN, 0}, {station != nullptr ? station->fd() : -1, POLLIN, 0}}};
   Clock::time_point looked = Clock::now();
+  Clock::time_point told_signal = looked;
+  unsigned readings = 0;
   unsigned events = 0;
   while ((waits[1].revents & POLLIN) == 0) {
     (void)poll(waits.data(), waits.size(), std::min(server->wait_ms(), LOOK_INTERVAL_MS));
@@ -109,6 +112,11 @@ void work(Http_server* server, Stored* stored, Station* station, const Interrupt
     }
     if (changes.guide) {
       server->tell("guide", std::to_string(++events));
+    }
+    if (station != nullptr && station->readings() != readings && looked - told_signal >= SIGNAL_INTERVAL) {
+      readings = station->readings();
+      told_signal = looked;
+      server->tell("signal", std::to_string(++events));
     }
   }
 }

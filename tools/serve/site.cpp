@@ -218,10 +218,10 @@ Http_answer Site::answer(const Http_request& request) {
     return secured(metrics());
   }
   if (path == "/style.css") {
-    return secured(made("text/css; charset=utf-8", PAGE_STYLE));
+    return secured(made("text/css; charset=utf-8", std::string(PAGE_STYLE.text)));
   }
   if (path == "/live.js") {
-    return secured(made("text/javascript; charset=utf-8", LIVE_SCRIPT));
+    return secured(made("text/javascript; charset=utf-8", std::string(PAGE_SCRIPT.text)));
   }
   return secured(Http_answer::text(404, "there is no such page"));
 }

@@ -153,6 +153,7 @@ void Station::run() {
 
 void Station::close_adapters() {
   const std::lock_guard lock(mutex_);
+  ++read_;
   for (auto& [number, adapter] : state_.adapters) {
     adapter.open = false;
     adapter.freq = 0;
@@ -233,6 +234,7 @@ void Station::sample(const Engine& engine) {
     last.crc_errors = crc_errors;
     last.overflows = overflows;
   }
+  ++read_;
 }
 
 // After its guide is there. One multiplex alone is read again and again from then on, so that changes are seen.

@@ -80,6 +80,8 @@ class Station {
   void stop_scan();
 
   Station_state state() const;
+  // Another number after each reading of an adapter, or when one has been given up.
+  unsigned readings() const { return read_; }
   // What people should know, since the last call: a line each.
   std::vector<std::string> take_news();
   // Readable after a step of a scan, or news. calm() makes it wait again.
@@ -127,6 +129,7 @@ class Station {
   std::map<int, Reading> readings_;  // of the thread
   int changed_fd_;
   int wake_fd_;
+  std::atomic<unsigned> read_{0};
   std::atomic<bool> stopping_{false};
   std::atomic<bool> scan_wanted_{false};
   std::atomic<bool> scan_stopped_{false};

@@ -169,16 +169,19 @@ const std::map<int, Stored_multiplex>& Stored::multiplexes() {
   return *multiplexes_;
 }
 
-const std::map<int, std::string>& Stored::now() {
+const std::map<int, Stored::On_now>& Stored::now() {
   const int64_t time_now = time(nullptr);
   if (time_now < now_until_) {
     return now_;
   }
   now_.clear();
   now_until_ = time_now + 60;
-  for (const Guide_event& event : guide_->events(time_now, time_now + 1, {})) {
-    if (event.end() > time_now) {
-      (void)now_.emplace(event.channel, best_text(event).title);
+  // Sorted by start: a later one takes the place of an earlier one.
+  for (const Guide_event& event : guide_->events(time_now, now_until_, {})) {
+    if (event.start > time_now) {
+      now_until_ = std::min(now_until_, event.start);
+    } else if (event.end() > time_now) {
+      now_[event.channel] = {best_text(event).title, event.end()};
       now_until_ = std::min(now_until_, event.end());
     }
   }

@@ -50,8 +50,13 @@ class Stored {
   const Document& guide_document();
   const std::vector<Service>& services();                // sorted as lists are
   const std::map<int, Stored_multiplex>& multiplexes();  // by frequency
-  const std::map<int, std::string>& now();               // titles of what is on, by channel
-  std::optional<int64_t> guide_changed() const;          // when the guide's file was written to last
+  // What is on, by channel: of several the one that began last, as everywhere.
+  struct On_now {
+    std::string title;
+    int64_t end = 0;  // seconds since 1970
+  };
+  const std::map<int, On_now>& now();
+  std::optional<int64_t> guide_changed() const;  // when the guide's file was written to last
 
   // Before the last other user closes the files: a reader must not be the last.
   void close();
@@ -83,6 +88,6 @@ class Stored {
   std::optional<Document> guide_document_;
   std::optional<std::vector<Service>> services_;
   std::optional<std::map<int, Stored_multiplex>> multiplexes_;
-  std::map<int, std::string> now_;
+  std::map<int, On_now> now_;
   int64_t now_until_ = 0;  // `now_` holds until then; 0: not read
 };

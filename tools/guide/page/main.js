@@ -144,14 +144,6 @@ const makeLanguages = () => {
   byId("language-pick").hidden = names.length < 2;
 };
 
-const themes = { "": "as the system", light: "light", dark: "dark" };
-const setTheme = (theme) => {
-  const known = Object.hasOwn(themes, theme ?? "") ? theme ?? "" : "";
-  document.documentElement.dataset.theme = known;
-  byId("theme-text").textContent = "Colours: " + themes[known];
-  byId("theme").title = "Colours: " + themes[known];
-};
-
 // --- Showing a guide
 
 const notice = (text) => {
@@ -283,12 +275,6 @@ byId("language").addEventListener("change", () => {
   showChannels();
   search.find();
 });
-byId("theme").addEventListener("click", () => {
-  const order = Object.keys(themes);
-  const next = order[(order.indexOf(document.documentElement.dataset.theme ?? "") + 1) % order.length];
-  memory.set("theme", next);
-  setTheme(next);
-});
 byId("print").addEventListener("click", () => window.print());
 byId("help").addEventListener("click", () => byId("help-box").showModal());
 byId("help-close").addEventListener("click", () => byId("help-box").close());
@@ -316,11 +302,16 @@ document.addEventListener("keydown", (key) => {
     action();
   }
 });
-setTheme(memory.get("theme"));
+offerThemes();
 say("Reading the guide", "");
 readAgain();
 setInterval(clockText, CLOCK_MS);
 if (document.documentElement.dataset.kind === "live") {
   byId("pages").hidden = false;
+  // Who came with the token of the server's URL keeps it.
+  const token = new URLSearchParams(location.search).get("token");
+  for (const link of byId("pages").children) {
+    link.search = token ? "?token=" + encodeURIComponent(token) : "";
+  }
   listen();
 }

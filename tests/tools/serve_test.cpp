@@ -123,7 +123,7 @@ class Serve : public Command_fixture {
 void expect_guarded(const Http_result& result) {
   EXPECT_THAT(result.headers,
               AllOf(Contains(testing::Pair("x-content-type-options", "nosniff")),
-                    Contains(testing::Pair("referrer-policy", "no-referrer")),
+                    Contains(testing::Pair("referrer-policy", "same-origin")),
                     Contains(testing::Pair("cross-origin-resource-policy", "same-origin")),
                     Contains(testing::Pair("x-frame-options", "DENY")), Contains(Key("cache-control")),
                     Contains(testing::Pair("content-security-policy", HasSubstr("frame-ancestors 'none'"))),

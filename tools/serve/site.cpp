@@ -48,7 +48,8 @@ Http_answer secured(Http_answer answer) {
     answer.headers.emplace_back("Cache-Control", "no-store");
   }
   answer.headers.emplace_back("X-Content-Type-Options", "nosniff");
-  answer.headers.emplace_back("Referrer-Policy", "no-referrer");
+  // With less, browsers give the form of a page no origin.
+  answer.headers.emplace_back("Referrer-Policy", "same-origin");
   answer.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
   answer.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
   answer.headers.emplace_back("X-Frame-Options", "DENY");

@@ -33,7 +33,7 @@ help:
 	@echo "make doc       the headers and the pages of docs/ as HTML, in build/doc/html"
 	@echo "make deb       Debian packages in build/deb; deb-check: twice, compared, looked at by lintian and blhc, and tried in a"
 	@echo "               clean root"
-	@echo "make guide-check  the guide's page in a browser: accessibility (axe-core, fetched by npm), ten thousand events"
+	@echo "make guide-check  guide and server's pages in a browser: accessibility (axe-core, fetched by npm), ten thousand events"
 	@echo "make clean     remove everything built"
 	@echo
 	@echo "Missing Debian packages are installed first (with sudo when not root); scripts/packages.txt lists them."
@@ -109,7 +109,7 @@ threads: packages-build+test
 
 guide-check: packages-build+test
 	@cmake --preset dev
-	@cmake --build --preset dev -j$(JOBS) --target tools_browser_test
+	@cmake --build --preset dev -j$(JOBS) --target tools_browser_test tools_serve_browser_test
 	@scripts/guide-check build/dev
 
 cross: packages-build+cross

@@ -32,9 +32,9 @@ class Browser {
   nlohmann::json js(const std::string& script, const nlohmann::json& argument = nullptr) {
     return ask({{"do", "js"}, {"script", script}, {"args", {argument}}});
   }
-  // Until the script returns something true, which is given; half a minute at the most.
-  nlohmann::json wait(const std::string& script, const nlohmann::json& argument = nullptr) {
-    return ask({{"do", "wait"}, {"script", script}, {"args", {argument}}});
+  // Until the script returns something true, which is given; so many seconds at the most.
+  nlohmann::json wait(const std::string& script, const nlohmann::json& argument = nullptr, int seconds = 30) {
+    return ask({{"do", "wait"}, {"script", script}, {"args", {argument}}, {"seconds", seconds}});
   }
   // "ArrowDown", "Enter", "Control+End", or text.
   void keys(const std::vector<std::string>& names) { (void)ask({{"do", "keys"}, {"list", names}}); }

@@ -87,6 +87,36 @@ void make_prepared_db(const std::string& file) {
   )");
 }
 
+void add_event_tables(const std::string& guide) {
+  run_sql(guide, R"(
+    CREATE TABLE event_detail (entry integer primary key, table_id int, version int, original_network_id int,
+      tstream_id int, series_crid text, programme_crid text, running_status int, running_since int, digest int);
+    CREATE TABLE event_item (entry int, lang text, position int, name text, value text);
+    CREATE TABLE event_component (entry int, position int, tag int, stream_content int, stream_content_ext int,
+      component_type int, lang text, text text);
+)");
+}
+
+void add_rich_events(const std::string& guide) {
+  run_sql(guide, R"(
+      INSERT INTO epglist (entry, channel, ev_id, start_epoch, dur_sec, content_id, rating, free_ca)
+      VALUES (1, 1, 11, 2216241000, 5400, '1.4.0.0 11.1.0.0 b.1.0.0 ', '09@EST ', 1),
+             (2, 1, 12, 2216246400, 3600, '0.0.0.0', '02@EST 05@FIN ', 0);
+      INSERT INTO epglist_lang (source_oid, lang, ev_name, ev_desc, ext_desc, ext_list)
+      VALUES (1, 'est', 'Üle keskööfilm', 'Komöödia, mis; ei lõpe.', 'Komöödia, mis; ei lõpe. Ega alga.',
+              'wrong:from the list' || char(10)),
+             (1, 'eng', 'Over midnight', 'Short. S2 Ep3/6', '', ''),
+             (2, 'rus', '=1+1', '"Да"', '', '');
+      INSERT INTO event_detail VALUES (1, 80, 1, 9, 7, 'crid://meedia.ee/s', 'crid://meedia.ee/p', 4, 0, 0);
+      INSERT INTO event_item VALUES (1, 'est', 0, 'Režissöör:', 'Liis Kask'), (1, 'est', 1, 'Osades', 'Ann (Mari), Jüri'),
+        (1, 'est', 2, 'Muusika: heli', 'a: b'), (1, 'est', 3, 'Aasta', '1994'), (1, 'eng', 0, 'Episode title', 'The bag'),
+        (1, 'eng', 1, 'Country', 'Estonia');
+      INSERT INTO event_component VALUES (1, 0, 1, 5, 15, 11, 'est', ''), (1, 1, 2, 4, 15, 0x45, 'est', 'Dolby'),
+        (1, 2, 3, 2, 15, 0x40, 'est', ''), (1, 3, 4, 3, 15, 0x10, 'rus', ''), (1, 4, 5, 3, 15, 0x20, 'EST', ''),
+        (2, 0, 1, 1, 15, 1, '', ''), (2, 1, 2, 2, 15, 3, 'qaa', '');
+    )");
+}
+
 void fill_up(const std::string& file) {
   run_sql(file, "CREATE TABLE filler (bytes); INSERT INTO filler VALUES (zeroblob(7950 * 4096));");
   ASSERT_EQ(value(file, "PRAGMA page_size;"), "4096");

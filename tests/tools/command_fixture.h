@@ -36,6 +36,10 @@ std::string value(const std::string& file, const std::string& sql);
 // A channel database made by the library, then filled by hand with what lists must cope with: channels with and without
 // number, of every state, scrambled ones, streams of every kind, and names that mean harm.
 void make_prepared_db(const std::string& file);
+// The further tables that a guide has that was collected whole; and, in them, on the first channel, a film with all
+// that a guide can say of one, and a programme with a title in the style of a formula.
+void add_event_tables(const std::string& guide);
+void add_rich_events(const std::string& guide);
 // A database that has no room left but for a few of the pages that the library allows a file.
 void fill_up(const std::string& file);
 

@@ -531,7 +531,7 @@ TEST_F(Epg, shows_events_in_full) {
   const std::string night =
       "Üle keskööfilm\n"
       "  12 Kuldnokk, Saturday 2040-03-24 22:30-00:00, 90 min\n"
-      "  Movie/Drama, News/Current affairs, from 12 years (EST)\n"
+      "  Movie/Drama: Soap/Melodrama/Folkloric, News/Current affairs, from 12 years (EST)\n"
       "\n"
       "  Lühike.\n"
       "\n"

@@ -259,40 +259,13 @@ TEST(End_at_the_next, cuts_what_overlaps) {
   EXPECT_THAT(found, ElementsAre(100, 500, 10, 50, 0));
 }
 
-constexpr const char* EVENT_TABLES = R"(
-    CREATE TABLE event_detail (entry integer primary key, table_id int, version int, original_network_id int,
-      tstream_id int, series_crid text, programme_crid text, running_status int, running_since int, digest int);
-    CREATE TABLE event_item (entry int, lang text, position int, name text, value text);
-    CREATE TABLE event_component (entry int, position int, tag int, stream_content int, stream_content_ext int,
-      component_type int, lang text, text text);
-)";
-
 class Guide_formats : public Command_fixture {
  protected:
   void SetUp() override {
     make_prepared_db(db_);
-    run_sql(guide_, EVENT_TABLES);
+    add_event_tables(guide_);
   }
-  // A film with all that a guide can say of one, and a programme with a title in the style of a formula.
-  void add_rich_events() const {
-    run_sql(guide_, R"(
-      INSERT INTO epglist (entry, channel, ev_id, start_epoch, dur_sec, content_id, rating, free_ca)
-      VALUES (1, 1, 11, 2216241000, 5400, '1.4.0.0 11.1.0.0 b.1.0.0 ', '09@EST ', 1),
-             (2, 1, 12, 2216246400, 3600, '0.0.0.0', '02@EST 05@FIN ', 0);
-      INSERT INTO epglist_lang (source_oid, lang, ev_name, ev_desc, ext_desc, ext_list)
-      VALUES (1, 'est', 'Üle keskööfilm', 'Komöödia, mis; ei lõpe.', 'Komöödia, mis; ei lõpe. Ega alga.',
-              'wrong:from the list' || char(10)),
-             (1, 'eng', 'Over midnight', 'Short. S2 Ep3/6', '', ''),
-             (2, 'rus', '=1+1', '"Да"', '', '');
-      INSERT INTO event_detail VALUES (1, 80, 1, 9, 7, 'crid://meedia.ee/s', 'crid://meedia.ee/p', 4, 0, 0);
-      INSERT INTO event_item VALUES (1, 'est', 0, 'Režissöör:', 'Liis Kask'), (1, 'est', 1, 'Osades', 'Ann (Mari), Jüri'),
-        (1, 'est', 2, 'Muusika: heli', 'a: b'), (1, 'est', 3, 'Aasta', '1994'), (1, 'eng', 0, 'Episode title', 'The bag'),
-        (1, 'eng', 1, 'Country', 'Estonia');
-      INSERT INTO event_component VALUES (1, 0, 1, 5, 15, 11, 'est', ''), (1, 1, 2, 4, 15, 0x45, 'est', 'Dolby'),
-        (1, 2, 3, 2, 15, 0x40, 'est', ''), (1, 3, 4, 3, 15, 0x10, 'rus', ''), (1, 4, 5, 3, 15, 0x20, 'EST', ''),
-        (2, 0, 1, 1, 15, 1, '', ''), (2, 1, 2, 2, 15, 3, 'qaa', '');
-    )");
-  }
+  void add_rich_events() const { ::add_rich_events(guide_); }
   Command_result epg(const Words& arguments) const {
     return run_command(joined({{KELVO_COMMAND, "epg", "--db", db_}, arguments}), {{"TZ", "UTC"}});
   }
@@ -312,6 +285,47 @@ TEST_F(Guide_formats, items_come_as_the_pairs_that_are_stored) {
   run_sql(guide_, "DELETE FROM event_item;");
   const json without = json::parse(epg({"--format", "json"}).out)["events"];
   EXPECT_EQ(without.at(0)["texts"].at(0)["items"], json::array({{{"name", "wrong"}, {"text", "from the list"}}}));
+}
+
+TEST_F(Guide_formats, events_in_full_have_all_that_is_stored) {
+  add_rich_events();
+  EXPECT_EQ(epg({"--channel", "#1", "--show", "--lang", "est"}), prints(R"(Üle keskööfilm
+  12 Kuldnokk, Saturday 2040-03-24 22:30-00:00, 90 min
+  Movie/Drama: Comedy, Special characteristics: Black and white, from 12 years (EST)
+
+  Komöödia, mis; ei lõpe. Ega alga.
+
+  Režissöör: Liis Kask
+  Osades: Ann (Mari), Jüri
+  Muusika: heli: a: b
+  Aasta: 1994
+
+  Over midnight (eng)
+
+  Short. S2 Ep3/6
+
+  Episode title: The bag
+  Country: Estonia
+
+  Episode: season 2, episode 3 of 6
+  Picture: 16:9, HD
+  Sound: est, surround, AC-3, Dolby; est, audio description
+  Subtitles: rus; EST, hard of hearing
+  Broadcast: scrambled
+
+
+=1+1
+  12 Kuldnokk, Sunday 2040-03-25 00:00-01:00, 1 h
+  from 5 years (EST), from 8 years (FIN)
+
+  "Да"
+
+  Picture: 4:3, SD
+  Sound: original, stereo
+)"));
+  // What it says of running holds while it is on.
+  run_sql(guide_, "UPDATE epglist SET start_epoch = strftime('%s', 'now') - 60 WHERE entry = 1");
+  EXPECT_THAT(epg({"--now", "--show"}).out, HasSubstr("\n  Broadcast: running, scrambled\n"));
 }
 
 TEST_F(Guide_formats, xmltv_has_all_that_is_stored) {

@@ -281,6 +281,9 @@ TEST_F(Guide_in_browser, runs_nothing_that_came_off_the_air) {
     ordered_json on = event(row, row, today_, HOUR, text, text);
     on["genres"] = {text};
     on["ratings"] = {{{"country", text}, {"age", text}}};
+    on["contents"] = {{{"name", text}, {"detail", text}}};
+    on["episode"] = {{"text", text}};
+    on["components"] = {{{"kind", text}, {"language", text}, {"text", text}}, {{"kind", "audio"}, {"language", text}}};
     on["texts"][0]["language"] = text;
     on["texts"][0]["items"] = {{{"name", text}, {"text", text}}};
     documents.guide["events"].push_back(on);
@@ -288,7 +291,8 @@ TEST_F(Guide_in_browser, runs_nothing_that_came_off_the_air) {
   // Wrong types and times that no guide has.
   for (const json& wrong : {json("x"), json(-5), json(1e300), json::array({1}), json::object(), json(true)}) {
     ordered_json on = event(1, 77, today_ + 2 * HOUR, HOUR, "a", "b");
-    for (const char* key : {"start_epoch", "duration", "genres", "ratings", "texts", "event_id", "channel"}) {
+    for (const char* key : {"start_epoch", "duration", "genres", "ratings", "texts", "event_id", "channel", "contents",
+                            "components", "episode", "running_status", "scrambled"}) {
       ordered_json spoilt = on;
       spoilt[key] = wrong;
       documents.guide["events"].push_back(spoilt);
@@ -303,6 +307,7 @@ TEST_F(Guide_in_browser, runs_nothing_that_came_off_the_air) {
     (void)browser_.js("document.querySelector(arguments[0]).click()", in_row + ".event.on");
     EXPECT_EQ(text_of("#d-title"), hostile[i]);
     EXPECT_EQ(text_of("#d-items dd"), hostile[i]);
+    EXPECT_EQ(text_of("#d-facts dd"), hostile[i]);
     (void)browser_.js("document.getElementById('details').close()");
   }
   browser_.click("#query");
@@ -315,6 +320,49 @@ TEST_F(Guide_in_browser, runs_nothing_that_came_off_the_air) {
       browser_.js("return document.querySelectorAll('img, iframe, object, svg [onload], a[href^=javascript]').length"),
       0);
   EXPECT_EQ(browser_.js("return performance.getEntriesByType('resource').length"), 0) << "asks for nothing";
+  EXPECT_EQ(browser_.complaints(), json::array());
+}
+
+TEST_F(Guide_in_browser, details_say_what_the_command_says) {
+  const std::string db = dir_.file("dvb.db");
+  make_prepared_db(db);
+  add_event_tables(dir_.file("dvb_epg.db"));
+  add_rich_events(dir_.file("dvb_epg.db"));
+  const auto told = [&](const Words& command) {
+    return run_command(joined({{KELVO_COMMAND}, command, {"--db", db}}), {{"TZ", "Europe/Tallinn"}}).out;
+  };
+  Documents documents;
+  documents.channels = ordered_json::parse(told({"channels", "--all", "--format", "json"}));
+  documents.guide = ordered_json::parse(told({"epg", "--format", "json"}));
+  ASSERT_NO_FATAL_FAILURE(show(documents));
+  const std::string names[][2] = {{"\\best\\b|\\bEST\\b", "Eesti"}, {"\\brus\\b", "Русский"}};
+  for (const std::string title : {"Üle keskööfilm", "=1+1"}) {
+    SCOPED_TRACE(title);
+    std::string in_full = told({"epg", "--search", title, "--show"});
+    in_full = in_full.substr(0, in_full.find("\n\n\n"));
+    std::string facts;
+    for (const std::string& line : support::lines_of(in_full)) {
+      if (std::regex_search(line, std::regex("^  (Episode|Picture|Sound|Subtitles|Broadcast): ")))
+        facts += line.substr(2) + "\n";
+    }
+    for (const auto& [code, name] : names)
+      facts = std::regex_replace(facts, std::regex(code), name);
+    EXPECT_GT(support::count_of(facts, "\n"), 1U) << in_full;
+    (void)browser_.js(
+        "Array.from(document.querySelectorAll('.event')).find((one) => one.getAttribute('aria-label')"
+        ".startsWith(arguments[0])).click()",
+        title);
+    EXPECT_EQ(text_of("#d-title"), title);
+    EXPECT_EQ(browser_.js(
+                  "return Array.from(document.querySelectorAll('#d-facts div'), (one) => "
+                  "one.querySelector('dt').textContent + ': ' + one.querySelector('dd').textContent + '\\n').join('')"),
+              facts);
+    const std::string genres = browser_.js(
+        "return Array.from(document.querySelectorAll('#d-chips span'), (one) => one.textContent).join(', ')");
+    EXPECT_THAT(in_full, testing::HasSubstr("\n  " + genres));
+    EXPECT_EQ(genres.empty(), title == "=1+1");
+    (void)browser_.js("document.getElementById('details').close()");
+  }
   EXPECT_EQ(browser_.complaints(), json::array());
 }
 

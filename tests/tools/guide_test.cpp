@@ -38,13 +38,41 @@ std::string hash_of(const support::Temp_dir& dir, const std::string& text) {
 
 TEST(Guide_page, has_its_data_where_nothing_in_it_is_markup) {
   const std::string page = guide_page(CHANNELS, GUIDE, Page_kind::STORED);
-  EXPECT_EQ(count_of(page, "<script"), 3U) << "channels, events and the page's own";
-  EXPECT_EQ(count_of(page, "</script>"), 3U);
+  EXPECT_EQ(count_of(page, "<script"), 4U) << "channels, texts, events and the page's own";
+  EXPECT_EQ(count_of(page, "</script>"), 4U);
   EXPECT_EQ(between(page, "data-what=\"channels\">", "</script>"),
             R"([{"channel":1,"lcn":12,"name":"\u003cb>&\"","type":"TV","visible":true,"service_id":1001}])");
   EXPECT_EQ(between(page, "data-what=\"events\">", "</script>"),
-            R"([{"channel":1,"event_id":2,"start_epoch":2216241000,"duration":60,"texts":[{"language":"est",)"
-            R"("title":"\u003c/script>\u003cscript>alert(1)\u003c/script>\u003c!--"}]}])");
+            R"([{"channel":1,"event_id":2,"start_epoch":2216241000,"duration":60,"texts":[0]}])");
+  EXPECT_EQ(between(page, "data-what=\"texts\">", "</script>"),
+            R"([{"language":"est","title":"\u003c/script>\u003cscript>alert(1)\u003c/script>\u003c!--"}])");
+}
+
+TEST(Guide_page, has_what_many_events_say_once) {
+  ordered_json guide = GUIDE;
+  guide["events"][0].update(ordered_json::parse(R"json({"running_status": 4, "scrambled": true, "genres": ["Sports"],
+    "contents": [{"level1": 4, "name": "Sports", "detail": "Athletics"}, {"level1": 4, "name": "Sports", "detail": null}],
+    "ratings": [{"country": "EST", "age": 12}], "episode": {"text": "(3/6)", "season": null, "number": 3, "of": 6},
+    "components": [{"kind": "audio", "language": "est", "text": null, "component_tag": 7, "component_type": 3}]})json"));
+  for (int i = 1; i < 400; ++i) {
+    guide["events"].push_back(guide["events"][0]);
+    guide["events"][static_cast<size_t>(i)]["event_id"] = i;
+  }
+  guide["events"][399]["texts"][0]["title"] = "Last";
+  guide["events"][399]["components"] = ordered_json::array();
+  guide["events"][399]["running_status"] = 0;
+  guide["events"][399]["scrambled"] = false;
+  const std::string page = guide_page(CHANNELS, guide, Page_kind::STORED);
+  EXPECT_EQ(between(page, "data-what=\"lists\">", "</script>"),
+            R"([["Sports"],[{"name":"Sports","detail":"Athletics"}],[{"country":"EST","age":12}],)"
+            R"([{"kind":"audio","language":"est"}]])");
+  EXPECT_EQ(count_of(page, "data-what=\"lists\""), 1U);
+  EXPECT_EQ(count_of(page, "data-what=\"texts\""), 2U) << "what only the second block names stands before that";
+  EXPECT_THAT(page,
+              HasSubstr(R"({"channel":1,"event_id":398,"start_epoch":2216241000,"duration":60,)"
+                        R"json("episode":{"text":"(3/6)","number":3,"of":6},"running_status":4,"scrambled":true,)json"
+                        R"("genres":0,"contents":1,"ratings":2,"components":3,"texts":[0]})"));
+  EXPECT_THAT(page, HasSubstr(R"("of":6},"genres":0,"contents":1,"ratings":2,"texts":[1]}])"));
 }
 
 TEST(Guide_page, survives_what_is_no_utf8) {
@@ -119,8 +147,8 @@ TEST_F(Guide_command, writes_a_week_from_today_on) {
 }
 
 TEST_F(Guide_command, puts_wanted_languages_first) {
-  EXPECT_THAT(written(), HasSubstr(R"("texts":[{"language":"est")"));
-  EXPECT_THAT(written({"--lang", "ENG"}), HasSubstr(R"("texts":[{"language":"eng")"));
+  EXPECT_THAT(written(), HasSubstr(R"(data-what="texts">[{"language":"est")"));
+  EXPECT_THAT(written({"--lang", "ENG"}), HasSubstr(R"(data-what="texts">[{"language":"eng")"));
 }
 
 TEST_F(Guide_command, writes_to_standard_output) {

@@ -149,7 +149,7 @@ void show_guide(const Epg_options& options) {
     console::print(guide_ics(events, by_row, now), "the guide");
   } else {
     if (options.show) {
-      print_events_in_full(events, by_row);
+      print_events_in_full(events, by_row, now);
     } else if (options.now && options.next) {
       print_now_and_next(events, by_row, now, options.wide);
     } else {

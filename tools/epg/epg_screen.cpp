@@ -13,6 +13,7 @@
 #include "tools/cli/table.h"
 #include "tools/cli/text.h"
 #include "tools/cli/text_columns.h"
+#include "tools/epg/event_facts.h"
 #include "tools/epg/event_words.h"
 
 namespace {
@@ -35,7 +36,7 @@ std::string paragraph(const std::string& text, std::optional<int> columns, int m
   return out;
 }
 
-std::string event_in_full(const Guide_event& event, const Service& service, std::optional<int> columns) {
+std::string event_in_full(const Guide_event& event, const Service& service, std::optional<int> columns, int64_t now) {
   const Event_text& main = best_text(event);
   std::string out = paragraph(or_dash(main.title), columns, 0);
   const std::string number = service.lcn == NO_LCN ? "" : std::to_string(service.lcn) + " ";
@@ -43,7 +44,7 @@ std::string event_in_full(const Guide_event& event, const Service& service, std:
       fmt::format("{}{}, {} {}, {}", number, or_dash(service.name), time_text(event, event.start, "%A %Y-%m-%d"),
                   hours_text(event), duration_text(event.duration)),
       columns);
-  std::vector<std::string> facts = event.genres;
+  std::vector<std::string> facts = genre_facts(event);
   for (const auto& [country, age] : event.ratings) {
     facts.push_back(fmt::format("from {} years ({})", age, country));
   }
@@ -61,6 +62,10 @@ std::string event_in_full(const Guide_event& event, const Service& service, std:
     for (const auto& item : text.items) {
       out += (std::exchange(first, false) ? "\n" : "") + paragraph(item_text(item), columns);
     }
+  }
+  bool first = true;
+  for (const auto& fact : event_facts(event, now)) {
+    out += (std::exchange(first, false) ? "\n" : "") + paragraph(item_text(fact), columns);
   }
   return out;
 }
@@ -109,11 +114,11 @@ void print_now_and_next(const std::vector<Guide_event>& events, const std::map<i
   table.print(stdout);
 }
 
-void print_events_in_full(const std::vector<Guide_event>& events, const std::map<int, Service>& services) {
+void print_events_in_full(const std::vector<Guide_event>& events, const std::map<int, Service>& services, int64_t now) {
   const std::optional<int> columns = Table::screen_of(stdout);
   std::string out;
   for (const Guide_event& event : events) {
-    out += (out.empty() ? "" : "\n\n") + event_in_full(event, services.at(event.channel), columns);
+    out += (out.empty() ? "" : "\n\n") + event_in_full(event, services.at(event.channel), columns, now);
   }
   console::print(out, "the guide");
 }

@@ -21,5 +21,5 @@ void print_guide_table(const std::vector<Guide_event>& events, const std::map<in
 // A line a channel: what is on at `now`, and what comes next. Of a channel at most one of each is given, by start.
 void print_now_and_next(const std::vector<Guide_event>& events, const std::map<int, Service>& services, int64_t now,
                         bool wide);
-// Everything that is known of each event, as paragraphs.
-void print_events_in_full(const std::vector<Guide_event>& events, const std::map<int, Service>& services);
+// Everything that is known of each event at the time `now`, as paragraphs.
+void print_events_in_full(const std::vector<Guide_event>& events, const std::map<int, Service>& services, int64_t now);

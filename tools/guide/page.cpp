@@ -3,6 +3,8 @@
 
 #include "tools/guide/page.h"
 
+#include <array>
+#include <map>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -19,7 +21,13 @@ using nlohmann::ordered_json;
 // So many events a block: the browser reads one after the other and stays awake meanwhile.
 constexpr size_t EVENTS_A_BLOCK = 250;
 
-constexpr const char* EVENT_KEYS[] = {"channel", "event_id", "start_epoch", "duration", "genres", "ratings", "texts"};
+constexpr const char* EVENT_KEYS[] = {"channel", "event_id", "start_epoch", "duration", "episode"};
+// Lists that many events share, and what is read of their objects; none: all.
+constexpr std::pair<const char*, std::array<const char*, 8>> LISTS[] = {
+    {"genres", {}},
+    {"contents", {"name", "detail"}},
+    {"ratings", {"country", "age"}},
+    {"components", {"kind", "language", "aspect", "quality", "sound", "codec", "role", "text"}}};
 constexpr const char* CHANNEL_KEYS[] = {"channel",
                                         "lcn",
                                         "name",
@@ -64,10 +72,33 @@ ordered_json picked(const ordered_json& from, const char* const (&keys)[N]) {
   return out;
 }
 
+// Values that stand in the page once, and are named by their number, because a film comes again, and all that a channel
+// sends has the same sound.
+class Distinct {
+ public:
+  size_t number_of(const ordered_json& value) {
+    const auto [at, is_new] = numbers_.emplace(text_of(value), numbers_.size());
+    if (is_new) {
+      fresh_.push_back(value);
+    }
+    return at->second;
+  }
+  // Those that are new since the last call.
+  ordered_json take_fresh() { return std::exchange(fresh_, ordered_json::array()); }
+
+  static std::string text_of(const ordered_json& value) {
+    return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  }
+
+ private:
+  std::map<std::string, size_t> numbers_;
+  ordered_json fresh_ = ordered_json::array();
+};
+
 // As the text of a script element: nothing in it can end the element or begin a comment.
 std::string data_block(const char* what, const ordered_json& data) {
   std::string text;
-  for (const char c : data.dump(-1, ' ', false, ordered_json::error_handler_t::replace)) {
+  for (const char c : Distinct::text_of(data)) {
     if (c == '<') {
       text += "\\u003c";
     } else {
@@ -77,6 +108,48 @@ std::string data_block(const char* what, const ordered_json& data) {
   return fmt::format("<script type=\"application/json\" data-what=\"{}\">{}</script>\n", what, text);
 }
 
+// The list `key` of an event, with what is read of it; contents say something where they have a detail.
+ordered_json short_list(const ordered_json& list, const char* key, const std::array<const char*, 8>& keys) {
+  ordered_json out = ordered_json::array();
+  for (const ordered_json& one : list) {
+    ordered_json shorter = keys[0] == nullptr ? short_form(one) : ordered_json::object();
+    for (const char* wanted : keys) {
+      if (wanted != nullptr && one.is_object() && one.contains(wanted) && !says_nothing(one[wanted])) {
+        shorter[wanted] = short_form(one[wanted]);
+      }
+    }
+    if (!says_nothing(shorter) && (std::string_view(key) != "contents" || shorter.contains("detail"))) {
+      out.push_back(std::move(shorter));
+    }
+  }
+  return out;
+}
+
+ordered_json short_event(const ordered_json& event, Distinct* texts, Distinct* lists) {
+  ordered_json out = picked(event, EVENT_KEYS);
+  if (event.value("running_status", ordered_json()) != 0) {
+    out.update(picked(event, {"running_status"}));
+  }
+  if (event.value("scrambled", ordered_json()) == true) {
+    out["scrambled"] = true;
+  }
+  for (const auto& [key, keys] : LISTS) {
+    if (const auto at = event.find(key); at != event.end() && at->is_array()) {
+      if (ordered_json list = short_list(*at, key, keys); !list.empty()) {
+        out[key] = lists->number_of(list);
+      }
+    }
+  }
+  if (const auto at = event.find("texts"); at != event.end() && at->is_array()) {
+    for (const ordered_json& text : *at) {
+      if (text.is_object()) {
+        out["texts"].push_back(texts->number_of(short_form(text)));
+      }
+    }
+  }
+  return out;
+}
+
 std::string data_blocks(const ordered_json& channels, const ordered_json& guide) {
   ordered_json list = ordered_json::array();
   for (const ordered_json& channel : channels.at("channels")) {
@@ -84,14 +157,25 @@ std::string data_blocks(const ordered_json& channels, const ordered_json& guide)
   }
   std::string out = data_block("channels", list);
   list = ordered_json::array();
+  Distinct texts;
+  Distinct lists;
+  // What events name comes before them.
+  const auto finish_block = [&] {
+    for (const auto& [what, distinct] : {std::pair("texts", &texts), std::pair("lists", &lists)}) {
+      if (const ordered_json fresh = distinct->take_fresh(); !fresh.empty()) {
+        out += data_block(what, fresh);
+      }
+    }
+    out += data_block("events", std::exchange(list, ordered_json::array()));
+  };
   for (const ordered_json& event : guide.at("events")) {
-    list.push_back(picked(event, EVENT_KEYS));
+    list.push_back(short_event(event, &texts, &lists));
     if (list.size() == EVENTS_A_BLOCK) {
-      out += data_block("events", list);
-      list = ordered_json::array();
+      finish_block();
     }
   }
-  return out + data_block("events", list);
+  finish_block();
+  return out;
 }
 
 // Replaces the marks of the template, each of which stands in it once. What is put in is not looked at again.

@@ -22,6 +22,8 @@ class Guide {
     this.byRow = new Map();
     this.languages = new Set();  // tags
     this.genres = new Set();
+    this.texts = [];  // those that events name by a number, because several have them
+    this.lists = [];  // and whatever else
     this.count = 0;
     this.from = 0;
     this.to = 0;
@@ -53,6 +55,33 @@ class Guide {
     this.byRow.set(channel.row, channel);
   }
 
+  readText(given) {
+    const text = {
+      language: tagOf(given.language),
+      title: asText(given.title),
+      description: asText(given.description),
+      extended: asText(given.extended),
+      items: asList(given.items).map((item) => [asText(item.name), asText(item.text)]),
+    };
+    if (text.language && text.title) {
+      this.languages.add(text.language);
+    }
+    return text;
+  }
+
+  // A block of the documents.
+  add(what, given) {
+    if (what === "channels") {
+      this.addChannel(given);
+    } else if (what === "texts") {
+      this.texts.push(this.readText(given));
+    } else if (what === "lists") {
+      this.lists.push(given);
+    } else {
+      this.addEvent(given);
+    }
+  }
+
   addEvent(given) {
     const channel = this.byRow.get(given.channel);
     const start = asNumber(given.start_epoch);
@@ -60,19 +89,11 @@ class Guide {
       return;
     }
     const length = Math.min(LONGEST, Math.max(0, asNumber(given.duration)));
-    const texts = asList(given.texts).map((text) => ({
-      language: tagOf(text.language),
-      title: asText(text.title),
-      description: asText(text.description),
-      extended: asText(text.extended),
-      items: asList(text.items).map((item) => [asText(item.name), asText(item.text)]),
-    }));
-    for (const { language, title } of texts) {
-      if (language && title) {
-        this.languages.add(language);
-      }
-    }
-    const genre = genreOf(asList(given.genres));
+    const texts = asList(given.texts).map((text) => (typeof text === "number" ? this.texts[text] : this.readText(text)))
+      .filter(Boolean);
+    const listed = (value) => asList(typeof value === "number" ? this.lists[value] : value);
+    const genres = listed(given.genres);
+    const genre = genreOf(genres);
     this.genres.add(genre);
     const event = {
       whole: null,  // this one, also in what is shown of it further on
@@ -84,8 +105,13 @@ class Guide {
       shownEnd: start + length,
       place: -1,  // among the shown ones of its channel
       genre,
-      genres: asList(given.genres).map(asText),
-      ratings: asList(given.ratings),
+      genres: genres.map(asText),
+      contents: listed(given.contents),
+      ratings: listed(given.ratings),
+      components: listed(given.components),
+      episode: given.episode ?? {},
+      running: given.running_status,
+      scrambled: given.scrambled === true,
       texts,
       folded: undefined,
     };
@@ -211,11 +237,7 @@ const readGuide = async () => {
   const slices = new Slices();
   await readDocuments(async (what, list) => {
     for (const one of list) {
-      if (what === "channels") {
-        guide.addChannel(one);
-      } else {
-        guide.addEvent(one);
-      }
+      guide.add(what, one);
       await slices.rest();
     }
     await slices.rest();

@@ -66,7 +66,7 @@ class Details {
     const chips = event.genres.map((name) => {
       const genre = genreOf([name]);
       const chip = make("li", "g-" + genre.key);
-      chip.append(genreIcon(genre), name);
+      chip.append(genreIcon(genre), make("span", "", genreText(event, name)));
       return chip;
     });
     for (const { country, age } of event.ratings.filter((rating) => asNumber(rating.age) > 0)) {
@@ -79,20 +79,23 @@ class Details {
     byId("d-chips").replaceChildren(...chips);
     byId("d-chips").hidden = chips.length === 0;
     this.fillTexts(event, text);
-    byId("d-items").replaceChildren(...text.items.map(([name, value]) => {
-      const line = make("div");
-      const term = make("dt", "", name || "More");
-      const data = make("dd", "", value);
-      term.dir = data.dir = "auto";
-      line.append(term, data);
-      return line;
-    }));
+    byId("d-items").replaceChildren(...text.items.map(([name, value]) => this.line(name || "More", value)));
+    byId("d-facts").replaceChildren(...factsOf(event, nowSeconds()).map(([name, value]) => this.line(name, value)));
     setPressed(byId("d-star"), favourites.has(event.channel.id));
     byId("d-before").disabled = !event.channel.shown[event.place - 1];
     byId("d-after").disabled = !event.channel.shown[event.place + 1];
     byId("d-show").hidden = event.place < 0;
     this.fillRepeats(event);
     byId("d-body").scrollTop = 0;
+  }
+
+  line(name, value) {
+    const line = make("div");
+    const term = make("dt", "", name);
+    const data = make("dd", "", value);
+    term.dir = data.dir = "auto";
+    line.append(term, data);
+    return line;
   }
 
   fillTexts(event, text) {

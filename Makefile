@@ -47,6 +47,7 @@ demo: packages-build
 test: packages-build+test
 	@cmake --preset dev
 	@cmake --build --preset dev -j$(JOBS)
+	@scripts/promtool build/dev
 	@ctest --preset dev -j$(TEST_JOBS)
 
 asan tsan: packages-build+test

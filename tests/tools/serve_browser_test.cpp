@@ -126,7 +126,8 @@ TEST_F(Serve_in_browser, channels_and_scan_look_as_the_guide_does_at_every_size)
 
 TEST_F(Serve_in_browser, channels_appear_when_a_scan_ends_and_then_their_signal_and_guide) {
   device_ = "box";
-  Serving server(serve(network("x20"), {"--control", "--freq", "506000000", "--freq", "514000000"}));
+  Serving server(
+      serve(network("x20"), {"--control", "--freq", "506000000", "--freq", "514000000", "--freq", "522000000"}));
   open(server, "/channels");
   EXPECT_EQ(text_of(".empty strong"), "No channels yet");
   ASSERT_EQ(server.post("/scan", "do=start&token=" + server.token()).status, 303);
@@ -139,6 +140,8 @@ TEST_F(Serve_in_browser, channels_appear_when_a_scan_ends_and_then_their_signal_
   EXPECT_TRUE(holds("document.querySelector('.signal.good meter')?.value === 78"));
   EXPECT_THAT(text_of(".readings"),
               AllOf(HasSubstr("Strength"), HasSubstr("78 %"), HasSubstr("SNR"), HasSubstr("98 %")));
+  // As it was last, and not what was read when the adapter had gone on to where there is nothing.
+  EXPECT_EQ(browser_.js("return document.querySelector('.signal.old meter')?.value ?? null"), 78) << text_of(".old");
   EXPECT_TRUE(holds("document.querySelector('tbody .now')?.textContent.startsWith('Uudised until ')"));
   // In the zone of whoever looks, which is two hours east of that of the streams.
   EXPECT_TRUE(holds("/^Uudised until 20:[03]0$/.test(document.querySelector('tbody .now').textContent)"))
@@ -295,10 +298,13 @@ TEST_F(Serve_in_browser, names_stay_text_however_hostile_long_or_turned_they_are
       wide: document.documentElement.scrollWidth - innerWidth,
       height: Math.max(...Array.from(document.querySelectorAll("tbody tr, h2"), (one) => one.offsetHeight)),
       isolated: getComputedStyle(name).unicodeBidi,
+      indent: (() => { const range = document.createRange(); range.selectNodeContents(name);
+        return Math.round(range.getBoundingClientRect().left - row.querySelector("th").getBoundingClientRect().left); })(),
     };)");
   EXPECT_LE(layout["wide"], 0);
   EXPECT_LT(layout["height"], 200) << "the next one stays near";
   EXPECT_EQ(layout["isolated"], "isolate");
+  EXPECT_EQ(layout["indent"], 0) << "it begins where the others do";
   ASSERT_NO_FATAL_FAILURE(open(server, "/"));
   EXPECT_TRUE(holds("document.querySelectorAll('.event.on').length > 3"));
   EXPECT_THAT(browser_.js("return Array.from(document.querySelectorAll('.event.on .title'), (one) => one.textContent)"),

@@ -3,6 +3,7 @@
 
 #include "tools/serve/station.h"
 
+#include <linux/dvb/frontend.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -218,7 +219,8 @@ void Station::sample(const Engine& engine) {
       // The library counts anew for each request.
       multiplex.crc_errors += crc_errors - (crc_errors < last.crc_errors ? 0 : last.crc_errors);
       multiplex.overflows += overflows - (overflows < last.overflows ? 0 : last.overflows);
-      if (signal.age_ms >= 0) {
+      // Not what is read when it has gone on to the next one.
+      if (signal.age_ms >= 0 && (signal.status & FE_HAS_LOCK) != 0) {
         multiplex.signal = signal;
         multiplex.seen = time(nullptr);
       }

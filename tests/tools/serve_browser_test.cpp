@@ -234,6 +234,31 @@ TEST_F(Serve_in_browser, the_guide_follows_what_is_collected) {
   EXPECT_EQ(server.end().exit_code, 0);
 }
 
+TEST_F(Serve_in_browser, a_guide_that_was_empty_shows_the_first_that_comes_whenever_that_is) {
+  make_prepared_db(db_);
+  Serving server(stored());
+  ASSERT_NO_FATAL_FAILURE(open(server, "/"));
+  EXPECT_EQ(browser_.js("return document.querySelectorAll('.event').length"), 0);
+  const int64_t day = 86400, early = time(nullptr) / day * day + 20 * day + day / 2;
+  const auto add = [&](int64_t start) {
+    run_sql(guide_, fmt::format("INSERT INTO epglist (channel, ev_id, start_epoch, dur_sec, content_id, rating) "
+                                "VALUES (1, {0}, {0}, 3600, '', '')",
+                                start));
+  };
+  add(early);
+  EXPECT_TRUE(holds("document.querySelectorAll('.event').length === 1"));
+  EXPECT_TRUE(
+      holds("(() => { const one = document.querySelector('.event').getBoundingClientRect(); return one.left >= 0 && "
+            "one.right <= innerWidth; })()"));
+  // From then on the view stays where it is.
+  const json left = browser_.js("return document.getElementById('guide').scrollLeft = 700");
+  add(early + 3 * day);
+  EXPECT_TRUE(holds("document.querySelectorAll('#days button').length > 3"));
+  EXPECT_EQ(browser_.js("return document.getElementById('guide').scrollLeft"), left);
+  expect_same_document();
+  expect_quiet(server);
+}
+
 TEST_F(Serve_in_browser, pages_follow_changes_and_say_when_they_cannot) {
   make_prepared_db(db_);
   Serving server(stored());

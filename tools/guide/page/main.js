@@ -177,7 +177,8 @@ const firstTime = (guide) => {
 // In steps: each may take as long as the browser can be without us.
 const present = async (guide) => {
   await pause();
-  const left = state.guide === null ? undefined : grid.leftTime;
+  // Who looks stays where he is, if there was something to look at and there still is.
+  const left = state.guide !== null && state.guide.count > 0 ? grid.leftTime : -1;
   state.guide = guide;
   makeDays();
   makeLegend();
@@ -191,7 +192,7 @@ const present = async (guide) => {
   delete byId("days").dataset.day;
   grid.ticks = "";
   await pause();
-  showChannels(left ?? firstTime(guide));
+  showChannels(left >= guide.from && left < guide.to ? left : firstTime(guide));
   clockText();
   if (!search.box.hidden) {
     search.find();

@@ -138,9 +138,22 @@ TEST_F(Demux_read_blocking, blocks_until_a_section_comes) {
   EXPECT_EQ(got, 100);
 }
 
+// Until the thread waits in the kernel, which of a thread that does nothing but read is the read.
+static void wait_until_asleep(const std::atomic<pid_t>& thread) {
+  std::string state;
+  while (thread == 0 || state.find(") S ") == std::string::npos) {
+    usleep(1000);
+    state = support::read_file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  }
+}
+
 TEST_F(Demux_read_blocking, holds_up_other_threads_ioctls_while_it_blocks) {
-  std::thread reader([&] { read_size(fd); });
-  usleep(20000);
+  std::atomic<pid_t> reading{0};
+  std::thread reader([&] {
+    reading = gettid();
+    read_size(fd);
+  });
+  wait_until_asleep(reading);
   std::atomic<bool> stopped{false};
   std::thread stopper([&] {
     ioctl(fd, DMX_STOP);

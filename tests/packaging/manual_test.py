@@ -3,7 +3,7 @@
 
 """manual_test.py SOURCE BUILD VERSION DATE: the manual pages that would be installed. Each has the version's date and is
 laid out without a warning of groff and mandoc (where these are there); what one names of our own is there; each program has
-one, with every subcommand and option of its --help; the examples of descriptions and traces can be used."""
+one, with every subcommand and option of its --help, kelvo's synopsis, too; the examples of descriptions and traces can be used."""
 
 import pathlib
 import re
@@ -46,6 +46,19 @@ def missing_of(program, page, *commands):
     return missing
 
 
+def missing_in_synopsis(program, page):
+    """Options that a command has by its --help and not by the page's synopsis, under their long or short name."""
+    missing, shown = [], {}
+    for part in re.search(r"^\.SH SYNOPSIS\n(.*?)^\.SH", page, re.MULTILINE | re.DOTALL)[1].split(".br\n"):
+        shown.setdefault(re.match(rf"\.B ({program.name}(?: [a-z]+)*)", part)[1], set()).update(re.findall(r"-+[a-z][a-z-]*", part))
+    for command, options in shown.items():
+        text = subprocess.run([program, *command.split()[1:], "--help"], capture_output=True, text=True, check=True).stdout
+        for names in re.findall(r"^  (-\S+)", text, re.MULTILINE):
+            if not options & set(names.split(",")) and not re.search("--(help|version)", names):
+                missing.append(f"{command} {names}")
+    return missing
+
+
 def examples(pages, build, folder):
     """Examples that are files, used by the programs that they are for."""
     def example(name):
@@ -83,11 +96,13 @@ def main():
             other = plain(other)
             if re.match("(kelvo|softdvb)", other) and f"{other}.{section}" not in pages:
                 problems.append(f"{name} names {other}({section}), which is not there")
-    for program in (build / "tools/kelvo", build / "tools/tv_grab_kelvo", build / "tools/tv_grab_kelvo", build / "softdvb/softdvb",
+    for program in (build / "tools/kelvo", build / "tools/tv_grab_kelvo", build / "softdvb/softdvb",
                     build / "softdvb/mux/softdvb-mux"):
         if program.exists():
             page = plain(pages[f"{program.name}.1"])
             problems += [f"{program.name}.1 lacks {name}" for name in missing_of(program, page)]
+            if program.name == "kelvo":
+                problems += [f"the synopsis of kelvo.1 lacks {name}" for name in missing_in_synopsis(program, page)]
     with tempfile.TemporaryDirectory() as work:
         problems += examples(pages, build, pathlib.Path(work))
     print("\n".join(problems) or f"{len(pages)} pages")

@@ -49,11 +49,16 @@ _kelvo() {
   done
 
   local value=
-  [[ $previous == -* ]] && value=${values[$previous]-}
-  if [[ $previous == '=' || $word == '=' ]]; then  # bash cuts FREQ=FILE in three
-    mapfile -t COMPREPLY < <(compgen -f -- "${word#=}")
-    return
+  if [[ $previous == '=' || $word == '=' ]]; then  # bash cuts --OPTION=VALUE and FREQ=FILE in three
+    previous=${COMP_WORDS[COMP_CWORD - 1]}
+    [[ $word == '=' ]] || previous=${COMP_WORDS[COMP_CWORD - 2]-}
+    word=${word#=}
+    if [[ $previous != --* ]]; then
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+    fi
   fi
+  [[ $previous == -* ]] && value=${values[$previous]-}
   if [[ -z $value && $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "${options[*]}" -- "$word")
     return

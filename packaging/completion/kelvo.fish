@@ -68,7 +68,12 @@ function __kelvo_complete
         end
     end
 
-    if test -z "$value"
+    set -l before
+    if test -z "$value" && string match -q -- '--*=*' $word  # --OPTION=VALUE
+        set before (string replace -r '=.*' '=' -- $word)
+        set value (string match -r "^option\t"(string trim -r -c = -- $before)"\t([^\t]*)\t" -- $help)[2]
+        set word (string replace -- $before '' $word)
+    else if test -z "$value"
         if string match -q -- '-*' $word
             string replace -rf "^option\t([^\t]*)\t[^\t]*\t" '$1\t' -- $help
             return
@@ -104,7 +109,7 @@ function __kelvo_complete
         case '*|*'
             # Words to choose from; those in capitals stand for something else.
             string split '|' -- $value | string match -rv '[A-Z]'
-    end
+    end | string replace -r '^' -- "$before"
 end
 
 for program in kelvo softdvb softdvb-mux tv_grab_kelvo

@@ -20,7 +20,7 @@ BASH = """
 . "$SCRIPT"
 while IFS= read -r line; do
   COMP_LINE=$line COMP_POINT=${#line} COMPREPLY=()
-  read -ra COMP_WORDS <<<"$line"
+  read -ra COMP_WORDS <<<"${line//=/ = }"  # as bash cuts words
   [[ $line == *' ' ]] && COMP_WORDS+=("")
   COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
   _kelvo "${COMP_WORDS[0]}" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
@@ -128,7 +128,9 @@ def ask(shell, source, questions, folder, environment):
             line = answer[2:]
             answers[line] = set()
         else:
-            answers[line].add(answer.split("\t")[0])
+            answer = answer.split("\t")[0]
+            # fish and zsh have the whole word, bash what stands behind '='.
+            answers[line].add(answer.rpartition("=")[2] if line.endswith("=") or "=" in line.split()[-1] else answer)
     return answers
 
 
@@ -137,7 +139,7 @@ def main():
     if not shutil.which(shell):
         print(f"skipped: {shell} is not installed")
         return 77
-    programs = [build / "tools/kelvo", build / "tools/tv_grab_kelvo", build / "tools/tv_grab_kelvo", build / "softdvb/softdvb",
+    programs = [build / "tools/kelvo", build / "tools/tv_grab_kelvo", build / "softdvb/softdvb",
                 build / "softdvb/mux/softdvb-mux"]
     programs = [str(program) for program in programs if program.exists()]
     expected = {}
@@ -148,6 +150,13 @@ def main():
     expected |= {
         "kelvo channels --db ": here,
         "kelvo epg --day to": {"today", "tomorrow"},
+        "kelvo epg --format=": {"table", "json", "xmltv", "csv", "ics"},
+        "kelvo epg --format=x": {"xmltv"},
+        "kelvo scan --profile=b": {"box"},
+        "kelvo channels --db=chan": {"channels.db"},
+        "softdvb --mux 506000000=str": {"stream.ts"},
+        "tv_grab_kelvo --configure-": {"--configure-api"},
+        "tv_grab_kelvo --output ": here,
         "kelvo epg --db scan --no": {"--now"},
         "kelvo scan --country ": set(),
         "kelvo trace convert st": {"stream.ts"},

@@ -22,6 +22,8 @@ def installed_files(cmake, build, folder):
                    env=os.environ | {"DESTDIR": str(folder)})
     for path in sorted(folder.rglob("*")):
         if path.is_dir() and not path.is_symlink():
+            if not any(path.iterdir()):
+                yield f"{path.relative_to(folder)}/, an empty folder"
             continue
         name = str(path.relative_to(folder))
         name = re.sub(r"^usr/lib/(?:[^/]*-linux-[^/]*/)?(libkelvo|pkgconfig|cmake)", r"usr/lib/machine/\1", name)
@@ -72,6 +74,8 @@ def main():
             said = subprocess.run([build / program, "--version"], capture_output=True, text=True)
             if (said.returncode, said.stdout) != (0, f"{pathlib.Path(program).name} {version}\n"):
                 problems.append(f"{program} --version says '{said.stdout}'")
+        if f"<binary>{pathlib.Path(program).name}</binary>" not in (build / "packaging/kelvo.metainfo.xml").read_text():
+            problems.append(f"kelvo.metainfo.xml lacks {program}")
 
     control = (debian / "control").read_text()
     asked = set(re.findall(r"^ ([a-z0-9+.-]+)", re.search(r"^Build-Depends:\n((?: .*\n)+)", control, re.MULTILINE)[1], re.MULTILINE))

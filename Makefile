@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint memory asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross guide-check doc deb deb-check packages-%
+.PHONY: help demo test install clean format lint memory asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross guide-check doc deb deb-check units-check packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -15,7 +15,8 @@ SOURCES = $(shell git ls-files '*.cpp' '*.h' 2>/dev/null || find . -path ./build
 help:
 	@echo "make demo      build, scan a made-up network through the software adapter, print its channels"
 	@echo "make test      build and run all tests"
-	@echo "make install   install the library, its headers and the programs (PREFIX=$(PREFIX), DESTDIR=)"
+	@echo "make install   install the library, its headers and the programs (PREFIX=$(PREFIX), DESTDIR=), with sudo where"
+	@echo "               only root may write"
 	@echo "make format    lay out all sources with clang-format"
 	@echo "make lint      check layout, spelling, scripts, includes and code"
 	@echo "make memory    the tests under AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer"
@@ -33,6 +34,7 @@ help:
 	@echo "make doc       the headers and the pages of docs/ as HTML, in build/doc/html"
 	@echo "make deb       Debian packages in build/deb; deb-check: twice, compared, looked at by lintian and blhc, and tried in a"
 	@echo "               clean root"
+	@echo "make units-check  systemd starts the units, in a machine of QEMU's"
 	@echo "make guide-check  guide and server's pages in a browser: accessibility (axe-core, fetched by npm), ten thousand events"
 	@echo "make clean     remove everything built"
 	@echo
@@ -60,8 +62,7 @@ memory: asan
 install: packages-build
 	@cmake --preset release -DKELVO_BENCH=OFF -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
 	@cmake --build build/install -j$(JOBS)
-	@DESTDIR="$(DESTDIR)" cmake --install build/install --strip
-	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" -eq 0 ]; then ldconfig; fi
+	@scripts/install build/install "$(DESTDIR)" "$(PREFIX)"
 
 format: packages-lint
 	@clang-format -i $(SOURCES)
@@ -129,6 +130,9 @@ deb: packages-build+deb
 
 deb-check: packages-build+deb
 	@JOBS=$(JOBS) scripts/deb-check
+
+units-check: packages-build+deb+units
+	@JOBS=$(JOBS) scripts/units-check
 
 clean:
 	@rm -rf build

@@ -255,7 +255,7 @@ class Hostile_texts : public Guide_fixture, public testing::WithParamInterface<c
     expect_harmless_lines(page);
     EXPECT_EQ(support::count_of(page, "<script"), 1U);
     for (int i = 0; i < COUNT; ++i)
-      EXPECT_THAT(page, testing::HasSubstr("<bdi>" + html_text(shown(i)) + "</bdi>"));
+      EXPECT_THAT(page, testing::HasSubstr("<bdi class=\"cut\">" + html_text(shown(i)) + "</bdi>"));
     const std::string metrics = server.get("/metrics").body;
     expect_harmless_lines(metrics);
     EXPECT_EQ(samples_of(metrics).count("kelvo_channels{frequency=\"506000000\"}"), 1U);

@@ -69,6 +69,15 @@ class Channel_programs : public Command_fixture {
     return {result.out + result.err, support::read_file(log)};
   }
 
+  // A program that plays for ever, ended once it has asked the adapter for this, or after a minute.
+  Words until(const std::string& asked, const Words& program) const {
+    return joined({{"sh", "-c",
+                    "log=$1 asked=$2; shift 2; \"$@\" & "
+                    "for i in $(seq 600); do sleep 0.8; ! grep -q \"$asked\" \"$log\" || break; done; kill $!; wait",
+                    "sh", dir_.file("log"), asked},
+                   program});
+  }
+
   static bool installed(const std::string& program) { return run_command({"which", program}).exit_code == 0; }
 
   Words on_air_;
@@ -168,9 +177,10 @@ TEST_F(Channel_programs, vlc_plays_the_tracks_of_xspf) {
     const std::string playlist = dir_.file("one.xspf");
     support::write_file(playlist,
                         tracks.substr(0, first) + tracks.substr(begin, end - begin) + "</trackList></playlist>\n");
-    const Tuned tuned = tuned_by({"timeout", "600", "cvlc", "--intf", "dummy", "--verbose", "2", "--no-video",
-                                  "--no-audio", "--no-media-library", "--run-time", "10", playlist, "vlc://quit"},
-                                 {{"HOME", dir_.path()}}, as_user);
+    const Tuned tuned =
+        tuned_by(until(std::string("DMX_SET_PES_FILTER ") + c.stream,
+                       {"cvlc", "--intf", "dummy", "--no-video", "--no-audio", "--no-media-library", playlist}),
+                 {{"HOME", dir_.path()}}, as_user);
     EXPECT_THAT(tuned.calls, ContainsRegex(std::string("FE_SET_PROPERTY .*") + c.asked)) << c.title << tuned.text;
     EXPECT_THAT(tuned.calls, ContainsRegex(std::string("DMX_SET_PES_FILTER ") + c.stream + "output=2 .* = 0\n"))
         << c.title << tuned.text;
@@ -228,9 +238,9 @@ TEST_F(Channel_programs, mpv_finds_the_links_of_m3u_in_the_list_of_vdr) {
     EXPECT_THAT(links, HasSubstr("\n" + c.link + "\n"));
     const std::string playlist = dir_.file("one.m3u");
     support::write_file(playlist, "#EXTM3U\n" + c.link + "\n");
-    const Tuned tuned = tuned_by({"timeout", "60", "mpv", "--load-unsafe-playlists", "--vo=null", "--ao=null",
-                                  "--demuxer-lavf-analyzeduration=0.1", "--end=1", playlist},
-                                 {{"MPV_HOME", dir_.path()}});
+    const Tuned tuned =
+        tuned_by(until("FE_SET_PROPERTY.* 3=", {"mpv", "--load-unsafe-playlists", "--vo=null", "--ao=null", playlist}),
+                 {{"MPV_HOME", dir_.path()}});
     EXPECT_THAT(tuned.calls, HasSubstr(std::string("FE_SET_PROPERTY ") + c.asked)) << c.link << tuned.text;
   }
 }

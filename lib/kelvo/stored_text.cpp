@@ -53,6 +53,13 @@ std::string unjoined(std::string_view text) {
   return out;
 }
 
+// Null where the system lacks it. Made once, for all threads: making one reads files, and a search among channels
+// compares hundreds of names.
+locale_t unicode_locale() {
+  static const locale_t made = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  return made;
+}
+
 }  // namespace
 
 std::string Stored_text::converted(std::string text, Lines lines) {
@@ -79,7 +86,7 @@ void Stored_text::show(Programme* event) {
 }
 
 std::string Stored_text::lower_case(const std::string& text) {
-  const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  const locale_t unicode = unicode_locale();
   const locale_t before = unicode != nullptr ? uselocale(unicode) : nullptr;
   std::string out;
   std::mbstate_t in_state{};
@@ -98,9 +105,7 @@ std::string Stored_text::lower_case(const std::string& text) {
     out.append(bytes, written <= sizeof bytes ? written : 0);
     at += size;
   }
-  if (unicode != nullptr) {
+  if (unicode != nullptr)
     (void)uselocale(before);
-    freelocale(unicode);
-  }
   return out;
 }

@@ -267,6 +267,21 @@ void Kelvo::set_scan(bool on) {
 }
 
 void Kelvo::set_tuner(bool connect) {
+  // One at a time: a device that another thread's tuner still has, or has already, would be found busy. To connect
+  // meanwhile is as if it had come before the other, so nobody who is called by a tuner that goes waits for its end.
+  std::atomic_flag& switching = parts_->tuner_switches;
+  while (switching.test_and_set()) {
+    if (connect)
+      return;
+    switching.wait(true);
+  }
+  const struct End {
+    std::atomic_flag& flag;
+    ~End() {
+      flag.clear();
+      flag.notify_all();
+    }
+  } end{switching};
   if (connect != parts_->tuner.empty())
     return;
   if (connect) {

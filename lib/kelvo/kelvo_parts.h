@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <atomic>
+
 #include "base/multiplex.h"
 #include "kelvo/kelvo.h"
 #include "kelvo/listeners.h"
@@ -54,6 +56,7 @@ class Kelvo::Parts {
   // Deleted from the last to the first.
   KelvoMainThread worker;
   Tuner_slot tuner;
+  std::atomic_flag tuner_switches;  // set while a thread puts a tuner in or takes it out
   Section_filter filter;
   Siparse parser;
 

@@ -61,6 +61,20 @@ class Requests : public Kelvo_run {
 
 }  // namespace
 
+// --- The tuner's switch ----------------------------------------------------------------------------------------------
+
+TEST_F(Requests, tuner_that_two_threads_switch_on_keeps_its_device) {
+  make();
+  kelvo_->set_tuner(false);
+  hold_at_message(" Front end name is");  // it has the device by then
+  std::thread other([&] { kelvo_->set_tuner(true); });
+  EXPECT_TRUE(gate_.wait_until_reached());
+  kelvo_->set_tuner(true);
+  gate_.open();
+  other.join();
+  ask("a");
+}
+
 // --- Message state ---------------------------------------------------------------------------------------------------
 
 TEST_F(Requests, answer_of_0_comes_before_the_request_counts_as_answered) {

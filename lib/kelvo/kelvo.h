@@ -165,7 +165,8 @@ class KELVO_EXPORT Kelvo {
   // than ~Tuner while somebody tunes. A new tuner knows nothing of the one before: it is tuned to 474 MHz, has no event
   // callback, sends no events and forgets frequency and channel of the last request, so that the host asks for its
   // multiplex again. A device that is missing is printed; readings are then those of a Tuner without one. The same
-  // state again does nothing. Prints what it does at verbosity 3.
+  // state again does nothing. While another thread is in here, disconnecting waits for it, and connecting does nothing,
+  // as if it had come before. Prints what it does at verbosity 3.
   void set_tuner(bool connect);
 
   // Replaces the contents of `progress` by one entry for each service whose guide is collected on the multiplex tuned;

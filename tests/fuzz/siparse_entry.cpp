@@ -83,17 +83,14 @@ class Receiver {
   }
 
   void begin() {
-    sqlite3* conn = support::conn_of(db_);
-    const int changes = sqlite3_total_changes(conn);
-    if (changes != changes_) {
+    sqlite3* const conn = support::conn_of(db_);
+    if (sqlite3_total_changes(conn) != changes_) {
+      for (const char* schema : {"main", "epg_db"})
+        empty(schema);
       // One television service, so that PMTs are refreshed and a guide is collected.
-      for (const char* sql :
-           {"DELETE FROM kanalid", "DELETE FROM kanalid_lang", "DELETE FROM estreams", "DELETE FROM epglist",
-            "DELETE FROM epglist_lang",
-            "INSERT INTO kanalid (channel, dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, serv_type) "
-            "VALUES (1, 1, 3, 506000000, 1, 256, 257, 1)"}) {
-        (void)db_.sql_cache(true, 0, sql);
-      }
+      (void)db_.sql_cache(true, 0,
+                          "INSERT INTO kanalid (channel, dvb_type, hf_conn, freq, pat_prnr, pmt_pid, pcr_pid, "
+                          "serv_type) VALUES (1, 1, 3, 506000000, 1, 256, 257, 1)");
       db_.clear_temp_tables(0);
       changes_ = sqlite3_total_changes(conn);
     }
@@ -140,6 +137,14 @@ class Receiver {
   }
 
  private:
+  // Some tables are made when something is first stored in them. What stayed there would make the inputs behind it
+  // slower and slower.
+  void empty(const std::string& schema) {
+    const std::string tables = "SELECT name FROM " + schema + ".sqlite_master WHERE type = 'table'";
+    for (const std::string& table : support::rows(support::conn_of(db_), tables))
+      (void)db_.sql_cache(true, 0, ("DELETE FROM " + schema + "." + table).c_str());
+  }
+
   void merge() {
     std::vector<Channel_change> changes;
     (void)merger_->merge(0, {{Connector{3}, Delivery{1}}, FREQ}, SCAN_PAT, parser_.parts().details(), &changes);

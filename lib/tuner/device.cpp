@@ -112,7 +112,7 @@ void Device::close_here() {
     if (closed >= 0 && polling_ != nullptr && polled_ == closed) {
       polled_ = -1;
       polling_->wake();
-      use_ended_.wait(lock, [this] { return polling_ == nullptr; });
+      use_ended_.wait(lock, [this, before = polls_ended_] { return polls_ended_ != before; });
     }
   }
   if (closed >= 0)
@@ -214,6 +214,7 @@ bool Device::end_polling(int device) {
     if (taken_away)
       polling_->take();  // before the closing goes on, and with it whoever wakes for something else
     polling_ = nullptr;
+    ++polls_ended_;
   }
   use_ended_.notify_all();
   return taken_away;

@@ -99,5 +99,6 @@ class Device {
   int device_ = -1;
   const Wake_up* polling_ = nullptr;  // ends the wait for events that is under way
   int polled_ = -1;                   // what that one waits on
+  unsigned polls_ended_ = 0;          // the next one may begin before who waits for the end of one is told
   dvb_frontend_info info_{};
 };

@@ -4,7 +4,10 @@
 // The signal monitor of a tuner, pass by pass, and the waits of both threads to the millisecond.
 #include <linux/dvb/frontend.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+
+#include <filesystem>
 
 #include "tuner/fake_tuner.h"
 
@@ -364,6 +367,23 @@ TEST_F(Monitor_test, destruction_ends_the_wait_of_the_monitor) {
   const support::Stderr_capture capture;  // the readings of the pass that it was in fail
   tuner.reset();
   EXPECT_EQ(frontend.take_monitor_calls(), Texts());
+}
+
+// Who closes the device is told that the wait ended, and runs only when the monitor is in the next one: all threads
+// share a processor, this one has the last turn, and of the monitor's 200 ms nothing is left.
+TEST_F(Monitor_test, destruction_misses_no_end_of_a_wait) {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
+    ASSERT_EQ(sched_setaffinity(std::stoi(thread.path().filename()), sizeof one, &one), 0);
+  const sched_param none{};
+  ASSERT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
+  until([=] { return std::chrono::steady_clock::now() >= end; });
+  const support::Stderr_capture capture;  // the readings of the pass that it was in fail
+  tuner.reset();
+  EXPECT_FALSE(frontend.is_open());
 }
 
 }  // namespace

@@ -35,6 +35,7 @@ constexpr int UNPLUGGED_EACH_H = 7;  // for some minutes
 constexpr int UNPLUGGED_S = 400;
 constexpr int EXPORT_EACH_H = 24;  // which purges old events, too
 
+time_t first_hour = 0;  // seconds since 1970
 std::mutex printing;
 std::binary_semaphore answered(0);
 
@@ -78,8 +79,9 @@ void on_scan_end(void*, const Scan_end& end) {
 
 void on_guide(void*, const std::vector<Guide_change>& changes) {
   const std::lock_guard<std::mutex> lock(printing);
+  const int at = static_cast<int>((time(nullptr) - first_hour) / HOUR_S);
   for (const Guide_change& c : changes)
-    printf("guide channel=%d event=%d start=%d kind=%d\n", c.channel, c.event_id, c.start, c.kind);
+    printf("guide at=%d channel=%d event=%d start=%d kind=%d\n", at, c.channel, c.event_id, c.start, c.kind);
 }
 
 void control(const char* line) {
@@ -122,7 +124,8 @@ int main(int argc, char** argv) {
   verbosity_kelvo = -1;
   timespec begin{};
   (void)clock_gettime(CLOCK_MONOTONIC, &begin);
-  begin.tv_sec += static_cast<time_t>(atoll(argv[4])) - time(nullptr);
+  first_hour = static_cast<time_t>(atoll(argv[4]));
+  begin.tv_sec += first_hour - time(nullptr);
   channel_file = std::string(argv[1]).substr(std::string(argv[1]).rfind('/') + 1);
   (void)sqlite3_auto_extension(reinterpret_cast<void (*)()>(on_connection));
   Sdbl database(argv[1]);

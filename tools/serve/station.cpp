@@ -201,7 +201,7 @@ void Station::sample(const Engine& engine) {
       crc_errors += static_cast<uint64_t>(lost.crc_errors);
       overflows += static_cast<uint64_t>(lost.overflows);
     }
-    const uint64_t sections = counters_[number].sections;
+    const uint32_t sections = counters_[number].sections;
     Reading& last = readings_[number];
     if (tuning.key != last.freq) {
       last.freq = tuning.key;
@@ -215,7 +215,7 @@ void Station::sample(const Engine& engine) {
     state.signal = signal;
     if (tuning.key != 0 && tuning.outcome == TUNING_LOCKED) {
       Multiplex_state& multiplex = state_.multiplexes[{number, tuning.key}];
-      multiplex.sections += sections - last.sections;
+      multiplex.sections += sections - last.sections;  // also where the counter began again
       // The library counts anew for each request.
       multiplex.crc_errors += crc_errors - (crc_errors < last.crc_errors ? 0 : last.crc_errors);
       multiplex.overflows += overflows - (overflows < last.overflows ? 0 : last.overflows);

@@ -93,13 +93,14 @@ class Station {
 
  private:
   using Clock = Adapter::Clock;
-  // What the library counts on an adapter's worker.
+  // What the library counts on an adapter's worker. 32 bits, since there are machines without atomics of 64; only
+  // differences are read.
   struct Counter {
-    std::atomic<uint64_t> sections{0};
+    std::atomic<uint32_t> sections{0};
   };
   // What was read of an adapter last, to tell what is new.
   struct Reading {
-    uint64_t sections = 0;
+    uint32_t sections = 0;
     uint64_t crc_errors = 0;
     uint64_t overflows = 0;
     int freq = 0;

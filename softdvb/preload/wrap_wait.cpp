@@ -9,6 +9,7 @@
 #include <sys/select.h>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -286,7 +287,12 @@ static int epoll_any(int fd, epoll_event* events, int n, int64_t virtual_ns, con
     catch_up();
   const int64_t real_ns = real_timeout(virtual_ns);
   const timespec time = from_nanos(std::max<int64_t>(real_ns, 0));
-  return SOFTDVB_REAL(epoll_pwait2)(fd, events, n, real_ns < 0 ? nullptr : &time, mask);
+  const int ready = SOFTDVB_REAL(epoll_pwait2)(fd, events, n, real_ns < 0 ? nullptr : &time, mask);
+  if (ready >= 0 || errno != ENOSYS)
+    return ready;
+  // Kernels before 5.11, and qemu, wait for whole milliseconds only.
+  const int64_t ms = std::min<int64_t>((real_ns + MS - 1) / MS, std::numeric_limits<int>::max());
+  return SOFTDVB_REAL(epoll_pwait)(fd, events, n, real_ns < 0 ? -1 : static_cast<int>(ms), mask);
 }
 
 SOFTDVB_EXPORT int epoll_wait(int fd, epoll_event* events, int n, int timeout_ms) {

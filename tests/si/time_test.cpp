@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
 // TDT, TOT and the arithmetic of dates.
+#include <chrono>
 #include <limits>
 
 #include "si/recorded_clock.h"
@@ -51,11 +52,9 @@ TEST(Dates, mjd_to_bcd) {
 
 TEST(Dates, every_day_follows_the_day_before) {
   for (unsigned mjd = 40587; mjd <= 65535; ++mjd) {
-    const time_t seconds = static_cast<time_t>(mjd - 40587) * 86400;
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    const unsigned expected =
-        static_cast<unsigned>((utc.tm_year + 1900) * 10000 + (utc.tm_mon + 1) * 100 + utc.tm_mday);
+    const std::chrono::year_month_day date = std::chrono::sys_days(std::chrono::days(mjd - 40587));
+    const unsigned expected = static_cast<unsigned>(static_cast<int>(date.year())) * 10000 +
+                              static_cast<unsigned>(date.month()) * 100 + static_cast<unsigned>(date.day());
     ASSERT_EQ(Siparse::bcd_to_int(Siparse::mjd_to_bcd(mjd)), expected) << mjd;
   }
 }
@@ -179,7 +178,8 @@ TEST_F(Time_tables, a_date_of_garbage_is_converted_without_a_fault) {
   scan(tdt(0xFFFF, 0xFFFFFF));
   scan(tdt(0, 0));
   scan(tot(0xFFFF, 0xFFFFFF, {}));
-  EXPECT_EQ(recorded_clock.take_settings().size(), 3u);
+  // A clock of 32 bits shows neither 1858 nor April 2038, and is left alone.
+  EXPECT_EQ(recorded_clock.take_settings().size(), sizeof(time_t) > 4 ? 3u : 0u);
 }
 
 TEST_F(Time_tables, a_tdt_reads_the_clock_before_anything_else_and_a_tot_behind_its_offsets) {

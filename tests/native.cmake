@@ -26,8 +26,26 @@ native_tests(softdvb_time_test Virtual_time.children_have_the_same)
 
 # Programs of this machine under the adapter: dvb-tools, other scanners, a browser; a shell, cat, date.
 native_tests(softdvb_programs_test *)
-native_tests(tools_receivers_test Channel_programs.* Recorded_channels.*)
+native_tests(tools_receivers_test Channel_programs.* Recorded_channels.* Two_frontends.serve_another_program_as_well
+             Devices/Receivers.find_at_least_what_other_programs_find/*)
 native_tests(tools_scan_test Scan.a_full_disk_is_an_error)
+native_tests(tools_epg_update_command_test Epg_update.no_half_made_database_stays_when_there_is_no_room
+             Epg_update.a_full_disk_is_one_line_and_the_guide_stays_sound)
+native_tests(tools_device_gone_test Device_gone.ends_a_measurement
+             Device_gone.is_waited_for_by_a_watch_which_goes_on)
+native_tests(tools_watch_test Watch.says_when_there_is_no_lock_and_when_it_comes
+             Watch.says_when_quality_is_lost_and_back Watch.a_reader_that_goes_away_ends_it)
+native_tests(tools_watch_clock_test Watch_clock.says_by_how_much_the_clock_was_set
+             Watch_clock.says_that_a_clock_before_2000_is_set Watch_clock.says_once_what_is_done_at_every_time_table
+             Watch_clock.says_that_a_zone_could_not_be_set Watch_clock.takes_the_zone_of_the_network_that_is_named
+             Watch_clock.says_which_zone_was_set)
+native_tests(tools_play_test Play.waits_for_a_signal_that_is_lost Play.writes_the_whole_multiplex
+             Play.ends_when_the_device_is_pulled_out Play.ends_quietly_when_its_reader_goes_away
+             Play.ends_with_whole_packets_at_ctrl_c Play.writes_into_a_named_pipe)
+
+# A million records: two minutes are too short for the emulator.
+native_tests(tools_trace_test Trace_convert.a_million_records_are_all_in_tdi_and_log
+             Trace_convert.a_million_records_are_all_in_json)
 native_tests(softdvb_launcher_test Launcher.keeps_the_root_it_was_given
              Control.changes_a_running_adapter_from_the_shell)
 native_tests(softdvb_log_test Log.tells_the_names_of_errors Log.records_clocks_that_are_set

@@ -54,7 +54,7 @@ TEST(Player, is_heard) {
        "--pace fast --once --section 0x100/0x42=drop@2 --section 256=double@5 --section 256=cut:8@8 "
        "--section 0x100=crc@11*2 --section 0x101=drop",
        "tune=506000000 wait=300", "0 2 3 4 4 5 6 7/8 8 9 12 13 14 15 16 17 18 19 "},
-      {"silence from a time on that does not come", "--time x20 --once --section 0x100=silence+100",
+      {"silence from a time on that does not come", "--time x20 --start filter --once --section 0x100=silence+100",
        "tune=506000000 wait=3000", numbers(0, 20)},
       {"silence", "--time x20 --once --section 0x100=silence", "tune=506000000 wait=3000", ""}};
   for (const Play& c : CASES) {

@@ -80,9 +80,9 @@ TEST_P(Receivers, say_that_another_program_has_them) {
 
 TEST_P(Receivers, say_that_they_are_gone) {
   Words mhz{"474"};
-  for (int silent = 602; silent < 762; silent += 8)
+  for (int silent = 602; silent <= 858; silent += 8)
     mhz.push_back(std::to_string(silent));
-  const Command_result result = run_command(kelvo(joined({on_air(), {"--unplug", "15"}}), freqs(mhz)));
+  const Command_result result = run_command(kelvo(joined({on_air(), {"--unplug", "40"}}), freqs(mhz)));
   EXPECT_EQ(result.exit_code, 1) << result.err;
   EXPECT_THAT(result.err, HasSubstr("adapter 0 is gone"));
   EXPECT_EQ(count("474000000"), "8") << "what was found is kept";

@@ -42,13 +42,13 @@ native_tests(tools_watch_clock_test Watch_clock.says_by_how_much_the_clock_was_s
 native_tests(tools_play_test Play.waits_for_a_signal_that_is_lost Play.writes_the_whole_multiplex
              Play.ends_when_the_device_is_pulled_out Play.ends_quietly_when_its_reader_goes_away
              Play.ends_with_whole_packets_at_ctrl_c Play.writes_into_a_named_pipe)
-
-# A million records: two minutes are too short for the emulator.
-native_tests(tools_trace_test Trace_convert.a_million_records_are_all_in_tdi_and_log
-             Trace_convert.a_million_records_are_all_in_json)
 native_tests(softdvb_launcher_test Launcher.keeps_the_root_it_was_given
              Control.changes_a_running_adapter_from_the_shell)
 native_tests(softdvb_log_test Log.tells_the_names_of_errors Log.records_clocks_that_are_set
              Log.is_written_by_all_processes_and_emptied_at_the_start)
 native_tests(softdvb_processes_test Processes.programs_started_see_the_devices)
 native_tests(softdvb_sandbox_test Sandbox.holds_for_shell_commands Sandbox.the_zone_compiler_works_in_it)
+
+# A million records: two minutes are too short for the emulator.
+native_tests(tools_trace_test Trace_convert.a_million_records_are_all_in_tdi_and_log
+             Trace_convert.a_million_records_are_all_in_json)

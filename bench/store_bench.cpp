@@ -121,13 +121,13 @@ class By_section {
     sdbl::Guide_section events(db_.parts().connection, db_.parts().guide);
     for (int n = first; n < first + EVENTS_OF_A_SECTION; ++n) {
       const Guide_slot s = slots.at(n);
-      const int row = events.store(
+      (void)events.store(
           {s.channel, 0x20260301, 0x180000, s.start, 0x003000, HALF_HOUR, content_, rating_, 0, 0, n & 0xFFFF, 10},
-          FREQ);
-      must(row > 0, "storing");
-      events.store_text(row, "est", NAME, TEXT, "", "");
+          {{"est", NAME, TEXT, "", ""}}, FREQ);
     }
     must(events.end(), "ending a section");
+    for (size_t n = 0; n < EVENTS_OF_A_SECTION; ++n)
+      must(events.row(n) > 0, "storing");
   }
   Database& db() { return db_; }
 

@@ -17,8 +17,10 @@ void set_up(sqlite3* conn, Durability durability) {
 }
 
 void Connection::set(sqlite3* conn) {
-  if (conn != conn_)
+  if (conn != conn_) {
     literals_.clear();  // of a connection that is closed or left behind
+    guide_has_journal_ = false;
+  }
   conn_ = conn;
 }
 

@@ -56,6 +56,11 @@ class Connection {
   // Ends those statements, as a connection that is closed wants it.
   void end_literals();
 
+  // Whether the guide has got a journal in memory, which it then keeps (see Transaction). Guarded by the connection's
+  // mutex.
+  bool guide_has_journal() const { return guide_has_journal_; }
+  void note_guide_journal() { guide_has_journal_ = true; }
+
   Mutex open_lock{Lock_rank::OPENING, "opening"};  // held while the connection is opened or closed
   // Held by the writers that insert several rows or ask for the row's number.
   Mutex second_lock{Lock_rank::WRITING, "writers"};
@@ -64,6 +69,7 @@ class Connection {
   std::string db_name_;
   Durability durability_;
   sqlite3* conn_ = nullptr;
+  bool guide_has_journal_ = false;  // of conn_
   std::vector<sqlite3*> replaced_;
   std::vector<std::pair<const char*, sqlite3_stmt*>> literals_;  // of conn_
 };

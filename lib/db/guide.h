@@ -4,7 +4,9 @@
 #pragma once
 
 #include <atomic>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "db/errors.h"
 #include "db/event_cache.h"
@@ -22,12 +24,25 @@ struct Event_row {
   int start_epoch;
   int dur_bcd;
   int dur_sec;
-  const std::string& content;
-  const std::string& rating;
+  std::string content;
+  std::string rating;
   int run_status;
   int free_ca;
   int ev_id;
   int pat_prnr;
+};
+
+// The texts of an event in one language, as they are stored.
+struct Event_texts {
+  std::string lang, ev_name, ev_desc, ext_desc, ext_list;
+};
+
+// An event that neither replaces nor overlaps one.
+struct New_event {
+  Event_row event;
+  int freq;
+  std::vector<Event_texts> texts;
+  int row = 0;  // of the table, once it is stored; -1 when it is refused
 };
 
 // The stored programme guide: the tables epglist and epglist_lang. The operations are those of Sdbl with the same
@@ -48,6 +63,11 @@ class Guide {
 
   // eit_for_service of an event that neither replaces nor overlaps one. REQUIRES: an open transaction on the guide.
   int store_new(const Event_row& event, int freq);
+  // The same for several, with their texts, by few statements, which takes a sixth less time; prints nothing. False
+  // when an event or a text was refused: then the transaction has to be undone, and statements for each say what is
+  // wrong. REQUIRES: an open transaction on the guide that can be undone, and has_room() for them.
+  bool store_at_once(std::vector<New_event>* events);
+  bool has_room(const std::vector<New_event>& events);
   // Prints and remembers that events were refused.
   void report(int rc);
   // Whether another program that has the guide locked is waited for: not again before it has let go, or every section
@@ -59,6 +79,8 @@ class Guide {
   void trace(const Event_row& event, int freq);
   int insert(const Event_row& event, bool replace);
   Run store(const Event_row& event, bool replace);
+  bool store_events(std::span<New_event> events);
+  bool store_texts(const std::vector<New_event>& events);
   void trace_deleted_event(int oid, int start_epoch, int dur_sec);
 
   Connection& connection_;

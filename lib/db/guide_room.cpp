@@ -35,24 +35,44 @@ unsigned pages_written(sqlite3* conn) {
 
 }  // namespace
 
+bool Guide_room::in_transaction() const {
+  return connection_.get() != nullptr && sqlite3_get_autocommit(connection_.get()) == 0;
+}
+
+bool Guide_room::was_left(int64_t needed) const {
+  const int64_t grown = pages_written(connection_.get()) - written_ + promised_;
+  return time(nullptr) == looked_at_ && std::min(left_, in_transaction() ? MOST_PROMISED : MOST_ROOM) - grown >= needed;
+}
+
+void Guide_room::look(int64_t needed) {
+  looked_at_ = time(nullptr);
+  int64_t left = room_.pages_left(EPG_SCHEMA);
+  if (left >= 0 && left < needed && remove(epg_max_age(), false) > 0)
+    left = room_.pages_left(EPG_SCHEMA);
+  left_ = left < 0 ? MOST_ROOM : left;
+  written_ = pages_written(connection_.get());
+  promised_ = 0;
+}
+
 bool Guide_room::has(int needed) {
   Db_lock lock(connection_);
-  sqlite3* const conn = connection_.get();
-  const bool in_transaction = conn != nullptr && sqlite3_get_autocommit(conn) == 0;
-  const time_t now = time(nullptr);
-  const int64_t grown = pages_written(conn) - written_ + promised_;
-  if (now != looked_at_ || std::min(left_, in_transaction ? MOST_PROMISED : MOST_ROOM) - grown < needed) {
-    looked_at_ = now;
-    int64_t left = room_.pages_left(EPG_SCHEMA);
-    if (left >= 0 && left < needed && remove(epg_max_age(), false) > 0)
-      left = room_.pages_left(EPG_SCHEMA);
-    left_ = left < 0 ? MOST_ROOM : left;
-    written_ = pages_written(conn);
-    promised_ = 0;
+  if (!was_left(needed)) {
+    look(needed);
     if (left_ < needed)
       return false;
   }
-  promised_ += in_transaction ? needed : 0;
+  promised_ += in_transaction() ? needed : 0;
+  return true;
+}
+
+bool Guide_room::has_for_all(int needed, int all) {
+  Db_lock lock(connection_);
+  if (!was_left(all)) {
+    look(needed);
+    if (left_ < all)
+      return false;
+  }
+  promised_ += in_transaction() ? all : 0;
   return true;
 }
 

@@ -21,6 +21,9 @@ class Guide_room {
   // transaction the pages of all that was asked for since it began count as taken.
   bool has(int needed);
 
+  // True when it can take `all` more pages. Old events are removed only when it cannot take `needed` of them.
+  bool has_for_all(int needed, int all);
+
   // Sdbl::remove_old_entries, in one transaction for hundreds of events, so that none loses its texts alone and memory
   // is bounded. What another program keeps locked stays, which is printed.
   int remove_old_entries(int age_sec, bool vacuum);
@@ -30,6 +33,11 @@ class Guide_room {
 
  private:
   int remove(int age_sec, bool waits);
+  bool in_transaction() const;
+  // Whether so many pages were left, as of this second.
+  bool was_left(int64_t needed) const;
+  // Looks at the file again, and removes old events when fewer than `needed` pages are left.
+  void look(int64_t needed);
 
   Connection& connection_;
   File_room& room_;

@@ -3,6 +3,10 @@
 
 #include "db/guide_section.h"
 
+#include <utility>
+
+#include "base/log.h"
+
 namespace sdbl {
 
 void Guide_section::begin() {
@@ -15,31 +19,46 @@ void Guide_section::begin() {
     guide_.report(transaction_->code());
 }
 
-// Statements behind the end of the transaction would be committed one by one.
-void Guide_section::note_loss() {
-  dropped_ = dropped_ || transaction_->is_lost();
+int Guide_section::store(Event_row event, std::vector<Event_texts> texts, int freq) {
+  events_.push_back({std::move(event), freq, std::move(texts)});
+  if (!kelvo_log::enabled(VERB_PROGRESS))
+    return 0;
+  store_one(&events_.back());
+  events_.back().texts.clear();
+  return events_.back().row;
 }
 
-int Guide_section::store(const Event_row& event, int freq) {
+void Guide_section::store_one(New_event* event) {
   begin();
-  if (dropped_)
-    return -1;
-  // Without a transaction (the file cannot be written) the statement says what is wrong.
-  const int row =
-      is_open() ? guide_.store_new(event, freq) : guide_.eit_for_service(event, freq, nullptr, false, false);
-  note_loss();
-  return row;
-}
-
-void Guide_section::store_text(int source_oid, const char* lang, const char* ev_name, const char* ev_desc,
-                               const char* ext_desc, const char* ext_list) {
+  event->row = -1;
   if (dropped_)
     return;
-  (void)guide_.insert_epglist_lang(source_oid, lang, ev_name, ev_desc, ext_desc, ext_list);
-  note_loss();
+  // Without a transaction (the file cannot be written) the statement says what is wrong.
+  event->row = is_open() ? guide_.store_new(event->event, event->freq)
+                         : guide_.eit_for_service(event->event, event->freq, nullptr, false, false);
+  // Statements behind the end of the transaction would be committed one by one.
+  dropped_ = transaction_->is_lost();
+  for (auto t = event->texts.begin(); event->row > 0 && !dropped_ && t != event->texts.end(); ++t) {
+    (void)guide_.insert_epglist_lang(event->row, t->lang.c_str(), t->ev_name.c_str(), t->ev_desc.c_str(),
+                                     t->ext_desc.c_str(), t->ext_list.c_str());
+    dropped_ = transaction_->is_lost();
+  }
+}
+
+void Guide_section::store_waiting() {
+  begin();
+  if (!dropped_ && events_.size() > 1 && transaction_->is_own() && guide_.has_room(events_)) {
+    if (guide_.store_at_once(&events_))
+      return;
+    transaction_.reset();
+  }
+  for (New_event& event : events_)
+    store_one(&event);
 }
 
 bool Guide_section::end() {
+  if (!transaction_ && !events_.empty())
+    store_waiting();
   if (!dropped_ && is_open()) {
     const int rc = transaction_->commit();
     dropped_ = rc != SQLITE_OK;

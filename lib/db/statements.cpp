@@ -27,7 +27,7 @@ Run Statements::execute(Operation operation, int instance, const char* sql,
 }
 
 Run Statements::execute_silently(Operation operation, int instance, const char* sql,
-                                 std::initializer_list<Argument> values) const {
+                                 std::span<const Argument> values) const {
   Db_lock lock(connection_);
   sqlite3_stmt* stmt = cache_.bind(operation.name, instance, sql, values, Text_lifetime::UNTIL_RESET);
   if (stmt == nullptr)

@@ -3,7 +3,9 @@
 
 #pragma once
 
+#include <array>
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <type_traits>
 
@@ -91,7 +93,13 @@ class Statements {
   // Executes once and prints nothing about the step: the caller reports `code`.
   template <Sql_value... Values>
   Run run_silently(Operation operation, int instance, Sql_for<Values...> sql, const Values&... values) const {
-    return execute_silently(operation, instance, sql.text(), {Argument(values)...});
+    const std::array<Argument, sizeof...(values)> all{Argument(values)...};
+    return execute_silently(operation, instance, sql.text(), all);
+  }
+
+  // The same of a statement whose number of parameters is known at run time only.
+  Run run_silently(Operation operation, int instance, Runtime_sql sql, std::span<const Argument> values) const {
+    return execute_silently(operation, instance, sql.text, values);
   }
 
   // Reports that there was no statement. Returns 1.
@@ -109,8 +117,7 @@ class Statements {
   friend class Insert;
 
   Run execute(Operation operation, int instance, const char* sql, std::initializer_list<Argument> values) const;
-  Run execute_silently(Operation operation, int instance, const char* sql,
-                       std::initializer_list<Argument> values) const;
+  Run execute_silently(Operation operation, int instance, const char* sql, std::span<const Argument> values) const;
   Run figures(int code) const;
 
   const Connection& connection_;

@@ -30,6 +30,7 @@ bool is_busy(int code) {
 
 // The statements for one file.
 struct Transaction::Sql {
+  Db_file file;
   const char* schema;
   const char* journal;
   const char* journal_in_memory;
@@ -39,13 +40,15 @@ struct Transaction::Sql {
 };
 
 const Transaction::Sql& Transaction::sql_of(Db_file file) {
-  static constexpr Sql CHANNELS = {"main",
+  static constexpr Sql CHANNELS = {Db_file::CHANNELS,
+                                   "main",
                                    "PRAGMA main.journal_mode",
                                    "PRAGMA main.journal_mode = MEMORY",
                                    "PRAGMA main.journal_mode = OFF",
                                    "UPDATE main.kanalid SET channel = channel WHERE 0",
                                    "PRAGMA main.user_version"};
-  static constexpr Sql GUIDE = {EPG_SCHEMA,
+  static constexpr Sql GUIDE = {Db_file::GUIDE,
+                                EPG_SCHEMA,
                                 "PRAGMA epg_db.journal_mode",
                                 "PRAGMA epg_db.journal_mode = MEMORY",
                                 "PRAGMA epg_db.journal_mode = OFF",
@@ -82,8 +85,9 @@ int Transaction::begin(bool tries_disk) {
       sqlite3_file_control(conn, sql_.schema, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0)
     return SQLITE_READONLY_DBMOVED;
   (void)sqlite3_busy_timeout(conn, 0);
-  std::string journal;
-  (void)connection_.run_literal(sql_.journal, &journal);
+  std::string journal = "memory";
+  if (sql_.file != Db_file::GUIDE || !connection_.guide_has_journal())
+    (void)connection_.run_literal(sql_.journal, &journal);
   int rc = SQLITE_OK;
   std::string version;
   if (tries_disk && journal == "off") {
@@ -93,9 +97,7 @@ int Transaction::begin(bool tries_disk) {
       rc = sqlite3_exec(conn, (std::string(sql_.version) + " = " + version).c_str(), nullptr, nullptr, nullptr);
   }
   if (sql_ok(rc)) {
-    made_journal_ = journal == "off";
-    if (made_journal_)
-      (void)connection_.run_literal(sql_.journal_in_memory);
+    make_journal(journal);
     rc = connection_.run_literal(BEGIN);
   }
   if (sql_ok(rc)) {
@@ -151,6 +153,17 @@ void Transaction::undo() {
     (void)connection_.run_literal(ROLLBACK);
   state_ = State::NONE;
   forget_journal();
+}
+
+void Transaction::make_journal(const std::string& present) {
+  if (present != "off")
+    return;
+  std::string made;
+  (void)connection_.run_literal(sql_.journal_in_memory, &made);
+  if (sql_.file != Db_file::GUIDE)
+    made_journal_ = true;
+  else if (made == "memory")
+    connection_.note_guide_journal();
 }
 
 void Transaction::forget_journal() {

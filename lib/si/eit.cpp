@@ -43,7 +43,6 @@ struct Siparse::Parts::Section_events {
   struct One {
     SQL_cache* service;
     Event_times times;
-    bool has_row;
   };
 
   explicit Section_events(Sdbl& db) : rows(db.parts().connection, db.parts().guide) {}
@@ -160,8 +159,8 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
   Site site{loop::EVENT, CONTEXT_EVENT, rows, text_, found};
   for (const Descriptor* descriptor : *event.getDescriptors())
     parse_descriptor(*descriptor, site);
-  const int row = Scan_rows::event(events.rows, rows.place(), service->pat_prnr, *service, times, event_found);
-  events.all.push_back({service, times, row > 0});
+  Scan_rows::event(events.rows, rows.place(), service->pat_prnr, *service, times, &event_found);
+  events.all.push_back({service, times});
   if (events.rows.is_dropped())
     return;
   ++events.counted;
@@ -173,10 +172,11 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
 // A section that was not stored is as one that did not come: its events are not known, and it is waited for again.
 void Siparse::Parts::end_section(Section_events& events) {
   const bool stored = events.rows.end();
-  for (const Section_events::One& one : events.all) {
+  for (size_t i = 0; i < events.all.size(); ++i) {
+    const Section_events::One& one = events.all[i];
     if (!stored)
       sdbl::Event_cache::take_back(&one.service->epg, one.times.event_id, one.times.start, one.times.duration);
-    else if (one.has_row)
+    else if (events.rows.row(i) > 0)
       guide_.count_stored(one.service->pat_prnr);
   }
   if (stored)

@@ -110,19 +110,19 @@ bool Scan_rows::provider_missing() {
 }
 
 int Scan_rows::event(sdbl::Guide_section& section, const Place& place, int service_id, const SQL_cache& cache,
-                     const Event_times& times, const Event_found& event) {
+                     const Event_times& times, Event_found* event) {
   // Events that replace or overlap one do not come this far: what the guide says first about a time is kept.
-  const int row =
-      section.store({cache.channel, times.ymd_bcd, times.hms_bcd, times.start, times.duration_bcd, times.duration,
-                     event.content, event.rating, times.running_status, times.free_ca_mode, times.event_id, service_id},
-                    place.multiplex.freq);
-  for (const EIT_lang* text : event.texts.list()) {
-    if (row > 0)
-      section.store_text(row, text->lang.c_str(), text->ev_name.c_str(), text->ev_desc.c_str(), text->ext_desc.c_str(),
-                         text->ext_list.c_str());
+  std::vector<sdbl::Event_texts> texts;
+  for (EIT_lang* text : event->texts.list())
+    texts.push_back({text->lang, std::move(text->ev_name), std::move(text->ev_desc), std::move(text->ext_desc),
+                     std::move(text->ext_list)});
+  const int row = section.store(
+      {cache.channel, times.ymd_bcd, times.hms_bcd, times.start, times.duration_bcd, times.duration, event->content,
+       event->rating, times.running_status, times.free_ca_mode, times.event_id, service_id},
+      std::move(texts), place.multiplex.freq);
+  for (const EIT_lang* text : event->texts.list())
     if (text->started && !text->complete)
       KLOG(VERB_PROGRESS, "Fragmented extended event for source_oid %d\n", row);
-  }
   return row;
 }
 

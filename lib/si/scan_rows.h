@@ -65,7 +65,7 @@ class Scan_rows {
   // EIT: stores an event of the service of `cache` with its texts, as one of a section. Returns its row, or 0 or less
   // when it was refused.
   static int event(sdbl::Guide_section& section, const Place& place, int service_id, const SQL_cache& cache,
-                   const Event_times& times, const Event_found& event);
+                   const Event_times& times, Event_found* event);
 
   // TOT: the network that the database knows the multiplex by, below 0 for none.
   int original_network_id();

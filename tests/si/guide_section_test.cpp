@@ -146,7 +146,7 @@ TEST(Guide_sections, rows_are_those_of_statements_by_themselves) {
         }
       }
       EXPECT_EQ(bench.guide(), model.guide());
-      EXPECT_EQ(bench.journals(), journal + std::string(" ") + journal);
+      EXPECT_EQ(bench.journals(), journal + std::string(" ") + (journal == std::string("off") ? "memory" : journal));
       EXPECT_EQ(bench.rows("PRAGMA epg_db.integrity_check"), Texts{"ok"});
       refused += model.refused;
     }
@@ -229,12 +229,13 @@ TEST(Guide_sections, two_adapters_and_exports_do_not_disturb_each_other) {
   EXPECT_EQ(bench.rows("PRAGMA epg_db.integrity_check"), Texts{"ok"});
 }
 
-// The journal is the library's own only while it needs one.
+// But for the guide's journal, which every section needs again: it stays in memory until the connection is closed.
 TEST(Guide_sections, a_section_leaves_the_connection_as_it_was) {
   Bench bench;
   bench.begin();
-  bench.arrive(full_section(1, 0));
   EXPECT_EQ(bench.journals(), "off off");
+  bench.arrive(full_section(1, 0));
+  EXPECT_EQ(bench.journals(), "off memory");
   EXPECT_EQ(bench.number("PRAGMA busy_timeout"), 2000);
   EXPECT_EQ(sqlite3_get_autocommit(bench.conn()), 1);
   EXPECT_EQ(support::Other_connection(bench.guide_file()).run("DELETE FROM epglist"), SQLITE_DONE);
@@ -251,6 +252,35 @@ TEST(Guide_sections, a_host_s_transaction_holds_the_section) {
   EXPECT_EQ(bench.number("SELECT count(*) FROM epglist"), EVENTS);
   EXPECT_EQ(bench.run("ROLLBACK"), SQLITE_DONE);
   EXPECT_EQ(bench.number("SELECT count(*) FROM epglist"), 0);
+}
+
+// Few statements for many events; one for each where progress is printed, whose messages stand between the events.
+TEST(Guide_sections, several_events_go_by_one_statement) {
+  for (const int events : {1, 2, 5, 8, 14}) {
+    Bench quiet, talking;
+    std::vector<Made_event> made;
+    for (int i = 0; i < events; ++i)
+      made.push_back({i + 1, i * 60, 60});
+    const auto inserts = [&](Bench& bench, int level) {
+      int count = 0;
+      bench.begin();
+      sqlite3_trace_v2(
+          bench.conn(), SQLITE_TRACE_STMT,
+          [](unsigned, void* counted, void*, void* sql) {
+            *static_cast<int*>(counted) += std::string(static_cast<const char*>(sql)).starts_with("INSERT");
+            return 0;
+          },
+          &count);
+      bench.arrive(section_of(1, made), level);
+      sqlite3_trace_v2(bench.conn(), 0, nullptr, nullptr);
+      return count;
+    };
+    const int at_once = events == 14 ? 3 : 1;  // 8, 5 and 1
+    EXPECT_EQ(inserts(quiet, 2), 2 * at_once) << events;
+    EXPECT_EQ(inserts(talking, 3), 2 * events);
+    EXPECT_EQ(quiet.guide(), talking.guide());
+    EXPECT_EQ(quiet.number("SELECT count(*) FROM epglist, epglist_lang WHERE entry = source_oid"), events);
+  }
 }
 
 TEST(Guide_sections, a_section_whose_events_are_known_begins_no_transaction) {

@@ -145,16 +145,17 @@ TEST_F(Guide_tables_test, killing_is_not_told_at_2) {
 }
 
 TEST_F(Guide_tables_test, sections_out_of_order_are_all_stored) {
-  // Tomorrow at 0, 3 and 6 o'clock: sections 64, 72 and 80, of which the last one must come twice.
+  // Today at half past five in section 40, tomorrow at 0, 3 and 6 o'clock in 64, 72 and 80, of which the last one must
+  // come twice. What is on now never comes with present and following, however long a busy machine looks there.
   constexpr char NIGHT[] =
       R"([{ "start": "now-30m", "duration": "1h" }, { "start": "2026-03-02T00:00:00Z", "duration": "1h" },
           { "start": "2026-03-02T03:00:00Z", "duration": "1h" }, { "start": "2026-03-02T06:00:00Z", "duration": "1h" }])";
   const Scan_run scan =
       scan_until_seen({events_of(INDEX_OF_101, NIGHT),
-                       faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 48, "to": 14 },
+                       faults(R"([{ "fault": "drop", "table": "eit_schedule_actual", "section": 40, "to": 14 },
                                   { "fault": "drop", "table": "eit_schedule_actual", "section": 64, "to": 14 },
                                   { "fault": "drop", "table": "eit_schedule_actual", "section": 80, "to": 17 },
-                                  { "fault": "drop", "table": "eit_pf_actual", "section": 0, "to": 3 }])"),
+                                  { "fault": "drop", "table": "eit_pf_actual", "section": 0, "to": 1000 }])"),
                        only_101()},
                       COLLECT + "wait_guide 0 60\n", 5,
                       [](const Scan_run& run) { return opened(run, "50") > 12; });  // section 72 came with the others

@@ -19,9 +19,12 @@ void Guide_section::begin() {
     guide_.report(transaction_->code());
 }
 
+Guide_section::Guide_section(Connection& connection, Guide& guide)
+    : connection_(connection), guide_(guide), one_by_one_(kelvo_log::enabled(VERB_PROGRESS)) {}
+
 int Guide_section::store(Event_row event, std::vector<Event_texts> texts, int freq) {
   events_.push_back({std::move(event), freq, std::move(texts)});
-  if (!kelvo_log::enabled(VERB_PROGRESS))
+  if (!one_by_one_)
     return 0;
   store_one(&events_.back());
   events_.back().texts.clear();
@@ -57,7 +60,7 @@ void Guide_section::store_waiting() {
 }
 
 bool Guide_section::end() {
-  if (!transaction_ && !events_.empty())
+  if (!one_by_one_ && !events_.empty())
     store_waiting();
   if (!dropped_ && is_open()) {
     const int rc = transaction_->commit();

@@ -18,7 +18,7 @@ namespace sdbl {
 class Guide_section {
  public:
   // Both are not owned and outlive the object. What has not been ended is undone.
-  Guide_section(Connection& connection, Guide& guide) : connection_(connection), guide_(guide) {}
+  Guide_section(Connection& connection, Guide& guide);
   Guide_section(const Guide_section&) = delete;
   Guide_section& operator=(const Guide_section&) = delete;
 
@@ -44,6 +44,7 @@ class Guide_section {
 
   Connection& connection_;
   Guide& guide_;
+  const bool one_by_one_;
   std::vector<New_event> events_;
   std::optional<Transaction> transaction_;
   bool dropped_ = false;

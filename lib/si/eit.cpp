@@ -49,7 +49,7 @@ struct Siparse::Parts::Section_events {
 
   sdbl::Guide_section rows;
   std::vector<One> all;
-  int counted = 0;
+  size_t counted = 0;
 };
 
 int Siparse::Parts::start_eit_scan(int freq, SCAN_STATE) {
@@ -159,10 +159,13 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
   Site site{loop::EVENT, CONTEXT_EVENT, rows, text_, found};
   for (const Descriptor* descriptor : *event.getDescriptors())
     parse_descriptor(*descriptor, site);
-  Scan_rows::event(events.rows, rows.place(), service->pat_prnr, *service, times, &event_found);
+  const int row = Scan_rows::event(events.rows, rows.place(), service->pat_prnr, *service, times, &event_found);
   events.all.push_back({service, times});
-  if (events.rows.is_dropped())
-    return;
+  if (row != 0 && !events.rows.is_dropped())
+    count_event(events);
+}
+
+void Siparse::Parts::count_event(Section_events& events) {
   ++events.counted;
   // Deliberate: the count is printed at 1, 101, 201, and so on.
   if (eit_stored_++ % 100 == 0)
@@ -172,6 +175,8 @@ void Siparse::Parts::store_event(const Event& event, const Event_times& times, S
 // A section that was not stored is as one that did not come: its events are not known, and it is waited for again.
 void Siparse::Parts::end_section(Section_events& events) {
   const bool stored = events.rows.end();
+  while (stored && events.counted < events.all.size())  // those that waited for the end
+    count_event(events);
   for (size_t i = 0; i < events.all.size(); ++i) {
     const Section_events::One& one = events.all[i];
     if (!stored)
@@ -181,7 +186,7 @@ void Siparse::Parts::end_section(Section_events& events) {
   }
   if (stored)
     return;
-  eit_stored_ -= events.counted;
+  eit_stored_ -= static_cast<int>(events.counted);
   guide_.sections_lost();
 }
 

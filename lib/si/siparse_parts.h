@@ -190,6 +190,7 @@ class Siparse::Parts {
   struct Section_events;
   void store_event(const Event& event, const Event_times& times, SQL_cache* service, Scan_rows& rows, Found& found,
                    Section_events& events);
+  void count_event(Section_events& events);
   void end_section(Section_events& events);
   void open_next_eit_table(int freq);
   void note_lost_sections();

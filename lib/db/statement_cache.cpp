@@ -106,7 +106,7 @@ SQL_query* Statement_cache::usable(const char* operation, int instance, const ch
 sqlite3_stmt* Statement_cache::bind(const char* operation, int instance, const char* sql,
                                     std::span<const Argument> values, Text_lifetime lifetime) {
   const SQL_query* query = usable(operation, instance, sql);
-  return query != nullptr ? bind_query(*query, instance, sql, values, lifetime) : nullptr;
+  return query != nullptr ? bind_query(*query, operation, instance, sql, values, lifetime) : nullptr;
 }
 
 sqlite3_stmt* Statement_cache::bind_v(const char* operation, int instance, const char* sql, va_list arguments) {
@@ -121,10 +121,10 @@ sqlite3_stmt* Statement_cache::bind_v(const char* operation, int instance, const
     else
       values.emplace_back(va_arg(arguments, const char*));
   }
-  return bind_query(*query, instance, sql, values, Text_lifetime::UNTIL_BOUND);
+  return bind_query(*query, operation, instance, sql, values, Text_lifetime::UNTIL_BOUND);
 }
 
-sqlite3_stmt* Statement_cache::bind_query(const SQL_query& query, int instance, const char* sql,
+sqlite3_stmt* Statement_cache::bind_query(const SQL_query& query, const char* operation, int instance, const char* sql,
                                           std::span<const Argument> values, Text_lifetime lifetime) {
   sqlite3_stmt* stmt = query.stmt[instance];
   KLOG(VERB_TRACE, "cache run for command %s\n", sql);
@@ -144,6 +144,7 @@ sqlite3_stmt* Statement_cache::bind_query(const SQL_query& query, int instance, 
     if (rc != SQLITE_OK) {
       KLOG(VERB_ERROR, "ERROR: Cannot bind arg nr %d type %d to %s, sql errmsg %s\n", index,
            static_cast<int>(value.kind), sql, sqlite3_errmsg(connection_.get()));
+      errors_.remember(rc, operation);
       return nullptr;
     }
   }

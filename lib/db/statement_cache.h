@@ -70,8 +70,8 @@ class Statement_cache {
 
  private:
   SQL_query* usable(const char* operation, int instance, const char* sql);
-  sqlite3_stmt* bind_query(const SQL_query& query, int instance, const char* sql, std::span<const Argument> values,
-                           Text_lifetime lifetime);
+  sqlite3_stmt* bind_query(const SQL_query& query, const char* operation, int instance, const char* sql,
+                           std::span<const Argument> values, Text_lifetime lifetime);
 
   const Connection& connection_;
   Errors& errors_;

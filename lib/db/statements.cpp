@@ -112,13 +112,17 @@ void Insert::set(const char* name, const std::string& value) {
   const int index = sqlite3_bind_parameter_index(stmt_, name);
   if (index == 0)
     KLOG(VERB_ERROR, "ERROR: Cannot bind text %s in %s %d\n", name + 1, __FILE_NAME__, __LINE__);
-  else
-    (void)sqlite3_bind_text(stmt_, index, value.c_str(), -1, SQLITE_TRANSIENT);  // fails without memory only
+  else if (const int rc = sqlite3_bind_text(stmt_, index, value.c_str(), -1, SQLITE_TRANSIENT); rc != SQLITE_OK)
+    bound_ = rc;
 }
 
 void Insert::run() {
   if (stmt_ == nullptr)
     return;
+  if (bound_ != SQLITE_OK) {
+    (void)statements_.errors_.report_run(bound_, operation_);
+    return;
+  }
   (void)statements_.errors_.report_run(sqlite3_step(stmt_), operation_);
   (void)statements_.errors_.report_reset(sqlite3_reset(stmt_), operation_);
 }
@@ -126,7 +130,7 @@ void Insert::run() {
 int Insert::run_silently() {
   if (stmt_ == nullptr)
     return SQLITE_ERROR;
-  const int step = sqlite3_step(stmt_);
+  const int step = bound_ == SQLITE_OK ? sqlite3_step(stmt_) : bound_;
   statements_.errors_.remember(step, operation_.name);
   (void)sqlite3_reset(stmt_);  // repeats the step's code
   return step;

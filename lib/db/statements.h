@@ -184,7 +184,7 @@ class Insert {
   Insert& operator=(const Insert&) = delete;
 
   // Sets the parameter of this name, sign included. A name that does not exist is printed, and nothing is set. Texts
-  // are bound as they are, short ones too.
+  // are bound as they are, short ones too. Once there was no memory for one, nothing is executed any more.
   void set(const char* name, int value);
   void set(const char* name, const std::string& value);
 
@@ -200,7 +200,8 @@ class Insert {
   const Statements& statements_;
   Operation operation_;
   Db_lock lock_;
-  sqlite3_stmt* stmt_;  // null when the cache gave none, which it has printed
+  sqlite3_stmt* stmt_;     // null when the cache gave none, which it has printed
+  int bound_ = SQLITE_OK;  // why a text could not be bound
 };
 
 template <Sql_value... Values>

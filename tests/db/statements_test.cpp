@@ -100,6 +100,35 @@ TEST_F(Statements, a_statement_left_open_is_reset_by_its_next_use) {
   }
 }
 
+// A scan whose rows are not all there is not merged.
+TEST_F(Statements, a_text_for_which_there_is_no_memory_is_remembered_and_its_row_not_stored) {
+  constexpr size_t LONG = 8 << 20;
+  constexpr int64_t ROOM = 1 << 20;
+  const std::string text(LONG, 'a');
+  const auto short_of_memory = [&](auto store) {
+    sdbl().parts().errors.begin_scan_tables(0);
+    insert(9, "else");  // compiled now, not without memory
+    run("DELETE FROM t");
+    EXPECT_FALSE(sdbl().parts().errors.short_of_memory(0));
+    sqlite3_hard_heap_limit64(sqlite3_memory_used() + ROOM);
+    (void)support::messages_at(-1, store);
+    sqlite3_hard_heap_limit64(0);
+    EXPECT_EQ(rows("SELECT a FROM t"), Texts{});
+    return sdbl().parts().errors.short_of_memory(0);
+  };
+  EXPECT_TRUE(short_of_memory([&] { Rows(statements_, "test", 0, "SELECT a FROM t WHERE b = @b", text); }));
+  EXPECT_TRUE(short_of_memory([&] {
+    sdbl::Insert row(statements_, "test", 0, INSERT, 1, "one");
+    row.set("@b", text);
+    row.run();
+  }));
+  EXPECT_TRUE(short_of_memory([&] {
+    sdbl::Insert row(statements_, "test", 0, INSERT, 1, "one");
+    row.set("@b", text);
+    EXPECT_EQ(row.run_silently(), SQLITE_NOMEM);
+  }));
+}
+
 TEST_F(Statements, an_insert_keeps_the_values_that_are_not_set_again) {
   run("CREATE TABLE u (a int, b text, c int)");
   sdbl::Insert insert(statements_, "test", 0, "INSERT INTO u VALUES ($a, @b, $c)", 1, "one", 7);

@@ -4,9 +4,12 @@
 #include "kelvo/kelvo.h"
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <optional>
 #include <string>
 
 #include "base/log.h"
@@ -18,6 +21,8 @@
 #include "tuner/tuner_parts.h"
 
 namespace {
+
+constexpr int MEMORY_PAUSE_MS = 100;
 
 // A device's path. Adapter numbers are short, so this always fits.
 struct Device_path {
@@ -208,8 +213,18 @@ Kelvo::Parts& Kelvo::parts() const {
 
 int Kelvo::filter_read_thread(void* self) {
   (void)prctl(PR_SET_NAME, WORKER_NAME);  // for debuggers only
-  Scan_loop loop(static_cast<Kelvo*>(self)->parts());
-  loop.run();
+  Parts& parts = static_cast<Kelvo*>(self)->parts();
+  std::optional<Scan_loop> loop;
+  while (!loop && parts.requests.running) {
+    try {
+      loop.emplace(parts);
+    } catch (const std::bad_alloc&) {
+      KLOG(VERB_ERROR, "ERROR: Out of memory, adapter %d begins later\n", parts.adapter);
+      (void)usleep(MEMORY_PAUSE_MS * 1000);  // so that there is time for others to free some
+    }
+  }
+  if (loop)
+    loop->run();
   return 0;
 }
 

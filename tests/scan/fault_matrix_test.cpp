@@ -98,6 +98,9 @@ thread_local bool counted = true;
 std::atomic<long> failing_of_beginning{0};
 std::atomic<bool> of_worker_only{false};
 thread_local bool is_worker = false;
+// Or of every thread but the host's.
+std::atomic<bool> of_library_only{false};
+thread_local bool is_host = false;
 
 // The test itself cannot do without memory.
 class Spared {
@@ -112,7 +115,7 @@ class Spared {
 };
 
 bool allocation_fails() {
-  return counted && (is_worker || !of_worker_only) &&
+  return counted && (is_worker || !of_worker_only) && !(is_host && of_library_only) &&
          allocations.fetch_add(1, std::memory_order_relaxed) + 1 == failing_allocation;
 }
 
@@ -858,6 +861,31 @@ TEST_P(Fault_matrix, survives_each_allocation_that_fails) {
   }
   if (part != nullptr)
     std::printf("TRIED|failing allocations of a scan, %s|%ld\n", GetParam(), tried);
+}
+
+// Its first allocations are those of the scan that it is going to make, before there is one that could be given up.
+TEST_P(Fault_matrix, a_worker_that_begins_without_memory_begins_later) {
+  constexpr long OF_BEGINNING = 8;
+  begin_with_good();
+  is_host = true;
+  with_host([&](Host& host) {
+    for (long number = 1; number <= OF_BEGINNING && !HasFailure(); ++number) {
+      host.disconnect();
+      allocations = 0;
+      of_library_only = true;
+      failing_allocation = number;
+      host.connect();
+      std::string answer = host.scan();
+      if (answer.empty())
+        answer = host.answer();
+      failing_allocation = 0;
+      of_library_only = false;
+      EXPECT_THAT(answer, testing::AnyOf("0", "-1")) << "allocation " << number;
+      EXPECT_EQ(missing(host.stored()), "") << "allocation " << number;
+      EXPECT_EQ(recover(host), "works") << "allocation " << number;
+    }
+  });
+  is_host = false;
 }
 
 // While a request is taken over, no scan is open yet that could be given up.

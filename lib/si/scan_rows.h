@@ -62,8 +62,8 @@ class Scan_rows {
   void provider_name(int row, const std::string& language, const std::string& name);
   bool provider_missing();
 
-  // EIT: stores an event of the service of `cache` with its texts, as one of a section. Returns its row, or 0 or less
-  // when it was refused.
+  // EIT: stores an event of the service of `cache` with its texts, which are taken out of `event`, as one of a section.
+  // Returns what Guide_section::store does.
   static int event(sdbl::Guide_section& section, const Place& place, int service_id, const SQL_cache& cache,
                    const Event_times& times, Event_found* event);
 

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 
 # The front door. Everything behind it is plain CMake; see CMakePresets.json.
-.PHONY: help demo test install clean format lint memory asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill months threads cross guide-check doc deb deb-check units-check packages-%
+.PHONY: help demo test install clean format lint memory asan tsan fuzz fuzz-smoke fuzz-long faults bench soak kill busy months threads cross guide-check doc deb deb-check units-check packages-%
 .DEFAULT_GOAL := help
 
 PREFIX ?= /usr/local
@@ -27,6 +27,7 @@ help:
 	@echo "make bench     the benchmarks, with the wanted figures beside the measured ones"
 	@echo "make soak      an hour of scans, looking for leaks and stalls"
 	@echo "make kill      programs killed and power cut in the middle of their work, 300 times each"
+	@echo "make busy      the tests ten times while the machine has eight processors' worth of other work"
 	@echo "make months    30 days on a network that changes every hour, in virtual time"
 	@echo "make threads   threads of a host on four adapters at random, and Kelvos destroyed at random moments; also under"
 	@echo "               ThreadSanitizer"
@@ -95,6 +96,11 @@ kill: packages-build+test
 	@cmake --preset dev
 	@cmake --build --preset dev -j$(JOBS) --target db_ending_test softdvb
 	@KELVO_KILLS=$${KELVO_KILLS:-300} build/dev/softdvb/softdvb -- build/dev/tests/db/db_ending_test --gtest_filter='*Endings*'
+
+busy: packages-build+test+busy
+	@cmake --preset dev
+	@cmake --build --preset dev -j$(JOBS)
+	@scripts/busy
 
 months: packages-build+test+bench
 	@cmake --preset release

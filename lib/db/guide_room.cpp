@@ -55,14 +55,7 @@ void Guide_room::look(int64_t needed) {
 }
 
 bool Guide_room::has(int needed) {
-  Db_lock lock(connection_);
-  if (!was_left(needed)) {
-    look(needed);
-    if (left_ < needed)
-      return false;
-  }
-  promised_ += in_transaction() ? needed : 0;
-  return true;
+  return has_for_all(needed, needed);
 }
 
 bool Guide_room::has_for_all(int needed, int all) {

@@ -12,7 +12,6 @@
 #include "db/errors.h"
 #include "db/guide_plan.h"
 #include "db/guide_room.h"
-#include "db/one_shot.h"
 #include "db/schema.h"
 #include "db/statements.h"
 
@@ -81,9 +80,8 @@ struct Guide_channel {
 // which are made at the first write (docs/database.md). Any-thread: each operation holds the connection's mutex.
 class Guide_events {
  public:
-  Guide_events(Connection& connection, One_shot& sql, const Statements& statements, Schema& schema, Guide_room& room,
-               Errors& errors)
-      : connection_(connection), sql_(sql), statements_(statements), schema_(schema), room_(room), errors_(errors) {}
+  Guide_events(Connection& connection, const Statements& statements, Schema& schema, Guide_room& room, Errors& errors)
+      : connection_(connection), statements_(statements), schema_(schema), room_(room), errors_(errors) {}
 
   // The services of a multiplex, of all types; and one of another multiplex, 0 when it is not known.
   std::vector<Guide_channel> channels(const Multiplex& multiplex) const;
@@ -118,7 +116,6 @@ class Guide_events {
   int entry_at(int channel, int start) const;
 
   Connection& connection_;
-  One_shot& sql_;
   const Statements& statements_;
   Schema& schema_;
   Guide_room& room_;

@@ -64,6 +64,6 @@ class Sdbl::Parts {
   sdbl::Event_cache event_cache;
   sdbl::Guide guide{connection, sql, statements, guide_room, errors};
   sdbl::Guide_services guide_services{statements};
-  sdbl::Guide_events guide_events{connection, sql, statements, schema, guide_room, errors};
+  sdbl::Guide_events guide_events{connection, statements, schema, guide_room, errors};
   sdbl::Exports exports{connection, sql, guide_room};
 };

@@ -3,7 +3,6 @@
 
 #include "db/guide.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -141,7 +140,6 @@ int Guide::store_new(const Event_row& event, int freq) {
 }
 
 bool Guide::has_room(const std::vector<New_event>& events) {
-  Db_lock lock(connection_);
   int pages = ROOM_FOR_TEXTS;
   for (const New_event& event : events) {
     pages += pages_of(event.event);
@@ -163,11 +161,10 @@ bool Guide::store_events(std::span<New_event> events) {
     values.clear();
     for (const New_event& n : events.subspan(first, count)) {
       const Event_row& e = n.event;
-      for (const Argument& value :
-           {Argument(e.channel), Argument(e.ymd_bcd), Argument(e.hms_bcd), Argument(e.start_epoch), Argument(e.dur_bcd),
-            Argument(e.dur_sec), Argument(e.content), Argument(e.rating), Argument(e.run_status), Argument(e.free_ca),
-            Argument(e.ev_id), Argument(e.pat_prnr)})
-        values.push_back(value);
+      values.insert(values.end(),
+                    {Argument(e.channel), Argument(e.ymd_bcd), Argument(e.hms_bcd), Argument(e.start_epoch),
+                     Argument(e.dur_bcd), Argument(e.dur_sec), Argument(e.content), Argument(e.rating),
+                     Argument(e.run_status), Argument(e.free_ca), Argument(e.ev_id), Argument(e.pat_prnr)});
     }
     const Run run = statements_.run_silently(OPERATION, 0, sql, values);
     // The table counts up, and nobody else adds to it meanwhile.
@@ -183,9 +180,8 @@ bool Guide::store_texts(const std::vector<New_event>& events) {
   std::vector<Argument> values;
   for (const New_event& event : events)
     for (const Event_texts& t : event.texts)
-      for (const Argument& value : {Argument(event.row), Argument(t.lang), Argument(t.ev_name), Argument(t.ev_desc),
-                                    Argument(t.ext_desc), Argument(t.ext_list)})
-        values.push_back(value);
+      values.insert(values.end(), {Argument(event.row), Argument(t.lang), Argument(t.ev_name), Argument(t.ev_desc),
+                                   Argument(t.ext_desc), Argument(t.ext_list)});
   constexpr size_t COLUMNS = 6;
   const std::span<const Argument> all(values);
   return for_rows(all.size() / COLUMNS, STATEMENTS, [&](size_t first, size_t count, Runtime_sql sql) {

@@ -50,7 +50,7 @@ void Guide_section::store_one(New_event* event) {
 
 void Guide_section::store_waiting() {
   begin();
-  if (!dropped_ && events_.size() > 1 && transaction_->is_own() && guide_.has_room(events_)) {
+  if (!dropped_ && events_.size() > 1 && transaction_->can_be_undone() && guide_.has_room(events_)) {
     if (guide_.store_at_once(&events_))
       return;
     transaction_.reset();

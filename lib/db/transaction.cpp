@@ -97,7 +97,7 @@ int Transaction::begin(bool tries_disk) {
       rc = sqlite3_exec(conn, (std::string(sql_.version) + " = " + version).c_str(), nullptr, nullptr, nullptr);
   }
   if (sql_ok(rc)) {
-    make_journal(journal);
+    has_journal_ = make_journal(journal);
     rc = connection_.run_literal(BEGIN);
   }
   if (sql_ok(rc)) {
@@ -155,15 +155,17 @@ void Transaction::undo() {
   forget_journal();
 }
 
-void Transaction::make_journal(const std::string& present) {
+// False where there was no memory for it: what is stored then stands in the file, or not, statement by statement.
+bool Transaction::make_journal(const std::string& present) {
   if (present != "off")
-    return;
+    return true;
   std::string made;
   (void)connection_.run_literal(sql_.journal_in_memory, &made);
   if (sql_.file != Db_file::GUIDE)
     made_journal_ = true;
   else if (made == "memory")
     connection_.note_guide_journal();
+  return made == "memory";
 }
 
 void Transaction::forget_journal() {

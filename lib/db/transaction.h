@@ -37,8 +37,8 @@ class Transaction {
   // False when there is none, so that every statement would be committed by itself: another program kept the file
   // locked (busy), or it cannot be written. Prints nothing.
   bool is_open() const { return state_ != State::NONE; }
-  // Open, and no part of another one: it can be undone.
-  bool is_own() const { return state_ == State::OPEN; }
+  // Open, no part of another one, and with a journal.
+  bool can_be_undone() const { return state_ == State::OPEN && has_journal_; }
   bool busy() const { return (code_ & 0xFF) == SQLITE_BUSY; }
   // Another program has moved, removed or replaced the file. Found out of durable files only.
   bool moved() const { return code_ == SQLITE_READONLY_DBMOVED; }
@@ -64,13 +64,14 @@ class Transaction {
   int begin(bool tries_disk);
   int lock_file();
   void undo();
-  void make_journal(const std::string& present);
+  bool make_journal(const std::string& present);
   void forget_journal();
 
   Connection& connection_;
   const Sql& sql_;
   std::optional<Db_lock> lock_;
   State state_ = State::NONE;
+  bool has_journal_ = false;
   bool made_journal_ = false;  // the file has none of its own, and shall have none afterwards
   int code_ = SQLITE_OK;
 };

@@ -80,8 +80,16 @@ def check_program(root, build, compiler, cmake, work):
     environment = dict(os.environ, LD_LIBRARY_PATH=str(libraries), PKG_CONFIG_PATH=str(libraries / "pkgconfig"),
                        PATH=f"{work / 'bin'}:{build / 'softdvb'}:{build / 'softdvb/mux'}:{os.environ['PATH']}")
     commands = "".join(parts_of(guide, "sh"))
-    problems = difference("what the commands of the guide lead to", (0, "".join(parts_of(guide, "text")), ""),
-                          run(["sh", "-euc", commands], work, environment))
+    wanted = (0, "".join(parts_of(guide, "text")), "")
+    for _ in range(3):
+        outcome = run(["sh", "-euc", commands], work, environment)
+        # The next frequency may be tuned while a time table of the last one is read, whose filter is gone then.
+        if outcome == (*wanted[:2], "ERROR: Removed 0 instances of pid 14, Tid 73\n"):
+            for file in work.glob("*.db*"):
+                file.unlink()
+        else:
+            break
+    problems = difference("what the commands of the guide lead to", wanted, outcome)
     if problems:
         return problems
     for name in ("backup.db", "backup_epg.db", "receiver.db"):

@@ -171,6 +171,31 @@ TEST_F(Section_failures, a_disk_that_is_full_at_the_end_of_a_section_keeps_nothi
   EXPECT_EQ(events_and_texts(), "10 10");
 }
 
+// As where there is no memory for the guide's journal. What went together with a refused event could then be taken back
+// only by luck, so all go one by one.
+TEST_F(Section_failures, without_a_journal_a_refused_event_leaves_the_others_once) {
+  run("CREATE TRIGGER epg_db.refuse BEFORE INSERT ON epglist WHEN new.ev_id % 5 = 3 BEGIN SELECT RAISE(FAIL, 'no'); END");
+  sqlite3_set_authorizer(
+      conn(),
+      [](void*, int action, const char* pragma, const char* value, const char*, const char*) {
+        return action == SQLITE_PRAGMA && value != nullptr && std::string(pragma) == "journal_mode" ? SQLITE_DENY
+                                                                                                    : SQLITE_OK;
+      },
+      nullptr);
+  const std::string refused = arrive(section(0));
+  EXPECT_NE(refused, "");
+  EXPECT_EQ(rows("PRAGMA epg_db.journal_mode"), Texts{"off"});
+  EXPECT_EQ(rows("SELECT entry || ' ' || ev_id FROM epglist"), (Texts{"1 1", "2 2", "3 4", "4 5"}));
+  EXPECT_EQ(events_and_texts(), "4 4");
+
+  sqlite3_set_authorizer(conn(), nullptr, nullptr);
+  EXPECT_EQ(arrive(section(1)), refused);
+  EXPECT_EQ(rows("PRAGMA epg_db.journal_mode"), Texts{"memory"});
+  EXPECT_EQ(rows("SELECT ev_id FROM epglist"), (Texts{"1", "2", "4", "5", "6", "7", "9", "10"}));
+  EXPECT_EQ(events_and_texts(), "8 8");
+  EXPECT_EQ(parser.get_eit_stored(), 10) << "a refused one counts";
+}
+
 TEST_F(Section_failures, a_disk_that_is_full_at_the_end_of_a_merge_keeps_nothing_of_it) {
   scan_a_service(7);
   EXPECT_EQ(merge(), 2);

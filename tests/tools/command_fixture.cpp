@@ -100,8 +100,8 @@ void add_event_tables(const std::string& guide) {
 void add_rich_events(const std::string& guide) {
   run_sql(guide, R"(
       INSERT INTO epglist (entry, channel, ev_id, start_epoch, dur_sec, content_id, rating, free_ca)
-      VALUES (1, 1, 11, 2216241000, 5400, '1.4.0.0 11.1.0.0 b.1.0.0 ', '09@EST ', 1),
-             (2, 1, 12, 2216246400, 3600, '0.0.0.0', '02@EST 05@FIN ', 0);
+      VALUES (1, 1, 11, 2058388200, 5400, '1.4.0.0 11.1.0.0 b.1.0.0 ', '09@EST ', 1),
+             (2, 1, 12, 2058393600, 3600, '0.0.0.0', '02@EST 05@FIN ', 0);
       INSERT INTO epglist_lang (source_oid, lang, ev_name, ev_desc, ext_desc, ext_list)
       VALUES (1, 'est', 'Üle keskööfilm', 'Komöödia, mis; ei lõpe.', 'Komöödia, mis; ei lõpe. Ega alga.',
               'wrong:from the list' || char(10)),

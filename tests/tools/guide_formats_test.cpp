@@ -290,7 +290,7 @@ TEST_F(Guide_formats, items_come_as_the_pairs_that_are_stored) {
 TEST_F(Guide_formats, events_in_full_have_all_that_is_stored) {
   add_rich_events();
   EXPECT_EQ(epg({"--channel", "#1", "--show", "--lang", "est"}), prints(R"(Üle keskööfilm
-  12 Kuldnokk, Saturday 2040-03-24 22:30-00:00, 90 min
+  12 Kuldnokk, Saturday 2035-03-24 22:30-00:00, 90 min
   Movie/Drama: Comedy, Special characteristics: Black and white, from 12 years (EST)
 
   Komöödia, mis; ei lõpe. Ega alga.
@@ -315,7 +315,7 @@ TEST_F(Guide_formats, events_in_full_have_all_that_is_stored) {
 
 
 =1+1
-  12 Kuldnokk, Sunday 2040-03-25 00:00-01:00, 1 h
+  12 Kuldnokk, Sunday 2035-03-25 00:00-01:00, 1 h
   from 5 years (EST), from 8 years (FIN)
 
   "Да"
@@ -339,7 +339,7 @@ TEST_F(Guide_formats, xmltv_has_all_that_is_stored) {
     <display-name lang="en">Starling</display-name>
     <display-name>12</display-name>
   </channel>
-  <programme start="20400324223000 +0000" stop="20400325000000 +0000" channel="1001.7.9.dvb.guide">
+  <programme start="20350324223000 +0000" stop="20350325000000 +0000" channel="1001.7.9.dvb.guide">
     <title lang="et">Üle keskööfilm</title>
     <title lang="en">Over midnight</title>
     <sub-title lang="en">The bag</sub-title>
@@ -379,7 +379,7 @@ Muusika: heli: a: b</desc>
       <value>12</value>
     </rating>
   </programme>
-  <programme start="20400325000000 +0000" stop="20400325010000 +0000" channel="1001.7.9.dvb.guide">
+  <programme start="20350325000000 +0000" stop="20350325010000 +0000" channel="1001.7.9.dvb.guide">
     <title lang="ru">=1+1</title>
     <desc lang="ru">"Да"</desc>
     <video>
@@ -450,11 +450,11 @@ TEST_F(Guide_formats, csv_is_a_line_an_event) {
       epg({"--format", "csv"}),
       prints("channel,channel_id,lcn,name,event_id,start,end,start_epoch,duration,language,title,description,extended,"
              "items,episode,genres,ages,series_crid,programme_crid\r\n"
-             "1,1001.7.9.dvb.guide,12,Kuldnokk,11,2040-03-24 22:30:00,2040-03-25 00:00:00,2216241000,5400,est,"
+             "1,1001.7.9.dvb.guide,12,Kuldnokk,11,2035-03-24 22:30:00,2035-03-25 00:00:00,2058388200,5400,est,"
              "Üle keskööfilm,\"Komöödia, mis; ei lõpe.\",\"Komöödia, mis; ei lõpe. Ega alga.\",\"Režissöör: Liis Kask; "
              "Osades: Ann (Mari), Jüri; Muusika: heli: a: b; Aasta: 1994\",S2 Ep3/6,Movie/Drama; Special "
              "characteristics,12 (EST),crid://meedia.ee/s,crid://meedia.ee/p\r\n"
-             "1,1001.7.9.dvb.guide,12,Kuldnokk,12,2040-03-25 00:00:00,2040-03-25 01:00:00,2216246400,3600,rus,'=1+1,"
+             "1,1001.7.9.dvb.guide,12,Kuldnokk,12,2035-03-25 00:00:00,2035-03-25 01:00:00,2058393600,3600,rus,'=1+1,"
              "\"\"\"Да\"\"\",,,,,5 (EST); 8 (FIN),,\r\n"));
 }
 
@@ -464,14 +464,14 @@ TEST_F(Guide_formats, calendar_is_of_content_lines) {
   out = std::regex_replace(out, std::regex("DTSTAMP:[0-9]{8}T[0-9]{6}Z"), "DTSTAMP:now");
   EXPECT_EQ(out, "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//kelvo//kelvo " KELVO_VERSION
                  "//EN\r\nCALSCALE:GREGORIAN\r\n"
-                 "BEGIN:VEVENT\r\nUID:20400324-11@1001.7.9.dvb.guide\r\nDTSTAMP:now\r\nDTSTART:20400324T223000Z\r\n"
-                 "DTEND:20400325T000000Z\r\nSUMMARY;LANGUAGE=et:Üle keskööfilm\r\n"
+                 "BEGIN:VEVENT\r\nUID:20350324-11@1001.7.9.dvb.guide\r\nDTSTAMP:now\r\nDTSTART:20350324T223000Z\r\n"
+                 "DTEND:20350325T000000Z\r\nSUMMARY;LANGUAGE=et:Üle keskööfilm\r\n"
                  "DESCRIPTION;LANGUAGE=et:Komöödia\\, mis\\; ei lõpe. Ega alga.\\nRežissöö\r\n"
                  " r: Liis Kask\\nOsades: Ann (Mari)\\, Jüri\\nMuusika: heli: a: b\\nAasta: 1994\r\n"
                  "LOCATION:Kuldnokk\r\nCATEGORIES:Movie/Drama,Special characteristics\r\nTRANSP:TRANSPARENT\r\n"
                  "END:VEVENT\r\n"
-                 "BEGIN:VEVENT\r\nUID:20400325-12@1001.7.9.dvb.guide\r\nDTSTAMP:now\r\nDTSTART:20400325T000000Z\r\n"
-                 "DTEND:20400325T010000Z\r\nSUMMARY;LANGUAGE=ru:=1+1\r\nDESCRIPTION;LANGUAGE=ru:\"Да\"\r\n"
+                 "BEGIN:VEVENT\r\nUID:20350325-12@1001.7.9.dvb.guide\r\nDTSTAMP:now\r\nDTSTART:20350325T000000Z\r\n"
+                 "DTEND:20350325T010000Z\r\nSUMMARY;LANGUAGE=ru:=1+1\r\nDESCRIPTION;LANGUAGE=ru:\"Да\"\r\n"
                  "LOCATION:Kuldnokk\r\nTRANSP:TRANSPARENT\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
 }
 
@@ -487,7 +487,7 @@ TEST_F(Guide_formats, calendar_keeps_an_event_that_moves_and_tells_apart_what_ha
   const Words before = uids();
   run_sql(guide_, "UPDATE epglist SET start_epoch = start_epoch + 300;");
   EXPECT_EQ(uids(), before);
-  run_sql(guide_, "UPDATE epglist SET ev_id = 0, start_epoch = 2216246400 + 4000 * entry;");
+  run_sql(guide_, "UPDATE epglist SET ev_id = 0, start_epoch = 2058393600 + 4000 * entry;");
   const Words same = uids();
   ASSERT_EQ(same.size(), 2U);
   EXPECT_NE(same[0], same[1]);
@@ -513,10 +513,10 @@ for event in calendar.walk('VEVENT'):
   };
   EXPECT_EQ(read(), prints(""));
   add_rich_events();
-  EXPECT_EQ(read(), prints("Üle keskööfilm|2040-03-24T22:30:00+00:00|Kuldnokk\n"
+  EXPECT_EQ(read(), prints("Üle keskööfilm|2035-03-24T22:30:00+00:00|Kuldnokk\n"
                            "'Komöödia, mis; ei lõpe. Ega alga.\\nRežissöör: Liis Kask\\nOsades: Ann (Mari), Jüri\\n"
                            "Muusika: heli: a: b\\nAasta: 1994'\n"
-                           "=1+1|2040-03-25T00:00:00+00:00|Kuldnokk\n"
+                           "=1+1|2035-03-25T00:00:00+00:00|Kuldnokk\n"
                            "'\"Да\"'\n"));
 }
 

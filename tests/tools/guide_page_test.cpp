@@ -371,9 +371,9 @@ TEST_F(Guide_in_browser, days_on_which_clocks_change_are_right) {
     const char* legend;
     int64_t midnight;
     std::string zone, hours;
-  } days[] = {{"23 hours", 2216239200, "Times in your zone: Europe/Tallinn, UTC+2, from Sun 25 Mar UTC+3",
+  } days[] = {{"23 hours", 2058386400, "Times in your zone: Europe/Tallinn, UTC+2, from Sun 25 Mar UTC+3",
                "Sun 25 Mar|01:00|02:00|04:00 UTC+3|05:00"},
-              {"25 hours", 2234984400, "Times in your zone: Europe/Tallinn, UTC+3, from Sun 28 Oct UTC+2",
+              {"25 hours", 2077131600, "Times in your zone: Europe/Tallinn, UTC+3, from Sun 28 Oct UTC+2",
                "Sun 28 Oct|01:00|02:00|03:00|03:00 UTC+2|04:00"}};
   for (const auto& [legend, midnight, zone, hours] : days) {
     SCOPED_TRACE(legend);

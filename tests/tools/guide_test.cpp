@@ -17,7 +17,7 @@ using testing::Not;
 
 const ordered_json CHANNELS = ordered_json::parse(R"({"channels": [{"channel": 1, "lcn": 12, "name": "<b>&\"",
     "provider": "", "type": "TV", "visible": true, "service_id": 1001}]})");
-const ordered_json GUIDE = ordered_json::parse(R"({"events": [{"channel": 1, "event_id": 2, "start_epoch": 2216241000,
+const ordered_json GUIDE = ordered_json::parse(R"({"events": [{"channel": 1, "event_id": 2, "start_epoch": 2058388200,
     "duration": 60, "genres": [], "series_crid": null,
     "texts": [{"language": "est", "title": "</script><script>alert(1)</script><!--", "description": "", "items": []}]}]})");
 
@@ -43,7 +43,7 @@ TEST(Guide_page, has_its_data_where_nothing_in_it_is_markup) {
   EXPECT_EQ(between(page, "data-what=\"channels\">", "</script>"),
             R"([{"channel":1,"lcn":12,"name":"\u003cb>&\"","type":"TV","visible":true,"service_id":1001}])");
   EXPECT_EQ(between(page, "data-what=\"events\">", "</script>"),
-            R"([{"channel":1,"event_id":2,"start_epoch":2216241000,"duration":60,"texts":[0]}])");
+            R"([{"channel":1,"event_id":2,"start_epoch":2058388200,"duration":60,"texts":[0]}])");
   EXPECT_EQ(between(page, "data-what=\"texts\">", "</script>"),
             R"([{"language":"est","title":"\u003c/script>\u003cscript>alert(1)\u003c/script>\u003c!--"}])");
 }
@@ -69,7 +69,7 @@ TEST(Guide_page, has_what_many_events_say_once) {
   EXPECT_EQ(count_of(page, "data-what=\"lists\""), 1U);
   EXPECT_EQ(count_of(page, "data-what=\"texts\""), 2U) << "what only the second block names stands before that";
   EXPECT_THAT(page,
-              HasSubstr(R"({"channel":1,"event_id":398,"start_epoch":2216241000,"duration":60,)"
+              HasSubstr(R"({"channel":1,"event_id":398,"start_epoch":2058388200,"duration":60,)"
                         R"json("episode":{"text":"(3/6)","number":3,"of":6},"running_status":4,"scrambled":true,)json"
                         R"("genres":0,"contents":1,"ratings":2,"components":3,"texts":[0]})"));
   EXPECT_THAT(page, HasSubstr(R"("of":6},"genres":0,"contents":1,"ratings":2,"texts":[1]}])"));

@@ -3,8 +3,10 @@
 
 #include "tools/cli/local_time.h"
 
+#include <algorithm>
 #include <cctype>
 #include <ctime>
+#include <limits>
 
 #include <fmt/format.h>
 
@@ -12,8 +14,14 @@
 
 namespace {
 
+// Where time_t has 32 bits, later times are its last second, which is wrong by years but never by a century.
+time_t time_that_fits(int64_t seconds) {
+  return static_cast<time_t>(
+      std::clamp<int64_t>(seconds, std::numeric_limits<time_t>::min(), std::numeric_limits<time_t>::max()));
+}
+
 tm broken_down(int64_t seconds) {
-  const auto time = static_cast<time_t>(seconds);
+  const time_t time = time_that_fits(seconds);
   tm out{};
   (void)localtime_r(&time, &out);
   return out;
@@ -37,7 +45,7 @@ std::string local_time(int64_t seconds, const char* format) {
 
 std::string zone_time(int64_t seconds, int offset_min, const char* format) {
   const int64_t east = int64_t{offset_min} * 60;
-  const auto shifted = static_cast<time_t>(seconds + east);
+  const time_t shifted = time_that_fits(seconds + east);
   tm time{};
   (void)gmtime_r(&shifted, &time);
   time.tm_gmtoff = static_cast<long>(east);  // for %z

@@ -419,7 +419,11 @@ class Threads : public testing::TestWithParam<const char*> {
         {[](void* self, int, const char* text) { static_cast<Threads*>(self)->take_message(text); }, this, VERB_ERROR,
          false});
     profile_ = std::string(GetParam()) == "box" ? Receiver_profile::box() : Receiver_profile::any_linux();
-    std::thread([] {}).join();  // ThreadSanitizer begins one of its own with the first
+    // ThreadSanitizer begins one of its own with the first. A joined thread leaves /proc a moment later.
+    pid_t first = 0;
+    std::thread([&] { first = gettid(); }).join();
+    ASSERT_TRUE(support::wait_for([&] { return !std::filesystem::exists("/proc/self/task/" + std::to_string(first)); },
+                                  PATIENCE));
     const int threads = entries_of("/proc/self/task");
     // What the first of its kind makes for all.
     open();

@@ -84,6 +84,7 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
     const char* sent;  // MJD and time as they are broadcast
     int64_t host_time;
     const char* set;
+    bool fits = true;  // into a clock of 32 bits
   } cases[] = {
       {"eeac 180000", 1000, "settimeofday 1772388000.000000000 = 0"},
       {"eeac 180000", 946684798, "settimeofday 1772388000.000000000 = 0"},
@@ -94,8 +95,8 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
       {"c957 235959", NOW, "settimeofday 946684799.000000000 = 0"},
       {"c993 123456", NOW, "settimeofday 951827696.000000000 = 0"},
       {"ffa2 031407", NOW, "settimeofday 2147483647.000000000 = 0"},
-      {"ffa2 031408", NOW, "settimeofday 2147483648.000000000 = 0"},
-      {"ffff 235959", NOW, "settimeofday 2155593599.000000000 = 0"},
+      {"ffa2 031408", NOW, "settimeofday 2147483648.000000000 = 0", false},
+      {"ffff 235959", NOW, "settimeofday 2155593599.000000000 = 0", false},
       {"eeac 1A7F99", NOW, "settimeofday 1772400399.000000000 = 0"},  // 20 h, 85 min and 99 s
   };
   for (const auto& c : cases) {
@@ -106,7 +107,7 @@ TEST_F(Clock_test, every_date_that_can_be_sent_is_set) {
                          R"(" }])"));
     std::filesystem::remove(database());
     const Scan_run scanned = run_at(c.host_time, file);
-    EXPECT_EQ(clock_settings(scanned), Lines{c.set});
+    EXPECT_EQ(clock_settings(scanned), c.fits || sizeof(time_t) == 8 ? Lines{c.set} : Lines{});
     EXPECT_EQ(scanned.lines({"state"}), "state 1 0 1\n") << "the clock counts as valid";
   }
 }

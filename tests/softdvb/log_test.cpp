@@ -1,10 +1,13 @@
 // SPDX-FileCopyrightText: the libkelvo++ authors
 // SPDX-License-Identifier: LGPL-2.1-or-later
 
+#include <fcntl.h>
+
 #include "support/softdvb.h"
 #include "support/test.h"
 #include "support/text.h"
 
+using support::hexadecimal;
 using support::run_softdvb;
 using support::Softdvb_run;
 using namespace testing;
@@ -32,9 +35,9 @@ TEST(Log, holds_every_call_on_a_device) {
   EXPECT_THAT(
       calls_of(run.log),
       ElementsAre(
-          "open /dev/dvb/adapter0/frontend0 0x802 = 3",
+          "open /dev/dvb/adapter0/frontend0 " + hexadecimal(O_RDWR | O_NONBLOCK) + " = 3",
           "ioctl frontend0.0 3 FE_SET_FRONTEND freq=506000000 inv=2 bw=0 hp=9 lp=9 const=6 mode=2 guard=4 hier=4 = 0",
-          "open /dev/dvb/adapter0/demux0 0x800 = 4",
+          "open /dev/dvb/adapter0/demux0 " + hexadecimal(O_RDONLY | O_NONBLOCK) + " = 4",
           "ioctl demux0.0 4 DMX_SET_FILTER pid=0x100 filter=00 mask=00 mode=00 timeout=0 flags=0x5 = 0",
           "poll 4:1>1 5000 ms = 1", "read demux0 4 8192 = 40"));
 }

@@ -13,16 +13,26 @@ using device::Fd;
 using device::result;
 using Names = std::vector<std::string>;
 
-static Names names_in(const char* folder) {
+template <class Read>
+static Names names_by(Read read, const char* folder) {
   Names names;
   DIR* list = opendir(folder);
   if (list == nullptr)
     return names;
-  while (const dirent* entry = readdir(list))
+  while (const auto* entry = read(list))
     if (entry->d_name[0] != '.')
       names.emplace_back(entry->d_name);
   closedir(list);
   std::sort(names.begin(), names.end());
+  return names;
+}
+
+// By both calls. Where places in folders have 32 bits only the second is sure to read a file system of today.
+static Names names_in(const char* folder) {
+  const Names names = names_by(readdir64, folder);
+  if (sizeof(off_t) == 8) {
+    EXPECT_EQ(names_by(readdir, folder), names);
+  }
   return names;
 }
 

@@ -311,7 +311,7 @@ class Session {
     if (folder == nullptr)
       return told(-1);
     std::set<std::string> names;
-    while (const dirent* entry = readdir(folder))
+    while (const dirent64* entry = readdir64(folder))
       if (entry->d_name[0] != '.')
         names.insert(entry->d_name);
     closedir(folder);

@@ -35,4 +35,10 @@ std::string visible(const std::string& text) {
   return all;
 }
 
+std::string hexadecimal(int number) {
+  std::ostringstream text;
+  text << std::showbase << std::hex << number;
+  return text.str();
+}
+
 }  // namespace support

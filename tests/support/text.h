@@ -21,6 +21,9 @@ Texts lines_of(const std::string& text);
 // `text` with its control codes made visible: a newline as \n, others by their number, as \5.
 std::string visible(const std::string& text);
 
+// As 0x1f.
+std::string hexadecimal(int number);
+
 // Asks again every few milliseconds until `condition` holds; false when it does not within `limit` of this process's
 // clock, which softdvb may let run faster.
 template <typename Condition>

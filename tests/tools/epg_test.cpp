@@ -324,11 +324,16 @@ TEST_F(Empty_guide, the_hour_that_comes_twice_is_shown_twice) {
               HasSubstr("start=\"20351028020000 +0200\" stop=\"20351028020000 +0100\""));
 }
 
-// Which the library does not store, and another program could.
+// The library stores none of these; another program could.
 TEST_F(Empty_guide, a_time_that_the_machine_does_not_have_is_its_last_one) {
+  const std::string last = "2038-01-19T03:14:07+0000";
   add(1, 2208988800, HOUR, "2040");
-  const std::string shown = sizeof(time_t) == 8 ? "2040-01-01  00:00-01:00" : "2038-01-19  03:14-03:14";
-  EXPECT_EQ(epg().out, "LCN  CHANNEL   DATE        TIME         TITLE  TEXT\n 12  Kuldnokk  " + shown + "  2040   -\n");
+  add(1, std::numeric_limits<int64_t>::max() - 1, HOUR, "Kauge");
+  const json events = json::parse(epg({"--format", "json"}).out)["events"];
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0]["start"], sizeof(time_t) == 8 ? "2040-01-01T00:00:00+0000" : last);
+  EXPECT_EQ(events[1]["start_epoch"], 1099511627776) << "sums with it are numbers";
+  EXPECT_EQ(events[1]["start"], sizeof(time_t) == 8 ? "36812-02-20T00:36:16+0000" : last);
 }
 
 TEST_F(Empty_guide, search_takes_every_character_as_it_is) {

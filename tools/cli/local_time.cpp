@@ -14,7 +14,7 @@
 
 namespace {
 
-// Where time_t has 32 bits, later times are its last second, which is wrong by years but never by a century.
+// Where time_t has 32 bits, later times are its last second: wrong by years, not by a century.
 time_t time_that_fits(int64_t seconds) {
   return static_cast<time_t>(
       std::clamp<int64_t>(seconds, std::numeric_limits<time_t>::min(), std::numeric_limits<time_t>::max()));

@@ -38,6 +38,9 @@ constexpr const char* COMPONENT_COLUMNS =
     "SELECT tag, stream_content, stream_content_ext, component_type, lang, text FROM event_component WHERE entry = ?1 "
     "ORDER BY position;";
 
+// Seconds; further away, sums could overflow. The library's own rows end in 2038.
+constexpr int64_t FARTHEST = int64_t{1} << 40;
+
 // From the character table `table`, as iconv names it; empty when that does not work.
 std::string from_table(const std::string& table, std::string_view text) {
   const iconv_t converter = iconv_open("UTF-8", table.c_str());
@@ -298,7 +301,7 @@ std::vector<Guide_event> Guide_db::events(int64_t from, int64_t to, const std::v
     Guide_event event;
     event.channel = rows.number(1);
     event.id = rows.number(2);
-    event.start = rows.big_number(3);
+    event.start = std::clamp(rows.big_number(3), -FARTHEST, FARTHEST);
     event.duration = std::max(0, rows.number(4));
     event.contents = genres(rows.raw_text(5));
     event.genres = names_of(event.contents);

@@ -147,7 +147,9 @@ TEST_F(Serve_in_browser, channels_appear_when_a_scan_ends_and_then_their_signal_
   EXPECT_TRUE(holds("document.querySelector('.signal.good meter')?.value === 78"));
   EXPECT_THAT(text_of(".readings"),
               AllOf(HasSubstr("Strength"), HasSubstr("78 %"), HasSubstr("SNR"), HasSubstr("98 %")));
-  // As it was last, and not what was read when the adapter had gone on to where there is nothing.
+  // As it was last, and not what was read when the adapter had gone on to where there is nothing. On a busy machine the
+  // scan may be over before it was read at all.
+  EXPECT_TRUE(holds("document.querySelector('.signal.old meter') !== null"));
   EXPECT_EQ(browser_.js("return document.querySelector('.signal.old meter')?.value ?? null"), 78) << text_of(".old");
   EXPECT_TRUE(holds("document.querySelector('tbody .now')?.textContent.startsWith('Uudised until ')"));
   // In the zone of whoever looks, which is two hours east of that of the streams.

@@ -88,12 +88,30 @@ void Device::end_use() {
 }
 
 void Device::close() {
+  close_as(false);
+}
+
+void Device::close_gone() {
+  close_as(true);
+}
+
+void Device::set_gone() {
+  error_ = ENODEV;
+  gone_ = true;
+}
+
+void Device::close_as(bool gone) {
   {
     std::unique_lock lock(lock_);
+    if (gone)
+      set_gone();
     ++closing_;
     use_ended_.notify_all();
     use_ended_.wait(lock, [this] { return !in_use_; });
     in_use_ = true;
+    // Once more: it may have been opened again meanwhile, and is closed now all the same.
+    if (gone)
+      set_gone();
   }
   close_here();
   {
@@ -117,12 +135,6 @@ void Device::close_here() {
   }
   if (closed >= 0)
     (void)::close(closed);  // nothing was written to it
-}
-
-void Device::close_gone() {
-  error_ = ENODEV;
-  gone_ = true;
-  close();
 }
 
 bool Device::open_again() {
@@ -171,10 +183,8 @@ int Device::control(unsigned long request, void* argument, const Turn* turn) {
     result = uninterrupted([&] { return ioctl(device_, request, argument); });
   }
   const int error = errno;
-  if (result < 0 && error == ENODEV) {
-    error_ = ENODEV;
-    gone_ = true;
-  }
+  if (result < 0 && error == ENODEV)
+    set_gone();
   if (result >= 0 && is_reading(request)) {
     core_answers_ = true;
     core_cured_ = false;

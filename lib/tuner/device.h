@@ -76,6 +76,8 @@ class Device {
   // Around all that is done with the descriptor. False, with errno, when the device is closed meanwhile.
   bool begin_use();
   void end_use();
+  void set_gone();
+  void close_as(bool gone);
   // REQUIRES: in use by the caller, or not shared yet.
   bool open_here();
   void close_here();

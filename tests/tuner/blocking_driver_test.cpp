@@ -16,6 +16,7 @@
 #include "support/messages.h"
 #include "support/support.h"
 #include "support/test.h"
+#include "support/text.h"
 #include "tuner/device.h"
 #include "tuner/tuner.h"
 #include "tuner/turn.h"
@@ -269,6 +270,33 @@ TEST_F(Blocking_driver_test, closing_waits_for_the_driver_and_ends_who_waits) {
     EXPECT_EQ(call(device, FE_READ_SNR), EBADF);
   }
   EXPECT_EQ(driver_.calls(FE_READ_SNR), 0U);
+}
+
+// As when a host tunes a device that came back while the worker still learns that it had gone. Else nobody would open
+// it again: it is closed, and would not count as gone.
+TEST_F(Blocking_driver_test, one_that_is_closed_as_gone_while_it_is_opened_again_is_gone) {
+  Device device(PATH, false);
+  std::future<int> opening;
+  std::future<int> closing;
+  {
+    const Held held(OPENING);
+    opening = begin([&] { return device.open_again() ? 1 : 0; });
+    driver_.wait_until_inside();
+    closing = begin([&] {
+      device.close_gone();
+      return 0;
+    });
+    EXPECT_TRUE(support::wait_for([&] { return device.gone(); }));
+  }
+  EXPECT_EQ(opening.get(), 1);
+  EXPECT_EQ(closing.get(), 0);
+  EXPECT_FALSE(is_open());
+  EXPECT_TRUE(device.gone());
+  EXPECT_EQ(device.error(), ENODEV);
+  EXPECT_TRUE(device.open_again());
+  EXPECT_FALSE(device.gone());
+  EXPECT_EQ(device.error(), 0);
+  EXPECT_EQ(call(device, FE_READ_STATUS), 0);
 }
 
 TEST_F(Blocking_driver_test, a_tuning_whose_turn_ends_while_it_waits_is_not_made) {

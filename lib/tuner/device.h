@@ -38,7 +38,8 @@ class Device {
   // Gives the device free for others, as soon as no call is under way; those that wait for that one to end fail at
   // once. Later calls fail. One that has gone still has.
   void close();
-  // The same of a device that is known to have gone, though no call on it has said so.
+  // The same of a device that is known to have gone, though no call on it has said so. It has gone then, also where it
+  // was being opened again meanwhile.
   void close_gone();
   // Opens it again, where it is a new one. False, with error(), when that fails; also when it is being closed.
   bool open_again();
